@@ -1,0 +1,24 @@
+#ifndef UVA_CLIENT_H
+#define UVA_CLIENT_H
+
+class UVAEvent;
+
+/// What a backend talks to: one client for each media element, owned by the host, alive for as long
+/// as its backend is.
+///
+/// The order of the virtual table is binding: event delivery is its third entry, right behind the
+/// two destructors.
+class UVAClient {
+public:
+    virtual ~UVAClient();
+
+    /// Takes ownership of the event. Called on whatever thread raised it: the host's own, the
+    /// backend's main loop or a streaming thread. The backend holds no lock, so the client may call
+    /// back into the backend from here, with two exceptions: `releaseResources`, `removeSource` and
+    /// the release of the backend wait for the streaming threads and so belong on the host's own
+    /// event loop, and a CancelDataRequestsAsyncEvent is completed there too, once `setPosition`
+    /// has returned.
+    virtual void deliverEvent(UVAEvent* event) = 0;
+};
+
+#endif
