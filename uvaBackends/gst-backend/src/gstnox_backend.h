@@ -202,7 +202,8 @@ private:
     GstPtr<GstElement> m_audioSink GUARDED_BY(m_lock); // the last "halaudiosink" set up
     int m_resources_state GUARDED_BY(m_lock) = NoResources;
     int m_resources_needed GUARDED_BY(m_lock) = 0; // DecoderKind bits
-    int m_waitBreakers GUARDED_BY(m_lock) = 0;     // operations that want the sinks' waits to end
+    int m_waitBreakers GUARDED_BY(m_lock) = 0;         // operations that let no sink wait now
+    unsigned int m_brokenWaits GUARDED_BY(m_lock) = 0; // how many of them there ever were
     GstState m_state GUARDED_BY(m_lock) = GST_STATE_NULL;
 
     std::atomic<guint64> m_lastPosition{GST_CLOCK_TIME_NONE}; // also a pending seek's target

@@ -46,6 +46,7 @@ public:
     explicit WaitBreaker(GstNoxBackend& backend) : m_backend(backend) {
         const GLibLock lock(m_backend.m_lock);
         ++m_backend.m_waitBreakers;
+        ++m_backend.m_brokenWaits;
         m_backend.m_condition.broadcast();
     }
     ~WaitBreaker() {
@@ -199,8 +200,10 @@ gint GstNoxBackend::decoder_request_cb(GstElement* /*sink*/, const gchar* type, 
 
 gint GstNoxBackend::requestDecoder(const gchar* type) {
     bool asks = false;
+    unsigned int brokenWaits = 0;
     {
         const GLibLock lock(m_lock);
+        brokenWaits = m_brokenWaits;
         GST_DEBUG("m_resources_state=%d, type=%s", m_resources_state, type);
         if (m_waitBreakers > 0)
             return 0;
@@ -216,9 +219,9 @@ gint GstNoxBackend::requestDecoder(const gchar* type) {
     int state = NoResources;
     {
         const GLibLock lock(m_lock);
-        while (asks && m_resources_state == ResourcesAsked && m_waitBreakers == 0)
+        while (asks && m_resources_state == ResourcesAsked && m_brokenWaits == brokenWaits)
             m_condition.wait(m_lock);
-        if (asks && m_resources_state == ResourcesAsked) { // nobody waits for the answer any more
+        if (asks && m_resources_state == ResourcesAsked) { // the wait was broken
             m_resources_state = NoResources;
             return 0;
         }
