@@ -19,7 +19,7 @@ struct ListenerSlot {
 } // namespace
 
 struct Screen::Impl {
-    std::mutex mutex; // guards all below; held while planes and outputs are called
+    std::mutex mutex;                // guards all below; held while planes and outputs are called
     std::vector<VideoPlane*> planes; // the one with the newest picture last
     std::vector<AudioOutput*> outputs;
     std::vector<std::weak_ptr<ListenerSlot>> listeners;
@@ -63,9 +63,8 @@ void Screen::remove(AudioOutput* output) {
 bool Screen::grab(Picture& picture, int width, int height) {
     const std::lock_guard lock(m_impl->mutex);
     const auto& planes = m_impl->planes;
-    return std::any_of(planes.rbegin(), planes.rend(), [&](VideoPlane* plane) {
-        return plane->grab(picture, width, height);
-    });
+    return std::any_of(planes.rbegin(), planes.rend(),
+                       [&](VideoPlane* plane) { return plane->grab(picture, width, height); });
 }
 
 void Screen::setVisible(bool visible) {

@@ -16,7 +16,8 @@ UVABackend::AVComponent::~AVComponent() {
     std::free(channel);
 }
 
-UVABackend::UVABackend(UVABackendType type, UVAClient* client) : m_type(type), m_uvaClient(client) {}
+UVABackend::UVABackend(UVABackendType type, UVAClient* client)
+    : m_type(type), m_uvaClient(client) {}
 
 UVABackend::~UVABackend() = default;
 

@@ -24,7 +24,12 @@ public:
     /// Which kind of element the backend is for. Value 2 is not given out.
     enum UVABackendType : unsigned int { VideoElement = 0, AudioElement = 1, MediaObject = 3 };
 
-    enum ResourceType : int { NoResource = 0, AudioDecoder = 1, VideoDecoder = 2, AllResources = 3 };
+    enum ResourceType : int {
+        NoResource = 0,
+        AudioDecoder = 1,
+        VideoDecoder = 2,
+        AllResources = 3
+    };
 
     enum WriteDataStatus : int { Data = 0, EndOfStream = 1, DataError = 2 };
 
@@ -43,8 +48,8 @@ public:
         const char* userAgent = nullptr;
         int sourceId = 0;
         const char* mimeType = nullptr;
-        int streamType = 0;                  ///< media source only: GstAppStreamType
-        unsigned long long durationMs = 0;   ///< media source only: milliseconds, 0 unknown
+        int streamType = 0;                ///< media source only: GstAppStreamType
+        unsigned long long durationMs = 0; ///< media source only: milliseconds, 0 unknown
     };
 
     /// What canPlayType() is asked. Numbers are decimal texts; an empty text means "not said".
@@ -76,10 +81,16 @@ public:
     class AVComponent {
     public:
         enum Type : int { Video = 0, Audio = 1, Subtitle = 2 };
-        enum class Kind : int { Subtitles = 0, Captions = 1, Descriptions = 2, Chapters = 3, Metadata = 4 };
+        enum class Kind : int {
+            Subtitles = 0,
+            Captions = 1,
+            Descriptions = 2,
+            Chapters = 3,
+            Metadata = 4
+        };
 
-        AVComponent(int componentType, const char* componentEncoding,
-                    const char* componentLanguage, const char* componentLabel);
+        AVComponent(int componentType, const char* componentEncoding, const char* componentLanguage,
+                    const char* componentLabel);
         virtual ~AVComponent();
         AVComponent(const AVComponent&) = delete;
         AVComponent& operator=(const AVComponent&) = delete;
@@ -93,8 +104,8 @@ public:
         bool active = false;
         bool encrypted = false;
         int pid = 0;
-        int shape = 0;          ///< video: aspect ratio code, 4 for 16:9; audio: 0
-        int bitrate = 0;        ///< bits per second
+        int shape = 0;           ///< video: aspect ratio code, 4 for 16:9; audio: 0
+        int bitrate = 0;         ///< bits per second
         char* channel = nullptr; ///< stream layout code such as "5_1"; malloc'ed, freed here
     };
 

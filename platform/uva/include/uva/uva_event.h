@@ -193,7 +193,8 @@ public:
 class SeekCompletedExEvent : public UVAEvent {
 public:
     enum class SeekOutcome : int { Succeeded = 0, Aborted = 1, Failed = 2 };
-    explicit SeekCompletedExEvent(SeekOutcome result) : UVAEvent(SeekCompletedEx), outcome(result) {}
+    explicit SeekCompletedExEvent(SeekOutcome result)
+        : UVAEvent(SeekCompletedEx), outcome(result) {}
     ~SeekCompletedExEvent() override;
     const SeekOutcome outcome;
 };

@@ -1,0 +1,526 @@
+// The backend's answers to its host and to its pipeline, without media: what it logs, stores and
+// raises. Playback itself is in playback_test.cpp.
+
+#include "gstnox_avcomponent.h"
+#include "gstnox_backend.h"
+#include "gstnox_plugin.h"
+#include "support/log_capture.h"
+#include "support/recording_client.h"
+#include "support/wait_until.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <limits>
+#include <thread>
+
+namespace {
+
+using support::LogCapture;
+using support::RecordingClient;
+using support::TestSource;
+using Types = std::vector<UVAEvent::Type>;
+
+constexpr double nan = std::numeric_limits<double>::quiet_NaN();
+constexpr double infinity = std::numeric_limits<double>::infinity();
+
+class BackendTest : public testing::Test {
+protected:
+    static void SetUpTestSuite() { ASSERT_TRUE(BackendInit(nullptr)); }
+
+    void postApplicationMessage(GstStructure* structure) {
+        handle(gst_message_new_application(nullptr, structure));
+    }
+    void handle(GstMessage* message) {
+        backend.handleGstMessages(message);
+        gst_message_unref(message);
+    }
+    void postError(const char* elementName, GQuark domain, int code) {
+        GstElement* element = gst_bin_new(elementName);
+        gst_object_ref_sink(element);
+        GError* error = g_error_new_literal(domain, code, "broken");
+        handle(gst_message_new_error(GST_OBJECT(element), error, "details"));
+        g_error_free(error);
+        gst_object_unref(element);
+    }
+
+    RecordingClient client;
+    GstNoxBackend backend{UVABackend::VideoElement, &client};
+};
+
+TEST_F(BackendTest, InitBackendAnswersForEverySource) {
+    LogCapture log(gst_backend_debug);
+    EXPECT_EQ(backend.initBackend("o", nullptr, false), UVABackend::Failure);
+    EXPECT_TRUE(log.has("ERROR ***E: no sources"));
+
+    UVABackend::SourceDescription* none[] = {nullptr};
+    EXPECT_EQ(backend.initBackend("o", none, false, true), UVABackend::Success);
+    EXPECT_TRUE(log.has("INFO origin='o' audio_only=1"));
+    EXPECT_TRUE(log.has("INFO  number of sources is 0"));
+    EXPECT_TRUE(log.has("DEBUG transition 1 -> 2"));
+
+    // An unknown type, a media source without a MIME type and a missing URL fail; the rest is done.
+    auto* noUrl = new TestSource("");
+    noUrl->url = nullptr;
+    auto* media = new TestSource("", UVABackend::SourceDescription::MseStreaming);
+    media->mimeType = nullptr;
+    UVABackend::SourceDescription* odd[] = {new TestSource("x", 7), media, noUrl, nullptr};
+    EXPECT_EQ(backend.initBackend(nullptr, odd, false), UVABackend::Failure);
+    EXPECT_TRUE(log.has("WARN ***W: source[0]: type=7 is not handled"));
+    EXPECT_TRUE(log.has("INFO  number of sources is 3"));
+}
+
+TEST_F(BackendTest, SecondInitBackendLeavesTheFirstAlone) {
+    UVABackend::SourceDescription* first[] = {new TestSource("file:///nowhere/a"), nullptr};
+    ASSERT_EQ(backend.initBackend("o", first, false), UVABackend::Success);
+    LogCapture log(gst_backend_debug);
+    UVABackend::SourceDescription* second[] = {new TestSource("file:///nowhere/b"), nullptr};
+    EXPECT_EQ(backend.initBackend("o", second, false), UVABackend::Failure);
+    EXPECT_TRUE(log.has("ERROR ***E: playbin still open"));
+    // After the player is gone there may be another.
+    EXPECT_EQ(backend.releaseResources(UVABackend::AllResources), UVABackend::Success);
+    UVABackend::SourceDescription* third[] = {new TestSource("file:///nowhere/c"), nullptr};
+    EXPECT_EQ(backend.initBackend("o", third, false), UVABackend::Success);
+}
+
+TEST_F(BackendTest, OddArgumentsAreAnswered) {
+    int w = 0;
+    int h = 0;
+    double value = 0;
+    unsigned long long bytes = 0;
+    UVABackend::TimeRange** ranges = nullptr;
+    std::vector<UVABackend::TimeRange> buffered;
+    UVAMediaBackend& host = backend;
+
+    EXPECT_EQ(host.attachSource(nullptr), UVABackend::Failure);
+    EXPECT_FALSE(host.removeSource(~0U));
+    EXPECT_EQ(host.writeData(nullptr, ~0U, UVABackend::DataError), 1);
+    EXPECT_EQ(host.writeData(new PauseFinishedEvent, 1, UVABackend::Data), 1);
+    EXPECT_EQ(host.writeData(new NeedMSEDataEvent(5, -3), 1, UVABackend::Data), 1);
+    EXPECT_NE(host.eventCompleted(nullptr, true), UVABackend::Success);
+    EXPECT_EQ(host.selectComponent(nullptr), 1);
+    EXPECT_EQ(host.unselectComponent(nullptr), 1);
+    EXPECT_EQ(
+        host.addTrack(static_cast<UVABackend::AVComponent::Kind>(99), nullptr, nullptr, nullptr),
+        1);
+    EXPECT_EQ(host.setKeySystem(static_cast<const char*>(nullptr)), 1);
+    EXPECT_EQ(host.setKeySystem(std::string(100000, 'k').c_str()), 1);
+    EXPECT_EQ(host.setLogicalScreenSize(0, -1), 1);
+    EXPECT_EQ(host.setVideoWindowAndClip({INT_MIN, INT_MAX, -1, 0}, {}), 1);
+    EXPECT_EQ(host.setLoop(-1), 1);
+    EXPECT_EQ(host.setWindowId(~0U), 1);
+    EXPECT_EQ(host.setFullScreen(true), 1);
+    EXPECT_EQ(host.canPlaySource(UVABackend::SourceDescription()), 1);
+    EXPECT_EQ(host.setContentSize(0, ~0ULL), 1);
+    EXPECT_EQ(host.getNativeSize(w, h, value), 1);
+    EXPECT_EQ(host.getSeekableTimeRanges(nullptr, ranges), 1);
+    for (auto** range = ranges; *range != nullptr; ++range)
+        delete *range;
+    delete[] ranges;
+    EXPECT_EQ(host.getBufferedTimeRanges(0, {}, buffered), UVABackend::NotAvailable);
+    EXPECT_EQ(host.getVideoFrame(nullptr, 0), UVABackend::Failure);
+    EXPECT_EQ(host.startCapture(-1, 0), UVABackend::Failure);
+    EXPECT_EQ(host.frameConsumed(7, true), UVABackend::Failure);
+    EXPECT_EQ(host.stopCapture(), UVABackend::Failure);
+    EXPECT_EQ(host.queue(nullptr), UVABackend::Failure);
+    EXPECT_EQ(host.registerExternalComponents({nullptr}), 1);
+    EXPECT_EQ(host.onListenerChanged(nullptr), UVABackend::Failure);
+    EXPECT_EQ(host.passDataAttribute(nullptr, nullptr), UVABackend::Failure);
+    EXPECT_EQ(host.setVolume(nan), UVABackend::Failure);
+    EXPECT_EQ(host.setVolume(-infinity), 1);
+    EXPECT_EQ(host.setVolume(1.0), 1);
+    EXPECT_EQ(host.getPosition(value), UVABackend::NotAvailable);
+    EXPECT_EQ(host.getBytesInBuffer(bytes), UVABackend::NotAvailable);
+    EXPECT_EQ(host.getSizeFromDuration(nan, bytes), UVABackend::NotAvailable);
+    // No player yet: nothing to act on, and nothing breaks.
+    EXPECT_EQ(host.load(), 1);
+    EXPECT_EQ(host.play(), 1);
+    EXPECT_EQ(host.pause(), 1);
+    EXPECT_EQ(host.suspend(), 1);
+    EXPECT_EQ(host.pauseAsync(), 1);
+    EXPECT_EQ(client.count(UVAEvent::PauseFinished), 1);
+    EXPECT_EQ(host.releaseBackendAsynchronously(), 1);
+    EXPECT_EQ(client.count(UVAEvent::AsyncReleaseFinished), 1);
+}
+
+TEST_F(BackendTest, OnlyNormalSpeed) {
+    for (const auto& [rate, result] : std::vector<std::pair<double, int>>{{1.0, 1},
+                                                                          {1.005, 1},
+                                                                          {0.995, 1},
+                                                                          {2.0, 2},
+                                                                          {0.0, 2},
+                                                                          {-1.0, 2},
+                                                                          {nan, 2},
+                                                                          {infinity, 2}})
+        EXPECT_EQ(backend.setPlaybackRate(rate), result) << rate;
+    std::vector<UVAMediaBackend::SpeedRange> ranges;
+    EXPECT_EQ(backend.getPlaybackSpeedRanges(ranges), 1);
+    ASSERT_EQ(ranges.size(), 1U);
+    EXPECT_EQ(ranges[0].minimum, 1.0);
+    EXPECT_EQ(ranges[0].maximum, 1.0);
+}
+
+TEST_F(BackendTest, LeavingReadyAnnouncesThatDataIsAwaited) {
+    backend.changeState(GST_STATE_PLAYING); // from NULL: nothing
+    EXPECT_EQ(client.types(), Types{});
+    backend.changeState(GST_STATE_READY);
+    backend.changeState(GST_STATE_PAUSED);
+    const Types awaited{UVAEvent::BufferingStreamUnderrun, UVAEvent::BufferingProgress};
+    EXPECT_EQ(client.types(), awaited);
+    backend.changeState(GST_STATE_PLAYING);
+    EXPECT_EQ(client.types(), awaited);
+}
+
+TEST_F(BackendTest, BusMessagesBecomeEvents) {
+    handle(gst_message_new_eos(nullptr));
+    handle(gst_message_new_buffering(nullptr, 99));
+    handle(gst_message_new_buffering(nullptr, 100));
+    handle(gst_message_new_duration_changed(nullptr)); // not for the client
+    EXPECT_EQ(client.types(),
+              (Types{UVAEvent::PlaybackFinished, UVAEvent::BufferingProgress,
+                     UVAEvent::BufferingProgress, UVAEvent::BufferingStreamBuffered}));
+}
+
+TEST_F(BackendTest, OnlyResourceErrorsOfTheSourceReachTheClient) {
+    const GQuark resource = GST_RESOURCE_ERROR;
+    const struct {
+        const char* element;
+        GQuark domain;
+        int code;
+        int events;
+    } rows[] = {
+        {"source", resource, GST_RESOURCE_ERROR_NOT_FOUND, 1},
+        {"source", resource, GST_RESOURCE_ERROR_NOT_AUTHORIZED, 1},
+        {"source", resource, 16, 0},
+        {"source", resource, 0, 0},
+        {"demux", resource, GST_RESOURCE_ERROR_NOT_FOUND, 0},
+        {"source", GST_STREAM_ERROR, GST_STREAM_ERROR_DECODE, 0},
+        {"source", GST_CORE_ERROR, GST_CORE_ERROR_FAILED, 0},
+        {"source", GST_LIBRARY_ERROR, GST_LIBRARY_ERROR_FAILED, 0},
+        {"source", g_quark_from_static_string("odd-domain"), 3, 0},
+    };
+    LogCapture log(gst_backend_debug);
+    for (const auto& row : rows) {
+        client.clear();
+        postError(row.element, row.domain, row.code);
+        EXPECT_EQ(client.count(UVAEvent::BufferingNetworkError), row.events)
+            << g_quark_to_string(row.domain) << " " << row.code;
+        EXPECT_EQ(client.types().size(), static_cast<std::size_t>(row.events));
+    }
+    EXPECT_TRUE(log.has("ERROR Error received from element 'source': broken (3)"));
+    EXPECT_TRUE(log.has("ERROR Debugging information: details"));
+    EXPECT_TRUE(log.has("WARN ***W: gst-resource-error-quark: broken (3) (details)"));
+    EXPECT_TRUE(log.has("ERROR BufferingNetworkError: (GST_RESOURCE_ERROR:3)"));
+    EXPECT_TRUE(log.has("ERROR Unhandled error message! Unknown error domain: 'odd-domain'"));
+}
+
+TEST_F(BackendTest, VideoFormatBecomesMetadata) {
+    backend.setMetaData(static_cast<long long>(-1));
+    postApplicationMessage(gst_structure_new("GstNoxVideoFormat", "width", G_TYPE_INT, 720,
+                                             "height", G_TYPE_INT, 576, "display-aspect-ratio",
+                                             GST_TYPE_FRACTION, 16, 9, "frame-rate",
+                                             GST_TYPE_FRACTION, 25, 1, nullptr));
+    const auto* metadata = client.last<NewMetadataEvent>(UVAEvent::NewMetadata);
+    ASSERT_NE(metadata, nullptr);
+    EXPECT_EQ(metadata->width, 720);
+    EXPECT_EQ(metadata->height, 576);
+    EXPECT_NEAR(metadata->pixelAspectRatio, 1.4222, 0.0001);
+    EXPECT_EQ(metadata->duration, 0.0); // unknown
+    backend.checkMetaDataChanged();     // told once
+    EXPECT_EQ(client.count(UVAEvent::NewMetadata), 1);
+
+    // Too small a change of the ratio is none; a real one is told.
+    backend.setMetaData(metadata->pixelAspectRatio + 0.0005);
+    backend.checkMetaDataChanged();
+    EXPECT_EQ(client.count(UVAEvent::NewMetadata), 1);
+    backend.setMetaData(static_cast<long long>(2500000000));
+    backend.checkMetaDataChanged();
+    EXPECT_EQ(client.last<NewMetadataEvent>(UVAEvent::NewMetadata)->duration, 2.5);
+
+    // Incomplete and foreign messages change nothing.
+    postApplicationMessage(gst_structure_new_empty("GstNoxVideoFormat"));
+    postApplicationMessage(
+        gst_structure_new("GstNoxVideoFormat", "width", G_TYPE_STRING, "wide", nullptr));
+    postApplicationMessage(gst_structure_new_empty("GstNoxDecoderNeeded"));
+    postApplicationMessage(gst_structure_new_empty("somebody-elses"));
+    EXPECT_EQ(client.count(UVAEvent::NewMetadata), 2);
+}
+
+TEST_F(BackendTest, TheLastDecoderGivenBackIsReported) {
+    const auto needs = [this](const char* type) {
+        postApplicationMessage(
+            gst_structure_new("GstNoxDecoderNeeded", "type", G_TYPE_STRING, type, nullptr));
+    };
+    needs("+audio");
+    needs("+video");
+    needs("-video");
+    EXPECT_EQ(client.types(), Types{});
+    needs("-audio");
+    EXPECT_EQ(client.types(), Types{UVAEvent::BackendResourceReleased});
+    needs("-subtitle"); // unknown, and the set is empty
+    EXPECT_EQ(client.count(UVAEvent::BackendResourceReleased), 2);
+}
+
+TEST_F(BackendTest, ComponentsComeAndGoOnce) {
+    LogCapture log(gst_backend_debug);
+    EXPECT_EQ(backend.addComponent("video", "video_0"), 1);
+    const auto* added = client.last<MultiComponentChangedEvent>(UVAEvent::MultiComponentChanged);
+    ASSERT_NE(added, nullptr);
+    ASSERT_EQ(added->added.size(), 1U);
+    const auto& video = *added->added.front();
+    EXPECT_TRUE(video.active);
+    EXPECT_EQ(video.type, 0);
+    EXPECT_EQ(video.shape, 4);
+    EXPECT_EQ(video.bitrate, 2560000);
+    EXPECT_STREQ(video.channel, "5_1");
+    EXPECT_EQ(video.encoding, "UNKNOWN_ENCODING");
+    EXPECT_EQ(video.language, "und");
+
+    EXPECT_EQ(backend.addComponent("video", "video_0"), 0);
+    EXPECT_EQ(backend.addComponent("audio", "audio_1"), 1);
+    EXPECT_FALSE(client.last<MultiComponentChangedEvent>(UVAEvent::MultiComponentChanged)
+                     ->added.front()
+                     ->active);
+    EXPECT_EQ(backend.addComponent("text", "text_0"), 0);
+    EXPECT_EQ(backend.addComponent(nullptr, "text_0"), 0);
+    EXPECT_TRUE(log.has("WARN ***W: component 'video_0' of type 'video' already exists."));
+    EXPECT_TRUE(log.has("WARN ***W: invalid component type 'text'"));
+    EXPECT_EQ(client.count(UVAEvent::MultiComponentChanged), 2);
+
+    backend.removeComponent("video_0");
+    const auto* removed = client.last<MultiComponentChangedEvent>(UVAEvent::MultiComponentChanged);
+    ASSERT_EQ(removed->removed.size(), 1U);
+    EXPECT_EQ(removed->removed.front(), &video);
+    EXPECT_FALSE(backend.hasComponent("video_0"));
+    backend.removeComponent("video_0");
+    EXPECT_TRUE(log.has("WARN ***W: component 'video_0' does not exist in collection."));
+    EXPECT_EQ(client.count(UVAEvent::MultiComponentChanged), 3);
+}
+
+TEST_F(BackendTest, SeekTargetsAreChecked) {
+    const auto seek = [this](double seconds) {
+        client.clear();
+        const int result = backend.setPosition(seconds);
+        const Types expected{result == 1 ? UVAEvent::CancelDataRequestsAsync
+                                         : UVAEvent::SeekCompletedEx};
+        EXPECT_EQ(client.types(), expected) << seconds;
+        return result;
+    };
+    EXPECT_EQ(seek(-0.5), 0);
+    EXPECT_EQ(seek(nan), 0);
+    EXPECT_EQ(seek(-infinity), 0);
+    EXPECT_EQ(seek(10.0), 1); // no duration known: any target will do
+    EXPECT_EQ(seek(infinity), 1);
+    EXPECT_EQ(seek(1e300), 1);
+    backend.changeDuration(20.0);
+    EXPECT_EQ(seek(30.0), 1); // held against the nanosecond count
+    EXPECT_EQ(seek(2.1e10), 0);
+    EXPECT_EQ(client.last<SeekCompletedExEvent>(UVAEvent::SeekCompletedEx)->outcome,
+              SeekCompletedExEvent::SeekOutcome::Failed);
+    backend.setMetaData(static_cast<long long>(-1));
+    EXPECT_EQ(seek(0.5), 0); // live
+}
+
+TEST_F(BackendTest, SeekWithoutPlayerFailsInItsSecondPhase) {
+    ASSERT_EQ(backend.setPosition(3.0), 1);
+    const CancelDataRequestsAsyncEvent done(3.0);
+    EXPECT_EQ(backend.eventCompleted(&done, true), 1);
+    EXPECT_EQ(client.count(UVAEvent::SeekCompletedEx), 1);
+    EXPECT_EQ(backend.eventCompleted(&done, true), 1); // nothing pending: only logged
+    EXPECT_EQ(client.count(UVAEvent::SeekCompletedEx), 1);
+    LogCapture log(gst_backend_debug);
+    const UVAAsyncEvent odd(UVAEvent::CacheUpdateRequestAsync);
+    backend.eventCompleted(&odd, true);
+    EXPECT_TRUE(log.has("WARN Unsupported async event (43) received!"));
+}
+
+TEST_F(BackendTest, DurationGrowsOnlyUntilKnown) {
+    double seconds = -7;
+    EXPECT_EQ(backend.getDuration(seconds), UVABackend::NotAvailable);
+    EXPECT_EQ(seconds, -7);
+    backend.setMetaData(static_cast<long long>(-1));
+    EXPECT_EQ(backend.getDuration(seconds), 1);
+    EXPECT_DOUBLE_EQ(seconds, -1e-9);
+    EXPECT_EQ(backend.setContentSize(3, 20000), 1);
+    backend.changeDuration(30.0);
+    EXPECT_EQ(backend.getDuration(seconds), 1);
+    EXPECT_EQ(seconds, 20.0);
+    UVABackend::TimeRange** ranges = nullptr;
+    EXPECT_EQ(backend.getSeekableTimeRanges(nullptr, ranges), 1);
+    ASSERT_NE(ranges[0], nullptr);
+    EXPECT_EQ(ranges[0]->end, 20e9); // the nanosecond count
+    EXPECT_EQ(ranges[1], nullptr);
+    delete ranges[0];
+    delete[] ranges;
+}
+
+TEST_F(BackendTest, OneSinkAsksAndTheOthersAreTurnedAway) {
+    UVABackend::SourceDescription* none[] = {nullptr};
+    backend.initBackend("o", none, false, true);
+    const auto request = [this](const char* type) {
+        return GstNoxBackend::decoder_request_cb(nullptr, type, &backend);
+    };
+    int first = -1;
+    std::thread sink([&] { first = request("video"); });
+    ASSERT_TRUE(support::waitUntil(
+        [&] { return client.count(UVAEvent::BackendResourceRequestAsync) == 1; }));
+    EXPECT_TRUE(
+        client.last<BackendResourceRequestAsyncEvent>(UVAEvent::BackendResourceRequestAsync)
+            ->audioOnly);
+    LogCapture log(gst_backend_debug);
+    EXPECT_EQ(request("audio"), 0); // neither asks nor waits
+    EXPECT_TRUE(log.has("ERROR ***E: resources not available (1)"));
+    EXPECT_EQ(client.last<DecodeErrorEvent>(UVAEvent::DecodeError)->reason, 2);
+
+    const BackendResourceRequestAsyncEvent answer(true);
+    backend.eventCompleted(&answer, false);
+    sink.join();
+    EXPECT_EQ(first, 0);
+    EXPECT_EQ(client.count(UVAEvent::DecodeError), 2);
+
+    // After a refusal the next request asks again; after a grant nobody asks any more.
+    std::thread again([&] { first = request("video"); });
+    ASSERT_TRUE(support::waitUntil(
+        [&] { return client.count(UVAEvent::BackendResourceRequestAsync) == 2; }));
+    backend.eventCompleted(&answer, true);
+    again.join();
+    EXPECT_EQ(first, 1);
+    EXPECT_EQ(request("audio"), 1);
+    EXPECT_EQ(client.count(UVAEvent::BackendResourceRequestAsync), 2);
+}
+
+TEST_F(BackendTest, AnswerFromInsideTheDeliveryIsTaken) {
+    GstNoxBackend* asked = nullptr;
+    RecordingClient granting([&asked](UVAEvent& event) {
+        if (event.type() == UVAEvent::BackendResourceRequestAsync)
+            asked->eventCompleted(static_cast<UVAAsyncEvent*>(&event), true);
+    });
+    GstNoxBackend other(UVABackend::AudioElement, &granting);
+    asked = &other;
+    EXPECT_EQ(GstNoxBackend::decoder_request_cb(nullptr, "audio", &other), 1);
+}
+
+TEST_F(BackendTest, StoppingAndSeekingEndTheWaitForADecoder) {
+    for (const bool stop : {true, false}) {
+        client.clear();
+        UVABackend::SourceDescription* sources[] = {new TestSource("file:///nowhere"), nullptr};
+        ASSERT_EQ(backend.initBackend("o", sources, false), 1);
+        int answer = -1;
+        std::thread sink(
+            [&] { answer = GstNoxBackend::decoder_request_cb(nullptr, "video", &backend); });
+        ASSERT_TRUE(support::waitUntil(
+            [&] { return client.count(UVAEvent::BackendResourceRequestAsync) == 1; }));
+        if (stop) {
+            backend.releaseResources(UVABackend::AllResources);
+        } else {
+            ASSERT_EQ(backend.setPosition(1.0), 1);
+            const CancelDataRequestsAsyncEvent done(1.0);
+            backend.eventCompleted(&done, true);
+        }
+        sink.join();
+        backend.releaseResources(UVABackend::AllResources);
+        EXPECT_EQ(answer, 0);
+        EXPECT_EQ(client.count(UVAEvent::DecodeError), 0); // nobody refused
+    }
+}
+
+TEST_F(BackendTest, CapabilitiesFollowTheTables) {
+    using Description = UVABackend::ContentDescription;
+    const auto describe = [](const char* type, std::vector<std::string> codecs, const char* width,
+                             const char* height, const char* rate, const char* channels = "") {
+        Description description;
+        description.type = type;
+        description.codecs = std::move(codecs);
+        description.width = width;
+        description.height = height;
+        description.framerate = rate;
+        description.channels = channels;
+        return description;
+    };
+    const struct {
+        Description description;
+        bool playable;
+    } rows[] = {
+        {describe("video/mp4", {}, "", "", ""), true},
+        {describe("video/MP4", {}, "", "", ""), false},
+        {describe("video/H264", {}, "", "", ""), true},
+        {describe("", {"avc1.640028"}, "1920", "1080", ""), true},
+        {describe("", {"avc1.640028", "mp4v.20.9"}, "", "", ""), false},
+        {describe("", {"vp09.00.51.08"}, "3840", "2160", "60"), true},
+        {describe("", {"vp09.00.51.08"}, "3840", "2160", "61"), false},
+        {describe("", {"vp09.00.51.08"}, "3840", "2160", "60.5"), true},
+        {describe("", {"vp9"}, "4096", "2304", "30"), false}, // beyond 2160 lines
+        {describe("", {"vp9"}, "4096", "2160", "60"), true},
+        {describe("", {"vp9"}, "3000", "2000", "30"), false},
+        {describe("", {"hev1.1.6.L153.B0"}, "4096", "2160", "60"), true},
+        {describe("", {"hevc"}, "4096", "2160", ""), false}, // not a codec string at all
+        {describe("", {"vp9"}, "4097", "100", ""), false},
+        {describe("video/mp4", {}, "4097", "", ""), true},
+        {describe("video/mp4", {}, "10241", "", ""), false},
+        {describe("video/mp4", {}, "1920.5", "", ""), false},
+        {describe("video/mp4", {}, "", "8193", ""), false},
+        {describe("video/mp4", {}, "", "", "30000/1001"), true},
+        {describe("video/mp4", {}, "", "", "241"), false},
+        {describe("video/mp4", {}, "", "", "1/0"), false},
+        {describe("video/mp4", {}, "", "", "", "10"), true},
+        {describe("video/mp4", {}, "", "", "", "11"), false},
+        {describe("", {"vp09.01.10.08"}, "", "", ""), false},
+        {describe("", {"vp09.02.52.10"}, "", "", ""), false},
+        {describe("", {"vp09.00.10.08.01.01.99"}, "", "", ""), false},
+        {describe("", {"vp09.00.10.08.01.01.01.99"}, "", "", ""), false},
+        {describe("", {"vp09.00"}, "", "", ""), true},
+        {describe("", {"vp09.1"}, "", "", ""), false},
+        {describe("", {""}, "", "", ""), false},
+        {describe("video/mp4", {std::string(5000, 'a')}, "", "", ""), false},
+    };
+    int index = 0;
+    for (const auto& row : rows)
+        EXPECT_EQ(backend.canPlayType(row.description), row.playable) << "row " << index++;
+
+    // The tables themselves, which the checks above do not all reach.
+    EXPECT_TRUE(backend.isSpecSupported(GstNoxBackend::VP9_CODEC_SPEC, 4096, 2304, 30));
+    EXPECT_FALSE(backend.isSpecSupported(GstNoxBackend::VP9_CODEC_SPEC, 4096, 2304, 60));
+    EXPECT_FALSE(backend.isSpecSupported(GstNoxBackend::HEVC_CODEC_SPEC, 4096, 2160, 30));
+    EXPECT_TRUE(backend.isSpecSupported(GstNoxBackend::HEVC_CODEC_SPEC, 4096, 2048, 60));
+
+    char** types = nullptr;
+    ASSERT_TRUE(backend.getSupportedMimetypes(types));
+    int count = 0;
+    for (; types[count] != nullptr; ++count)
+        g_free(types[count]);
+    delete[] types;
+    EXPECT_EQ(count, 58);
+}
+
+TEST(ReleaseInEveryState, EndsAtOnce) {
+    ASSERT_TRUE(BackendInit(nullptr));
+    RecordingClient client;
+    for (
+        const auto& steps : std::vector<std::function<void(UVAMediaBackend&)>>{
+            [](UVAMediaBackend&) {}, [](UVAMediaBackend& b) { b.play(); },
+            [](UVAMediaBackend& b) {
+                UVABackend::SourceDescription* s[] = {new TestSource("file:///nowhere/x"), nullptr};
+                b.initBackend("", s, false);
+            },
+            [&client](UVAMediaBackend& b) { // after an error
+                UVABackend::SourceDescription* s[] = {new TestSource("file:///nowhere/x"), nullptr};
+                b.initBackend("", s, false);
+                b.play();
+                EXPECT_TRUE(support::waitUntil(
+                    [&client] { return client.count(UVAEvent::BufferingNetworkError) > 0; }));
+            },
+            [](UVAMediaBackend& b) { // first phase of a seek only
+                UVABackend::SourceDescription* s[] = {new TestSource("file:///nowhere/x"), nullptr};
+                b.initBackend("", s, false);
+                b.setPosition(1.0);
+            }}) {
+        UVAMediaBackend* backend = UVA_RequestBackend(UVABackend::VideoElement, &client);
+        ASSERT_NE(backend, nullptr);
+        steps(*backend);
+        const auto start = std::chrono::steady_clock::now();
+        EXPECT_TRUE(UVA_ReleaseBackend(backend));
+        EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(1));
+    }
+}
+
+} // namespace

@@ -1,0 +1,82 @@
+// The built library as a host loads it: its entry points, and what a first request starts.
+
+#include "support/recording_client.h"
+#include "support/wait_until.h"
+
+#include <dlfcn.h>
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+
+namespace {
+
+using Request = UVAMediaBackend* (*)(unsigned int, UVAClient*);
+using Release = bool (*)(UVAMediaBackend*);
+
+/// Loaded once; it stays in the process anyway.
+void* library() {
+    static void* const handle = dlopen(std::getenv("UVA_BACKEND_LIBRARY"), RTLD_NOW | RTLD_LOCAL);
+    return handle;
+}
+
+template <typename Function>
+Function entry(const char* name) {
+    return reinterpret_cast<Function>(dlsym(library(), name));
+}
+
+int threadsCalled(const std::string& name) {
+    int count = 0;
+    for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
+        std::string comm;
+        std::getline(std::ifstream(task.path() / "comm"), comm);
+        count += comm == name;
+    }
+    return count;
+}
+
+class PluginTest : public testing::Test {
+protected:
+    void SetUp() override { ASSERT_NE(library(), nullptr) << dlerror(); }
+    support::RecordingClient client;
+};
+
+// First, before anything else of this process has started the media system.
+TEST_F(PluginTest, ARefusedTypeStartsNothing) {
+    const auto request = entry<Request>("UVA_RequestBackend");
+    ASSERT_NE(request, nullptr);
+    for (const unsigned int type : {2U, 4U, 0x80000000U, ~0U})
+        EXPECT_EQ(request(type, &client), nullptr) << type;
+    EXPECT_EQ(threadsCalled("gst_run"), 0);
+}
+
+TEST_F(PluginTest, RequestsStartTheProcessWideThreadsOnce) {
+    const auto request = entry<Request>("UVA_RequestBackend");
+    const auto release = entry<Release>("UVA_ReleaseBackend");
+    ASSERT_NE(release, nullptr);
+    for (const unsigned int type : {0U, 1U, 3U, 3U}) {
+        UVAMediaBackend* backend = request(type, &client);
+        ASSERT_NE(backend, nullptr) << type;
+        EXPECT_TRUE(release(backend));
+    }
+    EXPECT_TRUE(release(nullptr));
+    EXPECT_TRUE(support::waitUntil([] { return threadsCalled("gst_run") == 1; }));
+    EXPECT_EQ(threadsCalled("gst_chk_dbg"), 1);
+    EXPECT_TRUE(entry<bool (*)(void**)>("BackendInit")(nullptr));
+    EXPECT_EQ(threadsCalled("gst_run"), 1);
+}
+
+TEST_F(PluginTest, HostFindsTheQrFunctions) {
+    for (const char* name :
+         {"QRinput_new", "QRinput_append", "QRspec_getWidth", "MQRspec_getWidth", "BitStream_new"})
+        EXPECT_NE(dlsym(library(), name), nullptr) << name;
+}
+
+TEST_F(PluginTest, StaysLoaded) {
+    dlclose(library());
+    EXPECT_NE(dlopen(std::getenv("UVA_BACKEND_LIBRARY"), RTLD_NOW | RTLD_NOLOAD), nullptr);
+}
+
+} // namespace

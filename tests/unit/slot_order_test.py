@@ -1,0 +1,149 @@
+#!/usr/bin/env python3
+"""The virtual tables of the built libraries: host and backend meet in them alone.
+
+Usage: slot_order_test.py LIBUVAGSTBACKEND LIBUVA
+"""
+
+import os
+import re
+import subprocess
+import sys
+import unittest
+
+sys.path.insert(0, os.path.join(os.path.dirname(__file__), "..", "support"))
+import gtest_result  # noqa: E402
+
+BACKEND, UVA = sys.argv[1:3]
+
+# What a slot is called, and whether the backend (own) or the host's library answers it.
+BACKEND_SLOTS = """
+~GstNoxBackend() own
+~GstNoxBackend() own
+getCapabilities() host
+getTimelineDetails(std::string const&) host
+setWindowId(unsigned int) own
+setLogicalScreenSize(int, int) own
+responseFromGetCookiesEvent(char const*, unsigned int) host
+responseFromSetCookieEvent(bool, unsigned int) host
+eventCompleted(UVAAsyncEvent const*, bool) own
+releaseResources(UVABackend::ResourceType) own
+releaseResources() own
+releaseBackendAsynchronously() host
+initBackend(char const*, UVABackend::SourceDescription**, bool) host
+initBackend(char const*, UVABackend::SourceDescription**, bool, bool) own
+attachSource(UVABackend::SourceDescription*) own
+removeSource(unsigned int) own
+setVideoWindowAndClip(UVABackend::Rect const&, UVABackend::Rect const&) own
+setVideoOutputID(int) host
+getNativeSize(int&, int&, double&) own
+getVideoFrame(unsigned char*, unsigned int) host
+startCapture(int, int) host
+frameConsumed(unsigned int, bool) host
+resourcesReleased(std::vector<unsigned int> const&) host
+stopCapture() host
+getSeekableTimeRanges(UVABackend::ByteRange**, UVABackend::TimeRange**&) own
+getBufferedTimeRanges(unsigned int, std::vector<UVABackend::ByteRange> const&, std::vector<UVABackend::TimeRange>&) own
+canPlaySource(UVABackend::SourceDescription const&) own
+load() host
+play() own
+suspend() host
+getStartDate(double&) host
+pause() own
+pauseAsync() host
+setPlaybackRate(double) own
+setVolume(double) host
+getDuration(double&) own
+setContentSize(unsigned int, unsigned long long) own
+getPosition(double&) host
+getPosition() own
+setPosition(double) own
+adjustPosition(UVATime const&) host
+setVisibility(bool) host
+getSizeFromDuration(double, unsigned long long&) host
+writeData(UVAEvent*, unsigned int, UVABackend::WriteDataStatus) own
+canPlayType(UVABackend::ContentDescription const&) own
+setFullScreen(bool) own
+getSupportedMimetypes(char**&) own
+setLoop(int) own
+setCache(bool) host
+addTrack(UVABackend::AVComponent::Kind, char const*, char const*, char const*) own
+queue(UVABackend::SourceDescription*) host
+selectComponent(UVABackend::AVComponent*) own
+unselectComponent(UVABackend::AVComponent*) own
+registerExternalComponents(std::vector<UVABackend::AVComponent*> const&) host
+unregisterExternalComponents(std::vector<UVABackend::AVComponent*> const&) host
+onListenerChanged(char const*) host
+getBytesInBuffer(unsigned long long&) host
+setKeySystem(char const*) host
+setKeySystem(UVAKeySystemConfig const&) own
+passDataAttribute(char const*, char const*) host
+getPlaybackSpeedRanges(std::vector<UVAMediaBackend::SpeedRange>&) own
+setActive(bool) host
+setPrefs(std::map<std::string, std::string>) host
+""".strip().splitlines()
+
+HEADER_WORDS = 2  # offset to top and type information come before the slots
+
+
+def run(*command):
+    return subprocess.run(command, check=True, capture_output=True, text=True).stdout
+
+
+def simplify(name):
+    """A demangled name without what says nothing here: ABI tags, default template arguments."""
+    name = name.replace("[abi:cxx11]", "").replace("__cxx11::", "")
+    name = re.sub(r"std::basic_string<char, std::char_traits<char>, std::allocator<char> ?>",
+                  "std::string", name)
+    name = re.sub(r", std::(less|allocator)<.*?> ?>? ?>(?= const&|&|\))", ">", name)
+    name = re.sub(r"std::map<std::string, std::string.*> const&", "std::map<std::string, std::string>", name)
+    return re.sub(r", std::allocator<[^<>]*> ?>", ">", name)
+
+
+def virtual_table(library, symbol):
+    """Names of the functions in a class's virtual table, in order."""
+    names = {}
+    table = None
+    for line in run("readelf", "--syms", "--wide", library).splitlines():
+        fields = line.split()
+        if len(fields) >= 8 and fields[0].rstrip(":").isdigit():
+            name = fields[7].split("@")[0]
+            names[int(fields[1], 16)] = name
+            if name == symbol:
+                table = int(fields[1], 16), int(fields[2], 0)
+    if table is None:
+        raise AssertionError(f"{library} has no {symbol}")
+    start, size = table
+    slots = {}
+    for line in run("readelf", "--relocs", "--wide", library).splitlines():
+        match = re.match(r"([0-9a-f]{8,16})\s+\S+\s+(R_\S+)\s+(.*)", line)
+        if not match or not start <= int(match[1], 16) < start + size:
+            continue
+        index = (int(match[1], 16) - start) // 8 - HEADER_WORDS
+        rest = match[3].split()
+        name = names.get(int(rest[0], 16), "?") if len(rest) == 1 else rest[1].split("@")[0]
+        slots[index] = name
+    mangled = [slots.get(i, "?") for i in range(size // 8 - HEADER_WORDS)]
+    demangled = subprocess.run(["c++filt"], input="\n".join(mangled), capture_output=True,
+                               text=True, check=True).stdout.splitlines()
+    return [simplify(name) for name in demangled]
+
+
+class SlotOrder(unittest.TestCase):
+    def test_backend(self):
+        actual = virtual_table(BACKEND, "_ZTV13GstNoxBackend")
+        self.assertEqual(len(actual), 63)
+        for number, (name, expected) in enumerate(zip(actual, BACKEND_SLOTS), 1):
+            signature, whose = expected.rsplit(" ", 1)
+            classes = ("GstNoxBackend",) if whose == "own" else ("UVABackend", "UVAMediaBackend")
+            with self.subTest(slot=number):
+                self.assertIn(name, [f"{cls}::{signature}" for cls in classes])
+
+    def test_event_delivery_is_the_clients_third_entry(self):
+        actual = virtual_table(UVA, "_ZTV9UVAClient")
+        self.assertEqual(len(actual), 3)
+        # The class is abstract: its destructors have their slots, but nobody calls them there.
+        self.assertEqual(actual, ["?", "?", "__cxa_pure_virtual"])
+
+
+sys.argv = sys.argv[:1]
+gtest_result.main()

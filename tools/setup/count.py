@@ -1,0 +1,38 @@
+#!/usr/bin/env python3
+"""Prints "N passed, N failed" from the results of the last test run in a build folder.
+
+Each GoogleTest case counts as one; a test program without cases of its own counts as one. A program
+that died counts what it had finished, plus one failure.
+"""
+
+import json
+import pathlib
+import re
+import sys
+
+
+def count(record):
+    text = record.get("stdout", "")
+    ran_ok = record["result"] in ("OK", "EXPECTEDFAIL")
+    passed = len(re.findall(r"^\[       OK \] .*ms\)$", text, re.M))
+    failed = len(re.findall(r"^\[  FAILED  \] .*ms\)$", text, re.M))
+    skipped = len(re.findall(r"^\[  SKIPPED \] .*ms\)$", text, re.M))
+    if record["result"] == "SKIP" and not passed + failed + skipped:
+        return 0, 0, 1
+    if not passed + failed + skipped:
+        return (1, 0, 0) if ran_ok else (0, 1, 0)
+    if not ran_ok and failed == 0:
+        failed = 1
+    return passed, failed, skipped
+
+
+def main():
+    log = pathlib.Path(sys.argv[1]) / "meson-logs" / "testlog.json"
+    records = [json.loads(line) for line in log.read_text().splitlines()]
+    passed, failed, skipped = (sum(column) for column in zip(*map(count, records))) if records else (0, 0, 0)
+    print(f"{passed} passed, {failed} failed" + (f", {skipped} skipped" if skipped else ""))
+    return 0 if passed and not failed else 1
+
+
+if __name__ == "__main__":
+    sys.exit(main())

@@ -1,0 +1,66 @@
+# Shared by ./play and ./check; sourced from the top of the tree. Leaves a configured and built tree.
+
+fail() {
+    echo "$0: $*" >&2
+    exit 1
+}
+
+# Says what goes on, on a terminal; shows what a command printed only when it fails.
+quietly() {
+    local what=$1 log status=0
+    shift
+    [ ! -t 1 ] || echo "== $what"
+    log=$(mktemp)
+    "$@" >"$log" 2>&1 || status=$?
+    [ "$status" -eq 0 ] || cat "$log" >&2
+    rm -f "$log"
+    [ "$status" -eq 0 ] || fail "$what failed; see above"
+}
+
+missing_packages() {
+    grep -v '^#' tools/setup/packages.txt | while read -r package; do
+        case $(dpkg-query -W -f='${Status}' "$package" 2>/dev/null) in
+            *" installed") ;;
+            *) echo "$package" ;;
+        esac
+    done
+}
+
+install_packages() {
+    local missing
+    command -v dpkg-query >/dev/null || fail "this is not Debian: install what tools/setup/packages.txt lists"
+    missing=$(missing_packages | tr '\n' ' ')
+    [ -n "$missing" ] || return 0
+    if [ "$(id -u)" -ne 0 ]; then
+        fail "packages are missing. Install them with this command, then try again:
+  sudo sh -c 'apt-get update && apt-get install -y --no-install-recommends ${missing% }'"
+    fi
+    export DEBIAN_FRONTEND=noninteractive
+    quietly "updating the package lists" apt-get update
+    # shellcheck disable=SC2086 # a list of words
+    quietly "installing ${missing% }" apt-get install -y --no-install-recommends $missing
+}
+
+# configure DIR [-Dname=value]...: only what is not set already, so that a second run is quick.
+configure() {
+    local dir=$1 option new=()
+    shift
+    if [ ! -f "$dir/build.ninja" ]; then
+        quietly "configuring $dir" meson setup "$dir" "$@"
+        return
+    fi
+    for option; do
+        option=${option#-D}
+        grep -qxF "${option%%=*} = ${option#*=}" "$dir/meson-private/cmd_line.txt" || new+=("-D$option")
+    done
+    [ ${#new[@]} -eq 0 ] || quietly "configuring $dir" meson configure "$dir" "${new[@]}"
+}
+
+# build DIR
+build() {
+    if [ -t 1 ]; then
+        ninja -C "$1" || fail "building failed; see above"
+    else
+        quietly "building $1" ninja -C "$1"
+    fi
+}
