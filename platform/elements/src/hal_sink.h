@@ -1,0 +1,108 @@
+#ifndef NOXELEMENTS_HAL_SINK_H
+#define NOXELEMENTS_HAL_SINK_H
+
+#include "decode_chain.h"
+#include "request_gate.h"
+
+#include <atomic>
+#include <mutex>
+
+namespace noxelements {
+
+/// A sink that takes encoded data, as a set's decoder does: it asks for the decoder before the
+/// first data, then decodes and renders, or swallows the data when refused. With no device to
+/// render to, a silent output that keeps time takes its place.
+///
+/// Data and serialised events come on the streaming thread under the sink pad's stream lock, which
+/// guards what carries no note of its own. State changes touch that only once the pad is inactive.
+class HalSink {
+public:
+    HalSink(GstBin* bin, const char* kind, const MediaFormats& formats);
+    virtual ~HalSink();
+    HalSink(const HalSink&) = delete;
+    HalSink& operator=(const HalSink&) = delete;
+
+    GstStateChangeReturn changeState(GstStateChange transition);
+    virtual void handleMessage(GstMessage* message);
+
+protected:
+    GstBin* bin() const { return m_bin; }
+    GstElement* silentOutput() const { return m_silent.get(); }
+    bool isGranted() const { return m_decoder == Decoder::Granted; }
+
+    /// Around the time from READY to PAUSED and back. Application's thread.
+    virtual void activated() = 0;
+    virtual void deactivated() = 0;
+    /// An element with a "sink" pad that renders to a device; null when there is no device.
+    virtual GstPtr<GstElement> makeDeviceOutput() = 0;
+    /// The device output is in the bin. Streaming thread.
+    virtual void deviceOutputAdded(GstElement* output) = 0;
+    /// What to tell the application about decoded data; null when the caps say nothing.
+    virtual GstPtr<GstStructure> describe(const GstCaps* decoded, const MediaFormat& format) = 0;
+
+private:
+    enum class Decoder { Undecided, Granted, Refused };
+
+    static GstFlowReturn onChain(GstPad* pad, GstObject* parent, GstBuffer* buffer);
+    static GstFlowReturn onChainList(GstPad* pad, GstObject* parent, GstBufferList* list);
+    static GstFlowReturn onEvent(GstPad* pad, GstObject* parent, GstEvent* event);
+    static gboolean onQuery(GstPad* pad, GstObject* parent, GstQuery* query);
+    static GstPadProbeReturn onOutputEvent(GstPad* pad, GstPadProbeInfo* info, gpointer sink);
+
+    GstFlowReturn prepare(GstCaps* caps);
+    GstFlowReturn buildChain(const MediaFormat& format, GstCaps* caps);
+    bool decide();
+    int request();
+    bool isInterrupted() const;
+    GstFlowReturn swallow(GstBuffer* buffer);
+    void reportFormat(GstCaps* decoded);
+    void announce(char sign);
+    void post(GstPtr<GstStructure> structure);
+
+    void useDevice();
+    void swapOutput(GstElement* next);
+    void watchOutput(GstElement* output);
+    void start();
+    void interrupt();
+    void stop();
+
+    GstBin* const m_bin; // owns this object
+    const char* const m_kind;
+    const MediaFormats& m_formats;
+    const GstPtr<GstElement> m_silent;
+    GstElement* m_output = nullptr; // in the bin: m_silent or the device's
+    GstGhostPad* m_sinkPad = nullptr;
+    DecodeChain m_chain;
+    GstPtr<GstStructure> m_reportedFormat;
+    bool m_draining = false;
+
+    std::atomic<Decoder> m_decoder{Decoder::Undecided};
+    std::atomic<bool> m_stopping{false};
+    std::atomic<bool> m_flushing{false};
+    std::mutex m_gateMutex;              // guards m_gate; leaf
+    std::shared_ptr<RequestGate> m_gate; // while the request is being made
+};
+
+} // namespace noxelements
+
+struct GstHalSink {
+    GstBin parent;
+    noxelements::HalSink* impl;
+};
+
+struct GstHalSinkClass {
+    GstBinClass parent;
+    /// The default answer to "decoder-request", when nobody is connected.
+    gint (*decoder_request)(GstHalSink* sink, const gchar* kind);
+};
+
+/// The abstract type of both sinks; whoever derives from it sets `impl`.
+GType gst_hal_sink_get_type();
+#define GST_TYPE_HAL_SINK (gst_hal_sink_get_type())
+
+/// For the class initialisation of a derived type.
+void gst_hal_sink_class_describe(GstElementClass* klass, const char* longName,
+                                 const char* klassName, const char* description,
+                                 const noxelements::MediaFormats& formats);
+
+#endif

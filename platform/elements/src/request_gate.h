@@ -1,0 +1,41 @@
+#ifndef NOXELEMENTS_REQUEST_GATE_H
+#define NOXELEMENTS_REQUEST_GATE_H
+
+#include <gst/gst.h>
+
+#include <condition_variable>
+#include <memory>
+#include <mutex>
+
+namespace noxelements {
+
+/// Lets the sinks of one top-level pipeline ask for their decoder one after the other.
+/// Thread-safe.
+class RequestGate {
+public:
+    /// The gate of the pipeline that the element is in.
+    static std::shared_ptr<RequestGate> of(GstElement* element);
+
+    /// Waits until nobody else is inside. False, and not inside, when `cancelled` holds; whoever
+    /// makes it hold calls `wake`.
+    template <typename Cancelled>
+    bool enter(Cancelled cancelled) {
+        std::unique_lock lock(m_mutex);
+        m_changed.wait(lock, [&] { return !m_busy || cancelled(); });
+        if (cancelled())
+            return false;
+        m_busy = true;
+        return true;
+    }
+    void leave();
+    void wake();
+
+private:
+    std::mutex m_mutex; // leaf, but for the object locks that `cancelled` takes
+    std::condition_variable m_changed;
+    bool m_busy = false; // guarded by m_mutex
+};
+
+} // namespace noxelements
+
+#endif
