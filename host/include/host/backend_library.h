@@ -1,0 +1,44 @@
+#ifndef HOST_BACKEND_LIBRARY_H
+#define HOST_BACKEND_LIBRARY_H
+
+#include "uva/uva_media_backend.h"
+
+#include <memory>
+#include <string>
+
+class UVAClient;
+
+namespace host {
+
+/// A backend library in this process. Once loaded it stays: its threads, and the code of the events
+/// that it raised, may outlive every backend.
+///
+/// The two operations belong on the event loop's thread.
+class BackendLibrary {
+public:
+    struct Loaded {
+        std::shared_ptr<BackendLibrary> library; ///< null: see `error`
+        std::string error;                       ///< what went wrong and what to do, one line
+    };
+
+    /// An empty path means the environment's UVA_BACKEND_LIBRARY, else the default name, which the
+    /// dynamic linker looks for.
+    static Loaded load(const std::string& path);
+
+    UVAMediaBackend* request(UVABackend::UVABackendType type, UVAClient* client) const;
+    bool release(UVAMediaBackend* backend) const;
+
+private:
+    using Request = UVAMediaBackend* (*)(unsigned int type, UVAClient* client);
+    using Release = bool (*)(UVAMediaBackend* backend);
+
+    BackendLibrary(Request requestBackend, Release releaseBackend)
+        : m_request(requestBackend), m_release(releaseBackend) {}
+
+    const Request m_request;
+    const Release m_release;
+};
+
+} // namespace host
+
+#endif

@@ -1,0 +1,96 @@
+#ifndef HOST_MEDIA_ELEMENT_H
+#define HOST_MEDIA_ELEMENT_H
+
+#include "host/observer.h"
+#include "host/picture.h"
+#include "uva/uva_backend.h"
+
+#include <chrono>
+#include <future>
+#include <memory>
+#include <optional>
+#include <string>
+
+namespace host {
+
+class BackendLibrary;
+class ElementCore;
+class EventLoop;
+
+/// What the host answers when a sink asks for the set's decoder.
+enum class ResourcePolicy { Grant, Deny };
+
+/// A media element: one backend, one piece of media, from open() to release().
+///
+/// Thread-safe. The calls return at once and take effect on the event loop, where every operation
+/// of the backend is made; what came of them goes to the observer.
+class MediaElement {
+public:
+    struct Options {
+        ResourcePolicy resources = ResourcePolicy::Grant;
+        std::string userAgent = "uva-host";
+
+        /// How often the position is read.
+        std::chrono::milliseconds tick{100};
+
+        /// Playback that does not move for so long has failed; 0: wait for ever. A backend keeps
+        /// most errors of the media to itself, so this is the only way to notice them.
+        std::chrono::milliseconds noProgress{5000};
+        /// The same for media that comes over a network.
+        std::chrono::milliseconds noProgressNetwork{15000};
+    };
+
+    struct Capture {
+        Picture picture;
+        std::string error; ///< empty: the picture is there
+    };
+
+    /// An operation of the backend that has not returned yet.
+    struct Operation {
+        std::string name;
+        Clock::time_point since;
+    };
+
+    /// The observer must live until release() has returned.
+    MediaElement(std::shared_ptr<const BackendLibrary> library, std::shared_ptr<EventLoop> loop,
+                 Observer& observer, Options options);
+
+    /// As release() with a bound of ten seconds.
+    ~MediaElement();
+
+    MediaElement(const MediaElement&) = delete;
+    MediaElement& operator=(const MediaElement&) = delete;
+
+    /// Requests the backend and gives it the media. Once an element; later calls do nothing.
+    void open(std::string uri);
+    void play();
+    void pause();
+
+    /// Seconds. One seek is under way at a time; one more waits, and a newer request takes its
+    /// place. A seek before playback has started waits for it.
+    void seek(double seconds);
+
+    /// In a screen of 1280 by 720.
+    void setWindow(const UVABackend::Rect& window);
+
+    /// The picture on screen in its own size.
+    std::future<Capture> capture();
+
+    /// Ends playback and hands the backend back. Once it has returned the observer is not called
+    /// any more. False when the backend did not return within the bound: the event loop's thread
+    /// hangs in it, and both are left behind; later calls answer the same. From one thread, and
+    /// not from the observer.
+    bool release(std::chrono::milliseconds bound);
+
+    /// What the backend is busy with: how a front end notices one that hangs.
+    std::optional<Operation> operationUnderWay() const;
+
+private:
+    const std::shared_ptr<EventLoop> m_loop;
+    const std::shared_ptr<ElementCore> m_core;
+    std::optional<bool> m_released; // what release() answered
+};
+
+} // namespace host
+
+#endif

@@ -1,0 +1,127 @@
+#ifndef HOST_ELEMENT_CORE_H
+#define HOST_ELEMENT_CORE_H
+
+#include "host/event_loop.h"
+#include "host/media_element.h"
+#include "progress_watch.h"
+#include "uva/uva_client.h"
+
+#include <atomic>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+class UVAAsyncEvent;
+class UVAEvent;
+class UVAMediaBackend;
+
+namespace host {
+
+class BackendLibrary;
+
+/// The media element on its event loop. Bound to the loop's thread, but for deliverEvent(),
+/// closeGate() and operationUnderWay(). Tasks share its ownership: should the loop's thread hang in
+/// the backend, it keeps what it stands on.
+class ElementCore final : public UVAClient, public std::enable_shared_from_this<ElementCore> {
+public:
+    ElementCore(std::shared_ptr<const BackendLibrary> library, std::shared_ptr<EventLoop> loop,
+                Observer& observer, MediaElement::Options options);
+    ~ElementCore() override;
+
+    void deliverEvent(UVAEvent* event) override; ///< any thread
+
+    void open(const std::string& uri);
+    void play();
+    void pause();
+    void seek(double seconds);
+    void setWindow(const UVABackend::Rect& window);
+    MediaElement::Capture capture();
+    void release();
+
+    /// Once it has returned the observer is not called any more. Any thread but the observer's
+    /// call.
+    void closeGate();
+    std::optional<MediaElement::Operation> operationUnderWay() const; ///< any thread
+
+private:
+    /// What an event says, copied while it is delivered: the components in it are the backend's and
+    /// may change later.
+    struct Delivery {
+        std::shared_ptr<UVAEvent> event;
+        Record record;
+        std::vector<std::pair<const void*, Component>> added;
+    };
+
+    void answerResourceRequest(UVAMediaBackend& backend, std::unique_ptr<UVAAsyncEvent> event);
+    void handle(const Delivery& delivery);
+    void act(const Delivery& delivery);
+    void completeCancel(const UVAAsyncEvent& event);
+    void takeMetadata(const UVAEvent& event);
+    void takeComponents(const Delivery& delivery);
+    void underrun();
+    void buffered();
+
+    void startQueuedSeek();
+    void finishSeek(SeekOutcome outcome);
+    void answerSeek(double target, SeekOutcome outcome);
+    void abortSeeks();
+
+    void tick();
+    void refreshPosition();
+    void moved();
+    bool expectsProgress() const;
+    std::chrono::milliseconds progressBound() const;
+    void noProgress(std::chrono::milliseconds bound);
+    bool nearEnd() const;
+    void considerEnd();
+
+    bool over() const;
+    void settle();
+    void setState(State state);
+    void fail(std::string reason);
+    void publishStatus();
+    template <typename Call>
+    void observe(Call call);
+
+    template <typename Call>
+    auto busy(const char* name, Call call);
+    template <typename Call>
+    auto operate(const char* name, std::vector<Argument> arguments, Call call);
+
+    const std::shared_ptr<const BackendLibrary> m_library;
+    const std::shared_ptr<EventLoop> m_loop;
+    const MediaElement::Options m_options;
+
+    /// Held while the observer is called, so that closeGate() waits for a call under way.
+    std::mutex m_gate;
+    Observer* m_observer; // guarded by m_gate; null once closed
+
+    mutable std::mutex m_operationMutex; // guards m_operation; nothing is called under it
+    std::optional<MediaElement::Operation> m_operation;
+
+    std::atomic<UVAMediaBackend*> m_backend{nullptr}; // also read where events are delivered
+    std::atomic<bool> m_releasing{false};
+
+    Status m_status;
+    std::vector<const void*> m_componentKeys; // one for each of m_status.components
+    bool m_network = false;
+    bool m_wantPlaying = false;
+    bool m_started = false; // something was played
+
+    std::optional<double> m_seekInFlight;
+    std::optional<double> m_seekQueued;
+    bool m_seekFromEnd = false; // the one in flight began where playback had ended
+    bool m_settling = false;    // from a seek's beginning until the position moves again
+    bool m_endSeen = false;     // an end that may be from before the seek
+
+    ProgressWatch m_watch;
+    EventLoop::TimerId m_timer = 0;
+};
+
+} // namespace host
+
+#endif

@@ -1,0 +1,15 @@
+#ifndef HOST_EVENT_DESCRIPTION_H
+#define HOST_EVENT_DESCRIPTION_H
+
+#include "host/record.h"
+
+class UVAEvent;
+
+namespace host {
+
+/// A record of the event with its name and members, delivered now.
+Record describe(const UVAEvent& event);
+
+} // namespace host
+
+#endif

@@ -1,0 +1,144 @@
+#include "host/event_loop.h"
+
+#include <algorithm>
+#include <condition_variable>
+#include <deque>
+#include <map>
+#include <mutex>
+#include <utility>
+
+namespace host {
+
+/// Shared with the thread, so that a thread left behind has something to stand on.
+struct EventLoop::State {
+    struct Timer {
+        Clock::time_point due;
+        Clock::duration interval;
+        Task task;
+    };
+
+    std::mutex mutex; // guards all below; tasks run without it
+    std::condition_variable changed;
+    std::deque<Task> tasks;
+    std::map<TimerId, Timer> timers;
+    TimerId lastTimer = 0;
+    bool stopping = false;
+    bool ended = false;
+
+    void run();
+    Task next(std::unique_lock<std::mutex>& lock);
+    Task takeDueTimer();
+    Clock::time_point firstDue() const;
+};
+
+void EventLoop::State::run() {
+    std::unique_lock lock(mutex);
+    while (auto task = next(lock)) {
+        lock.unlock();
+        task();
+        task = nullptr; // what it holds goes without the lock
+        lock.lock();
+    }
+    ended = true;
+    changed.notify_all();
+}
+
+/// Waits for something to do; empty when the loop stops. Due timers come first: they are few, and a
+/// flood of events must not starve the watchdogs.
+EventLoop::Task EventLoop::State::next(std::unique_lock<std::mutex>& lock) {
+    while (!stopping) {
+        if (auto task = takeDueTimer())
+            return task;
+        if (!tasks.empty()) {
+            Task task = std::move(tasks.front());
+            tasks.pop_front();
+            return task;
+        }
+        if (timers.empty())
+            changed.wait(lock);
+        else
+            changed.wait_until(lock, firstDue());
+    }
+    return nullptr;
+}
+
+EventLoop::Task EventLoop::State::takeDueTimer() {
+    const auto now = Clock::now();
+    for (auto& [id, timer] : timers) {
+        if (timer.due > now)
+            continue;
+        timer.due = now + timer.interval;
+        return timer.task;
+    }
+    return nullptr;
+}
+
+Clock::time_point EventLoop::State::firstDue() const {
+    auto first = Clock::time_point::max();
+    for (const auto& [id, timer] : timers)
+        first = std::min(first, timer.due);
+    return first;
+}
+
+EventLoop::EventLoop()
+    : m_state(std::make_shared<State>()), m_thread([state = m_state] { state->run(); }) {}
+
+EventLoop::~EventLoop() {
+    stop(std::chrono::seconds(2));
+}
+
+bool EventLoop::post(Task task) {
+    {
+        const std::lock_guard lock(m_state->mutex);
+        if (m_state->stopping)
+            return false;
+        m_state->tasks.push_back(std::move(task));
+    }
+    m_state->changed.notify_all();
+    return true;
+}
+
+EventLoop::TimerId EventLoop::startTimer(Clock::duration interval, Task task) {
+    TimerId id = 0;
+    {
+        const std::lock_guard lock(m_state->mutex);
+        id = ++m_state->lastTimer;
+        m_state->timers[id] = {Clock::now() + interval, interval, std::move(task)};
+    }
+    m_state->changed.notify_all();
+    return id;
+}
+
+void EventLoop::cancelTimer(TimerId id) {
+    Task dropped;
+    const std::lock_guard lock(m_state->mutex);
+    const auto it = m_state->timers.find(id);
+    if (it == m_state->timers.end())
+        return;
+    dropped = std::move(it->second.task);
+    m_state->timers.erase(it);
+}
+
+bool EventLoop::stop(Clock::duration bound) {
+    if (!m_thread.joinable())
+        return true;
+    std::deque<Task> droppedTasks;
+    std::map<TimerId, State::Timer> droppedTimers;
+    bool ended = false;
+    {
+        std::unique_lock lock(m_state->mutex);
+        m_state->stopping = true;
+        droppedTasks.swap(m_state->tasks);
+        droppedTimers.swap(m_state->timers);
+        m_state->changed.notify_all();
+        const bool own = m_thread.get_id() == std::this_thread::get_id();
+        ended = !own && m_state->changed.wait_for(lock, bound, [this] { return m_state->ended; });
+    }
+    if (ended)
+        m_thread.join();
+    else
+        m_thread.detach();
+    return ended;
+}
+
+} // namespace host

@@ -1,0 +1,66 @@
+#include "host/media_element.h"
+
+#include "element_core.h"
+#include "host/event_loop.h"
+
+#include <utility>
+
+namespace host {
+
+MediaElement::MediaElement(std::shared_ptr<const BackendLibrary> library,
+                           std::shared_ptr<EventLoop> loop, Observer& observer, Options options)
+    : m_loop(loop), m_core(std::make_shared<ElementCore>(std::move(library), std::move(loop),
+                                                         observer, std::move(options))) {}
+
+MediaElement::~MediaElement() {
+    release(std::chrono::seconds(10));
+}
+
+void MediaElement::open(std::string uri) {
+    m_loop->post([core = m_core, uri = std::move(uri)] { core->open(uri); });
+}
+
+void MediaElement::play() {
+    m_loop->post([core = m_core] { core->play(); });
+}
+
+void MediaElement::pause() {
+    m_loop->post([core = m_core] { core->pause(); });
+}
+
+void MediaElement::seek(double seconds) {
+    m_loop->post([core = m_core, seconds] { core->seek(seconds); });
+}
+
+void MediaElement::setWindow(const UVABackend::Rect& window) {
+    m_loop->post([core = m_core, window] { core->setWindow(window); });
+}
+
+std::future<MediaElement::Capture> MediaElement::capture() {
+    auto promise = std::make_shared<std::promise<Capture>>();
+    auto answer = promise->get_future();
+    if (!m_loop->post([core = m_core, promise] { promise->set_value(core->capture()); }))
+        promise->set_value({{}, "the event loop has ended"});
+    return answer;
+}
+
+bool MediaElement::release(std::chrono::milliseconds bound) {
+    if (m_released)
+        return *m_released;
+    const auto released = std::make_shared<std::promise<void>>();
+    const auto answer = released->get_future();
+    const bool posted = m_loop->post([core = m_core, released] {
+        core->release();
+        released->set_value();
+    });
+    m_released = posted && answer.wait_for(bound) == std::future_status::ready;
+    if (!*m_released)
+        m_core->closeGate();
+    return *m_released;
+}
+
+std::optional<MediaElement::Operation> MediaElement::operationUnderWay() const {
+    return m_core->operationUnderWay();
+}
+
+} // namespace host

@@ -1,0 +1,169 @@
+#include "display.h"
+
+#include "terminal.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstdarg>
+#include <cstdio>
+
+namespace uvahost {
+
+namespace {
+
+constexpr const char* clearLine = "\r\x1b[K";
+
+/// Through the stream that the backend's own lines take, so that they do not overtake each other.
+/// Errors stay in the stream: they are looked at once, at the end.
+void print(const std::string& text) {
+    std::fputs(text.c_str(), stdout);
+    std::fflush(stdout);
+}
+
+[[gnu::format(printf, 1, 2)]] std::string format(const char* pattern, ...) {
+    char text[256];
+    va_list values;
+    va_start(values, pattern);
+    std::vsnprintf(text, sizeof text, pattern, values);
+    va_end(values);
+    return text;
+}
+
+std::string toText(const host::Value& value) {
+    struct Visitor {
+        std::string operator()(bool v) const { return v ? "true" : "false"; }
+        std::string operator()(long long v) const { return std::to_string(v); }
+        std::string operator()(double v) const { return format("%.3f", v); }
+        std::string operator()(const std::string& v) const { return "'" + printable(v) + "'"; }
+    };
+    return std::visit(Visitor(), value);
+}
+
+std::string toText(const std::vector<host::Argument>& arguments) {
+    std::string text;
+    for (const auto& argument : arguments)
+        text += " " + argument.name + "=" + toText(argument.value);
+    return text;
+}
+
+double milliseconds(host::Clock::duration time) {
+    return std::chrono::duration<double, std::milli>(time).count();
+}
+
+std::string bar(double fraction, int columns) {
+    const int inner = columns - 2;
+    const int filled = std::clamp(static_cast<int>(std::lround(fraction * inner)), 0, inner);
+    const auto count = static_cast<std::size_t>(filled);
+    const auto rest = static_cast<std::size_t>(inner - filled);
+    return "[" + std::string(count, '=') + std::string(rest, ' ') + "]";
+}
+
+} // namespace
+
+Display::~Display() = default;
+
+std::string printable(const std::string& text) {
+    std::string result = text;
+    for (char& c : result)
+        if (static_cast<unsigned char>(c) < 0x20 || c == 0x7f)
+            c = '?';
+    return result;
+}
+
+std::string clockText(double seconds) {
+    const auto whole = static_cast<long long>(std::max(0.0, seconds));
+    const auto hours = whole / 3600;
+    const auto minutes = whole / 60 % 60;
+    return hours > 0 ? format("%lld:%02lld:%02lld", hours, minutes, whole % 60)
+                     : format("%lld:%02lld", minutes, whole % 60);
+}
+
+std::string statusLine(const host::Status& status, int width) {
+    constexpr int narrowestBar = 12;
+    constexpr int widestBar = 60;
+    std::string line =
+        format("%-9s %s", host::name(status.state), clockText(status.position).c_str());
+    if (status.duration > 0)
+        line += " / " + clockText(status.duration);
+    std::string size;
+    if (status.width > 0 && status.height > 0)
+        size = format(" %dx%d", status.width, status.height);
+
+    const int used = static_cast<int>(line.size() + size.size());
+    const int room = std::min(width - used - 1, widestBar);
+    if (status.duration > 0 && room >= narrowestBar)
+        line += " " + bar(status.position / status.duration, room);
+    if (static_cast<int>(line.size() + size.size()) <= width)
+        line += size;
+    return line.substr(0, static_cast<std::size_t>(std::max(0, width)));
+}
+
+// ---- the log
+
+void LogDisplay::line(host::Clock::time_point time, const std::string& text) {
+    print(format("%10.6f ", std::chrono::duration<double>(time - m_start).count()) + text + "\n");
+}
+
+void LogDisplay::begin(const std::string& media) {
+    m_state = host::State::Idle;
+    line(host::Clock::now(), "media " + printable(media));
+}
+
+void LogDisplay::show(const host::Record& record) {
+    const bool event = record.kind == host::Record::Kind::Event;
+    std::string text = (event ? "event " : "call  ") + record.name + toText(record.arguments);
+    if (!event)
+        text += format(" (%.3f ms)", milliseconds(record.duration));
+    line(record.time, text);
+}
+
+void LogDisplay::show(const host::Status& status) {
+    if (status.state == m_state)
+        return;
+    m_state = status.state;
+    line(status.time, std::string("state ") + host::name(status.state) + " at " +
+                          format("%.3f s", status.position));
+}
+
+void LogDisplay::end() {}
+
+void LogDisplay::summary(const std::string& text) {
+    line(host::Clock::now(), "done  " + text);
+}
+
+// ---- the live line
+
+LiveDisplay::~LiveDisplay() {
+    end();
+}
+
+void LiveDisplay::begin(const std::string& media) {
+    print(printable(media) + (m_withKeys ? "   (space: pause, arrows: 10 s, q: quit)\n" : "\n"));
+    m_status = {};
+}
+
+void LiveDisplay::show(const host::Status& status) {
+    m_status = status;
+    redraw();
+}
+
+/// The backend has printed its lines once the element is no more idle.
+void LiveDisplay::redraw() {
+    if (m_status.state == host::State::Idle)
+        return;
+    print(clearLine + statusLine(m_status, Terminal::width() - 1));
+    m_drawn = true;
+}
+
+void LiveDisplay::end() {
+    if (m_drawn)
+        print(clearLine);
+    m_drawn = false;
+    m_status.state = host::State::Idle;
+}
+
+void LiveDisplay::summary(const std::string& text) {
+    print(text + "\n");
+}
+
+} // namespace uvahost

@@ -1,0 +1,45 @@
+#ifndef UVA_HOST_OPTIONS_H
+#define UVA_HOST_OPTIONS_H
+
+#include "uva/uva_backend.h"
+
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace uvahost {
+
+/// What the command line asks for. Times in seconds.
+struct Options {
+    std::vector<std::string> media; ///< as the user named them
+    std::string backend;            ///< empty: the default
+    bool standalone = false;
+    bool denyResources = false;
+    bool quiet = false;
+    std::vector<double> seeks;
+    std::optional<double> duration;
+    std::optional<double> noProgressTimeout;
+    std::optional<UVABackend::Rect> window;
+    std::string snapshot; ///< output files; empty: not wanted
+    std::optional<double> snapshotAt;
+    std::string graph;
+    std::string timeline;
+};
+
+struct Parsed {
+    std::optional<Options> options; ///< nothing: print `text` and exit with `exitCode`
+    int exitCode = 0;               ///< 0: the text goes to standard output
+    std::string text;
+};
+
+Parsed parseOptions(int argc, const char* const* argv);
+
+/// "12", "12.5", "1:02" or "1:00:02.5".
+std::optional<double> parseTime(const std::string& text);
+
+/// "X,Y,WxH", with a size that is positive and whole numbers that fit a screen.
+std::optional<UVABackend::Rect> parseWindow(const std::string& text);
+
+} // namespace uvahost
+
+#endif

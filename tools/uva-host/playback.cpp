@@ -1,0 +1,299 @@
+#include "playback.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <poll.h>
+#include <unistd.h>
+#include <utility>
+
+namespace uvahost {
+
+namespace {
+
+using std::chrono::duration;
+using std::chrono::duration_cast;
+using std::chrono::milliseconds;
+
+/// No operation of a backend takes so long; the first one may search all plug-ins.
+constexpr auto hangBound = std::chrono::seconds(30);
+constexpr auto captureBound = std::chrono::seconds(5);
+
+milliseconds inMilliseconds(double seconds) {
+    return duration_cast<milliseconds>(duration<double>(seconds));
+}
+
+host::MediaElement::Options elementOptions(const Options& options) {
+    host::MediaElement::Options result;
+    if (options.denyResources)
+        result.resources = host::ResourcePolicy::Deny;
+    if (options.noProgressTimeout)
+        result.noProgress = result.noProgressNetwork = inMilliseconds(*options.noProgressTimeout);
+    if (options.snapshotAt)
+        result.tick = milliseconds(20); // a picture's time
+    return result;
+}
+
+std::string seconds(double value) {
+    char text[32];
+    std::snprintf(text, sizeof text, "%.1f s", value);
+    return text;
+}
+
+} // namespace
+
+Playback::Playback(Stage& stage, std::string name, bool last)
+    : m_stage(stage), m_name(std::move(name)),
+      m_wantSnapshot(last && !stage.options.snapshot.empty()),
+      m_element(stage.library, stage.loop, m_inbox, elementOptions(stage.options)),
+      m_seeksLeft(stage.options.seeks.begin(), stage.options.seeks.end()) {}
+
+Playback::Result Playback::play(const std::string& uri) {
+    m_status.time = host::Clock::now();
+    m_stage.display.begin(m_name);
+    m_stage.timeline.mediaBegins(m_name, m_status.time);
+    m_stage.terminal.enter();
+
+    m_element.open(uri);
+    if (m_stage.options.window)
+        m_element.setWindow(*m_stage.options.window);
+    m_element.play();
+    nextSeek();
+    while (m_stop == Stop::None) {
+        wait();
+        takeSignals();
+        takeKeys();
+        takeMessages();
+        checkTimes();
+    }
+    finish();
+    return std::move(m_result);
+}
+
+void Playback::wait() {
+    milliseconds bound{200}; // how often a backend that hangs is looked for
+    if (m_stage.options.duration && m_status.state == host::State::Playing) {
+        const auto passed = m_played + (host::Clock::now() - m_status.time);
+        const auto left = duration<double>(*m_stage.options.duration) - passed;
+        const auto rounded = duration_cast<milliseconds>(left) + milliseconds(1);
+        bound = std::clamp(rounded, milliseconds(0), bound);
+    }
+    pollfd fds[] = {{m_inbox.fd(), POLLIN, 0},
+                    {m_stage.signals.fd(), POLLIN, 0},
+                    {m_keyboard ? m_stage.terminal.keyFd() : -1, POLLIN, 0}};
+    poll(fds, std::size(fds), static_cast<int>(bound.count()));
+}
+
+// ---- what the element reports
+
+void Playback::takeMessages() {
+    for (const auto& message : m_inbox.takeAll()) {
+        if (const auto* record = std::get_if<host::Record>(&message)) {
+            m_stage.display.show(*record);
+            m_stage.timeline.add(*record);
+        } else if (const auto* status = std::get_if<host::Status>(&message)) {
+            take(*status);
+        } else {
+            take(std::get<SeekAnswer>(message));
+        }
+    }
+    if (m_status.state == host::State::Failed)
+        fail(m_status.reason);
+    if (m_status.state == host::State::Ended && m_seeksOpen == 0)
+        stop(Stop::Ended);
+}
+
+void Playback::take(const host::Status& status) {
+    if (m_status.state == host::State::Playing)
+        m_played += status.time - m_status.time;
+    m_status = status;
+    m_stage.display.show(status);
+    m_stage.timeline.add(status);
+    const bool settled = status.state != host::State::Seeking;
+    if (m_wantSnapshot && m_stage.options.snapshotAt && m_result.snapshot.rgba.empty() && settled &&
+        status.position >= *m_stage.options.snapshotAt)
+        snapshot();
+}
+
+void Playback::take(const SeekAnswer& answer) {
+    if (--m_seeksOpen == 0)
+        m_lastTarget.reset();
+    if (m_seekFromList != answer.target)
+        return;
+    m_seekFromList.reset();
+    if (answer.outcome == host::SeekOutcome::Failed)
+        return fail("the seek to " + seconds(answer.target) + " failed");
+    nextSeek();
+}
+
+// ---- what the user does
+
+void Playback::takeKeys() {
+    const int fd = m_stage.terminal.keyFd();
+    pollfd keyboard = {fd, POLLIN, 0};
+    if (fd < 0 || !m_keyboard || poll(&keyboard, 1, 0) <= 0)
+        return;
+    char bytes[64];
+    const auto count = read(fd, bytes, sizeof bytes);
+    if (count > 0)
+        for (const Key key : m_keys.decode(std::string(bytes, static_cast<std::size_t>(count))))
+            act(key);
+    else if (count == 0 || errno != EINTR)
+        m_keyboard = false;
+}
+
+void Playback::act(Key key) {
+    constexpr double stepSeconds = 10;
+    switch (key) {
+    case Key::Pause:
+        if (m_status.state == host::State::Paused)
+            m_element.play();
+        else
+            m_element.pause();
+        break;
+    case Key::Back:
+        step(-stepSeconds);
+        break;
+    case Key::Forward:
+        step(stepSeconds);
+        break;
+    case Key::Quit:
+        m_result.quit = true;
+        stop(Stop::Quit);
+        break;
+    }
+}
+
+/// From the newest target while a seek is under way, so that quick steps add up.
+void Playback::step(double seconds) {
+    double target = std::max(0.0, m_lastTarget.value_or(m_status.position) + seconds);
+    if (m_status.duration > 0)
+        target = std::min(target, m_status.duration);
+    requestSeek(target);
+}
+
+void Playback::nextSeek() {
+    if (m_seeksLeft.empty())
+        return;
+    m_seekFromList = m_seeksLeft.front();
+    m_seeksLeft.pop_front();
+    requestSeek(*m_seekFromList);
+}
+
+void Playback::requestSeek(double target) {
+    ++m_seeksOpen;
+    m_lastTarget = target;
+    m_element.seek(target);
+}
+
+void Playback::takeSignals() {
+    while (const int number = m_stage.signals.take()) {
+        switch (number) {
+        case SIGWINCH:
+            m_stage.display.redraw();
+            break;
+        case SIGTSTP:
+            suspend();
+            break;
+        case SIGCONT:
+            m_stage.terminal.enter();
+            m_stage.display.redraw();
+            break;
+        default:
+            m_result.signal = number;
+            stop(Stop::Signal);
+        }
+    }
+}
+
+/// Ctrl-Z: the shell gets its terminal as it was. SIGCONT brings us back.
+void Playback::suspend() {
+    m_stage.terminal.restore();
+    if (m_stage.terminal.isLive())
+        std::fputs("\n", stdout);
+    std::fflush(stdout);
+    raise(SIGSTOP);
+}
+
+// ---- the end
+
+void Playback::checkTimes() {
+    if (m_stop != Stop::None)
+        return;
+    const auto now = host::Clock::now();
+    const auto operation = m_element.operationUnderWay();
+    if (operation && now - operation->since > hangBound)
+        return fail("the backend hangs in " + operation->name + "; see the system log");
+    if (!m_stage.options.duration || m_status.state != host::State::Playing)
+        return;
+    if (m_played + (now - m_status.time) >= duration<double>(*m_stage.options.duration))
+        stop(Stop::Elapsed);
+}
+
+void Playback::snapshot() {
+    auto answer = m_element.capture();
+    if (answer.wait_for(captureBound) != std::future_status::ready)
+        return fail("no snapshot: the backend did not answer in time");
+    auto capture = answer.get();
+    if (!capture.error.empty())
+        return fail("no snapshot: " + capture.error);
+    m_result.snapshot = std::move(capture.picture);
+}
+
+void Playback::fail(std::string reason) {
+    if (m_result.error.empty())
+        m_result.error = std::move(reason);
+    stop(Stop::Failed);
+}
+
+void Playback::stop(Stop reason) {
+    if (m_stop == Stop::None)
+        m_stop = reason;
+}
+
+void Playback::finish() {
+    if (m_status.state == host::State::Playing)
+        m_played += host::Clock::now() - m_status.time;
+    if (m_wantSnapshot && m_stop != Stop::Failed && m_result.snapshot.rgba.empty()) {
+        if (m_stage.options.snapshotAt)
+            fail("no snapshot: playback did not reach " + seconds(*m_stage.options.snapshotAt));
+        else
+            snapshot();
+    }
+    m_stage.terminal.restore();
+    m_stage.display.end();
+    if (m_stop == Stop::Signal)
+        m_stage.signals.giveBack();
+    m_result.abandoned = !m_element.release(duration_cast<milliseconds>(hangBound));
+    if (m_result.abandoned && m_result.error.empty())
+        m_result.error = "the backend did not come back from its release; see the system log";
+
+    // What the release itself has brought: no more than records.
+    for (const auto& message : m_inbox.takeAll())
+        if (const auto* record = std::get_if<host::Record>(&message)) {
+            m_stage.display.show(*record);
+            m_stage.timeline.add(*record);
+        }
+    m_stage.timeline.mediaEnds(host::Clock::now());
+    if (m_result.error.empty())
+        m_stage.display.summary(summary());
+}
+
+std::string Playback::summary() const {
+    static constexpr const char* how[] = {"", "to the end",          "as long as asked",
+                                          "", "until q was pressed", "until interrupted"};
+    std::string text = printable(m_name) + ": played " +
+                       seconds(duration<double>(m_played).count()) + " " +
+                       how[static_cast<std::size_t>(m_stop)];
+    if (m_status.width > 0 && m_status.height > 0)
+        text += ", " + std::to_string(m_status.width) + "x" + std::to_string(m_status.height);
+    if (m_status.duration > 0)
+        text += ", " + seconds(m_status.duration) + " long";
+    for (const auto& component : m_status.components)
+        if (!component.encoding.empty())
+            text += ", " + printable(component.encoding);
+    return text;
+}
+
+} // namespace uvahost

@@ -1,0 +1,89 @@
+#ifndef UVA_HOST_PLAYBACK_H
+#define UVA_HOST_PLAYBACK_H
+
+#include "display.h"
+#include "host/media_element.h"
+#include "inbox.h"
+#include "options.h"
+#include "signals.h"
+#include "terminal.h"
+#include "timeline.h"
+
+#include <deque>
+#include <memory>
+#include <optional>
+#include <string>
+
+namespace uvahost {
+
+/// What the playbacks of one run share.
+struct Stage {
+    const Options& options;
+    Signals& signals;
+    Terminal& terminal;
+    Display& display;
+    Timeline& timeline;
+    std::shared_ptr<const host::BackendLibrary> library;
+    std::shared_ptr<host::EventLoop> loop;
+};
+
+/// Plays one piece of media, from the request of its backend to the release. Bound to the program's
+/// own thread.
+class Playback {
+public:
+    struct Result {
+        std::string error;      ///< empty: it went well
+        int signal = 0;         ///< the one that ended it
+        bool quit = false;      ///< the user has had enough
+        bool abandoned = false; ///< the backend hangs; the event loop cannot be used any more
+        host::Picture snapshot; ///< empty when none was asked for
+    };
+
+    /// `last`: the one that the snapshot is taken of.
+    Playback(Stage& stage, std::string name, bool last);
+
+    Result play(const std::string& uri);
+
+private:
+    enum class Stop { None, Ended, Elapsed, Failed, Quit, Signal };
+
+    void wait();
+    void takeMessages();
+    void take(const host::Status& status);
+    void take(const SeekAnswer& answer);
+    void takeKeys();
+    void takeSignals();
+    void suspend();
+    void act(Key key);
+    void step(double seconds);
+    void nextSeek();
+    void requestSeek(double target);
+    void checkTimes();
+    void snapshot();
+    void fail(std::string reason);
+    void stop(Stop reason);
+    void finish();
+    std::string summary() const;
+
+    Stage& m_stage;
+    const std::string m_name;
+    const bool m_wantSnapshot;
+    Inbox m_inbox;
+    host::MediaElement m_element; // behind the inbox, which must outlive it
+    KeyDecoder m_keys;
+    bool m_keyboard = true; // until its end was read
+
+    host::Status m_status;
+    host::Clock::duration m_played{}; // spent playing, up to m_status.time
+    std::deque<double> m_seeksLeft;
+    std::optional<double> m_seekFromList; // the one under way
+    std::optional<double> m_lastTarget;   // of the newest seek, while any is under way
+    int m_seeksOpen = 0;
+
+    Stop m_stop = Stop::None;
+    Result m_result;
+};
+
+} // namespace uvahost
+
+#endif

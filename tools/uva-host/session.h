@@ -1,0 +1,49 @@
+#ifndef UVA_HOST_SESSION_H
+#define UVA_HOST_SESSION_H
+
+#include "options.h"
+#include "playback.h"
+#include "timeline.h"
+
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace uvahost {
+
+class PipelineGraph;
+
+/// One run of the program.
+class Session {
+public:
+    explicit Session(Options options);
+    ~Session();
+
+    Session(const Session&) = delete;
+    Session& operator=(const Session&) = delete;
+
+    /// The exit code.
+    int run();
+
+    /// A backend hangs: only the process's end stops its threads.
+    bool abandoned() const { return m_abandoned; }
+
+private:
+    bool findMedia();
+    bool checkOutputs();
+    void playAll(Stage& stage);
+    void writeOutputs(const Timeline& timeline);
+    void checkLog();
+    void fail(const std::string& text);
+
+    const Options m_options;
+    std::vector<std::string> m_uris;
+    std::unique_ptr<PipelineGraph> m_graph; ///< null: not asked for
+    host::Picture m_snapshot;
+    int m_exitCode = 0;
+    bool m_abandoned = false;
+};
+
+} // namespace uvahost
+
+#endif
