@@ -1,0 +1,145 @@
+#!/usr/bin/env python3
+"""Playback over HTTP from a server of our own: what networks do to a television.
+
+Usage: http_test.py CLIP_FOLDER
+"""
+
+import http.server
+import os
+import pathlib
+import re
+import socket
+import sys
+import threading
+import time
+import unittest
+
+sys.path.insert(0, os.path.join(os.path.dirname(__file__), "..", "support"))
+import gtest_result  # noqa: E402
+from host_run import Run  # noqa: E402
+
+CLIPS = pathlib.Path(sys.argv[1])
+
+
+class Handler(http.server.BaseHTTPRequestHandler):
+    """Serves the clips; the first folder of the path says how."""
+
+    protocol_version = "HTTP/1.1"
+    requests = []  # (path, range header, user agent)
+    stop = threading.Event()  # lets stalled connections go
+
+    def do_GET(self):
+        Handler.requests.append((self.path, self.headers.get("Range"), self.headers.get("User-Agent")))
+        how, _, name = self.path.lstrip("/").partition("/")
+        if how == "redirect":
+            self.send_response(302)
+            self.send_header("Location", "/ranges/" + name)
+            self.send_header("Content-Length", "0")
+            self.end_headers()
+            return
+        path = CLIPS / name
+        if how not in ("ranges", "plain", "stalled", "cut") or not path.is_file():
+            self.send_error(404)
+            return
+        self.serve(how, path.read_bytes())
+
+    def serve(self, how, body):
+        start, end = 0, len(body) - 1
+        wanted = re.fullmatch(r"bytes=(\d+)-(\d*)", self.headers.get("Range", ""))
+        partial = how == "ranges" and wanted
+        if partial:
+            start = int(wanted[1])
+            end = min(int(wanted[2] or end), end)
+        self.send_response(206 if partial else 200)
+        if how == "ranges":
+            self.send_header("Accept-Ranges", "bytes")
+        if partial:
+            self.send_header("Content-Range", f"bytes {start}-{end}/{len(body)}")
+        self.send_header("Content-Type", "video/mp4")
+        self.send_header("Content-Length", str(end - start + 1))
+        self.end_headers()
+        data = body[start:end + 1]
+        if how in ("stalled", "cut"):
+            data = data[:len(data) // 4]
+        try:
+            self.wfile.write(data)
+            self.wfile.flush()
+        except OSError:
+            return  # the player has seen enough
+        if how == "stalled":
+            Handler.stop.wait()
+        if how in ("stalled", "cut"):
+            self.close_connection = True
+
+    def log_message(self, *_):
+        pass
+
+
+class Http(unittest.TestCase):
+    @classmethod
+    def setUpClass(cls):
+        cls.server = http.server.ThreadingHTTPServer(("127.0.0.1", 0), Handler)
+        cls.server.daemon_threads = True
+        threading.Thread(target=cls.server.serve_forever, daemon=True).start()
+        cls.base = f"http://127.0.0.1:{cls.server.server_address[1]}"
+
+    @classmethod
+    def tearDownClass(cls):
+        Handler.stop.set()
+        cls.server.shutdown()
+        cls.server.server_close()
+
+    def setUp(self):
+        Handler.requests.clear()
+
+    def assert_network_error(self, run):
+        self.assertEqual(run.code, 1, run.report())
+        self.assertTrue(run.named("BufferingNetworkError"), run.report())
+        self.assertRegex(run.errors.strip().splitlines()[-1], r"^uva-host: .+: .+")
+
+    def test_ranges_and_seek(self):
+        run = Run(self.base + "/ranges/clip.mp4", "--seek", "4")
+        self.assertEqual(run.code, 0, run.report())
+        self.assertTrue(any(wanted and wanted != "bytes=0-" for _, wanted, _ in Handler.requests),
+                        Handler.requests)
+
+    def test_whole_file_without_ranges(self):
+        run = Run(self.base + "/plain/h264-aac.ts")
+        self.assertEqual(run.code, 0, run.report())
+
+    def test_redirect(self):
+        run = Run(self.base + "/redirect/h264-aac.mp4")
+        self.assertEqual(run.code, 0, run.report())
+        self.assertGreaterEqual(len(Handler.requests), 2)
+
+    def test_user_agent_reaches_the_server(self):
+        Run(self.base + "/ranges/h264-aac.mp4", "--duration", "0.2")
+        self.assertTrue(all("uva-host" in (agent or "") for _, _, agent in Handler.requests),
+                        Handler.requests)
+
+    def test_not_found(self):
+        started = time.monotonic()
+        self.assert_network_error(Run(self.base + "/ranges/nothing.mp4"))
+        self.assertLess(time.monotonic() - started, 30)
+
+    def test_refused_connection(self):
+        with socket.socket() as closed:
+            closed.bind(("127.0.0.1", 0))
+            port = closed.getsockname()[1]
+        # The HTTP element reports no resource error here, so it is the lack of progress that tells.
+        run = Run(f"http://127.0.0.1:{port}/x.mp4", "--no-progress-timeout", "2")
+        self.assertEqual(run.code, 1, run.report())
+        self.assertIn("no progress", run.errors)
+
+    def test_stalled_connection_is_given_up(self):
+        run = Run(self.base + "/stalled/clip.mp4", "--no-progress-timeout", "2")
+        self.assertEqual(run.code, 1, run.report())
+        self.assertLess(run.seconds_between("UVA_ReleaseBackend", "UVA_ReleaseBackend"), 1.0)
+
+    def test_connection_cut_short_does_not_hang(self):
+        run = Run(self.base + "/cut/h264-aac.ts", "--no-progress-timeout", "3")
+        self.assertIn(run.code, (0, 1), run.report())
+
+
+sys.argv = sys.argv[:1]
+gtest_result.main()
