@@ -463,9 +463,7 @@ void ElementCore::refreshPosition() {
     const auto success = UVABackend::Success;
     if (busy("getPosition", [&] { return backend->getPosition(value); }) == success)
         m_status.position = value;
-    // The backend keeps the first answer, and before playback moves a fragmented file may know only
-    // of its first fragments.
-    if (m_status.duration > 0 || !m_started)
+    if (m_status.duration > 0)
         return;
     if (busy("getDuration", [&] { return backend->getDuration(value); }) == success && value > 0)
         m_status.duration = value;
