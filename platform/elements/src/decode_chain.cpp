@@ -36,6 +36,12 @@ void reportMissingParser(GstBin* bin, const char* parser) {
 
 } // namespace
 
+GstPtr<GstCaps> DecodeChain::codedCaps() const {
+    if (m_elements.empty())
+        return nullptr;
+    return GstPtr<GstCaps>(gst_pad_get_current_caps(sinkPadOf(m_elements.back()).get()));
+}
+
 bool DecodeChain::add(GstPtr<GstElement> element) {
     auto* previous = m_elements.empty() ? nullptr : m_elements.back();
     m_elements.push_back(element.get());

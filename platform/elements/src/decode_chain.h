@@ -16,6 +16,8 @@ public:
 
     /// The format that the chain was built for; null when there is none.
     const MediaFormat* format() const { return m_format; }
+    /// What the decoder is fed with, parsed; null before that and when there is no decoder.
+    GstPtr<GstCaps> codedCaps() const;
 
     /// Builds the chain between the ghost pad and the output and brings it to the bin's state.
     /// False when a part is not installed or refuses; the error is on the bus.

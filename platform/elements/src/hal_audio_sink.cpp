@@ -6,13 +6,19 @@
 
 namespace noxelements {
 
+namespace {
+
+constexpr const char* volumeName = "nox-volume";
+
+} // namespace
+
 void HalAudioSink::setVolume(double volume) {
     m_volume = volume;
     applyVolume();
 }
 
 void HalAudioSink::applyVolume() {
-    const GstPtr<GstElement> element(gst_bin_get_by_name(bin(), "volume"));
+    const GstPtr<GstElement> element(gst_bin_get_by_name(bin(), volumeName));
     if (element)
         g_object_set(element.get(), "volume", m_volume.load(), nullptr);
 }
@@ -28,7 +34,7 @@ void HalAudioSink::deactivated() {
 GstPtr<GstElement> HalAudioSink::makeDeviceOutput() {
     if (!hasSoundDevice())
         return nullptr;
-    return makeDeviceChain("audioconvert ! audioresample ! volume name=volume",
+    return makeDeviceChain("audioconvert ! audioresample ! volume name=nox-volume",
                            GST_ELEMENT_FACTORY_TYPE_MEDIA_AUDIO);
 }
 

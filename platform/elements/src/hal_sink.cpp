@@ -1,5 +1,9 @@
 #include "hal_sink.h"
 
+#include "inner_sinks.h"
+
+#include <gst/base/gstbasesink.h>
+
 GST_DEBUG_CATEGORY_STATIC(nox_elements_debug);
 #define GST_CAT_DEFAULT nox_elements_debug
 
@@ -222,6 +226,10 @@ GstPadProbeReturn HalSink::onOutputEvent(GstPad*, GstPadProbeInfo* info, gpointe
 
 void HalSink::reportFormat(GstCaps* decoded) {
     const auto* format = m_chain.format();
+    // A parser may know better than the caps that came in, the layer of MPEG audio for one.
+    if (const auto coded = m_chain.codedCaps())
+        if (const auto* parsed = m_formats.find(coded.get()))
+            format = parsed;
     auto structure = format ? describe(decoded, *format) : nullptr;
     if (!structure)
         return;
@@ -249,6 +257,7 @@ void HalSink::useDevice() {
     if (!device)
         return;
     swapOutput(device.get());
+    applyTimeOffset();
     deviceOutputAdded(device.get());
     watchOutput(device.get());
     gst_element_sync_state_with_parent(device.get());
@@ -260,6 +269,16 @@ void HalSink::swapOutput(GstElement* next) {
     gst_bin_add(m_bin, next);
     m_output = next;
     m_chain.remove(m_sinkPad, m_output);
+}
+
+void HalSink::setTimeOffset(gint64 offset) {
+    m_timeOffset = offset;
+    applyTimeOffset();
+}
+
+void HalSink::applyTimeOffset() {
+    for (const auto& sink : innerSinks(m_bin))
+        gst_base_sink_set_ts_offset(GST_BASE_SINK(sink.get()), m_timeOffset);
 }
 
 void HalSink::watchOutput(GstElement* output) {
@@ -275,16 +294,17 @@ GstStateChangeReturn HalSink::changeState(GstStateChange transition) {
                           ("No element 'fakesink': install libgstreamer1.0-0."), (nullptr));
         return GST_STATE_CHANGE_FAILURE;
     }
+    // A step to PAUSED that was given up half-way is undone by the step to NULL.
+    const bool down = transition == GST_STATE_CHANGE_PAUSED_TO_READY ||
+                      transition == GST_STATE_CHANGE_READY_TO_NULL;
     if (transition == GST_STATE_CHANGE_READY_TO_PAUSED)
         start();
-    if (transition == GST_STATE_CHANGE_PAUSED_TO_READY) {
+    if (down) {
         m_stopping = true;
         interrupt();
     }
     const auto result = parentClass->change_state(element, transition);
-    const bool failedToStart =
-        transition == GST_STATE_CHANGE_READY_TO_PAUSED && result == GST_STATE_CHANGE_FAILURE;
-    if (transition == GST_STATE_CHANGE_PAUSED_TO_READY || failedToStart)
+    if (down)
         stop();
     return result;
 }
@@ -292,7 +312,9 @@ GstStateChangeReturn HalSink::changeState(GstStateChange transition) {
 void HalSink::start() {
     m_stopping = false;
     m_flushing = false;
-    activated();
+    if (!m_active)
+        activated();
+    m_active = true;
 }
 
 /// Ends a wait for the turn to ask.
@@ -303,6 +325,9 @@ void HalSink::interrupt() {
 }
 
 void HalSink::stop() {
+    if (!m_active)
+        return;
+    m_active = false;
     deactivated();
     m_chain.remove(m_sinkPad, m_output);
     if (m_output != m_silent.get()) {
@@ -310,6 +335,7 @@ void HalSink::stop() {
         gst_element_set_state(device, GST_STATE_NULL);
         gst_element_set_state(m_silent.get(), GST_STATE_READY);
         swapOutput(m_silent.get());
+        applyTimeOffset();
         gst_bin_remove(m_bin, device);
     }
     m_reportedFormat.reset();
@@ -343,6 +369,22 @@ static void handleMessage(GstBin* bin, GstMessage* message) {
     reinterpret_cast<GstHalSink*>(bin)->impl->handleMessage(message);
 }
 
+enum { propTimeOffset = 1 };
+
+static void setProperty(GObject* object, guint id, const GValue* value, GParamSpec* spec) {
+    if (id == propTimeOffset)
+        reinterpret_cast<GstHalSink*>(object)->impl->setTimeOffset(g_value_get_int64(value));
+    else
+        G_OBJECT_WARN_INVALID_PROPERTY_ID(object, id, spec);
+}
+
+static void getProperty(GObject* object, guint id, GValue* value, GParamSpec* spec) {
+    if (id == propTimeOffset)
+        g_value_set_int64(value, reinterpret_cast<GstHalSink*>(object)->impl->timeOffset());
+    else
+        G_OBJECT_WARN_INVALID_PROPERTY_ID(object, id, spec);
+}
+
 static void finalize(GObject* object) {
     delete reinterpret_cast<GstHalSink*>(object)->impl;
     G_OBJECT_CLASS(gst_hal_sink_parent_class)->finalize(object);
@@ -351,7 +393,16 @@ static void finalize(GObject* object) {
 static void gst_hal_sink_init(GstHalSink*) {}
 
 static void gst_hal_sink_class_init(GstHalSinkClass* klass) {
-    G_OBJECT_CLASS(klass)->finalize = finalize;
+    auto* object = G_OBJECT_CLASS(klass);
+    object->finalize = finalize;
+    object->set_property = setProperty;
+    object->get_property = getProperty;
+    // What a player shifts sound against picture with.
+    g_object_class_install_property(
+        object, propTimeOffset,
+        g_param_spec_int64("ts-offset", "Time offset", "Renders so many nanoseconds later",
+                           G_MININT64, G_MAXINT64, 0,
+                           static_cast<GParamFlags>(G_PARAM_READWRITE | G_PARAM_STATIC_STRINGS)));
     GST_ELEMENT_CLASS(klass)->change_state = changeState;
     GST_BIN_CLASS(klass)->handle_message = handleMessage;
     klass->decoder_request = grant;

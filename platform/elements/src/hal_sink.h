@@ -25,6 +25,9 @@ public:
     GstStateChangeReturn changeState(GstStateChange transition);
     virtual void handleMessage(GstMessage* message);
 
+    gint64 timeOffset() const { return m_timeOffset; }
+    void setTimeOffset(gint64 offset); ///< nanoseconds; renders that much later. Thread-safe.
+
 protected:
     GstBin* bin() const { return m_bin; }
     GstElement* silentOutput() const { return m_silent.get(); }
@@ -62,6 +65,7 @@ private:
     void useDevice();
     void swapOutput(GstElement* next);
     void watchOutput(GstElement* output);
+    void applyTimeOffset();
     void start();
     void interrupt();
     void stop();
@@ -75,10 +79,12 @@ private:
     DecodeChain m_chain;
     GstPtr<GstStructure> m_reportedFormat;
     bool m_draining = false;
+    bool m_active = false; // since the step to PAUSED; state changes only
 
     std::atomic<Decoder> m_decoder{Decoder::Undecided};
     std::atomic<bool> m_stopping{false};
     std::atomic<bool> m_flushing{false};
+    std::atomic<gint64> m_timeOffset{0};
     std::mutex m_gateMutex;              // guards m_gate; leaf
     std::shared_ptr<RequestGate> m_gate; // while the request is being made
 };

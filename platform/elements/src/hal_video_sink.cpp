@@ -1,7 +1,8 @@
 #include "hal_video_sink.h"
 
 #include "device_output.h"
-#include "picture_grabber.h"
+#include "inner_sinks.h"
+#include "picture.h"
 
 #include <gst/video/video.h>
 

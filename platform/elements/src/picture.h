@@ -1,14 +1,11 @@
-#ifndef NOXELEMENTS_PICTURE_GRABBER_H
-#define NOXELEMENTS_PICTURE_GRABBER_H
+#ifndef NOXELEMENTS_PICTURE_H
+#define NOXELEMENTS_PICTURE_H
 
 #include "gst_ptr.h"
 
 #include "nox/screen.h"
 
 namespace noxelements {
-
-/// The sample that a sink inside the bin rendered last, or null. Takes object locks only.
-GstPtr<GstSample> lastSample(GstBin* bin);
 
 /// Converts a raw sample to a picture of width × height pixels, or of the sample's own size when
 /// both are 0. False, and the picture as it was, for what cannot be converted.

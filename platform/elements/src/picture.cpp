@@ -1,6 +1,5 @@
-#include "picture_grabber.h"
+#include "picture.h"
 
-#include <gst/base/gstbasesink.h>
 #include <gst/video/video.h>
 
 namespace noxelements {
@@ -39,30 +38,6 @@ struct UnrefBuffer {
 
 } // namespace
 
-GstPtr<GstSample> lastSample(GstBin* bin) {
-    const GstPtr<GstIterator> sinks(gst_bin_iterate_recurse(bin));
-    GstSample* sample = nullptr;
-    GValue item = G_VALUE_INIT;
-    bool more = true;
-    while (more && !sample) {
-        switch (gst_iterator_next(sinks.get(), &item)) {
-        case GST_ITERATOR_OK:
-            if (auto* object = g_value_get_object(&item); GST_IS_BASE_SINK(object))
-                sample = gst_base_sink_get_last_sample(GST_BASE_SINK(object));
-            g_value_reset(&item);
-            break;
-        case GST_ITERATOR_RESYNC:
-            gst_iterator_resync(sinks.get());
-            break;
-        default:
-            more = false;
-            break;
-        }
-    }
-    g_value_unset(&item);
-    return GstPtr<GstSample>(sample);
-}
-
 bool convertPicture(GstSample* sample, nox::Picture& picture, int width, int height) {
     GstVideoInfo from;
     auto* caps = gst_sample_get_caps(sample);
@@ -79,6 +54,8 @@ bool convertPicture(GstSample* sample, nox::Picture& picture, int width, int hei
     if (!gst_video_info_set_format(&to, GST_VIDEO_FORMAT_RGBA, static_cast<guint>(width),
                                    static_cast<guint>(height)))
         return false;
+    to.fps_n = from.fps_n;
+    to.fps_d = from.fps_d;
 
     std::vector<std::uint8_t> rgba(GST_VIDEO_INFO_SIZE(&to));
     const std::unique_ptr<GstBuffer, UnrefBuffer> target(gst_buffer_new_wrapped_full(

@@ -1,0 +1,605 @@
+#include "nox/screen.h"
+#include "support/wait_until.h"
+
+#include <gst/gst.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cctype>
+#include <condition_variable>
+#include <cstdlib>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <set>
+#include <string>
+#include <thread>
+#include <vector>
+
+using support::waitUntil;
+
+namespace {
+
+class GstEnvironment : public testing::Environment {
+    void SetUp() override { gst_init(nullptr, nullptr); }
+};
+const auto* const environment = testing::AddGlobalTestEnvironment(new GstEnvironment);
+
+std::string mediaPath(const std::string& name) {
+    return std::string(TEST_MEDIA_DIR) + "/" + name;
+}
+
+/// A pipeline with our sinks: answers their requests, and keeps what they say on the bus.
+class Player {
+public:
+    using Answer = std::function<int(const std::string& kind)>;
+
+    /// Plays a file.
+    static Player file(const std::string& name) {
+        GstElement* playbin = gst_element_factory_make("playbin", nullptr);
+        g_object_set(playbin, "uri", ("file://" + mediaPath(name)).c_str(), nullptr);
+        return Player(playbin);
+    }
+    /// Runs a pipeline in the notation of gst-launch.
+    static Player launch(const std::string& text) {
+        GError* error = nullptr;
+        GstElement* pipeline = gst_parse_launch(text.c_str(), &error);
+        EXPECT_EQ(error, nullptr) << error->message;
+        return Player(pipeline);
+    }
+    ~Player() {
+        gst_element_set_state(m_pipeline, GST_STATE_NULL);
+        gst_object_unref(m_bus);
+        gst_object_unref(m_pipeline);
+    }
+    Player(const Player&) = delete;
+
+    /// Set before the first state change.
+    Answer answer = [](const std::string&) { return 1; };
+
+    GstElement* pipeline() { return m_pipeline; }
+    bool setState(GstState state) {
+        return gst_element_set_state(m_pipeline, state) != GST_STATE_CHANGE_FAILURE;
+    }
+    bool reach(GstState state) {
+        setState(state);
+        return gst_element_get_state(m_pipeline, nullptr, nullptr, 20 * GST_SECOND) ==
+               GST_STATE_CHANGE_SUCCESS;
+    }
+    /// "EOS", the text of an error, or "" when neither came in time.
+    std::string finish() {
+        std::string end;
+        waitUntil([&] {
+            drain([&](GstMessage* message) { noteEnd(message, end); });
+            return !end.empty();
+        });
+        return end;
+    }
+    bool playToEnd() { return setState(GST_STATE_PLAYING) && finish() == "EOS"; }
+    bool seek(double seconds) {
+        return gst_element_seek_simple(
+            m_pipeline, GST_FORMAT_TIME,
+            static_cast<GstSeekFlags>(GST_SEEK_FLAG_FLUSH | GST_SEEK_FLAG_ACCURATE),
+            static_cast<gint64>(seconds * GST_SECOND));
+    }
+    double position() {
+        gint64 position = -1;
+        gst_element_query_position(m_pipeline, GST_FORMAT_TIME, &position);
+        return static_cast<double>(position) / GST_SECOND;
+    }
+
+    /// Application messages as "source-factory: structure", in the order of the bus.
+    std::vector<std::string> said(const std::string& name) {
+        drain([](GstMessage*) {});
+        std::vector<std::string> result;
+        for (const auto& text : m_said)
+            if (text.find(name) != std::string::npos)
+                result.push_back(text);
+        return result;
+    }
+    std::vector<std::string> requests() {
+        const std::lock_guard lock(m_mutex);
+        return m_requests;
+    }
+    /// Names of the caps that came to a sink before any of its data.
+    std::string arrived(const std::string& factory) {
+        const std::lock_guard lock(m_mutex);
+        for (const auto& [name, caps] : m_arrived)
+            if (name == factory)
+                return caps;
+        return "";
+    }
+    bool sawMissingPlugin() { return m_missingPlugin; }
+
+private:
+    explicit Player(GstElement* pipeline)
+        : m_pipeline(GST_ELEMENT(gst_object_ref_sink(pipeline))),
+          m_bus(gst_element_get_bus(pipeline)) {
+        if (g_signal_lookup("element-setup", G_OBJECT_TYPE(pipeline)))
+            g_signal_connect(pipeline, "element-setup", G_CALLBACK(onSetup), this);
+        else
+            adoptAll();
+    }
+
+    static std::string factoryOf(GstElement* element) {
+        auto* factory = gst_element_get_factory(element);
+        return factory ? GST_OBJECT_NAME(factory) : "";
+    }
+    static void onSetup(GstElement*, GstElement* element, gpointer player) {
+        static_cast<Player*>(player)->adopt(element);
+    }
+    void adoptAll() {
+        auto* children = gst_bin_iterate_recurse(GST_BIN(m_pipeline));
+        gst_iterator_foreach(
+            children,
+            [](const GValue* item, gpointer player) {
+                static_cast<Player*>(player)->adopt(GST_ELEMENT(g_value_get_object(item)));
+            },
+            this);
+        gst_iterator_free(children);
+    }
+    void adopt(GstElement* element) {
+        const auto factory = factoryOf(element);
+        if (factory != "halvideosink" && factory != "halaudiosink")
+            return;
+        g_signal_connect(element, "decoder-request", G_CALLBACK(onRequest), this);
+        auto* pad = gst_element_get_static_pad(element, "sink");
+        gst_pad_add_probe(pad,
+                          static_cast<GstPadProbeType>(GST_PAD_PROBE_TYPE_BUFFER |
+                                                       GST_PAD_PROBE_TYPE_EVENT_DOWNSTREAM),
+                          onData, this, nullptr);
+        gst_object_unref(pad);
+    }
+    static gint onRequest(GstElement*, const gchar* kind, gpointer data) {
+        auto& player = *static_cast<Player*>(data);
+        {
+            const std::lock_guard lock(player.m_mutex);
+            player.m_requests.emplace_back(kind);
+        }
+        return player.answer(kind);
+    }
+    static GstPadProbeReturn onData(GstPad* pad, GstPadProbeInfo* info, gpointer data) {
+        auto& player = *static_cast<Player*>(data);
+        std::string what = "data";
+        if (GST_PAD_PROBE_INFO_TYPE(info) & GST_PAD_PROBE_TYPE_EVENT_DOWNSTREAM) {
+            auto* event = GST_PAD_PROBE_INFO_EVENT(info);
+            if (GST_EVENT_TYPE(event) != GST_EVENT_CAPS)
+                return GST_PAD_PROBE_OK;
+            GstCaps* caps = nullptr;
+            gst_event_parse_caps(event, &caps);
+            what = gst_structure_get_name(gst_caps_get_structure(caps, 0));
+        }
+        auto* element = gst_pad_get_parent_element(pad);
+        {
+            const std::lock_guard lock(player.m_mutex);
+            player.m_arrived.emplace_back(factoryOf(element), what);
+        }
+        gst_object_unref(element);
+        return GST_PAD_PROBE_OK;
+    }
+
+    template <typename Note>
+    void drain(Note note) {
+        while (auto* message = gst_bus_pop(m_bus)) {
+            if (GST_MESSAGE_TYPE(message) == GST_MESSAGE_APPLICATION) {
+                gchar* text = gst_structure_to_string(gst_message_get_structure(message));
+                m_said.push_back(factoryOf(GST_ELEMENT(GST_MESSAGE_SRC(message))) + ": " + text);
+                g_free(text);
+            }
+            if (gst_message_has_name(message, "missing-plugin"))
+                m_missingPlugin = true;
+            note(message);
+            gst_message_unref(message);
+        }
+    }
+    static void noteEnd(GstMessage* message, std::string& end) {
+        if (GST_MESSAGE_TYPE(message) == GST_MESSAGE_EOS && end.empty())
+            end = "EOS";
+        if (GST_MESSAGE_TYPE(message) != GST_MESSAGE_ERROR || !end.empty())
+            return;
+        GError* error = nullptr;
+        gst_message_parse_error(message, &error, nullptr);
+        end = error->message;
+        g_error_free(error);
+    }
+
+    GstElement* const m_pipeline;
+    GstBus* const m_bus;
+    std::vector<std::string> m_said;
+    bool m_missingPlugin = false;
+    std::mutex m_mutex; // guards what follows
+    std::vector<std::string> m_requests;
+    std::vector<std::pair<std::string, std::string>> m_arrived;
+};
+
+nox::Picture grabbed(int width = 0, int height = 0) {
+    nox::Picture picture;
+    nox::Screen::instance().grab(picture, width, height);
+    return picture;
+}
+
+std::size_t colours(const nox::Picture& picture) {
+    std::set<std::uint32_t> seen;
+    for (std::size_t i = 0; i + 3 < picture.rgba.size(); i += 4)
+        seen.insert(static_cast<std::uint32_t>(picture.rgba[i]) << 16 |
+                    static_cast<std::uint32_t>(picture.rgba[i + 1]) << 8 | picture.rgba[i + 2]);
+    return seen.size();
+}
+
+/// Lets a handler wait until the test says what it answers.
+class Held {
+public:
+    int wait() {
+        std::unique_lock lock(m_mutex);
+        ++m_inside;
+        m_changed.wait(lock, [this] { return m_open; });
+        --m_inside;
+        return m_answer;
+    }
+    void release(int answer) {
+        {
+            const std::lock_guard lock(m_mutex);
+            m_open = true;
+            m_answer = answer;
+        }
+        m_changed.notify_all();
+    }
+    int inside() {
+        const std::lock_guard lock(m_mutex);
+        return m_inside;
+    }
+
+private:
+    std::mutex m_mutex; // guards all
+    std::condition_variable m_changed;
+    bool m_open = false;
+    int m_answer = 0;
+    int m_inside = 0;
+};
+
+using Texts = std::vector<std::string>;
+
+std::string videoFormat(int width, int height, int shownWidth, const std::string& ratio) {
+    return "halvideosink: GstNoxVideoFormat, width=(int)" + std::to_string(width) +
+           ", height=(int)" + std::to_string(height) + ", disp-width=(int)" +
+           std::to_string(shownWidth) + ", disp-height=(int)" + std::to_string(height) +
+           ", display-aspect-ratio=(fraction)" + ratio + ", frame-rate=(fraction)25/1;";
+}
+
+std::string audioFormat(const std::string& codec) {
+    return "halaudiosink: GstNoxAudioFormat, codec=(string)" + codec +
+           ", rate=(int)48000, channels=(int)2;";
+}
+
+struct Clip {
+    const char* file;
+    const char* videoCaps; ///< "": no video
+    const char* audioCaps; ///< "": no audio
+    const char* codec;     ///< of the audio
+};
+
+class PlaysClip : public testing::TestWithParam<Clip> {};
+
+TEST_P(PlaysClip, EncodedToTheEndThroughTheSinks) {
+    const auto& clip = GetParam();
+    const bool video = *clip.videoCaps;
+    const bool audio = *clip.audioCaps;
+    auto player = Player::file(clip.file);
+    ASSERT_TRUE(player.reach(GST_STATE_PAUSED));
+
+    EXPECT_EQ(player.arrived("halvideosink"), clip.videoCaps);
+    EXPECT_EQ(player.arrived("halaudiosink"), clip.audioCaps);
+    const auto picture = grabbed(160, 90);
+    EXPECT_EQ(picture.rgba.size(), video ? 160u * 90u * 4u : 0u);
+    if (video) {
+        EXPECT_GT(colours(picture), 50u);
+    }
+
+    EXPECT_TRUE(player.playToEnd());
+    if (video) {
+        EXPECT_NE(grabbed(160, 90).rgba, picture.rgba);
+    }
+    EXPECT_EQ(player.said("GstNoxVideoFormat"),
+              video ? Texts{videoFormat(320, 180, 320, "16/9")} : Texts{});
+    EXPECT_EQ(player.said("GstNoxAudioFormat"), audio ? Texts{audioFormat(clip.codec)} : Texts{});
+
+    ASSERT_TRUE(player.reach(GST_STATE_READY));
+    EXPECT_TRUE(grabbed().rgba.empty());
+    for (const char* kind : {"video", "audio"}) {
+        const bool present = *(kind == std::string("video") ? clip.videoCaps : clip.audioCaps);
+        EXPECT_EQ(player.said(std::string("+") + kind).size(), present ? 1u : 0u);
+        EXPECT_EQ(player.said(std::string("-") + kind).size(), present ? 1u : 0u);
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Clips, PlaysClip,
+    testing::Values(Clip{"h264-aac.mp4", "video/x-h264", "audio/mpeg", "AAC"},
+                    Clip{"h264-only.mp4", "video/x-h264", "", ""},
+                    Clip{"aac-only.mp4", "", "audio/mpeg", "AAC"},
+                    Clip{"h264-subtitles.mkv", "video/x-h264", "audio/mpeg", "AAC"},
+                    Clip{"h265-eac3.mp4", "video/x-h265", "audio/x-eac3", "EAC3"},
+                    Clip{"mpeg4-mp3.mp4", "video/mpeg", "audio/mpeg", "MP3"},
+                    Clip{"vp8-vorbis.webm", "video/x-vp8", "audio/x-vorbis", "VORBIS"},
+                    Clip{"vp9-opus.webm", "video/x-vp9", "audio/x-opus", "OPUS"},
+                    Clip{"av1-flac.mkv", "video/x-av1", "audio/x-flac", "FLAC"},
+                    Clip{"mjpeg-pcm.mkv", "video/x-raw", "audio/x-raw", "PCM"},
+                    Clip{"h264-aac.ts", "video/x-h264", "audio/mpeg", "AAC"},
+                    Clip{"mpeg2-mp2.ts", "video/mpeg", "audio/mpeg", "MP2"},
+                    Clip{"mpeg2-ac3.ts", "video/mpeg", "audio/x-ac3", "AC3"},
+                    Clip{"theora-vorbis.ogv", "video/x-theora", "audio/x-vorbis", "VORBIS"}),
+    [](const auto& test) {
+        std::string name = test.param.file;
+        for (auto& c : name)
+            if (!std::isalnum(static_cast<unsigned char>(c)))
+                c = '_';
+        return name;
+    });
+
+TEST(DecoderSinks, ShowPixelsThatAreNotSquareInTheirDisplaySize) {
+    auto player = Player::file("par-8x9.mp4");
+    ASSERT_TRUE(player.reach(GST_STATE_PAUSED));
+    EXPECT_EQ(player.said("GstNoxVideoFormat"), Texts{videoFormat(360, 240, 320, "4/3")});
+}
+
+TEST(DecoderSinks, ShowEveryPictureToTheScreen) {
+    auto player = Player::file("h264-only.mp4");
+    std::atomic<int> shown{0};
+    std::atomic<bool> grabFailed{false};
+    const auto listening = nox::Screen::instance().listen([&] {
+        ++shown;
+        if (grabbed(32, 18).rgba.empty())
+            grabFailed = true;
+    });
+    ASSERT_TRUE(player.reach(GST_STATE_PAUSED));
+    EXPECT_EQ(shown, 1);
+    const auto first = grabbed();
+    EXPECT_EQ(first.width, 320);
+    EXPECT_EQ(first.height, 180);
+
+    EXPECT_FALSE(nox::Screen::instance().grab(*std::make_unique<nox::Picture>(), -1, 5));
+    EXPECT_FALSE(nox::Screen::instance().grab(*std::make_unique<nox::Picture>(), 1 << 20, 1 << 20));
+    nox::Screen::instance().setVisible(false);
+    EXPECT_TRUE(grabbed().rgba.empty());
+    nox::Screen::instance().setVisible(true);
+    EXPECT_EQ(grabbed().rgba, first.rgba);
+
+    ASSERT_TRUE(player.seek(1.5));
+    EXPECT_TRUE(waitUntil([&] { return shown == 2; }));
+    EXPECT_NE(grabbed().rgba, first.rgba);
+    EXPECT_NEAR(player.position(), 1.5, 0.05);
+    EXPECT_TRUE(player.playToEnd());
+    EXPECT_GT(shown, 5);
+    EXPECT_FALSE(grabFailed);
+}
+
+class Refuses : public testing::TestWithParam<Texts> {};
+
+TEST_P(Refuses, TheRefusedStaysAwayAndTheRestPlaysOnInTime) {
+    const auto& kinds = GetParam();
+    std::atomic<bool> refuse{true};
+    auto player = Player::file("h264-aac.mp4");
+    player.answer = [&](const std::string& kind) {
+        return refuse && std::count(kinds.begin(), kinds.end(), kind) ? 0 : 1;
+    };
+    const bool noVideo = player.answer("video") == 0;
+    const bool noAudio = player.answer("audio") == 0;
+
+    ASSERT_TRUE(player.reach(GST_STATE_PAUSED));
+    EXPECT_EQ(grabbed().rgba.empty(), noVideo);
+    ASSERT_TRUE(player.seek(1.0));
+    ASSERT_TRUE(player.reach(GST_STATE_PAUSED));
+    EXPECT_NEAR(player.position(), 1.0, 0.1);
+    ASSERT_TRUE(player.seek(0.5));
+    ASSERT_TRUE(player.reach(GST_STATE_PAUSED));
+
+    const auto start = g_get_monotonic_time();
+    EXPECT_TRUE(player.playToEnd());
+    EXPECT_GT(static_cast<double>(g_get_monotonic_time() - start) / G_USEC_PER_SEC, 1.3);
+    EXPECT_NEAR(player.position(), 2.0, 0.1);
+    EXPECT_EQ(grabbed().rgba.empty(), noVideo);
+    EXPECT_EQ(player.said("GstNoxVideoFormat").empty(), noVideo);
+    EXPECT_EQ(player.said("GstNoxAudioFormat").empty(), noAudio);
+    EXPECT_EQ(player.requests().size(), 2u) << "a seek does not ask again";
+
+    ASSERT_TRUE(player.reach(GST_STATE_READY));
+    EXPECT_EQ(player.said("video;").size(), noVideo ? 0u : 2u);
+    EXPECT_EQ(player.said("audio;").size(), noAudio ? 0u : 2u);
+
+    refuse = false;
+    ASSERT_TRUE(player.reach(GST_STATE_PAUSED));
+    EXPECT_EQ(player.requests().size(), 4u) << "a new activation asks again";
+    EXPECT_FALSE(grabbed().rgba.empty());
+}
+
+INSTANTIATE_TEST_SUITE_P(Kinds, Refuses,
+                         testing::Values(Texts{"video"}, Texts{"audio"}, Texts{"video", "audio"}),
+                         [](const auto& test) {
+                             std::string name;
+                             for (const auto& kind : test.param)
+                                 name += kind;
+                             return name;
+                         });
+
+TEST(DecoderSinks, AskOneAfterTheOther) {
+    Held held;
+    auto player = Player::file("h264-aac.mp4");
+    player.answer = [&](const std::string&) { return held.wait(); };
+    player.setState(GST_STATE_PAUSED);
+    ASSERT_TRUE(waitUntil([&] {
+        return !player.arrived("halvideosink").empty() && !player.arrived("halaudiosink").empty() &&
+               held.inside() > 0;
+    }));
+    EXPECT_FALSE(waitUntil([&] { return held.inside() > 1; }, std::chrono::milliseconds(200)));
+    held.release(1);
+    EXPECT_TRUE(player.reach(GST_STATE_PAUSED));
+    EXPECT_EQ(player.requests().size(), 2u);
+}
+
+TEST(DecoderSinks, GoDownWhileARequestIsPending) {
+    for (const int answer : {0, 1}) {
+        Held held;
+        auto player = Player::file("h264-aac.mp4");
+        player.answer = [&](const std::string&) { return held.wait(); };
+        player.setState(GST_STATE_PLAYING);
+        ASSERT_TRUE(waitUntil([&] {
+            return !player.arrived("halvideosink").empty() &&
+                   !player.arrived("halaudiosink").empty() && held.inside() > 0;
+        }));
+        std::thread application([&] { player.setState(GST_STATE_READY); });
+        EXPECT_TRUE(waitUntil([&] {
+            GST_OBJECT_LOCK(player.pipeline());
+            const auto target = GST_STATE_TARGET(player.pipeline());
+            GST_OBJECT_UNLOCK(player.pipeline());
+            return target == GST_STATE_READY;
+        }));
+        held.release(answer);
+        application.join();
+        EXPECT_TRUE(player.reach(GST_STATE_READY));
+        EXPECT_EQ(player.requests().size(), 1u) << "nobody asks on the way down";
+        EXPECT_EQ(player.said("GstNoxDecoderNeeded").size(), answer ? 2u : 0u);
+        EXPECT_TRUE(player.said("Format").empty());
+    }
+}
+
+TEST(DecoderSinks, GoOnWhenNobodyAnswersAndTakeTheFirstAnswer) {
+    const auto askTwice = [](gint first, bool connect) {
+        auto* sink = gst_element_factory_make("halaudiosink", nullptr);
+        auto no =
+            +[](GstElement*, const gchar*, gpointer answer) { return GPOINTER_TO_INT(answer); };
+        if (connect) {
+            g_signal_connect(sink, "decoder-request", G_CALLBACK(no), GINT_TO_POINTER(first));
+            g_signal_connect(sink, "decoder-request", G_CALLBACK(no), GINT_TO_POINTER(7));
+        }
+        gint answer = -1;
+        g_signal_emit_by_name(sink, "decoder-request", "audio", &answer);
+        gst_object_unref(sink);
+        return answer;
+    };
+    EXPECT_EQ(askTwice(0, true), 0);
+    EXPECT_EQ(askTwice(3, true), 3);
+    EXPECT_NE(askTwice(0, false), 0);
+}
+
+TEST(DecoderSinks, FollowCapsThatChangeMidStream) {
+    auto player =
+        Player::launch("concat name=video ! halvideosink concat name=audio ! halaudiosink "
+                       "filesrc location=" +
+                       mediaPath("h264-only.mp4") +
+                       " ! qtdemux ! queue ! video. "
+                       "filesrc location=" +
+                       mediaPath("par-8x9.mp4") +
+                       " ! qtdemux ! queue ! video. "
+                       "filesrc location=" +
+                       mediaPath("vp8-vorbis.webm") +
+                       " ! matroskademux name=webm  webm.video_0 ! queue ! video. "
+                       "filesrc location=" +
+                       mediaPath("aac-only.mp4") +
+                       " ! qtdemux ! queue ! audio. "
+                       "webm.audio_0 ! queue ! audio.");
+    const auto start = g_get_monotonic_time();
+    EXPECT_TRUE(player.playToEnd());
+    EXPECT_EQ(player.requests().size(), 2u);
+    EXPECT_EQ(player.said("GstNoxVideoFormat"),
+              (Texts{videoFormat(320, 180, 320, "16/9"), videoFormat(360, 240, 320, "4/3"),
+                     videoFormat(320, 180, 320, "16/9")}));
+    EXPECT_EQ(player.said("GstNoxAudioFormat"), (Texts{audioFormat("AAC"), audioFormat("VORBIS")}));
+    EXPECT_GT(g_get_monotonic_time() - start, 4.5 * G_USEC_PER_SEC) << "all three were played";
+}
+
+TEST(DecoderSinks, NameWhatToInstallWhenADecoderIsMissing) {
+    auto* factory = gst_element_factory_find("theoradec");
+    ASSERT_NE(factory, nullptr);
+    const auto rank = gst_plugin_feature_get_rank(GST_PLUGIN_FEATURE(factory));
+    gst_plugin_feature_set_rank(GST_PLUGIN_FEATURE(factory), GST_RANK_NONE);
+    auto player = Player::file("theora-vorbis.ogv");
+    player.setState(GST_STATE_PAUSED);
+    const auto end = player.finish();
+    EXPECT_NE(end.find("install"), std::string::npos) << end;
+    EXPECT_NE(end.find("Theora"), std::string::npos) << end;
+    EXPECT_TRUE(player.sawMissingPlugin());
+    gst_plugin_feature_set_rank(GST_PLUGIN_FEATURE(factory), rank);
+    gst_object_unref(factory);
+}
+
+TEST(DecoderSinks, ReportBrokenData) {
+    auto player = Player::launch("fakesrc num-buffers=100 sizetype=fixed sizemax=500 "
+                                 "filltype=random format=time ! video/x-h264 ! halvideosink");
+    player.setState(GST_STATE_PLAYING);
+    const auto end = player.finish();
+    EXPECT_NE(end, "");
+    EXPECT_NE(end, "EOS");
+}
+
+/// Lends a device-less element the place of the best output device.
+class AsDevice {
+public:
+    AsDevice(const char* factory, const char* variable)
+        : m_factory(GST_PLUGIN_FEATURE(gst_element_factory_find(factory))), m_variable(variable) {
+        gst_plugin_feature_set_rank(m_factory, GST_RANK_PRIMARY + 50);
+        setenv(variable, "somewhere", 1);
+    }
+    ~AsDevice() {
+        setenv(m_variable, "", 1);
+        gst_plugin_feature_set_rank(m_factory, GST_RANK_NONE);
+        gst_object_unref(m_factory);
+    }
+    AsDevice(const AsDevice&) = delete;
+
+private:
+    GstPluginFeature* const m_factory;
+    const char* const m_variable;
+};
+
+TEST(DecoderSinks, RenderToADeviceWhenThereIsOne) {
+    const AsDevice video("fakevideosink", "DISPLAY");
+    const AsDevice audio("fakeaudiosink", "PULSE_SERVER");
+    auto& screen = nox::Screen::instance();
+    screen.setVolume(0.25);
+    auto player = Player::file("h264-aac.mp4");
+    for (const int answer : {1, 0, 1}) {
+        player.answer = [&](const std::string&) { return answer; };
+        ASSERT_TRUE(player.reach(GST_STATE_PAUSED));
+        EXPECT_EQ(grabbed().rgba.empty(), !answer);
+        EXPECT_TRUE(player.playToEnd());
+        EXPECT_EQ(grabbed().rgba.empty(), !answer);
+        auto* volume = gst_bin_get_by_name(GST_BIN(player.pipeline()), "nox-volume");
+        ASSERT_EQ(volume != nullptr, answer == 1);
+        if (volume) {
+            gdouble value = -1;
+            g_object_get(volume, "volume", &value, nullptr);
+            EXPECT_DOUBLE_EQ(value, 0.25);
+            gst_object_unref(volume);
+        }
+        ASSERT_TRUE(player.reach(GST_STATE_READY));
+    }
+    screen.setVolume(1.0);
+}
+
+TEST(DecoderSinks, LeaveNothingBehind) {
+    for (int i = 0; i < 100; ++i) {
+        gpointer pipeline = nullptr;
+        {
+            auto player = Player::file(i % 2 ? "h264-aac.mp4" : "vp9-opus.webm");
+            pipeline = player.pipeline();
+            g_object_add_weak_pointer(G_OBJECT(pipeline), &pipeline);
+            if (i % 3 == 0)
+                player.setState(GST_STATE_PLAYING); // down again in the middle of going up
+            else
+                ASSERT_TRUE(player.reach(GST_STATE_PAUSED));
+        }
+        ASSERT_EQ(pipeline, nullptr);
+    }
+    EXPECT_TRUE(grabbed().rgba.empty());
+}
+
+TEST(PassElements, HandOnWhatTheyGet) {
+    auto player = Player::launch("videotestsrc num-buffers=3 ! noxvptsfilter ! edrvessplitter ! "
+                                 "halvideosink");
+    EXPECT_TRUE(player.playToEnd());
+    EXPECT_EQ(player.arrived("halvideosink"), "video/x-raw");
+    EXPECT_GT(colours(grabbed()), 5u);
+}
+
+} // namespace
