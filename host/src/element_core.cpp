@@ -417,7 +417,7 @@ void ElementCore::finishSeek(SeekOutcome outcome) {
     if (m_seekQueued)
         return startQueuedSeek();
     refreshPosition();
-    setState(m_seekFromEnd ? State::Ended : m_wantPlaying ? State::Playing : State::Paused);
+    setState(m_seekFromEnd ? State::Ended : m_wantPlaying ? State::Buffering : State::Paused);
     considerEnd();
 }
 

@@ -89,19 +89,29 @@ void Playback::wait() {
 
 void Playback::takeMessages() {
     for (const auto& message : m_inbox.takeAll()) {
-        if (const auto* record = std::get_if<host::Record>(&message)) {
-            m_stage.display.show(*record);
-            m_stage.timeline.add(*record);
-        } else if (const auto* status = std::get_if<host::Status>(&message)) {
+        if (const auto* record = std::get_if<host::Record>(&message))
+            take(*record);
+        else if (const auto* status = std::get_if<host::Status>(&message))
             take(*status);
-        } else {
+        else
             take(std::get<SeekAnswer>(message));
-        }
     }
     if (m_status.state == host::State::Failed)
         fail(m_status.reason);
     if (m_status.state == host::State::Ended && m_seeksOpen == 0)
         stop(Stop::Ended);
+}
+
+/// Once playback is over nothing else is of interest.
+void Playback::takeRecords() {
+    for (const auto& message : m_inbox.takeAll())
+        if (const auto* record = std::get_if<host::Record>(&message))
+            take(*record);
+}
+
+void Playback::take(const host::Record& record) {
+    m_stage.display.show(record);
+    m_stage.timeline.add(record);
 }
 
 void Playback::take(const host::Status& status) {
@@ -261,6 +271,7 @@ void Playback::finish() {
         else
             snapshot();
     }
+    takeRecords(); // before the lines that the backend prints itself
     m_stage.terminal.restore();
     m_stage.display.end();
     if (m_stop == Stop::Signal)
@@ -269,12 +280,7 @@ void Playback::finish() {
     if (m_result.abandoned && m_result.error.empty())
         m_result.error = "the backend did not come back from its release; see the system log";
 
-    // What the release itself has brought: no more than records.
-    for (const auto& message : m_inbox.takeAll())
-        if (const auto* record = std::get_if<host::Record>(&message)) {
-            m_stage.display.show(*record);
-            m_stage.timeline.add(*record);
-        }
+    takeRecords();
     m_stage.timeline.mediaEnds(host::Clock::now());
     if (m_result.error.empty())
         m_stage.display.summary(summary());
@@ -290,9 +296,6 @@ std::string Playback::summary() const {
         text += ", " + std::to_string(m_status.width) + "x" + std::to_string(m_status.height);
     if (m_status.duration > 0)
         text += ", " + seconds(m_status.duration) + " long";
-    for (const auto& component : m_status.components)
-        if (!component.encoding.empty())
-            text += ", " + printable(component.encoding);
     return text;
 }
 

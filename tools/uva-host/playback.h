@@ -49,6 +49,8 @@ private:
 
     void wait();
     void takeMessages();
+    void takeRecords();
+    void take(const host::Record& record);
     void take(const host::Status& status);
     void take(const SeekAnswer& answer);
     void takeKeys();

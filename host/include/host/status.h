@@ -8,7 +8,16 @@
 
 namespace host {
 
-enum class State { Idle, Opening, Buffering, Playing, Paused, Seeking, Ended, Failed };
+enum class State {
+    Idle,      ///< no backend yet
+    Opening,   ///< the backend has the media
+    Buffering, ///< waiting for data: at the start, after a seek, when the network is slow
+    Playing,   ///< the position moves
+    Paused,
+    Seeking, ///< until the backend reports the seek's outcome
+    Ended,
+    Failed,
+};
 
 /// "idle", "opening", ...
 const char* name(State state);
