@@ -530,6 +530,8 @@ TEST(DecoderSinks, ReportBrokenData) {
     const auto end = player.finish();
     EXPECT_NE(end, "");
     EXPECT_NE(end, "EOS");
+    ASSERT_TRUE(player.reach(GST_STATE_READY));
+    EXPECT_EQ(player.said("-video").size(), 1u) << "the decoder is given back";
 }
 
 /// Lends a device-less element the place of the best output device.

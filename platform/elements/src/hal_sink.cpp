@@ -294,8 +294,9 @@ GstStateChangeReturn HalSink::changeState(GstStateChange transition) {
                           ("No element 'fakesink': install libgstreamer1.0-0."), (nullptr));
         return GST_STATE_CHANGE_FAILURE;
     }
-    // A step to PAUSED that was given up half-way is undone by the step to NULL.
+    // After an error on the way to PAUSED the state is still READY: going down starts there.
     const bool down = transition == GST_STATE_CHANGE_PAUSED_TO_READY ||
+                      transition == GST_STATE_CHANGE_READY_TO_READY ||
                       transition == GST_STATE_CHANGE_READY_TO_NULL;
     if (transition == GST_STATE_CHANGE_READY_TO_PAUSED)
         start();
@@ -328,6 +329,7 @@ void HalSink::stop() {
     if (!m_active)
         return;
     m_active = false;
+    gst_pad_set_active(GST_PAD(m_sinkPad), FALSE); // waits for data and requests under way
     deactivated();
     m_chain.remove(m_sinkPad, m_output);
     if (m_output != m_silent.get()) {
