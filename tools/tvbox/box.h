@@ -1,4 +1,5 @@
-#pragma once
+#ifndef TVBOX_BOX_H
+#define TVBOX_BOX_H
 
 #include "box_files.h"
 #include "namespaces.h"
@@ -52,3 +53,5 @@ UniqueFd openLog(const std::string& path);
 Job jobOf(const Options& options, const UniqueFd& companionLog);
 
 } // namespace tvbox
+
+#endif

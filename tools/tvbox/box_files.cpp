@@ -127,12 +127,17 @@ void BoxFiles::mountAll(bool newProc) {
 }
 
 void BoxFiles::hideTmp() {
-    const UniqueFd hidden(open(m_plan.tmp.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+    // Taken before the new one is mounted over it: a copy made later would include that.
+    const UniqueFd hidden(open_tree(AT_FDCWD, m_plan.tmp.c_str(),
+                                    OPEN_TREE_CLONE | OPEN_TREE_CLOEXEC | AT_RECURSIVE));
+    if (!hidden)
+        throw Refusal(withErrno("cannot keep " + m_plan.tmp));
     mountOrRefuse("tvbox", m_plan.tmp, "tmpfs", MS_NOSUID | MS_NODEV, "mode=1777");
     for (const char* folder : {"", "/tmp", "/etc", "/dev"})
         makeFolder(m_back + folder);
-    const auto link = "/proc/self/fd/" + std::to_string(hidden.get());
-    mountOrRefuse(link.c_str(), m_back + "/tmp", nullptr, MS_BIND | MS_REC);
+    const auto place = m_back + "/tmp";
+    if (move_mount(hidden.get(), "", AT_FDCWD, place.c_str(), MOVE_MOUNT_F_EMPTY_PATH) != 0)
+        throw Refusal(withErrno("cannot mount " + place));
 }
 
 void BoxFiles::hideEtc() {

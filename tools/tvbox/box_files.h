@@ -1,4 +1,5 @@
-#pragma once
+#ifndef TVBOX_BOX_FILES_H
+#define TVBOX_BOX_FILES_H
 
 #include "options.h"
 #include "private_tree.h"
@@ -55,3 +56,5 @@ private:
 };
 
 } // namespace tvbox
+
+#endif

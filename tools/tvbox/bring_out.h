@@ -1,4 +1,5 @@
-#pragma once
+#ifndef TVBOX_BRING_OUT_H
+#define TVBOX_BRING_OUT_H
 
 #include <string>
 #include <vector>
@@ -11,3 +12,5 @@ namespace tvbox {
 std::vector<std::string> bringOut(const std::string& from, const std::string& to);
 
 } // namespace tvbox
+
+#endif

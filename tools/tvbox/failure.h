@@ -1,4 +1,5 @@
-#pragma once
+#ifndef TVBOX_FAILURE_H
+#define TVBOX_FAILURE_H
 
 #include <cerrno>
 #include <cstring>
@@ -30,3 +31,5 @@ inline std::string withErrno(const std::string& what, int error = errno) {
 void notice(const std::string& text);
 
 } // namespace tvbox
+
+#endif

@@ -1,4 +1,5 @@
-#pragma once
+#ifndef TVBOX_LOG_COLLECTOR_H
+#define TVBOX_LOG_COLLECTOR_H
 
 #include "unique_fd.h"
 
@@ -30,3 +31,5 @@ private:
 std::string logLine(const std::string& datagram, const std::string& time);
 
 } // namespace tvbox
+
+#endif

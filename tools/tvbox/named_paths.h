@@ -1,4 +1,5 @@
-#pragma once
+#ifndef TVBOX_NAMED_PATHS_H
+#define TVBOX_NAMED_PATHS_H
 
 #include "options.h"
 
@@ -13,3 +14,5 @@ namespace tvbox {
 Words namedPaths(const Words& arguments, const Words& environment, const std::string& cwd);
 
 } // namespace tvbox
+
+#endif

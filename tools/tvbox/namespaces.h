@@ -1,4 +1,5 @@
-#pragma once
+#ifndef TVBOX_NAMESPACES_H
+#define TVBOX_NAMESPACES_H
 
 #include "run_directory.h"
 
@@ -32,3 +33,5 @@ void becomeCaller(Caller caller);
 void joinBox(const BoxInfo& box);
 
 } // namespace tvbox
+
+#endif

@@ -96,15 +96,8 @@ public:
         one("--companion-log", m_options.companionLog,
             "Append the output of these programs to FILE (default: standard error)", "FILE");
         m_app.add_flag("--require", m_options.require, "Fail where a complete box cannot be made");
-        auto* list =
-            m_app.add_flag("--list", m_list, "List the boxes: name, process id, its /tmp, command");
-        auto* enter = one("--enter", m_enter, "Run COMMAND in the box of that NAME", "NAME");
-        enter->excludes(list);
-        for (const char* other : {"--name", "--etc", "--log", "--keep", "--main-system", "--with",
-                                  "--companion-log", "--require"}) {
-            enter->excludes(other);
-            list->excludes(other);
-        }
+        m_app.add_flag("--list", m_list, "List the boxes: name, process id, its /tmp, command");
+        one("--enter", m_enter, "Run COMMAND in the box of that NAME", "NAME");
     }
 
     ParsedOptions parse(int argc, char** argv) {
@@ -120,12 +113,19 @@ public:
     }
 
 private:
-    CLI::Option* one(const char* option, std::string& value, const char* text, const char* type) {
-        return m_app.add_option(option, value, text)->type_name(type);
+    void one(const char* option, std::string& value, const char* text, const char* type) {
+        m_app.add_option(option, value, text)->type_name(type);
     }
 
     void many(const char* option, Words& values, const char* text, const char* type) {
         m_app.add_option(option, values, text)->type_name(type)->allow_extra_args(false);
+    }
+
+    std::size_t countOptions() const {
+        const auto options = m_app.get_options();
+        return static_cast<std::size_t>(
+            std::count_if(options.begin(), options.end(),
+                          [](const CLI::Option* option) { return option->count() > 0; }));
     }
 
     void finish() {
@@ -142,6 +142,8 @@ private:
         }
         if (m_list)
             m_options.mode = Options::Mode::List;
+        if (m_options.mode != Options::Mode::Run && countOptions() != 1)
+            throw Failure("--list and --enter take no other option");
         if (m_list != m_options.command.empty())
             throw Failure(m_list ? "--list takes no command"
                                  : "no command; say what to run, or see tvbox --help");

@@ -1,4 +1,5 @@
-#pragma once
+#ifndef TVBOX_OPTIONS_H
+#define TVBOX_OPTIONS_H
 
 #include <optional>
 #include <string>
@@ -42,3 +43,5 @@ ParsedOptions parseOptions(int argc, char** argv);
 Words splitWords(const std::string& line);
 
 } // namespace tvbox
+
+#endif

@@ -1,4 +1,5 @@
-#pragma once
+#ifndef TVBOX_PLAIN_RUN_H
+#define TVBOX_PLAIN_RUN_H
 
 #include "options.h"
 #include "signals.h"
@@ -16,3 +17,5 @@ std::string whyNoBox(const std::string& reason);
 int runPlainly(const Options& options, const BlockedSignals& signals);
 
 } // namespace tvbox
+
+#endif

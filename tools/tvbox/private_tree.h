@@ -1,4 +1,5 @@
-#pragma once
+#ifndef TVBOX_PRIVATE_TREE_H
+#define TVBOX_PRIVATE_TREE_H
 
 #include <set>
 #include <string>
@@ -35,3 +36,5 @@ private:
 };
 
 } // namespace tvbox
+
+#endif

@@ -1,4 +1,5 @@
-#pragma once
+#ifndef TVBOX_RUN_DIRECTORY_H
+#define TVBOX_RUN_DIRECTORY_H
 
 #include "unique_fd.h"
 
@@ -54,3 +55,5 @@ private:
 };
 
 } // namespace tvbox
+
+#endif

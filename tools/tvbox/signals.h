@@ -1,4 +1,5 @@
-#pragma once
+#ifndef TVBOX_SIGNALS_H
+#define TVBOX_SIGNALS_H
 
 #include <csignal>
 
@@ -29,3 +30,5 @@ inline bool sentByProcess(int code) {
 }
 
 } // namespace tvbox
+
+#endif

@@ -1,4 +1,5 @@
-#pragma once
+#ifndef TVBOX_SUPERVISOR_H
+#define TVBOX_SUPERVISOR_H
 
 #include "log_collector.h"
 #include "options.h"
@@ -74,3 +75,5 @@ void killDescendants();
 int exitCodeOf(int status);
 
 } // namespace tvbox
+
+#endif

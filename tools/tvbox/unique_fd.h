@@ -1,4 +1,5 @@
-#pragma once
+#ifndef TVBOX_UNIQUE_FD_H
+#define TVBOX_UNIQUE_FD_H
 
 #include <unistd.h>
 #include <utility>
@@ -31,3 +32,5 @@ private:
 };
 
 } // namespace tvbox
+
+#endif
