@@ -42,8 +42,10 @@ unsigned takePriority(std::string& text) {
         text.find_first_not_of("0123456789", 1) != end)
         return defaultPriority;
     const auto priority = static_cast<unsigned>(std::atoi(text.c_str() + 1));
+    if (priority > lastPriority)
+        return defaultPriority;
     text.erase(0, end + 1);
-    return priority <= lastPriority ? priority : defaultPriority;
+    return priority;
 }
 
 /// Takes "May  4 10:11:12 " from the start: our own time is finer.
