@@ -33,10 +33,10 @@ HalVideoSink::HalVideoSink(GstBin* bin) : HalSink(bin, "video", videoFormats) {
 }
 
 void HalVideoSink::handleMessage(GstMessage* message) {
-    const bool prerolled = GST_MESSAGE_TYPE(message) == GST_MESSAGE_ASYNC_DONE;
-    HalSink::handleMessage(message);
-    if (prerolled && isGranted())
+    // Before the message goes on: who has seen the step to PAUSED finds the picture told.
+    if (GST_MESSAGE_TYPE(message) == GST_MESSAGE_ASYNC_DONE && isGranted())
         nox::Screen::instance().pictureShown(this);
+    HalSink::handleMessage(message);
 }
 
 void HalVideoSink::activated() {
