@@ -11,7 +11,9 @@
 namespace {
 
 /// The thread's identifier as lines show it: the low 32 bits.
-unsigned callingThread() { return static_cast<unsigned>(pthread_self()); }
+unsigned callingThread() {
+    return static_cast<unsigned>(pthread_self());
+}
 
 } // namespace
 

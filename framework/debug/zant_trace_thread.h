@@ -54,6 +54,8 @@ private:
 
     static int32_t GetNextIndex(int32_t index) { return index == highestIndex ? 0 : index + 1; }
     bool takeNextElement(T_TraceElement& element) EXCLUDES(m_mutex);
+    static void printGap();
+    static void printElement(const T_TraceElement& element);
 
     /// Guards the indices and the filling of an element. Nothing else is locked under it.
     Mutex m_mutex;

@@ -1,0 +1,34 @@
+#include "debug/sys_vars.h"
+#include "debug/zant_trace_core.h"
+#include "debug/zant_trace_thread.h"
+#include "util/never_destroyed.h"
+
+// The objects that live once in a process. Threads outlive static destruction, so none of them is
+// ever destroyed, and each is reached through a reference that is constant from the start.
+
+namespace {
+
+NeverDestroyed<CZantTrace> traceStorage;
+NeverDestroyed<CZantTraceThread> traceThreadStorage;
+NeverDestroyed<CSysVarMap<std::string>> sysVarStringStorage;
+NeverDestroyed<CSysVarMap<int>> sysVarIntStorage;
+
+} // namespace
+
+CZantTrace& zantTrace = traceStorage.object;
+CZantTraceThread& zantTraceThread = traceThreadStorage.object;
+CSysVarMap<std::string>& sysVarStringMap = sysVarStringStorage.object;
+CSysVarMap<int>& sysVarIntMap = sysVarIntStorage.object;
+
+namespace {
+
+/// The order of construction. The constructors set up memory only: no thread, no queue, no file.
+[[maybe_unused]] const bool built = [] {
+    traceStorage.build();
+    traceThreadStorage.build();
+    sysVarStringStorage.build();
+    sysVarIntStorage.build();
+    return true;
+}();
+
+} // namespace
