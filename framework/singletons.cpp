@@ -1,7 +1,11 @@
 #include "debug/sys_vars.h"
+#include "debug/time_trace.h"
 #include "debug/zant_trace_core.h"
 #include "debug/zant_trace_thread.h"
 #include "util/never_destroyed.h"
+#include "util/string_utility.h"
+
+#include <string>
 
 // The objects that live once in a process. Threads outlive static destruction, so none of them is
 // ever destroyed, and each is reached through a reference that is constant from the start.
@@ -10,15 +14,19 @@ namespace {
 
 NeverDestroyed<CZantTrace> traceStorage;
 NeverDestroyed<CZantTraceThread> traceThreadStorage;
+NeverDestroyed<CTimeTrace> timeTraceStorage;
 NeverDestroyed<CSysVarMap<std::string>> sysVarStringStorage;
 NeverDestroyed<CSysVarMap<int>> sysVarIntStorage;
+NeverDestroyed<CStringUtility> stringUtilityStorage;
 
 } // namespace
 
 CZantTrace& zantTrace = traceStorage.object;
 CZantTraceThread& zantTraceThread = traceThreadStorage.object;
+CTimeTrace& timeTrace = timeTraceStorage.object;
 CSysVarMap<std::string>& sysVarStringMap = sysVarStringStorage.object;
 CSysVarMap<int>& sysVarIntMap = sysVarIntStorage.object;
+CStringUtility& theStringUtility = stringUtilityStorage.object;
 
 namespace {
 
@@ -26,8 +34,10 @@ namespace {
 [[maybe_unused]] const bool built = [] {
     traceStorage.build();
     traceThreadStorage.build();
+    timeTraceStorage.build(TRACEUNIT_NONE, TRACELEVEL_INFO);
     sysVarStringStorage.build();
     sysVarIntStorage.build();
+    stringUtilityStorage.build();
     return true;
 }();
 
