@@ -125,19 +125,6 @@ __attribute__((format(printf, 2, 0))) void printTrace(int level, const char* for
         printToStdout(text);
 }
 
-/// Puts text without header out in the way of the mode.
-void putText(const char* text) {
-    if (zantTraceDirectPrint.load(std::memory_order_relaxed)) {
-        if (zantTrace.isTracingToScreen())
-            printToStdout(text);
-        return;
-    }
-    if (char* const queued = zantTraceThread.GetFreeTraceElement(0)) {
-        TraceLine(queued).addText(TraceLine::size, text);
-        zantTraceThread.PutTraceString();
-    }
-}
-
 } // namespace
 
 void TraceFormattedString(unsigned unit, int level, const char* format, ...) {
@@ -165,7 +152,16 @@ void FormattedStringToStdout(const char* format, ...) {
     va_start(arguments, format);
     line.addMessage(sizeof text, format ? format : "(null)\n", arguments);
     va_end(arguments);
-    putText(text);
+
+    if (zantTraceDirectPrint.load(std::memory_order_relaxed)) {
+        if (zantTrace.isTracingToScreen())
+            printToStdout(text);
+        return;
+    }
+    if (char* const queued = zantTraceThread.GetFreeTraceElement(0)) {
+        TraceLine(queued).addText(TraceLine::size, text);
+        zantTraceThread.PutTraceString();
+    }
 }
 
 void StreamToStdout(const std::ostringstream& stream) {

@@ -9,8 +9,7 @@ namespace support {
 /// Waits until the predicate holds, looking again every few milliseconds. False when the deadline
 /// passed first. The default leaves room for sanitizers on a busy machine.
 template <typename Predicate>
-bool waitUntil(Predicate predicate,
-               std::chrono::milliseconds timeout = std::chrono::seconds(20)) {
+bool waitUntil(Predicate predicate, std::chrono::milliseconds timeout = std::chrono::seconds(20)) {
     const auto deadline = std::chrono::steady_clock::now() + timeout;
     while (!predicate()) {
         if (std::chrono::steady_clock::now() >= deadline)
