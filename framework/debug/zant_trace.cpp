@@ -165,7 +165,7 @@ void FormattedStringToStdout(const char* format, ...) {
 }
 
 void StreamToStdout(const std::ostringstream& stream) {
-    putText(stream.str().c_str());
+    FormattedStringToStdout("%s", stream.str().c_str());
 }
 
 int32_t ZantTrace_Init(const char* processName) {
