@@ -140,9 +140,10 @@ TEST_F(ThreadsTest, ThreadThatEndsByItselfLeavesNothing) {
         Looper looper;
         looper.leave = true;
         ASSERT_EQ(looper.StartThread("short", 0, 0), 0);
-        if (i % 2 == 0)
+        if (i % 2 == 0) {
             ASSERT_TRUE(
                 waitUntil([&] { return listing(screen, 0).find("short") == std::string::npos; }));
+        }
     }
     Thrower thrower;
     thrower.StartThread("thrower", 0, 0);
