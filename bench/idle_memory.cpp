@@ -14,11 +14,10 @@ int main() {
 #ifdef WITH_FRAMEWORK
     if (zantTrace.Init("idle_memory", 128) != 0)
         return 1;
-#else
+#endif
     std::thread([] { pause(); }).detach();
     std::ostringstream stream;
     stream << "idle " << 1;
-#endif
     FILE* const statm = fopen("/proc/self/statm", "r");
     long pages = 0;
     if (!statm || fscanf(statm, "%*d %ld", &pages) != 1)
