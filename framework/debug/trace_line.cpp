@@ -15,6 +15,15 @@ unsigned callingThread() {
     return static_cast<unsigned>(pthread_self());
 }
 
+/// Writes the last `count` digits of a number.
+template <unsigned Base>
+void putDigits(char* digits, int count, unsigned number) {
+    while (count > 0) {
+        digits[--count] = "0123456789abcdef"[number % Base];
+        number /= Base;
+    }
+}
+
 } // namespace
 
 size_t formatTraceTimestamp(char* text, size_t size) {
@@ -35,9 +44,13 @@ void TraceLine::addTimestamp() {
 }
 
 void TraceLine::addHeader(uint16_t counter, const char* prefix, const char* colour) {
-    m_length += static_cast<size_t>(snprintf(m_text + m_length, size - m_length, "[%05u] %08x %s%s",
-                                             static_cast<unsigned>(counter), callingThread(),
-                                             prefix, colour));
+    // By hand: a formatted print would cost as much as the message itself.
+    char header[] = "[00000] 00000000 ";
+    putDigits<10>(header + 1, 5, counter);
+    putDigits<16>(header + 8, 8, callingThread());
+    addText(size, header);
+    addText(size, prefix);
+    addText(size, colour);
 }
 
 bool TraceLine::addMessage(size_t room, const char* format, va_list arguments) {

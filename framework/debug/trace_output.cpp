@@ -1,26 +1,15 @@
 #include "debug/trace_output.h"
 
+#include "messaging/cancellation_block.h"
+
 #include <cerrno>
 #include <csignal>
 #include <cstdarg>
 #include <cstdio>
 #include <ctime>
-#include <pthread.h>
 #include <syslog.h>
 
 namespace {
-
-/// A thread that is cancelled while it writes would take the output's lock with it.
-class CancellationHold {
-public:
-    CancellationHold() { pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &m_before); }
-    ~CancellationHold() { pthread_setcancelstate(m_before, nullptr); }
-    CancellationHold(const CancellationHold&) = delete;
-    CancellationHold& operator=(const CancellationHold&) = delete;
-
-private:
-    int m_before = PTHREAD_CANCEL_ENABLE;
-};
 
 /// Keeps SIGPIPE from the calling thread for a scope.
 class SigpipeHold {
@@ -52,7 +41,7 @@ private:
 } // namespace
 
 void printToStdout(const char* text) {
-    const CancellationHold uncancelled;
+    const CancellationBlock uncancelled; // or the output's lock would go with the thread
     SigpipeHold held;
     const bool written = fputs(text, stdout) != EOF;
     const bool flushed = fflush(stdout) != EOF;
@@ -72,6 +61,6 @@ void printfToStdout(const char* format, ...) {
 }
 
 void sendToSyslog(int priority, const char* text) {
-    const CancellationHold uncancelled;
+    const CancellationBlock uncancelled;
     syslog(priority, "%s", text);
 }

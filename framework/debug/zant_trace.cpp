@@ -7,6 +7,7 @@
 #include "debug/zant_trace_core.h"
 #include "debug/zant_trace_state.h"
 #include "debug/zant_trace_thread.h"
+#include "messaging/cancellation_block.h"
 
 #include <cstdarg>
 #include <cstdio>
@@ -102,8 +103,10 @@ __attribute__((format(printf, 2, 0))) void queueTrace(int level, const char* for
         line.addText(queuedLineRoom, CS_NORMAL);
     zantTraceThread.PutTraceString();
 
-    if (level == TRACELEVEL_FATAL)
+    if (level == TRACELEVEL_FATAL) {
+        const CancellationBlock uncancelled;
         traceClock().sleep(fatalDelayMicroseconds);
+    }
 }
 
 __attribute__((format(printf, 2, 0))) void printTrace(int level, const char* format,

@@ -58,7 +58,13 @@ int32_t CZantTrace::Init(const char* processName, int32_t syslogFacility) {
     initialTraceProcessPrefix.store(keepText(name + " "));
     restorePrefix();
     sysVarStringMap.Set("ZANTALOG_PATH", "");
-    return 0;
+
+    const int32_t result = zantTraceThread.StartThread("ZantTrace", 0, 0);
+    if (result != 0)
+        printfToStdout("%s%s%d%s", CS_RED,
+                       "ERROR: CZantTrace::Init() - Error while starting ZantTrace thread - rc = ",
+                       result, CS_NORMAL);
+    return result;
 }
 
 const char* CZantTrace::GetTraceUnitNamePtr(unsigned unit) const {

@@ -1,5 +1,6 @@
 #include "debug/zant_trace_thread.h"
 
+#include "debug/trace_clock.h"
 #include "debug/trace_output.h"
 #include "debug/zant_trace_core.h"
 #include "debug/zant_trace_state.h"
@@ -7,14 +8,23 @@
 #include <cstring>
 #include <syslog.h>
 
+namespace {
+
+/// At most one line in 10 ms, so that tracing never takes the machine: a burst larger than the ring
+/// overflows and shows as a gap.
+constexpr unsigned pauseAfterLineMicroseconds = 10000;
+constexpr unsigned pauseWhenIdleMicroseconds = 100000;
+
+} // namespace
+
 // The ring is not initialised: that would touch, and so make resident, four megabytes.
 CZantTraceThread::CZantTraceThread() {} // NOLINT
 
 T_TraceElement* CZantTraceThread::GetFreeElement() {
-    m_mutex.lock();
+    m_ringMutex.lock();
     const int32_t next = GetNextIndex(m_writeIndex);
     if (next == m_readIndex) {
-        m_mutex.unlock();
+        m_ringMutex.unlock();
         return nullptr;
     }
     return &m_ring[next];
@@ -32,17 +42,28 @@ char* CZantTraceThread::GetFreeTraceElement(uint16_t counter) {
 
 void CZantTraceThread::PutTraceString() {
     m_writeIndex = GetNextIndex(m_writeIndex);
-    m_mutex.unlock();
+    m_ringMutex.unlock();
 }
 
 bool CZantTraceThread::IsSomethingToPrint() {
-    const MutexLock lock(m_mutex);
+    const MutexLock lock(m_ringMutex);
     return m_readIndex != m_writeIndex;
 }
 
 void CZantTraceThread::ClearTraceBuffer() {
-    const MutexLock lock(m_mutex);
+    const MutexLock lock(m_ringMutex);
     m_readIndex = m_writeIndex;
+}
+
+void CZantTraceThread::ThreadWorkFunction() {
+    while (!stopRequested) {
+        if (IsSomethingToPrint()) {
+            PrintNextTrace();
+            traceClock().sleep(pauseAfterLineMicroseconds);
+        } else {
+            traceClock().sleep(pauseWhenIdleMicroseconds);
+        }
+    }
 }
 
 void CZantTraceThread::PrintNextTrace() {
@@ -57,7 +78,7 @@ void CZantTraceThread::PrintNextTrace() {
 }
 
 bool CZantTraceThread::takeNextElement(T_TraceElement& element) {
-    const MutexLock lock(m_mutex);
+    const MutexLock lock(m_ringMutex);
     if (m_readIndex == m_writeIndex)
         return false;
     m_readIndex = GetNextIndex(m_readIndex);
