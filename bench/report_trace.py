@@ -1,0 +1,101 @@
+#!/usr/bin/env python3
+"""Runs the trace benchmarks and writes what they gave as Markdown and a plot.
+
+usage: report_trace.py <build directory> <result.md>
+"""
+
+import json
+import pathlib
+import platform
+import statistics
+import subprocess
+import sys
+
+REPETITIONS = 21
+
+# Title, what is measured, its peer, limit as a ratio, limit in ns of the difference.
+ROWS = [
+    ('dropped trace (macro)', 'droppedTrace', 'loadAndBranch', 1.5, 2.0),
+    ('passed trace, queued: producer', 'queuedTrace', 'spdlogAsync', 1.0, None),
+]
+
+
+def run_benchmarks(build):
+    output = subprocess.run(
+        [build / 'bench' / 'trace_bench', '--benchmark_format=json',
+         '--benchmark_enable_random_interleaving=true', '--benchmark_min_time=0.05',
+         f'--benchmark_repetitions={REPETITIONS}'],
+        check=True, capture_output=True, text=True).stdout
+    samples = {}
+    for entry in json.loads(output)['benchmarks']:
+        if entry['run_type'] != 'iteration':
+            continue
+        rate = entry.get('items_per_second')
+        nanoseconds = 1e9 / rate if rate else entry['cpu_time']
+        samples.setdefault(entry['run_name'], []).append(nanoseconds)
+    return samples
+
+
+def resident_kilobytes(build, program):
+    return statistics.median(
+        int(subprocess.run([build / 'bench' / program], check=True, capture_output=True,
+                           text=True).stdout) for _ in range(REPETITIONS))
+
+
+def machine():
+    model = platform.processor() or platform.machine()
+    cores = 0
+    for line in pathlib.Path('/proc/cpuinfo').read_text().splitlines():
+        if line.startswith('model name'):
+            model = line.split(':', 1)[1].strip()
+            cores += 1
+    return f'{model}, {cores} cores, Linux {platform.release()}, {platform.machine()}'
+
+
+def plot(samples, path):
+    import matplotlib
+    matplotlib.use('Agg')
+    from matplotlib import pyplot
+
+    figure, axes = pyplot.subplots(1, len(ROWS), figsize=(9, 4))
+    for axis, (title, ours, peer, _, _) in zip(axes, ROWS):
+        axis.boxplot([samples[ours], samples[peer]])
+        axis.set_xticklabels([ours, peer])
+        axis.set_ylim(bottom=0)
+        axis.set_ylabel('ns')
+        axis.set_title(title, fontsize=9)
+    figure.tight_layout()
+    figure.savefig(path, dpi=90)
+
+
+def main():
+    if len(sys.argv) != 3:
+        sys.exit(__doc__)
+    build = pathlib.Path(sys.argv[1])
+    result = pathlib.Path(sys.argv[2])
+    samples = run_benchmarks(build)
+    lines = [
+        '# Tracing', '',
+        f'Machine: {machine()}.', '',
+        f'Medians of {REPETITIONS} interleaved repetitions, both sides in one run; processor time of '
+        'the tracing thread.', '',
+        '| what | ns | peer | ns | ratio | limit | |', '|---|---|---|---|---|---|---|',
+    ]
+    for title, ours, peer, limit, difference in ROWS:
+        mine = statistics.median(samples[ours])
+        other = statistics.median(samples[peer])
+        kept = mine / other <= limit or (difference is not None and mine <= difference)
+        bound = f'{limit} x' + (f' or {difference} ns' if difference else '')
+        lines.append(f'| {title} | {mine:.2f} | {peer} | {other:.2f} | {mine / other:.2f} '
+                     f'| {bound} | {"kept" if kept else "MISSED"} |')
+    idle = resident_kilobytes(build, 'idle_memory_framework')
+    bare = resident_kilobytes(build, 'idle_memory_bare')
+    lines += ['', f'Resident memory of an idle process: {idle:.0f} kB with the framework and its '
+              f'trace thread started, {bare:.0f} kB without, {idle - bare:.0f} kB for the '
+              'framework.', '', f'![spread]({result.stem}.png)', '']
+    plot(samples, result.with_suffix('.png'))
+    result.write_text('\n'.join(lines))
+    print('\n'.join(lines))
+
+
+main()

@@ -1,0 +1,27 @@
+// A thread that owns a queue and traces what it is sent.
+
+#include "debug/zant_trace_core.h"
+#include "messaging/thread_object_with_queue.h"
+#include "messaging/zant_msg.h"
+
+class Printer : public CThreadObjectWithQueue {
+public:
+    ~Printer() override { StopThreadAndWait(); }
+
+    void ProcessZantMsg(CZantMsg* msg) override {
+        ZANT_TRACE(100, TRACELEVEL_SYSINFO, "signal %u, page %d\n", msg->signalId, msg->param1);
+        msg->FreeSignal();
+    }
+};
+
+int main() {
+    zantTrace.StartTracingToScreen();
+    Printer printer;
+    if (printer.Init("/Q_PRINTER_", 10, 0600, false, true) != 0)
+        return 1; // the queue's own trace, a line above, says why
+    printer.StartThread("printer", 0, 0);
+    CZantMsg msg(1000);
+    for (msg.param1 = 1; msg.param1 <= 3; ++msg.param1)
+        printer.SendCmd(&msg);
+    printer.StopThreadAndWait(); // after the three
+}

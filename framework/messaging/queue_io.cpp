@@ -1,0 +1,97 @@
+#include "messaging/queue_io.h"
+
+#include "debug/zant_trace.h"
+#include "util/scoped_handles.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdlib>
+#include <unistd.h>
+
+namespace queue_io {
+
+namespace {
+
+constexpr const char* capacityLimitFile = "/proc/sys/fs/mqueue/msg_max";
+
+/// A deadline that has passed: makes the timed calls of a queue that blocks return at once.
+constexpr timespec atOnce{};
+
+/// The most messages that the kernel allows in a queue, 0 if it does not tell.
+long capacityLimit() {
+    const ScopedFd file(::open(capacityLimitFile, O_RDONLY | O_CLOEXEC));
+    char text[32] = {};
+    if (!file || read(file.get(), text, sizeof text - 1) <= 0)
+        return 0;
+    return strtol(text, nullptr, 10);
+}
+
+int openWithinLimit(const char* name, int oflag, mode_t mode, mq_attr& attr) {
+    const int descriptor = mq_open(name, oflag, mode, &attr);
+    if (descriptor >= 0 || errno != EINVAL)
+        return descriptor;
+    const long limit = capacityLimit();
+    if (limit < 1 || attr.mq_maxmsg <= limit) {
+        errno = EINVAL;
+        return -1;
+    }
+    ZANT_TRACE(
+        TRACEUNIT_MSG_QUEUE, TRACELEVEL_WARNING,
+        "CZantMsgQueue::Open - Queue %s gets room for %ld messages instead of %ld: raise the "
+        "sysctl fs.mqueue.msg_max\n",
+        name, limit, static_cast<long>(attr.mq_maxmsg));
+    attr.mq_maxmsg = limit;
+    return mq_open(name, oflag, mode, &attr);
+}
+
+} // namespace
+
+int open(const char* name, int oflag, mode_t mode, mq_attr& attr) {
+    int descriptor = openWithinLimit(name, oflag, mode, attr);
+    if (descriptor < 0) {
+        if (errno == EMFILE)
+            ZANT_TRACE(TRACEUNIT_MSG_QUEUE, TRACELEVEL_WARNING,
+                       "CZantMsgQueue::Open - Too many queues or descriptors for %s: raise "
+                       "RLIMIT_MSGQUEUE (ulimit -q) and RLIMIT_NOFILE (ulimit -n)\n",
+                       name);
+        return -1;
+    }
+    if (descriptor == 0) {
+        descriptor = fcntl(0, F_DUPFD_CLOEXEC, 1);
+        close(0);
+        if (descriptor < 0)
+            return -1;
+    }
+    mq_getattr(descriptor, &attr);
+    return descriptor;
+}
+
+int send(int handle, const ZantMsgBody& body, unsigned prio, const CancellationBlock& block) {
+    for (;;) {
+        const int result =
+            mq_timedsend(handle, reinterpret_cast<const char*>(&body), sizeof body, prio, &atOnce);
+        if (result == 0 || errno != ETIMEDOUT)
+            return result;
+        if (waitFor(handle, POLLOUT, nullptr, block) < 0)
+            return -1;
+    }
+}
+
+ssize_t receiveAtOnce(int handle, ZantMsgBody& body) {
+    return mq_timedreceive(handle, reinterpret_cast<char*>(&body), sizeof body, nullptr, &atOnce);
+}
+
+int waitFor(int handle, short events, const timespec* timeout, const CancellationBlock& block) {
+    // Unlike select, poll takes any descriptor and leaves nothing to set up again.
+    pollfd waiting{handle, events, 0};
+    const int result = block.allowDuring([&] { return ppoll(&waiting, 1, timeout, nullptr); });
+    if (result <= 0)
+        return result;
+    if (waiting.revents & POLLNVAL) {
+        errno = EBADF;
+        return -1;
+    }
+    return (waiting.revents & events) ? 1 : 0;
+}
+
+} // namespace queue_io

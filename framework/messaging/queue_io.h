@@ -1,0 +1,36 @@
+#ifndef MESSAGING_QUEUE_IO_H
+#define MESSAGING_QUEUE_IO_H
+
+#include "messaging/cancellation_block.h"
+#include "messaging/zant_msg_body.h"
+
+#include <cstdint>
+#include <ctime>
+#include <fcntl.h>
+#include <mqueue.h>
+#include <poll.h>
+#include <sys/types.h>
+
+/// The system calls on a queue's descriptor. Thread-safe. Results and errno are the kernel's.
+namespace queue_io {
+
+/// Opens a queue. When the kernel refuses the capacity, opens it with what the kernel allows and
+/// says so. `attr` becomes what the queue really has. The descriptor is never 0, which stands for
+/// no queue. -1 with errno on failure.
+int open(const char* name, int oflag, mode_t mode, mq_attr& attr);
+
+/// Sends a body. Waits while the queue is full, if its mode says so; only that wait may be
+/// cancelled. 0, or -1 with errno.
+int send(int handle, const ZantMsgBody& body, unsigned prio, const CancellationBlock& block);
+
+/// Reads a message if there is one. Its size; -1 with errno EAGAIN if there is none and the queue
+/// does not block, ETIMEDOUT if there is none and the queue does.
+ssize_t receiveAtOnce(int handle, ZantMsgBody& body);
+
+/// Waits until the queue can be read (POLLIN) or written (POLLOUT), for ever without a time-out: 1
+/// if it can, 0 at the time-out or on another wake-up, -1 with errno. May be cancelled.
+int waitFor(int handle, short events, const timespec* timeout, const CancellationBlock& block);
+
+} // namespace queue_io
+
+#endif

@@ -1,0 +1,360 @@
+#include "messaging/zant_msg_queue.h"
+
+#include "debug/zant_trace.h"
+#include "messaging/cancellation_block.h"
+#include "messaging/queue_io.h"
+#include "messaging/signal_ids.h"
+#include "messaging/zant_msg.h"
+#include "messaging/zant_msg_body.h"
+
+#include <cerrno>
+#include <fcntl.h>
+#include <unistd.h>
+
+namespace {
+
+constexpr long msgSize = sizeof(ZantMsgBody);
+
+const char* signalName(const CZantMsg& msg) {
+    return GetSignalIdNamePtr(static_cast<SignalIds>(msg.signalId));
+}
+
+void warnOfSizelessBuffer(const CZantMsg& msg) {
+    if (msg.signalPtr && msg.signalSize == 0)
+        ZANT_TRACE(TRACEUNIT_MSG_QUEUE, TRACELEVEL_WARNING,
+                   "Signal pointer is set, but signalSize is 0\n");
+}
+
+/// True when the handle can be sent to. Answers one that can not: frees the payloads and traces.
+bool acceptHandle(int handle, CZantMsg& msg) {
+    if (handle != -1 && handle != 0)
+        return true;
+    msg.FreeSignal();
+    ZANT_TRACE(TRACEUNIT_MSG_QUEUE, TRACELEVEL_ERROR,
+               handle == 0 ? "Handle is 0\n" : "Handle is undefined\n");
+    return false;
+}
+
+/// Sends the body; the payloads change owner on success. False, with errno, on failure.
+bool sendPacked(int handle, CZantMsg& msg, unsigned prio, const CancellationBlock& block) {
+    PackedMsg packed(msg);
+    if (!packed.isComplete()) {
+        errno = ENOBUFS;
+        return false;
+    }
+    if (queue_io::send(handle, packed.body(), prio, block) != 0)
+        return false;
+    packed.sent();
+    return true;
+}
+
+} // namespace
+
+CZantMsgQueue::~CZantMsgQueue() {
+    const CancellationBlock block;
+    if (handle != -1) {
+        if (unlinkOnDestroy)
+            Unlink();
+        else if (m_isOpen)
+            Close();
+    }
+    forget();
+}
+
+int32_t CZantMsgQueue::Open(const char* queueName, int oflag, int mode, int maxMsgs,
+                            bool unlinkFirst) {
+    mq_attr wanted{};
+    wanted.mq_maxmsg = maxMsgs;
+    return OpenWithAttrStruct(queueName, oflag, mode, &wanted, unlinkFirst);
+}
+
+int32_t CZantMsgQueue::OpenWithAttrStruct(const char* queueName, int oflag, int mode,
+                                          mq_attr* wanted, bool unlinkFirst) {
+    const CancellationBlock block;
+    ZANT_TRACE(TRACEUNIT_MSG_QUEUE, TRACELEVEL_INFO, "CZantMsgQueue::Open: %s\n",
+               queueName ? queueName : "(null)");
+    if (m_isOpen)
+        Close();
+    handle = -1;
+    if (!queueName || !wanted)
+        return failOpen(EINVAL);
+    wanted->mq_msgsize = msgSize;
+    attr = *wanted;
+    return openDescriptor(queueName, oflag, mode, unlinkFirst);
+}
+
+int32_t CZantMsgQueue::openDescriptor(const char* queueName, int oflag, int mode,
+                                      bool unlinkFirst) {
+    unlinkOnDestroy = unlinkFirst;
+    if (unlinkFirst)
+        mq_unlink(queueName);
+    {
+        const MutexLock lock(m_zantMsgQueueMutex);
+        name = queueName;
+    }
+    maxUsed = 0;
+
+    const int descriptor = queue_io::open(queueName, oflag, static_cast<mode_t>(mode), attr);
+    if (descriptor < 0)
+        return failOpen(errno);
+    if (attr.mq_msgsize != msgSize) {
+        ZANT_TRACE(TRACEUNIT_MSG_QUEUE, TRACELEVEL_ERROR,
+                   "CZantMsgQueue::Open - Queue %s exists with messages of %ld bytes instead of "
+                   "%ld: remove it (mq_unlink) or choose another name\n",
+                   queueName, static_cast<long>(attr.mq_msgsize), msgSize);
+        mq_close(descriptor);
+        return failOpen(EMSGSIZE);
+    }
+    handle = descriptor;
+    m_isOpen = true;
+    AddQueueToGlobalMsgQueueList(this, descriptor);
+    return 0;
+}
+
+int32_t CZantMsgQueue::failOpen(int error) {
+    ZANT_TRACE(TRACEUNIT_MSG_QUEUE, TRACELEVEL_ERROR,
+               "CZantMsgQueue::Open queue FAILED - errno = %d\n", error);
+    return openFailed;
+}
+
+int32_t CZantMsgQueue::Close() {
+    const CancellationBlock block;
+    if (handle == -1) {
+        ZANT_TRACE(TRACEUNIT_MSG_QUEUE, TRACELEVEL_ERROR,
+                   "CZantMsgQueue::Close queue FAILED - No handle given\n");
+        return nothingToClose;
+    }
+    if (!m_isOpen.exchange(false))
+        return closeFailed;
+    // Leaves the registry first: once it is closed the number may be another queue's.
+    RemoveQueueFromGlobalMsgQueueList(this, handle);
+    return mq_close(handle) == 0 ? 0 : closeFailed;
+}
+
+int32_t CZantMsgQueue::Getattr(mq_attr* result) {
+    if (handle == -1)
+        return getattrNotOpen;
+    errno = EBADF;
+    if (result && m_isOpen && mq_getattr(handle, result) == 0) {
+        attr = *result;
+        return 0;
+    }
+    ZANT_TRACE(TRACEUNIT_MSG_QUEUE, TRACELEVEL_ERROR,
+               "CZantMsgQueue::Getattr FAILED - errno = %d\n", result ? errno : EINVAL);
+    return getattrFailed;
+}
+
+int32_t CZantMsgQueue::GetNrOfMsgsInQueue() {
+    if (handle == -1)
+        return countNotOpen;
+    mq_attr now{};
+    errno = EBADF;
+    const int result = m_isOpen ? mq_getattr(handle, &now) : -1;
+    if (result == 0)
+        return static_cast<int32_t>(now.mq_curmsgs);
+    ZANT_TRACE(TRACEUNIT_MSG_QUEUE, TRACELEVEL_ERROR,
+               "CZantMsgQueue::GetNrOfMsgsInQueue failed - return value: %d\t errno=%d\n", result,
+               errno);
+    return countFailed;
+}
+
+int32_t CZantMsgQueue::Unlink() {
+    if (name.empty())
+        return noName;
+    const CancellationBlock block;
+    ClearQueue();
+    Close();
+    if (mq_unlink(name.c_str()) == 0)
+        return 0;
+    ZANT_TRACE(TRACEUNIT_MSG_QUEUE, TRACELEVEL_ERROR, "CZantMsgQueue::Unlink FAILED - Errno = %d\n",
+               errno);
+    return unlinkFailed;
+}
+
+int32_t CZantMsgQueue::ClearQueue() {
+    if (handle == -1)
+        return notOpen;
+    const CancellationBlock block;
+    if (m_isOpen)
+        drain();
+    return 0;
+}
+
+void CZantMsgQueue::drain() {
+    ZantMsgBody body{};
+    ssize_t size = 0;
+    while ((size = queue_io::receiveAtOnce(handle, body)) >= 1) {
+        ZANT_TRACE(TRACEUNIT_MSG_QUEUE, TRACELEVEL_INFO,
+                   "CZantMsgQueue::ClearQueue - Msg read from queue - size: %d  errno=%d\n",
+                   static_cast<int>(size), errno);
+        // The scratch message frees what it is given.
+        CZantMsg scratch;
+        if (size == msgSize && !m_carriesSharedAddresses)
+            unpackMsg(body, scratch);
+    }
+}
+
+int32_t CZantMsgQueue::Send(CZantMsg* msg, unsigned prio) {
+    const CancellationBlock block;
+    if (!msg) {
+        ZANT_TRACE(TRACEUNIT_MSG_QUEUE, TRACELEVEL_ERROR,
+                   "CZantMsgQueue::Send (obj) - argMsgObjPtr is 0\n");
+        return noMessage;
+    }
+    if (!acceptHandle(handle, *msg))
+        return handle == 0 ? handleIsZero : sendNotOpen;
+    warnOfSizelessBuffer(*msg);
+    if (msg->signalId == SIG_ID_NULL)
+        ZANT_TRACE(TRACEUNIT_MSG_QUEUE, TRACELEVEL_WARNING,
+                   "CZantMsgQueue::Send (obj) - Signal name = 0 Thread-Id = %ld\n",
+                   static_cast<long>(gettid()));
+
+    // A payload of this process means nothing to a reader who expects shared addresses.
+    const bool mayCarry = !m_carriesSharedAddresses || (!msg->signalPtr && !msg->signalObj);
+    errno = mayCarry ? EBADF : EINVAL;
+    if (m_isOpen && mayCarry && sendPacked(handle, *msg, prio, block)) {
+        totalNrOfSentMsgs.fetch_add(1, std::memory_order_relaxed);
+        return 0;
+    }
+    const int error = errno;
+    msg->FreeSignal();
+    if (sendErrorsSuppressed)
+        return 0;
+    ZANT_TRACE(TRACEUNIT_MSG_QUEUE, TRACELEVEL_ERROR,
+               "CZantMsgQueue::Send (obj) FAILED - handle=%d rc2=%d errno=%d signal=%d %s\n",
+               handle.load(), -1, error, static_cast<int>(msg->signalId), signalName(*msg));
+    return sendFailed;
+}
+
+int32_t CZantMsgQueue::Send(int handle, CZantMsg* msg, unsigned prio) {
+    const CancellationBlock block;
+    if (!msg) {
+        ZANT_TRACE(TRACEUNIT_MSG_QUEUE, TRACELEVEL_ERROR,
+                   "CZantMsgQueue::Send (obj to handle) - argMsgObjPtr = 0\n");
+        return noMessage;
+    }
+    if (!acceptHandle(handle, *msg))
+        return handle == 0 ? handleIsZero : sendToNoHandle;
+    warnOfSizelessBuffer(*msg);
+
+    if (sendPacked(handle, *msg, prio, block)) {
+        totalNrOfSentMsgs.fetch_add(1, std::memory_order_relaxed);
+        return 0;
+    }
+    const int error = errno;
+    msg->FreeSignal();
+    const SendErrors errors = sendErrorsOf(handle);
+    if (errors == SendErrors::suppressed)
+        return 0;
+    if (errors == SendErrors::traced)
+        ZANT_TRACE(TRACEUNIT_MSG_QUEUE, TRACELEVEL_ERROR,
+                   "CZantMsgQueue::Send (obj to handle) to queue FAILED (obj to handle) - "
+                   "handle=%d rc=%d errno=%d signal=%d %s\n",
+                   handle, -1, error, static_cast<int>(msg->signalId), signalName(*msg));
+    return sendFailed;
+}
+
+int32_t CZantMsgQueue::checkReceive(const CZantMsg* msg) {
+    sendErrorsSuppressed = false;
+    if (handle == -1)
+        return notOpen;
+    return msg ? 0 : noMessage;
+}
+
+int32_t CZantMsgQueue::Receive(CZantMsg* msg, unsigned) {
+    const CancellationBlock block;
+    if (const int32_t refused = checkReceive(msg))
+        return refused;
+    int32_t result = receiveNow(*msg);
+    // Where the queue's mode says to wait, only the wait may be cancelled: a message that was read
+    // is never lost on the way.
+    while (result == receiveFailed && errno == ETIMEDOUT) {
+        if (queue_io::waitFor(handle, POLLIN, nullptr, block) < 0)
+            return receiveFailed;
+        result = receiveNow(*msg);
+    }
+    return result;
+}
+
+int32_t CZantMsgQueue::ReceiveFromNonblockingQueue(CZantMsg* msg, unsigned) {
+    if (const int32_t refused = checkReceive(msg))
+        return refused;
+    if (const int32_t failed = WaitForMsg())
+        return failed;
+    return Receive(msg, 0);
+}
+
+int32_t CZantMsgQueue::WaitForMsg() {
+    if (handle == -1)
+        return notOpen;
+    const CancellationBlock block;
+    errno = EBADF;
+    const int ready = m_isOpen ? queue_io::waitFor(handle, POLLIN, nullptr, block) : -1;
+    if (ready < 0) {
+        ZANT_TRACE(TRACEUNIT_MSG_QUEUE, TRACELEVEL_ERROR,
+                   "CZantMsgQueue::ReceiveFromNonblockingQueue - select failed - handle=%d "
+                   "rc_select: %d errno=%d\n",
+                   handle.load(), ready, errno);
+        return waitFailed;
+    }
+    if (ready == 0) {
+        ZANT_TRACE(TRACEUNIT_MSG_QUEUE, TRACELEVEL_WARNING, "select, but not our queue\n");
+        return wokenForNothing;
+    }
+    return 0;
+}
+
+int CZantMsgQueue::usleepOnQueue(unsigned long usec) {
+    const CancellationBlock block;
+    if (!m_isOpen) {
+        errno = EBADF;
+        return -1;
+    }
+    timespec timeout{};
+    timeout.tv_sec = static_cast<time_t>(usec / 1000000);
+    timeout.tv_nsec = static_cast<long>(usec % 1000000) * 1000;
+    return queue_io::waitFor(handle, POLLIN, &timeout, block);
+}
+
+int32_t CZantMsgQueue::receiveNow(CZantMsg& msg) {
+    ZantMsgBody body{};
+    errno = EBADF;
+    const ssize_t size = m_isOpen ? queue_io::receiveAtOnce(handle, body) : -1;
+    if (size < 1)
+        return receiveFailed;
+    if (size != msgSize) {
+        ZANT_TRACE(
+            TRACEUNIT_MSG_QUEUE, TRACELEVEL_ERROR,
+            "CZantMsgQueue::Receive - Message of %d bytes instead of %ld dropped: the sender "
+            "does not speak this protocol - handle=%d\n",
+            static_cast<int>(size), msgSize, handle.load());
+        errno = EBADMSG;
+        return receiveFailed;
+    }
+    if (m_carriesSharedAddresses)
+        unpackFromOtherProcess(body, msg);
+    else
+        unpackMsg(body, msg);
+    countReceived(body.signalId);
+    return 0;
+}
+
+void CZantMsgQueue::countReceived(uint32_t signal) {
+    nrRead.fetch_add(1, std::memory_order_relaxed);
+    lastSignal.store(signal, std::memory_order_relaxed);
+    mq_attr now{};
+    if (mq_getattr(handle, &now) != 0)
+        return;
+    const auto used = static_cast<int32_t>(now.mq_curmsgs) + 1;
+    if (used > maxUsed.load(std::memory_order_relaxed))
+        maxUsed.store(used, std::memory_order_relaxed);
+}
+
+bool QueueTypeIsBlocking(int handle) {
+    mq_attr attr{};
+    if (mq_getattr(handle, &attr) == 0)
+        return (attr.mq_flags & O_NONBLOCK) == 0;
+    ZANT_TRACE(TRACEUNIT_MSG_QUEUE, TRACELEVEL_ERROR,
+               "Error getting attributes for queue handle %d\n", handle);
+    return true;
+}

@@ -1,0 +1,39 @@
+#include "messaging/zant_msg_queue_mshell.h"
+
+#include "debug/command_struct.h"
+#include "debug/zant_trace.h"
+#include "messaging/zant_msg_queue.h"
+
+namespace {
+
+/// Answers a first parameter that is no queue handle.
+bool firstParamIsNumber(const CommandStruct& command) {
+    if (command.params[0].type == CommandParam::number)
+        return true;
+    FormattedStringToStdout("ERROR: Parameter 1 is not a number\n");
+    return false;
+}
+
+} // namespace
+
+int MshellQueueList(CommandStruct* command) {
+    if (!command || command->paramCount < 1) {
+        CZantMsgQueue::ListGlobalMsgQueueList(0);
+        return 0;
+    }
+    if (!firstParamIsNumber(*command))
+        return badCommandParam;
+    CZantMsgQueue::ListGlobalMsgQueueList(command->params[0].value);
+    return 0;
+}
+
+int MshellDumpQueue(CommandStruct* command) {
+    if (!command || command->paramCount < 1) {
+        FormattedStringToStdout("ERROR: Parameter 1 (queuehandle) is missing\n");
+        return badCommandParam;
+    }
+    if (!firstParamIsNumber(*command))
+        return badCommandParam;
+    CZantMsgQueue::DumpQueue(command->params[0].value);
+    return 0;
+}

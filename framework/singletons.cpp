@@ -1,0 +1,53 @@
+#include "debug/sys_vars.h"
+#include "debug/time_trace.h"
+#include "debug/zant_trace_core.h"
+#include "debug/zant_trace_thread.h"
+#include "messaging/thread_object.h"
+#include "messaging/zant_msg_queue.h"
+#include "util/never_destroyed.h"
+#include "util/string_utility.h"
+
+#include <list>
+#include <string>
+
+// The objects that live once in a process. Threads outlive static destruction, so none of them is
+// ever destroyed, and each is reached through a reference that is constant from the start.
+
+namespace {
+
+NeverDestroyed<std::list<T_GlobalThreadInfo>> threadListStorage;
+NeverDestroyed<std::list<T_GlobalMsgQueueInfo>> queueListStorage;
+NeverDestroyed<CZantTrace> traceStorage;
+NeverDestroyed<CZantTraceThread> traceThreadStorage;
+NeverDestroyed<CTimeTrace> timeTraceStorage;
+NeverDestroyed<CSysVarMap<std::string>> sysVarStringStorage;
+NeverDestroyed<CSysVarMap<int>> sysVarIntStorage;
+NeverDestroyed<CStringUtility> stringUtilityStorage;
+
+} // namespace
+
+std::list<T_GlobalThreadInfo>& CThreadObject::globalThreadObjectList = threadListStorage.object;
+std::list<T_GlobalMsgQueueInfo>& CZantMsgQueue::globalMsgQueueList = queueListStorage.object;
+CZantTrace& zantTrace = traceStorage.object;
+CZantTraceThread& zantTraceThread = traceThreadStorage.object;
+CTimeTrace& timeTrace = timeTraceStorage.object;
+CSysVarMap<std::string>& sysVarStringMap = sysVarStringStorage.object;
+CSysVarMap<int>& sysVarIntMap = sysVarIntStorage.object;
+CStringUtility& theStringUtility = stringUtilityStorage.object;
+
+namespace {
+
+/// The order of construction. The constructors set up memory only: no thread, no queue, no file.
+[[maybe_unused]] const bool built = [] {
+    threadListStorage.build();
+    queueListStorage.build();
+    traceStorage.build();
+    traceThreadStorage.build();
+    timeTraceStorage.build(TRACEUNIT_NONE, TRACELEVEL_INFO);
+    sysVarStringStorage.build();
+    sysVarIntStorage.build();
+    stringUtilityStorage.build();
+    return true;
+}();
+
+} // namespace

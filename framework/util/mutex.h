@@ -1,0 +1,103 @@
+#ifndef UTIL_MUTEX_H
+#define UTIL_MUTEX_H
+
+#include "util/thread_annotations.h"
+
+#include <cerrno>
+#include <chrono>
+#include <ctime>
+#include <pthread.h>
+
+/// A plain mutex that the thread-safety analysis understands. Zeroed storage is an unlocked mutex,
+/// and there is nothing to destroy: a mutex with static storage works before its constructor and
+/// after every destructor of the process.
+class CAPABILITY("mutex") Mutex {
+public:
+    constexpr Mutex() = default;
+    Mutex(const Mutex&) = delete;
+    Mutex& operator=(const Mutex&) = delete;
+
+    void lock() ACQUIRE() { pthread_mutex_lock(&m_mutex); }
+    void unlock() RELEASE() { pthread_mutex_unlock(&m_mutex); }
+    bool tryLock() TRY_ACQUIRE(true) { return pthread_mutex_trylock(&m_mutex) == 0; }
+
+    /// The handle, for calls that take a pthread mutex.
+    pthread_mutex_t* handle() RETURN_CAPABILITY(this) { return &m_mutex; }
+
+private:
+    pthread_mutex_t m_mutex = PTHREAD_MUTEX_INITIALIZER;
+};
+
+/// Holds a mutex for a scope. It may be given back and taken again on the way.
+class SCOPED_CAPABILITY MutexLock {
+public:
+    explicit MutexLock(Mutex& mutex) ACQUIRE(mutex) : m_mutex(mutex) { m_mutex.lock(); }
+    ~MutexLock() RELEASE() {
+        if (m_held)
+            m_mutex.unlock();
+    }
+    MutexLock(const MutexLock&) = delete;
+    MutexLock& operator=(const MutexLock&) = delete;
+
+    void unlock() RELEASE() {
+        m_held = false;
+        m_mutex.unlock();
+    }
+    void lock() ACQUIRE() {
+        m_mutex.lock();
+        m_held = true;
+    }
+
+private:
+    Mutex& m_mutex;
+    bool m_held = true;
+};
+
+/// A condition variable on the monotonic clock: setting the wall clock neither shortens nor
+/// stretches a wait. The caller holds the mutex and waits in a loop on its own predicate, or uses
+/// the forms that take one.
+class ConditionVariable {
+public:
+    ConditionVariable() {
+        pthread_condattr_t attributes;
+        pthread_condattr_init(&attributes);
+        pthread_condattr_setclock(&attributes, CLOCK_MONOTONIC);
+        pthread_cond_init(&m_condition, &attributes);
+        pthread_condattr_destroy(&attributes);
+    }
+    ~ConditionVariable() { pthread_cond_destroy(&m_condition); }
+    ConditionVariable(const ConditionVariable&) = delete;
+    ConditionVariable& operator=(const ConditionVariable&) = delete;
+
+    void signal() { pthread_cond_signal(&m_condition); }
+    void broadcast() { pthread_cond_broadcast(&m_condition); }
+
+    void wait(Mutex& mutex) REQUIRES(mutex) { pthread_cond_wait(&m_condition, mutex.handle()); }
+
+    /// False when the deadline passed before a wake-up.
+    bool waitUntil(Mutex& mutex, std::chrono::steady_clock::time_point deadline) REQUIRES(mutex) {
+        const auto since = deadline.time_since_epoch();
+        const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(since);
+        timespec until{};
+        until.tv_sec = static_cast<time_t>(seconds.count());
+        until.tv_nsec = static_cast<long>(std::chrono::nanoseconds(since - seconds).count());
+        return pthread_cond_timedwait(&m_condition, mutex.handle(), &until) != ETIMEDOUT;
+    }
+
+    /// Waits until the predicate holds. False when it still did not hold at the time-out.
+    template <typename Predicate>
+    bool waitFor(Mutex& mutex, std::chrono::nanoseconds timeout, Predicate predicate)
+        REQUIRES(mutex) {
+        const auto deadline = std::chrono::steady_clock::now() + timeout;
+        while (!predicate()) {
+            if (!waitUntil(mutex, deadline))
+                return predicate();
+        }
+        return true;
+    }
+
+private:
+    pthread_cond_t m_condition;
+};
+
+#endif
