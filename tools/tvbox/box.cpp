@@ -211,7 +211,7 @@ int Box::runJob(BoxKind kind, LogCollector& log) {
     }
 }
 
-int enterBox(const Options& options, const BlockedSignals& signals) {
+void enterBox(const Options& options, const BlockedSignals& signals) {
     const auto box = RunDirectory().find(options.name);
     if (!box)
         throw Failure("no box named '" + options.name + "' is running; see tvbox --list");
@@ -219,12 +219,19 @@ int enterBox(const Options& options, const BlockedSignals& signals) {
     const std::string cwd = known ? known : "/";
     std::free(known);
     joinBox(*box);
-    if (chdir(cwd.c_str()) != 0 && chdir("/") != 0)
-        throw Failure(withErrno("cannot go to / in the box"));
-    setenv("TVBOX", box->name.c_str(), 1);
-    raiseQueueBytes();
-    const Job job = jobOf(options, {});
-    return Supervisor(job, signals, Leftovers::Keep, nullptr).run();
+    int code = ExitFailure;
+    try {
+        if (chdir(cwd.c_str()) != 0 && chdir("/") != 0)
+            throw Failure(withErrno("cannot go to / in the box"));
+        setenv("TVBOX", box->name.c_str(), 1);
+        raiseQueueBytes();
+        const Job job = jobOf(options, {});
+        code = Supervisor(job, signals, Leftovers::Keep, nullptr).run();
+    } catch (const Failure& failure) {
+        notice(failure.what());
+    }
+    // The box's /proc does not know this process: nothing that looks itself up there may run now.
+    std::_Exit(code);
 }
 
 } // namespace tvbox

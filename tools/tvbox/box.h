@@ -43,8 +43,9 @@ private:
     BoxRecord m_record;
 };
 
-/// Runs a command in a box that runs already. Returns its exit code. Throws Failure.
-int enterBox(const Options& options, const BlockedSignals& signals);
+/// Runs a command in a box that runs already, then ends the process with the command's exit code.
+/// Throws Failure if the box cannot be entered.
+[[noreturn]] void enterBox(const Options& options, const BlockedSignals& signals);
 
 /// Opens a log to append to; none for an empty path. Throws Failure.
 UniqueFd openLog(const std::string& path);

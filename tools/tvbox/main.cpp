@@ -41,7 +41,7 @@ int run(int argc, char** argv) {
         return listBoxes();
     const BlockedSignals signals;
     if (parsed.options->mode == Options::Mode::Enter)
-        return enterBox(*parsed.options, signals);
+        enterBox(*parsed.options, signals);
     return runInBox(*parsed.options, signals);
 }
 
