@@ -1,6 +1,7 @@
 #ifndef MESSAGING_THREAD_OBJECT_WITH_QUEUE_H
 #define MESSAGING_THREAD_OBJECT_WITH_QUEUE_H
 
+#include "messaging/signal_ids.h"
 #include "messaging/thread_object.h"
 #include "messaging/time_out_timer.h"
 #include "messaging/zant_msg_queue.h"
@@ -47,7 +48,7 @@ public:
 
 protected:
     CZantMsgQueue m_queue;
-    TimeOutTimer timer;
+    TimeOutTimer timer{0, SIG_ID_NULL, 0, 0};
 
 private:
     void handleNextMsg(CZantMsg& msg, bool queueBlocks, Run run);

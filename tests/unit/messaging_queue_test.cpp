@@ -1,0 +1,439 @@
+#include "messaging/pointer_tokens.h"
+#include "messaging/zant_msg_body.h"
+#include "messaging_fixture.h"
+#include "support/queue_room.h"
+
+#include <algorithm>
+#include <random>
+#include <sys/resource.h>
+#include <thread>
+#include <vector>
+
+using pointer_tokens::Kind;
+
+TEST_F(MessagingTest, BodyIsTheTwelveFieldsInOrder) {
+    CZantMsg msg(0x04030201);
+    msg.param1 = 0x14131211;
+    msg.responseQueue = 0x24232221;
+    msg.responseInfo = 0x34333231;
+    msg.responseInfo2 = 0x44434241;
+    msg.param2 = 0x54535251;
+    msg.param3 = 0x64636261;
+    msg.rpcControl = 0x74737271;
+    msg.param4 = -2;
+    msg.signalSize = 0x0a;
+    msg.sharedAddress = 0xa4a3a2a1;
+    const unsigned char expected[48] = {0x01, 0x02, 0x03, 0x04, 0x11, 0x12, 0x13, 0x14, 0x21, 0x22,
+                                        0x23, 0x24, 0x31, 0x32, 0x33, 0x34, 0x41, 0x42, 0x43, 0x44,
+                                        0x51, 0x52, 0x53, 0x54, 0x61, 0x62, 0x63, 0x64, 0x71, 0x72,
+                                        0x73, 0x74, 0xfe, 0xff, 0xff, 0xff, 0x0a, 0x00, 0x00, 0x00,
+                                        0xa1, 0xa2, 0xa3, 0xa4, 0x00, 0x00, 0x00, 0x00};
+    const ZantMsgBody body = packForOtherProcess(msg);
+    EXPECT_EQ(memcmp(&body, expected, sizeof expected), 0);
+
+    CZantMsg back;
+    unpackFromOtherProcess(body, back);
+    EXPECT_EQ(back.param4, -2);
+    EXPECT_EQ(back.sharedAddress, 0xa4a3a2a1);
+    EXPECT_EQ(back.signalPtr, nullptr);
+}
+
+TEST_F(MessagingTest, PayloadWordIsTakenOnceByItsKindAndSize) {
+    int target = 0;
+    const uint32_t word = pointer_tokens::put(&target, Kind::buffer, 4);
+    ASSERT_NE(word, 0U);
+#if UINTPTR_MAX == UINT32_MAX
+    EXPECT_EQ(word, reinterpret_cast<uint32_t>(&target));
+#endif
+    EXPECT_EQ(pointer_tokens::take(word, Kind::object, 4), nullptr);
+    EXPECT_EQ(pointer_tokens::take(word, Kind::buffer, 5), nullptr);
+    EXPECT_EQ(pointer_tokens::take(word + 0x10000, Kind::buffer, 4), nullptr);
+    EXPECT_EQ(pointer_tokens::find(word, Kind::buffer), &target);
+    EXPECT_EQ(pointer_tokens::take(word, Kind::buffer, 4), &target);
+    EXPECT_EQ(pointer_tokens::take(word, Kind::buffer, 4), nullptr);
+    EXPECT_EQ(pointer_tokens::find(word, Kind::buffer), nullptr);
+}
+
+TEST_F(MessagingTest, SignalNamesAreDenseAndBounded) {
+    const struct {
+        uint32_t value;
+        const char* name;
+    } rows[] = {{0, "SIG_ID_NULL"},
+                {31, "SIG_ID_STOP_THREAD"},
+                {489, "SIG_ID_MPLAYER_MEDIA_INFO_IND"},
+                {517, "SIG_ID_MPLAYER_DECODER_AVAILABLE_IND"},
+                {656, "SIG_ID_EXECUTE_SCRIPT_FILE_IN_THREAD"},
+                {670, "SIG_ID_GENERAL_SPARE_9"},
+                {671, "SIG_ID_NULL"},
+                {0xffffffff, "SIG_ID_NULL"}};
+    for (const auto& row : rows)
+        EXPECT_STREQ(GetSignalIdNamePtr(static_cast<SignalIds>(row.value)), row.name) << row.value;
+}
+
+TEST_F(MessagingTest, CopyTakesAPayloadOnlyWithItsSize) {
+    const struct {
+        int32_t size;
+        int32_t result;
+        bool copied;
+        int errors;
+    } rows[] = {{6, 0, true, 0}, {-6, 0, false, 0}, {0, -1301, false, 1}};
+    for (const auto& row : rows) {
+        CZantMsg msg(517);
+        load(msg, "hello");
+        msg.signalSize = row.size;
+        CZantMsg copy;
+        load(copy, "old");
+        EXPECT_EQ(copy.CopyMsg(msg), row.result) << row.size;
+        EXPECT_EQ(copy.signalPtr != nullptr, row.copied) << row.size;
+        EXPECT_NE(copy.signalPtr, msg.signalPtr);
+        EXPECT_EQ(copy.signalSize, row.copied ? row.size : 0);
+        EXPECT_NE(copy.signalObj, nullptr);
+        EXPECT_EQ(traced("Signal pointer is set, but signalSize is 0"), row.errors);
+        copy = static_cast<const CZantMsg&>(copy);
+        EXPECT_EQ(copy.signalPtr != nullptr, row.copied) << "assigned to itself";
+    }
+}
+
+TEST_F(MessagingTest, PayloadsChangeOwnerOnlyWithTheMessage) {
+    CZantMsgQueue queue;
+    ASSERT_EQ(open(queue), 0);
+    const uint32_t sentBefore = CZantMsgQueue::GetTotalNrOfSentMsgs();
+    CZantMsg msg(517);
+    load(msg, "payload");
+    ASSERT_EQ(msg.SendMsg(&queue, 0), 0);
+    EXPECT_EQ(msg.signalPtr, nullptr);
+    EXPECT_EQ(msg.signalObj, nullptr);
+    EXPECT_EQ(msg.signalSize, 0);
+    EXPECT_EQ(CZantMsgQueue::GetTotalNrOfSentMsgs(), sentBefore + 1);
+
+    CZantMsg received;
+    ASSERT_EQ(received.ReceiveMsgFromNonblockingQueue(&queue, 0), 0);
+    EXPECT_STREQ(static_cast<char*>(received.signalPtr), "payload");
+    EXPECT_NE(received.signalObj, nullptr);
+    EXPECT_EQ(received.ReceiveMsg(&queue, 0), -1419) << "nothing there";
+}
+
+TEST_F(MessagingTest, FailedSendFreesThePayloadsAndSaysWhy) {
+    CZantMsgQueue full;
+    ASSERT_EQ(open(full, "", 1), 0);
+    CZantMsg first(1);
+    ASSERT_EQ(full.Send(&first, 0), 0);
+    CZantMsgQueue neverOpened;
+    CZantMsgQueue closed;
+    ASSERT_EQ(open(closed, "_closed"), 0);
+    ASSERT_EQ(closed.Close(), 0);
+    EXPECT_EQ(closed.Close(), -1410);
+
+    const struct {
+        const char* what;
+        int32_t (*send)(CZantMsg&, CZantMsgQueue& queue);
+        CZantMsgQueue& queue;
+        int32_t code;
+        int traces;
+    } rows[] = {
+        {"object, full", [](CZantMsg& m, CZantMsgQueue& q) { return q.Send(&m, 0); }, full, -1421,
+         1},
+        {"handle, full",
+         [](CZantMsg& m, CZantMsgQueue& q) { return CZantMsgQueue::Send(q.handle, &m, 0); }, full,
+         -1421, 1},
+        {"object, not open", [](CZantMsg& m, CZantMsgQueue& q) { return q.Send(&m, 0); },
+         neverOpened, -1422, 0},
+        {"object, closed", [](CZantMsg& m, CZantMsgQueue& q) { return q.Send(&m, 0); }, closed,
+         -1421, 1},
+        {"handle -1", [](CZantMsg& m, CZantMsgQueue&) { return m.SendMsg(-1, 0); }, full, -1423, 0},
+        {"handle 0", [](CZantMsg& m, CZantMsgQueue&) { return m.SendMsg(0, 0); }, full, -1427, 0},
+        {"handle of nothing", [](CZantMsg& m, CZantMsgQueue&) { return m.SendMsg(9999, 0); }, full,
+         -1421, 0},
+        {"no queue",
+         [](CZantMsg& m, CZantMsgQueue&) {
+             return m.SendMsg(static_cast<CZantMsgQueue*>(nullptr), 0);
+         },
+         full, -1423, 0},
+        {"no response queue", [](CZantMsg& m, CZantMsgQueue&) { return m.SendMsgIndirect(0); },
+         full, -1300, 0},
+        {"negative priority", [](CZantMsg& m, CZantMsgQueue& q) { return m.SendMsg(&q, -1); }, full,
+         -1421, 1},
+    };
+    for (const auto& row : rows) {
+        traced("");
+        CZantMsg msg(517);
+        load(msg, "payload");
+        EXPECT_EQ(row.send(msg, row.queue), row.code) << row.what;
+        EXPECT_EQ(CountedPayload::alive, 0) << row.what;
+        EXPECT_EQ(msg.signalPtr, nullptr) << row.what;
+        EXPECT_EQ(traced("FAILED"), row.traces) << row.what;
+    }
+    EXPECT_EQ(full.Send(nullptr, 0), -1426);
+    EXPECT_EQ(CZantMsgQueue::Send(3, nullptr, 0), -1426);
+
+    full.sendErrorsSuppressed = true;
+    CZantMsg dropped(517);
+    load(dropped, "payload");
+    EXPECT_EQ(full.Send(&dropped, 0), 0);
+    EXPECT_EQ(CountedPayload::alive, 0);
+    CZantMsg received;
+    EXPECT_EQ(full.Receive(&received, 0), 0);
+    EXPECT_FALSE(full.sendErrorsSuppressed) << "receiving clears it";
+}
+
+TEST_F(MessagingTest, OpenRefusesWhatIsNoQueue) {
+    const std::string tooLong = "/" + std::string(300, 'x');
+    const struct {
+        const char* name;
+        int maxMsgs;
+    } rows[] = {{nullptr, 5},
+                {"", 5},
+                {"no_slash/inside", 5},
+                {tooLong.c_str(), 5},
+                {"/zant_test_negative", -1},
+                {"/zant_test_zero", 0}};
+    for (const auto& row : rows) {
+        CZantMsgQueue queue;
+        EXPECT_EQ(queue.Open(row.name, O_RDWR | O_CREAT, 0600, row.maxMsgs, false), -1418);
+        EXPECT_EQ(queue.handle, -1);
+        EXPECT_EQ(queue.GetNrOfMsgsInQueue(), -1415);
+        EXPECT_EQ(queue.Close(), -1411);
+        EXPECT_EQ(traced("CZantMsgQueue::Open queue FAILED - errno = "), 1);
+    }
+    CZantMsgQueue queue;
+    EXPECT_EQ(queue.OpenWithAttrStruct("/zant_test", O_RDWR, 0, nullptr, false), -1418);
+    EXPECT_EQ(queue.Unlink(), -1417);
+    EXPECT_EQ(queue.usleepOnQueue(10), -1);
+    CZantMsg msg;
+    EXPECT_EQ(queue.Receive(&msg, 0), -1420);
+    EXPECT_EQ(queue.ReceiveFromNonblockingQueue(&msg, 0), -1420);
+}
+
+TEST_F(MessagingTest, CapacityAboveTheKernelsLimitBecomesTheLimit) {
+    const long room = support::queueRoom();
+    if (room < 1 || room > 100000)
+        GTEST_SKIP() << "the kernel tells no limit to run into";
+    CZantMsgQueue queue;
+    const int32_t result = open(queue, "", static_cast<int>(room) + 1);
+    mq_attr attr{};
+    if (result == 0 && queue.Getattr(&attr) == 0 && attr.mq_maxmsg > room)
+        GTEST_SKIP() << "this process may exceed the limit";
+    ASSERT_EQ(result, 0);
+    EXPECT_EQ(attr.mq_maxmsg, room);
+    EXPECT_EQ(traced("fs.mqueue.msg_max"), 1);
+}
+
+TEST_F(MessagingTest, FiftyMessagesWaitInAQueue) {
+    if (support::queueRoom() < 50)
+        GTEST_SKIP() << "fs.mqueue.msg_max is below 50: run in a namespace with a higher limit";
+    CZantMsgQueue queue;
+    ASSERT_EQ(open(queue, "", 50), 0);
+    for (int i = 0; i < 50; ++i) {
+        CZantMsg msg(517);
+        load(msg, "one of fifty");
+        ASSERT_EQ(queue.Send(&msg, 0), 0);
+    }
+    EXPECT_EQ(queue.GetNrOfMsgsInQueue(), 50);
+    EXPECT_EQ(queue.ClearQueue(), 0);
+    EXPECT_EQ(CountedPayload::alive, 0);
+}
+
+TEST_F(MessagingTest, QueueOfOtherMessagesIsRefused) {
+    mq_attr attr{};
+    attr.mq_maxmsg = 2;
+    attr.mq_msgsize = 64;
+    const std::string name = queueName("_other");
+    const mqd_t other = mq_open(name.c_str(), O_RDWR | O_CREAT, 0600, &attr);
+    ASSERT_GE(other, 0);
+    {
+        CZantMsgQueue queue;
+        EXPECT_EQ(queue.Open(name.c_str(), O_RDWR | O_CREAT, 0600, 10, false), -1418);
+    }
+    mq_close(other);
+    EXPECT_EQ(mq_unlink(name.c_str()), 0) << "was left alone";
+}
+
+TEST_F(MessagingTest, ForeignBytesAreAnsweredWithOneTraceEach) {
+    CZantMsgQueue queue;
+    ASSERT_EQ(open(queue), 0);
+    CZantMsg mine(517);
+    load(mine, "mine");
+    ASSERT_EQ(queue.Send(&mine, 0), 0);
+
+    std::mt19937 random(20);
+    for (int i = 0; i < 2000; ++i) {
+        uint32_t words[12];
+        for (uint32_t& word : words)
+            word = random() | 1;
+        ASSERT_EQ(mq_send(queue.handle, reinterpret_cast<char*>(words), sizeof words, 1), 0);
+        CZantMsg msg;
+        ASSERT_EQ(queue.Receive(&msg, 0), 0);
+        ASSERT_EQ(msg.signalPtr, nullptr);
+        ASSERT_EQ(msg.signalObj, nullptr);
+        ASSERT_EQ(msg.signalSize, 0);
+        ASSERT_EQ(static_cast<int32_t>(words[1]), msg.param1);
+    }
+    EXPECT_EQ(traced("Payload is unknown here"), 2000);
+
+    ASSERT_EQ(mq_send(queue.handle, "short", 5, 1), 0);
+    CZantMsg msg;
+    EXPECT_EQ(queue.Receive(&msg, 0), -1419);
+    EXPECT_EQ(traced("Message of 5 bytes"), 1);
+    ASSERT_EQ(queue.Receive(&msg, 0), 0);
+    EXPECT_STREQ(static_cast<char*>(msg.signalPtr), "mine");
+}
+
+TEST_F(MessagingTest, SecondReaderOfTheSameBytesGetsNoPayload) {
+    CZantMsgQueue queue;
+    ASSERT_EQ(open(queue), 0);
+    CZantMsg msg(517);
+    load(msg, "once");
+    ASSERT_EQ(queue.Send(&msg, 0), 0);
+    char body[48];
+    ASSERT_EQ(mq_receive(queue.handle, body, sizeof body, nullptr), 48);
+    for (int i = 0; i < 2; ++i)
+        ASSERT_EQ(mq_send(queue.handle, body, sizeof body, 0), 0);
+    CZantMsg first;
+    CZantMsg second;
+    ASSERT_EQ(queue.Receive(&first, 0), 0);
+    ASSERT_EQ(queue.Receive(&second, 0), 0);
+    EXPECT_STREQ(static_cast<char*>(first.signalPtr), "once");
+    EXPECT_EQ(second.signalPtr, nullptr);
+    EXPECT_EQ(second.signalObj, nullptr);
+}
+
+TEST_F(MessagingTest, MessagesInADestroyedQueueAreFreed) {
+    for (const int oflag : {O_RDWR | O_CREAT, O_RDWR | O_CREAT | O_NONBLOCK}) {
+        {
+            CZantMsgQueue queue;
+            ASSERT_EQ(open(queue, "", 5, oflag), 0);
+            for (int i = 0; i < 5; ++i) {
+                CZantMsg msg(517);
+                load(msg, "left behind");
+                ASSERT_EQ(queue.Send(&msg, 0), 0);
+            }
+        }
+        EXPECT_EQ(CountedPayload::alive, 0);
+    }
+}
+
+TEST_F(MessagingTest, QueueKeptInTheSystemLeavesTheRegistry) {
+    int handle = 0;
+    const std::string name = queueName("_kept");
+    CZantMsgQueue::Terminate();
+    {
+        CZantMsgQueue queue;
+        ASSERT_EQ(queue.Open(name.c_str(), O_RDWR | O_CREAT, 0600, 2, false), 0);
+        handle = queue.handle;
+        EXPECT_EQ(queue.Close(), 0);
+        EXPECT_EQ(CZantMsgQueue::GetQueueObjPtrByHandle(handle), &queue) << "frozen";
+        CZantMsgQueue::RemoveQueueFromGlobalMsgQueueList(&queue, handle);
+        EXPECT_EQ(CZantMsgQueue::GetQueueNameByHandle(handle), name);
+    }
+    EXPECT_EQ(CZantMsgQueue::GetQueueObjPtrByHandle(handle), nullptr);
+    CZantMsgQueue::Start();
+    EXPECT_EQ(CZantMsgQueue::GetQueueNameByHandle(handle), "Unknown");
+    EXPECT_EQ(mq_unlink(name.c_str()), 0);
+}
+
+TEST_F(MessagingTest, HighHandlesWork) {
+    rlimit before{};
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &before), 0);
+    rlimit wanted = before;
+    wanted.rlim_cur = std::max<rlim_t>(before.rlim_cur, 1200);
+    if (setrlimit(RLIMIT_NOFILE, &wanted) != 0)
+        GTEST_SKIP() << "ulimit -n does not allow 1200 descriptors";
+    for (const int above : {349, 1024}) {
+        std::vector<int> fillers;
+        while (fillers.empty() || fillers.back() < above)
+            fillers.push_back(fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 3));
+        {
+            CZantMsgQueue queue;
+            ASSERT_EQ(open(queue), 0);
+            ASSERT_GT(queue.handle, above);
+            EXPECT_EQ(traced("Quick access array too small - 350 instead of"), 1);
+            EXPECT_EQ(CZantMsgQueue::GetQueueObjPtrByHandle(queue.handle), &queue);
+            EXPECT_EQ(queue.usleepOnQueue(1000), 0);
+            CZantMsg msg(517);
+            load(msg, "high");
+            ASSERT_EQ(CZantMsgQueue::Send(queue.handle, &msg, 0), 0);
+            EXPECT_EQ(queue.usleepOnQueue(1000000), 1);
+            CZantMsg received;
+            ASSERT_EQ(queue.ReceiveFromNonblockingQueue(&received, 0), 0);
+            EXPECT_STREQ(static_cast<char*>(received.signalPtr), "high");
+        }
+        for (const int filler : fillers)
+            close(filler);
+    }
+    setrlimit(RLIMIT_NOFILE, &before);
+}
+
+TEST_F(MessagingTest, ListingAndDumpShowWhatIsThere) {
+    CZantMsgQueue queue;
+    ASSERT_EQ(open(queue, "_listed", 4), 0);
+    for (const unsigned long signal : {517UL, 518UL, 519UL}) {
+        CZantMsg msg(signal);
+        load(msg, "dumped");
+        ASSERT_EQ(queue.Send(&msg, 0), 0);
+    }
+    CZantMsg msg;
+    ASSERT_EQ(queue.Receive(&msg, 0), 0);
+    screen.take();
+    CZantMsgQueue::ListGlobalMsgQueueList(queue.handle);
+    char row[200];
+    snprintf(row, sizeof row,
+             "%6d |    4 |         3 |         2 | NONBL |      517 |       1 | %s\n",
+             queue.handle.load(), queueName("_listed").c_str());
+    const std::string rule = "-------+------+-----------+-----------+-------+----------+---------+"
+                             "------------------------------------\n";
+    EXPECT_EQ(
+        screen.take(),
+        "List of queues\nhandle | size | max. used | cur. used | block | last msg | nr read | "
+        "name\n" +
+            rule + row + rule);
+
+    CZantMsgQueue::DumpQueue(queue.handle);
+    EXPECT_EQ(screen.take(),
+              "CZantMsgQueue::DumpQueue - Msg read from queue - nr: 1  signalname: 518\n"
+              "CZantMsgQueue::DumpQueue - Msg read from queue - nr: 2  signalname: 519\n");
+    msg.FreeSignal();
+    EXPECT_EQ(CountedPayload::alive, 0);
+    CZantMsgQueue::DumpQueue(-5);
+    CZantMsgQueue::DumpQueue(STDOUT_FILENO);
+    EXPECT_EQ(screen.take(), "");
+}
+
+/// A million messages from eight threads, some into a queue that is full: no payload is lost or
+/// freed twice.
+TEST_F(MessagingTest, PayloadsSurviveEightSenders) {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__) || UINTPTR_MAX == UINT32_MAX
+    constexpr int nrPerSender = 12500;
+#else
+    constexpr int nrPerSender = 125000;
+#endif
+    zantTrace.SetTraceOnAll(TRACELEVEL_NO_TRACE);
+    CZantMsgQueue queue;
+    ASSERT_EQ(open(queue), 0);
+    std::atomic<int> accepted{0};
+    std::atomic<int> sendersLeft{8};
+    std::vector<std::thread> senders;
+    for (int sender = 0; sender < 8; ++sender)
+        senders.emplace_back([&] {
+            for (int i = 0; i < nrPerSender; ++i) {
+                CZantMsg msg(517);
+                load(msg, "one of a million");
+                if (msg.SendMsg(queue.handle, 0) == 0)
+                    ++accepted;
+            }
+            --sendersLeft;
+        });
+    int received = 0;
+    while (sendersLeft > 0 || queue.GetNrOfMsgsInQueue() > 0) {
+        if (queue.usleepOnQueue(1000) != 1)
+            continue;
+        CZantMsg msg;
+        ASSERT_EQ(queue.Receive(&msg, 0), 0);
+        ASSERT_STREQ(static_cast<char*>(msg.signalPtr), "one of a million");
+        ASSERT_NE(msg.signalObj, nullptr);
+        ++received;
+    }
+    for (std::thread& sender : senders)
+        sender.join();
+    EXPECT_EQ(received, accepted);
+    EXPECT_EQ(CountedPayload::alive, 0);
+}

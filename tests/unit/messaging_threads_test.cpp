@@ -1,0 +1,388 @@
+#include "messaging/thread_object_blocking_wait.h"
+#include "messaging/thread_object_with_queue.h"
+#include "messaging_fixture.h"
+#include "support/queue_room.h"
+#include "support/wait_until.h"
+
+#include <cstdlib>
+#include <memory>
+#include <random>
+#include <stdexcept>
+#include <sys/wait.h>
+#include <thread>
+#include <vector>
+
+using support::waitUntil;
+
+namespace {
+
+class Looper : public CThreadObject {
+public:
+    ~Looper() override { StopThreadAndWait(); }
+    void ThreadWorkFunction() override {
+        ++entered;
+        while (!stopRequested && !leave)
+            usleep(200);
+    }
+    std::atomic<int> entered{0};
+    std::atomic<bool> leave{false};
+};
+
+class Recorder : public CThreadObjectWithQueue {
+public:
+    ~Recorder() override { StopThreadAndWait(); }
+    void ProcessZantMsg(CZantMsg* msg) override {
+        msg->FreeSignal();
+        if (stopSelf)
+            StopThreadAndWait();
+        while (hold)
+            usleep(200);
+        ++handled;
+    }
+    int32_t init(int room = 10) { return Init("/zant_test_rec_", room, 0600, false, true); }
+    int32_t post(unsigned long signal = 517) {
+        CZantMsg msg(signal);
+        load(msg, "posted");
+        return SendCmd(&msg);
+    }
+    bool mutexIsFree() {
+        if (!m_mutex.tryLock())
+            return false;
+        m_mutex.unlock();
+        return true;
+    }
+    std::atomic<int> handled{0};
+    std::atomic<bool> hold{false};
+    std::atomic<bool> stopSelf{false};
+};
+
+/// Sits in one blocking call after another, with a trace and a send in between.
+class Blocker : public CThreadObjectBlockingWait {
+public:
+    explicit Blocker(CZantMsgQueue& queue) : m_queue(queue) {}
+    ~Blocker() override { StopThreadAndWait(); }
+    void ThreadWorkFunction() override {
+        for (;;) {
+            ZANT_TRACE(TRACEUNIT_SHELL, TRACELEVEL_ERROR, "at work\n");
+            CZantMsg msg(517);
+            load(msg, "from a thread that is cancelled");
+            msg.SendMsg(m_queue.handle, 0);
+            CZantMsg received;
+            m_queue.Receive(&received, 0);
+            ++rounds;
+            FormattedStringToStdout("round\n");
+            usleep(10);
+        }
+    }
+    std::atomic<int> rounds{0};
+
+private:
+    CZantMsgQueue& m_queue;
+};
+
+class Sleeper : public CThreadObjectBlockingWait {
+public:
+    ~Sleeper() override { StopThreadAndWait(); }
+    void ThreadWorkFunction() override { pause(); }
+};
+
+class Thrower : public Looper {
+public:
+    ~Thrower() override { StopThreadAndWait(); }
+    void ThreadWorkFunction() override { throw std::runtime_error("out of the work function"); }
+};
+
+int nrOfThreads() {
+    int count = 0;
+    if (FILE* const file = fopen("/proc/self/status", "re")) {
+        char line[256];
+        while (fgets(line, sizeof line, file)) {
+            if (sscanf(line, "Threads: %d", &count) == 1)
+                break;
+        }
+        fclose(file);
+    }
+    return count;
+}
+
+std::string listing(support::StdoutCapture& screen, long select) {
+    screen.take();
+    CThreadObject::ListGlobalThreadObjectList(select);
+    return screen.take();
+}
+
+} // namespace
+
+class ThreadsTest : public MessagingTest {
+protected:
+    ~ThreadsTest() override { CThreadObject::Start(); }
+};
+
+TEST_F(ThreadsTest, ThreadIsStartedOnceAndMayStartAgain) {
+    Looper looper;
+    looper.StopThreadAndWait();
+    EXPECT_EQ(looper.StartThread("looper", 65536, 10), 0);
+    EXPECT_EQ(looper.StartThread("again", 0, 0), 0);
+    EXPECT_EQ(traced("Thread is already running - name=looper"), 1);
+    EXPECT_NE(listing(screen, 0).find(" |    1 |       0 | looper\n"), std::string::npos);
+    looper.StopThreadAndWait();
+    EXPECT_EQ(looper.entered, 1);
+    EXPECT_EQ(listing(screen, 0).find("looper"), std::string::npos);
+    EXPECT_EQ(looper.StartThread("looper", 1, 0), 0) << "a stack too small is only traced";
+    EXPECT_EQ(traced("Set stacksize for thread FAILED"), 1);
+    looper.StopThreadAndWait();
+    EXPECT_EQ(looper.entered, 2);
+}
+
+TEST_F(ThreadsTest, ThreadThatEndsByItselfLeavesNothing) {
+    const int before = nrOfThreads();
+    for (int i = 0; i < 50; ++i) {
+        Looper looper;
+        looper.leave = true;
+        ASSERT_EQ(looper.StartThread("short", 0, 0), 0);
+        if (i % 2 == 0) {
+            ASSERT_TRUE(
+                waitUntil([&] { return listing(screen, 0).find("short") == std::string::npos; }));
+        }
+    }
+    Thrower thrower;
+    thrower.StartThread("thrower", 0, 0);
+    thrower.StopThreadAndWait();
+    EXPECT_EQ(traced("out of the work function"), 1);
+    EXPECT_TRUE(waitUntil([&] { return nrOfThreads() <= before; }));
+}
+
+TEST_F(ThreadsTest, StopRestartAndStopAllRace) {
+    zantTrace.SetTraceOnAll(TRACELEVEL_NO_TRACE);
+    CZantMsgQueue queue;
+    ASSERT_EQ(open(queue), 0);
+    const int before = nrOfThreads();
+    {
+        Looper looper;
+        Recorder recorder;
+        ASSERT_EQ(recorder.init(2), 0);
+        Sleeper sleeper;
+        CThreadObject* const objects[] = {&looper, &recorder, &sleeper};
+        std::vector<std::thread> hands;
+        for (unsigned hand = 0; hand < 4; ++hand)
+            hands.emplace_back([&, hand] {
+                std::mt19937 random(hand);
+                for (int i = 0; i < 150; ++i) {
+                    CThreadObject& object = *objects[random() % 3];
+                    switch (random() % 6) {
+                    case 0:
+                        object.StopThread();
+                        break;
+                    case 1:
+                        object.StopThreadAndWait();
+                        break;
+                    case 2:
+                        recorder.post();
+                        break;
+                    case 3: {
+                        Looper passing;
+                        passing.leave = random() % 2 == 0;
+                        passing.StartThread("passing", 0, 0);
+                        break;
+                    }
+                    case 4:
+                        if (i % 10 == 0)
+                            CThreadObject::StopAllThreads();
+                        CThreadObject::Start();
+                        break;
+                    default:
+                        object.StartThread("raced", 0, 0);
+                    }
+                }
+            });
+        for (std::thread& hand : hands)
+            hand.join();
+        for (CThreadObject* const object : objects) {
+            object->StopThreadAndWait();
+            EXPECT_EQ(object->StartThread("last", 0, 0), 0);
+        }
+        EXPECT_TRUE(waitUntil([&] { return looper.entered > 0; }));
+        ASSERT_TRUE(waitUntil([&] { return recorder.post() == 0; })) << "it reads again";
+        const int handled = recorder.handled;
+        EXPECT_TRUE(waitUntil([&] { return recorder.handled > handled || recorder.handled > 0; }));
+    }
+    EXPECT_TRUE(waitUntil([&] { return nrOfThreads() <= before; }));
+}
+
+TEST_F(ThreadsTest, StopAllStopsInOrderAndLeavesItsCaller) {
+    zantTrace.SetTraceOn(TRACEUNIT_THREAD, TRACELEVEL_INFO);
+    Looper first;
+    Looper second;
+    first.StartThread("first", 0, 0);
+    second.StartThread("second", 0, 0);
+    screen.take();
+    CThreadObject::StopAllThreads();
+    const std::string lines = screen.take();
+    const size_t atFirst = lines.find("++++ Stopping thread first ++++");
+    const size_t atSecond = lines.find("++++ Stopping thread second ++++");
+    EXPECT_NE(atFirst, std::string::npos);
+    EXPECT_NE(atSecond, std::string::npos);
+    EXPECT_LT(atFirst, atSecond);
+    EXPECT_NE(listing(screen, 0).find("first"), std::string::npos) << "the list is frozen";
+    CThreadObject::Start();
+
+    class StopsAll : public CThreadObject {
+    public:
+        ~StopsAll() override { StopThreadAndWait(); }
+        void ThreadWorkFunction() override { StopAllThreads(); }
+    } caller;
+    caller.StartThread("caller", 0, 0);
+    caller.StopThreadAndWait();
+}
+
+TEST_F(ThreadsTest, QueueThreadHandlesWhatCameBeforeTheStop) {
+    Recorder recorder;
+    EXPECT_EQ(recorder.StartThread("early", 0, 0), -1111);
+    EXPECT_EQ(recorder.post(), -1110);
+    EXPECT_EQ(recorder.post(SIG_ID_STOP_THREAD), 0);
+    EXPECT_EQ(CountedPayload::alive, 0);
+    ASSERT_EQ(recorder.init(), 0);
+    for (int i = 0; i < 4; ++i)
+        ASSERT_EQ(recorder.post(), 0);
+    ASSERT_EQ(recorder.post(SIG_ID_STOP_THREAD), 0);
+    for (int i = 0; i < 3; ++i)
+        ASSERT_EQ(recorder.post(), 0);
+    ASSERT_EQ(recorder.StartThread("recorder", 0, 0), 0);
+    ASSERT_TRUE(waitUntil([&] { return CountedPayload::alive == 0; }));
+    EXPECT_EQ(recorder.handled, 4);
+    EXPECT_EQ(recorder.GetNrOfProcessedMsgs(), 4U);
+    ASSERT_TRUE(
+        waitUntil([&] { return listing(screen, 0).find("recorder") == std::string::npos; }));
+
+    // A stop that nobody needed does not end the next run.
+    recorder.StopThread();
+    recorder.StopThreadAndWait();
+    ASSERT_EQ(recorder.StartThread("recorder", 0, 0), 0);
+    ASSERT_EQ(recorder.post(), 0);
+    EXPECT_TRUE(waitUntil([&] { return recorder.handled == 5; }));
+}
+
+TEST_F(ThreadsTest, QueueThreadMayAskItselfToEnd) {
+    Recorder recorder;
+    ASSERT_EQ(recorder.init(), 0);
+    recorder.stopSelf = true;
+    ASSERT_EQ(recorder.StartThread("itself", 0, 0), 0);
+    ASSERT_EQ(recorder.post(), 0);
+    ASSERT_TRUE(waitUntil([&] { return listing(screen, 0).find("itself") == std::string::npos; }));
+    EXPECT_EQ(recorder.handled, 1);
+}
+
+TEST_F(ThreadsTest, MutexIsHeldWhileHandlingAndOnlyThen) {
+    Recorder recorder;
+    ASSERT_EQ(recorder.init(), 0);
+    ASSERT_EQ(recorder.StartThread("held", 0, 0), 0);
+    EXPECT_TRUE(waitUntil([&] { return recorder.mutexIsFree(); })) << "it only waits";
+    recorder.hold = true;
+    ASSERT_EQ(recorder.post(), 0);
+    EXPECT_TRUE(waitUntil([&] { return !recorder.mutexIsFree(); }));
+    recorder.hold = false;
+    EXPECT_TRUE(waitUntil([&] { return recorder.mutexIsFree(); }));
+}
+
+TEST_F(ThreadsTest, CancelledThreadLosesNoLockAndNoPayload) {
+    CZantMsgQueue queue;
+    ASSERT_EQ(open(queue, "", 3, O_RDWR | O_CREAT), 0);
+    for (int i = 0; i < 60; ++i) {
+        Blocker blocker(queue);
+        ASSERT_EQ(blocker.StartThread("blocker", 0, 0), 0);
+        ASSERT_TRUE(waitUntil([&] { return blocker.rounds > i % 3; }));
+        if (i % 2 == 0)
+            blocker.StopThread();
+    }
+    EXPECT_EQ(queue.ClearQueue(), 0);
+    EXPECT_EQ(CountedPayload::alive, 0);
+    screen.take();
+    ZANT_TRACE(TRACEUNIT_SHELL, TRACELEVEL_ERROR, "still tracing\n");
+    EXPECT_EQ(traced("still tracing"), 1);
+
+    // Held by a full queue, and by an empty one.
+    class Stuck : public CThreadObjectBlockingWait {
+    public:
+        explicit Stuck(CZantMsgQueue& stuckOn, bool sending) : m_on(stuckOn), m_sending(sending) {}
+        ~Stuck() override { StopThreadAndWait(); }
+        void ThreadWorkFunction() override {
+            for (;;) {
+                CZantMsg msg(517);
+                if (m_sending) {
+                    load(msg, "never sent");
+                    m_on.Send(&msg, 0);
+                } else {
+                    m_on.Receive(&msg, 0);
+                }
+            }
+        }
+
+    private:
+        CZantMsgQueue& m_on;
+        bool m_sending;
+    };
+    for (const bool sending : {true, false}) {
+        Stuck stuck(queue, sending);
+        ASSERT_EQ(stuck.StartThread("stuck", 0, 0), 0);
+        ASSERT_TRUE(waitUntil([&] { return queue.GetNrOfMsgsInQueue() == (sending ? 3 : 0); }));
+        stuck.StopThreadAndWait();
+        EXPECT_EQ(CountedPayload::alive, sending ? 3 : 0);
+    }
+}
+
+TEST_F(ThreadsTest, ListingSelectsByEitherHandle) {
+    Looper looper;
+    Recorder recorder;
+    ASSERT_EQ(recorder.init(), 0);
+    looper.StartThread("by id", 0, 0);
+    recorder.StartThread("not this", 0, 0);
+    const std::string all = listing(screen, 0);
+    const size_t row = all.find(" |    1 |       0 | by id");
+    ASSERT_NE(row, std::string::npos);
+    unsigned long handle = 0;
+    long id = 0;
+    const size_t start = all.rfind('\n', row) + 1;
+    ASSERT_EQ(sscanf(all.c_str() + start, "0x%lx | %ld |", &handle, &id), 2);
+    for (const long select : {static_cast<long>(handle), id}) {
+        const std::string one = listing(screen, select);
+        EXPECT_NE(one.find("by id"), std::string::npos);
+        EXPECT_EQ(one.find("not this"), std::string::npos);
+    }
+    EXPECT_EQ(CThreadObject::GetThreadName(static_cast<unsigned>(handle)), "by id");
+    EXPECT_EQ(CThreadObject::GetThreadName(1), "(unknown)");
+}
+
+/// Threads that go on while static objects go, and objects that go with running threads.
+TEST_F(ThreadsTest, ProcessEndsUnderRunningThreads) {
+    const pid_t child = fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        static Recorder atExit;
+        atExit.init();
+        atExit.StartThread("at exit", 0, 0);
+        static const int handle = [] {
+            auto* const late = new CZantMsgQueue; // outlives the process's static objects
+            open(*late, "_late");
+            return late->handle.load();
+        }();
+        for (int i = 0; i < 2; ++i)
+            std::thread([] {
+                for (;;) {
+                    CZantMsg msg(517);
+                    load(msg, "late");
+                    CZantMsgQueue::Send(handle, &msg, 0);
+                    CZantMsgQueue::GetQueueNameByHandle(handle);
+                    CThreadObject::GetThreadName(1);
+                    Looper looper;
+                    looper.StartThread("late", 0, 0);
+                }
+            }).detach();
+        CZantMsgQueue::Terminate();
+        CThreadObject::Terminate();
+        mq_unlink(queueName("_late").c_str());
+        exit(0);
+    }
+    int status = 0;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+}
