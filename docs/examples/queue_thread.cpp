@@ -4,14 +4,21 @@
 #include "messaging/thread_object_with_queue.h"
 #include "messaging/zant_msg.h"
 
+#include <future>
+
 class Printer : public CThreadObjectWithQueue {
 public:
     ~Printer() override { StopThreadAndWait(); }
 
     void ProcessZantMsg(CZantMsg* msg) override {
         ZANT_TRACE(100, TRACELEVEL_SYSINFO, "signal %u, page %d\n", msg->signalId, msg->param1);
+        if (msg->param1 == lastPage)
+            done.set_value();
         msg->FreeSignal();
     }
+
+    static constexpr int lastPage = 3;
+    std::promise<void> done;
 };
 
 int main() {
@@ -21,7 +28,7 @@ int main() {
         return 1; // the queue's own trace, a line above, says why
     printer.StartThread("printer", 0, 0);
     CZantMsg msg(1000);
-    for (msg.param1 = 1; msg.param1 <= 3; ++msg.param1)
+    for (msg.param1 = 1; msg.param1 <= Printer::lastPage; ++msg.param1)
         printer.SendCmd(&msg);
-    printer.StopThreadAndWait(); // after the three
+    printer.done.get_future().wait(); // a thread that is stopped leaves the rest of its queue
 }

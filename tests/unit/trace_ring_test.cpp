@@ -131,7 +131,7 @@ TEST_F(TraceThreadTest, InitStartsTheThreadUnderTheProcessName) {
     EXPECT_EQ(received[0], line(1));
     bool named = false;
     for (const std::string& text : received)
-        named = named || text.find(" television-backenx\n") != std::string::npos;
+        named = named || text.find(" television-backend-x\n") != std::string::npos;
     EXPECT_TRUE(named);
     EXPECT_EQ(sysVarStringMap.Get("ZANTALOG_PATH"), std::string());
     EXPECT_LE(s_longestSleep, 100000u);
