@@ -132,7 +132,7 @@ TEST_F(TraceThreadTest, InitStartsTheThreadUnderTheProcessName) {
     bool named = false;
     for (const std::string& text : received)
         named = named || text.find(" television-backend-x\n") != std::string::npos;
-    EXPECT_TRUE(named);
+    EXPECT_TRUE(named) << testing::PrintToString(received);
     EXPECT_EQ(sysVarStringMap.Get("ZANTALOG_PATH"), std::string());
     EXPECT_LE(s_longestSleep, 100000u);
 }
