@@ -50,7 +50,7 @@ def broken():
 def play(path):
     duration, _ = probe(path)
     options = ["--seek", str(int(duration - 3))] if duration and duration > LONG else []
-    return Run(path, *options)
+    return Run(path, "--no-progress-timeout", "30", *options)
 
 
 def start(pool, paths, function):
