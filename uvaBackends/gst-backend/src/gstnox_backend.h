@@ -24,7 +24,7 @@ class GstNoxBusWatch;
 /// guards what they share. No event is delivered to the client while the lock is held.
 ///
 /// Waits: a sink may wait in decoder_request_cb for the client's answer. Stopping the player and
-/// seeking end that wait; such a sink is told "no" and may ask again.
+/// seeking end that wait; such a sink is told "no".
 class GstNoxBackend : public UVAMediaBackend {
 public:
     /// `client` must not be null; it is not owned and outlives the backend.

@@ -377,7 +377,7 @@ void GstNoxBackend::completeSeek(const UVAAsyncEvent* event) {
 }
 
 /// A sink that waits for its decoder would hold the seek up until the client answers: its wait
-/// ends, and it asks again for the data after the seek.
+/// ends, and it is told "no".
 bool GstNoxBackend::seekPipeline() {
     if (!m_pipeline)
         return false;
