@@ -56,7 +56,7 @@ def main():
     lines = [
         '# Messaging', '',
         f'Machine: {machine()}; load average {load:.1f} when the run began.', '',
-        'Medians of 41 turns, both sides of a ratio in one run, in turns; wall-clock time.', '',
+        'Medians of 1001 short turns, both sides of a ratio in one run, in turns; wall-clock time.', '',
         '| what | ns | bare system calls, ns | ratio | limit | |', '|---|---|---|---|---|---|',
         f'| send, handled by a queue thread, answered, received | {trip["ours_ns"]} '
         f'| {trip["bare_ns"]} | {ratio:.2f} | {LIMIT} x | {"kept" if ratio <= LIMIT else "MISSED"} |',

@@ -22,11 +22,13 @@ struct CThreadObject::Launch {
 class CThreadObject::EndOfThread {
 public:
     explicit EndOfThread(CThreadObject* ending) : object(ending) {}
-    ~EndOfThread() {
+    ~EndOfThread() { finish(); }
+    void finish() {
         const CancellationBlock block;
         const MutexLock lock(m_zantGlobalThreadMutex);
         if (object)
             object->threadHasEnded();
+        object = nullptr;
     }
     EndOfThread(const EndOfThread&) = delete;
     EndOfThread& operator=(const EndOfThread&) = delete;
@@ -170,17 +172,18 @@ void CThreadObject::RealThreadFunction(Launch& launch) {
         launch.runs = true;
         announceChange();
     }
-    runWorkFunction();
+    runWorkFunction(end);
 }
 
 // The unwinding of a cancelled thread is caught as a reference to nothing, which the sanitizer does
 // not know to be by design.
-__attribute__((no_sanitize("null"))) void CThreadObject::runWorkFunction() {
+__attribute__((no_sanitize("null"))) void CThreadObject::runWorkFunction(EndOfThread& end) {
     pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, nullptr);
     try {
         ThreadWorkFunction();
     } catch (abi::__forced_unwind&) {
-        throw; // a cancelled thread
+        endOfCancelledThread(end);
+        throw;
     } catch (const std::exception& exception) {
         ZANT_TRACE(TRACEUNIT_THREAD, TRACELEVEL_ERROR,
                    "CThreadObject::RealThreadFunction - Thread ends by an exception: %s\n",
@@ -189,6 +192,12 @@ __attribute__((no_sanitize("null"))) void CThreadObject::runWorkFunction() {
         ZANT_TRACE(TRACEUNIT_THREAD, TRACELEVEL_ERROR,
                    "CThreadObject::RealThreadFunction - Thread ends by an unknown exception\n");
     }
+}
+
+/// A function of its own, so that a sanitizer that loses track of cancelled threads can be told so
+/// for them alone.
+__attribute__((noinline)) void CThreadObject::endOfCancelledThread(EndOfThread& end) {
+    end.finish();
 }
 
 void CThreadObject::threadHasEnded() {

@@ -96,7 +96,8 @@ private:
 
     static void* StaticThreadFunction(void* launch);
     void RealThreadFunction(Launch& launch);
-    void runWorkFunction();
+    void runWorkFunction(EndOfThread& end);
+    static void endOfCancelledThread(EndOfThread& end);
     int createThread(Launch& launch, int stackSize, int priority) REQUIRES(m_zantGlobalThreadMutex);
     std::string applyPriority(int priority) const REQUIRES(m_zantGlobalThreadMutex);
     void threadHasEnded() REQUIRES(m_zantGlobalThreadMutex);
@@ -116,7 +117,7 @@ private:
     /// 0 while no thread exists.
     pthread_t m_thread GUARDED_BY(m_zantGlobalThreadMutex) = 0;
     /// From a successful start until the thread function returns.
-    int16_t running GUARDED_BY(m_zantGlobalThreadMutex) = 0;
+    std::atomic<int16_t> running{0};
     /// Somebody has taken it on to join the thread; nobody else may.
     bool m_isBeingJoined GUARDED_BY(m_zantGlobalThreadMutex) = false;
     /// The end of the running thread, on that thread's stack.
