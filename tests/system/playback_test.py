@@ -22,13 +22,18 @@ CORPUS = pathlib.Path(sys.argv[2]) if len(sys.argv) > 2 else None
 
 # Where the demuxer, whose word counts, says something else than ffprobe, and why.
 DURATION_DIFFERS = {
+    ".ts": "a transport stream has no length: the demuxer reckons from the last clock references that"
+           " it happens to find, and a short file may have none",
+    "h264-320x240.mp4": "ffprobe counts the time before the first picture",
+    "h264-640x480.mp4": "likewise",
     "mp3-cbr-5s.mp3": "encoder delay and padding, 68 ms, are cut off",
     "mp3-cover-art.mp3": "the parser reckons from the bit rate",
     "opus.mp4": "the movie header says 1.5 s, the fragments add up to 2.5 s",
-    "ts-h264-aac.ts": "a transport stream's length is reckoned from its clock references",
-    "ts-h264-aac-pts-wrap.ts": "likewise",
-    "ts-hevc-aac.ts": "likewise",
 }
+
+
+def comparable_duration(path, duration):
+    return duration is not None and path.name not in DURATION_DIFFERS and path.suffix not in DURATION_DIFFERS
 
 
 def playable():
@@ -74,7 +79,7 @@ def playback_case(path):
         if size is not None:
             reported = run.last("NewMetadata", "width"), run.last("NewMetadata", "height")
             self.assertEqual(reported, size)
-        if duration is not None and path.name not in DURATION_DIFFERS:
+        if comparable_duration(path, duration):
             self.assertAlmostEqual(run.last("duration", "seconds"), duration, delta=TOLERANCE)
     return test
 
