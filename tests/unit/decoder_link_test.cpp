@@ -239,7 +239,7 @@ TEST_F(DecoderLinkTest, PayloadsOfNoSizeAreNotSent) {
 }
 
 TEST_F(DecoderLinkTest, ControlTextsReachTheConnectedBackend) {
-    struct Backend : UvaGstIfBackend {
+    struct Backend final : UvaGstIfBackend {
         void controlCommands(const char* commands) override {
             heard += std::string(commands) + ";";
         }

@@ -93,16 +93,20 @@ private:
         arrives(SIG_ID_MPLAYER_DECODER_RELEASE_REQ, kinds, m_cookie);
     }
 
+    /// Answers that name their request come first: a later answer is to what is left then.
     void takeAnswers() {
-        for (const auto& sent : lowerLayer.take()) {
-            if (sent.signal != SIG_ID_MPLAYER_DECODER_RELEASE_RESP)
+        auto answers = lowerLayer.take();
+        std::stable_partition(answers.begin(), answers.end(),
+                              [](const auto& answer) { return answer.cookies[0] != 0; });
+        for (const auto& answer : answers) {
+            if (answer.signal != SIG_ID_MPLAYER_DECODER_RELEASE_RESP)
                 continue;
-            const auto answers = [&sent](const Request& request) {
-                return sent.cookies[0] != 0 ? request.cookie == sent.cookies[0]
-                                            : (request.kinds & ~sent.param1) == 0;
+            const auto isAnswered = [&answer](const Request& request) {
+                return answer.cookies[0] != 0 ? request.cookie == answer.cookies[0]
+                                              : (request.kinds & ~answer.param1) == 0;
             };
             const auto before = m_open.size();
-            m_open.erase(std::remove_if(m_open.begin(), m_open.end(), answers), m_open.end());
+            m_open.erase(std::remove_if(m_open.begin(), m_open.end(), isAnswered), m_open.end());
             EXPECT_LT(m_open.size(), before) << "an answer to no request";
             m_answered += static_cast<int>(before - m_open.size());
         }
