@@ -20,7 +20,8 @@
 class SetClock : public UvaGstIfClock {
 public:
     Time now() override { return Time(std::chrono::nanoseconds(m_now.load())); }
-    bool waitUntil(ConditionVariable& condition, Mutex& mutex, Time deadline) override {
+    bool waitUntil(ConditionVariable& condition, Mutex& mutex, Time deadline) override
+        REQUIRES(mutex) {
         if (now() >= deadline)
             return false;
         // Looks again soon: setting the clock forward wakes nobody.

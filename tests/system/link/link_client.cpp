@@ -9,6 +9,7 @@
 #include <future>
 #include <map>
 #include <mutex>
+#include <set>
 #include <string>
 #include <sys/resource.h>
 #include <unistd.h>
@@ -48,21 +49,21 @@ private:
     static Message& of(GstMessage* message) { return *reinterpret_cast<Message*>(message); }
 };
 
-/// Keeps the last control text.
+/// Keeps the control texts.
 class Backend final : public UvaGstIfBackend {
 public:
     void controlCommands(const char* commands) override {
         const std::lock_guard lock(m_lock);
-        m_text = commands;
+        m_texts.insert(commands);
     }
-    std::string text() {
+    bool heard(const std::string& text) {
         const std::lock_guard lock(m_lock);
-        return m_text;
+        return m_texts.count(text) > 0;
     }
 
 private:
     std::mutex m_lock;
-    std::string m_text;
+    std::set<std::string> m_texts;
 };
 
 class Client {
@@ -130,7 +131,7 @@ private:
         });
     }
     bool control(const std::string& text) {
-        return support::waitUntil([&] { return m_backend.text() == text; });
+        return support::waitUntil([&] { return m_backend.heard(text); });
     }
     bool reports(const std::string&) {
         Message video{"GstNoxVideoFormat", {}};
