@@ -1,5 +1,9 @@
+#include "config/cfg_file_thread.h"
+#include "debug/log_paths.h"
+#include "debug/mshell.h"
 #include "debug/sys_vars.h"
 #include "debug/time_trace.h"
+#include "debug/zant_dbg.h"
 #include "debug/zant_trace_core.h"
 #include "debug/zant_trace_thread.h"
 #include "messaging/thread_object.h"
@@ -19,10 +23,15 @@ NeverDestroyed<std::list<T_GlobalThreadInfo>> threadListStorage;
 NeverDestroyed<std::list<T_GlobalMsgQueueInfo>> queueListStorage;
 NeverDestroyed<CZantTrace> traceStorage;
 NeverDestroyed<CZantTraceThread> traceThreadStorage;
+NeverDestroyed<CMshell> shellStorage;
 NeverDestroyed<CTimeTrace> timeTraceStorage;
+NeverDestroyed<CZantDbg> debugCommandsStorage;
+NeverDestroyed<std::string> logfileDriveStorage;
+NeverDestroyed<std::string> logfileDirectoryStorage;
 NeverDestroyed<CSysVarMap<std::string>> sysVarStringStorage;
 NeverDestroyed<CSysVarMap<int>> sysVarIntStorage;
 NeverDestroyed<CStringUtility> stringUtilityStorage;
+NeverDestroyed<CCfgFileThread> cfgFileThreadStorage;
 
 } // namespace
 
@@ -30,10 +39,15 @@ std::list<T_GlobalThreadInfo>& CThreadObject::globalThreadObjectList = threadLis
 std::list<T_GlobalMsgQueueInfo>& CZantMsgQueue::globalMsgQueueList = queueListStorage.object;
 CZantTrace& zantTrace = traceStorage.object;
 CZantTraceThread& zantTraceThread = traceThreadStorage.object;
+CMshell& mshell = shellStorage.object;
 CTimeTrace& timeTrace = timeTraceStorage.object;
+CZantDbg& zantDbg = debugCommandsStorage.object;
+std::string& logfileDrive = logfileDriveStorage.object;
+std::string& logfileDirectory = logfileDirectoryStorage.object;
 CSysVarMap<std::string>& sysVarStringMap = sysVarStringStorage.object;
 CSysVarMap<int>& sysVarIntMap = sysVarIntStorage.object;
 CStringUtility& theStringUtility = stringUtilityStorage.object;
+CCfgFileThread& cfgFileThread = cfgFileThreadStorage.object;
 
 namespace {
 
@@ -43,10 +57,15 @@ namespace {
     queueListStorage.build();
     traceStorage.build();
     traceThreadStorage.build();
+    shellStorage.build();
     timeTraceStorage.build(TRACEUNIT_NONE, TRACELEVEL_INFO);
+    debugCommandsStorage.build();
+    logfileDriveStorage.build("/dev/sda1");
+    logfileDirectoryStorage.build("/tmp");
     sysVarStringStorage.build();
     sysVarIntStorage.build();
     stringUtilityStorage.build();
+    cfgFileThreadStorage.build();
     return true;
 }();
 

@@ -36,6 +36,13 @@ public:
     CThreadObject* object GUARDED_BY(m_zantGlobalThreadMutex);
 };
 
+namespace {
+
+/// The object whose thread this is, as long as both live.
+thread_local const std::atomic<int32_t>* stopRequestedOfCaller = nullptr;
+
+} // namespace
+
 CThreadObject::~CThreadObject() {
     const CancellationBlock block;
     CThreadObject::StopThreadAndWait();
@@ -43,6 +50,7 @@ CThreadObject::~CThreadObject() {
     if (isOwnThread()) {
         pthread_detach(m_thread);
         m_end->object = nullptr;
+        stopRequestedOfCaller = nullptr;
     }
     removeEntry(this);
 }
@@ -162,6 +170,7 @@ void* CThreadObject::StaticThreadFunction(void* argument) {
 
 void CThreadObject::RealThreadFunction(Launch& launch) {
     EndOfThread end(this);
+    stopRequestedOfCaller = &stopRequested;
     threadId = static_cast<int32_t>(gettid());
     processId = static_cast<int32_t>(getpid());
     {
@@ -219,6 +228,10 @@ bool CThreadObject::isOwnThread() const {
 CThreadObject::Run CThreadObject::currentRun() const {
     const MutexLock lock(m_zantGlobalThreadMutex);
     return m_run;
+}
+
+bool CThreadObject::CallerShallStop() {
+    return stopRequestedOfCaller && *stopRequestedOfCaller != 0;
 }
 
 CThreadObject::Run CThreadObject::requestStop() {

@@ -66,6 +66,9 @@ public:
     /// Stops all threads that are listed now, one after the other in the order of their start, and
     /// terminates handling. A calling thread object is left out.
     static void StopAllThreads() EXCLUDES(m_zantGlobalThreadMutex);
+    /// True when the caller runs on the thread of an object that was asked to end: what may take
+    /// long on somebody's thread looks here, and leaves.
+    static bool CallerShallStop();
 
     /// Terminate freezes the list before static objects go: threads that end afterwards stay
     /// listed, until their objects are destroyed. Start ends that.
