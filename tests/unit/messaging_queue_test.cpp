@@ -312,6 +312,18 @@ TEST_F(MessagingTest, MessagesInADestroyedQueueAreFreed) {
     }
 }
 
+TEST_F(MessagingTest, OpeningAnewLeavesNothingOfTheQueueBefore) {
+    CZantMsgQueue queue;
+    ASSERT_EQ(open(queue, "_before"), 0);
+    CZantMsg msg(517);
+    load(msg, "left behind");
+    ASSERT_EQ(queue.Send(&msg, 0), 0);
+    ASSERT_EQ(open(queue, "_after"), 0);
+    EXPECT_EQ(CountedPayload::alive, 0);
+    EXPECT_EQ(mq_unlink(queueName("_before").c_str()), -1) << "was unlinked";
+    EXPECT_EQ(CZantMsgQueue::GetQueueNameByHandle(queue.handle), queueName("_after"));
+}
+
 TEST_F(MessagingTest, QueueKeptInTheSystemLeavesTheRegistry) {
     int handle = 0;
     const std::string name = queueName("_kept");
