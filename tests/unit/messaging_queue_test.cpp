@@ -184,6 +184,7 @@ TEST_F(MessagingTest, OpenRefusesWhatIsNoQueue) {
     } rows[] = {{nullptr, 5},
                 {"", 5},
                 {"no_slash/inside", 5},
+                {"no_slash_and_too_large", 70000},
                 {tooLong.c_str(), 5},
                 {"/zant_test_negative", -1},
                 {"/zant_test_zero", 0}};
@@ -193,7 +194,7 @@ TEST_F(MessagingTest, OpenRefusesWhatIsNoQueue) {
         EXPECT_EQ(queue.handle, -1);
         EXPECT_EQ(queue.GetNrOfMsgsInQueue(), -1415);
         EXPECT_EQ(queue.Close(), -1411);
-        EXPECT_EQ(traced("CZantMsgQueue::Open queue FAILED - errno = "), 1);
+        EXPECT_EQ(traced("CZantMsgQueue::Open"), 1) << "only that it failed";
     }
     CZantMsgQueue queue;
     EXPECT_EQ(queue.OpenWithAttrStruct("/zant_test", O_RDWR, 0, nullptr, false), -1418);
