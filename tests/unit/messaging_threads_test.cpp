@@ -224,6 +224,8 @@ TEST_F(ThreadsTest, StopAllStopsInOrderAndLeavesItsCaller) {
     EXPECT_NE(atSecond, std::string::npos);
     EXPECT_LT(atFirst, atSecond);
     EXPECT_NE(listing(screen, 0).find("first"), std::string::npos) << "the list is frozen";
+    CThreadObject::StopAllThreads();
+    EXPECT_EQ(traced("++++ Stopping thread"), 0) << "they have ended";
     CThreadObject::Start();
 
     class StopsAll : public CThreadObject {
