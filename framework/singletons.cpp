@@ -11,7 +11,8 @@
 #include <string>
 
 // The objects that live once in a process. Threads outlive static destruction, so none of them is
-// ever destroyed, and each is reached through a reference that is constant from the start.
+// ever destroyed, and each is reached through a reference that is constant from the start. They are
+// built before the program's own static objects, which may start threads and open queues.
 
 namespace {
 
@@ -38,7 +39,7 @@ CStringUtility& theStringUtility = stringUtilityStorage.object;
 namespace {
 
 /// The order of construction. The constructors set up memory only: no thread, no queue, no file.
-[[maybe_unused]] const bool built = [] {
+__attribute__((constructor(101))) void build() {
     threadListStorage.build();
     queueListStorage.build();
     traceStorage.build();
@@ -47,7 +48,6 @@ namespace {
     sysVarStringStorage.build();
     sysVarIntStorage.build();
     stringUtilityStorage.build();
-    return true;
-}();
+}
 
 } // namespace
