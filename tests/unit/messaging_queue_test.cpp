@@ -181,12 +181,9 @@ TEST_F(MessagingTest, OpenRefusesWhatIsNoQueue) {
     const struct {
         const char* name;
         int maxMsgs;
-    } rows[] = {{nullptr, 5},
-                {"", 5},
-                {"no_slash/inside", 5},
-                {"no_slash_and_too_large", 70000},
-                {tooLong.c_str(), 5},
-                {"/zant_test_negative", -1},
+    } rows[] = {{nullptr, 5},           {"", 5},
+                {"no_slash/inside", 5}, {"no_slash_and_too_large", 70000},
+                {tooLong.c_str(), 5},   {"/zant_test_negative", -1},
                 {"/zant_test_zero", 0}};
     for (const auto& row : rows) {
         CZantMsgQueue queue;
