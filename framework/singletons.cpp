@@ -15,7 +15,8 @@
 #include <string>
 
 // The objects that live once in a process. Threads outlive static destruction, so none of them is
-// ever destroyed, and each is reached through a reference that is constant from the start.
+// ever destroyed, and each is reached through a reference that is constant from the start. They are
+// built before the program's own static objects, which may start threads and open queues.
 
 namespace {
 
@@ -52,7 +53,7 @@ CCfgFileThread& cfgFileThread = cfgFileThreadStorage.object;
 namespace {
 
 /// The order of construction. The constructors set up memory only: no thread, no queue, no file.
-[[maybe_unused]] const bool built = [] {
+__attribute__((constructor(101))) void build() {
     threadListStorage.build();
     queueListStorage.build();
     traceStorage.build();
@@ -66,7 +67,6 @@ namespace {
     sysVarIntStorage.build();
     stringUtilityStorage.build();
     cfgFileThreadStorage.build();
-    return true;
-}();
+}
 
 } // namespace

@@ -2,6 +2,7 @@
 
 #include "debug/zant_trace.h"
 #include "messaging/cancellation_block.h"
+#include "util/sanitizers.h"
 
 #include <cerrno>
 #include <cstring>
@@ -191,6 +192,7 @@ __attribute__((no_sanitize("null"))) void CThreadObject::runWorkFunction(EndOfTh
     try {
         ThreadWorkFunction();
     } catch (abi::__forced_unwind&) {
+        sanitizers::forgetLeftFrames();
         endOfCancelledThread(end);
         throw;
     } catch (const std::exception& exception) {
