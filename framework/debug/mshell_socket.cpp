@@ -69,13 +69,6 @@ int32_t CMshell::MshellOpenSocket() {
         traceBlockedSocket(m_socketFd);
         return m_socketFd;
     }
-    if (SocketComm_NameSenders(m_socketFd) != 0) {
-        ZANT_TRACE(TRACEUNIT_SHELL_SOCKET, TRACELEVEL_ERROR,
-                   "CMshell::MshellOpenSocket() FAILED - The system does not name senders: %s\n",
-                   strerrordesc_np(errno));
-        scoped_handles::closeDescriptor(m_socketFd);
-        return socketFailed;
-    }
     ZANT_TRACE_STREAM(TRACEUNIT_SHELL_SOCKET, TRACELEVEL_INFO,
                       "CMshell::MshellOpenSocket() - SocketFd = " << m_socketFd << ", SocketName = "
                                                                   << m_socketName << "\n");
