@@ -61,7 +61,9 @@ void ProcessOutput::followStandardOutput(pid_t process) {
     }
     if (S_ISREG(info.st_mode)) {
         m_alternatives.emplace_back(targetOf(path), path);
-        m_whereElse = who + " printed nothing; m_starttracingtoscreen switches its output on";
+        m_whereElse = "nothing was printed (should there have been: m_starttracingtoscreen "
+                      "switches the output of " +
+                      who + " on)";
     } else if (isNullDevice(info)) {
         m_whereElse = who + " prints to /dev/null";
     } else if (isOwnTerminal(info)) {
