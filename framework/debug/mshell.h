@@ -90,7 +90,7 @@ private:
 
     int32_t MshellOpenSocket();
     int32_t MshellReadFromSocket();
-    void traceBlockedSocket(int32_t error) const;
+    void traceBlockedSocket(int32_t error, int reason) const;
     bool mayCommand(unsigned user) const;
     void answer(int32_t result);
     bool SendMshellCmdAckToSocket();

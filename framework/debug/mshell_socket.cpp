@@ -63,18 +63,12 @@ void CMshell::ThreadWorkFunction() {
 int32_t CMshell::MshellOpenSocket() {
     m_socketFd = SocketComm_Start(m_socketName.c_str(), MSG_DONTWAIT);
     if (m_socketFd < 0) {
+        const int reason = errno;
         ZANT_TRACE_STREAM(TRACEUNIT_SHELL_SOCKET, TRACELEVEL_ERROR,
                           "CMshell::MshellOpenSocket() FAILED - SocketFd = "
                               << m_socketFd << ", SocketName = " << m_socketName << "\n");
-        traceBlockedSocket(m_socketFd);
+        traceBlockedSocket(m_socketFd, reason);
         return m_socketFd;
-    }
-    if (SocketComm_NameSenders(m_socketFd) != 0) {
-        ZANT_TRACE(TRACEUNIT_SHELL_SOCKET, TRACELEVEL_ERROR,
-                   "CMshell::MshellOpenSocket() FAILED - The system does not name senders: %s\n",
-                   strerrordesc_np(errno));
-        scoped_handles::closeDescriptor(m_socketFd);
-        return socketFailed;
     }
     ZANT_TRACE_STREAM(TRACEUNIT_SHELL_SOCKET, TRACELEVEL_INFO,
                       "CMshell::MshellOpenSocket() - SocketFd = " << m_socketFd << ", SocketName = "
@@ -83,8 +77,7 @@ int32_t CMshell::MshellOpenSocket() {
 }
 
 /// Says what to do about a socket that cannot be had.
-void CMshell::traceBlockedSocket(int32_t error) const {
-    const std::string reason = strerrordesc_np(errno);
+void CMshell::traceBlockedSocket(int32_t error, int reason) const {
     const std::string path = "/tmp/" + m_socketName;
     std::string advice;
     if (error == socketHasOwner)
@@ -95,7 +88,7 @@ void CMshell::traceBlockedSocket(int32_t error) const {
         advice = path + " is in the way and stays untouched, " + describe(path) +
                  "; remove it and start again";
     else
-        advice = "no socket at " + path + ": " + reason;
+        advice = "no socket at " + path + ": " + strerrordesc_np(reason);
     ZANT_TRACE(TRACEUNIT_SHELL_SOCKET, TRACELEVEL_ERROR, "CMshell::MshellOpenSocket() - %s\n",
                advice.c_str());
 }

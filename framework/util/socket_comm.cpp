@@ -65,13 +65,18 @@ bool bindForOwner(int fd, const SocketAddress& address) {
            fchmodat(AT_FDCWD, address.path(), ownerOnly, AT_SYMLINK_NOFOLLOW) == 0;
 }
 
+ScopedFd newSocket() {
+    return ScopedFd(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+}
+
 /// Makes room for a socket of ours where something is in the way. 0 or an error.
-int clearPath(int fd, const SocketAddress& address) {
+int clearPath(const SocketAddress& address) {
     const struct stat found = look(address.path());
     // Connecting would follow a link, perhaps to a process that has nothing to do with the name.
     if (S_ISLNK(found.st_mode))
         return fail(socketPathBlocked, "Error removing old socket");
-    if (connect(fd, address.get(), SocketAddress::size) == 0)
+    const ScopedFd probe = newSocket();
+    if (connect(probe.get(), address.get(), SocketAddress::size) == 0)
         return fail(socketHasOwner, "Second instance already running");
     // Nobody listens: a process that died has left it.
     const bool isAbandoned = errno == ECONNREFUSED;
@@ -79,6 +84,12 @@ int clearPath(int fd, const SocketAddress& address) {
     if (isAbandoned && isOurs && unlink(address.path()) == 0)
         return 0;
     return fail(socketPathBlocked, "Error removing old socket");
+}
+
+/// Before the socket can get its first datagram.
+bool nameSenders(int fd) {
+    const int on = 1;
+    return setsockopt(fd, SOL_SOCKET, SO_PASSCRED, &on, sizeof on) == 0;
 }
 
 bool waitUntilReadable(int fd) {
@@ -137,16 +148,13 @@ int Delay(int ms) {
 }
 
 int SocketComm_Start(const char* name, int sendFlags) {
-    ScopedFd fd(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-    if (!fd)
-        return fail(socketFailed, "Low level socket error");
-    const int flags = fcntl(fd.get(), F_GETFL);
-    if (flags < 0 || fcntl(fd.get(), F_SETFL, flags | O_NONBLOCK) < 0)
+    ScopedFd fd = newSocket();
+    if (!fd || !nameSenders(fd.get()))
         return fail(socketFailed, "Low level socket error");
 
     const SocketAddress address(name);
     if (!bindForOwner(fd.get(), address)) {
-        const int error = clearPath(fd.get(), address);
+        const int error = clearPath(address);
         if (error != 0)
             return error;
         if (!bindForOwner(fd.get(), address))
@@ -175,11 +183,6 @@ int SocketComm_Recv(int fd, void* buffer, unsigned length, int flags, int /*time
     if (!waitUntilReadable(fd))
         return -1;
     return static_cast<int>(recv(fd, buffer, length, flags));
-}
-
-int SocketComm_NameSenders(int fd) {
-    const int on = 1;
-    return setsockopt(fd, SOL_SOCKET, SO_PASSCRED, &on, sizeof on);
 }
 
 int SocketComm_RecvWithSender(int fd, void* buffer, unsigned length, struct ucred* sender) {

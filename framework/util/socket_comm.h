@@ -21,8 +21,8 @@ int Delay(int ms);
 
 /// Opens a non-blocking socket bound to "/tmp/<name>", for this user and root alone (mode 0600
 /// whatever the umask). A socket of this user that a dead process left there is replaced; anything
-/// else there stays untouched and no link is followed. The descriptor, the caller's to close, or
-/// one of SocketCommError. `sendFlags` goes with every later SocketComm_Sendto of the process.
+/// else there stays untouched and no link is followed. The system names the sender of every
+/// datagram to the socket. The descriptor, the caller's to close, or one of SocketCommError. `sendFlags` goes with every later SocketComm_Sendto of the process.
 int SocketComm_Start(const char* name, int sendFlags);
 
 /// Removes "/tmp/<name>". Returns what unlink returned.
@@ -39,9 +39,6 @@ int SocketComm_Recv(int fd, void* buffer, unsigned length, int flags, int timeou
 /// As SocketComm_Recv, and tells who sent. The size is the datagram's even where `buffer` holds
 /// less. A sender that the system does not name is nobody: process 0, user -1.
 int SocketComm_RecvWithSender(int fd, void* buffer, unsigned length, struct ucred* sender);
-
-/// Lets the system name the senders of datagrams to this socket. 0, or -1 with errno.
-int SocketComm_NameSenders(int fd);
 
 /// Looks for a datagram every 10 ms until `timeoutMs` are used up; -1 stands for 1800 s. What
 /// recvfrom returned last.
