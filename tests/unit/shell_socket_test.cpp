@@ -131,9 +131,11 @@ TEST_F(ShellSocketTest, IsForItsUserAndRootAlone) {
     const mode_t before = umask(0777);
     start();
     umask(before);
-    struct stat info {};
-    ASSERT_EQ(lstat(serverPath, &info), 0);
-    EXPECT_EQ(info.st_mode & 07777, 0600U);
+    // Closed to everybody first, as the umask wants it, then opened to its user.
+    EXPECT_TRUE(waitUntil([] {
+        struct stat info {};
+        return lstat(serverPath, &info) == 0 && (info.st_mode & 07777) == 0600U;
+    }));
     if (geteuid() != 0)
         GTEST_SKIP() << "needs root to become somebody else";
 
