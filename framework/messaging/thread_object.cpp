@@ -27,6 +27,7 @@ public:
     void finish() {
         const CancellationBlock block;
         const MutexLock lock(m_zantGlobalThreadMutex);
+        const sanitizers::SeenLock seen(m_zantGlobalThreadMutex.handle());
         if (object)
             object->threadHasEnded();
         object = nullptr;
@@ -193,7 +194,7 @@ __attribute__((no_sanitize("null"))) void CThreadObject::runWorkFunction(EndOfTh
         ThreadWorkFunction();
     } catch (abi::__forced_unwind&) {
         sanitizers::forgetLeftFrames();
-        endOfCancelledThread(end);
+        end.finish();
         throw;
     } catch (const std::exception& exception) {
         ZANT_TRACE(TRACEUNIT_THREAD, TRACELEVEL_ERROR,
@@ -203,12 +204,6 @@ __attribute__((no_sanitize("null"))) void CThreadObject::runWorkFunction(EndOfTh
         ZANT_TRACE(TRACEUNIT_THREAD, TRACELEVEL_ERROR,
                    "CThreadObject::RealThreadFunction - Thread ends by an unknown exception\n");
     }
-}
-
-/// A function of its own, so that a sanitizer that loses track of cancelled threads can be told so
-/// for them alone.
-__attribute__((noinline)) void CThreadObject::endOfCancelledThread(EndOfThread& end) {
-    end.finish();
 }
 
 void CThreadObject::threadHasEnded() {

@@ -100,7 +100,6 @@ private:
     static void* StaticThreadFunction(void* launch);
     void RealThreadFunction(Launch& launch);
     void runWorkFunction(EndOfThread& end);
-    static void endOfCancelledThread(EndOfThread& end);
     int createThread(Launch& launch, int stackSize, int priority) REQUIRES(m_zantGlobalThreadMutex);
     std::string applyPriority(int priority) const REQUIRES(m_zantGlobalThreadMutex);
     void threadHasEnded() REQUIRES(m_zantGlobalThreadMutex);

@@ -7,11 +7,20 @@
 #if __has_feature(address_sanitizer)
 #define BUILT_WITH_ADDRESS_SANITIZER
 #endif
+#if __has_feature(thread_sanitizer)
+#define BUILT_WITH_THREAD_SANITIZER
+#endif
+#endif
+#if defined(__SANITIZE_THREAD__)
+#define BUILT_WITH_THREAD_SANITIZER
 #endif
 
 #ifdef BUILT_WITH_ADDRESS_SANITIZER
 #include <cstddef>
 #include <sanitizer/asan_interface.h>
+#endif
+#ifdef BUILT_WITH_THREAD_SANITIZER
+#include <sanitizer/tsan_interface.h>
 #endif
 
 namespace sanitizers {
@@ -29,6 +38,28 @@ inline void forgetLeftFrames() {
     __asan_handle_no_return();
 #endif
 }
+
+/// Tells the thread sanitizer that the calling thread holds a lock, for a scope. It does not see
+/// the locks of a thread that was cancelled in a call that it intercepts: it takes that call as
+/// never left. Nothing in a build without it.
+class SeenLock {
+public:
+    explicit SeenLock(void* lock) : m_lock(lock) {
+#ifdef BUILT_WITH_THREAD_SANITIZER
+        __tsan_acquire(m_lock);
+#endif
+    }
+    ~SeenLock() {
+#ifdef BUILT_WITH_THREAD_SANITIZER
+        __tsan_release(m_lock);
+#endif
+    }
+    SeenLock(const SeenLock&) = delete;
+    SeenLock& operator=(const SeenLock&) = delete;
+
+private:
+    [[maybe_unused]] void* m_lock;
+};
 
 } // namespace sanitizers
 
