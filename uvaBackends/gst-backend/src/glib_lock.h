@@ -1,42 +1,30 @@
 #ifndef GLIB_LOCK_H
 #define GLIB_LOCK_H
 
+#include "util/thread_annotations.h"
+
 #include <glib.h>
 
-#if defined(__clang__)
-#define GUARDED_BY(lock) __attribute__((guarded_by(lock)))
-#define REQUIRES(lock) __attribute__((requires_capability(lock)))
-#define EXCLUDES(lock) __attribute__((locks_excluded(lock)))
-#define LOCK_ATTRIBUTE(x) __attribute__((x))
-#else
-#define GUARDED_BY(lock)
-#define REQUIRES(lock)
-#define EXCLUDES(lock)
-#define LOCK_ATTRIBUTE(x)
-#endif
-
 /// A GMutex that the compiler's lock analysis understands.
-class LOCK_ATTRIBUTE(capability("mutex")) GLibMutex {
+class CAPABILITY("mutex") GLibMutex {
 public:
     GLibMutex() { g_mutex_init(&m_mutex); }
     ~GLibMutex() { g_mutex_clear(&m_mutex); }
     GLibMutex(const GLibMutex&) = delete;
     GLibMutex& operator=(const GLibMutex&) = delete;
 
-    void lock() LOCK_ATTRIBUTE(acquire_capability()) { g_mutex_lock(&m_mutex); }
-    void unlock() LOCK_ATTRIBUTE(release_capability()) { g_mutex_unlock(&m_mutex); }
+    void lock() ACQUIRE() { g_mutex_lock(&m_mutex); }
+    void unlock() RELEASE() { g_mutex_unlock(&m_mutex); }
 
 private:
     friend class GLibCondition;
     GMutex m_mutex;
 };
 
-class LOCK_ATTRIBUTE(scoped_lockable) GLibLock {
+class SCOPED_CAPABILITY GLibLock {
 public:
-    explicit GLibLock(GLibMutex& mutex) LOCK_ATTRIBUTE(acquire_capability(mutex)) : m_mutex(mutex) {
-        m_mutex.lock();
-    }
-    ~GLibLock() LOCK_ATTRIBUTE(release_capability()) { m_mutex.unlock(); }
+    explicit GLibLock(GLibMutex& mutex) ACQUIRE(mutex) : m_mutex(mutex) { m_mutex.lock(); }
+    ~GLibLock() RELEASE() { m_mutex.unlock(); }
     GLibLock(const GLibLock&) = delete;
     GLibLock& operator=(const GLibLock&) = delete;
 

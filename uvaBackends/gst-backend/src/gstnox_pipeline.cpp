@@ -100,6 +100,8 @@ int GstNoxBackend::gstPlaySinkCreate() {
 void GstNoxBackend::watchBus() {
     m_bus = GstPtr<GstBus>::adopt(gst_element_get_bus(m_pipeline.get()));
     m_busWatch = GstNoxBusWatch::add(m_bus.get(), this);
+    const GLibLock lock(m_lock);
+    m_hasPlayer = true;
 }
 
 void GstNoxBackend::gstPlayerStopAndDestroy() {
@@ -129,6 +131,7 @@ void GstNoxBackend::gstPlayerStopAndDestroy() {
     setPipelineState(GST_STATE_NULL);
     {
         const GLibLock lock(m_lock);
+        m_hasPlayer = false;
         m_audioSink.reset();
     }
     m_pipeline.reset();
