@@ -208,7 +208,7 @@ TEST_F(CfgFileTest, TheThreadRunsFilesInOrderAndStopsInASleep) {
     }
     const auto begin = std::chrono::steady_clock::now();
     thread.StopThreadAndWait();
-    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(1));
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(10));
 }
 
 } // namespace

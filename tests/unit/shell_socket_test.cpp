@@ -23,6 +23,9 @@ using support::waitUntil;
 using Clock = std::chrono::steady_clock;
 
 const bool hasPrivateTmp = support::makePrivateTmp();
+/// Seconds: far from what a stop would take that waits for a sleep or a reply, whatever the
+/// machine.
+constexpr double promptly = 10;
 constexpr const char* serverName = "zant_dbg_test";
 constexpr const char* serverPath = "/tmp/zant_dbg_test";
 
@@ -98,7 +101,7 @@ TEST_F(ShellSocketTest, AnswersAndGoesOnWhateverComes) {
     }));
     client.reset(SocketComm_Start("zant_dbg_client", MSG_DONTWAIT));
     EXPECT_EQ(ask("m_echo"), "OK");
-    EXPECT_LT(stop(), 1.0);
+    EXPECT_LT(stop(), promptly);
 }
 
 TEST_F(ShellSocketTest, StopsInASleepAndWhileAReplyIsBlocked) {
@@ -111,7 +114,7 @@ TEST_F(ShellSocketTest, StopsInASleepAndWhileAReplyIsBlocked) {
     ASSERT_TRUE(send("m_sleep 1000"));
     ASSERT_TRUE(waitUntil([] { return calls == 1; }));
     EXPECT_EQ(reply(), "OK");
-    EXPECT_LT(stop(), 1.0);
+    EXPECT_LT(stop(), promptly);
 
     // Nobody takes the replies: there is room for some, then the shell has to wait with one.
     shell.StartThread("shell", 0, 0);
@@ -124,7 +127,7 @@ TEST_F(ShellSocketTest, StopsInASleepAndWhileAReplyIsBlocked) {
         ++sent;
     EXPECT_LT(sent, 5000);
     EXPECT_LT(calls, sent);
-    EXPECT_LT(stop(), 1.0);
+    EXPECT_LT(stop(), promptly);
 }
 
 TEST_F(ShellSocketTest, IsForItsUserAndRootAlone) {
