@@ -22,8 +22,9 @@ if "ZANTSH_TEST_INSIDE" not in os.environ:
 sys.path.insert(0, os.path.join(os.path.dirname(__file__), "..", "support"))
 import gtest_result  # noqa: E402
 
-# The programs may lie in the /tmp that is about to be hidden.
+# The programs, and this folder, may lie in the /tmp that is about to be hidden.
 programs = [(pathlib.Path(path).name, pathlib.Path(path).read_bytes()) for path in sys.argv[1:]]
+os.chdir("/")
 TMP_IS_OWN = subprocess.run(["mount", "-t", "tmpfs", "tmpfs", "/tmp"]).returncode == 0
 if TMP_IS_OWN:
     for name, content in programs:
