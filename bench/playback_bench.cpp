@@ -247,7 +247,7 @@ int main(int argc, char** argv) {
     const MakePlayer bare = [&uri] { return std::make_unique<BarePlaybin>(uri); };
     const MakePlayer forced = [&uri] { return std::make_unique<BarePlaybin>(uri, true); };
 
-    std::fprintf(report, "%s, %u processors, %s\n", processorName().c_str(),
+    std::fprintf(report, "# Playback\n\nMachine: %s, %u processors, %s.\n", processorName().c_str(),
                  std::thread::hardware_concurrency(), gst_version_string());
     std::fprintf(report,
                  "\n| | backend | bare playbin | ratio of medians | median of ratios | budget |\n"

@@ -11,21 +11,17 @@ import signal
 import socket
 import subprocess
 import sys
-import time
 import unittest
 
-if "ZANTSH_TEST_INSIDE" not in os.environ:
-    os.environ["ZANTSH_TEST_INSIDE"] = "1"
-    own_ids = ["-m"] if os.geteuid() == 0 else ["-Urm"]
-    os.execvp("unshare", ["unshare", *own_ids, sys.executable, *sys.argv])
-
 sys.path.insert(0, os.path.join(os.path.dirname(__file__), "..", "support"))
+import own_mounts  # noqa: E402
 import gtest_result  # noqa: E402
+from wait_until import wait_until  # noqa: E402
 
 # The programs, and this folder, may lie in the /tmp that is about to be hidden.
 programs = [(pathlib.Path(path).name, pathlib.Path(path).read_bytes()) for path in sys.argv[1:]]
 os.chdir("/")
-TMP_IS_OWN = subprocess.run(["mount", "-t", "tmpfs", "tmpfs", "/tmp"]).returncode == 0
+TMP_IS_OWN = own_mounts.mount_memory("/tmp")
 if TMP_IS_OWN:
     for name, content in programs:
         path = pathlib.Path("/tmp/bin") / name
@@ -34,15 +30,6 @@ if TMP_IS_OWN:
         path.chmod(0o755)
 ZANTSH, SHELL, TVBOX = (["/tmp/bin/" + name for name, _ in programs] + [None])[:3]
 SERVER = "/tmp/zant_dbg_server_uva"
-
-
-def wait_until(predicate, timeout=20):
-    deadline = time.monotonic() + timeout
-    while not predicate():
-        if time.monotonic() > deadline:
-            return False
-        time.sleep(0.01)
-    return True
 
 
 def zantsh(*arguments, given=None):

@@ -110,6 +110,9 @@ public:
     int gstPlaySinkCreate();
     void gstPlayerStopAndDestroy();
 
+    /// On the thread that posts a message: what handleGstMessages() has no use for, nine of ten
+    /// while a pipeline starts, wakes nobody up.
+    static GstBusSyncReply _sift_message(GstBus* bus, GstMessage* message, gpointer unused);
     /// Bus messages; the result keeps the watch. "gst_run", or the thread that drains the bus.
     static gboolean _handle_message(GstBus* bus, GstMessage* message, gpointer backend);
     gboolean handleGstMessages(GstMessage* message);

@@ -151,6 +151,7 @@ bool BackendInit(GError** error) noexcept {
     ZantAppInit();
     startShell();
     runConfigurationFile();
+    zantTrace.CheckAndStartTracingToFile("uva");
     g_thread_unref(g_thread_new("gst_chk_dbg", runDebugWatcher, nullptr));
     g_thread_unref(g_thread_new("gst_run", runMainLoop, nullptr));
     done = true;
