@@ -7,29 +7,15 @@ usage: report_messaging.py <build directory> <result.md>
 import json
 import os
 import pathlib
-import platform
 import subprocess
 import sys
+
+from report_support import machine, plot
 
 LIMIT = 1.10
 
 
-def machine():
-    model = platform.processor() or platform.machine()
-    cores = 0
-    for line in pathlib.Path('/proc/cpuinfo').read_text().splitlines():
-        if line.startswith('model name'):
-            model = line.split(':', 1)[1].strip()
-            cores += 1
-    return f'{model}, {cores} cores, Linux {platform.release()}, {platform.machine()}'
-
-
-def plot(rows, path):
-    import matplotlib
-    matplotlib.use('Agg')
-    from matplotlib import pyplot
-
-    figure, axis = pyplot.subplots(figsize=(7, 4))
+def draw(rows, axis):
     for key in ('p50', 'p99'):
         axis.plot([row['senders'] for row in rows], [row[f'{key}_ns'] / 1000 for row in rows],
                   marker='o', label=key)
@@ -38,8 +24,6 @@ def plot(rows, path):
     axis.set_ylabel('round trip to one queue thread, µs')
     axis.grid(True, which='both', alpha=0.3)
     axis.legend()
-    figure.tight_layout()
-    figure.savefig(path, dpi=90)
 
 
 def main():
@@ -72,7 +56,7 @@ def main():
     for row in figures['senders']:
         lines.append(f'| {row["senders"]} | {row["p50_ns"] / 1000:.1f} | {row["p99_ns"] / 1000:.1f} |')
     lines += ['', f'![round trips]({result.stem}.png)', '']
-    plot(figures['senders'], result.with_suffix('.png'))
+    plot(lambda axis: draw(figures['senders'], axis), (7, 4), 1, result.with_suffix('.png'))
     result.write_text('\n'.join(lines))
     print('\n'.join(lines))
 

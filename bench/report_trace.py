@@ -6,10 +6,11 @@ usage: report_trace.py <build directory> <result.md>
 
 import json
 import pathlib
-import platform
 import statistics
 import subprocess
 import sys
+
+from report_support import machine, plot
 
 REPETITIONS = 21
 
@@ -42,30 +43,13 @@ def resident_kilobytes(build, program):
                            text=True).stdout) for _ in range(REPETITIONS))
 
 
-def machine():
-    model = platform.processor() or platform.machine()
-    cores = 0
-    for line in pathlib.Path('/proc/cpuinfo').read_text().splitlines():
-        if line.startswith('model name'):
-            model = line.split(':', 1)[1].strip()
-            cores += 1
-    return f'{model}, {cores} cores, Linux {platform.release()}, {platform.machine()}'
-
-
-def plot(samples, path):
-    import matplotlib
-    matplotlib.use('Agg')
-    from matplotlib import pyplot
-
-    figure, axes = pyplot.subplots(1, len(ROWS), figsize=(9, 4))
+def draw(samples, axes):
     for axis, (title, ours, peer, _, _) in zip(axes, ROWS):
         axis.boxplot([samples[ours], samples[peer]])
         axis.set_xticklabels([ours, peer])
         axis.set_ylim(bottom=0)
         axis.set_ylabel('ns')
         axis.set_title(title, fontsize=9)
-    figure.tight_layout()
-    figure.savefig(path, dpi=90)
 
 
 def main():
@@ -93,7 +77,7 @@ def main():
     lines += ['', f'Resident memory of an idle process: {idle:.0f} kB with the framework and its '
               f'trace thread started, {bare:.0f} kB without, {idle - bare:.0f} kB for the '
               'framework.', '', f'![spread]({result.stem}.png)', '']
-    plot(samples, result.with_suffix('.png'))
+    plot(lambda axes: draw(samples, axes), (9, 4), len(ROWS), result.with_suffix('.png'))
     result.write_text('\n'.join(lines))
     print('\n'.join(lines))
 

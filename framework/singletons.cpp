@@ -1,5 +1,9 @@
+#include "config/cfg_file_thread.h"
+#include "debug/log_paths.h"
+#include "debug/mshell.h"
 #include "debug/sys_vars.h"
 #include "debug/time_trace.h"
+#include "debug/zant_dbg.h"
 #include "debug/zant_trace_core.h"
 #include "debug/zant_trace_thread.h"
 #include "messaging/thread_object.h"
@@ -11,7 +15,8 @@
 #include <string>
 
 // The objects that live once in a process. Threads outlive static destruction, so none of them is
-// ever destroyed, and each is reached through a reference that is constant from the start.
+// ever destroyed, and each is reached through a reference that is constant from the start. They are
+// built before the program's own static objects, which may start threads and open queues.
 
 namespace {
 
@@ -19,10 +24,15 @@ NeverDestroyed<std::list<T_GlobalThreadInfo>> threadListStorage;
 NeverDestroyed<std::list<T_GlobalMsgQueueInfo>> queueListStorage;
 NeverDestroyed<CZantTrace> traceStorage;
 NeverDestroyed<CZantTraceThread> traceThreadStorage;
+NeverDestroyed<CMshell> shellStorage;
 NeverDestroyed<CTimeTrace> timeTraceStorage;
+NeverDestroyed<CZantDbg> debugCommandsStorage;
+NeverDestroyed<std::string> logfileDriveStorage;
+NeverDestroyed<std::string> logfileDirectoryStorage;
 NeverDestroyed<CSysVarMap<std::string>> sysVarStringStorage;
 NeverDestroyed<CSysVarMap<int>> sysVarIntStorage;
 NeverDestroyed<CStringUtility> stringUtilityStorage;
+NeverDestroyed<CCfgFileThread> cfgFileThreadStorage;
 
 } // namespace
 
@@ -30,24 +40,33 @@ std::list<T_GlobalThreadInfo>& CThreadObject::globalThreadObjectList = threadLis
 std::list<T_GlobalMsgQueueInfo>& CZantMsgQueue::globalMsgQueueList = queueListStorage.object;
 CZantTrace& zantTrace = traceStorage.object;
 CZantTraceThread& zantTraceThread = traceThreadStorage.object;
+CMshell& mshell = shellStorage.object;
 CTimeTrace& timeTrace = timeTraceStorage.object;
+CZantDbg& zantDbg = debugCommandsStorage.object;
+std::string& logfileDrive = logfileDriveStorage.object;
+std::string& logfileDirectory = logfileDirectoryStorage.object;
 CSysVarMap<std::string>& sysVarStringMap = sysVarStringStorage.object;
 CSysVarMap<int>& sysVarIntMap = sysVarIntStorage.object;
 CStringUtility& theStringUtility = stringUtilityStorage.object;
+CCfgFileThread& cfgFileThread = cfgFileThreadStorage.object;
 
 namespace {
 
 /// The order of construction. The constructors set up memory only: no thread, no queue, no file.
-[[maybe_unused]] const bool built = [] {
+__attribute__((constructor(101))) void build() {
     threadListStorage.build();
     queueListStorage.build();
     traceStorage.build();
     traceThreadStorage.build();
+    shellStorage.build();
     timeTraceStorage.build(TRACEUNIT_NONE, TRACELEVEL_INFO);
+    debugCommandsStorage.build();
+    logfileDriveStorage.build("/dev/sda1");
+    logfileDirectoryStorage.build("/tmp");
     sysVarStringStorage.build();
     sysVarIntStorage.build();
     stringUtilityStorage.build();
-    return true;
-}();
+    cfgFileThreadStorage.build();
+}
 
 } // namespace

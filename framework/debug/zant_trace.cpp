@@ -126,6 +126,8 @@ __attribute__((format(printf, 2, 0))) void printTrace(int level, const char* for
         sendToSyslog(syslogPriority(level), text);
     else if (zantTrace.isTracingToScreen())
         printToStdout(text);
+    if (zantTraceWriteToLogfileIfDirectPrint.load(std::memory_order_relaxed))
+        zantTrace.WriteToLogfile(text);
 }
 
 } // namespace

@@ -4,6 +4,7 @@
 #include "debug/trace_line.h"
 #include "debug/trace_output.h"
 #include "debug/zant_trace_colors.h"
+#include "debug/zant_trace_mshell.h"
 #include "debug/zant_trace_thread.h"
 #include "util/mutex.h"
 
@@ -54,6 +55,7 @@ int32_t CZantTrace::Init(const char* processName, int32_t syslogFacility) {
     const std::string name = processName ? processName : "";
     zantSyslogFacility.store(syslogFacility, std::memory_order_relaxed);
     openlog(keepText(name), LOG_NOWAIT, syslogFacility);
+    AddZantTraceMshellCmds();
 
     initialTraceProcessPrefix.store(keepText(name + " "));
     restorePrefix();

@@ -1,12 +1,15 @@
 #ifndef ZANT_TRACE_CORE_H
 #define ZANT_TRACE_CORE_H
 
+#include "debug/rol_log.h"
 #include "debug/zant_trace.h"
 #include "debug/zant_trace_state.h"
+#include "util/mutex.h"
 
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
+#include <string>
 
 /// The trace facility of the process: which traces pass, where lines go and what they look like.
 /// Modules trace through debug/zant_trace.h; this class is for those who set tracing up.
@@ -20,11 +23,12 @@ public:
     /// Room that every timestamp fits into, with its terminator.
     static constexpr size_t timestampSize = 80;
 
+    CZantTrace();
     virtual ~CZantTrace() = default;
 
-    /// Opens syslog under the process's name, puts the name into every line and starts the trace
-    /// thread. Returns what starting the thread returned. Runs once, early in start-up: until then
-    /// queued lines wait in the ring.
+    /// Opens syslog under the process's name, registers the trace commands of the shell, puts the
+    /// name into every line and starts the trace thread. Returns what starting the thread returned.
+    /// Runs once, early in start-up: until then queued lines wait in the ring.
     int32_t Init(const char* processName, int32_t syslogFacility);
 
     /// The unit's name; unit 0's for a unit without one.
@@ -63,6 +67,28 @@ public:
     int32_t PrintTimestampToCharString(char* destination) const;
     int32_t PrintTimestamp() const;
 
+    /// Start and stop writing every line to the log file too; the first line of a start says so.
+    /// They tell on standard output what they did. 0, also when there was nothing to do, or a code
+    /// of CRolLog. The directory and name, if given, are taken when the log is not being written.
+    /// Stopping lets what is on its way settle and takes more than two seconds.
+    int32_t StartTracingToFile() EXCLUDES(m_logControlMutex);
+    int32_t StartTracingToFile(const char* dir, const char* name) EXCLUDES(m_logControlMutex);
+    int32_t StopTracingToFile() EXCLUDES(m_logControlMutex);
+
+    /// Looks for a log directory, "/tmp/usb_logs/" or "zantalog" on a removable drive, and starts
+    /// tracing to a file there. A file "traces<suffix>.cfg" beside it is run on the configuration
+    /// thread; until it is through, the log's size has no limit. Without a directory: 0.
+    int32_t CheckAndStartTracingToFile(const char* suffix) EXCLUDES(m_logControlMutex);
+    /// Gives a log without limit the limit that it had before CheckAndStartTracingToFile.
+    int32_t CheckAndSetMaxSizeOfLogfile();
+    int32_t SetTraceFileMaxSize(long maxSize);
+    /// The log's directory.
+    std::string GetLogfilePath();
+
+    /// Writes a finished line to the log file if one is being written. The first failure ends that
+    /// and says so on standard output.
+    void WriteToLogfile(const char* line);
+
     int32_t SetPrintToScreenFunction(int (*function)(const char*));
     int32_t SetInitialInfoWhenTracingToFileStartsFunction(void (*function)());
 
@@ -72,14 +98,24 @@ public:
 
     bool hasTimestamps() const { return s_timestamps.load(std::memory_order_relaxed); }
     bool isTracingToScreen() const { return s_tracingToScreen.load(std::memory_order_relaxed); }
+    bool isTracingToFile() const { return s_tracingToFile.load(std::memory_order_relaxed); }
 
 private:
+    void beginLog() REQUIRES(m_logControlMutex);
+    void callInitialInfoFunction();
     static void storeLevel(unsigned unit, T_TraceLevel level);
     static void restorePrefix();
 
     // Static for the sake of threads that trace before the constructor has run.
     static std::atomic<bool> s_timestamps;
     static std::atomic<bool> s_tracingToScreen;
+    static std::atomic<bool> s_tracingToFile;
+
+    /// Held while the log is started, stopped or moved elsewhere, not while lines are written.
+    Mutex m_logControlMutex;
+    CRolLog m_LogFile;
+    /// The log's maximum while it has none.
+    std::atomic<long> m_savedMaxSize;
 
     std::atomic<int (*)(const char*)> m_printToScreenFunction{nullptr};
     std::atomic<void (*)()> m_initialInfoFunction{nullptr};

@@ -95,6 +95,7 @@ void CZantTraceThread::printGap() {
         sendToSyslog(LOG_INFO, "--- GAP ---\n");
     else if (zantTrace.isTracingToScreen())
         printfToStdout("--- GAP ---%s\n", zantTraceProcessPrefix.load(std::memory_order_acquire));
+    zantTrace.WriteToLogfile("--- GAP ---\n");
 }
 
 void CZantTraceThread::printElement(const T_TraceElement& element) {
@@ -103,6 +104,7 @@ void CZantTraceThread::printElement(const T_TraceElement& element) {
         sendToSyslog(element.priority, element.text);
     else if (zantTrace.isTracingToScreen())
         printToStdout(element.text);
+    zantTrace.WriteToLogfile(element.text);
 
     if (const T_UserTraceOutputFunction output = funcUserTraceOutputPtr.load())
         output(element.text);

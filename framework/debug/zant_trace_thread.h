@@ -30,6 +30,9 @@ public:
     CZantTraceThread();
     ~CZantTraceThread() override { StopThreadAndWait(); }
 
+    /// The index of the element after this one; the ring ends at 1999.
+    static int32_t GetNextIndex(int32_t index) { return index == highestIndex ? 0 : index + 1; }
+
     /// Locks the ring and hands out the text of a free element, to be filled and given back with
     /// PutTraceString. The lock is held between the two on purpose: one producer at a time. Null,
     /// and not locked, when the ring is full.
@@ -57,7 +60,6 @@ public:
 private:
     static constexpr int32_t highestIndex = 1999;
 
-    static int32_t GetNextIndex(int32_t index) { return index == highestIndex ? 0 : index + 1; }
     bool takeNextElement(T_TraceElement& element) EXCLUDES(m_ringMutex);
     static void printGap();
     static void printElement(const T_TraceElement& element);

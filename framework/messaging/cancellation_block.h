@@ -1,6 +1,8 @@
 #ifndef MESSAGING_CANCELLATION_BLOCK_H
 #define MESSAGING_CANCELLATION_BLOCK_H
 
+#include "util/sanitizers.h"
+
 #include <pthread.h>
 
 /// Holds back the cancellation of the calling thread for a scope. A thread that sits in a blocking
@@ -16,13 +18,26 @@ public:
     /// Runs a blocking call as the scope's caller would: it may be cancelled in there.
     template <typename Call>
     auto allowDuring(Call call) const {
-        pthread_setcancelstate(m_before, nullptr);
+        Allowance allowance(m_before);
         const auto result = call();
-        pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
+        allowance.hasReturned = true;
         return result;
     }
 
 private:
+    struct Allowance {
+        explicit Allowance(int state) { pthread_setcancelstate(state, nullptr); }
+        ~Allowance() {
+            if (!hasReturned)
+                sanitizers::forgetLeftFrames(); // cancelled: the call has not returned
+            pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
+        }
+        Allowance(const Allowance&) = delete;
+        Allowance& operator=(const Allowance&) = delete;
+
+        bool hasReturned = false;
+    };
+
     int m_before = PTHREAD_CANCEL_ENABLE;
 };
 

@@ -35,13 +35,16 @@ int openWithinLimit(const char* name, int oflag, mode_t mode, mq_attr& attr) {
         errno = EINVAL;
         return -1;
     }
-    ZANT_TRACE(
-        TRACEUNIT_MSG_QUEUE, TRACELEVEL_WARNING,
-        "CZantMsgQueue::Open - Queue %s gets room for %ld messages instead of %ld: raise the "
-        "sysctl fs.mqueue.msg_max\n",
-        name, limit, static_cast<long>(attr.mq_maxmsg));
+    const long wanted = attr.mq_maxmsg;
     attr.mq_maxmsg = limit;
-    return mq_open(name, oflag, mode, &attr);
+    const int limited = mq_open(name, oflag, mode, &attr);
+    // A name that is none is refused with the same error.
+    if (limited >= 0)
+        ZANT_TRACE(TRACEUNIT_MSG_QUEUE, TRACELEVEL_WARNING,
+                   "CZantMsgQueue::Open - Queue %s gets room for %ld messages instead of %ld: "
+                   "raise the sysctl fs.mqueue.msg_max\n",
+                   name, limit, wanted);
+    return limited;
 }
 
 } // namespace

@@ -2,6 +2,7 @@
 
 #include "debug/zant_trace.h"
 #include "messaging/cancellation_block.h"
+#include "util/sanitizers.h"
 
 #include <cerrno>
 #include <cstring>
@@ -26,6 +27,7 @@ public:
     void finish() {
         const CancellationBlock block;
         const MutexLock lock(m_zantGlobalThreadMutex);
+        const sanitizers::SeenLock seen(m_zantGlobalThreadMutex.handle());
         if (object)
             object->threadHasEnded();
         object = nullptr;
@@ -36,6 +38,13 @@ public:
     CThreadObject* object GUARDED_BY(m_zantGlobalThreadMutex);
 };
 
+namespace {
+
+/// The object whose thread this is, as long as both live.
+thread_local const std::atomic<int32_t>* stopRequestedOfCaller = nullptr;
+
+} // namespace
+
 CThreadObject::~CThreadObject() {
     const CancellationBlock block;
     CThreadObject::StopThreadAndWait();
@@ -43,6 +52,7 @@ CThreadObject::~CThreadObject() {
     if (isOwnThread()) {
         pthread_detach(m_thread);
         m_end->object = nullptr;
+        stopRequestedOfCaller = nullptr;
     }
     removeEntry(this);
 }
@@ -162,6 +172,7 @@ void* CThreadObject::StaticThreadFunction(void* argument) {
 
 void CThreadObject::RealThreadFunction(Launch& launch) {
     EndOfThread end(this);
+    stopRequestedOfCaller = &stopRequested;
     threadId = static_cast<int32_t>(gettid());
     processId = static_cast<int32_t>(getpid());
     {
@@ -182,7 +193,8 @@ __attribute__((no_sanitize("null"))) void CThreadObject::runWorkFunction(EndOfTh
     try {
         ThreadWorkFunction();
     } catch (abi::__forced_unwind&) {
-        endOfCancelledThread(end);
+        sanitizers::forgetLeftFrames();
+        end.finish();
         throw;
     } catch (const std::exception& exception) {
         ZANT_TRACE(TRACEUNIT_THREAD, TRACELEVEL_ERROR,
@@ -192,12 +204,6 @@ __attribute__((no_sanitize("null"))) void CThreadObject::runWorkFunction(EndOfTh
         ZANT_TRACE(TRACEUNIT_THREAD, TRACELEVEL_ERROR,
                    "CThreadObject::RealThreadFunction - Thread ends by an unknown exception\n");
     }
-}
-
-/// A function of its own, so that a sanitizer that loses track of cancelled threads can be told so
-/// for them alone.
-__attribute__((noinline)) void CThreadObject::endOfCancelledThread(EndOfThread& end) {
-    end.finish();
 }
 
 void CThreadObject::threadHasEnded() {
@@ -219,6 +225,10 @@ bool CThreadObject::isOwnThread() const {
 CThreadObject::Run CThreadObject::currentRun() const {
     const MutexLock lock(m_zantGlobalThreadMutex);
     return m_run;
+}
+
+bool CThreadObject::CallerShallStop() {
+    return stopRequestedOfCaller && *stopRequestedOfCaller != 0;
 }
 
 CThreadObject::Run CThreadObject::requestStop() {

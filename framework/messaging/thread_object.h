@@ -66,6 +66,9 @@ public:
     /// Stops all threads that are listed now, one after the other in the order of their start, and
     /// terminates handling. A calling thread object is left out.
     static void StopAllThreads() EXCLUDES(m_zantGlobalThreadMutex);
+    /// True when the caller runs on the thread of an object that was asked to end: what may take
+    /// long on somebody's thread looks here, and leaves.
+    static bool CallerShallStop();
 
     /// Terminate freezes the list before static objects go: threads that end afterwards stay
     /// listed, until their objects are destroyed. Start ends that.
@@ -97,7 +100,6 @@ private:
     static void* StaticThreadFunction(void* launch);
     void RealThreadFunction(Launch& launch);
     void runWorkFunction(EndOfThread& end);
-    static void endOfCancelledThread(EndOfThread& end);
     int createThread(Launch& launch, int stackSize, int priority) REQUIRES(m_zantGlobalThreadMutex);
     std::string applyPriority(int priority) const REQUIRES(m_zantGlobalThreadMutex);
     void threadHasEnded() REQUIRES(m_zantGlobalThreadMutex);

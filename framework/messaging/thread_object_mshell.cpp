@@ -1,10 +1,20 @@
 #include "messaging/thread_object_mshell.h"
 
 #include "debug/command_struct.h"
+#include "debug/mshell.h"
 #include "debug/zant_trace.h"
 #include "messaging/thread_object.h"
 
 #include <cstdlib>
+
+void InitThreadObjectMshell() {
+    AddThreadObjectMshellCmds();
+}
+
+void AddThreadObjectMshellCmds() {
+    mshell.AddMshellCmd(1, "m_threadlist", "thread", threadListHelp, MshellThreadList, nullptr,
+                        true);
+}
 
 int MshellThreadList(CommandStruct* command) {
     long select = 0;

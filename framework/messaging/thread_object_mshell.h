@@ -3,7 +3,11 @@
 
 struct CommandStruct;
 
-/// The shell command of the group "thread". Runs on the shell's thread.
+/// The shell command of the group "thread".
+
+/// Registers it. Once, at start-up; both names do the same.
+void InitThreadObjectMshell();
+void AddThreadObjectMshellCmds();
 
 constexpr const char* threadListHelp = "m_threadlist [thread addr | thread id]\t\tLists all (or a "
                                        "specific) active zant threads in the system";

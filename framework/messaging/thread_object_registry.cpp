@@ -103,9 +103,12 @@ void CThreadObject::ListGlobalThreadObjectList(long select) {
     FormattedStringToStdout("%s", rule);
 }
 
+/// An object whose thread has ended stays listed while handling is terminated, but may be half
+/// destroyed: only running threads keep their objects.
 const T_GlobalThreadInfo* CThreadObject::nextToStop(uint64_t after, uint64_t last) {
     for (const T_GlobalThreadInfo& info : globalThreadObjectList) {
-        if (info.serial > after && info.serial <= last && !info.object->isOwnThread())
+        if (info.serial > after && info.serial <= last && info.object->running &&
+            !info.object->isOwnThread())
             return &info;
     }
     return nullptr;

@@ -63,15 +63,19 @@ int32_t CZantMsg::CopyMsg(const CZantMsg& other) {
     signalSize = other.signalSize;
     sharedAddress = other.sharedAddress;
 
+    const int32_t result = copyBuffer(other);
     if (other.signalObj) {
         signalObj = other.signalObj->Clone();
         ZANT_TRACE(TRACEUNIT_MSG, TRACELEVEL_DEBUG,
                    "CZantMsg::CopyMsg -- signal object copied -- copied obj=%p, this=%p\n",
                    static_cast<void*>(signalObj), static_cast<void*>(this));
     }
+    return result;
+}
+
+int32_t CZantMsg::copyBuffer(const CZantMsg& other) {
     if (!other.signalPtr)
         return 0;
-
     if (other.signalSize > 0)
         signalPtr = ::operator new(static_cast<size_t>(other.signalSize), std::nothrow);
     if (signalPtr) {

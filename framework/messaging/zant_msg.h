@@ -69,6 +69,9 @@ public:
     /// On a queue between processes, in place of the buffer: its address in the memory that the
     /// processes share. No more than a number here; nothing frees it.
     uint32_t sharedAddress = 0;
+
+private:
+    int32_t copyBuffer(const CZantMsg& other);
 };
 
 #endif

@@ -52,13 +52,18 @@ bool sendPacked(int handle, CZantMsg& msg, unsigned prio, const CancellationBloc
 
 CZantMsgQueue::~CZantMsgQueue() {
     const CancellationBlock block;
-    if (handle != -1) {
-        if (unlinkOnDestroy)
-            Unlink();
-        else if (m_isOpen)
-            Close();
-    }
+    release();
     forget();
+}
+
+/// Parts from the queue that is open, if any, the way its opener chose.
+void CZantMsgQueue::release() {
+    if (handle == -1)
+        return;
+    if (unlinkOnDestroy)
+        Unlink();
+    else if (m_isOpen)
+        Close();
 }
 
 int32_t CZantMsgQueue::Open(const char* queueName, int oflag, int mode, int maxMsgs,
@@ -74,7 +79,7 @@ int32_t CZantMsgQueue::OpenWithAttrStruct(const char* queueName, int oflag, int 
     ZANT_TRACE(TRACEUNIT_MSG_QUEUE, TRACELEVEL_INFO, "CZantMsgQueue::Open: %s\n",
                queueName ? queueName : "(null)");
     if (m_isOpen)
-        Close();
+        release();
     handle = -1;
     if (!queueName || !wanted)
         return failOpen(EINVAL);

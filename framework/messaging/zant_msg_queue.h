@@ -57,7 +57,8 @@ public:
     /// Opens the queue, as mq_open does, with room for `maxMsgs` messages; where the kernel allows
     /// fewer, with as many as it allows. With `unlinkFirst` a queue that an earlier run left behind
     /// is discarded, and this one is unlinked in the end. A queue that exists keeps its capacity;
-    /// one whose messages are not of 48 bytes is refused.
+    /// one whose messages are not of 48 bytes is refused. An object that is open already parts from
+    /// its queue first, as at its end.
     int32_t Open(const char* name, int oflag, int mode, int maxMsgs, bool unlinkFirst);
     /// The same with the caller's attributes; sets their message size.
     int32_t OpenWithAttrStruct(const char* name, int oflag, int mode, mq_attr* attr,
@@ -134,6 +135,7 @@ private:
 
     int32_t openDescriptor(const char* queueName, int oflag, int mode, bool unlinkFirst);
     int32_t failOpen(int error);
+    void release();
     void forget() EXCLUDES(m_zantMsgQueueMutex);
     void drain();
     int32_t receiveNow(CZantMsg& msg);

@@ -1,6 +1,7 @@
 #include "messaging/zant_msg_queue_mshell.h"
 
 #include "debug/command_struct.h"
+#include "debug/mshell.h"
 #include "debug/zant_trace.h"
 #include "messaging/zant_msg_queue.h"
 
@@ -15,6 +16,15 @@ bool firstParamIsNumber(const CommandStruct& command) {
 }
 
 } // namespace
+
+void InitZantMsgQueueMshell() {
+    AddZantMsgQueueMshellCmds();
+}
+
+void AddZantMsgQueueMshellCmds() {
+    mshell.AddMshellCmd(1, "m_queuelist", "queue", queueListHelp, MshellQueueList, nullptr, true);
+    mshell.AddMshellCmd(1, "m_dumpqueue", "queue", dumpQueueHelp, MshellDumpQueue, nullptr, true);
+}
 
 int MshellQueueList(CommandStruct* command) {
     if (!command || command->paramCount < 1) {

@@ -3,7 +3,11 @@
 
 struct CommandStruct;
 
-/// The shell commands of the group "queue". Run on the shell's thread.
+/// The shell commands of the group "queue".
+
+/// Registers them. Once, at start-up; both names do the same.
+void InitZantMsgQueueMshell();
+void AddZantMsgQueueMshellCmds();
 
 constexpr const char* queueListHelp =
     "m_queuelist [queuehandle]\t\tLists all active message queues in the system";

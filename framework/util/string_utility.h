@@ -22,7 +22,7 @@ public:
     void RemoveWhitespaceFromString(char* text) const;
     void RemoveWhitespaceFromString(std::string* text) const;
 
-    /// Copies without blanks, tabs and line ends in front, behind or both.
+    /// Copies without whitespace (as isspace in the C locale) in front, behind or both.
     std::string TrimLeft(std::string text) const;
     std::string TrimRight(std::string text) const;
     std::string TrimLeftAndRight(std::string text) const;

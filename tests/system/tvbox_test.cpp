@@ -171,7 +171,7 @@ TEST_P(TvBox, GivesQueuesRoomAndKeepsNamesApart) {
     ASSERT_TRUE(ready(*first)) << first->wait().error;
     const auto second = startBox({}, probe);
     EXPECT_TRUE(ready(*second)) << second->wait().error;
-    EXPECT_FALSE(fs::exists("/tmp/zant_dbg_server_uva"));
+    EXPECT_FALSE(fs::exists("/tmp/zant_dbg_tvbox_probe"));
     EXPECT_FALSE(fs::exists("/dev/shm/tvbox_probe"));
 }
 
@@ -364,7 +364,7 @@ int probeNames() {
     }
     if (shm_open("/tvbox_probe", flags, 0600) < 0)
         return perror("shared memory"), 1;
-    struct sockaddr_un address = {AF_UNIX, "/tmp/zant_dbg_server_uva"};
+    struct sockaddr_un address = {AF_UNIX, "/tmp/zant_dbg_tvbox_probe"};
     if (bind(socket(AF_UNIX, SOCK_DGRAM, 0), reinterpret_cast<struct sockaddr*>(&address),
              sizeof address) != 0)
         return perror("socket"), 1;

@@ -111,12 +111,28 @@ std::string listing(support::StdoutCapture& screen, long select) {
     return screen.take();
 }
 
+/// What a static object of a program may do while the program is loaded.
+const bool worksAtLoad = [] {
+    CZantMsgQueue queue;
+    const std::string name = "/zant_test_at_load_" + std::to_string(getpid());
+    Looper looper;
+    const bool works = queue.Open(name.c_str(), O_RDWR | O_CREAT, 0600, 2, true) == 0 &&
+                       looper.StartThread("at load", 0, 0) == 0 &&
+                       CZantMsgQueue::GetQueueNameByHandle(queue.handle) == name;
+    looper.StopThreadAndWait();
+    return works && looper.entered == 1;
+}();
+
 } // namespace
 
 class ThreadsTest : public MessagingTest {
 protected:
     ~ThreadsTest() override { CThreadObject::Start(); }
 };
+
+TEST_F(ThreadsTest, ThreadsAndQueuesWorkWhileTheProgramIsLoaded) {
+    EXPECT_TRUE(worksAtLoad);
+}
 
 TEST_F(ThreadsTest, ThreadIsStartedOnceAndMayStartAgain) {
     Looper looper;
@@ -224,6 +240,8 @@ TEST_F(ThreadsTest, StopAllStopsInOrderAndLeavesItsCaller) {
     EXPECT_NE(atSecond, std::string::npos);
     EXPECT_LT(atFirst, atSecond);
     EXPECT_NE(listing(screen, 0).find("first"), std::string::npos) << "the list is frozen";
+    CThreadObject::StopAllThreads();
+    EXPECT_EQ(traced("++++ Stopping thread"), 0) << "they have ended";
     CThreadObject::Start();
 
     class StopsAll : public CThreadObject {

@@ -34,6 +34,7 @@ protected:
         s_slept = 0;
         setTraceClock(&s_clock);
         takeSyslog();
+        printPending();
     }
     ~TraceTest() override {
         UnregisterUserDefinedTraceOutputFunction();

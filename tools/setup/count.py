@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Prints "N passed, N failed" from the results of the last test run in a build folder.
+"""Prints "N passed, N failed" from the results of the last test runs in the build folders named.
 
 Each GoogleTest case counts as one; a test program without cases of its own counts as one. A program
 that died counts what it had finished, plus one failure.
@@ -27,8 +27,8 @@ def count(record):
 
 
 def main():
-    log = pathlib.Path(sys.argv[1]) / "meson-logs" / "testlog.json"
-    records = [json.loads(line) for line in log.read_text().splitlines()]
+    logs = [pathlib.Path(folder) / "meson-logs" / "testlog.json" for folder in sys.argv[1:]]
+    records = [json.loads(line) for log in logs for line in log.read_text().splitlines()]
     passed, failed, skipped = (sum(column) for column in zip(*map(count, records))) if records else (0, 0, 0)
     print(f"{passed} passed, {failed} failed" + (f", {skipped} skipped" if skipped else ""))
     return 0 if passed and not failed else 1

@@ -29,6 +29,7 @@ On a terminal, while playing:
 Times are seconds (12.5) or m:ss (1:30). In a pipe the output is a log, a line an event.
 
 Environment:
+  UVA_DEFAULT_MEDIA     what to play when nothing is named
   UVA_BACKEND_LIBRARY   the backend library, unless --backend names one
   GST_DEBUG             what GStreamer tells the system log, e.g. 2 for its warnings
 
@@ -62,6 +63,7 @@ struct Raw {
 void declare(CLI::App& app, Options& options, Raw& raw) {
     app.add_option("media", options.media, "Files or URLs, played one after the other")
         ->type_name("FILE|URL")
+        ->envname("UVA_DEFAULT_MEDIA")
         ->required();
     app.add_flag("--standalone", options.standalone,
                  "Run without a main system: nobody arbitrates the decoders");

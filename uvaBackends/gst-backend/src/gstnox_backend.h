@@ -100,11 +100,19 @@ public:
     void removeComponent(const char* name) EXCLUDES(m_lock);
     bool hasComponent(const char* name) EXCLUDES(m_lock);
 
+    /// Free-form commands for the player: "output-ddp:D" switches Dolby Digital Plus at the audio
+    /// output by one digit; other text is left alone. Any thread.
+    void controlCommands(const char* commands) EXCLUDES(m_lock);
+    void controlOutputDdp(unsigned int enable) EXCLUDES(m_lock);
+
     /// The pipeline for a URL, for media sources, and its end. 0 or -1. Host thread.
     int gstPlaybinCreate();
     int gstPlaySinkCreate();
     void gstPlayerStopAndDestroy();
 
+    /// On the thread that posts a message: what handleGstMessages() has no use for, nine of ten
+    /// while a pipeline starts, wakes nobody up.
+    static GstBusSyncReply _sift_message(GstBus* bus, GstMessage* message, gpointer unused);
     /// Bus messages; the result keeps the watch. "gst_run", or the thread that drains the bus.
     static gboolean _handle_message(GstBus* bus, GstMessage* message, gpointer backend);
     gboolean handleGstMessages(GstMessage* message);
@@ -199,6 +207,7 @@ private:
     gint64 m_duration GUARDED_BY(m_lock) = durationUninitialized; // nanoseconds
     bool m_metaDataChanged GUARDED_BY(m_lock) = false;
     std::map<std::string, std::unique_ptr<GstNoxAvComponent>> m_components GUARDED_BY(m_lock);
+    bool m_hasPlayer GUARDED_BY(m_lock) = false;
     GstPtr<GstElement> m_audioSink GUARDED_BY(m_lock); // the last "halaudiosink" set up
     int m_resources_state GUARDED_BY(m_lock) = NoResources;
     int m_resources_needed GUARDED_BY(m_lock) = 0; // DecoderKind bits

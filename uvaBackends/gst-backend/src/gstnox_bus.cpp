@@ -111,6 +111,19 @@ void GstNoxBackend::raiseEvent(UVAEvent* event, GstDebugLevel level, const char*
     m_client->deliverEvent(event);
 }
 
+GstBusSyncReply GstNoxBackend::_sift_message(GstBus* /*bus*/, GstMessage* message,
+                                             gpointer /*unused*/) {
+    constexpr int handled = GST_MESSAGE_EOS | GST_MESSAGE_ERROR | GST_MESSAGE_BUFFERING |
+                            GST_MESSAGE_STATE_CHANGED | GST_MESSAGE_APPLICATION;
+    const bool ofPart = GST_MESSAGE_TYPE(message) == GST_MESSAGE_STATE_CHANGED &&
+                        GST_MESSAGE_SRC(message) != nullptr &&
+                        GST_OBJECT_PARENT(GST_MESSAGE_SRC(message)) != nullptr;
+    if ((GST_MESSAGE_TYPE(message) & handled) != 0 && !ofPart)
+        return GST_BUS_PASS;
+    gst_message_unref(message); // who says "drop" owns it
+    return GST_BUS_DROP;
+}
+
 gboolean GstNoxBackend::_handle_message(GstBus* /*bus*/, GstMessage* message, gpointer backend) {
     return static_cast<GstNoxBackend*>(backend)->handleGstMessages(message);
 }

@@ -4,8 +4,8 @@
 
 std::shared_ptr<GstNoxBusWatch> GstNoxBusWatch::add(GstBus* bus, GstNoxBackend* backend) {
     const std::shared_ptr<GstNoxBusWatch> watch(new GstNoxBusWatch(backend));
-    handOver(watch.get());
     // GLib keeps a share of its own until the source is gone, which may be after remove().
+    gst_bus_set_sync_handler(bus, GstNoxBackend::_sift_message, nullptr, nullptr);
     gst_bus_add_watch_full(
         bus, G_PRIORITY_DEFAULT, dispatch, new std::shared_ptr<GstNoxBusWatch>(watch),
         [](gpointer share) { delete static_cast<std::shared_ptr<GstNoxBusWatch>*>(share); });
@@ -22,7 +22,6 @@ void GstNoxBusWatch::remove(GstBus* bus) {
 
 gboolean GstNoxBusWatch::dispatch(GstBus* bus, GstMessage* message, gpointer watch) {
     const auto self = *static_cast<std::shared_ptr<GstNoxBusWatch>*>(watch);
-    const CallbackScope scope(self.get());
     return self->handle(bus, message);
 }
 

@@ -100,6 +100,8 @@ int GstNoxBackend::gstPlaySinkCreate() {
 void GstNoxBackend::watchBus() {
     m_bus = GstPtr<GstBus>::adopt(gst_element_get_bus(m_pipeline.get()));
     m_busWatch = GstNoxBusWatch::add(m_bus.get(), this);
+    const GLibLock lock(m_lock);
+    m_hasPlayer = true;
 }
 
 void GstNoxBackend::gstPlayerStopAndDestroy() {
@@ -127,9 +129,9 @@ void GstNoxBackend::gstPlayerStopAndDestroy() {
     GST_DEBUG("going to NULL");
     changeState(GST_STATE_NULL);
     setPipelineState(GST_STATE_NULL);
-    takeOver(this);
     {
         const GLibLock lock(m_lock);
+        m_hasPlayer = false;
         m_audioSink.reset();
     }
     m_pipeline.reset();
@@ -139,7 +141,6 @@ void GstNoxBackend::gstPlayerStopAndDestroy() {
 void GstNoxBackend::setPipelineState(GstState state) {
     if (!m_pipeline)
         return;
-    handOver(this);
     gst_element_set_state(m_pipeline.get(), state);
 }
 
@@ -151,7 +152,6 @@ void GstNoxBackend::writeGraph(const char* name) {
 
 void GstNoxBackend::element_setup_cb(GstElement* /*playbin*/, GstElement* element,
                                      gpointer backend) {
-    const CallbackScope scope(backend);
     backendOf(backend)->setupElement(element);
 }
 
@@ -180,7 +180,6 @@ void GstNoxBackend::setupElement(GstElement* element) {
 }
 
 void GstNoxBackend::source_setup_cb(GstElement* /*playbin*/, GstElement* source, gpointer backend) {
-    const CallbackScope scope(backend);
     GST_DEBUG("source=%s", GST_OBJECT_NAME(source));
     if (std::string_view(factoryName(source)) != "souphttpsrc")
         return;
@@ -194,7 +193,6 @@ void GstNoxBackend::about_to_finish_cb(GstElement* /*playbin*/, gpointer /*backe
 }
 
 gint GstNoxBackend::decoder_request_cb(GstElement* /*sink*/, const gchar* type, gpointer backend) {
-    const CallbackScope scope(backend);
     return backendOf(backend)->requestDecoder(type);
 }
 
@@ -236,7 +234,6 @@ gint GstNoxBackend::requestDecoder(const gchar* type) {
 }
 
 void GstNoxBackend::demux_pad_added_cb(GstElement* /*demuxer*/, GstPad* pad, gpointer backend) {
-    const CallbackScope scope(backend);
     GST_DEBUG("padname=%s", GST_PAD_NAME(pad));
     if (beginsWith(GST_PAD_NAME(pad), "video"))
         gst_pad_add_probe(pad, GST_PAD_PROBE_TYPE_EVENT_DOWNSTREAM, demux_video_pad_event_probe,
@@ -246,7 +243,6 @@ void GstNoxBackend::demux_pad_added_cb(GstElement* /*demuxer*/, GstPad* pad, gpo
 GstPadProbeReturn GstNoxBackend::demux_video_pad_event_probe(GstPad* pad, GstPadProbeInfo* info,
                                                              gpointer backend) {
     if (GstCaps* caps = capsOf(info)) {
-        const CallbackScope scope(backend);
         backendOf(backend)->takeDemuxerCaps(pad, caps);
     }
     return GST_PAD_PROBE_OK;
@@ -275,7 +271,6 @@ void GstNoxBackend::takeDemuxerCaps(GstPad* pad, GstCaps* caps) {
 
 void GstNoxBackend::decodebin_pad_added_cb(GstElement* /*decodebin*/, GstPad* pad,
                                            gpointer backend) {
-    const CallbackScope scope(backend);
     GST_DEBUG("padname=%s", GST_PAD_NAME(pad));
     gst_pad_add_probe(pad, GST_PAD_PROBE_TYPE_EVENT_DOWNSTREAM, decodebin_srcpad_event_probe,
                       backend, nullptr);
@@ -284,7 +279,6 @@ void GstNoxBackend::decodebin_pad_added_cb(GstElement* /*decodebin*/, GstPad* pa
 GstPadProbeReturn GstNoxBackend::decodebin_srcpad_event_probe(GstPad* pad, GstPadProbeInfo* info,
                                                               gpointer backend) {
     if (GstCaps* caps = capsOf(info)) {
-        const CallbackScope scope(backend);
         backendOf(backend)->takeDecodedCaps(pad, caps);
     }
     return GST_PAD_PROBE_OK;
@@ -307,7 +301,6 @@ void GstNoxBackend::decodebin_pad_removed_cb(GstElement* /*decodebin*/, GstPad* 
                                              gpointer backend) {
     if (gst_pad_get_direction(pad) != GST_PAD_SRC)
         return;
-    const CallbackScope scope(backend);
     GST_DEBUG("padname=%s", GST_PAD_NAME(pad));
     backendOf(backend)->removeComponent(GST_PAD_NAME(pad));
 }
@@ -382,7 +375,6 @@ bool GstNoxBackend::seekPipeline() {
     if (!m_pipeline)
         return false;
     const WaitBreaker breaker(*this);
-    handOver(this);
     return gst_element_seek_simple(
                m_pipeline.get(), GST_FORMAT_TIME,
                static_cast<GstSeekFlags>(GST_SEEK_FLAG_FLUSH | GST_SEEK_FLAG_ACCURATE),

@@ -1,8 +1,15 @@
 #include "gstnox_plugin.h"
 
+#include "config/cfg_file.h"
+#include "debug/mshell.h"
+#include "debug/zant_dbg_mshell.h"
+#include "debug/zant_trace_core.h"
 #include "gst_ptr.h"
 #include "gstnox_backend.h"
+#include "gstnox_mshell.h"
 #include "gstnox_syslog.h"
+#include "messaging/thread_object_mshell.h"
+#include "messaging/zant_msg_queue_mshell.h"
 
 #include <sys/resource.h>
 #include <syslog.h>
@@ -24,6 +31,7 @@ namespace {
 GstDebugCategory* loaderDebug = nullptr;
 
 constexpr char debugRequestFile[] = "/tmp/GST_DEBUG";
+constexpr int syslogFacility = LOG_LOCAL1;
 constexpr unsigned int debugRequestInterval = 3; // seconds
 
 std::atomic<bool> watchDebugRequests{false};
@@ -55,6 +63,28 @@ void ZantAppInit() {
     limit.rlim_max = RLIM_INFINITY;
     if (setrlimit(RLIMIT_MSGQUEUE, &limit) != 0)
         GST_CAT_INFO(loaderDebug, "RLIMIT_MSGQUEUE stays as it is: %s", g_strerror(errno));
+}
+
+void startShell() {
+    mshell.Init("zant_dbg_server_uva");
+    mshell.StartThread("zant_mshell_uva", 0, 0);
+    mshell.AddMshellInternalMshellCmds();
+    AddZantMsgQueueMshellCmds();
+    AddZantDbgMshellCmds();
+    AddThreadObjectMshellCmds();
+    uva_add_mshell_commands();
+}
+
+/// The trace file wins; never both.
+void runConfigurationFile() {
+    CCfgFile reader;
+    for (const char* path : {"/etc/tracesuva.cfg", "/etc/preinituva.cfg"}) {
+        if (!reader.file_exist(path))
+            continue;
+        GST_CAT_LEVEL_LOG(loaderDebug, GST_LEVEL_NONE, nullptr, "Processing cfgfile: %s", path);
+        reader.ReadCfgfile(path);
+        return;
+    }
 }
 
 /// Dispatches the default main context for the life of the process.
@@ -113,11 +143,15 @@ bool BackendInit(GError** error) noexcept {
     if (!gst_init_check(nullptr, nullptr, error))
         return false;
     createDebugCategories();
-    openlog("<UVA>", 0, LOG_LOCAL1);
+    zantTrace.Init("uvagst", syslogFacility);
+    openlog("<UVA>", 0, syslogFacility);
     gst_debug_remove_log_function(nullptr);
     gst_debug_add_log_function(gstLogToSyslog, nullptr, nullptr);
     watchDebugRequests = true;
     ZantAppInit();
+    startShell();
+    runConfigurationFile();
+    zantTrace.CheckAndStartTracingToFile("uva");
     g_thread_unref(g_thread_new("gst_chk_dbg", runDebugWatcher, nullptr));
     g_thread_unref(g_thread_new("gst_run", runMainLoop, nullptr));
     done = true;

@@ -1,0 +1,172 @@
+#include "debug/zant_trace_core.h"
+
+#include "config/cfg_file_thread.h"
+#include "debug/sys_vars.h"
+#include "debug/trace_clock.h"
+#include "debug/trace_output.h"
+#include "messaging/cancellation_block.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace {
+
+constexpr unsigned writersLeaveMicroseconds = 100000;
+constexpr unsigned storageSettlesMicroseconds = 2000000;
+
+constexpr const char* firstLogDirectory = "/tmp/usb_logs/";
+constexpr const char* drives[] = {"sda", "sdb", "sdc", "sdd"};
+/// The highest partition first, the whole drive last.
+constexpr const char* partitions[] = {"6", "5", "4", "3", "2", "1", ""};
+
+bool isDirectory(const std::string& path) {
+    struct stat info {};
+    return stat(path.c_str(), &info) == 0 && S_ISDIR(info.st_mode);
+}
+
+/// The directory for log files, empty if there is none.
+std::string findLogDirectory() {
+    if (isDirectory(firstLogDirectory))
+        return firstLogDirectory;
+    for (const char* const drive : drives) {
+        for (const char* const partition : partitions) {
+            const std::string directory =
+                std::string("/mnt/share/extUSB/") + drive + partition + "/zantalog/";
+            if (isDirectory(directory))
+                return directory;
+        }
+    }
+    return {};
+}
+
+} // namespace
+
+std::atomic<bool> CZantTrace::s_tracingToFile{false};
+
+CZantTrace::CZantTrace()
+    : m_LogFile("/mnt/share/extUSB/sda1/zantalog/", "zanttrc", 100000000, ".log", ".bak"),
+      m_savedMaxSize(m_LogFile.GetMaxSize()) {}
+
+void CZantTrace::WriteToLogfile(const char* line) {
+    if (!isTracingToFile())
+        return;
+    const int32_t result = m_LogFile.WriteStringToLogfile(line);
+    if (result >= 0)
+        return;
+    s_tracingToFile = false;
+    printfToStdout("\n-- m_LogFile.WriteStringToLogfile -- Error = %d  (Writing to logfile is "
+                   "disabled now)\n",
+                   result);
+}
+
+int32_t CZantTrace::StartTracingToFile() {
+    return StartTracingToFile(nullptr, nullptr);
+}
+
+int32_t CZantTrace::StartTracingToFile(const char* dir, const char* name) {
+    {
+        const CancellationBlock block;
+        const MutexLock lock(m_logControlMutex);
+        if (isTracingToFile())
+            return 0;
+        int32_t result = 0;
+        // A log that an error has disabled is set up again.
+        if (dir || name || m_LogFile.IsDisabled())
+            result = m_LogFile.SetFilename(dir ? dir : m_LogFile.GetLogfilePath().c_str(),
+                                           name ? name : m_LogFile.GetLogfileName().c_str(),
+                                           m_LogFile.GetLogfileExt().c_str(),
+                                           m_LogFile.GetBakfileExt().c_str());
+        if (result == 0)
+            result = m_LogFile.OpenLogfile();
+        const std::string file = m_LogFile.GetLogfileFullName();
+        if (result != 0) {
+            printfToStdout("\nCZantTrace:: LogFile open error %s : Error code: %d "
+                           "===============\n",
+                           file.c_str(), result);
+            return result;
+        }
+        printfToStdout("CZantTrace:: LogFile opened : %s \n\n", file.c_str());
+        beginLog();
+    }
+    callInitialInfoFunction();
+    return 0;
+}
+
+void CZantTrace::beginLog() {
+    s_tracingToFile = true;
+    WriteToLogfile("--- ^^^^^^^^^^^^^^^^^^^^^^^^^^^^^^^ TRACING RESTARTED "
+                   "^^^^^^^^^^^^^^^^^^^^^^^^^^^^^^^ ---\n");
+    if (!zantTraceDirectPrint || zantTraceWriteToLogfileIfDirectPrint)
+        return;
+    const int32_t written = m_LogFile.WriteStringToLogfile(
+        "\n--- !!! Traces are NOT logged to this file as direct printing is enabled !!! ---\n");
+    if (written < 0)
+        printfToStdout("\n-- m_LogFile.WriteStringToLogfile failed-- Error = %d\n", written);
+}
+
+void CZantTrace::callInitialInfoFunction() {
+    if (void (*const function)() = m_initialInfoFunction.load())
+        function();
+}
+
+int32_t CZantTrace::StopTracingToFile() {
+    const CancellationBlock block;
+    const MutexLock lock(m_logControlMutex);
+    if (!s_tracingToFile.exchange(false))
+        return 0;
+    traceClock().sleep(writersLeaveMicroseconds);
+    const int32_t result = m_LogFile.CloseLogfile();
+    const std::string file = m_LogFile.GetLogfileFullName();
+    if (result != 0)
+        printfToStdout("CZantTrace:: LogFile close error %s : Error code: %d ===============\n",
+                       file.c_str(), result);
+    else
+        printfToStdout("CZantTrace:: LogFile closed : %s \n", file.c_str());
+    sync();
+    traceClock().sleep(storageSettlesMicroseconds);
+    return result;
+}
+
+int32_t CZantTrace::CheckAndStartTracingToFile(const char* suffix) {
+    const std::string directory = findLogDirectory();
+    if (directory.empty())
+        return 0;
+    const std::string ending = suffix ? suffix : "";
+    sysVarStringMap.Set("ZANTALOG_PATH", directory);
+    {
+        const CancellationBlock block;
+        const MutexLock lock(m_logControlMutex);
+        m_LogFile.SetFilename(directory.c_str(), ("zanttrc" + ending).c_str(),
+                              m_LogFile.GetLogfileExt().c_str(), ".bak");
+    }
+    printfToStdout("CZantTrace:: %s exists - activating tracing to file %s\n", directory.c_str(),
+                   m_LogFile.GetLogfileFullName().c_str());
+    if (const long maxSize = m_LogFile.GetMaxSize())
+        m_savedMaxSize = maxSize;
+    m_LogFile.SetMaxSize(0);
+    const int32_t result = StartTracingToFile();
+
+    const std::string cfgFile = directory + "traces" + ending + ".cfg";
+    if (access(cfgFile.c_str(), F_OK) == 0) {
+        printfToStdout("CZantTrace:: Processing cfgfile: %s\n", cfgFile.c_str());
+        cfgFileThread.ExecuteCfgFileInSeparateThread(cfgFile.c_str());
+    } else {
+        m_LogFile.SetMaxSize(m_savedMaxSize);
+    }
+    return result;
+}
+
+int32_t CZantTrace::CheckAndSetMaxSizeOfLogfile() {
+    if (m_LogFile.GetMaxSize() == 0)
+        m_LogFile.SetMaxSize(m_savedMaxSize);
+    return 0;
+}
+
+int32_t CZantTrace::SetTraceFileMaxSize(long maxSize) {
+    m_LogFile.SetMaxSize(maxSize);
+    return 0;
+}
+
+std::string CZantTrace::GetLogfilePath() {
+    return m_LogFile.GetLogfilePath();
+}

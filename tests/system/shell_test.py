@@ -1,0 +1,142 @@
+#!/usr/bin/env python3
+"""A player in a box, asked and told from outside through its debug shell.
+
+Usage: shell_test.py CLIP ZANTSH SYSLOG, where SYSLOG is what the box keeps of the system log
+"""
+
+import os
+import pathlib
+import re
+import signal
+import socket
+import subprocess
+import sys
+import unittest
+
+sys.path.insert(0, os.path.join(os.path.dirname(__file__), "..", "support"))
+import own_mounts  # noqa: E402
+import gtest_result  # noqa: E402
+from host_run import TIMEOUT, UVA_HOST  # noqa: E402
+from wait_until import wait_until  # noqa: E402
+
+CLIP, ZANTSH = sys.argv[1:3]
+SYSLOG = pathlib.Path(sys.argv[3])
+PLAY = [UVA_HOST, "--standalone", "--no-progress-timeout", "60"]
+OUTPUT = pathlib.Path("/tmp/player.out")
+LOGS = pathlib.Path("/tmp/usb_logs")
+LOG, BACKUP = LOGS / "zanttrcuva.log", LOGS / "zanttrcuva.bak"
+LIMIT = 30_000
+
+
+def zantsh(*words):
+    done = subprocess.run([ZANTSH, "--timeout", "60", *words], capture_output=True, text=True,
+                          stdin=subprocess.DEVNULL, timeout=TIMEOUT)
+    return done.returncode, done.stdout
+
+
+class Shell(unittest.TestCase):
+    def setUp(self):
+        self.player = None
+
+    def tearDown(self):
+        if self.player is not None and self.player.poll() is None:
+            self.player.terminate()
+            self.player.wait(TIMEOUT)
+        for path in ("/etc/tracesuva.cfg", "/etc/preinituva.cfg"):
+            pathlib.Path(path).unlink(missing_ok=True)
+
+    def play(self, times=100):
+        """A player that plays the clip over and over, and answers."""
+        self.player = subprocess.Popen([*PLAY, *[CLIP] * times],
+                                       stdout=OUTPUT.open("w"), stdin=subprocess.DEVNULL)
+        self.assertTrue(wait_until(lambda: zantsh("m_echo")[0] == 0))
+        self.assertTrue(wait_until(lambda: self.plays_on(0)))
+
+    def plays_on(self, since):
+        return "playing" in OUTPUT.read_text()[since:].lower() and self.player.poll() is None
+
+    def test_is_asked_and_told_while_it_plays(self):
+        self.play()
+        self.assertEqual(zantsh("m_starttracingtoscreen")[0], 0)
+        self.assertIn("zant_mshell_uva", zantsh("m_threadlist")[1])
+        listed = re.findall(r"^(\w+)", zantsh("m_help")[1], re.MULTILINE)[1:]  # without its title
+        self.assertIn("u_gst_debug_set_threshold", listed)
+        self.assertEqual(len(listed), len(set(listed)), listed)
+
+        start = SYSLOG.stat().st_size
+        self.assertEqual(zantsh("m_gst_debug_set_threshold", "uvabackend:5")[0], 0)
+        self.assertTrue(wait_until(lambda: "<gst:uvabackend>" in SYSLOG.read_text()[start:]))
+        self.assertEqual(zantsh("m_gst_debug_set_threshold")[0], 1)
+        self.assertEqual(zantsh("m_gst_debug_set_threshold", "*:0")[0], 0)
+
+        # Who comes second plays, but has no shell; the first keeps its own.
+        start = SYSLOG.stat().st_size
+        second = subprocess.run([*PLAY, CLIP], capture_output=True, timeout=TIMEOUT)
+        self.assertEqual(second.returncode, 0, second.stderr)
+        self.assertIn("Second instance already running", SYSLOG.read_text()[start:])
+        self.assertEqual(zantsh("m_echo", "still", "here"), (0, "still here\nOK\n"))
+
+        self.player.send_signal(signal.SIGTERM)
+        self.assertEqual(self.player.wait(TIMEOUT), 128 + signal.SIGTERM)
+
+    def test_starts_with_the_levels_of_the_trace_file_alone(self):
+        pathlib.Path("/etc/tracesuva.cfg").write_text("MSHELL = m_starttracingtoscreen\n"
+                                                       "MSHELL = m_traceon 19 TRACELEVEL_DEBUG\n")
+        pathlib.Path("/etc/preinituva.cfg").write_text("MSHELL = m_traceon 9 TRACELEVEL_DEBUG\n")
+        self.play()
+        for unit, level in [("19", "TRACELEVEL_DEBUG"), ("9", "TRACELEVEL_WARNING")]:
+            code, state = zantsh("m_tracestate", unit)
+            self.assertEqual(code, 0)
+            self.assertIn(level, state)
+
+    def echo_numbers(self, first, last):
+        """Lines of a thousand bytes, with these numbers, through the shell."""
+        text = " " + " ".join(["x" * 490] * 2)
+        with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as client:
+            path = "/tmp/zant_dbg_client"
+            client.bind(path)
+            try:
+                client.settimeout(TIMEOUT)
+                for i in range(first, last):
+                    line = f"m_echo {i:06d}{text}".encode()
+                    client.sendto(line.ljust(1023, b"\0"), "/tmp/zant_dbg_server_uva")
+                    self.assertEqual(client.recv(16), b"OK\0")
+            finally:
+                os.unlink(path)
+
+    def test_logs_to_a_small_stick_until_it_is_full(self):
+        LOGS.mkdir()
+        if not own_mounts.mount_memory(LOGS, "-o", "size=1m"):
+            self.skipTest("no namespaces here")
+        (LOGS / "tracesuva.cfg").write_text("MSHELL = m_tracedirectprintmode 0\n"
+                                            f"MSHELL = m_tracelogfilemaxsize {LIMIT}\n")
+        try:
+            self.play()
+            self.assertTrue(wait_until(lambda: f"MaxSize set to {LIMIT}" in LOG.read_text()))
+            self.echo_numbers(0, 100)
+            self.assertTrue(wait_until(lambda: "000099 x" in LOG.read_text()))
+            self.assertEqual(zantsh("m_echo", "rotated"), (0, "rotated\nOK\n"))
+            for path in (LOG, BACKUP):
+                self.assertLess(path.stat().st_size, LIMIT)
+            kept = re.findall(r"^(\d{6}) x", BACKUP.read_text() + LOG.read_text(), re.MULTILINE)
+            self.assertGreater(len(kept), 29)
+            self.assertEqual(kept, [f"{i:06d}" for i in range(100 - len(kept), 100)])
+
+            self.assertEqual(zantsh("m_tracelogfilemaxsize", "0")[0], 0)
+            with self.assertRaises(OSError), (LOGS / "photos").open("wb", 0) as filler:
+                while True:
+                    filler.write(bytes(4096))
+            self.echo_numbers(100, 110)
+            full = "(Writing to logfile is disabled now)"
+            self.assertTrue(wait_until(lambda: full in OUTPUT.read_text()))
+            self.assertEqual(OUTPUT.read_text().count(full), 1)
+            self.assertEqual(zantsh("m_echo")[0], 0)
+            since = len(OUTPUT.read_text())
+            self.assertTrue(wait_until(lambda: self.plays_on(since)))
+        finally:
+            self.tearDown()
+            subprocess.run(["umount", LOGS], check=True)
+            LOGS.rmdir()
+
+
+gtest_result.main()

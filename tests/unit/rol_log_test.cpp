@@ -1,0 +1,226 @@
+// The rolling log and tracing to it, in a /tmp of this program's own.
+
+#include "debug/rol_log.h"
+
+#include "config/cfg_file_thread.h"
+#include "debug/sys_vars.h"
+#include "support/private_tmp.h"
+#include "support/wait_until.h"
+#include "trace_fixture.h"
+
+#include <filesystem>
+#include <fstream>
+#include <set>
+#include <sstream>
+#include <thread>
+#include <vector>
+
+namespace {
+
+namespace fs = std::filesystem;
+using support::waitUntil;
+
+const bool hasPrivateTmp = support::makePrivateTmp();
+
+std::string contentOf(const fs::path& path) {
+    std::ostringstream text;
+    text << std::ifstream(path).rdbuf();
+    return text.str();
+}
+
+class LogTest : public TraceTest {
+protected:
+    void SetUp() override {
+        if (!hasPrivateTmp)
+            GTEST_SKIP() << "no namespaces here";
+        zantTrace.SetTraceWithColors(0);
+        fs::create_directory(folder);
+    }
+    void TearDown() override {
+        zantTrace.StopTracingToFile();
+        std::error_code error;
+        fs::remove_all(folder, error);
+        fs::remove_all("/tmp/usb_logs", error);
+    }
+
+    const fs::path folder = "/tmp/logs";
+    const fs::path log = folder / "t.log";
+    const fs::path backup = folder / "t.bak";
+};
+
+TEST_F(LogTest, RotatesBeforeTheLineThatWouldNotFit) {
+    struct Case {
+        bool isOpen;
+        long maxSize;
+        std::string log;
+        std::string backup;
+    };
+    // Each line of ten counts twelve.
+    const std::vector<Case> cases = {
+        {true, 34, "line 1...\nline 2...\nline 3...\n", ""},
+        {true, 33, "line 3...\n", "line 1...\nline 2...\n"},
+        {false, 33, "line 3...\n", "line 1...\nline 2...\n"},
+        {true, 21, "line 3...\n", "line 2...\n"},
+        {true, 0, "line 1...\nline 2...\nline 3...\n", ""},
+        {false, 5, "line 3...\n", "line 2...\n"},
+    };
+    for (const auto& each : cases) {
+        fs::remove_all(folder);
+        fs::create_directory(folder);
+        CRolLog rolLog;
+        EXPECT_EQ(
+            rolLog.InitLogfile("/tmp/logs", "t", "log", ".bak", each.maxSize, OPEN_MODE_DEFAULT),
+            0);
+        EXPECT_EQ(each.isOpen ? rolLog.OpenLogfile(true) : 0, 0);
+        for (const char* const line : {"line 1...\n", "line 2...\n", "line 3...\n"})
+            EXPECT_EQ(rolLog.WriteStringToLogfile(line), 0);
+        EXPECT_EQ(contentOf(log), each.log) << each.maxSize;
+        EXPECT_EQ(contentOf(backup), each.backup) << each.maxSize;
+    }
+}
+
+TEST_F(LogTest, GoesOnWhereAnEarlierRunLeftOff) {
+    std::ofstream(log) << std::string(30, 'x');
+    CRolLog rolLog("/tmp/logs/", "t", 40, ".log", "bak");
+    EXPECT_EQ(rolLog.WriteStringToLogfile("12345678\n"), 0);
+    EXPECT_EQ(contentOf(log).size(), 39U);
+    EXPECT_EQ(rolLog.WriteStringToLogfile("next\n"), 0);
+    EXPECT_EQ(contentOf(log), "next\n");
+    EXPECT_EQ(rolLog.DeleteLogfile(true), 0);
+    EXPECT_EQ(rolLog.DeleteLogfile(true), -1003);
+}
+
+TEST_F(LogTest, EightWritersLoseNoLine) {
+    constexpr int writers = 8;
+    constexpr int linesEach = 500;
+    // The lines count 35120 bytes: they fill one file and a part of the next.
+    CRolLog rolLog("/tmp/logs/", "t", 20000, "log", "bak");
+    ASSERT_EQ(rolLog.OpenLogfile(true), 0);
+    std::vector<std::thread> threads;
+    for (int writer = 0; writer < writers; ++writer)
+        threads.emplace_back([&rolLog, writer] {
+            for (int i = 0; i < linesEach; ++i)
+                rolLog.WriteStringToLogfile(
+                    ("w" + std::to_string(writer) + " " + std::to_string(i) + "\n").c_str());
+        });
+    for (auto& thread : threads)
+        thread.join();
+    rolLog.CloseLogfile(true);
+    std::multiset<std::string> lines;
+    for (const auto& path : {backup, log}) {
+        std::istringstream in(contentOf(path));
+        for (std::string line; std::getline(in, line);)
+            lines.insert(line);
+    }
+    EXPECT_EQ(lines.size(), static_cast<size_t>(writers * linesEach));
+    EXPECT_EQ(std::set<std::string>(lines.begin(), lines.end()).size(), lines.size());
+}
+
+TEST_F(LogTest, RefusesNamesAndFilesThatAreNotForLogs) {
+    CRolLog rolLog;
+    EXPECT_EQ(
+        rolLog.InitLogfile(std::string(499, 'd').c_str(), "t", "l", "b", 0, OPEN_MODE_DEFAULT),
+        -1000);
+    EXPECT_EQ(
+        rolLog.InitLogfile("/tmp", std::string(498, 'n').c_str(), "l", "b", 0, OPEN_MODE_DEFAULT),
+        -1008);
+    EXPECT_EQ(rolLog.WriteStringToLogfile("dropped"), 0);
+    EXPECT_EQ(rolLog.InitLogfile(nullptr, nullptr, nullptr, nullptr, -5, OPEN_MODE_DEFAULT), 0);
+    EXPECT_EQ(rolLog.GetMaxSize(), 0);
+
+    fs::create_symlink("/tmp/elsewhere", log);
+    EXPECT_EQ(rolLog.SetFilename("/tmp/logs", "t", "log", "bak"), 0);
+    EXPECT_EQ(rolLog.WriteStringToLogfile("x\n"), -1001);
+    EXPECT_FALSE(fs::exists("/tmp/elsewhere"));
+    EXPECT_EQ(rolLog.WriteStringToLogfile("x\n"), 0); // disabled
+    fs::remove(log);
+    EXPECT_EQ(rolLog.SetFilename("/tmp/logs", "t", "log", "bak"), 0);
+    EXPECT_EQ(rolLog.WriteStringToLogfile("x\n"), 0);
+    EXPECT_EQ(contentOf(log), "x\n");
+}
+
+TEST_F(LogTest, AFullDiskAndAVanishedDirectoryEndTheLogAlone) {
+    constexpr const char* disabled = "(Writing to logfile is disabled now)\n";
+    ASSERT_TRUE(support::mountMemory("/tmp/logs", "size=1m"));
+    zantTrace.SetTraceFileMaxSize(0);
+    ASSERT_EQ(zantTrace.StartTracingToFile("/tmp/logs", "t"), 0);
+    const std::string text(1800, 'x');
+    std::string output;
+    for (int i = 0; i < 700; ++i) {
+        TraceFormattedString(unit, TRACELEVEL_ERROR, "%s\n", text.c_str());
+        output += screen.take();
+    }
+    EXPECT_NE(output.find(std::string("WriteStringToLogfile -- Error = -1004  ") + disabled),
+              std::string::npos);
+    EXPECT_EQ(output.find(disabled), output.rfind(disabled));
+    EXPECT_FALSE(zantTrace.isTracingToFile());
+    EXPECT_EQ(umount("/tmp/logs"), 0);
+
+    zantTrace.SetTraceFileMaxSize(300);
+    ASSERT_EQ(zantTrace.StartTracingToFile(), 0);
+    fs::remove_all(folder);
+    screen.take();
+    TraceFormattedString(unit, TRACELEVEL_ERROR, "%s\n", text.c_str());
+    EXPECT_NE(screen.take().find(std::string("Error = -1007  ") + disabled), std::string::npos);
+    EXPECT_EQ(zantTrace.StartTracingToFile(), -1001);
+    EXPECT_NE(screen.take().find("LogFile open error /tmp/logs/t.log : Error code: -1001"),
+              std::string::npos);
+}
+
+TEST_F(LogTest, LinesGoToTheFileInBothModes) {
+    static int infos;
+    infos = 0;
+    zantTrace.SetInitialInfoWhenTracingToFileStartsFunction([] { ++infos; });
+    zantTrace.SetTraceFileMaxSize(0);
+    ASSERT_EQ(zantTrace.StartTracingToFile("/tmp/logs", "t"), 0);
+    EXPECT_EQ(zantTrace.StartTracingToFile("/tmp/other", "t"), 0); // is on already
+    TraceFormattedString(unit, TRACELEVEL_ERROR, "direct\n");
+    zantTrace.SetTraceModeWriteToLogfileIfDirectPrint(0);
+    TraceFormattedString(unit, TRACELEVEL_ERROR, "not wanted\n");
+    zantTrace.SetTraceModeDirectPrint(0);
+    TraceFormattedString(unit, TRACELEVEL_ERROR, "queued\n");
+    FormattedStringToStdout("listing\n");
+    printPending();
+    zantTrace.SetTraceModeDirectPrint(1);
+    EXPECT_EQ(zantTrace.StopTracingToFile(), 0);
+    EXPECT_NE(screen.take().find("CZantTrace:: LogFile closed : /tmp/logs/t.log \n"),
+              std::string::npos);
+    EXPECT_EQ(s_slept, 2100000U);
+    ASSERT_EQ(zantTrace.StartTracingToFile(), 0);
+    zantTrace.SetTraceModeWriteToLogfileIfDirectPrint(1);
+    zantTrace.SetInitialInfoWhenTracingToFileStartsFunction(nullptr);
+    EXPECT_EQ(infos, 2);
+
+    const std::string text = contentOf(log);
+    EXPECT_EQ(text.find("--- ^^^^^^^^^^"), 0U) << text;
+    EXPECT_NE(text.find(" direct\n"), std::string::npos);
+    EXPECT_EQ(text.find("not wanted"), std::string::npos);
+    EXPECT_NE(text.find(" queued\nlisting\n"), std::string::npos) << text;
+    EXPECT_NE(text.find("Traces are NOT logged to this file"), std::string::npos);
+}
+
+TEST_F(LogTest, FindsItsDirectoryAndRunsTheFileThere) {
+    EXPECT_EQ(zantTrace.CheckAndStartTracingToFile("x"), 0);
+    EXPECT_FALSE(zantTrace.isTracingToFile());
+
+    fs::create_directory("/tmp/usb_logs");
+    std::ofstream("/tmp/usb_logs/tracesx.cfg") << "MSHELL = m_echo from the file\n";
+    zantTrace.SetTraceFileMaxSize(777);
+    EXPECT_EQ(zantTrace.CheckAndStartTracingToFile("x"), 0);
+    EXPECT_EQ(sysVarStringMap.Get("ZANTALOG_PATH"), "/tmp/usb_logs/");
+    EXPECT_EQ(zantTrace.GetLogfilePath(), "/tmp/usb_logs/");
+    std::string output;
+    EXPECT_TRUE(waitUntil(
+        [&] { return (output += screen.take()).find("from the file\n") != std::string::npos; }));
+    EXPECT_NE(output.find("CZantTrace:: /tmp/usb_logs/ exists - activating tracing to file "
+                          "/tmp/usb_logs/zanttrcx.log\n"),
+              std::string::npos)
+        << output;
+    cfgFileThread.StopThreadAndWait(); // the file is through, and the limit is back
+    for (int i = 0; i < 10; ++i)
+        TraceFormattedString(unit, TRACELEVEL_ERROR, "%0100d\n", i);
+    EXPECT_TRUE(fs::exists("/tmp/usb_logs/zanttrcx.bak"));
+    EXPECT_LE(fs::file_size("/tmp/usb_logs/zanttrcx.log"), 777U);
+}
+
+} // namespace

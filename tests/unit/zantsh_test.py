@@ -1,0 +1,141 @@
+#!/usr/bin/env python3
+"""The shell's client against a program with a shell, in a /tmp of their own.
+
+Usage: zantsh_test.py ZANTSH SHELL_EXAMPLE [TVBOX]
+"""
+
+import os
+import pathlib
+import shutil
+import signal
+import socket
+import subprocess
+import sys
+import unittest
+
+sys.path.insert(0, os.path.join(os.path.dirname(__file__), "..", "support"))
+import own_mounts  # noqa: E402
+import gtest_result  # noqa: E402
+from wait_until import wait_until  # noqa: E402
+
+# The programs, and this folder, may lie in the /tmp that is about to be hidden.
+programs = [(pathlib.Path(path).name, pathlib.Path(path).read_bytes()) for path in sys.argv[1:]]
+os.chdir("/")
+TMP_IS_OWN = own_mounts.mount_memory("/tmp")
+if TMP_IS_OWN:
+    for name, content in programs:
+        path = pathlib.Path("/tmp/bin") / name
+        path.parent.mkdir(exist_ok=True)
+        path.write_bytes(content)
+        path.chmod(0o755)
+ZANTSH, SHELL, TVBOX = (["/tmp/bin/" + name for name, _ in programs] + [None])[:3]
+SERVER = "/tmp/zant_dbg_server_uva"
+
+
+def zantsh(*arguments, given=None):
+    done = subprocess.run([ZANTSH, *arguments], input=given, capture_output=True, text=True,
+                          timeout=60, stdin=None if given else subprocess.DEVNULL)
+    return done.returncode, done.stdout, done.stderr
+
+
+def listens():
+    with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as probe:
+        try:
+            probe.connect(SERVER)
+        except OSError:
+            return False
+        return True
+
+
+@unittest.skipUnless(TMP_IS_OWN, "no namespaces here")
+class ZantshTest(unittest.TestCase):
+    def setUp(self):
+        self.servers = []
+
+    def tearDown(self):
+        for server in self.servers:
+            server.send_signal(signal.SIGTERM)
+            server.wait(timeout=20)
+        for left in ("zant_dbg_server_uva", "zant_dbg_client", "usb_logs"):
+            path = pathlib.Path("/tmp") / left
+            if path.is_dir():
+                shutil.rmtree(path)
+            else:
+                path.unlink(missing_ok=True)
+
+    def start(self, output="/tmp/output"):
+        self.servers.append(subprocess.Popen([SHELL], stdout=open(output, "a")))
+        self.assertTrue(wait_until(listens))
+
+    def test_reply_output_and_exit_code(self):
+        self.start()
+        for words, code, out in [
+            (["m_greet", "World"], 0, "Hello World\nOK\n"),
+            (["m_echo a,  b"], 0, "a,  b\nOK\n"),
+            (["m_greet"], 1, "ERROR: Parameter 1 (name) is missing\nERR\n"),
+            (["m_nosuch"], 1, "-- ERROR: Unknown mshell command: m_nosuch\nERR\n"),
+        ]:
+            self.assertEqual(zantsh(*words)[:2], (code, out))
+        self.assertEqual(zantsh("m_help", "x" * 1100)[0], 2)
+        self.assertEqual(zantsh(given="m_echo one\n\nm_nosuch\nexit\nm_echo two\n")[:2],
+                         (1, "one\nOK\n-- ERROR: Unknown mshell command: m_nosuch\nERR\n"))
+
+    def test_follows_the_rolling_log(self):
+        pathlib.Path("/tmp/usb_logs").mkdir()
+        self.start("/dev/null")
+        self.assertEqual(zantsh("m_tracedirectprintmode", "0")[0], 0)
+        self.assertEqual(zantsh("m_greet", "log")[1], "Hello log\nOK\n")
+        self.assertEqual(zantsh("m_tracelogfilemaxsize", "1")[0], 0)
+        self.assertEqual(zantsh("m_greet", "rotation")[1], "Hello rotation\nOK\n")
+
+    def test_says_what_to_check(self):
+        for make, text in [
+            (lambda: None, "No such file or directory; is the program running"),
+            (lambda: pathlib.Path(SERVER).touch(), "Connection refused; the program that made it"),
+        ]:
+            make()
+            code, out, error = zantsh("m_echo")
+            self.assertEqual((code, out), (2, ""))
+            self.assertIn(text, error)
+        os.unlink(SERVER)
+        self.start()
+        pathlib.Path("/tmp/zant_dbg_client").mkdir()
+        self.assertIn("remove it", zantsh("m_echo")[2])
+        os.rmdir("/tmp/zant_dbg_client")
+        self.assertEqual(zantsh("--socket", "a/b", "m_echo")[0], 2)
+        self.assertEqual(zantsh("--follow", "/no/such", "m_echo")[0], 2)
+        if os.geteuid() == 0:
+            done = subprocess.run([ZANTSH, "m_echo"], capture_output=True, text=True, user=65534)
+            self.assertEqual(done.returncode, 2)
+            self.assertIn("is for user 0 and root", done.stderr)
+
+    def test_a_late_reply_goes_to_nobody_else(self):
+        self.start()
+        code, _, error = zantsh("--timeout", "1", "m_sleep", "3")
+        self.assertEqual(code, 2)
+        self.assertIn("may still be running", error)
+        self.assertIn("is busy", zantsh("--timeout", "0.3", "m_echo")[2])
+        self.assertEqual(zantsh("m_nosuch")[0], 1)  # and not the OK of the sleep
+
+    def test_many_clients_get_their_own_replies(self):
+        self.start()
+        clients = [subprocess.Popen([ZANTSH, "--timeout", "60", command],
+                                    stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+                   for command in ["m_echo", "m_nosuch"] * 4]
+        self.assertEqual([client.wait(timeout=60) for client in clients], [0, 1] * 4)
+
+    @unittest.skipUnless(TVBOX, "no tvbox in this build")
+    def test_reaches_into_a_box(self):
+        box = subprocess.Popen([TVBOX, "--name", "shellbox", "--require", SHELL],
+                               stdout=open("/tmp/boxed", "w"))
+        try:
+            self.assertTrue(wait_until(lambda: zantsh("m_echo")[0] == 0))
+            self.assertEqual(zantsh("--box", "shellbox", "m_greet", "box")[:2],
+                             (0, "Hello box\nOK\n"))
+            self.assertIn("running: shellbox", zantsh("--box", "other", "m_echo")[2])
+        finally:
+            box.send_signal(signal.SIGTERM)
+            box.wait(timeout=20)
+
+
+gtest_result.main()

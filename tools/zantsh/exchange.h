@@ -1,0 +1,68 @@
+#ifndef ZANTSH_EXCHANGE_H
+#define ZANTSH_EXCHANGE_H
+
+#include "util/scoped_handles.h"
+
+#include <chrono>
+#include <optional>
+#include <string>
+#include <sys/types.h>
+
+namespace zantsh {
+
+enum class Reply { ok, error };
+
+/// The right to talk to shells: all replies go to one fixed path, so one client at a time has it.
+/// Others wait at a lock file.
+///
+/// Replies look alike, and a client that died or gave up may have left commands behind whose
+/// replies are still to come. An exchange begins when the last of them is through.
+class Exchange {
+public:
+    /// Takes the lock, opens the reply socket and waits until the shell is idle. Throws NoShell.
+    Exchange(const std::string& socketName, std::chrono::milliseconds timeout);
+    Exchange(const Exchange&) = delete;
+    Exchange& operator=(const Exchange&) = delete;
+
+    /// The process that serves the shell; 0 if it cannot be seen from here. Throws NoShell.
+    pid_t findProcess();
+    /// Sends a command line. Throws NoShell.
+    void send(const std::string& line);
+    /// The reply, nothing if there is none within that time. Throws NoShell when the process that
+    /// was found ends.
+    std::optional<Reply> waitForReply(std::chrono::milliseconds time);
+
+private:
+    using Clock = std::chrono::steady_clock;
+    /// Removes the reply socket in the end, also of an exchange that does not come about.
+    struct ReplyPath {
+        ~ReplyPath();
+    };
+
+    void lock();
+    void openReplySocket();
+    void waitUntilIdle();
+    void sendDatagram(const std::string& bytes);
+    std::string path() const { return "/tmp/" + m_socketName; }
+
+    const std::string m_socketName;
+    const Clock::time_point m_deadline;
+    uid_t m_owner = 0;
+    pid_t m_process = 0;
+    ScopedFd m_lock;
+    ReplyPath m_replyPath;
+    ScopedFd m_socket;
+};
+
+/// Longest command line.
+constexpr size_t maxLineLength = 1022;
+
+/// True when somebody serves a socket of that name, whether it may be used or not.
+bool shellListens(const std::string& socketName);
+
+/// Before the first exchange: a signal that ends the program also removes the reply socket.
+void cleanUpOnSignals();
+
+} // namespace zantsh
+
+#endif

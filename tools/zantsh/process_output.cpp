@@ -1,0 +1,109 @@
+#include "process_output.h"
+
+#include "exit_code.h"
+
+#include <cstring>
+#include <filesystem>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
+
+namespace zantsh {
+
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr const char* traceLogPrefix = "zanttrc";
+
+std::string descriptorPath(pid_t process, const char* descriptor) {
+    return "/proc/" + std::to_string(process) + "/fd/" + descriptor;
+}
+
+std::string targetOf(const fs::path& link) {
+    std::error_code error;
+    return fs::read_symlink(link, error);
+}
+
+bool isNullDevice(const struct stat& info) {
+    return S_ISCHR(info.st_mode) && info.st_rdev == makedev(1, 3);
+}
+
+bool isOwnTerminal(const struct stat& info) {
+    struct stat own {};
+    return S_ISCHR(info.st_mode) && fstat(STDERR_FILENO, &own) == 0 && S_ISCHR(own.st_mode) &&
+           own.st_rdev == info.st_rdev;
+}
+
+} // namespace
+
+ProcessOutput::ProcessOutput(pid_t process, const std::vector<std::string>& files) {
+    for (const std::string& file : files) {
+        m_files.emplace_back(file, file);
+        if (!m_files.back().isOpen())
+            throw NoShell("cannot follow " + file + ": " + strerror(errno) +
+                          ", or no file; leave --follow out or name another");
+    }
+    if (process <= 0) {
+        m_whereElse = "the shell's process cannot be seen from here: look at its own output";
+        return;
+    }
+    followStandardOutput(process);
+    followTraceLog(process);
+}
+
+void ProcessOutput::followStandardOutput(pid_t process) {
+    const std::string path = descriptorPath(process, "1");
+    const std::string who = "process " + std::to_string(process);
+    struct stat info {};
+    if (stat(path.c_str(), &info) != 0) {
+        m_whereElse = "the output of " + who + " cannot be followed: " + strerror(errno);
+        return;
+    }
+    if (S_ISREG(info.st_mode)) {
+        m_alternatives.emplace_back(targetOf(path), path);
+        m_whereElse = "nothing was printed (should there have been: m_starttracingtoscreen "
+                      "switches the output of " +
+                      who + " on)";
+    } else if (isNullDevice(info)) {
+        m_whereElse = who + " prints to /dev/null";
+    } else if (isOwnTerminal(info)) {
+        m_whereElse.clear();
+    } else if (S_ISCHR(info.st_mode)) {
+        m_whereElse = who + " prints to its terminal " + targetOf(path) + ": look there";
+    } else {
+        m_whereElse = who + " prints to a pipe, which only the pipe's reader can see";
+    }
+}
+
+void ProcessOutput::followTraceLog(pid_t process) {
+    std::error_code error;
+    for (const auto& entry : fs::directory_iterator(descriptorPath(process, ""), error)) {
+        const std::string target = targetOf(entry.path());
+        if (fs::path(target).filename().string().rfind(traceLogPrefix, 0) != 0)
+            continue;
+        FollowedFile log(target, entry.path());
+        if (log.isOpen())
+            m_alternatives.push_back(std::move(log));
+    }
+}
+
+std::string ProcessOutput::takeNew() {
+    std::string text;
+    for (auto& file : m_files)
+        text += file.takeNew();
+    for (auto it = m_alternatives.begin(); it != m_alternatives.end(); ++it) {
+        const std::string added = it->takeNew();
+        if (added.empty())
+            continue;
+        text += added;
+        if (m_alternatives.size() > 1) {
+            FollowedFile chosen = std::move(*it);
+            m_alternatives.clear();
+            m_alternatives.push_back(std::move(chosen));
+        }
+        break;
+    }
+    return text;
+}
+
+} // namespace zantsh

@@ -1,0 +1,73 @@
+#include "target.h"
+
+#include "exchange.h"
+#include "exit_code.h"
+#include "namespaces.h"
+#include "run_directory.h"
+
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+#include <optional>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace zantsh {
+
+namespace {
+
+std::string listOf(const std::vector<tvbox::BoxInfo>& boxes) {
+    std::string names;
+    for (const auto& box : boxes)
+        names += (names.empty() ? "" : ", ") + box.name;
+    return names.empty() ? "none" : names;
+}
+
+/// The box to go to; none for here.
+std::optional<tvbox::BoxInfo> chooseBox(const Options& options) {
+    const bool isInBox = getenv("TVBOX") != nullptr;
+    if (options.box.empty() && (isInBox || shellListens(options.socket)))
+        return std::nullopt;
+    tvbox::RunDirectory directory;
+    if (!options.box.empty()) {
+        if (auto box = directory.find(options.box))
+            return box;
+        throw NoShell("no box named '" + options.box +
+                      "' is running; running: " + listOf(directory.list()));
+    }
+    auto boxes = directory.list();
+    if (boxes.size() > 1)
+        throw NoShell("no shell at /tmp/" + options.socket +
+                      " outside of boxes; choose one with --box: " + listOf(boxes));
+    if (boxes.empty())
+        return std::nullopt;
+    return std::move(boxes.front());
+}
+
+/// Only a child belongs to the box's processes and sees them in its /proc.
+int runInBox(const tvbox::BoxInfo& box, const std::function<int()>& work) {
+    tvbox::joinBox(box);
+    setenv("TVBOX", box.name.c_str(), 1);
+    const pid_t child = fork();
+    if (child < 0)
+        throw NoShell("no process in box '" + box.name + "': " + strerror(errno));
+    if (child == 0) {
+        const int code = work();
+        fflush(stdout);
+        _exit(code);
+    }
+    std::signal(SIGINT, SIG_IGN); // the child's to answer
+    int status = 0;
+    while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
+    }
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
+} // namespace
+
+int runWhereTheShellIs(const Options& options, const std::function<int()>& work) {
+    const auto box = chooseBox(options);
+    return box ? runInBox(*box, work) : work();
+}
+
+} // namespace zantsh
