@@ -20,15 +20,12 @@ CUvaGstIfReceiver& uvaGstIfReceiver = receiverStorage.object;
 
 namespace {
 
-/// The order of construction, before the framework's objects, which have no priority. The
-/// constructors set up memory only: no thread, no queue, no file.
-struct Built {
-    Built() {
-        lowerLayerStorage.build(destinationStorage.object);
-        destinationStorage.build();
-        receiverStorage.build(lowerLayerStorage.object);
-    }
-};
-[[gnu::init_priority(1000), maybe_unused]] const Built built;
+/// The order of construction, before the framework's objects (103). The constructors set up memory
+/// only: no thread, no queue, no file.
+[[gnu::constructor(102)]] void build() {
+    lowerLayerStorage.build(destinationStorage.object);
+    destinationStorage.build();
+    receiverStorage.build(lowerLayerStorage.object);
+}
 
 } // namespace
