@@ -126,9 +126,9 @@ auto ElementCore::operate(const char* name, std::vector<Argument> arguments, Cal
 void ElementCore::open(const std::string& uri) {
     if (m_status.state != State::Idle)
         return;
-    const auto type = UVABackend::VideoElement;
+    constexpr auto type = UVABackend::VideoElement;
     auto* backend = operate("UVA_RequestBackend", {{"type", static_cast<long long>(type)}},
-                            [this, type] { return m_library->request(type, this); });
+                            [this] { return m_library->request(type, this); });
     if (backend == nullptr)
         return fail("the library gave no backend; its own message on standard output says why");
     m_backend = backend;
