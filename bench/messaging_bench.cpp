@@ -14,6 +14,7 @@
 #include <fcntl.h>
 #include <functional>
 #include <memory>
+#include <sched.h>
 #include <string>
 #include <sys/select.h>
 #include <thread>
@@ -94,7 +95,32 @@ void bareReceive(int handle, char* body) {
     mq_receive(handle, body, 48, nullptr);
 }
 
-void roundTrip() {
+/// Puts this thread, and those that it starts from now on, onto one processor.
+void stayOn(size_t processor) {
+    cpu_set_t one;
+    CPU_ZERO(&one);
+    CPU_SET(processor, &one);
+    if (sched_setaffinity(0, sizeof one, &one) != 0) {
+        perror("sched_setaffinity");
+        exit(1);
+    }
+}
+
+/// The processors that this program may use.
+std::vector<size_t> processors() {
+    cpu_set_t allowed;
+    CPU_ZERO(&allowed);
+    sched_getaffinity(0, sizeof allowed, &allowed);
+    std::vector<size_t> found;
+    for (size_t i = 0; i < CPU_SETSIZE; ++i)
+        if (CPU_ISSET(i, &allowed))
+            found.push_back(i);
+    return found;
+}
+
+/// The threads that answer run on the processor `there`, the one that asks on `here`.
+void roundTrip(const char* name, size_t here, size_t there) {
+    stayOn(there);
     Echo echo;
     CZantMsgQueue answers;
     openOrAbort(answers, "_answers");
@@ -118,6 +144,7 @@ void roundTrip() {
             mq_send(replies, body, sizeof body, 0);
         } while (body[0] != 1);
     });
+    stayOn(here);
     const auto bareOnce = [requests, replies](char first) {
         char body[48] = {first};
         mq_send(requests, body, sizeof body, 0);
@@ -126,7 +153,7 @@ void roundTrip() {
     const Ratio ratio = interleave(20, ours, [&] { bareOnce(0); });
     bareOnce(1);
     bareEcho.join();
-    printf("  \"round_trip\": {\"ours_ns\": %.0f, \"bare_ns\": %.0f},\n", ratio.ours, ratio.bare);
+    printf("  \"%s\": {\"ours_ns\": %.0f, \"bare_ns\": %.0f},\n", name, ratio.ours, ratio.bare);
 }
 
 void sameThread() {
@@ -225,7 +252,11 @@ void manySenders() {
 int main() {
     zantTrace.SetTraceOnAll(TRACELEVEL_WARNING);
     printf("{\n");
-    roundTrip();
+    const std::vector<size_t> usable = processors();
+    std::thread([&usable] { // its processor is its own
+        roundTrip("round_trip", usable.front(), usable.front());
+        roundTrip("round_trip_two_processors", usable.front(), usable.back());
+    }).join();
     sameThread();
     observers();
     manySenders();

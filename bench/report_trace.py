@@ -37,10 +37,11 @@ def run_benchmarks(build):
     return samples
 
 
-def resident_kilobytes(build, program):
-    return statistics.median(
-        int(subprocess.run([build / 'bench' / program], check=True, capture_output=True,
-                           text=True).stdout) for _ in range(REPETITIONS))
+def idle_kilobytes(build, program):
+    """Medians of what is resident, and of what is the process's own."""
+    runs = [subprocess.run([build / 'bench' / program], check=True, capture_output=True, text=True)
+            .stdout.split() for _ in range(REPETITIONS)]
+    return [statistics.median(int(run[column]) for run in runs) for column in (0, 1)]
 
 
 def draw(samples, axes):
@@ -72,11 +73,12 @@ def main():
         bound = f'{limit} x' + (f' or {difference} ns' if difference else '')
         lines.append(f'| {title} | {mine:.2f} | {peer} | {other:.2f} | {mine / other:.2f} '
                      f'| {bound} | {"kept" if kept else "MISSED"} |')
-    idle = resident_kilobytes(build, 'idle_memory_framework')
-    bare = resident_kilobytes(build, 'idle_memory_bare')
-    lines += ['', f'Resident memory of an idle process: {idle:.0f} kB with the framework and its '
-              f'trace thread started, {bare:.0f} kB without, {idle - bare:.0f} kB for the '
-              'framework.', '', f'![spread]({result.stem}.png)', '']
+    lines += ['', '| idle process | resident, kB | of that its own, not of a file, kB |', '|---|---|---|']
+    for title, program in (('with the framework, its trace thread started', 'idle_memory_framework'),
+                           ('without', 'idle_memory_bare')):
+        resident, own = idle_kilobytes(build, program)
+        lines.append(f'| {title} | {resident:.0f} | {own:.0f} |')
+    lines += ['', f'![spread]({result.stem}.png)', '']
     plot(lambda axes: draw(samples, axes), (9, 4), len(ROWS), result.with_suffix('.png'))
     result.write_text('\n'.join(lines))
     print('\n'.join(lines))
