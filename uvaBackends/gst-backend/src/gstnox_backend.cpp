@@ -60,6 +60,7 @@ GstNoxBackend::~GstNoxBackend() {
     GST_INFO("entry");
     uvaGstIfReceiver.connectBackend(nullptr);
     gstPlayerStopAndDestroy();
+    uvaGstIfReceiver.leave(m_requester);
     GST_INFO("done");
 }
 
