@@ -52,8 +52,9 @@ CCfgFileThread& cfgFileThread = cfgFileThreadStorage.object;
 
 namespace {
 
-/// The order of construction. The constructors set up memory only: no thread, no queue, no file.
-__attribute__((constructor(101))) void build() {
+/// The order of construction; a library that contains the framework may have objects before these
+/// (101, 102). The constructors set up memory only: no thread, no queue, no file.
+[[gnu::constructor(103)]] void build() {
     threadListStorage.build();
     queueListStorage.build();
     traceStorage.build();

@@ -82,8 +82,10 @@ void CThreadObjectWithQueue::sendStop(Run run) {
     m_queue.Send(&stop, 0);
 }
 
+/// Another process may not stop a thread of this one. Whoever stops it here has said so in
+/// `stopRequested` as well.
 bool CThreadObjectWithQueue::stopsThisRun(const CZantMsg& msg, Run run) const {
-    return msg.signalId == SIG_ID_STOP_THREAD &&
+    return !m_queue.CarriesSharedAddresses() && msg.signalId == SIG_ID_STOP_THREAD &&
            (msg.param4 == 0 || static_cast<Run>(msg.param4) == run);
 }
 

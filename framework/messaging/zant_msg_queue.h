@@ -95,6 +95,7 @@ public:
     /// The queue's messages come from another process: the word for the buffer is an address in
     /// shared memory, left in the message's `sharedAddress`. To be called before the queue opens.
     void CarrySharedAddresses() { m_carriesSharedAddresses = true; }
+    bool CarriesSharedAddresses() const { return m_carriesSharedAddresses; }
 
     /// Locks and unlocks the registry.
     static void GetMutex() ACQUIRE(m_zantMsgQueueMutex) { m_zantMsgQueueMutex.lock(); }

@@ -1,5 +1,5 @@
 // The backend's answers to its host and to its pipeline, without media: what it logs, stores and
-// raises. Playback itself is in playback_test.cpp.
+// raises.
 
 #include "gstnox_avcomponent.h"
 #include "gstnox_backend.h"

@@ -1,14 +1,51 @@
 #include "gstnox_backend.h"
 
+#include "UvaGstIfLowerLayer.h"
+#include "UvaGstIfReceiver.h"
 #include "gstnox_avcomponent.h"
 #include "gstnox_plugin.h"
 #include "uva/uva_event.h"
 
+#include <algorithm>
+#include <array>
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
+#include <limits>
 
 #define GST_CAT_DEFAULT gst_backend_debug
+
+namespace {
+
+// The set's video output, pixels.
+constexpr double outputWidth = 1920.0;
+constexpr double outputHeight = 1080.0;
+
+/// Truncates towards zero; what no 32-bit integer is (a logical screen may be empty) is the
+/// nearest.
+int toInteger(double value) {
+    if (std::isnan(value))
+        return 0;
+    return static_cast<int>(std::clamp(value, static_cast<double>(std::numeric_limits<int>::min()),
+                                       static_cast<double>(std::numeric_limits<int>::max())));
+}
+
+/// x, y, width, height in pixels of the output, each as its low 16 bits, the most significant byte
+/// first.
+std::array<unsigned char, 8> windowRequest(const UVABackend::Rect& window, double horizontalFactor,
+                                           double verticalFactor) {
+    std::array<unsigned char, 8> bytes{};
+    auto* next = bytes.begin();
+    for (const double value : {window.x * horizontalFactor, window.y * verticalFactor,
+                               window.width * horizontalFactor, window.height * verticalFactor}) {
+        const auto number = static_cast<unsigned int>(toInteger(value));
+        *next++ = static_cast<unsigned char>(number >> 8U);
+        *next++ = static_cast<unsigned char>(number);
+    }
+    return bytes;
+}
+
+} // namespace
 
 std::atomic<bool> GstNoxBackend::g_standalone{false};
 
@@ -21,7 +58,9 @@ GstNoxBackend::GstNoxBackend(UVABackendType type, UVAClient* client)
 
 GstNoxBackend::~GstNoxBackend() {
     GST_INFO("entry");
+    uvaGstIfReceiver.connectBackend(nullptr);
     gstPlayerStopAndDestroy();
+    uvaGstIfReceiver.leave(m_requester);
     GST_INFO("done");
 }
 
@@ -38,6 +77,7 @@ int GstNoxBackend::initBackend(const char* origin, SourceDescription** sources, 
     for (; sources[count] != nullptr; ++count)
         if (initSource(sources[count], count) != Success)
             result = Failure;
+    uvaGstIfReceiver.connectBackend(&m_controlPort);
     GST_INFO(" number of sources is %d", count);
     changeState(GST_STATE_READY);
     return result;
@@ -93,7 +133,13 @@ int GstNoxBackend::setFullScreen(bool on) {
 int GstNoxBackend::setVideoWindowAndClip(const Rect& window, const Rect& clip) {
     GST_DEBUG("window: %d,%d %dx%d", window.x, window.y, window.width, window.height);
     GST_DEBUG("clip: %d,%d %dx%d", clip.x, clip.y, clip.width, clip.height);
-    GST_DEBUG("client_screen: %dx%d", m_screenWidth.load(), m_screenHeight.load());
+    const int screenWidth = m_screenWidth;
+    const int screenHeight = m_screenHeight;
+    GST_DEBUG("client_screen: %dx%d", screenWidth, screenHeight);
+    const std::array<unsigned char, 8> request =
+        windowRequest(window, outputWidth / screenWidth, outputHeight / screenHeight);
+    uvaGstIfLowerLayer.sendIndicationBuffer(SIG_ID_MPLAYER_SET_WINDOW_REQ, request.data(),
+                                            static_cast<int>(request.size()));
     return Success;
 }
 

@@ -1,6 +1,8 @@
 #ifndef GSTNOX_BACKEND_H
 #define GSTNOX_BACKEND_H
 
+#include "UvaGstIfBackend.h"
+#include "UvaGstIfRequester.h"
 #include "glib_lock.h"
 #include "gst_ptr.h"
 #include "uva/uva_client.h"
@@ -23,8 +25,8 @@ class GstNoxBusWatch;
 /// main-loop thread "gst_run"; the static callbacks run on GStreamer's streaming threads. `m_lock`
 /// guards what they share. No event is delivered to the client while the lock is held.
 ///
-/// Waits: a sink may wait in decoder_request_cb for the client's answer. Stopping the player and
-/// seeking end that wait; such a sink is told "no".
+/// Waits: a sink may wait in decoder_request_cb for the client's answer, then for the main
+/// system's. Stopping the player and seeking end that wait; such a sink is told "no".
 class GstNoxBackend : public UVAMediaBackend {
 public:
     /// `client` must not be null; it is not owned and outlives the backend.
@@ -163,6 +165,18 @@ private:
     /// Ends the waits of the sinks for as long as it lives.
     class WaitBreaker;
 
+    /// Where the main system's control requests arrive.
+    class ControlPort final : public UvaGstIfBackend {
+    public:
+        explicit ControlPort(GstNoxBackend& backend) : m_backend(backend) {}
+        void controlCommands(const char* commands) override { m_backend.controlCommands(commands); }
+
+    private:
+        GstNoxBackend& m_backend;
+    };
+
+    enum class DecoderAnswer { Granted, Refused, Broken };
+
     int initSource(SourceDescription* source, int index);
     int initBackendStreaming(const SourceDescription& source, int index);
     int enterState(GstState state, const char* graphName);
@@ -171,6 +185,8 @@ private:
     void watchBus();
     void setupElement(GstElement* element);
     gint requestDecoder(const gchar* type) EXCLUDES(m_lock);
+    DecoderAnswer askClient(const gchar* type) EXCLUDES(m_lock);
+    DecoderAnswer askMainSystem(const gchar* type) EXCLUDES(m_lock);
     void takeDemuxerCaps(GstPad* pad, GstCaps* caps);
     void takeDecodedCaps(GstPad* pad, GstCaps* caps);
     void handleErrorMessage(GstMessage* message);
@@ -210,7 +226,7 @@ private:
     bool m_hasPlayer GUARDED_BY(m_lock) = false;
     GstPtr<GstElement> m_audioSink GUARDED_BY(m_lock); // the last "halaudiosink" set up
     int m_resources_state GUARDED_BY(m_lock) = NoResources;
-    int m_resources_needed GUARDED_BY(m_lock) = 0; // DecoderKind bits
+    int m_resources_needed GUARDED_BY(m_lock) = 0;     // DecoderKind bits
     int m_waitBreakers GUARDED_BY(m_lock) = 0;         // operations that let no sink wait now
     unsigned int m_brokenWaits GUARDED_BY(m_lock) = 0; // how many of them there ever were
     GstState m_state GUARDED_BY(m_lock) = GST_STATE_NULL;
@@ -218,6 +234,9 @@ private:
     std::atomic<guint64> m_lastPosition{GST_CLOCK_TIME_NONE}; // also a pending seek's target
     std::atomic<int> m_seekPending{0};
     guint64 m_segmentStart = GST_CLOCK_TIME_NONE;
+
+    ControlPort m_controlPort{*this};
+    UvaGstIfRequester m_requester;
 
     MallocText m_keySystemId;
     gint32 m_keySystemValue = 0;

@@ -1,4 +1,6 @@
 #include "gstnox_backend.h"
+
+#include "UvaGstIfReceiver.h"
 #include "gstnox_plugin.h"
 #include "uva/uva_event.h"
 
@@ -145,6 +147,7 @@ gboolean GstNoxBackend::handleGstMessages(GstMessage* message) {
         break;
     case GST_MESSAGE_APPLICATION:
         handleApplicationMessage(message);
+        uvaGstIfReceiver.handleApplicationMessage(message, &m_requester);
         break;
     default:
         break;

@@ -1,3 +1,4 @@
+#include "UvaGstIfReceiver.h"
 #include "gstnox_avcomponent.h"
 #include "gstnox_backend.h"
 #include "gstnox_buswatch.h"
@@ -44,12 +45,16 @@ GstNoxBackend* backendOf(gpointer data) {
 class GstNoxBackend::WaitBreaker {
 public:
     explicit WaitBreaker(GstNoxBackend& backend) : m_backend(backend) {
-        const GLibLock lock(m_backend.m_lock);
-        ++m_backend.m_waitBreakers;
-        ++m_backend.m_brokenWaits;
-        m_backend.m_condition.broadcast();
+        {
+            const GLibLock lock(m_backend.m_lock);
+            ++m_backend.m_waitBreakers;
+            ++m_backend.m_brokenWaits;
+            m_backend.m_condition.broadcast();
+        }
+        uvaGstIfReceiver.breakWaits(m_backend.m_requester);
     }
     ~WaitBreaker() {
+        uvaGstIfReceiver.allowWaits(m_backend.m_requester);
         const GLibLock lock(m_backend.m_lock);
         --m_backend.m_waitBreakers;
     }
@@ -129,6 +134,7 @@ void GstNoxBackend::gstPlayerStopAndDestroy() {
     GST_DEBUG("going to NULL");
     changeState(GST_STATE_NULL);
     setPipelineState(GST_STATE_NULL);
+    uvaGstIfReceiver.leave(m_requester);
     {
         const GLibLock lock(m_lock);
         m_hasPlayer = false;
@@ -197,6 +203,23 @@ gint GstNoxBackend::decoder_request_cb(GstElement* /*sink*/, const gchar* type, 
 }
 
 gint GstNoxBackend::requestDecoder(const gchar* type) {
+    DecoderAnswer answer = askClient(type);
+    if (answer == DecoderAnswer::Granted)
+        answer = askMainSystem(type);
+    if (answer == DecoderAnswer::Refused) {
+        int state = NoResources;
+        {
+            const GLibLock lock(m_lock);
+            state = m_resources_state;
+        }
+        GST_ERROR("***E: resources not available (%d)", state);
+        raiseEvent(new DecodeErrorEvent(DecodeErrorEvent::InsufficientResources), GST_LEVEL_ERROR,
+                   "INSUFFICIENT_RESOURCES");
+    }
+    return answer == DecoderAnswer::Granted ? 1 : 0;
+}
+
+GstNoxBackend::DecoderAnswer GstNoxBackend::askClient(const gchar* type) {
     bool asks = false;
     unsigned int brokenWaits = 0;
     {
@@ -204,7 +227,7 @@ gint GstNoxBackend::requestDecoder(const gchar* type) {
         brokenWaits = m_brokenWaits;
         GST_DEBUG("m_resources_state=%d, type=%s", m_resources_state, type);
         if (m_waitBreakers > 0)
-            return 0;
+            return DecoderAnswer::Broken;
         if (m_resources_state == NoResources) {
             GST_INFO("about asks for resources (%d)", m_resources_needed);
             m_resources_state = ResourcesAsked;
@@ -214,23 +237,27 @@ gint GstNoxBackend::requestDecoder(const gchar* type) {
     if (asks)
         raiseEvent(new BackendResourceRequestAsyncEvent(m_audioOnly), GST_LEVEL_DEBUG, "type=%d",
                    m_audioOnly);
-    int state = NoResources;
+    const GLibLock lock(m_lock);
+    while (asks && m_resources_state == ResourcesAsked && m_brokenWaits == brokenWaits)
+        m_condition.wait(m_lock);
+    if (asks && m_resources_state == ResourcesAsked) { // the wait was broken
+        m_resources_state = NoResources;
+        return DecoderAnswer::Broken;
+    }
+    return m_resources_state == ResourcesGranted ? DecoderAnswer::Granted : DecoderAnswer::Refused;
+}
+
+GstNoxBackend::DecoderAnswer GstNoxBackend::askMainSystem(const gchar* type) {
+    unsigned int brokenWaits = 0;
     {
         const GLibLock lock(m_lock);
-        while (asks && m_resources_state == ResourcesAsked && m_brokenWaits == brokenWaits)
-            m_condition.wait(m_lock);
-        if (asks && m_resources_state == ResourcesAsked) { // the wait was broken
-            m_resources_state = NoResources;
-            return 0;
-        }
-        state = m_resources_state;
+        brokenWaits = m_brokenWaits;
     }
-    if (state == ResourcesGranted)
-        return 1;
-    GST_ERROR("***E: resources not available (%d)", state);
-    raiseEvent(new DecodeErrorEvent(DecodeErrorEvent::InsufficientResources), GST_LEVEL_ERROR,
-               "INSUFFICIENT_RESOURCES");
-    return 0;
+    if (uvaGstIfReceiver.requestDecoder(type, &m_requester))
+        return DecoderAnswer::Granted;
+    const GLibLock lock(m_lock);
+    return m_waitBreakers > 0 || m_brokenWaits != brokenWaits ? DecoderAnswer::Broken
+                                                              : DecoderAnswer::Refused;
 }
 
 void GstNoxBackend::demux_pad_added_cb(GstElement* /*demuxer*/, GstPad* pad, gpointer backend) {

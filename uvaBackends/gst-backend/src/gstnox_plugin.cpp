@@ -1,6 +1,11 @@
 #include "gstnox_plugin.h"
 
+#include "UvaGstIfGstMedia.h"
+#include "UvaGstIfLowerLayer.h"
+#include "UvaGstIfReceiver.h"
 #include "config/cfg_file.h"
+#include "cpucomm/tri_hidtv.h"
+#include "cpucomm/trid_cpucomm.h"
 #include "debug/mshell.h"
 #include "debug/zant_dbg_mshell.h"
 #include "debug/zant_trace_core.h"
@@ -17,6 +22,7 @@
 #include <array>
 #include <atomic>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <mutex>
 #include <unistd.h>
@@ -65,6 +71,17 @@ void ZantAppInit() {
         GST_CAT_INFO(loaderDebug, "RLIMIT_MSGQUEUE stays as it is: %s", g_strerror(errno));
 }
 
+/// The vendor's link to the main system's processor, until the process ends.
+void openVendorLink() {
+    TriHidtvRegMap();
+    Trid_Util_CPUComm_Init(0);
+    Trid_Util_CPUComm_Ready();
+    std::atexit([] {
+        Trid_Util_CPUComm_DeInit();
+        TriHidtvRegUnmap();
+    });
+}
+
 void startShell() {
     mshell.Init("zant_dbg_server_uva");
     mshell.StartThread("zant_mshell_uva", 0, 0);
@@ -85,6 +102,15 @@ void runConfigurationFile() {
         reader.ReadCfgfile(path);
         return;
     }
+}
+
+/// The arbitration of the decoders with the main system.
+void startReceiver() {
+    static UvaGstIfGstMedia& media = *new UvaGstIfGstMedia(gst_backend_debug, gst_backendif_debug);
+    setUvaGstIfMedia(&media);
+    uvaGstIfReceiver.Init();
+    uvaGstIfReceiver.StartThread("uvagst_if_receiver", 0, 0);
+    uvaGstIfLowerLayer.Init(uvaGstIfReceiver.queueHandle(), 0);
 }
 
 /// Dispatches the default main context for the life of the process.
@@ -149,9 +175,11 @@ bool BackendInit(GError** error) noexcept {
     gst_debug_add_log_function(gstLogToSyslog, nullptr, nullptr);
     watchDebugRequests = true;
     ZantAppInit();
+    openVendorLink();
     startShell();
     runConfigurationFile();
     zantTrace.CheckAndStartTracingToFile("uva");
+    startReceiver();
     g_thread_unref(g_thread_new("gst_chk_dbg", runDebugWatcher, nullptr));
     g_thread_unref(g_thread_new("gst_run", runMainLoop, nullptr));
     done = true;
@@ -160,6 +188,8 @@ bool BackendInit(GError** error) noexcept {
 
 void BackendTerm() noexcept {
     watchDebugRequests = false;
+    uvaGstIfLowerLayer.Term();
+    uvaGstIfReceiver.Term();
 }
 
 UVAMediaBackend* UVA_RequestBackend(UVABackend::UVABackendType type, UVAClient* client) noexcept {

@@ -1,10 +1,13 @@
-// The objects that exist from load to unload, in the order of their construction, one line each.
-// Their constructors set up memory only: no thread, no queue, no file.
+// The objects that exist from load to unload, in the order of their construction: this one, those
+// of the link to the main system (102), those of the framework (103). They set up memory only: no
+// thread, no queue, no file.
 
 #include "uva_gstcontentprotection.h"
 
 namespace {
 
-const bool contentProtectionLogging = InitializeLogging();
+[[gnu::constructor(101)]] void build() {
+    InitializeLogging();
+}
 
 } // namespace

@@ -1,0 +1,128 @@
+#!/usr/bin/env python3
+"""A player and a main system, two processes: who gets the decoders, and what the main system hears.
+
+Usage: arbitration_test.py CLIP ZANT_MAINSYS, in a box
+"""
+
+import os
+import pathlib
+import signal
+import subprocess
+import sys
+import tempfile
+import time
+import unittest
+
+sys.path.insert(0, os.path.join(os.path.dirname(__file__), "..", "support"))
+import gtest_result  # noqa: E402
+from host_run import TIMEOUT, UVA_HOST, Run  # noqa: E402
+from wait_until import wait_until  # noqa: E402
+
+CLIP, MAINSYS = sys.argv[1:3]
+OPTIONS = ["--no-progress-timeout", "60"]
+
+
+class MainSystem:
+    """Plays a scenario from when the link is open."""
+
+    def __init__(self, *commands, options=()):
+        self.folder = tempfile.TemporaryDirectory()
+        scenario = pathlib.Path(self.folder.name) / "scenario"
+        scenario.write_text("\n".join(commands))
+        self.output = pathlib.Path(self.folder.name) / "output"
+        self.process = subprocess.Popen([MAINSYS, "--scenario", scenario, *options], stdin=subprocess.DEVNULL,
+                                        stdout=self.output.open("w"), stderr=subprocess.STDOUT)
+        if "--down" not in options and not wait_until(lambda: "main system is up" in self.text()):
+            raise AssertionError(self.text())
+
+    def text(self):
+        return self.output.read_text(errors="replace")
+
+    def finish(self):
+        """What it printed; its scenario must have held, and nothing be left in the shared memory."""
+        code = self.process.wait(TIMEOUT)
+        text = self.text()
+        self.folder.cleanup()
+        if code != 0 or "never freed" in text:
+            raise AssertionError(f"exit code {code}\n{text}")
+        return text
+
+
+class Arbitration(unittest.TestCase):
+    def plays(self, run):
+        self.assertEqual(run.code, 0, run.report())
+        self.assertTrue(run.named("PlaybackFinished"), run.report())
+
+    def is_refused(self, run):
+        self.assertEqual(run.code, 1, run.report())
+        self.assertEqual(run.last("DecodeError", "reason"), 2, run.report())
+        self.assertEqual(len(run.errors.strip().splitlines()), 1, run.report())
+
+    def test_a_granted_player_plays_and_reports(self):
+        main = MainSystem("expect SET_WINDOW_REQ within 60000",
+                          "expect DECODER_NEEDED_IND within 60000",
+                          "expect VIDEO_FORMAT_IND within 60000",
+                          "release both",
+                          "expect DECODER_RELEASE_RESP 3 within 60000")
+        self.plays(Run(CLIP, *OPTIONS, "--window", "640,360,640x360"))
+        text = main.finish()
+        for said in ("window 960,540 960x540", "video 640x360 display 640x360", "rate 25/1",
+                     "<media><audio codec="):
+            self.assertIn(said, text)
+
+    def test_a_refused_player_ends_with_its_reason(self):
+        main = MainSystem("refuse", "expect DECODER_NEEDED_IND within 60000", "wait 500")
+        self.is_refused(Run(CLIP, *OPTIONS))
+        main.finish()
+
+    def test_without_a_main_system_a_player_gives_up_and_the_next_plays(self):
+        start = time.monotonic()
+        self.is_refused(Run(CLIP, *OPTIONS))
+        self.assertGreater(time.monotonic() - start, 5)
+        main = MainSystem(*["expect VIDEO_FORMAT_IND within 60000"] * 2)
+        for _ in range(2):  # the second is a new process, which begins anew
+            self.plays(Run(CLIP, *OPTIONS))
+        main.finish()
+
+    def test_a_silent_or_late_main_system(self):
+        main = MainSystem("ignore", "expect DECODER_NEEDED_IND within 60000", "wait 8000")
+        self.is_refused(Run(CLIP, *OPTIONS))
+        main.finish()
+        main = MainSystem("delay 1500", "expect DECODER_NEEDED_IND within 60000",
+                          "expect VIDEO_FORMAT_IND within 60000")
+        self.plays(Run(CLIP, *OPTIONS))
+        main.finish()
+
+    def test_stopping_ends_the_wait_for_an_answer(self):
+        main = MainSystem("ignore", "expect DECODER_NEEDED_IND within 60000", "wait 8000")
+        player = subprocess.Popen([UVA_HOST, *OPTIONS, CLIP], stdin=subprocess.DEVNULL,
+                                  stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+        self.assertTrue(wait_until(lambda: "<- 516" in main.text()))
+        start = time.monotonic()
+        player.send_signal(signal.SIGINT)
+        self.assertEqual(player.wait(TIMEOUT), 128 + signal.SIGINT)
+        self.assertLess(time.monotonic() - start, 4)  # of the 5 that the answer may take
+        main.finish()
+
+    def test_the_player_goes_on_when_the_main_system_dies(self):
+        main = MainSystem("expect VIDEO_FORMAT_IND within 60000", "crash", "wait 1000", "restart", "wait 500",
+                          "control output-ddp:1", "release both", "expect DECODER_RELEASE_RESP 3 within 60000")
+        self.plays(Run(CLIP, *OPTIONS))
+        main.finish()
+
+    def test_killed_before_its_answer_and_restarted(self):
+        main = MainSystem("ignore", "expect DECODER_NEEDED_IND within 60000", "crash", "wait 1000", "restart", "grant",
+                          "expect DECODER_NEEDED_IND within 60000", "expect VIDEO_FORMAT_IND within 60000")
+        self.is_refused(Run(CLIP, *OPTIONS))
+        self.plays(Run(CLIP, *OPTIONS))
+        main.finish()
+
+    def test_garbage_from_the_main_system_does_no_harm(self):
+        main = MainSystem("expect DECODER_NEEDED_IND within 60000", "garbage 200", "raw 530 size=2147483647 address=8",
+                          "raw 530 size=-1 address=0x20000000", "raw 670", "expect VIDEO_FORMAT_IND within 60000",
+                          "release both", "expect DECODER_RELEASE_RESP 3 within 60000")
+        self.plays(Run(CLIP, *OPTIONS))
+        main.finish()
+
+
+gtest_result.main()

@@ -1,0 +1,158 @@
+#ifndef DECODER_LINK_FIXTURE_H
+#define DECODER_LINK_FIXTURE_H
+
+#include "UvaGstIfLowerLayer.h"
+#include "UvaGstIfReceiver.h"
+#include "UvaGstMsgDestLowerLayer.h"
+#include "messaging/zant_msg.h"
+
+#include <atomic>
+#include <chrono>
+#include <cstring>
+#include <map>
+#include <mutex>
+#include <ostream>
+#include <string>
+#include <utility>
+#include <vector>
+
+/// A clock that stands still until it is set forward.
+class SetClock : public UvaGstIfClock {
+public:
+    Time now() override { return Time(std::chrono::nanoseconds(m_now.load())); }
+    bool waitUntil(ConditionVariable& condition, Mutex& mutex, Time deadline) override
+        REQUIRES(mutex) {
+        if (now() >= deadline)
+            return false;
+        // Looks again soon: setting the clock forward wakes nobody.
+        condition.waitUntil(mutex, std::chrono::steady_clock::now() + std::chrono::milliseconds(1));
+        return now() < deadline;
+    }
+    void advance(std::chrono::nanoseconds by) { m_now += by.count(); }
+
+private:
+    std::atomic<int64_t> m_now{1};
+};
+
+/// Keeps what would go to the main system.
+class RecordingLowerLayer : public CUvaGstIfLowerLayer {
+public:
+    struct Sent {
+        uint32_t signal;
+        int32_t param1;
+        int32_t cookies[2];
+        std::string payload;
+        bool operator==(const Sent& other) const {
+            return signal == other.signal && param1 == other.param1 &&
+                   cookies[0] == other.cookies[0] && cookies[1] == other.cookies[1] &&
+                   payload == other.payload;
+        }
+    };
+
+    RecordingLowerLayer() : CUvaGstIfLowerLayer(m_destination) {}
+
+    int32_t SendCmd(CZantMsg* msg) override {
+        Sent sent{msg->signalId, msg->param1, {msg->responseInfo, msg->responseInfo2}, {}};
+        if (msg->signalPtr)
+            sent.payload.assign(static_cast<char*>(msg->signalPtr),
+                                static_cast<size_t>(msg->signalSize));
+        msg->FreeSignal();
+        const std::lock_guard lock(m_lock);
+        m_sent.push_back(sent);
+        return 0;
+    }
+    std::vector<Sent> take() {
+        const std::lock_guard lock(m_lock);
+        return std::exchange(m_sent, {});
+    }
+
+private:
+    CUvaGstMsgDestLowerLayer m_destination;
+    std::mutex m_lock;
+    std::vector<Sent> m_sent;
+};
+
+inline void PrintTo(const RecordingLowerLayer::Sent& sent, std::ostream* out) {
+    *out << sent.signal << "(" << sent.param1 << ") cookies " << sent.cookies[0] << " "
+         << sent.cookies[1] << " payload of " << sent.payload.size();
+}
+
+/// An application message without a media framework.
+struct FakeMessage {
+    std::string name;
+    std::map<std::string, int> integers;
+    std::map<std::string, UvaGstIfMedia::Fraction> fractions;
+    std::map<std::string, std::string> texts;
+
+    GstMessage* get() { return reinterpret_cast<GstMessage*>(this); }
+};
+
+/// Reads fake messages, keeps what is logged above debugging.
+class FakeMedia : public UvaGstIfMedia {
+public:
+    FakeMedia() { setUvaGstIfMedia(this); }
+    ~FakeMedia() override { setUvaGstIfMedia(nullptr); }
+
+    const char* name(GstMessage* message) override { return of(message).name.c_str(); }
+    int integer(GstMessage* message, const char* field) override {
+        return find(of(message).integers, field);
+    }
+    Fraction fraction(GstMessage* message, const char* field) override {
+        return find(of(message).fractions, field);
+    }
+    const char* text(GstMessage* message, const char* field) override {
+        const auto& texts = of(message).texts;
+        const auto found = texts.find(field);
+        return found == texts.end() ? nullptr : found->second.c_str();
+    }
+    States states(GstElement*) override { return {}; }
+    bool logs(Category, Level) override { return true; }
+    void log(Category, Level level, const char*, const char*, int, const char* line) override {
+        const std::lock_guard lock(m_lock);
+        if (level != Debug)
+            m_lines += std::to_string(level) + " " + line + "\n";
+    }
+    std::string lines() {
+        const std::lock_guard lock(m_lock);
+        return std::exchange(m_lines, {});
+    }
+
+private:
+    static FakeMessage& of(GstMessage* message) { return *reinterpret_cast<FakeMessage*>(message); }
+    template <typename Map>
+    static typename Map::mapped_type find(const Map& map, const char* field) {
+        const auto found = map.find(field);
+        return found == map.end() ? typename Map::mapped_type{} : found->second;
+    }
+
+    std::mutex m_lock;
+    std::string m_lines;
+};
+
+/// A receiver with both of its neighbours in the test's hands.
+struct DecoderLink {
+    FakeMedia media;
+    SetClock clock;
+    RecordingLowerLayer lowerLayer;
+    CUvaGstIfReceiver receiver{lowerLayer, clock};
+
+    void arrives(SignalIds signal, int32_t param1 = 0, int32_t cookie = 0,
+                 const char* text = nullptr, int32_t size = 0) {
+        CZantMsg msg(signal);
+        msg.param1 = param1;
+        msg.responseInfo = cookie;
+        msg.responseInfo2 = -cookie;
+        msg.signalSize = size;
+        if (text) {
+            msg.signalSize = static_cast<int32_t>(strlen(text));
+            msg.signalPtr = memcpy(::operator new(strlen(text) + 1), text, strlen(text));
+        }
+        receiver.ProcessZantMsg(&msg);
+    }
+    void noLongerNeeded(const char* type, const UvaGstIfRequester* requester = nullptr) {
+        FakeMessage message{"GstNoxDecoderNeeded", {}, {}, {{"type", type}}};
+        receiver.handleApplicationMessage(message.get(), requester);
+    }
+};
+
+#endif

@@ -1,0 +1,35 @@
+#include "arbiter.h"
+
+#include <utility>
+
+namespace mainsys {
+
+std::optional<Arbiter::Answer> Arbiter::needed(uint32_t kinds) {
+    if (m_mode == Mode::Ignore) {
+        m_held |= kinds;
+        return std::nullopt;
+    }
+    if (m_mode == Mode::Refuse || !canGrant(kinds))
+        return 0;
+    m_granted |= kinds;
+    return kinds;
+}
+
+std::optional<Arbiter::Answer> Arbiter::answerHeld() {
+    const uint32_t kinds = std::exchange(m_held, 0);
+    return kinds == 0 ? std::nullopt : needed(kinds);
+}
+
+void Arbiter::plugInStarted() {
+    m_granted = 0;
+    m_held = 0;
+}
+
+bool Arbiter::canGrant(uint32_t kinds) const {
+    const bool audio = (kinds & audioKind) == 0 || m_decoders[0] > 0;
+    const bool video = (kinds & videoKind) == 0 || m_decoders[1] > 0;
+    const bool known = kinds != 0 && (kinds & ~(audioKind | videoKind)) == 0;
+    return known && audio && video;
+}
+
+} // namespace mainsys

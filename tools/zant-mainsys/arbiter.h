@@ -1,0 +1,50 @@
+#ifndef MAINSYS_ARBITER_H
+#define MAINSYS_ARBITER_H
+
+#include <cstdint>
+#include <optional>
+
+namespace mainsys {
+
+constexpr uint32_t audioKind = 1;
+constexpr uint32_t videoKind = 2;
+
+/// Who has the decoders, and what a request is answered with. The link serves one plug-in process
+/// at a time and tells it of kinds only: it has one decoder of each kind at most.
+class Arbiter {
+public:
+    enum class Mode { Grant, Refuse, Ignore };
+
+    /// The kinds granted; 0 is a refusal.
+    using Answer = uint32_t;
+
+    Arbiter(int audioDecoders, int videoDecoders) : m_decoders{audioDecoders, videoDecoders} {}
+
+    /// How requests are answered from now on.
+    void setMode(Mode mode) { m_mode = mode; }
+    Mode mode() const { return m_mode; }
+
+    /// The plug-in needs these kinds. Nothing while requests are ignored: then it is held.
+    std::optional<Answer> needed(uint32_t kinds);
+    /// Answers what was held, now that it is not ignored any more.
+    std::optional<Answer> answerHeld();
+    /// Granted without having been asked for.
+    void granted(uint32_t kinds) { m_granted |= kinds; }
+    void released(uint32_t kinds) { m_granted &= ~kinds; }
+    /// The plug-in's process is another one: what its predecessor had is free.
+    void plugInStarted();
+
+    uint32_t granted() const { return m_granted; }
+
+private:
+    bool canGrant(uint32_t kinds) const;
+
+    int m_decoders[2];
+    Mode m_mode = Mode::Grant;
+    uint32_t m_granted = 0;
+    uint32_t m_held = 0;
+};
+
+} // namespace mainsys
+
+#endif

@@ -1,0 +1,21 @@
+#ifndef MAINSYS_DESCRIBE_H
+#define MAINSYS_DESCRIBE_H
+
+#include "link_signal.h"
+
+#include <string>
+
+namespace mainsys {
+
+/// The name of the signal, with its number for those who have none.
+std::string signalName(const ZantMsgBody& body);
+
+/// The parameters that are set and what the payload says, for a line of the log.
+std::string describe(const Signal& signal);
+
+/// What the payload says: a format, a text, a window, or its first bytes. Empty without one.
+std::string describePayload(const Signal& signal);
+
+} // namespace mainsys
+
+#endif

@@ -1,0 +1,92 @@
+#include "options.h"
+
+#include "command.h"
+
+#include <CLI/CLI.hpp>
+
+#include <sstream>
+
+namespace mainsys {
+
+namespace {
+
+constexpr int usageError = 2;
+constexpr int mostDecoders = 16;
+
+constexpr const char* purpose =
+    R"(Plays the television's main system: owns the decoders, and talks to the plug-in over the queues
+/BplayerAppIfUlDestFunc (its own) and /BplayerAppIfLlDestFunc with payloads in shared memory. Prints
+every signal that passes, and obeys commands from standard input or from a scenario file.)";
+
+constexpr const char* examples = R"(
+A line for each signal: seconds since the start, <- from the plug-in or -> to it, number, name, what
+is set of the parameters, sequence number, what the payload says.
+
+Signals are named in full, without SIG_ID_ or SIG_ID_MPLAYER_, or by number. In a scenario each line
+is a command, '#' begins a comment, and commands are obeyed one after the other; 'expect' and 'wait'
+hold those behind them. At the end the program ends.
+
+Examples:
+  tvbox --main-system zant-mainsys uva-host clip.mp4
+      play a clip with a main system that grants what is asked for
+  zant-mainsys --scenario refuse-video.txt --timeline main.json
+      play a scenario; both time lines, this one and uva-host's, load side by side in ui.perfetto.dev
+  printf '%s\n' 'delay 3000' | zant-mainsys
+      be slow
+
+  A scenario:
+      ignore
+      expect DECODER_NEEDED_IND 2 within 10000
+      grant
+      release video
+      expect DECODER_RELEASE_RESP 2 within 5000
+
+Environment:
+  TRID_CPUCOMM_ARENA, TRID_CPUCOMM_SIZE   name and size of the shared memory
+
+Exit codes:
+  0    the scenario held; without one: ended by 'quit', SIGTERM or Ctrl-C
+  1    an expectation failed, or the link or an output file could not be opened
+  2    the command line or a line of the scenario is wrong
+)";
+
+void declare(CLI::App& app, Options& options) {
+    app.add_option("--scenario", options.scenario, "Commands to obey, a line each; then end")
+        ->type_name("FILE")
+        ->check(CLI::ExistingFile);
+    app.add_option("--timeline", options.timeline, "Write the handshake as Chrome trace events")
+        ->type_name("OUT.json");
+    app.add_option("--audio", options.audioDecoders, "Number of audio decoders (1)")
+        ->type_name("N")
+        ->check(CLI::Range(0, mostDecoders));
+    app.add_option("--video", options.videoDecoders, "Number of video decoders (1)")
+        ->type_name("N")
+        ->check(CLI::Range(0, mostDecoders));
+    app.add_flag("--down", options.down, "Begin without a main system, until 'restart'");
+    app.add_flag("--quiet", options.quiet, "Print nothing but failed expectations and errors");
+}
+
+} // namespace
+
+ParsedOptions parseOptions(int argc, const char* const* argv) {
+    Options options;
+    CLI::App app(purpose, "zant-mainsys");
+    app.footer("\nCommands:\n" + commandHelp() + examples);
+    app.get_formatter()->column_width(28);
+    app.set_help_flag("-h,--help", "Print this and exit");
+    declare(app, options);
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& error) {
+        std::ostringstream out;
+        std::ostringstream err;
+        if (app.exit(error, out, err) == 0)
+            return {std::nullopt, 0, out.str()};
+        return {std::nullopt, usageError,
+                "zant-mainsys: " + std::string(error.what()) +
+                    "\nRun 'zant-mainsys --help' for help.\n"};
+    }
+    return {std::move(options), 0, {}};
+}
+
+} // namespace mainsys

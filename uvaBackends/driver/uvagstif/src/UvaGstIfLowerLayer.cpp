@@ -1,0 +1,88 @@
+#include "UvaGstIfLowerLayer.h"
+
+#include "UvaGstIfMedia.h"
+#include "UvaGstMsgDestLowerLayer.h"
+#include "messaging/zant_msg.h"
+
+#include <cstring>
+#include <new>
+
+namespace {
+
+constexpr int nrOfMsgs = 50;
+constexpr const char* ownFunction = "BplayerAppIfLlDestFunc";
+constexpr const char* mainSystemFunction = "BplayerAppIfUlDestFunc";
+
+} // namespace
+
+CUvaGstIfLowerLayer::CUvaGstIfLowerLayer(CUvaGstMsgDestLowerLayer& destination)
+    : m_destination(destination) {}
+
+CUvaGstIfLowerLayer::~CUvaGstIfLowerLayer() {
+    CThreadObjectWithQueue::StopThreadAndWait();
+}
+
+int32_t CUvaGstIfLowerLayer::Init(int receiverQueue, long arg) {
+    int32_t result = 0;
+    if (receiverQueue == 0) {
+        result = CThreadObjectWithQueue::Init("/Q_UVAGST_IF_LL_RECEIVE_", nrOfMsgs, 0, false, true);
+        StartThread("UvaGst_If_Lower_Layer_Receiver", 0, 0);
+        receiverQueue = m_queue.handle;
+    }
+    m_destination.Init(ownFunction, UvaGstIfUlRpcRoutineAsync, CPUID_APPLICATION, receiverQueue,
+                       arg);
+    m_source.Init("/Q_UVAGST_IF_LL_SEND_", nrOfMsgs, CPUID_MAIN, mainSystemFunction);
+    m_source.StartThread("UvaGst_If_Lower_Layer_Sender", 0, 0);
+    return result;
+}
+
+void CUvaGstIfLowerLayer::Term() {
+    m_destination.Term();
+}
+
+int32_t CUvaGstIfLowerLayer::SendCmd(CZantMsg* msg) {
+    const int32_t result = m_source.SendCmd(msg);
+    if (result < 0)
+        UVA_GST_IF_LOG(Backend, Error, "SendCmd() returned %d", result);
+    return result;
+}
+
+void CUvaGstIfLowerLayer::ProcessZantMsg(CZantMsg* msg) {
+    NotifyObserversWithCallbackFunction(msg);
+}
+
+void CUvaGstIfLowerLayer::sendIndicationInt32(SignalIds signal, int value) {
+    CZantMsg msg(signal);
+    msg.param1 = value;
+    SendCmd(&msg);
+}
+
+void CUvaGstIfLowerLayer::sendResponseInt32(SignalIds signal, CZantMsg* request, int value) {
+    CZantMsg msg(signal);
+    msg.param1 = value;
+    if (request) {
+        msg.responseInfo = request->responseInfo;
+        msg.responseInfo2 = request->responseInfo2;
+    }
+    SendCmd(&msg);
+}
+
+void CUvaGstIfLowerLayer::sendIndicationBuffer(SignalIds signal, const unsigned char* data,
+                                               int length) {
+    const auto size = static_cast<size_t>(length);
+    void* const copy =
+        length >= 0 && (data || length == 0) ? ::operator new(size, std::nothrow) : nullptr;
+    if (!copy) {
+        UVA_GST_IF_LOG(Backend, Error, "no payload of %d bytes for %s", length,
+                       GetSignalIdNamePtr(signal));
+        return;
+    }
+    if (length > 0)
+        memcpy(copy, data, size);
+    CZantMsg msg(signal);
+    msg.signalPtr = copy;
+    msg.signalSize = length;
+    SendCmd(&msg);
+}
+
+void UvaGstIfUlRpcRoutineAsync(_tagCPUFuncCallParam*, _tagCPUFuncCallReturn*) {}

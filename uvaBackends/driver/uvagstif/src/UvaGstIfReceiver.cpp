@@ -1,0 +1,336 @@
+#include "UvaGstIfReceiver.h"
+
+#include "UvaGstIfLowerLayer.h"
+#include "UvaGstIfReports.h"
+#include "messaging/zant_msg.h"
+
+#include <chrono>
+#include <cstring>
+#include <string>
+
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr uint32_t audioKind = 1;
+constexpr uint32_t videoKind = 2;
+constexpr uint32_t bothKinds[] = {audioKind, videoKind};
+constexpr auto longestRequest = 5s;
+constexpr auto longestGivingBack = 1s;
+
+/// The kind that a text names, with the prefix before it; 0 for any other text.
+uint32_t kindOf(const char* text, const char* prefix) {
+    const std::string wanted = text ? text : "";
+    if (wanted == std::string(prefix) + "audio")
+        return audioKind;
+    return wanted == std::string(prefix) + "video" ? videoKind : 0;
+}
+
+constexpr size_t ownerIndex(uint32_t kind) {
+    return kind == videoKind ? 1 : 0;
+}
+
+UvaGstIfClock& realClock() {
+    static UvaGstIfClock& clock = *new UvaGstIfClock;
+    return clock;
+}
+
+const char* signalName(const CZantMsg& msg) {
+    return GetSignalIdNamePtr(static_cast<SignalIds>(msg.signalId));
+}
+
+} // namespace
+
+CUvaGstIfReceiver::CUvaGstIfReceiver(CUvaGstIfLowerLayer& lowerLayer)
+    : CUvaGstIfReceiver(lowerLayer, realClock()) {}
+
+CUvaGstIfReceiver::CUvaGstIfReceiver(CUvaGstIfLowerLayer& lowerLayer, UvaGstIfClock& clock)
+    : m_lowerLayer(lowerLayer), m_clock(clock) {}
+
+CUvaGstIfReceiver::~CUvaGstIfReceiver() {
+    CThreadObjectWithQueue::StopThreadAndWait();
+}
+
+int32_t CUvaGstIfReceiver::Init() {
+    return CThreadObjectWithQueue::Init("/Q_UVAGST_IF_REC_", 50, 0, false, true);
+}
+
+void CUvaGstIfReceiver::Term() {
+    {
+        const MutexLock lock(stateMutex);
+        m_terminated = true;
+        stateCond.broadcast();
+    }
+    StopThreadAndWait();
+    CThreadObject::Terminate();
+    CZantMsgQueue::Terminate();
+}
+
+void CUvaGstIfReceiver::connectBackend(UvaGstIfBackend* newBackend) {
+    const MutexLock lock(backendMutex);
+    if ((backend == nullptr) != (newBackend == nullptr))
+        UVA_GST_IF_LOG(BackendIf, Debug, "old = %p, new = %p", static_cast<void*>(backend),
+                       static_cast<void*>(newBackend));
+    backend = newBackend;
+}
+
+void CUvaGstIfReceiver::ProcessZantMsg(CZantMsg* msg) {
+    if (!msg)
+        return;
+    UVA_GST_IF_LOG(BackendIf, Debug, "%s(%d) l=%d", signalName(*msg),
+                   static_cast<int>(msg->signalId), msg->signalSize);
+    switch (msg->signalId) {
+    case SIG_ID_MPLAYER_DECODER_AVAILABLE_IND:
+        processDecoderAvailableInd(*msg);
+        break;
+    case SIG_ID_MPLAYER_DECODER_NOT_AVAILABLE_IND:
+        processDecoderNotAvailableInd();
+        break;
+    case SIG_ID_MPLAYER_DECODER_RELEASE_REQ:
+        processDecoderReleaseReq(*msg);
+        break;
+    case SIG_ID_MPLAYER_CONTROL_REQ:
+        processControlReq(static_cast<const char*>(msg->signalPtr), msg->signalSize);
+        break;
+    default:
+        UVA_GST_IF_LOG(BackendIf, Warning, "unhandled message: %s (%d) l=%d", signalName(*msg),
+                       static_cast<int>(msg->signalId), msg->signalSize);
+        break;
+    }
+    msg->FreeSignal();
+}
+
+int CUvaGstIfReceiver::decoder_request_cb(GstElement*, const char* type, void* receiver) {
+    if (!receiver)
+        return 0;
+    return static_cast<CUvaGstIfReceiver*>(receiver)->requestDecoder(type, nullptr) ? 1 : 0;
+}
+
+bool CUvaGstIfReceiver::requestDecoder(const char* type, UvaGstIfRequester* requester) {
+    const uint32_t kind = kindOf(type, "");
+    if (kind == 0)
+        return false;
+    const MutexLock lock(stateMutex);
+    UVA_GST_IF_LOG(BackendIf, Debug, "decoder_request=%d decoder_available=%d",
+                   static_cast<int>(kind), static_cast<int>(decoder_available));
+    bool granted = !isRefused(kind, requester);
+    if (granted && (decoder_available & kind) == 0) {
+        requestPending = 1;
+        stateCond.broadcast();
+        m_lowerLayer.sendIndicationInt32(SIG_ID_MPLAYER_DECODER_NEEDED_IND, static_cast<int>(kind));
+        granted = waitForKind(kind, requester) && !isRefused(kind, requester);
+    }
+    UVA_GST_IF_LOG(BackendIf, Debug,
+                   "  requested decoder %savailable (decoder_request=%d decoder_available=%d)",
+                   granted ? "" : "not ", static_cast<int>(kind),
+                   static_cast<int>(decoder_available));
+    if (!granted)
+        return false;
+    decoder_used |= kind;
+    m_owners[ownerIndex(kind)] = requester;
+    stateCond.broadcast();
+    return true;
+}
+
+bool CUvaGstIfReceiver::isRefused(uint32_t kind, const UvaGstIfRequester* requester) const {
+    return m_terminated || (requester && requester->m_breakers > 0) ||
+           ownedByAnother(kind, requester);
+}
+
+bool CUvaGstIfReceiver::ownedByAnother(uint32_t kind, const UvaGstIfRequester* requester) const {
+    const UvaGstIfRequester* const owner = m_owners[ownerIndex(kind)];
+    return (decoder_used & kind) != 0 && requester && owner && owner != requester;
+}
+
+bool CUvaGstIfReceiver::waitForKind(uint32_t kind, const UvaGstIfRequester* requester) {
+    const auto deadline = m_clock.now() + longestRequest;
+    const uint32_t refusals = m_refusals;
+    const uint32_t brokenWaits = requester ? requester->m_brokenWaits : 0;
+    bool mayWait = true;
+    ++m_waiting;
+    while (mayWait && (decoder_available & kind) == 0) {
+        const bool isBroken = requester && requester->m_brokenWaits != brokenWaits;
+        const bool isPending = requestPending == 1 && m_refusals == refusals;
+        mayWait = isPending && !isBroken && !m_terminated &&
+                  m_clock.waitUntil(stateCond, stateMutex, deadline);
+    }
+    --m_waiting;
+    return (decoder_available & kind) != 0;
+}
+
+void CUvaGstIfReceiver::breakWaits(UvaGstIfRequester& requester) {
+    const MutexLock lock(stateMutex);
+    ++requester.m_breakers;
+    ++requester.m_brokenWaits;
+    stateCond.broadcast();
+}
+
+void CUvaGstIfReceiver::allowWaits(UvaGstIfRequester& requester) {
+    const MutexLock lock(stateMutex);
+    if (requester.m_breakers > 0)
+        --requester.m_breakers;
+}
+
+void CUvaGstIfReceiver::leave(UvaGstIfRequester& requester) {
+    const MutexLock lock(stateMutex);
+    for (const uint32_t kind : bothKinds) {
+        const bool isOwner = m_owners[ownerIndex(kind)] == &requester;
+        if (isOwner && (decoder_used & kind) != 0)
+            giveBack(kind);
+    }
+    stateCond.broadcast();
+}
+
+CUvaGstIfReceiver::State CUvaGstIfReceiver::state() {
+    const MutexLock lock(stateMutex);
+    return {decoder_release_request, decoder_used, decoder_available, requestPending == 1,
+            m_waiting};
+}
+
+void CUvaGstIfReceiver::processDecoderAvailableInd(const CZantMsg& msg) {
+    const MutexLock lock(stateMutex);
+    UVA_GST_IF_LOG(BackendIf, Debug, "-> available_decoder: '%d'|'%d'\n",
+                   static_cast<int>(decoder_available), msg.param1);
+    decoder_available |= static_cast<uint32_t>(msg.param1);
+    stateCond.broadcast();
+}
+
+void CUvaGstIfReceiver::processDecoderNotAvailableInd() {
+    const MutexLock lock(stateMutex);
+    requestPending = 0;
+    ++m_refusals;
+    stateCond.broadcast();
+}
+
+/// A request that waits for a decoder in use is not lost when another comes: they wait together,
+/// and one answer names the kinds of both.
+void CUvaGstIfReceiver::processDecoderReleaseReq(CZantMsg& msg) {
+    const auto kinds = static_cast<uint32_t>(msg.param1);
+    const MutexLock lock(stateMutex);
+    UVA_GST_IF_LOG(BackendIf, Debug, "-> decoder_release_request='%d' needed='%d' available='%d'",
+                   msg.param1, static_cast<int>(decoder_used), static_cast<int>(decoder_available));
+    if (kinds == 0)
+        return;
+    if ((kinds & decoder_used) != 0) {
+        UVA_GST_IF_LOG(BackendIf, Error, "***E: how to suspend Mediaplayer pipeline here?");
+        decoder_release_request |= kinds;
+    } else {
+        m_lowerLayer.sendResponseInt32(SIG_ID_MPLAYER_DECODER_RELEASE_RESP, &msg, msg.param1);
+        decoder_available &= ~kinds;
+    }
+    stateCond.broadcast();
+}
+
+void CUvaGstIfReceiver::processControlReq(const char* bytes, int length) {
+    if (!bytes || length < 0)
+        return;
+    const std::string commands(bytes, strnlen(bytes, static_cast<size_t>(length)));
+    const MutexLock lock(backendMutex);
+    if (backend)
+        backend->controlCommands(commands.c_str());
+}
+
+void CUvaGstIfReceiver::handleDecoderNeededLocked(const char* type) {
+    UVA_GST_IF_LOG(BackendIf, Debug,
+                   "type='%s' -> decoder_release_request='%d' needed='%d' available='%d'", type,
+                   static_cast<int>(decoder_release_request), static_cast<int>(decoder_used),
+                   static_cast<int>(decoder_available));
+    const uint32_t kind = kindOf(type, "-");
+    decoder_used &= ~kind;
+    if (kind != 0)
+        m_owners[ownerIndex(kind)] = nullptr;
+    const uint32_t kinds = decoder_release_request;
+    if (kinds == 0 || (kinds & decoder_used) != 0)
+        return;
+    m_lowerLayer.sendIndicationInt32(SIG_ID_MPLAYER_DECODER_RELEASE_RESP, static_cast<int>(kinds));
+    decoder_available &= ~kinds;
+    decoder_release_request = 0;
+}
+
+void CUvaGstIfReceiver::giveBack(uint32_t kinds) {
+    if ((kinds & audioKind) != 0)
+        handleDecoderNeededLocked("-audio");
+    if ((kinds & videoKind) != 0)
+        handleDecoderNeededLocked("-video");
+}
+
+void CUvaGstIfReceiver::handleApplicationMessage(GstMessage* message,
+                                                 const UvaGstIfRequester* requester) {
+    UvaGstIfMedia& media = uvaGstIfMedia();
+    const char* const text = message ? media.name(message) : nullptr;
+    if (!text)
+        return;
+    UVA_GST_IF_LOG(BackendIf, Debug, "got application message: %s", text);
+    const std::string structure = text;
+    if (structure == "GstNoxDecoderNeeded")
+        decoderNoLongerNeeded(media.text(message, "type"), requester);
+    else if (structure == "GstNoxVideoFormat")
+        reportVideoFormat(message);
+    else if (structure == "GstNoxAudioFormat")
+        reportAudioFormat(message);
+}
+
+void CUvaGstIfReceiver::decoderNoLongerNeeded(const char* type,
+                                              const UvaGstIfRequester* requester) {
+    if (!type)
+        return;
+    const MutexLock lock(stateMutex);
+    const uint32_t kind = kindOf(type, "-");
+    if (kind != 0 && ownedByAnother(kind, requester))
+        return;
+    handleDecoderNeededLocked(type);
+    stateCond.broadcast();
+}
+
+void CUvaGstIfReceiver::reportVideoFormat(GstMessage* message) {
+    UvaGstIfMedia& media = uvaGstIfMedia();
+    const UvaGstIfVideoFormat format{media.integer(message, "width"),
+                                     media.integer(message, "height"),
+                                     media.integer(message, "disp-width"),
+                                     media.integer(message, "disp-height"),
+                                     media.fraction(message, "display-aspect-ratio"),
+                                     media.fraction(message, "frame-rate")};
+    UVA_GST_IF_LOG(BackendIf, Debug, "  Size_Dec    = %d x %d\n", format.width, format.height);
+    UVA_GST_IF_LOG(BackendIf, Debug, "  Size_Disp   = %d x %d\n", format.displayWidth,
+                   format.displayHeight);
+    UVA_GST_IF_LOG(BackendIf, Debug, "  DAR  = %d/%d\n", format.aspectRatio.numerator,
+                   format.aspectRatio.denominator);
+    UVA_GST_IF_LOG(BackendIf, Debug, "  FR   = %d/%d\n", format.frameRate.numerator,
+                   format.frameRate.denominator);
+    const auto record = videoFormatRecord(format);
+    m_lowerLayer.sendIndicationBuffer(SIG_ID_MPLAYER_VIDEO_FORMAT_IND, record.data(),
+                                      static_cast<int>(record.size()));
+}
+
+void CUvaGstIfReceiver::reportAudioFormat(GstMessage* message) {
+    const char* const codec = uvaGstIfMedia().text(message, "codec");
+    if (!codec)
+        return;
+    const std::string text = mediaInfoText(codec);
+    m_lowerLayer.sendIndicationBuffer(SIG_ID_MPLAYER_MEDIA_INFO_IND,
+                                      reinterpret_cast<const unsigned char*>(text.c_str()),
+                                      static_cast<int>(text.size()) + 1);
+}
+
+void CUvaGstIfReceiver::waitForDecoderAvailable(GstElement* pipeline, const char* from) {
+    UvaGstIfMedia& media = uvaGstIfMedia();
+    UvaGstIfMedia::States states = media.states(pipeline);
+    MutexLock lock(stateMutex);
+    UVA_GST_IF_LOG(BackendIf, Debug, "from '%s': pipeline state=%d pending=%d decoder_used=%d",
+                   from ? from : "", states.current, states.pending,
+                   static_cast<int>(decoder_used));
+    while (decoder_used != 0) {
+        // A state change may wait for a thread that asks here: so not under the lock.
+        lock.unlock();
+        states = media.states(pipeline);
+        lock.lock();
+        UVA_GST_IF_LOG(BackendIf, Debug, " loop: state=%d pending=%d decoder_used=%d\n",
+                       states.current, states.pending, static_cast<int>(decoder_used));
+        const auto deadline = m_clock.now() + longestGivingBack;
+        while (decoder_used != 0 && !m_terminated &&
+               m_clock.waitUntil(stateCond, stateMutex, deadline)) {
+        }
+        giveBack(decoder_used);
+        stateCond.broadcast();
+    }
+}

@@ -1,0 +1,125 @@
+#ifndef UVA_GST_IF_RECEIVER_H
+#define UVA_GST_IF_RECEIVER_H
+
+#include "UvaGstIfBackend.h"
+#include "UvaGstIfClock.h"
+#include "UvaGstIfMedia.h"
+#include "UvaGstIfRequester.h"
+#include "messaging/thread_object_with_queue_rpc.h"
+#include "util/mutex.h"
+
+#include <cstdint>
+
+class CUvaGstIfLowerLayer;
+
+/// This process's side of the arbitration of the set's decoders, which belong to the main system: a
+/// thread that handles what the main system says, and the operations of those who want a decoder,
+/// wait for one or give one back. Thread-safe.
+///
+/// Decoder kinds are bits of a mask: 1 audio, 2 video. The link knows a kind as granted or not; it
+/// cannot tell two decoders of a kind apart, so one process uses one of each at most.
+///
+/// A wait for a decoder takes 5 seconds at most. It ends at once by a refusal, by breakWaits of its
+/// requester, and by Term.
+class CUvaGstIfReceiver : public CThreadObjectWithQueueRpc {
+public:
+    explicit CUvaGstIfReceiver(CUvaGstIfLowerLayer& lowerLayer);
+    CUvaGstIfReceiver(CUvaGstIfLowerLayer& lowerLayer, UvaGstIfClock& clock);
+    ~CUvaGstIfReceiver() override;
+
+    /// Opens the queue; see CThreadObjectWithQueue::Init for the codes. The thread is then started
+    /// with StartThread.
+    int32_t Init();
+    /// The queue that the lower layer delivers to, valid after Init.
+    int queueHandle() const { return m_queue.handle; }
+    /// Ends all waits and the thread, and freezes the lists of threads and queues. Requests are
+    /// refused from then on.
+    void Term();
+
+    /// Sets the backend that control requests go to; null for none. Waits while a control request
+    /// is being handed over: the former backend is not called afterwards.
+    void connectBackend(UvaGstIfBackend* newBackend) EXCLUDES(backendMutex);
+
+    void ProcessZantMsg(CZantMsg* msg) override;
+
+    /// As requestDecoder for nobody in particular; `receiver` is a CUvaGstIfReceiver. The answer is
+    /// the element's: 1 or 0.
+    static int decoder_request_cb(GstElement* element, const char* type, void* receiver);
+
+    /// Asks for the decoder of a type, "audio" or "video", and waits for the answer. True when it
+    /// may be used, at once if the main system has granted it before. Refuses a type that the
+    /// process already uses for another requester. Called by streaming threads, with no lock of the
+    /// caller's that its tear-down wants.
+    bool requestDecoder(const char* type, UvaGstIfRequester* requester) EXCLUDES(stateMutex);
+
+    /// Ends the requester's waits and refuses its requests, until allowWaits was called as often.
+    void breakWaits(UvaGstIfRequester& requester) EXCLUDES(stateMutex);
+    void allowWaits(UvaGstIfRequester& requester) EXCLUDES(stateMutex);
+    /// Gives back what the requester still uses, because its pipeline is gone.
+    void leave(UvaGstIfRequester& requester) EXCLUDES(stateMutex);
+
+    /// Reads an application message of the pipeline's bus: "GstNoxDecoderNeeded" gives a decoder
+    /// back (of the requester only, if one is named), "GstNoxVideoFormat" and "GstNoxAudioFormat"
+    /// are reported to the main system. Never waits.
+    void handleApplicationMessage(GstMessage* message, const UvaGstIfRequester* requester = nullptr)
+        EXCLUDES(stateMutex);
+
+    /// Waits until no decoder is in use, whoever uses it; after about a second what is left is
+    /// given back all the same. For the owner of a pipeline that is about to go; `from` is for the
+    /// log.
+    void waitForDecoderAvailable(GstElement* pipeline, const char* from) EXCLUDES(stateMutex);
+
+    /// How things stand.
+    struct State {
+        uint32_t releaseRequest;
+        uint32_t used;
+        uint32_t available;
+        bool requestPending;
+        int waiting; ///< threads that wait for an answer
+    };
+    State state() EXCLUDES(stateMutex);
+
+private:
+    bool isRefused(uint32_t kind, const UvaGstIfRequester* requester) const REQUIRES(stateMutex);
+    bool waitForKind(uint32_t kind, const UvaGstIfRequester* requester) REQUIRES(stateMutex);
+    void handleDecoderNeededLocked(const char* type) REQUIRES(stateMutex);
+    void giveBack(uint32_t kinds) REQUIRES(stateMutex);
+    bool ownedByAnother(uint32_t kind, const UvaGstIfRequester* requester) const
+        REQUIRES(stateMutex);
+    void decoderNoLongerNeeded(const char* type, const UvaGstIfRequester* requester);
+    void reportVideoFormat(GstMessage* message);
+    void reportAudioFormat(GstMessage* message);
+    void processDecoderAvailableInd(const CZantMsg& msg);
+    void processDecoderNotAvailableInd();
+    void processDecoderReleaseReq(CZantMsg& msg);
+    void processControlReq(const char* bytes, int length);
+
+    /// Kinds that the main system has asked back and not been answered.
+    uint32_t decoder_release_request GUARDED_BY(stateMutex) = 0;
+    uint32_t decoder_used GUARDED_BY(stateMutex) = 0;
+    uint32_t decoder_available GUARDED_BY(stateMutex) = 0;
+    /// 1 from a request to its refusal. A grant leaves it, and so does a time-out.
+    int32_t requestPending GUARDED_BY(stateMutex) = 0;
+    /// Guards how decoders stand. Held while messages are queued for the main system and lines are
+    /// logged, which waits for nobody; no other lock of the link is taken under it.
+    Mutex stateMutex;
+    /// Told of every change.
+    ConditionVariable stateCond;
+    UvaGstIfBackend* backend GUARDED_BY(backendMutex) = nullptr;
+    /// Guards `backend`, and is held while that one is called. Never together with the other.
+    Mutex backendMutex;
+
+    CUvaGstIfLowerLayer& m_lowerLayer;
+    UvaGstIfClock& m_clock;
+    /// Who uses audio, and video; null for nobody in particular.
+    const UvaGstIfRequester* m_owners[2] GUARDED_BY(stateMutex) = {};
+    /// Refusals ever: one that comes just before somebody else's request counts all the same.
+    uint32_t m_refusals GUARDED_BY(stateMutex) = 0;
+    int m_waiting GUARDED_BY(stateMutex) = 0;
+    bool m_terminated GUARDED_BY(stateMutex) = false;
+};
+
+/// The one of the process. Never destroyed.
+extern CUvaGstIfReceiver& uvaGstIfReceiver;
+
+#endif

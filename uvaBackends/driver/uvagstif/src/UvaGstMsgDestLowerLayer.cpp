@@ -1,0 +1,5 @@
+#include "UvaGstMsgDestLowerLayer.h"
+
+CUvaGstMsgDestLowerLayer::~CUvaGstMsgDestLowerLayer() {
+    CThreadObjectWithQueue::StopThreadAndWait();
+}
