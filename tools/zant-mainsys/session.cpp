@@ -377,9 +377,10 @@ void Session::log(const char* direction, const Signal& signal) const {
                              signalName(signal.body) + describe(signal));
 }
 
-bool Session::writeTimeline() const {
+bool Session::writeTimeline() {
     if (m_options.timeline.empty())
         return true;
+    m_timeline.endSpans(Clock::now());
     const std::string failure = uvahost::writeFile(m_options.timeline, m_timeline.text());
     if (failure.empty())
         return true;

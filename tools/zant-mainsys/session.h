@@ -63,7 +63,7 @@ private:
     void sendGarbage(uint32_t count);
     void log(Clock::time_point time, const std::string& text) const;
     void log(const char* direction, const Signal& signal) const;
-    bool writeTimeline() const;
+    bool writeTimeline();
 
     Options m_options;
     const Clock::time_point m_start = Clock::now();

@@ -1,0 +1,286 @@
+// What the link to the main system costs, against the bare system calls between two processes: from
+// a request for a decoder to its grant, and a payload on its way. Both sides of a ratio run in
+// turns; the medians are compared. All threads share a processor. Prints JSON.
+//
+// Usage: link_bench, in a box (tvbox), as the link's queues have fixed names
+
+#include "UvaGstIfLowerLayer.h"
+#include "UvaGstIfReceiver.h"
+#include "cpucomm/trid_cpucomm.h"
+#include "messaging/rpc_sequence.h"
+#include "messaging/zant_msg_body.h"
+
+#include <algorithm>
+#include <array>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <functional>
+#include <mqueue.h>
+#include <poll.h>
+#include <sched.h>
+#include <string>
+#include <sys/mman.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <thread>
+#include <unistd.h>
+#include <vector>
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+constexpr int turns = 501;
+constexpr int exchangesEach = 10;
+constexpr int videoDecoder = 2;
+constexpr size_t largestPayload = 64 * 1024;
+
+// What the parent asks of the main system besides the link's own signals.
+constexpr SignalIds askBack = SIG_ID_MPLAYER_MEDIA_INFO_IND;
+constexpr uint32_t bareExchange = 1;
+constexpr uint32_t barePayload = 2;
+constexpr uint32_t quit = 3;
+
+// The bare side's queues; those after the answers are the stations of the long way round.
+enum BareQueue : int { Requests, Answers, Outbound, Inbound, Received, NrOfBareQueues };
+std::array<mqd_t, NrOfBareQueues> bare{};
+unsigned char* sharedBytes = nullptr; // the bare side's payload
+
+[[noreturn]] void fail(const char* what) {
+    perror(what);
+    exit(1);
+}
+
+mqd_t openQueue(const std::string& name, int capacity) {
+    mq_attr attributes{};
+    attributes.mq_maxmsg = capacity;
+    attributes.mq_msgsize = sizeof(ZantMsgBody);
+    mq_unlink(name.c_str());
+    const mqd_t queue = mq_open(name.c_str(), O_RDWR | O_CREAT | O_NONBLOCK, 0600, &attributes);
+    if (queue < 0)
+        fail("link_bench: no queue; run it as: tvbox --require link_bench");
+    return queue;
+}
+
+void send(mqd_t queue, const ZantMsgBody& body) {
+    if (mq_send(queue, reinterpret_cast<const char*>(&body), sizeof body, 0) != 0)
+        fail("mq_send");
+}
+
+ZantMsgBody receive(mqd_t queue) {
+    ZantMsgBody body{};
+    pollfd readable{queue, POLLIN, 0};
+    while (mq_receive(queue, reinterpret_cast<char*>(&body), sizeof body, nullptr) < 0)
+        poll(&readable, 1, -1);
+    return body;
+}
+
+/// The other process: the least that a main system can be.
+class MainSystem {
+public:
+    void run() {
+        pollfd readable[] = {{m_link, POLLIN, 0}, {bare[Requests], POLLIN, 0}};
+        for (;;) {
+            poll(readable, 2, -1);
+            if ((readable[0].revents & POLLIN) != 0)
+                handleLink(receive(m_link));
+            if ((readable[1].revents & POLLIN) != 0)
+                handleBare(receive(bare[Requests]));
+        }
+    }
+
+private:
+    void handleLink(const ZantMsgBody& body) {
+        if (body.signalId == SIG_ID_MPLAYER_DECODER_NEEDED_IND)
+            say(SIG_ID_MPLAYER_DECODER_AVAILABLE_IND, body.param1);
+        else if (body.signalId == askBack)
+            say(SIG_ID_MPLAYER_DECODER_RELEASE_REQ, videoDecoder);
+        else if (body.signalSize > 0)
+            takePayload(body);
+    }
+
+    void takePayload(const ZantMsgBody& body) {
+        void* const block = Trid_Util_CPUComm_Convert2VirtualAddr(body.signalPtr);
+        std::memcpy(m_copy.data(), block, static_cast<size_t>(body.signalSize));
+        Trid_Util_CPUComm_Free(block);
+        send(bare[Answers], body);
+    }
+
+    void handleBare(const ZantMsgBody& body) {
+        if (body.signalId == quit)
+            _exit(0);
+        if (body.signalId == barePayload)
+            std::memcpy(m_copy.data(), sharedBytes, static_cast<size_t>(body.signalSize));
+        send(bare[static_cast<size_t>(body.param1)], body);
+    }
+
+    void say(SignalIds signal, int kinds) {
+        if (m_plugIn < 0)
+            m_plugIn = mq_open("/BplayerAppIfLlDestFunc", O_WRONLY);
+        ZantMsgBody body{};
+        body.signalId = signal;
+        body.param1 = kinds;
+        body.rpcControl = rpc_sequence::stamp(0, m_sequence);
+        m_sequence = rpc_sequence::next(m_sequence);
+        send(m_plugIn, body);
+    }
+
+    const mqd_t m_link = openQueue("/BplayerAppIfUlDestFunc", 50);
+    mqd_t m_plugIn = -1;
+    uint32_t m_sequence = 1;
+    std::array<char, largestPayload> m_copy{};
+};
+
+double quantile(std::vector<double> values, double which) {
+    const auto at = static_cast<size_t>(which * static_cast<double>(values.size() - 1));
+    std::nth_element(values.begin(), values.begin() + static_cast<long>(at), values.end());
+    return values[at];
+}
+
+double microseconds(const std::function<void()>& what) {
+    const auto start = Clock::now();
+    what();
+    return std::chrono::duration<double, std::micro>(Clock::now() - start).count();
+}
+
+/// Asks, is granted, and in time that does not count gives the decoder back.
+double requestToGrant() {
+    UvaGstIfRequester requester;
+    const double took = microseconds([&] {
+        if (!uvaGstIfReceiver.requestDecoder("video", &requester))
+            fail("no grant");
+    });
+    uvaGstIfReceiver.leave(requester);
+    uvaGstIfLowerLayer.sendIndicationInt32(askBack, 0);
+    while (uvaGstIfReceiver.state().available != 0)
+        sched_yield();
+    return took;
+}
+
+/// A request that the other process answers into one of the bare queues.
+ZantMsgBody bareRequest(uint32_t what, BareQueue answers) {
+    ZantMsgBody body{};
+    body.signalId = what;
+    body.param1 = answers;
+    return body;
+}
+
+double directExchange() {
+    return microseconds([] {
+        send(bare[Requests], bareRequest(bareExchange, Answers));
+        receive(bare[Answers]);
+    });
+}
+
+/// As many threads as the link has: its sender, its destination, the receiver.
+double exchangeThroughThreads() {
+    return microseconds([] {
+        send(bare[Outbound], bareRequest(bareExchange, Inbound));
+        receive(bare[Answers]);
+    });
+}
+
+void relay(BareQueue from, BareQueue to) {
+    std::thread([from, to] {
+        for (;;)
+            send(bare[static_cast<size_t>(to)], receive(bare[static_cast<size_t>(from)]));
+    }).detach();
+}
+
+double payloadOverLink(const std::vector<unsigned char>& bytes) {
+    return microseconds([&] {
+        uvaGstIfLowerLayer.sendIndicationBuffer(SIG_ID_MPLAYER_VIDEO_FORMAT_IND, bytes.data(),
+                                                static_cast<int>(bytes.size()));
+        receive(bare[Answers]);
+    });
+}
+
+double payloadBare(const std::vector<unsigned char>& bytes) {
+    return microseconds([&] {
+        std::memcpy(sharedBytes, bytes.data(), bytes.size());
+        ZantMsgBody body = bareRequest(barePayload, Answers);
+        body.signalSize = static_cast<int32_t>(bytes.size());
+        send(bare[Requests], body);
+        receive(bare[Answers]);
+    });
+}
+
+/// Medians of all sides, measured in turns.
+std::vector<double> interleave(const std::vector<std::function<double()>>& sides) {
+    std::vector<std::vector<double>> each(sides.size());
+    for (int turn = 0; turn < turns; ++turn)
+        for (size_t side = 0; side < sides.size(); ++side) {
+            double sum = 0;
+            for (int i = 0; i < exchangesEach; ++i)
+                sum += sides[side]();
+            each[side].push_back(sum / exchangesEach);
+        }
+    std::vector<double> medians;
+    for (const auto& values : each)
+        medians.push_back(quantile(values, 0.5));
+    return medians;
+}
+
+void stayOnOneProcessor() {
+    cpu_set_t one;
+    CPU_ZERO(&one);
+    CPU_SET(static_cast<size_t>(sched_getcpu()), &one);
+    if (sched_setaffinity(0, sizeof one, &one) != 0)
+        fail("sched_setaffinity");
+}
+
+void measure() {
+    uvaGstIfReceiver.Init();
+    uvaGstIfReceiver.StartThread("uvagst_if_receiver", 0, 0);
+    uvaGstIfLowerLayer.Init(uvaGstIfReceiver.queueHandle(), 0);
+    relay(Outbound, Requests);
+    relay(Inbound, Received);
+    relay(Received, Answers);
+
+    const auto grant = interleave({requestToGrant, directExchange, exchangeThroughThreads});
+    printf("{\"grant\": {\"ours\": %.2f, \"direct\": %.2f, \"threads\": %.2f},\n \"payload\": [",
+           grant[0], grant[1], grant[2]);
+    const char* separator = "";
+    for (const size_t size : {size_t{22}, largestPayload}) {
+        const std::vector<unsigned char> bytes(size, 0x5a);
+        const auto payload = interleave(
+            {[&] { return payloadOverLink(bytes); }, [&] { return payloadBare(bytes); }});
+        printf("%s{\"bytes\": %zu, \"ours\": %.2f, \"bare\": %.2f}", separator, size, payload[0],
+               payload[1]);
+        separator = ", ";
+    }
+    printf("]}\n");
+    fflush(stdout);
+}
+
+} // namespace
+
+int main() {
+    const rlimit unlimited{RLIM_INFINITY, RLIM_INFINITY};
+    setrlimit(RLIMIT_MSGQUEUE, &unlimited);
+    stayOnOneProcessor();
+    for (int i = 0; i < NrOfBareQueues; ++i)
+        bare[static_cast<size_t>(i)] = openQueue("/link_bench_" + std::to_string(i), 10);
+    sharedBytes = static_cast<unsigned char*>(
+        mmap(nullptr, largestPayload, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+    if (sharedBytes == MAP_FAILED || Trid_Util_CPUComm_Init(0) != 0)
+        fail("shared memory");
+    Trid_Util_CPUComm_Ready();
+    const pid_t child = fork();
+    if (child < 0)
+        fail("fork");
+    if (child == 0) {
+        MainSystem().run();
+        _exit(0);
+    }
+    measure();
+    send(bare[Requests], bareRequest(quit, Answers));
+    waitpid(child, nullptr, 0);
+    uvaGstIfLowerLayer.Term();
+    uvaGstIfReceiver.Term();
+    Trid_Util_CPUComm_DeInit();
+    return 0;
+}
