@@ -131,7 +131,7 @@ private:
         });
     }
     bool control(const std::string& text) {
-        return support::waitUntil([&] { return m_backend.heard(text); });
+        return support::waitUntil([&] { return m_backend.heard(text); }, 60s);
     }
     bool reports(const std::string&) {
         Message video{"GstNoxVideoFormat", {}};
