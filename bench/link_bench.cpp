@@ -6,11 +6,11 @@
 
 #include "UvaGstIfLowerLayer.h"
 #include "UvaGstIfReceiver.h"
+#include "bench_support.h"
 #include "cpucomm/trid_cpucomm.h"
 #include "messaging/rpc_sequence.h"
 #include "messaging/zant_msg_body.h"
 
-#include <algorithm>
 #include <array>
 #include <chrono>
 #include <cstdio>
@@ -134,12 +134,6 @@ private:
     std::array<char, largestPayload> m_copy{};
 };
 
-double quantile(std::vector<double> values, double which) {
-    const auto at = static_cast<size_t>(which * static_cast<double>(values.size() - 1));
-    std::nth_element(values.begin(), values.begin() + static_cast<long>(at), values.end());
-    return values[at];
-}
-
 double microseconds(const std::function<void()>& what) {
     const auto start = Clock::now();
     what();
@@ -220,16 +214,8 @@ std::vector<double> interleave(const std::vector<std::function<double()>>& sides
         }
     std::vector<double> medians;
     for (const auto& values : each)
-        medians.push_back(quantile(values, 0.5));
+        medians.push_back(bench::quantile(values, 0.5));
     return medians;
-}
-
-void stayOnOneProcessor() {
-    cpu_set_t one;
-    CPU_ZERO(&one);
-    CPU_SET(static_cast<size_t>(sched_getcpu()), &one);
-    if (sched_setaffinity(0, sizeof one, &one) != 0)
-        fail("sched_setaffinity");
 }
 
 void measure() {
@@ -261,7 +247,7 @@ void measure() {
 int main() {
     const rlimit unlimited{RLIM_INFINITY, RLIM_INFINITY};
     setrlimit(RLIMIT_MSGQUEUE, &unlimited);
-    stayOnOneProcessor();
+    bench::stayOn(static_cast<size_t>(sched_getcpu()));
     for (int i = 0; i < NrOfBareQueues; ++i)
         bare[static_cast<size_t>(i)] = openQueue("/link_bench_" + std::to_string(i), 10);
     sharedBytes = static_cast<unsigned char*>(

@@ -1,6 +1,7 @@
 // What the framework's messages cost, against the bare system calls. Both sides of a ratio run in
 // one process, in turns, many times; the medians are compared. Prints JSON.
 
+#include "bench_support.h"
 #include "debug/zant_trace_core.h"
 #include "messaging/observable_callback_queue.h"
 #include "messaging/thread_object_with_queue.h"
@@ -23,6 +24,8 @@
 
 namespace {
 
+using bench::quantile;
+using bench::stayOn;
 using Clock = std::chrono::steady_clock;
 
 // Many short turns: on a busy machine most of them are still left alone by other programs.
@@ -31,12 +34,6 @@ constexpr unsigned long pingSignal = 517;
 
 double nanoseconds(Clock::duration duration) {
     return std::chrono::duration<double, std::nano>(duration).count();
-}
-
-double quantile(std::vector<double> values, double which) {
-    const auto at = static_cast<size_t>(which * static_cast<double>(values.size() - 1));
-    std::nth_element(values.begin(), values.begin() + static_cast<long>(at), values.end());
-    return values[at];
 }
 
 double nanosecondsEach(int count, const std::function<void()>& what) {
@@ -93,17 +90,6 @@ void bareReceive(int handle, char* body) {
     FD_SET(handle, &readable);
     select(handle + 1, &readable, nullptr, nullptr, nullptr);
     mq_receive(handle, body, 48, nullptr);
-}
-
-/// Puts this thread, and those that it starts from now on, onto one processor.
-void stayOn(size_t processor) {
-    cpu_set_t one;
-    CPU_ZERO(&one);
-    CPU_SET(processor, &one);
-    if (sched_setaffinity(0, sizeof one, &one) != 0) {
-        perror("sched_setaffinity");
-        exit(1);
-    }
 }
 
 /// The processors that this program may use.
@@ -256,7 +242,8 @@ int main() {
     std::thread([&usable] { // its processor is its own
         roundTrip("round_trip", usable.front(), usable.front());
         roundTrip("round_trip_two_processors", usable.front(), usable.back());
-    }).join();
+    })
+        .join();
     sameThread();
     observers();
     manySenders();
