@@ -1,0 +1,69 @@
+#ifndef HOST_CLEAR_KEY_H
+#define HOST_CLEAR_KEY_H
+
+#include "host/sample_stream.h"
+#include "uva/uva_drm_backend.h"
+
+#include <array>
+#include <cstdint>
+#include <memory>
+#include <string>
+
+namespace host {
+
+/// Identifier of the key system, as setKeySystem() takes it.
+inline constexpr const char* clearKeySystem = "org.w3.clearkey";
+
+/// 128 bits: a key id or a key.
+using KeyBytes = std::array<std::uint8_t, 16>;
+
+struct KeyPair {
+    KeyBytes id;
+    KeyBytes key;
+};
+
+/// "KID:KEY", 32 hexadecimal digits each; dashes, as in a UUID, may stand in the id. False when the
+/// text is anything else.
+bool parseKey(const std::string& text, KeyPair& pair);
+
+/// 32 hexadecimal digits.
+std::string hexText(const KeyBytes& bytes);
+
+/// Content protection with keys that are simply known: "cenc" (AES-CTR) and "cbcs" (AES-CBC with a
+/// pattern), ISO/IEC 23001-7. Key ids are those of keyReference(). Nothing blocks: a decrypter
+/// whose key is not there is refused. Thread-safe.
+class ClearKey final : public UVADRMBackend {
+public:
+    /// Which decrypter interface backends find.
+    enum class Interface { PerRange, FullSample };
+
+    explicit ClearKey(Interface interface);
+    ~ClearKey() override;
+
+    void addKey(const KeyPair& pair); ///< replaces one of the same id for decrypters made later
+    bool hasKey(const KeyBytes& id) const;
+
+    int createDecrypter(UVADRMDecrypter*& decrypter, const std::uint8_t* keyId,
+                        std::size_t keyIdSize, std::uint64_t value) override;
+    void releaseDecrypter(UVADRMDecrypter* decrypter) override;
+    void* getInterface(const char* name) override;
+
+    /// Decrypters made and given back, since the beginning: whoever is done has as many of each.
+    unsigned int created() const;
+    unsigned int released() const;
+
+private:
+    struct State;
+    const std::unique_ptr<State> m_state;
+};
+
+/// The samples of a clear stream, encrypted on their way: so any codec can be tried protected. The
+/// headers of H.264 and H.265 NAL units, and of video frames of other codecs what a parser needs,
+/// stay clear; audio is encrypted as a whole. Encrypted ones pass as they are. The payload is
+/// copied.
+std::unique_ptr<SampleStream> protect(std::unique_ptr<SampleStream> clear,
+                                      Protection::Scheme scheme, const KeyPair& key);
+
+} // namespace host
+
+#endif

@@ -1,0 +1,80 @@
+#ifndef HOST_SAMPLE_H
+#define HOST_SAMPLE_H
+
+#include "uva/uva_sample.h"
+
+#include <cstdint>
+#include <memory>
+#include <vector>
+
+namespace host {
+
+/// How a sample is encrypted (ISO/IEC 23001-7). A plain value.
+struct Protection {
+    enum class Scheme {
+        None, ///< clear
+        Cenc, ///< AES-CTR
+        Cbcs, ///< AES-CBC, with a pattern when the two counts below are not 0
+    };
+
+    Scheme scheme = Scheme::None;
+    std::vector<std::uint8_t> keyId; ///< 16 bytes
+    std::vector<std::uint8_t> iv;    ///< Cenc: 8 or 16 bytes; Cbcs: 16, constant
+    unsigned int cryptByteBlock = 0; ///< 16-byte blocks encrypted, then skipped, in turn
+    unsigned int skipByteBlock = 0;
+    std::vector<UVASample::Subsample> subsamples; ///< empty: the sample is encrypted as a whole
+};
+
+/// One access unit and what belongs to it.
+struct SampleData {
+    std::shared_ptr<const std::uint8_t> payload; ///< may share its owner with more than these bytes
+    std::size_t size = 0;                        ///< bytes
+    double pts = -1;                             ///< seconds; negative: unknown
+    double dts = -1;
+    double duration = -1;
+    bool keyFrame = false; ///< decoding can start here
+    std::shared_ptr<const UVAStreamConfig> config;
+    Protection protection;
+};
+
+/// A sample as the backend takes it. Immutable; any thread.
+class Sample final : public UVASample {
+public:
+    explicit Sample(SampleData data);
+    ~Sample() override;
+
+    const SampleData& data() const { return m_data; }
+
+    const std::uint8_t* payload() const override { return m_data.payload.get(); }
+    std::size_t payloadSize() const override { return m_data.size; }
+    double pts() const override { return m_data.pts; }
+    double dts() const override { return m_data.dts; }
+    double duration() const override { return m_data.duration; }
+    const UVAStreamConfig* config() const override { return m_data.config.get(); }
+
+    /// What names the key, and how it is used, to the host's own content protection: see
+    /// keyReference(). Null when the sample is clear.
+    const std::uint8_t* keyId() const override;
+    std::size_t keyIdSize() const override { return m_keyReference.size(); }
+    const std::uint8_t* iv() const override { return m_data.protection.iv.data(); }
+    std::size_t ivSize() const override { return m_data.protection.iv.size(); }
+    unsigned int cryptByteBlock() const override { return m_data.protection.cryptByteBlock; }
+    unsigned int skipByteBlock() const override { return m_data.protection.skipByteBlock; }
+    /// A sample that is encrypted as a whole answers one entry with all of its bytes.
+    const std::vector<Subsample>& subsamples() const override { return m_subsamples; }
+
+private:
+    const SampleData m_data;
+    const std::vector<std::uint8_t> m_keyReference;
+    const std::vector<Subsample> m_subsamples;
+};
+
+/// The name that a backend hands from a sample to the host's content protection, which makes the
+/// decrypter. A decrypter sees ranges but neither scheme nor pattern, and one key may serve tracks
+/// with different ones: so they are part of the name. The 16 bytes of the key id, and for Cbcs the
+/// two pattern counts behind them, a byte each. Empty for a clear sample.
+std::vector<std::uint8_t> keyReference(const Protection& protection);
+
+} // namespace host
+
+#endif
