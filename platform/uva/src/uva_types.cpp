@@ -5,6 +5,24 @@
 #include "uva/uva_time.h"
 
 #include <chrono>
+#include <map>
+#include <mutex>
+#include <string>
+
+namespace {
+
+/// Content-protection systems by the identifier of their key system. Outlives every host thread.
+struct DrmBackends {
+    std::mutex mutex; // guards the map; leaf
+    std::map<std::string, UVADRMBackend*> byKeySystem;
+
+    static DrmBackends& instance() {
+        static DrmBackends& backends = *new DrmBackends;
+        return backends;
+    }
+};
+
+} // namespace
 
 UVAClient::~UVAClient() = default;
 UVAStreamConfig::~UVAStreamConfig() = default;
@@ -21,4 +39,24 @@ const char* const UVADRMFullSampleDecrypter::interfaceName = "org.uva.drm.full-s
 double UVATime::Timestamp() {
     const auto now = std::chrono::steady_clock::now().time_since_epoch();
     return std::chrono::duration<double>(now).count();
+}
+
+void UVA_OfferDRMBackend(const char* keySystemId, UVADRMBackend* backend) {
+    if (keySystemId == nullptr)
+        return;
+    auto& backends = DrmBackends::instance();
+    const std::lock_guard lock(backends.mutex);
+    if (backend != nullptr)
+        backends.byKeySystem[keySystemId] = backend;
+    else
+        backends.byKeySystem.erase(keySystemId);
+}
+
+UVADRMBackend* UVA_FindDRMBackend(const char* keySystemId) {
+    if (keySystemId == nullptr)
+        return nullptr;
+    auto& backends = DrmBackends::instance();
+    const std::lock_guard lock(backends.mutex);
+    const auto found = backends.byKeySystem.find(keySystemId);
+    return found != backends.byKeySystem.end() ? found->second : nullptr;
 }

@@ -44,7 +44,8 @@ private:
     explicit GstPtr(T* object) : m_object(object) {}
 
     static constexpr bool isMini = std::is_same_v<T, GstCaps> || std::is_same_v<T, GstBuffer> ||
-                                   std::is_same_v<T, GstEvent> || std::is_same_v<T, GstMessage>;
+                                   std::is_same_v<T, GstEvent> || std::is_same_v<T, GstMessage> ||
+                                   std::is_same_v<T, GstMiniObject>;
     static bool isFloating(T* object) {
         if constexpr (isMini)
             return false;

@@ -3,7 +3,9 @@
 #include "UvaGstIfLowerLayer.h"
 #include "UvaGstIfReceiver.h"
 #include "gstnox_avcomponent.h"
+#include "gstnox_msebin.h"
 #include "gstnox_plugin.h"
+#include "uva/uva_drm_backend.h"
 #include "uva/uva_event.h"
 
 #include <algorithm>
@@ -47,20 +49,75 @@ std::array<unsigned char, 8> windowRequest(const UVABackend::Rect& window, doubl
 
 } // namespace
 
+/// The backends of the process, for the shell. It outlives them all.
+class GstNoxBackend::Registry {
+public:
+    static Registry& instance() {
+        static Registry& registry = *new Registry;
+        return registry;
+    }
+    void add(GstNoxBackend& backend) {
+        const GLibLock lock(m_lock);
+        m_backends.push_back(&backend);
+    }
+    /// Waits while the backend is being described.
+    void remove(GstNoxBackend& backend) {
+        const GLibLock lock(m_lock);
+        m_backends.erase(std::find(m_backends.begin(), m_backends.end(), &backend));
+    }
+    std::string describe() {
+        const GLibLock lock(m_lock);
+        std::string text;
+        for (auto* backend : m_backends)
+            text += backend->listing();
+        return text;
+    }
+
+private:
+    GLibMutex m_lock; // taken before a backend's own
+    std::vector<GstNoxBackend*> m_backends GUARDED_BY(m_lock);
+};
+
 std::atomic<bool> GstNoxBackend::g_standalone{false};
+
+std::string GstNoxBackend::describeAll() {
+    return Registry::instance().describe();
+}
+
+std::string GstNoxBackend::listing() {
+    const guint64 position = m_lastPosition;
+    GstState state = GST_STATE_VOID_PENDING;
+    {
+        const GLibLock lock(m_lock);
+        state = m_state;
+    }
+    const GCharPtr head(g_strdup_printf("%p %s position=%" GST_TIME_FORMAT "\n",
+                                        static_cast<void*>(this), gst_element_state_get_name(state),
+                                        GST_TIME_ARGS(position)));
+    std::string text = head.get();
+    for (const auto& bin : bins())
+        text += "  " + bin->describe() + "\n";
+    return text;
+}
 
 GstNoxBackend::GstNoxBackend(UVABackendType type, UVAClient* client)
     : UVAMediaBackend(type, client), m_client(client) {
     GST_INFO("type=%d", static_cast<int>(type));
     g_assert(m_client);
     g_standalone = std::getenv("NOX_GST_STANDALONE") != nullptr;
+    Registry::instance().add(*this);
 }
 
 GstNoxBackend::~GstNoxBackend() {
     GST_INFO("entry");
+    Registry::instance().remove(*this);
     uvaGstIfReceiver.connectBackend(nullptr);
     gstPlayerStopAndDestroy();
     uvaGstIfReceiver.leave(m_requester);
+    for (const auto& bin : bins()) {
+        takeBin(bin->id());
+        bin->Destroy();
+    }
     GST_INFO("done");
 }
 
@@ -156,15 +213,22 @@ int GstNoxBackend::setLoop(int times) {
 int GstNoxBackend::setKeySystem(const UVAKeySystemConfig& config) {
     GST_INFO("key_system_id: '%s', client = %llu", config.keySystemId,
              static_cast<unsigned long long>(config.client));
-    m_keySystemId.reset();
+    auto next = std::make_shared<KeySystem>();
+    next->client = config.client;
+    next->value = config.value;
+    bool copied = true;
     if (config.flags == 0 && config.keySystemId != nullptr) {
-        m_keySystemId.reset(strdup(config.keySystemId));
-        if (!m_keySystemId)
-            return 0;
+        next->id.reset(strdup(config.keySystemId));
+        copied = next->id != nullptr;
     }
-    m_keySystemValue = config.value;
-    m_keySystemClient = config.client;
-    return Success;
+    next->drm = UVA_FindDRMBackend(next->id.get());
+    const GLibLock lock(m_lock);
+    if (!copied && m_keySystem != nullptr) {
+        next->client = m_keySystem->client;
+        next->value = m_keySystem->value;
+    }
+    m_keySystem = std::move(next);
+    return copied ? Success : 0;
 }
 
 int GstNoxBackend::releaseResources() {

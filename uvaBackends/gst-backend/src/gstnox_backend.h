@@ -8,15 +8,18 @@
 #include "uva/uva_client.h"
 #include "uva/uva_media_backend.h"
 
+#include <gst/app/gstappsrc.h>
 #include <gst/gst.h>
 
 #include <atomic>
 #include <map>
 #include <memory>
 #include <string>
+#include <vector>
 
 class GstNoxAvComponent;
 class GstNoxBusWatch;
+class UVADRMBackend;
 
 /// The backend of one media element: plays its sources on a GStreamer pipeline of its own and tells
 /// the client about it.
@@ -26,7 +29,8 @@ class GstNoxBusWatch;
 /// guards what they share. No event is delivered to the client while the lock is held.
 ///
 /// Waits: a sink may wait in decoder_request_cb for the client's answer, then for the main
-/// system's. Stopping the player and seeking end that wait; such a sink is told "no".
+/// system's; that of a media source for the latter alone. Stopping the player or the source, and
+/// seeking, end that wait; such a sink is told "no".
 class GstNoxBackend : public UVAMediaBackend {
 public:
     /// `client` must not be null; it is not owned and outlives the backend.
@@ -95,7 +99,7 @@ public:
     bool isDurationUnknown() EXCLUDES(m_lock);
 
     /// The first start becomes that of all segments; later callers get it back. Nanoseconds.
-    int checkNewSegment(unsigned long long* start);
+    int checkNewSegment(unsigned long long* start) EXCLUDES(m_lock);
 
     /// Components by stream name. 1 added, 0 refused. Any thread.
     int addComponent(const char* kind, const char* name) EXCLUDES(m_lock);
@@ -132,6 +136,13 @@ public:
     static GstPadProbeReturn decodebin_srcpad_event_probe(GstPad* pad, GstPadProbeInfo* info,
                                                           gpointer backend);
 
+    // Callbacks of the media sources' appsrcs and sinks; the bin is found by the number in the
+    // appsrc's name. Streaming threads.
+    static void need_data_cb(GstAppSrc* appsrc, guint length, gpointer backend);
+    static void enough_data_cb(GstAppSrc* appsrc, gpointer backend);
+    static gboolean seek_data_cb(GstAppSrc* appsrc, guint64 offset, gpointer backend);
+    static gint source_decoder_request_cb(GstElement* sink, const gchar* type, gpointer backend);
+
     /// Sort rule for decodebin's factories: a new list, or null to keep the given one, which may
     /// have been sorted in place.
     static GValueArray* autoplug_sort_cb(GstElement* decodebin, GstPad* pad, GstCaps* caps,
@@ -155,7 +166,22 @@ public:
     bool isCodecSupported(const char* codec);
     bool isSpecSupported(const CodecSpec* table, int width, int height, int fps);
 
+    /// The state of every backend of the process, its media sources and what is queued in them; a
+    /// line each. Any thread.
+    static std::string describeAll();
+
 private:
+    class GstMseBin;
+    class Registry;
+
+    /// What setKeySystem() was told. Immutable.
+    struct KeySystem {
+        MallocText id; // null: none
+        gint32 value = 0;
+        guint64 client = 0;
+        UVADRMBackend* drm = nullptr; // the host's, by the identifier; null: it has none
+    };
+
     enum ResourcesState : int { NoResources = 0, ResourcesAsked = 1, ResourcesGranted = 2 };
     enum DecoderKind : int { AudioKind = 1, VideoKind = 2 };
 
@@ -187,6 +213,14 @@ private:
     gint requestDecoder(const gchar* type) EXCLUDES(m_lock);
     DecoderAnswer askClient(const gchar* type) EXCLUDES(m_lock);
     DecoderAnswer askMainSystem(const gchar* type) EXCLUDES(m_lock);
+    void reportRefusal() EXCLUDES(m_lock);
+    void addBin(const std::shared_ptr<GstMseBin>& bin) EXCLUDES(m_lock);
+    void checkComponent(const GstMseBin& starting) EXCLUDES(m_lock);
+    std::shared_ptr<GstMseBin> findBin(unsigned int id) EXCLUDES(m_lock);
+    std::shared_ptr<GstMseBin> takeBin(unsigned int id) EXCLUDES(m_lock);
+    std::vector<std::shared_ptr<GstMseBin>> bins() EXCLUDES(m_lock);
+    std::shared_ptr<const KeySystem> keySystem() EXCLUDES(m_lock);
+    std::string listing() EXCLUDES(m_lock);
     void takeDemuxerCaps(GstPad* pad, GstCaps* caps);
     void takeDecodedCaps(GstPad* pad, GstCaps* caps);
     void handleErrorMessage(GstMessage* message);
@@ -230,17 +264,15 @@ private:
     int m_waitBreakers GUARDED_BY(m_lock) = 0;         // operations that let no sink wait now
     unsigned int m_brokenWaits GUARDED_BY(m_lock) = 0; // how many of them there ever were
     GstState m_state GUARDED_BY(m_lock) = GST_STATE_NULL;
+    std::map<unsigned int, std::shared_ptr<GstMseBin>> m_bins GUARDED_BY(m_lock); // by source id
+    guint64 m_segmentStart GUARDED_BY(m_lock) = GST_CLOCK_TIME_NONE; // of all media sources
+    std::shared_ptr<const KeySystem> m_keySystem GUARDED_BY(m_lock);
 
     std::atomic<guint64> m_lastPosition{GST_CLOCK_TIME_NONE}; // also a pending seek's target
     std::atomic<int> m_seekPending{0};
-    guint64 m_segmentStart = GST_CLOCK_TIME_NONE;
 
     ControlPort m_controlPort{*this};
     UvaGstIfRequester m_requester;
-
-    MallocText m_keySystemId;
-    gint32 m_keySystemValue = 0;
-    guint64 m_keySystemClient = 0;
 };
 
 #endif

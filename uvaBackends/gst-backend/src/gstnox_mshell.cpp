@@ -2,6 +2,8 @@
 
 #include "debug/command_struct.h"
 #include "debug/mshell.h"
+#include "debug/zant_trace.h"
+#include "gstnox_backend.h"
 #include "gstnox_plugin.h"
 
 #include <string>
@@ -45,5 +47,11 @@ int m_gst_debug_set_color_mode(CommandStruct* command) {
     const char* mode = command->params[0].string.c_str();
     GST_CAT_LEVEL_LOG(GST_CAT_DEFAULT, GST_LEVEL_NONE, nullptr, "'GST_COLOR_MODE=%s'\n", mode);
     gst_debug_set_color_mode_from_string(mode);
+    return 0;
+}
+
+int m_mse(CommandStruct* /*command*/) {
+    const std::string text = GstNoxBackend::describeAll();
+    FormattedStringToStdout("%s", text.empty() ? "no backend\n" : text.c_str());
     return 0;
 }

@@ -16,4 +16,7 @@ int m_gst_debug_set_threshold(CommandStruct* command);
 /// "m_gst_debug_set_color_mode": one of on, auto, off, disable, unix.
 int m_gst_debug_set_color_mode(CommandStruct* command);
 
+/// "m_mse": every backend of the process, with its media sources and what is queued in them.
+int m_mse(CommandStruct* command);
+
 #endif

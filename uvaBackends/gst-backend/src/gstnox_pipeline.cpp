@@ -3,6 +3,7 @@
 #include "gstnox_backend.h"
 #include "gstnox_buswatch.h"
 #include "gstnox_plugin.h"
+#include "gstnox_waitbreaker.h"
 #include "uva/uva_event.h"
 
 #include <cstring>
@@ -41,29 +42,6 @@ GstNoxBackend* backendOf(gpointer data) {
 }
 
 } // namespace
-
-class GstNoxBackend::WaitBreaker {
-public:
-    explicit WaitBreaker(GstNoxBackend& backend) : m_backend(backend) {
-        {
-            const GLibLock lock(m_backend.m_lock);
-            ++m_backend.m_waitBreakers;
-            ++m_backend.m_brokenWaits;
-            m_backend.m_condition.broadcast();
-        }
-        uvaGstIfReceiver.breakWaits(m_backend.m_requester);
-    }
-    ~WaitBreaker() {
-        uvaGstIfReceiver.allowWaits(m_backend.m_requester);
-        const GLibLock lock(m_backend.m_lock);
-        --m_backend.m_waitBreakers;
-    }
-    WaitBreaker(const WaitBreaker&) = delete;
-    WaitBreaker& operator=(const WaitBreaker&) = delete;
-
-private:
-    GstNoxBackend& m_backend;
-};
 
 int GstNoxBackend::gstPlaybinCreate() {
     if (m_pipeline) {
@@ -206,17 +184,20 @@ gint GstNoxBackend::requestDecoder(const gchar* type) {
     DecoderAnswer answer = askClient(type);
     if (answer == DecoderAnswer::Granted)
         answer = askMainSystem(type);
-    if (answer == DecoderAnswer::Refused) {
-        int state = NoResources;
-        {
-            const GLibLock lock(m_lock);
-            state = m_resources_state;
-        }
-        GST_ERROR("***E: resources not available (%d)", state);
-        raiseEvent(new DecodeErrorEvent(DecodeErrorEvent::InsufficientResources), GST_LEVEL_ERROR,
-                   "INSUFFICIENT_RESOURCES");
-    }
+    if (answer == DecoderAnswer::Refused)
+        reportRefusal();
     return answer == DecoderAnswer::Granted ? 1 : 0;
+}
+
+void GstNoxBackend::reportRefusal() {
+    int state = NoResources;
+    {
+        const GLibLock lock(m_lock);
+        state = m_resources_state;
+    }
+    GST_ERROR("***E: resources not available (%d)", state);
+    raiseEvent(new DecodeErrorEvent(DecodeErrorEvent::InsufficientResources), GST_LEVEL_ERROR,
+               "INSUFFICIENT_RESOURCES");
 }
 
 GstNoxBackend::DecoderAnswer GstNoxBackend::askClient(const gchar* type) {

@@ -1,5 +1,6 @@
 #include "gstnox_backend.h"
 
+#include "gstnox_msebin.h"
 #include "gstnox_plugin.h"
 #include "uva/uva_event.h"
 
@@ -125,6 +126,16 @@ int GstNoxBackend::getSeekableTimeRanges(ByteRange** /*bytes*/, TimeRange**& ran
 int GstNoxBackend::getBufferedTimeRanges(unsigned int id, const std::vector<ByteRange>& /*bytes*/,
                                          std::vector<TimeRange>& ranges) {
     GST_LOG("id=%d", static_cast<int>(id));
+    if (!bins().empty()) {
+        if (const auto bin = findBin(id))
+            for (const TimeRange& range : bin->bufferedRanges(m_lastPosition)) {
+                GST_LOG("  buffered: [%" GST_TIME_FORMAT ",%" GST_TIME_FORMAT "]",
+                        GST_TIME_ARGS(static_cast<guint64>(toNanoseconds(range.start))),
+                        GST_TIME_ARGS(static_cast<guint64>(toNanoseconds(range.end))));
+                ranges.push_back(range);
+            }
+        return Success;
+    }
     constexpr double lookAhead = 50.0; // seconds
     const gint64 known = duration();
     gint64 position = 0;

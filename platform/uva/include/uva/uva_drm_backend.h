@@ -77,4 +77,17 @@ public:
     virtual int decrypt(UVADRMDecrypter* decrypter, const Sample& sample) = 0;
 };
 
+extern "C" {
+
+/// Offers a content-protection system to the backends of this process: setKeySystem() with this
+/// identifier finds it from then on. Null withdraws it, for elements that have not found it yet; it
+/// must outlive those that have. The 64-bit `client` of their configuration reaches
+/// createDecrypter() as `value`: that is how one system serves the sessions of several elements.
+/// Thread-safe.
+void UVA_OfferDRMBackend(const char* keySystemId, UVADRMBackend* backend);
+
+/// The one offered under the identifier; null when there is none. Thread-safe.
+UVADRMBackend* UVA_FindDRMBackend(const char* keySystemId);
+}
+
 #endif

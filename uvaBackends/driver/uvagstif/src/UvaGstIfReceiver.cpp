@@ -133,7 +133,7 @@ bool CUvaGstIfReceiver::requestDecoder(const char* type, UvaGstIfRequester* requ
 }
 
 bool CUvaGstIfReceiver::isRefused(uint32_t kind, const UvaGstIfRequester* requester) const {
-    return m_terminated || (requester && requester->m_breakers > 0) ||
+    return m_terminated || (requester && requester->m_waits[ownerIndex(kind)].breakers > 0) ||
            ownedByAnother(kind, requester);
 }
 
@@ -145,11 +145,14 @@ bool CUvaGstIfReceiver::ownedByAnother(uint32_t kind, const UvaGstIfRequester* r
 bool CUvaGstIfReceiver::waitForKind(uint32_t kind, const UvaGstIfRequester* requester) {
     const auto deadline = m_clock.now() + longestRequest;
     const uint32_t refusals = m_refusals;
-    const uint32_t brokenWaits = requester ? requester->m_brokenWaits : 0;
+    const auto brokenWaits = [&] {
+        return requester ? requester->m_waits[ownerIndex(kind)].broken : 0;
+    };
+    const uint32_t brokenBefore = brokenWaits();
     bool mayWait = true;
     ++m_waiting;
     while (mayWait && (decoder_available & kind) == 0) {
-        const bool isBroken = requester && requester->m_brokenWaits != brokenWaits;
+        const bool isBroken = brokenWaits() != brokenBefore;
         const bool isPending = requestPending == 1 && m_refusals == refusals;
         mayWait = isPending && !isBroken && !m_terminated &&
                   m_clock.waitUntil(stateCond, stateMutex, deadline);
@@ -158,17 +161,25 @@ bool CUvaGstIfReceiver::waitForKind(uint32_t kind, const UvaGstIfRequester* requ
     return (decoder_available & kind) != 0;
 }
 
-void CUvaGstIfReceiver::breakWaits(UvaGstIfRequester& requester) {
+void CUvaGstIfReceiver::breakWaits(UvaGstIfRequester& requester, const char* type) {
     const MutexLock lock(stateMutex);
-    ++requester.m_breakers;
-    ++requester.m_brokenWaits;
+    for (const uint32_t kind : bothKinds) {
+        if (type && kindOf(type, "") != kind)
+            continue;
+        auto& waits = requester.m_waits[ownerIndex(kind)];
+        ++waits.breakers;
+        ++waits.broken;
+    }
     stateCond.broadcast();
 }
 
-void CUvaGstIfReceiver::allowWaits(UvaGstIfRequester& requester) {
+void CUvaGstIfReceiver::allowWaits(UvaGstIfRequester& requester, const char* type) {
     const MutexLock lock(stateMutex);
-    if (requester.m_breakers > 0)
-        --requester.m_breakers;
+    for (const uint32_t kind : bothKinds) {
+        auto& waits = requester.m_waits[ownerIndex(kind)];
+        if ((!type || kindOf(type, "") == kind) && waits.breakers > 0)
+            --waits.breakers;
+    }
 }
 
 void CUvaGstIfReceiver::leave(UvaGstIfRequester& requester) {

@@ -52,9 +52,10 @@ public:
     /// caller's that its tear-down wants.
     bool requestDecoder(const char* type, UvaGstIfRequester* requester) EXCLUDES(stateMutex);
 
-    /// Ends the requester's waits and refuses its requests, until allowWaits was called as often.
-    void breakWaits(UvaGstIfRequester& requester) EXCLUDES(stateMutex);
-    void allowWaits(UvaGstIfRequester& requester) EXCLUDES(stateMutex);
+    /// Ends the requester's waits and refuses its requests, until allowWaits was called as often;
+    /// for one type, "audio" or "video", or for both (null).
+    void breakWaits(UvaGstIfRequester& requester, const char* type = nullptr) EXCLUDES(stateMutex);
+    void allowWaits(UvaGstIfRequester& requester, const char* type = nullptr) EXCLUDES(stateMutex);
     /// Gives back what the requester still uses, because its pipeline is gone.
     void leave(UvaGstIfRequester& requester) EXCLUDES(stateMutex);
 

@@ -1,6 +1,7 @@
 #ifndef UVA_GST_IF_REQUESTER_H
 #define UVA_GST_IF_REQUESTER_H
 
+#include <array>
 #include <cstdint>
 
 /// Whose a decoder is, and whose waits end together: a backend has one. The receiver alone looks
@@ -14,8 +15,11 @@ public:
 private:
     friend class CUvaGstIfReceiver;
 
-    uint32_t m_breakers = 0;    ///< breakWaits without their allowWaits; no wait begins meanwhile
-    uint32_t m_brokenWaits = 0; ///< breakWaits ever
+    struct Waits {
+        uint32_t breakers = 0; ///< breakWaits without their allowWaits; no wait begins meanwhile
+        uint32_t broken = 0;   ///< breakWaits ever
+    };
+    std::array<Waits, 2> m_waits; ///< for audio, for video
 };
 
 #endif
