@@ -124,24 +124,51 @@ auto ElementCore::operate(const char* name, std::vector<Argument> arguments, Cal
 }
 
 void ElementCore::open(const std::string& uri) {
-    if (m_status.state != State::Idle)
+    if (m_status.state != State::Idle || requestBackend() == nullptr)
         return;
+    m_network = isNetworkUri(uri);
+    setState(State::Opening);
+    UVABackend::SourceDescription* sources[] = {new UrlSource(uri, m_options.userAgent), nullptr};
+    if (initialize(sources, {{"url", uri}}))
+        startWatching();
+}
+
+void ElementCore::openSource(MediaSource source) {
+    if (m_status.state != State::Idle || requestBackend() == nullptr)
+        return;
+    m_network = true; // what is opened may be anywhere: the longer bound
+    m_protected = source.keys != nullptr;
+    setState(State::Opening);
+    m_feeder = std::make_shared<MseFeeder>(m_loop, std::move(source), *this);
+    m_feeder->open();
+    startWatching();
+}
+
+UVAMediaBackend* ElementCore::requestBackend() {
     constexpr auto type = UVABackend::VideoElement;
     auto* backend = operate("UVA_RequestBackend", {{"type", static_cast<long long>(type)}},
                             [this] { return m_library->request(type, this); });
     if (backend == nullptr)
-        return fail("the library gave no backend; its own message on standard output says why");
+        fail("the library gave no backend; its own message on standard output says why");
     m_backend = backend;
-    m_network = isNetworkUri(uri);
-    setState(State::Opening);
+    return backend;
+}
 
-    UVABackend::SourceDescription* sources[] = {new UrlSource(uri, m_options.userAgent), nullptr};
-    const int opened = operate("initBackend", {{"url", uri}}, [backend, &sources] {
+/// Hands the sources over.
+bool ElementCore::initialize(UVABackend::SourceDescription** sources,
+                             std::vector<Argument> arguments) {
+    auto* backend = m_backend.load();
+    const int opened = operate("initBackend", std::move(arguments), [backend, sources] {
         return backend->initBackend("", sources, false, false);
     });
-    if (opened != UVABackend::Success)
-        return fail("the backend did not take the media (initBackend answered " +
-                    std::to_string(opened) + "); see the system log");
+    m_initialized = opened == UVABackend::Success;
+    if (!m_initialized)
+        fail("the backend did not take the media (initBackend answered " + std::to_string(opened) +
+             "); see the system log");
+    return m_initialized;
+}
+
+void ElementCore::startWatching() {
     m_watch.tick(Clock::now());
     m_watch.restart();
     m_timer = m_loop->startTimer(m_options.tick, [core = shared_from_this()] { core->tick(); });
@@ -152,7 +179,8 @@ void ElementCore::play() {
     if (backend == nullptr || over())
         return;
     m_wantPlaying = true;
-    operate("play", {}, [backend] { return backend->play(); });
+    if (m_initialized)
+        operate("play", {}, [backend] { return backend->play(); });
     m_watch.restart();
     settle();
 }
@@ -162,7 +190,8 @@ void ElementCore::pause() {
     if (backend == nullptr || over())
         return;
     m_wantPlaying = false;
-    operate("pause", {}, [backend] { return backend->pause(); });
+    if (m_initialized)
+        operate("pause", {}, [backend] { return backend->pause(); });
     settle();
 }
 
@@ -223,6 +252,8 @@ void ElementCore::release() {
         m_loop->cancelTimer(m_timer);
     m_timer = 0;
     abortSeeks();
+    if (m_feeder != nullptr)
+        m_feeder->stop();
     if (auto* backend = m_backend.load()) {
         operate("UVA_ReleaseBackend", {}, [this, backend] { return m_library->release(backend); });
         m_backend = nullptr;
@@ -235,6 +266,103 @@ std::optional<MediaElement::Operation> ElementCore::operationUnderWay() const {
     return m_operation;
 }
 
+// ---- feeding
+
+void ElementCore::feederOpened() {
+    auto* backend = m_backend.load();
+    if (m_protected) {
+        UVAKeySystemConfig config;
+        config.keySystemId = clearKeySystem;
+        operate("setKeySystem", {{"id", std::string(clearKeySystem)}},
+                [&] { return backend->setKeySystem(config); });
+    }
+    std::vector<UVABackend::SourceDescription*> sources;
+    std::string types;
+    for (const auto& info : m_feeder->sources()) {
+        sources.push_back(m_feeder->describe(info.id).release());
+        types += (types.empty() ? "" : ", ") + std::string(sources.back()->mimeType);
+    }
+    sources.push_back(nullptr);
+    if (!initialize(sources.data(), {{"sources", types}}))
+        return;
+    if (m_wantPlaying)
+        operate("play", {}, [backend] { return backend->play(); });
+    else if (m_status.state == State::Paused)
+        operate("pause", {}, [backend] { return backend->pause(); });
+    m_watch.restart();
+}
+
+void ElementCore::feederFailed(const std::string& reason) {
+    fail(reason);
+}
+
+void ElementCore::keyNeeded(const KeyBytes& id) {
+    m_keyMissing = true;
+    observe([&](Observer& observer) { observer.onKeyNeeded(id); });
+}
+
+void ElementCore::resumeFeeding() {
+    m_keyMissing = false;
+    if (m_feeder != nullptr)
+        m_feeder->resume();
+}
+
+void ElementCore::writeData(std::unique_ptr<NeedMSEDataEvent> event, unsigned int samples,
+                            unsigned int bytes, UVABackend::WriteDataStatus status) {
+    auto* backend = m_backend.load();
+    operate("writeData",
+            {{"sourceId", static_cast<long long>(event->sourceId)},
+             {"samples", static_cast<long long>(samples)},
+             {"bytes", static_cast<long long>(bytes)},
+             {"status", static_cast<long long>(status)}},
+            [&] { return backend->writeData(event.release(), bytes, status); });
+}
+
+void ElementCore::takeRequest(std::unique_ptr<NeedMSEDataEvent> event) {
+    const Record record = describe(*event);
+    if (m_releasing || m_feeder == nullptr || m_status.state == State::Failed)
+        return;
+    observe([&](Observer& observer) { observer.onRecord(record); });
+    m_feeder->request(std::move(event));
+}
+
+int ElementCore::attach(unsigned int id) {
+    auto* backend = m_backend.load();
+    auto source = m_feeder->describe(id);
+    const std::string mimeType = source->mimeType;
+    return operate("attachSource",
+                   {{"sourceId", static_cast<long long>(id)}, {"mimeType", mimeType}},
+                   [&] { return backend->attachSource(source.release()); });
+}
+
+void ElementCore::reattach(StreamInfo::Kind kind) {
+    auto* backend = m_backend.load();
+    if (m_feeder == nullptr || !m_initialized || over())
+        return;
+    for (const auto& source : m_feeder->sources()) {
+        if (source.kind != kind)
+            continue;
+        operate("removeSource", {{"sourceId", static_cast<long long>(source.id)}},
+                [&] { return backend->removeSource(source.id); });
+        m_feeder->restart(source.id, m_status.position);
+        if (attach(source.id) != UVABackend::Success)
+            fail("the backend did not take the source again; see the system log");
+    }
+}
+
+void ElementCore::refreshSources() {
+    if (m_feeder == nullptr || !m_initialized)
+        return;
+    auto* backend = m_backend.load();
+    m_status.sources.clear();
+    for (const auto& source : m_feeder->sources()) {
+        std::vector<UVABackend::TimeRange> ranges;
+        busy("getBufferedTimeRanges",
+             [&] { return backend->getBufferedTimeRanges(source.id, {}, ranges); });
+        m_status.sources.push_back({source.kind, std::move(ranges)});
+    }
+}
+
 // ---- events
 
 void ElementCore::deliverEvent(UVAEvent* event) {
@@ -245,6 +373,12 @@ void ElementCore::deliverEvent(UVAEvent* event) {
             std::unique_ptr<UVAAsyncEvent> request(static_cast<UVAAsyncEvent*>(event));
             return answerResourceRequest(*backend, std::move(request));
         }
+    }
+    if (event->type() == UVAEvent::NeedMSEData) {
+        auto request = std::make_shared<std::unique_ptr<NeedMSEDataEvent>>(
+            static_cast<NeedMSEDataEvent*>(event));
+        m_loop->post([core = shared_from_this(), request] { core->takeRequest(std::move(*request)); });
+        return;
     }
     Delivery delivery{std::shared_ptr<UVAEvent>(event), describe(*event), {}};
     if (event->type() == UVAEvent::MultiComponentChanged)
@@ -334,6 +468,8 @@ void ElementCore::act(const Delivery& delivery) {
 
 void ElementCore::completeCancel(const UVAAsyncEvent& event) {
     auto* backend = m_backend.load();
+    if (m_feeder != nullptr)
+        m_feeder->seek(static_cast<const CancelDataRequestsAsyncEvent&>(event).position);
     operate("eventCompleted",
             {{"event", std::string("CancelDataRequestsAsync")}, {"success", true}},
             [&] { return backend->eventCompleted(&event, true); });
@@ -457,8 +593,9 @@ void ElementCore::tick() {
 
 void ElementCore::refreshPosition() {
     auto* backend = m_backend.load();
-    if (over())
+    if (over() || !m_initialized)
         return;
+    refreshSources();
     double value = 0;
     const auto success = UVABackend::Success;
     if (busy("getPosition", [&] { return backend->getPosition(value); }) == success)
@@ -479,6 +616,8 @@ void ElementCore::moved() {
 }
 
 bool ElementCore::expectsProgress() const {
+    if (m_keyMissing)
+        return false;
     switch (m_status.state) {
     case State::Opening:
         return m_wantPlaying;

@@ -3,6 +3,8 @@
 
 #include "host/event_loop.h"
 #include "host/media_element.h"
+#include "host/media_source.h"
+#include "mse_feeder.h"
 #include "progress_watch.h"
 #include "uva/uva_client.h"
 
@@ -26,7 +28,9 @@ class BackendLibrary;
 /// The media element on its event loop. Bound to the loop's thread, but for deliverEvent(),
 /// closeGate() and operationUnderWay(). Tasks share its ownership: should the loop's thread hang in
 /// the backend, it keeps what it stands on.
-class ElementCore final : public UVAClient, public std::enable_shared_from_this<ElementCore> {
+class ElementCore final : public UVAClient,
+                          private MseFeeder::Client,
+                          public std::enable_shared_from_this<ElementCore> {
 public:
     ElementCore(std::shared_ptr<const BackendLibrary> library, std::shared_ptr<EventLoop> loop,
                 Observer& observer, MediaElement::Options options);
@@ -35,6 +39,9 @@ public:
     void deliverEvent(UVAEvent* event) override; ///< any thread
 
     void open(const std::string& uri);
+    void openSource(MediaSource source);
+    void reattach(StreamInfo::Kind kind);
+    void resumeFeeding();
     void play();
     void pause();
     void seek(double seconds);
@@ -56,6 +63,19 @@ private:
         std::vector<std::pair<const void*, Component>> added;
     };
 
+    // From the feeder.
+    void feederOpened() override;
+    void feederFailed(const std::string& reason) override;
+    void keyNeeded(const KeyBytes& id) override;
+    void writeData(std::unique_ptr<NeedMSEDataEvent> event, unsigned int samples,
+                   unsigned int bytes, UVABackend::WriteDataStatus status) override;
+    void takeRequest(std::unique_ptr<NeedMSEDataEvent> event);
+
+    UVAMediaBackend* requestBackend();
+    bool initialize(UVABackend::SourceDescription** sources, std::vector<Argument> arguments);
+    void startWatching();
+    int attach(unsigned int id);
+    void refreshSources();
     void answerResourceRequest(UVAMediaBackend& backend, std::unique_ptr<UVAAsyncEvent> event);
     void handle(const Delivery& delivery);
     void act(const Delivery& delivery);
@@ -108,6 +128,10 @@ private:
 
     Status m_status;
     std::vector<const void*> m_componentKeys; // one for each of m_status.components
+    std::shared_ptr<MseFeeder> m_feeder; // null: a URL is played
+    bool m_protected = false;            // the feeder has keys
+    bool m_initialized = false;          // the backend has the media
+    bool m_keyMissing = false;           // samples are held back until a key comes
     bool m_network = false;
     bool m_wantPlaying = false;
     bool m_started = false; // something was played

@@ -20,6 +20,20 @@ void MediaElement::open(std::string uri) {
     m_loop->post([core = m_core, uri = std::move(uri)] { core->open(uri); });
 }
 
+void MediaElement::openSource(MediaSource source) {
+    m_loop->post([core = m_core, source = std::move(source)]() mutable {
+        core->openSource(std::move(source));
+    });
+}
+
+void MediaElement::reattach(StreamInfo::Kind kind) {
+    m_loop->post([core = m_core, kind] { core->reattach(kind); });
+}
+
+void MediaElement::resumeFeeding() {
+    m_loop->post([core = m_core] { core->resumeFeeding(); });
+}
+
 void MediaElement::play() {
     m_loop->post([core = m_core] { core->play(); });
 }

@@ -42,6 +42,8 @@ public:
         m_seeks.emplace_back(target, outcome);
     }
 
+    void onKeyNeeded(const host::KeyBytes&) override {}
+
     using Seeks = std::vector<std::pair<double, SeekOutcome>>;
     Seeks seeks() {
         const std::lock_guard lock(m_mutex);

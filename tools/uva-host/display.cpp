@@ -58,6 +58,19 @@ std::string bar(double fraction, int columns) {
     return "[" + std::string(count, '=') + std::string(rest, ' ') + "]";
 }
 
+/// " video 3.2-8.0 audio 3.1-7.9": what the backend holds of each source.
+std::string bufferedText(const host::Status& status) {
+    std::string text;
+    for (const auto& source : status.sources) {
+        text += source.kind == host::StreamInfo::Kind::Audio ? " audio" : " video";
+        for (const auto& range : source.ranges)
+            text += format(" %.1f-%.1f", range.start, range.end);
+        if (source.ranges.empty())
+            text += " -";
+    }
+    return text;
+}
+
 } // namespace
 
 Display::~Display() = default;
@@ -88,6 +101,7 @@ std::string statusLine(const host::Status& status, int width) {
     std::string size;
     if (status.width > 0 && status.height > 0)
         size = format(" %dx%d", status.width, status.height);
+    size += bufferedText(status);
 
     const int used = static_cast<int>(line.size() + size.size());
     const int room = std::min(width - used - 1, widestBar);
@@ -122,7 +136,7 @@ void LogDisplay::show(const host::Status& status) {
         return;
     m_state = status.state;
     line(status.time, std::string("state ") + host::name(status.state) + " at " +
-                          format("%.3f s", status.position));
+                          format("%.3f s", status.position) + bufferedText(status));
 }
 
 void LogDisplay::end() {}

@@ -32,6 +32,10 @@ void Inbox::onSeek(double target, host::SeekOutcome outcome) {
     put(SeekAnswer{target, outcome});
 }
 
+void Inbox::onKeyNeeded(const host::KeyBytes& id) {
+    put(KeyNeeded{id});
+}
+
 void Inbox::put(Message message) {
     {
         const std::lock_guard lock(m_mutex);

@@ -14,7 +14,12 @@ struct SeekAnswer {
     host::SeekOutcome outcome = host::SeekOutcome::Failed;
 };
 
-using Message = std::variant<host::Record, host::Status, SeekAnswer>;
+/// The key that samples wait for.
+struct KeyNeeded {
+    host::KeyBytes id{};
+};
+
+using Message = std::variant<host::Record, host::Status, SeekAnswer, KeyNeeded>;
 
 /// Brings what an element reports from the event loop to the program's own thread.
 class Inbox final : public host::Observer {
@@ -31,6 +36,7 @@ public:
     void onRecord(const host::Record& record) override;
     void onStatus(const host::Status& status) override;
     void onSeek(double target, host::SeekOutcome outcome) override;
+    void onKeyNeeded(const host::KeyBytes& id) override;
 
 private:
     void put(Message message);

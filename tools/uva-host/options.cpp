@@ -1,5 +1,7 @@
 #include "options.h"
 
+#include "host/capability_query.h"
+
 #include <CLI/CLI.hpp>
 
 #include <cmath>
@@ -22,6 +24,13 @@ Examples:
       keep the pipeline as a drawing, and a time line for ui.perfetto.dev
   uva-host --deny-resources movie.mp4
       see what happens when the decoders are refused
+  uva-host --standalone --mse video.mp4 audio.mp4 --switch-at 4=video-hd.mp4
+      take the files apart and feed their samples, as a browser does for media sources; at 4 s go
+      over to another rendition
+  uva-host --standalone --mse --key 0123..ef:4567..ab encrypted.mp4
+      play common encryption with a key that is known
+  uva-host --can-play 'video/mp4; codecs="avc1.640028,mp4a.40.2"' --width 1920 --height 1080
+      ask what the backend can play
 
 On a terminal, while playing:
   space  pause and go on        left, right  seek by 10 seconds        q  quit
@@ -34,8 +43,9 @@ Environment:
   GST_DEBUG             what GStreamer tells the system log, e.g. 2 for its warnings
 
 Exit codes:
-  0    played to the end, for as long as asked, or until q was pressed
-  1    playback failed or an output file could not be written; the reason is on standard error
+  0    played to the end, for as long as asked, or until q was pressed; --can-play: yes
+  1    playback failed or an output file could not be written; the reason is on standard error;
+       --can-play: no
   2    the command line is wrong
   130  interrupted with Ctrl-C (128 and the signal's number for other signals)
 )";
@@ -54,17 +64,131 @@ std::string badPeriod(const std::string& text) {
     return value && *value > 0 ? std::string() : "'" + text + "' is no time above 0";
 }
 
-/// What CLI11 fills in: times and windows as text, read once they are known to be valid.
+/// The two sides of "T=REST"; false when T is no time or nothing follows.
+bool splitAtTime(const std::string& text, double& time, std::string& rest) {
+    const auto equals = text.find('=');
+    const auto parsed = parseTime(text.substr(0, equals));
+    if (equals == std::string::npos || !parsed || equals + 1 == text.size())
+        return false;
+    time = *parsed;
+    rest = text.substr(equals + 1);
+    return true;
+}
+
+std::optional<RenditionSwitch> parseSwitch(const std::string& text) {
+    RenditionSwitch result;
+    return splitAtTime(text, result.time, result.name) ? std::optional(result) : std::nullopt;
+}
+
+std::optional<Detach> parseDetach(const std::string& text) {
+    Detach result;
+    std::string kind;
+    if (!splitAtTime(text, result.time, kind) || (kind != "audio" && kind != "video"))
+        return std::nullopt;
+    result.kind = kind == "audio" ? host::StreamInfo::Kind::Audio : host::StreamInfo::Kind::Video;
+    return result;
+}
+
+std::string badSwitch(const std::string& text) {
+    return parseSwitch(text) ? std::string() : "'" + text + "' is no switch; write T=FILE, e.g. 4=hd.mp4";
+}
+
+std::string badDetach(const std::string& text) {
+    return parseDetach(text) ? std::string() : "'" + text + "' is neither T=audio nor T=video";
+}
+
+std::string badKey(const std::string& text) {
+    host::KeyPair pair;
+    return host::parseKey(text, pair) ? std::string()
+                                      : "'" + text + "' is no key; write KID:KEY, 32 hexadecimal digits each";
+}
+
+/// What CLI11 fills in: times, windows, keys as text, read once they are known to be valid.
 struct Raw {
-    std::vector<std::string> seeks;
-    std::string duration, noProgressTimeout, snapshotAt, window;
+    std::vector<std::string> seeks, switches, detaches, keys;
+    std::string duration, noProgressTimeout, snapshotAt, window, protect, keyDelay;
+    std::string canPlay;
+    UVABackend::ContentDescription asked;
 };
+
+void declareMediaSource(CLI::App& app, Options& options, Raw& raw) {
+    const std::string group = "Media sources";
+    auto* mse = app.add_flag("--mse", options.mse,
+                             "Take the media apart and feed its samples; several files are the "
+                             "audio and the video of one")
+                    ->group(group);
+    app.add_option("--switch-at", raw.switches, "Go on with another rendition from T on")
+        ->type_name("T=FILE")
+        ->allow_extra_args(false)
+        ->check(badSwitch)
+        ->needs(mse)
+        ->group(group);
+    app.add_option("--detach-at", raw.detaches, "Detach a source at T and attach it again")
+        ->type_name("T=audio|video")
+        ->allow_extra_args(false)
+        ->check(badDetach)
+        ->needs(mse)
+        ->group(group);
+    auto* key = app.add_option("--key", raw.keys, "A key for encrypted media")
+                    ->type_name("KID:KEY")
+                    ->allow_extra_args(false)
+                    ->check(badKey)
+                    ->needs(mse)
+                    ->group(group);
+    app.add_option("--key-delay", raw.keyDelay,
+                   "Have the keys only so many milliseconds after they are needed")
+        ->type_name("MS")
+        ->check(CLI::Range(0, 3600000))
+        ->needs(key)
+        ->group(group);
+    app.add_option("--protect", raw.protect, "Encrypt clear samples on their way in, with the first key")
+        ->type_name("cenc|cbcs")
+        ->check(CLI::IsMember({"cenc", "cbcs"}))
+        ->needs(key)
+        ->group(group);
+    app.add_flag("--full-sample-decrypter", options.fullSampleDecrypter,
+                 "Decrypt samples in one call each, not range by range")
+        ->needs(key)
+        ->group(group);
+}
+
+void declareQuestions(CLI::App& app, Options& options, Raw& raw) {
+    const std::string group = "Questions, in place of playing";
+    auto* canPlay = app.add_option("--can-play", raw.canPlay,
+                                   "Whether the backend can play a content type, and why not")
+                        ->type_name("MIME")
+                        ->check([](const std::string& text) {
+                            return host::parseContentType(text) ? std::string()
+                                                                : "'" + text + "' is no content type; write e.g. "
+                                                                  "'video/mp4; codecs=\"avc1.640028\"'";
+                        })
+                        ->group(group);
+    struct Row {
+        const char* name;
+        std::string UVABackend::ContentDescription::*member;
+        const char* help;
+    };
+    using Description = UVABackend::ContentDescription;
+    static constexpr Row rows[] = {
+        {"--width", &Description::width, "... of this width, pixels"},
+        {"--height", &Description::height, "... of this height, pixels"},
+        {"--framerate", &Description::framerate, "... at this rate, e.g. 25, 29.97 or 30000/1001"},
+        {"--bitrate", &Description::bitrate, "... with so many bits per second"},
+        {"--channels", &Description::channels, "... with so many channels"},
+    };
+    for (const auto& row : rows)
+        app.add_option(row.name, raw.asked.*row.member, row.help)
+            ->type_name("N")
+            ->needs(canPlay)
+            ->group(group);
+    app.add_flag("--list-types", options.listTypes, "The MIME types that the backend can play")
+        ->group(group);
+}
 
 void declare(CLI::App& app, Options& options, Raw& raw) {
     app.add_option("media", options.media, "Files or URLs, played one after the other")
         ->type_name("FILE|URL")
-        ->envname("UVA_DEFAULT_MEDIA")
-        ->required();
+        ->envname("UVA_DEFAULT_MEDIA");
     app.add_flag("--standalone", options.standalone,
                  "Run without a main system: nobody arbitrates the decoders");
     app.add_option("--seek", raw.seeks,
@@ -107,6 +231,8 @@ void declare(CLI::App& app, Options& options, Raw& raw) {
     app.add_option("--backend", options.backend, "The backend library (libuvagstbackend.so)")
         ->type_name("PATH");
     app.add_flag("--quiet", options.quiet, "Print nothing but errors");
+    declareMediaSource(app, options, raw);
+    declareQuestions(app, options, raw);
     app.set_version_flag("--version", "uva-host " UVA_HOST_VERSION);
 }
 
@@ -114,7 +240,23 @@ std::optional<double> timeOrNone(const std::string& text) {
     return text.empty() ? std::nullopt : parseTime(text);
 }
 
-void readTexts(const Raw& raw, Options& options) {
+void readMediaSource(const Raw& raw, Options& options) {
+    for (const auto& text : raw.switches)
+        options.switches.push_back(*parseSwitch(text));
+    for (const auto& text : raw.detaches)
+        options.detaches.push_back(*parseDetach(text));
+    for (const auto& text : raw.keys) {
+        options.keys.emplace_back();
+        host::parseKey(text, options.keys.back());
+    }
+    if (!raw.keyDelay.empty())
+        options.keyDelay = std::chrono::milliseconds(std::stol(raw.keyDelay));
+    if (!raw.protect.empty())
+        options.protect =
+            raw.protect == "cenc" ? host::Protection::Scheme::Cenc : host::Protection::Scheme::Cbcs;
+}
+
+void readTexts(Raw& raw, Options& options) {
     for (const auto& text : raw.seeks)
         options.seeks.push_back(*parseTime(text));
     options.duration = timeOrNone(raw.duration);
@@ -122,6 +264,16 @@ void readTexts(const Raw& raw, Options& options) {
     options.snapshotAt = timeOrNone(raw.snapshotAt);
     if (!raw.window.empty())
         options.window = parseWindow(raw.window);
+    readMediaSource(raw, options);
+    if (!raw.canPlay.empty()) {
+        options.canPlay = host::parseContentType(raw.canPlay);
+        raw.asked.type = options.canPlay->type;
+        raw.asked.codecs = options.canPlay->codecs;
+        options.canPlay = raw.asked;
+    }
+    const bool asks = options.canPlay || options.listTypes;
+    if (options.media.empty() && !asks)
+        throw CLI::RequiredError("media");
 }
 
 } // namespace

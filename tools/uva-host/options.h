@@ -1,13 +1,27 @@
 #ifndef UVA_HOST_OPTIONS_H
 #define UVA_HOST_OPTIONS_H
 
+#include "host/media_source.h"
 #include "uva/uva_backend.h"
 
+#include <chrono>
 #include <optional>
 #include <string>
 #include <vector>
 
 namespace uvahost {
+
+/// "T=FILE": another rendition from a time on.
+struct RenditionSwitch {
+    double time = 0; ///< seconds
+    std::string name;
+};
+
+/// "T=audio": a source is detached and attached again at a time.
+struct Detach {
+    double time = 0; ///< seconds
+    host::StreamInfo::Kind kind = host::StreamInfo::Kind::Audio;
+};
 
 /// What the command line asks for. Times in seconds.
 struct Options {
@@ -24,6 +38,17 @@ struct Options {
     std::optional<double> snapshotAt;
     std::string graph;
     std::string timeline;
+
+    bool mse = false; ///< the media are renditions of one, fed sample by sample
+    std::vector<RenditionSwitch> switches;
+    std::vector<Detach> detaches;
+    std::vector<host::KeyPair> keys;
+    std::optional<std::chrono::milliseconds> keyDelay;
+    host::Protection::Scheme protect = host::Protection::Scheme::None;
+    bool fullSampleDecrypter = false;
+
+    std::optional<UVABackend::ContentDescription> canPlay; ///< asked for in place of playing
+    bool listTypes = false;                                ///< the same
 };
 
 struct Parsed {

@@ -47,15 +47,29 @@ Playback::Playback(Stage& stage, std::string name, bool last)
     : m_stage(stage), m_name(std::move(name)),
       m_wantSnapshot(last && !stage.options.snapshot.empty()),
       m_element(stage.library, stage.loop, m_inbox, elementOptions(stage.options)),
-      m_seeksLeft(stage.options.seeks.begin(), stage.options.seeks.end()) {}
+      m_seeksLeft(stage.options.seeks.begin(), stage.options.seeks.end()),
+      m_detachesLeft(stage.options.detaches) {}
 
 Playback::Result Playback::play(const std::string& uri) {
+    begin();
+    m_element.open(uri);
+    return run();
+}
+
+Playback::Result Playback::play(host::MediaSource source) {
+    begin();
+    m_element.openSource(std::move(source));
+    return run();
+}
+
+void Playback::begin() {
     m_status.time = host::Clock::now();
     m_stage.display.begin(m_name);
     m_stage.timeline.mediaBegins(m_name, m_status.time);
     m_stage.terminal.enter();
+}
 
-    m_element.open(uri);
+Playback::Result Playback::run() {
     if (m_stage.options.window)
         m_element.setWindow(*m_stage.options.window);
     m_element.play();
@@ -65,6 +79,7 @@ Playback::Result Playback::play(const std::string& uri) {
         takeSignals();
         takeKeys();
         takeMessages();
+        deliverKeys();
         checkTimes();
     }
     finish();
@@ -78,6 +93,10 @@ void Playback::wait() {
         const auto left = duration<double>(*m_stage.options.duration) - passed;
         const auto rounded = duration_cast<milliseconds>(left) + milliseconds(1);
         bound = std::clamp(rounded, milliseconds(0), bound);
+    }
+    if (m_keysDue) {
+        const auto left = duration_cast<milliseconds>(*m_keysDue - host::Clock::now());
+        bound = std::clamp(left + milliseconds(1), milliseconds(0), bound);
     }
     pollfd fds[] = {{m_inbox.fd(), POLLIN, 0},
                     {m_stage.signals.fd(), POLLIN, 0},
@@ -93,8 +112,10 @@ void Playback::takeMessages() {
             take(*record);
         else if (const auto* status = std::get_if<host::Status>(&message))
             take(*status);
+        else if (const auto* answer = std::get_if<SeekAnswer>(&message))
+            take(*answer);
         else
-            take(std::get<SeekAnswer>(message));
+            take(std::get<KeyNeeded>(message));
     }
     if (m_status.state == host::State::Failed)
         fail(m_status.reason);
@@ -120,6 +141,7 @@ void Playback::take(const host::Status& status) {
     m_status = status;
     m_stage.display.show(status);
     m_stage.timeline.add(status);
+    checkDetaches();
     const bool settled = status.state != host::State::Seeking;
     if (m_wantSnapshot && m_stage.options.snapshotAt && m_result.snapshot.rgba.empty() && settled &&
         status.position >= *m_stage.options.snapshotAt)
@@ -135,6 +157,39 @@ void Playback::take(const SeekAnswer& answer) {
     if (answer.outcome == host::SeekOutcome::Failed)
         return fail("the seek to " + seconds(answer.target) + " failed");
     nextSeek();
+}
+
+void Playback::take(const KeyNeeded& key) {
+    const auto& keys = m_stage.options.keys;
+    const bool known =
+        std::any_of(keys.begin(), keys.end(), [&](const auto& pair) { return pair.id == key.id; });
+    if (!known)
+        return fail("no key for key id " + host::hexText(key.id) + "; give it with --key " +
+                    host::hexText(key.id) + ":KEY");
+    if (!m_keysDue)
+        m_keysDue = host::Clock::now() + m_stage.options.keyDelay.value_or(milliseconds(0));
+}
+
+/// As a licence server that has thought about it.
+void Playback::deliverKeys() {
+    if (!m_keysDue || host::Clock::now() < *m_keysDue)
+        return;
+    m_keysDue.reset();
+    for (const auto& pair : m_stage.options.keys)
+        m_stage.keys->addKey(pair);
+    m_element.resumeFeeding();
+}
+
+void Playback::checkDetaches() {
+    const bool moving = m_status.state == host::State::Playing;
+    for (auto next = m_detachesLeft.begin(); moving && next != m_detachesLeft.end();) {
+        if (m_status.position < next->time) {
+            ++next;
+            continue;
+        }
+        m_element.reattach(next->kind);
+        next = m_detachesLeft.erase(next);
+    }
 }
 
 // ---- what the user does

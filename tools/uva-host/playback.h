@@ -13,6 +13,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace uvahost {
 
@@ -25,6 +26,7 @@ struct Stage {
     Timeline& timeline;
     std::shared_ptr<const host::BackendLibrary> library;
     std::shared_ptr<host::EventLoop> loop;
+    std::shared_ptr<host::ClearKey> keys; ///< null: none was named
 };
 
 /// Plays one piece of media, from the request of its backend to the release. Bound to the program's
@@ -43,16 +45,22 @@ public:
     Playback(Stage& stage, std::string name, bool last);
 
     Result play(const std::string& uri);
+    Result play(host::MediaSource source);
 
 private:
     enum class Stop { None, Ended, Elapsed, Failed, Quit, Signal };
 
+    void begin();
+    Result run();
     void wait();
     void takeMessages();
     void takeRecords();
     void take(const host::Record& record);
     void take(const host::Status& status);
     void take(const SeekAnswer& answer);
+    void take(const KeyNeeded& key);
+    void deliverKeys();
+    void checkDetaches();
     void takeKeys();
     void takeSignals();
     void suspend();
@@ -81,6 +89,9 @@ private:
     std::optional<double> m_seekFromList; // the one under way
     std::optional<double> m_lastTarget;   // of the newest seek, while any is under way
     int m_seeksOpen = 0;
+
+    std::vector<Detach> m_detachesLeft;
+    std::optional<host::Clock::time_point> m_keysDue;
 
     Stop m_stop = Stop::None;
     Result m_result;

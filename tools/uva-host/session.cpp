@@ -1,10 +1,14 @@
 #include "session.h"
 
 #include "host/backend_library.h"
+#include "host/capability_query.h"
 #include "host/event_loop.h"
 #include "host/media_uri.h"
+#include "media_source.h"
 #include "output_file.h"
 #include "pipeline_graph.h"
+#include "uva/uva_client.h"
+#include "uva/uva_event.h"
 
 #include <cerrno>
 #include <cstdio>
@@ -23,6 +27,25 @@ std::unique_ptr<Display> makeDisplay(const Options& options, const Terminal& ter
     return std::make_unique<LogDisplay>();
 }
 
+/// With a delay they come when they are missed.
+std::shared_ptr<host::ClearKey> makeKeys(const Options& options) {
+    if (options.keys.empty())
+        return nullptr;
+    using Interface = host::ClearKey::Interface;
+    auto keys = std::make_shared<host::ClearKey>(
+        options.fullSampleDecrypter ? Interface::FullSample : Interface::PerRange);
+    if (!options.keyDelay)
+        for (const auto& pair : options.keys)
+            keys->addKey(pair);
+    return keys;
+}
+
+/// A question is no playback: what the backend has to tell is of no interest.
+class DeafClient final : public UVAClient {
+public:
+    void deliverEvent(UVAEvent* event) override { delete event; }
+};
+
 } // namespace
 
 Session::Session(Options options) : m_options(std::move(options)) {}
@@ -40,6 +63,8 @@ int Session::run() {
         fail(loaded.error);
         return m_exitCode;
     }
+    if (m_options.canPlay || m_options.listTypes)
+        return answerQuestions(*loaded.library);
     Signals signals;
     Terminal terminal;
     Timeline timeline;
@@ -50,9 +75,33 @@ int Session::run() {
                 *display,
                 timeline,
                 std::move(loaded.library),
-                std::make_shared<host::EventLoop>()};
-    playAll(stage);
+                std::make_shared<host::EventLoop>(),
+                makeKeys(m_options)};
+    if (m_options.mse)
+        playSource(stage);
+    else
+        playAll(stage);
     writeOutputs(timeline);
+    checkLog();
+    return m_exitCode;
+}
+
+int Session::answerQuestions(const host::BackendLibrary& library) {
+    DeafClient client;
+    auto* backend = library.request(UVABackend::VideoElement, &client);
+    if (backend == nullptr) {
+        fail("the library gave no backend; its own message on standard output says why");
+        return m_exitCode;
+    }
+    if (m_options.listTypes)
+        for (const auto& type : host::supportedTypes(*backend))
+            std::puts(type.c_str());
+    if (m_options.canPlay) {
+        const auto answer = host::askCanPlay(*backend, *m_options.canPlay);
+        std::puts(answer.canPlay ? "yes" : ("no: " + answer.reason).c_str());
+        m_exitCode = answer.canPlay ? 0 : 1;
+    }
+    library.release(backend);
     checkLog();
     return m_exitCode;
 }
@@ -64,6 +113,9 @@ bool Session::findMedia() {
             fail(printable(name) + ": " + media.error);
         m_uris.push_back(std::move(media.uri));
     }
+    for (const auto& change : m_options.switches)
+        if (const auto media = host::toMediaUri(change.name); !media.error.empty())
+            fail(printable(change.name) + ": " + media.error);
     return m_exitCode == 0;
 }
 
@@ -81,17 +133,35 @@ void Session::playAll(Stage& stage) {
     for (std::size_t i = 0; i < m_uris.size(); ++i) {
         const auto& name = m_options.media[i];
         Playback playback(stage, name, i + 1 == m_uris.size());
-        auto result = playback.play(m_uris[i]);
-        if (!result.error.empty())
-            fail(printable(name) + ": " + result.error);
-        if (!result.snapshot.rgba.empty())
-            m_snapshot = std::move(result.snapshot);
-        if (result.signal != 0)
-            m_exitCode = 128 + result.signal;
-        m_abandoned = result.abandoned;
-        if (result.quit || result.signal != 0 || m_abandoned)
+        if (!take(playback.play(m_uris[i]), name))
             return;
     }
+}
+
+/// All that is named is one piece of media.
+void Session::playSource(Stage& stage) {
+    std::string name;
+    for (const auto& part : m_options.media)
+        name += (name.empty() ? "" : " + ") + part;
+    if (stage.keys != nullptr)
+        UVA_OfferDRMBackend(host::clearKeySystem, stage.keys.get());
+    {
+        Playback playback(stage, name, true);
+        take(playback.play(makeMediaSource(m_options, stage.keys)), name);
+    }
+    UVA_OfferDRMBackend(host::clearKeySystem, nullptr);
+}
+
+/// Whether the run goes on.
+bool Session::take(Playback::Result result, const std::string& name) {
+    if (!result.error.empty())
+        fail(printable(name) + ": " + result.error);
+    if (!result.snapshot.rgba.empty())
+        m_snapshot = std::move(result.snapshot);
+    if (result.signal != 0)
+        m_exitCode = 128 + result.signal;
+    m_abandoned = result.abandoned;
+    return !result.quit && result.signal == 0 && !m_abandoned;
 }
 
 void Session::writeOutputs(const Timeline& timeline) {

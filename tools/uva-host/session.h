@@ -29,9 +29,12 @@ public:
     bool abandoned() const { return m_abandoned; }
 
 private:
+    int answerQuestions(const host::BackendLibrary& library);
     bool findMedia();
     bool checkOutputs();
     void playAll(Stage& stage);
+    void playSource(Stage& stage);
+    bool take(Playback::Result result, const std::string& name);
     void writeOutputs(const Timeline& timeline);
     void checkLog();
     void fail(const std::string& text);

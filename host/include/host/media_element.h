@@ -1,6 +1,7 @@
 #ifndef HOST_MEDIA_ELEMENT_H
 #define HOST_MEDIA_ELEMENT_H
 
+#include "host/media_source.h"
 #include "host/observer.h"
 #include "host/picture.h"
 #include "uva/uva_backend.h"
@@ -63,12 +64,20 @@ public:
 
     /// Requests the backend and gives it the media. Once an element; later calls do nothing.
     void open(std::string uri);
+    /// The same with samples in place of a URL.
+    void openSource(MediaSource source);
     void play();
     void pause();
 
     /// Seconds. One seek is under way at a time; one more waits, and a newer request takes its
     /// place. A seek before playback has started waits for it.
     void seek(double seconds);
+
+    /// Of an element that was given a MediaSource: detaches the source of this kind and attaches it
+    /// again. The backend seeks to where it is.
+    void reattach(StreamInfo::Kind kind);
+    /// ... keys have come, or a stream has been filled: samples that were held back go on.
+    void resumeFeeding();
 
     /// In a screen of 1280 by 720.
     void setWindow(const UVABackend::Rect& window);

@@ -2,6 +2,8 @@
 #define HOST_STATUS_H
 
 #include "host/record.h"
+#include "host/sample_stream.h"
+#include "uva/uva_backend.h"
 
 #include <string>
 #include <vector>
@@ -30,6 +32,12 @@ struct Component {
     std::string label;
 };
 
+/// What the backend holds of a media source that the host feeds.
+struct BufferedSource {
+    StreamInfo::Kind kind = StreamInfo::Kind::Video;
+    std::vector<UVABackend::TimeRange> ranges; ///< seconds
+};
+
 /// What a front end shows of a media element. A plain value.
 struct Status {
     Clock::time_point time; ///< when this was so
@@ -40,6 +48,7 @@ struct Status {
     int width = -1, height = -1;   ///< pixels; -1: unknown
     double pixelAspectRatio = 1.0; ///< width of a pixel over its height
     std::vector<Component> components;
+    std::vector<BufferedSource> sources; ///< empty: a URL is played
 };
 
 } // namespace host

@@ -13,6 +13,7 @@ struct Unref {
     void operator()(GstObject* object) const { gst_object_unref(object); }
     void operator()(GstElementFactory* factory) const { gst_object_unref(factory); }
     void operator()(GstCaps* caps) const { gst_caps_unref(caps); }
+    void operator()(GstBuffer* buffer) const { gst_buffer_unref(buffer); }
     void operator()(GstSample* sample) const { gst_sample_unref(sample); }
     void operator()(GstStructure* structure) const { gst_structure_free(structure); }
     void operator()(GstIterator* iterator) const { gst_iterator_free(iterator); }

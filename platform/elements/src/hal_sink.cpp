@@ -1,6 +1,7 @@
 #include "hal_sink.h"
 
 #include "inner_sinks.h"
+#include "opus_caps.h"
 
 #include <gst/base/gstbasesink.h>
 
@@ -68,6 +69,11 @@ GstFlowReturn HalSink::onEvent(GstPad* pad, GstObject* parent, GstEvent* event) 
     case GST_EVENT_CAPS: {
         GstCaps* caps = nullptr;
         gst_event_parse_caps(event, &caps);
+        if (const auto translated = opusCapsForDecoder(caps)) {
+            gst_event_unref(event);
+            event = gst_event_new_caps(translated.get());
+            gst_event_parse_caps(event, &caps);
+        }
         const auto flow = self.prepare(caps);
         if (flow != GST_FLOW_OK) {
             gst_event_unref(event);
@@ -79,9 +85,13 @@ GstFlowReturn HalSink::onEvent(GstPad* pad, GstObject* parent, GstEvent* event) 
         self.m_flushing = true;
         self.interrupt();
         break;
-    case GST_EVENT_FLUSH_STOP:
+    case GST_EVENT_FLUSH_STOP: {
         self.m_flushing = false;
+        // A seek ends a wait for the decoder with a refusal: what comes after it asks again.
+        auto refused = Decoder::Refused;
+        self.m_decoder.compare_exchange_strong(refused, Decoder::Undecided);
         break;
+    }
     default:
         break;
     }
@@ -90,6 +100,8 @@ GstFlowReturn HalSink::onEvent(GstPad* pad, GstObject* parent, GstEvent* event) 
 
 GstFlowReturn HalSink::onChain(GstPad* pad, GstObject* parent, GstBuffer* buffer) {
     auto& self = implOf(parent);
+    if (self.m_decoder == Decoder::Undecided)
+        self.prepareAgain(pad);
     switch (self.m_decoder.load()) {
     case Decoder::Granted:
         if (self.m_chain.format())
@@ -148,6 +160,12 @@ GstFlowReturn HalSink::prepare(GstCaps* caps) {
     if (m_decoder == Decoder::Refused || m_chain.format() == format)
         return GST_FLOW_OK;
     return buildChain(*format, caps);
+}
+
+/// With the caps from before a flush.
+void HalSink::prepareAgain(GstPad* pad) {
+    if (const GstPtr<GstCaps> caps(gst_pad_get_current_caps(pad)); caps)
+        prepare(caps.get());
 }
 
 GstFlowReturn HalSink::buildChain(const MediaFormat& format, GstCaps* caps) {

@@ -1,0 +1,99 @@
+#include "media_source.h"
+
+#include "display.h"
+
+#include <algorithm>
+#include <utility>
+
+namespace uvahost {
+
+namespace {
+
+using host::DemuxedMedia;
+using host::SampleStream;
+using Streams = std::vector<std::unique_ptr<SampleStream>>;
+
+const char* nameOf(host::StreamInfo::Kind kind) {
+    return kind == host::StreamInfo::Kind::Audio ? "audio" : "video";
+}
+
+std::unique_ptr<SampleStream>* find(Streams& streams, host::StreamInfo::Kind kind) {
+    const auto found = std::find_if(streams.begin(), streams.end(), [kind](const auto& stream) {
+        return stream->info().kind == kind;
+    });
+    return found != streams.end() ? &*found : nullptr;
+}
+
+/// Adds the streams of a file; answers what is wrong.
+std::string addFile(const std::string& name, const std::atomic<bool>& cancelled,
+                    Streams& streams) {
+    auto media = host::openMedia(name, cancelled);
+    if (media.streams.empty())
+        return printable(name) + ": " + media.error;
+    for (auto& stream : media.streams) {
+        const auto kind = stream->info().kind;
+        if (find(streams, kind) != nullptr)
+            return printable(name) + ": there is " + nameOf(kind) +
+                   " already; name one file with it, others with --switch-at";
+        streams.push_back(std::move(stream));
+    }
+    return {};
+}
+
+std::string addSwitch(const RenditionSwitch& change, const std::atomic<bool>& cancelled,
+                      Streams& streams) {
+    auto media = host::openMedia(change.name, cancelled);
+    if (media.streams.empty())
+        return printable(change.name) + ": " + media.error;
+    for (auto& stream : media.streams) {
+        auto* present = find(streams, stream->info().kind);
+        if (present == nullptr)
+            continue;
+        if ((*present)->info().codec != stream->info().codec)
+            return printable(change.name) + ": " + nameOf(stream->info().kind) + " is " +
+                   stream->info().codec + ", not " + (*present)->info().codec +
+                   "; renditions must have one codec";
+        *present = host::switchAt(std::move(*present), change.time, std::move(stream));
+    }
+    return {};
+}
+
+/// What opening needs of the options.
+struct Recipe {
+    std::vector<std::string> names;
+    std::vector<RenditionSwitch> switches;
+    host::Protection::Scheme protect = host::Protection::Scheme::None;
+    std::vector<host::KeyPair> keys;
+
+    DemuxedMedia open(const std::atomic<bool>& cancelled) const {
+        DemuxedMedia result;
+        for (const auto& name : names)
+            if (result.error = addFile(name, cancelled, result.streams); !result.error.empty())
+                return {{}, result.error};
+        for (const auto& change : switches)
+            if (result.error = addSwitch(change, cancelled, result.streams);
+                !result.error.empty())
+                return {{}, result.error};
+        if (protect != host::Protection::Scheme::None)
+            for (auto& stream : result.streams)
+                stream = host::protect(std::move(stream), protect, keys.front());
+        return result;
+    }
+};
+
+} // namespace
+
+host::MediaSource makeMediaSource(const Options& options,
+                                  std::shared_ptr<const host::ClearKey> keys) {
+    Recipe recipe{options.media, options.switches, options.protect, options.keys};
+    std::stable_sort(recipe.switches.begin(), recipe.switches.end(),
+                     [](const auto& a, const auto& b) { return a.time < b.time; });
+    host::MediaSource source;
+    source.open = [recipe = std::move(recipe)](const std::atomic<bool>& cancelled) {
+        return recipe.open(cancelled);
+    };
+    source.keys = std::move(keys);
+    return source;
+}
+
+} // namespace uvahost
