@@ -16,8 +16,7 @@ std::vector<UVASample::Subsample> rangesOf(const SampleData& data) {
 } // namespace
 
 Sample::Sample(SampleData data)
-    : m_data(std::move(data)),
-      m_keyReference(keyReference(m_data.protection)),
+    : m_data(std::move(data)), m_keyReference(keyReference(m_data.protection)),
       m_subsamples(rangesOf(m_data)) {}
 
 Sample::~Sample() = default;
