@@ -8,6 +8,7 @@ extern "C" {
 
 #include <algorithm>
 #include <cmath>
+#include <cstring>
 #include <limits>
 #include <utility>
 
@@ -84,7 +85,9 @@ double AvStream::endOfStream() const {
         return time == AV_NOPTS_VALUE ? 0 : static_cast<double>(time) / AV_TIME_BASE;
     };
     double end = 0;
-    if (stream().duration != AV_NOPTS_VALUE)
+    // An estimate from the last times in the file misses most of an audio packet with many frames.
+    if (stream().duration != AV_NOPTS_VALUE &&
+        context.duration_estimation_method != AVFMT_DURATION_FROM_PTS)
         end = knownOr(-m_timeOffset, seconds(stream().start_time)) +
               static_cast<double>(stream().duration) * av_q2d(stream().time_base);
     else
@@ -171,7 +174,10 @@ void AvStream::endWith(int error) {
 
 /// The container's index knows samples behind the last one that was there.
 bool AvStream::isTruncated() const {
-    auto* stream = m_input->context()->streams[m_index];
+    auto* context = m_input->context();
+    if ((context->iformat->flags & AVFMT_GENERIC_INDEX) != 0)
+        return false; // the index is libavformat's own, of what was read
+    auto* stream = context->streams[m_index];
     const auto* last =
         avformat_index_get_entry(stream, avformat_index_get_entries_count(stream) - 1);
     return last != nullptr && (m_lastRead == AV_NOPTS_VALUE || m_lastRead < last->timestamp);
@@ -185,7 +191,7 @@ std::string AvStream::seek(double target) {
     target = std::clamp(knownOr(0, target), 0.0, longestMedia);
     if (m_firstRead == AV_NOPTS_VALUE)
         readPacket();
-    for (double back = 0; back < target; back = std::max(1.0, back * 2)) {
+    for (double back = 0; back < target && knowsTimes(); back = std::max(1.0, back * 2)) {
         if (jump(target - back) && readAheadTo(target))
             return {};
         if (m_input->interrupted())
@@ -197,6 +203,12 @@ std::string AvStream::seek(double target) {
     if (!m_ahead.empty() || !m_end)
         return {};
     return m_end->empty() ? "there is no key frame to start from" : *m_end;
+}
+
+/// Pages of Ogg tell when they end: behind a seek libavformat takes the time asked for as that of
+/// the first packet, where it is only the page's. From the start it counts right.
+bool AvStream::knowsTimes() const {
+    return std::strcmp(m_input->context()->iformat->name, "ogg") != 0;
 }
 
 /// libavformat may land later than asked, or fail.
@@ -242,7 +254,6 @@ void AvStream::startReading() {
     m_ahead.clear();
     m_end.reset();
     m_lastRead = AV_NOPTS_VALUE;
-    m_lastDts = unknownTime;
     m_distance = -1;
 }
 
@@ -273,9 +284,6 @@ std::optional<SampleData> AvStream::makeSample(const Packet& packet) {
     SampleData sample;
     sample.pts = knownOr(-1, packet.pts);
     sample.dts = knownOr(-1, packet.dts);
-    if (packet.dts > m_lastDts)
-        m_distance = packet.dts - m_lastDts;
-    m_lastDts = packet.dts;
     sample.duration = durationOf(packet);
     sample.keyFrame = packet.keyFrame;
     sample.config = packet.format->config;
@@ -288,7 +296,7 @@ std::optional<SampleData> AvStream::makeSample(const Packet& packet) {
     return sample.size == 0 ? std::nullopt : std::optional(std::move(sample));
 }
 
-double AvStream::durationOf(const Packet& packet) const {
+double AvStream::durationOf(const Packet& packet) {
     const auto& parameters = *stream().codecpar;
     if (packet.av->duration > 0)
         return static_cast<double>(packet.av->duration) * av_q2d(stream().time_base);
@@ -296,6 +304,17 @@ double AvStream::durationOf(const Packet& packet) const {
         return 1 / av_q2d(stream().avg_frame_rate);
     if (isAudio() && parameters.frame_size > 0 && parameters.sample_rate > 0)
         return static_cast<double>(parameters.frame_size) / parameters.sample_rate;
+    return distanceToNext(packet);
+}
+
+/// Behind the last packet: what it was before.
+double AvStream::distanceToNext(const Packet& packet) {
+    if (m_ahead.empty()) {
+        if (auto next = readPacket())
+            m_ahead.push_back(std::move(*next));
+    }
+    if (!m_ahead.empty() && m_ahead.front().dts > packet.dts)
+        m_distance = m_ahead.front().dts - packet.dts;
     return m_distance;
 }
 
@@ -305,8 +324,9 @@ bool AvStream::moveIntoMedia(SampleData& sample) const {
     constexpr double nothing = 1e-6;
     if (sample.duration >= 0) {
         sample.duration = std::max(sample.pts + sample.duration, 0.0);
-        // Opus decoders drop that delay by themselves, with the frames of which it is made.
-        if (sample.duration < nothing && m_codec != AV_CODEC_ID_OPUS)
+        // These decoders need the first packet, and know by themselves what of it is not heard.
+        const bool needed = m_codec == AV_CODEC_ID_OPUS || m_codec == AV_CODEC_ID_VORBIS;
+        if (sample.duration < nothing && !needed)
             return false;
     }
     sample.pts = 0;

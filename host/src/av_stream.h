@@ -48,6 +48,7 @@ private:
     void endWith(int error);
     bool isTruncated() const;
 
+    bool knowsTimes() const;
     bool jump(double target);
     std::string goToStart();
     std::string reopen();
@@ -56,7 +57,8 @@ private:
 
     std::optional<SampleData> makeSample(const Packet& packet);
     std::string takePayload(const Packet& packet, SampleData& sample) const;
-    double durationOf(const Packet& packet) const;
+    double durationOf(const Packet& packet);
+    double distanceToNext(const Packet& packet);
     bool moveIntoMedia(SampleData& sample) const;
 
     const std::unique_ptr<AvInput> m_input;
@@ -71,8 +73,7 @@ private:
     std::optional<std::string> m_end; ///< nothing follows what is read, and what went wrong if so
     std::int64_t m_firstRead = AV_NOPTS_VALUE; ///< timestamp of the very first packet
     std::int64_t m_lastRead = AV_NOPTS_VALUE;  ///< of the latest, since the last seek
-    double m_lastDts = 0;                      ///< of the packet delivered last; not a number: none
-    double m_distance = -1;                    ///< seconds between the two delivered last
+    double m_distance = -1;                    ///< seconds from the packet before
 };
 
 } // namespace host
