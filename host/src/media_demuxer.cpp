@@ -1,0 +1,100 @@
+#include "host/media_demuxer.h"
+
+#include "av_stream.h"
+
+extern "C" {
+#include <libavcodec/avcodec.h>
+}
+
+#include <array>
+#include <cstring>
+#include <utility>
+
+namespace host {
+
+namespace {
+
+constexpr std::array<AVMediaType, 2> mediaTypes = {AVMEDIA_TYPE_AUDIO, AVMEDIA_TYPE_VIDEO};
+/// A clock that starts later than this, in seconds, counts something else than the media.
+constexpr double latestStart = 0.5;
+
+bool isCandidate(const AVStream& stream, AVMediaType type) {
+    return stream.codecpar->codec_type == type && stream.codecpar->codec_id != AV_CODEC_ID_NONE &&
+           (stream.disposition & AV_DISPOSITION_ATTACHED_PIC) == 0;
+}
+
+/// -1 when there is none that media sources take.
+int firstStream(const AVFormatContext& context, AVMediaType type) {
+    for (unsigned int i = 0; i < context.nb_streams; ++i) {
+        const auto& stream = *context.streams[i];
+        if (isCandidate(stream, type) && mediaSourceType(stream.codecpar->codec_id) != nullptr)
+            return static_cast<int>(i);
+    }
+    return -1;
+}
+
+/// For an input of which no stream can be fed.
+std::string whyNone(const AVFormatContext& context) {
+    std::string codecs;
+    for (const auto type : mediaTypes) {
+        for (unsigned int i = 0; i < context.nb_streams; ++i) {
+            const auto& stream = *context.streams[i];
+            if (!isCandidate(stream, type))
+                continue;
+            codecs += codecs.empty() ? "" : " and ";
+            codecs += std::string("the ") + av_get_media_type_string(type) + " codec " +
+                      avcodec_get_name(stream.codecpar->codec_id);
+            break;
+        }
+    }
+    return codecs.empty() ? "there is neither audio nor video in it"
+                          : codecs + " cannot be fed as a media source; play the URL without --mse";
+}
+
+/// What becomes time 0: transport streams, and what is cut out of something longer, begin anywhere.
+double timeOffset(const AVFormatContext& context) {
+    if (context.start_time == AV_NOPTS_VALUE)
+        return 0;
+    const double start = static_cast<double>(context.start_time) / AV_TIME_BASE;
+    const bool transportStream = std::strcmp(context.iformat->name, "mpegts") == 0;
+    return transportStream || start > latestStart ? start : 0;
+}
+
+DemuxedMedia failed(std::string error) {
+    DemuxedMedia media;
+    media.error = std::move(error);
+    return media;
+}
+
+} // namespace
+
+DemuxedMedia openMedia(const std::string& name, const std::atomic<bool>& cancelled) {
+    auto input = std::make_unique<AvInput>(name, cancelled);
+    if (auto error = input->open(); !error.empty())
+        return failed(std::move(error));
+    const double offset = timeOffset(*input->context());
+    auto why = whyNone(*input->context());
+
+    DemuxedMedia media;
+    for (const auto type : mediaTypes) {
+        if (input == nullptr) {
+            input = std::make_unique<AvInput>(name, cancelled);
+            if (auto error = input->open(); !error.empty())
+                return failed(std::move(error));
+        }
+        const int index = firstStream(*input->context(), type);
+        if (index < 0)
+            continue;
+        input->forgetCancelled();
+        std::string error;
+        auto stream = AvStream::make(std::move(input), index, offset, error);
+        if (stream == nullptr)
+            return failed(std::move(error));
+        media.streams.push_back(std::move(stream));
+    }
+    if (media.streams.empty())
+        media.error = std::move(why);
+    return media;
+}
+
+} // namespace host

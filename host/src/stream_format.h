@@ -1,0 +1,34 @@
+#ifndef HOST_STREAM_FORMAT_H
+#define HOST_STREAM_FORMAT_H
+
+#include "codec_conversion.h"
+#include "host/sample_stream.h"
+
+extern "C" {
+#include <libavformat/avformat.h>
+}
+
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace host {
+
+/// How the packets of a stream become samples, until its codec headers change. Immutable.
+struct StreamFormat {
+    std::shared_ptr<const UVAStreamConfig> config;
+    std::optional<AdtsFormat> adts;      ///< frames are raw AAC: each gets this in front
+    std::vector<std::uint8_t> extradata; ///< what the two were made from
+};
+
+/// The MIME type of the codec for a media source; null when media sources do not take it.
+const char* mediaSourceType(AVCodecID codec);
+
+/// For a stream whose codec media sources take, with these codec headers. Null, and why.
+std::shared_ptr<const StreamFormat>
+makeStreamFormat(const AVStream& stream, std::vector<std::uint8_t> extradata, std::string& error);
+
+} // namespace host
+
+#endif

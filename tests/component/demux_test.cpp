@@ -1,0 +1,539 @@
+#include "codec_conversion.h"
+#include "host/media_demuxer.h"
+
+#include "support/wait_until.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <arpa/inet.h>
+#include <cmath>
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <future>
+#include <netinet/in.h>
+#include <set>
+#include <sstream>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <thread>
+#include <unistd.h>
+
+namespace {
+
+using host::Protection;
+using host::StreamInfo;
+using support::waitUntil;
+using Bytes = std::vector<std::uint8_t>;
+using Samples = std::vector<std::unique_ptr<host::Sample>>;
+
+/// "corpus:..." is a real file, anything else one that the build makes.
+std::string pathOf(const std::string& name) {
+    constexpr std::string_view corpus = "corpus:";
+    return name.rfind(corpus, 0) == 0 ? TEST_CORPUS "/" + name.substr(corpus.size())
+                                      : TEST_MEDIA_DIR "/" + name;
+}
+
+bool isHere(const std::string& name) {
+    return std::filesystem::exists(TEST_CORPUS) || name.rfind("corpus:", 0) != 0;
+}
+
+host::DemuxedMedia open(const std::string& path) {
+    const std::atomic<bool> cancelled{false};
+    return host::openMedia(path, cancelled);
+}
+
+std::unique_ptr<host::SampleStream> openStream(const std::string& name, StreamInfo::Kind kind) {
+    auto media = open(pathOf(name));
+    EXPECT_EQ(media.error, "");
+    for (auto& stream : media.streams) {
+        if (stream->info().kind == kind)
+            return std::move(stream);
+    }
+    return nullptr;
+}
+
+Samples readAll(host::SampleStream& stream, std::string& error) {
+    Samples samples;
+    while (true) {
+        auto batch = stream.read(50);
+        EXPECT_LE(batch.samples.size(), 50U);
+        std::move(batch.samples.begin(), batch.samples.end(), std::back_inserter(samples));
+        error = batch.error;
+        if (batch.ended || !batch.error.empty())
+            return samples;
+        if (batch.samples.empty()) {
+            ADD_FAILURE() << "a file has no pauses";
+            return samples;
+        }
+    }
+}
+
+/// Packets that ffprobe finds, without the audio that ends before time 0.
+std::size_t packetsOf(const std::string& name, bool audio) {
+    const auto command = "ffprobe -v quiet -select_streams " + std::string(audio ? "a:0" : "V:0") +
+                         " -show_entries packet=pts_time,duration_time -of csv=p=1 '" +
+                         pathOf(name) + "'";
+    const std::unique_ptr<FILE, int (*)(FILE*)> pipe(popen(command.c_str(), "r"), pclose);
+    const bool mayBegin = audio && name.find(".ts") == std::string::npos &&
+                          name.find("opus") == std::string::npos &&
+                          name.find("vorbis") == std::string::npos;
+    std::size_t count = 0;
+    for (char line[128]; fgets(line, sizeof line, pipe.get()) != nullptr;) {
+        double pts = 0;
+        double duration = 0;
+        const int fields = sscanf(line, "packet,%lf,%lf", &pts, &duration);
+        if (std::string_view(line).rfind("packet", 0) != 0)
+            continue;
+        count += fields == 2 && mayBegin && pts < 0 && pts + duration < 1e-5 ? 0 : 1;
+    }
+    return count;
+}
+
+/// Where reading has to begin for a target.
+std::size_t startFor(const Samples& scan, double target) {
+    std::size_t start = scan.size();
+    for (std::size_t i = 0; i < scan.size(); ++i) {
+        if (scan[i]->data().keyFrame && (start == scan.size() || scan[i]->pts() <= target + 0.001))
+            start = i;
+    }
+    return start;
+}
+
+struct File {
+    const char* name;
+    const char* audio; ///< MIME type, empty without
+    const char* video;
+    bool codecData = false; ///< of the video
+};
+void PrintTo(const File& file, std::ostream* out) {
+    *out << file.name;
+}
+
+class Demux : public testing::TestWithParam<File> {
+protected:
+    void check(const std::string& name, host::SampleStream& stream);
+    void checkSeeks(host::SampleStream& stream, const Samples& scan);
+};
+
+void Demux::check(const std::string& name, host::SampleStream& stream) {
+    const auto& info = stream.info();
+    const bool audio = info.kind == StreamInfo::Kind::Audio;
+    SCOPED_TRACE(info.codec);
+    EXPECT_EQ(info.mimeType, audio ? GetParam().audio : GetParam().video);
+
+    std::string error;
+    const auto scan = readAll(stream, error);
+    EXPECT_EQ(error, "");
+    EXPECT_EQ(scan.size(), packetsOf(name, audio));
+    ASSERT_FALSE(scan.empty());
+    double dts = -1e9;
+    double end = 0;
+    for (const auto& sample : scan) {
+        ASSERT_NE(sample->payload(), nullptr);
+        EXPECT_GT(sample->payloadSize(), 0U);
+        EXPECT_GE(sample->dts(), dts);
+        EXPECT_GE(sample->pts(), audio ? 0 : -0.2);
+        EXPECT_GE(sample->duration(), 0);
+        EXPECT_LT(sample->duration(), 1.5);
+        EXPECT_EQ(sample->config(), scan.front()->config());
+        EXPECT_EQ(sample->keyId(), nullptr);
+        dts = sample->dts();
+        end = std::max(end, sample->pts() + sample->duration());
+    }
+    if (info.duration > 0) {
+        EXPECT_NEAR(info.duration, end, 0.15);
+    }
+    const auto& config = *scan.front()->config();
+    EXPECT_GT(audio ? config.sampleRate * config.channels : config.width * config.height, 0);
+    if (!audio) {
+        EXPECT_EQ(config.codecData != nullptr, GetParam().codecData);
+    }
+    checkSeeks(stream, scan);
+}
+
+void Demux::checkSeeks(host::SampleStream& stream, const Samples& scan) {
+    const double end = scan.back()->pts();
+    std::vector<double> targets = {0, end * 0.9, end * 0.5, end + 100, end * 0.3, end, end * 0.1};
+    for (std::size_t i = 0; i < scan.size(); i += std::max<std::size_t>(scan.size() / 5, 1)) {
+        const auto key = startFor(scan, scan[i]->pts());
+        targets.push_back(scan[key]->pts());
+        targets.push_back(scan[key]->pts() - 0.01);
+    }
+    for (double target : targets) {
+        target = std::max(target, 0.0);
+        SCOPED_TRACE("seek to " + std::to_string(target));
+        ASSERT_EQ(stream.seek(target), "");
+        std::string error;
+        const auto rest = readAll(stream, error);
+        EXPECT_EQ(error, "");
+        const auto start = startFor(scan, target);
+        ASSERT_EQ(rest.size(), scan.size() - start);
+        for (std::size_t i = 0; i < rest.size(); ++i) {
+            ASSERT_NEAR(rest[i]->pts(), scan[start + i]->pts(), 1e-3) << i;
+            ASSERT_EQ(rest[i]->payloadSize(), scan[start + i]->payloadSize()) << i;
+        }
+        EXPECT_TRUE(rest.front()->data().keyFrame);
+    }
+}
+
+TEST_P(Demux, DeliversEverySampleFromEveryKeyFrame) {
+    if (!isHere(GetParam().name))
+        GTEST_SKIP() << "there is no corpus";
+    auto media = open(pathOf(GetParam().name));
+    ASSERT_EQ(media.error, "");
+    std::size_t expected = *GetParam().audio != '\0' ? 1 : 0;
+    expected += *GetParam().video != '\0' ? 1 : 0;
+    ASSERT_EQ(media.streams.size(), expected);
+    for (const auto& stream : media.streams)
+        check(GetParam().name, *stream);
+}
+
+constexpr auto* aac = "audio/x-aac+adts";
+constexpr auto* ac3 = "audio/x-ac3";
+constexpr auto* eac3 = "audio/x-eac3";
+constexpr auto* mp3 = "audio/mpeg";
+constexpr auto* opus = "audio/x-opus";
+constexpr auto* vorbis = "audio/x-vorbis";
+constexpr auto* h264 = "video/x-h264";
+constexpr auto* h265 = "video/x-h265";
+constexpr auto* vp8 = "video/x-vp8";
+constexpr auto* vp9 = "video/x-vnd.on2.vp9";
+
+INSTANTIATE_TEST_SUITE_P(
+    Files, Demux,
+    testing::Values(File{"clip.mp4", aac, h264, true}, File{"frag.mp4", aac, h264, true},
+                    File{"h264-aac.ts", aac, h264}, File{"h265-eac3.mp4", eac3, h265, true},
+                    File{"mpeg4-mp3.mp4", mp3, ""}, File{"opus.ogg", opus, ""},
+                    File{"vp8-vorbis.webm", vorbis, vp8}, File{"vp9-opus.webm", opus, vp9},
+                    File{"corpus:broken/mdat-too-long.mp4", aac, h264, true},
+                    File{"corpus:hls/ts/bear-640x360-audio-2.ts", aac, ""},
+                    File{"corpus:hls/ts/bear-640x360-video-2.ts", "", h264},
+                    File{"corpus:mse/aac.mp4", aac, ""}, File{"corpus:mse/ac3.mp4", ac3, ""},
+                    File{"corpus:mse/eac3.mp4", eac3, ""},
+                    File{"corpus:mse/h264-320x240.mp4", "", h264, true},
+                    File{"corpus:mse/hevc.mp4", "", h265, true},
+                    File{"corpus:mse/muxed-h264-aac-6s.mp4", aac, h264, true},
+                    File{"corpus:mse/opus.mp4", opus, ""}, File{"corpus:mse/opus.webm", opus, ""},
+                    File{"corpus:mse/vp9-320x240.webm", "", vp9},
+                    File{"corpus:progressive/aac-adts-id3.aac", aac, ""},
+                    File{"corpus:progressive/mkv-h264-ac3.mkv", ac3, h264, true},
+                    File{"corpus:progressive/mp3-cbr-5s.mp3", mp3, ""},
+                    File{"corpus:progressive/mp3-cover-art.mp3", mp3, ""},
+                    File{"corpus:progressive/mp4-aac-only-15s.mp4", aac, ""},
+                    File{"corpus:progressive/mp4-ac3-51.mp4", ac3, ""},
+                    File{"corpus:progressive/mp4-av1-aac.mp4", aac, ""},
+                    File{"corpus:progressive/mp4-edit-list-shift.mp4", aac, h264, true},
+                    File{"corpus:progressive/mp4-h264-aac-10s.mp4", aac, h264, true},
+                    File{"corpus:progressive/mp4-h264-aac-1080p-6min.mp4", aac, h264, true},
+                    File{"corpus:progressive/mp4-h264-aac-faststart.mp4", aac, h264, true},
+                    File{"corpus:progressive/mp4-h264-eac3.mp4", eac3, h264, true},
+                    File{"corpus:progressive/mp4-h264-timecode-30s.mp4", "", h264, true},
+                    File{"corpus:progressive/mp4-h264-vfr.mp4", "", h264, true},
+                    File{"corpus:progressive/mp4-heaac-silent-right.mp4", aac, ""},
+                    File{"corpus:progressive/mp4-hevc-main10-hdr10.mp4", aac, h265, true},
+                    File{"corpus:progressive/mp4-hevc-rotated-90.mp4", aac, h265, true},
+                    File{"corpus:progressive/mp4-vp9-aac.mp4", aac, vp9},
+                    File{"corpus:progressive/ogg-opus.opus", opus, ""},
+                    File{"corpus:progressive/ogg-vorbis.ogg", vorbis, ""},
+                    File{"corpus:progressive/ts-h264-aac-pts-wrap.ts", aac, h264},
+                    File{"corpus:progressive/ts-h264-aac.ts", aac, h264},
+                    File{"corpus:progressive/ts-hevc-aac.ts", aac, h265},
+                    File{"corpus:progressive/webm-multitrack.webm", vorbis, vp8},
+                    File{"corpus:progressive/webm-vp8-vorbis-6s.webm", vorbis, vp8},
+                    File{"corpus:progressive/webm-vp8-vorbis-live.webm", vorbis, vp8},
+                    File{"corpus:progressive/webm-vp9-odd-size.webm", "", vp9},
+                    File{"corpus:progressive/webm-vp9-opus-51.webm", opus, vp9}));
+
+TEST(Conversion, MakesAdtsHeadersOfAudioSpecificConfigs) {
+    const struct {
+        Bytes config;
+        int profile, rateIndex, channels; ///< none: cannot be told in ADTS
+    } rows[] = {
+        {{0x12, 0x10}, 1, 4, 2},                    // LC, 44100 Hz, stereo
+        {{0x11, 0xb0}, 1, 3, 6},                    // LC, 48000 Hz, 5.1
+        {{0x2b, 0x92, 0x08, 0x00}, 1, 7, 2},        // SBR: a core of 22050 Hz
+        {{0xeb, 0x8a, 0x08, 0x00}, 1, 7, 1},        // PS: a mono core
+        {{0x17, 0x80, 0x5d, 0xc0, 0x10}, 1, 3, 2},  // 48000 Hz, spelled out
+        {{0x17, 0x80, 0x5d, 0xc2, 0x10}, -1, 0, 0}, // 48001 Hz... is in no table
+        {{0x12, 0x00}, -1, 0, 0},                   // channels told elsewhere
+        {{0xf8, 0xc0, 0x00, 0x00}, -1, 0, 0},       // an object type above 31
+        {{0x12}, -1, 0, 0},
+        {{}, -1, 0, 0},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(testing::PrintToString(row.config));
+        const auto format = host::parseAudioSpecificConfig(row.config.data(), row.config.size());
+        ASSERT_EQ(format.has_value(), row.profile >= 0);
+        if (!format)
+            continue;
+        const auto header = host::adtsHeader(*format, 0x1234);
+        EXPECT_EQ(header[0] << 8 | header[1], 0xfff1);
+        EXPECT_EQ(header[2] >> 6, row.profile);
+        EXPECT_EQ(header[2] >> 2 & 15, row.rateIndex);
+        EXPECT_EQ((header[2] & 1) << 2 | header[3] >> 6, row.channels);
+        EXPECT_EQ((header[3] & 3) << 11 | header[4] << 3 | header[5] >> 5, 0x1234 + 7);
+        EXPECT_EQ(header[6], 0xfc);
+    }
+}
+
+TEST(Conversion, TurnsXiphHeaders) {
+    Bytes laced = {2, 3, 255, 1, 'a', 'b', 'c'};
+    laced.insert(laced.end(), 256, 'd');
+    EXPECT_TRUE(host::joinVorbisHeaders(laced.data(), laced.size()).empty()) << "no third one";
+    laced.push_back('e');
+    const auto joined = host::joinVorbisHeaders(laced.data(), laced.size());
+    EXPECT_EQ(joined, Bytes(laced.begin() + 4, laced.end()));
+    for (const std::size_t size : {0, 1, 3, 4, 20})
+        EXPECT_TRUE(host::joinVorbisHeaders(laced.data(), size).empty()) << size;
+
+    const Bytes opusHead = {'O',  'p', 'u',  's',  'H', 'e', 'a', 'd', 1, 2,
+                            0x38, 1,   0x80, 0xbb, 0,   0,   5,   6,   0};
+    const Bytes turned = {'O', 'p',  'u', 's', 'H',  'e',  'a', 'd', 1, 2,
+                          1,   0x38, 0,   0,   0xbb, 0x80, 6,   5,   0};
+    EXPECT_EQ(host::turnOpusHeader(opusHead.data(), opusHead.size()), turned);
+    EXPECT_TRUE(host::turnOpusHeader(opusHead.data(), 18).empty());
+    EXPECT_TRUE(host::turnOpusHeader(laced.data(), laced.size()).empty());
+}
+
+TEST(Configuration, TellsHowStreamsAreCoded) {
+    auto audio = openStream("clip.mp4", StreamInfo::Kind::Audio);
+    for (const auto& sample : audio->read(20).samples) {
+        const auto* frame = sample->payload();
+        EXPECT_EQ(frame[0] << 8 | frame[1], 0xfff1);
+        EXPECT_EQ(static_cast<std::size_t>((frame[3] & 3) << 11 | frame[4] << 3 | frame[5] >> 5),
+                  sample->payloadSize());
+        EXPECT_EQ(frame[2] >> 2 & 15, 3) << "48000 Hz";
+        EXPECT_EQ(sample->config()->sampleRate, 48000);
+        EXPECT_EQ(sample->config()->channels, 2);
+    }
+    auto video = openStream("clip.mp4", StreamInfo::Kind::Video)->read(1);
+    ASSERT_EQ(video.samples.size(), 1U);
+    EXPECT_EQ(video.samples[0]->config()->width, 640);
+    EXPECT_EQ(video.samples[0]->config()->height, 360);
+
+    const std::string hdr = "corpus:progressive/mp4-hevc-main10-hdr10.mp4";
+    if (!isHere(hdr))
+        return;
+    video = openStream(hdr, StreamInfo::Kind::Video)->read(1);
+    ASSERT_EQ(video.samples.size(), 1U);
+    const auto* color = video.samples[0]->config()->color;
+    ASSERT_NE(color, nullptr);
+    EXPECT_EQ(color->matrix, 9U);
+    EXPECT_EQ(color->range, 1U);
+    EXPECT_EQ(color->transfer, 16U);
+    EXPECT_EQ(color->primaries, 9U);
+    EXPECT_EQ(color->bitsPerChannel, 10U);
+}
+
+TEST(Encryption, IsToldOfEverySample) {
+    constexpr auto audio = StreamInfo::Kind::Audio;
+    constexpr auto video = StreamInfo::Kind::Video;
+    constexpr auto cenc = Protection::Scheme::Cenc;
+    constexpr auto cbcs = Protection::Scheme::Cbcs;
+    const struct {
+        const char* name;
+        StreamInfo::Kind kind;
+        std::size_t samples, clear, keyFrames;
+        Protection::Scheme scheme;
+        unsigned int crypt, skip;
+        const char* keyId;
+    } rows[] = {
+        {"sintel-cenc-clear-lead.mp4", video, 120, 96, 2, cenc, 0, 0,
+         "abba271e8bcf552bbd2e86a434a9a5d9"},
+        {"sintel-cenc-subsamples.mp4", video, 120, 0, 2, cenc, 0, 0,
+         "abba271e8bcf552bbd2e86a434a9a5d9"},
+        {"sintel-cbcs-2-8.mp4", video, 120, 0, 2, cbcs, 2, 8, "abba271e8bcf552bbd2e86a434a9a5d9"},
+        {"bear-cbcs-video.mp4", video, 82, 30, 3, cbcs, 1, 9, "31323334353637383930313233343536"},
+        {"bear-cbcs-audio.mp4", audio, 118, 44, 118, cbcs, 0, 0,
+         "31323334353637383930313233343536"},
+        {"bear-hevc-cenc.mp4", video, 84, 30, 3, cenc, 0, 0, "31323334353637383930313233343536"},
+        {"bbb-cenc-video.mp4", video, 122, 0, 122, cenc, 0, 0, "ad13f9ea2be698b875f504a8e3ccea64"},
+        {"bbb-cenc-audio.mp4", audio, 239, 0, 239, cenc, 0, 0, "558ee541b90ab2f3950d00ade3760d45"},
+        {"webm-vp8-vorbis.webm", video, 182, 0, 16, cenc, 0, 0, "30313233343536373839303132333435"},
+        {"webm-vp8-vorbis.webm", audio, 261, 0, 261, cenc, 0, 0,
+         "30313233343536373839303132333435"},
+    };
+    for (const auto& row : rows) {
+        const auto name = std::string("corpus:cenc/") + row.name;
+        SCOPED_TRACE(name);
+        if (!isHere(name))
+            GTEST_SKIP() << "there is no corpus";
+        auto stream = openStream(name, row.kind);
+        ASSERT_NE(stream, nullptr);
+        std::string error;
+        const auto samples = readAll(*stream, error);
+        EXPECT_EQ(error, "");
+        EXPECT_EQ(samples.size(), row.samples);
+        std::size_t clear = 0;
+        std::size_t keyFrames = 0;
+        for (const auto& sample : samples) {
+            keyFrames += sample->data().keyFrame ? 1 : 0;
+            const auto& protection = sample->data().protection;
+            if (sample->keyId() == nullptr) {
+                ++clear;
+                continue;
+            }
+            std::string keyId;
+            for (const auto byte : protection.keyId) {
+                constexpr auto* digits = "0123456789abcdef";
+                keyId += {digits[byte >> 4], digits[byte & 15]};
+            }
+            EXPECT_EQ(keyId, row.keyId);
+            EXPECT_EQ(protection.scheme, row.scheme);
+            EXPECT_EQ(sample->cryptByteBlock(), row.crypt);
+            EXPECT_EQ(sample->skipByteBlock(), row.skip);
+            EXPECT_EQ(sample->keyIdSize(), row.scheme == cbcs ? 18U : 16U);
+            EXPECT_TRUE(sample->ivSize() == 16 || (sample->ivSize() == 8 && row.scheme == cenc));
+            std::size_t sum = 0;
+            for (const auto& part : sample->subsamples())
+                sum += part.clearBytes + part.encryptedBytes;
+            EXPECT_EQ(sum, sample->payloadSize());
+            if (row.kind == audio && sample->config()->codec == UVAStreamConfig::CODEC_AAC) {
+                EXPECT_GE(sample->subsamples().front().clearBytes, host::adtsHeaderSize);
+            }
+        }
+        EXPECT_EQ(clear, row.clear);
+        EXPECT_EQ(keyFrames, row.keyFrames);
+    }
+}
+
+TEST(Failure, IsToldInWords) {
+    const auto fifo = "/tmp/demux_test." + std::to_string(getpid());
+    ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+    EXPECT_NE(open(fifo).error.find("give a file or a URL"), std::string::npos);
+    unlink(fifo.c_str());
+    EXPECT_EQ(open("").error, "No such file or directory");
+    EXPECT_EQ(open("/nowhere/clip.mp4").error, "No such file or directory");
+    EXPECT_EQ(open(pathOf("av1-flac.mkv")).error,
+              "the audio codec flac and the video codec av1 cannot be fed as a media source; play "
+              "the URL without --mse");
+    const std::pair<const char*, const char*> rows[] = {
+        {"ten-bytes.bin", "Invalid data found when processing input"},
+        {"element-too-large.webm", "End of file"},
+        {"no-streams.webm", "there is neither audio nor video in it"},
+        {"garbage-prefix.mp3", "the audio codec amr_nb cannot be fed as a media source; play the "
+                               "URL without --mse"},
+        {"../cenc/muxed-clearkey-pssh.mp4", "Invalid data found when processing input"},
+    };
+    for (const auto& [name, error] : rows) {
+        const auto full = std::string("corpus:broken/") + name;
+        if (isHere(full)) {
+            EXPECT_EQ(open(pathOf(full)).error, error) << name;
+        }
+    }
+}
+
+/// Files that open, and break later or not at all: read, sought and read again to their ends.
+TEST(Failure, MayComeLater) {
+    const auto half = "/tmp/demux_test.half." + std::to_string(getpid()) + ".mp4";
+    std::filesystem::copy_file(pathOf("clip.mp4"), half);
+    std::filesystem::resize_file(half, std::filesystem::file_size(half) / 2);
+    const std::string truncated = "the media ends before its last sample; it is truncated";
+    const std::pair<std::string, std::string> rows[] = {
+        {half, truncated},
+        {pathOf("corpus:broken/truncated-after-moov.mp4"), truncated},
+        {pathOf("corpus:broken/missing-stsd.mp4"), ""},
+        {pathOf("corpus:broken/vp9-bad-bitstream.webm"), ""},
+        {pathOf("corpus:broken/vp9-bad-frame.webm"), ""},
+        {pathOf("corpus:broken/aac-truncated.aac"), ""},
+    };
+    for (const auto& [path, expected] : rows) {
+        SCOPED_TRACE(path);
+        if (!std::filesystem::exists(path))
+            continue;
+        auto media = open(path);
+        ASSERT_FALSE(media.streams.empty()) << media.error;
+        for (const auto& stream : media.streams) {
+            std::string error;
+            const auto scan = readAll(*stream, error);
+            EXPECT_EQ(error, expected);
+            EXPECT_EQ(stream->seek(0), scan.empty() ? expected : "");
+            EXPECT_LE(readAll(*stream, error).size(), scan.size());
+            EXPECT_EQ(error, expected);
+        }
+    }
+    std::filesystem::remove(half);
+}
+
+/// A server that answers everyone with the same bytes, and then with silence.
+class StallingServer {
+public:
+    explicit StallingServer(std::string bytes) : m_bytes(std::move(bytes)) {
+        sockaddr_in address = {};
+        address.sin_family = AF_INET;
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        socklen_t size = sizeof address;
+        auto* generic = reinterpret_cast<sockaddr*>(&address);
+        EXPECT_EQ(bind(m_listener, generic, size), 0);
+        EXPECT_EQ(listen(m_listener, 8), 0);
+        EXPECT_EQ(getsockname(m_listener, generic, &size), 0);
+        m_name = "tcp://127.0.0.1:" + std::to_string(ntohs(address.sin_port));
+        m_thread = std::thread([this] { serve(); });
+    }
+    ~StallingServer() {
+        shutdown(m_listener, SHUT_RDWR);
+        m_thread.join();
+        for (const int peer : m_peers)
+            close(peer);
+        close(m_listener);
+    }
+    const std::string& name() const { return m_name; }
+    int served() const { return m_served; }
+
+private:
+    void serve() {
+        for (int peer = 0; (peer = accept(m_listener, nullptr, nullptr)) >= 0;) {
+            m_peers.push_back(peer);
+            EXPECT_EQ(send(peer, m_bytes.data(), m_bytes.size(), MSG_NOSIGNAL),
+                      static_cast<ssize_t>(m_bytes.size()));
+            ++m_served;
+        }
+    }
+
+    const std::string m_bytes;
+    const int m_listener = socket(AF_INET, SOCK_STREAM, 0);
+    std::string m_name;
+    std::vector<int> m_peers;
+    std::atomic<int> m_served{0};
+    std::thread m_thread;
+};
+
+TEST(Interruption, EndsAnOpening) {
+    const StallingServer server("");
+    std::atomic<bool> cancelled{false};
+    auto media =
+        std::async(std::launch::async, [&] { return host::openMedia(server.name(), cancelled); });
+    EXPECT_TRUE(waitUntil([&] { return server.served() > 0; }));
+    cancelled = true;
+    ASSERT_EQ(media.wait_for(std::chrono::seconds(20)), std::future_status::ready);
+    EXPECT_EQ(media.get().error, "interrupted");
+}
+
+TEST(Interruption, EndsReadingAndSeeking) {
+    std::stringstream bytes;
+    bytes << std::ifstream(pathOf("frag.mp4"), std::ios::binary).rdbuf();
+    const StallingServer server(bytes.str().substr(0, bytes.str().size() / 2));
+    auto media = open(server.name());
+    ASSERT_EQ(media.streams.size(), 2U) << media.error;
+    for (const auto& stream : media.streams) {
+        std::atomic<std::size_t> count{0};
+        auto error = std::async(std::launch::async, [&] {
+            while (true) {
+                const auto batch = stream->read(1);
+                count += batch.samples.size();
+                if (batch.samples.empty())
+                    return batch.error;
+            }
+        });
+        EXPECT_TRUE(waitUntil([&] { return count > 20; }));
+        stream->interrupt();
+        ASSERT_EQ(error.wait_for(std::chrono::seconds(20)), std::future_status::ready);
+        EXPECT_EQ(error.get(), "interrupted");
+        EXPECT_EQ(stream->seek(1), "interrupted");
+        EXPECT_EQ(stream->read(1).error, "interrupted");
+    }
+}
+
+} // namespace
