@@ -1,0 +1,7 @@
+#include "host/sample_stream.h"
+
+namespace host {
+
+SampleStream::~SampleStream() = default;
+
+} // namespace host
