@@ -13,6 +13,7 @@ namespace {
 using host::ClearKey;
 using Bytes = std::vector<std::uint8_t>;
 using Ranges = std::vector<UVADRMFullSampleDecrypter::Subsample>;
+using Map = std::vector<std::pair<std::uint32_t, std::uint32_t>>; ///< clear, encrypted bytes
 using Scheme = host::Protection::Scheme;
 
 constexpr auto interfaces = {ClearKey::Interface::PerRange, ClearKey::Interface::FullSample};
@@ -217,6 +218,16 @@ private:
     std::size_t m_next = 0;
 };
 
+/// `payload` outlives it.
+host::SampleData clearSample(const Bytes& payload, std::shared_ptr<UVAStreamConfig> config) {
+    host::SampleData sample;
+    sample.payload = {std::shared_ptr<void>(), payload.data()};
+    sample.size = payload.size();
+    sample.pts = 1.5;
+    sample.config = std::move(config);
+    return sample;
+}
+
 /// NAL units of 10, 200, 8 and 40 bytes with these first bytes behind prefixes of as many bytes:
 /// lengths, or start codes. Only the second one is a slice with something to hide.
 Bytes nalUnits(const Bytes& firstBytes, std::size_t prefix, bool startCodes) {
@@ -237,48 +248,29 @@ struct ProtectCase {
     int codec;
     Bytes codecData;
     Bytes payload;
-    std::vector<std::pair<std::uint32_t, std::uint32_t>> cenc, cbcs; ///< clear, encrypted bytes
+    Map cenc, cbcs;
 };
 
 std::vector<ProtectCase> protectCases() {
-    Bytes avcC = fromHex("0142c01effe1000000");
+    const auto avcC = fromHex("0142c01effe1000000");
     Bytes hvcC(23);
     hvcC[21] = 0xf1;
-    Bytes adts = someBytes(107);
-    std::copy_n(fromHex("fff1").begin(), 2, adts.begin());
-    Bytes crcAdts = someBytes(8);
-    std::copy_n(fromHex("fff8").begin(), 2, crcAdts.begin());
-    const Bytes h264 = {0x67, 0x65, 0x06, 0x41}, h265 = {0x40, 0x26, 0x4e, 0x02};
-    auto lying = nalUnits(h264, 4, false);
+    const Bytes avc = {0x67, 0x65, 0x06, 0x41}, hevc = {0x40, 0x26, 0x4e, 0x02};
+    const auto avc1 = nalUnits(avc, 4, false), avc3 = nalUnits(avc, 4, true);
+    const auto hvc1 = nalUnits(hevc, 2, false), hvc3 = nalUnits(hevc, 3, true);
+    auto lying = avc1;
     lying[14] = 0x7f;
+    auto adts = someBytes(107);
+    adts[0] = 0xff, adts[1] = 0xf1;
+    const auto crcAdts = fromHex("fff8010203040506");
     return {
-        {"H.264, lengths",
-         2001,
-         avcC,
-         nalUnits(h264, 4, false),
-         {{122, 96}, {56, 0}},
-         {{114, 104}, {56, 0}}},
-        {"H.264, start codes",
-         2001,
-         {},
-         nalUnits(h264, 4, true),
-         {{122, 96}, {56, 0}},
-         {{114, 104}, {56, 0}}},
+        {"H.264, lengths", 2001, avcC, avc1, {{122, 96}, {56, 0}}, {{114, 104}, {56, 0}}},
+        {"H.264, start codes", 2001, {}, avc3, {{122, 96}, {56, 0}}, {{114, 104}, {56, 0}}},
         {"H.264, lying length", 2001, avcC, lying, {{274, 0}}, {{274, 0}}},
         {"H.264, cut length", 2001, avcC, {0, 0, 1}, {{3, 0}}, {{3, 0}}},
         {"H.264, bare start code", 2001, {}, {0, 0, 1}, {{3, 0}}, {{3, 0}}},
-        {"H.265, lengths",
-         2002,
-         hvcC,
-         nalUnits(h265, 2, false),
-         {{118, 96}, {52, 0}},
-         {{110, 104}, {52, 0}}},
-        {"H.265, start codes",
-         2002,
-         {},
-         nalUnits(h265, 3, true),
-         {{120, 96}, {54, 0}},
-         {{112, 104}, {54, 0}}},
+        {"H.265, lengths", 2002, hvcC, hvc1, {{118, 96}, {52, 0}}, {{110, 104}, {52, 0}}},
+        {"H.265, start codes", 2002, {}, hvc3, {{120, 96}, {54, 0}}, {{112, 104}, {54, 0}}},
         {"VP9", 2008, {}, someBytes(1000), {{72, 928}}, {{64, 936}}},
         {"VP8", 2007, {}, someBytes(31), {{31, 0}}, {{31, 0}}},
         {"AAC", 1001, fromHex("1190"), someBytes(99), {{0, 99}}, {{0, 99}}},
@@ -294,11 +286,7 @@ void checkProtection(const ProtectCase& row, Scheme scheme, ClearKey& keys) {
     config->codec = row.codec;
     config->codecData = row.codecData.empty() ? nullptr : row.codecData.data();
     config->codecDataSize = row.codecData.size();
-    host::SampleData clear;
-    clear.payload = {row.payload.data(), [](const std::uint8_t*) {}};
-    clear.size = row.payload.size();
-    clear.pts = 1.5;
-    clear.config = config;
+    const auto clear = clearSample(row.payload, config);
     const bool isVideo = row.codec >= 2000;
     auto stream =
         host::protect(std::make_unique<ReadyStream>(isVideo ? host::StreamInfo::Kind::Video
@@ -316,7 +304,7 @@ void checkProtection(const ProtectCase& row, Scheme scheme, ClearKey& keys) {
         ivs.insert(iv);
         Bytes data(sample->payload(), sample->payload() + sample->payloadSize());
         Ranges ranges;
-        std::vector<std::pair<std::uint32_t, std::uint32_t>> map;
+        Map map;
         std::uint32_t at = 0;
         std::size_t encrypted = 0;
         for (const auto& entry : sample->subsamples()) {
@@ -355,11 +343,8 @@ TEST(ClearKeyProtect, WhatIsProtectedCanBeParsedAndDecrypted) {
 
 TEST(ClearKeyProtect, NoSampleSlipsThroughClear) {
     const auto payload = someBytes(50);
-    host::SampleData lost;
-    lost.payload = {payload.data(), [](const std::uint8_t*) {}};
-    lost.size = payload.size();
+    const auto lost = clearSample(payload, nullptr);
     auto protectedOnce = lost;
-    protectedOnce.config = std::make_shared<UVAStreamConfig>();
     protectedOnce.protection.scheme = Scheme::Cbcs;
     auto stream = host::protect(std::make_unique<ReadyStream>(host::StreamInfo::Kind::Audio,
                                                               std::vector{protectedOnce, lost}),
@@ -371,16 +356,15 @@ TEST(ClearKeyProtect, NoSampleSlipsThroughClear) {
     EXPECT_FALSE(batch.ended);
 }
 
-class ForeignDecrypter final : public UVADRMDecrypter {
-    int decrypt(const Input&, const Output&) override { return 0; }
-};
-
 TEST(ClearKeyRefusal, KeyReferencesAndObjectsThatItDoesNotKnow) {
     ClearKey keys(ClearKey::Interface::FullSample);
     keys.addKey(pair);
-    ForeignDecrypter foreign;
-    UVADRMDecrypter* decrypter = &foreign;
+    ClearKey others(ClearKey::Interface::PerRange);
+    others.addKey(pair);
     const auto cbcs = reference(Scheme::Cbcs);
+    UVADRMDecrypter* foreign = nullptr;
+    ASSERT_EQ(others.createDecrypter(foreign, cbcs.data(), cbcs.size(), 0), 1);
+    auto* decrypter = foreign;
     for (const std::size_t size : {0, 15, 17, 19}) {
         Bytes id = cbcs;
         id.resize(size);
@@ -389,7 +373,7 @@ TEST(ClearKeyRefusal, KeyReferencesAndObjectsThatItDoesNotKnow) {
     EXPECT_NE(keys.createDecrypter(decrypter, nullptr, 16, 0), 1);
     EXPECT_NE(keys.createDecrypter(decrypter, reference(Scheme::Cbcs, 0, 9).data(), 18, 0), 1);
     EXPECT_NE(keys.createDecrypter(decrypter, Bytes(16).data(), 16, 0), 1) << "unknown key";
-    EXPECT_EQ(decrypter, &foreign);
+    EXPECT_EQ(decrypter, foreign);
 
     Bytes data(16);
     std::uint32_t slot = 77;
@@ -416,22 +400,24 @@ TEST(ClearKeyRefusal, VectorsAndMemoryThatDoNotFit) {
         ASSERT_EQ(keys.createDecrypter(decrypter, id.data(), id.size(), 0), 1);
         const Bytes iv(17);
         Bytes in(32), out(32);
-        const auto piece = [&](const std::uint8_t* vector, std::size_t ivSize, bool first = true) {
-            return UVADRMDecrypter::Input{vector, ivSize, in.data(), in.size(), first};
+        const auto result = [&](std::size_t ivSize, bool first = true, std::size_t outSize = 32) {
+            return decrypter->decrypt(
+                {ivSize == 0 ? nullptr : iv.data(), ivSize, in.data(), in.size(), first},
+                {out.data(), outSize});
         };
-        EXPECT_NE(decrypter->decrypt(piece(nullptr, 16, false), {out.data(), 32}), 0);
+        EXPECT_NE(result(0, false), 0) << "nothing to carry on";
         for (const std::size_t size : {0, 7, 9, 15, 17})
-            EXPECT_NE(decrypter->decrypt(piece(iv.data(), size), {out.data(), 32}), 0) << size;
-        EXPECT_EQ(decrypter->decrypt(piece(iv.data(), 8), {out.data(), 32}) == 0,
-                  scheme == Scheme::Cenc);
-        EXPECT_EQ(decrypter->decrypt(piece(iv.data(), 16), {out.data(), 32}), 0);
+            EXPECT_NE(result(size), 0) << size;
+        EXPECT_EQ(result(8) == 0, scheme == Scheme::Cenc);
+        EXPECT_EQ(result(16), 0);
         EXPECT_NE(out, in) << "decrypted into other memory";
         EXPECT_EQ(in, Bytes(32));
-        EXPECT_NE(decrypter->decrypt(piece(nullptr, 0, true), {out.data(), 32}), 0);
+        EXPECT_NE(result(0), 0) << "the vector of the sample before";
         const Bytes before = out;
-        EXPECT_NE(decrypter->decrypt(piece(iv.data(), 16), {out.data(), 31}), 0);
-        EXPECT_NE(decrypter->decrypt(piece(iv.data(), 16), {nullptr, 32}), 0);
+        EXPECT_NE(result(16, true, 31), 0);
+        EXPECT_NE(decrypter->decrypt({iv.data(), 16, in.data(), 32, true}, {nullptr, 32}), 0);
         EXPECT_NE(decrypter->decrypt({iv.data(), 16, nullptr, 32, true}, {out.data(), 32}), 0);
+        EXPECT_NE(result(0, false), 0) << "the sample has failed";
         EXPECT_EQ(out, before);
     }
     EXPECT_EQ(keys.created(), 2U);
@@ -462,24 +448,19 @@ TEST(ClearKeyMany, KeysHaveDecryptersAndSlotsOfTheirOwn) {
     ClearKey keys(ClearKey::Interface::PerRange);
     std::vector<UVADRMDecrypter*> decrypters(16);
     std::set<Bytes> results;
-    std::set<std::uint32_t> slots;
     for (std::uint8_t i = 0; i < 16; ++i) {
-        host::KeyPair own = {{i}, {i}};
+        const host::KeyPair own = {{i}, {i}};
         keys.addKey(own);
         ASSERT_EQ(keys.createDecrypter(decrypters[i], own.id.data(), own.id.size(), 0), 1);
     }
-    std::uint32_t slot = 0;
-    for (auto* const decrypter : decrypters) {
+    for (std::uint32_t i = 0, slot = 0; i < 16; ++i) {
         Bytes data(16);
-        EXPECT_EQ(decryptRanges(*decrypter, Bytes(8), data, {{0, 16}}), 0);
+        EXPECT_EQ(decryptRanges(*decrypters[i], Bytes(8), data, {{0, 16}}), 0);
         results.insert(data);
-        EXPECT_EQ(find<UVADRMKeySlotGetter>(keys)->getKeySlot(decrypter, slot), 1);
-        slots.insert(slot);
+        EXPECT_EQ(find<UVADRMKeySlotGetter>(keys)->getKeySlot(decrypters[i], slot), 1);
+        EXPECT_EQ(slot, i + 1);
     }
     EXPECT_EQ(results.size(), 16U);
-    EXPECT_EQ(slots.size(), 16U);
-    EXPECT_EQ(*slots.begin(), 1U);
-    EXPECT_EQ(*slots.rbegin(), 16U);
     for (auto* const decrypter : decrypters)
         keys.releaseDecrypter(decrypter);
     EXPECT_EQ(keys.released(), 16U);
@@ -519,11 +500,9 @@ TEST(ClearKeyText, KeysAreReadOrLeftAlone) {
                   id + "0123456789abcdeffedcba9876543210");
     }
     const auto before = read.key;
-    for (const std::string& text :
-         {std::string(), std::string(":"), id, id + ":", ":" + key, id + key, id + ":" + key + "0",
-          id + ":" + key.substr(1) + "g", id.substr(1) + ":" + key, id + "::" + key,
-          "0011-2233-4455-66778899-aabbccddeeff:" + key,
-          id + ":00112233-4455-6677-8899-aabbccddeeff"})
+    for (const auto& text : {std::string(), id, id + ":", ":" + key, id + key, id + ":" + key + "0",
+                             id + ":" + key.substr(1) + "g", id + "::" + key,
+                             "0011-2233-4455-66778899-aabbccddeeff:" + key})
         EXPECT_FALSE(host::parseKey(text, read)) << text;
     EXPECT_EQ(read.key, before);
 }
