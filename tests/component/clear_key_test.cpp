@@ -4,7 +4,7 @@
 #include <openssl/evp.h>
 
 #include <algorithm>
-#include <numeric>
+#include <functional>
 #include <set>
 #include <thread>
 
@@ -261,7 +261,8 @@ std::vector<ProtectCase> protectCases() {
     auto lying = avc1;
     lying[14] = 0x7f;
     auto adts = someBytes(107);
-    adts[0] = 0xff, adts[1] = 0xf1;
+    adts[0] = 0xff;
+    adts[1] = 0xf1;
     const auto crcAdts = fromHex("fff8010203040506");
     return {
         {"H.264, lengths", 2001, avcC, avc1, {{122, 96}, {56, 0}}, {{114, 104}, {56, 0}}},
@@ -406,6 +407,8 @@ TEST(ClearKeyRefusal, VectorsAndMemoryThatDoNotFit) {
                 {out.data(), outSize});
         };
         EXPECT_NE(result(0, false), 0) << "nothing to carry on";
+        EXPECT_EQ(decryptRanges(*decrypter, Bytes(16), out, {{0, 32}}), 0);
+        EXPECT_NE(result(0, false), 0) << "the sample has ended";
         for (const std::size_t size : {0, 7, 9, 15, 17})
             EXPECT_NE(result(size), 0) << size;
         EXPECT_EQ(result(8) == 0, scheme == Scheme::Cenc);
