@@ -23,9 +23,11 @@ public:
     Aes(const EVP_CIPHER* mode, const KeyBytes& key, SampleCipher::Direction direction)
         : m_context(EVP_CIPHER_CTX_new()) {
         const int encrypt = direction == SampleCipher::Direction::Encrypt ? 1 : 0;
+        // Only where it would hold a block back: the library sets it again at each restart.
+        const bool pads = EVP_CIPHER_get_block_size(mode) > 1;
         if (m_context == nullptr ||
             EVP_CipherInit_ex(m_context.get(), mode, nullptr, key.data(), nullptr, encrypt) != 1 ||
-            EVP_CIPHER_CTX_set_padding(m_context.get(), 0) != 1)
+            (pads && EVP_CIPHER_CTX_set_padding(m_context.get(), 0) != 1))
             m_context.reset();
     }
 
