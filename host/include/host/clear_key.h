@@ -31,7 +31,8 @@ std::string hexText(const KeyBytes& bytes);
 
 /// Content protection with keys that are simply known: "cenc" (AES-CTR) and "cbcs" (AES-CBC with a
 /// pattern), ISO/IEC 23001-7. Key ids are those of keyReference(). Nothing blocks: a decrypter
-/// whose key is not there is refused. Thread-safe.
+/// whose key is not there is refused. Every decrypter has a key slot, numbered from 1. Those that
+/// are not given back end with this object. Thread-safe.
 class ClearKey final : public UVADRMBackend {
 public:
     /// Which decrypter interface backends find.
@@ -57,10 +58,12 @@ private:
     const std::unique_ptr<State> m_state;
 };
 
-/// The samples of a clear stream, encrypted on their way: so any codec can be tried protected. The
-/// headers of H.264 and H.265 NAL units, and of video frames of other codecs what a parser needs,
-/// stay clear; audio is encrypted as a whole. Encrypted ones pass as they are. The payload is
-/// copied.
+/// The samples of a clear stream, encrypted on their way: so any codec can be tried protected.
+/// Parameter sets and slice headers of H.264 and H.265, the first bytes of other video frames and
+/// ADTS headers stay clear; other audio is encrypted as a whole. Video in Cbcs has the pattern 1:9,
+/// audio none. Samples that are encrypted already pass as they are. The payload is copied. A sample
+/// that cannot be encrypted ends the stream with an error: none slips through clear. A null stream
+/// and Scheme::None come back as they are.
 std::unique_ptr<SampleStream> protect(std::unique_ptr<SampleStream> clear,
                                       Protection::Scheme scheme, const KeyPair& key);
 
