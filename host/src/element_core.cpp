@@ -506,9 +506,10 @@ void ElementCore::underrun() {
         setState(State::Buffering);
 }
 
+/// Of a media source it only says that samples have arrived: what moves tells that it plays.
 void ElementCore::buffered() {
     m_watch.restart();
-    if (m_status.state == State::Buffering)
+    if (m_feeder == nullptr && m_status.state == State::Buffering)
         setState(State::Playing);
 }
 

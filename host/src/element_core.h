@@ -29,7 +29,7 @@ class BackendLibrary;
 /// closeGate() and operationUnderWay(). Tasks share its ownership: should the loop's thread hang in
 /// the backend, it keeps what it stands on.
 class ElementCore final : public UVAClient,
-                          private MseFeeder::Client,
+                          public MseFeeder::Client,
                           public std::enable_shared_from_this<ElementCore> {
 public:
     ElementCore(std::shared_ptr<const BackendLibrary> library, std::shared_ptr<EventLoop> loop,

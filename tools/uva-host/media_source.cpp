@@ -29,29 +29,29 @@ std::string addFile(const std::string& name, const std::atomic<bool>& cancelled,
                     Streams& streams) {
     auto media = host::openMedia(name, cancelled);
     if (media.streams.empty())
-        return printable(name) + ": " + media.error;
+        return media.error;
     for (auto& stream : media.streams) {
         const auto kind = stream->info().kind;
         if (find(streams, kind) != nullptr)
-            return printable(name) + ": there is " + nameOf(kind) +
+            return std::string("there is ") + nameOf(kind) +
                    " already; name one file with it, others with --switch-at";
         streams.push_back(std::move(stream));
     }
     return {};
 }
 
+/// Puts its streams behind those of their kind; answers what is wrong.
 std::string addSwitch(const RenditionSwitch& change, const std::atomic<bool>& cancelled,
                       Streams& streams) {
     auto media = host::openMedia(change.name, cancelled);
     if (media.streams.empty())
-        return printable(change.name) + ": " + media.error;
+        return media.error;
     for (auto& stream : media.streams) {
         auto* present = find(streams, stream->info().kind);
         if (present == nullptr)
             continue;
         if ((*present)->info().codec != stream->info().codec)
-            return printable(change.name) + ": " + nameOf(stream->info().kind) + " is " +
-                   stream->info().codec + ", not " + (*present)->info().codec +
+            return std::string(nameOf(stream->info().kind)) + " is " + stream->info().codec + ", not " + (*present)->info().codec +
                    "; renditions must have one codec";
         *present = host::switchAt(std::move(*present), change.time, std::move(stream));
     }
@@ -68,16 +68,21 @@ struct Recipe {
     DemuxedMedia open(const std::atomic<bool>& cancelled) const {
         DemuxedMedia result;
         for (const auto& name : names)
-            if (result.error = addFile(name, cancelled, result.streams); !result.error.empty())
-                return {{}, result.error};
+            if (const auto error = addFile(name, cancelled, result.streams); !error.empty())
+                return {{}, blame(name, error)};
         for (const auto& change : switches)
-            if (result.error = addSwitch(change, cancelled, result.streams);
-                !result.error.empty())
-                return {{}, result.error};
+            if (const auto error = addSwitch(change, cancelled, result.streams); !error.empty())
+                return {{}, blame(change.name, error)};
         if (protect != host::Protection::Scheme::None)
             for (auto& stream : result.streams)
                 stream = host::protect(std::move(stream), protect, keys.front());
         return result;
+    }
+
+private:
+    /// Which of several files it is.
+    std::string blame(const std::string& name, const std::string& error) const {
+        return names.size() + switches.size() > 1 ? printable(name) + ": " + error : error;
     }
 };
 
