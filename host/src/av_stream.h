@@ -71,9 +71,9 @@ private:
     SharedFormat m_format;            ///< of the packet read last
     std::deque<Packet> m_ahead;       ///< read already, by a seek
     std::optional<std::string> m_end; ///< nothing follows what is read, and what went wrong if so
-    std::int64_t m_firstRead = AV_NOPTS_VALUE; ///< timestamp of the very first packet
-    std::int64_t m_lastRead = AV_NOPTS_VALUE;  ///< of the latest, since the last seek
-    double m_distance = -1;                    ///< seconds from the packet before
+    std::optional<std::int64_t> m_firstRead;    ///< timestamp of the very first packet
+    std::int64_t m_latestRead = AV_NOPTS_VALUE; ///< the greatest since the last seek
+    double m_distance = -1;                     ///< seconds from the packet before
 };
 
 } // namespace host
