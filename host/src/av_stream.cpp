@@ -236,19 +236,24 @@ std::string AvStream::goToStart() {
 
 std::string AvStream::reopen() {
     startReading();
-    const auto codec = m_codec;
     auto error = m_input->open();
-    const auto* context = m_input->context();
-    if (context != nullptr && (static_cast<unsigned int>(m_index) >= context->nb_streams ||
-                               stream().codecpar->codec_id != codec)) {
-        m_input->close();
+    if (error.empty() && !hasSameStream())
         error = "it is another file than before";
-    }
-    if (error.empty() && (m_format = makeStreamFormat(stream(), extradataOf(stream()), error)))
-        readOnly();
-    if (!error.empty())
+    auto format =
+        error.empty() ? makeStreamFormat(stream(), extradataOf(stream()), error) : nullptr;
+    if (format == nullptr) {
+        m_input->close();
         m_end = error;
-    return error;
+        return error;
+    }
+    m_format = std::move(format);
+    readOnly();
+    return {};
+}
+
+bool AvStream::hasSameStream() const {
+    return static_cast<unsigned int>(m_index) < m_input->context()->nb_streams &&
+           stream().codecpar->codec_id == m_codec;
 }
 
 void AvStream::startReading() {

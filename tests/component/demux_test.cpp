@@ -488,6 +488,27 @@ TEST(Failure, MayComeLater) {
     std::filesystem::remove(half);
 }
 
+TEST(Failure, OfAFileThatChangesIsSurvived) {
+    const auto path = "/tmp/demux_test.changes." + std::to_string(getpid()) + ".mp4";
+    constexpr auto overwrite = std::filesystem::copy_options::overwrite_existing;
+    std::filesystem::copy_file(pathOf("clip.mp4"), path);
+    auto media = open(path);
+    ASSERT_EQ(media.streams.size(), 2U);
+    for (const auto& stream : media.streams) {
+        std::filesystem::copy_file(pathOf("clip.mp4"), path, overwrite);
+        ASSERT_EQ(stream->seek(0), "");
+        std::filesystem::resize_file(path, 0);
+        EXPECT_NE(stream->seek(3), "");
+        EXPECT_NE(stream->read(1).error, "");
+        std::filesystem::copy_file(pathOf("opus.ogg"), path, overwrite);
+        EXPECT_EQ(stream->seek(0), "it is another file than before");
+        std::filesystem::copy_file(pathOf("clip.mp4"), path, overwrite);
+        EXPECT_EQ(stream->seek(0), "");
+        EXPECT_EQ(stream->read(10).samples.size(), 10U);
+    }
+    std::filesystem::remove(path);
+}
+
 /// A server that answers everyone with the same bytes, and then with silence.
 class StallingServer {
 public:
