@@ -134,9 +134,9 @@ std::optional<AvStream::Packet> AvStream::readPacket() {
         }
         if (packet->stream_index != m_index || !takeNewHeaders(*packet) || packet->size <= 0)
             continue;
-        m_lastRead = timestampOf(*packet);
-        if (m_firstRead == AV_NOPTS_VALUE)
-            m_firstRead = m_lastRead;
+        m_latestRead = std::max({m_latestRead, packet->pts, packet->dts}); // unknown is the least
+        if (!m_firstRead)
+            m_firstRead = timestampOf(*packet);
         // Without reordering the two times are the same.
         const bool ordered = isAudio() || stream().codecpar->video_delay == 0;
         const auto pts = packet->pts == AV_NOPTS_VALUE && ordered ? packet->dts : packet->pts;
@@ -180,7 +180,7 @@ bool AvStream::isTruncated() const {
     auto* stream = context->streams[m_index];
     const auto* last =
         avformat_index_get_entry(stream, avformat_index_get_entries_count(stream) - 1);
-    return last != nullptr && (m_lastRead == AV_NOPTS_VALUE || m_lastRead < last->timestamp);
+    return last != nullptr && m_latestRead < last->timestamp;
 }
 
 std::string AvStream::seek(double target) {
@@ -189,8 +189,8 @@ std::string AvStream::seek(double target) {
             return error;
     }
     target = std::clamp(knownOr(0, target), 0.0, longestMedia);
-    if (m_firstRead == AV_NOPTS_VALUE)
-        readPacket();
+    if (!m_firstRead && !readPacket())
+        return m_end->empty() ? "there is no sample in it" : *m_end;
     for (double back = 0; back < target && knowsTimes(); back = std::max(1.0, back * 2)) {
         if (jump(target - back) && readAheadTo(target))
             return {};
@@ -223,11 +223,12 @@ bool AvStream::jump(double target) {
 std::string AvStream::goToStart() {
     startReading();
     auto* context = m_input->context();
-    const bool moved = m_firstRead != AV_NOPTS_VALUE &&
-                       (av_seek_frame(context, m_index, m_firstRead, AVSEEK_FLAG_BACKWARD) >= 0 ||
-                        av_seek_frame(context, m_index, m_firstRead, 0) >= 0);
+    const auto start = m_firstRead.value_or(AV_NOPTS_VALUE);
+    const bool moved = start != AV_NOPTS_VALUE &&
+                       (av_seek_frame(context, m_index, start, AVSEEK_FLAG_BACKWARD) >= 0 ||
+                        av_seek_frame(context, m_index, start, 0) >= 0);
     auto first = moved ? readPacket() : std::nullopt;
-    if (!first || timestampOf(*first->av) != m_firstRead)
+    if (!first || timestampOf(*first->av) != start)
         return reopen();
     m_ahead.push_back(std::move(*first));
     return {};
@@ -235,25 +236,30 @@ std::string AvStream::goToStart() {
 
 std::string AvStream::reopen() {
     startReading();
-    const auto codec = m_codec;
     auto error = m_input->open();
-    const auto* context = m_input->context();
-    if (context != nullptr && (static_cast<unsigned int>(m_index) >= context->nb_streams ||
-                               stream().codecpar->codec_id != codec)) {
-        m_input->close();
+    if (error.empty() && !hasSameStream())
         error = "it is another file than before";
-    }
-    if (error.empty() && (m_format = makeStreamFormat(stream(), extradataOf(stream()), error)))
-        readOnly();
-    if (!error.empty())
+    auto format =
+        error.empty() ? makeStreamFormat(stream(), extradataOf(stream()), error) : nullptr;
+    if (format == nullptr) {
+        m_input->close();
         m_end = error;
-    return error;
+        return error;
+    }
+    m_format = std::move(format);
+    readOnly();
+    return {};
+}
+
+bool AvStream::hasSameStream() const {
+    return static_cast<unsigned int>(m_index) < m_input->context()->nb_streams &&
+           stream().codecpar->codec_id == m_codec;
 }
 
 void AvStream::startReading() {
     m_ahead.clear();
     m_end.reset();
-    m_lastRead = AV_NOPTS_VALUE;
+    m_latestRead = AV_NOPTS_VALUE;
     m_distance = -1;
 }
 

@@ -52,6 +52,7 @@ private:
     bool jump(double target);
     std::string goToStart();
     std::string reopen();
+    bool hasSameStream() const;
     void startReading();
     bool readAheadTo(double target);
 
@@ -69,11 +70,11 @@ private:
     StreamInfo m_info;
 
     SharedFormat m_format;            ///< of the packet read last
-    std::deque<Packet> m_ahead;       ///< read already, by a seek
+    std::deque<Packet> m_ahead;       ///< read already
     std::optional<std::string> m_end; ///< nothing follows what is read, and what went wrong if so
-    std::int64_t m_firstRead = AV_NOPTS_VALUE; ///< timestamp of the very first packet
-    std::int64_t m_lastRead = AV_NOPTS_VALUE;  ///< of the latest, since the last seek
-    double m_distance = -1;                    ///< seconds from the packet before
+    std::optional<std::int64_t> m_firstRead;    ///< timestamp of the very first packet
+    std::int64_t m_latestRead = AV_NOPTS_VALUE; ///< the greatest since the last seek
+    double m_distance = -1;                     ///< seconds from the packet before
 };
 
 } // namespace host

@@ -1,5 +1,6 @@
 #include "codec_conversion.h"
 #include "host/media_demuxer.h"
+#include "packet_protection.h"
 
 #include "support/wait_until.h"
 
@@ -196,55 +197,50 @@ constexpr auto* eac3 = "audio/x-eac3";
 constexpr auto* mp3 = "audio/mpeg";
 constexpr auto* opus = "audio/x-opus";
 constexpr auto* vorbis = "audio/x-vorbis";
+constexpr auto* none = "";
 constexpr auto* h264 = "video/x-h264";
 constexpr auto* h265 = "video/x-h265";
 constexpr auto* vp8 = "video/x-vp8";
 constexpr auto* vp9 = "video/x-vnd.on2.vp9";
 
-INSTANTIATE_TEST_SUITE_P(
-    Files, Demux,
-    testing::Values(File{"clip.mp4", aac, h264, true}, File{"frag.mp4", aac, h264, true},
-                    File{"h264-aac.ts", aac, h264}, File{"h265-eac3.mp4", eac3, h265, true},
-                    File{"mpeg4-mp3.mp4", mp3, ""}, File{"opus.ogg", opus, ""},
-                    File{"vp8-vorbis.webm", vorbis, vp8}, File{"vp9-opus.webm", opus, vp9},
-                    File{"corpus:broken/mdat-too-long.mp4", aac, h264, true},
-                    File{"corpus:hls/ts/bear-640x360-audio-2.ts", aac, ""},
-                    File{"corpus:hls/ts/bear-640x360-video-2.ts", "", h264},
-                    File{"corpus:mse/aac.mp4", aac, ""}, File{"corpus:mse/ac3.mp4", ac3, ""},
-                    File{"corpus:mse/eac3.mp4", eac3, ""},
-                    File{"corpus:mse/h264-320x240.mp4", "", h264, true},
-                    File{"corpus:mse/hevc.mp4", "", h265, true},
-                    File{"corpus:mse/muxed-h264-aac-6s.mp4", aac, h264, true},
-                    File{"corpus:mse/opus.mp4", opus, ""}, File{"corpus:mse/opus.webm", opus, ""},
-                    File{"corpus:mse/vp9-320x240.webm", "", vp9},
-                    File{"corpus:progressive/aac-adts-id3.aac", aac, ""},
-                    File{"corpus:progressive/mkv-h264-ac3.mkv", ac3, h264, true},
-                    File{"corpus:progressive/mp3-cbr-5s.mp3", mp3, ""},
-                    File{"corpus:progressive/mp3-cover-art.mp3", mp3, ""},
-                    File{"corpus:progressive/mp4-aac-only-15s.mp4", aac, ""},
-                    File{"corpus:progressive/mp4-ac3-51.mp4", ac3, ""},
-                    File{"corpus:progressive/mp4-av1-aac.mp4", aac, ""},
-                    File{"corpus:progressive/mp4-edit-list-shift.mp4", aac, h264, true},
-                    File{"corpus:progressive/mp4-h264-aac-10s.mp4", aac, h264, true},
-                    File{"corpus:progressive/mp4-h264-aac-1080p-6min.mp4", aac, h264, true},
-                    File{"corpus:progressive/mp4-h264-aac-faststart.mp4", aac, h264, true},
-                    File{"corpus:progressive/mp4-h264-eac3.mp4", eac3, h264, true},
-                    File{"corpus:progressive/mp4-h264-timecode-30s.mp4", "", h264, true},
-                    File{"corpus:progressive/mp4-h264-vfr.mp4", "", h264, true},
-                    File{"corpus:progressive/mp4-heaac-silent-right.mp4", aac, ""},
-                    File{"corpus:progressive/mp4-hevc-main10-hdr10.mp4", aac, h265, true},
-                    File{"corpus:progressive/mp4-hevc-rotated-90.mp4", aac, h265, true},
-                    File{"corpus:progressive/mp4-vp9-aac.mp4", aac, vp9},
-                    File{"corpus:progressive/ogg-opus.opus", opus, ""},
-                    File{"corpus:progressive/ogg-vorbis.ogg", vorbis, ""},
-                    File{"corpus:progressive/ts-h264-aac-pts-wrap.ts", aac, h264},
-                    File{"corpus:progressive/ts-h264-aac.ts", aac, h264},
-                    File{"corpus:progressive/ts-hevc-aac.ts", aac, h265},
-                    File{"corpus:progressive/webm-multitrack.webm", vorbis, vp8},
-                    File{"corpus:progressive/webm-vp8-vorbis-6s.webm", vorbis, vp8},
-                    File{"corpus:progressive/webm-vp8-vorbis-live.webm", vorbis, vp8},
-                    File{"corpus:progressive/webm-vp9-odd-size.webm", "", vp9},
-                    File{"corpus:progressive/webm-vp9-opus-51.webm", opus, vp9}));
+constexpr File files[] = {
+    {"clip.mp4", aac, h264, true},
+    {"frag.mp4", aac, h264, true},
+    {"h264-aac.ts", aac, h264},
+    {"h265-eac3.mp4", eac3, h265, true},
+    {"mpeg4-mp3.mp4", mp3, none},
+    {"opus.ogg", opus, none},
+    {"vp8-vorbis.webm", vorbis, vp8},
+    {"vp9-opus.webm", opus, vp9},
+    {"corpus:broken/mdat-too-long.mp4", aac, h264, true},
+    {"corpus:hls/ts/bear-640x360-audio-2.ts", aac, none},
+    {"corpus:hls/ts/bear-640x360-video-2.ts", none, h264},
+    {"corpus:mse/ac3.mp4", ac3, none},
+    {"corpus:mse/eac3.mp4", eac3, none},
+    {"corpus:mse/hevc.mp4", none, h265, true},
+    {"corpus:mse/muxed-h264-aac-6s.mp4", aac, h264, true},
+    {"corpus:mse/opus.mp4", opus, none},
+    {"corpus:progressive/aac-adts-id3.aac", aac, none},
+    {"corpus:progressive/mkv-h264-ac3.mkv", ac3, h264, true},
+    {"corpus:progressive/mp3-cbr-5s.mp3", mp3, none},
+    {"corpus:progressive/mp3-cover-art.mp3", mp3, none},
+    {"corpus:progressive/mp4-av1-aac.mp4", aac, none},
+    {"corpus:progressive/mp4-edit-list-shift.mp4", aac, h264, true},
+    {"corpus:progressive/mp4-h264-aac-10s.mp4", aac, h264, true},
+    {"corpus:progressive/mp4-h264-eac3.mp4", eac3, h264, true},
+    {"corpus:progressive/mp4-h264-timecode-30s.mp4", none, h264, true},
+    {"corpus:progressive/mp4-h264-vfr.mp4", none, h264, true},
+    {"corpus:progressive/mp4-heaac-silent-right.mp4", aac, none},
+    {"corpus:progressive/mp4-hevc-rotated-90.mp4", aac, h265, true},
+    {"corpus:progressive/ogg-vorbis.ogg", vorbis, none},
+    {"corpus:progressive/ts-h264-aac-pts-wrap.ts", aac, h264},
+    {"corpus:progressive/ts-hevc-aac.ts", aac, h265},
+    {"corpus:progressive/webm-multitrack.webm", vorbis, vp8},
+    {"corpus:progressive/webm-vp8-vorbis-6s.webm", vorbis, vp8},
+    {"corpus:progressive/webm-vp8-vorbis-live.webm", vorbis, vp8},
+    {"corpus:progressive/webm-vp9-opus-51.webm", opus, vp9},
+};
+INSTANTIATE_TEST_SUITE_P(Files, Demux, testing::ValuesIn(files));
 
 TEST(Conversion, MakesAdtsHeadersOfAudioSpecificConfigs) {
     const struct {
@@ -256,7 +252,7 @@ TEST(Conversion, MakesAdtsHeadersOfAudioSpecificConfigs) {
         {{0x2b, 0x92, 0x08, 0x00}, 1, 7, 2},        // SBR: a core of 22050 Hz
         {{0xeb, 0x8a, 0x08, 0x00}, 1, 7, 1},        // PS: a mono core
         {{0x17, 0x80, 0x5d, 0xc0, 0x10}, 1, 3, 2},  // 48000 Hz, spelled out
-        {{0x17, 0x80, 0x5d, 0xc2, 0x10}, -1, 0, 0}, // 48001 Hz... is in no table
+        {{0x17, 0x80, 0x5d, 0xc2, 0x10}, -1, 0, 0}, // 48001 Hz
         {{0x12, 0x00}, -1, 0, 0},                   // channels told elsewhere
         {{0xf8, 0xc0, 0x00, 0x00}, -1, 0, 0},       // an object type above 31
         {{0x12}, -1, 0, 0},
@@ -350,7 +346,7 @@ TEST(Encryption, IsToldOfEverySample) {
          "31323334353637383930313233343536"},
         {"bear-hevc-cenc.mp4", video, 84, 30, 3, cenc, 0, 0, "31323334353637383930313233343536"},
         {"bbb-cenc-video.mp4", video, 122, 0, 122, cenc, 0, 0, "ad13f9ea2be698b875f504a8e3ccea64"},
-        {"bbb-cenc-audio.mp4", audio, 239, 0, 239, cenc, 0, 0, "558ee541b90ab2f3950d00ade3760d45"},
+        {"bbb-cenc-audio.mp4", audio, 238, 0, 238, cenc, 0, 0, "558ee541b90ab2f3950d00ade3760d45"},
         {"webm-vp8-vorbis.webm", video, 182, 0, 16, cenc, 0, 0, "30313233343536373839303132333435"},
         {"webm-vp8-vorbis.webm", audio, 261, 0, 261, cenc, 0, 0,
          "30313233343536373839303132333435"},
@@ -396,6 +392,41 @@ TEST(Encryption, IsToldOfEverySample) {
         }
         EXPECT_EQ(clear, row.clear);
         EXPECT_EQ(keyFrames, row.keyFrames);
+    }
+}
+
+TEST(Encryption, OfWebmFramesStandsInFrontOfThem) {
+    const std::string keyId(16, 'k');
+    const Bytes start = {3, 1, 2, 3, 4, 5, 6, 7, 8}; // encrypted, partitioned; the IV
+    const struct {
+        Bytes frame;
+        std::vector<std::pair<unsigned int, unsigned int>> parts;
+    } rows[] = {
+        {{1, 0, 0, 0, 4, 'f', 'r', 'a', 'm', 'e'}, {{4, 1}}},
+        {{2, 0, 0, 0, 1, 0, 0, 0, 3, 'f', 'r', 'a', 'm', 'e'}, {{1, 2}, {2, 0}}},
+        {{1, 0, 0, 0, 6, 'f', 'r', 'a', 'm', 'e'}, {}},
+        {{2, 0, 0, 0, 3, 0, 0, 0, 1, 'f', 'r', 'a', 'm', 'e'}, {}},
+        {{3, 0, 0, 0}, {}},
+        {{}, {}},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(testing::PrintToString(row.frame));
+        Bytes frame = start;
+        frame.insert(frame.end(), row.frame.begin(), row.frame.end());
+        const std::uint8_t* bytes = frame.data();
+        auto size = frame.size();
+        Protection protection;
+        const auto error = host::takeWebmProtection(keyId, bytes, size, protection);
+        ASSERT_EQ(error.empty(), !row.parts.empty()) << error;
+        if (row.parts.empty())
+            continue;
+        EXPECT_EQ(std::string(bytes, bytes + size), "frame");
+        EXPECT_EQ(protection.iv, Bytes(start.begin() + 1, start.end()));
+        ASSERT_EQ(protection.subsamples.size(), row.parts.size());
+        for (std::size_t i = 0; i < row.parts.size(); ++i) {
+            EXPECT_EQ(protection.subsamples[i].clearBytes, row.parts[i].first);
+            EXPECT_EQ(protection.subsamples[i].encryptedBytes, row.parts[i].second);
+        }
     }
 }
 
@@ -455,6 +486,27 @@ TEST(Failure, MayComeLater) {
         }
     }
     std::filesystem::remove(half);
+}
+
+TEST(Failure, OfAFileThatChangesIsSurvived) {
+    const auto path = "/tmp/demux_test.changes." + std::to_string(getpid()) + ".mp4";
+    constexpr auto overwrite = std::filesystem::copy_options::overwrite_existing;
+    std::filesystem::copy_file(pathOf("clip.mp4"), path);
+    auto media = open(path);
+    ASSERT_EQ(media.streams.size(), 2U);
+    for (const auto& stream : media.streams) {
+        std::filesystem::copy_file(pathOf("clip.mp4"), path, overwrite);
+        ASSERT_EQ(stream->seek(0), "");
+        std::filesystem::resize_file(path, 0);
+        EXPECT_NE(stream->seek(3), "");
+        EXPECT_NE(stream->read(1).error, "");
+        std::filesystem::copy_file(pathOf("opus.ogg"), path, overwrite);
+        EXPECT_EQ(stream->seek(0), "it is another file than before");
+        std::filesystem::copy_file(pathOf("clip.mp4"), path, overwrite);
+        EXPECT_EQ(stream->seek(0), "");
+        EXPECT_EQ(stream->read(10).samples.size(), 10U);
+    }
+    std::filesystem::remove(path);
 }
 
 /// A server that answers everyone with the same bytes, and then with silence.

@@ -12,15 +12,16 @@ namespace host {
 
 /// The first audio and the first video stream of a file or URL, demultiplexed with libavformat:
 /// MP4 (plain and fragmented), WebM, MPEG transport streams, Ogg. Each has an input of its own, so
-/// they are read and sought independently.
+/// they are read and sought independently. Media that count from elsewhere, as transport streams
+/// do, begin near time 0 here; audio before time 0 is left out.
 struct DemuxedMedia {
     std::vector<std::unique_ptr<SampleStream>> streams; ///< empty: see `error`
     std::string error; ///< why it cannot be fed, what to do; without the name, one line
 };
 
-/// Opens what the user named: a path or a URL that libavformat knows. A stream of a codec that
-/// media sources do not take is left out, unless nothing else is there. Blocks; `cancelled` ends
-/// it soon when it becomes true, and must outlive the call.
+/// Opens what the user named: a path or a URL that libavformat knows, but no pipe. A stream of a
+/// codec that media sources do not take is left out, unless nothing else is there. Blocks;
+/// `cancelled` ends it soon when it becomes true, and must outlive the call.
 DemuxedMedia openMedia(const std::string& name, const std::atomic<bool>& cancelled);
 
 } // namespace host
