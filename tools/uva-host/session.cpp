@@ -13,6 +13,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <unistd.h>
 #include <utility>
 
 namespace uvahost {
@@ -39,6 +40,30 @@ std::shared_ptr<host::ClearKey> makeKeys(const Options& options) {
             keys->addKey(pair);
     return keys;
 }
+
+/// While it lives what goes to standard output goes to standard error: the backend library prints
+/// lines of its own, which would stand among the answers.
+class OutputAside {
+public:
+    OutputAside() {
+        std::fflush(stdout);
+        m_kept = dup(STDOUT_FILENO);
+        if (m_kept >= 0)
+            dup2(STDERR_FILENO, STDOUT_FILENO);
+    }
+    ~OutputAside() {
+        std::fflush(stdout);
+        if (m_kept < 0)
+            return;
+        dup2(m_kept, STDOUT_FILENO);
+        close(m_kept);
+    }
+    OutputAside(const OutputAside&) = delete;
+    OutputAside& operator=(const OutputAside&) = delete;
+
+private:
+    int m_kept = -1;
+};
 
 /// A question is no playback: what the backend has to tell is of no interest.
 class DeafClient final : public UVAClient {
@@ -87,21 +112,28 @@ int Session::run() {
 }
 
 int Session::answerQuestions(const host::BackendLibrary& library) {
-    DeafClient client;
-    auto* backend = library.request(UVABackend::VideoElement, &client);
-    if (backend == nullptr) {
-        fail("the library gave no backend; its own message on standard output says why");
-        return m_exitCode;
+    std::vector<std::string> types;
+    host::CapabilityAnswer answer;
+    {
+        const OutputAside aside;
+        DeafClient client;
+        auto* backend = library.request(UVABackend::VideoElement, &client);
+        if (backend == nullptr) {
+            fail("the library gave no backend; its own message above says why");
+            return m_exitCode;
+        }
+        if (m_options.listTypes)
+            types = host::supportedTypes(*backend);
+        if (m_options.canPlay)
+            answer = host::askCanPlay(*backend, *m_options.canPlay);
+        library.release(backend);
     }
-    if (m_options.listTypes)
-        for (const auto& type : host::supportedTypes(*backend))
-            std::puts(type.c_str());
+    for (const auto& type : types)
+        std::puts(type.c_str());
     if (m_options.canPlay) {
-        const auto answer = host::askCanPlay(*backend, *m_options.canPlay);
         std::puts(answer.canPlay ? "yes" : ("no: " + answer.reason).c_str());
         m_exitCode = answer.canPlay ? 0 : 1;
     }
-    library.release(backend);
     checkLog();
     return m_exitCode;
 }
