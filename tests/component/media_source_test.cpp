@@ -138,13 +138,13 @@ protected:
         ASSERT_TRUE(BackendInit(nullptr));
         RecordingSinks::install();
     }
-    void SetUp() override { RecordingSinks::clear(); }
     void TearDown() override {
         owner.reset();
         EXPECT_EQ(TestSample::alive, 0) << "samples were lost";
     }
 
     void open(bool withAudio = true) {
+        RecordingSinks::clear();
         UVABackend::SourceDescription* sources[] = {
             new Source(videoId, "video/x-vp8", 60000),
             withAudio ? new Source(audioId, "audio/x-plain") : nullptr, nullptr};
@@ -269,6 +269,49 @@ TEST_F(MediaSourceTest, ManySeeksInARowEachComplete) {
     EXPECT_EQ(client.outcome, 2) << "refused, and said so";
 }
 
+TEST_F(MediaSourceTest, SeeksAtOddMoments) {
+    open();
+    const auto feedBoth = [&](double from) {
+        client.needs = 0;
+        write(videoId, videoSamples(from, 2));
+        write(audioId, {new TestSample(from, frame, &audio)});
+    };
+    const auto arrived = [&](double at) {
+        return waitUntil([&] {
+            const auto seen = RecordingSinks::of(videoSink).buffers;
+            return !seen.empty() && seen.back().segmentStart == static_cast<GstClockTime>(at * 1e9);
+        });
+    };
+    playUntilAsked(2);
+    ASSERT_TRUE(seek(5)) << "while it pre-rolls";
+    feedBoth(5);
+    EXPECT_TRUE(arrived(5));
+
+    // A second seek before the first is made: one is made, to the newer target.
+    client.outcome = -1;
+    ASSERT_EQ(backend->setPosition(7), 1);
+    const auto first = client.takeCancel();
+    ASSERT_EQ(backend->setPosition(8), 1);
+    const auto second = client.takeCancel();
+    backend->eventCompleted(first.get(), true);
+    backend->eventCompleted(second.get(), true);
+    EXPECT_EQ(client.outcome, 0);
+    feedBoth(8);
+    EXPECT_TRUE(arrived(8));
+    EXPECT_NEAR(backend->getPosition().position, 8, 2 * frame);
+
+    // One source starves; the end of one is queued when the seek comes.
+    ASSERT_TRUE(seek(20));
+    write(videoId, videoSamples(20, 2));
+    writeEnd(videoId);
+    ASSERT_TRUE(seek(59.96)) << "near the end";
+    feedBoth(59.96);
+    EXPECT_TRUE(arrived(59.96));
+    writeEnd(videoId);
+    writeEnd(audioId);
+    EXPECT_TRUE(waitUntil([&] { return client.finished == 1; }));
+}
+
 TEST_F(MediaSourceTest, HostileSamplesAndEventsLoseNothing) {
     LogCapture log(gst_backend_debug);
     EXPECT_EQ(backend->attachSource(nullptr), UVABackend::Failure);
@@ -372,8 +415,8 @@ TEST_F(MediaSourceTest, Vp9GetsTheRateOfItsFirstSamples) {
 TEST_F(MediaSourceTest, RequestsAreTheBound) {
     constexpr int total = 2 * 3600 * 25;
     constexpr int limit = 200000 / 100 + 2 * 30;
-    RecordingSinks::clear(false);
     open(false);
+    RecordingSinks::clear(false);
     int next = 0;
     int most = 0;
     client.answer = [&](std::unique_ptr<NeedMSEDataEvent> event) {
@@ -444,6 +487,34 @@ TEST_F(MediaSourceTest, SourcesComeAndGoUnderLoad) {
     }
     done = true;
     writer.join();
+    EXPECT_LT(longest, std::chrono::seconds(1));
+}
+
+// Whatever the streaming threads are in: not started, asking, being answered, at the end.
+TEST_F(MediaSourceTest, BackendsAreDestroyedAtAnyTime) {
+    steady_clock::duration longest{};
+    for (int i = 0; i < 200; ++i) {
+        owner = std::make_unique<GstNoxBackend>(UVABackend::VideoElement, &client);
+        backend = owner.get();
+        client.needs = 0;
+        client.answer = [&, i](std::unique_ptr<NeedMSEDataEvent> event) {
+            const auto id = event->sourceId;
+            if (i % 3 == 0)
+                writeEnd(id);
+            else
+                write(id, {new TestSample(0, frame, id == videoId ? &video : &audio)});
+        };
+        open();
+        if (i % 5 != 0)
+            backend->play();
+        if (i % 2 == 0 && i % 5 != 0)
+            waitUntil([&] { return client.needs > i % 7; }, std::chrono::milliseconds(50));
+        if (i % 11 == 0)
+            backend->setPosition(1);
+        const auto start = steady_clock::now();
+        owner.reset();
+        longest = std::max(longest, steady_clock::now() - start);
+    }
     EXPECT_LT(longest, std::chrono::seconds(1));
 }
 
