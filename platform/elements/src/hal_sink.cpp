@@ -85,13 +85,9 @@ GstFlowReturn HalSink::onEvent(GstPad* pad, GstObject* parent, GstEvent* event) 
         self.m_flushing = true;
         self.interrupt();
         break;
-    case GST_EVENT_FLUSH_STOP: {
+    case GST_EVENT_FLUSH_STOP:
         self.m_flushing = false;
-        // A seek ends a wait for the decoder with a refusal: what comes after it asks again.
-        auto refused = Decoder::Refused;
-        self.m_decoder.compare_exchange_strong(refused, Decoder::Undecided);
         break;
-    }
     default:
         break;
     }
@@ -100,8 +96,6 @@ GstFlowReturn HalSink::onEvent(GstPad* pad, GstObject* parent, GstEvent* event) 
 
 GstFlowReturn HalSink::onChain(GstPad* pad, GstObject* parent, GstBuffer* buffer) {
     auto& self = implOf(parent);
-    if (self.m_decoder == Decoder::Undecided)
-        self.prepareAgain(pad);
     switch (self.m_decoder.load()) {
     case Decoder::Granted:
         if (self.m_chain.format())
@@ -160,12 +154,6 @@ GstFlowReturn HalSink::prepare(GstCaps* caps) {
     if (m_decoder == Decoder::Refused || m_chain.format() == format)
         return GST_FLOW_OK;
     return buildChain(*format, caps);
-}
-
-/// With the caps from before a flush.
-void HalSink::prepareAgain(GstPad* pad) {
-    if (const GstPtr<GstCaps> caps(gst_pad_get_current_caps(pad)); caps)
-        prepare(caps.get());
 }
 
 GstFlowReturn HalSink::buildChain(const MediaFormat& format, GstCaps* caps) {

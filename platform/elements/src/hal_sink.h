@@ -53,7 +53,6 @@ private:
     static GstPadProbeReturn onOutputEvent(GstPad* pad, GstPadProbeInfo* info, gpointer sink);
 
     GstFlowReturn prepare(GstCaps* caps);
-    void prepareAgain(GstPad* pad);
     GstFlowReturn buildChain(const MediaFormat& format, GstCaps* caps);
     bool decide();
     int request();
