@@ -158,6 +158,7 @@ private:
     std::size_t m_next = 0;          // frame to be fed
     double m_start = 0;              // where playback starts, seconds
     bool m_startDue = true;          // ... which the backend has not been told
+    bool m_endTold = false;
     std::optional<double> m_seekTarget;
     double m_position = 0;
     std::chrono::steady_clock::time_point m_moved = std::chrono::steady_clock::now();
@@ -194,7 +195,8 @@ void Player::answer(std::unique_ptr<NeedMSEDataEvent> request) {
     const std::size_t count = std::min(static_cast<std::size_t>(request->samplesRequested),
                                        m_file.frames.size() - m_next);
     if (count == 0) {
-        m_backend.writeData(request.release(), 0, UVABackend::EndOfStream);
+        if (!std::exchange(m_endTold, true))
+            m_backend.writeData(request.release(), 0, UVABackend::EndOfStream);
         return;
     }
     if (m_startDue)
@@ -225,6 +227,7 @@ void Player::tellStart() {
 void Player::completeCancel(const CancelDataRequestsAsyncEvent& event) {
     m_start = event.position;
     m_startDue = true;
+    m_endTold = false;
     m_next = std::min(static_cast<std::size_t>(event.position / m_file.frameDuration),
                       m_file.frames.size());
     m_backend.eventCompleted(&event, true);
