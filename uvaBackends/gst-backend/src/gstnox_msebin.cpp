@@ -290,7 +290,7 @@ GstPtr<GstCaps> GstNoxBackend::GstMseBin::capsOf(const UVAStreamConfig* config) 
         return m_configCaps;
     m_config = std::make_unique<ConfigKey>(*config);
     m_configCaps = GstPtr<GstCaps>::adopt(gst_caps_create_from_config(config));
-    if (m_configCaps && config->codec == UVAStreamConfig::CODEC_VP9) {
+    if (m_configCaps && config->codec == UVAStreamConfig::CODEC_VP9 && fpsD != 0) {
         GstStructure* structure = gst_caps_get_structure(m_configCaps.get(), 0);
         if (!gst_structure_has_field(structure, "framerate"))
             gst_structure_set(structure, "framerate", GST_TYPE_FRACTION, fpsN, fpsD, nullptr);
@@ -473,8 +473,9 @@ GstNoxBackend::GstMseBin::handleContentProtectionMeta(GstPtr<GstBuffer> buffer,
         GST_ERROR("decryption failed");
         return buffer;
     }
-    if (decrypter == nullptr)
-        decrypter.reset(gst_uva_decrypter_context_new());
+    if (decrypter == nullptr || m_drm != meta->drm_backend)
+        decrypter.reset(gst_uva_decrypter_context_new()); // a context stays with its DRM backend
+    m_drm = meta->drm_backend;
     const auto seconds = [](GstClockTime time) {
         return time == GST_CLOCK_TIME_NONE ? -1.0 : static_cast<double>(time) / nanosecondsPerSecond;
     };

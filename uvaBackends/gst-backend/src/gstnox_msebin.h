@@ -121,7 +121,9 @@ private:
             gst_uva_decrypter_context_free(context);
         }
     };
-    std::unique_ptr<GstUvaDecrypterContext, FreeContext> decrypter; // of who is feeding
+    // Of the thread that is feeding:
+    std::unique_ptr<GstUvaDecrypterContext, FreeContext> decrypter;
+    UVADRMBackend* m_drm = nullptr; // whose the decrypter is; not owned
 };
 
 #endif

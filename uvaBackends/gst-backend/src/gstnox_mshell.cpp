@@ -23,6 +23,7 @@ void uva_add_mshell_commands() {
     mshell.AddMshellCmd(1, "m_gst_debug_set_color_mode", "uva",
                         "u_gst_debug_set_color_mode {on,auto,off,disable,unix}",
                         m_gst_debug_set_color_mode, nullptr, true);
+    mshell.AddMshellCmd(1, "m_mse", "uva", "m_mse", m_mse, nullptr, true);
 }
 
 int m_gst_debug_set_threshold(CommandStruct* command) {

@@ -92,7 +92,8 @@ public:
     /// Bytes that so many seconds of the media take; NotAvailable until the size is known.
     virtual int getSizeFromDuration(double seconds, unsigned long long& bytes);
 
-    /// Hands a NeedMSEDataEvent back with its samples; takes ownership of it.
+    /// Hands a NeedMSEDataEvent back with its samples; takes ownership of it. Any thread, also from
+    /// inside the delivery of an event.
     virtual int writeData(UVAEvent* event, unsigned int bytes, WriteDataStatus status) = 0;
 
     virtual bool canPlayType(const ContentDescription& description) = 0;

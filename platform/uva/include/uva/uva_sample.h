@@ -38,6 +38,8 @@ public:
     /// Pattern encryption ("cbcs"): 16-byte blocks encrypted and skipped in turn; 0 and 0: none.
     virtual unsigned int cryptByteBlock() const { return 0; }
     virtual unsigned int skipByteBlock() const { return 0; }
+    /// What is encrypted; a sample that is encrypted as a whole has one entry with all its bytes.
+    /// Without an entry nothing is decrypted.
     virtual const std::vector<Subsample>& subsamples() const = 0;
 };
 
