@@ -10,6 +10,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cmath>
 #include <iterator>
 #include <limits>
 #include <utility>
@@ -111,11 +112,12 @@ void setColor(GstStructure* structure, const UVAStreamConfig::ColorInfo& color) 
                           static_cast<gint64>(color.bitsPerChannel), nullptr);
 }
 
-/// `value` in steps of 1/`scale`; what does not fit becomes the nearest that does.
+/// `value` in steps of 1/`scale`, to the nearest: 0.3127 is 15635 of 50000, though the product is a
+/// trifle less. What does not fit becomes the nearest that does.
 template <typename Steps>
 Steps toSteps(double value, double scale) {
     constexpr auto largest = static_cast<double>(std::numeric_limits<Steps>::max());
-    const double steps = value * scale;
+    const double steps = std::round(value * scale);
     return steps > 0 ? static_cast<Steps>(std::min(steps, largest)) : Steps{0};
 }
 
@@ -135,8 +137,11 @@ void setMastering(GstCaps* caps, const UVAStreamConfig::MasteringMetadata& m) {
     }
     info.white_point.x = toSteps<guint16>(m.whitePointX, chromaticityScale);
     info.white_point.y = toSteps<guint16>(m.whitePointY, chromaticityScale);
-    info.max_display_mastering_luminance = toSteps<guint32>(m.luminanceMax, luminanceScale);
-    info.min_display_mastering_luminance = toSteps<guint32>(m.luminanceMin, luminanceScale);
+    // Signed, for that is how the text in the caps is written: more could not be read again.
+    info.max_display_mastering_luminance =
+        static_cast<guint32>(toSteps<gint32>(m.luminanceMax, luminanceScale));
+    info.min_display_mastering_luminance =
+        static_cast<guint32>(toSteps<gint32>(m.luminanceMin, luminanceScale));
     gst_video_mastering_display_info_add_to_caps(&info, caps);
 }
 
@@ -170,8 +175,8 @@ GstCaps* gst_caps_create_from_config(const UVAStreamConfig* config) {
     else
         setAudio(structure, config);
     if (hasCodecData(*config) && config->codec != UVAStreamConfig::CODEC_VORBIS) {
-        const auto data = GstPtr<GstBuffer>::adopt(
-            gst_buffer_new_copy(config->codecData, config->codecDataSize));
+        const auto data =
+            GstPtr<GstBuffer>::adopt(gst_buffer_new_copy(config->codecData, config->codecDataSize));
         gst_structure_set(structure, "codec_data", GST_TYPE_BUFFER, data.get(), nullptr);
     }
     return caps.release();

@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <numeric>
 #include <string_view>
 #include <vector>
 
@@ -52,6 +53,12 @@ void setChannelMapping(GstStructure* structure, const OpusHeader& header) {
     gst_structure_take_value(structure, "channel-mapping", &array);
 }
 
+/// The number that the bytes make, wherever they lie; GST_READ_UINT32_BE wants them aligned.
+guint32 readNumber(const guint8* data, gsize count) {
+    return std::accumulate(data, data + count, guint32{0},
+                           [](guint32 number, guint8 byte) { return number << 8 | byte; });
+}
+
 bool parseStereo(OpusHeader& header) {
     if (header.channels > 2)
         return false;
@@ -95,12 +102,12 @@ gboolean opus_header_parse(const guint8* data, gsize size, OpusHeader* header) {
         return FALSE;
     OpusHeader parsed;
     parsed.channels = data[channelOffset];
-    parsed.preSkip = GST_READ_UINT16_BE(data + 10);
-    parsed.sampleRate = GST_READ_UINT32_BE(data + 12);
-    parsed.outputGain = static_cast<gint16>(GST_READ_UINT16_BE(data + 16));
+    parsed.preSkip = static_cast<guint16>(readNumber(data + 10, 2));
+    parsed.sampleRate = readNumber(data + 12, 4);
+    parsed.outputGain = static_cast<gint16>(readNumber(data + 16, 2));
     parsed.mappingFamily = data[familyOffset];
-    const bool valid = parsed.mappingFamily == 0 ? parseStereo(parsed)
-                                                 : parseMapping(data, size, parsed);
+    const bool valid =
+        parsed.mappingFamily == 0 ? parseStereo(parsed) : parseMapping(data, size, parsed);
     if (valid)
         *header = parsed;
     return valid ? TRUE : FALSE;

@@ -99,7 +99,7 @@ gboolean isCompatible(GstPluginFeature* feature, gpointer caps) {
 
 bool isOfKlass(GstElementFactory* factory, const char* klass) {
     const gchar* text = gst_element_factory_get_metadata(factory, GST_ELEMENT_METADATA_KLASS);
-    return text != nullptr && strcasestr(text, klass) != nullptr;
+    return text != nullptr && klass != nullptr && strcasestr(text, klass) != nullptr;
 }
 
 gint byRank(gconstpointer a, gconstpointer b, gpointer /*unused*/) {

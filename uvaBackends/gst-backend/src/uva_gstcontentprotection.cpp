@@ -93,6 +93,7 @@ gst_buffer_add_content_protection_meta(GstBuffer* buffer, const gchar* keySystem
                                        const guint8* keyId, size_t keyIdSize, const guint8* iv,
                                        size_t ivSize, GArray* subsamples, gboolean flag,
                                        UVADRMBackend* drmBackend) {
+    g_return_val_if_fail(GST_IS_BUFFER(buffer) && gst_buffer_is_writable(buffer), nullptr);
     g_assert(gst_buffer_get_meta(buffer, gst_cp_meta_api_get_type()) == nullptr);
     auto* meta = reinterpret_cast<GstUvaContentProtectionMeta*>(
         gst_buffer_add_meta(buffer, gst_cp_meta_get_info(), nullptr));
@@ -150,6 +151,7 @@ static void releaseDecrypter(GstUvaDecrypterContext* context) {
 }
 
 void gst_uva_decrypter_context_reset(GstUvaDecrypterContext* context) {
+    g_return_if_fail(context != nullptr);
     releaseDecrypter(context);
     context->drm_backend = nullptr;
 }
@@ -165,6 +167,7 @@ static std::string hexText(const guint8* bytes, gsize size) {
 
 gboolean gst_uva_decrypter_context_update(GstUvaDecrypterContext* context,
                                           const GstUvaContentProtectionMeta* meta, guint64 value) {
+    g_return_val_if_fail(context != nullptr && meta != nullptr, FALSE);
     const guint8* keyId = meta->key_id;
     const gsize size = meta->key_id_size;
     if (context->decrypter != nullptr && context->key_id.size() == size &&
@@ -190,13 +193,6 @@ gboolean gst_uva_decrypter_context_update(GstUvaDecrypterContext* context,
     return TRUE;
 }
 
-static gboolean hasDecrypter(const GstUvaDecrypterContext* context) {
-    if (context->decrypter != nullptr)
-        return TRUE;
-    GST_ERROR("Invalid decrypter context!");
-    return FALSE;
-}
-
 static gboolean report(bool decrypted) {
     if (!decrypted)
         GST_ERROR("Failed to decrypt content!");
@@ -206,8 +202,10 @@ static gboolean report(bool decrypted) {
 gboolean gst_uva_decrypter_context_decrypt(GstUvaDecrypterContext* context, const guint8* iv,
                                            gsize ivSize, const guint8* in, gsize inSize,
                                            guint8* out, gsize outSize, guint flags) {
-    if (!hasDecrypter(context))
+    if (context == nullptr || context->decrypter == nullptr) {
+        GST_ERROR("Invalid decrypter context!");
         return FALSE;
+    }
     UVADRMDecrypter::Input input;
     input.iv = iv;
     input.ivSize = ivSize;
@@ -223,6 +221,7 @@ gboolean gst_uva_decrypter_context_decrypt(GstUvaDecrypterContext* context, cons
 }
 
 gboolean gst_uva_decrypter_context_get_key_slot(GstUvaDecrypterContext* context, guint32* slot) {
+    g_return_val_if_fail(context != nullptr && slot != nullptr, FALSE);
     if (context->key_slot_getter == nullptr || context->decrypter == nullptr) {
         GST_ERROR("Failed to obtain %s interface.", UVADRMKeySlotGetter::interfaceName);
         return FALSE;
@@ -261,8 +260,10 @@ static gboolean decryptRanges(GstUvaDecrypterContext* context, guint8* data,
 static gboolean gst_uva_decrypter_context_decrypt_entire_sample(
     GstUvaDecrypterContext* context, guint8* data, gsize size, const GstUvaSubsample* ranges,
     guint count, const GstUvaContentProtectionMeta& meta) {
-    if (!hasDecrypter(context))
+    if (context->decrypter == nullptr) {
+        GST_ERROR("Invalid decrypter context!");
         return FALSE;
+    }
     UVADRMFullSampleDecrypter::Sample sample;
     sample.data = data;
     sample.size = size;
@@ -277,6 +278,7 @@ static gboolean gst_uva_decrypter_context_decrypt_entire_sample(
 gboolean gst_uva_decrypter_context_software_decrypt(GstUvaDecrypterContext* context, guint8* data,
                                                     gsize size,
                                                     const GstUvaContentProtectionMeta* meta) {
+    g_return_val_if_fail(context != nullptr && meta != nullptr, FALSE);
     const GArray* array = meta->subsamples;
     const guint count = array != nullptr ? array->len : 0;
     const auto* ranges =
@@ -322,6 +324,7 @@ GstCaps* gst_uva_add_decrypt_suffix_to_caps(const gchar* description) {
 }
 
 const gchar* gst_uva_get_name_without_decrypt_suffix(GstStructure* structure) {
+    g_return_val_if_fail(structure != nullptr, nullptr);
     const std::string_view name = gst_structure_get_name(structure);
     if (!isMarked(name))
         return g_intern_string(name.data());
