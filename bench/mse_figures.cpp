@@ -79,9 +79,13 @@ public:
         const std::lock_guard lock(m_mutex);
         return m_status;
     }
-    std::vector<Reading> readings() const {
+    /// What was read in this state, whenever something had changed.
+    std::vector<Reading> readings(State state) const {
         const std::lock_guard lock(m_mutex);
-        return m_readings;
+        std::vector<Reading> found;
+        std::copy_if(m_readings.begin(), m_readings.end(), std::back_inserter(found),
+                     [state](const Reading& reading) { return reading.state == state; });
+        return found;
     }
 
 private:
@@ -125,9 +129,8 @@ double startUp(const std::string& clip) {
     Player player(clip);
     const auto begin = player.play();
     Buffers shown;
-    const bool came = waitUntil(
-        [&] { return !(shown = SinkWatch::instance().video().prerolled).empty(); }, patience);
-    if (!came)
+    if (!waitUntil([&] { return !(shown = SinkWatch::instance().video().prerolled).empty(); },
+                   patience))
         giveUp("no picture was shown; run it with `meson devenv`");
     return secondsBetween(begin, shown.front().time);
 }
@@ -137,29 +140,15 @@ double pausedDrift(const std::string& clip) {
     Player player(clip);
     player.play();
     player.waitFor(State::Playing);
-    const bool moved = waitUntil([&] { return player.status().position > 2; }, patience);
-    if (!moved)
+    if (!waitUntil([&] { return player.status().position > 2; }, patience))
         giveUp("the clip is too short");
     player.pause();
     player.waitFor(State::Paused);
-    const auto paused = player.readings().size();
     std::this_thread::sleep_for(std::chrono::seconds(10)); // what is measured
-    const auto readings = player.readings();
-    double least = readings[paused - 1].position;
-    double most = least;
-    for (std::size_t i = paused; i < readings.size(); ++i) {
-        least = std::min(least, readings[i].position);
-        most = std::max(most, readings[i].position);
-    }
-    return most - least;
-}
-
-std::vector<Reading> whilePlaying(const std::vector<Reading>& all) {
-    std::vector<Reading> playing;
-    for (const auto& reading : all)
-        if (reading.state == State::Playing)
-            playing.push_back(reading);
-    return playing;
+    const auto readings = player.readings(State::Paused);
+    const auto [least, most] = std::minmax_element(
+        readings.begin(), readings.end(), [](auto& a, auto& b) { return a.position < b.position; });
+    return most->position - least->position;
 }
 
 /// How far position and clock part, seen from where both began, in the first minute.
@@ -224,9 +213,8 @@ public:
     ~Report() { std::fclose(m_file); }
 
     void row(const char* figure, double value, double bound, const char* unit) {
-        const bool kept = value <= bound;
-        std::fprintf(m_file, "| %s | %.1f %s | %.0f %s | %s |\n", figure, value, unit, bound, unit,
-                     kept ? "kept" : "**missed**");
+        std::fprintf(m_file, "| %s | %.2f %s | %.3g %s | %s |\n", figure, value, unit, bound, unit,
+                     value <= bound ? "kept" : "**missed**");
         std::fflush(m_file);
     }
     void milliseconds(const char* figure, double seconds, double bound) {
@@ -244,7 +232,7 @@ void playThrough(const std::string& clip, Report& report) {
     Player player(clip);
     player.play();
     player.waitFor(State::Ended);
-    const auto readings = whilePlaying(player.readings());
+    const auto readings = player.readings(State::Playing);
     const auto frames = SinkWatch::instance().video().buffers;
     const auto sound = SinkWatch::instance().audio().buffers;
     if (readings.empty() || frames.empty() || sound.empty())
@@ -262,8 +250,8 @@ void playThrough(const std::string& clip, Report& report) {
                100.0 * static_cast<double>(outside) / static_cast<double>(ahead.size()), 5, "%");
     report.row("frames dropped in the first 15 s",
                static_cast<double>(missing(frames, frameLength, 15)), 1, "");
-    report.row("frames dropped in all", static_cast<double>(missing(frames, frameLength, length)),
-               1, "");
+    report.row("frames dropped in all, each second",
+               static_cast<double>(missing(frames, frameLength, length)) / length, 1.0 / 15, "");
     report.milliseconds("first frame, distance from time 0", frames.front().position, 1);
     report.milliseconds("last frame, distance from its time",
                         std::abs(frames.back().position - (length - frameLength)), 1);

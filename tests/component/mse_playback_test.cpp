@@ -18,7 +18,6 @@
 #include <random>
 #include <sstream>
 #include <unistd.h>
-#include <utility>
 
 namespace {
 
@@ -33,7 +32,8 @@ using Keys = std::shared_ptr<ClearKey>;
 
 constexpr auto interfaces = {ClearKey::Interface::PerRange, ClearKey::Interface::FullSample};
 constexpr auto longBound = std::chrono::seconds(60);
-constexpr double lengthTolerance = 0.05; // seconds
+constexpr double lengthTolerance = 0.05;                  // seconds
+constexpr host::KeyPair ownPair = {{1, 2, 3}, {4, 5, 6}}; ///< what this test protects with
 
 /// What ffmpeg decodes.
 struct Reference {
@@ -105,9 +105,8 @@ std::string corpus(const std::string& name) {
 /// One media element that plays one file through the library.
 class Player final : public host::Observer {
 public:
-    explicit Player(const std::string& path, Keys keys = nullptr,
-                    SinkWatch::Options watch = {false, true}, Scheme scheme = Scheme::None,
-                    const host::KeyPair& pair = {})
+    explicit Player(const std::string& path, Keys keys = nullptr, Scheme scheme = Scheme::None,
+                    SinkWatch::Options watch = {false, true})
         : m_keys(keys), m_element(library(), m_loop, *this, {}) {
         SinkWatch::instance().restart(watch);
         if (keys != nullptr)
@@ -116,7 +115,7 @@ public:
         source.open = [=](const std::atomic<bool>& cancelled) {
             auto media = host::openMedia(path, cancelled);
             for (auto& stream : media.streams)
-                stream = host::protect(std::move(stream), scheme, pair);
+                stream = host::protect(std::move(stream), scheme, ownPair);
             return media;
         };
         source.keys = std::move(keys);
@@ -137,18 +136,9 @@ public:
                          longBound) &&
                status().state == state;
     }
-    host::Status status() {
-        const std::lock_guard lock(m_mutex);
-        return m_status;
-    }
-    std::vector<host::KeyBytes> keysNeeded() {
-        const std::lock_guard lock(m_mutex);
-        return m_keysNeeded;
-    }
-    std::size_t seeks() {
-        const std::lock_guard lock(m_mutex);
-        return m_seeks;
-    }
+    host::Status status() { return locked(m_status); }
+    std::vector<host::KeyBytes> keysNeeded() { return locked(m_keysNeeded); }
+    std::size_t seeks() { return locked(m_seeks); }
 
 private:
     static std::shared_ptr<host::BackendLibrary> library() {
@@ -160,6 +150,12 @@ private:
         }();
         EXPECT_NE(loaded.library, nullptr) << loaded.error;
         return loaded.library;
+    }
+
+    template <typename Value>
+    Value locked(const Value& value) {
+        const std::lock_guard lock(m_mutex);
+        return value;
     }
 
     void onRecord(const host::Record&) override {}
@@ -235,32 +231,27 @@ Reference decodeClip(const std::string& name) {
     return decode(generated(name), soundOnly ? "-vn" : "");
 }
 
-TEST(MsePlayback, ShowsEveryFrameAndSoundOfGeneratedClips) {
+TEST(MsePlayback, ShowsGeneratedClipsClearAndProtected) {
+    const struct {
+        const char* what;
+        Scheme scheme;
+        ClearKey::Interface interface;
+    } rows[] = {
+        {"clear", Scheme::None, ClearKey::Interface::PerRange},
+        {"cenc, ranges", Scheme::Cenc, ClearKey::Interface::PerRange},
+        {"cenc, whole samples", Scheme::Cenc, ClearKey::Interface::FullSample},
+        {"cbcs, ranges", Scheme::Cbcs, ClearKey::Interface::PerRange},
+        {"cbcs, whole samples", Scheme::Cbcs, ClearKey::Interface::FullSample},
+    };
     for (const std::string name : clips) {
-        SCOPED_TRACE(name);
         const auto expected = decodeClip(name);
-        Player player(generated(name));
-        expectPlayed(player, expected);
-        if (expected.sound > 0)
-            expectTone(SinkWatch::instance().audio());
-    }
-}
-
-TEST(MsePlayback, ShowsThemProtected) {
-    const auto pair = pairOf("000102030405060708090a0b0c0d0e0f:f0f1f2f3f4f5f6f7f8f9fafbfcfdfeff");
-    for (const std::string name : clips) {
-        const auto expected = decodeClip(name);
-        for (const auto scheme : {Scheme::Cenc, Scheme::Cbcs})
-            for (const auto interface : interfaces) {
-                SCOPED_TRACE(
-                    name + (scheme == Scheme::Cenc ? " cenc" : " cbcs") +
-                    (interface == ClearKey::Interface::PerRange ? ", ranges" : ", samples"));
-                Player player(generated(name), keysWith(interface, pair), {false, true}, scheme,
-                              pair);
-                expectPlayed(player, expected);
-                if (expected.sound > 0)
-                    expectTone(SinkWatch::instance().audio());
-            }
+        for (const auto& row : rows) {
+            SCOPED_TRACE(name + " " + row.what);
+            Player player(generated(name), keysWith(row.interface, ownPair), row.scheme);
+            expectPlayed(player, expected);
+            if (expected.sound > 0)
+                expectTone(SinkWatch::instance().audio());
+        }
     }
 }
 
@@ -321,36 +312,31 @@ TEST(MsePlayback, ShowsRealEncryptedFiles) {
     std::filesystem::remove(twin);
 }
 
-/// Of WebM encryption ffmpeg knows nothing: what is taken for granted is the number of frames.
+/// Of WebM encryption ffmpeg knows nothing: what can be known is how much there is of it.
 TEST(MsePlayback, ShowsRealEncryptedWebm) {
     const auto path = corpus("cenc/webm-vp8-vorbis.webm");
     if (!std::filesystem::exists(path))
         GTEST_SKIP() << "there is no corpus";
     const auto pair = pairOf("30313233343536373839303132333435:ebdd62f16814d27b68ef122afce4ae3c");
-    RenderedStream video;
     for (const auto interface : interfaces) {
         Player player(path, keysWith(interface, pair));
         ASSERT_TRUE(player.waitFor(State::Ended)) << player.status().reason;
         EXPECT_NEAR(player.status().position, player.status().duration, lengthTolerance);
+        EXPECT_EQ(SinkWatch::instance().video().buffers.size(), 182U);
         const auto audio = SinkWatch::instance().audio();
-        EXPECT_NEAR(static_cast<double>(audio.sound.size()), 6.0 * 44100, 0.07 * 44100);
-        const auto before = std::exchange(video, SinkWatch::instance().video());
-        ASSERT_EQ(video.buffers.size(), 182U);
-        for (std::size_t i = 0; i < before.buffers.size(); ++i)
-            EXPECT_EQ(video.buffers[i].digest, before.buffers[i].digest);
+        EXPECT_NEAR(static_cast<double>(audio.sound.size()) / 44100, 6.0, 0.07);
     }
 }
 
 TEST(MsePlayback, HoldsBackWhatItHasNoKeyForUntilTheKeyComes) {
-    const auto pair = pairOf("000102030405060708090a0b0c0d0e0f:f0f1f2f3f4f5f6f7f8f9fafbfcfdfeff");
     const auto keys = std::make_shared<ClearKey>(ClearKey::Interface::PerRange);
-    Player player(generated("h264-aac.mp4"), keys, {false, true}, Scheme::Cenc, pair);
+    Player player(generated("h264-aac.mp4"), keys, Scheme::Cenc);
     ASSERT_TRUE(waitUntil([&] { return player.keysNeeded().size() == 2; })) << "audio and video";
     for (const auto& id : player.keysNeeded())
-        EXPECT_EQ(id, pair.id);
+        EXPECT_EQ(id, ownPair.id);
     EXPECT_TRUE(SinkWatch::instance().video().prerolled.empty());
     EXPECT_TRUE(SinkWatch::instance().audio().prerolled.empty());
-    keys->addKey(pair);
+    keys->addKey(ownPair);
     player.element().resumeFeeding();
     expectPlayed(player, decode(generated("h264-aac.mp4")));
 }
@@ -368,7 +354,7 @@ std::optional<support::Rendered> firstAfterSeek(const RenderedStream& stream, do
 
 TEST(MsePlayback, BeginsWhereItIsSoughtTo) {
     auto& watch = SinkWatch::instance();
-    Player player(generated("clip.mp4"), nullptr, {true, false});
+    Player player(generated("clip.mp4"), nullptr, Scheme::None, {true, false});
     ASSERT_TRUE(player.waitFor(State::Playing));
     std::minstd_rand random(7);
     std::uniform_real_distribution<double> anywhere(0, 5.5);
