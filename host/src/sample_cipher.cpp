@@ -107,7 +107,8 @@ private:
     std::uint64_t m_bytesToWrap = 0;
 };
 
-/// Every range is a chain of its own, over its encrypted blocks.
+/// Every range is a chain of its own, over its encrypted blocks. What is shorter than a run at its
+/// end stays clear.
 class CbcsCipher final : public SampleCipher {
 public:
     /// Blocks encrypted, then skipped, in turn; none are skipped with (0, 0).
@@ -122,10 +123,10 @@ public:
     }
 
     bool apply(std::uint8_t* data, std::size_t size) override {
-        const std::size_t whole = size - size % blockSize;
         if (!m_aes.restart(m_iv))
             return false;
-        return m_run == m_period ? m_aes.apply(data, whole) : applyPattern(data, whole);
+        return m_run == m_period ? m_aes.apply(data, size - size % blockSize)
+                                 : applyPattern(data, size);
     }
 
 private:
@@ -137,15 +138,14 @@ private:
         while (size > 0) {
             const std::size_t part = std::min(size, stride);
             auto* end = gathered.data();
-            visitRuns(data, part, [&end](std::uint8_t* run, std::size_t length) {
-                end = std::copy_n(run, length, end);
-            });
+            visitRuns(data, part,
+                      [&](const std::uint8_t* run) { end = std::copy_n(run, m_run, end); });
             if (!m_aes.apply(gathered.data(), static_cast<std::size_t>(end - gathered.data())))
                 return false;
             const auto* next = gathered.data();
-            visitRuns(data, part, [&next](std::uint8_t* run, std::size_t length) {
-                std::copy_n(next, length, run);
-                next += length;
+            visitRuns(data, part, [&](std::uint8_t* run) {
+                std::copy_n(next, m_run, run);
+                next += m_run;
             });
             data += part;
             size -= part;
@@ -155,8 +155,8 @@ private:
 
     template <typename Visit>
     void visitRuns(std::uint8_t* data, std::size_t size, Visit visit) const {
-        for (std::size_t at = 0; at < size; at += m_period)
-            visit(data + at, std::min(m_run, size - at));
+        for (std::size_t at = 0; at < size && m_run <= size - at; at += m_period)
+            visit(data + at);
     }
 
     Aes m_aes;

@@ -115,7 +115,9 @@ Bytes encryptCbcs(Bytes data, const Bytes& iv, const Ranges& ranges, unsigned in
     for (const auto& range : ranges) {
         Bytes chain = iv;
         for (std::size_t block = 0; (block + 1) * 16 <= range.length; ++block) {
-            if (skip > 0 && block % (crypt + skip) >= crypt)
+            const std::size_t inPeriod = skip > 0 ? block % (crypt + skip) : 0;
+            const std::size_t runEnd = (block - inPeriod + crypt) * 16; // a run cut short is clear
+            if (skip > 0 && (inPeriod >= crypt || runEnd > range.length))
                 continue;
             const auto at = data.begin() + static_cast<std::ptrdiff_t>(range.offset + block * 16);
             std::transform(chain.begin(), chain.end(), at, chain.begin(), std::bit_xor<>());
@@ -172,6 +174,7 @@ TEST(ClearKeyCipher, FollowsRangesCountersAndPatterns) {
         {"nothing skipped", iv16, 10, 0, odd, true},
         {"video", iv16, 1, 9, {{0, 15}, {16, 16}, {40, 99960}}, true},
         {"run cut short", iv16, 5, 5, {{0, 16 * 13 + 7}, {300, 16 * 23}}, true},
+        {"no whole run", iv16, 2, 8, {{0, 31}, {40, 17}, {100, 16 * 12}}, true},
         {"largest pattern", iv16, 255, 255, {{1, 99998}}, true},
     };
     const auto clear = someBytes(100000);
