@@ -11,6 +11,7 @@
 
 #include <gtest/gtest.h>
 
+#include <array>
 #include <atomic>
 #include <cmath>
 #include <functional>
@@ -217,6 +218,39 @@ TEST_F(MediaSourceTest, SamplesArriveInOrderWithoutACopy) {
     EXPECT_NE(seen.caps[1].find("width=(int)640"), std::string::npos);
     EXPECT_EQ(RecordingSinks::of(audioSink).buffers.at(0).segmentStart, GST_SECOND)
         << "both start with whichever was first";
+}
+
+TEST_F(MediaSourceTest, AParserCopiesNothingAndEndsWithoutSamples) {
+    UVAStreamConfig mp3;
+    mp3.codec = UVAStreamConfig::CODEC_MP3;
+    mp3.sampleRate = 44100;
+    mp3.channels = 2;
+    for (const int count : {10, 0}) {
+        RecordingSinks::clear();
+        client.needs = client.finished = 0;
+        owner = std::make_unique<GstNoxBackend>(UVABackend::VideoElement, &client);
+        backend = owner.get();
+        UVABackend::SourceDescription* sources[] = {new Source(audioId, "audio/mpeg"), nullptr};
+        ASSERT_EQ(backend->initBackend("", sources, false, false), UVABackend::Success);
+        playUntilAsked(1);
+        Samples samples;
+        std::vector<const void*> payloads;
+        for (int i = 0; i < count; ++i) {
+            auto* sample = new TestSample(i * 0.026, 0.026, &mp3, 417); // 128 kbit/s
+            std::fill(sample->bytes.begin(), sample->bytes.end(), 0);
+            const std::array<std::uint8_t, 3> header = {0xFF, 0xFB, 0x90};
+            std::copy(header.begin(), header.end(), sample->bytes.begin());
+            payloads.push_back(sample->payload());
+            samples.push_back(sample);
+        }
+        write(audioId, samples);
+        writeEnd(audioId);
+        ASSERT_TRUE(waitUntil([&] { return client.finished == 1; })) << count;
+        const auto seen = RecordingSinks::of(audioSink).buffers;
+        ASSERT_EQ(seen.size(), payloads.size());
+        for (std::size_t i = 0; i < payloads.size(); ++i)
+            EXPECT_EQ(seen[i].data, payloads[i]) << i;
+    }
 }
 
 TEST_F(MediaSourceTest, SeekDropsWhatWasQueuedAndStartsANewSegment) {

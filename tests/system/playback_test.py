@@ -24,6 +24,7 @@ CORPUS = pathlib.Path(sys.argv[2]) if len(sys.argv) > 2 else None
 DURATION_DIFFERS = {
     ".ts": "a transport stream has no length: the demuxer reckons from the last clock references that"
            " it happens to find, and a short file may have none",
+    "frag.mp4": "the demuxer counts the fragments that it has seen when it is asked",
     "h264-320x240.mp4": "ffprobe counts the time before the first picture",
     "h264-640x480.mp4": "likewise",
     "mp3-cbr-5s.mp3": "encoder delay and padding, 68 ms, are cut off",
