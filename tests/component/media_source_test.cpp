@@ -466,7 +466,10 @@ TEST_F(MediaSourceTest, RequestsAreTheBound) {
         backend->writeData(event.release(), 0, UVABackend::Data);
     };
     backend->play();
-    ASSERT_TRUE(waitUntil([&] { return client.finished == 1; }, std::chrono::seconds(120)));
+    const bool ended =
+        waitUntil([&] { return client.finished == 1; }, std::chrono::seconds(120));
+    owner.reset(); // nobody asks any more
+    EXPECT_TRUE(ended);
     EXPECT_EQ(RecordingSinks::count(videoSink), static_cast<std::size_t>(total));
     EXPECT_LE(most, limit);
 }
@@ -486,6 +489,7 @@ TEST_F(MediaSourceTest, EveryOperationWorksFromInsideTheEvent) {
     };
     backend->play();
     EXPECT_TRUE(waitUntil([&] { return answered > 20; }));
+    owner.reset(); // nobody asks any more
 }
 
 // A writer, the shell and the streaming threads against sources that come and go.

@@ -247,7 +247,8 @@ void GstNoxBackend::GstMseBin::write(UVASample** samples) {
         auto buffer = wrap(std::move(sample));
         if (!buffer)
             continue;
-        pushCaps(std::move(caps));
+        if (caps)
+            pushCaps(std::move(caps));
         pushBuffer(std::move(buffer));
     }
     GST_LOG("id=%d, got: samples=%d bytes=%d", static_cast<int>(m_id), count,
@@ -365,16 +366,14 @@ void GstNoxBackend::GstMseBin::pushItem(GstPtr<GstMiniObject> item) {
 }
 
 void GstNoxBackend::GstMseBin::pushCaps(GstPtr<GstCaps> caps) {
-    const bool same = caps.get() == currentCaps.get() ||
-                      (caps && currentCaps && gst_caps_is_equal(caps.get(), currentCaps.get()));
-    if (same)
+    if (caps.get() == currentCaps.get() ||
+        (currentCaps && gst_caps_is_equal(caps.get(), currentCaps.get())))
         return;
     // No buffer follows these.
     while (GST_IS_CAPS(gst_queue_array_peek_tail(queue)))
         gst_caps_unref(GST_CAPS_CAST(gst_queue_array_pop_tail(queue)));
     currentCaps = caps;
-    if (caps)
-        pushItem(GstPtr<GstMiniObject>::adopt(GST_MINI_OBJECT_CAST(caps.release())));
+    pushItem(GstPtr<GstMiniObject>::adopt(GST_MINI_OBJECT_CAST(caps.release())));
 }
 
 void GstNoxBackend::GstMseBin::pushBuffer(GstPtr<GstBuffer> buffer) {
