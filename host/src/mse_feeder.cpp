@@ -186,8 +186,6 @@ void MseFeeder::serve(Source& source) {
         return read(source, wanted);
     if (const std::size_t count = deliverable(source, wanted); count > 0)
         deliver(source, count);
-    if (m_client == nullptr)
-        return;
     if (!source.ready.empty()) {
         if (source.request != nullptr)
             askForKey(source);
@@ -262,8 +260,6 @@ void MseFeeder::deliver(Source& source, std::size_t count) {
     if (source.startDue)
         deliverStart(source);
     auto event = std::move(source.request);
-    if (event == nullptr)
-        return;
     event->samples = new UVASample* [count + 1] {};
     std::size_t bytes = 0;
     for (std::size_t i = 0; i < count; ++i) {

@@ -456,7 +456,7 @@ void GstNoxBackend::GstMseBin::handOverBuffer(GstPtr<GstBuffer> buffer) {
 
 GstPtr<GstBuffer>
 GstNoxBackend::GstMseBin::handleContentProtectionMeta(GstPtr<GstBuffer> buffer,
-                                                      const char* capsName_) {
+                                                      const char* type) {
     const auto* meta = gst_buffer_get_content_protection_meta(buffer.get());
     if (meta == nullptr)
         return buffer;
@@ -489,7 +489,7 @@ GstNoxBackend::GstMseBin::handleContentProtectionMeta(GstPtr<GstBuffer> buffer,
     if (decrypted)
         return copy;
     GST_ERROR("decryption failed"); // what goes on is as unreadable as it came
-    GST_DEBUG("%s of type %s", name.get(), capsName_);
+    GST_DEBUG("%s of type %s", name.get(), type);
     return buffer;
 }
 

@@ -53,7 +53,7 @@ public:
     bool pushToSource() REQUIRES(lock);
     /// The buffer to hand on: the decrypted copy, or the buffer itself when it is clear or cannot
     /// be decrypted. Takes the buffer. One thread at a time.
-    GstPtr<GstBuffer> handleContentProtectionMeta(GstPtr<GstBuffer> buffer, const char* capsName);
+    GstPtr<GstBuffer> handleContentProtectionMeta(GstPtr<GstBuffer> buffer, const char* type);
     void pushCaps(GstPtr<GstCaps> caps) REQUIRES(lock);
     void pushBuffer(GstPtr<GstBuffer> buffer) REQUIRES(lock);
     void pushEvent(GstPtr<GstEvent> event) REQUIRES(lock);

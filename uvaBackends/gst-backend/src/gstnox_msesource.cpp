@@ -4,6 +4,7 @@
 #include "gstnox_backend.h"
 #include "gstnox_msebin.h"
 #include "gstnox_plugin.h"
+#include "gstnox_time.h"
 #include "uva/uva_event.h"
 
 #include <cstdlib>
@@ -15,10 +16,6 @@
 namespace {
 
 constexpr int samplesToAskFor = 30;
-
-GstClockTime forLog(gint64 time) {
-    return time < 0 ? GST_CLOCK_TIME_NONE : static_cast<GstClockTime>(time);
-}
 
 /// "appsrc_2": the number behind the first "_".
 unsigned int sourceIdOf(GstAppSrc* appsrc) {

@@ -2,6 +2,7 @@
 
 #include "gstnox_msebin.h"
 #include "gstnox_plugin.h"
+#include "gstnox_time.h"
 #include "uva/uva_event.h"
 
 #include <algorithm>
@@ -25,11 +26,6 @@ gint64 toNanoseconds(double seconds) {
     if (nanoseconds < -limit)
         return G_MININT64;
     return static_cast<gint64>(nanoseconds);
-}
-
-/// A signed time for the log: what is not known prints as 99:99:99.999999999.
-GstClockTime forLog(gint64 time) {
-    return time < 0 ? GST_CLOCK_TIME_NONE : static_cast<GstClockTime>(time);
 }
 
 } // namespace
