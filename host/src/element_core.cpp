@@ -1,5 +1,6 @@
 #include "element_core.h"
 
+#include "element_calls.h"
 #include "event_description.h"
 #include "host/backend_library.h"
 #include "host/media_uri.h"
@@ -74,16 +75,6 @@ SeekOutcome outcomeOf(const SeekCompletedExEvent& event) {
     return SeekOutcome::Failed;
 }
 
-Value toValue(int result) {
-    return static_cast<long long>(result);
-}
-Value toValue(bool result) {
-    return result;
-}
-Value toValue(const UVAMediaBackend* result) {
-    return result != nullptr;
-}
-
 } // namespace
 
 ElementCore::ElementCore(std::shared_ptr<const BackendLibrary> library,
@@ -95,33 +86,6 @@ ElementCore::ElementCore(std::shared_ptr<const BackendLibrary> library,
 ElementCore::~ElementCore() = default;
 
 // ---- operations
-
-/// Notes what the backend is busy with while it is.
-template <typename Call>
-auto ElementCore::busy(const char* name, Call call) {
-    {
-        const std::lock_guard lock(m_operationMutex);
-        m_operation = MediaElement::Operation{name, Clock::now()};
-    }
-    const auto result = call();
-    const std::lock_guard lock(m_operationMutex);
-    m_operation.reset();
-    return result;
-}
-
-template <typename Call>
-auto ElementCore::operate(const char* name, std::vector<Argument> arguments, Call call) {
-    Record record;
-    record.kind = Record::Kind::Operation;
-    record.name = name;
-    record.arguments = std::move(arguments);
-    record.time = Clock::now();
-    const auto result = busy(name, call);
-    record.duration = Clock::now() - record.time;
-    record.arguments.push_back({"result", toValue(result)});
-    observe([&](Observer& observer) { observer.onRecord(record); });
-    return result;
-}
 
 void ElementCore::open(const std::string& uri) {
     if (m_status.state != State::Idle || requestBackend() == nullptr)
@@ -264,103 +228,6 @@ void ElementCore::release() {
 std::optional<MediaElement::Operation> ElementCore::operationUnderWay() const {
     const std::lock_guard lock(m_operationMutex);
     return m_operation;
-}
-
-// ---- feeding
-
-void ElementCore::feederOpened() {
-    auto* backend = m_backend.load();
-    if (m_protected) {
-        UVAKeySystemConfig config;
-        config.keySystemId = clearKeySystem;
-        operate("setKeySystem", {{"id", std::string(clearKeySystem)}},
-                [&] { return backend->setKeySystem(config); });
-    }
-    std::vector<UVABackend::SourceDescription*> sources;
-    std::string types;
-    for (const auto& info : m_feeder->sources()) {
-        sources.push_back(m_feeder->describe(info.id).release());
-        types += (types.empty() ? "" : ", ") + std::string(sources.back()->mimeType);
-    }
-    sources.push_back(nullptr);
-    if (!initialize(sources.data(), {{"sources", types}}))
-        return;
-    if (m_wantPlaying)
-        operate("play", {}, [backend] { return backend->play(); });
-    else if (m_status.state == State::Paused)
-        operate("pause", {}, [backend] { return backend->pause(); });
-    m_watch.restart();
-}
-
-void ElementCore::feederFailed(const std::string& reason) {
-    fail(reason);
-}
-
-void ElementCore::keyNeeded(const KeyBytes& id) {
-    m_keyMissing = true;
-    observe([&](Observer& observer) { observer.onKeyNeeded(id); });
-}
-
-void ElementCore::resumeFeeding() {
-    m_keyMissing = false;
-    if (m_feeder != nullptr)
-        m_feeder->resume();
-}
-
-void ElementCore::writeData(std::unique_ptr<NeedMSEDataEvent> event, unsigned int samples,
-                            unsigned int bytes, UVABackend::WriteDataStatus status) {
-    auto* backend = m_backend.load();
-    operate("writeData",
-            {{"sourceId", static_cast<long long>(event->sourceId)},
-             {"samples", static_cast<long long>(samples)},
-             {"bytes", static_cast<long long>(bytes)},
-             {"status", static_cast<long long>(status)}},
-            [&] { return backend->writeData(event.release(), bytes, status); });
-}
-
-void ElementCore::takeRequest(std::unique_ptr<NeedMSEDataEvent> event) {
-    const Record record = describe(*event);
-    if (m_releasing || m_feeder == nullptr || m_status.state == State::Failed)
-        return;
-    observe([&](Observer& observer) { observer.onRecord(record); });
-    m_feeder->request(std::move(event));
-}
-
-int ElementCore::attach(unsigned int id) {
-    auto* backend = m_backend.load();
-    auto source = m_feeder->describe(id);
-    const std::string mimeType = source->mimeType;
-    return operate("attachSource",
-                   {{"sourceId", static_cast<long long>(id)}, {"mimeType", mimeType}},
-                   [&] { return backend->attachSource(source.release()); });
-}
-
-void ElementCore::reattach(StreamInfo::Kind kind) {
-    auto* backend = m_backend.load();
-    if (m_feeder == nullptr || !m_initialized || over())
-        return;
-    for (const auto& source : m_feeder->sources()) {
-        if (source.kind != kind)
-            continue;
-        operate("removeSource", {{"sourceId", static_cast<long long>(source.id)}},
-                [&] { return backend->removeSource(source.id); });
-        m_feeder->restart(source.id, m_status.position);
-        if (attach(source.id) != UVABackend::Success)
-            fail("the backend did not take the source again; see the system log");
-    }
-}
-
-void ElementCore::refreshSources() {
-    if (m_feeder == nullptr || !m_initialized)
-        return;
-    auto* backend = m_backend.load();
-    m_status.sources.clear();
-    for (const auto& source : m_feeder->sources()) {
-        std::vector<UVABackend::TimeRange> ranges;
-        busy("getBufferedTimeRanges",
-             [&] { return backend->getBufferedTimeRanges(source.id, {}, ranges); });
-        m_status.sources.push_back({source.kind, std::move(ranges)});
-    }
 }
 
 // ---- events
@@ -704,13 +571,6 @@ void ElementCore::fail(std::string reason) {
 void ElementCore::publishStatus() {
     m_status.time = Clock::now();
     observe([this](Observer& observer) { observer.onStatus(m_status); });
-}
-
-template <typename Call>
-void ElementCore::observe(Call call) {
-    const std::lock_guard lock(m_gate);
-    if (m_observer != nullptr)
-        call(*m_observer);
 }
 
 void ElementCore::closeGate() {
