@@ -5,6 +5,7 @@
 #include "util/sanitizers.h"
 
 #include <cerrno>
+#include <csignal>
 #include <cstring>
 #include <cxxabi.h>
 #include <exception>
@@ -42,6 +43,25 @@ namespace {
 
 /// The object whose thread this is, as long as both live.
 thread_local const std::atomic<int32_t>* stopRequestedOfCaller = nullptr;
+
+/// Signals are the host's, and none of its handlers shall run on a framework thread: a thread
+/// that is created under this block is born with all of them blocked, but for its own faults.
+class SignalBlock {
+public:
+    SignalBlock() {
+        sigset_t hosts;
+        sigfillset(&hosts);
+        for (const int fault : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTRAP, SIGABRT, SIGSYS})
+            sigdelset(&hosts, fault);
+        pthread_sigmask(SIG_BLOCK, &hosts, &m_before);
+    }
+    ~SignalBlock() { pthread_sigmask(SIG_SETMASK, &m_before, nullptr); }
+    SignalBlock(const SignalBlock&) = delete;
+    SignalBlock& operator=(const SignalBlock&) = delete;
+
+private:
+    sigset_t m_before{};
+};
 
 } // namespace
 
@@ -119,7 +139,11 @@ int CThreadObject::createThread(Launch& launch, int stackSize, int priority) {
         }
     }
     pthread_t thread = 0;
-    const int error = pthread_create(&thread, &attributes, StaticThreadFunction, &launch);
+    int error = 0;
+    {
+        const SignalBlock block;
+        error = pthread_create(&thread, &attributes, StaticThreadFunction, &launch);
+    }
     pthread_attr_destroy(&attributes);
     if (error != 0)
         return error;

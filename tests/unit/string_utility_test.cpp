@@ -45,8 +45,8 @@ TEST(StringUtility, WhitespaceIsStripped) {
         {"", "", "", ""},
         {" \t\r\n", "", "", ""},
         {" \ta b \t\r\n", "a b", "a b \t\r\n", " \ta b"},
-        {"\n x", "\n x", "x", "\n x"}, // line ends are only removed at the end
-        {"\v\fx\f", "\v\fx\f", "x\f", "\v\fx"},
+        {"\n x", "\n x", "x", "\n x"},              // line ends are only removed at the end
+        {" \vx\f\n", "\vx\f", "\vx\f\n", " \vx\f"}, // these two stay
         {"x", "x", "x", "x"},
     };
     for (const auto& c : cases) {
