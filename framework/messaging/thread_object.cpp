@@ -11,6 +11,7 @@
 #include <exception>
 #include <sched.h>
 #include <sys/prctl.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 /// What a new thread needs from its starter, on the starter's stack until the thread runs.
@@ -62,6 +63,25 @@ public:
 private:
     sigset_t m_before{};
 };
+
+/// Says it once: what refuses one thread refuses all.
+void warnOfRefusedPriority(int priority, int error) {
+    static std::atomic<bool> isSaid{false};
+    if (isSaid.exchange(true))
+        return;
+    rlimit limit{};
+    getrlimit(RLIMIT_RTPRIO, &limit);
+    const std::string cause =
+        error == EPERM
+            ? "needs CAP_SYS_NICE, or RLIMIT_RTPRIO (ulimit -r) of at least " +
+                  std::to_string(priority) + ", which is " + std::to_string(limit.rlim_cur) +
+                  "; with real-time group scheduling also a run time for its cgroup"
+            : "must be from 1 to " + std::to_string(sched_get_priority_max(SCHED_FIFO));
+    ZANT_TRACE(TRACEUNIT_THREAD, TRACELEVEL_WARNING,
+               "CThreadObject::StartThread() - SCHED_FIFO priority %d refused (%s): it %s. Threads "
+               "run without\n",
+               priority, strerrordesc_np(error), cause.c_str());
+}
 
 } // namespace
 
@@ -181,8 +201,7 @@ std::string CThreadObject::applyPriority(int priority) const {
                        std::to_string(policy) + ", default stack size " +
                        std::to_string(stackSize) + ", debug level " + std::to_string(m_debugLevel);
     if (error != 0)
-        text += std::string(", SCHED_FIFO refused (CAP_SYS_NICE or RLIMIT_RTPRIO needed): ") +
-                strerrordesc_np(error);
+        warnOfRefusedPriority(priority, error);
     return text;
 }
 

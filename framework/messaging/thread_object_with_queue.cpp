@@ -82,7 +82,10 @@ void CThreadObjectWithQueue::sendStop(Run run) {
                "CThreadObjectWithQueue::StopThread() - Sending SIG_ID_STOP_THREAD\n");
     CZantMsg stop(SIG_ID_STOP_THREAD);
     stop.param4 = run == 0 ? noRun : static_cast<int32_t>(run);
+    // A full queue wakes the thread anyway, which then sees that it is to end.
+    m_queue.sendErrorsSuppressed = true;
     m_queue.Send(&stop, 0);
+    m_queue.sendErrorsSuppressed = false;
 }
 
 /// Another process may not stop a thread of this one. Whoever stops it here has said so in
