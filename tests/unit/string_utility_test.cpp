@@ -11,6 +11,7 @@ TEST(StringUtility, Utf8ToIso8859) {
     } const cases[] = {
         {"", ""},
         {"Gr\xC3\xBCn", "Gr\xFCn"},
+        {"\xC3\x80x", "\xC0x"},   // the lowest continuation
         {"\x80\xBF", "\x80\xBF"}, // stray continuation bytes stay
         {"a\xC3"
          "Ab",
