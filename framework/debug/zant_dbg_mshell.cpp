@@ -5,7 +5,11 @@
 #include "debug/zant_dbg.h"
 
 #include <algorithm>
-#include <cstdlib>
+#include <cerrno>
+#include <csignal>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 namespace {
 
@@ -26,9 +30,28 @@ std::string textAfterWords(const CommandStruct& command, int words) {
     return at == std::string::npos ? "" : line.substr(at);
 }
 
-/// The text goes to the system shell as typed, on purpose. Its output is the process's own.
+/// The text goes to the system shell as typed, on purpose. Its output is the process's own. Unlike
+/// under system(), what it runs does not inherit the signals that are blocked on this thread.
 int runInSystemShell(const std::string& line) {
-    return system(line.c_str()) == 0 ? 0 : systemFailed; // NOLINT(cert-env33-c)
+    sigset_t none;
+    sigemptyset(&none);
+    posix_spawnattr_t attributes;
+    posix_spawnattr_init(&attributes);
+    posix_spawnattr_setsigmask(&attributes, &none);
+    posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK);
+    std::string words[] = {"sh", "-c", line};
+    char* const arguments[] = {words[0].data(), words[1].data(), words[2].data(), nullptr};
+    pid_t child = 0;
+    const int failed = posix_spawn(&child, "/bin/sh", nullptr, &attributes, arguments, environ);
+    posix_spawnattr_destroy(&attributes);
+    if (failed != 0)
+        return systemFailed;
+    int status = 0;
+    pid_t ended = 0;
+    do
+        ended = waitpid(child, &status, 0);
+    while (ended < 0 && errno == EINTR);
+    return ended == child && status == 0 ? 0 : systemFailed;
 }
 
 int appendLine(const char* handler, const std::string& text, const std::string& file) {

@@ -163,6 +163,8 @@ int32_t CZantTrace::CheckAndSetMaxSizeOfLogfile() {
 }
 
 int32_t CZantTrace::SetTraceFileMaxSize(long maxSize) {
+    // No limit is a limit too: it outlasts the start of a log, which puts its own aside meanwhile.
+    m_savedMaxSize = maxSize;
     m_LogFile.SetMaxSize(maxSize);
     return 0;
 }

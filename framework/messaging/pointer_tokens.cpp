@@ -1,5 +1,6 @@
 #include "messaging/pointer_tokens.h"
 
+#include "debug/zant_trace.h"
 #include "util/mutex.h"
 
 #include <atomic>
@@ -7,6 +8,17 @@
 #include <sys/auxv.h>
 
 namespace pointer_tokens {
+
+namespace {
+
+void traceFullTable(uint32_t nrOfSlots) {
+    ZANT_TRACE(TRACEUNIT_MSG, TRACELEVEL_ERROR,
+               "CZantMsg - No room for another payload or timer, %u are under way: is a queue not "
+               "read? See m_queuelist\n",
+               nrOfSlots - 1);
+}
+
+} // namespace
 
 #if UINTPTR_MAX > UINT32_MAX
 
@@ -34,12 +46,13 @@ struct Slot {
 };
 
 // Zero until used, and so without resident memory until used. Slot 0 stays unused: its index ends
-// the list of free slots, and no token is 0.
+// the chain of free slots, and no token is 0.
 Slot slots[nrOfSlots];
 std::atomic<uint32_t> nextUntouched{1};
-/// Index of the first free slot, and above it a count of changes: a slot that was taken and given
-/// back meanwhile is not mistaken for an unchanged list.
-std::atomic<uint64_t> freeList{0};
+/// Guards the chain of free slots; held for a few instructions, nothing is called under it.
+Mutex freeSlotsMutex;
+uint32_t oldestFree GUARDED_BY(freeSlotsMutex) = 0;
+uint32_t newestFree GUARDED_BY(freeSlotsMutex) = 0; ///< means nothing while there is no oldest
 
 /// Where the generations of this process begin, so that the tokens of another process, or of an
 /// earlier run left in a queue, do not fit.
@@ -53,27 +66,24 @@ uint32_t firstGeneration() {
     return value;
 }
 
+/// The oldest free slot, so that a stale token meets its slot's next generation as late as
+/// possible.
 uint32_t popFree() {
-    uint64_t head = freeList.load(std::memory_order_acquire);
-    for (;;) {
-        const auto index = static_cast<uint32_t>(head);
-        if (index == 0)
-            return 0;
-        const uint64_t next = slots[index].value.load(std::memory_order_relaxed);
-        const uint64_t changed = ((head >> 32) + 1) << 32 | next;
-        if (freeList.compare_exchange_weak(head, changed, std::memory_order_acquire))
-            return index;
-    }
+    const MutexLock lock(freeSlotsMutex);
+    const uint32_t index = oldestFree;
+    if (index != 0)
+        oldestFree = static_cast<uint32_t>(slots[index].value.load(std::memory_order_relaxed));
+    return index;
 }
 
 void pushFree(uint32_t index) {
-    uint64_t head = freeList.load(std::memory_order_relaxed);
-    uint64_t changed = 0;
-    do {
-        slots[index].value.store(static_cast<uint32_t>(head), std::memory_order_relaxed);
-        changed = ((head >> 32) + 1) << 32 | index;
-    } while (!freeList.compare_exchange_weak(head, changed, std::memory_order_release,
-                                             std::memory_order_relaxed));
+    const MutexLock lock(freeSlotsMutex);
+    slots[index].value.store(0, std::memory_order_relaxed);
+    if (oldestFree == 0)
+        oldestFree = index;
+    else
+        slots[newestFree].value.store(index, std::memory_order_relaxed);
+    newestFree = index;
 }
 
 uint32_t untouchedSlot() {
@@ -92,8 +102,10 @@ uint32_t put(void* pointer, Kind kind, int32_t size) {
     uint32_t index = popFree();
     if (index == 0)
         index = untouchedSlot();
-    if (index == 0)
+    if (index == 0) {
+        traceFullTable(nrOfSlots);
         return 0;
+    }
     Slot& slot = slots[index];
     const uint32_t generation = generationOf(slot.state.load(std::memory_order_relaxed));
     slot.value.store(reinterpret_cast<uintptr_t>(pointer), std::memory_order_relaxed);
@@ -180,10 +192,13 @@ uint32_t* linkTo(uint32_t address, Kind kind) REQUIRES(mutex) {
 
 uint32_t put(void* pointer, Kind kind, int32_t size) {
     const auto address = reinterpret_cast<uint32_t>(pointer);
-    const MutexLock lock(mutex);
+    MutexLock lock(mutex);
     const uint32_t index = unusedSlot();
-    if (index == 0)
+    if (index == 0) {
+        lock.unlock();
+        traceFullTable(nrOfSlots);
         return 0;
+    }
     uint32_t& bucket = bucketOf(address);
     slots[index] = {address, kind, size, bucket};
     bucket = index;

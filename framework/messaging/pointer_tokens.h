@@ -12,13 +12,14 @@
 ///
 /// On 64-bit machines the word is a token (index and generation); on 32-bit machines it is the
 /// address itself. 0 is never a word. Thread-safe, usable from static constructors until the last
-/// instruction of the process; no heap use. On 64-bit machines lock-free.
+/// instruction of the process; no heap use. On 64-bit machines finding is lock-free, and the others
+/// hold a lock for a few instructions.
 namespace pointer_tokens {
 
 enum class Kind : uint32_t { buffer = 1, object = 2, timer = 3 };
 
 /// Enters a pointer that is not null. `size` is kept beside it and must be given again to take it
-/// out. 0 when the table is full.
+/// out. 0, with a trace, when the table is full.
 uint32_t put(void* pointer, Kind kind, int32_t size = 0);
 
 /// Takes the pointer out; null for a word that does not stand for one.

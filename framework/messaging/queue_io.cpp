@@ -47,6 +47,13 @@ int openWithinLimit(const char* name, int oflag, mode_t mode, mq_attr& attr) {
     return limited;
 }
 
+timespec timeUntil(Clock::time_point deadline) {
+    using std::chrono::nanoseconds;
+    const nanoseconds left = std::max<nanoseconds>(deadline - Clock::now(), nanoseconds(0));
+    return {static_cast<time_t>(left.count() / 1000000000),
+            static_cast<long>(left.count() % 1000000000)};
+}
+
 } // namespace
 
 int open(const char* name, int oflag, mode_t mode, mq_attr& attr) {
@@ -84,10 +91,16 @@ ssize_t receiveAtOnce(int handle, ZantMsgBody& body) {
     return mq_timedreceive(handle, reinterpret_cast<char*>(&body), sizeof body, nullptr, &atOnce);
 }
 
-int waitFor(int handle, short events, const timespec* timeout, const CancellationBlock& block) {
+int waitFor(int handle, short events, const Clock::time_point* deadline,
+            const CancellationBlock& block) {
     // Unlike select, poll takes any descriptor and leaves nothing to set up again.
     pollfd waiting{handle, events, 0};
-    const int result = block.allowDuring([&] { return ppoll(&waiting, 1, timeout, nullptr); });
+    int result = 0;
+    do {
+        const timespec left = deadline ? timeUntil(*deadline) : timespec{};
+        result = block.allowDuring(
+            [&] { return ppoll(&waiting, 1, deadline ? &left : nullptr, nullptr); });
+    } while (result < 0 && errno == EINTR);
     if (result <= 0)
         return result;
     if (waiting.revents & POLLNVAL) {

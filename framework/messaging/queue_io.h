@@ -4,8 +4,8 @@
 #include "messaging/cancellation_block.h"
 #include "messaging/zant_msg_body.h"
 
+#include <chrono>
 #include <cstdint>
-#include <ctime>
 #include <fcntl.h>
 #include <mqueue.h>
 #include <poll.h>
@@ -27,9 +27,13 @@ int send(int handle, const ZantMsgBody& body, unsigned prio, const CancellationB
 /// does not block, ETIMEDOUT if there is none and the queue does.
 ssize_t receiveAtOnce(int handle, ZantMsgBody& body);
 
-/// Waits until the queue can be read (POLLIN) or written (POLLOUT), for ever without a time-out: 1
-/// if it can, 0 at the time-out or on another wake-up, -1 with errno. May be cancelled.
-int waitFor(int handle, short events, const timespec* timeout, const CancellationBlock& block);
+using Clock = std::chrono::steady_clock;
+
+/// Waits until the queue can be read (POLLIN) or written (POLLOUT), for ever without a deadline: 1
+/// if it can, 0 at the deadline or on another wake-up, -1 with errno. A signal does not end the
+/// wait. May be cancelled.
+int waitFor(int handle, short events, const Clock::time_point* deadline,
+            const CancellationBlock& block);
 
 } // namespace queue_io
 

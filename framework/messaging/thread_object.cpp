@@ -5,11 +5,13 @@
 #include "util/sanitizers.h"
 
 #include <cerrno>
+#include <csignal>
 #include <cstring>
 #include <cxxabi.h>
 #include <exception>
 #include <sched.h>
 #include <sys/prctl.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 /// What a new thread needs from its starter, on the starter's stack until the thread runs.
@@ -42,6 +44,44 @@ namespace {
 
 /// The object whose thread this is, as long as both live.
 thread_local const std::atomic<int32_t>* stopRequestedOfCaller = nullptr;
+
+/// Signals are the host's, and none of its handlers shall run on a framework thread: a thread
+/// that is created under this block is born with all of them blocked, but for its own faults.
+class SignalBlock {
+public:
+    SignalBlock() {
+        sigset_t hosts;
+        sigfillset(&hosts);
+        for (const int fault : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTRAP, SIGABRT, SIGSYS})
+            sigdelset(&hosts, fault);
+        pthread_sigmask(SIG_BLOCK, &hosts, &m_before);
+    }
+    ~SignalBlock() { pthread_sigmask(SIG_SETMASK, &m_before, nullptr); }
+    SignalBlock(const SignalBlock&) = delete;
+    SignalBlock& operator=(const SignalBlock&) = delete;
+
+private:
+    sigset_t m_before{};
+};
+
+/// Says it once: what refuses one thread refuses all.
+void warnOfRefusedPriority(int priority, int error) {
+    static std::atomic<bool> isSaid{false};
+    if (isSaid.exchange(true))
+        return;
+    rlimit limit{};
+    getrlimit(RLIMIT_RTPRIO, &limit);
+    const std::string cause =
+        error == EPERM
+            ? "needs CAP_SYS_NICE, or RLIMIT_RTPRIO (ulimit -r) of at least " +
+                  std::to_string(priority) + ", which is " + std::to_string(limit.rlim_cur) +
+                  "; with real-time group scheduling also a run time for its cgroup"
+            : "must be from 1 to " + std::to_string(sched_get_priority_max(SCHED_FIFO));
+    ZANT_TRACE(TRACEUNIT_THREAD, TRACELEVEL_WARNING,
+               "CThreadObject::StartThread() - SCHED_FIFO priority %d refused (%s): it %s. Threads "
+               "run without\n",
+               priority, strerrordesc_np(error), cause.c_str());
+}
 
 } // namespace
 
@@ -119,7 +159,11 @@ int CThreadObject::createThread(Launch& launch, int stackSize, int priority) {
         }
     }
     pthread_t thread = 0;
-    const int error = pthread_create(&thread, &attributes, StaticThreadFunction, &launch);
+    int error = 0;
+    {
+        const SignalBlock block;
+        error = pthread_create(&thread, &attributes, StaticThreadFunction, &launch);
+    }
     pthread_attr_destroy(&attributes);
     if (error != 0)
         return error;
@@ -157,8 +201,7 @@ std::string CThreadObject::applyPriority(int priority) const {
                        std::to_string(policy) + ", default stack size " +
                        std::to_string(stackSize) + ", debug level " + std::to_string(m_debugLevel);
     if (error != 0)
-        text += std::string(", SCHED_FIFO refused (CAP_SYS_NICE or RLIMIT_RTPRIO needed): ") +
-                strerrordesc_np(error);
+        warnOfRefusedPriority(priority, error);
     return text;
 }
 

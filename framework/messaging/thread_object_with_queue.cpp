@@ -9,7 +9,10 @@
 
 namespace {
 
-constexpr useconds_t pauseAfterError = 20000;
+constexpr useconds_t pauseAfterIdleWakeUp = 20000;
+
+/// What a stop carries that met no run at all; 0 is the stop of a sender who knows of no runs.
+constexpr int32_t noRun = -1;
 
 } // namespace
 
@@ -72,14 +75,17 @@ int32_t CThreadObjectWithQueue::SendCmd(CZantMsg* msg) {
     return result;
 }
 
-/// The message says which run it is for. One that the thread had no need of would otherwise wait in
-/// the queue and end the next run.
+/// The message says which run it is for. One that the thread had no need of, because it had not
+/// been started yet or was about to end, would otherwise wait in the queue and end the next run.
 void CThreadObjectWithQueue::sendStop(Run run) {
     ZANT_TRACE(TRACEUNIT_QUEUE_THREAD, TRACELEVEL_INFO2,
                "CThreadObjectWithQueue::StopThread() - Sending SIG_ID_STOP_THREAD\n");
     CZantMsg stop(SIG_ID_STOP_THREAD);
-    stop.param4 = static_cast<int32_t>(run);
+    stop.param4 = run == 0 ? noRun : static_cast<int32_t>(run);
+    // A full queue wakes the thread anyway, which then sees that it is to end.
+    m_queue.sendErrorsSuppressed = true;
     m_queue.Send(&stop, 0);
+    m_queue.sendErrorsSuppressed = false;
 }
 
 /// Another process may not stop a thread of this one. Whoever stops it here has said so in
@@ -152,7 +158,8 @@ void CThreadObjectWithQueue::handleNextMsg(CZantMsg& msg, bool queueBlocks, Run 
     }
     if (result != 0) {
         traceReadError(result, queueBlocks);
-        usleep(pauseAfterError);
+        if (result == CZantMsgQueue::wokenForNothing)
+            usleep(pauseAfterIdleWakeUp);
         return;
     }
     msg.FreeSignal();

@@ -5,6 +5,7 @@
 #include "messaging/pointer_tokens.h"
 #include "messaging/time_out_server.h"
 #include "messaging/zant_msg.h"
+#include "messaging/zant_msg_queue.h"
 
 #include <cmath>
 #include <sys/time.h>
@@ -51,6 +52,14 @@ void TimeOutTimer::StartTimer() {
         ZANT_TRACE_STREAM(TRACEUNIT_TIMER, TRACELEVEL_ERROR,
                           "TimeOutTimer::StartTimer() - Timer destination queue not set - this = "
                               << this << '\n');
+        return;
+    }
+    // The one server thread would wait in a full queue, and every other timer with it.
+    if (QueueTypeIsBlocking(queueId)) {
+        ZANT_TRACE_STREAM(TRACEUNIT_TIMER, TRACELEVEL_ERROR,
+                          "TimeOutTimer::StartTimer() - Timer destination queue blocks: open it "
+                          "with O_NONBLOCK - this = "
+                              << this << " Queue = " << queueId << '\n');
         return;
     }
     measure.start();

@@ -35,6 +35,11 @@ bool acceptHandle(int handle, CZantMsg& msg) {
     return false;
 }
 
+/// A payload of this process means nothing to a reader who expects shared addresses.
+bool hasPayload(const CZantMsg& msg) {
+    return msg.signalPtr || msg.signalObj;
+}
+
 /// Sends the body; the payloads change owner on success. False, with errno, on failure.
 bool sendPacked(int handle, CZantMsg& msg, unsigned prio, const CancellationBlock& block) {
     PackedMsg packed(msg);
@@ -214,8 +219,7 @@ int32_t CZantMsgQueue::Send(CZantMsg* msg, unsigned prio) {
                    "CZantMsgQueue::Send (obj) - Signal name = 0 Thread-Id = %ld\n",
                    static_cast<long>(gettid()));
 
-    // A payload of this process means nothing to a reader who expects shared addresses.
-    const bool mayCarry = !m_carriesSharedAddresses || (!msg->signalPtr && !msg->signalObj);
+    const bool mayCarry = !m_carriesSharedAddresses || !hasPayload(*msg);
     errno = mayCarry ? EBADF : EINVAL;
     if (m_isOpen && mayCarry && sendPacked(handle, *msg, prio, block)) {
         totalNrOfSentMsgs.fetch_add(1, std::memory_order_relaxed);
@@ -242,7 +246,9 @@ int32_t CZantMsgQueue::Send(int handle, CZantMsg* msg, unsigned prio) {
         return handle == 0 ? handleIsZero : sendToNoHandle;
     warnOfSizelessBuffer(*msg);
 
-    if (sendPacked(handle, *msg, prio, block)) {
+    const bool mayCarry = !hasPayload(*msg) || !carriesSharedAddresses(handle);
+    errno = EINVAL;
+    if (mayCarry && sendPacked(handle, *msg, prio, block)) {
         totalNrOfSentMsgs.fetch_add(1, std::memory_order_relaxed);
         return 0;
     }
@@ -315,10 +321,8 @@ int CZantMsgQueue::usleepOnQueue(unsigned long usec) {
         errno = EBADF;
         return -1;
     }
-    timespec timeout{};
-    timeout.tv_sec = static_cast<time_t>(usec / 1000000);
-    timeout.tv_nsec = static_cast<long>(usec % 1000000) * 1000;
-    return queue_io::waitFor(handle, POLLIN, &timeout, block);
+    const auto deadline = queue_io::Clock::now() + std::chrono::microseconds(usec);
+    return queue_io::waitFor(handle, POLLIN, &deadline, block);
 }
 
 int32_t CZantMsgQueue::receiveNow(CZantMsg& msg) {

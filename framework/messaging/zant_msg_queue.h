@@ -146,6 +146,7 @@ private:
     static CZantMsgQueue* findQueue(int handle) REQUIRES(m_zantMsgQueueMutex);
     static void removeEntry(const CZantMsgQueue* queue, int handle) REQUIRES(m_zantMsgQueueMutex);
     static SendErrors sendErrorsOf(int handle) EXCLUDES(m_zantMsgQueueMutex);
+    static bool carriesSharedAddresses(int handle) EXCLUDES(m_zantMsgQueueMutex);
 
     /// Written under the registry's lock, because the registry's readers copy it.
     std::string name;

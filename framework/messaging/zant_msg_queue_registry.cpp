@@ -99,6 +99,12 @@ CZantMsgQueue::SendErrors CZantMsgQueue::sendErrorsOf(int handle) {
     return queue->sendErrorsSuppressed ? SendErrors::suppressed : SendErrors::traced;
 }
 
+bool CZantMsgQueue::carriesSharedAddresses(int handle) {
+    const MutexLock lock(m_zantMsgQueueMutex);
+    const CZantMsgQueue* const queue = findQueue(handle);
+    return queue && queue->m_carriesSharedAddresses;
+}
+
 std::string CZantMsgQueue::listingRow(int listedHandle) const {
     mq_attr now{};
     const char* mode = "UNKWN";
@@ -136,12 +142,7 @@ void CZantMsgQueue::ListGlobalMsgQueueList(int handle) {
 
 void CZantMsgQueue::DumpQueue(int handle) {
     const CancellationBlock block;
-    bool carriesSharedAddresses = false;
-    {
-        const MutexLock lock(m_zantMsgQueueMutex);
-        const CZantMsgQueue* const queue = findQueue(handle);
-        carriesSharedAddresses = queue && queue->m_carriesSharedAddresses;
-    }
+    const bool hasForeignPayloads = carriesSharedAddresses(handle);
     ZantMsgBody body{};
     for (int nr = 1; queue_io::receiveAtOnce(handle, body) >= 1; ++nr) {
         FormattedStringToStdout(
@@ -149,7 +150,7 @@ void CZantMsgQueue::DumpQueue(int handle) {
             static_cast<long>(body.signalId));
         // The scratch message frees what it is given.
         CZantMsg scratch;
-        if (!carriesSharedAddresses)
+        if (!hasForeignPayloads)
             unpackMsg(body, scratch);
         body = {};
     }

@@ -80,8 +80,9 @@ int clearPath(const SocketAddress& address) {
         return fail(socketHasOwner, "Second instance already running");
     // Nobody listens: a process that died has left it.
     const bool isAbandoned = errno == ECONNREFUSED;
-    const bool isOurs = S_ISSOCK(found.st_mode) && found.st_uid == geteuid();
-    if (isAbandoned && isOurs && unlink(address.path()) == 0)
+    const bool mayReplace =
+        S_ISSOCK(found.st_mode) && (found.st_uid == geteuid() || geteuid() == 0);
+    if (isAbandoned && mayReplace && unlink(address.path()) == 0)
         return 0;
     return fail(socketPathBlocked, "Error removing old socket");
 }

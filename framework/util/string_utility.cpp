@@ -15,7 +15,7 @@ constexpr size_t utf8Limit = 511;
 
 constexpr const char* leadingBlanks = " \t";
 constexpr const char* trailingBlanks = " \t\n\r";
-constexpr const char* whitespace = " \t\n\v\f\r";
+constexpr const char* whitespace = " \n\r\t";
 
 /// Length of the sequence that a lead byte starts.
 size_t sequenceLength(uint8_t lead) {

@@ -2,8 +2,10 @@
 #include "messaging/zant_msg_body.h"
 #include "messaging_fixture.h"
 #include "support/queue_room.h"
+#include "support/wait_until.h"
 
 #include <algorithm>
+#include <csignal>
 #include <random>
 #include <sys/resource.h>
 #include <thread>
@@ -31,11 +33,22 @@ TEST_F(MessagingTest, BodyIsTheTwelveFieldsInOrder) {
     const ZantMsgBody body = packForOtherProcess(msg);
     EXPECT_EQ(memcmp(&body, expected, sizeof expected), 0);
 
+    // Fields of a used message are overwritten, pointers too.
     CZantMsg back;
+    CountedPayload before;
+    back.signalPtr = &before;
+    back.signalObj = &before;
     unpackFromOtherProcess(body, back);
-    EXPECT_EQ(back.param4, -2);
-    EXPECT_EQ(back.sharedAddress, 0xa4a3a2a1);
     EXPECT_EQ(back.signalPtr, nullptr);
+    EXPECT_EQ(back.signalObj, nullptr);
+    const ZantMsgBody again = packForOtherProcess(back);
+    EXPECT_EQ(memcmp(&again, expected, sizeof expected), 0);
+
+    msg.signalSize = 0;
+    const ZantMsgBody values = packForOtherProcess(msg);
+    CZantMsg copy(msg);
+    const ZantMsgBody copied = packForOtherProcess(copy);
+    EXPECT_EQ(memcmp(&copied, &values, sizeof values), 0);
 }
 
 TEST_F(MessagingTest, PayloadWordIsTakenOnceByItsKindAndSize) {
@@ -52,6 +65,65 @@ TEST_F(MessagingTest, PayloadWordIsTakenOnceByItsKindAndSize) {
     EXPECT_EQ(pointer_tokens::take(word, Kind::buffer, 4), &target);
     EXPECT_EQ(pointer_tokens::take(word, Kind::buffer, 4), nullptr);
     EXPECT_EQ(pointer_tokens::find(word, Kind::buffer), nullptr);
+}
+
+TEST_F(MessagingTest, PayloadWordsRunOutInWordsAndComeBackOldestFirst) {
+    int target = 0;
+    std::vector<uint32_t> words;
+    for (;;) {
+        // Each at an address of its own, which is its word on 32-bit machines.
+        void* const pointer = reinterpret_cast<char*>(&target) + words.size();
+        const uint32_t word = pointer_tokens::put(pointer, Kind::buffer);
+        if (word == 0)
+            break;
+        words.push_back(word);
+    }
+    EXPECT_GT(words.size(), 65000U);
+    EXPECT_EQ(traced("No room for another payload or timer"), 1);
+    CZantMsg msg(517);
+    load(msg, "no room");
+    CZantMsgQueue queue;
+    ASSERT_EQ(open(queue), 0);
+    EXPECT_EQ(queue.Send(&msg, 0), -1421);
+    EXPECT_EQ(queue.GetNrOfMsgsInQueue(), 0);
+    for (const uint32_t word : words)
+        EXPECT_NE(pointer_tokens::take(word, Kind::buffer), nullptr);
+#if UINTPTR_MAX > UINT32_MAX
+    constexpr uint32_t slotOf = 0x3ffff;
+    for (size_t i = 0; i < 3; ++i) {
+        const uint32_t word = pointer_tokens::put(&target, Kind::buffer);
+        EXPECT_EQ(word & slotOf, words[i] & slotOf) << "the one that was free for longest";
+        EXPECT_NE(word, words[i]);
+        pointer_tokens::take(word, Kind::buffer);
+    }
+#endif
+}
+
+TEST_F(MessagingTest, SignalsDoNotEndAWait) {
+    CZantMsgQueue queue;
+    ASSERT_EQ(open(queue), 0);
+    static std::atomic<int> handled{0};
+    struct sigaction action {};
+    struct sigaction before {};
+    action.sa_handler = [](int) { ++handled; };
+    sigaction(SIGUSR1, &action, &before);
+    std::atomic<bool> isOver{false};
+    std::thread disturber([&, waiter = pthread_self()] {
+        for (int sent = 0; sent < 5; ++sent) {
+            pthread_kill(waiter, SIGUSR1);
+            support::waitUntil([&] { return handled > sent; });
+        }
+        CZantMsg msg(517);
+        while (!isOver && queue.GetNrOfMsgsInQueue() == 0)
+            queue.Send(&msg, 0);
+    });
+    CZantMsg received;
+    EXPECT_EQ(queue.ReceiveFromNonblockingQueue(&received, 0), 0);
+    isOver = true;
+    disturber.join();
+    EXPECT_EQ(handled, 5);
+    EXPECT_EQ(received.signalId, 517U);
+    sigaction(SIGUSR1, &before, nullptr);
 }
 
 TEST_F(MessagingTest, SignalNamesAreDenseAndBounded) {
@@ -123,6 +195,9 @@ TEST_F(MessagingTest, FailedSendFreesThePayloadsAndSaysWhy) {
     ASSERT_EQ(open(closed, "_closed"), 0);
     ASSERT_EQ(closed.Close(), 0);
     EXPECT_EQ(closed.Close(), -1410);
+    CZantMsgQueue shared;
+    shared.CarrySharedAddresses();
+    ASSERT_EQ(open(shared, "_shared"), 0);
 
     const struct {
         const char* what;
@@ -151,6 +226,11 @@ TEST_F(MessagingTest, FailedSendFreesThePayloadsAndSaysWhy) {
          full, -1423, 0},
         {"no response queue", [](CZantMsg& m, CZantMsgQueue&) { return m.SendMsgIndirect(0); },
          full, -1300, 0},
+        {"object, reader elsewhere", [](CZantMsg& m, CZantMsgQueue& q) { return q.Send(&m, 0); },
+         shared, -1421, 1},
+        {"handle, reader elsewhere",
+         [](CZantMsg& m, CZantMsgQueue& q) { return CZantMsgQueue::Send(q.handle, &m, 0); }, shared,
+         -1421, 1},
         {"negative priority", [](CZantMsg& m, CZantMsgQueue& q) { return m.SendMsg(&q, -1); }, full,
          -1421, 1},
     };
@@ -163,6 +243,7 @@ TEST_F(MessagingTest, FailedSendFreesThePayloadsAndSaysWhy) {
         EXPECT_EQ(msg.signalPtr, nullptr) << row.what;
         EXPECT_EQ(traced("FAILED"), row.traces) << row.what;
     }
+    EXPECT_EQ(shared.GetNrOfMsgsInQueue(), 0);
     EXPECT_EQ(full.Send(nullptr, 0), -1426);
     EXPECT_EQ(CZantMsgQueue::Send(3, nullptr, 0), -1426);
 

@@ -4,6 +4,7 @@
 #include "support/queue_room.h"
 #include "support/wait_until.h"
 
+#include <csignal>
 #include <cstdlib>
 #include <memory>
 #include <random>
@@ -20,10 +21,12 @@ class Looper : public CThreadObject {
 public:
     ~Looper() override { StopThreadAndWait(); }
     void ThreadWorkFunction() override {
+        pthread_sigmask(SIG_SETMASK, nullptr, &blocked);
         ++entered;
         while (!stopRequested && !leave)
             usleep(200);
     }
+    sigset_t blocked{};
     std::atomic<int> entered{0};
     std::atomic<bool> leave{false};
 };
@@ -137,15 +140,26 @@ TEST_F(ThreadsTest, ThreadsAndQueuesWorkWhileTheProgramIsLoaded) {
 TEST_F(ThreadsTest, ThreadIsStartedOnceAndMayStartAgain) {
     Looper looper;
     looper.StopThreadAndWait();
-    EXPECT_EQ(looper.StartThread("looper", 65536, 10), 0);
+    EXPECT_EQ(looper.StartThread("looper", 65536, 1000), 0);
     EXPECT_EQ(looper.StartThread("again", 0, 0), 0);
-    EXPECT_EQ(traced("Thread is already running - name=looper"), 1);
+    const std::string traces = screen.take();
+    EXPECT_NE(traces.find("Thread is already running - name=looper"), std::string::npos);
     EXPECT_NE(listing(screen, 0).find(" |    1 |       0 | looper\n"), std::string::npos);
     looper.StopThreadAndWait();
     EXPECT_EQ(looper.entered, 1);
+    for (const int hosts : {SIGINT, SIGTERM, SIGALRM, SIGCHLD, SIGUSR1, SIGPROF, SIGRTMIN})
+        EXPECT_EQ(sigismember(&looper.blocked, hosts), 1) << strsignal(hosts);
+    for (const int own : {SIGSEGV, SIGABRT, SIGFPE})
+        EXPECT_EQ(sigismember(&looper.blocked, own), 0) << strsignal(own);
+    sigset_t ours{};
+    pthread_sigmask(SIG_SETMASK, nullptr, &ours);
+    EXPECT_EQ(sigismember(&ours, SIGINT), 0) << "the starter's stay";
     EXPECT_EQ(listing(screen, 0).find("looper"), std::string::npos);
-    EXPECT_EQ(looper.StartThread("looper", 1, 0), 0) << "a stack too small is only traced";
-    EXPECT_EQ(traced("Set stacksize for thread FAILED"), 1);
+    EXPECT_NE(traces.find("SCHED_FIFO priority 1000 refused"), std::string::npos);
+    EXPECT_EQ(looper.StartThread("looper", 1, 1000), 0) << "a stack too small is only traced";
+    const std::string laterTraces = screen.take();
+    EXPECT_NE(laterTraces.find("Set stacksize for thread FAILED"), std::string::npos);
+    EXPECT_EQ(laterTraces.find("SCHED_FIFO priority"), std::string::npos) << "said once";
     looper.StopThreadAndWait();
     EXPECT_EQ(looper.entered, 2);
 }
@@ -272,12 +286,35 @@ TEST_F(ThreadsTest, QueueThreadHandlesWhatCameBeforeTheStop) {
     ASSERT_TRUE(
         waitUntil([&] { return listing(screen, 0).find("recorder") == std::string::npos; }));
 
-    // A stop that nobody needed does not end the next run.
+    // A stop that nobody needed does not end the next run, nor one before there was any the first.
+    Recorder stoppedBefore;
+    ASSERT_EQ(stoppedBefore.init(), 0);
+    stoppedBefore.StopThread();
+    stoppedBefore.StopThreadAndWait();
+    ASSERT_EQ(stoppedBefore.StartThread("before", 0, 0), 0);
+    ASSERT_EQ(stoppedBefore.post(), 0);
+    EXPECT_TRUE(waitUntil([&] { return stoppedBefore.handled == 1; }));
     recorder.StopThread();
     recorder.StopThreadAndWait();
     ASSERT_EQ(recorder.StartThread("recorder", 0, 0), 0);
     ASSERT_EQ(recorder.post(), 0);
     EXPECT_TRUE(waitUntil([&] { return recorder.handled == 5; }));
+}
+
+TEST_F(ThreadsTest, StopToAFullQueueIsNoError) {
+    Recorder recorder;
+    ASSERT_EQ(recorder.init(2), 0);
+    recorder.hold = true;
+    ASSERT_EQ(recorder.StartThread("full", 0, 0), 0);
+    while (recorder.post() == 0 || recorder.mutexIsFree()) {
+    }
+    traced("");
+    recorder.StopThread();
+    EXPECT_EQ(traced("FAILED"), 0);
+    EXPECT_EQ(recorder.post(), -1421) << "as before";
+    recorder.hold = false;
+    recorder.StopThreadAndWait();
+    EXPECT_EQ(recorder.handled, 1);
 }
 
 TEST_F(ThreadsTest, QueueThreadMayAskItselfToEnd) {

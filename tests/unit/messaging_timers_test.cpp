@@ -72,6 +72,16 @@ TEST_F(TimersTest, OnlyTheMessageOfTheCurrentStartIsValid) {
     EXPECT_FALSE(TimerIsValid(&nobodys));
 }
 
+TEST_F(TimersTest, NoTimerForAQueueThatHoldsItsSenders) {
+    CZantMsgQueue blocking;
+    ASSERT_EQ(open(blocking, "_blocking", 1, O_RDWR | O_CREAT), 0);
+    TimeOutTimer timer(0, 600, blocking.handle, 0);
+    timer.StartTimer();
+    EXPECT_FALSE(timer.TimerIsRunning());
+    EXPECT_TRUE(TimeOutServer::instance().IsEmpty());
+    EXPECT_EQ(traced("Timer destination queue blocks"), 1);
+}
+
 TEST_F(TimersTest, MessagesOutliveTimerAndQueueHarmlessly) {
     auto timer = std::make_unique<TimeOutTimer>(0, 600, queue.handle, 0);
     timer->StartTimer();

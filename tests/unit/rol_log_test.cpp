@@ -221,6 +221,14 @@ TEST_F(LogTest, FindsItsDirectoryAndRunsTheFileThere) {
         TraceFormattedString(unit, TRACELEVEL_ERROR, "%0100d\n", i);
     EXPECT_TRUE(fs::exists("/tmp/usb_logs/zanttrcx.bak"));
     EXPECT_LE(fs::file_size("/tmp/usb_logs/zanttrcx.log"), 777U);
+
+    // That there is none is a limit as well.
+    EXPECT_EQ(zantTrace.StopTracingToFile(), 0);
+    zantTrace.SetTraceFileMaxSize(0);
+    EXPECT_EQ(zantTrace.CheckAndStartTracingToFile("y"), 0);
+    for (int i = 0; i < 10; ++i)
+        TraceFormattedString(unit, TRACELEVEL_ERROR, "%0100d\n", i);
+    EXPECT_GT(fs::file_size("/tmp/usb_logs/zanttrcy.log"), 1000U);
 }
 
 } // namespace

@@ -11,6 +11,7 @@ TEST(StringUtility, Utf8ToIso8859) {
     } const cases[] = {
         {"", ""},
         {"Gr\xC3\xBCn", "Gr\xFCn"},
+        {"\xC3\x80x", "\xC0x"},   // the lowest continuation
         {"\x80\xBF", "\x80\xBF"}, // stray continuation bytes stay
         {"a\xC3"
          "Ab",
@@ -45,8 +46,8 @@ TEST(StringUtility, WhitespaceIsStripped) {
         {"", "", "", ""},
         {" \t\r\n", "", "", ""},
         {" \ta b \t\r\n", "a b", "a b \t\r\n", " \ta b"},
-        {"\n x", "\n x", "x", "\n x"}, // line ends are only removed at the end
-        {"\v\fx\f", "\v\fx\f", "x\f", "\v\fx"},
+        {"\n x", "\n x", "x", "\n x"},              // line ends are only removed at the end
+        {" \vx\f\n", "\vx\f", "\vx\f\n", " \vx\f"}, // these two stay
         {"x", "x", "x", "x"},
     };
     for (const auto& c : cases) {
