@@ -35,6 +35,9 @@ int32_t CThreadObjectWithQueue::Init(const char* prefix, int capacity, int mode,
                    "CThreadObjectWithQueue::Init() FAILED - %d - %s\n", result, queueName.c_str());
         return result;
     }
+    // A name of its own is for nobody to open: the queue is reached by its handle.
+    if (!nameIsComplete)
+        m_queue.DropName();
     initialised = true;
     ZANT_TRACE(TRACEUNIT_QUEUE_THREAD, TRACELEVEL_INFO,
                "CThreadObjectWithQueue::Init() - %d - %s\n", m_queue.handle.load(),
@@ -155,7 +158,7 @@ void CThreadObjectWithQueue::handleNextMsg(CZantMsg& msg, bool queueBlocks, Run 
         usleep(pauseAfterError);
         return;
     }
-    msg.FreeSignal();
+    m_queue.DropPayload(msg);
     if (!stopsThisRun(msg, run))
         return;
     if (queueBlocks)

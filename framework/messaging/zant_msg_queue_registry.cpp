@@ -136,21 +136,18 @@ void CZantMsgQueue::ListGlobalMsgQueueList(int handle) {
 
 void CZantMsgQueue::DumpQueue(int handle) {
     const CancellationBlock block;
-    bool carriesSharedAddresses = false;
+    FreeShared freeShared = nullptr;
     {
         const MutexLock lock(m_zantMsgQueueMutex);
         const CZantMsgQueue* const queue = findQueue(handle);
-        carriesSharedAddresses = queue && queue->m_carriesSharedAddresses;
+        freeShared = queue ? queue->m_freeShared.load() : nullptr;
     }
     ZantMsgBody body{};
     for (int nr = 1; queue_io::receiveAtOnce(handle, body) >= 1; ++nr) {
         FormattedStringToStdout(
             "CZantMsgQueue::DumpQueue - Msg read from queue - nr: %d  signalname: %ld\n", nr,
             static_cast<long>(body.signalId));
-        // The scratch message frees what it is given.
-        CZantMsg scratch;
-        if (!carriesSharedAddresses)
-            unpackMsg(body, scratch);
+        discard(body, freeShared);
         body = {};
     }
 }
