@@ -121,20 +121,20 @@ class Arbitration(unittest.TestCase):
         before = leftovers.names()
         shell = {"/tmp/zant_dbg_server_uva"}
         for end, left in ((signal.SIGKILL, shell), (None, set()), (signal.SIGINT, set())):
-            with self.subTest(end=end):
-                player = subprocess.Popen([UVA_HOST, *OPTIONS, CLIP], stdin=subprocess.DEVNULL,
-                                          stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True)
-                for line in player.stdout:
-                    if "playing" in line.lower():
-                        break
-                queues = {link for link in links_of(player.pid) if link.startswith("/Q_")}
-                self.assertGreaterEqual(len(queues), 2)
-                self.assertFalse([link for link in queues if not link.endswith(" (deleted)")])
-                if end is not None:
-                    player.send_signal(end)
-                player.communicate(timeout=TIMEOUT)
-                self.assertEqual(set(leftovers.since(before | left)), set())
-                self.assertEqual(leftovers.names() - before, left)  # the next player takes it over
+            player = subprocess.Popen([UVA_HOST, *OPTIONS, CLIP], stdin=subprocess.DEVNULL,
+                                      stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True)
+            self.addCleanup(player.kill)
+            for line in player.stdout:
+                if "playing" in line.lower():
+                    break
+            queues = {link for link in links_of(player.pid) if link.startswith("/Q_")}
+            self.assertGreaterEqual(len(queues), 2)
+            self.assertFalse([link for link in queues if not link.endswith(" (deleted)")])
+            if end is not None:
+                player.send_signal(end)
+            player.communicate(timeout=TIMEOUT)
+            self.assertEqual(set(leftovers.since(before | left)), set())
+            self.assertEqual(leftovers.names() - before, left)  # the next player takes it over
         main.finish()
 
     def test_a_link_that_cannot_be_opened_is_named_and_asks_nobody(self):

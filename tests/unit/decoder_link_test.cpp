@@ -152,7 +152,9 @@ TEST_F(DecoderLinkTest, ARequestThatCannotBeSentIsRefusedAtOnce) {
     auto waits = asks("video");
     receiver.cutOff();
     EXPECT_FALSE(waits.get());
+    sent();
     EXPECT_TRUE(isRefusedAtOnce());
+    EXPECT_EQ(sent(), Sends{}) << "nobody is asked";
 }
 
 /// What is in use, what is asked back; what is answered at once and what when it was given back.
