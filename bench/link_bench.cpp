@@ -4,7 +4,7 @@
 //
 // Usage: link_bench, in a box (tvbox), as the link's queues have fixed names
 
-#include "UvaGstIfLowerLayer.h"
+#include "UvaGstIfLink.h"
 #include "UvaGstIfReceiver.h"
 #include "bench_support.h"
 #include "cpucomm/trid_cpucomm.h"
@@ -219,9 +219,11 @@ std::vector<double> interleave(const std::vector<std::function<double()>>& sides
 }
 
 void measure() {
-    uvaGstIfReceiver.Init();
-    uvaGstIfReceiver.StartThread("uvagst_if_receiver", 0, 0);
-    uvaGstIfLowerLayer.Init(uvaGstIfReceiver.queueHandle(), 0);
+    const std::string failure = openUvaGstIfLink();
+    if (!failure.empty()) {
+        fprintf(stderr, "link_bench: %s\n", failure.c_str());
+        exit(1);
+    }
     relay(Outbound, Requests);
     relay(Inbound, Received);
     relay(Received, Answers);

@@ -5,6 +5,7 @@
 #include "messaging/thread_object_blocking_wait.h"
 #include "util/mutex.h"
 
+#include <atomic>
 #include <cstdint>
 #include <list>
 #include <memory>
@@ -36,6 +37,9 @@ public:
     /// Opens the socket and serves commands until the thread is stopped. Ends at once, with traces
     /// that say why, when the socket's name is taken.
     void ThreadWorkFunction() override;
+    /// Takes the socket from the file system, if it is this shell's: nobody finds the shell any
+    /// more. For the end of a process whose shell still runs. Thread-safe.
+    void RemoveSocket();
 
     /// Registers a command; does nothing when `enabled` is false, so that a registration can be
     /// switched off where it is written. Of several commands of one name the first is found.
@@ -108,6 +112,7 @@ private:
     /// In order of registration.
     std::list<std::unique_ptr<CMshellEntry>> m_entries GUARDED_BY(m_entriesMutex);
     std::string m_socketName = "zant_dbg_server";
+    std::atomic<bool> m_hasSocket{false};
 };
 
 /// The one shell of the process. Never destroyed.

@@ -17,12 +17,19 @@ namespace {
 constexpr const char* clientSocketName = "zant_dbg_client";
 constexpr int pauseAfterErrorMs = 10;
 
-/// Closes the socket however the thread ends, without being cancelled over it.
+/// Removes and closes the socket however the thread ends, without being cancelled over it.
 struct ServerSocket {
+    explicit ServerSocket(CMshell& server) : shell(server) {}
     ~ServerSocket() {
         const CancellationBlock block;
+        // Its name first: of a closed socket it may be another process's already.
+        shell.RemoveSocket();
         fd.reset();
     }
+    ServerSocket(const ServerSocket&) = delete;
+    ServerSocket& operator=(const ServerSocket&) = delete;
+
+    CMshell& shell;
     ScopedFd fd;
 };
 
@@ -44,7 +51,7 @@ std::string describe(const std::string& path) {
 
 void CMshell::ThreadWorkFunction() {
     ZANT_TRACE(TRACEUNIT_SHELL_SOCKET, TRACELEVEL_DEBUG, "CMshell::RealThreadFunction() called\n");
-    ServerSocket server;
+    ServerSocket server(*this);
     {
         const CancellationBlock block;
         if (MshellOpenSocket() != 0) {
@@ -70,10 +77,16 @@ int32_t CMshell::MshellOpenSocket() {
         traceBlockedSocket(m_socketFd, reason);
         return m_socketFd;
     }
+    m_hasSocket = true;
     ZANT_TRACE_STREAM(TRACEUNIT_SHELL_SOCKET, TRACELEVEL_INFO,
                       "CMshell::MshellOpenSocket() - SocketFd = " << m_socketFd << ", SocketName = "
                                                                   << m_socketName << "\n");
     return 0;
+}
+
+void CMshell::RemoveSocket() {
+    if (m_hasSocket.exchange(false))
+        SocketComm_Unlink(m_socketName.c_str());
 }
 
 /// Says what to do about a socket that cannot be had.

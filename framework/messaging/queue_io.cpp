@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdlib>
+#include <sys/resource.h>
 #include <unistd.h>
 
 namespace queue_io {
@@ -54,16 +55,45 @@ timespec timeUntil(Clock::time_point deadline) {
             static_cast<long>(left.count() % 1000000000)};
 }
 
+std::string limitText(decltype(RLIMIT_MSGQUEUE) resource) {
+    rlimit limit{};
+    if (getrlimit(resource, &limit) != 0 || limit.rlim_cur == RLIM_INFINITY)
+        return "unlimited";
+    return std::to_string(limit.rlim_cur);
+}
+
 } // namespace
+
+std::string adviceOn(int error) {
+    switch (error) {
+    case EMFILE:
+        return "all queues of a user may have " + limitText(RLIMIT_MSGQUEUE) +
+               " bytes (RLIMIT_MSGQUEUE, ulimit -q), a process " + limitText(RLIMIT_NOFILE) +
+               " descriptors (RLIMIT_NOFILE, ulimit -n): raise the limit, or remove queues in "
+               "/dev/mqueue that nobody uses";
+    case ENOSPC:
+        return "there are as many queues as the sysctl fs.mqueue.queues_max allows: raise it, or "
+               "remove queues in /dev/mqueue that nobody uses";
+    case EINVAL:
+        return "it may be larger than the system allows: raise the sysctl fs.mqueue.msg_max";
+    case EACCES:
+    case EEXIST:
+        return "another user has a queue of that name: remove it from /dev/mqueue";
+    case EMSGSIZE:
+        return "a queue of that name is of another make: remove it from /dev/mqueue";
+    default:
+        return "";
+    }
+}
 
 int open(const char* name, int oflag, mode_t mode, mq_attr& attr) {
     int descriptor = openWithinLimit(name, oflag, mode, attr);
     if (descriptor < 0) {
-        if (errno == EMFILE)
-            ZANT_TRACE(TRACEUNIT_MSG_QUEUE, TRACELEVEL_WARNING,
-                       "CZantMsgQueue::Open - Too many queues or descriptors for %s: raise "
-                       "RLIMIT_MSGQUEUE (ulimit -q) and RLIMIT_NOFILE (ulimit -n)\n",
-                       name);
+        const int error = errno;
+        if (error == EMFILE)
+            ZANT_TRACE(TRACEUNIT_MSG_QUEUE, TRACELEVEL_WARNING, "CZantMsgQueue::Open - %s: %s\n",
+                       name, adviceOn(error).c_str());
+        errno = error;
         return -1;
     }
     if (descriptor == 0) {

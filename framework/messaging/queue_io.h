@@ -9,6 +9,7 @@
 #include <fcntl.h>
 #include <mqueue.h>
 #include <poll.h>
+#include <string>
 #include <sys/types.h>
 
 /// The system calls on a queue's descriptor. Thread-safe. Results and errno are the kernel's.
@@ -18,6 +19,10 @@ namespace queue_io {
 /// says so. `attr` becomes what the queue really has. The descriptor is never 0, which stands for
 /// no queue. -1 with errno on failure.
 int open(const char* name, int oflag, mode_t mode, mq_attr& attr);
+
+/// What a person can do about an error (errno) of opening a queue; empty for one that needs a
+/// programmer.
+std::string adviceOn(int error);
 
 /// Sends a body. Waits while the queue is full, if its mode says so; only that wait may be
 /// cancelled. 0, or -1 with errno.

@@ -38,6 +38,9 @@ int32_t CThreadObjectWithQueue::Init(const char* prefix, int capacity, int mode,
                    "CThreadObjectWithQueue::Init() FAILED - %d - %s\n", result, queueName.c_str());
         return result;
     }
+    // A name of its own is for nobody to open: the queue is reached by its handle.
+    if (!nameIsComplete)
+        m_queue.DropName();
     initialised = true;
     ZANT_TRACE(TRACEUNIT_QUEUE_THREAD, TRACELEVEL_INFO,
                "CThreadObjectWithQueue::Init() - %d - %s\n", m_queue.handle.load(),
@@ -162,7 +165,7 @@ void CThreadObjectWithQueue::handleNextMsg(CZantMsg& msg, bool queueBlocks, Run 
             usleep(pauseAfterIdleWakeUp);
         return;
     }
-    msg.FreeSignal();
+    m_queue.DropPayload(msg);
     if (!stopsThisRun(msg, run))
         return;
     if (queueBlocks)

@@ -22,9 +22,14 @@ public:
     ~CThreadObjectWithQueue() override;
 
     /// Opens the queue, for `maxMsgs` messages, non-blocking for senders. Unless the name is
-    /// complete the object's address is appended to it. See CZantMsgQueue::Open for the rest and
-    /// for the codes. Before the thread starts, and by one thread.
+    /// complete the object's address is appended to it, and the system forgets the name at once:
+    /// such a queue is reached by its handle only and goes with the process. See
+    /// CZantMsgQueue::Open for the rest and for the codes. Before the thread starts, and by one
+    /// thread.
     int32_t Init(const char* name, int maxMsgs, int mode, bool nameIsComplete, bool unlinkFirst);
+    /// The name and the error (errno) of an Init that failed; 0 after one that did not.
+    const std::string& QueueName() const { return queueName; }
+    int QueueError() const { return m_queue.OpenError(); }
 
     /// As the base, but 0 whatever the base answers; -1111 before Init.
     int32_t StartThread(const char* name, int stackSize, int priority) override;

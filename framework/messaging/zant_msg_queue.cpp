@@ -9,6 +9,7 @@
 
 #include <cerrno>
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace {
@@ -96,15 +97,24 @@ int32_t CZantMsgQueue::OpenWithAttrStruct(const char* queueName, int oflag, int 
 int32_t CZantMsgQueue::openDescriptor(const char* queueName, int oflag, int mode,
                                       bool unlinkFirst) {
     unlinkOnDestroy = unlinkFirst;
-    if (unlinkFirst)
+    m_nameIsDropped = false;
+    if (unlinkFirst) {
         mq_unlink(queueName);
+        oflag |= O_EXCL;
+    }
     {
         const MutexLock lock(m_zantMsgQueueMutex);
         name = queueName;
     }
     maxUsed = 0;
 
-    const int descriptor = queue_io::open(queueName, oflag, static_cast<mode_t>(mode), attr);
+    const auto open = [&] {
+        return queue_io::open(queueName, oflag, static_cast<mode_t>(mode), attr);
+    };
+    int descriptor = open();
+    // Made by another just now: not to be shared.
+    while (descriptor < 0 && unlinkFirst && errno == EEXIST && mq_unlink(queueName) == 0)
+        descriptor = open();
     if (descriptor < 0)
         return failOpen(errno);
     if (attr.mq_msgsize != msgSize) {
@@ -116,12 +126,14 @@ int32_t CZantMsgQueue::openDescriptor(const char* queueName, int oflag, int mode
         return failOpen(EMSGSIZE);
     }
     handle = descriptor;
+    m_openError = 0;
     m_isOpen = true;
     AddQueueToGlobalMsgQueueList(this, descriptor);
     return 0;
 }
 
 int32_t CZantMsgQueue::failOpen(int error) {
+    m_openError = error;
     ZANT_TRACE(TRACEUNIT_MSG_QUEUE, TRACELEVEL_ERROR,
                "CZantMsgQueue::Open queue FAILED - errno = %d\n", error);
     return openFailed;
@@ -168,13 +180,31 @@ int32_t CZantMsgQueue::GetNrOfMsgsInQueue() {
     return countFailed;
 }
 
+void CZantMsgQueue::DropName() {
+    const CancellationBlock block;
+    if (m_isOpen && hasNameInSystem())
+        mq_unlink(name.c_str());
+    m_nameIsDropped = true;
+}
+
+/// A queue that was unlinked has lost its name, perhaps to a successor, whose it is now.
+bool CZantMsgQueue::hasNameInSystem() const {
+    struct stat info {};
+    return fstat(handle, &info) == 0 && info.st_nlink > 0;
+}
+
 int32_t CZantMsgQueue::Unlink() {
     if (name.empty())
         return noName;
     const CancellationBlock block;
+    const bool isAnothers = m_isOpen && !hasNameInSystem();
     ClearQueue();
     Close();
-    if (mq_unlink(name.c_str()) == 0)
+    unlinkOnDestroy = false;
+    if (m_nameIsDropped.exchange(false))
+        return 0;
+    errno = ENOENT;
+    if (!isAnothers && mq_unlink(name.c_str()) == 0)
         return 0;
     ZANT_TRACE(TRACEUNIT_MSG_QUEUE, TRACELEVEL_ERROR, "CZantMsgQueue::Unlink FAILED - Errno = %d\n",
                errno);
@@ -197,11 +227,25 @@ void CZantMsgQueue::drain() {
         ZANT_TRACE(TRACEUNIT_MSG_QUEUE, TRACELEVEL_INFO,
                    "CZantMsgQueue::ClearQueue - Msg read from queue - size: %d  errno=%d\n",
                    static_cast<int>(size), errno);
-        // The scratch message frees what it is given.
-        CZantMsg scratch;
-        if (size == msgSize && !m_carriesSharedAddresses)
-            unpackMsg(body, scratch);
+        if (size == msgSize)
+            discard(body, m_freeShared);
     }
+}
+
+void CZantMsgQueue::discard(const ZantMsgBody& body, FreeShared freeShared) {
+    CZantMsg scratch; // frees what it is given
+    if (!freeShared)
+        unpackMsg(body, scratch);
+    else if (body.signalPtr != 0)
+        freeShared(body.signalPtr);
+}
+
+void CZantMsgQueue::DropPayload(CZantMsg& msg) const {
+    msg.FreeSignal();
+    const FreeShared freeShared = m_freeShared;
+    if (freeShared && msg.sharedAddress != 0)
+        freeShared(msg.sharedAddress);
+    msg.sharedAddress = 0;
 }
 
 int32_t CZantMsgQueue::Send(CZantMsg* msg, unsigned prio) {
@@ -219,7 +263,7 @@ int32_t CZantMsgQueue::Send(CZantMsg* msg, unsigned prio) {
                    "CZantMsgQueue::Send (obj) - Signal name = 0 Thread-Id = %ld\n",
                    static_cast<long>(gettid()));
 
-    const bool mayCarry = !m_carriesSharedAddresses || !hasPayload(*msg);
+    const bool mayCarry = !CarriesSharedAddresses() || !hasPayload(*msg);
     errno = mayCarry ? EBADF : EINVAL;
     if (m_isOpen && mayCarry && sendPacked(handle, *msg, prio, block)) {
         totalNrOfSentMsgs.fetch_add(1, std::memory_order_relaxed);
@@ -246,7 +290,7 @@ int32_t CZantMsgQueue::Send(int handle, CZantMsg* msg, unsigned prio) {
         return handle == 0 ? handleIsZero : sendToNoHandle;
     warnOfSizelessBuffer(*msg);
 
-    const bool mayCarry = !hasPayload(*msg) || !carriesSharedAddresses(handle);
+    const bool mayCarry = !hasPayload(*msg) || !freeSharedOf(handle);
     errno = EINVAL;
     if (mayCarry && sendPacked(handle, *msg, prio, block)) {
         totalNrOfSentMsgs.fetch_add(1, std::memory_order_relaxed);
@@ -340,7 +384,7 @@ int32_t CZantMsgQueue::receiveNow(CZantMsg& msg) {
         errno = EBADMSG;
         return receiveFailed;
     }
-    if (m_carriesSharedAddresses)
+    if (CarriesSharedAddresses())
         unpackFromOtherProcess(body, msg);
     else
         unpackMsg(body, msg);

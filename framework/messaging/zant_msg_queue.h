@@ -49,14 +49,15 @@ public:
 
     CZantMsgQueue() = default;
     /// Drains, closes and unlinks the queue if `unlinkOnDestroy` is set; else closes the descriptor
-    /// and leaves queue and messages in the system.
+    /// and leaves queue and messages in the system. A name that another queue has meanwhile stays.
     ~CZantMsgQueue();
     CZantMsgQueue(const CZantMsgQueue&) = delete;
     CZantMsgQueue& operator=(const CZantMsgQueue&) = delete;
 
     /// Opens the queue, as mq_open does, with room for `maxMsgs` messages; where the kernel allows
     /// fewer, with as many as it allows. With `unlinkFirst` a queue that an earlier run left behind
-    /// is discarded, and this one is unlinked in the end. A queue that exists keeps its capacity;
+    /// is discarded, so that this one is new, and is unlinked in the end. A queue that exists keeps
+    /// its capacity;
     /// one whose messages are not of 48 bytes is refused. An object that is open already parts from
     /// its queue first, as at its end.
     int32_t Open(const char* name, int oflag, int mode, int maxMsgs, bool unlinkFirst);
@@ -67,7 +68,12 @@ public:
     /// Closes the descriptor; `handle` stays as it was, yet nothing is done through it any more.
     int32_t Close();
     int32_t Getattr(mq_attr* attr);
-    /// Drains and closes the queue and removes its name from the system.
+    /// Why the last Open failed, as errno; 0 if it did not.
+    int OpenError() const { return m_openError; }
+    /// Takes the queue's name from the system and keeps the queue: whoever is to send to it needs
+    /// its handle, and nothing of it outlives the process, whatever that one's end.
+    void DropName();
+    /// Drains and closes the queue and removes its name from the system, unless that was dropped.
     int32_t Unlink();
     /// Reads all waiting messages and frees their payloads. Never waits.
     int32_t ClearQueue();
@@ -92,10 +98,15 @@ public:
     /// Waits until a message is there or the time is up: 1, 0, or -1 with errno.
     int usleepOnQueue(unsigned long usec);
 
+    using FreeShared = void (*)(uint32_t address);
     /// The queue's messages come from another process: the word for the buffer is an address in
-    /// shared memory, left in the message's `sharedAddress`. To be called before the queue opens.
-    void CarrySharedAddresses() { m_carriesSharedAddresses = true; }
-    bool CarriesSharedAddresses() const { return m_carriesSharedAddresses; }
+    /// shared memory, left in the message's `sharedAddress`. `freeShared` is called for those that
+    /// are drained or dropped, on whichever thread does that; it has to bear any number. To be
+    /// called before the queue opens.
+    void CarrySharedAddresses(FreeShared freeShared) { m_freeShared = freeShared; }
+    bool CarriesSharedAddresses() const { return m_freeShared != nullptr; }
+    /// Frees what a message that came from this queue carries, because nobody handles it.
+    void DropPayload(CZantMsg& msg) const;
 
     /// Locks and unlocks the registry.
     static void GetMutex() ACQUIRE(m_zantMsgQueueMutex) { m_zantMsgQueueMutex.lock(); }
@@ -136,8 +147,10 @@ private:
     int32_t openDescriptor(const char* queueName, int oflag, int mode, bool unlinkFirst);
     int32_t failOpen(int error);
     void release();
+    bool hasNameInSystem() const;
     void forget() EXCLUDES(m_zantMsgQueueMutex);
     void drain();
+    static void discard(const ZantMsgBody& body, FreeShared freeShared);
     int32_t receiveNow(CZantMsg& msg);
     int32_t checkReceive(const CZantMsg* msg);
     void countReceived(uint32_t signal);
@@ -146,7 +159,8 @@ private:
     static CZantMsgQueue* findQueue(int handle) REQUIRES(m_zantMsgQueueMutex);
     static void removeEntry(const CZantMsgQueue* queue, int handle) REQUIRES(m_zantMsgQueueMutex);
     static SendErrors sendErrorsOf(int handle) EXCLUDES(m_zantMsgQueueMutex);
-    static bool carriesSharedAddresses(int handle) EXCLUDES(m_zantMsgQueueMutex);
+    /// Not null for a queue that carries shared addresses.
+    static FreeShared freeSharedOf(int handle) EXCLUDES(m_zantMsgQueueMutex);
 
     /// Written under the registry's lock, because the registry's readers copy it.
     std::string name;
@@ -156,7 +170,9 @@ private:
     std::atomic<uint32_t> lastSignal{0};
     /// False before the first Open and after Close, when the number in `handle` may be another's.
     std::atomic<bool> m_isOpen{false};
-    std::atomic<bool> m_carriesSharedAddresses{false};
+    std::atomic<bool> m_nameIsDropped{false};
+    std::atomic<int> m_openError{0};
+    std::atomic<FreeShared> m_freeShared{nullptr};
 
     /// Guards the list and the quick-access array. Nothing is called under it.
     static Mutex m_zantMsgQueueMutex;

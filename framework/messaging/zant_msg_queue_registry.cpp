@@ -99,10 +99,10 @@ CZantMsgQueue::SendErrors CZantMsgQueue::sendErrorsOf(int handle) {
     return queue->sendErrorsSuppressed ? SendErrors::suppressed : SendErrors::traced;
 }
 
-bool CZantMsgQueue::carriesSharedAddresses(int handle) {
+CZantMsgQueue::FreeShared CZantMsgQueue::freeSharedOf(int handle) {
     const MutexLock lock(m_zantMsgQueueMutex);
     const CZantMsgQueue* const queue = findQueue(handle);
-    return queue && queue->m_carriesSharedAddresses;
+    return queue ? queue->m_freeShared.load() : nullptr;
 }
 
 std::string CZantMsgQueue::listingRow(int listedHandle) const {
@@ -142,16 +142,13 @@ void CZantMsgQueue::ListGlobalMsgQueueList(int handle) {
 
 void CZantMsgQueue::DumpQueue(int handle) {
     const CancellationBlock block;
-    const bool hasForeignPayloads = carriesSharedAddresses(handle);
+    const FreeShared freeShared = freeSharedOf(handle);
     ZantMsgBody body{};
     for (int nr = 1; queue_io::receiveAtOnce(handle, body) >= 1; ++nr) {
         FormattedStringToStdout(
             "CZantMsgQueue::DumpQueue - Msg read from queue - nr: %d  signalname: %ld\n", nr,
             static_cast<long>(body.signalId));
-        // The scratch message frees what it is given.
-        CZantMsg scratch;
-        if (!hasForeignPayloads)
-            unpackMsg(body, scratch);
+        discard(body, freeShared);
         body = {};
     }
 }

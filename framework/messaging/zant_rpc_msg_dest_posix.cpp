@@ -56,7 +56,7 @@ int32_t CZantRpcMsgDestPosix::Init(const char* funcName, Routine routine, int cp
     RegisterCallbackQueue(observerQueue, observerArg, 0, 0);
 
     const std::string inputQueue = rpc_sequence::queueNameOf(m_funcName);
-    m_queue.CarrySharedAddresses();
+    m_queue.CarrySharedAddresses([](uint32_t address) { const SharedBlock dropped(address); });
     const int32_t result =
         CThreadObjectWithQueue::Init(inputQueue.c_str(), nrOfMsgs, ownerAndGroup, true, false);
     ZANT_TRACE_STREAM(TRACEUNIT_RPC_DESTINATION, TRACELEVEL_INFO,
@@ -76,15 +76,6 @@ int32_t CZantRpcMsgDestPosix::Init(const char* funcName, Routine routine, int cp
     return result;
 }
 
-void CZantRpcMsgDestPosix::ThreadWorkFunction() {
-    BeforeProcessingMsgs();
-    ReadMsgsFromNonBlockingQueue();
-    // What is not handled any more still has its payload in shared memory.
-    CZantMsg msg;
-    while (m_queue.Receive(&msg, 0) == 0)
-        const SharedBlock unread(msg.signalSize != 0 ? msg.sharedAddress : 0);
-}
-
 void CZantRpcMsgDestPosix::ProcessZantMsg(CZantMsg* msg) {
     ZANT_TRACE(TRACEUNIT_RPC_DESTINATION, TRACELEVEL_INFO,
                "%sCZantRpcMsgDestPosix::ProcessZantMsg called for IPC msg -- Signal Id = %ld "
@@ -98,9 +89,14 @@ void CZantRpcMsgDestPosix::ProcessZantMsg(CZantMsg* msg) {
 }
 
 bool CZantRpcMsgDestPosix::fetchPayload(CZantMsg& msg) const {
-    if (msg.signalSize == 0 || msg.sharedAddress == 0)
+    if (msg.sharedAddress == 0)
         return true;
+    // Whatever comes of the message, nobody else learns of the block.
     const SharedBlock shared(msg.sharedAddress);
+    if (msg.signalSize == 0) {
+        msg.sharedAddress = 0;
+        return true;
+    }
     ZANT_TRACE(TRACEUNIT_RPC_DESTINATION, TRACELEVEL_INFO,
                "CZantRpcMsgDestPosix:: Signal pointers -- received=%p, virtual=%p\n",
                asPointer(msg.sharedAddress), shared.get());

@@ -30,7 +30,6 @@ public:
     /// Does nothing: the queue is there for the process's life.
     void Term() {}
 
-    void ThreadWorkFunction() override;
     void ProcessZantMsg(CZantMsg* msg) override;
 
     /// Goes on to the next sequence number, see CZantRpcMsgSrcPosix.

@@ -1,17 +1,23 @@
 // Two backends of one process and a main system with one decoder of each kind.
 
+#include "UvaGstIfReceiver.h"
 #include "gstnox_backend.h"
 #include "gstnox_plugin.h"
 #include "support/recording_client.h"
+#include "support/sink_watch.h"
 #include "support/wait_until.h"
 
 #include <gtest/gtest.h>
 
+#include <filesystem>
 #include <thread>
 
 namespace {
 
+using support::SinkWatch;
 using support::waitUntil;
+
+constexpr size_t picturesOfClip = 50;
 
 /// A media element whose host grants what it is asked for.
 class Element {
@@ -38,26 +44,59 @@ public:
 
 class ArbitrationTest : public testing::Test {
 protected:
-    static void SetUpTestSuite() { ASSERT_TRUE(BackendInit(nullptr)); }
+    static void SetUpTestSuite() {
+        ASSERT_TRUE(BackendInit(nullptr));
+        SinkWatch::instance();
+    }
+    void TearDown() override { SinkWatch::instance().restart({}); }
 };
 
-TEST_F(ArbitrationTest, TheSecondElementIsRefusedUntilTheFirstIsGone) {
-    auto first = std::make_unique<Element>();
-    ASSERT_TRUE(waitUntil([&] { return first->backend->getPosition().position > 0.2; }));
-    {
+TEST_F(ArbitrationTest, ElementsThatStartTogetherAllPlay) {
+    for (int round = 0; round < 10; ++round) {
+        SinkWatch::instance().restart({false});
+        Element first;
         Element second;
-        ASSERT_TRUE(second.gets(UVAEvent::DecodeError));
-        EXPECT_EQ(second.client.last<DecodeErrorEvent>(UVAEvent::DecodeError)->reason,
-                  DecodeErrorEvent::InsufficientResources);
-        EXPECT_EQ(second.count(UVAEvent::PlaybackFinished), 0);
+        for (Element* const element : {&first, &second}) {
+            EXPECT_TRUE(element->gets(UVAEvent::PlaybackFinished));
+            EXPECT_EQ(element->count(UVAEvent::DecodeError), 0);
+        }
+        EXPECT_EQ(uvaGstIfReceiver.state().used, 3U);
+        EXPECT_EQ(SinkWatch::instance().video().buffers.size(), 2 * picturesOfClip);
+        double heard = 0;
+        for (const auto& buffer : SinkWatch::instance().audio().buffers)
+            heard += buffer.duration;
+        EXPECT_NEAR(heard, 2 * 2.0, 0.2);
     }
-    EXPECT_TRUE(first->gets(UVAEvent::PlaybackFinished));
-    EXPECT_EQ(first->count(UVAEvent::DecodeError), 0);
-    first.reset();
+}
 
-    Element third;
-    EXPECT_TRUE(third.gets(UVAEvent::PlaybackFinished));
-    EXPECT_EQ(third.count(UVAEvent::DecodeError), 0);
+TEST_F(ArbitrationTest, AKindIsInUseUntilTheLastElementIsGone) {
+    auto first = std::make_unique<Element>();
+    auto second = std::make_unique<Element>();
+    for (const auto* const element : {&first, &second})
+        ASSERT_TRUE(waitUntil([&] { return (*element)->backend->getPosition().position > 0.2; }));
+    first.reset();
+    EXPECT_EQ(uvaGstIfReceiver.state().used, 3U);
+    second.reset();
+    EXPECT_EQ(uvaGstIfReceiver.state().used, 0U);
+}
+
+TEST_F(ArbitrationTest, APlaybackLeavesNoDescriptorAndNoThread) {
+    SinkWatch::instance().restart({false});
+    const auto playback = [] {
+        Element element;
+        EXPECT_TRUE(element.gets(UVAEvent::PlaybackFinished));
+    };
+    const auto count = [](const char* folder) {
+        return std::distance(std::filesystem::directory_iterator(folder), {});
+    };
+    playback(); // what lives as long as the process
+    playback();
+    const auto descriptors = count("/proc/self/fd");
+    const auto threads = count("/proc/self/task");
+    for (int i = 0; i < 4; ++i)
+        playback();
+    EXPECT_TRUE(waitUntil([&] { return count("/proc/self/fd") <= descriptors; }));
+    EXPECT_TRUE(waitUntil([&] { return count("/proc/self/task") <= threads; }));
 }
 
 TEST_F(ArbitrationTest, ElementsComeAndGoAtOnce) {

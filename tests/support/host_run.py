@@ -15,10 +15,10 @@ TIMEOUT = 180
 class Run:
     """What one run of uva-host left: exit code, output and timeline."""
 
-    def __init__(self, media, *options, timeout=TIMEOUT, environment=None):
+    def __init__(self, media, *options, timeout=TIMEOUT, environment=None, before=()):
         with tempfile.TemporaryDirectory() as folder:
             timeline = pathlib.Path(folder) / "timeline.json"
-            command = [UVA_HOST, "--timeline", str(timeline), *map(str, options), str(media)]
+            command = [*before, UVA_HOST, "--timeline", str(timeline), *map(str, options), str(media)]
             done = subprocess.run(command, stdin=subprocess.DEVNULL, capture_output=True, text=True,
                                   errors="replace", timeout=timeout,
                                   env=dict(os.environ, **(environment or {})))

@@ -4,6 +4,7 @@
 Usage: arbitration_test.py CLIP ZANT_MAINSYS, in a box
 """
 
+import ctypes
 import os
 import pathlib
 import signal
@@ -15,6 +16,7 @@ import unittest
 
 sys.path.insert(0, os.path.join(os.path.dirname(__file__), "..", "support"))
 import gtest_result  # noqa: E402
+import leftovers  # noqa: E402
 from host_run import TIMEOUT, UVA_HOST, Run  # noqa: E402
 from wait_until import wait_until  # noqa: E402
 
@@ -47,6 +49,11 @@ class MainSystem:
         if code != 0 or "never freed" in text:
             raise AssertionError(f"exit code {code}\n{text}")
         return text
+
+
+def links_of(process):
+    folder = f"/proc/{process}/fd"
+    return [os.readlink(os.path.join(folder, name)) for name in os.listdir(folder)]
 
 
 class Arbitration(unittest.TestCase):
@@ -107,6 +114,48 @@ class Arbitration(unittest.TestCase):
         main = MainSystem(*BOTH_ASKED, "wait 1500", "crash", "wait 1000", "restart", "wait 500",
                           "control output-ddp:1", "release both", "expect DECODER_RELEASE_RESP 3 within 60000")
         self.plays(Run(CLIP, *OPTIONS))
+        main.finish()
+
+    def test_a_player_leaves_nothing_however_it_ends(self):
+        main = MainSystem(*["expect DECODER_NEEDED_IND within 60000"] * 6, "wait 1000")
+        before = leftovers.names()
+        shell = {"/tmp/zant_dbg_server_uva"}
+        for end, left in ((signal.SIGKILL, shell), (None, set()), (signal.SIGINT, set())):
+            player = subprocess.Popen([UVA_HOST, *OPTIONS, CLIP], stdin=subprocess.DEVNULL,
+                                      stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True)
+            self.addCleanup(player.kill)
+            for line in player.stdout:
+                if "playing" in line.lower():
+                    break
+            queues = {link for link in links_of(player.pid) if link.startswith("/Q_")}
+            self.assertGreaterEqual(len(queues), 2)
+            self.assertFalse([link for link in queues if not link.endswith(" (deleted)")])
+            if end is not None:
+                player.send_signal(end)
+            player.communicate(timeout=TIMEOUT)
+            self.assertEqual(set(leftovers.since(before | left)), set())
+            self.assertEqual(leftovers.names() - before, left)  # the next player takes it over
+        main.finish()
+
+    def test_a_link_that_cannot_be_opened_is_named_and_asks_nobody(self):
+        main = MainSystem("expect no DECODER_NEEDED_IND within 1000")
+        mine = "/BplayerAppIfLlDestFunc"
+        libc = ctypes.CDLL(None)
+        libc.mq_unlink(mine.encode())
+        foreign = (ctypes.c_long * 8)(0, 1, 64)  # one message of 64 bytes
+        os.close(libc.mq_open(mine.encode(), os.O_CREAT | os.O_RDWR, 0o600, foreign))
+        rows = [(mine, [], ("Message too long", "remove it"))]
+        limited, unlimited = ["prlimit", "--msgqueue=0:0"], ["prlimit", "--msgqueue=unlimited:unlimited"]
+        if subprocess.run([*limited, *unlimited, "true"], stderr=subprocess.DEVNULL).returncode != 0:
+            rows.append(("/Q_UVAGST_IF_REC_", limited, ("Too many open files", "RLIMIT_MSGQUEUE")))
+        for queue, before, said in rows:
+            with self.subTest(queue=queue):
+                run = Run(CLIP, *OPTIONS, before=before)
+                for text in ("<UVA> ***E: no link to the main system", queue, *said):
+                    self.assertEqual(run.output.count(text), 1, run.report())
+                self.is_refused(run)
+                self.assertLess(run.seconds_between("BackendResourceRequestAsync", "DecodeError"), 3)
+        libc.mq_unlink(mine.encode())
         main.finish()
 
     def test_killed_before_its_answer_and_restarted(self):

@@ -58,13 +58,16 @@ public:
                                 static_cast<size_t>(msg->signalSize));
         msg->FreeSignal();
         const std::lock_guard lock(m_lock);
-        m_sent.push_back(sent);
-        return 0;
+        if (result == 0)
+            m_sent.push_back(sent);
+        return result;
     }
     std::vector<Sent> take() {
         const std::lock_guard lock(m_lock);
         return std::exchange(m_sent, {});
     }
+    /// What sending answers.
+    std::atomic<int32_t> result{0};
 
 private:
     CUvaGstMsgDestLowerLayer m_destination;

@@ -110,27 +110,51 @@ TEST_F(DecoderLinkTest, TermEndsEveryWait) {
     CZantMsgQueue::Start();
 }
 
-TEST_F(DecoderLinkTest, AKindIsOneRequestersUntilItIsGivenBack) {
+TEST_F(DecoderLinkTest, AKindIsInUseUntilTheLastRequesterGivesItBack) {
     UvaGstIfRequester first;
     UvaGstIfRequester second;
-    use("video", &first);
-    EXPECT_FALSE(receiver.requestDecoder("video", &second));
-    EXPECT_TRUE(receiver.requestDecoder("video", &first));
-    noLongerNeeded("-video", &second);
-    EXPECT_EQ(receiver.state().used, 2u) << "it was not the second's to give";
-    noLongerNeeded("-video", &first);
-    EXPECT_TRUE(receiver.requestDecoder("video", &second));
+    UvaGstIfRequester none;
+    auto both = asks("video", &first);
+    auto too = asks("video", &second);
+    arrives(available, 2);
+    EXPECT_TRUE(both.get());
+    EXPECT_TRUE(too.get()) << "one grant serves whoever asks";
+    EXPECT_TRUE(receiver.requestDecoder("video", nullptr)) << "at once";
+    EXPECT_EQ(sent(), (Sends{indication(needed, 2), indication(needed, 2)}));
+
     arrives(releaseRequest, 2);
+    for (const UvaGstIfRequester* const requester : {&first, &first, &none}) {
+        noLongerNeeded("-video", requester);
+        EXPECT_EQ(receiver.state().used, 2u) << "the other two have it";
+    }
     receiver.leave(first);
-    EXPECT_EQ(receiver.state().used, 2u);
     receiver.leave(second);
+    EXPECT_EQ(receiver.state().used, 2u);
+    EXPECT_EQ(sent(), Sends{});
+    noLongerNeeded("-video");
     EXPECT_EQ(receiver.state().used, 0u);
     EXPECT_EQ(sent(), Sends{indication(releaseResponse, 2)});
+}
 
-    auto both = asks("audio", &first);
-    auto too = asks("audio", &second);
-    arrives(available, 1);
-    EXPECT_NE(both.get(), too.get()) << "one grant, one user";
+/// The clock stands still: whoever waited would do so for ever.
+TEST_F(DecoderLinkTest, ARequestThatCannotBeSentIsRefusedAtOnce) {
+    const auto isRefusedAtOnce = [this] {
+        auto answer = std::async(std::launch::async,
+                                 [this] { return receiver.requestDecoder("video", nullptr); });
+        const bool atOnce = answer.wait_for(20s) == std::future_status::ready;
+        arrives(notAvailable);
+        return !answer.get() && atOnce;
+    };
+    lowerLayer.result = CZantMsgQueue::sendFailed;
+    EXPECT_TRUE(isRefusedAtOnce());
+    EXPECT_FALSE(receiver.state().requestPending);
+    lowerLayer.result = 0;
+    auto waits = asks("video");
+    receiver.cutOff();
+    EXPECT_FALSE(waits.get());
+    sent();
+    EXPECT_TRUE(isRefusedAtOnce());
+    EXPECT_EQ(sent(), Sends{}) << "nobody is asked";
 }
 
 /// What is in use, what is asked back; what is answered at once and what when it was given back.
@@ -182,6 +206,22 @@ TEST_F(DecoderLinkTest, ReleaseRequestsDoNotDisplaceOneAnother) {
     EXPECT_EQ(receiver.state().releaseRequest, 1u);
     noLongerNeeded("-audio");
     EXPECT_EQ(sent(), Sends{indication(releaseResponse, 1)});
+}
+
+TEST_F(DecoderLinkTest, EachReleaseRequestHasAnAnswerOfItsOwn) {
+    use("audio");
+    use("video");
+    for (const int32_t kinds : {3, 1, 2, 1})
+        arrives(releaseRequest, kinds, 5);
+    EXPECT_EQ(receiver.state().releaseRequest, 3u);
+    EXPECT_EQ(sent(), Sends{});
+    noLongerNeeded("-audio");
+    EXPECT_EQ(sent(), (Sends{indication(releaseResponse, 1), indication(releaseResponse, 1)}));
+    EXPECT_EQ(receiver.state().releaseRequest, 3u);
+    EXPECT_EQ(receiver.state().available, 2u);
+    noLongerNeeded("-video");
+    EXPECT_EQ(sent(), (Sends{indication(releaseResponse, 3), indication(releaseResponse, 2)}));
+    EXPECT_EQ(receiver.state().releaseRequest, 0u);
 }
 
 TEST_F(DecoderLinkTest, WaitingBeforeTearDownGivesBackWhatIsLeft) {

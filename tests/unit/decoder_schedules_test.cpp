@@ -102,13 +102,16 @@ private:
             if (answer.signal != SIG_ID_MPLAYER_DECODER_RELEASE_RESP)
                 continue;
             const auto isAnswered = [&answer](const Request& request) {
-                return answer.cookies[0] != 0 ? request.cookie == answer.cookies[0]
-                                              : (request.kinds & ~answer.param1) == 0;
+                return request.kinds == answer.param1 &&
+                       (answer.cookies[0] == 0 || request.cookie == answer.cookies[0]);
             };
-            const auto before = m_open.size();
-            m_open.erase(std::remove_if(m_open.begin(), m_open.end(), isAnswered), m_open.end());
-            EXPECT_LT(m_open.size(), before) << "an answer to no request";
-            m_answered += static_cast<int>(before - m_open.size());
+            const auto found = std::find_if(m_open.begin(), m_open.end(), isAnswered);
+            if (found == m_open.end()) {
+                ADD_FAILURE() << "an answer to no request";
+                continue;
+            }
+            m_open.erase(found);
+            ++m_answered;
         }
     }
 

@@ -196,7 +196,7 @@ TEST_F(MessagingTest, FailedSendFreesThePayloadsAndSaysWhy) {
     ASSERT_EQ(closed.Close(), 0);
     EXPECT_EQ(closed.Close(), -1410);
     CZantMsgQueue shared;
-    shared.CarrySharedAddresses();
+    shared.CarrySharedAddresses([](uint32_t) {});
     ASSERT_EQ(open(shared, "_shared"), 0);
 
     const struct {
@@ -401,6 +401,61 @@ TEST_F(MessagingTest, OpeningAnewLeavesNothingOfTheQueueBefore) {
     EXPECT_EQ(CountedPayload::alive, 0);
     EXPECT_EQ(mq_unlink(queueName("_before").c_str()), -1) << "was unlinked";
     EXPECT_EQ(CZantMsgQueue::GetQueueNameByHandle(queue.handle), queueName("_after"));
+}
+
+TEST_F(MessagingTest, OnlyItsOwnNameIsTakenFromTheSystem) {
+    const std::string name = queueName();
+    for (const bool isDropped : {false, true}) {
+        SCOPED_TRACE(isDropped);
+        CZantMsgQueue successor;
+        {
+            CZantMsgQueue queue;
+            ASSERT_EQ(open(queue), 0);
+            if (isDropped) {
+                queue.DropName();
+                EXPECT_EQ(mq_open(name.c_str(), O_RDONLY), -1);
+                EXPECT_EQ(errno, ENOENT);
+            }
+            CZantMsg msg(517);
+            load(msg, "by its handle");
+            ASSERT_EQ(CZantMsgQueue::Send(queue.handle, &msg, 0), 0);
+            ASSERT_EQ(open(successor), 0);
+            EXPECT_EQ(successor.GetNrOfMsgsInQueue(), 0) << "a queue of its own";
+            EXPECT_EQ(queue.GetNrOfMsgsInQueue(), 1);
+            if (isDropped) {
+                EXPECT_EQ(queue.Unlink(), 0);
+            }
+        }
+        EXPECT_EQ(CountedPayload::alive, 0);
+        const mqd_t found = mq_open(name.c_str(), O_RDONLY);
+        EXPECT_NE(found, -1) << "it is the successor's";
+        mq_close(found);
+        EXPECT_EQ(successor.Unlink(), 0);
+        EXPECT_EQ(successor.Unlink(), -1424) << "it has gone";
+    }
+}
+
+/// What comes from another process is freed however it is thrown away.
+TEST_F(MessagingTest, SharedPayloadsThatNobodyHandlesAreFreed) {
+    static std::vector<uint32_t> freed;
+    freed.clear();
+    CZantMsgQueue queue;
+    queue.CarrySharedAddresses([](uint32_t address) { freed.push_back(address); });
+    ASSERT_EQ(open(queue), 0);
+    const auto arrives = [&queue](uint32_t address) {
+        ZantMsgBody body{};
+        body.signalPtr = address;
+        ASSERT_EQ(mq_send(queue.handle, reinterpret_cast<char*>(&body), sizeof body, 0), 0);
+    };
+    for (const uint32_t address : {11u, 0u, 12u})
+        arrives(address);
+    CZantMsg msg;
+    ASSERT_EQ(queue.Receive(&msg, 0), 0);
+    queue.DropPayload(msg);
+    CZantMsgQueue::DumpQueue(queue.handle);
+    arrives(13);
+    EXPECT_EQ(queue.Unlink(), 0);
+    EXPECT_EQ(freed, (std::vector<uint32_t>{11, 12, 13}));
 }
 
 TEST_F(MessagingTest, QueueKeptInTheSystemLeavesTheRegistry) {

@@ -317,6 +317,22 @@ TEST_F(ThreadsTest, StopToAFullQueueIsNoError) {
     EXPECT_EQ(recorder.handled, 1);
 }
 
+TEST_F(ThreadsTest, QueueOfAKilledProcessIsGone) {
+    Recorder recorder;
+    const auto address = std::to_string(reinterpret_cast<intptr_t>(static_cast<void*>(&recorder)));
+    const std::string name = "/zant_test_rec_" + address;
+    const pid_t child = fork();
+    if (child == 0) {
+        if (recorder.init() == 0 && recorder.QueueName() == name)
+            raise(SIGKILL);
+        _exit(1);
+    }
+    int status = 0;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL);
+    EXPECT_EQ(mq_unlink(name.c_str()), -1) << "it was left behind";
+}
+
 TEST_F(ThreadsTest, QueueThreadMayAskItselfToEnd) {
     Recorder recorder;
     ASSERT_EQ(recorder.init(), 0);

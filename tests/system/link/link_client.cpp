@@ -1,3 +1,4 @@
+#include "UvaGstIfLink.h"
 #include "UvaGstIfLowerLayer.h"
 #include "UvaGstIfReceiver.h"
 #include "cpucomm/trid_cpucomm.h"
@@ -73,9 +74,9 @@ public:
         const rlimit unlimited{RLIM_INFINITY, RLIM_INFINITY};
         setrlimit(RLIMIT_MSGQUEUE, &unlimited);
         Trid_Util_CPUComm_Init(0);
-        uvaGstIfReceiver.Init();
-        uvaGstIfReceiver.StartThread("uvagst_if_receiver", 0, 0);
-        uvaGstIfLowerLayer.Init(uvaGstIfReceiver.queueHandle(), 0);
+        const std::string failure = openUvaGstIfLink();
+        if (!failure.empty())
+            fprintf(stderr, "link_client: %s\n", failure.c_str());
         uvaGstIfReceiver.connectBackend(&m_backend);
     }
 

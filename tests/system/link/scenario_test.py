@@ -17,6 +17,7 @@ import unittest
 
 sys.path.insert(0, os.path.join(os.path.dirname(__file__), "..", "..", "support"))
 import gtest_result  # noqa: E402
+import leftovers  # noqa: E402
 
 TIMEOUT = 120  # seconds, with room for sanitizers on a busy machine
 
@@ -29,6 +30,7 @@ def words_of(scenario, key):
 
 def play(scenario):
     """Runs both programs; the client once the main system is there, or said to be away."""
+    before = leftovers.names()
     options = words_of(scenario, "options")
     main = subprocess.Popen([os.environ["ZANT_MAINSYS"], "--scenario", str(scenario), *options],
                             stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, text=True, errors="replace")
@@ -42,8 +44,9 @@ def play(scenario):
     for line in main.stdout:
         print("main:", line, end="", flush=True)
     codes = main.wait(), client.wait()
-    print(f"exit codes: main system {codes[0]}, client {codes[1]}")
-    return 0 if codes == (0, 0) else 1
+    left = leftovers.since(before)
+    print(f"exit codes: main system {codes[0]}, client {codes[1]}; left behind: {left}")
+    return 0 if codes == (0, 0) and not left else 1
 
 
 class Scenario(unittest.TestCase):

@@ -1,6 +1,7 @@
 #include "gstnox_plugin.h"
 
 #include "UvaGstIfGstMedia.h"
+#include "UvaGstIfLink.h"
 #include "UvaGstIfLowerLayer.h"
 #include "UvaGstIfReceiver.h"
 #include "config/cfg_file.h"
@@ -25,6 +26,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <mutex>
+#include <string>
 #include <unistd.h>
 
 GstDebugCategory* gst_backend_debug = nullptr;
@@ -85,6 +87,7 @@ void openVendorLink() {
 void startShell() {
     mshell.Init("zant_dbg_server_uva");
     mshell.StartThread("zant_mshell_uva", 0, 0);
+    std::atexit([] { mshell.RemoveSocket(); });
     mshell.AddMshellInternalMshellCmds();
     AddZantMsgQueueMshellCmds();
     AddZantDbgMshellCmds();
@@ -104,13 +107,17 @@ void runConfigurationFile() {
     }
 }
 
-/// The arbitration of the decoders with the main system.
-void startReceiver() {
+/// The arbitration of the decoders with the main system. What can be played without goes on
+/// without.
+void startLink() {
     static UvaGstIfGstMedia& media = *new UvaGstIfGstMedia(gst_backend_debug, gst_backendif_debug);
     setUvaGstIfMedia(&media);
-    uvaGstIfReceiver.Init();
-    uvaGstIfReceiver.StartThread("uvagst_if_receiver", 0, 0);
-    uvaGstIfLowerLayer.Init(uvaGstIfReceiver.queueHandle(), 0);
+    const std::string failure = openUvaGstIfLink();
+    if (failure.empty())
+        return;
+    // To the log, and for whoever sits before a terminal and has no log.
+    GST_CAT_ERROR(loaderDebug, "***E: %s", failure.c_str());
+    std::printf("<UVA> ***E: %s\n", failure.c_str());
 }
 
 /// Dispatches the default main context for the life of the process.
@@ -179,7 +186,7 @@ bool BackendInit(GError** error) noexcept {
     startShell();
     runConfigurationFile();
     zantTrace.CheckAndStartTracingToFile("uva");
-    startReceiver();
+    startLink();
     g_thread_unref(g_thread_new("gst_chk_dbg", runDebugWatcher, nullptr));
     g_thread_unref(g_thread_new("gst_run", runMainLoop, nullptr));
     done = true;

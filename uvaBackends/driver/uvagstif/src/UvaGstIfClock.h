@@ -5,8 +5,9 @@
 
 #include <chrono>
 
-/// The time that the receiver's waits go by: the monotonic clock, which nobody can set. Tests put
-/// their own in its place.
+/// The time that the receiver's waits go by: the monotonic clock. A set learns the time of day
+/// after it has started, from the broadcast: by the wall clock, a wait at that moment would end at
+/// once or last for hours. Tests put their own in its place.
 class UvaGstIfClock {
 public:
     using Time = std::chrono::steady_clock::time_point;

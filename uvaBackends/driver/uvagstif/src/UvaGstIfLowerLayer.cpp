@@ -29,10 +29,17 @@ int32_t CUvaGstIfLowerLayer::Init(int receiverQueue, long arg) {
         StartThread("UvaGst_If_Lower_Layer_Receiver", 0, 0);
         receiverQueue = m_queue.handle;
     }
-    m_destination.Init(ownFunction, UvaGstIfUlRpcRoutineAsync, CPUID_APPLICATION, receiverQueue,
-                       arg);
-    m_source.Init("/Q_UVAGST_IF_LL_SEND_", nrOfMsgs, CPUID_MAIN, mainSystemFunction);
+    const int32_t destination = m_destination.Init(ownFunction, UvaGstIfUlRpcRoutineAsync,
+                                                   CPUID_APPLICATION, receiverQueue, arg);
+    const int32_t source =
+        m_source.Init("/Q_UVAGST_IF_LL_SEND_", nrOfMsgs, CPUID_MAIN, mainSystemFunction);
     m_source.StartThread("UvaGst_If_Lower_Layer_Sender", 0, 0);
+    if (result != 0)
+        m_notOpened = this;
+    else if (destination != 0)
+        m_notOpened = &m_destination;
+    else
+        m_notOpened = source != 0 ? &m_source : nullptr;
     return result;
 }
 

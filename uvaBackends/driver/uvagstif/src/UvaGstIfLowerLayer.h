@@ -26,6 +26,9 @@ public:
     /// a queue and a thread of its own hand the messages to the registered observers; then the code
     /// of opening that queue, else 0. The other number goes to the destination's Init.
     int32_t Init(int receiverQueue, long arg);
+    /// The part of the link whose queue Init could not open, the first if there are several; null
+    /// when all is open.
+    const CThreadObjectWithQueue* NotOpened() const { return m_notOpened; }
     void Term();
     int32_t Dump() { return 0; }
 
@@ -43,6 +46,7 @@ public:
 private:
     CUvaGstMsgDestLowerLayer& m_destination;
     CZantRpcMsgSrcPosix m_source;
+    const CThreadObjectWithQueue* m_notOpened = nullptr;
 };
 
 /// Stands for the destination where a routine is to be named; messages go to the queue, so that it

@@ -4,6 +4,7 @@
 #include "UvaGstIfReports.h"
 #include "messaging/zant_msg.h"
 
+#include <algorithm>
 #include <chrono>
 #include <cstring>
 #include <string>
@@ -26,7 +27,7 @@ uint32_t kindOf(const char* text, const char* prefix) {
     return wanted == std::string(prefix) + "video" ? videoKind : 0;
 }
 
-constexpr size_t ownerIndex(uint32_t kind) {
+constexpr size_t indexOf(uint32_t kind) {
     return kind == videoKind ? 1 : 0;
 }
 
@@ -56,14 +57,16 @@ int32_t CUvaGstIfReceiver::Init() {
 }
 
 void CUvaGstIfReceiver::Term() {
-    {
-        const MutexLock lock(stateMutex);
-        m_terminated = true;
-        stateCond.broadcast();
-    }
+    cutOff();
     StopThreadAndWait();
     CThreadObject::Terminate();
     CZantMsgQueue::Terminate();
+}
+
+void CUvaGstIfReceiver::cutOff() {
+    const MutexLock lock(stateMutex);
+    m_isCutOff = true;
+    stateCond.broadcast();
 }
 
 void CUvaGstIfReceiver::connectBackend(UvaGstIfBackend* newBackend) {
@@ -114,12 +117,9 @@ bool CUvaGstIfReceiver::requestDecoder(const char* type, UvaGstIfRequester* requ
     UVA_GST_IF_LOG(BackendIf, Debug, "decoder_request=%d decoder_available=%d",
                    static_cast<int>(kind), static_cast<int>(decoder_available));
     bool granted = !isRefused(kind, requester);
-    if (granted && (decoder_available & kind) == 0) {
-        requestPending = 1;
-        stateCond.broadcast();
-        m_lowerLayer.sendIndicationInt32(SIG_ID_MPLAYER_DECODER_NEEDED_IND, static_cast<int>(kind));
-        granted = waitForKind(kind, requester) && !isRefused(kind, requester);
-    }
+    if (granted && (decoder_available & kind) == 0)
+        granted =
+            askMainSystem(kind) && waitForKind(kind, requester) && !isRefused(kind, requester);
     UVA_GST_IF_LOG(BackendIf, Debug,
                    "  requested decoder %savailable (decoder_request=%d decoder_available=%d)",
                    granted ? "" : "not ", static_cast<int>(kind),
@@ -127,26 +127,31 @@ bool CUvaGstIfReceiver::requestDecoder(const char* type, UvaGstIfRequester* requ
     if (!granted)
         return false;
     decoder_used |= kind;
-    m_owners[ownerIndex(kind)] = requester;
+    m_users[indexOf(kind)].insert(requester);
     stateCond.broadcast();
     return true;
 }
 
 bool CUvaGstIfReceiver::isRefused(uint32_t kind, const UvaGstIfRequester* requester) const {
-    return m_terminated || (requester && requester->m_waits[ownerIndex(kind)].breakers > 0) ||
-           ownedByAnother(kind, requester);
+    return m_isCutOff || (requester && requester->m_waits[indexOf(kind)].breakers > 0);
 }
 
-bool CUvaGstIfReceiver::ownedByAnother(uint32_t kind, const UvaGstIfRequester* requester) const {
-    const UvaGstIfRequester* const owner = m_owners[ownerIndex(kind)];
-    return (decoder_used & kind) != 0 && requester && owner && owner != requester;
+/// False when the request cannot be sent: nobody would answer it.
+bool CUvaGstIfReceiver::askMainSystem(uint32_t kind) {
+    CZantMsg request(SIG_ID_MPLAYER_DECODER_NEEDED_IND);
+    request.param1 = static_cast<int32_t>(kind);
+    if (m_lowerLayer.SendCmd(&request) < 0)
+        return false;
+    requestPending = 1;
+    stateCond.broadcast();
+    return true;
 }
 
 bool CUvaGstIfReceiver::waitForKind(uint32_t kind, const UvaGstIfRequester* requester) {
     const auto deadline = m_clock.now() + longestRequest;
     const uint32_t refusals = m_refusals;
     const auto brokenWaits = [&] {
-        return requester ? requester->m_waits[ownerIndex(kind)].broken : 0;
+        return requester ? requester->m_waits[indexOf(kind)].broken : 0;
     };
     const uint32_t brokenBefore = brokenWaits();
     bool mayWait = true;
@@ -154,7 +159,7 @@ bool CUvaGstIfReceiver::waitForKind(uint32_t kind, const UvaGstIfRequester* requ
     while (mayWait && (decoder_available & kind) == 0) {
         const bool isBroken = brokenWaits() != brokenBefore;
         const bool isPending = requestPending == 1 && m_refusals == refusals;
-        mayWait = isPending && !isBroken && !m_terminated &&
+        mayWait = isPending && !isBroken && !m_isCutOff &&
                   m_clock.waitUntil(stateCond, stateMutex, deadline);
     }
     --m_waiting;
@@ -166,7 +171,7 @@ void CUvaGstIfReceiver::breakWaits(UvaGstIfRequester& requester, const char* typ
     for (const uint32_t kind : bothKinds) {
         if (type && kindOf(type, "") != kind)
             continue;
-        auto& waits = requester.m_waits[ownerIndex(kind)];
+        auto& waits = requester.m_waits[indexOf(kind)];
         ++waits.breakers;
         ++waits.broken;
     }
@@ -176,7 +181,7 @@ void CUvaGstIfReceiver::breakWaits(UvaGstIfRequester& requester, const char* typ
 void CUvaGstIfReceiver::allowWaits(UvaGstIfRequester& requester, const char* type) {
     const MutexLock lock(stateMutex);
     for (const uint32_t kind : bothKinds) {
-        auto& waits = requester.m_waits[ownerIndex(kind)];
+        auto& waits = requester.m_waits[indexOf(kind)];
         if ((!type || kindOf(type, "") == kind) && waits.breakers > 0)
             --waits.breakers;
     }
@@ -185,9 +190,8 @@ void CUvaGstIfReceiver::allowWaits(UvaGstIfRequester& requester, const char* typ
 void CUvaGstIfReceiver::leave(UvaGstIfRequester& requester) {
     const MutexLock lock(stateMutex);
     for (const uint32_t kind : bothKinds) {
-        const bool isOwner = m_owners[ownerIndex(kind)] == &requester;
-        if (isOwner && (decoder_used & kind) != 0)
-            giveBack(kind);
+        if (!leavesToOthers(kind, &requester))
+            giveBack(kind & decoder_used);
     }
     stateCond.broadcast();
 }
@@ -213,8 +217,6 @@ void CUvaGstIfReceiver::processDecoderNotAvailableInd() {
     stateCond.broadcast();
 }
 
-/// A request that waits for a decoder in use is not lost when another comes: they wait together,
-/// and one answer names the kinds of both.
 void CUvaGstIfReceiver::processDecoderReleaseReq(CZantMsg& msg) {
     const auto kinds = static_cast<uint32_t>(msg.param1);
     const MutexLock lock(stateMutex);
@@ -225,6 +227,7 @@ void CUvaGstIfReceiver::processDecoderReleaseReq(CZantMsg& msg) {
     if ((kinds & decoder_used) != 0) {
         UVA_GST_IF_LOG(BackendIf, Error, "***E: how to suspend Mediaplayer pipeline here?");
         decoder_release_request |= kinds;
+        m_releaseRequests.push_back(kinds);
     } else {
         m_lowerLayer.sendResponseInt32(SIG_ID_MPLAYER_DECODER_RELEASE_RESP, &msg, msg.param1);
         decoder_available &= ~kinds;
@@ -249,13 +252,31 @@ void CUvaGstIfReceiver::handleDecoderNeededLocked(const char* type) {
     const uint32_t kind = kindOf(type, "-");
     decoder_used &= ~kind;
     if (kind != 0)
-        m_owners[ownerIndex(kind)] = nullptr;
-    const uint32_t kinds = decoder_release_request;
-    if (kinds == 0 || (kinds & decoder_used) != 0)
-        return;
-    m_lowerLayer.sendIndicationInt32(SIG_ID_MPLAYER_DECODER_RELEASE_RESP, static_cast<int>(kinds));
-    decoder_available &= ~kinds;
+        m_users[indexOf(kind)].clear();
+    answerReleaseRequests();
+}
+
+/// Each on its own, as soon as nothing that it asks back is in use.
+void CUvaGstIfReceiver::answerReleaseRequests() {
+    const auto stillWaits = std::stable_partition(
+        m_releaseRequests.begin(), m_releaseRequests.end(),
+        [used = decoder_used](uint32_t kinds) { return (kinds & used) == 0; });
+    for (auto request = m_releaseRequests.begin(); request != stillWaits; ++request) {
+        m_lowerLayer.sendIndicationInt32(SIG_ID_MPLAYER_DECODER_RELEASE_RESP,
+                                         static_cast<int>(*request));
+        decoder_available &= ~*request;
+    }
+    m_releaseRequests.erase(m_releaseRequests.begin(), stillWaits);
     decoder_release_request = 0;
+    for (const uint32_t kinds : m_releaseRequests)
+        decoder_release_request |= kinds;
+}
+
+/// The requester has done with the kind: who said so before, or never had it, changes nothing.
+bool CUvaGstIfReceiver::leavesToOthers(uint32_t kind, const UvaGstIfRequester* requester) {
+    auto& users = m_users[indexOf(kind)];
+    users.erase(requester);
+    return !users.empty();
 }
 
 void CUvaGstIfReceiver::giveBack(uint32_t kinds) {
@@ -287,7 +308,7 @@ void CUvaGstIfReceiver::decoderNoLongerNeeded(const char* type,
         return;
     const MutexLock lock(stateMutex);
     const uint32_t kind = kindOf(type, "-");
-    if (kind != 0 && ownedByAnother(kind, requester))
+    if (kind != 0 && leavesToOthers(kind, requester))
         return;
     handleDecoderNeededLocked(type);
     stateCond.broadcast();
@@ -338,7 +359,7 @@ void CUvaGstIfReceiver::waitForDecoderAvailable(GstElement* pipeline, const char
         UVA_GST_IF_LOG(BackendIf, Debug, " loop: state=%d pending=%d decoder_used=%d\n",
                        states.current, states.pending, static_cast<int>(decoder_used));
         const auto deadline = m_clock.now() + longestGivingBack;
-        while (decoder_used != 0 && !m_terminated &&
+        while (decoder_used != 0 && !m_isCutOff &&
                m_clock.waitUntil(stateCond, stateMutex, deadline)) {
         }
         giveBack(decoder_used);

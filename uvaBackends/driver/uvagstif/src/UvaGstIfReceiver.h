@@ -9,6 +9,8 @@
 #include "util/mutex.h"
 
 #include <cstdint>
+#include <set>
+#include <vector>
 
 class CUvaGstIfLowerLayer;
 
@@ -16,11 +18,12 @@ class CUvaGstIfLowerLayer;
 /// thread that handles what the main system says, and the operations of those who want a decoder,
 /// wait for one or give one back. Thread-safe.
 ///
-/// Decoder kinds are bits of a mask: 1 audio, 2 video. The link knows a kind as granted or not; it
-/// cannot tell two decoders of a kind apart, so one process uses one of each at most.
+/// Decoder kinds are bits of a mask: 1 audio, 2 video. The link knows a kind as granted to the
+/// process or not. What is granted is every requester's who asks, and in use until the last of them
+/// has given it back.
 ///
 /// A wait for a decoder takes 5 seconds at most. It ends at once by a refusal, by breakWaits of its
-/// requester, and by Term.
+/// requester, and by Term; it does not begin when the request cannot be sent.
 class CUvaGstIfReceiver : public CThreadObjectWithQueueRpc {
 public:
     explicit CUvaGstIfReceiver(CUvaGstIfLowerLayer& lowerLayer);
@@ -35,6 +38,8 @@ public:
     /// Ends all waits and the thread, and freezes the lists of threads and queues. Requests are
     /// refused from then on.
     void Term();
+    /// No answer will ever come: ends all waits and refuses requests from now on.
+    void cutOff() EXCLUDES(stateMutex);
 
     /// Sets the backend that control requests go to; null for none. Waits while a control request
     /// is being handed over: the former backend is not called afterwards.
@@ -47,9 +52,8 @@ public:
     static int decoder_request_cb(GstElement* element, const char* type, void* receiver);
 
     /// Asks for the decoder of a type, "audio" or "video", and waits for the answer. True when it
-    /// may be used, at once if the main system has granted it before. Refuses a type that the
-    /// process already uses for another requester. Called by streaming threads, with no lock of the
-    /// caller's that its tear-down wants.
+    /// may be used, at once if the main system has granted it before. Called by streaming threads,
+    /// with no lock of the caller's that its tear-down wants.
     bool requestDecoder(const char* type, UvaGstIfRequester* requester) EXCLUDES(stateMutex);
 
     /// Ends the requester's waits and refuses its requests, until allowWaits was called as often;
@@ -59,9 +63,9 @@ public:
     /// Gives back what the requester still uses, because its pipeline is gone.
     void leave(UvaGstIfRequester& requester) EXCLUDES(stateMutex);
 
-    /// Reads an application message of the pipeline's bus: "GstNoxDecoderNeeded" gives a decoder
-    /// back (of the requester only, if one is named), "GstNoxVideoFormat" and "GstNoxAudioFormat"
-    /// are reported to the main system. Never waits.
+    /// Reads an application message of the pipeline's bus: "GstNoxDecoderNeeded" gives back the
+    /// requester's decoder, "GstNoxVideoFormat" and "GstNoxAudioFormat" are reported to the main
+    /// system. Never waits.
     void handleApplicationMessage(GstMessage* message, const UvaGstIfRequester* requester = nullptr)
         EXCLUDES(stateMutex);
 
@@ -82,11 +86,12 @@ public:
 
 private:
     bool isRefused(uint32_t kind, const UvaGstIfRequester* requester) const REQUIRES(stateMutex);
+    bool askMainSystem(uint32_t kind) REQUIRES(stateMutex);
     bool waitForKind(uint32_t kind, const UvaGstIfRequester* requester) REQUIRES(stateMutex);
     void handleDecoderNeededLocked(const char* type) REQUIRES(stateMutex);
     void giveBack(uint32_t kinds) REQUIRES(stateMutex);
-    bool ownedByAnother(uint32_t kind, const UvaGstIfRequester* requester) const
-        REQUIRES(stateMutex);
+    void answerReleaseRequests() REQUIRES(stateMutex);
+    bool leavesToOthers(uint32_t kind, const UvaGstIfRequester* requester) REQUIRES(stateMutex);
     void decoderNoLongerNeeded(const char* type, const UvaGstIfRequester* requester);
     void reportVideoFormat(GstMessage* message);
     void reportAudioFormat(GstMessage* message);
@@ -95,7 +100,7 @@ private:
     void processDecoderReleaseReq(CZantMsg& msg);
     void processControlReq(const char* bytes, int length);
 
-    /// Kinds that the main system has asked back and not been answered.
+    /// Kinds that the main system has asked back and not been answered, of all its requests.
     uint32_t decoder_release_request GUARDED_BY(stateMutex) = 0;
     uint32_t decoder_used GUARDED_BY(stateMutex) = 0;
     uint32_t decoder_available GUARDED_BY(stateMutex) = 0;
@@ -112,12 +117,14 @@ private:
 
     CUvaGstIfLowerLayer& m_lowerLayer;
     UvaGstIfClock& m_clock;
-    /// Who uses audio, and video; null for nobody in particular.
-    const UvaGstIfRequester* m_owners[2] GUARDED_BY(stateMutex) = {};
+    /// Who uses audio, and video; null is nobody in particular.
+    std::set<const UvaGstIfRequester*> m_users[2] GUARDED_BY(stateMutex);
+    /// The kinds of each request that has not been answered, in the order they came.
+    std::vector<uint32_t> m_releaseRequests GUARDED_BY(stateMutex);
     /// Refusals ever: one that comes just before somebody else's request counts all the same.
     uint32_t m_refusals GUARDED_BY(stateMutex) = 0;
     int m_waiting GUARDED_BY(stateMutex) = 0;
-    bool m_terminated GUARDED_BY(stateMutex) = false;
+    bool m_isCutOff GUARDED_BY(stateMutex) = false;
 };
 
 /// The one of the process. Never destroyed.

@@ -1,0 +1,31 @@
+#include "UvaGstIfLink.h"
+
+#include "UvaGstIfLowerLayer.h"
+#include "UvaGstIfReceiver.h"
+#include "messaging/queue_io.h"
+
+#include <cstring>
+
+namespace {
+
+std::string describe(const CThreadObjectWithQueue& part) {
+    const int error = part.QueueError();
+    const char* const reason = strerrordesc_np(error);
+    const std::string advice = queue_io::adviceOn(error);
+    return "no link to the main system, decoders will be refused: queue " + part.QueueName() +
+           ": " + (reason ? reason : "unknown error") + (advice.empty() ? "" : "; " + advice);
+}
+
+} // namespace
+
+std::string openUvaGstIfLink() {
+    const int32_t result = uvaGstIfReceiver.Init();
+    uvaGstIfReceiver.StartThread("uvagst_if_receiver", 0, 0);
+    uvaGstIfLowerLayer.Init(uvaGstIfReceiver.queueHandle(), 0);
+    const CThreadObjectWithQueue* const notOpened =
+        result != 0 ? &uvaGstIfReceiver : uvaGstIfLowerLayer.NotOpened();
+    if (!notOpened)
+        return {};
+    uvaGstIfReceiver.cutOff();
+    return describe(*notOpened);
+}
