@@ -59,6 +59,11 @@ class Shell(unittest.TestCase):
         self.play()
         self.assertEqual(zantsh("m_starttracingtoscreen")[0], 0)
         self.assertIn("zant_mshell_uva", zantsh("m_threadlist")[1])
+        # The library's units bear the names that the host has given them.
+        units = re.findall(r"Trace unit +(\d+) (\w+)", zantsh("m_tracestate")[1])
+        self.assertEqual([name for number, name in units if number in ("4", "9", "33")],
+                         ["TRACE_THREAD", "TRACE_SHELL", "TRACE_CFG_FILE_THREAD"])
+        self.assertIn("for unit 9 (TRACE_SHELL)", zantsh("m_traceon", "trace_shell", "30")[1])
         listed = re.findall(r"^(\w+)", zantsh("m_help")[1], re.MULTILINE)[1:]  # without its title
         self.assertIn("u_gst_debug_set_threshold", listed)
         self.assertEqual(len(listed), len(set(listed)), listed)
