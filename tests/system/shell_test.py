@@ -111,7 +111,7 @@ class Shell(unittest.TestCase):
 
     def test_logs_to_a_small_stick_until_it_is_full(self):
         LOGS.mkdir()
-        if not own_mounts.mount_memory(LOGS, "-o", "size=1m"):
+        if not own_mounts.mount_memory(LOGS, "-o", "size=1m,mode=755"):
             self.skipTest("no namespaces here")
         (LOGS / "tracesuva.cfg").write_text("MSHELL = m_tracedirectprintmode 0\n"
                                             f"MSHELL = m_tracelogfilemaxsize {LIMIT}\n")
