@@ -3,6 +3,7 @@
 #include "messaging/cancellation_block.h"
 #include "util/scoped_handles.h"
 #include "util/strl.h"
+#include "util/trusted_path.h"
 
 #include <algorithm>
 #include <climits>
@@ -32,12 +33,14 @@ bool exists(const char* path) {
 }
 
 /// Opens a regular file for appending. Whoever can write into the directory must not lead the log
-/// elsewhere, nor hold it up: links, pipes and devices are refused.
+/// elsewhere, nor own it, nor hold it up: links of either kind, files of other users, pipes and
+/// devices are refused.
 FILE* openForAppending(const char* path) {
     ScopedFd fd(
-        open(path, O_RDWR | O_CREAT | O_APPEND | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0666));
+        open(path, O_RDWR | O_CREAT | O_APPEND | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0644));
     struct stat info {};
-    if (!fd || fstat(fd.get(), &info) != 0 || !S_ISREG(info.st_mode))
+    if (!fd || fstat(fd.get(), &info) != 0 || !S_ISREG(info.st_mode) || info.st_nlink != 1 ||
+        !belongsToUsOrRoot(info))
         return nullptr;
     FILE* const file = fdopen(fd.get(), "a+");
     if (file)

@@ -77,7 +77,9 @@ public:
 
     /// Looks for a log directory, "/tmp/usb_logs/" or "zantalog" on a removable drive, and starts
     /// tracing to a file there. A file "traces<suffix>.cfg" beside it is run on the configuration
-    /// thread; until it is through, the log's size has no limit. Without a directory: 0.
+    /// thread; until it is through, the log's size has no limit. Without a directory: 0. Directory
+    /// and file count only if nobody but this user and root may write to them, see
+    /// util/trusted_path.h; if others may, a line on standard output says so.
     int32_t CheckAndStartTracingToFile(const char* suffix) EXCLUDES(m_logControlMutex);
     /// Gives a log without limit the limit that it had before CheckAndStartTracingToFile.
     int32_t CheckAndSetMaxSizeOfLogfile();

@@ -5,9 +5,10 @@
 #include "debug/trace_clock.h"
 #include "debug/trace_output.h"
 #include "messaging/cancellation_block.h"
+#include "util/trusted_path.h"
 
-#include <sys/stat.h>
 #include <unistd.h>
+#include <vector>
 
 namespace {
 
@@ -19,22 +20,36 @@ constexpr const char* drives[] = {"sda", "sdb", "sdc", "sdd"};
 /// The highest partition first, the whole drive last.
 constexpr const char* partitions[] = {"6", "5", "4", "3", "2", "1", ""};
 
-bool isDirectory(const std::string& path) {
-    struct stat info {};
-    return stat(path.c_str(), &info) == 0 && S_ISDIR(info.st_mode);
+/// Whether something is there that may be used. What may not is told once, with the reason.
+bool isUsable(const TrustedPath& found, const std::string& path) {
+    if (!found.why.empty())
+        printfToStdout("CZantTrace:: %s is not used: %s\n", path.c_str(), found.why.c_str());
+    return static_cast<bool>(found.place);
 }
 
-/// The directory for log files, empty if there is none.
-std::string findLogDirectory() {
-    if (isDirectory(firstLogDirectory))
-        return firstLogDirectory;
-    for (const char* const drive : drives) {
-        for (const char* const partition : partitions) {
-            const std::string directory =
-                std::string("/mnt/share/extUSB/") + drive + partition + "/zantalog/";
-            if (isDirectory(directory))
-                return directory;
-        }
+std::vector<std::string> logDirectories() {
+    std::vector<std::string> directories = {firstLogDirectory};
+    for (const char* const drive : drives)
+        for (const char* const partition : partitions)
+            directories.push_back(std::string("/mnt/share/extUSB/") + drive + partition +
+                                  "/zantalog/");
+    return directories;
+}
+
+/// The directory for log files, and whether there are commands in it.
+struct LogDirectory {
+    std::string path; ///< empty if there is none
+    bool hasCommands = false;
+};
+
+/// Commands run with the rights of this process, which may be root's, and a log may grow over what
+/// a link leads to: a directory that others could have prepared does not count.
+LogDirectory findLogDirectory(const std::string& commandFile) {
+    for (const std::string& path : logDirectories()) {
+        const TrustedPath directory = openTrustedFolder(path);
+        if (isUsable(directory, path))
+            return {path,
+                    isUsable(openTrustedFile(directory, path, commandFile), path + commandFile)};
     }
     return {};
 }
@@ -128,10 +143,11 @@ int32_t CZantTrace::StopTracingToFile() {
 }
 
 int32_t CZantTrace::CheckAndStartTracingToFile(const char* suffix) {
-    const std::string directory = findLogDirectory();
+    const std::string ending = suffix ? suffix : "";
+    const std::string commandFile = "traces" + ending + ".cfg";
+    const auto [directory, hasCommands] = findLogDirectory(commandFile);
     if (directory.empty())
         return 0;
-    const std::string ending = suffix ? suffix : "";
     sysVarStringMap.Set("ZANTALOG_PATH", directory);
     {
         const CancellationBlock block;
@@ -146,8 +162,8 @@ int32_t CZantTrace::CheckAndStartTracingToFile(const char* suffix) {
     m_LogFile.SetMaxSize(0);
     const int32_t result = StartTracingToFile();
 
-    const std::string cfgFile = directory + "traces" + ending + ".cfg";
-    if (access(cfgFile.c_str(), F_OK) == 0) {
+    if (hasCommands) {
+        const std::string cfgFile = directory + commandFile;
         printfToStdout("CZantTrace:: Processing cfgfile: %s\n", cfgFile.c_str());
         cfgFileThread.ExecuteCfgFileInSeparateThread(cfgFile.c_str());
     } else {

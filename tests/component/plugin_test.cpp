@@ -74,6 +74,16 @@ TEST_F(PluginTest, HostFindsTheQrFunctions) {
         EXPECT_NE(dlsym(library(), name), nullptr) << name;
 }
 
+// The owner of a pipeline calls the member on the library's object; with nothing in use it returns.
+TEST_F(PluginTest, PipelineOwnerWaitsForTheDecoders) {
+    void* const receiver = dlsym(library(), "uvaGstIfReceiver");
+    const auto wait = entry<void (*)(void*, void*, const char*)>(
+        "_ZN17CUvaGstIfReceiver23waitForDecoderAvailableEP11_GstElementPKc");
+    ASSERT_NE(receiver, nullptr);
+    ASSERT_NE(wait, nullptr);
+    wait(receiver, nullptr, "plugin test");
+}
+
 TEST_F(PluginTest, StaysLoaded) {
     dlclose(library());
     EXPECT_NE(dlopen(std::getenv("UVA_BACKEND_LIBRARY"), RTLD_NOW | RTLD_NOLOAD), nullptr);

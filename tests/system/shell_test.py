@@ -59,6 +59,11 @@ class Shell(unittest.TestCase):
         self.play()
         self.assertEqual(zantsh("m_starttracingtoscreen")[0], 0)
         self.assertIn("zant_mshell_uva", zantsh("m_threadlist")[1])
+        # The library's units bear the names that the host has given them.
+        units = re.findall(r"Trace unit +(\d+) (\w+)", zantsh("m_tracestate")[1])
+        self.assertEqual([name for number, name in units if number in ("4", "9", "33")],
+                         ["TRACE_THREAD", "TRACE_SHELL", "TRACE_CFG_FILE_THREAD"])
+        self.assertIn("for unit 9 (TRACE_SHELL)", zantsh("m_traceon", "trace_shell", "30")[1])
         listed = re.findall(r"^(\w+)", zantsh("m_help")[1], re.MULTILINE)[1:]  # without its title
         self.assertIn("u_gst_debug_set_threshold", listed)
         self.assertEqual(len(listed), len(set(listed)), listed)
@@ -106,7 +111,7 @@ class Shell(unittest.TestCase):
 
     def test_logs_to_a_small_stick_until_it_is_full(self):
         LOGS.mkdir()
-        if not own_mounts.mount_memory(LOGS, "-o", "size=1m"):
+        if not own_mounts.mount_memory(LOGS, "-o", "size=1m,mode=755"):
             self.skipTest("no namespaces here")
         (LOGS / "tracesuva.cfg").write_text("MSHELL = m_tracedirectprintmode 0\n"
                                             f"MSHELL = m_tracelogfilemaxsize {LIMIT}\n")

@@ -290,7 +290,7 @@ TEST_P(TvBox, LeavesNothingWhenKilled) {
     EXPECT_TRUE(waitUntil([&] { return !runs(mark); }));
     // The name is free again, and the record goes with the next look.
     EXPECT_EQ(start({m_tvbox, "--list"})->wait().out, "");
-    EXPECT_TRUE(fs::is_empty(m_folder / "run" / "tvbox"));
+    EXPECT_FALSE(fs::exists(m_folder / "run" / "tvbox"));
     EXPECT_EQ(box({"--name", "gone"}, {"sh", "-c", "(setsid sleep " + mark + " &)"}).status, 0);
     EXPECT_FALSE(runs(mark)) << "what the command leaves behind ends with it";
 }
@@ -328,6 +328,74 @@ TEST_P(TvBox, RunsCompanionsAround) {
     EXPECT_EQ(box({"--main-system", "/none"}, {"echo", "x"}).out, "");
     EXPECT_EQ(box({"--main-system", "/none"}, {"true"}).status, 125);
     EXPECT_EQ(box({"--with", "sh 'open"}, {"true"}).status, 125);
+}
+
+TEST_P(TvBox, WaitsForTheMainSystemAndForNoOther) {
+    const auto main = (m_folder / "zant-mainsys").string();
+    fs::copy_file(std::getenv("ZANT_MAINSYS"), main);
+    const auto with = [&](const std::string& program, const std::string& script,
+                          const Words& more = {}) {
+        Words options = {"--companion-log", m_folder / "main.log", "--main-system", program};
+        options.insert(options.end(), more.begin(), more.end());
+        return startBox(options, {"sh", "-c", script});
+    };
+    const auto silent = m_user == geteuid() ? with("sleep 1000", "echo ran") : nullptr; // for long
+    // The queue is served when the command starts; where none is wanted, the command starts too.
+    EXPECT_EQ(with(main, "ls /dev/mqueue")->wait().out.substr(0, 11), "BplayerAppI");
+    EXPECT_EQ(with(main + " --down", "echo ran")->wait().out, "ran\n");
+
+    // A second one is refused, and told who serves; when that one is killed, it takes over.
+    const auto another = main + " --scenario /dev/null";
+    const auto second =
+        with(main, another + "; echo $?; ls /dev/mqueue; kill -KILL $(" + another +
+                       " 2>&1 | sed -n 's/.* by zant-mainsys, process \\([0-9]*\\) .*/\\1/p'); "
+                       "until " +
+                       another + " 2> /dev/null; do :; done")
+            ->wait();
+    EXPECT_EQ(second.status, 0) << second.error;
+    EXPECT_EQ(second.out.substr(0, 13), "3\nBplayerAppI");
+    EXPECT_NE(second.error.find("' ended with 137 before the command"), std::string::npos);
+
+    const auto dead = with(main + " --audio x", "echo ran")->wait();
+    EXPECT_EQ(dead.status, 125);
+    EXPECT_EQ(dead.out, "");
+    EXPECT_NE(dead.error.find("' ended before it served its queue"), std::string::npos);
+    EXPECT_NE(read(m_folder / "main.log").find("--audio: "), std::string::npos);
+    const auto stopped = with("sh -c 'echo begun; exec sleep 1000'", "echo ran");
+    EXPECT_TRUE(waitUntil(
+        [&] { return read(m_folder / "main.log").find("begun\n") != std::string::npos; }));
+    stopped->kill(SIGTERM);
+    EXPECT_EQ(stopped->wait().status, 128 + SIGTERM);
+    EXPECT_EQ(stopped->out(), "");
+
+    if (!silent)
+        return;
+    const auto late = silent->wait();
+    EXPECT_EQ(late.status, 125);
+    EXPECT_EQ(late.out, "");
+    EXPECT_NE(late.error.find("did not say within 20 s that it serves its queue"),
+              std::string::npos)
+        << late.error;
+}
+
+/// Where a box cannot be made.
+std::string forbidden(const std::string& command) {
+    return "unshare -Ur sh -c 'echo 0 > /proc/sys/user/max_mnt_namespaces && exec " + command + "'";
+}
+
+TEST_P(TvBox, LeavesNothingInTmpAndSharesNoTraceLog) {
+    // In a box around, whose /tmp is this test's alone.
+    const auto tvbox = "env -u XDG_RUNTIME_DIR " + m_tvbox + " sh -c ";
+    const std::string makeLog =
+        "\"mkdir -p /tmp/usb_logs; ls /tmp/usb_logs; echo mine > /tmp/usb_logs/log\"";
+    const auto result = box(
+        {}, {"sh", "-c",
+             "before=$(ls -A /tmp); " + tvbox + makeLog +
+                 " && mkdir /tmp/usb_logs && echo theirs > /tmp/usb_logs/log && " + tvbox +
+                 makeLog + " && cat /tmp/usb_logs/log && rm -r /tmp/usb_logs && " +
+                 forbidden(tvbox + "\"echo plain\"") + "; [ \"$(ls -A /tmp)\" = \"$before\" ]"});
+    EXPECT_EQ(result.status, 0) << result.error;
+    EXPECT_EQ(result.out, "theirs\nplain\n");
 }
 
 TEST_P(TvBox, FallsBackToPlainRunsOneAtATime) {

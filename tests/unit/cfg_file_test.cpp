@@ -101,10 +101,10 @@ TEST_F(CfgFileTest, WaitsForNothingThatIsNoFile) {
     EXPECT_NE(screen.take().find("Error opening cfg file"), std::string::npos);
     EXPECT_EQ(read(folder), "0");
     EXPECT_NE(screen.take().find("Error in line 0 of cfg file"), std::string::npos);
-    if (geteuid() == 0)
-        return; // who may read everything
     const auto secret = write("A=1");
     chmod(secret.c_str(), 0);
+    if (access(secret.c_str(), R_OK) == 0)
+        return; // root may read everything, and so may who has namespaces of its own
     EXPECT_EQ(read(secret), "-2306");
 }
 

@@ -10,6 +10,7 @@
 
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <set>
 #include <sstream>
 #include <thread>
@@ -34,6 +35,7 @@ protected:
         if (!hasPrivateTmp)
             GTEST_SKIP() << "no namespaces here";
         zantTrace.SetTraceWithColors(0);
+        umask(022); // folders that others may write to are refused
         fs::create_directory(folder);
     }
     void TearDown() override {
@@ -199,6 +201,116 @@ TEST_F(LogTest, LinesGoToTheFileInBothModes) {
     EXPECT_NE(text.find("Traces are NOT logged to this file"), std::string::npos);
 }
 
+// A log directory may carry commands, and this process may be root's.
+TEST_F(LogTest, TakesNothingThatOthersMayHavePlanted) {
+    constexpr uid_t somebody = 65534;
+    const fs::path logs = "/tmp/usb_logs";
+    const fs::path cfg = logs / "tracesx.cfg";
+    const fs::path drive = "/mnt/share/extUSB/sda1/zantalog";
+    ASSERT_TRUE(support::mountMemory("/mnt", "mode=755"));
+    const auto mode = [](const fs::path& path, unsigned bits) {
+        return [=] { fs::permissions(path, static_cast<fs::perms>(bits)); };
+    };
+    const auto owner = [](const fs::path& path) {
+        return [=] { EXPECT_EQ(lchown(path.c_str(), somebody, somebody), 0); };
+    };
+    const auto link = [](const fs::path& path) {
+        return [=] {
+            fs::rename(path, path.string() + ".real");
+            fs::create_symlink(path.string() + ".real", path);
+        };
+    };
+    const auto otherLink = [&](const fs::path& path) {
+        return [=] {
+            link(path)();
+            owner(path)();
+        };
+    };
+    struct Case {
+        std::function<void()> plant;
+        std::string folder; ///< that is used
+        bool isCfgRun;
+        std::string why;
+        bool needsRoot = false;
+    };
+    const Case cases[] = {
+        {[] {}, logs, true, ""},
+        {mode(logs, 0777), drive, true, "/tmp/usb_logs may be written by others: chmod go-w"},
+        {mode(logs, 0775), drive, true, "/tmp/usb_logs may be written by others"},
+        {mode(logs, 01777), drive, true, "/tmp/usb_logs may be written by others"},
+        {owner(logs), drive, true, "/tmp/usb_logs belongs to user 65534", true},
+        {link(logs), drive, true, "/tmp/usb_logs is a link where others may write"},
+        {otherLink(logs), drive, true, "/tmp/usb_logs belongs to user 65534", true},
+        {mode("/tmp", 0777), drive, true, "/tmp is not sticky"},
+        {mode(cfg, 0646), logs, false, "/tmp/usb_logs/tracesx.cfg may be written by others"},
+        {mode(cfg, 0664), logs, false, "/tmp/usb_logs/tracesx.cfg may be written by others"},
+        {owner(cfg), logs, false, "/tmp/usb_logs/tracesx.cfg belongs to user 65534", true},
+        {link(cfg), logs, false, "/tmp/usb_logs/tracesx.cfg is no file"},
+        {[&] { fs::remove_all(logs); }, drive, true, ""},
+        {[&] { fs::remove_all(logs), link("/mnt/share")(); }, drive, true, ""},
+        {[&] { fs::remove_all(logs), mode("/mnt/share", 0777)(); }, "", false,
+         "/mnt/share is not sticky"},
+        {[&] { fs::remove_all(logs), owner("/mnt/share/extUSB/sda1")(); }, "", false,
+         "/mnt/share/extUSB/sda1 belongs to user 65534", true},
+    };
+    for (const Case& each : cases) {
+        if (each.needsRoot && geteuid() != 0)
+            continue;
+        const auto number = std::to_string(&each - cases);
+        for (const fs::path& path : {logs, fs::path("/mnt/share")})
+            fs::remove_all(path), fs::remove_all(path.string() + ".real");
+        mode("/tmp", 01777)();
+        for (const fs::path& path : {logs, drive}) {
+            fs::create_directories(path);
+            std::ofstream(path / "tracesx.cfg") << "MSHELL = m_echo ran " << number << '\n';
+        }
+        each.plant();
+        EXPECT_EQ(zantTrace.CheckAndStartTracingToFile("x"), 0) << number;
+        std::string output = screen.take();
+        EXPECT_EQ(zantTrace.isTracingToFile(), !each.folder.empty()) << number;
+        EXPECT_EQ(fs::exists(each.folder + "/zanttrcx.log"), !each.folder.empty()) << number;
+        EXPECT_EQ(output.find("Processing cfgfile") != std::string::npos, each.isCfgRun) << number;
+        EXPECT_NE(output.find(each.why), std::string::npos) << number << output;
+        EXPECT_EQ(output.find(" not used: ") != std::string::npos, !each.why.empty()) << output;
+        // What was handed over is through before the next.
+        EXPECT_TRUE(!each.isCfgRun || waitUntil([&] {
+            return (output += screen.take()).find("ran " + number + "\n") != std::string::npos;
+        })) << number;
+        EXPECT_EQ(zantTrace.StopTracingToFile(), 0);
+    }
+    umount("/mnt");
+}
+
+// Nor does a log follow or fill what somebody else has put in its place.
+TEST_F(LogTest, WritesToNoFileOfOthers) {
+    std::ofstream("/tmp/precious") << "own";
+    const std::function<void()> plants[] = {
+        [&] { fs::create_symlink("/tmp/precious", log); },
+        [&] { fs::create_hard_link("/tmp/precious", log); },
+        [&] {
+            std::ofstream(log) << "";
+            EXPECT_TRUE(geteuid() != 0 || lchown(log.c_str(), 65534, 65534) == 0);
+        },
+    };
+    for (const auto& plant : plants) {
+        if (&plant == &plants[2] && geteuid() != 0)
+            continue;
+        fs::remove(log);
+        plant();
+        CRolLog rolLog("/tmp/logs/", "t", 40, ".log", "bak");
+        EXPECT_EQ(rolLog.WriteStringToLogfile("x\n"), CRolLog::openFailed);
+        EXPECT_EQ(contentOf("/tmp/precious"), "own");
+    }
+    fs::remove("/tmp/precious");
+    fs::remove(log);
+    const mode_t mask = umask(0);
+    CRolLog rolLog("/tmp/logs/", "t", 40, ".log", "bak");
+    EXPECT_EQ(rolLog.WriteStringToLogfile("x\n"), 0);
+    umask(mask);
+    EXPECT_EQ(fs::status(log).permissions(), static_cast<fs::perms>(0644));
+}
+
+// Stops the configuration thread: the last that has files run.
 TEST_F(LogTest, FindsItsDirectoryAndRunsTheFileThere) {
     EXPECT_EQ(zantTrace.CheckAndStartTracingToFile("x"), 0);
     EXPECT_FALSE(zantTrace.isTracingToFile());

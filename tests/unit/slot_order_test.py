@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
-"""The virtual tables of the built libraries: host and backend meet in them alone.
+"""Where host and backend meet: the virtual tables of the built libraries, and the names they export.
 
-Usage: slot_order_test.py LIBUVAGSTBACKEND LIBUVA
+Usage: slot_order_test.py LIBUVAGSTBACKEND LIBUVA UNIT_NAMING_PROGRAM...
 """
 
 import os
@@ -14,6 +14,21 @@ sys.path.insert(0, os.path.join(os.path.dirname(__file__), "..", "support"))
 import gtest_result  # noqa: E402
 
 BACKEND, UVA = sys.argv[1:3]
+UNIT_NAMING_PROGRAMS = sys.argv[3:]
+
+UNIT_NAMES = {"traceUnitsStringArray", "traceUnitsStringArraySizePtr"}
+BACKEND_EXPORTS = UNIT_NAMES | set("""
+UVA_RequestBackend
+UVA_ReleaseBackend
+BackendInit
+BackendTerm
+uvaGstIfReceiver
+CUvaGstIfReceiver::waitForDecoderAvailable(_GstElement*, char const*)
+gst_backend_debug
+gst_backendif_debug
+gst_mshell_debug
+gst_dbglayer_debug
+""".strip().splitlines())
 
 # What a slot is called, and whether the backend (own) or the host's library answers it.
 BACKEND_SLOTS = """
@@ -99,6 +114,12 @@ def simplify(name):
     return re.sub(r", std::allocator<[^<>]*> ?>", ">", name)
 
 
+def exports(file):
+    """What a file offers to others, demangled."""
+    return {line.split(maxsplit=2)[2].split("@")[0]
+            for line in run("nm", "--dynamic", "--defined-only", "--demangle", file).splitlines()}
+
+
 def virtual_table(library, symbol):
     """Names of the functions in a class's virtual table, in order."""
     names = {}
@@ -143,6 +164,13 @@ class SlotOrder(unittest.TestCase):
         self.assertEqual(len(actual), 3)
         # The class is abstract: its destructors have their slots, but nobody calls them there.
         self.assertEqual(actual, ["?", "?", "__cxa_pure_virtual"])
+
+    def test_exports_are_what_others_need_and_no_more(self):
+        families = re.compile(r"gst_uva_\w+|gst_buffer_\w+_content_protection_meta")
+        names = {name for name in exports(BACKEND) if not families.fullmatch(name)}
+        self.assertEqual(names, BACKEND_EXPORTS)
+        for program in UNIT_NAMING_PROGRAMS:
+            self.assertLessEqual(UNIT_NAMES, exports(program), program)
 
 
 sys.argv = sys.argv[:1]

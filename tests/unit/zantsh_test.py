@@ -81,7 +81,7 @@ class ZantshTest(unittest.TestCase):
                          (1, "one\nOK\n-- ERROR: Unknown mshell command: m_nosuch\nERR\n"))
 
     def test_follows_the_rolling_log(self):
-        pathlib.Path("/tmp/usb_logs").mkdir()
+        pathlib.Path("/tmp/usb_logs").mkdir(mode=0o755)
         self.start("/dev/null")
         self.assertEqual(zantsh("m_tracedirectprintmode", "0")[0], 0)
         self.assertEqual(zantsh("m_greet", "log")[1], "Hello log\nOK\n")

@@ -97,7 +97,7 @@ FilePlan makeFilePlan(const Options& options) {
 
     Words arguments = options.command;
     for (const auto& companion : options.companions)
-        arguments.insert(arguments.end(), companion.begin(), companion.end());
+        arguments.insert(arguments.end(), companion.words.begin(), companion.words.end());
     for (const auto& path : namedPaths(arguments, environment(), plan.cwd))
         plan.named.push_back(throughRealTmp(path, plan.tmp));
     for (const auto& pattern : options.keep) {

@@ -90,8 +90,10 @@ public:
         many("--etc", m_etc, "Place FILE as /etc/NAME (default: its own name)", "FILE[=NAME]");
         one("--log", m_options.log, "Append what syslog() sends to FILE", "FILE");
         many("--keep", m_options.keep, "Bring out what fits PATTERN, a path under /tmp", "PATTERN");
-        one("--main-system", m_mainSystem, "Start PROGRAM before COMMAND, end it after", "PROGRAM");
-        many("--with", m_with, "The same for a further program with arguments, one string",
+        one("--main-system", m_mainSystem,
+            "Start PROGRAM, wait until it serves its queue, run COMMAND, end it after", "PROGRAM");
+        many("--with", m_with,
+             "The same, without waiting, for a program with arguments, one string",
              "'PROGRAM ARGUMENTS'");
         one("--companion-log", m_options.companionLog,
             "Append the output of these programs to FILE (default: standard error)", "FILE");
@@ -133,9 +135,9 @@ private:
         for (const auto& value : m_etc)
             m_options.etcFiles.push_back(parseEtc(value));
         if (!m_mainSystem.empty())
-            m_options.companions.push_back(splitWords(m_mainSystem));
+            m_options.companions.push_back({splitWords(m_mainSystem), true});
         for (const auto& line : m_with)
-            m_options.companions.push_back(splitWords(line));
+            m_options.companions.push_back({splitWords(line)});
         if (!m_enter.empty()) {
             m_options.mode = Options::Mode::Enter;
             m_options.name = m_enter;

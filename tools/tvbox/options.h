@@ -15,6 +15,12 @@ struct EtcFile {
     std::string name;
 };
 
+/// A program that runs beside the command.
+struct Companion {
+    Words words;
+    bool isMainSystem = false; ///< says when it is ready, and the command waits for that
+};
+
 struct Options {
     enum class Mode { Run, List, Enter };
 
@@ -22,11 +28,11 @@ struct Options {
     std::string name; ///< of the box to make or to enter; empty: the process id
     Words command;
     std::vector<EtcFile> etcFiles;
-    std::string log;               ///< file for what syslog() sends; empty: not kept
-    Words keep;                    ///< patterns of files under /tmp that are brought out
-    std::vector<Words> companions; ///< in the order in which they start
-    std::string companionLog;      ///< empty: standard error
-    bool require = false;          ///< no box is an error
+    std::string log;                   ///< file for what syslog() sends; empty: not kept
+    Words keep;                        ///< patterns of files under /tmp that are brought out
+    std::vector<Companion> companions; ///< in the order in which they start
+    std::string companionLog;          ///< empty: standard error
+    bool require = false;              ///< no box is an error
 };
 
 /// Options, or a text to print and the code to exit with.

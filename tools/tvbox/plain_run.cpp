@@ -6,13 +6,13 @@
 #include <fcntl.h>
 #include <fstream>
 #include <sys/file.h>
-#include <sys/stat.h>
 
 namespace tvbox {
 
 namespace {
 
-constexpr const char* lockPath = "/tmp/tvbox.lock";
+/// All users share the names that a plain run uses, and can lock this; a lock leaves nothing there.
+constexpr const char* lockPath = "/tmp";
 constexpr int neededMessages = 50;
 
 /// A kernel setting that forbids boxes when it has this value.
@@ -37,21 +37,10 @@ int settingOf(const char* path) {
     return value;
 }
 
-/// All users share the lock, as they share the names it guards.
-UniqueFd openLock() {
-    UniqueFd file(open(lockPath, O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
-    if (file || errno != ENOENT)
-        return file;
-    file.reset(open(lockPath, O_RDONLY | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0644));
-    if (file)
-        fchmod(file.get(), 0644); // whatever the umask
-    return file;
-}
-
 UniqueFd waitForTurn(const BlockedSignals& signals) {
-    auto file = openLock();
+    UniqueFd file(open(lockPath, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (!file)
-        throw Failure(withErrno(std::string("cannot open the lock ") + lockPath));
+        throw Failure(withErrno(std::string("cannot open the folder to lock, ") + lockPath));
     if (flock(file.get(), LOCK_EX | LOCK_NB) == 0)
         return file;
     notice("waits for another plain run to end");

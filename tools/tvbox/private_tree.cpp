@@ -16,7 +16,7 @@ namespace {
 namespace fs = std::filesystem;
 
 /// What the system inside puts directly into /tmp under a fixed name, and what the box itself does.
-constexpr const char* ownNames[] = {"zant_dbg_*", "GST_DEBUG", ".tvbox*"};
+constexpr const char* ownNames[] = {"zant_dbg_*", "GST_DEBUG", "usb_logs", ".tvbox*"};
 
 bool isOwn(const std::string& entry) {
     for (const char* pattern : ownNames) {

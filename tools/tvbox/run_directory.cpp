@@ -10,24 +10,46 @@
 #include <sstream>
 #include <sys/file.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 namespace tvbox {
 
 namespace {
 
-/// Holds the folder's lock: claiming and sweeping do not meet.
+/// Makes the folder if it is not there.
+UniqueFd openDirectory(const std::string& path) {
+    if (mkdir(path.c_str(), 0700) != 0 && errno != EEXIST)
+        throw Failure(withErrno("cannot make the folder " + path));
+    UniqueFd directory(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    if (!directory && errno == ENOENT)
+        return openDirectory(path); // gone again with the last box
+    struct stat info = {};
+    if (!directory || fstat(directory.get(), &info) != 0 || info.st_uid != geteuid() ||
+        (info.st_mode & 0077) != 0)
+        throw Failure("the folder " + path +
+                      " is not this user's alone (mode 0700); remove it or set XDG_RUNTIME_DIR");
+    return directory;
+}
+
+/// Holds the lock of the folder that is there now: claiming, sweeping and removing do not meet. The
+/// folder goes with its last record, at the end of whoever holds the lock then.
 class DirectoryLock {
 public:
-    explicit DirectoryLock(int directory) : m_directory(directory) {
-        while (flock(m_directory, LOCK_EX) != 0 && errno == EINTR)
-            continue;
+    explicit DirectoryLock(const std::string& path) : m_path(path) {
+        struct stat info = {};
+        do {
+            m_directory = openDirectory(m_path);
+            while (flock(m_directory.get(), LOCK_EX) != 0 && errno == EINTR)
+                continue;
+        } while (fstat(m_directory.get(), &info) == 0 && info.st_nlink == 0);
     }
-    ~DirectoryLock() { flock(m_directory, LOCK_UN); }
+    ~DirectoryLock() { rmdir(m_path.c_str()); } // refused while there are records
     DirectoryLock(const DirectoryLock&) = delete;
     DirectoryLock& operator=(const DirectoryLock&) = delete;
 
 private:
-    int m_directory;
+    const std::string m_path;
+    UniqueFd m_directory;
 };
 
 bool ownsFolder(const std::string& path) {
@@ -81,8 +103,14 @@ BoxRecord::BoxRecord(std::string path, UniqueFd file)
     : m_path(std::move(path)), m_file(std::move(file)) {}
 
 BoxRecord::~BoxRecord() {
-    if (m_file)
+    if (!m_file)
+        return;
+    try {
+        const DirectoryLock lock(std::filesystem::path(m_path).parent_path());
         unlink(m_path.c_str());
+    } catch (const Failure& failure) {
+        notice(failure.what());
+    }
 }
 
 void BoxRecord::publish(const BoxInfo& box) {
@@ -98,21 +126,12 @@ void BoxRecord::abandon() {
     m_file.reset();
 }
 
-RunDirectory::RunDirectory() : m_path(runPath()) {
-    if (mkdir(m_path.c_str(), 0700) != 0 && errno != EEXIST)
-        throw Failure(withErrno("cannot make the folder " + m_path));
-    m_directory.reset(open(m_path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-    struct stat info = {};
-    if (!m_directory || fstat(m_directory.get(), &info) != 0 || info.st_uid != geteuid() ||
-        (info.st_mode & 0077) != 0)
-        throw Failure("the folder " + m_path +
-                      " is not this user's alone (mode 0700); remove it or set XDG_RUNTIME_DIR");
-}
+RunDirectory::RunDirectory() : m_path(runPath()) {}
 
 BoxRecord RunDirectory::claim(const std::string& name) {
     checkName(name);
     list(); // what killed boxes left goes now
-    const DirectoryLock lock(m_directory.get());
+    const DirectoryLock lock(m_path);
     const auto path = fileOf(name);
     UniqueFd file(open(path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600));
     if (!file)
@@ -128,7 +147,7 @@ BoxRecord RunDirectory::claim(const std::string& name) {
 }
 
 std::vector<BoxInfo> RunDirectory::list() {
-    const DirectoryLock lock(m_directory.get());
+    const DirectoryLock lock(m_path);
     std::vector<BoxInfo> boxes;
     std::error_code error;
     for (const auto& entry : std::filesystem::directory_iterator(m_path, error)) {

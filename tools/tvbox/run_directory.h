@@ -36,8 +36,8 @@ private:
     UniqueFd m_file;
 };
 
-/// The boxes of this user: $XDG_RUNTIME_DIR/tvbox, else /tmp/tvbox-<uid>, for that user alone.
-/// Throws Failure if somebody else owns the folder.
+/// The boxes of this user: $XDG_RUNTIME_DIR/tvbox, else /tmp/tvbox-<uid>, for that user alone. The
+/// folder is there while there are boxes. All throw Failure if somebody else owns it.
 class RunDirectory {
 public:
     RunDirectory();
@@ -50,8 +50,7 @@ public:
 private:
     std::string fileOf(const std::string& name) const { return m_path + "/" + name; }
 
-    std::string m_path;
-    UniqueFd m_directory;
+    const std::string m_path;
 };
 
 } // namespace tvbox

@@ -1,6 +1,7 @@
 #include "supervisor.h"
 
 #include "failure.h"
+#include "readiness_socket.h"
 
 #include <chrono>
 #include <cstdio>
@@ -20,6 +21,7 @@ using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 
 constexpr milliseconds companionsEnd{5000};
+constexpr milliseconds mainSystemStarts{20000};
 
 /// The parent of a process, from /proc; 0 if it is gone.
 pid_t parentOf(pid_t pid) {
@@ -74,8 +76,11 @@ Supervisor::Supervisor(const Job& job, const BlockedSignals& signals, Leftovers 
 int Supervisor::run() {
     try {
         startCompanions();
-        m_command = spawn(m_job.command, false);
+        if (!m_exitCode)
+            m_command = spawn(m_job.command, Role::Command);
     } catch (...) {
+        m_exitCode = ExitFailure;
+        endCompanions();
         killRest();
         throw;
     }
@@ -89,15 +94,42 @@ int Supervisor::run() {
 }
 
 void Supervisor::startCompanions() {
-    for (const auto& words : m_job.companions) {
-        const pid_t pid = spawn(words, true);
-        m_companions[pid] = words.front();
+    for (const auto& companion : m_job.companions) {
+        if (m_exitCode)
+            return;
+        if (companion.isMainSystem)
+            startMainSystem(companion.words);
+        else
+            m_companions[spawn(companion.words, Role::Companion)] = companion.words.front();
+    }
+}
+
+/// The command's first request must not find nobody there.
+void Supervisor::startMainSystem(const Words& words) {
+    ReadinessSocket socket;
+    const auto what = "main system '" + words.front() + "' ";
+    const pid_t pid = spawn(words, Role::Companion, socket.address());
+    m_companions[pid] = words.front();
+    const auto deadline = steady_clock::now() + mainSystemStarts;
+    while (!socket.isReady() && !m_exitCode) {
+        if (m_companions.count(pid) == 0)
+            throw Failure(what +
+                          "ended before it served its queue, see what it printed; the command "
+                          "was not started");
+        const auto left = std::chrono::ceil<milliseconds>(deadline - steady_clock::now());
+        if (left.count() <= 0)
+            throw Failure(
+                what + "did not say within " +
+                std::to_string(mainSystemStarts / std::chrono::seconds(1)) +
+                " s that it serves its queue (READY=1 to $NOTIFY_SOCKET); start a program "
+                "that never says so with --with");
+        handleNext(static_cast<int>(left.count()), socket.fd());
     }
 }
 
 /// Returns the process. If the program cannot be started: for the command its exit code is set and
 /// 0 returned, a companion throws.
-pid_t Supervisor::spawn(const Words& words, bool companion) {
+pid_t Supervisor::spawn(const Words& words, Role role, const std::string& notifySocket) {
     int ends[2];
     if (pipe2(ends, O_CLOEXEC) != 0)
         throw Failure(withErrno("cannot make a pipe"));
@@ -107,7 +139,7 @@ pid_t Supervisor::spawn(const Words& words, bool companion) {
     if (pid < 0)
         throw Failure(withErrno("cannot start '" + words.front() + "'"));
     if (pid == 0)
-        becomeProgram(words, companion, out.get());
+        becomeProgram(words, role, notifySocket, out.get());
     out.reset();
     int error = 0;
     ssize_t size = 0;
@@ -117,17 +149,20 @@ pid_t Supervisor::spawn(const Words& words, bool companion) {
         return pid;
     waitpid(pid, nullptr, 0);
     const auto text = withErrno("cannot run '" + words.front() + "'", error);
-    if (companion)
+    if (role == Role::Companion)
         throw Failure(text);
     notice(text);
     m_exitCode = exitCodeOfExec(error);
     return 0;
 }
 
-void Supervisor::becomeProgram(const Words& words, bool companion, int report) const {
-    if (companion || m_job.ownGroup)
+void Supervisor::becomeProgram(const Words& words, Role role, const std::string& notifySocket,
+                               int report) const {
+    if (role == Role::Companion || m_job.ownGroup)
         setpgid(0, 0);
-    if (companion) {
+    if (!notifySocket.empty())
+        setenv("NOTIFY_SOCKET", notifySocket.c_str(), 1);
+    if (role == Role::Companion) {
         const int nothing = open("/dev/null", O_RDONLY);
         dup2(nothing, STDIN_FILENO);
         dup2(m_job.companionOutput, STDOUT_FILENO);
@@ -146,16 +181,15 @@ void Supervisor::becomeProgram(const Words& words, bool companion, int report) c
     _exit(ExitNotFound);
 }
 
-bool Supervisor::handleNext(int milliseconds) {
-    struct pollfd waits[] = {{m_signalFd.get(), POLLIN, 0}, {m_log ? m_log->fd() : -1, POLLIN, 0}};
-    const int ready = poll(waits, 2, milliseconds);
-    if (ready < 0 && errno != EINTR)
+void Supervisor::handleNext(int milliseconds, int further) {
+    struct pollfd waits[] = {
+        {m_signalFd.get(), POLLIN, 0}, {m_log ? m_log->fd() : -1, POLLIN, 0}, {further, POLLIN, 0}};
+    if (poll(waits, std::size(waits), milliseconds) < 0 && errno != EINTR)
         throw Failure(withErrno("cannot wait for the command"));
     if (waits[1].revents != 0)
         m_log->drain();
     if (waits[0].revents != 0)
         handleSignal();
-    return ready != 0;
 }
 
 void Supervisor::handleSignal() {
@@ -165,6 +199,12 @@ void Supervisor::handleSignal() {
     const auto signal = static_cast<int>(info.ssi_signo);
     if (signal == SIGCHLD)
         return reap();
+    // There is no command yet that would get it: it ends the start, also from the terminal.
+    if (m_command == 0 && !m_exitCode) {
+        if (signal != SIGWINCH)
+            m_exitCode = ExitSignal + signal;
+        return;
+    }
     const auto sender = static_cast<pid_t>(info.ssi_pid);
     if (!sentByProcess(info.ssi_code) || (m_sender && sender != *m_sender))
         return;

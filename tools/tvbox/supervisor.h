@@ -17,7 +17,7 @@ namespace tvbox {
 /// What is to run.
 struct Job {
     Words command;
-    std::vector<Words> companions;
+    std::vector<Companion> companions;
     int companionOutput = STDERR_FILENO;
     /// With a terminal the command stays in the caller's process group, so that Ctrl-C, Ctrl-Z and
     /// pipelines work as without tvbox. Without one it gets its own, so that a signal to the
@@ -42,15 +42,19 @@ public:
 
     /// Signals of this process alone are passed on, besides those of a process outside (0).
     void obeyOnly(pid_t sender) { m_sender = sender; }
-    /// Runs all to its end. Returns the exit code. Throws Failure if a companion does not start.
+    /// Runs all to its end. Returns the exit code. Throws Failure if a companion does not start, or
+    /// the main system dies or does not get ready before the command.
     int run();
 
 private:
-    pid_t spawn(const Words& words, bool companion);
-    [[noreturn]] void becomeProgram(const Words& words, bool companion, int report) const;
+    enum class Role { Command, Companion };
+    pid_t spawn(const Words& words, Role role, const std::string& notifySocket = {});
+    [[noreturn]] void becomeProgram(const Words& words, Role role, const std::string& notifySocket,
+                                    int report) const;
     void startCompanions();
-    /// Takes what comes until then; false if nothing came in time. -1 waits for ever.
-    bool handleNext(int milliseconds);
+    void startMainSystem(const Words& words);
+    /// Takes what comes until then, or until a further descriptor can be read. -1 waits for ever.
+    void handleNext(int milliseconds, int further = -1);
     void handleSignal();
     void reap();
     void endCompanions();
@@ -63,7 +67,7 @@ private:
     UniqueFd m_signalFd;
     std::optional<pid_t> m_sender;
     pid_t m_command = 0;
-    std::optional<int> m_exitCode;             ///< of the command
+    std::optional<int> m_exitCode;             ///< of the command, or of a start that was ended
     std::map<pid_t, std::string> m_companions; ///< those that run
     bool m_impatient = false;                  ///< asked again to end while companions end
 };

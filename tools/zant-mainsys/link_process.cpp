@@ -1,6 +1,7 @@
 #include "link_process.h"
 
 #include "link_worker.h"
+#include "service_claim.h"
 
 #include <cerrno>
 #include <csignal>
@@ -15,7 +16,7 @@ namespace mainsys {
 
 namespace {
 
-constexpr int longestStart = 20000; // milliseconds
+constexpr int longestStart = 10000; // milliseconds
 
 [[noreturn]] void beTheLink(int socket) {
     prctl(PR_SET_PDEATHSIG, SIGKILL);
@@ -31,11 +32,17 @@ constexpr int longestStart = 20000; // milliseconds
 
 } // namespace
 
-std::string LinkProcess::start() {
+LinkProcess::Start LinkProcess::start(std::string& whyNot) {
     stop();
+    const ServiceClaim claim; // the forked process keeps it
+    whyNot = claim.whyNot();
+    if (!whyNot.empty())
+        return claim.isTaken() ? Start::Served : Start::Failed;
     int ends[2] = {-1, -1};
-    if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends) != 0)
-        return std::string("cannot make a socket: ") + strerrordesc_np(errno);
+    if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends) != 0) {
+        whyNot = std::string("cannot make a socket: ") + strerrordesc_np(errno);
+        return Start::Failed;
+    }
     m_pid = fork();
     if (m_pid == 0) {
         close(ends[0]);
@@ -48,10 +55,12 @@ std::string LinkProcess::start() {
     const bool answered = m_pid > 0 && poll(&answer, 1, longestStart) == 1 &&
                           takePassed(m_socket, passed) && passed.kind == Passing::Ready;
     if (answered)
-        return {};
+        return Start::Up;
     stop();
-    return "the queues of the link cannot be opened: see the lines above; another main system may "
-           "run here, or the limits of queues are too low (run in tvbox)";
+    whyNot =
+        "the queues of the link cannot be opened: see the lines above; the limits of queues may "
+        "be too low (run in tvbox)";
+    return Start::Failed;
 }
 
 void LinkProcess::stop() {

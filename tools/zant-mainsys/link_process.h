@@ -18,8 +18,10 @@ public:
     LinkProcess(const LinkProcess&) = delete;
     LinkProcess& operator=(const LinkProcess&) = delete;
 
-    /// Starts it and waits until its queues are open. Why not, or an empty text.
-    std::string start();
+    enum class Start { Up, Served, Failed };
+    /// Starts it and waits until its queues are open. Otherwise `whyNot` says why: another main
+    /// system serves the queue, or the link could not be opened.
+    Start start(std::string& whyNot);
     /// Ends it in order.
     void stop();
     /// Kills it where it stands.

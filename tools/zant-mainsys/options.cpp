@@ -10,7 +10,6 @@ namespace mainsys {
 
 namespace {
 
-constexpr int usageError = 2;
 constexpr int mostDecoders = 16;
 
 constexpr const char* purpose =
@@ -43,11 +42,13 @@ Examples:
 
 Environment:
   TRID_CPUCOMM_ARENA, TRID_CPUCOMM_SIZE   name and size of the shared memory
+  NOTIFY_SOCKET   gets "READY=1" once the queue is served (at once with --down)
 
 Exit codes:
   0    the scenario held; without one: ended by 'quit', SIGTERM or Ctrl-C
   1    an expectation failed, or the link or an output file could not be opened
   2    the command line or a line of the scenario is wrong
+  3    another main system serves the queue; the line on standard error says which
 )";
 
 void declare(CLI::App& app, Options& options) {
@@ -82,7 +83,7 @@ ParsedOptions parseOptions(int argc, const char* const* argv) {
         std::ostringstream err;
         if (app.exit(error, out, err) == 0)
             return {std::nullopt, 0, out.str()};
-        return {std::nullopt, usageError,
+        return {std::nullopt, ExitUsage,
                 "zant-mainsys: " + std::string(error.what()) +
                     "\nRun 'zant-mainsys --help' for help.\n"};
     }

@@ -6,6 +6,9 @@
 
 namespace mainsys {
 
+/// Exit codes of the program; 0 when all went well.
+enum ExitCode { ExitFailed = 1, ExitUsage = 2, ExitServed = 3 };
+
 /// What the command line asks for.
 struct Options {
     std::string scenario; ///< a file; empty: commands come from standard input

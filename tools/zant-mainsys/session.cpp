@@ -2,6 +2,7 @@
 
 #include "describe.h"
 #include "output_file.h"
+#include "readiness.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -47,12 +48,14 @@ int Session::run() {
         m_options.timeline.empty() ? "" : uvahost::whyNotWritable(m_options.timeline);
     if (!why.empty()) {
         fprintf(stderr, "zant-mainsys: %s\n", why.c_str());
-        return 1;
+        return ExitFailed;
     }
     if (!readScenario())
-        return 2;
+        return ExitUsage;
     if (!m_options.down)
         bringUp();
+    if (!m_ended)
+        sayReady();
     while (!m_ended) {
         giveDueAnswers();
         obeyLines();
@@ -60,8 +63,9 @@ int Session::run() {
             waitForSomething();
     }
     m_link.stop();
-    const bool written = writeTimeline();
-    return m_failed || !written ? 1 : 0;
+    if (!writeTimeline() && m_exitCode == 0)
+        m_exitCode = ExitFailed;
+    return m_exitCode;
 }
 
 /// Every line is looked at before the first is obeyed.
@@ -84,15 +88,23 @@ bool Session::readScenario() {
 
 void Session::bringUp() {
     fflush(stdout); // what is not written yet would be written by the link's process once more
-    const std::string failure = m_link.start();
+    std::string failure;
+    const auto start = m_link.start(failure);
     const auto now = Clock::now();
-    if (failure.empty()) {
+    if (start == LinkProcess::Start::Up) {
         log(now, "main system is up");
         return;
     }
     fprintf(stderr, "zant-mainsys: %s\n", failure.c_str());
-    m_failed = true;
+    m_exitCode = start == LinkProcess::Start::Served ? ExitServed : ExitFailed;
     m_ended = true;
+}
+
+/// Up, or down as it was asked for: who started the program may go on.
+void Session::sayReady() {
+    const std::string failure = tellReady();
+    if (!failure.empty())
+        fprintf(stderr, "zant-mainsys: %s\n", failure.c_str());
 }
 
 void Session::obeyLines() {
@@ -232,7 +244,7 @@ void Session::failed(const Line& line, const std::string& why) {
     const std::string where = m_options.scenario.empty() ? "standard input" : m_options.scenario;
     fprintf(stderr, "%s:%d: '%s': %s; since the last expectation:%s\n", where.c_str(), line.number,
             line.text.c_str(), why.c_str(), came.empty() ? " nothing" : came.c_str());
-    m_failed = true;
+    m_exitCode = ExitFailed;
     if (!m_options.scenario.empty())
         m_ended = true;
 }
@@ -251,7 +263,7 @@ void Session::waitForSomething() {
         m_ended = true;
         if (!m_options.scenario.empty()) {
             fprintf(stderr, "zant-mainsys: ended by a signal before the end of the scenario\n");
-            m_failed = true;
+            m_exitCode = ExitFailed;
         }
     }
 }

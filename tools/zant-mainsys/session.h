@@ -42,6 +42,7 @@ private:
 
     bool readScenario();
     void bringUp();
+    static void sayReady();
     void obeyLines();
     void obey(const Command& command, const Line& line);
     void setMode(Arbiter::Mode mode);
@@ -81,7 +82,7 @@ private:
     int m_cookie = 0;
     int m_inputLine = 0;
     bool m_ended = false;
-    bool m_failed = false;
+    int m_exitCode = 0;
 };
 
 } // namespace mainsys

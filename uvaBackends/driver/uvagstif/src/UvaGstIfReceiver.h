@@ -71,8 +71,10 @@ public:
 
     /// Waits until no decoder is in use, whoever uses it; after about a second what is left is
     /// given back all the same. For the owner of a pipeline that is about to go; `from` is for the
-    /// log.
-    void waitForDecoderAvailable(GstElement* pipeline, const char* from) EXCLUDES(stateMutex);
+    /// log. Exported, as the object is.
+    __attribute__((visibility("default"))) void waitForDecoderAvailable(GstElement* pipeline,
+                                                                        const char* from)
+        EXCLUDES(stateMutex);
 
     /// How things stand.
     struct State {
@@ -128,6 +130,6 @@ private:
 };
 
 /// The one of the process. Never destroyed.
-extern CUvaGstIfReceiver& uvaGstIfReceiver;
+extern __attribute__((visibility("default"))) CUvaGstIfReceiver uvaGstIfReceiver;
 
 #endif

@@ -10,13 +10,14 @@ namespace {
 
 NeverDestroyed<CUvaGstIfLowerLayer> lowerLayerStorage;
 NeverDestroyed<CUvaGstMsgDestLowerLayer> destinationStorage;
-NeverDestroyed<CUvaGstIfReceiver> receiverStorage;
+NeverDestroyed<CUvaGstIfReceiver> receiverStorage __asm__("uvaGstIfReceiverStorage");
 
 } // namespace
 
 CUvaGstIfLowerLayer& uvaGstIfLowerLayer = lowerLayerStorage.object;
 CUvaGstMsgDestLowerLayer& uvaGstIfMsgDestLowerLayer = destinationStorage.object;
-CUvaGstIfReceiver& uvaGstIfReceiver = receiverStorage.object;
+// Exported: under this name others find the object itself, not a reference to it.
+extern CUvaGstIfReceiver uvaGstIfReceiver __attribute__((alias("uvaGstIfReceiverStorage")));
 
 namespace {
 
