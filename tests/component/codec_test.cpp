@@ -564,4 +564,24 @@ TEST_F(CodecTest, ListedTypesAreThoseThatTheBackendAnswersFor) {
     EXPECT_EQ(listed, (std::vector<std::string>{"application/ogg", "audio/ogg", "video/ogg"}));
 }
 
+TEST_F(CodecTest, AVp9StreamBeginsWithAKeyFrame) {
+    const struct {
+        std::vector<guint8> frame;
+        bool begins;
+    } rows[] = {
+        {{0x82, 0x49, 0x83, 0x42, 0x00}, true},
+        {{0xB0, 0x24, 0xC1, 0xA1, 0x00}, true},          // profile 3
+        {{0x82, 0x49, 0x83, 0x42, 0xC0, 1, 0xC0}, true}, // ends with an index
+        {{0x82, 0x49, 0x83, 0x42, 0x00, 1, 0xC0}, false},
+        {{0x82, 0x49, 0x83, 0x42, 0xDF}, false},
+        {{0x86, 0x00, 0x40, 0x92, 0x9C}, false}, // refers to others
+        {{0xD8, 0x13, 0xD9, 0x18, 0x5A}, false}, // encrypted
+        {{0x82, 0x49, 0x83, 0x42}, false},
+        {{}, false},
+    };
+    for (const auto& row : rows)
+        EXPECT_EQ(vp9_begins_stream(row.frame.data(), row.frame.size()), row.begins)
+            << testing::PrintToString(row.frame);
+}
+
 } // namespace

@@ -625,7 +625,7 @@ TEST_F(ProtectedSourceTest, RangesAreDecryptedOrTheSampleStaysEncrypted) {
     backend->setKeySystem(config);
     write(videoId, {encrypted(1, {{10, 40}, {50, 0}}), encrypted(1, {{0, 100}}),
                     encrypted(2, {{0, 100}}), encrypted(0, {{0, 100}}),
-                    encrypted(1, {{0, 101}}), encrypted(1, {{60, 10}, {0xFFFFFFFF, 100}}),
+                    encrypted(1, {{0, 101}}), encrypted(1, {{60, 10}, {0xFFFFFFE0, 20}}),
                     encrypted(1, {{16, 0}})});
     const auto first = received(1);
     EXPECT_EQ(first.at(9), 0x55);

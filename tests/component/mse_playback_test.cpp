@@ -255,6 +255,17 @@ TEST(MsePlayback, ShowsGeneratedClipsClearAndProtected) {
     }
 }
 
+TEST(MsePlayback, ShowsTheSameWhileEverythingIsLogged) {
+    const auto expected = decodeClip("h264-aac.mp4");
+    for (const auto scheme : {Scheme::None, Scheme::Cenc}) {
+        Player player(generated("h264-aac.mp4"), keysWith(ClearKey::Interface::PerRange, ownPair),
+                      scheme);
+        gst_debug_set_threshold_from_string("*:5", TRUE);
+        expectPlayed(player, expected);
+        gst_debug_set_threshold_from_string("*:1", TRUE);
+    }
+}
+
 TEST(MsePlayback, ShowsEveryFrameOfRealFiles) {
     if (!std::filesystem::exists(corpus("mse")))
         GTEST_SKIP() << "there is no corpus";

@@ -8,8 +8,10 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
 #include <functional>
+#include <stdexcept>
 
 namespace {
 
@@ -33,16 +35,19 @@ public:
                         std::uint64_t value) override {
         journal.push_back("create " + std::string(keyId, keyId + size) + " " +
                           std::to_string(value));
-        if (refuses)
-            return 0;
+        mayThrow();
+        if (refuses || makesNone)
+            return refuses ? 0 : 1;
         decrypter = new Piecewise(*this);
         return 1;
     }
     void releaseDecrypter(UVADRMDecrypter* decrypter) override {
         journal.emplace_back("release");
         delete decrypter;
+        mayThrow();
     }
     void* getInterface(const char* name) override {
+        mayThrow();
         if (hasKeySlots && std::strcmp(name, UVADRMKeySlotGetter::interfaceName) == 0)
             return static_cast<UVADRMKeySlotGetter*>(this);
         if (hasFullSample && std::strcmp(name, UVADRMFullSampleDecrypter::interfaceName) == 0)
@@ -50,6 +55,7 @@ public:
         return nullptr;
     }
     int getKeySlot(UVADRMDecrypter*, std::uint32_t& slot) override {
+        mayThrow();
         slot = 42;
         return fails ? 0 : 1;
     }
@@ -59,13 +65,22 @@ public:
         for (const auto& range : sample.subsamples)
             line += " " + std::to_string(range.offset) + "+" + std::to_string(range.length);
         journal.push_back(line);
+        mayThrow();
         return fails ? 1 : 0;
     }
 
-    bool refuses = false, fails = false, hasKeySlots = false, hasFullSample = false;
+    bool refuses = false, makesNone = false, fails = false, hasKeySlots = false,
+         hasFullSample = false;
+    enum { Never, AnException, Anything } throws = Never;
     Lines journal;
 
 private:
+    void mayThrow() const {
+        if (throws == AnException)
+            throw std::runtime_error("of the host");
+        if (throws == Anything)
+            throw 42;
+    }
     class Piecewise final : public UVADRMDecrypter {
     public:
         explicit Piecewise(JournalDrm& drm) : m_drm(drm) {}
@@ -75,6 +90,7 @@ private:
                 (input.iv != nullptr ? " iv " + std::to_string(input.ivSize) : "") +
                 (input.first ? " first" : "") + (input.last ? " last" : "") +
                 (input.flag ? " flag" : ""));
+            m_drm.mayThrow();
             for (std::size_t i = 0; i < output.size; ++i)
                 output.data[i] = static_cast<guint8>(~input.data[i]);
             return m_drm.fails ? 1 : 0;
@@ -183,6 +199,46 @@ TEST_F(ProtectionTest, OtherTransformsDropTheMeta) {
     EXPECT_TRUE(log.has("WARN Unsupported GstUvaContentProtectionMeta transform: scale"));
 }
 
+TEST_F(ProtectionTest, AMergedBufferKeepsTheFirstMeta) {
+    LogCapture log(category);
+    const auto merged = encrypted("first", {{1, 2}});
+    for (const auto* key : {"second", "third"})
+        gst_buffer_copy_into(merged.get(), encrypted(key, {{3, 4}}).get(), GST_BUFFER_COPY_ALL, 0,
+                             static_cast<gsize>(-1));
+    EXPECT_EQ(gst_buffer_get_size(merged.get()), 300U);
+    EXPECT_EQ(std::string(metaOf(merged)->key_id, metaOf(merged)->key_id + 5), "first");
+    EXPECT_EQ(log.lines(),
+              Lines(2, "DEBUG Merged buffers: the first GstUvaContentProtectionMeta stays"));
+}
+
+TEST_F(ProtectionTest, WhatTheHostThrowsIsAFailure) {
+    drm.hasKeySlots = true;
+    for (const bool whole : {false, true}) {
+        for (const auto throws : {JournalDrm::AnException, JournalDrm::Anything}) {
+            SCOPED_TRACE(throws);
+            LogCapture log(category);
+            Bytes sample(100, 0x55);
+            drm.hasFullSample = whole;
+            drm.throws = throws;
+            EXPECT_FALSE(decrypt({{0, 10}}, sample)) << "no decrypter";
+            drm.throws = JournalDrm::Never;
+            EXPECT_TRUE(decrypt({{0, 10}}, sample));
+            drm.throws = throws;
+            EXPECT_FALSE(decrypt({{0, 10}}, sample));
+            guint32 slot = 5;
+            EXPECT_FALSE(gst_uva_decrypter_context_get_key_slot(context, &slot));
+            gst_uva_decrypter_context_reset(context);
+            drm.throws = JournalDrm::Never;
+            auto lines = log.lines();
+            lines.erase(std::remove_if(lines.begin(), lines.end(),
+                                       [](auto& line) { return line.rfind("ERROR", 0) != 0; }),
+                        lines.end());
+            EXPECT_EQ(lines, (Lines{"ERROR Failed to decrypt content!",
+                                    "ERROR Failed to obtain key slot value"}));
+        }
+    }
+}
+
 TEST_F(ProtectionTest, OneDecrypterAKey) {
     const auto update = [this](const std::string& key) {
         return gst_uva_decrypter_context_update(context, metaOf(encrypted(key, {})), 7);
@@ -198,10 +254,14 @@ TEST_F(ProtectionTest, OneDecrypterAKey) {
     EXPECT_EQ(takeJournal(), (Lines{"release", "create b 7"}));
     EXPECT_FALSE(update("ab")) << "that decrypter is gone";
     EXPECT_EQ(takeJournal(), (Lines{"create ab 7"}));
+    drm.refuses = false;
+    drm.makesNone = true;
+    EXPECT_FALSE(update("ab"));
+    EXPECT_EQ(takeJournal(), (Lines{"create ab 7"}));
     EXPECT_FALSE(update("")) << "clear";
     EXPECT_EQ(takeJournal(), Lines{});
 
-    drm.refuses = false;
+    drm.makesNone = false;
     EXPECT_TRUE(update("c"));
     gst_uva_decrypter_context_reset(context);
     gst_uva_decrypter_context_reset(context);

@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""A player in a box, asked and told from outside through its debug shell.
+"""A player in a box, asked and told from outside through its debug shell, and what it logs.
 
 Usage: shell_test.py CLIP ZANTSH SYSLOG, where SYSLOG is what the box keeps of the system log
 """
@@ -16,10 +16,13 @@ import unittest
 sys.path.insert(0, os.path.join(os.path.dirname(__file__), "..", "support"))
 import own_mounts  # noqa: E402
 import gtest_result  # noqa: E402
-from host_run import TIMEOUT, UVA_HOST  # noqa: E402
+from host_run import TIMEOUT, UVA_HOST, Run  # noqa: E402
 from wait_until import wait_until  # noqa: E402
 
 CLIP, ZANTSH = sys.argv[1:3]
+SHORT_CLIP = pathlib.Path(CLIP).with_name("vp9-opus.webm")
+SHORT_CLIP_HAS = (25, 51)  # frames, and packets of sound
+KEY = "00112233445566778899aabbccddeeff:0123456789abcdef0123456789abcdef"
 SYSLOG = pathlib.Path(sys.argv[3])
 PLAY = [UVA_HOST, "--standalone", "--no-progress-timeout", "60"]
 OUTPUT = pathlib.Path("/tmp/player.out")
@@ -32,6 +35,31 @@ def zantsh(*words):
     done = subprocess.run([ZANTSH, "--timeout", "60", *words], capture_output=True, text=True,
                           stdin=subprocess.DEVNULL, timeout=TIMEOUT)
     return done.returncode, done.stdout
+
+
+def rendered(since):
+    """What GStreamer's log says was rendered, per sink: by their streaming threads."""
+    with SYSLOG.open(errors="replace") as log:
+        log.seek(since)
+        threads = re.findall(r"\[(\w+)\].*'silent': rendering object", log.read())
+    return sorted(threads.count(thread) for thread in set(threads))
+
+
+class DebugOutput(unittest.TestCase):
+    """Whatever GStreamer logs, and under whatever lock: it plays as without."""
+
+    def test_plays_to_its_end(self):
+        for levels, *options in [("*:5",), ("*:5", "--mse"), ("*:5", "--mse", "--key", KEY, "--protect", "cenc"),
+                                 ("*:4,basesink:5",), ("GST_PADS:5,basesink:5",), ("basesink:5",)]:
+            with self.subTest(levels=levels, options=options):
+                start = SYSLOG.stat().st_size
+                run = Run(SHORT_CLIP, "--standalone", "--no-progress-timeout", "60", *options,
+                          environment={"GST_DEBUG": levels, "GST_DEBUG_FILE": "/dev/null"})
+                self.assertEqual(run.code, 0, run.report())
+                counts = rendered(start)
+                self.assertEqual(len(counts), 2, counts)
+                for count, there_are in zip(counts, SHORT_CLIP_HAS):
+                    self.assertGreater(count, there_are / 2)  # what comes late on a busy machine is not rendered
 
 
 class Shell(unittest.TestCase):
@@ -73,6 +101,14 @@ class Shell(unittest.TestCase):
         self.assertTrue(wait_until(lambda: "<gst:uvabackend>" in SYSLOG.read_text()[start:]))
         self.assertEqual(zantsh("m_gst_debug_set_threshold")[0], 1)
         self.assertEqual(zantsh("m_gst_debug_set_threshold", "*:0")[0], 0)
+
+        # All of it, from now on, told in either way.
+        for tell in (lambda: zantsh("m_gst_debug_set_threshold", "*:5"),
+                     lambda: pathlib.Path("/tmp/GST_DEBUG").write_text("*:5\n")):
+            start = SYSLOG.stat().st_size
+            tell()
+            self.assertTrue(wait_until(lambda: len(rendered(start)) >= 2 and min(rendered(start)) > 10))
+            self.assertEqual(zantsh("m_gst_debug_set_threshold", "*:0")[0], 0)
 
         # Who comes second plays, but has no shell; the first keeps its own.
         start = SYSLOG.stat().st_size

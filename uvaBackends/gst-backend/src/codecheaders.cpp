@@ -153,3 +153,20 @@ gboolean gst_vorbis_set_extra_data(GstCaps* caps, const guint8* data, gsize size
     setStreamHeader(gst_caps_get_structure(caps, 0), headers);
     return TRUE;
 }
+
+bool vp9_begins_stream(const guint8* data, gsize size) {
+    constexpr gsize shortest = 5;
+    constexpr guint32 syncCode = 0x498342;
+    if (size < shortest || data[0] >> 6 != 2)
+        return false;
+    const bool longHeader = (data[0] & 0x30) == 0x30; // profile 3: a bit more
+    const guint32 sync = longHeader ? readNumber(data + 1, 4) >> 7 : readNumber(data + 1, 3);
+    if ((sync & 0xFFFFFF) != syncCode)
+        return false;
+    const guint8 marker = data[size - 1];
+    if ((marker & 0xE0) != 0xC0)
+        return true;
+    const gsize frames = (marker & 7) + 1U;
+    const gsize indexSize = 2 + frames * (((marker >> 3) & 3) + 1U);
+    return indexSize <= size && data[size - indexSize] == marker;
+}

@@ -28,4 +28,8 @@ GstCaps* gst_opus_create_caps_from_header(const guint8* data, gsize size);
 /// (Vorbis I, 4.2). FALSE, caps unchanged and an ERROR logged when there are fewer. Thread-safe.
 gboolean gst_vorbis_set_extra_data(GstCaps* caps, const guint8* data, gsize size);
 
+/// Whether a stream can begin with this VP9 frame or superframe: a key frame (VP9 bitstream, 6.2) and,
+/// where it ends like a superframe, an index in front of that end (annex B). Thread-safe.
+bool vp9_begins_stream(const guint8* data, gsize size);
+
 #endif

@@ -1,6 +1,7 @@
 #include "gstnox_msebin.h"
 
 #include "codeccaps.h"
+#include "codecheaders.h"
 #include "codecutil.h"
 #include "gstnox_plugin.h"
 #include "gstnox_waitbreaker.h"
@@ -59,20 +60,45 @@ void deleteSample(gpointer sample) {
     delete static_cast<UVASample*>(sample);
 }
 
-/// The encrypted runs of the sample as ranges.
+/// The encrypted runs of the sample as ranges. One that begins beyond 32 bits is outside any
+/// sample, and stays so.
 GArray* subsampleRanges(const std::vector<UVASample::Subsample>& subsamples) {
     constexpr guint room = 5;
     GArray* ranges = g_array_sized_new(FALSE, FALSE, sizeof(GstUvaSubsample), room);
-    guint32 offset = 0;
+    guint64 offset = 0;
     for (const auto& entry : subsamples) {
         offset += entry.clearBytes;
         if (entry.encryptedBytes == 0)
             continue;
-        const GstUvaSubsample range = {offset, entry.encryptedBytes};
+        const GstUvaSubsample range = {static_cast<guint32>(std::min<guint64>(offset, G_MAXUINT32)),
+                                       entry.encryptedBytes};
         g_array_append_val(ranges, range);
         offset += entry.encryptedBytes;
     }
     return ranges;
+}
+
+/// The VP9 parser fails for good when the first frame is not one that it can read, say because its
+/// key is missing: until it knows the stream, such frames are left out.
+GstPadProbeReturn waitForVp9KeyFrame(GstPad* /*pad*/, GstPadProbeInfo* info, gpointer parsed) {
+    if (gst_pad_has_current_caps(GST_PAD(parsed)))
+        return GST_PAD_PROBE_OK;
+    GstBuffer* buffer = GST_PAD_PROBE_INFO_BUFFER(info);
+    GstMapInfo map;
+    if (!gst_buffer_map(buffer, &map, GST_MAP_READ))
+        return GST_PAD_PROBE_OK;
+    const bool begins = vp9_begins_stream(map.data, map.size);
+    gst_buffer_unmap(buffer, &map);
+    if (begins)
+        return GST_PAD_PROBE_OK;
+    GST_DEBUG("no key frame yet");
+    return GST_PAD_PROBE_DROP;
+}
+
+void skipToVp9KeyFrame(GstElement* parser) {
+    const auto in = GstPtr<GstPad>::adopt(gst_element_get_static_pad(parser, "sink"));
+    const auto out = GstPtr<GstPad>::adopt(gst_element_get_static_pad(parser, "src"));
+    gst_pad_add_probe(in.get(), GST_PAD_PROBE_TYPE_BUFFER, waitForVp9KeyFrame, out.get(), nullptr);
 }
 
 } // namespace
@@ -185,6 +211,8 @@ GstPtr<GstElement> GstNoxBackend::GstMseBin::makeParser() {
     if (parser && g_object_class_find_property(G_OBJECT_GET_CLASS(parser.get()),
                                                "disable-passthrough") != nullptr)
         g_object_set(parser.get(), "disable-passthrough", TRUE, nullptr);
+    if (parser && gst_structure_has_name(gst_caps_get_structure(caps.get(), 0), "video/x-vp9"))
+        skipToVp9KeyFrame(parser.get());
     return parser;
 }
 

@@ -1,15 +1,16 @@
 #include "gstnox_syslog.h"
 
-#include "gst_ptr.h"
-
 #include <sys/time.h>
+#include <sys/uio.h>
 #include <syslog.h>
 
 #include <array>
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
 #include <pthread.h>
+#include <unistd.h>
 
 namespace {
 
@@ -32,6 +33,37 @@ std::array<char, 32> timeOfDay() {
     return text;
 }
 
+using Name = std::array<char, 256>; // a longer one is cut
+
+/// Copies a text that may be freed meanwhile: where the kernel finds nothing, there is no text.
+Name copyText(const char* text) {
+    Name copy{};
+    const iovec to{copy.data(), copy.size() - 1};
+    const iovec from{const_cast<char*>(text), copy.size() - 1};
+    const ssize_t size = process_vm_readv(getpid(), &to, 1, &from, 1, 0);
+    if (size >= 0)
+        copy[static_cast<std::size_t>(size)] = '\0';
+    else if (errno != EFAULT) // a kernel that does not copy: read as GStreamer's own log does
+        g_strlcpy(copy.data(), text, copy.size());
+    return copy;
+}
+
+/// GStreamer logs with the object's lock held, so the name is read without it: again, when the
+/// object was renamed meanwhile.
+Name nameOf(GObject* object) {
+    if (!GST_IS_OBJECT(object))
+        return copyText(G_OBJECT_TYPE_NAME(object));
+    Name name{};
+    const char* read = nullptr;
+    while (auto* now = __atomic_load_n(&GST_OBJECT_NAME(object), __ATOMIC_ACQUIRE)) {
+        if (now == read)
+            break;
+        read = now;
+        name = copyText(now);
+    }
+    return name;
+}
+
 } // namespace
 
 void gstLogToSyslog(GstDebugCategory* category, GstDebugLevel level, const gchar* file,
@@ -48,8 +80,6 @@ void gstLogToSyslog(GstDebugCategory* category, GstDebugLevel level, const gchar
                categoryName, thread, baseName, line, function, text);
         return;
     }
-    const GCharPtr name(GST_IS_OBJECT(object) ? gst_object_get_name(GST_OBJECT_CAST(object))
-                                              : g_strdup(G_OBJECT_TYPE_NAME(object)));
     syslog(syslogPriority(level), "%s: <gst:%s> [%08lx] %s(%d):%s() '%s': %s\n", time.data(),
-           categoryName, thread, baseName, line, function, name ? name.get() : "", text);
+           categoryName, thread, baseName, line, function, nameOf(object).data(), text);
 }

@@ -4,6 +4,7 @@
 #include "uva/uva_drm_backend.h"
 
 #include <cstring>
+#include <exception>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -45,8 +46,7 @@ static void cp_meta_free(GstMeta* meta, GstBuffer* /*buffer*/) {
 static GArray* copyOf(const GArray* subsamples) {
     if (subsamples == nullptr)
         return nullptr;
-    GArray* copy =
-        g_array_sized_new(FALSE, FALSE, sizeof(GstUvaSubsample), subsamples->len);
+    GArray* copy = g_array_sized_new(FALSE, FALSE, sizeof(GstUvaSubsample), subsamples->len);
     return g_array_append_vals(copy, subsamples->data, subsamples->len);
 }
 
@@ -61,11 +61,15 @@ static gboolean cp_meta_transform(GstBuffer* destination, GstMeta* meta, GstBuff
         GST_WARNING("Partial GstUvaContentProtectionMeta copies are not supported!");
         return FALSE;
     }
+    // A parser merges samples, each with a meta of its own: no meta describes the whole.
+    if (gst_buffer_get_content_protection_meta(destination) != nullptr) {
+        GST_DEBUG("Merged buffers: the first GstUvaContentProtectionMeta stays");
+        return FALSE;
+    }
     const auto* from = reinterpret_cast<GstUvaContentProtectionMeta*>(meta);
     gst_buffer_add_content_protection_meta(destination, from->key_system, from->key_id,
                                            from->key_id_size, from->iv, from->iv_size,
-                                           copyOf(from->subsamples), from->flag,
-                                           from->drm_backend);
+                                           copyOf(from->subsamples), from->flag, from->drm_backend);
     return TRUE;
 }
 
@@ -88,11 +92,9 @@ static guint8* copyBytes(const guint8* bytes, gsize size) {
     return bytes != nullptr ? static_cast<guint8*>(g_slice_copy(size, bytes)) : nullptr;
 }
 
-GstUvaContentProtectionMeta*
-gst_buffer_add_content_protection_meta(GstBuffer* buffer, const gchar* keySystem,
-                                       const guint8* keyId, size_t keyIdSize, const guint8* iv,
-                                       size_t ivSize, GArray* subsamples, gboolean flag,
-                                       UVADRMBackend* drmBackend) {
+GstUvaContentProtectionMeta* gst_buffer_add_content_protection_meta(
+    GstBuffer* buffer, const gchar* keySystem, const guint8* keyId, size_t keyIdSize,
+    const guint8* iv, size_t ivSize, GArray* subsamples, gboolean flag, UVADRMBackend* drmBackend) {
     g_return_val_if_fail(GST_IS_BUFFER(buffer) && gst_buffer_is_writable(buffer), nullptr);
     g_assert(gst_buffer_get_meta(buffer, gst_cp_meta_api_get_type()) == nullptr);
     auto* meta = reinterpret_cast<GstUvaContentProtectionMeta*>(
@@ -121,6 +123,19 @@ void gst_buffer_remove_content_protection_meta(GstBuffer* buffer) {
 
 // ---- the decrypter
 
+/// The host's answer. What it throws would unwind through C code and locks: it counts as `failure`.
+template <typename Answer, typename Call>
+static Answer askHost(const char* what, Answer failure, Call call) noexcept {
+    try {
+        return call();
+    } catch (const std::exception& exception) {
+        GST_WARNING("%s threw an exception: %s", what, exception.what());
+    } catch (...) {
+        GST_WARNING("%s threw an exception", what);
+    }
+    return failure;
+}
+
 struct GstUvaDecrypterContext {
     UVADRMBackend* drm_backend = nullptr; // the one that the decrypter came from
     UVADRMDecrypter* decrypter = nullptr;
@@ -145,7 +160,10 @@ static void releaseDecrypter(GstUvaDecrypterContext* context) {
         return;
     GST_DEBUG("Releasing decrypter: %p", static_cast<void*>(context->decrypter));
     g_assert(context->drm_backend);
-    context->drm_backend->releaseDecrypter(context->decrypter);
+    askHost("releaseDecrypter", false, [context] {
+        context->drm_backend->releaseDecrypter(context->decrypter);
+        return true;
+    });
     context->decrypter = nullptr;
     context->key_id.clear();
 }
@@ -165,6 +183,13 @@ static std::string hexText(const guint8* bytes, gsize size) {
     return text;
 }
 
+template <typename Interface>
+static Interface* interfaceOf(UVADRMBackend& backend) {
+    return static_cast<Interface*>(askHost("getInterface", static_cast<void*>(nullptr), [&backend] {
+        return backend.getInterface(Interface::interfaceName);
+    }));
+}
+
 gboolean gst_uva_decrypter_context_update(GstUvaDecrypterContext* context,
                                           const GstUvaContentProtectionMeta* meta, guint64 value) {
     g_return_val_if_fail(context != nullptr && meta != nullptr, FALSE);
@@ -178,25 +203,31 @@ gboolean gst_uva_decrypter_context_update(GstUvaDecrypterContext* context,
     g_assert(ctx->drm_backend == nullptr || ctx->drm_backend == cpmeta->drm_backend);
     releaseDecrypter(context);
     UVADRMBackend* backend = meta->drm_backend;
-    if (backend == nullptr || keyId == nullptr ||
-        backend->createDecrypter(context->decrypter, keyId, size, value) != 1) {
+    const auto create = [&] {
+        return backend->createDecrypter(context->decrypter, keyId, size, value);
+    };
+    if (backend == nullptr || keyId == nullptr || askHost("createDecrypter", 0, create) != 1 ||
+        context->decrypter == nullptr) {
         GST_WARNING("no decrypter for key id %s", hexText(keyId, size).c_str());
         context->decrypter = nullptr;
         return FALSE;
     }
     context->drm_backend = backend;
     context->key_id.assign(keyId, keyId + size);
-    context->key_slot_getter = static_cast<UVADRMKeySlotGetter*>(
-        backend->getInterface(UVADRMKeySlotGetter::interfaceName));
-    context->full_sample_decrypter = static_cast<UVADRMFullSampleDecrypter*>(
-        backend->getInterface(UVADRMFullSampleDecrypter::interfaceName));
+    context->key_slot_getter = interfaceOf<UVADRMKeySlotGetter>(*backend);
+    context->full_sample_decrypter = interfaceOf<UVADRMFullSampleDecrypter>(*backend);
     return TRUE;
 }
 
-static gboolean report(bool decrypted) {
-    if (!decrypted)
-        GST_ERROR("Failed to decrypt content!");
-    return decrypted ? TRUE : FALSE;
+static gboolean failed() {
+    GST_ERROR("Failed to decrypt content!");
+    return FALSE;
+}
+
+/// Of a call that answers 0 on success.
+template <typename Call>
+static gboolean decryptWith(Call call) {
+    return askHost("decrypt", -1, call) == 0 ? TRUE : failed();
 }
 
 gboolean gst_uva_decrypter_context_decrypt(GstUvaDecrypterContext* context, const guint8* iv,
@@ -217,7 +248,7 @@ gboolean gst_uva_decrypter_context_decrypt(GstUvaDecrypterContext* context, cons
     UVADRMDecrypter::Output output;
     output.data = out;
     output.size = outSize;
-    return report(context->decrypter->decrypt(input, output) == 0);
+    return decryptWith([&] { return context->decrypter->decrypt(input, output); });
 }
 
 gboolean gst_uva_decrypter_context_get_key_slot(GstUvaDecrypterContext* context, guint32* slot) {
@@ -227,7 +258,10 @@ gboolean gst_uva_decrypter_context_get_key_slot(GstUvaDecrypterContext* context,
         return FALSE;
     }
     std::uint32_t found = 0;
-    if (context->key_slot_getter->getKeySlot(context->decrypter, found) != 1) {
+    const auto get = [&] {
+        return context->key_slot_getter->getKeySlot(context->decrypter, found);
+    };
+    if (askHost("getKeySlot", 0, get) != 1) {
         GST_ERROR("Failed to obtain key slot value");
         return FALSE;
     }
@@ -247,8 +281,8 @@ static gboolean decryptRanges(GstUvaDecrypterContext* context, guint8* data,
         if (ranges[i].length == 0)
             continue;
         guint8* range = data + ranges[i].offset;
-        const guint flags = (i == 0 ? GST_UVA_DECRYPT_FIRST : 0U) |
-                            (i + 1 == count ? GST_UVA_DECRYPT_LAST : 0U);
+        const guint flags =
+            (i == 0 ? GST_UVA_DECRYPT_FIRST : 0U) | (i + 1 == count ? GST_UVA_DECRYPT_LAST : 0U);
         if (!gst_uva_decrypter_context_decrypt(context, iv, iv != nullptr ? meta.iv_size : 0, range,
                                                ranges[i].length, range, ranges[i].length, flags))
             return FALSE;
@@ -272,7 +306,8 @@ static gboolean gst_uva_decrypter_context_decrypt_entire_sample(
     sample.subsamples.reserve(count);
     for (guint i = 0; i < count; ++i)
         sample.subsamples.push_back({ranges[i].offset, ranges[i].length});
-    return report(context->full_sample_decrypter->decrypt(context->decrypter, sample) == 0);
+    return decryptWith(
+        [&] { return context->full_sample_decrypter->decrypt(context->decrypter, sample); });
 }
 
 gboolean gst_uva_decrypter_context_software_decrypt(GstUvaDecrypterContext* context, guint8* data,
@@ -285,7 +320,7 @@ gboolean gst_uva_decrypter_context_software_decrypt(GstUvaDecrypterContext* cont
         array != nullptr ? reinterpret_cast<const GstUvaSubsample*>(array->data) : nullptr;
     for (guint i = 0; i < count; ++i)
         if (!isInside(ranges[i], size))
-            return report(false);
+            return failed();
     if (context->full_sample_decrypter == nullptr)
         return decryptRanges(context, data, ranges, count, *meta);
     return gst_uva_decrypter_context_decrypt_entire_sample(context, data, size, ranges, count,

@@ -44,8 +44,9 @@ enum : guint {
 
 extern "C" {
 
-/// Attaches a meta to a buffer that has none. Copies the texts and bytes, takes the caller's
-/// reference to the array (may be null). The meta belongs to the buffer.
+/// Attaches a meta to a buffer that has none, which is asserted. (Copying a buffer into one that has a
+/// meta leaves that one alone.) Copies the texts and bytes, takes the caller's reference to the array
+/// (may be null). The meta belongs to the buffer.
 GstUvaContentProtectionMeta*
 gst_buffer_add_content_protection_meta(GstBuffer* buffer, const gchar* keySystem,
                                        const guint8* keyId, size_t keyIdSize, const guint8* iv,
