@@ -143,7 +143,7 @@ void ElementCore::play() {
     if (backend == nullptr || over())
         return;
     m_wantPlaying = true;
-    if (m_initialized)
+    if (m_initialized && !m_starved)
         operate("play", {}, [backend] { return backend->play(); });
     m_watch.restart();
     settle();
@@ -447,6 +447,7 @@ void ElementCore::tick() {
     const bool hasMoved = m_status.position != before;
     if (hasMoved && m_status.state != State::Seeking)
         moved();
+    watchBuffers();
     if (hasMoved || m_status.duration != durationBefore)
         publishStatus();
     considerEnd();
@@ -478,7 +479,8 @@ void ElementCore::moved() {
     m_watch.restart();
     m_started = true;
     m_settling = m_endSeen = false;
-    if (m_wantPlaying && (m_status.state == State::Opening || m_status.state == State::Buffering))
+    const bool waits = m_status.state == State::Opening || m_status.state == State::Buffering;
+    if (m_wantPlaying && !m_starved && waits)
         setState(State::Playing);
     startQueuedSeek();
 }
@@ -550,7 +552,7 @@ void ElementCore::settle() {
     if (!m_wantPlaying)
         setState(State::Paused);
     else if (m_status.state == State::Paused)
-        setState(m_started ? State::Playing : State::Opening);
+        setState(m_starved ? State::Buffering : m_started ? State::Playing : State::Opening);
 }
 
 void ElementCore::setState(State state) {

@@ -76,6 +76,10 @@ private:
     void startWatching();
     int attach(unsigned int id);
     void refreshSources();
+    void watchBuffers();
+    bool runsDry() const;
+    bool isFilled() const;
+    std::optional<double> ahead(std::size_t source) const;
     void answerResourceRequest(UVAMediaBackend& backend, std::unique_ptr<UVAAsyncEvent> event);
     void handle(const Delivery& delivery);
     void act(const Delivery& delivery);
@@ -131,6 +135,7 @@ private:
     std::shared_ptr<MseFeeder> m_feeder; // null: a URL is played
     bool m_protected = false;            // the feeder has keys
     bool m_initialized = false;          // the backend has the media
+    bool m_starved = false;              // playback is held until the backend has enough again
     bool m_keyMissing = false;           // samples are held back until a key comes
     bool m_network = false;
     bool m_wantPlaying = false;

@@ -7,9 +7,20 @@
 #include "uva/uva_event.h"
 #include "uva/uva_media_backend.h"
 
+#include <algorithm>
 #include <utility>
 
 namespace host {
+
+namespace {
+
+// When playback is held, and goes on. A decoder must not run dry: what comes late for the clock is
+// lost. What the backend holds, it holds in front of the decoder and in it.
+constexpr double tooLittle = 0.5;                         // seconds
+constexpr double enough = 1.0;                            // seconds
+constexpr auto patience = std::chrono::milliseconds(100); // with a request
+
+} // namespace
 
 void ElementCore::feederOpened() {
     auto* backend = m_backend.load();
@@ -104,6 +115,53 @@ void ElementCore::refreshSources() {
              [&] { return backend->getBufferedTimeRanges(source.id, {}, ranges); });
         m_status.sources.push_back({source.kind, std::move(ranges)});
     }
+}
+
+// ---- running dry
+
+/// Holds playback while the data comes too slowly, so that none of it is lost to the clock.
+void ElementCore::watchBuffers() {
+    if (m_feeder == nullptr || !m_initialized || m_seekInFlight || over())
+        return;
+    auto* backend = m_backend.load();
+    if (!m_starved && m_wantPlaying && runsDry()) {
+        m_starved = true;
+        operate("pause", {}, [backend] { return backend->pause(); });
+        setState(State::Buffering);
+    } else if (m_starved && isFilled()) {
+        m_starved = false;
+        m_watch.restart();
+        if (m_wantPlaying)
+            operate("play", {}, [backend] { return backend->play(); });
+    }
+}
+
+/// A source has asked for data in vain, and soon has none.
+bool ElementCore::runsDry() const {
+    const auto sources = m_feeder->sources();
+    const auto asked = Clock::now() - patience;
+    for (std::size_t i = 0; i < sources.size(); ++i)
+        if (!sources[i].ended && sources[i].waitsSince.value_or(Clock::now()) < asked && ahead(i) &&
+            *ahead(i) < tooLittle)
+            return true;
+    return false;
+}
+
+/// Every source has enough, or does not ask for more: a backend may hold less.
+bool ElementCore::isFilled() const {
+    const auto sources = m_feeder->sources();
+    for (std::size_t i = 0; i < sources.size(); ++i)
+        if (!sources[i].ended && (!ahead(i) || (sources[i].waitsSince && *ahead(i) < enough)))
+            return false;
+    return true;
+}
+
+/// Seconds that the backend can still play of a source; none before its first sample.
+std::optional<double> ElementCore::ahead(std::size_t source) const {
+    const auto& ranges = m_status.sources.at(source).ranges;
+    if (ranges.empty())
+        return std::nullopt;
+    return ranges.back().end - m_status.position;
 }
 
 } // namespace host

@@ -105,7 +105,8 @@ void MseFeeder::opened(std::string error, std::vector<StreamInfo> streams) {
     unsigned int id = 0;
     for (auto& stream : streams) {
         Source source;
-        source.info = {++id, stream.kind};
+        source.info.id = ++id;
+        source.info.kind = stream.kind;
         source.stream = std::move(stream);
         m_sources.push_back(std::move(source));
     }
@@ -152,7 +153,8 @@ void MseFeeder::move(Source& source, double seconds) {
     source.ready.clear();
     source.start = seconds;
     source.startDue = true;
-    source.reading = source.ended = source.endDelivered = false;
+    source.info.waitsSince.reset();
+    source.reading = source.ended = source.info.ended = false;
     source.error.clear();
     const auto index = static_cast<std::size_t>(&source - m_sources.data());
     m_readLoop.post([self = shared_from_this(), reader = m_reader, index, seconds,
@@ -170,6 +172,7 @@ void MseFeeder::request(std::unique_ptr<NeedMSEDataEvent> event) {
     if (source == nullptr)
         return;
     source->request = std::move(event);
+    source->info.waitsSince = Clock::now();
     serve(*source);
 }
 
@@ -179,7 +182,7 @@ void MseFeeder::resume() {
 }
 
 void MseFeeder::serve(Source& source) {
-    if (source.request == nullptr || source.endDelivered)
+    if (source.request == nullptr || source.info.ended)
         return;
     const auto wanted = static_cast<std::size_t>(std::max(1, source.request->samplesRequested));
     if (source.ready.empty() && !source.ended && source.error.empty())
@@ -260,6 +263,7 @@ void MseFeeder::deliver(Source& source, std::size_t count) {
     if (source.startDue)
         deliverStart(source);
     auto event = std::move(source.request);
+    source.info.waitsSince.reset();
     event->samples = new UVASample* [count + 1] {};
     std::size_t bytes = 0;
     for (std::size_t i = 0; i < count; ++i) {
@@ -272,7 +276,8 @@ void MseFeeder::deliver(Source& source, std::size_t count) {
 }
 
 void MseFeeder::deliverEnd(Source& source) {
-    source.endDelivered = true;
+    source.info.ended = true;
+    source.info.waitsSince.reset();
     source.request.reset();
     m_client->writeData(std::make_unique<NeedMSEDataEvent>(source.info.id, 0), 0, 0,
                         UVABackend::EndOfStream);

@@ -35,6 +35,8 @@ public:
     struct SourceInfo {
         unsigned int id = 0;
         StreamInfo::Kind kind = StreamInfo::Kind::Video;
+        std::optional<Clock::time_point> waitsSince; ///< that long a request has been open
+        bool ended = false;                          ///< the backend has been told of the end
     };
 
     /// The client outlives stop().
@@ -71,7 +73,6 @@ private:
         bool startDue = true;                      // ... which the backend has not been told
         bool reading = false;
         bool ended = false; // nothing is to be read behind `ready`
-        bool endDelivered = false;
         std::string error; // nothing can be read behind `ready`
         std::optional<KeyBytes> keyAskedFor;
     };

@@ -389,6 +389,30 @@ TEST_F(BackendTest, OneSinkAsksAndTheOthersAreTurnedAway) {
     EXPECT_EQ(client.count(UVAEvent::BackendResourceRequestAsync), 2);
 }
 
+TEST_F(BackendTest, ARefusedSinkIsNotAnsweredWithTheNextOnesGrant) {
+    const BackendResourceRequestAsyncEvent answer(true);
+    for (int round = 0; round < 200; ++round) {
+        GstNoxBackend* asked = nullptr;
+        std::atomic<int> questions{0};
+        RecordingClient grantsTheSecond([&](UVAEvent& event) {
+            if (event.type() == UVAEvent::BackendResourceRequestAsync && ++questions == 2)
+                asked->eventCompleted(&answer, true);
+        });
+        GstNoxBackend other(UVABackend::VideoElement, &grantsTheSecond);
+        asked = &other;
+        int first = -1;
+        std::thread sink(
+            [&] { first = GstNoxBackend::decoder_request_cb(nullptr, "video", &other); });
+        ASSERT_TRUE(support::waitUntil(
+            [&] { return grantsTheSecond.count(UVAEvent::BackendResourceRequestAsync) == 1; }));
+        other.eventCompleted(&answer, false);
+        EXPECT_EQ(GstNoxBackend::decoder_request_cb(nullptr, "audio", &other), 1);
+        sink.join();
+        ASSERT_EQ(first, 0) << "round " << round;
+        EXPECT_EQ(grantsTheSecond.count(UVAEvent::DecodeError), 1);
+    }
+}
+
 TEST_F(BackendTest, AnswerFromInsideTheDeliveryIsTaken) {
     GstNoxBackend* asked = nullptr;
     RecordingClient granting([&asked](UVAEvent& event) {

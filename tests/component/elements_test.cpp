@@ -1,4 +1,5 @@
 #include "nox/screen.h"
+#include "support/sink_watch.h"
 #include "support/wait_until.h"
 
 #include <gst/gst.h>
@@ -22,7 +23,10 @@ using support::waitUntil;
 namespace {
 
 class GstEnvironment : public testing::Environment {
-    void SetUp() override { gst_init(nullptr, nullptr); }
+    void SetUp() override {
+        gst_init(nullptr, nullptr);
+        support::SinkWatch::instance();
+    }
 };
 const auto* const environment = testing::AddGlobalTestEnvironment(new GstEnvironment);
 
@@ -57,6 +61,8 @@ public:
 
     /// Set before the first state change.
     Answer answer = [](const std::string&) { return 1; };
+    /// ... what holds a sink's data up; `count` is how much of it came before.
+    std::function<void(std::size_t count)> hold = [](std::size_t) {};
 
     GstElement* pipeline() { return m_pipeline; }
     bool setState(GstState state) {
@@ -103,6 +109,21 @@ public:
     std::vector<std::string> requests() {
         const std::lock_guard lock(m_mutex);
         return m_requests;
+    }
+    /// The action of the application that has passed the newest request on.
+    void forwardRequest() {
+        GstElement* sink = nullptr;
+        {
+            const std::lock_guard lock(m_mutex);
+            sink = m_asking;
+        }
+        g_signal_emit_by_name(sink, "decoder-request-forwarded");
+    }
+    /// How often data came to a sink, or caps of a name.
+    std::size_t count(const std::string& factory, const std::string& what = data) {
+        const std::lock_guard lock(m_mutex);
+        return static_cast<std::size_t>(
+            std::count(m_arrived.begin(), m_arrived.end(), std::make_pair(factory, what)));
     }
     /// Names of the caps that came to a sink before any of its data.
     std::string arrived(const std::string& factory) {
@@ -153,17 +174,18 @@ private:
                           onData, this, nullptr);
         gst_object_unref(pad);
     }
-    static gint onRequest(GstElement*, const gchar* kind, gpointer data) {
+    static gint onRequest(GstElement* sink, const gchar* kind, gpointer data) {
         auto& player = *static_cast<Player*>(data);
         {
             const std::lock_guard lock(player.m_mutex);
+            player.m_asking = sink;
             player.m_requests.emplace_back(kind);
         }
         return player.answer(kind);
     }
-    static GstPadProbeReturn onData(GstPad* pad, GstPadProbeInfo* info, gpointer data) {
-        auto& player = *static_cast<Player*>(data);
-        std::string what = "data";
+    static GstPadProbeReturn onData(GstPad* pad, GstPadProbeInfo* info, gpointer self) {
+        auto& player = *static_cast<Player*>(self);
+        std::string what = data;
         if (GST_PAD_PROBE_INFO_TYPE(info) & GST_PAD_PROBE_TYPE_EVENT_DOWNSTREAM) {
             auto* event = GST_PAD_PROBE_INFO_EVENT(info);
             if (GST_EVENT_TYPE(event) != GST_EVENT_CAPS)
@@ -173,11 +195,12 @@ private:
             what = gst_structure_get_name(gst_caps_get_structure(caps, 0));
         }
         auto* element = gst_pad_get_parent_element(pad);
-        {
-            const std::lock_guard lock(player.m_mutex);
-            player.m_arrived.emplace_back(factoryOf(element), what);
-        }
+        const auto factory = factoryOf(element);
         gst_object_unref(element);
+        if (what == data)
+            player.hold(player.count(factory));
+        const std::lock_guard lock(player.m_mutex);
+        player.m_arrived.emplace_back(factory, what);
         return GST_PAD_PROBE_OK;
     }
 
@@ -206,12 +229,15 @@ private:
         g_error_free(error);
     }
 
+    inline static const std::string data = "data";
+
     GstElement* const m_pipeline;
     GstBus* const m_bus;
     std::vector<std::string> m_said;
     bool m_missingPlugin = false;
     std::mutex m_mutex; // guards what follows
     std::vector<std::string> m_requests;
+    GstElement* m_asking = nullptr; // whose request came last
     std::vector<std::pair<std::string, std::string>> m_arrived;
 };
 
@@ -424,7 +450,7 @@ INSTANTIATE_TEST_SUITE_P(Kinds, Refuses,
                              return name;
                          });
 
-TEST(DecoderSinks, AskOneAfterTheOther) {
+TEST(DecoderSinks, AskOneAfterTheOtherUntilARequestIsForwarded) {
     Held held;
     auto player = Player::file("h264-aac.mp4");
     player.answer = [&](const std::string&) { return held.wait(); };
@@ -434,13 +460,20 @@ TEST(DecoderSinks, AskOneAfterTheOther) {
                held.inside() > 0;
     }));
     EXPECT_FALSE(waitUntil([&] { return held.inside() > 1; }, std::chrono::milliseconds(200)));
+    player.forwardRequest();
+    EXPECT_TRUE(waitUntil([&] { return held.inside() > 1; }));
     held.release(1);
     EXPECT_TRUE(player.reach(GST_STATE_PAUSED));
     EXPECT_EQ(player.requests().size(), 2u);
 }
 
 TEST(DecoderSinks, GoDownWhileARequestIsPending) {
-    for (const int answer : {0, 1}) {
+    const struct {
+        int answer;
+        bool forwarded; // and so both ask
+    } rows[] = {{0, false}, {1, false}, {0, true}, {1, true}};
+    for (const auto& [answer, forwarded] : rows) {
+        SCOPED_TRACE(std::to_string(answer) + (forwarded ? " forwarded" : ""));
         Held held;
         auto player = Player::file("h264-aac.mp4");
         player.answer = [&](const std::string&) { return held.wait(); };
@@ -449,6 +482,11 @@ TEST(DecoderSinks, GoDownWhileARequestIsPending) {
             return !player.arrived("halvideosink").empty() &&
                    !player.arrived("halaudiosink").empty() && held.inside() > 0;
         }));
+        if (forwarded) {
+            player.forwardRequest();
+            ASSERT_TRUE(waitUntil([&] { return held.inside() == 2; }));
+        }
+        const std::size_t asking = forwarded ? 2 : 1;
         std::thread application([&] { player.setState(GST_STATE_READY); });
         EXPECT_TRUE(waitUntil([&] {
             GST_OBJECT_LOCK(player.pipeline());
@@ -459,10 +497,34 @@ TEST(DecoderSinks, GoDownWhileARequestIsPending) {
         held.release(answer);
         application.join();
         EXPECT_TRUE(player.reach(GST_STATE_READY));
-        EXPECT_EQ(player.requests().size(), 1u) << "nobody asks on the way down";
-        EXPECT_EQ(player.said("GstNoxDecoderNeeded").size(), answer ? 2u : 0u);
+        EXPECT_EQ(player.requests().size(), asking) << "nobody asks on the way down";
+        EXPECT_EQ(player.said("GstNoxDecoderNeeded").size(), answer ? 2 * asking : 0U);
         EXPECT_TRUE(player.said("Format").empty());
     }
+}
+
+TEST(DecoderSinks, HoldAboutASecondOfEncodedData) {
+    auto player = Player::file("clip.mp4"); // 25 frames a second, for longer
+    ASSERT_TRUE(player.reach(GST_STATE_PAUSED));
+    const auto taken = [&] { return player.count("halvideosink"); };
+    EXPECT_TRUE(waitUntil([&] { return taken() > 20; })) << taken();
+    EXPECT_FALSE(waitUntil([&] { return taken() > 40; }, std::chrono::milliseconds(200)));
+    ASSERT_TRUE(player.seek(2.0));
+    EXPECT_TRUE(waitUntil([&] { return taken() > 40; })) << "a seek empties it";
+}
+
+TEST(DecoderSinks, ShowInTimeWhatComesLate) {
+    support::SinkWatch::instance().restart({true, false, false});
+    auto player = Player::file("h264-only.mp4");
+    player.hold = [](std::size_t count) {
+        if (count % 24 == 23) // after a second of media
+            g_usleep(600 * 1000);
+    };
+    EXPECT_TRUE(player.playToEnd());
+    const auto shown = support::SinkWatch::instance().video().buffers;
+    EXPECT_EQ(shown.size(), 50U);
+    for (const auto& frame : shown)
+        EXPECT_LT(frame.late, 0.3) << "at " << frame.position;
 }
 
 TEST(DecoderSinks, GoOnWhenNobodyAnswersAndTakeTheFirstAnswer) {
@@ -508,6 +570,23 @@ TEST(DecoderSinks, FollowCapsThatChangeMidStream) {
                      videoFormat(320, 180, 320, "16/9")}));
     EXPECT_EQ(player.said("GstNoxAudioFormat"), (Texts{audioFormat("AAC"), audioFormat("VORBIS")}));
     EXPECT_GT(g_get_monotonic_time() - start, 3.5 * G_USEC_PER_SEC) << "all three were played";
+}
+
+TEST(DecoderSinks, GoDownWhileTheOldCapsDataIsStillToBeShown) {
+    for (const bool goDown : {true, false}) {
+        support::SinkWatch::instance().restart({true, false, true});
+        auto player = Player::launch("concat name=video ! halvideosink "
+                                     "videotestsrc num-buffers=5 ! vp8enc ! video. "
+                                     "videotestsrc num-buffers=5 ! vp9enc deadline=1 ! video.");
+        ASSERT_TRUE(player.reach(GST_STATE_PAUSED));
+        ASSERT_TRUE(waitUntil([&] { return player.count("halvideosink", "video/x-vp9") == 1; }));
+        if (goDown) {
+            EXPECT_TRUE(player.reach(GST_STATE_READY));
+            continue;
+        }
+        EXPECT_TRUE(player.playToEnd());
+        EXPECT_GT(support::SinkWatch::instance().video().buffers.size(), 5U) << "of both";
+    }
 }
 
 TEST(DecoderSinks, NameWhatToInstallWhenADecoderIsMissing) {

@@ -31,6 +31,7 @@ using Scheme = host::Protection::Scheme;
 using Keys = std::shared_ptr<ClearKey>;
 
 constexpr auto interfaces = {ClearKey::Interface::PerRange, ClearKey::Interface::FullSample};
+constexpr SinkWatch::Options clocked = {true, true, false};
 constexpr auto longBound = std::chrono::seconds(60);
 constexpr double lengthTolerance = 0.05;                  // seconds
 constexpr host::KeyPair ownPair = {{1, 2, 3}, {4, 5, 6}}; ///< what this test protects with
@@ -102,11 +103,60 @@ std::string corpus(const std::string& name) {
     return TEST_CORPUS "/" + name;
 }
 
+/// A network that stops at a time of the media, seconds, until it is opened; and is late each time.
+class Network {
+public:
+    Network(double stop, std::chrono::milliseconds delay) : m_stop(stop), m_delay(delay) {}
+
+    std::unique_ptr<host::SampleStream> behind(std::unique_ptr<host::SampleStream> stream) {
+        return std::make_unique<Stream>(std::move(stream), *this);
+    }
+    void open() {
+        const std::lock_guard lock(m_mutex);
+        m_open = true;
+        m_changed.notify_all();
+    }
+
+private:
+    class Stream final : public host::SampleStream {
+    public:
+        Stream(std::unique_ptr<host::SampleStream> stream, Network& network)
+            : m_stream(std::move(stream)), m_network(network) {}
+        const host::StreamInfo& info() const override { return m_stream->info(); }
+        Batch read(std::size_t count) override {
+            auto batch = m_stream->read(count);
+            m_network.pass(batch.samples.empty() ? 0 : batch.samples.front()->pts());
+            return batch;
+        }
+        std::string seek(double seconds) override { return m_stream->seek(seconds); }
+        void interrupt() override {
+            m_network.open();
+            m_stream->interrupt();
+        }
+
+    private:
+        const std::unique_ptr<host::SampleStream> m_stream;
+        Network& m_network;
+    };
+
+    void pass(double time) {
+        std::unique_lock lock(m_mutex);
+        m_changed.wait_for(lock, m_delay, [] { return false; });
+        m_changed.wait(lock, [&] { return m_open || time < m_stop; });
+    }
+
+    const double m_stop;
+    const std::chrono::milliseconds m_delay;
+    std::mutex m_mutex; // guards m_open
+    std::condition_variable m_changed;
+    bool m_open = false;
+};
+
 /// One media element that plays one file through the library.
 class Player final : public host::Observer {
 public:
     explicit Player(const std::string& path, Keys keys = nullptr, Scheme scheme = Scheme::None,
-                    SinkWatch::Options watch = {false, true})
+                    SinkWatch::Options watch = {false, true, true}, Network* network = nullptr)
         : m_keys(keys), m_element(library(), m_loop, *this, {}) {
         SinkWatch::instance().restart(watch);
         if (keys != nullptr)
@@ -116,6 +166,9 @@ public:
             auto media = host::openMedia(path, cancelled);
             for (auto& stream : media.streams)
                 stream = host::protect(std::move(stream), scheme, ownPair);
+            for (auto& stream : media.streams)
+                stream =
+                    network != nullptr ? network->behind(std::move(stream)) : std::move(stream);
             return media;
         };
         source.keys = std::move(keys);
@@ -139,6 +192,7 @@ public:
     host::Status status() { return locked(m_status); }
     std::vector<host::KeyBytes> keysNeeded() { return locked(m_keysNeeded); }
     std::size_t seeks() { return locked(m_seeks); }
+    double heldAt() { return locked(m_heldAt); } ///< where playback last waited for data, seconds
 
 private:
     static std::shared_ptr<host::BackendLibrary> library() {
@@ -161,6 +215,8 @@ private:
     void onRecord(const host::Record&) override {}
     void onStatus(const host::Status& status) override {
         const std::lock_guard lock(m_mutex);
+        if (m_status.state == State::Playing && status.state == State::Buffering)
+            m_heldAt = status.position;
         m_status = status;
     }
     void onSeek(double, SeekOutcome outcome) override {
@@ -173,10 +229,11 @@ private:
         m_keysNeeded.push_back(id);
     }
 
-    std::mutex m_mutex; // guards the three below
+    std::mutex m_mutex; // guards the four below
     host::Status m_status;
     std::vector<host::KeyBytes> m_keysNeeded;
     std::size_t m_seeks = 0;
+    double m_heldAt = 0;
     const Keys m_keys;
     const std::shared_ptr<host::EventLoop> m_loop = std::make_shared<host::EventLoop>();
     host::MediaElement m_element;
@@ -363,16 +420,91 @@ std::optional<support::Rendered> firstAfterSeek(const RenderedStream& stream, do
     });
 }
 
+/// Nothing was shown or heard after its time, when a decoder leaves it out.
+void expectInTime() {
+    constexpr double busyMachine = 0.25; // seconds
+    for (const auto& stream : {SinkWatch::instance().video(), SinkWatch::instance().audio()}) {
+        const auto latest = std::max_element(stream.buffers.begin(), stream.buffers.end(),
+                                             [](auto& a, auto& b) { return a.late < b.late; });
+        ASSERT_NE(latest, stream.buffers.end());
+        EXPECT_LT(latest->late, busyMachine) << "at " << latest->position;
+    }
+}
+
+TEST(MsePlayback, LosesNothingOfWhatComesLate) {
+    Network network(1e9, std::chrono::milliseconds(300));
+    Player player(generated("frag.mp4"), nullptr, Scheme::None, clocked, &network);
+    expectPlayed(player, decode(generated("frag.mp4")));
+    expectInTime();
+    EXPECT_LT(player.heldAt(), 1.0) << "at the beginning, while there is little";
+}
+
+TEST(MsePlayback, HoldsPlaybackWhileTheNetworkStands) {
+    const struct {
+        const char* what;
+        double stop; // seconds
+        std::function<void(Player&)> meanwhile;
+        bool sought;
+    } rows[] = {
+        {"in the middle", 3, [](Player&) {}, false},
+        {"just before the end", 5, [](Player&) {}, false},
+        {"the user pauses", 3,
+         [](Player& player) {
+             player.element().pause();
+             EXPECT_TRUE(player.waitFor(State::Paused));
+             player.element().play();
+             EXPECT_TRUE(player.waitFor(State::Buffering));
+             player.element().pause();
+             EXPECT_TRUE(player.waitFor(State::Paused));
+         },
+         false},
+        {"the user seeks", 3, [](Player& player) { player.element().seek(4.5); }, true},
+    };
+    const auto expected = decode(generated("frag.mp4"));
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.what);
+        Network network(row.stop, std::chrono::milliseconds(0));
+        Player player(generated("frag.mp4"), nullptr, Scheme::None, clocked, &network);
+        ASSERT_TRUE(player.waitFor(State::Playing));
+        ASSERT_TRUE(player.waitFor(State::Buffering)) << player.status().reason;
+        const double held = player.status().position;
+        EXPECT_LT(held, row.stop);
+        row.meanwhile(player);
+        const auto before = player.status();
+        EXPECT_FALSE(waitUntil([&] { return player.status().position > held + 0.3 && !row.sought; },
+                               std::chrono::milliseconds(1000)));
+        network.open();
+        if (before.state == State::Paused) {
+            EXPECT_FALSE(waitUntil([&] { return player.status().state != State::Paused; },
+                                   std::chrono::milliseconds(500)));
+            player.element().play();
+        }
+        if (!row.sought) {
+            expectPlayed(player, expected);
+            expectInTime();
+            continue;
+        }
+        ASSERT_TRUE(player.waitFor(State::Ended)) << player.status().reason;
+        const auto isBehind = [](double time) { return time > 4.5; };
+        const auto shown = SinkWatch::instance().video().buffers;
+        // The frame in which the target lies begins there.
+        EXPECT_EQ(1 + std::count_if(expected.times.begin(), expected.times.end(), isBehind),
+                  std::count_if(shown.begin(), shown.end(),
+                                [](const auto& frame) { return frame.flushes > 0; }));
+        expectInTime();
+    }
+}
+
 TEST(MsePlayback, BeginsWhereItIsSoughtTo) {
     auto& watch = SinkWatch::instance();
-    Player player(generated("clip.mp4"), nullptr, Scheme::None, {true, false});
+    Player player(generated("clip.mp4"), nullptr, Scheme::None, {true, false, true});
     ASSERT_TRUE(player.waitFor(State::Playing));
     std::minstd_rand random(7);
     std::uniform_real_distribution<double> anywhere(0, 5.5);
     for (std::size_t round = 1; round <= 10; ++round) {
         const double target = anywhere(random);
         SCOPED_TRACE(target);
-        watch.restart({true, false});
+        watch.restart({true, false, true});
         player.element().seek(target);
         ASSERT_TRUE(waitUntil([&] { return player.seeks() == round; }));
         ASSERT_TRUE(waitUntil([&] {

@@ -7,6 +7,7 @@ Usage: arbitration_test.py CLIP ZANT_MAINSYS, in a box
 import ctypes
 import os
 import pathlib
+import re
 import signal
 import subprocess
 import sys
@@ -98,6 +99,16 @@ class Arbitration(unittest.TestCase):
         main = MainSystem("delay 1500", *BOTH_ASKED, "wait 4000")
         self.plays(Run(CLIP, *OPTIONS))
         main.finish()
+
+    def test_both_decoders_are_asked_for_before_either_is_granted(self):
+        for media in ([CLIP], ["--mse", CLIP]):
+            with self.subTest(media):
+                main = MainSystem("delay 1000", *BOTH_ASKED, "wait 1500")
+                run = Run(media[-1], *media[:-1], "--duration", "0.2")
+                self.assertEqual(run.code, 0, run.report())
+                self.assertIn("state playing", run.output)
+                signals = re.findall(r"(<-|->) (516|517)", main.finish())
+                self.assertEqual(signals, [("<-", "516")] * 2 + [("->", "517")] * 2)
 
     def test_stopping_ends_the_wait_for_an_answer(self):
         main = MainSystem("ignore", "expect DECODER_NEEDED_IND within 60000", "wait 8000")

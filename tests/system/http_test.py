@@ -38,7 +38,7 @@ class Handler(http.server.BaseHTTPRequestHandler):
             self.end_headers()
             return
         path = CLIPS / name
-        if how not in ("ranges", "plain", "stalled", "cut") or not path.is_file():
+        if how not in ("ranges", "plain", "stalled", "cut", "late") or not path.is_file():
             self.send_error(404)
             return
         self.serve(how, path.read_bytes())
@@ -59,11 +59,14 @@ class Handler(http.server.BaseHTTPRequestHandler):
         self.send_header("Content-Length", str(end - start + 1))
         self.end_headers()
         data = body[start:end + 1]
-        if how in ("stalled", "cut"):
-            data = data[:len(data) // 4]
+        share = {"stalled": 4, "cut": 4, "late": 2}.get(how, 1)
+        data, rest = data[:len(data) // share], data[len(data) // share:]
         try:
             self.wfile.write(data)
             self.wfile.flush()
+            if how == "late":
+                Handler.stop.wait(6)
+                self.wfile.write(rest)
         except OSError:
             return  # the player has seen enough
         if how == "stalled":
@@ -135,6 +138,17 @@ class Http(unittest.TestCase):
         run = Run(self.base + "/stalled/clip.mp4", "--no-progress-timeout", "2")
         self.assertEqual(run.code, 1, run.report())
         self.assertLess(run.seconds_between("UVA_ReleaseBackend", "UVA_ReleaseBackend"), 1.0)
+
+    def test_playback_waits_for_a_late_connection_and_goes_on_where_it_was(self):
+        run = Run(self.base + "/late/frag.mp4", "--mse")
+        self.assertEqual(run.code, 0, run.report())
+        states = re.findall(r" state (\w+) at ([\d.]+) s", run.output)
+        held = [i for i, (state, at) in enumerate(states) if state == "buffering" and float(at) > 0.5]
+        self.assertEqual(len(held), 1, run.report())
+        self.assertEqual([state for state, _ in states[held[0] - 1:]], ["playing", "buffering", "playing", "ended"])
+        self.assertLess(float(states[held[0] + 1][1]) - float(states[held[0]][1]), 0.4)
+        calls = [record["name"] for record in run.trace if record["name"] in ("play", "pause")]
+        self.assertEqual(calls, ["play", "pause", "play"], run.report())
 
     def test_connection_cut_short_does_not_hang(self):
         run = Run(self.base + "/cut/h264-aac.ts", "--no-progress-timeout", "3")

@@ -14,6 +14,17 @@ GstPtr<GstPad> sinkPadOf(GstElement* element) {
     return GstPtr<GstPad>(gst_element_get_static_pad(element, "sink"));
 }
 
+/// The bound in bytes is for data without times; a second of the fastest streams stays below it.
+GstPtr<GstElement> makeBuffer() {
+    constexpr guint64 time = GST_SECOND;
+    constexpr guint bytes = 16U << 20U;
+    auto buffer = sinkRef(gst_element_factory_make("queue", nullptr));
+    if (buffer)
+        g_object_set(buffer.get(), "max-size-time", time, "max-size-bytes", bytes,
+                     "max-size-buffers", 0U, "silent", TRUE, nullptr);
+    return buffer;
+}
+
 void reportMissingDecoder(GstBin* bin, GstCaps* caps) {
     const GstPtr<char> name(gst_pb_utils_get_codec_description(caps));
     gst_element_post_message(GST_ELEMENT(bin),
@@ -68,7 +79,9 @@ bool DecodeChain::build(const MediaFormat& format, GstCaps* caps, GstGhostPad* p
         return false;
     }
 
-    bool ready = (!parser || add(std::move(parser))) && add(std::move(decoder));
+    auto buffer = makeBuffer();
+    bool ready = buffer && add(std::move(buffer)) && (!parser || add(std::move(parser))) &&
+                 add(std::move(decoder));
     ready = ready && gst_ghost_pad_set_target(pad, sinkPadOf(m_elements.front()).get()) &&
             gst_element_link(m_elements.back(), output);
     ready = ready && std::all_of(m_elements.rbegin(), m_elements.rend(),
@@ -80,9 +93,9 @@ bool DecodeChain::build(const MediaFormat& format, GstCaps* caps, GstGhostPad* p
     return ready;
 }
 
-void DecodeChain::drain() {
-    if (!m_elements.empty())
-        gst_pad_send_event(sinkPadOf(m_elements.front()).get(), gst_event_new_eos());
+bool DecodeChain::drain() {
+    return !m_elements.empty() &&
+           gst_pad_send_event(sinkPadOf(m_elements.front()).get(), gst_event_new_eos());
 }
 
 void DecodeChain::remove(GstGhostPad* pad, GstElement* output) {

@@ -7,9 +7,12 @@
 
 namespace noxelements {
 
-/// The parser and the decoder of one format, inside a bin and in front of its output.
+/// The elementary-stream buffer, the parser and the decoder of one format, inside a bin and in
+/// front of its output. The buffer holds about a second, as a set's decoders do, so that data may
+/// come that much late; what is behind it runs on a thread of its own.
+///
 /// Bound to the thread that holds the sink pad's stream lock, or to the state change once the
-/// pads are inactive.
+/// pads are inactive; what is const also to the chain's own thread.
 class DecodeChain {
 public:
     explicit DecodeChain(GstBin* bin) : m_bin(bin) {}
@@ -22,10 +25,12 @@ public:
     /// Builds the chain between the ghost pad and the output and brings it to the bin's state.
     /// False when a part is not installed or refuses; the error is on the bus.
     bool build(const MediaFormat& format, GstCaps* caps, GstGhostPad* pad, GstElement* output);
-    /// Lets the decoder hand on what it still holds. The end of stream that this sends through has
-    /// to be stopped at the output.
-    void drain();
-    /// Takes the chain out of the bin and lets the ghost pad feed the output again.
+    /// Lets the chain hand on what it still holds. False when there is nothing to wait for; else
+    /// the end of stream that this sends through comes to the output later, and has to be stopped
+    /// there.
+    bool drain();
+    /// Takes the chain out of the bin and lets the ghost pad feed the output again. The chain is
+    /// drained, or the output lets go of its data.
     void remove(GstGhostPad* pad, GstElement* output);
 
 private:

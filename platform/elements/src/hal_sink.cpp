@@ -5,6 +5,8 @@
 
 #include <gst/base/gstbasesink.h>
 
+#include <utility>
+
 GST_DEBUG_CATEGORY_STATIC(nox_elements_debug);
 #define GST_CAT_DEFAULT nox_elements_debug
 
@@ -86,6 +88,7 @@ GstFlowReturn HalSink::onEvent(GstPad* pad, GstObject* parent, GstEvent* event) 
         self.interrupt();
         break;
     case GST_EVENT_FLUSH_STOP:
+        self.endDrain();
         self.m_flushing = false;
         break;
     default:
@@ -137,6 +140,11 @@ gboolean HalSink::onQuery(GstPad* pad, GstObject* parent, GstQuery* query) {
         gst_query_set_accept_caps_result(query, gst_caps_is_subset(caps, taken.get()));
         return TRUE;
     }
+    case GST_QUERY_ALLOCATION: {
+        // A decoder has no memory to offer, and to ask it is to wait for all that is buffered.
+        const auto* format = implOf(parent).m_chain.format();
+        return !(format && format->decoderCaps) && gst_pad_query_default(pad, parent, query);
+    }
     default:
         return gst_pad_query_default(pad, parent, query);
     }
@@ -158,9 +166,8 @@ GstFlowReturn HalSink::prepare(GstCaps* caps) {
 
 GstFlowReturn HalSink::buildChain(const MediaFormat& format, GstCaps* caps) {
     if (m_chain.format()) {
-        m_draining = true;
-        m_chain.drain();
-        m_draining = false;
+        if (!drainChain())
+            return GST_FLOW_FLUSHING;
         m_chain.remove(m_sinkPad, m_output);
     } else {
         useDevice();
@@ -172,24 +179,55 @@ GstFlowReturn HalSink::buildChain(const MediaFormat& format, GstCaps* caps) {
     return built ? GST_FLOW_OK : GST_FLOW_NOT_NEGOTIATED;
 }
 
+/// Waits until all that is in the chain was rendered. False when a flush or a stop came first: what
+/// is on its way is stopped at the output still.
+bool HalSink::drainChain() {
+    {
+        const std::lock_guard lock(m_waitMutex);
+        m_draining = true;
+    }
+    if (!m_chain.drain())
+        endDrain();
+    std::unique_lock lock(m_waitMutex);
+    m_drained.wait(lock, [this] { return !m_draining || isInterrupted(); });
+    return !isInterrupted();
+}
+
+/// False when none was under way.
+bool HalSink::endDrain() {
+    const std::lock_guard lock(m_waitMutex);
+    m_drained.notify_all();
+    return std::exchange(m_draining, false);
+}
+
 /// Asks for the decoder. False when a flush or a stop came first.
 bool HalSink::decide() {
     const auto gate = RequestGate::of(GST_ELEMENT(m_bin));
     {
-        const std::lock_guard lock(m_gateMutex);
+        const std::lock_guard lock(m_waitMutex);
         m_gate = gate;
     }
     const bool entered = gate->enter([this] { return isInterrupted(); });
     if (entered) {
+        {
+            const std::lock_guard lock(m_waitMutex);
+            m_insideGate = true;
+        }
         const bool granted = request() != 0;
-        gate->leave();
+        requestForwarded();
         m_decoder = granted ? Decoder::Granted : Decoder::Refused;
         if (granted)
             announce('+');
     }
-    const std::lock_guard lock(m_gateMutex);
+    const std::lock_guard lock(m_waitMutex);
     m_gate.reset();
     return entered;
+}
+
+void HalSink::requestForwarded() {
+    const std::lock_guard lock(m_waitMutex);
+    if (std::exchange(m_insideGate, false))
+        m_gate->leave();
 }
 
 int HalSink::request() {
@@ -220,7 +258,7 @@ GstFlowReturn HalSink::swallow(GstBuffer* buffer) {
 GstPadProbeReturn HalSink::onOutputEvent(GstPad*, GstPadProbeInfo* info, gpointer sink) {
     auto& self = *static_cast<HalSink*>(sink);
     auto* event = GST_PAD_PROBE_INFO_EVENT(info);
-    if (GST_EVENT_TYPE(event) == GST_EVENT_EOS && self.m_draining)
+    if (GST_EVENT_TYPE(event) == GST_EVENT_EOS && self.endDrain())
         return GST_PAD_PROBE_DROP;
     if (GST_EVENT_TYPE(event) == GST_EVENT_CAPS && self.isGranted()) {
         GstCaps* caps = nullptr;
@@ -317,6 +355,7 @@ GstStateChangeReturn HalSink::changeState(GstStateChange transition) {
 }
 
 void HalSink::start() {
+    endDrain();
     m_stopping = false;
     m_flushing = false;
     if (!m_active)
@@ -324,11 +363,12 @@ void HalSink::start() {
     m_active = true;
 }
 
-/// Ends a wait for the turn to ask.
+/// Ends a wait for the turn to ask, or for the end of a drain.
 void HalSink::interrupt() {
-    const std::lock_guard lock(m_gateMutex);
+    const std::lock_guard lock(m_waitMutex);
     if (m_gate)
         m_gate->wake();
+    m_drained.notify_all();
 }
 
 void HalSink::stop() {
@@ -367,6 +407,10 @@ static gboolean takeFirstAnswer(GSignalInvocationHint*, GValue* result, const GV
 
 static gint grant(GstHalSink*, const gchar*) {
     return 1;
+}
+
+static void requestForwarded(GstHalSink* sink) {
+    sink->impl->requestForwarded();
 }
 
 static GstStateChangeReturn changeState(GstElement* element, GstStateChange transition) {
@@ -419,6 +463,13 @@ static void gst_hal_sink_class_init(GstHalSinkClass* klass) {
         g_signal_new("decoder-request", G_TYPE_FROM_CLASS(klass), G_SIGNAL_RUN_LAST,
                      G_STRUCT_OFFSET(GstHalSinkClass, decoder_request), takeFirstAnswer, nullptr,
                      nullptr, G_TYPE_INT, 1, G_TYPE_STRING);
+    // For whoever answers "decoder-request" in two steps, of which only the first is made for one
+    // sink at a time.
+    klass->decoder_request_forwarded = requestForwarded;
+    g_signal_new("decoder-request-forwarded", G_TYPE_FROM_CLASS(klass),
+                 static_cast<GSignalFlags>(G_SIGNAL_RUN_LAST | G_SIGNAL_ACTION),
+                 G_STRUCT_OFFSET(GstHalSinkClass, decoder_request_forwarded), nullptr, nullptr,
+                 nullptr, G_TYPE_NONE, 0);
 }
 
 void gst_hal_sink_class_describe(GstElementClass* klass, const char* longName,

@@ -5,6 +5,7 @@
 #include "request_gate.h"
 
 #include <atomic>
+#include <condition_variable>
 #include <mutex>
 
 namespace noxelements {
@@ -15,6 +16,7 @@ namespace noxelements {
 ///
 /// Data and serialised events come on the streaming thread under the sink pad's stream lock, which
 /// guards what carries no note of its own. State changes touch that only once the pad is inactive.
+/// What is decoded comes to the output on the chain's own thread.
 class HalSink {
 public:
     HalSink(GstBin* bin, const char* kind, const MediaFormats& formats);
@@ -24,6 +26,9 @@ public:
 
     GstStateChangeReturn changeState(GstStateChange transition);
     virtual void handleMessage(GstMessage* message);
+
+    /// The application has passed the request under way on: other sinks may ask. Thread-safe.
+    void requestForwarded();
 
     gint64 timeOffset() const { return m_timeOffset; }
     void setTimeOffset(gint64 offset); ///< nanoseconds; renders that much later. Thread-safe.
@@ -40,7 +45,8 @@ protected:
     virtual GstPtr<GstElement> makeDeviceOutput() = 0;
     /// The device output is in the bin. Streaming thread.
     virtual void deviceOutputAdded(GstElement* output) = 0;
-    /// What to tell the application about decoded data; null when the caps say nothing.
+    /// What to tell the application about decoded data; null when the caps say nothing. The chain's
+    /// thread.
     virtual GstPtr<GstStructure> describe(const GstCaps* decoded, const MediaFormat& format) = 0;
 
 private:
@@ -54,6 +60,8 @@ private:
 
     GstFlowReturn prepare(GstCaps* caps);
     GstFlowReturn buildChain(const MediaFormat& format, GstCaps* caps);
+    bool drainChain();
+    bool endDrain();
     bool decide();
     int request();
     bool isInterrupted() const;
@@ -77,16 +85,18 @@ private:
     GstElement* m_output = nullptr; // in the bin: m_silent or the device's
     GstGhostPad* m_sinkPad = nullptr;
     DecodeChain m_chain;
-    GstPtr<GstStructure> m_reportedFormat;
-    bool m_draining = false;
-    bool m_active = false; // since the step to PAUSED; state changes only
+    GstPtr<GstStructure> m_reportedFormat; // where decoded data is told about
+    bool m_active = false;                 // since the step to PAUSED; state changes only
 
     std::atomic<Decoder> m_decoder{Decoder::Undecided};
     std::atomic<bool> m_stopping{false};
     std::atomic<bool> m_flushing{false};
     std::atomic<gint64> m_timeOffset{0};
-    std::mutex m_gateMutex;              // guards m_gate; leaf
+    std::mutex m_waitMutex; // guards all below; leaf but for the gate's and the object locks
+    std::condition_variable m_drained;
     std::shared_ptr<RequestGate> m_gate; // while the request is being made
+    bool m_insideGate = false;
+    bool m_draining = false; // the next end of stream at the output is the chain's alone
 };
 
 } // namespace noxelements
@@ -100,6 +110,8 @@ struct GstHalSinkClass {
     GstBinClass parent;
     /// The default answer to "decoder-request", when nobody is connected.
     gint (*decoder_request)(GstHalSink* sink, const gchar* kind);
+    /// What the action "decoder-request-forwarded" does.
+    void (*decoder_request_forwarded)(GstHalSink* sink);
 };
 
 /// The abstract type of both sinks; whoever derives from it sets `impl`.

@@ -9,8 +9,9 @@
 
 namespace noxelements {
 
-/// Lets the sinks of one top-level pipeline ask for their decoder one after the other.
-/// Thread-safe.
+/// Lets the sinks of one top-level pipeline ask for their decoder one after the other: a second one
+/// that asked while the application is asking its client would be refused. Once the request has
+/// gone on to the decoders' owner, the next may ask. Thread-safe.
 class RequestGate {
 public:
     /// The gate of the pipeline that the element is in.

@@ -24,6 +24,7 @@ struct Rendered {
     double position = 0; ///< where in the media it begins, seconds
     double duration = 0; ///< seconds
     std::chrono::steady_clock::time_point time;
+    double late = 0;          ///< behind the clock, seconds
     unsigned int flushes = 0; ///< that its sink had seen before
     std::string digest;       ///< MD5 of a frame's pixels, row padding left out
 };
@@ -43,6 +44,7 @@ public:
     struct Options {
         bool clocked = true;   ///< false: rendered as fast as it is decoded
         bool contents = false; ///< keeps digests and sound
+        bool drops = true;     ///< false: shows what is late too, however busy the machine is
     };
 
     /// After gst_init() and before the first sink is made.
@@ -100,12 +102,13 @@ private:
 
     static void onPreroll(GstElement* sink, GstBuffer* buffer, GstPad* pad, gpointer) {
         auto& self = instance();
-        bool clocked = true;
+        Options options;
         {
             const std::lock_guard lock(self.m_mutex);
-            clocked = self.m_options.clocked;
+            options = self.m_options;
         }
-        gst_base_sink_set_sync(GST_BASE_SINK(sink), clocked ? TRUE : FALSE);
+        gst_base_sink_set_sync(GST_BASE_SINK(sink), options.clocked ? TRUE : FALSE);
+        gst_base_sink_set_qos_enabled(GST_BASE_SINK(sink), options.drops ? TRUE : FALSE);
         self.take(GST_BASE_SINK(sink), buffer, pad, true);
     }
     static void onRender(GstElement* sink, GstBuffer* buffer, GstPad* pad, gpointer) {
@@ -118,6 +121,7 @@ private:
         const auto begin =
             gst_segment_to_stream_time(&sink->segment, GST_FORMAT_TIME, GST_BUFFER_PTS(buffer));
         rendered.position = GST_CLOCK_TIME_IS_VALID(begin) ? static_cast<double>(begin) / 1e9 : NAN;
+        rendered.late = lateness(sink, buffer);
         if (GST_BUFFER_DURATION_IS_VALID(buffer))
             rendered.duration = static_cast<double>(GST_BUFFER_DURATION(buffer)) / 1e9;
         GstCaps* caps = gst_pad_get_current_caps(pad);
@@ -135,6 +139,15 @@ private:
         (preroll ? stream.prerolled : stream.buffers).push_back(std::move(rendered));
         lock.unlock();
         gst_caps_unref(caps);
+    }
+
+    static double lateness(GstBaseSink* sink, GstBuffer* buffer) {
+        const auto now = gst_element_get_current_running_time(GST_ELEMENT(sink));
+        const auto due =
+            gst_segment_to_running_time(&sink->segment, GST_FORMAT_TIME, GST_BUFFER_PTS(buffer));
+        if (!GST_CLOCK_TIME_IS_VALID(now) || !GST_CLOCK_TIME_IS_VALID(due))
+            return 0;
+        return static_cast<double>(GST_CLOCK_DIFF(due, now)) / 1e9;
     }
 
     static std::string digestOf(GstBuffer* buffer, GstCaps* caps) {

@@ -14,6 +14,7 @@
 #include <atomic>
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -29,8 +30,10 @@ class UVADRMBackend;
 /// guards what they share. No event is delivered to the client while the lock is held.
 ///
 /// Waits: a sink may wait in decoder_request_cb for the client's answer, then for the main
-/// system's; that of a media source for the latter alone. Stopping the player or the source, and
-/// seeking, end that wait; such a sink is told "no".
+/// system's; that of a media source for the latter alone. The client is asked for one sink at a
+/// time, another that asks meanwhile is refused; several may wait for the main system side by side.
+/// A sink that has the action "decoder-request-forwarded" is told when its request goes there.
+/// Stopping the player or the source, and seeking, end that wait; such a sink is told "no".
 class GstNoxBackend : public UVAMediaBackend {
 public:
     /// `client` must not be null; it is not owned and outlives the backend.
@@ -203,6 +206,12 @@ private:
 
     enum class DecoderAnswer { Granted, Refused, Broken };
 
+    /// What a sink asks the client. The state alone would not do: the next sink may ask before the
+    /// one that was answered has looked.
+    struct ClientQuestion {
+        std::optional<bool> granted;
+    };
+
     int initSource(SourceDescription* source, int index);
     int initBackendStreaming(const SourceDescription& source, int index);
     int enterState(GstState state, const char* graphName);
@@ -210,9 +219,9 @@ private:
     void writeGraph(const char* name);
     void watchBus();
     void setupElement(GstElement* element);
-    gint requestDecoder(const gchar* type) EXCLUDES(m_lock);
     DecoderAnswer askClient(const gchar* type) EXCLUDES(m_lock);
-    DecoderAnswer askMainSystem(const gchar* type) EXCLUDES(m_lock);
+    DecoderAnswer askMainSystem(GstElement* sink, const gchar* type) EXCLUDES(m_lock);
+    gint reply(DecoderAnswer answer) EXCLUDES(m_lock);
     void reportRefusal() EXCLUDES(m_lock);
     void addBin(const std::shared_ptr<GstMseBin>& bin) EXCLUDES(m_lock);
     void checkComponent(const GstMseBin& starting) EXCLUDES(m_lock);
@@ -260,9 +269,10 @@ private:
     bool m_hasPlayer GUARDED_BY(m_lock) = false;
     GstPtr<GstElement> m_audioSink GUARDED_BY(m_lock); // the last "halaudiosink" set up
     int m_resources_state GUARDED_BY(m_lock) = NoResources;
-    int m_resources_needed GUARDED_BY(m_lock) = 0;     // DecoderKind bits
-    int m_waitBreakers GUARDED_BY(m_lock) = 0;         // operations that let no sink wait now
-    unsigned int m_brokenWaits GUARDED_BY(m_lock) = 0; // how many of them there ever were
+    ClientQuestion* m_question GUARDED_BY(m_lock) = nullptr; // with the client; its sink's own
+    int m_resources_needed GUARDED_BY(m_lock) = 0;           // DecoderKind bits
+    int m_waitBreakers GUARDED_BY(m_lock) = 0;               // operations that let no sink wait now
+    unsigned int m_brokenWaits GUARDED_BY(m_lock) = 0;       // how many of them there ever were
     GstState m_state GUARDED_BY(m_lock) = GST_STATE_NULL;
     std::map<unsigned int, std::shared_ptr<GstMseBin>> m_bins GUARDED_BY(m_lock); // by source id
     guint64 m_segmentStart GUARDED_BY(m_lock) = GST_CLOCK_TIME_NONE; // of all media sources

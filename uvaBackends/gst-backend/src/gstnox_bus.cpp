@@ -306,5 +306,8 @@ void GstNoxBackend::completeResourceRequest(bool success) {
     GST_INFO("BackendResourceRequestAsync finished (success=%d)", success);
     const GLibLock lock(m_lock);
     m_resources_state = success ? ResourcesGranted : NoResources;
+    if (m_question != nullptr)
+        m_question->granted = success;
+    m_question = nullptr;
     m_condition.broadcast();
 }

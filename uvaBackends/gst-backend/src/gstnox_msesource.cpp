@@ -157,15 +157,6 @@ std::shared_ptr<const GstNoxBackend::KeySystem> GstNoxBackend::keySystem() {
 
 // ---- streaming threads
 
-gint GstNoxBackend::source_decoder_request_cb(GstElement* /*sink*/, const gchar* type,
-                                              gpointer backend) {
-    auto* self = static_cast<GstNoxBackend*>(backend);
-    const DecoderAnswer answer = self->askMainSystem(type);
-    if (answer == DecoderAnswer::Refused)
-        self->reportRefusal();
-    return answer == DecoderAnswer::Granted ? 1 : 0;
-}
-
 void GstNoxBackend::need_data_cb(GstAppSrc* appsrc, guint /*length*/, gpointer backend) {
     GST_LOG("(%s)", GST_OBJECT_NAME(appsrc));
     auto* self = static_cast<GstNoxBackend*>(backend);

@@ -37,6 +37,14 @@ const GstStructure* firstStructure(const GstCaps* caps) {
                                                           : nullptr;
 }
 
+/// The client has had its say: another sink may ask now, without being turned away. A set's sinks
+/// may not care.
+void tellForwarded(GstElement* sink) {
+    constexpr const char* action = "decoder-request-forwarded";
+    if (sink != nullptr && g_signal_lookup(action, G_OBJECT_TYPE(sink)) != 0)
+        g_signal_emit_by_name(sink, action);
+}
+
 GstNoxBackend* backendOf(gpointer data) {
     return static_cast<GstNoxBackend*>(data);
 }
@@ -176,14 +184,21 @@ void GstNoxBackend::about_to_finish_cb(GstElement* /*playbin*/, gpointer /*backe
     GST_DEBUG("player finished playback");
 }
 
-gint GstNoxBackend::decoder_request_cb(GstElement* /*sink*/, const gchar* type, gpointer backend) {
-    return backendOf(backend)->requestDecoder(type);
+gint GstNoxBackend::decoder_request_cb(GstElement* sink, const gchar* type, gpointer backend) {
+    DecoderAnswer answer = backendOf(backend)->askClient(type);
+    if (answer == DecoderAnswer::Granted)
+        answer = backendOf(backend)->askMainSystem(sink, type);
+    return backendOf(backend)->reply(answer);
 }
 
-gint GstNoxBackend::requestDecoder(const gchar* type) {
-    DecoderAnswer answer = askClient(type);
-    if (answer == DecoderAnswer::Granted)
-        answer = askMainSystem(type);
+/// The client is not asked for the decoder of a media source.
+gint GstNoxBackend::source_decoder_request_cb(GstElement* sink, const gchar* type,
+                                              gpointer backend) {
+    return backendOf(backend)->reply(backendOf(backend)->askMainSystem(sink, type));
+}
+
+/// What the sink is told.
+gint GstNoxBackend::reply(DecoderAnswer answer) {
     if (answer == DecoderAnswer::Refused)
         reportRefusal();
     return answer == DecoderAnswer::Granted ? 1 : 0;
@@ -201,7 +216,7 @@ void GstNoxBackend::reportRefusal() {
 }
 
 GstNoxBackend::DecoderAnswer GstNoxBackend::askClient(const gchar* type) {
-    bool asks = false;
+    ClientQuestion question;
     unsigned int brokenWaits = 0;
     {
         const GLibLock lock(m_lock);
@@ -209,31 +224,33 @@ GstNoxBackend::DecoderAnswer GstNoxBackend::askClient(const gchar* type) {
         GST_DEBUG("m_resources_state=%d, type=%s", m_resources_state, type);
         if (m_waitBreakers > 0)
             return DecoderAnswer::Broken;
-        if (m_resources_state == NoResources) {
-            GST_INFO("about asks for resources (%d)", m_resources_needed);
-            m_resources_state = ResourcesAsked;
-            asks = true;
-        }
+        if (m_resources_state != NoResources)
+            return m_resources_state == ResourcesGranted ? DecoderAnswer::Granted
+                                                         : DecoderAnswer::Refused;
+        GST_INFO("about asks for resources (%d)", m_resources_needed);
+        m_resources_state = ResourcesAsked;
+        m_question = &question;
     }
-    if (asks)
-        raiseEvent(new BackendResourceRequestAsyncEvent(m_audioOnly), GST_LEVEL_DEBUG, "type=%d",
-                   m_audioOnly);
+    raiseEvent(new BackendResourceRequestAsyncEvent(m_audioOnly), GST_LEVEL_DEBUG, "type=%d",
+               m_audioOnly);
     const GLibLock lock(m_lock);
-    while (asks && m_resources_state == ResourcesAsked && m_brokenWaits == brokenWaits)
+    while (!question.granted && m_brokenWaits == brokenWaits)
         m_condition.wait(m_lock);
-    if (asks && m_resources_state == ResourcesAsked) { // the wait was broken
+    if (!question.granted) { // the wait was broken
+        m_question = nullptr;
         m_resources_state = NoResources;
         return DecoderAnswer::Broken;
     }
-    return m_resources_state == ResourcesGranted ? DecoderAnswer::Granted : DecoderAnswer::Refused;
+    return *question.granted ? DecoderAnswer::Granted : DecoderAnswer::Refused;
 }
 
-GstNoxBackend::DecoderAnswer GstNoxBackend::askMainSystem(const gchar* type) {
+GstNoxBackend::DecoderAnswer GstNoxBackend::askMainSystem(GstElement* sink, const gchar* type) {
     unsigned int brokenWaits = 0;
     {
         const GLibLock lock(m_lock);
         brokenWaits = m_brokenWaits;
     }
+    tellForwarded(sink);
     if (uvaGstIfReceiver.requestDecoder(type, &m_requester))
         return DecoderAnswer::Granted;
     const GLibLock lock(m_lock);
