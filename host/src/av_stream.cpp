@@ -7,7 +7,9 @@ extern "C" {
 }
 
 #include <algorithm>
+#include <array>
 #include <cmath>
+#include <cstdio>
 #include <cstring>
 #include <limits>
 #include <utility>
@@ -37,6 +39,39 @@ std::vector<std::uint8_t> extradataOf(const AVStream& stream) {
 
 double knownOr(double fallback, double time) {
     return std::isnan(time) ? fallback : time;
+}
+
+std::string timeText(double seconds) {
+    std::array<char, 32> text = {};
+    std::snprintf(text.data(), text.size(), "%.3f s", seconds);
+    return text.data();
+}
+
+/// NAL units behind start codes.
+bool isByteStream(const UVAStreamConfig& config) {
+    return config.codecData == nullptr && (config.codec == UVAStreamConfig::CODEC_H264 ||
+                                           config.codec == UVAStreamConfig::CODEC_H265);
+}
+
+/// The first start code of an access unit has four bytes, and libavformat may leave their first
+/// zero at the end of the access unit before: a parser would take this one to begin there, at the
+/// other one's time. No NAL unit ends with a zero.
+void takeAccessUnit(const std::shared_ptr<const AVPacket>& packet, const std::uint8_t* bytes,
+                    std::size_t size, SampleData& sample) {
+    static constexpr std::uint8_t shortStartCode[] = {0, 0, 1};
+    while (size > 0 && bytes[size - 1] == 0)
+        --size;
+    sample.size = size;
+    const bool cut = size >= std::size(shortStartCode) &&
+                     std::equal(std::begin(shortStartCode), std::end(shortStartCode), bytes);
+    if (!cut) {
+        sample.payload = {packet, bytes};
+        return;
+    }
+    const auto unit = std::make_shared<std::vector<std::uint8_t>>(size + 1);
+    std::copy_n(bytes, size, unit->begin() + 1);
+    sample.payload = {unit, unit->data()};
+    sample.size = unit->size();
 }
 
 } // namespace
@@ -297,7 +332,7 @@ std::optional<SampleData> AvStream::makeSample(const Packet& packet) {
         return std::nullopt;
     if (auto error = takePayload(packet, sample); !error.empty()) {
         m_ahead.clear();
-        m_end = std::move(error);
+        m_end = "at " + timeText(sample.pts) + ": " + error;
     }
     return sample.size == 0 ? std::nullopt : std::optional(std::move(sample));
 }
@@ -369,3 +404,7 @@ std::string AvStream::takePayload(const Packet& packet, SampleData& sample) cons
 }
 
 } // namespace host
+    if (isByteStream(*packet.format->config) && protection.scheme == Protection::Scheme::None) {
+        takeAccessUnit(packet.av, bytes, size, sample);
+        return {};
+    }

@@ -220,8 +220,8 @@ void expectTone(const RenderedStream& audio) {
 }
 
 constexpr const char* clips[] = {
-    "h264-aac.mp4",  "frag.mp4",     "h264-only.mp4",     "aac-only.mp4",
-    "h265-eac3.mp4", "h264-aac.ts",  "vp8-vorbis.webm",   "vp9-opus.webm",
+    "h264-aac.mp4",  "frag.mp4",     "h264-only.mp4",     "aac-only.mp4",    "h265-eac3.mp4",
+    "h264-aac.ts",   "h265-aac.ts",  "h265-10bit.ts",     "vp8-vorbis.webm", "vp9-opus.webm",
     "mpeg4-mp3.mp4", "mpeg2-ac3.ts", "theora-vorbis.ogv", "opus.ogg",
 };
 

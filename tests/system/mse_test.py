@@ -33,6 +33,8 @@ CLIP_ROWS = {
     "vp8-vorbis.webm": None,
     "vp9-opus.webm": None,
     "h264-aac.ts": None,
+    "h265-aac.ts": None,
+    "h265-10bit.ts": None,
     "opus.ogg": None,
     "aac-only.mp4": None,
     "mpeg2-ac3.ts": None,  # the sound alone
