@@ -6,6 +6,7 @@ extern "C" {
 #include <libavcodec/avcodec.h>
 }
 
+#include <algorithm>
 #include <array>
 #include <cstring>
 #include <utility>
@@ -51,13 +52,21 @@ std::string whyNone(const AVFormatContext& context) {
                           : codecs + " cannot be fed as a media source; play the URL without --mse";
 }
 
-/// What becomes time 0: transport streams, and what is cut out of something longer, begin anywhere.
-double timeOffset(const AVFormatContext& context) {
-    if (context.start_time == AV_NOPTS_VALUE)
-        return 0;
-    const double start = static_cast<double>(context.start_time) / AV_TIME_BASE;
-    const bool transportStream = std::strcmp(context.iformat->name, "mpegts") == 0;
-    return transportStream || start > latestStart ? start : 0;
+double startOf(const AvInput& input) {
+    const auto start = input.context()->start_time;
+    return start == AV_NOPTS_VALUE ? 0 : static_cast<double>(start) / AV_TIME_BASE;
+}
+
+/// What becomes time 0 of all inputs: the start of the earliest one, if its clock begins anywhere,
+/// as those of transport streams and of what is cut out of something longer do.
+double timeOffset(const std::vector<std::unique_ptr<AvInput>>& inputs) {
+    const auto earliest =
+        std::min_element(inputs.begin(), inputs.end(), [](const auto& left, const auto& right) {
+            return startOf(*left) < startOf(*right);
+        });
+    const double start = startOf(**earliest);
+    const auto* format = (*earliest)->context()->iformat->name;
+    return std::strcmp(format, "mpegts") == 0 || start > latestStart ? start : 0;
 }
 
 DemuxedMedia failed(std::string error) {
@@ -66,15 +75,10 @@ DemuxedMedia failed(std::string error) {
     return media;
 }
 
-} // namespace
-
-DemuxedMedia openMedia(const std::string& name, const std::atomic<bool>& cancelled) {
-    auto input = std::make_unique<AvInput>(name, cancelled);
-    if (auto error = input->open(); !error.empty())
-        return failed(std::move(error));
-    const double offset = timeOffset(*input->context());
+/// The input, which is open, is for the first of the streams; the others get their own.
+DemuxedMedia openStreams(const std::string& name, std::unique_ptr<AvInput> input, double offset,
+                         const std::atomic<bool>& cancelled) {
     auto why = whyNone(*input->context());
-
     DemuxedMedia media;
     for (const auto type : mediaTypes) {
         if (input == nullptr) {
@@ -95,6 +99,30 @@ DemuxedMedia openMedia(const std::string& name, const std::atomic<bool>& cancell
     if (media.streams.empty())
         media.error = std::move(why);
     return media;
+}
+
+} // namespace
+
+std::vector<DemuxedMedia> openMedia(const std::vector<std::string>& names,
+                                    const std::atomic<bool>& cancelled) {
+    std::vector<DemuxedMedia> media;
+    std::vector<std::unique_ptr<AvInput>> inputs;
+    for (const auto& name : names) {
+        inputs.push_back(std::make_unique<AvInput>(name, cancelled));
+        if (auto error = inputs.back()->open(); !error.empty()) {
+            media.resize(names.size());
+            media[inputs.size() - 1].error = std::move(error);
+            return media;
+        }
+    }
+    const double offset = inputs.empty() ? 0 : timeOffset(inputs);
+    for (std::size_t i = 0; i < names.size(); ++i)
+        media.push_back(openStreams(names[i], std::move(inputs[i]), offset, cancelled));
+    return media;
+}
+
+DemuxedMedia openMedia(const std::string& name, const std::atomic<bool>& cancelled) {
+    return std::move(openMedia(std::vector{name}, cancelled).front());
 }
 
 } // namespace host

@@ -71,25 +71,52 @@ Samples readAll(host::SampleStream& stream, std::string& error) {
     }
 }
 
-/// Packets that ffprobe finds, without the audio that ends before time 0.
-std::size_t packetsOf(const std::string& name, bool audio) {
+struct Times {
+    double pts = NAN; ///< seconds; not a number: unknown
+    double dts = NAN;
+};
+
+/// Of the packets that ffprobe finds, without the audio that ends before time 0.
+std::vector<Times> probe(const std::string& path, bool audio) {
     const auto command = "ffprobe -v quiet -select_streams " + std::string(audio ? "a:0" : "V:0") +
-                         " -show_entries packet=pts_time,duration_time -of csv=p=1 '" +
-                         pathOf(name) + "'";
+                         " -show_entries packet=pts_time,dts_time,duration_time -of csv=p=1 '" +
+                         path + "'";
     const std::unique_ptr<FILE, int (*)(FILE*)> pipe(popen(command.c_str(), "r"), pclose);
-    const bool mayBegin = audio && name.find(".ts") == std::string::npos &&
-                          name.find("opus") == std::string::npos &&
-                          name.find("vorbis") == std::string::npos;
-    std::size_t count = 0;
+    const bool mayBegin = audio && path.find(".ts") == std::string::npos &&
+                          path.find("opus") == std::string::npos &&
+                          path.find("vorbis") == std::string::npos;
+    std::vector<Times> packets;
     for (char line[128]; fgets(line, sizeof line, pipe.get()) != nullptr;) {
-        double pts = 0;
-        double duration = 0;
-        const int fields = sscanf(line, "packet,%lf,%lf", &pts, &duration);
         if (std::string_view(line).rfind("packet", 0) != 0)
             continue;
-        count += fields == 2 && mayBegin && pts < 0 && pts + duration < 1e-5 ? 0 : 1;
+        std::stringstream fields(line);
+        double values[3] = {NAN, NAN, NAN};
+        std::string field;
+        std::getline(fields, field, ',');
+        for (double& value : values)
+            if (std::getline(fields, field, ','))
+                value = field.rfind("N/A", 0) == 0 ? NAN : std::strtod(field.c_str(), nullptr);
+        if (!mayBegin || !(values[0] < 0 && values[0] + values[2] < 1e-5))
+            packets.push_back({values[0], values[1]});
     }
-    return count;
+    return packets;
+}
+
+/// The one distance between the times of the samples and those that ffprobe finds.
+void expectMoved(const Samples& samples, const std::vector<Times>& packets, double by) {
+    ASSERT_EQ(samples.size(), packets.size());
+    for (std::size_t i = 0; i < samples.size(); ++i) {
+        if (const double pts = packets[i].pts + by; pts >= 0) {
+            ASSERT_NEAR(samples[i]->pts(), pts, 1e-4) << i;
+        }
+        if (const double dts = packets[i].dts + by; dts >= 0) {
+            ASSERT_NEAR(samples[i]->dts(), dts, 1e-4) << i;
+        }
+    }
+}
+
+Bytes startOf(const host::Sample& sample) {
+    return {sample.payload(), sample.payload() + std::min<std::size_t>(sample.payloadSize(), 4)};
 }
 
 /// Where reading has to begin for a target.
@@ -114,11 +141,12 @@ void PrintTo(const File& file, std::ostream* out) {
 
 class Demux : public testing::TestWithParam<File> {
 protected:
-    void check(const std::string& name, host::SampleStream& stream);
+    void check(const std::string& name, host::SampleStream& stream, std::optional<double>& moved);
     void checkSeeks(host::SampleStream& stream, const Samples& scan);
 };
 
-void Demux::check(const std::string& name, host::SampleStream& stream) {
+void Demux::check(const std::string& name, host::SampleStream& stream,
+                  std::optional<double>& moved) {
     const auto& info = stream.info();
     const bool audio = info.kind == StreamInfo::Kind::Audio;
     SCOPED_TRACE(info.codec);
@@ -127,15 +155,24 @@ void Demux::check(const std::string& name, host::SampleStream& stream) {
     std::string error;
     const auto scan = readAll(stream, error);
     EXPECT_EQ(error, "");
-    EXPECT_EQ(scan.size(), packetsOf(name, audio));
+    const auto packets = probe(pathOf(name), audio);
     ASSERT_FALSE(scan.empty());
     double dts = -1e9;
+    ASSERT_FALSE(packets.empty());
+    if (!moved)
+        moved = scan.back()->dts() - packets.back().dts;
+    expectMoved(scan, packets, *moved);
+    const bool isByteStream = name.find(".ts") != std::string::npos && !audio;
     double end = 0;
     for (const auto& sample : scan) {
         ASSERT_NE(sample->payload(), nullptr);
-        EXPECT_GT(sample->payloadSize(), 0U);
+        ASSERT_GT(sample->payloadSize(), 0U);
         EXPECT_GE(sample->dts(), dts);
         EXPECT_GE(sample->pts(), audio ? 0 : -0.2);
+        if (isByteStream) {
+            EXPECT_EQ(startOf(*sample), Bytes({0, 0, 0, 1}));
+            EXPECT_NE(sample->payload()[sample->payloadSize() - 1], 0);
+        }
         EXPECT_GE(sample->duration(), 0);
         EXPECT_LT(sample->duration(), 1.5);
         EXPECT_EQ(sample->config(), scan.front()->config());
@@ -188,7 +225,8 @@ TEST_P(Demux, DeliversEverySampleFromEveryKeyFrame) {
     expected += *GetParam().video != '\0' ? 1 : 0;
     ASSERT_EQ(media.streams.size(), expected);
     for (const auto& stream : media.streams)
-        check(GetParam().name, *stream);
+    std::optional<double> moved; // of all streams
+        check(GetParam().name, *stream, moved);
 }
 
 constexpr auto* aac = "audio/x-aac+adts";
@@ -213,6 +251,8 @@ constexpr File files[] = {
     {"vp8-vorbis.webm", vorbis, vp8},
     {"vp9-opus.webm", opus, vp9},
     {"corpus:broken/mdat-too-long.mp4", aac, h264, true},
+    {"h265-aac.ts", aac, h265},
+    {"h265-10bit.ts", none, h265},
     {"corpus:hls/ts/bear-640x360-audio-2.ts", aac, none},
     {"corpus:hls/ts/bear-640x360-video-2.ts", none, h264},
     {"corpus:mse/ac3.mp4", ac3, none},
@@ -243,6 +283,60 @@ constexpr File files[] = {
 INSTANTIATE_TEST_SUITE_P(Files, Demux, testing::ValuesIn(files));
 
 TEST(Conversion, MakesAdtsHeadersOfAudioSpecificConfigs) {
+/// What is one piece of media shares its time 0, however many inputs it has.
+TEST(Together, InputsKeepTheirDistance) {
+    constexpr auto* fragments =
+        " -movflags frag_keyframe+empty_moov+default_base_moof+delay_moov -f mp4 ";
+    const struct {
+        const char* what;
+        std::string audio, video; ///< how ffmpeg makes them
+        double moved;             ///< about, seconds
+    } rows[] = {
+        {"transport streams", "-output_ts_offset 9 -f mpegts", "-output_ts_offset 9.3 -f mpegts",
+         -10.38},
+        {"... the picture first", "-output_ts_offset 4 -f mpegts", "-f mpegts", -1.48},
+        {"fragments", std::string("-output_ts_offset 9.7") + fragments,
+         std::string("-output_ts_offset 9") + fragments, -9},
+        {"an empty edit", "-f mp4", "-output_ts_offset 0.8 -f mp4", 0},
+        {"from the middle", "-ss 1 -f mp4", "-ss 1 -f mp4", 0},
+        {"two containers", "-output_ts_offset 2 -f matroska", "-f mpegts", -1.48},
+    };
+    const auto made = "/tmp/demux_test.together." + std::to_string(getpid());
+    const std::string names[] = {made + ".a", made + ".v"};
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.what);
+        const auto command = "ffmpeg -nostdin -v error -y -i '" + pathOf("clip.mp4") +
+                             "' -c copy -vn " + row.audio + " '" + names[0] + "' -c copy -an " +
+                             row.video + " '" + names[1] + "'";
+        ASSERT_EQ(std::system(command.c_str()), 0) << command;
+        const std::atomic<bool> cancelled{false};
+        const auto media = host::openMedia({names[0], names[1]}, cancelled);
+        ASSERT_EQ(media.size(), 2U);
+        std::optional<double> moved; // of both
+        double end = 0;
+        double longest = 0;
+        for (std::size_t i = 0; i < media.size(); ++i) {
+            SCOPED_TRACE(names[i]);
+            ASSERT_EQ(media[i].streams.size(), 1U) << media[i].error;
+            std::string error;
+            const auto samples = readAll(*media[i].streams[0], error);
+            EXPECT_EQ(error, "");
+            const auto packets = probe(names[i], i == 0);
+            ASSERT_EQ(samples.size(), packets.size());
+            if (!moved)
+                moved = samples.back()->dts() - packets.back().dts;
+            EXPECT_NEAR(*moved, row.moved, 0.025);
+            expectMoved(samples, packets, *moved);
+            for (const auto& sample : samples)
+                end = std::max(end, sample->pts() + sample->duration());
+            longest = std::max(longest, media[i].streams[0]->info().duration);
+        }
+        EXPECT_NEAR(longest, end, 0.05);
+    }
+    for (const auto& name : names)
+        std::filesystem::remove(name);
+}
+
     const struct {
         Bytes config;
         int profile, rateIndex, channels; ///< none: cannot be told in ADTS

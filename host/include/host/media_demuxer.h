@@ -26,4 +26,10 @@ DemuxedMedia openMedia(const std::string& name, const std::atomic<bool>& cancell
 
 } // namespace host
 
+/// The same for what makes up one piece of media: audio and video apart, other renditions. All
+/// count from one time 0, the start of the earliest. One answer a name; when an input cannot be
+/// opened its answer has the error, and no answer has streams.
+std::vector<DemuxedMedia> openMedia(const std::vector<std::string>& names,
+                                    const std::atomic<bool>& cancelled);
+
 #endif
