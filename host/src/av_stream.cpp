@@ -119,14 +119,22 @@ double AvStream::endOfStream() const {
     const auto containerTime = [](std::int64_t time) {
         return time == AV_NOPTS_VALUE ? 0 : static_cast<double>(time) / AV_TIME_BASE;
     };
+    const auto* scan = m_input->scan();
+    if (scan != nullptr)
+        if (const auto end = scan->endOf(static_cast<std::uint32_t>(stream().id)))
+            return std::max(*end - m_timeOffset, 0.0);
+    // These tell of lengths from time 0 on, others of those from the first sample on.
+    const bool fromZero = (scan != nullptr && scan->isFragmented()) ||
+                          std::strcmp(context.iformat->name, "matroska,webm") == 0;
     double end = 0;
     // An estimate from the last times in the file misses most of an audio packet with many frames.
     if (stream().duration != AV_NOPTS_VALUE &&
         context.duration_estimation_method != AVFMT_DURATION_FROM_PTS)
-        end = knownOr(-m_timeOffset, seconds(stream().start_time)) +
-              static_cast<double>(stream().duration) * av_q2d(stream().time_base);
+        end = static_cast<double>(stream().duration) * av_q2d(stream().time_base) +
+              (fromZero ? -m_timeOffset : knownOr(-m_timeOffset, seconds(stream().start_time)));
     else
-        end = containerTime(context.start_time) + containerTime(context.duration) - m_timeOffset;
+        end = (fromZero ? 0 : containerTime(context.start_time)) + containerTime(context.duration) -
+              m_timeOffset;
     return std::max(end, 0.0);
 }
 
@@ -176,9 +184,22 @@ std::optional<AvStream::Packet> AvStream::readPacket() {
         const bool ordered = isAudio() || stream().codecpar->video_delay == 0;
         const auto pts = packet->pts == AV_NOPTS_VALUE && ordered ? packet->dts : packet->pts;
         const bool keyFrame = isAudio() || (packet->flags & AV_PKT_FLAG_KEY) != 0;
-        return Packet{packet, m_format, seconds(pts), seconds(packet->dts), keyFrame};
+        return Packet{packet,       m_format,
+                      seconds(pts), seconds(packet->dts),
+                      keyFrame,     findProtection(*packet)};
     }
     return std::nullopt;
+}
+
+std::shared_ptr<const TrackProtection> AvStream::findProtection(const AVPacket& packet) {
+    auto* scan = m_input->scan();
+    if (scan == nullptr)
+        return nullptr;
+    if (packet.pos >= 0) // else it is a part of the one before
+        m_place = packet.pos;
+    const auto place = static_cast<std::uint64_t>(m_place);
+    scan->coverTo(place);
+    return scan->protectionAt(place, static_cast<std::uint32_t>(stream().id));
 }
 
 /// False when they cannot be used, with which the stream ends.
@@ -226,7 +247,8 @@ std::string AvStream::seek(double target) {
     target = std::clamp(knownOr(0, target), 0.0, longestMedia);
     if (!m_firstRead && !readPacket())
         return m_end->empty() ? "there is no sample in it" : *m_end;
-    for (double back = 0; back < target && knowsTimes(); back = std::max(1.0, back * 2)) {
+    for (double back = 0; back < target && knowsTimes() && knowsVectors();
+         back = std::max(1.0, back * 2)) {
         if (jump(target - back) && readAheadTo(target))
             return {};
         if (m_input->interrupted())
@@ -246,6 +268,14 @@ bool AvStream::knowsTimes() const {
     return std::strcmp(m_input->context()->iformat->name, "ogg") != 0;
 }
 
+/// Behind a seek in encrypted fragments libavformat takes the vectors of other samples. From the
+/// start, of a file opened anew, it takes the right ones.
+bool AvStream::knowsVectors() const {
+    const auto* scan = m_input->scan();
+    return scan == nullptr || !scan->isFragmented() ||
+           !scan->isEncrypted(static_cast<std::uint32_t>(stream().id));
+}
+
 /// libavformat may land later than asked, or fail.
 bool AvStream::jump(double target) {
     startReading();
@@ -259,7 +289,7 @@ std::string AvStream::goToStart() {
     startReading();
     auto* context = m_input->context();
     const auto start = m_firstRead.value_or(AV_NOPTS_VALUE);
-    const bool moved = start != AV_NOPTS_VALUE &&
+    const bool moved = start != AV_NOPTS_VALUE && knowsVectors() &&
                        (av_seek_frame(context, m_index, start, AVSEEK_FLAG_BACKWARD) >= 0 ||
                         av_seek_frame(context, m_index, start, 0) >= 0);
     auto first = moved ? readPacket() : std::nullopt;
@@ -379,10 +409,15 @@ std::string AvStream::takePayload(const Packet& packet, SampleData& sample) cons
     const std::uint8_t* bytes = packet.av->data;
     auto size = static_cast<std::size_t>(packet.av->size);
     auto& protection = sample.protection;
-    auto error = m_keyId.empty() ? readMp4Protection(*packet.av, protection)
-                                 : takeWebmProtection(m_keyId, bytes, size, protection);
+    auto error = m_keyId.empty()
+                     ? readMp4Protection(*packet.av, packet.protection.get(), protection)
+                     : takeWebmProtection(m_keyId, bytes, size, protection);
     if (!error.empty())
         return error;
+    if (isByteStream(*packet.format->config) && protection.scheme == Protection::Scheme::None) {
+        takeAccessUnit(packet.av, bytes, size, sample);
+        return {};
+    }
     if (!packet.format->adts) {
         sample.payload = {packet.av, bytes};
         sample.size = size;
@@ -404,7 +439,3 @@ std::string AvStream::takePayload(const Packet& packet, SampleData& sample) cons
 }
 
 } // namespace host
-    if (isByteStream(*packet.format->config) && protection.scheme == Protection::Scheme::None) {
-        takeAccessUnit(packet.av, bytes, size, sample);
-        return {};
-    }

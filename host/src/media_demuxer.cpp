@@ -1,6 +1,7 @@
 #include "host/media_demuxer.h"
 
 #include "av_stream.h"
+#include "host/media_source.h"
 
 extern "C" {
 #include <libavcodec/avcodec.h>
@@ -101,6 +102,72 @@ DemuxedMedia openStreams(const std::string& name, std::unique_ptr<AvInput> input
     return media;
 }
 
+/// Of a file that begins anew in the middle: with other keys, or clear before it is encrypted.
+struct Part {
+    std::string name;
+    std::uint64_t begin = 0;
+};
+
+/// Behind the first one.
+std::vector<Part> furtherParts(const std::string& name, const AvInput& input) {
+    std::vector<Part> parts;
+    if (input.scan() == nullptr || !input.isLocal())
+        return parts;
+    const auto& begins = input.scan()->beginnings();
+    for (std::size_t i = 1; i < begins.size(); ++i)
+        parts.push_back(
+            {partOf(name, begins[i], i + 1 < begins.size() ? begins[i + 1] : 0), begins[i]});
+    return parts;
+}
+
+/// Puts a part's streams behind those there are. Answers what is wrong.
+std::string append(const Part& part, double offset, double& latest,
+                   const std::atomic<bool>& cancelled, DemuxedMedia& media) {
+    auto input = std::make_unique<AvInput>(part.name, cancelled);
+    if (auto error = input->open(); !error.empty())
+        return error;
+    const double start = startOf(*input) - offset;
+    if (!input->scan()->isFragmented() || start <= latest)
+        return "it does not go on in time; play it as a file of its own";
+    latest = start;
+    auto further = openStreams(part.name, std::move(input), offset, cancelled);
+    if (further.streams.size() != media.streams.size())
+        return further.error.empty() ? "it has other streams" : further.error;
+    for (std::size_t i = 0; i < media.streams.size(); ++i) {
+        auto& first = media.streams[i];
+        auto& next = further.streams[i];
+        if (first->info().kind != next->info().kind || first->info().codec != next->info().codec)
+            return "it has other codecs; play it as a file of its own";
+        first = switchAt(std::move(first), start, std::move(next));
+    }
+    return {};
+}
+
+DemuxedMedia openParts(const std::string& name, std::unique_ptr<AvInput> input, double offset,
+                       const std::atomic<bool>& cancelled) {
+    constexpr std::size_t mostParts = 16; // each has files open
+    const auto parts = furtherParts(name, *input);
+    if (parts.empty())
+        return openStreams(name, std::move(input), offset, cancelled);
+    if (parts.size() > mostParts)
+        return failed("it begins anew ('moov') more than " + std::to_string(mostParts) +
+                      " times; play its parts as files of their own");
+    double latest = startOf(*input) - offset;
+    const auto first = partOf(name, 0, parts.front().begin);
+    input = std::make_unique<AvInput>(first, cancelled);
+    if (auto error = input->open(); !error.empty())
+        return failed(std::move(error));
+    auto media = openStreams(first, std::move(input), offset, cancelled);
+    for (const auto& part : parts) {
+        if (media.streams.empty())
+            break;
+        if (auto error = append(part, offset, latest, cancelled, media); !error.empty())
+            return failed("what begins anew ('moov') at byte " + std::to_string(part.begin) +
+                          " cannot be joined: " + error);
+    }
+    return media;
+}
+
 } // namespace
 
 std::vector<DemuxedMedia> openMedia(const std::vector<std::string>& names,
@@ -117,7 +184,7 @@ std::vector<DemuxedMedia> openMedia(const std::vector<std::string>& names,
     }
     const double offset = inputs.empty() ? 0 : timeOffset(inputs);
     for (std::size_t i = 0; i < names.size(); ++i)
-        media.push_back(openStreams(names[i], std::move(inputs[i]), offset, cancelled));
+        media.push_back(openParts(names[i], std::move(inputs[i]), offset, cancelled));
     return media;
 }
 
