@@ -7,7 +7,9 @@ extern "C" {
 }
 
 #include <algorithm>
+#include <array>
 #include <cmath>
+#include <cstdio>
 #include <cstring>
 #include <limits>
 #include <utility>
@@ -37,6 +39,39 @@ std::vector<std::uint8_t> extradataOf(const AVStream& stream) {
 
 double knownOr(double fallback, double time) {
     return std::isnan(time) ? fallback : time;
+}
+
+std::string timeText(double seconds) {
+    std::array<char, 32> text = {};
+    std::snprintf(text.data(), text.size(), "%.3f s", seconds);
+    return text.data();
+}
+
+/// NAL units behind start codes.
+bool isByteStream(const UVAStreamConfig& config) {
+    return config.codecData == nullptr && (config.codec == UVAStreamConfig::CODEC_H264 ||
+                                           config.codec == UVAStreamConfig::CODEC_H265);
+}
+
+/// The first start code of an access unit has four bytes, and libavformat may leave their first
+/// zero at the end of the access unit before: a parser would take this one to begin there, at the
+/// other one's time. No NAL unit ends with a zero.
+void takeAccessUnit(const std::shared_ptr<const AVPacket>& packet, const std::uint8_t* bytes,
+                    std::size_t size, SampleData& sample) {
+    static constexpr std::uint8_t shortStartCode[] = {0, 0, 1};
+    while (size > 0 && bytes[size - 1] == 0)
+        --size;
+    sample.size = size;
+    const bool cut = size >= std::size(shortStartCode) &&
+                     std::equal(std::begin(shortStartCode), std::end(shortStartCode), bytes);
+    if (!cut) {
+        sample.payload = {packet, bytes};
+        return;
+    }
+    const auto unit = std::make_shared<std::vector<std::uint8_t>>(size + 1);
+    std::copy_n(bytes, size, unit->begin() + 1);
+    sample.payload = {unit, unit->data()};
+    sample.size = unit->size();
 }
 
 } // namespace
@@ -84,14 +119,22 @@ double AvStream::endOfStream() const {
     const auto containerTime = [](std::int64_t time) {
         return time == AV_NOPTS_VALUE ? 0 : static_cast<double>(time) / AV_TIME_BASE;
     };
+    const auto* scan = m_input->scan();
+    if (scan != nullptr)
+        if (const auto end = scan->endOf(static_cast<std::uint32_t>(stream().id)))
+            return std::max(*end - m_timeOffset, 0.0);
+    // These tell of lengths from time 0 on, others of those from the first sample on.
+    const bool fromZero = (scan != nullptr && scan->isFragmented()) ||
+                          std::strcmp(context.iformat->name, "matroska,webm") == 0;
     double end = 0;
     // An estimate from the last times in the file misses most of an audio packet with many frames.
     if (stream().duration != AV_NOPTS_VALUE &&
         context.duration_estimation_method != AVFMT_DURATION_FROM_PTS)
-        end = knownOr(-m_timeOffset, seconds(stream().start_time)) +
-              static_cast<double>(stream().duration) * av_q2d(stream().time_base);
+        end = static_cast<double>(stream().duration) * av_q2d(stream().time_base) +
+              (fromZero ? -m_timeOffset : knownOr(-m_timeOffset, seconds(stream().start_time)));
     else
-        end = containerTime(context.start_time) + containerTime(context.duration) - m_timeOffset;
+        end = (fromZero ? 0 : containerTime(context.start_time)) + containerTime(context.duration) -
+              m_timeOffset;
     return std::max(end, 0.0);
 }
 
@@ -141,9 +184,22 @@ std::optional<AvStream::Packet> AvStream::readPacket() {
         const bool ordered = isAudio() || stream().codecpar->video_delay == 0;
         const auto pts = packet->pts == AV_NOPTS_VALUE && ordered ? packet->dts : packet->pts;
         const bool keyFrame = isAudio() || (packet->flags & AV_PKT_FLAG_KEY) != 0;
-        return Packet{packet, m_format, seconds(pts), seconds(packet->dts), keyFrame};
+        return Packet{packet,       m_format,
+                      seconds(pts), seconds(packet->dts),
+                      keyFrame,     findProtection(*packet)};
     }
     return std::nullopt;
+}
+
+std::shared_ptr<const TrackProtection> AvStream::findProtection(const AVPacket& packet) {
+    auto* scan = m_input->scan();
+    if (scan == nullptr)
+        return nullptr;
+    if (packet.pos >= 0) // else it is a part of the one before
+        m_place = packet.pos;
+    const auto place = static_cast<std::uint64_t>(m_place);
+    scan->coverTo(place);
+    return scan->protectionAt(place, static_cast<std::uint32_t>(stream().id));
 }
 
 /// False when they cannot be used, with which the stream ends.
@@ -191,7 +247,8 @@ std::string AvStream::seek(double target) {
     target = std::clamp(knownOr(0, target), 0.0, longestMedia);
     if (!m_firstRead && !readPacket())
         return m_end->empty() ? "there is no sample in it" : *m_end;
-    for (double back = 0; back < target && knowsTimes(); back = std::max(1.0, back * 2)) {
+    for (double back = 0; back < target && knowsTimes() && knowsVectors();
+         back = std::max(1.0, back * 2)) {
         if (jump(target - back) && readAheadTo(target))
             return {};
         if (m_input->interrupted())
@@ -211,6 +268,14 @@ bool AvStream::knowsTimes() const {
     return std::strcmp(m_input->context()->iformat->name, "ogg") != 0;
 }
 
+/// Behind a seek in encrypted fragments libavformat takes the vectors of other samples. From the
+/// start, of a file opened anew, it takes the right ones.
+bool AvStream::knowsVectors() const {
+    const auto* scan = m_input->scan();
+    return scan == nullptr || !scan->isFragmented() ||
+           !scan->isEncrypted(static_cast<std::uint32_t>(stream().id));
+}
+
 /// libavformat may land later than asked, or fail.
 bool AvStream::jump(double target) {
     startReading();
@@ -224,7 +289,7 @@ std::string AvStream::goToStart() {
     startReading();
     auto* context = m_input->context();
     const auto start = m_firstRead.value_or(AV_NOPTS_VALUE);
-    const bool moved = start != AV_NOPTS_VALUE &&
+    const bool moved = start != AV_NOPTS_VALUE && knowsVectors() &&
                        (av_seek_frame(context, m_index, start, AVSEEK_FLAG_BACKWARD) >= 0 ||
                         av_seek_frame(context, m_index, start, 0) >= 0);
     auto first = moved ? readPacket() : std::nullopt;
@@ -297,7 +362,7 @@ std::optional<SampleData> AvStream::makeSample(const Packet& packet) {
         return std::nullopt;
     if (auto error = takePayload(packet, sample); !error.empty()) {
         m_ahead.clear();
-        m_end = std::move(error);
+        m_end = "at " + timeText(sample.pts) + ": " + error;
     }
     return sample.size == 0 ? std::nullopt : std::optional(std::move(sample));
 }
@@ -344,10 +409,15 @@ std::string AvStream::takePayload(const Packet& packet, SampleData& sample) cons
     const std::uint8_t* bytes = packet.av->data;
     auto size = static_cast<std::size_t>(packet.av->size);
     auto& protection = sample.protection;
-    auto error = m_keyId.empty() ? readMp4Protection(*packet.av, protection)
-                                 : takeWebmProtection(m_keyId, bytes, size, protection);
+    auto error = m_keyId.empty()
+                     ? readMp4Protection(*packet.av, packet.protection.get(), protection)
+                     : takeWebmProtection(m_keyId, bytes, size, protection);
     if (!error.empty())
         return error;
+    if (isByteStream(*packet.format->config) && protection.scheme == Protection::Scheme::None) {
+        takeAccessUnit(packet.av, bytes, size, sample);
+        return {};
+    }
     if (!packet.format->adts) {
         sample.payload = {packet.av, bytes};
         sample.size = size;

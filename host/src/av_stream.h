@@ -31,6 +31,7 @@ private:
         double pts = 0; ///< not a number: unknown
         double dts = 0;
         bool keyFrame = false;
+        std::shared_ptr<const TrackProtection> protection; ///< null: as the packet tells
     };
     using SharedFormat = std::shared_ptr<const StreamFormat>;
 
@@ -44,11 +45,13 @@ private:
 
     std::optional<Packet> nextPacket();
     std::optional<Packet> readPacket();
+    std::shared_ptr<const TrackProtection> findProtection(const AVPacket& packet);
     bool takeNewHeaders(const AVPacket& packet);
     void endWith(int error);
     bool isTruncated() const;
 
     bool knowsTimes() const;
+    bool knowsVectors() const;
     bool jump(double target);
     std::string goToStart();
     std::string reopen();
@@ -74,6 +77,7 @@ private:
     std::optional<std::string> m_end; ///< nothing follows what is read, and what went wrong if so
     std::optional<std::int64_t> m_firstRead;    ///< timestamp of the very first packet
     std::int64_t m_latestRead = AV_NOPTS_VALUE; ///< the greatest since the last seek
+    std::int64_t m_place = 0;                   ///< of the packet read last, in the file
     double m_distance = -1;                     ///< seconds from the packet before
 };
 

@@ -2,6 +2,7 @@
 #define HOST_PACKET_PROTECTION_H
 
 #include "host/sample.h"
+#include "mp4_scan.h"
 
 extern "C" {
 #include <libavcodec/packet.h>
@@ -13,8 +14,10 @@ extern "C" {
 
 namespace host {
 
-/// How a packet of an MP4 track is encrypted: nothing for a clear one. Answers what is wrong.
-std::string readMp4Protection(const AVPacket& packet, Protection& protection);
+/// How a packet of an MP4 track is encrypted: nothing for a clear one. Where `track` says it
+/// otherwise than the packet, that holds; it may be null. Answers what is wrong.
+std::string readMp4Protection(const AVPacket& packet, const TrackProtection* track,
+                              Protection& protection);
 
 /// Takes what a frame of an encrypted WebM track begins with - whether and how it is encrypted -
 /// off its front. Answers what is wrong.

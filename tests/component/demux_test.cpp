@@ -1,5 +1,6 @@
 #include "codec_conversion.h"
 #include "host/media_demuxer.h"
+#include "mp4_scan.h"
 #include "packet_protection.h"
 
 #include "support/wait_until.h"
@@ -71,25 +72,52 @@ Samples readAll(host::SampleStream& stream, std::string& error) {
     }
 }
 
-/// Packets that ffprobe finds, without the audio that ends before time 0.
-std::size_t packetsOf(const std::string& name, bool audio) {
+struct Times {
+    double pts = NAN; ///< seconds; not a number: unknown
+    double dts = NAN;
+};
+
+/// Of the packets that ffprobe finds, without the audio that ends before time 0.
+std::vector<Times> probe(const std::string& path, bool audio) {
     const auto command = "ffprobe -v quiet -select_streams " + std::string(audio ? "a:0" : "V:0") +
-                         " -show_entries packet=pts_time,duration_time -of csv=p=1 '" +
-                         pathOf(name) + "'";
+                         " -show_entries packet=pts_time,dts_time,duration_time -of csv=p=1 '" +
+                         path + "'";
     const std::unique_ptr<FILE, int (*)(FILE*)> pipe(popen(command.c_str(), "r"), pclose);
-    const bool mayBegin = audio && name.find(".ts") == std::string::npos &&
-                          name.find("opus") == std::string::npos &&
-                          name.find("vorbis") == std::string::npos;
-    std::size_t count = 0;
+    const bool mayBegin = audio && path.find(".ts") == std::string::npos &&
+                          path.find("opus") == std::string::npos &&
+                          path.find("vorbis") == std::string::npos;
+    std::vector<Times> packets;
     for (char line[128]; fgets(line, sizeof line, pipe.get()) != nullptr;) {
-        double pts = 0;
-        double duration = 0;
-        const int fields = sscanf(line, "packet,%lf,%lf", &pts, &duration);
         if (std::string_view(line).rfind("packet", 0) != 0)
             continue;
-        count += fields == 2 && mayBegin && pts < 0 && pts + duration < 1e-5 ? 0 : 1;
+        std::stringstream fields(line);
+        double values[3] = {NAN, NAN, NAN};
+        std::string field;
+        std::getline(fields, field, ',');
+        for (double& value : values)
+            if (std::getline(fields, field, ','))
+                value = field.rfind("N/A", 0) == 0 ? NAN : std::strtod(field.c_str(), nullptr);
+        if (!mayBegin || !(values[0] < 0 && values[0] + values[2] < 1e-5))
+            packets.push_back({values[0], values[1]});
     }
-    return count;
+    return packets;
+}
+
+/// The one distance between the times of the samples and those that ffprobe finds.
+void expectMoved(const Samples& samples, const std::vector<Times>& packets, double by) {
+    ASSERT_EQ(samples.size(), packets.size());
+    for (std::size_t i = 0; i < samples.size(); ++i) {
+        if (const double pts = packets[i].pts + by; pts >= 0) {
+            ASSERT_NEAR(samples[i]->pts(), pts, 1e-4) << i;
+        }
+        if (const double dts = packets[i].dts + by; dts >= 0) {
+            ASSERT_NEAR(samples[i]->dts(), dts, 1e-4) << i;
+        }
+    }
+}
+
+Bytes startOf(const host::Sample& sample) {
+    return {sample.payload(), sample.payload() + std::min<std::size_t>(sample.payloadSize(), 4)};
 }
 
 /// Where reading has to begin for a target.
@@ -114,11 +142,12 @@ void PrintTo(const File& file, std::ostream* out) {
 
 class Demux : public testing::TestWithParam<File> {
 protected:
-    void check(const std::string& name, host::SampleStream& stream);
+    void check(const std::string& name, host::SampleStream& stream, std::optional<double>& moved);
     void checkSeeks(host::SampleStream& stream, const Samples& scan);
 };
 
-void Demux::check(const std::string& name, host::SampleStream& stream) {
+void Demux::check(const std::string& name, host::SampleStream& stream,
+                  std::optional<double>& moved) {
     const auto& info = stream.info();
     const bool audio = info.kind == StreamInfo::Kind::Audio;
     SCOPED_TRACE(info.codec);
@@ -127,14 +156,23 @@ void Demux::check(const std::string& name, host::SampleStream& stream) {
     std::string error;
     const auto scan = readAll(stream, error);
     EXPECT_EQ(error, "");
-    EXPECT_EQ(scan.size(), packetsOf(name, audio));
+    const auto packets = probe(pathOf(name), audio);
     ASSERT_FALSE(scan.empty());
+    ASSERT_FALSE(packets.empty());
+    if (!moved)
+        moved = scan.back()->dts() - packets.back().dts;
+    expectMoved(scan, packets, *moved);
+    const bool isByteStream = name.find(".ts") != std::string::npos && !audio;
     double dts = -1e9;
     double end = 0;
     for (const auto& sample : scan) {
         ASSERT_NE(sample->payload(), nullptr);
-        EXPECT_GT(sample->payloadSize(), 0U);
+        ASSERT_GT(sample->payloadSize(), 0U);
         EXPECT_GE(sample->dts(), dts);
+        if (isByteStream) {
+            EXPECT_EQ(startOf(*sample), Bytes({0, 0, 0, 1}));
+            EXPECT_NE(sample->payload()[sample->payloadSize() - 1], 0);
+        }
         EXPECT_GE(sample->pts(), audio ? 0 : -0.2);
         EXPECT_GE(sample->duration(), 0);
         EXPECT_LT(sample->duration(), 1.5);
@@ -187,8 +225,9 @@ TEST_P(Demux, DeliversEverySampleFromEveryKeyFrame) {
     std::size_t expected = *GetParam().audio != '\0' ? 1 : 0;
     expected += *GetParam().video != '\0' ? 1 : 0;
     ASSERT_EQ(media.streams.size(), expected);
+    std::optional<double> moved; // of all streams
     for (const auto& stream : media.streams)
-        check(GetParam().name, *stream);
+        check(GetParam().name, *stream, moved);
 }
 
 constexpr auto* aac = "audio/x-aac+adts";
@@ -212,6 +251,8 @@ constexpr File files[] = {
     {"opus.ogg", opus, none},
     {"vp8-vorbis.webm", vorbis, vp8},
     {"vp9-opus.webm", opus, vp9},
+    {"h265-aac.ts", aac, h265},
+    {"h265-10bit.ts", none, h265},
     {"corpus:broken/mdat-too-long.mp4", aac, h264, true},
     {"corpus:hls/ts/bear-640x360-audio-2.ts", aac, none},
     {"corpus:hls/ts/bear-640x360-video-2.ts", none, h264},
@@ -241,6 +282,60 @@ constexpr File files[] = {
     {"corpus:progressive/webm-vp9-opus-51.webm", opus, vp9},
 };
 INSTANTIATE_TEST_SUITE_P(Files, Demux, testing::ValuesIn(files));
+
+/// What is one piece of media shares its time 0, however many inputs it has.
+TEST(Together, InputsKeepTheirDistance) {
+    constexpr auto* fragments =
+        " -movflags frag_keyframe+empty_moov+default_base_moof+delay_moov -f mp4 ";
+    const struct {
+        const char* what;
+        std::string audio, video; ///< how ffmpeg makes them
+        double moved;             ///< about, seconds
+    } rows[] = {
+        {"transport streams", "-output_ts_offset 9 -f mpegts", "-output_ts_offset 9.3 -f mpegts",
+         -10.38},
+        {"... the picture first", "-output_ts_offset 4 -f mpegts", "-f mpegts", -1.48},
+        {"fragments", std::string("-output_ts_offset 9.7") + fragments,
+         std::string("-output_ts_offset 9") + fragments, -9},
+        {"an empty edit", "-f mp4", "-output_ts_offset 0.8 -f mp4", 0},
+        {"from the middle", "-ss 1 -f mp4", "-ss 1 -f mp4", 0},
+        {"two containers", "-output_ts_offset 2 -f matroska", "-f mpegts", -1.48},
+    };
+    const auto made = "/tmp/demux_test.together." + std::to_string(getpid());
+    const std::string names[] = {made + ".a", made + ".v"};
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.what);
+        const auto command = "ffmpeg -nostdin -v error -y -i '" + pathOf("clip.mp4") +
+                             "' -c copy -vn " + row.audio + " '" + names[0] + "' -c copy -an " +
+                             row.video + " '" + names[1] + "'";
+        ASSERT_EQ(std::system(command.c_str()), 0) << command;
+        const std::atomic<bool> cancelled{false};
+        const auto media = host::openMedia({names[0], names[1]}, cancelled);
+        ASSERT_EQ(media.size(), 2U);
+        std::optional<double> moved; // of both
+        double end = 0;
+        double longest = 0;
+        for (std::size_t i = 0; i < media.size(); ++i) {
+            SCOPED_TRACE(names[i]);
+            ASSERT_EQ(media[i].streams.size(), 1U) << media[i].error;
+            std::string error;
+            const auto samples = readAll(*media[i].streams[0], error);
+            EXPECT_EQ(error, "");
+            const auto packets = probe(names[i], i == 0);
+            ASSERT_EQ(samples.size(), packets.size());
+            if (!moved)
+                moved = samples.back()->dts() - packets.back().dts;
+            EXPECT_NEAR(*moved, row.moved, 0.025);
+            expectMoved(samples, packets, *moved);
+            for (const auto& sample : samples)
+                end = std::max(end, sample->pts() + sample->duration());
+            longest = std::max(longest, media[i].streams[0]->info().duration);
+        }
+        EXPECT_NEAR(longest, end, 0.05);
+    }
+    for (const auto& name : names)
+        std::filesystem::remove(name);
+}
 
 TEST(Conversion, MakesAdtsHeadersOfAudioSpecificConfigs) {
     const struct {
@@ -392,6 +487,225 @@ TEST(Encryption, IsToldOfEverySample) {
         }
         EXPECT_EQ(clear, row.clear);
         EXPECT_EQ(keyFrames, row.keyFrames);
+        for (const double part : {0.9, 0.0, 0.5}) {
+            ASSERT_EQ(stream->seek(part * samples.back()->pts()), "");
+            const auto rest = readAll(*stream, error);
+            EXPECT_EQ(error, "");
+            ASSERT_LE(rest.size(), samples.size());
+            for (std::size_t i = 0; i < rest.size(); ++i)
+                ASSERT_EQ(rest[i]->data().protection.iv,
+                          samples[samples.size() - rest.size() + i]->data().protection.iv)
+                    << part << " " << i;
+        }
+    }
+}
+
+/// Clear (0) or with which key of the generated files, as it changes from sample to sample.
+std::string keysOf(const Samples& samples) {
+    std::string keys;
+    for (const auto& sample : samples) {
+        const auto& protection = sample->data().protection;
+        const char key = protection.keyId.empty() ? '0' : protection.keyId[0] == 0 ? '1' : '2';
+        EXPECT_EQ(protection.iv.size(), key == '0' ? 0U : 16U);
+        if (keys.empty() || keys.back() != key)
+            keys += key;
+    }
+    return keys;
+}
+
+TEST(Encryption, FollowsSampleGroupsAndNewBeginnings) {
+    const struct {
+        const char* name;
+        const char* keys;
+        double target; ///< of a seek
+        const char* keysBehind;
+        const char* error;
+    } rows[] = {
+        {"rotation.mp4", "012012", 4.2, "12", ""},
+        {"restart.mp4", "01", 4.2, "1", ""},
+        {"restart.mp4", "01", 1.2, "01", ""},
+        {"corpus:cenc/bbb-clear-then-cenc.mp4", "", 2.2, "",
+         "its encrypted fragments have no index (one 'sidx' of them all, in front), without which "
+         "libavformat confuses their vectors; package it anew with one"},
+        {"mixed.mp4", "", 2.2, "",
+         "samples of one fragment are in several sample groups 'seig', with different keys or "
+         "partly clear"},
+    };
+    for (const auto& row : rows) {
+        for (const auto kind : {StreamInfo::Kind::Audio, StreamInfo::Kind::Video}) {
+            SCOPED_TRACE(row.name + std::to_string(static_cast<int>(kind)));
+            auto stream = isHere(row.name) ? openStream(row.name, kind) : nullptr;
+            if (stream == nullptr)
+                continue;
+            std::string error;
+            const auto all = readAll(*stream, error);
+            const auto packets = probe(pathOf("frag.mp4"), kind == StreamInfo::Kind::Audio);
+            EXPECT_EQ(keysOf(all), row.keys);
+            if (*row.error != '\0') {
+                EXPECT_EQ(error.substr(error.find(": ") + 2), row.error);
+                const auto sought = stream->seek(row.target);
+                EXPECT_EQ((sought + stream->read(1).error).substr(0, 5), "at 2.");
+                continue;
+            }
+            ASSERT_EQ(stream->seek(row.target), "");
+            EXPECT_EQ(error, "");
+            expectMoved(all, packets, 0);
+            EXPECT_NEAR(stream->info().duration, all.back()->pts() + all.back()->duration(), 0.09);
+            EXPECT_EQ(keysOf(readAll(*stream, error)), row.keysBehind);
+        }
+    }
+}
+
+Bytes operator+(Bytes left, const Bytes& right) {
+    left.insert(left.end(), right.begin(), right.end());
+    return left;
+}
+
+Bytes word(std::uint32_t value) {
+    return {static_cast<std::uint8_t>(value >> 24), static_cast<std::uint8_t>(value >> 16),
+            static_cast<std::uint8_t>(value >> 8), static_cast<std::uint8_t>(value)};
+}
+
+Bytes letters(const std::string& text) {
+    return {text.begin(), text.end()};
+}
+
+Bytes box(const std::string& type, const Bytes& body) {
+    return word(static_cast<std::uint32_t>(body.size() + 8)) + letters(type) + body;
+}
+
+/// What 'tenc' and 'seig' say: a key id of one repeated byte; a constant vector when `ivSize` is 0.
+Bytes described(bool encrypted, std::uint8_t ivSize, std::uint8_t key) {
+    const Bytes constant = encrypted && ivSize == 0 ? Bytes(1, 16) + Bytes(16, 7) : Bytes();
+    return Bytes{0, 0x19, encrypted, ivSize} + Bytes(16, key) + constant;
+}
+
+/// A track with two sample descriptions, the second one clear.
+Bytes movie(const std::string& scheme, std::uint8_t ivSize) {
+    const auto sinf =
+        box("sinf", box("schm", word(0) + letters(scheme) + word(0x10000)) +
+                        box("schi", box("tenc", word(0x1000000) + described(true, ivSize, 1))));
+    const auto stsd =
+        box("stsd", word(0) + word(2) + box("encv", Bytes(78) + sinf) + box("avc1", Bytes(78)));
+    const auto mdia =
+        box("mdia", box("mdhd", Bytes(12) + word(100) + Bytes(8)) + box("minf", box("stbl", stsd)));
+    const auto trak = box("trak", box("tkhd", Bytes(12) + word(9) + Bytes(64)) + mdia);
+    const auto trex = box("trex", word(0) + word(9) + word(1) + word(10) + Bytes(8));
+    return box("moov", box("mvhd", Bytes(12) + word(1000)) + trak + box("mvex", trex));
+}
+
+/// Three samples of that track, of this sample description.
+Bytes fragment(std::uint32_t entry, const Bytes& more) {
+    return box("moof", box("traf", box("tfhd", word(0x20002) + word(9) + word(entry)) +
+                                       box("trun", word(0) + word(3)) + more)) +
+           box("mdat", Bytes(30));
+}
+
+/// Of so many fragments.
+Bytes index(std::uint8_t count) {
+    return box("sidx", Bytes(22) + Bytes{0, count} + Bytes(std::size_t{12} * count));
+}
+
+Bytes group(const Bytes& description, const Bytes& runs) {
+    return box("sgpd", word(0x1000000) + letters("seig") +
+                           word(static_cast<std::uint32_t>(description.size())) + word(1) +
+                           description) +
+           box("sbgp", word(0) + letters("seig") +
+                           word(static_cast<std::uint32_t>(runs.size() / 8)) + runs);
+}
+
+host::Mp4Scan scanOf(const Bytes& file) {
+    return host::Mp4Scan([&file](std::uint64_t at, std::uint8_t* bytes, std::size_t size) {
+        const auto count = at < file.size() ? std::min<std::size_t>(size, file.size() - at) : 0;
+        std::copy_n(file.begin() + static_cast<std::ptrdiff_t>(count == 0 ? 0 : at), count, bytes);
+        return count;
+    });
+}
+
+TEST(Scan, TellsWhatLibavformatPassesOver) {
+    const auto all = word(3) + word(0x10001);
+    const auto half = word(2) + word(0x10001);
+    const auto senc = box("senc", {});
+    const struct {
+        const char* what;
+        const char* scheme;
+        int ivSize; ///< by 'tenc'
+        std::uint32_t entry;
+        Bytes more;       ///< in the 'traf'
+        std::string told; ///< "": as libavformat does; "clear"; "key N"; a fault
+    } rows[] = {
+        {"the track's key", "cenc", 8, 1, senc, ""},
+        {"... said again", "cenc", 8, 1, senc + group(described(true, 8, 1), all), ""},
+        {"another key", "cenc", 8, 1, senc + group(described(true, 8, 2), all), "key 2"},
+        {"... and another pattern", "cbcs", 0, 1, senc + group(described(true, 0, 3), all),
+         "key 3"},
+        {"the clear entry", "cenc", 8, 2, {}, "clear"},
+        {"a clear group", "cenc", 8, 1, group(described(false, 0, 0), all), "clear"},
+        {"... though there are vectors", "cenc", 8, 1, senc + group(described(false, 0, 0), all),
+         "clear"},
+        {"whole samples, constant vector", "cbcs", 0, 1, {}, "key 1"},
+        {"no vectors", "cenc", 8, 1, {}, "encrypted samples have no init"},
+        {"a part", "cenc", 8, 1, senc + group(described(true, 8, 2), half), "samples of one frag"},
+        {"a part of the same", "cenc", 8, 1, senc + group(described(true, 8, 1), half), ""},
+        {"other vectors", "cenc", 8, 1, senc + group(described(true, 16, 1), all),
+         "the sample group 'seig' has vectors of another size"},
+        {"the second entry", "cenc", 8, 2, senc + group(described(true, 8, 2), all),
+         "encrypted samples have not the first"},
+        {"no such group", "cenc", 8, 1, senc + group(described(true, 8, 2), word(3) + word(7)),
+         "the sample group 'seig' of encrypted samples is not described"},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.what);
+        const auto plain = fragment(1, senc); // where nothing is to be told
+        const auto start = movie(row.scheme, static_cast<std::uint8_t>(row.ivSize)) + index(3);
+        const auto file = start + plain + fragment(row.entry, row.more) + plain;
+        auto scan = scanOf(file);
+        EXPECT_FALSE(scan.endOf(9)) << "not covered yet";
+        scan.coverTo(file.size());
+        EXPECT_EQ(scan.endOf(9), 0.9);
+        const auto place = start.size() + plain.size();
+        EXPECT_EQ(scan.protectionAt(place - 1, 9), nullptr);
+        EXPECT_EQ(scan.protectionAt(place, 8), nullptr) << "another track";
+        EXPECT_EQ(scan.protectionAt(file.size() - 1, 9), nullptr);
+        const auto told = scan.protectionAt(place, 9);
+        std::string text;
+        if (told != nullptr && told->fault.empty())
+            text = told->encrypted ? "key " + std::to_string(told->keyId.at(0)) : "clear";
+        else if (told != nullptr)
+            text = told->fault.substr(0, row.told.size());
+        EXPECT_EQ(text, row.told);
+    }
+}
+
+TEST(Scan, FindsNewBeginningsAndSurvivesAnySize) {
+    const auto first = box("ftyp", {}) + movie("cenc", 8) + index(2);
+    const auto media = fragment(1, box("senc", {}));
+    const auto second = box("ftyp", {}) + movie("cbcs", 0);
+    const auto file = first + media + first + media + second + media;
+    auto whole = scanOf(file);
+    whole.coverTo(~std::uint64_t{0});
+    const auto begin = 2 * (first.size() + media.size());
+    EXPECT_EQ(whole.beginnings(), (std::vector<std::uint64_t>{0, begin})) << "one is said again";
+    EXPECT_EQ(whole.protectionAt(begin - 1, 9), nullptr);
+    const auto bare = second + media + media;
+    auto unindexed = scanOf(bare);
+    unindexed.coverTo(bare.size());
+    ASSERT_NE(unindexed.protectionAt(second.size(), 9), nullptr);
+    EXPECT_NE(unindexed.protectionAt(second.size(), 9)->fault.find("'sidx'"), std::string::npos);
+    ASSERT_NE(whole.protectionAt(begin, 9), nullptr);
+    EXPECT_NE(whole.protectionAt(begin, 9)->fault.find("'moov', at byte "), std::string::npos);
+
+    for (std::size_t at = 0; at + 4 <= file.size(); ++at) {
+        for (const std::uint32_t size : {0U, 1U, 7U, 9U, 0x7fffffffU, ~0U}) {
+            auto damaged = file;
+            const auto bytes = word(size);
+            std::copy(bytes.begin(), bytes.end(),
+                      damaged.begin() + static_cast<std::ptrdiff_t>(at));
+            auto scan = scanOf(damaged);
+            scan.coverTo(~std::uint64_t{0});
+            scan.protectionAt(at, 9);
+            EXPECT_FALSE(scan.beginnings().empty());
+        }
     }
 }
 
@@ -440,13 +754,15 @@ TEST(Failure, IsToldInWords) {
     EXPECT_EQ(open(pathOf("av1-flac.mkv")).error,
               "the audio codec flac and the video codec av1 cannot be fed as a media source; play "
               "the URL without --mse");
+    const auto* damaged =
+        "it is damaged, or of a form that libavformat does not read; try to package it anew";
     const std::pair<const char*, const char*> rows[] = {
-        {"ten-bytes.bin", "Invalid data found when processing input"},
+        {"ten-bytes.bin", damaged},
         {"element-too-large.webm", "End of file"},
         {"no-streams.webm", "there is neither audio nor video in it"},
         {"garbage-prefix.mp3", "the audio codec amr_nb cannot be fed as a media source; play the "
                                "URL without --mse"},
-        {"../cenc/muxed-clearkey-pssh.mp4", "Invalid data found when processing input"},
+        {"../cenc/muxed-clearkey-pssh.mp4", damaged},
     };
     for (const auto& [name, error] : rows) {
         const auto full = std::string("corpus:broken/") + name;

@@ -33,6 +33,8 @@ CLIP_ROWS = {
     "vp8-vorbis.webm": None,
     "vp9-opus.webm": None,
     "h264-aac.ts": None,
+    "h265-aac.ts": None,
+    "h265-10bit.ts": None,
     "opus.ogg": None,
     "aac-only.mp4": None,
     "mpeg2-ac3.ts": None,  # the sound alone
@@ -98,6 +100,27 @@ class MediaSources(unittest.TestCase):
         # The delay is kept, and is no stall.
         delay = run.seconds_between("initBackend", "PlaybackFinished")
         self.assertGreater(delay, 2.5, run.report())
+
+    def test_keys_that_change(self):
+        keys = ("--key", "000102030405060708090a0b0c0d0e0f:202122232425262728292a2b2c2d2e2f",
+                "--key", "101112131415161718191a1b1c1d1e1f:303132333435363738393a3b3c3d3e3f")
+        for name, refused in (("rotation.mp4", None), ("restart.mp4", None), ("mixed.mp4", "'seig'")):
+            with self.subTest(name):
+                run = Run(CLIPS / name, "--mse", *keys, "--seek", "4.2", *PATIENT)
+                self.assertEqual(run.code, 1 if refused else 0, run.report())
+                self.assertIn(refused or "", run.errors)
+
+    def test_inputs_share_their_time(self):
+        with tempfile.TemporaryDirectory() as folder:
+            files = [pathlib.Path(folder) / name for name in ("audio.ts", "video.ts")]
+            for file, offset, left_out in zip(files, ("20", "20.5"), ("-vn", "-an")):
+                subprocess.run(["ffmpeg", "-v", "error", "-i", CLIPS / "h264-aac.mp4", "-c", "copy", left_out,
+                                "-output_ts_offset", offset, file], check=True, stdin=subprocess.DEVNULL)
+            run = Run(files[0], "--mse", files[1], *PATIENT)
+        self.assertEqual(run.code, 0, run.report())
+        ended = ranges(run)[-1]  # with where each of the two ended
+        self.assertTrue(" audio 2.0-" in ended and " video 2.5-" in ended, run.report())
+        self.assertAlmostEqual(run.last("NewMetadata", "duration"), 2.5, delta=0.1)
 
     def test_a_missing_key_holds_no_release_up(self):
         host = subprocess.Popen([UVA_HOST, "--mse", "--key", KEY, "--protect", "cenc", "--key-delay", "100000",

@@ -25,11 +25,7 @@ std::unique_ptr<SampleStream>* find(Streams& streams, host::StreamInfo::Kind kin
 }
 
 /// Adds the streams of a file; answers what is wrong.
-std::string addFile(const std::string& name, const std::atomic<bool>& cancelled,
-                    Streams& streams) {
-    auto media = host::openMedia(name, cancelled);
-    if (media.streams.empty())
-        return media.error;
+std::string addFile(DemuxedMedia& media, Streams& streams) {
     for (auto& stream : media.streams) {
         const auto kind = stream->info().kind;
         if (find(streams, kind) != nullptr)
@@ -41,19 +37,15 @@ std::string addFile(const std::string& name, const std::atomic<bool>& cancelled,
 }
 
 /// Puts its streams behind those of their kind; answers what is wrong.
-std::string addSwitch(const RenditionSwitch& change, const std::atomic<bool>& cancelled,
-                      Streams& streams) {
-    auto media = host::openMedia(change.name, cancelled);
-    if (media.streams.empty())
-        return media.error;
+std::string addSwitch(double time, DemuxedMedia& media, Streams& streams) {
     for (auto& stream : media.streams) {
         auto* present = find(streams, stream->info().kind);
         if (present == nullptr)
             continue;
         if ((*present)->info().codec != stream->info().codec)
-            return std::string(nameOf(stream->info().kind)) + " is " + stream->info().codec + ", not " + (*present)->info().codec +
-                   "; renditions must have one codec";
-        *present = host::switchAt(std::move(*present), change.time, std::move(stream));
+            return std::string(nameOf(stream->info().kind)) + " is " + stream->info().codec +
+                   ", not " + (*present)->info().codec + "; renditions must have one codec";
+        *present = host::switchAt(std::move(*present), time, std::move(stream));
     }
     return {};
 }
@@ -66,13 +58,22 @@ struct Recipe {
     std::vector<host::KeyPair> keys;
 
     DemuxedMedia open(const std::atomic<bool>& cancelled) const {
-        DemuxedMedia result;
-        for (const auto& name : names)
-            if (const auto error = addFile(name, cancelled, result.streams); !error.empty())
-                return {{}, blame(name, error)};
+        auto inputs = names; // of one piece of media, which share their time 0
         for (const auto& change : switches)
-            if (const auto error = addSwitch(change, cancelled, result.streams); !error.empty())
-                return {{}, blame(change.name, error)};
+            inputs.push_back(change.name);
+        auto media = host::openMedia(inputs, cancelled);
+        for (std::size_t i = 0; i < inputs.size(); ++i)
+            if (!media[i].error.empty())
+                return {{}, blame(inputs[i], media[i].error)};
+
+        DemuxedMedia result;
+        for (std::size_t i = 0; i < inputs.size(); ++i) {
+            const auto error = i < names.size() ? addFile(media[i], result.streams)
+                                                : addSwitch(switches[i - names.size()].time,
+                                                            media[i], result.streams);
+            if (!error.empty())
+                return {{}, blame(inputs[i], error)};
+        }
         if (protect != host::Protection::Scheme::None)
             for (auto& stream : result.streams)
                 stream = host::protect(std::move(stream), protect, keys.front());
