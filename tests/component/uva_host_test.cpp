@@ -1,4 +1,5 @@
 #include "display.h"
+#include "host/capability_query.h"
 #include "host/media_uri.h"
 #include "options.h"
 #include "terminal.h"
@@ -78,6 +79,34 @@ TEST(UvaHostOptions, ReadsTimesAndWindows) {
                  {"99999999999999999999", -1}};
     for (const auto& row : times)
         EXPECT_EQ(parseTime(row.text).value_or(-1), row.seconds) << row.text;
+}
+
+TEST(UvaHostOptions, ReadsTheParametersOfAContentType) {
+    const struct {
+        std::vector<const char*> arguments;
+        const char* said; // codecs, then the parameters in their order
+    } rows[] = {
+        {{"video/mp4"}, "||||||"},
+        {{"video/mp4; CODECS=\"avc1.640028, mp4a.40.2\";Width = 1920 ;heighT=\"1080\""},
+         "avc1.640028|mp4a.40.2|1920|1080|||||"},
+        {{"a/b;framerate=30000/1001;bitrate=\" 5000 \";channels=6;CryptoBlockFormat=cbcs"},
+         "||30000/1001|5000|6|cbcs|"},
+        {{"a/b; cryptoblockformat=\"a;\\\"b\\\\\"; =1; width; width=\"; height=7"},
+         "\"; height=7|||||a;\"b\\|"},
+        {{"a/b; width=1; width=2; codecs=x; codecs=y; eotf=pq"}, "x|1||||||"},
+        {{"a/b; width=1; channels=2", "--channels", "8"}, "1||||8||"},
+    };
+    for (auto row : rows) {
+        row.arguments.insert(row.arguments.begin(), "--can-play");
+        const auto parsed = parse(row.arguments);
+        ASSERT_TRUE(parsed.options) << parsed.text;
+        std::string said;
+        for (const auto& codec : parsed.options->canPlay->codecs)
+            said += codec + "|";
+        for (const auto& parameter : host::contentParameters)
+            said += (*parsed.options->canPlay).*parameter.member + "|";
+        EXPECT_EQ(said, row.said) << row.arguments[1];
+    }
 }
 
 TEST(UvaHostMedia, MakesUrisAndRefusesWhatCannotBeRead) {

@@ -155,7 +155,8 @@ void declareMediaSource(CLI::App& app, Options& options, Raw& raw) {
 void declareQuestions(CLI::App& app, Options& options, Raw& raw) {
     const std::string group = "Questions, in place of playing";
     auto* canPlay = app.add_option("--can-play", raw.canPlay,
-                                   "Whether the backend can play a content type, and why not")
+                                   "Whether the backend can play a content type, and why not; "
+                                   "parameters as in '...; width=1920' are read")
                         ->type_name("MIME")
                         ->check([](const std::string& text) {
                             return host::parseContentType(text) ? std::string()
@@ -267,9 +268,9 @@ void readTexts(Raw& raw, Options& options) {
     readMediaSource(raw, options);
     if (!raw.canPlay.empty()) {
         options.canPlay = host::parseContentType(raw.canPlay);
-        raw.asked.type = options.canPlay->type;
-        raw.asked.codecs = options.canPlay->codecs;
-        options.canPlay = raw.asked;
+        for (const auto& parameter : host::contentParameters)
+            if (const auto& value = raw.asked.*parameter.member; !value.empty())
+                *options.canPlay.*parameter.member = value;
     }
     const bool asks = options.canPlay || options.listTypes;
     if (options.media.empty() && !asks)
