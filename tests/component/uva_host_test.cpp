@@ -119,8 +119,9 @@ TEST(UvaHostMedia, MakesUrisAndRefusesWhatCannotBeRead) {
         const auto media = host::toMediaUri(bad);
         EXPECT_TRUE(media.uri.empty() && !media.error.empty()) << bad;
     }
-    EXPECT_TRUE(host::isNetworkUri("https://h/"));
-    EXPECT_FALSE(host::isNetworkUri("file:///h"));
+    EXPECT_EQ(host::serverOf("https://me:pass@h:80/x@y:1"), "h");
+    EXPECT_EQ(host::serverOf("rtsp://[::1]:80"), "[::1]");
+    EXPECT_EQ(host::serverOf("file:///h") + host::serverOf("h"), "");
 }
 
 TEST(UvaHostTerminal, MakesKeysOfBytesCutAnywhere) {
@@ -226,6 +227,32 @@ TEST_F(UvaHostRun, SaysWhyItFails) {
     }
     EXPECT_EQ(run(UVA_HOST " *.mp4 --no-progress-timeout 0.3", "0"), 0) << m_output;
     EXPECT_EQ(std::distance(fs::directory_iterator(m_folder), {}), 1); // nothing is left behind
+}
+
+TEST_F(UvaHostRun, SaysWhatItWaitedForInVain) {
+    const struct {
+        const char* fault;
+        const char* media;
+        const char* text;
+    } rows[] = {
+        {"opening", "*.mp4", ": nothing was played within 0.5 s; is it intact"},
+        {"opening", "http://h.example:80/x",
+         ": no media came from h.example within 0.5 s; check the "},
+        {"decoder", "*.mp4",
+         ": the main system did not answer the request for the decoder within 0.5 s; start zant-m"},
+        {"decoder", "http://h/x",
+         ": the main system did not answer the request for the decoder within 0.5 s; "},
+        {"seek", "*.mp4 --seek 7", ": the seek to 7.0 s did not complete within 0.5 s; "},
+        {"end", "*.mp4", ": stalled at 0.3 s: nothing moved for 0.5 s; is it intact"},
+        {"end", "http://h.example/x",
+         ": stalled at 0.3 s: no data came from h.example for 0.5 s; check the "},
+    };
+    for (const auto& row : rows) {
+        const std::string command = std::string("env FAKE_CLIP_FAULT=") + row.fault + " " UVA_HOST +
+                                    " --quiet --no-progress-timeout 0.5 " + row.media;
+        EXPECT_EQ(run(command), 1) << command;
+        EXPECT_TRUE(says(row.text)) << row.text << "\n" << m_output;
+    }
 }
 
 TEST_F(UvaHostRun, StopsWhenAskedTo) {

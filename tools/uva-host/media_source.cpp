@@ -1,6 +1,7 @@
 #include "media_source.h"
 
 #include "display.h"
+#include "host/media_uri.h"
 
 #include <algorithm>
 #include <utility>
@@ -25,8 +26,7 @@ std::unique_ptr<SampleStream>* find(Streams& streams, host::StreamInfo::Kind kin
 }
 
 /// Adds the streams of a file; answers what is wrong.
-std::string addFile(const std::string& name, const std::atomic<bool>& cancelled,
-                    Streams& streams) {
+std::string addFile(const std::string& name, const std::atomic<bool>& cancelled, Streams& streams) {
     auto media = host::openMedia(name, cancelled);
     if (media.streams.empty())
         return media.error;
@@ -51,8 +51,8 @@ std::string addSwitch(const RenditionSwitch& change, const std::atomic<bool>& ca
         if (present == nullptr)
             continue;
         if ((*present)->info().codec != stream->info().codec)
-            return std::string(nameOf(stream->info().kind)) + " is " + stream->info().codec + ", not " + (*present)->info().codec +
-                   "; renditions must have one codec";
+            return std::string(nameOf(stream->info().kind)) + " is " + stream->info().codec +
+                   ", not " + (*present)->info().codec + "; renditions must have one codec";
         *present = host::switchAt(std::move(*present), change.time, std::move(stream));
     }
     return {};
@@ -98,6 +98,9 @@ host::MediaSource makeMediaSource(const Options& options,
         return recipe.open(cancelled);
     };
     source.keys = std::move(keys);
+    for (const auto& name : options.media)
+        if (source.server.empty())
+            source.server = host::serverOf(name);
     return source;
 }
 

@@ -82,6 +82,7 @@ int Session::run() {
         return m_exitCode;
     if (!m_options.graph.empty())
         m_graph = std::make_unique<PipelineGraph>();
+    GstErrors errors;
 
     auto loaded = host::BackendLibrary::load(m_options.backend);
     if (loaded.library == nullptr) {
@@ -101,7 +102,8 @@ int Session::run() {
                 timeline,
                 std::move(loaded.library),
                 std::make_shared<host::EventLoop>(),
-                makeKeys(m_options)};
+                makeKeys(m_options),
+                errors};
     if (m_options.mse)
         playSource(stage);
     else
