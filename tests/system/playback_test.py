@@ -5,14 +5,16 @@ Usage: playback_test.py CLIP_FOLDER [CORPUS_FOLDER]
 """
 
 import concurrent.futures
+import json
 import os
 import pathlib
+import subprocess
 import sys
 import unittest
 
 sys.path.insert(0, os.path.join(os.path.dirname(__file__), "..", "support"))
 import gtest_result  # noqa: E402
-from host_run import Run, probe  # noqa: E402
+from host_run import UVA_HOST, Run, probe  # noqa: E402
 
 TOLERANCE = 0.05  # seconds, of a reported duration
 JOBS = int(os.environ.get("PLAYBACK_JOBS", "4"))
@@ -99,6 +101,19 @@ class Ends(unittest.TestCase):
                 self.assertEqual(run.code, 0, run.report())
                 self.assertTrue(run.named("PlaybackFinished"), run.report())
                 self.assertLess(run.seconds_between("SeekCompletedEx", "UVA_ReleaseBackend"), PROMPT - 1)
+
+
+class Quiet(unittest.TestCase):
+    def test_nothing_is_printed_but_what_was_asked_for(self):
+        clip = CLIPS / "h264-aac.mp4"
+        pathlib.Path("/tmp/GST_DEBUG").write_text("*:1\n")  # the library says that it has read it
+        for options in ((), ("--mse",), ("--seek", "1.5")):
+            run = Run(clip, "--quiet", *options)
+            self.assertEqual((run.code, run.output, run.errors), (0, "", ""))
+        output = subprocess.run([UVA_HOST, "--quiet", "--timeline", "/dev/stdout", clip], capture_output=True, check=True)
+        self.assertTrue(json.loads(output.stdout)["traceEvents"])
+        answer = subprocess.run([UVA_HOST, "--quiet", "--can-play", "video/mp4"], capture_output=True, check=True)
+        self.assertEqual((answer.stdout, answer.stderr), (b"yes\n", b""))
 
 
 def playback_case(path):

@@ -238,7 +238,7 @@ void declare(CLI::App& app, Options& options, Raw& raw) {
     app.add_option("--backend", options.backend, "The backend library (libuvagstbackend.so)")
         ->type_name("PATH");
     app.add_flag("--quiet", options.quiet,
-                 "Print nothing but errors");
+                 "Print nothing but errors and answers, nor let the library");
     declareMediaSource(app, options, raw);
     declareQuestions(app, options, raw);
     app.set_version_flag("--version", "uva-host " UVA_HOST_VERSION);
