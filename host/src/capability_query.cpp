@@ -11,24 +11,44 @@ namespace {
 using Description = UVABackend::ContentDescription;
 
 std::string trim(const std::string& text) {
-    const auto begin = text.find_first_not_of(" \t\"");
-    const auto end = text.find_last_not_of(" \t\"");
+    const auto begin = text.find_first_not_of(" \t");
+    const auto end = text.find_last_not_of(" \t");
     return begin == std::string::npos ? std::string() : text.substr(begin, end - begin + 1);
 }
 
+/// At separators that are not quoted.
 std::vector<std::string> split(const std::string& text, char separator) {
-    std::vector<std::string> parts;
-    std::string part;
+    std::vector<std::string> parts(1);
     bool quoted = false;
+    bool escaped = false;
     for (const char c : text) {
-        quoted = quoted != (c == '"');
+        quoted = quoted != (c == '"' && !escaped);
+        escaped = quoted && c == '\\' && !escaped;
         if (c == separator && !quoted)
-            parts.push_back(std::exchange(part, {}));
+            parts.emplace_back();
         else
-            part += c;
+            parts.back() += c;
     }
-    parts.push_back(part);
     return parts;
+}
+
+/// The text between quotation marks, if it stands there, without its escapes.
+std::string unquote(const std::string& text) {
+    if (text.size() < 2 || text.front() != '"' || text.back() != '"')
+        return text;
+    std::string plain;
+    for (std::size_t i = 1; i + 1 < text.size(); ++i) {
+        if (text[i] == '\\' && i + 2 < text.size())
+            ++i;
+        plain += text[i];
+    }
+    return plain;
+}
+
+std::string lowerCase(std::string text) {
+    for (char& c : text)
+        c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    return text;
 }
 
 bool isToken(const std::string& text) {
@@ -39,20 +59,27 @@ bool isToken(const std::string& text) {
     return !text.empty();
 }
 
-struct Limit {
-    std::string Description::*member;
-    const char* name;
-};
-constexpr Limit limits[] = {
-    {&Description::width, "width"},         {&Description::height, "height"},
-    {&Description::framerate, "framerate"}, {&Description::bitrate, "bitrate"},
-    {&Description::channels, "channels"},
-};
+/// The first of a name counts.
+void takeParameter(const std::string& text, Description& description) {
+    const auto equals = text.find('=');
+    if (equals == std::string::npos)
+        return;
+    const auto name = lowerCase(trim(text.substr(0, equals)));
+    const auto value = trim(unquote(trim(text.substr(equals + 1))));
+    for (const auto& parameter : contentParameters)
+        if (name == parameter.name && (description.*parameter.member).empty())
+            description.*parameter.member = value;
+    if (name != "codecs" || !description.codecs.empty())
+        return;
+    for (const auto& entry : split(value, ','))
+        if (const auto codec = trim(entry); !codec.empty())
+            description.codecs.push_back(codec);
+}
 
 /// " 4096 x 2304 at 60", as far as it is said.
 std::string formOf(const Description& description) {
     std::string text;
-    for (const auto& limit : limits)
+    for (const auto& limit : contentParameters)
         if (const auto& value = description.*limit.member; !value.empty())
             text += (text.empty() ? "" : ", ") + std::string(limit.name) + " " + value;
     return text;
@@ -68,14 +95,8 @@ std::optional<Description> parseContentType(const std::string& text) {
     if (slash == std::string::npos || !isToken(description.type.substr(0, slash)) ||
         !isToken(description.type.substr(slash + 1)))
         return std::nullopt;
-    for (std::size_t i = 1; i < parameters.size(); ++i) {
-        const auto equals = parameters[i].find('=');
-        if (equals == std::string::npos || trim(parameters[i].substr(0, equals)) != "codecs")
-            continue;
-        for (const auto& codec : split(trim(parameters[i].substr(equals + 1)), ','))
-            if (const auto name = trim(codec); !name.empty())
-                description.codecs.push_back(name);
-    }
+    for (std::size_t i = 1; i < parameters.size(); ++i)
+        takeParameter(parameters[i], description);
     return description;
 }
 
@@ -92,7 +113,7 @@ CapabilityAnswer askCanPlay(UVAMediaBackend& backend, const Description& descrip
         if (!backend.canPlayType(alone))
             return {false, "the codec '" + codec + "' is not supported"};
     }
-    for (const auto& limit : limits) {
+    for (const auto& limit : contentParameters) {
         Description alone;
         alone.*limit.member = description.*limit.member;
         if (!backend.canPlayType(alone))

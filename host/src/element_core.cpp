@@ -8,7 +8,6 @@
 #include "uva/uva_media_backend.h"
 
 #include <cmath>
-#include <type_traits>
 
 namespace host {
 
@@ -32,32 +31,6 @@ private:
     const std::string m_address;
     const std::string m_agent;
 };
-
-std::string seconds(double value) {
-    char text[32];
-    std::snprintf(text, sizeof text, "%.1f s", value);
-    return text;
-}
-
-std::string seconds(std::chrono::milliseconds value) {
-    return seconds(std::chrono::duration<double>(value).count());
-}
-
-std::string decodeErrorText(int reason, ResourcePolicy policy) {
-    switch (reason) {
-    case DecodeErrorEvent::UnknownFormat:
-        return "decode error: the format is unknown";
-    case DecodeErrorEvent::CorruptStream:
-        return "decode error: the stream is corrupt";
-    case DecodeErrorEvent::InsufficientResources:
-        return policy == ResourcePolicy::Deny
-                   ? "decoder refused: this host denies the decoders"
-                   : "decoder refused: no decoder was granted (is the main system running? without "
-                     "one, play standalone)";
-    default:
-        return "decode error " + std::to_string(reason);
-    }
-}
 
 Component copyOf(const UVABackend::AVComponent& component) {
     return {component.type, component.encoding, component.language, component.label};
@@ -90,7 +63,7 @@ ElementCore::~ElementCore() = default;
 void ElementCore::open(const std::string& uri) {
     if (m_status.state != State::Idle || requestBackend() == nullptr)
         return;
-    m_network = isNetworkUri(uri);
+    m_server = serverOf(uri);
     setState(State::Opening);
     UVABackend::SourceDescription* sources[] = {new UrlSource(uri, m_options.userAgent), nullptr};
     if (initialize(sources, {{"url", uri}}))
@@ -100,7 +73,7 @@ void ElementCore::open(const std::string& uri) {
 void ElementCore::openSource(MediaSource source) {
     if (m_status.state != State::Idle || requestBackend() == nullptr)
         return;
-    m_network = true; // what is opened may be anywhere: the longer bound
+    m_server = source.server;
     m_protected = source.keys != nullptr;
     setState(State::Opening);
     m_feeder = std::make_shared<MseFeeder>(m_loop, std::move(source), *this);
@@ -135,6 +108,8 @@ bool ElementCore::initialize(UVABackend::SourceDescription** sources,
 void ElementCore::startWatching() {
     m_watch.tick(Clock::now());
     m_watch.restart();
+    if (m_options.takeError)
+        m_options.takeError(); // of what was played before
     m_timer = m_loop->startTimer(m_options.tick, [core = shared_from_this()] { core->tick(); });
 }
 
@@ -244,7 +219,8 @@ void ElementCore::deliverEvent(UVAEvent* event) {
     if (event->type() == UVAEvent::NeedMSEData) {
         auto request = std::make_shared<std::unique_ptr<NeedMSEDataEvent>>(
             static_cast<NeedMSEDataEvent*>(event));
-        m_loop->post([core = shared_from_this(), request] { core->takeRequest(std::move(*request)); });
+        m_loop->post(
+            [core = shared_from_this(), request] { core->takeRequest(std::move(*request)); });
         return;
     }
     Delivery delivery{std::shared_ptr<UVAEvent>(event), describe(*event), {}};
@@ -275,6 +251,7 @@ void ElementCore::answerResourceRequest(UVAMediaBackend& backend,
         [core = shared_from_this(), delivery = std::move(delivery), answer = std::move(answer)] {
             core->handle(delivery);
             core->observe([&](Observer& observer) { observer.onRecord(answer); });
+            core->decoderAsked(answer.time);
         });
 }
 
@@ -295,6 +272,7 @@ void ElementCore::act(const Delivery& delivery) {
             return m_backend.load()->eventCompleted(static_cast<const UVAAsyncEvent*>(&event),
                                                     granted);
         });
+        decoderAsked(Clock::now());
         break;
     case UVAEvent::CancelDataRequestsAsync:
         completeCancel(static_cast<const UVAAsyncEvent&>(event));
@@ -318,15 +296,16 @@ void ElementCore::act(const Delivery& delivery) {
         buffered();
         break;
     case UVAEvent::PlaybackFinished:
+        trackPosition(); // what was played up to it says nothing against it
         m_endSeen = true;
         considerEnd();
         break;
     case UVAEvent::DecodeError:
         fail(decodeErrorText(static_cast<const DecodeErrorEvent&>(event).reason,
-                             m_options.resources));
+                             delivery.record.time));
         break;
     case UVAEvent::BufferingNetworkError:
-        fail("the media cannot be fetched: the server or the file does not answer as it should");
+        fail(networkErrorText());
         break;
     default:
         break;
@@ -349,6 +328,7 @@ void ElementCore::takeMetadata(const UVAEvent& event) {
     m_status.width = media.width;
     m_status.height = media.height;
     m_status.pixelAspectRatio = media.pixelAspectRatio;
+    m_mediaSeen = true;
     m_watch.restart();
     publishStatus();
 }
@@ -361,6 +341,7 @@ void ElementCore::takeComponents(const Delivery& delivery) {
                 m_componentKeys.erase(m_componentKeys.begin() + offset);
                 m_status.components.erase(m_status.components.begin() + offset);
             }
+    m_mediaSeen = true;
     for (const auto& [key, component] : delivery.added) {
         m_componentKeys.push_back(key);
         m_status.components.push_back(component);
@@ -400,8 +381,11 @@ void ElementCore::startQueuedSeek() {
     m_seekInFlight = target;
     if (m_status.state != State::Seeking)
         m_seekFromEnd = m_status.state == State::Ended;
-    m_settling = true;
+    m_sought = Sought::Settling;
+    m_target = target;
     m_endSeen = false;
+    hearErrors();
+    m_error.clear();
     m_watch.restart();
     setState(State::Seeking);
     auto* backend = m_backend.load();
@@ -436,106 +420,6 @@ void ElementCore::abortSeeks() {
         answerSeek(**pending, SeekOutcome::Aborted);
         pending->reset();
     }
-}
-
-// ---- position and progress
-
-void ElementCore::tick() {
-    const double before = m_status.position;
-    const double durationBefore = m_status.duration;
-    refreshPosition();
-    const bool hasMoved = m_status.position != before;
-    if (hasMoved && m_status.state != State::Seeking)
-        moved();
-    watchBuffers();
-    if (hasMoved || m_status.duration != durationBefore)
-        publishStatus();
-    considerEnd();
-
-    const auto still = m_watch.tick(Clock::now());
-    const auto bound = progressBound();
-    if (!expectsProgress())
-        m_watch.restart();
-    else if (bound.count() > 0 && still >= bound)
-        noProgress(bound);
-}
-
-void ElementCore::refreshPosition() {
-    auto* backend = m_backend.load();
-    if (over() || !m_initialized)
-        return;
-    refreshSources();
-    double value = 0;
-    const auto success = UVABackend::Success;
-    if (busy("getPosition", [&] { return backend->getPosition(value); }) == success)
-        m_status.position = value;
-    if (m_status.duration > 0)
-        return;
-    if (busy("getDuration", [&] { return backend->getDuration(value); }) == success && value > 0)
-        m_status.duration = value;
-}
-
-void ElementCore::moved() {
-    m_watch.restart();
-    m_started = true;
-    m_settling = m_endSeen = false;
-    const bool waits = m_status.state == State::Opening || m_status.state == State::Buffering;
-    if (m_wantPlaying && !m_starved && waits)
-        setState(State::Playing);
-    startQueuedSeek();
-}
-
-bool ElementCore::expectsProgress() const {
-    if (m_keyMissing)
-        return false;
-    switch (m_status.state) {
-    case State::Opening:
-        return m_wantPlaying;
-    case State::Buffering:
-    case State::Playing:
-    case State::Seeking:
-        return true;
-    default:
-        return false;
-    }
-}
-
-std::chrono::milliseconds ElementCore::progressBound() const {
-    return m_network ? m_options.noProgressNetwork : m_options.noProgress;
-}
-
-void ElementCore::noProgress(std::chrono::milliseconds bound) {
-    if (m_seekInFlight)
-        return fail("the seek to " + seconds(*m_seekInFlight) + " did not complete within " +
-                    seconds(bound));
-    if (m_endSeen) {
-        m_settling = false;
-        return considerEnd();
-    }
-    if (m_started)
-        return fail("stalled at " + seconds(m_status.position) + ": nothing moved for " +
-                    seconds(bound) + " (the media may be corrupt there; see the system log)");
-    fail(
-        "no progress: nothing was played within " + seconds(bound) +
-        " (the media may be broken or of an unsupported type; GST_DEBUG=2 puts GStreamer's reasons "
-        "into the system log)");
-}
-
-bool ElementCore::nearEnd() const {
-    constexpr double tolerance = 0.25; // seconds; the last picture's and sound's lengths
-    return m_status.duration > 0 && m_status.position >= m_status.duration - tolerance;
-}
-
-/// The bus of the backend is not flushed by a seek. So an end that comes before the position has
-/// moved again may be the old one: it counts only where the end is, or when nothing moves.
-void ElementCore::considerEnd() {
-    if (!m_endSeen || m_seekInFlight || (m_settling && !nearEnd()) || over())
-        return;
-    m_settling = m_endSeen = false;
-    refreshPosition();
-    setState(State::Ended);
-    if (m_seekQueued)
-        startQueuedSeek();
 }
 
 // ---- state

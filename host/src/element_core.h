@@ -63,6 +63,9 @@ private:
         std::vector<std::pair<const void*, Component>> added;
     };
 
+    /// Whether a seek was begun; it settles when the position moves again.
+    enum class Sought { Never, Settling, Settled };
+
     // From the feeder.
     void feederOpened() override;
     void feederFailed(const std::string& reason) override;
@@ -95,13 +98,21 @@ private:
     void abortSeeks();
 
     void tick();
+    void trackPosition();
     void refreshPosition();
     void moved();
-    bool expectsProgress() const;
-    std::chrono::milliseconds progressBound() const;
-    void noProgress(std::chrono::milliseconds bound);
+    std::optional<Phase> phase() const;
+    std::optional<Phase> phaseOfStart() const;
+    std::chrono::milliseconds boundFor(Phase phase) const;
+    void watch();
+    void standstill(Phase phase);
     bool nearEnd() const;
     void considerEnd();
+    void end();
+    void hearErrors();
+    void decoderAsked(Clock::time_point time);
+    std::string decodeErrorText(int reason, Clock::time_point time) const;
+    std::string networkErrorText();
 
     bool over() const;
     void settle();
@@ -132,22 +143,26 @@ private:
 
     Status m_status;
     std::vector<const void*> m_componentKeys; // one for each of m_status.components
-    std::shared_ptr<MseFeeder> m_feeder; // null: a URL is played
-    bool m_protected = false;            // the feeder has keys
-    bool m_initialized = false;          // the backend has the media
-    bool m_starved = false;              // playback is held until the backend has enough again
-    bool m_keyMissing = false;           // samples are held back until a key comes
-    bool m_network = false;
+    std::shared_ptr<MseFeeder> m_feeder;      // null: a URL is played
+    bool m_protected = false;                 // the feeder has keys
+    bool m_initialized = false;               // the backend has the media
+    std::string m_server;                     // that the media comes from; empty: from files
+    bool m_starved = false;                   // playback is held until there is enough again
+    bool m_mediaSeen = false;                 // the backend has told something about the media
     bool m_wantPlaying = false;
-    bool m_started = false; // something was played
+    bool m_started = false;                          // something was played
+    std::optional<Clock::time_point> m_decoderAsked; // when the main system was asked
 
     std::optional<double> m_seekInFlight;
     std::optional<double> m_seekQueued;
     bool m_seekFromEnd = false; // the one in flight began where playback had ended
-    bool m_settling = false;    // from a seek's beginning until the position moves again
-    bool m_endSeen = false;     // an end that may be from before the seek
+    Sought m_sought = Sought::Never;
+    double m_target = 0;    // of the last seek that was begun
+    bool m_endSeen = false; // an end that may be from before the seek
 
+    std::optional<Phase> m_phase; // that m_watch counts
     ProgressWatch m_watch;
+    std::string m_error; // the first one since the media was opened, or the last seek; empty: none
     EventLoop::TimerId m_timer = 0;
 };
 

@@ -24,6 +24,7 @@ constexpr auto patience = std::chrono::milliseconds(100); // with a request
 
 void ElementCore::feederOpened() {
     auto* backend = m_backend.load();
+    m_mediaSeen = true;
     if (m_protected) {
         UVAKeySystemConfig config;
         config.keySystemId = clearKeySystem;
@@ -51,12 +52,10 @@ void ElementCore::feederFailed(const std::string& reason) {
 }
 
 void ElementCore::keyNeeded(const KeyBytes& id) {
-    m_keyMissing = true;
     observe([&](Observer& observer) { observer.onKeyNeeded(id); });
 }
 
 void ElementCore::resumeFeeding() {
-    m_keyMissing = false;
     if (m_feeder != nullptr)
         m_feeder->resume();
 }
@@ -70,6 +69,8 @@ void ElementCore::writeData(std::unique_ptr<NeedMSEDataEvent> event, unsigned in
              {"bytes", static_cast<long long>(bytes)},
              {"status", static_cast<long long>(status)}},
             [&] { return backend->writeData(event.release(), bytes, status); });
+    if (samples > 0 && !m_decoderAsked && m_options.mainSystem)
+        decoderAsked(Clock::now()); // the sinks of media sources do not ask the host first
 }
 
 void ElementCore::takeRequest(std::unique_ptr<NeedMSEDataEvent> event) {

@@ -112,9 +112,16 @@ MediaUri toMediaUri(const std::string& name) {
     return error.empty() ? MediaUri{fileUri(name), {}} : MediaUri{{}, std::move(error)};
 }
 
-bool isNetworkUri(std::string_view uri) {
+std::string serverOf(std::string_view uri) {
     const auto scheme = schemeOf(uri);
-    return !scheme.empty() && scheme != "file";
+    if (scheme.empty() || scheme == "file")
+        return {};
+    auto authority = uri.substr(scheme.size() + std::string_view("://").size());
+    authority = authority.substr(0, authority.find_first_of("/?#"));
+    authority.remove_prefix(authority.rfind('@') + 1); // npos: nothing
+    const auto address = authority.find(']');          // of IPv6 has colons of its own
+    const auto port = authority.find(':', address == std::string_view::npos ? 0 : address);
+    return std::string(authority.substr(0, port));
 }
 
 } // namespace host

@@ -239,6 +239,12 @@ std::size_t MseFeeder::deliverable(const Source& source, std::size_t most) const
     return count;
 }
 
+bool MseFeeder::waitsForKey() const {
+    return std::any_of(m_sources.begin(), m_sources.end(), [this](const Source& source) {
+        return source.request != nullptr && !source.ready.empty() && deliverable(source, 1) == 0;
+    });
+}
+
 void MseFeeder::askForKey(Source& source) {
     const KeyBytes id = keyIdOf(*source.ready.front());
     if (source.keyAskedFor == id)

@@ -56,6 +56,8 @@ public:
     void seek(double seconds);
     /// The same for one source, which was attached anew.
     void restart(unsigned int id, double seconds);
+    /// Whether a request stays open because the key is missing.
+    bool waitsForKey() const;
     /// A key has come, or a stream has been filled.
     void resume();
     /// Nothing is delivered any more. Waits for the reading thread, two seconds at most.

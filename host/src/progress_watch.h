@@ -4,8 +4,39 @@
 #include "host/record.h"
 
 #include <algorithm>
+#include <chrono>
+#include <string>
 
 namespace host {
+
+/// What playback waits for, when it should get on.
+enum class Phase {
+    Connecting,        ///< to a server of which nothing has come yet
+    Opening,           ///< until something is played
+    WaitingForDecoder, ///< the main system has been asked for it
+    Playing,
+    Seeking,        ///< until something is played from the target on
+    WaitingForData, ///< something was played; the network, or who feeds, is behind
+    WaitingForKey,  ///< samples are held back
+};
+
+/// How long a phase may last without progress; 0: for ever.
+std::chrono::milliseconds boundOf(Phase phase);
+
+/// What is put into a phase's sentence.
+struct Standstill {
+    std::string server; ///< empty: the media comes from files
+    double position = 0;
+    double target = 0; ///< of the last seek
+    std::chrono::milliseconds lasted{0};
+};
+
+/// Why playback was given up, and what to do: one line. `error`: what the framework beneath the
+/// backend reported; empty: nothing, it is the standstill that tells.
+std::string explain(Phase phase, const Standstill& standstill, const std::string& error);
+
+/// "12.5 s"
+std::string secondsText(double value);
 
 /// How long nothing has moved, counted from tick to tick. A tick that comes late counts no more
 /// than two: a process that was stopped for a minute has not watched a stream stall for a minute.
@@ -14,11 +45,11 @@ public:
     explicit ProgressWatch(Clock::duration tick) : m_tick(tick) {}
 
     void restart() { m_still = Clock::duration::zero(); }
+    Clock::duration still() const { return m_still; }
 
-    Clock::duration tick(Clock::time_point now) {
+    void tick(Clock::time_point now) {
         m_still += std::clamp<Clock::duration>(now - m_last, Clock::duration::zero(), 2 * m_tick);
         m_last = now;
-        return m_still;
     }
 
 private:

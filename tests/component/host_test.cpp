@@ -96,6 +96,13 @@ protected:
     bool waitForState(State state) {
         return waitUntil([&] { return m_recorder.status().state == state; });
     }
+    void waitForTicks(int count) {
+        std::atomic<int> ticks{0};
+        const auto timer = m_loop->startTimer(m_options.tick, [&] { ++ticks; });
+        EXPECT_TRUE(waitUntil([&] { return ticks >= count; }));
+        m_loop->cancelTimer(timer);
+        m_element->capture().wait(); // no tick is under way
+    }
     void deliver(UVAEvent* event) { m_fake->client.load()->deliverEvent(event); }
     std::vector<std::string> calls() {
         auto all = m_fake->calls();
@@ -141,7 +148,8 @@ TEST_F(HostTest, FailsWithAReason) {
     } cases[] = {
         {"no backend", [&] { m_fake->giveNothing = true; }, [] {}, "gave no backend"},
         {"media refused", [&] { m_fake->refuseMedia = true; }, [] {}, "initBackend answered 2"},
-        {"nothing moves", [&] { m_options.noProgress = milliseconds(60); }, [] {}, "no progress"},
+        {"nothing moves", [&] { m_options.noProgress = milliseconds(60); }, [] {},
+         "nothing was played within"},
         {"decoder refused", [] {}, [&] { deliver(new DecodeErrorEvent(2)); }, "decoder refused"},
         {"network", [] {}, [&] { deliver(new BufferingNetworkErrorEvent(1)); }, "fetched"},
     };
@@ -175,11 +183,7 @@ TEST_F(HostTest, WaitsPatientlyWhilePaused) {
     startPlaying();
     m_element->pause();
     ASSERT_TRUE(waitForState(State::Paused));
-    std::atomic<int> ticks{0};
-    const auto timer = m_loop->startTimer(milliseconds(10), [&] { ++ticks; });
-    EXPECT_TRUE(waitUntil([&] { return ticks > 40; }));
-    m_loop->cancelTimer(timer);
-    m_element->capture().wait(); // no tick is under way
+    waitForTicks(80);
     EXPECT_EQ(m_recorder.status().state, State::Paused);
 }
 
@@ -255,20 +259,61 @@ TEST_F(HostTest, GivesUpASeekThatIsNeverAnswered) {
     EXPECT_NE(m_recorder.status().reason.find("seek to 10.0 s"), std::string::npos);
 }
 
-TEST_F(HostTest, TellsAnOldEndFromANewOne) {
-    startPlaying();
-    deliver(new NewMetadataEvent(100, 2, 1, 1.0));
-    m_fake->seek = SeekBehaviour::NeverAnswer;
-    m_element->seek(50);
-    ASSERT_TRUE(waitUntil([&] { return called("cancelled"); }));
-    deliver(new PlaybackFinishedEvent(0, 0)); // from before the seek
-    m_fake->position = 50;
-    deliver(new SeekCompletedExEvent(SeekCompletedExEvent::SeekOutcome::Succeeded));
-    ASSERT_TRUE(waitForState(State::Buffering));
-    m_fake->position = 50.1;
-    ASSERT_TRUE(waitForState(State::Playing));
-    deliver(new PlaybackFinishedEvent(0, 0));
-    EXPECT_TRUE(waitForState(State::Ended));
+/// An end and a seek, in every order. The media is 100 s long, if that is known.
+TEST_F(HostTest, TellsTheEndBehindASeekFromTheOneBeforeIt) {
+    const auto end = [&] { deliver(new PlaybackFinishedEvent(0, 0)); };
+    const auto completed = [&] {
+        deliver(new SeekCompletedExEvent(SeekCompletedExEvent::SeekOutcome::Succeeded));
+    };
+    const auto at = [&](double position) { return [&, position] { m_fake->position = position; }; };
+    const auto stands = [&] { waitForTicks(100); }; // longer than an end is doubted
+    const auto moves = [&] {
+        for (int i = 0; i < 100; ++i) {
+            m_fake->position = m_fake->position + 0.02;
+            waitForTicks(1);
+        }
+    };
+    using Steps = std::vector<std::function<void()>>;
+    const struct {
+        const char* what;
+        double duration; // 0: unknown
+        double target;
+        Steps steps; // once the seek has begun
+        bool ends;
+    } rows[] = {
+        {"where the media ends", 100, 100, {at(100), completed, end}, true},
+        {"there, before the seek's answer", 100, 100, {at(100), end, completed}, true},
+        {"beyond, length unknown", 0, 150, {completed, at(100), end}, true},
+        {"shortly behind the target", 0, 99.5, {completed, at(99.6), stands, at(100), end}, true},
+        {"there, at once", 0, 99.5, {completed, at(100), end}, true},
+        {"there, before the seek's answer, length unknown",
+         0,
+         99.5,
+         {end, at(100), completed},
+         true},
+        {"an old one, before the answer", 100, 50, {end, at(50), completed, stands, moves}, false},
+        {"an old one, behind the answer", 100, 50, {at(50), completed, end, stands, moves}, false},
+        {"an old one, late", 0, 50, {at(50), completed, moves, end, moves}, false},
+        {"an old one, next to the end", 100, 97.9, {at(97.9), completed, end, moves}, false},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.what);
+        m_fake->seek = SeekBehaviour::NeverAnswer;
+        startPlaying();
+        deliver(new NewMetadataEvent(row.duration, 2, 1, 1.0));
+        const auto before = calls().size();
+        m_element->seek(row.target);
+        ASSERT_TRUE(
+            waitUntil([&] { return calls().size() > before && calls().back() == "cancelled"; }));
+        for (const auto& step : row.steps)
+            step();
+        EXPECT_TRUE(waitForState(row.ends ? State::Ended : State::Playing));
+        if (!row.ends)
+            end();
+        EXPECT_TRUE(waitForState(State::Ended)) << m_recorder.status().reason;
+        m_element.reset();
+        m_recorder.onStatus({});
+    }
 }
 
 TEST_F(HostTest, EndsAClipThatNeverMoved) {

@@ -162,23 +162,28 @@ public:
     explicit Player(const std::vector<std::string>& paths, Keys keys = nullptr,
                     Scheme scheme = Scheme::None, SinkWatch::Options watch = {false, true, true},
                     Network* network = nullptr)
-        : m_keys(keys), m_element(library(), m_loop, *this, {}) {
+        : Player(
+              [=](const std::atomic<bool>& cancelled) {
+                  host::DemuxedMedia all;
+                  for (auto& media : host::openMedia(paths, cancelled)) {
+                      all.error += media.error;
+                      for (auto& stream : media.streams) {
+                          auto guarded = host::protect(std::move(stream), scheme, ownPair);
+                          all.streams.push_back(network ? network->behind(std::move(guarded))
+                                                        : std::move(guarded));
+                      }
+                  }
+                  return all;
+              },
+              keys, {}, watch) {}
+    Player(decltype(host::MediaSource::open) open, Keys keys, host::MediaElement::Options options,
+           SinkWatch::Options watch = {false, true, true})
+        : m_keys(keys), m_element(library(), m_loop, *this, std::move(options)) {
         SinkWatch::instance().restart(watch);
         if (keys != nullptr)
             UVA_OfferDRMBackend(host::clearKeySystem, keys.get());
         host::MediaSource source;
-        source.open = [=](const std::atomic<bool>& cancelled) {
-            host::DemuxedMedia all;
-            for (auto& media : host::openMedia(paths, cancelled)) {
-                all.error += media.error;
-                for (auto& stream : media.streams) {
-                    auto guarded = host::protect(std::move(stream), scheme, ownPair);
-                    all.streams.push_back(network ? network->behind(std::move(guarded))
-                                                  : std::move(guarded));
-                }
-            }
-            return all;
-        };
+        source.open = std::move(open);
         source.keys = std::move(keys);
         m_element.openSource(std::move(source));
         m_element.play();
@@ -464,6 +469,60 @@ TEST(MsePlayback, HoldsBackWhatItHasNoKeyForUntilTheKeyComes) {
     keys->addKey(ownPair);
     player.element().resumeFeeding();
     expectPlayed(player, decode(generated("h264-aac.mp4")));
+}
+
+/// Clear up to 3 s and protected from there; between 1.5 and 3 s nothing ever comes.
+class Gapped final : public host::SampleStream {
+public:
+    Gapped(std::unique_ptr<SampleStream> clear, std::unique_ptr<SampleStream> other)
+        : m_stream(host::switchAt(std::move(clear), 3,
+                                  host::protect(std::move(other), Scheme::Cenc, ownPair))) {}
+
+    const host::StreamInfo& info() const override { return m_stream->info(); }
+    Batch read(std::size_t count) override {
+        auto batch = m_stream->read(m_inGap ? 0 : count);
+        const double pts = batch.samples.empty() ? 0 : batch.samples.front()->data().pts;
+        m_inGap = m_inGap || (pts > 1.5 && pts < 3);
+        return m_inGap ? Batch{} : std::move(batch);
+    }
+    std::string seek(double seconds) override {
+        m_inGap = false;
+        return m_stream->seek(seconds);
+    }
+    void interrupt() override { m_stream->interrupt(); }
+
+private:
+    const std::unique_ptr<SampleStream> m_stream;
+    bool m_inGap = false;
+};
+
+host::DemuxedMedia openGapped(const std::atomic<bool>& cancelled) {
+    auto media = host::openMedia(generated("clip.mp4"), cancelled);
+    auto again = host::openMedia(generated("clip.mp4"), cancelled);
+    for (std::size_t i = 0; i < media.streams.size(); ++i)
+        media.streams[i] =
+            std::make_unique<Gapped>(std::move(media.streams[i]), std::move(again.streams[i]));
+    return media;
+}
+
+TEST(MsePlayback, GivesUpWaitingForAKeyOnlyWhereItIsTheKeyThatIsMissing) {
+    for (const bool seeksOut : {false, true}) {
+        SCOPED_TRACE(seeksOut ? "out of the protected part" : "in the protected part");
+        host::MediaElement::Options options;
+        options.noProgress = std::chrono::seconds(2);
+        options.keyDelay = seeksOut ? longBound : std::chrono::seconds(0);
+        Player player(openGapped, std::make_shared<ClearKey>(ClearKey::Interface::PerRange),
+                      options);
+        ASSERT_TRUE(player.waitFor(State::Playing));
+        player.element().seek(4);
+        ASSERT_TRUE(waitUntil([&] { return !player.keysNeeded().empty(); }));
+        if (seeksOut)
+            player.element().seek(0.5);
+        ASSERT_TRUE(waitUntil([&] { return player.status().state == State::Failed; }, longBound));
+        const auto reason = player.status().reason;
+        EXPECT_EQ(reason.find("no key came for 2.") != std::string::npos, !seeksOut) << reason;
+        EXPECT_NE(reason.find("stalled at "), std::string::npos) << reason;
+    }
 }
 
 /// The first of what was rendered after the sink's last flush, if enough has followed.

@@ -1,4 +1,5 @@
 #include "display.h"
+#include "host/capability_query.h"
 #include "host/media_uri.h"
 #include "options.h"
 #include "terminal.h"
@@ -80,6 +81,34 @@ TEST(UvaHostOptions, ReadsTimesAndWindows) {
         EXPECT_EQ(parseTime(row.text).value_or(-1), row.seconds) << row.text;
 }
 
+TEST(UvaHostOptions, ReadsTheParametersOfAContentType) {
+    const struct {
+        std::vector<const char*> arguments;
+        const char* said; // codecs, then the parameters in their order
+    } rows[] = {
+        {{"video/mp4"}, "||||||"},
+        {{"video/mp4; CODECS=\"avc1.640028, mp4a.40.2\";Width = 1920 ;heighT=\"1080\""},
+         "avc1.640028|mp4a.40.2|1920|1080|||||"},
+        {{"a/b;framerate=30000/1001;bitrate=\" 5000 \";channels=6;CryptoBlockFormat=cbcs"},
+         "||30000/1001|5000|6|cbcs|"},
+        {{"a/b; cryptoblockformat=\"a;\\\"b\\\\\"; =1; width; width=\"; height=7"},
+         "\"; height=7|||||a;\"b\\|"},
+        {{"a/b; width=1; width=2; codecs=x; codecs=y; eotf=pq"}, "x|1||||||"},
+        {{"a/b; width=1; channels=2", "--channels", "8"}, "1||||8||"},
+    };
+    for (auto row : rows) {
+        row.arguments.insert(row.arguments.begin(), "--can-play");
+        const auto parsed = parse(row.arguments);
+        ASSERT_TRUE(parsed.options) << parsed.text;
+        std::string said;
+        for (const auto& codec : parsed.options->canPlay->codecs)
+            said += codec + "|";
+        for (const auto& parameter : host::contentParameters)
+            said += (*parsed.options->canPlay).*parameter.member + "|";
+        EXPECT_EQ(said, row.said) << row.arguments[1];
+    }
+}
+
 TEST(UvaHostMedia, MakesUrisAndRefusesWhatCannotBeRead) {
     EXPECT_EQ(host::fileUri("/a b#c%d?\xc3\xa9\xff.mp4"), "file:///a%20b%23c%25d%3F%C3%A9%FF.mp4");
     EXPECT_EQ(host::toMediaUri("http://h/a%20b?c#d").uri, "http://h/a%20b?c#d");
@@ -90,8 +119,9 @@ TEST(UvaHostMedia, MakesUrisAndRefusesWhatCannotBeRead) {
         const auto media = host::toMediaUri(bad);
         EXPECT_TRUE(media.uri.empty() && !media.error.empty()) << bad;
     }
-    EXPECT_TRUE(host::isNetworkUri("https://h/"));
-    EXPECT_FALSE(host::isNetworkUri("file:///h"));
+    EXPECT_EQ(host::serverOf("https://me:pass@h:80/x@y:1"), "h");
+    EXPECT_EQ(host::serverOf("rtsp://[::1]:80"), "[::1]");
+    EXPECT_EQ(host::serverOf("file:///h") + host::serverOf("h"), "");
 }
 
 TEST(UvaHostTerminal, MakesKeysOfBytesCutAnywhere) {
@@ -197,6 +227,32 @@ TEST_F(UvaHostRun, SaysWhyItFails) {
     }
     EXPECT_EQ(run(UVA_HOST " *.mp4 --no-progress-timeout 0.3", "0"), 0) << m_output;
     EXPECT_EQ(std::distance(fs::directory_iterator(m_folder), {}), 1); // nothing is left behind
+}
+
+TEST_F(UvaHostRun, SaysWhatItWaitedForInVain) {
+    const struct {
+        const char* fault;
+        const char* media;
+        const char* text;
+    } rows[] = {
+        {"opening", "*.mp4", ": nothing was played within 0.5 s; is it intact"},
+        {"opening", "http://h.example:80/x",
+         ": no media came from h.example within 0.5 s; check the "},
+        {"decoder", "*.mp4",
+         ": the main system did not answer the request for the decoder within 0.5 s; start zant-m"},
+        {"decoder", "http://h/x",
+         ": the main system did not answer the request for the decoder within 0.5 s; "},
+        {"seek", "*.mp4 --seek 7", ": the seek to 7.0 s did not complete within 0.5 s; "},
+        {"end", "*.mp4", ": stalled at 0.3 s: nothing moved for 0.5 s; is it intact"},
+        {"end", "http://h.example/x",
+         ": stalled at 0.3 s: no data came from h.example for 0.5 s; check the "},
+    };
+    for (const auto& row : rows) {
+        const std::string command = std::string("env FAKE_CLIP_FAULT=") + row.fault + " " UVA_HOST +
+                                    " --quiet --no-progress-timeout 0.5 " + row.media;
+        EXPECT_EQ(run(command), 1) << command;
+        EXPECT_TRUE(says(row.text)) << row.text << "\n" << m_output;
+    }
 }
 
 TEST_F(UvaHostRun, StopsWhenAskedTo) {

@@ -4,6 +4,7 @@
 Usage: arbitration_test.py CLIP ZANT_MAINSYS, in a box
 """
 
+import concurrent.futures
 import ctypes
 import os
 import pathlib
@@ -23,6 +24,8 @@ from wait_until import wait_until  # noqa: E402
 
 CLIP, MAINSYS = sys.argv[1:3]
 OPTIONS = ["--no-progress-timeout", "60"]
+UNANSWERED = (r": the main system did not answer the request for the decoder within \d+\.\d s; start zant-mainsys, or "
+              r"play without a main system \(NOX_GST_STANDALONE=1\)\n$")
 BOTH_ASKED = ["expect DECODER_NEEDED_IND within 60000"] * 2
 
 
@@ -63,10 +66,11 @@ class Arbitration(unittest.TestCase):
         self.assertTrue(run.named("PlaybackFinished"), run.report())
         self.assertNotIn("never freed", run.errors)
 
-    def is_refused(self, run):
+    def is_refused(self, run, reason=UNANSWERED):
         self.assertEqual(run.code, 1, run.report())
         self.assertEqual(run.last("DecodeError", "reason"), 2, run.report())
         self.assertEqual(len(run.errors.strip().splitlines()), 1, run.report())
+        self.assertRegex(run.errors, reason)
 
     def test_a_granted_player_plays_and_reports(self):
         main = MainSystem("expect SET_WINDOW_REQ within 60000",
@@ -80,8 +84,16 @@ class Arbitration(unittest.TestCase):
 
     def test_a_refused_player_ends_with_its_reason(self):
         main = MainSystem("refuse", "expect DECODER_NEEDED_IND within 60000", "wait 500")
-        self.is_refused(Run(CLIP, *OPTIONS))
+        self.is_refused(Run(CLIP, *OPTIONS), "the main system has none to give; end the player that has it")
         main.finish()
+
+    def test_without_a_main_system_every_player_says_so(self):
+        rows = [(), ("--mse",), ("--no-progress-timeout", "3"), ("--mse", "--no-progress-timeout", "60")] * 3
+        with concurrent.futures.ThreadPoolExecutor(4) as pool:
+            runs = list(pool.map(lambda options: Run(CLIP, *options), rows))
+        for options, run in zip(rows, runs):
+            self.assertEqual(run.code, 1, run.report())
+            self.assertRegex(run.errors, UNANSWERED, options)
 
     def test_without_a_main_system_a_player_gives_up_and_the_next_plays(self):
         start = time.monotonic()

@@ -4,6 +4,7 @@
 Usage: http_test.py CLIP_FOLDER
 """
 
+import concurrent.futures
 import http.server
 import os
 import pathlib
@@ -19,6 +20,7 @@ import gtest_result  # noqa: E402
 from host_run import Run  # noqa: E402
 
 CLIPS = pathlib.Path(sys.argv[1])
+PROMPT = 5  # seconds: below every bound, with room for a busy machine
 
 
 class Handler(http.server.BaseHTTPRequestHandler):
@@ -36,6 +38,9 @@ class Handler(http.server.BaseHTTPRequestHandler):
             self.send_header("Location", "/ranges/" + name)
             self.send_header("Content-Length", "0")
             self.end_headers()
+            return
+        if how == "silent":
+            Handler.stop.wait()
             return
         path = CLIPS / name
         if how not in ("ranges", "plain", "stalled", "cut", "late") or not path.is_file():
@@ -98,7 +103,7 @@ class Http(unittest.TestCase):
     def assert_network_error(self, run):
         self.assertEqual(run.code, 1, run.report())
         self.assertTrue(run.named("BufferingNetworkError"), run.report())
-        self.assertRegex(run.errors.strip().splitlines()[-1], r"^uva-host: .+: .+")
+        self.assertRegex(run.errors, r"127\.0\.0\.1 does not answer as it should \(GStreamer: source: .+\)")
 
     def test_ranges_and_seek(self):
         run = Run(self.base + "/ranges/clip.mp4", "--seek", "4")
@@ -129,15 +134,26 @@ class Http(unittest.TestCase):
         with socket.socket() as closed:
             closed.bind(("127.0.0.1", 0))
             port = closed.getsockname()[1]
-        # The HTTP element reports no resource error here, so it is the lack of progress that tells.
-        run = Run(f"http://127.0.0.1:{port}/x.mp4", "--no-progress-timeout", "2")
+        # GStreamer's HTTP element keeps the reason to itself; its own error is all there is to quote.
+        run = Run(f"http://127.0.0.1:{port}/x.mp4")
         self.assertEqual(run.code, 1, run.report())
-        self.assertIn("no progress", run.errors)
+        self.assertRegex(run.errors, r": nothing can be fetched from 127\.0\.0\.1 \(GStreamer: source: .+\); check the ")
+        self.assertLess(run.seconds_between("play", "UVA_ReleaseBackend"), PROMPT)
 
-    def test_stalled_connection_is_given_up(self):
-        run = Run(self.base + "/stalled/clip.mp4", "--no-progress-timeout", "2")
-        self.assertEqual(run.code, 1, run.report())
-        self.assertLess(run.seconds_between("UVA_ReleaseBackend", "UVA_ReleaseBackend"), 1.0)
+    def test_a_server_that_stalls_is_named(self):
+        rows = [
+            ("/silent/clip.mp4", (), r": no media came from 127\.0\.0\.1 within 1\d\.\d s; check the address"),
+            ("/stalled/clip.mp4", (), r": stalled at [\d.]+ s: no data came from 127\.0\.0\.1 for 1\d\.\d s; check the address"),
+            ("/stalled/clip.mp4", ("--no-progress-timeout", "2"), r"no data came from 127\.0\.0\.1 for 2\.\d s; "),
+            ("/silent/clip.mp4", ("--mse", "--no-progress-timeout", "2"), r": no media came from 127\.0\.0\.1 within 2\.\d s; "),
+        ]
+        with concurrent.futures.ThreadPoolExecutor(len(rows)) as pool:
+            runs = [pool.submit(Run, self.base + path, *options) for path, options, _ in rows]
+        for (path, options, text), run in zip(rows, (run.result() for run in runs)):
+            with self.subTest(path=path, options=options):
+                self.assertEqual(run.code, 1, run.report())
+                self.assertRegex(run.errors, text)
+                self.assertLess(run.seconds_between("UVA_ReleaseBackend", "UVA_ReleaseBackend"), PROMPT)
 
     def test_playback_waits_for_a_late_connection_and_goes_on_where_it_was(self):
         run = Run(self.base + "/late/frag.mp4", "--mse")

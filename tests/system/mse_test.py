@@ -161,6 +161,13 @@ class Questions(unittest.TestCase):
             (('video/webm; codecs="vp09.00.51.08"', "--width", "3840", "--height", "2160", "--framerate", "61"), 1,
              "no: the codec 'vp09.00.51.08' not with width 3840, height 2160, framerate 61"),
             (("video/mp4", "--channels", "eleven"), 1, "no: channels 'eleven' is no number that is accepted"),
+            (('video/webm;CODECS="vp09.00.51.08" ; Width = 3840;hEIGHT="2160";FrameRate=61',), 1,
+             "no: the codec 'vp09.00.51.08' not with width 3840, height 2160, framerate 61"),
+            (('video/webm; codecs="vp09.00.51.08"; width=3840; height=2160; framerate=61', "--framerate", "60"), 0, "yes"),
+            (("video/mp4; BITRATE=1e6",), 1, "no: bitrate '1e6' is no number that is accepted"),
+            (("video/mp4; bitrate=1000000; eotf=pq; channels=11",), 1, "no: channels '11' is no number that is accepted"),
+            (('video/mp4; cryptoblockformat="subsample;1"; width=10241',), 1,
+             "no: width '10241' is no number that is accepted"),
         ]
         for arguments, code, text in rows:
             with self.subTest(arguments):

@@ -1,6 +1,7 @@
 #include "media_source.h"
 
 #include "display.h"
+#include "host/media_uri.h"
 
 #include <algorithm>
 #include <utility>
@@ -99,6 +100,9 @@ host::MediaSource makeMediaSource(const Options& options,
         return recipe.open(cancelled);
     };
     source.keys = std::move(keys);
+    for (const auto& name : options.media)
+        if (source.server.empty())
+            source.server = host::serverOf(name);
     return source;
 }
 

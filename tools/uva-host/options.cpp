@@ -90,7 +90,8 @@ std::optional<Detach> parseDetach(const std::string& text) {
 }
 
 std::string badSwitch(const std::string& text) {
-    return parseSwitch(text) ? std::string() : "'" + text + "' is no switch; write T=FILE, e.g. 4=hd.mp4";
+    return parseSwitch(text) ? std::string()
+                             : "'" + text + "' is no switch; write T=FILE, e.g. 4=hd.mp4";
 }
 
 std::string badDetach(const std::string& text) {
@@ -99,8 +100,9 @@ std::string badDetach(const std::string& text) {
 
 std::string badKey(const std::string& text) {
     host::KeyPair pair;
-    return host::parseKey(text, pair) ? std::string()
-                                      : "'" + text + "' is no key; write KID:KEY, 32 hexadecimal digits each";
+    return host::parseKey(text, pair)
+               ? std::string()
+               : "'" + text + "' is no key; write KID:KEY, 32 hexadecimal digits each";
 }
 
 /// What CLI11 fills in: times, windows, keys as text, read once they are known to be valid.
@@ -141,7 +143,8 @@ void declareMediaSource(CLI::App& app, Options& options, Raw& raw) {
         ->check(CLI::Range(0, 3600000))
         ->needs(key)
         ->group(group);
-    app.add_option("--protect", raw.protect, "Encrypt clear samples on their way in, with the first key")
+    app.add_option("--protect", raw.protect,
+                   "Encrypt clear samples on their way in, with the first key")
         ->type_name("cenc|cbcs")
         ->check(CLI::IsMember({"cenc", "cbcs"}))
         ->needs(key)
@@ -155,12 +158,15 @@ void declareMediaSource(CLI::App& app, Options& options, Raw& raw) {
 void declareQuestions(CLI::App& app, Options& options, Raw& raw) {
     const std::string group = "Questions, in place of playing";
     auto* canPlay = app.add_option("--can-play", raw.canPlay,
-                                   "Whether the backend can play a content type, and why not")
+                                   "Whether the backend can play a content type, and why not; "
+                                   "parameters as in '...; width=1920' are read")
                         ->type_name("MIME")
                         ->check([](const std::string& text) {
-                            return host::parseContentType(text) ? std::string()
-                                                                : "'" + text + "' is no content type; write e.g. "
-                                                                  "'video/mp4; codecs=\"avc1.640028\"'";
+                            return host::parseContentType(text)
+                                       ? std::string()
+                                       : "'" + text +
+                                             "' is no content type; write e.g. "
+                                             "'video/mp4; codecs=\"avc1.640028\"'";
                         })
                         ->group(group);
     struct Row {
@@ -225,12 +231,14 @@ void declare(CLI::App& app, Options& options, Raw& raw) {
                    "Write operations, events and states as Chrome trace events")
         ->type_name("OUT.json");
     app.add_option("--no-progress-timeout", raw.noProgressTimeout,
-                   "Give up when nothing moves for so long; 0: never (default 5, network 15)")
+                   "Give up when nothing moves for so long; 0: never (default: 5 to 30, by "
+                   "what is waited for)")
         ->type_name("T")
         ->check(badTime);
     app.add_option("--backend", options.backend, "The backend library (libuvagstbackend.so)")
         ->type_name("PATH");
-    app.add_flag("--quiet", options.quiet, "Print nothing but errors");
+    app.add_flag("--quiet", options.quiet,
+                 "Print nothing but errors and answers, nor let the library");
     declareMediaSource(app, options, raw);
     declareQuestions(app, options, raw);
     app.set_version_flag("--version", "uva-host " UVA_HOST_VERSION);
@@ -267,9 +275,9 @@ void readTexts(Raw& raw, Options& options) {
     readMediaSource(raw, options);
     if (!raw.canPlay.empty()) {
         options.canPlay = host::parseContentType(raw.canPlay);
-        raw.asked.type = options.canPlay->type;
-        raw.asked.codecs = options.canPlay->codecs;
-        options.canPlay = raw.asked;
+        for (const auto& parameter : host::contentParameters)
+            if (const auto& value = raw.asked.*parameter.member; !value.empty())
+                *options.canPlay.*parameter.member = value;
     }
     const bool asks = options.canPlay || options.listTypes;
     if (options.media.empty() && !asks)

@@ -13,7 +13,6 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <unistd.h>
 #include <utility>
 
 namespace uvahost {
@@ -33,37 +32,13 @@ std::shared_ptr<host::ClearKey> makeKeys(const Options& options) {
     if (options.keys.empty())
         return nullptr;
     using Interface = host::ClearKey::Interface;
-    auto keys = std::make_shared<host::ClearKey>(
-        options.fullSampleDecrypter ? Interface::FullSample : Interface::PerRange);
+    auto keys = std::make_shared<host::ClearKey>(options.fullSampleDecrypter ? Interface::FullSample
+                                                                             : Interface::PerRange);
     if (!options.keyDelay)
         for (const auto& pair : options.keys)
             keys->addKey(pair);
     return keys;
 }
-
-/// While it lives what goes to standard output goes to standard error: the backend library prints
-/// lines of its own, which would stand among the answers.
-class OutputAside {
-public:
-    OutputAside() {
-        std::fflush(stdout);
-        m_kept = dup(STDOUT_FILENO);
-        if (m_kept >= 0)
-            dup2(STDERR_FILENO, STDOUT_FILENO);
-    }
-    ~OutputAside() {
-        std::fflush(stdout);
-        if (m_kept < 0)
-            return;
-        dup2(m_kept, STDOUT_FILENO);
-        close(m_kept);
-    }
-    OutputAside(const OutputAside&) = delete;
-    OutputAside& operator=(const OutputAside&) = delete;
-
-private:
-    int m_kept = -1;
-};
 
 /// A question is no playback: what the backend has to tell is of no interest.
 class DeafClient final : public UVAClient {
@@ -78,10 +53,11 @@ Session::Session(Options options) : m_options(std::move(options)) {}
 Session::~Session() = default;
 
 int Session::run() {
-    if (!findMedia() || !checkOutputs())
+    if (!findMedia() || !partOutput() || !checkOutputs())
         return m_exitCode;
     if (!m_options.graph.empty())
         m_graph = std::make_unique<PipelineGraph>();
+    GstErrors errors;
 
     auto loaded = host::BackendLibrary::load(m_options.backend);
     if (loaded.library == nullptr) {
@@ -101,7 +77,8 @@ int Session::run() {
                 timeline,
                 std::move(loaded.library),
                 std::make_shared<host::EventLoop>(),
-                makeKeys(m_options)};
+                makeKeys(m_options),
+                errors};
     if (m_options.mse)
         playSource(stage);
     else
@@ -115,7 +92,6 @@ int Session::answerQuestions(const host::BackendLibrary& library) {
     std::vector<std::string> types;
     host::CapabilityAnswer answer;
     {
-        const OutputAside aside;
         DeafClient client;
         auto* backend = library.request(UVABackend::VideoElement, &client);
         if (backend == nullptr) {
@@ -129,9 +105,10 @@ int Session::answerQuestions(const host::BackendLibrary& library) {
         library.release(backend);
     }
     for (const auto& type : types)
-        std::puts(type.c_str());
+        std::fprintf(m_output.stream(), "%s\n", type.c_str());
     if (m_options.canPlay) {
-        std::puts(answer.canPlay ? "yes" : ("no: " + answer.reason).c_str());
+        std::fprintf(m_output.stream(), "%s\n",
+                     answer.canPlay ? "yes" : ("no: " + answer.reason).c_str());
         m_exitCode = answer.canPlay ? 0 : 1;
     }
     checkLog();
@@ -151,11 +128,22 @@ bool Session::findMedia() {
     return m_exitCode == 0;
 }
 
+/// The library's own lines are not wanted by the quiet, nor among answers.
+bool Session::partOutput() {
+    const bool answers = m_options.canPlay || m_options.listTypes;
+    if (!m_options.quiet && !answers)
+        return true;
+    const auto others = m_options.quiet ? OwnOutput::Others::Nowhere : OwnOutput::Others::ToErrors;
+    if (const auto error = m_output.send(others); !error.empty())
+        fail(error);
+    return m_exitCode == 0;
+}
+
 bool Session::checkOutputs() {
     for (const auto* path : {&m_options.snapshot, &m_options.graph, &m_options.timeline}) {
         if (path->empty())
             continue;
-        if (const auto error = whyNotWritable(*path); !error.empty())
+        if (const auto error = whyNotWritable(m_output.pathOf(*path)); !error.empty())
             fail(error);
     }
     return m_exitCode == 0;
@@ -201,23 +189,23 @@ void Session::writeOutputs(const Timeline& timeline) {
     if (!m_snapshot.rgba.empty()) {
         const auto png = host::encodePng(m_snapshot, error);
         if (error.empty())
-            error = writeFile(m_options.snapshot, png);
+            error = writeFile(m_output.pathOf(m_options.snapshot), png);
         if (!error.empty())
             fail(error);
     }
     if (m_graph != nullptr)
-        if (error = m_graph->writeTo(m_options.graph); !error.empty())
+        if (error = m_graph->writeTo(m_output.pathOf(m_options.graph)); !error.empty())
             fail(error);
     if (!m_options.timeline.empty())
-        if (error = writeFile(m_options.timeline, timeline.text()); !error.empty())
+        if (error = writeFile(m_output.pathOf(m_options.timeline), timeline.text()); !error.empty())
             fail(error);
 }
 
 /// A reader that went away (`| head`) has seen what it wanted; a disk that is full is an error.
 void Session::checkLog() {
     errno = 0;
-    const bool flushed = std::fflush(stdout) == 0;
-    if ((!flushed || std::ferror(stdout) != 0) && errno != EPIPE && errno != 0)
+    const bool flushed = std::fflush(m_output.stream()) == 0;
+    if ((!flushed || std::ferror(m_output.stream()) != 0) && errno != EPIPE && errno != 0)
         fail(std::string("cannot write the log to standard output: ") + std::strerror(errno));
 }
 

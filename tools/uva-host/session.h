@@ -2,6 +2,7 @@
 #define UVA_HOST_SESSION_H
 
 #include "options.h"
+#include "own_output.h"
 #include "playback.h"
 #include "timeline.h"
 
@@ -31,6 +32,7 @@ public:
 private:
     int answerQuestions(const host::BackendLibrary& library);
     bool findMedia();
+    bool partOutput();
     bool checkOutputs();
     void playAll(Stage& stage);
     void playSource(Stage& stage);
@@ -39,6 +41,7 @@ private:
     void checkLog();
     void fail(const std::string& text);
 
+    OwnOutput m_output;
     const Options m_options;
     std::vector<std::string> m_uris;
     std::unique_ptr<PipelineGraph> m_graph; ///< null: not asked for

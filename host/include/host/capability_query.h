@@ -11,8 +11,23 @@ namespace host {
 
 class BackendLibrary;
 
-/// A MIME type with its codecs parameter, e.g. `video/mp4; codecs="avc1.640028,mp4a.40.2"` (RFC
-/// 6381, 3). Other parameters are dropped. Nothing when the text is no content type.
+/// What a question may say beside the type and the codecs. Case does not matter in the names.
+struct ContentParameter {
+    const char* name;
+    std::string UVABackend::ContentDescription::*member;
+};
+inline constexpr ContentParameter contentParameters[] = {
+    {"width", &UVABackend::ContentDescription::width},
+    {"height", &UVABackend::ContentDescription::height},
+    {"framerate", &UVABackend::ContentDescription::framerate},
+    {"bitrate", &UVABackend::ContentDescription::bitrate},
+    {"channels", &UVABackend::ContentDescription::channels},
+    {"cryptoblockformat", &UVABackend::ContentDescription::cryptoblockformat},
+};
+
+/// A MIME type with parameters, e.g. `video/mp4; codecs="avc1.640028,mp4a.40.2"; width=1920` (RFC
+/// 6381, 3). Values are the backend's to judge; other parameters are dropped. Nothing when the text
+/// is no content type.
 std::optional<UVABackend::ContentDescription> parseContentType(const std::string& text);
 
 struct CapabilityAnswer {

@@ -7,6 +7,7 @@
 #include "uva/uva_backend.h"
 
 #include <chrono>
+#include <functional>
 #include <future>
 #include <memory>
 #include <optional>
@@ -34,11 +35,20 @@ public:
         /// How often the position is read.
         std::chrono::milliseconds tick{100};
 
-        /// Playback that does not move for so long has failed; 0: wait for ever. A backend keeps
-        /// most errors of the media to itself, so this is the only way to notice them.
-        std::chrono::milliseconds noProgress{5000};
-        /// The same for media that comes over a network.
-        std::chrono::milliseconds noProgressNetwork{15000};
+        /// Playback that does not get on has failed; a backend keeps most errors of the media to
+        /// itself. Each phase (connecting, opening, ...) has a bound of its own; this one stands in
+        /// for all of them. 0: wait for ever.
+        std::optional<std::chrono::milliseconds> noProgress;
+        /// How long keys are known to take: waiting for one may take so much longer.
+        std::chrono::milliseconds keyDelay{0};
+
+        /// Decoders come from a main system: NOX_GST_STANDALONE is not set.
+        bool mainSystem = true;
+
+        /// The first error that the framework beneath the backend has reported since the last call;
+        /// empty: none. What does not move any more has failed with it, soon. Called on the event
+        /// loop; may be empty.
+        std::function<std::string()> takeError;
     };
 
     struct Capture {

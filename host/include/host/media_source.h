@@ -7,6 +7,7 @@
 #include <atomic>
 #include <functional>
 #include <memory>
+#include <string>
 
 namespace host {
 
@@ -19,6 +20,9 @@ struct MediaSource {
     /// Decrypts, under clearKeySystem, what is encrypted; must be on offer to the backends
     /// (UVA_OfferDRMBackend). Null: encrypted samples cannot be fed.
     std::shared_ptr<const ClearKey> keys;
+
+    /// The host name of what is fetched over a network; empty: all are files.
+    std::string server;
 };
 
 /// One rendition up to a time, seconds, another one from there: from the first of its samples at or

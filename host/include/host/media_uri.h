@@ -19,8 +19,8 @@ MediaUri toMediaUri(const std::string& name);
 /// kept whatever their encoding.
 std::string fileUri(const std::string& path);
 
-/// Whether the URI's media comes over a network.
-bool isNetworkUri(std::string_view uri);
+/// The host name in a URL whose media comes over a network; empty for files and plain names.
+std::string serverOf(std::string_view uri);
 
 } // namespace host
 

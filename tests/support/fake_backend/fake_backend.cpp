@@ -25,7 +25,8 @@ FakeControl& control() {
 }
 
 /// Plays nothing. Position and events come from the test; or, with FAKE_CLIP_SECONDS in the
-/// environment, from a thread that plays a clip of that length.
+/// environment, from a thread that plays a clip of that length and stops for ever where
+/// FAKE_CLIP_FAULT says: "opening", "decoder", "seek", "end".
 class FakeBackend final : public UVAMediaBackend {
 public:
     using UVAMediaBackend::getPosition;
@@ -89,7 +90,7 @@ public:
             return Success;
         }
         control().note(m_insideSetPosition ? "cancelled too early" : "cancelled");
-        if (control().seek == SeekBehaviour::Complete)
+        if (control().seek == SeekBehaviour::Complete && !isFaulty("seek"))
             finishSeek(SeekCompletedExEvent::SeekOutcome::Succeeded);
         return Success;
     }
@@ -144,15 +145,24 @@ private:
         m_uvaClient->deliverEvent(new SeekCompletedExEvent(outcome));
     }
 
+    static bool isFaulty(const char* what) {
+        const char* fault = std::getenv("FAKE_CLIP_FAULT");
+        return fault != nullptr && std::strcmp(fault, what) == 0;
+    }
+
     void playClip(double length) {
+        if (isFaulty("opening"))
+            return;
         const double start = UVATime::Timestamp();
         m_uvaClient->deliverEvent(new BackendResourceRequestAsyncEvent(false));
+        if (isFaulty("decoder"))
+            return;
         m_uvaClient->deliverEvent(new NewMetadataEvent(length, 2, 1, 1.0));
         while (!m_stopClip && UVATime::Timestamp() - start < length) {
             control().position = UVATime::Timestamp() - start;
             std::this_thread::sleep_for(std::chrono::milliseconds(5));
         }
-        if (!m_stopClip)
+        if (!m_stopClip && !isFaulty("end"))
             m_uvaClient->deliverEvent(new PlaybackFinishedEvent(0, 0));
     }
 

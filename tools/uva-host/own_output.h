@@ -1,0 +1,38 @@
+#ifndef UVA_HOST_OWN_OUTPUT_H
+#define UVA_HOST_OWN_OUTPUT_H
+
+#include <cstdio>
+#include <string>
+
+namespace uvahost {
+
+/// The program's standard output. The backend library and what it stands on print lines of their
+/// own there; they can be sent away. One a process.
+class OwnOutput {
+public:
+    OwnOutput() = default;
+    ~OwnOutput();
+
+    OwnOutput(const OwnOutput&) = delete;
+    OwnOutput& operator=(const OwnOutput&) = delete;
+
+    enum class Others { ToErrors, Nowhere };
+
+    /// From now on what anybody else prints goes there, also when the process ends: threads and
+    /// exit handlers of a library print late. Before there are threads. Empty, or why it failed.
+    std::string send(Others where);
+
+    /// Where the program prints, whatever became of the others.
+    std::FILE* stream() const { return m_stream; }
+
+    /// The path under which a file is to be opened that the user named: standard output, by
+    /// whichever name, is the program's own.
+    std::string pathOf(const std::string& path) const;
+
+private:
+    std::FILE* m_stream = stdout;
+};
+
+} // namespace uvahost
+
+#endif
