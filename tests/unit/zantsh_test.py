@@ -18,10 +18,11 @@ import own_mounts  # noqa: E402
 import gtest_result  # noqa: E402
 from wait_until import wait_until  # noqa: E402
 
-# The programs, and this folder, may lie in the /tmp that is about to be hidden.
+# Copies of the programs, which every user can reach. What the environment names for them (suppressions of a
+# sanitizer) lies in the tree, as this file does, and the tree may lie in /tmp.
 programs = [(pathlib.Path(path).name, pathlib.Path(path).read_bytes()) for path in sys.argv[1:]]
+TMP_IS_OWN = own_mounts.hide_tmp(__file__)
 os.chdir("/")
-TMP_IS_OWN = own_mounts.mount_memory("/tmp")
 if TMP_IS_OWN:
     for name, content in programs:
         path = pathlib.Path("/tmp/bin") / name
