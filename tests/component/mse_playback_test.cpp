@@ -562,7 +562,6 @@ TEST(MsePlayback, HoldsPlaybackWhileTheNetworkStands) {
         std::function<void(Player&)> meanwhile;
         bool sought;
     } rows[] = {
-        {"in the middle", 3, [](Player&) {}, false},
         {"just before the end", 5, [](Player&) {}, false},
         {"the user pauses", 3,
          [](Player& player) {
