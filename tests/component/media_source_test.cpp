@@ -564,6 +564,8 @@ public:
     public:
         explicit Decrypter(FakeDrm& drm) : m_drm(drm) {}
         int decrypt(const Input& input, const Output& output) override {
+            ++m_drm.decrypts;
+            EXPECT_TRUE(waitUntil([this] { return !m_drm.holds; }));
             if (m_drm.fails)
                 return 1;
             for (std::size_t i = 0; i < input.size; ++i)
@@ -590,8 +592,8 @@ public:
     }
     void* getInterface(const char*) override { return nullptr; }
 
-    std::atomic<bool> fails{false};
-    std::atomic<int> created{0}, released{0};
+    std::atomic<bool> fails{false}, holds{false};
+    std::atomic<int> created{0}, released{0}, decrypts{0};
     std::atomic<std::uint64_t> lastValue{0};
 };
 
@@ -642,6 +644,30 @@ TEST_F(ProtectedSourceTest, RangesAreDecryptedOrTheSampleStaysEncrypted) {
     EXPECT_EQ(drm.lastValue, 4711U);
     owner.reset();
     EXPECT_EQ(drm.released, 3);
+    UVA_OfferDRMBackend("org.test", nullptr);
+}
+
+TEST_F(ProtectedSourceTest, AReleaseWaitsForOneSample) {
+    FakeDrm drm;
+    drm.holds = true;
+    UVA_OfferDRMBackend("org.test", &drm);
+    UVAKeySystemConfig config;
+    config.keySystemId = "org.test";
+    backend->setKeySystem(config);
+    client.answer = [&](auto) { // on the streaming thread
+        if (drm.decrypts == 0)
+            write(videoId,
+                  {encrypted(1, {{0, 100}}), encrypted(1, {{0, 100}}), encrypted(1, {{0, 100}})});
+    };
+    open(false);
+    backend->play();
+    ASSERT_TRUE(waitUntil([&] { return drm.decrypts == 1; }));
+    std::thread releasing([&] { owner.reset(); });
+    EXPECT_TRUE(waitUntil([] { return TestSample::alive == 1; })) << "the others are dropped";
+    drm.holds = false;
+    releasing.join();
+    EXPECT_EQ(drm.decrypts, 1);
+    EXPECT_EQ(drm.released, 1);
     UVA_OfferDRMBackend("org.test", nullptr);
 }
 

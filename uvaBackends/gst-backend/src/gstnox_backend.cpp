@@ -112,6 +112,8 @@ GstNoxBackend::~GstNoxBackend() {
     GST_INFO("entry");
     Registry::instance().remove(*this);
     uvaGstIfReceiver.connectBackend(nullptr);
+    for (const auto& bin : bins())
+        bin->close(); // else their threads decrypt all that is queued before they stop
     gstPlayerStopAndDestroy();
     uvaGstIfReceiver.leave(m_requester);
     for (const auto& bin : bins()) {

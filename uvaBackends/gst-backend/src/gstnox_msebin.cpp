@@ -228,12 +228,14 @@ bool GstNoxBackend::GstMseBin::link(GstPtr<GstElement> parser) {
     return gst_element_link(appsrc.get(), m_sink.get()) != FALSE;
 }
 
+void GstNoxBackend::GstMseBin::close() {
+    const GLibLock hold(lock);
+    removed = true;
+    flush(0);
+}
+
 void GstNoxBackend::GstMseBin::Destroy() {
-    {
-        const GLibLock hold(lock);
-        removed = true;
-        flush(0);
-    }
+    close();
     if (!bin)
         return;
     const WaitBreaker breaker(*backend, kind);

@@ -35,8 +35,10 @@ public:
     /// Makes the elements; false, with the reason logged, when one is missing or the MIME type is
     /// neither audio nor video. Host thread.
     bool Create();
-    /// Stops the elements and takes them out of the pipeline. No sample is taken from then on.
-    /// Waits for the streaming thread. Host thread.
+    /// Drops what is queued. No sample is taken from then on.
+    void close() EXCLUDES(lock);
+    /// Closes, stops the elements and takes them out of the pipeline. Waits for the streaming
+    /// thread. Host thread.
     void Destroy() EXCLUDES(lock);
 
     /// Queues the samples of a data event, in order. The array's slots are cleared.

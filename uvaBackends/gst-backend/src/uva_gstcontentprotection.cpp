@@ -64,7 +64,7 @@ static gboolean cp_meta_transform(GstBuffer* destination, GstMeta* meta, GstBuff
     // A parser merges samples, each with a meta of its own: no meta describes the whole.
     if (gst_buffer_get_content_protection_meta(destination) != nullptr) {
         GST_DEBUG("Merged buffers: the first GstUvaContentProtectionMeta stays");
-        return FALSE;
+        return TRUE;
     }
     const auto* from = reinterpret_cast<GstUvaContentProtectionMeta*>(meta);
     gst_buffer_add_content_protection_meta(destination, from->key_system, from->key_id,
