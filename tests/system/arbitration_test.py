@@ -176,10 +176,14 @@ class Arbitration(unittest.TestCase):
                 run = Run(CLIP, *OPTIONS, before=before)
                 for text in ("<UVA> ***E: no link to the main system", queue, *said):
                     self.assertEqual(run.output.count(text), 1, run.report())
-                self.is_refused(run)
+                self.is_refused(run, "decoder refused")
                 self.assertLess(run.seconds_between("BackendResourceRequestAsync", "DecodeError"), 3)
         libc.mq_unlink(mine.encode())
         main.finish()
+        if len(rows) > 1:
+            refused = subprocess.run([*limited, MAINSYS], stdin=subprocess.DEVNULL, capture_output=True, text=True)
+            self.assertIn("queue /Q_MAINSYS_REC_", refused.stderr)
+            self.assertIn("RLIMIT_MSGQUEUE", refused.stderr)
 
     def test_killed_before_its_answer_and_restarted(self):
         main = MainSystem("ignore", "expect DECODER_NEEDED_IND within 60000", "crash", "wait 1000", "restart", "grant",

@@ -9,6 +9,7 @@
 #include "messaging/zant_rpc_msg_src_posix.h"
 
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 #include <fcntl.h>
 #include <memory>
@@ -77,10 +78,11 @@ public:
 
     bool start() {
         discardOldQueue();
-        return m_inbox.start() == 0 &&
-               m_destination.Init(ownFunction, nullptr, CPUID_MAIN, m_inbox.queueHandle(), 0) ==
-                   0 &&
-               m_source.Init("/Q_MAINSYS_SEND_", 50, CPUID_APPLICATION, plugInFunction) == 0 &&
+        return isOpen(m_inbox, m_inbox.start()) &&
+               isOpen(m_destination, m_destination.Init(ownFunction, nullptr, CPUID_MAIN,
+                                                        m_inbox.queueHandle(), 0)) &&
+               isOpen(m_source,
+                      m_source.Init("/Q_MAINSYS_SEND_", 50, CPUID_APPLICATION, plugInFunction)) &&
                m_source.StartThread("mainsys_sender", 0, 0) == 0;
     }
 
@@ -100,6 +102,15 @@ public:
     }
 
 private:
+    /// Says which queue cannot be had, and why.
+    static bool isOpen(const CThreadObjectWithQueue& part, int32_t result) {
+        if (result != 0)
+            fprintf(stderr, "zant-mainsys: queue %s: %s; %s\n", part.QueueName().c_str(),
+                    strerrordesc_np(part.QueueError()),
+                    queue_io::adviceOn(part.QueueError()).c_str());
+        return result == 0;
+    }
+
     void send(const Signal& signal) {
         CZantMsg msg;
         unpackFromOtherProcess(signal.body, msg);
