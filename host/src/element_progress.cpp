@@ -96,9 +96,10 @@ std::optional<Phase> ElementCore::phase() const {
 }
 
 /// A main system that has not answered after its time has been reported as an error: if nothing
-/// moves even then it is for another reason.
+/// moves even then it is for another reason. So it is if the media has an error.
 std::optional<Phase> ElementCore::phaseOfStart() const {
-    if (m_decoderAsked && Clock::now() - *m_decoderAsked < decoders * decoderAnswer)
+    if (m_decoderAsked && m_error.empty() &&
+        Clock::now() - *m_decoderAsked < decoders * decoderAnswer)
         return Phase::WaitingForDecoder;
     const bool connected = m_mediaSeen || m_status.duration > 0;
     return m_server.empty() || connected ? Phase::Opening : Phase::Connecting;
@@ -110,11 +111,11 @@ milliseconds ElementCore::boundFor(Phase phase) const {
 }
 
 void ElementCore::watch() {
+    hearErrors();
     const auto now = phase();
     m_watch.tick(Clock::now());
     if (!now || now != std::exchange(m_phase, now))
         return m_watch.restart();
-    hearErrors();
     const auto bound = boundFor(*now);
     const bool tooLong = bound.count() > 0 && m_watch.still() >= bound;
     if (tooLong || (!m_error.empty() && m_watch.still() >= errorBound))
