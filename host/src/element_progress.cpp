@@ -125,8 +125,7 @@ void ElementCore::watch() {
 void ElementCore::standstill(Phase phase) {
     if (m_endSeen && !m_seekInFlight && m_error.empty())
         return end();
-    fail(explain(phase, {m_server, m_status.position, m_target, inMilliseconds(m_watch.still())},
-                 m_error));
+    fail(explain(phase, {m_server, m_status.position, m_target, boundFor(phase)}, m_error));
 }
 
 void ElementCore::hearErrors() {

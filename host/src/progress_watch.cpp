@@ -67,7 +67,7 @@ std::string explain(Phase phase, const Standstill& standstill, const std::string
         {"{source}", standstill.server.empty() ? "the media's file" : standstill.server},
         {"{position}", secondsText(standstill.position)},
         {"{target}", secondsText(standstill.target)},
-        {"{time}", secondsText(std::chrono::duration<double>(standstill.lasted).count())},
+        {"{time}", secondsText(std::chrono::duration<double>(standstill.bound).count())},
     };
     const Row& row = rowOf(phase);
     std::string text = error.empty() ? row.still : row.error;
