@@ -83,6 +83,8 @@ void ElementCore::openSource(MediaSource source) {
 
 UVAMediaBackend* ElementCore::requestBackend() {
     constexpr auto type = UVABackend::VideoElement;
+    if (m_options.takeError)
+        m_options.takeError(); // of what was played before
     auto* backend = operate("UVA_RequestBackend", {{"type", static_cast<long long>(type)}},
                             [this] { return m_library->request(type, this); });
     if (backend == nullptr)
@@ -108,8 +110,6 @@ bool ElementCore::initialize(UVABackend::SourceDescription** sources,
 void ElementCore::startWatching() {
     m_watch.tick(Clock::now());
     m_watch.restart();
-    if (m_options.takeError)
-        m_options.takeError(); // of what was played before
     m_timer = m_loop->startTimer(m_options.tick, [core = shared_from_this()] { core->tick(); });
 }
 

@@ -98,9 +98,10 @@ std::optional<Phase> ElementCore::phase() const {
 }
 
 /// A main system that has not answered after its time has been reported as an error: if nothing
-/// moves even then it is for another reason.
+/// moves even then it is for another reason. So it is if the media has an error.
 std::optional<Phase> ElementCore::phaseOfStart() const {
-    if (m_decoderAsked && Clock::now() - *m_decoderAsked < decoders * decoderAnswer)
+    if (m_decoderAsked && m_error.empty() &&
+        Clock::now() - *m_decoderAsked < decoders * decoderAnswer)
         return Phase::WaitingForDecoder;
     const bool connected = m_mediaSeen || m_status.duration > 0;
     return m_server.empty() || connected ? Phase::Opening : Phase::Connecting;
@@ -112,11 +113,11 @@ milliseconds ElementCore::boundFor(Phase phase) const {
 }
 
 void ElementCore::watch() {
+    hearErrors();
     const auto now = phase();
     m_watch.tick(Clock::now());
     if (!now || now != std::exchange(m_phase, now))
         return m_watch.restart();
-    hearErrors();
     const auto bound = boundFor(*now);
     const bool tooLong = bound.count() > 0 && m_watch.still() >= bound;
     if (tooLong || (!m_error.empty() && m_watch.still() >= errorBound))
@@ -126,8 +127,7 @@ void ElementCore::watch() {
 void ElementCore::standstill(Phase phase) {
     if (m_endSeen && !m_seekInFlight && m_error.empty())
         return end();
-    fail(explain(phase, {m_server, m_status.position, m_target, inMilliseconds(m_watch.still())},
-                 m_error));
+    fail(explain(phase, {m_server, m_status.position, m_target, boundFor(phase)}, m_error));
 }
 
 void ElementCore::hearErrors() {

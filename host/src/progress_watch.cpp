@@ -32,7 +32,7 @@ constexpr Row rows[] = {
      "the media cannot be played", lookAtTheMedia},
     {Phase::WaitingForDecoder, milliseconds(0),
      "the main system did not answer the request for the decoder within {time}",
-     "no decoder came from the main system",
+     "the media cannot be played",
      "start zant-mainsys, or play without a main system (NOX_GST_STANDALONE=1)"},
     {Phase::Playing, milliseconds(5000), "stalled at {position}: nothing moved for {time}",
      "stopped at {position}", lookAtTheMedia},
@@ -67,7 +67,7 @@ std::string explain(Phase phase, const Standstill& standstill, const std::string
         {"{source}", standstill.server.empty() ? "the media's file" : standstill.server},
         {"{position}", secondsText(standstill.position)},
         {"{target}", secondsText(standstill.target)},
-        {"{time}", secondsText(std::chrono::duration<double>(standstill.lasted).count())},
+        {"{time}", secondsText(std::chrono::duration<double>(standstill.bound).count())},
     };
     const Row& row = rowOf(phase);
     std::string text = error.empty() ? row.still : row.error;

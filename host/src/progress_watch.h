@@ -27,8 +27,8 @@ std::chrono::milliseconds boundOf(Phase phase);
 struct Standstill {
     std::string server; ///< empty: the media comes from files
     double position = 0;
-    double target = 0; ///< of the last seek
-    std::chrono::milliseconds lasted{0};
+    double target = 0;                  ///< of the last seek
+    std::chrono::milliseconds bound{0}; ///< that was not kept
 };
 
 /// Why playback was given up, and what to do: one line. `error`: what the framework beneath the

@@ -19,7 +19,7 @@ public:
 
     /// The first error since the last call, one printable line; empty: none. Those behind it are
     /// its consequences as a rule. Any thread.
-    std::string take();
+    static std::string take();
 };
 
 } // namespace uvahost

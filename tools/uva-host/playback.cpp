@@ -1,5 +1,7 @@
 #include "playback.h"
 
+#include "gst_errors.h"
+
 #include <algorithm>
 #include <cerrno>
 #include <csignal>
@@ -25,7 +27,7 @@ milliseconds inMilliseconds(double seconds) {
     return duration_cast<milliseconds>(duration<double>(seconds));
 }
 
-host::MediaElement::Options elementOptions(const Options& options, GstErrors& errors) {
+host::MediaElement::Options elementOptions(const Options& options) {
     host::MediaElement::Options result;
     if (options.denyResources)
         result.resources = host::ResourcePolicy::Deny;
@@ -33,7 +35,7 @@ host::MediaElement::Options elementOptions(const Options& options, GstErrors& er
         result.noProgress = inMilliseconds(*options.noProgressTimeout);
     result.keyDelay = options.keyDelay.value_or(milliseconds(0));
     result.mainSystem = std::getenv("NOX_GST_STANDALONE") == nullptr;
-    result.takeError = [&errors] { return errors.take(); };
+    result.takeError = GstErrors::take;
     if (options.snapshotAt)
         result.tick = milliseconds(20); // a picture's time
     return result;
@@ -50,7 +52,7 @@ std::string seconds(double value) {
 Playback::Playback(Stage& stage, std::string name, bool last)
     : m_stage(stage), m_name(std::move(name)),
       m_wantSnapshot(last && !stage.options.snapshot.empty()),
-      m_element(stage.library, stage.loop, m_inbox, elementOptions(stage.options, stage.errors)),
+      m_element(stage.library, stage.loop, m_inbox, elementOptions(stage.options)),
       m_seeksLeft(stage.options.seeks.begin(), stage.options.seeks.end()),
       m_detachesLeft(stage.options.detaches) {}
 

@@ -2,7 +2,6 @@
 #define UVA_HOST_PLAYBACK_H
 
 #include "display.h"
-#include "gst_errors.h"
 #include "host/media_element.h"
 #include "inbox.h"
 #include "options.h"
@@ -28,7 +27,6 @@ struct Stage {
     std::shared_ptr<const host::BackendLibrary> library;
     std::shared_ptr<host::EventLoop> loop;
     std::shared_ptr<host::ClearKey> keys; ///< null: none was named
-    GstErrors& errors;
 };
 
 /// Plays one piece of media, from the request of its backend to the release. Bound to the program's

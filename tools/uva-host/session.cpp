@@ -1,5 +1,6 @@
 #include "session.h"
 
+#include "gst_errors.h"
 #include "host/backend_library.h"
 #include "host/capability_query.h"
 #include "host/event_loop.h"
@@ -57,7 +58,7 @@ int Session::run() {
         return m_exitCode;
     if (!m_options.graph.empty())
         m_graph = std::make_unique<PipelineGraph>();
-    GstErrors errors;
+    const GstErrors errors;
 
     auto loaded = host::BackendLibrary::load(m_options.backend);
     if (loaded.library == nullptr) {
@@ -77,8 +78,7 @@ int Session::run() {
                 timeline,
                 std::move(loaded.library),
                 std::make_shared<host::EventLoop>(),
-                makeKeys(m_options),
-                errors};
+                makeKeys(m_options)};
     if (m_options.mse)
         playSource(stage);
     else
