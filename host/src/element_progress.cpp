@@ -24,7 +24,6 @@ constexpr milliseconds endBound(300);
 constexpr double tolerance = 0.25;
 /// How long the backend waits for the main system's answer, a decoder, and a little less.
 constexpr milliseconds decoderAnswer(4500);
-constexpr int decoders = 2;
 
 milliseconds inMilliseconds(Clock::duration time) {
     return std::chrono::duration_cast<milliseconds>(time);
@@ -88,6 +87,8 @@ std::optional<Phase> ElementCore::phase() const {
         return Phase::Seeking;
     if (m_feeder != nullptr && m_feeder->waitsForKey())
         return Phase::WaitingForKey;
+    if (m_starved)
+        return Phase::WaitingForData;
     if (!m_started)
         return phaseOfStart();
     if (!m_server.empty())
@@ -100,8 +101,7 @@ std::optional<Phase> ElementCore::phase() const {
 /// A main system that has not answered after its time has been reported as an error: if nothing
 /// moves even then it is for another reason. So it is if the media has an error.
 std::optional<Phase> ElementCore::phaseOfStart() const {
-    if (m_decoderAsked && m_error.empty() &&
-        Clock::now() - *m_decoderAsked < decoders * decoderAnswer)
+    if (m_decoderAsked && m_error.empty() && Clock::now() - *m_decoderAsked < decoderAnswer)
         return Phase::WaitingForDecoder;
     const bool connected = m_mediaSeen || m_status.duration > 0;
     return m_server.empty() || connected ? Phase::Opening : Phase::Connecting;
@@ -161,8 +161,9 @@ std::string ElementCore::decodeErrorText(int reason, Clock::time_point time) con
     if (waited >= decoderAnswer)
         return explain(Phase::WaitingForDecoder,
                        {m_server, m_status.position, m_target, inMilliseconds(waited)}, {});
-    return "decoder refused: the main system has none to give; end the player that has it, or play "
-           "without a main system (NOX_GST_STANDALONE=1)";
+    return "decoder refused: the main system has none to give, or there is no link to it (then the "
+           "system log says why); end the player that has it, or play without a main system "
+           "(NOX_GST_STANDALONE=1)";
 }
 
 std::string ElementCore::networkErrorText() {

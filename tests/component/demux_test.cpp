@@ -521,13 +521,13 @@ TEST(Encryption, FollowsSampleGroupsAndNewBeginnings) {
         const char* keysBehind;
         const char* error;
     } rows[] = {
-        {"rotation.mp4", "012012", 4.2, "12", ""},
-        {"restart.mp4", "01", 4.2, "1", ""},
-        {"restart.mp4", "01", 1.2, "01", ""},
+        {"protected/rotation.mp4", "012012", 4.2, "12", ""},
+        {"protected/restart.mp4", "01", 4.2, "1", ""},
+        {"protected/restart.mp4", "01", 1.2, "01", ""},
         {"corpus:cenc/bbb-clear-then-cenc.mp4", "", 2.2, "",
          "its encrypted fragments have no index (one 'sidx' of them all, in front), without which "
          "libavformat confuses their vectors; package it anew with one"},
-        {"mixed.mp4", "", 2.2, "",
+        {"protected/mixed.mp4", "", 2.2, "",
          "samples of one fragment are in several sample groups 'seig', with different keys or "
          "partly clear"},
     };

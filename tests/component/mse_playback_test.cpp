@@ -397,7 +397,7 @@ TEST(MsePlayback, ShowsFilesWhoseProtectionChanges) {
                  pairOf("000102030405060708090a0b0c0d0e0f:202122232425262728292a2b2c2d2e2f"));
     keys->addKey(pairOf("101112131415161718191a1b1c1d1e1f:303132333435363738393a3b3c3d3e3f"));
     const auto clear = decode(generated("frag.mp4"));
-    for (const auto* name : {"rotation.mp4", "restart.mp4"}) {
+    for (const auto* name : {"protected/rotation.mp4", "protected/restart.mp4"}) {
         SCOPED_TRACE(name);
         Player player(generated(name), keys);
         expectPlayed(player, clear);

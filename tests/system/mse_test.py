@@ -104,7 +104,7 @@ class MediaSources(unittest.TestCase):
     def test_keys_that_change(self):
         keys = ("--key", "000102030405060708090a0b0c0d0e0f:202122232425262728292a2b2c2d2e2f",
                 "--key", "101112131415161718191a1b1c1d1e1f:303132333435363738393a3b3c3d3e3f")
-        for name, refused in (("rotation.mp4", None), ("restart.mp4", None), ("mixed.mp4", "'seig'")):
+        for name, refused in (("protected/rotation.mp4", None), ("protected/restart.mp4", None), ("protected/mixed.mp4", "'seig'")):
             with self.subTest(name):
                 run = Run(CLIPS / name, "--mse", *keys, "--seek", "4.2", *PATIENT)
                 self.assertEqual(run.code, 1 if refused else 0, run.report())
