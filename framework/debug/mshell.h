@@ -112,7 +112,7 @@ private:
     /// In order of registration.
     std::list<std::unique_ptr<CMshellEntry>> m_entries GUARDED_BY(m_entriesMutex);
     std::string m_socketName = "zant_dbg_server";
-    std::atomic<bool> m_hasSocket{false};
+    std::atomic<pid_t> m_socketOwner{0};
 };
 
 /// The one shell of the process. Never destroyed.

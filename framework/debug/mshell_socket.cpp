@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <cstring>
 #include <sys/stat.h>
+#include <unistd.h>
 
 // Stopping the thread cancels it in the two places where it may wait for long: for a command, and
 // for room for the reply. Commands themselves and traces are not cancelled.
@@ -77,7 +78,7 @@ int32_t CMshell::MshellOpenSocket() {
         traceBlockedSocket(m_socketFd, reason);
         return m_socketFd;
     }
-    m_hasSocket = true;
+    m_socketOwner = getpid();
     ZANT_TRACE_STREAM(TRACEUNIT_SHELL_SOCKET, TRACELEVEL_INFO,
                       "CMshell::MshellOpenSocket() - SocketFd = " << m_socketFd << ", SocketName = "
                                                                   << m_socketName << "\n");
@@ -85,7 +86,9 @@ int32_t CMshell::MshellOpenSocket() {
 }
 
 void CMshell::RemoveSocket() {
-    if (m_hasSocket.exchange(false))
+    // A forked child has a copy of the object, and may come here as it exits.
+    pid_t owner = getpid();
+    if (m_socketOwner.compare_exchange_strong(owner, 0))
         SocketComm_Unlink(m_socketName.c_str());
 }
 

@@ -46,6 +46,8 @@ struct LogDirectory {
 /// a link leads to: a directory that others could have prepared does not count.
 LogDirectory findLogDirectory(const std::string& commandFile) {
     for (const std::string& path : logDirectories()) {
+        if (access(path.c_str(), F_OK) != 0)
+            continue; // nothing that there would be something to say about
         const TrustedPath directory = openTrustedFolder(path);
         if (isUsable(directory, path))
             return {path,

@@ -9,7 +9,7 @@
 
 namespace {
 
-constexpr useconds_t pauseAfterIdleWakeUp = 20000;
+constexpr useconds_t pauseWithoutQueue = 20000;
 
 /// What a stop carries that met no run at all; 0 is the stop of a sender who knows of no runs.
 constexpr int32_t noRun = -1;
@@ -86,9 +86,7 @@ void CThreadObjectWithQueue::sendStop(Run run) {
     CZantMsg stop(SIG_ID_STOP_THREAD);
     stop.param4 = run == 0 ? noRun : static_cast<int32_t>(run);
     // A full queue wakes the thread anyway, which then sees that it is to end.
-    m_queue.sendErrorsSuppressed = true;
-    m_queue.Send(&stop, 0);
-    m_queue.sendErrorsSuppressed = false;
+    static_cast<void>(m_queue.TrySend(stop, 0));
 }
 
 /// Another process may not stop a thread of this one. Whoever stops it here has said so in
@@ -161,8 +159,10 @@ void CThreadObjectWithQueue::handleNextMsg(CZantMsg& msg, bool queueBlocks, Run 
     }
     if (result != 0) {
         traceReadError(result, queueBlocks);
-        if (result == CZantMsgQueue::wokenForNothing)
-            usleep(pauseAfterIdleWakeUp);
+        // What could not be read is gone, and the next message must not wait for it. Where there is
+        // nothing to wait on, the thread must not spin.
+        if (result != CZantMsgQueue::receiveFailed)
+            usleep(pauseWithoutQueue);
         return;
     }
     m_queue.DropPayload(msg);

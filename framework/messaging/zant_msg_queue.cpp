@@ -7,6 +7,7 @@
 #include "messaging/zant_msg.h"
 #include "messaging/zant_msg_body.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -112,8 +113,9 @@ int32_t CZantMsgQueue::openDescriptor(const char* queueName, int oflag, int mode
         return queue_io::open(queueName, oflag, static_cast<mode_t>(mode), attr);
     };
     int descriptor = open();
-    // Made by another just now: not to be shared.
-    while (descriptor < 0 && unlinkFirst && errno == EEXIST && mq_unlink(queueName) == 0)
+    // Made by another just now, who may have taken the name away by now: not to be shared.
+    while (descriptor < 0 && unlinkFirst && errno == EEXIST &&
+           (mq_unlink(queueName) == 0 || errno == ENOENT))
         descriptor = open();
     if (descriptor < 0)
         return failOpen(errno);
@@ -248,6 +250,20 @@ void CZantMsgQueue::DropPayload(CZantMsg& msg) const {
     msg.sharedAddress = 0;
 }
 
+bool CZantMsgQueue::TrySend(CZantMsg& msg, unsigned prio) {
+    const CancellationBlock block;
+    return trySend(msg, prio, block);
+}
+
+bool CZantMsgQueue::trySend(CZantMsg& msg, unsigned prio, const CancellationBlock& block) {
+    const bool mayCarry = !CarriesSharedAddresses() || !hasPayload(msg);
+    errno = mayCarry ? EBADF : EINVAL;
+    if (!m_isOpen || !mayCarry || !sendPacked(handle, msg, prio, block))
+        return false;
+    totalNrOfSentMsgs.fetch_add(1, std::memory_order_relaxed);
+    return true;
+}
+
 int32_t CZantMsgQueue::Send(CZantMsg* msg, unsigned prio) {
     const CancellationBlock block;
     if (!msg) {
@@ -263,12 +279,8 @@ int32_t CZantMsgQueue::Send(CZantMsg* msg, unsigned prio) {
                    "CZantMsgQueue::Send (obj) - Signal name = 0 Thread-Id = %ld\n",
                    static_cast<long>(gettid()));
 
-    const bool mayCarry = !CarriesSharedAddresses() || !hasPayload(*msg);
-    errno = mayCarry ? EBADF : EINVAL;
-    if (m_isOpen && mayCarry && sendPacked(handle, *msg, prio, block)) {
-        totalNrOfSentMsgs.fetch_add(1, std::memory_order_relaxed);
+    if (trySend(*msg, prio, block))
         return 0;
-    }
     const int error = errno;
     msg->FreeSignal();
     if (sendErrorsSuppressed)
@@ -365,7 +377,9 @@ int CZantMsgQueue::usleepOnQueue(unsigned long usec) {
         errno = EBADF;
         return -1;
     }
-    const auto deadline = queue_io::Clock::now() + std::chrono::microseconds(usec);
+    constexpr std::chrono::microseconds longest = std::chrono::hours(24 * 365); // the clock's room
+    const auto wanted = std::min<uint64_t>(usec, static_cast<uint64_t>(longest.count()));
+    const auto deadline = queue_io::Clock::now() + std::chrono::microseconds(wanted);
     return queue_io::waitFor(handle, POLLIN, &deadline, block);
 }
 

@@ -10,6 +10,7 @@
 #include <string>
 
 class CZantMsg;
+class CancellationBlock;
 class CZantMsgQueue;
 struct ZantMsgBody;
 
@@ -86,6 +87,9 @@ public:
     /// on a full queue may be cancelled.
     int32_t Send(CZantMsg* msg, unsigned prio);
     static int32_t Send(int handle, CZantMsg* msg, unsigned prio);
+    /// The same without a trace: false, with errno, when it is not sent. The payloads are then
+    /// still the caller's.
+    [[nodiscard]] bool TrySend(CZantMsg& msg, unsigned prio);
 
     /// Receives one message; waits for it if the queue was opened without O_NONBLOCK. The payload
     /// fields of the given message are overwritten, not freed; the caller owns the new ones. The
@@ -151,6 +155,7 @@ private:
     void forget() EXCLUDES(m_zantMsgQueueMutex);
     void drain();
     static void discard(const ZantMsgBody& body, FreeShared freeShared);
+    bool trySend(CZantMsg& msg, unsigned prio, const CancellationBlock& block);
     int32_t receiveNow(CZantMsg& msg);
     int32_t checkReceive(const CZantMsg* msg);
     void countReceived(uint32_t signal);

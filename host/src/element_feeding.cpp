@@ -83,6 +83,7 @@ void ElementCore::takeRequest(std::unique_ptr<NeedMSEDataEvent> event) {
 
 int ElementCore::attach(unsigned int id) {
     auto* backend = m_backend.load();
+    m_decoderAsked.reset(); // its sink asks anew
     auto source = m_feeder->describe(id);
     const std::string mimeType = source->mimeType;
     return operate("attachSource",

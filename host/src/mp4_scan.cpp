@@ -201,10 +201,8 @@ Mp4Scan::Mp4Scan(Read read) : m_read(std::move(read)) {}
 void Mp4Scan::coverTo(std::uint64_t position) {
     while (!m_ended && (m_at <= position || m_movie.empty())) {
         const auto header = readHeader();
-        if (!header) {
-            m_ended = true;
-            return;
-        }
+        if (!header)
+            return endUnread(m_at);
         take(*header);
     }
 }
@@ -241,19 +239,32 @@ void Mp4Scan::take(const Header& header) {
     const bool isIndex = header.type == fourLetters("sidx") && m_fragments + m_indexed == 0;
     if (!isMovie && !isFragment && !isIndex)
         return;
-    if (header.bodySize > largestBox) {
-        m_ended = true;
-        return;
-    }
+    if (header.bodySize > largestBox)
+        return endUnread(header.begin);
     std::vector<std::uint8_t> bytes(static_cast<std::size_t>(header.bodySize));
     if (m_read(header.bodyAt, bytes.data(), bytes.size()) != bytes.size())
-        m_ended = true;
+        endUnread(header.begin);
     else if (isMovie)
         takeMovie(std::exchange(m_fileType, std::nullopt).value_or(header.begin), std::move(bytes));
     else if (isIndex)
         takeIndex({bytes.data(), bytes.size()});
     else
         takeFragment(header.begin, {bytes.data(), bytes.size()});
+}
+
+/// Nothing is known of what is behind. At the end of the file nothing is behind; else encrypted
+/// samples are not guessed at.
+void Mp4Scan::endUnread(std::uint64_t at) {
+    m_ended = true;
+    Region region;
+    region.begin = at;
+    for (const auto& [id, track] : m_tracks)
+        if (isEncrypted(id))
+            region.tracks[id] = std::make_shared<TrackProtection>(
+                faulty("the box at byte " + std::to_string(at) +
+                       " cannot be read, without which their keys are not known; download the file "
+                       "whole and play that"));
+    add(std::move(region));
 }
 
 void Mp4Scan::takeIndex(View sidx) {

@@ -82,6 +82,7 @@ private:
 
     std::optional<Header> readHeader();
     void take(const Header& header);
+    void endUnread(std::uint64_t at);
     void takeMovie(std::uint64_t begin, std::vector<std::uint8_t> bytes);
     void takeTrack(const View& trak, double movieTimescale, Region& region);
     void takeIndex(View sidx);

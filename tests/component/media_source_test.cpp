@@ -20,10 +20,10 @@
 
 namespace {
 
+using std::chrono::steady_clock;
 using support::LogCapture;
 using support::RecordingSinks;
 using support::waitUntil;
-using std::chrono::steady_clock;
 
 constexpr unsigned int videoId = 1;
 constexpr unsigned int audioId = 2;
@@ -406,8 +406,7 @@ TEST_F(MediaSourceTest, OneIdTwiceAndTwoSourcesOfAKind) {
     // The second source of a kind takes the first one's place: alone it ends playback.
     client.needs = 0;
     ASSERT_EQ(backend->attachSource(new Source(3, "audio/x-plain")), UVABackend::Success);
-    EXPECT_TRUE(
-        log.has("WARN found running component of type 'audio' (audio_2): stop it"));
+    EXPECT_TRUE(log.has("WARN found running component of type 'audio' (audio_2): stop it"));
     ASSERT_TRUE(waitUntil([&] { return client.needs >= 1; }));
     write(3, {new TestSample(0, 0.02, &audio)});
     writeEnd(3);
@@ -437,8 +436,8 @@ TEST_F(MediaSourceTest, Vp9GetsTheRateOfItsFirstSamples) {
             samples.push_back(new TestSample(0, duration, &vp9));
         write(videoId, samples);
         ASSERT_TRUE(waitUntil([&] { return RecordingSinks::count(videoSink) == 2; }));
-        EXPECT_NE(RecordingSinks::of(videoSink).caps.at(0).find(std::string("framerate=(fraction)") +
-                                                                row.rate),
+        EXPECT_NE(RecordingSinks::of(videoSink).caps.at(0).find(
+                      std::string("framerate=(fraction)") + row.rate),
                   std::string::npos)
             << row.rate;
     }
@@ -461,13 +460,13 @@ TEST_F(MediaSourceTest, RequestsAreTheBound) {
         const auto samples = videoSamples(next * frame, event->samplesRequested);
         next += event->samplesRequested;
         most = std::max(most, TestSample::alive.load());
-        std::copy(samples.begin(), samples.end(),
-                  event->samples = new UVASample* [samples.size() + 1] {});
+        std::copy(
+            samples.begin(), samples.end(),
+            event->samples = new UVASample* [samples.size() + 1] {});
         backend->writeData(event.release(), 0, UVABackend::Data);
     };
     backend->play();
-    const bool ended =
-        waitUntil([&] { return client.finished == 1; }, std::chrono::seconds(120));
+    const bool ended = waitUntil([&] { return client.finished == 1; }, std::chrono::seconds(120));
     owner.reset(); // nobody asks any more
     EXPECT_TRUE(ended);
     EXPECT_EQ(RecordingSinks::count(videoSink), static_cast<std::size_t>(total));
@@ -626,9 +625,8 @@ TEST_F(ProtectedSourceTest, RangesAreDecryptedOrTheSampleStaysEncrypted) {
     config.client = 4711;
     backend->setKeySystem(config);
     write(videoId, {encrypted(1, {{10, 40}, {50, 0}}), encrypted(1, {{0, 100}}),
-                    encrypted(2, {{0, 100}}), encrypted(0, {{0, 100}}),
-                    encrypted(1, {{0, 101}}), encrypted(1, {{60, 10}, {0xFFFFFFE0, 20}}),
-                    encrypted(1, {{16, 0}})});
+                    encrypted(2, {{0, 100}}), encrypted(0, {{0, 100}}), encrypted(1, {{0, 101}}),
+                    encrypted(1, {{60, 10}, {0xFFFFFFE0, 20}}), encrypted(1, {{16, 0}})});
     const auto first = received(1);
     EXPECT_EQ(first.at(9), 0x55);
     EXPECT_EQ(first.at(10), 0xAA);
@@ -645,6 +643,41 @@ TEST_F(ProtectedSourceTest, RangesAreDecryptedOrTheSampleStaysEncrypted) {
     owner.reset();
     EXPECT_EQ(drm.released, 3);
     UVA_OfferDRMBackend("org.test", nullptr);
+}
+
+TEST_F(ProtectedSourceTest, NothingGoesUnderAThreadThatWrites) {
+    for (const bool all : {false, true}) {
+        FakeDrm drm;
+        drm.holds = true;
+        UVA_OfferDRMBackend("org.test", &drm);
+        UVAKeySystemConfig config;
+        config.keySystemId = "org.test";
+        backend->setKeySystem(config);
+        std::atomic<bool> isAsked{false};
+        client.answer = [&](auto) { isAsked = true; };
+        open(false);
+        backend->play();
+        ASSERT_TRUE(waitUntil([&] { return isAsked.load(); }));
+        std::thread writing([&] {
+            write(videoId, {encrypted(1, {{0, 100}}), encrypted(1, {{0, 100}})});
+        });
+        ASSERT_TRUE(waitUntil([&] { return drm.decrypts == 1; }));
+        std::atomic<bool> isGone{false};
+        std::thread removing([&] {
+            if (all)
+                owner.reset();
+            else
+                backend->removeSource(videoId);
+            isGone = true;
+        });
+        EXPECT_FALSE(waitUntil([&] { return isGone.load(); }, std::chrono::milliseconds(200)));
+        drm.holds = false;
+        writing.join();
+        removing.join();
+        EXPECT_EQ(drm.decrypts, 1);
+        EXPECT_EQ(drm.released, 1);
+        UVA_OfferDRMBackend("org.test", nullptr);
+    }
 }
 
 TEST_F(ProtectedSourceTest, AReleaseWaitsForOneSample) {

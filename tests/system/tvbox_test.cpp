@@ -354,7 +354,7 @@ TEST_P(TvBox, WaitsForTheMainSystemAndForNoOther) {
             ->wait();
     EXPECT_EQ(second.status, 0) << second.error;
     EXPECT_EQ(second.out.substr(0, 13), "3\nBplayerAppI");
-    EXPECT_NE(second.error.find("' ended with 137 before the command"), std::string::npos);
+    EXPECT_NE(second.error.find("' ended with 137 while the command runs"), std::string::npos);
 
     const auto dead = with(main + " --audio x", "echo ran")->wait();
     EXPECT_EQ(dead.status, 125);

@@ -199,6 +199,12 @@ TEST_F(ShellSocketTest, ReplacesOnlyADeadSocketOfItsOwn) {
     start();
     EXPECT_EQ(ask("m_echo"), "OK");
     EXPECT_EQ(inChild([] { return SocketComm_Start(serverName, 0) == socketHasOwner ? 0 : 1; }), 0);
+    EXPECT_EQ(inChild([this] {
+                  shell.RemoveSocket(); // as a forked child of the host does that exits
+                  return 0;
+              }),
+              0);
+    EXPECT_TRUE(std::filesystem::exists(serverPath));
     stop();
     EXPECT_FALSE(std::filesystem::exists(serverPath));
 

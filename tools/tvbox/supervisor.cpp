@@ -223,7 +223,7 @@ void Supervisor::reap() {
         } else if (companion != m_companions.end()) {
             if (!m_exitCode)
                 notice("companion '" + companion->second + "' ended with " +
-                       std::to_string(exitCodeOf(status)) + " before the command");
+                       std::to_string(exitCodeOf(status)) + " while the command runs");
             m_companions.erase(companion);
         }
     }

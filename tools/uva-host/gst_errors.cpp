@@ -72,6 +72,7 @@ void overhear(GstDebugCategory* from, GstDebugLevel level, const gchar*, const g
 } // namespace
 
 GstErrors::GstErrors() {
+    gst_debug_remove_log_function(nullptr); // which writes to standard error until the library's does
     gst_debug_set_threshold_for_name(category, GST_LEVEL_ERROR);
     gst_debug_add_log_function(overhear, nullptr, nullptr);
 }

@@ -104,11 +104,12 @@ public:
 private:
     /// Says which queue cannot be had, and why.
     static bool isOpen(const CThreadObjectWithQueue& part, int32_t result) {
-        if (result != 0)
-            fprintf(stderr, "zant-mainsys: queue %s: %s; %s\n", part.QueueName().c_str(),
-                    strerrordesc_np(part.QueueError()),
-                    queue_io::adviceOn(part.QueueError()).c_str());
-        return result == 0;
+        if (result == 0)
+            return true;
+        const std::string advice = queue_io::adviceOn(part.QueueError());
+        fprintf(stderr, "zant-mainsys: queue %s: %s%s%s\n", part.QueueName().c_str(),
+                strerrordesc_np(part.QueueError()), advice.empty() ? "" : "; ", advice.c_str());
+        return false;
     }
 
     void send(const Signal& signal) {

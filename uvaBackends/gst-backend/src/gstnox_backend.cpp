@@ -114,6 +114,7 @@ GstNoxBackend::~GstNoxBackend() {
     uvaGstIfReceiver.connectBackend(nullptr);
     for (const auto& bin : bins())
         bin->close(); // else their threads decrypt all that is queued before they stop
+    waitForWriters(nullptr);
     gstPlayerStopAndDestroy();
     uvaGstIfReceiver.leave(m_requester);
     for (const auto& bin : bins()) {

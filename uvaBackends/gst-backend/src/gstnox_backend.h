@@ -193,6 +193,7 @@ private:
 
     /// Ends the waits of the sinks for as long as it lives.
     class WaitBreaker;
+    class Writer;
 
     /// Where the main system's control requests arrive.
     class ControlPort final : public UvaGstIfBackend {
@@ -227,6 +228,8 @@ private:
     void checkComponent(const GstMseBin& starting) EXCLUDES(m_lock);
     std::shared_ptr<GstMseBin> findBin(unsigned int id) EXCLUDES(m_lock);
     std::shared_ptr<GstMseBin> takeBin(unsigned int id) EXCLUDES(m_lock);
+    /// Waits until no other thread is in writeData, for this source or for any (null).
+    void waitForWriters(const GstMseBin* bin) EXCLUDES(m_lock);
     std::vector<std::shared_ptr<GstMseBin>> bins() EXCLUDES(m_lock);
     std::shared_ptr<const KeySystem> keySystem() EXCLUDES(m_lock);
     std::string listing() EXCLUDES(m_lock);
@@ -258,7 +261,7 @@ private:
     std::string m_userAgent;
 
     GLibMutex m_lock;          // never held while an event is delivered or a pipeline state is set
-    GLibCondition m_condition; // a decoder request was answered, or its wait is to end
+    GLibCondition m_condition; // a decoder request was answered, its wait is to end; a writer left
     double m_frameRate GUARDED_BY(m_lock) = 1.0;
     int m_nativeWidth GUARDED_BY(m_lock) = -1;
     int m_nativeHeight GUARDED_BY(m_lock) = -1;
@@ -275,6 +278,7 @@ private:
     unsigned int m_brokenWaits GUARDED_BY(m_lock) = 0;       // how many of them there ever were
     GstState m_state GUARDED_BY(m_lock) = GST_STATE_NULL;
     std::map<unsigned int, std::shared_ptr<GstMseBin>> m_bins GUARDED_BY(m_lock); // by source id
+    std::vector<const Writer*> m_writers GUARDED_BY(m_lock);
     guint64 m_segmentStart GUARDED_BY(m_lock) = GST_CLOCK_TIME_NONE; // of all media sources
     std::shared_ptr<const KeySystem> m_keySystem GUARDED_BY(m_lock);
 

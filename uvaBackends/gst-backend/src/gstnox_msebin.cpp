@@ -78,17 +78,25 @@ GArray* subsampleRanges(const std::vector<UVASample::Subsample>& subsamples) {
     return ranges;
 }
 
-/// The VP9 parser fails for good when the first frame is not one that it can read, say because its
-/// key is missing: until it knows the stream, such frames are left out.
-GstPadProbeReturn waitForVp9KeyFrame(GstPad* /*pad*/, GstPadProbeInfo* info, gpointer parsed) {
-    if (gst_pad_has_current_caps(GST_PAD(parsed)))
-        return GST_PAD_PROBE_OK;
+/// The VP9 parser fails for good when the first frame is not one that it can read. Until it knows
+/// the stream, frames that could not be decrypted are left out, and what builds on them.
+struct Vp9Gate {
+    GstPad* parsed; ///< the parser's, which outlives its probes
+    bool isClosed = false;
+};
+
+GstPadProbeReturn waitForVp9KeyFrame(GstPad* /*pad*/, GstPadProbeInfo* info, gpointer user) {
+    auto& gate = *static_cast<Vp9Gate*>(user);
     GstBuffer* buffer = GST_PAD_PROBE_INFO_BUFFER(info);
+    const bool isProtected = gst_buffer_get_content_protection_meta(buffer) != nullptr;
+    if (gst_pad_has_current_caps(gate.parsed) || !(gate.isClosed || isProtected))
+        return GST_PAD_PROBE_OK;
     GstMapInfo map;
     if (!gst_buffer_map(buffer, &map, GST_MAP_READ))
         return GST_PAD_PROBE_OK;
     const bool begins = vp9_begins_stream(map.data, map.size);
     gst_buffer_unmap(buffer, &map);
+    gate.isClosed = !begins;
     if (begins)
         return GST_PAD_PROBE_OK;
     GST_DEBUG("no key frame yet");
@@ -98,7 +106,9 @@ GstPadProbeReturn waitForVp9KeyFrame(GstPad* /*pad*/, GstPadProbeInfo* info, gpo
 void skipToVp9KeyFrame(GstElement* parser) {
     const auto in = GstPtr<GstPad>::adopt(gst_element_get_static_pad(parser, "sink"));
     const auto out = GstPtr<GstPad>::adopt(gst_element_get_static_pad(parser, "src"));
-    gst_pad_add_probe(in.get(), GST_PAD_PROBE_TYPE_BUFFER, waitForVp9KeyFrame, out.get(), nullptr);
+    gst_pad_add_probe(in.get(), GST_PAD_PROBE_TYPE_BUFFER, waitForVp9KeyFrame,
+                      new Vp9Gate{out.get()},
+                      [](gpointer gate) { delete static_cast<Vp9Gate*>(gate); });
 }
 
 } // namespace
@@ -339,9 +349,8 @@ GstPtr<GstBuffer> GstNoxBackend::GstMseBin::wrap(std::unique_ptr<UVASample> samp
         return nullptr;
     }
     UVASample* kept = sample.release();
-    auto buffer = GstPtr<GstBuffer>::adopt(
-        gst_buffer_new_wrapped_full(GST_MEMORY_FLAG_READONLY, const_cast<guint8*>(payload), size, 0,
-                                    size, kept, deleteSample));
+    auto buffer = GstPtr<GstBuffer>::adopt(gst_buffer_new_wrapped_full(
+        GST_MEMORY_FLAG_READONLY, const_cast<guint8*>(payload), size, 0, size, kept, deleteSample));
     takeTimes(buffer.get(), *kept);
     if (kept->keyId() != nullptr)
         protect(buffer.get(), *kept);
@@ -383,10 +392,9 @@ void GstNoxBackend::GstMseBin::protect(GstBuffer* buffer, const UVASample& sampl
         GST_ERROR("***E: no DRM backend set");
         return;
     }
-    gst_buffer_add_content_protection_meta(buffer, keySystem->id.get(), sample.keyId(),
-                                           sample.keyIdSize(), sample.iv(), sample.ivSize(),
-                                           subsampleRanges(sample.subsamples()), FALSE,
-                                           keySystem->drm);
+    gst_buffer_add_content_protection_meta(
+        buffer, keySystem->id.get(), sample.keyId(), sample.keyIdSize(), sample.iv(),
+        sample.ivSize(), subsampleRanges(sample.subsamples()), FALSE, keySystem->drm);
 }
 
 // ---- the queue
@@ -484,19 +492,17 @@ void GstNoxBackend::GstMseBin::handOverBuffer(GstPtr<GstBuffer> buffer) {
         GST_ERROR("***E: buffer not pushed");
 }
 
-GstPtr<GstBuffer>
-GstNoxBackend::GstMseBin::handleContentProtectionMeta(GstPtr<GstBuffer> buffer,
-                                                      const char* type) {
+GstPtr<GstBuffer> GstNoxBackend::GstMseBin::handleContentProtectionMeta(GstPtr<GstBuffer> buffer,
+                                                                        const char* type) {
     const auto* meta = gst_buffer_get_content_protection_meta(buffer.get());
     if (meta == nullptr)
         return buffer;
     auto copy = GstPtr<GstBuffer>::adopt(gst_buffer_new());
-    gst_buffer_copy_into(copy.get(), buffer.get(),
-                         static_cast<GstBufferCopyFlags>(GST_BUFFER_COPY_FLAGS |
-                                                         GST_BUFFER_COPY_TIMESTAMPS |
-                                                         GST_BUFFER_COPY_MEMORY |
-                                                         GST_BUFFER_COPY_DEEP),
-                         0, static_cast<gsize>(-1));
+    gst_buffer_copy_into(
+        copy.get(), buffer.get(),
+        static_cast<GstBufferCopyFlags>(GST_BUFFER_COPY_FLAGS | GST_BUFFER_COPY_TIMESTAMPS |
+                                        GST_BUFFER_COPY_MEMORY | GST_BUFFER_COPY_DEEP),
+        0, static_cast<gsize>(-1));
     GstMapInfo map;
     if (!gst_buffer_map(copy.get(), &map, GST_MAP_READWRITE)) {
         GST_ERROR("decryption failed");
@@ -506,7 +512,8 @@ GstNoxBackend::GstMseBin::handleContentProtectionMeta(GstPtr<GstBuffer> buffer,
         decrypter.reset(gst_uva_decrypter_context_new()); // a context stays with its DRM backend
     m_drm = meta->drm_backend;
     const auto seconds = [](GstClockTime time) {
-        return time == GST_CLOCK_TIME_NONE ? -1.0 : static_cast<double>(time) / nanosecondsPerSecond;
+        return time == GST_CLOCK_TIME_NONE ? -1.0
+                                           : static_cast<double>(time) / nanosecondsPerSecond;
     };
     const auto keySystem = backend->keySystem();
     const bool decrypted =

@@ -7,6 +7,7 @@
 #include "gstnox_time.h"
 #include "uva/uva_event.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <string_view>
@@ -92,11 +93,47 @@ bool GstNoxBackend::removeSource(unsigned int id) {
     const auto bin = takeBin(id);
     if (bin == nullptr)
         return false;
+    bin->close(); // else a writer decrypts all that is queued before it leaves
+    waitForWriters(bin.get());
     bin->Destroy();
     const GLibLock lock(m_lock);
     if (m_audioSink.get() == bin->sink())
         m_audioSink.reset();
     return true;
+}
+
+/// A thread in writeData, which may decrypt there. Neither the source nor the backend goes before
+/// it has left.
+class GstNoxBackend::Writer {
+public:
+    Writer(GstNoxBackend& backend, const GstMseBin& writtenTo)
+        : bin(&writtenTo), thread(g_thread_self()), m_backend(backend) {
+        const GLibLock lock(m_backend.m_lock);
+        m_backend.m_writers.push_back(this);
+    }
+    ~Writer() {
+        const GLibLock lock(m_backend.m_lock);
+        auto& writers = m_backend.m_writers;
+        writers.erase(std::find(writers.begin(), writers.end(), this));
+        m_backend.m_condition.broadcast();
+    }
+    Writer(const Writer&) = delete;
+    Writer& operator=(const Writer&) = delete;
+
+    const GstMseBin* const bin;
+    GThread* const thread;
+
+private:
+    GstNoxBackend& m_backend;
+};
+
+void GstNoxBackend::waitForWriters(const GstMseBin* bin) {
+    const GLibLock lock(m_lock);
+    const auto isWaitedFor = [&](const Writer* writer) {
+        return writer->thread != g_thread_self() && (bin == nullptr || writer->bin == bin);
+    };
+    while (std::any_of(m_writers.begin(), m_writers.end(), isWaitedFor))
+        m_condition.wait(m_lock);
 }
 
 int GstNoxBackend::writeData(UVAEvent* event, unsigned int bytes, WriteDataStatus status) {
@@ -111,6 +148,7 @@ int GstNoxBackend::writeData(UVAEvent* event, unsigned int bytes, WriteDataStatu
         GST_WARNING("***E: invalid source_id");
         return Success;
     }
+    const Writer writer(*this, *bin);
     if (status == Data)
         bin->write(request.samples);
     else if (status == EndOfStream)

@@ -115,8 +115,8 @@ void startLink() {
     const std::string failure = openUvaGstIfLink();
     if (failure.empty())
         return;
-    // To the log, and for whoever sits before a terminal and has no log.
-    GST_CAT_ERROR(loaderDebug, "***E: %s", failure.c_str());
+    // To the log whatever its level, and for whoever sits before a terminal and has no log.
+    GST_CAT_LEVEL_LOG(loaderDebug, GST_LEVEL_NONE, nullptr, "***E: %s", failure.c_str());
     std::printf("<UVA> ***E: %s\n", failure.c_str());
 }
 

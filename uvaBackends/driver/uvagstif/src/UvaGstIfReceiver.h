@@ -130,6 +130,6 @@ private:
 };
 
 /// The one of the process. Never destroyed.
-extern __attribute__((visibility("default"))) CUvaGstIfReceiver uvaGstIfReceiver;
+extern __attribute__((visibility("protected"))) CUvaGstIfReceiver uvaGstIfReceiver;
 
 #endif
