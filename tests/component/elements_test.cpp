@@ -174,8 +174,8 @@ private:
                           onData, this, nullptr);
         gst_object_unref(pad);
     }
-    static gint onRequest(GstElement* sink, const gchar* kind, gpointer data) {
-        auto& player = *static_cast<Player*>(data);
+    static gint onRequest(GstElement* sink, const gchar* kind, gpointer user) {
+        auto& player = *static_cast<Player*>(user);
         {
             const std::lock_guard lock(player.m_mutex);
             player.m_asking = sink;
