@@ -598,6 +598,12 @@ public:
 
 class ProtectedSourceTest : public MediaSourceTest {
 protected:
+    void offer(FakeDrm& drm) {
+        UVA_OfferDRMBackend("org.test", &drm);
+        UVAKeySystemConfig config;
+        config.keySystemId = "org.test";
+        backend->setKeySystem(config);
+    }
     TestSample* encrypted(std::uint8_t key, std::vector<UVASample::Subsample> map) {
         auto* sample = new TestSample(0, frame, &video);
         sample->key = {key};
@@ -649,10 +655,7 @@ TEST_F(ProtectedSourceTest, NothingGoesUnderAThreadThatWrites) {
     for (const bool all : {false, true}) {
         FakeDrm drm;
         drm.holds = true;
-        UVA_OfferDRMBackend("org.test", &drm);
-        UVAKeySystemConfig config;
-        config.keySystemId = "org.test";
-        backend->setKeySystem(config);
+        offer(drm);
         std::atomic<bool> isAsked{false};
         client.answer = [&](auto) { isAsked = true; };
         open(false);
@@ -683,10 +686,7 @@ TEST_F(ProtectedSourceTest, NothingGoesUnderAThreadThatWrites) {
 TEST_F(ProtectedSourceTest, AReleaseWaitsForOneSample) {
     FakeDrm drm;
     drm.holds = true;
-    UVA_OfferDRMBackend("org.test", &drm);
-    UVAKeySystemConfig config;
-    config.keySystemId = "org.test";
-    backend->setKeySystem(config);
+    offer(drm);
     client.answer = [&](auto) { // on the streaming thread
         if (drm.decrypts == 0)
             write(videoId,
