@@ -17,8 +17,10 @@ quietly() {
     [ "$status" -eq 0 ] || fail "$what failed; see above"
 }
 
+# missing_packages [PACKAGE]...: of those every build needs, and of these.
 missing_packages() {
-    grep -v '^#' tools/setup/packages.txt | while read -r package; do
+    { grep -v '^#' tools/setup/packages.txt; printf '%s\n' "$@"; } | while read -r package; do
+        [ -n "$package" ] || continue
         case $(dpkg-query -W -f='${Status}' "$package" 2>/dev/null) in
             *" installed") ;;
             *) echo "$package" ;;
@@ -26,10 +28,11 @@ missing_packages() {
     done
 }
 
+# install_packages [PACKAGE]...
 install_packages() {
     local missing
     command -v dpkg-query >/dev/null || fail "this is not Debian: install what tools/setup/packages.txt lists"
-    missing=$(missing_packages | tr '\n' ' ')
+    missing=$(missing_packages "$@" | tr '\n' ' ')
     [ -n "$missing" ] || return 0
     if [ "$(id -u)" -ne 0 ]; then
         fail "packages are missing. Install them with this command, then try again:
