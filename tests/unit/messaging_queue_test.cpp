@@ -3,6 +3,7 @@
 #include "messaging_fixture.h"
 #include "support/queue_room.h"
 #include "support/wait_until.h"
+#include "util/scoped_handles.h"
 
 #include <algorithm>
 #include <csignal>
@@ -194,7 +195,6 @@ TEST_F(MessagingTest, FailedSendFreesThePayloadsAndSaysWhy) {
     CZantMsgQueue closed;
     ASSERT_EQ(open(closed, "_closed"), 0);
     ASSERT_EQ(closed.Close(), 0);
-    EXPECT_EQ(closed.Close(), -1410);
     CZantMsgQueue shared;
     shared.CarrySharedAddresses([](uint32_t) {});
     ASSERT_EQ(open(shared, "_shared"), 0);
@@ -376,63 +376,163 @@ TEST_F(MessagingTest, SecondReaderOfTheSameBytesGetsNoPayload) {
     EXPECT_EQ(second.signalObj, nullptr);
 }
 
-TEST_F(MessagingTest, MessagesInADestroyedQueueAreFreed) {
-    for (const int oflag : {O_RDWR | O_CREAT, O_RDWR | O_CREAT | O_NONBLOCK}) {
-        {
-            CZantMsgQueue queue;
-            ASSERT_EQ(open(queue, "", 5, oflag), 0);
-            for (int i = 0; i < 5; ++i) {
-                CZantMsg msg(517);
-                load(msg, "left behind");
-                ASSERT_EQ(queue.Send(&msg, 0), 0);
-            }
-        }
-        EXPECT_EQ(CountedPayload::alive, 0);
-    }
-}
-
-TEST_F(MessagingTest, OpeningAnewLeavesNothingOfTheQueueBefore) {
-    CZantMsgQueue queue;
-    ASSERT_EQ(open(queue, "_before"), 0);
-    CZantMsg msg(517);
-    load(msg, "left behind");
-    ASSERT_EQ(queue.Send(&msg, 0), 0);
-    ASSERT_EQ(open(queue, "_after"), 0);
-    EXPECT_EQ(CountedPayload::alive, 0);
-    EXPECT_EQ(mq_unlink(queueName("_before").c_str()), -1) << "was unlinked";
-    EXPECT_EQ(CZantMsgQueue::GetQueueNameByHandle(queue.handle), queueName("_after"));
-}
-
-TEST_F(MessagingTest, OnlyItsOwnNameIsTakenFromTheSystem) {
-    const std::string name = queueName();
-    for (const bool isDropped : {false, true}) {
-        SCOPED_TRACE(isDropped);
+/// Each state, each operation on it: the result, whether the name is in the system after it (its
+/// own or, where another has taken it, that one's), and how many payloads are still alive.
+TEST_F(MessagingTest, EveryOperationFitsEveryState) {
+    struct Case {
+        CZantMsgQueue queue;
         CZantMsgQueue successor;
-        {
-            CZantMsgQueue queue;
-            ASSERT_EQ(open(queue), 0);
-            if (isDropped) {
-                queue.DropName();
-                EXPECT_EQ(mq_open(name.c_str(), O_RDONLY), -1);
-                EXPECT_EQ(errno, ENOENT);
-            }
+        const std::string name = queueName();
+
+        void open(int oflag = O_RDWR | O_CREAT) {
+            ASSERT_EQ(queue.Open(name.c_str(), oflag, 0600, 3, true), 0);
             CZantMsg msg(517);
-            load(msg, "by its handle");
+            load(msg, "left behind");
             ASSERT_EQ(CZantMsgQueue::Send(queue.handle, &msg, 0), 0);
-            ASSERT_EQ(open(successor), 0);
-            EXPECT_EQ(successor.GetNrOfMsgsInQueue(), 0) << "a queue of its own";
-            EXPECT_EQ(queue.GetNrOfMsgsInQueue(), 1);
-            if (isDropped) {
-                EXPECT_EQ(queue.Unlink(), 0);
-            }
         }
-        EXPECT_EQ(CountedPayload::alive, 0);
-        const mqd_t found = mq_open(name.c_str(), O_RDONLY);
-        EXPECT_NE(found, -1) << "it is the successor's";
-        mq_close(found);
-        EXPECT_EQ(successor.Unlink(), 0);
-        EXPECT_EQ(successor.Unlink(), -1424) << "it has gone";
+        void openNameless() {
+            open();
+            queue.DropName();
+        }
+        void close() { EXPECT_EQ(queue.Close(), 0); }
+        void unlink() { EXPECT_EQ(queue.Unlink(), 0); }
+        void succeed() {
+            ASSERT_EQ(successor.Open(name.c_str(), O_RDWR | O_CREAT, 0600, 2, true), 0);
+            EXPECT_EQ(successor.GetNrOfMsgsInQueue(), 0) << "a queue of its own";
+        }
+        bool nameExists() const {
+            const ScopedFd found(mq_open(name.c_str(), O_RDONLY));
+            return static_cast<bool>(found);
+        }
+    };
+    const struct {
+        const char* what;
+        void (*make)(Case&);
+        const char*
+            afterOperation[6]; ///< Close, Unlink, DropName, Open anew, Open failing, the end
+    } rows[] = {
+        {"never opened",
+         [](Case&) {},
+         {"-1411 n 0", "-1417 n 0", "- n 0", "0 n 0", "-1418 n 0", "- n 0"}},
+        {"failed, name in use",
+         [](Case& c) {
+             c.succeed();
+             EXPECT_EQ(c.queue.Open(c.name.c_str(), O_RDWR | O_CREAT | O_EXCL, 0, 3, false), -1418);
+         },
+         {"-1411 y 0", "-1424 y 0", "- y 0", "0 y 0", "-1418 y 0", "- y 0"}},
+        {"open",
+         [](Case& c) { c.open(); },
+         {"0 y 1", "0 n 0", "- n 1", "0 n 0", "-1418 n 0", "- n 0"}},
+        {"open, not blocking",
+         [](Case& c) { c.open(O_RDWR | O_CREAT | O_NONBLOCK); },
+         {"0 y 1", "0 n 0", "- n 1", "0 n 0", "-1418 n 0", "- n 0"}},
+        {"open, name another's",
+         [](Case& c) {
+             c.open();
+             c.succeed();
+         },
+         {"0 y 0", "-1424 y 0", "- y 1", "0 y 0", "-1418 y 0", "- y 0"}},
+        {"nameless",
+         [](Case& c) { c.openNameless(); },
+         {"0 n 0", "0 n 0", "- n 1", "0 n 0", "-1418 n 0", "- n 0"}},
+        {"nameless, name another's",
+         [](Case& c) {
+             c.openNameless();
+             c.succeed();
+         },
+         {"0 y 0", "0 y 0", "- y 1", "0 y 0", "-1418 y 0", "- y 0"}},
+        {"closed",
+         [](Case& c) {
+             c.open();
+             c.close();
+         },
+         {"-1410 y 1", "0 n 0", "- y 1", "0 n 0", "-1418 n 0", "- n 0"}},
+        {"closed, name another's",
+         [](Case& c) {
+             c.open();
+             c.queue.ClearQueue();
+             c.close();
+             c.succeed();
+         },
+         {"-1410 y 0", "-1424 y 0", "- y 0", "0 y 0", "-1418 y 0", "- y 0"}},
+        {"nameless, closed, name another's",
+         [](Case& c) {
+             c.openNameless();
+             c.close();
+             c.succeed();
+         },
+         {"-1410 y 0", "-1424 y 0", "- y 0", "0 y 0", "-1418 y 0", "- y 0"}},
+        {"unlinked",
+         [](Case& c) {
+             c.open();
+             c.unlink();
+         },
+         {"-1410 n 0", "-1424 n 0", "- n 0", "0 n 0", "-1418 n 0", "- n 0"}},
+        {"closed, unlinked, name another's",
+         [](Case& c) {
+             c.open();
+             c.close();
+             c.unlink();
+             c.succeed();
+         },
+         {"-1410 y 0", "-1424 y 0", "- y 0", "0 y 0", "-1418 y 0", "- y 0"}},
+    };
+    const std::string anew = queueName("_anew");
+    static int32_t result;
+    void (*const operations[])(CZantMsgQueue&, const char* anew) = {
+        [](CZantMsgQueue& queue, const char*) { result = queue.Close(); },
+        [](CZantMsgQueue& queue, const char*) { result = queue.Unlink(); },
+        [](CZantMsgQueue& queue, const char*) { queue.DropName(); },
+        [](CZantMsgQueue& queue, const char* name) {
+            result = queue.Open(name, O_RDWR | O_CREAT, 0600, 2, true);
+            EXPECT_EQ(CZantMsgQueue::GetQueueNameByHandle(queue.handle), name);
+            EXPECT_EQ(queue.GetNrOfMsgsInQueue(), 0);
+        },
+        [](CZantMsgQueue& queue, const char* name) {
+            result = queue.Open(name, O_RDWR, 0600, 2, true);
+            EXPECT_EQ(queue.handle, -1);
+        },
+        [](CZantMsgQueue& queue, const char*) {
+            queue.~CZantMsgQueue(), new (&queue) CZantMsgQueue;
+        },
+    };
+    for (const auto& row : rows) {
+        for (size_t operation = 0; operation < std::size(operations); ++operation) {
+            SCOPED_TRACE(std::string(row.what) + ", operation " + std::to_string(operation));
+            bool isSucceeded = false;
+            {
+                Case made;
+                row.make(made);
+                result = 1;
+                operations[operation](made.queue, anew.c_str());
+                const std::string code = result == 1 ? "-" : std::to_string(result);
+                EXPECT_EQ(code + (made.nameExists() ? " y " : " n ") +
+                              std::to_string(CountedPayload::alive),
+                          row.afterOperation[operation]);
+                isSucceeded = made.successor.handle != -1;
+                EXPECT_EQ(made.successor.Unlink(), isSucceeded ? 0 : -1417);
+            }
+            EXPECT_EQ(CountedPayload::alive, 0);
+            for (const std::string& name : {queueName(), anew})
+                EXPECT_EQ(mq_unlink(name.c_str()), -1) << "stays behind";
+        }
     }
+}
+
+/// Whoever closes last frees what no name leads to any more.
+TEST_F(MessagingTest, UnlinkedQueueLivesAsLongAsOneOfItsOpeners) {
+    CZantMsgQueue keeper;
+    CZantMsgQueue leaver;
+    ASSERT_EQ(open(keeper), 0);
+    ASSERT_EQ(leaver.Open(queueName().c_str(), O_RDWR, 0, 1, false), 0);
+    keeper.DropName();
+    CZantMsg msg(517);
+    load(msg, "for the other");
+    ASSERT_EQ(leaver.Send(&msg, 0), 0);
+    EXPECT_EQ(leaver.Close(), 0);
+    EXPECT_EQ(keeper.GetNrOfMsgsInQueue(), 1);
+    EXPECT_EQ(keeper.Close(), 0);
+    EXPECT_EQ(CountedPayload::alive, 0);
 }
 
 /// What comes from another process is freed however it is thrown away.
@@ -542,44 +642,4 @@ TEST_F(MessagingTest, ListingAndDumpShowWhatIsThere) {
     CZantMsgQueue::DumpQueue(-5);
     CZantMsgQueue::DumpQueue(STDOUT_FILENO);
     EXPECT_EQ(screen.take(), "");
-}
-
-/// A million messages from eight threads, some into a queue that is full: no payload is lost or
-/// freed twice.
-TEST_F(MessagingTest, PayloadsSurviveEightSenders) {
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__) || UINTPTR_MAX == UINT32_MAX
-    constexpr int nrPerSender = 12500;
-#else
-    constexpr int nrPerSender = 125000;
-#endif
-    zantTrace.SetTraceOnAll(TRACELEVEL_NO_TRACE);
-    CZantMsgQueue queue;
-    ASSERT_EQ(open(queue), 0);
-    std::atomic<int> accepted{0};
-    std::atomic<int> sendersLeft{8};
-    std::vector<std::thread> senders;
-    for (int sender = 0; sender < 8; ++sender)
-        senders.emplace_back([&] {
-            for (int i = 0; i < nrPerSender; ++i) {
-                CZantMsg msg(517);
-                load(msg, "one of a million");
-                if (msg.SendMsg(queue.handle, 0) == 0)
-                    ++accepted;
-            }
-            --sendersLeft;
-        });
-    int received = 0;
-    while (sendersLeft > 0 || queue.GetNrOfMsgsInQueue() > 0) {
-        if (queue.usleepOnQueue(1000) != 1)
-            continue;
-        CZantMsg msg;
-        ASSERT_EQ(queue.Receive(&msg, 0), 0);
-        ASSERT_STREQ(static_cast<char*>(msg.signalPtr), "one of a million");
-        ASSERT_NE(msg.signalObj, nullptr);
-        ++received;
-    }
-    for (std::thread& sender : senders)
-        sender.join();
-    EXPECT_EQ(received, accepted);
-    EXPECT_EQ(CountedPayload::alive, 0);
 }
