@@ -15,6 +15,7 @@
 #include <sys/stat.h>
 #include <sys/un.h>
 #include <sys/wait.h>
+#include <syslog.h>
 #include <thread>
 
 namespace {
@@ -161,8 +162,12 @@ TEST_F(ShellSocketTest, ReplacesOnlyADeadSocketOfItsOwn) {
         const char* what;
         void (*make)();
         const char* trace;
+        const char* advice = "remove it and start again";
     };
+    static ScopedFd owner;
     const Case blocked[] = {
+        {"served", [] { owner.reset(SocketComm_Start(serverName, MSG_DONTWAIT)); },
+         "is served by another process", "end the other and start again"},
         {"directory", [] { mkdir(serverPath, 0700); }, "it is a directory"},
         {"file", [] { close(creat(serverPath, 0600)); }, "it is no socket"},
         {"dangling link", [] { EXPECT_EQ(symlink("/tmp/elsewhere", serverPath), 0); },
@@ -182,8 +187,13 @@ TEST_F(ShellSocketTest, ReplacesOnlyADeadSocketOfItsOwn) {
             return (traces += screen.take()).find("MshellOpenSocket() failed") != std::string::npos;
         }));
         EXPECT_NE(traces.find(each.trace), std::string::npos) << each.what << traces;
-        EXPECT_NE(traces.find("remove it and start again"), std::string::npos);
+        EXPECT_NE(traces.find(each.advice), std::string::npos);
         stop();
+        const auto said = takeSyslog();
+        ASSERT_EQ(said.size(), 2U) << each.what;
+        EXPECT_EQ(said[0].first, LOG_ERR);
+        EXPECT_EQ(said[1].first, LOG_ERR | LOG_LOCAL0);
+        EXPECT_NE(said[1].second.find(each.advice), std::string::npos) << said[1].second;
         struct stat left {};
         EXPECT_EQ(lstat(serverPath, &left), 0) << each.what;
         EXPECT_EQ(left.st_ino, made.st_ino) << each.what;
