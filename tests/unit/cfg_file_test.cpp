@@ -200,7 +200,29 @@ TEST_F(CfgFileTest, ReadsNumbersAsTheSetDoes) {
 
 TEST_F(CfgFileTest, TheThreadRunsFilesInOrderAndStopsInASleep) {
     CCfgFileThread thread;
-    const auto first = write("MSHELL = m_echo first\n", "first.cfg");
+    static std::string setting;
+    const auto noteSetting = [](CommandStruct*) {
+        pthread_attr_t attributes;
+        pthread_attr_t usual;
+        size_t size = 0;
+        size_t usualSize = 0;
+        char name[16] = {};
+        int policy = -1;
+        sched_param parameter{};
+        pthread_getattr_np(pthread_self(), &attributes);
+        pthread_attr_getstacksize(&attributes, &size);
+        pthread_attr_destroy(&attributes);
+        pthread_getattr_default_np(&usual);
+        pthread_attr_getstacksize(&usual, &usualSize);
+        pthread_attr_destroy(&usual);
+        pthread_getname_np(pthread_self(), name, sizeof name);
+        pthread_getschedparam(pthread_self(), &policy, &parameter);
+        setting = name + std::string(policy == SCHED_OTHER ? " usual" : " special") +
+                  (size >= usualSize ? " usual" : " small");
+        return 0;
+    };
+    mshell.AddMshellCmd(0, "m_note", "test", "", noteSetting, nullptr, true);
+    const auto first = write("MSHELL = m_note\nMSHELL = m_echo first\n", "first.cfg");
     const auto second = write("MSHELL = m_echo second\nMSHELL = m_sleep 1000\n", "second.cfg");
     thread.ExecuteCfgFileInSeparateThread(nullptr);
     thread.ExecuteCfgFileInSeparateThread("/no/such/file");
@@ -217,6 +239,11 @@ TEST_F(CfgFileTest, TheThreadRunsFilesInOrderAndStopsInASleep) {
         at = output.find(text, at);
         EXPECT_NE(at, std::string::npos) << text << output;
     }
+    EXPECT_EQ(setting, "CfgFileThread usual usual");
+    EXPECT_EQ(output.find("stacksize"), std::string::npos) << output;
+    EXPECT_EQ(output.find("SCHED_FIFO"), std::string::npos) << output;
+    EXPECT_EQ(thread.QueueName(),
+              "/Q_CfgFileThread" + std::to_string(reinterpret_cast<intptr_t>(&thread)));
     const auto begin = std::chrono::steady_clock::now();
     thread.StopThreadAndWait();
     EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(10));

@@ -1,5 +1,7 @@
+#include "debug/mshell.h"
 #include "messaging/pointer_tokens.h"
 #include "messaging/zant_msg_body.h"
+#include "messaging/zant_msg_queue_mshell.h"
 #include "messaging_fixture.h"
 #include "support/queue_room.h"
 #include "support/wait_until.h"
@@ -81,11 +83,19 @@ TEST_F(MessagingTest, PayloadWordsRunOutInWordsAndComeBackOldestFirst) {
     }
     EXPECT_GT(words.size(), 65000U);
     EXPECT_EQ(traced("No room for another payload or timer"), 1);
-    CZantMsg msg(517);
-    load(msg, "no room");
     CZantMsgQueue queue;
     ASSERT_EQ(open(queue), 0);
-    EXPECT_EQ(queue.Send(&msg, 0), -1421);
+    for (const bool isObject : {false, true}) {
+        CZantMsg msg(517);
+        load(msg, "no room");
+        CZantMsg only(517); // one of the two
+        isObject ? std::swap(only.signalObj, msg.signalObj)
+                 : std::swap(only.signalPtr, msg.signalPtr);
+        only.signalSize = isObject ? 0 : msg.signalSize;
+        EXPECT_EQ(queue.Send(&only, 0), -1421);
+        EXPECT_EQ(only.signalPtr, nullptr);
+        EXPECT_EQ(only.signalObj, nullptr);
+    }
     EXPECT_EQ(queue.GetNrOfMsgsInQueue(), 0);
     for (const uint32_t word : words)
         EXPECT_NE(pointer_tokens::take(word, Kind::buffer), nullptr);
@@ -125,6 +135,57 @@ TEST_F(MessagingTest, SignalsDoNotEndAWait) {
     EXPECT_EQ(handled, 5);
     EXPECT_EQ(received.signalId, 517U);
     sigaction(SIGUSR1, &before, nullptr);
+}
+
+/// A descriptor that wakes its reader with something else than a message, as a hung-up pipe does.
+TEST_F(MessagingTest, WaitsEndWithTheCodeOfTheirCause) {
+    CZantMsgQueue queue;
+    ASSERT_EQ(open(queue), 0);
+    errno = EINTR; // of an earlier call
+    EXPECT_EQ(queue.usleepOnQueue(1), 0);
+    int ends[2];
+    ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
+    close(ends[1]);
+    const ScopedFd kept(dup(queue.handle));
+    ASSERT_EQ(dup2(ends[0], queue.handle), queue.handle);
+    close(ends[0]);
+    CZantMsg msg;
+    EXPECT_EQ(queue.ReceiveFromNonblockingQueue(&msg, 0), -1428);
+    EXPECT_EQ(traced("select, but not our queue"), 1);
+    EXPECT_EQ(queue.usleepOnQueue(1000000), 0);
+    ASSERT_EQ(dup2(kept.get(), queue.handle), queue.handle);
+    EXPECT_EQ(queue.Close(), 0);
+    EXPECT_EQ(queue.ReceiveFromNonblockingQueue(&msg, 0), -1425);
+    EXPECT_EQ(traced("select failed - handle="), 1);
+    EXPECT_EQ(queue.usleepOnQueue(1), -1);
+}
+
+TEST_F(MessagingTest, AttributesAreTheQueuesWhileItIsOpen) {
+    CZantMsgQueue queue;
+    mq_attr attr{};
+    EXPECT_EQ(queue.Getattr(&attr), -1413);
+    EXPECT_EQ(queue.GetNrOfMsgsInQueue(), -1415);
+    EXPECT_EQ(queue.ClearQueue(), -1420);
+    ASSERT_EQ(open(queue, "", 7), 0);
+    for (int i = 0; i < 2; ++i) {
+        CZantMsg msg(517);
+        ASSERT_EQ(queue.Send(&msg, 0), 0);
+    }
+    EXPECT_EQ(queue.Getattr(&attr), 0);
+    EXPECT_EQ(attr.mq_maxmsg, 7);
+    EXPECT_EQ(attr.mq_msgsize, 48);
+    EXPECT_EQ(attr.mq_curmsgs, 2);
+    EXPECT_FALSE(QueueTypeIsBlocking(queue.handle));
+    EXPECT_EQ(queue.GetNrOfMsgsInQueue(), 2);
+    EXPECT_EQ(traced("FAILED"), 0);
+    EXPECT_EQ(queue.Getattr(nullptr), -1412);
+    ASSERT_EQ(queue.Close(), 0);
+    EXPECT_EQ(queue.Getattr(&attr), -1412);
+    EXPECT_EQ(traced("Getattr FAILED - errno = "), 2);
+    EXPECT_EQ(queue.GetNrOfMsgsInQueue(), -1414);
+    EXPECT_EQ(traced("GetNrOfMsgsInQueue failed - return value: -1"), 1);
+    EXPECT_TRUE(QueueTypeIsBlocking(queue.handle));
+    EXPECT_EQ(traced("Error getting attributes for queue handle"), 1);
 }
 
 TEST_F(MessagingTest, SignalNamesAreDenseAndBounded) {
@@ -248,10 +309,17 @@ TEST_F(MessagingTest, FailedSendFreesThePayloadsAndSaysWhy) {
     EXPECT_EQ(CZantMsgQueue::Send(3, nullptr, 0), -1426);
 
     full.sendErrorsSuppressed = true;
-    CZantMsg dropped(517);
-    load(dropped, "payload");
-    EXPECT_EQ(full.Send(&dropped, 0), 0);
-    EXPECT_EQ(CountedPayload::alive, 0);
+    traced("");
+    const uint32_t sentBefore = CZantMsgQueue::GetTotalNrOfSentMsgs();
+    for (const bool byHandle : {false, true}) {
+        CZantMsg dropped(517);
+        load(dropped, "payload");
+        EXPECT_EQ(byHandle ? CZantMsgQueue::Send(full.handle, &dropped, 0) : full.Send(&dropped, 0),
+                  0);
+        EXPECT_EQ(CountedPayload::alive, 0);
+    }
+    EXPECT_EQ(traced("FAILED"), 0);
+    EXPECT_EQ(CZantMsgQueue::GetTotalNrOfSentMsgs(), sentBefore);
     CZantMsg received;
     EXPECT_EQ(full.Receive(&received, 0), 0);
     EXPECT_FALSE(full.sendErrorsSuppressed) << "receiving clears it";
@@ -619,7 +687,20 @@ TEST_F(MessagingTest, ListingAndDumpShowWhatIsThere) {
     }
     CZantMsg msg;
     ASSERT_EQ(queue.Receive(&msg, 0), 0);
+    CZantMsgQueue other;
+    ASSERT_EQ(open(other, "_other", 3, O_RDWR | O_CREAT), 0);
+    AddZantMsgQueueMshellCmds();
     screen.take();
+    const std::string handle = std::to_string(queue.handle);
+    for (const auto& [parameter, rows, result] :
+         {std::tuple("", 2, 0), std::tuple(" 0", 2, 0), std::tuple(handle.c_str(), 0, -1700),
+          std::tuple((" " + handle).c_str(), 1, 0), std::tuple(" x", 0, -1703)}) {
+        EXPECT_EQ(mshell.ProcessMshellCmd((std::string("m_queuelist") + parameter).c_str()),
+                  result);
+        const std::string lines = screen.take();
+        EXPECT_EQ(lines.find(queueName("_listed")) != std::string::npos, rows > 0) << parameter;
+        EXPECT_EQ(lines.find("| BLOCK |") != std::string::npos, rows > 1) << parameter;
+    }
     CZantMsgQueue::ListGlobalMsgQueueList(queue.handle);
     char row[200];
     snprintf(row, sizeof row,

@@ -90,6 +90,23 @@ TEST_F(LogTest, GoesOnWhereAnEarlierRunLeftOff) {
     EXPECT_EQ(contentOf(log), "next\n");
     EXPECT_EQ(rolLog.DeleteLogfile(true), 0);
     EXPECT_EQ(rolLog.DeleteLogfile(true), -1003);
+    // Closed after each line, unless it was opened; opening twice is no error.
+    for (const bool isOpen : {false, true}) {
+        EXPECT_EQ(isOpen ? rolLog.OpenLogfile(true) + rolLog.OpenLogfile(true) : 0, 0);
+        EXPECT_EQ(rolLog.WriteStringToLogfile("x\n"), 0);
+        fs::remove(log);
+        EXPECT_EQ(rolLog.WriteStringToLogfile("y\n"), 0);
+        EXPECT_EQ(fs::exists(log), !isOpen);
+    }
+    // An empty file is one to go on with, and another file counts from its own size.
+    std::ofstream(folder / "u.log") << "";
+    for (const char* const name : {"u", "v"}) {
+        EXPECT_EQ(rolLog.SetFilename("/tmp/logs", name, "log", "bak"), 0);
+        for (int line = 0; line < 3; ++line)
+            EXPECT_EQ(rolLog.WriteStringToLogfile("12345678\n"), 0);
+        EXPECT_EQ(fs::file_size(folder / (std::string(name) + ".log")), 27U);
+        EXPECT_FALSE(fs::exists(folder / (std::string(name) + ".bak")));
+    }
 }
 
 TEST_F(LogTest, EightWritersLoseNoLine) {

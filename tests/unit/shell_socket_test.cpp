@@ -244,6 +244,21 @@ TEST_F(ShellSocketTest, CutsNamesAndFailsAtOnceWithoutAPeer) {
     EXPECT_EQ(SocketComm_Sendto(fd.get(), "x", 1, "nobody_there", -1), -1);
     EXPECT_LT(Clock::now() - begin, std::chrono::seconds(5));
     EXPECT_LT(SocketComm_Start(nullptr, 0), 0);
+
+    // Nothing, something, and more than there is room for, each with its size and sender.
+    const ScopedFd server(SocketComm_Start(serverName, MSG_DONTWAIT));
+    for (const unsigned size : {0U, 3U, 9U}) {
+        char bytes[4] = {};
+        struct ucred sender {};
+        EXPECT_EQ(SocketComm_Sendto(fd.get(), "123456789", size, serverName, 1000),
+                  static_cast<int>(size));
+        EXPECT_EQ(SocketComm_RecvWithSender(server.get(), bytes, sizeof bytes, &sender),
+                  static_cast<int>(size));
+        EXPECT_EQ(sender.pid, getpid());
+        EXPECT_EQ(sender.uid, geteuid());
+        EXPECT_EQ(std::string(bytes, sizeof bytes),
+                  (std::string("1234").substr(0, size) + std::string(4, '\0')).substr(0, 4));
+    }
 }
 
 } // namespace
