@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <csignal>
 #include <random>
+#include <sstream>
 #include <sys/resource.h>
 #include <thread>
 #include <vector>
@@ -365,21 +366,6 @@ TEST_F(MessagingTest, CapacityAboveTheKernelsLimitBecomesTheLimit) {
     EXPECT_EQ(traced("fs.mqueue.msg_max"), 1);
 }
 
-TEST_F(MessagingTest, FiftyMessagesWaitInAQueue) {
-    if (support::queueRoom() < 50)
-        GTEST_SKIP() << "fs.mqueue.msg_max is below 50: run in a namespace with a higher limit";
-    CZantMsgQueue queue;
-    ASSERT_EQ(open(queue, "", 50), 0);
-    for (int i = 0; i < 50; ++i) {
-        CZantMsg msg(517);
-        load(msg, "one of fifty");
-        ASSERT_EQ(queue.Send(&msg, 0), 0);
-    }
-    EXPECT_EQ(queue.GetNrOfMsgsInQueue(), 50);
-    EXPECT_EQ(queue.ClearQueue(), 0);
-    EXPECT_EQ(CountedPayload::alive, 0);
-}
-
 TEST_F(MessagingTest, QueueOfOtherMessagesIsRefused) {
     mq_attr attr{};
     attr.mq_maxmsg = 2;
@@ -425,125 +411,62 @@ TEST_F(MessagingTest, ForeignBytesAreAnsweredWithOneTraceEach) {
     EXPECT_STREQ(static_cast<char*>(msg.signalPtr), "mine");
 }
 
-TEST_F(MessagingTest, SecondReaderOfTheSameBytesGetsNoPayload) {
-    CZantMsgQueue queue;
-    ASSERT_EQ(open(queue), 0);
-    CZantMsg msg(517);
-    load(msg, "once");
-    ASSERT_EQ(queue.Send(&msg, 0), 0);
-    char body[48];
-    ASSERT_EQ(mq_receive(queue.handle, body, sizeof body, nullptr), 48);
-    for (int i = 0; i < 2; ++i)
-        ASSERT_EQ(mq_send(queue.handle, body, sizeof body, 0), 0);
-    CZantMsg first;
-    CZantMsg second;
-    ASSERT_EQ(queue.Receive(&first, 0), 0);
-    ASSERT_EQ(queue.Receive(&second, 0), 0);
-    EXPECT_STREQ(static_cast<char*>(first.signalPtr), "once");
-    EXPECT_EQ(second.signalPtr, nullptr);
-    EXPECT_EQ(second.signalObj, nullptr);
-}
-
-/// Each state, each operation on it: the result, whether the name is in the system after it (its
-/// own or, where another has taken it, that one's), and how many payloads are still alive.
+/// Each way into a state, each operation on it: the result, whether the name is in the system after
+/// it (its own or, where another has taken it, that one's), and how many payloads are still alive.
 TEST_F(MessagingTest, EveryOperationFitsEveryState) {
     struct Case {
         CZantMsgQueue queue;
         CZantMsgQueue successor;
         const std::string name = queueName();
 
-        void open(int oflag = O_RDWR | O_CREAT) {
-            ASSERT_EQ(queue.Open(name.c_str(), oflag, 0600, 3, true), 0);
+        int32_t open(CZantMsgQueue& opened, int oflag, bool unlinkFirst = true) const {
+            return opened.Open(name.c_str(), O_RDWR | O_CREAT | oflag, 0600, 3, unlinkFirst);
+        }
+        int32_t make(char step) {
             CZantMsg msg(517);
             load(msg, "left behind");
-            ASSERT_EQ(CZantMsgQueue::Send(queue.handle, &msg, 0), 0);
-        }
-        void openNameless() {
-            open();
-            queue.DropName();
-        }
-        void close() { EXPECT_EQ(queue.Close(), 0); }
-        void unlink() { EXPECT_EQ(queue.Unlink(), 0); }
-        void succeed() {
-            ASSERT_EQ(successor.Open(name.c_str(), O_RDWR | O_CREAT, 0600, 2, true), 0);
-            EXPECT_EQ(successor.GetNrOfMsgsInQueue(), 0) << "a queue of its own";
+            switch (step) {
+            case 'o':
+            case 'O':
+                return open(queue, step == 'O' ? O_NONBLOCK : 0) + queue.Send(&msg, 0);
+            case 'n':
+                queue.DropName();
+                return 0;
+            case 'd':
+                return queue.ClearQueue();
+            case 'c':
+                return queue.Close();
+            case 'u':
+                return queue.Unlink();
+            case 'f':
+                return open(queue, O_EXCL, false) == -1418 ? 0 : 1;
+            default:
+                return open(successor, 0) + successor.GetNrOfMsgsInQueue();
+            }
         }
         bool nameExists() const {
             const ScopedFd found(mq_open(name.c_str(), O_RDONLY));
             return static_cast<bool>(found);
         }
     };
+    // (o)pen, (O)pen not blocking, (n)ameless, (d)rained, (c)losed, (u)nlinked, (s)ucceeded in its
+    // name, (f)ailed to open. Then: Close, Unlink, DropName, Open anew, Open failing, the end.
     const struct {
-        const char* what;
-        void (*make)(Case&);
-        const char*
-            afterOperation[6]; ///< Close, Unlink, DropName, Open anew, Open failing, the end
+        const char* steps;
+        const char* afterOperations;
     } rows[] = {
-        {"never opened",
-         [](Case&) {},
-         {"-1411 n 0", "-1417 n 0", "- n 0", "0 n 0", "-1418 n 0", "- n 0"}},
-        {"failed, name in use",
-         [](Case& c) {
-             c.succeed();
-             EXPECT_EQ(c.queue.Open(c.name.c_str(), O_RDWR | O_CREAT | O_EXCL, 0, 3, false), -1418);
-         },
-         {"-1411 y 0", "-1424 y 0", "- y 0", "0 y 0", "-1418 y 0", "- y 0"}},
-        {"open",
-         [](Case& c) { c.open(); },
-         {"0 y 1", "0 n 0", "- n 1", "0 n 0", "-1418 n 0", "- n 0"}},
-        {"open, not blocking",
-         [](Case& c) { c.open(O_RDWR | O_CREAT | O_NONBLOCK); },
-         {"0 y 1", "0 n 0", "- n 1", "0 n 0", "-1418 n 0", "- n 0"}},
-        {"open, name another's",
-         [](Case& c) {
-             c.open();
-             c.succeed();
-         },
-         {"0 y 0", "-1424 y 0", "- y 1", "0 y 0", "-1418 y 0", "- y 0"}},
-        {"nameless",
-         [](Case& c) { c.openNameless(); },
-         {"0 n 0", "0 n 0", "- n 1", "0 n 0", "-1418 n 0", "- n 0"}},
-        {"nameless, name another's",
-         [](Case& c) {
-             c.openNameless();
-             c.succeed();
-         },
-         {"0 y 0", "0 y 0", "- y 1", "0 y 0", "-1418 y 0", "- y 0"}},
-        {"closed",
-         [](Case& c) {
-             c.open();
-             c.close();
-         },
-         {"-1410 y 1", "0 n 0", "- y 1", "0 n 0", "-1418 n 0", "- n 0"}},
-        {"closed, name another's",
-         [](Case& c) {
-             c.open();
-             c.queue.ClearQueue();
-             c.close();
-             c.succeed();
-         },
-         {"-1410 y 0", "-1424 y 0", "- y 0", "0 y 0", "-1418 y 0", "- y 0"}},
-        {"nameless, closed, name another's",
-         [](Case& c) {
-             c.openNameless();
-             c.close();
-             c.succeed();
-         },
-         {"-1410 y 0", "-1424 y 0", "- y 0", "0 y 0", "-1418 y 0", "- y 0"}},
-        {"unlinked",
-         [](Case& c) {
-             c.open();
-             c.unlink();
-         },
-         {"-1410 n 0", "-1424 n 0", "- n 0", "0 n 0", "-1418 n 0", "- n 0"}},
-        {"closed, unlinked, name another's",
-         [](Case& c) {
-             c.open();
-             c.close();
-             c.unlink();
-             c.succeed();
-         },
-         {"-1410 y 0", "-1424 y 0", "- y 0", "0 y 0", "-1418 y 0", "- y 0"}},
+        {"", "-1411 n 0, -1417 n 0, - n 0, 0 n 0, -1418 n 0, - n 0"},
+        {"sf", "-1411 y 0, -1424 y 0, - y 0, 0 y 0, -1418 y 0, - y 0"},
+        {"o", "0 y 1, 0 n 0, - n 1, 0 n 0, -1418 n 0, - n 0"},
+        {"O", "0 y 1, 0 n 0, - n 1, 0 n 0, -1418 n 0, - n 0"},
+        {"os", "0 y 0, -1424 y 0, - y 1, 0 y 0, -1418 y 0, - y 0"},
+        {"on", "0 n 0, 0 n 0, - n 1, 0 n 0, -1418 n 0, - n 0"},
+        {"ons", "0 y 0, 0 y 0, - y 1, 0 y 0, -1418 y 0, - y 0"},
+        {"oc", "-1410 y 1, 0 n 0, - y 1, 0 n 0, -1418 n 0, - n 0"},
+        {"odcs", "-1410 y 0, -1424 y 0, - y 0, 0 y 0, -1418 y 0, - y 0"},
+        {"oncs", "-1410 y 0, -1424 y 0, - y 0, 0 y 0, -1418 y 0, - y 0"},
+        {"ou", "-1410 n 0, -1424 n 0, - n 0, 0 n 0, -1418 n 0, - n 0"},
+        {"ocus", "-1410 y 0, -1424 y 0, - y 0, 0 y 0, -1418 y 0, - y 0"},
     };
     const std::string anew = queueName("_anew");
     static int32_t result;
@@ -565,18 +488,22 @@ TEST_F(MessagingTest, EveryOperationFitsEveryState) {
         },
     };
     for (const auto& row : rows) {
-        for (size_t operation = 0; operation < std::size(operations); ++operation) {
-            SCOPED_TRACE(std::string(row.what) + ", operation " + std::to_string(operation));
+        std::istringstream expected(row.afterOperations);
+        for (const auto operation : operations) {
+            std::string after;
+            std::getline(expected >> std::ws, after, ',');
+            SCOPED_TRACE(std::string(row.steps) + ": " + after);
             bool isSucceeded = false;
             {
                 Case made;
-                row.make(made);
+                for (const char* step = row.steps; *step != '\0'; ++step)
+                    ASSERT_EQ(made.make(*step), 0);
                 result = 1;
-                operations[operation](made.queue, anew.c_str());
+                operation(made.queue, anew.c_str());
                 const std::string code = result == 1 ? "-" : std::to_string(result);
                 EXPECT_EQ(code + (made.nameExists() ? " y " : " n ") +
                               std::to_string(CountedPayload::alive),
-                          row.afterOperation[operation]);
+                          after);
                 isSucceeded = made.successor.handle != -1;
                 EXPECT_EQ(made.successor.Unlink(), isSucceeded ? 0 : -1417);
             }
@@ -723,4 +650,35 @@ TEST_F(MessagingTest, ListingAndDumpShowWhatIsThere) {
     CZantMsgQueue::DumpQueue(-5);
     CZantMsgQueue::DumpQueue(STDOUT_FILENO);
     EXPECT_EQ(screen.take(), "");
+}
+
+/// From several threads, mostly into a queue that is full: no payload is lost or freed twice.
+TEST_F(MessagingTest, PayloadsSurviveManySenders) {
+    zantTrace.SetTraceOnAll(TRACELEVEL_NO_TRACE);
+    CZantMsgQueue queue;
+    ASSERT_EQ(open(queue), 0);
+    std::atomic<int> accepted{0};
+    std::atomic<int> sendersLeft{4};
+    std::vector<std::thread> senders;
+    for (int sender = 0; sender < 4; ++sender)
+        senders.emplace_back([&] {
+            for (int i = 0; i < 4000; ++i) {
+                CZantMsg msg(517);
+                load(msg, "one of many");
+                accepted += msg.SendMsg(queue.handle, 0) == 0 ? 1 : 0;
+            }
+            --sendersLeft;
+        });
+    int received = 0;
+    for (CZantMsg msg; sendersLeft > 0 || queue.GetNrOfMsgsInQueue() > 0; msg.FreeSignal()) {
+        if (queue.usleepOnQueue(1000) != 1)
+            continue;
+        ASSERT_EQ(queue.Receive(&msg, 0), 0);
+        ASSERT_STREQ(static_cast<char*>(msg.signalPtr), "one of many");
+        ++received;
+    }
+    for (std::thread& sender : senders)
+        sender.join();
+    EXPECT_EQ(received, accepted);
+    EXPECT_EQ(CountedPayload::alive, 0);
 }

@@ -137,23 +137,6 @@ TEST_F(MessagingTest, TimersAreListedByTheirDeadlines) {
         server.PopTimer();
 }
 
-TEST_F(TimersTest, TenThousandTimersAllArrive) {
-    zantTrace.SetTraceOnAll(TRACELEVEL_NO_TRACE);
-    std::deque<TimeOutTimer> timers;
-    for (int i = 0; i < 10000; ++i) {
-        timers.emplace_back(600000 + (i * 7919) % 10000, 600, queue.handle, i);
-        timers.back().StartTimer();
-    }
-    double before = -1;
-    for (int i = 0; i < 10000; ++i) {
-        const double deadline = TimeOutServer::instance().GetEarliestTimer().deadlineInMicroSec();
-        ASSERT_GE(deadline, before);
-        before = deadline;
-        TimeOutServer::instance().PopTimer();
-    }
-    EXPECT_TRUE(TimeOutServer::instance().IsEmpty());
-}
-
 TEST_F(MessagingTest, QueueObserversGetWhatTheyRegisteredFor) {
     CZantMsgQueue queues[3];
     CZantMsgQueue blocking;

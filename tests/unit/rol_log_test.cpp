@@ -11,9 +11,7 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
-#include <set>
 #include <sstream>
-#include <thread>
 #include <vector>
 
 namespace {
@@ -107,32 +105,6 @@ TEST_F(LogTest, GoesOnWhereAnEarlierRunLeftOff) {
         EXPECT_EQ(fs::file_size(folder / (std::string(name) + ".log")), 27U);
         EXPECT_FALSE(fs::exists(folder / (std::string(name) + ".bak")));
     }
-}
-
-TEST_F(LogTest, EightWritersLoseNoLine) {
-    constexpr int writers = 8;
-    constexpr int linesEach = 500;
-    // The lines count 35120 bytes: they fill one file and a part of the next.
-    CRolLog rolLog("/tmp/logs/", "t", 20000, "log", "bak");
-    ASSERT_EQ(rolLog.OpenLogfile(true), 0);
-    std::vector<std::thread> threads;
-    for (int writer = 0; writer < writers; ++writer)
-        threads.emplace_back([&rolLog, writer] {
-            for (int i = 0; i < linesEach; ++i)
-                rolLog.WriteStringToLogfile(
-                    ("w" + std::to_string(writer) + " " + std::to_string(i) + "\n").c_str());
-        });
-    for (auto& thread : threads)
-        thread.join();
-    rolLog.CloseLogfile(true);
-    std::multiset<std::string> lines;
-    for (const auto& path : {backup, log}) {
-        std::istringstream in(contentOf(path));
-        for (std::string line; std::getline(in, line);)
-            lines.insert(line);
-    }
-    EXPECT_EQ(lines.size(), static_cast<size_t>(writers * linesEach));
-    EXPECT_EQ(std::set<std::string>(lines.begin(), lines.end()).size(), lines.size());
 }
 
 TEST_F(LogTest, RefusesNamesAndFilesThatAreNotForLogs) {

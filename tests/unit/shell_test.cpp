@@ -9,9 +9,7 @@
 #include "messaging/zant_msg_queue_mshell.h"
 #include "trace_fixture.h"
 
-#include <chrono>
 #include <memory>
-#include <thread>
 #include <vector>
 
 namespace {
@@ -209,23 +207,6 @@ TEST_F(ShellTest, SurvivesHandlersThatAreMissingOrThrow) {
     EXPECT_LT(shell.ProcessMshellCmd("throws"), 0);
     EXPECT_NE(screen.take().find("Command throws failed"), std::string::npos);
     EXPECT_EQ(shell.ProcessMshellCmd("first"), 1);
-}
-
-TEST_F(ShellTest, RegistersWhileOthersLookUp) {
-    CMshell shell;
-    const int32_t before = shell.CountMshellEntrys();
-    const auto add = [&](const char* prefix) {
-        for (int i = 0; i < 200; ++i)
-            shell.AddMshellCmd(0, (prefix + std::to_string(i)).c_str(), "g", "", nullptr, nullptr,
-                               true);
-    };
-    std::thread first(add, "a");
-    std::thread second(add, "b");
-    while (!shell.MshellEntryExists("a199") || !shell.MshellEntryExists("b199"))
-        shell.GetMshellEntrys();
-    first.join();
-    second.join();
-    EXPECT_EQ(shell.CountMshellEntrys(), before + 400);
 }
 
 TEST_F(ShellTest, DebugCommandsKeepTheFirstFunction) {
