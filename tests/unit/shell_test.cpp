@@ -9,6 +9,7 @@
 #include "messaging/zant_msg_queue_mshell.h"
 #include "trace_fixture.h"
 
+#include <cstring>
 #include <memory>
 #include <vector>
 
@@ -181,6 +182,47 @@ TEST_F(ShellTest, AnswersEveryCommand) {
     }
     mshell.ProcessMshellCmd("m_echo");
     EXPECT_EQ(screen.take(), "");
+}
+
+/// Each call is traced, with what it was given; the entry tells what it takes.
+TEST_F(ShellTest, TracesEveryCall) {
+    const struct {
+        const char* line;
+        const char* handler;
+        int given;
+        int taken;
+    } rows[] = {
+        {"m_traceon 8 10", "MshellCmdSetTraceOn", 2, 2},
+        {"m_traceoff 8", "MshellCmdSetTraceOff", 1, 1},
+        {"m_traceonall 10", "MshellCmdSetTraceOnAll", 1, 1},
+        {"m_tracestate 8 x y", "MshellCmdTraceState", 3, 1},
+        {"m_timestampson", "MshellCmdTimestampsOn", 0, 0},
+        {"m_timestampsoff 1", "MshellCmdTimestampsOff", 1, 0},
+        {"m_tracedirectprintmode 1", "MshellCmdTraceDirectPrintMode", 1, 1},
+        {"m_tracelogfilemaxsize 100000000", "MshellCmdTraceLogfileMaxSize", 1, 1},
+        {"m_traceusesyslog 0", "MshellCmdTraceUseSyslog", 1, 1},
+        {"m_tracewithcolors 0", "MshellCmdTraceWithColors", 1, 1},
+        {"m_stoptracingtoscreen", "MshellCmdStopTracingToScreen", 0, 0},
+        {"m_starttracingtoscreen", "MshellCmdStartTracingToScreen", 0, 0},
+        {"m_dbgcmd 1", "MshellCmdDbgCmd", 1, 1},
+        {"m_ls -d /", "MshellCmdLs", 2, 0},
+        {"m_appendlinetoetcpreinit", "MshellCmdAppendLineToEtcPreinit", 0, 0},
+        {"m_deleteetcpreinit", "MshellCmdDeleteEtcPreinit", 0, 0},
+        {"m_traceoffall", "MshellCmdSetTraceOffAll", 0, 0},
+    };
+    for (const auto& row : rows) {
+        zantTrace.SetTraceOn(TRACEUNIT_SHELL_COMMANDS, TRACELEVEL_DEBUG);
+        zantTrace.StartTracingToScreen();
+        screen.take();
+        mshell.ProcessMshellCmd(row.line);
+        const std::string output = screen.take();
+        EXPECT_NE(output.find(row.handler + std::string(" called\n")), std::string::npos) << output;
+        EXPECT_NE(output.find("ParamCount = " + std::to_string(row.given) + "\n"),
+                  std::string::npos)
+            << output;
+        const std::string name(row.line, strcspn(row.line, " "));
+        EXPECT_EQ(mshell.GetMshellEntry(name)->paramCount, row.taken) << name;
+    }
 }
 
 TEST_F(ShellTest, ListsEveryCommandOnceInOrder) {
