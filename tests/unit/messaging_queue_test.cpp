@@ -619,11 +619,10 @@ TEST_F(MessagingTest, ListingAndDumpShowWhatIsThere) {
     AddZantMsgQueueMshellCmds();
     screen.take();
     const std::string handle = std::to_string(queue.handle);
-    for (const auto& [parameter, rows, result] :
-         {std::tuple("", 2, 0), std::tuple(" 0", 2, 0), std::tuple(handle.c_str(), 0, -1700),
-          std::tuple((" " + handle).c_str(), 1, 0), std::tuple(" x", 0, -1703)}) {
-        EXPECT_EQ(mshell.ProcessMshellCmd((std::string("m_queuelist") + parameter).c_str()),
-                  result);
+    const std::tuple<std::string, int, int> questions[] = {
+        {"", 2, 0}, {" 0", 2, 0}, {handle, 0, -1700}, {" " + handle, 1, 0}, {" x", 0, -1703}};
+    for (const auto& [parameter, rows, result] : questions) {
+        EXPECT_EQ(mshell.ProcessMshellCmd(("m_queuelist" + parameter).c_str()), result);
         const std::string lines = screen.take();
         EXPECT_EQ(lines.find(queueName("_listed")) != std::string::npos, rows > 0) << parameter;
         EXPECT_EQ(lines.find("| BLOCK |") != std::string::npos, rows > 1) << parameter;
