@@ -98,11 +98,11 @@ TEST_F(LogTest, GoesOnWhereAnEarlierRunLeftOff) {
     }
     // An empty file is one to go on with, and another file counts from its own size.
     std::ofstream(folder / "u.log") << "";
-    for (const char* const name : {"u", "v"}) {
+    for (const auto& [name, lines] : {std::pair("u", 1U), std::pair("v", 3U)}) {
         EXPECT_EQ(rolLog.SetFilename("/tmp/logs", name, "log", "bak"), 0);
-        for (int line = 0; line < 3; ++line)
+        for (unsigned line = 0; line < lines; ++line)
             EXPECT_EQ(rolLog.WriteStringToLogfile("12345678\n"), 0);
-        EXPECT_EQ(fs::file_size(folder / (std::string(name) + ".log")), 27U);
+        EXPECT_EQ(fs::file_size(folder / (std::string(name) + ".log")), 9 * lines);
         EXPECT_FALSE(fs::exists(folder / (std::string(name) + ".bak")));
     }
 }
