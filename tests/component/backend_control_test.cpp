@@ -5,7 +5,7 @@
 #include "gstnox_backend.h"
 #include "gstnox_plugin.h"
 #include "support/log_capture.h"
-#include "support/recording_client.h"
+#include "support/media_host.h"
 #include "support/wait_until.h"
 
 #include <gtest/gtest.h>

@@ -5,7 +5,7 @@
 #include "gstnox_backend.h"
 #include "gstnox_plugin.h"
 #include "support/log_capture.h"
-#include "support/recording_client.h"
+#include "support/media_host.h"
 #include "support/wait_until.h"
 
 #include <gtest/gtest.h>
@@ -446,74 +446,6 @@ TEST_F(BackendTest, StoppingAndSeekingEndTheWaitForADecoder) {
         EXPECT_EQ(answer, 0);
         EXPECT_EQ(client.count(UVAEvent::DecodeError), 0); // nobody refused
     }
-}
-
-TEST_F(BackendTest, CapabilitiesFollowTheTables) {
-    using Description = UVABackend::ContentDescription;
-    const auto describe = [](const char* type, std::vector<std::string> codecs, const char* width,
-                             const char* height, const char* rate, const char* channels = "") {
-        Description description;
-        description.type = type;
-        description.codecs = std::move(codecs);
-        description.width = width;
-        description.height = height;
-        description.framerate = rate;
-        description.channels = channels;
-        return description;
-    };
-    const struct {
-        Description description;
-        bool playable;
-    } rows[] = {
-        {describe("video/mp4", {}, "", "", ""), true},
-        {describe("video/MP4", {}, "", "", ""), false},
-        {describe("video/H264", {}, "", "", ""), true},
-        {describe("", {"avc1.640028"}, "1920", "1080", ""), true},
-        {describe("", {"avc1.640028", "mp4v.20.9"}, "", "", ""), false},
-        {describe("", {"vp09.00.51.08"}, "3840", "2160", "60"), true},
-        {describe("", {"vp09.00.51.08"}, "3840", "2160", "61"), false},
-        {describe("", {"vp09.00.51.08"}, "3840", "2160", "60.5"), true},
-        {describe("", {"vp9"}, "4096", "2304", "30"), false}, // beyond 2160 lines
-        {describe("", {"vp9"}, "4096", "2160", "60"), true},
-        {describe("", {"vp9"}, "3000", "2000", "30"), false},
-        {describe("", {"hev1.1.6.L153.B0"}, "4096", "2160", "60"), true},
-        {describe("", {"hevc"}, "4096", "2160", ""), false}, // not a codec string at all
-        {describe("", {"vp9"}, "4097", "100", ""), false},
-        {describe("video/mp4", {}, "4097", "", ""), true},
-        {describe("video/mp4", {}, "10241", "", ""), false},
-        {describe("video/mp4", {}, "1920.5", "", ""), false},
-        {describe("video/mp4", {}, "", "8193", ""), false},
-        {describe("video/mp4", {}, "", "", "30000/1001"), true},
-        {describe("video/mp4", {}, "", "", "241"), false},
-        {describe("video/mp4", {}, "", "", "1/0"), false},
-        {describe("video/mp4", {}, "", "", "", "10"), true},
-        {describe("video/mp4", {}, "", "", "", "11"), false},
-        {describe("", {"vp09.01.10.08"}, "", "", ""), false},
-        {describe("", {"vp09.02.52.10"}, "", "", ""), false},
-        {describe("", {"vp09.00.10.08.01.01.99"}, "", "", ""), false},
-        {describe("", {"vp09.00.10.08.01.01.01.99"}, "", "", ""), false},
-        {describe("", {"vp09.00"}, "", "", ""), true},
-        {describe("", {"vp09.1"}, "", "", ""), false},
-        {describe("", {""}, "", "", ""), false},
-        {describe("video/mp4", {std::string(5000, 'a')}, "", "", ""), false},
-    };
-    int index = 0;
-    for (const auto& row : rows)
-        EXPECT_EQ(backend.canPlayType(row.description), row.playable) << "row " << index++;
-
-    // The tables themselves, which the checks above do not all reach.
-    EXPECT_TRUE(backend.isSpecSupported(GstNoxBackend::VP9_CODEC_SPEC, 4096, 2304, 30));
-    EXPECT_FALSE(backend.isSpecSupported(GstNoxBackend::VP9_CODEC_SPEC, 4096, 2304, 60));
-    EXPECT_FALSE(backend.isSpecSupported(GstNoxBackend::HEVC_CODEC_SPEC, 4096, 2160, 30));
-    EXPECT_TRUE(backend.isSpecSupported(GstNoxBackend::HEVC_CODEC_SPEC, 4096, 2048, 60));
-
-    char** types = nullptr;
-    ASSERT_TRUE(backend.getSupportedMimetypes(types));
-    int count = 0;
-    for (; types[count] != nullptr; ++count)
-        g_free(types[count]);
-    delete[] types;
-    EXPECT_EQ(count, 58);
 }
 
 TEST(ReleaseInEveryState, EndsAtOnce) {

@@ -1,6 +1,6 @@
 // The built library as a host loads it: its entry points, and what a first request starts.
 
-#include "support/recording_client.h"
+#include "support/media_host.h"
 #include "support/wait_until.h"
 
 #include <dlfcn.h>
