@@ -185,6 +185,20 @@ TEST_F(CodecTest, OpusHeadersAreReadOrRefused) {
     }
     EXPECT_EQ(opus_header_parse(nullptr, 100, nullptr), FALSE);
 
+    for (const auto& [rate, told] :
+         std::vector<std::pair<Bytes, int>>{{{0x7F, 255, 255, 255}, INT_MAX},
+                                            {{0, 0, 0, 1}, 1},
+                                            {{0x80, 0, 0, 0}, -7},
+                                            {{0, 0, 0, 0}, -7}}) {
+        Bytes header = stereo;
+        std::copy(rate.begin(), rate.end(), header.begin() + 12);
+        const auto caps =
+            Caps::adopt(gst_opus_create_caps_from_header(header.data(), header.size()));
+        int seen = -7;
+        gst_structure_get_int(gst_caps_get_structure(caps.get(), 0), "rate", &seen);
+        EXPECT_EQ(seen, told);
+    }
+
     const auto six = opusHead(6, 1, fiveOne);
     const auto caps = Caps::adopt(gst_opus_create_caps_from_header(six.data(), six.size()));
     EXPECT_EQ(text(withoutField(caps, "streamheader")),
@@ -312,6 +326,9 @@ TEST_F(CodecTest, EveryCodecsCapsAreTakenByItsParsersDecodersAndSinks) {
             EXPECT_TRUE(takes(element, caps, element != "opusdec")) << element << text(caps);
         EXPECT_TRUE(takes(video ? "halvideosink" : "halaudiosink", caps, false)) << text(caps);
 
+        EXPECT_EQ(streamHeaders(caps).size(), row.data == vorbisHeaders ? 3U
+                                              : row.data == opus        ? 2U
+                                                                        : 0U);
         const auto* structure = gst_caps_get_structure(caps.get(), 0);
         const auto* data = gst_structure_get_value(structure, "codec_data");
         ASSERT_EQ(data != nullptr, !row.data.empty() && row.codec != Config::CODEC_VORBIS);

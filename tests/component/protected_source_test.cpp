@@ -69,13 +69,79 @@ TEST_F(ProtectedSourceTest, RangesAreDecryptedOrTheSampleStaysEncrypted) {
         << "one decrypter a change of the key";
 }
 
+TEST_F(ProtectedSourceTest, AnotherKeySystemTakesOver) {
+    TestDrm first;
+    TestDrm second;
+    UVA_OfferDRMBackend("org.other", &second);
+    open(false);
+    playUntilAsked(1);
+    double time = 2;
+    for (const char* id : {"org.test", "org.other", "org.none", "org.test"}) {
+        offer(first, static_cast<std::uint64_t>(time));
+        UVAKeySystemConfig config;
+        config.keySystemId = id;
+        config.client = static_cast<std::uint64_t>(time);
+        backend->setKeySystem(config);
+        auto* sample = encrypted("a", {{0, 100}});
+        sample->presented = time;
+        sample->decoded = time - 0.5;
+        write(videoId, {sample});
+        received(videoSink, static_cast<std::size_t>(time) - 1);
+        ++time;
+    }
+    owner.reset();
+    UVA_OfferDRMBackend("org.other", nullptr);
+    using Lines = std::vector<std::string>;
+    EXPECT_EQ(first.takeJournal(), (Lines{"create a 2", "100 iv 8 first last", "release",
+                                          "create a 5", "100 iv 8 first last", "release"}));
+    EXPECT_EQ(second.takeJournal(), (Lines{"create a 3", "100 iv 8 first last", "release"}));
+    const auto seen = RecordingSinks::of(videoSink).buffers;
+    ASSERT_EQ(seen.size(), 4U);
+    for (std::size_t i = 0; i < seen.size(); ++i) {
+        EXPECT_EQ(seen[i].bytes, std::vector<guint8>(100, i == 2 ? 0x55 : 0xAA)) << i;
+        EXPECT_EQ(seen[i].pts, (i + 2) * GST_SECOND);
+        EXPECT_EQ(seen[i].dts, (i + 2) * GST_SECOND - GST_SECOND / 2);
+        EXPECT_EQ(seen[i].duration, GST_SECOND / 25);
+        EXPECT_EQ(seen[i].discont, i == 0);
+    }
+}
+
+// While one thread decrypts, another that asks or writes neither waits nor overtakes it.
+TEST_F(ProtectedSourceTest, ASecondThreadLeavesTheFeedingToTheFirst) {
+    TestDrm drm;
+    drm.holds = true;
+    open(false);
+    offer(drm);
+    playUntilAsked(1);
+    std::thread feeding([&] { write(videoId, {encrypted("a", {{0, 100}})}); });
+    ASSERT_TRUE(waitUntil([&] { return drm.decrypts == 1; }));
+    const auto appsrc = GstPtr<GstElement>::sink(gst_element_factory_make("appsrc", "appsrc_1"));
+    const auto asks = [&] {
+        client.clear();
+        GstNoxBackend::need_data_cb(GST_APP_SRC(appsrc.get()), 1, backend);
+        return client.count(UVAEvent::NeedMSEData) == 1;
+    };
+    EXPECT_TRUE(asks()) << "nothing is left";
+    write(videoId, {encrypted("b", {{0, 100}})});
+    EXPECT_FALSE(asks());
+    EXPECT_EQ(seek(3), 0) << "what is decrypted now is of no use any more";
+    EXPECT_TRUE(isAsked());
+    drm.holds = false;
+    feeding.join();
+    EXPECT_EQ(drm.decrypts, 1);
+    write(videoId, {encrypted("c", {{0, 100}})});
+    EXPECT_EQ(received(videoSink, 1).count, 1U);
+    EXPECT_EQ(drm.decrypts, 2);
+    owner.reset();
+}
+
 TEST_F(ProtectedSourceTest, NothingGoesUnderAThreadThatWrites) {
     for (const bool all : {false, true}) {
         TestDrm drm;
         drm.holds = true;
+        client.clear();
         open(false);
         offer(drm);
-        client.clear();
         playUntilAsked(1);
         std::thread writing([&] {
             write(videoId, {encrypted("a", {{0, 100}}), encrypted("a", {{0, 100}})});

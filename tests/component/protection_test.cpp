@@ -178,6 +178,13 @@ TEST_F(ProtectionTest, OneDecrypterAKey) {
     EXPECT_EQ(takeJournal(), (Lines{"release", "create ab 7"}));
 
     drm.answers[TestDrm::Create] = TestDrm::Refuses;
+    LogCapture log(category);
+    EXPECT_FALSE(update("\x1f\xa0z"));
+    EXPECT_TRUE(log.has("WARN no decrypter for key id 1fa07a"));
+    EXPECT_EQ(takeJournal(), (Lines{"release", "create \x1f\xa0z 7"}));
+    EXPECT_TRUE((drm.answers.clear(), update("ab")));
+    drm.answers[TestDrm::Create] = TestDrm::Refuses;
+    takeJournal();
     EXPECT_FALSE(update("b"));
     EXPECT_EQ(takeJournal(), (Lines{"release", "create b 7"}));
     EXPECT_FALSE(update("ab")) << "that decrypter is gone";
