@@ -548,17 +548,6 @@ TEST_F(BackendTest, ARefusedSinkIsNotAnsweredWithTheNextOnesGrant) {
     }
 }
 
-TEST_F(BackendTest, AnswerFromInsideTheDeliveryIsTaken) {
-    GstNoxBackend* asked = nullptr;
-    RecordingClient granting([&asked](UVAEvent& event) {
-        if (event.type() == UVAEvent::BackendResourceRequestAsync)
-            asked->eventCompleted(static_cast<UVAAsyncEvent*>(&event), true);
-    });
-    GstNoxBackend other(UVABackend::AudioElement, &granting);
-    asked = &other;
-    EXPECT_EQ(GstNoxBackend::decoder_request_cb(nullptr, "audio", &other), 1);
-}
-
 TEST_F(BackendTest, StoppingAndSeekingEndTheWaitForADecoder) {
     for (const bool stop : {true, false}) {
         client.clear();

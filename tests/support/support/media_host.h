@@ -137,8 +137,7 @@ public:
     const UVAStreamConfig* stream;
 };
 
-/// Content protection whose answers are data, and which keeps a journal of what it is asked for. It
-/// decrypts by turning every bit.
+/// Content protection whose answers are data, and which keeps a journal of what it is asked for.
 class TestDrm final : public UVADRMBackend,
                       public UVADRMKeySlotGetter,
                       public UVADRMFullSampleDecrypter {
@@ -150,6 +149,7 @@ public:
     std::string answersFor;         ///< the first byte of the key that they hold for; empty: any
     int answersEvery = 1;           ///< so many samples a decrypter
     bool hasKeySlots = false, hasFullSample = false;
+    std::uint8_t cipher = 0xFF;     ///< the bits that are turned in each byte
     std::atomic<bool> holds{false}; ///< a call to decrypt does not return
     std::atomic<int> created{0}, released{0}, decrypts{0};
 
@@ -209,7 +209,7 @@ private:
                        (input.iv != nullptr ? " iv " + std::to_string(input.ivSize) : "") +
                        (input.first ? " first" : "") + (input.last ? " last" : "") +
                        (input.flag ? " flag" : ""));
-            turn(input.data, output.data, output.size);
+            m_drm.turn(input.data, output.data, output.size);
             return answer();
         }
         int answer() {
@@ -224,9 +224,10 @@ private:
         int m_count = 0;
     };
 
-    static void turn(const std::uint8_t* from, std::uint8_t* to, std::size_t size) {
-        std::transform(from, from + size, to,
-                       [](std::uint8_t byte) { return static_cast<std::uint8_t>(~byte); });
+    void turn(const std::uint8_t* from, std::uint8_t* to, std::size_t size) const {
+        std::transform(from, from + size, to, [this](std::uint8_t byte) {
+            return static_cast<std::uint8_t>(byte ^ cipher);
+        });
     }
     Answer ask(Call call, const std::string& key) {
         const auto found = answers.find(call);
