@@ -524,6 +524,31 @@ TEST_F(BackendTest, OneSinkAsksAndTheOthersAreTurnedAway) {
     EXPECT_EQ(client.count(UVAEvent::BackendResourceRequestAsync), 2);
 }
 
+// Once the client has granted it; a media source's sink at once.
+TEST_F(BackendTest, ASinkIsToldWhenItsRequestGoesToTheMainSystem) {
+    const auto sink = GstPtr<GstElement>::sink(gst_element_factory_make("halvideosink", nullptr));
+    int told = 0;
+    g_signal_connect_swapped(sink.get(), "decoder-request-forwarded",
+                             G_CALLBACK(+[](int* count) { ++*count; }), &told);
+    EXPECT_EQ(GstNoxBackend::source_decoder_request_cb(sink.get(), "video", &backend), 1);
+    EXPECT_EQ(told, 1);
+    EXPECT_EQ(client.types(), Types{}) << "nobody was asked";
+    for (const bool granted : {false, true}) {
+        GstNoxBackend* asked = nullptr;
+        RecordingClient answering([&](UVAEvent& event) {
+            if (event.type() == UVAEvent::BackendResourceRequestAsync)
+                asked->eventCompleted(static_cast<UVAAsyncEvent*>(&event), granted);
+        });
+        GstNoxBackend other(UVABackend::VideoElement, &answering);
+        asked = &other;
+        told = 0;
+        EXPECT_EQ(GstNoxBackend::decoder_request_cb(sink.get(), "video", &other), granted ? 1 : 0);
+        EXPECT_EQ(told, granted ? 1 : 0);
+        EXPECT_EQ(answering.count(UVAEvent::DecodeError), granted ? 0 : 1);
+        other.releaseResources(UVABackend::AllResources);
+    }
+}
+
 TEST_F(BackendTest, ARefusedSinkIsNotAnsweredWithTheNextOnesGrant) {
     const BackendResourceRequestAsyncEvent answer(true);
     for (int round = 0; round < 200; ++round) {
