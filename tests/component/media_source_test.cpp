@@ -206,6 +206,8 @@ TEST_F(MediaSourceTest, TheQueueKeepsWhatIsNotAskedFor) {
     const auto unknown = named("appsrc_77");
     const auto unnumbered = named("appsrc");
     const UVAStreamConfig wider = videoConfig(UVAStreamConfig::CODEC_VP8, 640);
+    auto again = wider;
+    again.sampleRate = 7; // no matter of video
     const auto sized = [&](double time, std::size_t size, const UVAStreamConfig* config) {
         return new TestSample(time, 0.25, config, size);
     };
@@ -241,10 +243,12 @@ TEST_F(MediaSourceTest, TheQueueKeepsWhatIsNotAskedFor) {
          state(1, 0, 0, none)},
         {"the caps that it kept are not doubled", [&] { write(videoId, {sized(9, 10, &wider)}); },
          state(2, 10, 0, "0:00:09.250000000")},
-        {"the end", [&] { writeEnd(videoId); }, state(3, 10, 0, "0:00:09.250000000")},
+        {"equal caps of another configuration", [&] { write(videoId, {sized(9, 10, &again)}); },
+         state(3, 20, 0, "0:00:09.250000000")},
+        {"the end", [&] { writeEnd(videoId); }, state(4, 20, 0, "0:00:09.250000000")},
         {"a batch of unknown status",
          [&] { write(videoId, {}, static_cast<UVABackend::WriteDataStatus>(7)); },
-         state(3, 10, 0, "0:00:09.250000000")},
+         state(4, 20, 0, "0:00:09.250000000")},
         {"asked, all goes; the appsrc does not run", [&] { need(own); },
          state(0, 0, 1, "0:00:09.250000000"), 1},
         {"asked again", [&] { need(own); }, state(0, 0, 1, "0:00:09.250000000"), 1},
