@@ -3,7 +3,7 @@
 #include "UvaGstIfReceiver.h"
 #include "gstnox_backend.h"
 #include "gstnox_plugin.h"
-#include "support/recording_client.h"
+#include "support/media_host.h"
 #include "support/sink_watch.h"
 #include "support/wait_until.h"
 

@@ -157,23 +157,15 @@ class Player final : public host::Observer {
 public:
     explicit Player(const std::string& path, Keys keys = nullptr, Scheme scheme = Scheme::None,
                     SinkWatch::Options watch = {false, true, true}, Network* network = nullptr)
-        : Player(std::vector{path}, std::move(keys), scheme, watch, network) {}
-    /// From several files of one piece of media.
-    explicit Player(const std::vector<std::string>& paths, Keys keys = nullptr,
-                    Scheme scheme = Scheme::None, SinkWatch::Options watch = {false, true, true},
-                    Network* network = nullptr)
         : Player(
               [=](const std::atomic<bool>& cancelled) {
-                  host::DemuxedMedia all;
-                  for (auto& media : host::openMedia(paths, cancelled)) {
-                      all.error += media.error;
-                      for (auto& stream : media.streams) {
-                          auto guarded = host::protect(std::move(stream), scheme, ownPair);
-                          all.streams.push_back(network ? network->behind(std::move(guarded))
-                                                        : std::move(guarded));
-                      }
+                  auto media = host::openMedia(path, cancelled);
+                  for (auto& stream : media.streams) {
+                      stream = host::protect(std::move(stream), scheme, ownPair);
+                      if (network)
+                          stream = network->behind(std::move(stream));
                   }
-                  return all;
+                  return media;
               },
               keys, {}, watch) {}
     Player(decltype(host::MediaSource::open) open, Keys keys, host::MediaElement::Options options,
@@ -402,44 +394,6 @@ TEST(MsePlayback, ShowsFilesWhoseProtectionChanges) {
         Player player(generated(name), keys);
         expectPlayed(player, clear);
     }
-}
-
-/// Sound and picture of one piece of media whose files begin at different times.
-TEST(MsePlayback, KeepsInputsTogether) {
-    constexpr double ahead = 0.4; // seconds of sound alone
-    const struct {
-        const char* what;
-        const char* audio;
-        const char* video;
-    } rows[] = {
-        {"transport streams", "-output_ts_offset 9 -f mpegts", "-output_ts_offset 9.4 -f mpegts"},
-        {"fragments", "-output_ts_offset 9 -movflags frag_keyframe+empty_moov+delay_moov -f mp4",
-         "-output_ts_offset 9.4 -movflags frag_keyframe+empty_moov+delay_moov -f mp4"},
-    };
-    const auto made = "/tmp/mse_playback_test.together." + std::to_string(getpid());
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.what);
-        const auto command = "ffmpeg -nostdin -v error -y -i '" + generated("h264-aac.mp4") +
-                             "' -c copy -vn " + row.audio + " " + made + ".a -c copy -an " +
-                             row.video + " " + made + ".v";
-        ASSERT_EQ(std::system(command.c_str()), 0) << command;
-        const auto original = decode(generated("h264-aac.mp4"));
-        Player player({made + ".a", made + ".v"});
-        ASSERT_TRUE(player.waitFor(State::Ended)) << player.status().reason;
-        const auto video = SinkWatch::instance().video();
-        const auto audio = SinkWatch::instance().audio();
-        ASSERT_EQ(video.buffers.size(), original.digests.size());
-        ASSERT_FALSE(audio.buffers.empty());
-        const double start = audio.buffers.front().position;
-        for (std::size_t i = 0; i < video.buffers.size(); ++i) {
-            EXPECT_EQ(video.buffers[i].digest, original.digests[i]) << i;
-            EXPECT_NEAR(video.buffers[i].position - start, original.times[i] + ahead, 0.03) << i;
-        }
-        EXPECT_NEAR(static_cast<double>(audio.sound.size()) / audio.rate, original.sound, 0.05);
-        EXPECT_NEAR(player.status().duration, original.end + ahead, 0.1);
-    }
-    std::filesystem::remove(made + ".a");
-    std::filesystem::remove(made + ".v");
 }
 
 /// Of WebM encryption ffmpeg knows nothing: what can be known is how much there is of it.
