@@ -304,6 +304,8 @@ TEST_F(DecoderLinkTest, TermEndsEveryWaitAndTheThread) {
         ASSERT_EQ(each->Init(), 0);
         ASSERT_EQ(each->StartThread(each == &other ? "other" : "uvagst_if_receiver", 0, 0), 0);
     }
+    EXPECT_EQ(receiver.QueueName(),
+              "/Q_UVAGST_IF_REC_" + std::to_string(reinterpret_cast<intptr_t>(&receiver)));
     EXPECT_TRUE(waitUntil([&] { return threads() == 1; }));
     CZantMsg grant(available);
     grant.param1 = 2;
