@@ -6,6 +6,7 @@
 #include "messaging_fixture.h"
 #include "support/private_arena.h"
 
+#include <array>
 #include <filesystem>
 #include <fstream>
 #include <future>
@@ -46,12 +47,16 @@ protected:
     /// address.
     std::string received() {
         ZantMsgBody body{};
-        auto* const bytes = reinterpret_cast<char*>(&body);
-        if (!waitUntil([&] { return mq_receive(m_mainSystem, bytes, 48, nullptr) == 48; }))
+        if (!waitUntil([&] {
+                return mq_receive(m_mainSystem, reinterpret_cast<char*>(&body), sizeof body,
+                                  nullptr) == sizeof body;
+            }))
             return "none";
+        std::array<int32_t, 12> words{};
+        memcpy(words.data(), &body, sizeof body);
         std::string text;
-        for (size_t i = 0; i < 12; ++i)
-            text += i == 10 ? "" : std::to_string(reinterpret_cast<int32_t*>(bytes)[i]) + " ";
+        for (size_t i = 0; i < words.size(); ++i)
+            text += i == 10 ? "" : std::to_string(words[i]) + " ";
         if (body.signalPtr != 0) {
             void* const block = Trid_Util_CPUComm_Convert2VirtualAddr(body.signalPtr);
             text.append(static_cast<char*>(block), static_cast<size_t>(body.signalSize));
