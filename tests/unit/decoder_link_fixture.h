@@ -10,14 +10,32 @@
 #include <atomic>
 #include <chrono>
 #include <cstring>
+#include <filesystem>
+#include <fstream>
 #include <functional>
 #include <gtest/gtest.h>
 #include <map>
 #include <mutex>
 #include <ostream>
+#include <sched.h>
 #include <string>
 #include <utility>
 #include <vector>
+
+/// Waits until so many threads of this process have that name, as far as the kernel keeps it: they
+/// take it, and leave the list, some time after they begin and end. None has a priority.
+inline bool areThreads(const char* name, int count) {
+    return support::waitUntil([&] {
+        int found = 0;
+        for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
+            std::string own;
+            std::getline(std::ifstream(task.path() / "comm"), own);
+            found += own == name ? 1 : 0;
+            EXPECT_LE(sched_getscheduler(std::stoi(task.path().filename())), SCHED_OTHER) << own;
+        }
+        return found == count;
+    });
+}
 
 /// A clock that stands still until it is set forward. Else only a change that is told of ends a
 /// sleep.

@@ -1,10 +1,6 @@
 #include "decoder_link_fixture.h"
 
-#include "UvaGstIfReports.h"
-
 #include <fcntl.h>
-#include <filesystem>
-#include <fstream>
 #include <future>
 #include <sstream>
 
@@ -288,25 +284,21 @@ TEST_F(DecoderLinkTest, AGrantAfterABrokenWaitIsNotUsed) {
 }
 
 TEST_F(DecoderLinkTest, TermEndsEveryWaitAndTheThread) {
-    const auto threads = [] {
-        int count = 0;
-        for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
-            std::string name;
-            std::getline(std::ifstream(task.path() / "comm"), name);
-            count += name == "uvagst_if_recei" ? 1 : 0;
-        }
-        return count;
-    };
     CZantMsgQueue late;
     ASSERT_EQ(late.Open("/zant_test_late", O_RDWR | O_CREAT | O_NONBLOCK, 0600, 1, true), 0);
+    const std::string name =
+        "/Q_UVAGST_IF_REC_" + std::to_string(reinterpret_cast<intptr_t>(&receiver));
+    mq_attr foreign{};
+    foreign.mq_maxmsg = 1;
+    foreign.mq_msgsize = 64;
+    mq_close(mq_open(name.c_str(), O_RDWR | O_CREAT, 0600, &foreign)); // of an earlier run
     CUvaGstIfReceiver other(lowerLayer, clock);
     for (CUvaGstIfReceiver* const each : {&receiver, &other}) {
         ASSERT_EQ(each->Init(), 0);
         ASSERT_EQ(each->StartThread(each == &other ? "other" : "uvagst_if_receiver", 0, 0), 0);
     }
-    EXPECT_EQ(receiver.QueueName(),
-              "/Q_UVAGST_IF_REC_" + std::to_string(reinterpret_cast<intptr_t>(&receiver)));
-    EXPECT_TRUE(waitUntil([&] { return threads() == 1; }));
+    EXPECT_EQ(receiver.QueueName(), name);
+    EXPECT_TRUE(areThreads("uvagst_if_recei", 1));
     CZantMsg grant(available);
     grant.param1 = 2;
     EXPECT_EQ(receiver.SendCmd(&grant), 0);
@@ -315,7 +307,7 @@ TEST_F(DecoderLinkTest, TermEndsEveryWaitAndTheThread) {
     receiver.Term();
     EXPECT_FALSE(answer.get());
     EXPECT_FALSE(receiver.requestDecoder("video", nullptr));
-    EXPECT_EQ(threads(), 0);
+    EXPECT_TRUE(areThreads("uvagst_if_recei", 0));
     other.StopThreadAndWait();
     EXPECT_EQ(CThreadObject::GetThreadName(0), "other") << "who ends now stays listed";
     late.Close();
@@ -363,11 +355,14 @@ TEST_F(DecoderLinkTest, WaitingBeforeTearDownGivesBackWhatIsLeft) {
     auto wait = waits();
     wakesInVain([&] { clock.advance(999ms); });
     EXPECT_EQ(sent(), Sends{});
-    auto bystander = waits();
-    wakesInVain([&] { receiver.breakWaits(owner); }, 2);
+    std::future<void> bystanders[] = {waits(), waits(), waits()};
+    wakesInVain([&] { receiver.breakWaits(owner); }, 4);
+    clock.wakeLate(true);
     clock.advance(1ms);
+    clock.wakeLate(false); // in any order
     wait.get();
-    bystander.get();
+    for (auto& bystander : bystanders)
+        bystander.get();
     EXPECT_EQ(sent(), (Sends{indication(releaseResponse, 1), indication(releaseResponse, 3),
                              indication(releaseResponse, 2)}))
         << "audio first";
