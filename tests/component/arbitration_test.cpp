@@ -100,6 +100,12 @@ TEST_F(ArbitrationTest, TheLinkReadsMessagesStatesAndLevels) {
     gst_object_unref(pipeline);
 }
 
+TEST_F(ArbitrationTest, TheReceiversQueueHoldsFifty) {
+    mq_attr attributes{};
+    EXPECT_EQ(mq_getattr(uvaGstIfReceiver.queueHandle(), &attributes), 0);
+    EXPECT_EQ(attributes.mq_maxmsg, 50);
+}
+
 TEST_F(ArbitrationTest, ElementsThatStartTogetherAllPlay) {
     for (int round = 0; round < 5; ++round) {
         SinkWatch::instance().restart({false});

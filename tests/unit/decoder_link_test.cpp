@@ -339,9 +339,9 @@ TEST_F(DecoderLinkTest, WaitingBeforeTearDownGivesBackWhatIsLeft) {
         EXPECT_TRUE(waitUntil([&] { return clock.sleeps() > before; }));
         return wait;
     };
-    media.onStates = [this] {
+    media.onStates = [this, asked = 0]() mutable {
         receiver.state(); // none of the link's locks is held
-        return UvaGstIfMedia::States{4, 3};
+        return UvaGstIfMedia::States{++asked, 7};
     };
     receiver.waitForDecoderAvailable(nullptr, "nothing in use");
     EXPECT_EQ(clock.sleeps(), 0);
@@ -352,7 +352,11 @@ TEST_F(DecoderLinkTest, WaitingBeforeTearDownGivesBackWhatIsLeft) {
         EXPECT_TRUE(receiver.requestDecoder(type, &owner));
     for (const int32_t kinds : {3, 2, 1})
         arrives(releaseRequest, kinds);
+    media.lines();
     auto wait = waits();
+    EXPECT_EQ(media.lines(UvaGstIfMedia::Debug),
+              "link 5 from 'test': pipeline state=2 pending=7 decoder_used=3\n"
+              "link 5  loop: state=3 pending=7 decoder_used=3\n\n");
     wakesInVain([&] { clock.advance(999ms); });
     EXPECT_EQ(sent(), Sends{});
     std::future<void> bystanders[] = {waits(), waits(), waits()};
