@@ -197,13 +197,6 @@ class Arbitration(unittest.TestCase):
             self.assertIn("queue /Q_MAINSYS_REC_", refused.stderr)
             self.assertIn("RLIMIT_MSGQUEUE", refused.stderr)
 
-    def test_killed_before_its_answer_and_restarted(self):
-        main = MainSystem("ignore", "expect DECODER_NEEDED_IND within 60000", "crash", "wait 1000", "restart", "grant",
-                          *BOTH_ASKED, "wait 1000")
-        self.is_refused(Run(CLIP, *OPTIONS))
-        self.plays(Run(CLIP, *OPTIONS))
-        main.finish()
-
     def test_garbage_from_the_main_system_does_no_harm(self):
         # Not before the decoders are had: a flood leaves no room for their grants.
         main = MainSystem("expect DECODER_NEEDED_IND within 60000", "expect VIDEO_FORMAT_IND within 60000", "wait 500",
