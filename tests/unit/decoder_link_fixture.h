@@ -69,6 +69,7 @@ public:
     }
     /// Whoever is woken from now on has the lock after everybody else, until this is taken back.
     void wakeLate(bool late) { m_late = late; }
+    bool wakesLate() const { return m_late; }
     /// How often somebody fell asleep.
     int sleeps() const { return m_sleeps; }
 
