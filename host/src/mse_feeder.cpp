@@ -172,7 +172,7 @@ void MseFeeder::request(std::unique_ptr<NeedMSEDataEvent> event) {
     if (source == nullptr)
         return;
     source->request = std::move(event);
-    source->info.waitsSince = Clock::now();
+    source->info.waitsSince = m_loop->now();
     serve(*source);
 }
 
