@@ -65,6 +65,7 @@ protected:
         source.keys = m_keys;
         source.server = m_server;
         source.open = [this](const std::atomic<bool>&) {
+            EXPECT_TRUE(waitUntil([this] { return m_mayOpen.load(); }));
             host::DemuxedMedia media;
             media.error = m_openError;
             const StreamInfo infos[] = {{StreamInfo::Kind::Audio, "audio/x", "x", 2.5},
@@ -78,6 +79,8 @@ protected:
         m_element->openSource(std::move(source));
         m_element->play();
         settle();
+        if (!m_mayOpen)
+            return;
         EXPECT_TRUE(waitUntil(
             [&] { return called("play") == 1 || m_recorder.status().state == State::Failed; }));
         settle();
@@ -152,6 +155,7 @@ protected:
     std::string m_server;
     std::string m_openError;
     int m_streams = 2;
+    std::atomic<bool> m_mayOpen{true};
     std::shared_ptr<Content> m_content[2];
     std::size_t m_writtenBefore = 0;
 };
@@ -174,6 +178,34 @@ TEST_F(FeedingTest, OpensWithAllItsStreamsOrFails) {
         EXPECT_EQ(m_recorder.status().reason,
                   *error != '\0' ? error : "it has no stream that can be fed");
         EXPECT_EQ(calls(), std::vector<std::string>());
+    }
+}
+
+TEST_F(FeedingTest, PlaysOrPausesOnceItIsOpen) {
+    for (const bool paused : {true, false}) {
+        m_mayOpen = false;
+        start();
+        if (paused)
+            m_element->pause();
+        pass(seconds(1));
+        EXPECT_EQ(m_recorder.story(), paused ? "UVA_RequestBackend(0)=true; -> opening; -> paused"
+                                             : "UVA_RequestBackend(0)=true; -> opening");
+        m_mayOpen = true;
+        const auto* const last = paused ? "pause" : "play";
+        EXPECT_TRUE(waitUntil([&] { return called(last) == 1; }));
+        settle();
+        EXPECT_EQ(m_recorder.story(false), paused ? "initBackend(audio/x, video/y)=1; pause()=1"
+                                                  : "initBackend(audio/x, video/y)=1; play()=1; "
+                                                    "-> buffering");
+    }
+    // Its sinks ask the main system with the first samples; there may be none to ask.
+    for (const bool mainSystem : {true, false}) {
+        m_options.mainSystem = mainSystem;
+        start();
+        put(1, {0.5});
+        request(1, 1);
+        EXPECT_EQ(written(2), "1: from 0; 1: 0.5, 7 bytes");
+        EXPECT_EQ(passUntil(State::Failed).count(), mainSystem ? 4500 + 15000 : 15100);
     }
 }
 

@@ -147,6 +147,8 @@ TEST_F(HostTest, DoesInEveryStateWhatIsAskedAndNoMore) {
 TEST_F(HostTest, GivesUpWhatDoesNotGetOn) {
     const auto decoder = [&] { deliver(new BackendResourceRequestAsyncEvent(false)); };
     const auto metadata = [&] { deliver(new NewMetadataEvent(0, 2, 1, 1.0)); };
+    const auto tracks = [&] { deliver(new MultiComponentChangedEvent({}, {})); };
+    const auto known = [&] { m_fake->answers->duration = 9; };
     const auto progress = [&] { deliver(new BufferingProgressEvent); };
     const auto sought = [&] {
         m_element->seek(7);
@@ -168,6 +170,10 @@ TEST_F(HostTest, GivesUpWhatDoesNotGetOn) {
          "no media came from h.example within 10.0 s", "nothing can be fetched from h.example",
          network},
         {"connected", "http://h.example/x", State::Buffering, metadata, 100, 15000,
+         "nothing was played within 15.0 s", media, look},
+        {"... tracks", "http://h.example/x", State::Buffering, tracks, 100, 15000,
+         "nothing was played within 15.0 s", media, look},
+        {"... a length", "http://h.example/x", State::Buffering, known, 100, 15000,
          "nothing was played within 15.0 s", media, look},
         {"opening", "file:///x", State::Buffering, nullptr, 100, 15000,
          "nothing was played within 15.0 s", media, look},
@@ -526,6 +532,14 @@ TEST_F(HostTest, AnswersADecoderRequestWithinItsDelivery) {
         EXPECT_EQ(m_recorder.story(), std::string("!BackendResourceRequestAsync(true); "
                                                   "eventCompleted(BackendResourceRequestAsync, ") +
                                           (granted ? "true)=1" : "false)=1"));
+    }
+    for (const auto policy : {host::ResourcePolicy::Deny, host::ResourcePolicy::Grant}) {
+        m_options.resources = policy;
+        renew();
+        m_fake->answers->asksEarly = true;
+        m_element->open(m_uri);
+        settle();
+        EXPECT_EQ(calls().back(), policy == host::ResourcePolicy::Deny ? "denied" : "granted");
     }
     for (const bool refused : {true, false}) {
         renew();

@@ -158,7 +158,6 @@ public:
                status().state == state;
     }
     host::Status status() { return locked(m_status); }
-    std::vector<host::KeyBytes> keysNeeded() { return locked(m_keysNeeded); }
     std::size_t seeks() { return locked(m_seeks); }
     double heldAt() { return locked(m_heldAt); } ///< where playback last waited for data, seconds
 
@@ -192,14 +191,10 @@ private:
         EXPECT_EQ(outcome, SeekOutcome::Succeeded);
         ++m_seeks;
     }
-    void onKeyNeeded(const host::KeyBytes& id) override {
-        const std::lock_guard lock(m_mutex);
-        m_keysNeeded.push_back(id);
-    }
+    void onKeyNeeded(const host::KeyBytes&) override {}
 
-    std::mutex m_mutex; // guards the four below
+    std::mutex m_mutex; // guards the three below
     host::Status m_status;
-    std::vector<host::KeyBytes> m_keysNeeded;
     std::size_t m_seeks = 0;
     double m_heldAt = 0;
     const Keys m_keys;
@@ -373,19 +368,6 @@ TEST(MsePlayback, ShowsRealEncryptedWebm) {
         const auto audio = SinkWatch::instance().audio();
         EXPECT_NEAR(static_cast<double>(audio.sound.size()) / 44100, 6.0, 0.07);
     }
-}
-
-TEST(MsePlayback, HoldsBackWhatItHasNoKeyForUntilTheKeyComes) {
-    const auto keys = std::make_shared<ClearKey>(ClearKey::Interface::PerRange);
-    Player player(generated("h264-aac.mp4"), keys, Scheme::Cenc);
-    ASSERT_TRUE(waitUntil([&] { return player.keysNeeded().size() == 2; })) << "audio and video";
-    for (const auto& id : player.keysNeeded())
-        EXPECT_EQ(id, ownPair.id);
-    EXPECT_TRUE(SinkWatch::instance().video().prerolled.empty());
-    EXPECT_TRUE(SinkWatch::instance().audio().prerolled.empty());
-    keys->addKey(ownPair);
-    player.element().resumeFeeding();
-    expectPlayed(player, decode(generated("h264-aac.mp4")));
 }
 
 /// The first of what was rendered after the sink's last flush, if enough has followed.

@@ -45,6 +45,8 @@ public:
         ++control().living;
         control().client = client;
         control().position = 0;
+        if (answers().asksEarly)
+            client->deliverEvent(new BackendResourceRequestAsyncEvent(false));
     }
 
     ~FakeBackend() override {
