@@ -299,6 +299,7 @@ std::vector<ProtectCase> protectCases() {
         {"H.264, no type", 2001, {}, unit(0x20, 112, code), {{115, 0}}, {{115, 0}}},
         {"H.265, last type", 2002, {}, unit(0x3e, 120, code), {{107, 16}}, {{99, 24}}},
         {"H.265, no slice", 2002, {}, unit(0x40, 120, code), {{123, 0}}, {{123, 0}}},
+        {"AAC, ADTS cut", 1001, {}, fromHex("fff1"), {{2, 0}}, {{2, 0}}},
         {"AAC, ADTS with a checksum", 1001, {}, unit(9, 50, {0xff, 0xf8}), {{9, 43}}, {{9, 43}}},
         {"AAC, ADTS of MPEG-2", 1001, {}, unit(9, 50, {0xff, 0xf9}), {{7, 45}}, {{7, 45}}},
         {"AAC, no layer of ADTS", 1001, {}, unit(9, 50, {0xff, 0xfb}), {{0, 52}}, {{0, 52}}},

@@ -612,6 +612,10 @@ TEST_F(HostTest, RunsTimersAndTasksInTheirOrder) {
     EXPECT_EQ(at(299), "tu") << "one is cancelled";
     EXPECT_EQ(at(1), "Btu");
     m_loop->cancelTimer(first);
+    // What a task holds may post as it goes.
+    m_loop->post([held = std::shared_ptr<void>(
+                      nullptr, [&](void*) { m_loop->post([&] { ran += "!"; }); })] {});
+    EXPECT_EQ(at(0), "tu!");
 }
 
 TEST(EventLoop, LeavesAHangingTaskBehindAndTakesNoMore) {

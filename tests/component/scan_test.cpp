@@ -356,6 +356,7 @@ TEST(Scan, TellsWhereItsKnowledgeEnds) {
         std::string fault; ///< of all of it; empty: only of the rest
     } rows[] = {
         {"the file ends", start + index(2) + media + media, {}, ""},
+        {"... with a box of 8 bytes", start + index(1) + media + box("free", {}), {}, ""},
         {"a size below 8", start + index(2) + media + media, word(7) + letters("free") + media, ""},
         {"a long size below 16", start + index(1) + media,
          word(1) + letters("free") + word(0) + word(15) + media, ""},

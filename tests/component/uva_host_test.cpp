@@ -112,11 +112,13 @@ TEST(UvaHostOptions, ReadsTheParametersOfAContentType) {
 TEST(UvaHostMedia, MakesUrisAndRefusesWhatCannotBeRead) {
     EXPECT_EQ(host::fileUri("/a b#c%d?\xc3\xa9\xff.mp4"), "file:///a%20b%23c%25d%3F%C3%A9%FF.mp4");
     EXPECT_EQ(host::toMediaUri("http://h/a%20b?c#d").uri, "http://h/a%20b?c#d");
+    EXPECT_EQ(host::toMediaUri("a://h").uri, "a://h");
+    EXPECT_EQ(host::toMediaUri("file:///%70roc/stat").error, "");
     EXPECT_EQ(host::toMediaUri("/dev/null").uri, "file:///dev/null");
     EXPECT_EQ(host::toMediaUri("file:///dev/n%75ll").uri, "file:///dev/n%75ll");
     for (const char* bad :
          {"", "/nowhere/x.mp4", "/", "http://h/a b", "file:///dev/%zz", "file:///dev/null%00",
-          "file:///dev/nul%6", "file://relative", "file:///nowhere", "a:b"}) {
+          "file:///dev/nul%6", "file://relative", "file:///nowhere", "a:b", "://h"}) {
         const auto media = host::toMediaUri(bad);
         EXPECT_TRUE(media.uri.empty() && !media.error.empty()) << bad;
     }

@@ -26,7 +26,7 @@ struct FakeAnswers {
     std::atomic<SeekBehaviour> seek{SeekBehaviour::Complete};
     std::atomic<bool> unblock{false};
     std::atomic<bool> asksEarly{false}; ///< for the decoder, while the backend is made
-    std::atomic<double> duration{0};                  ///< seconds; 0: unknown
+    std::atomic<double> duration{0};    ///< seconds; 0: unknown
     std::atomic<double> bufferedTo[2] = {{-1}, {-1}}; ///< of sources 1 and 2; negative: nothing
     std::atomic<int> height{1};                       ///< of the picture; the width is 2
     std::atomic<int> startCapture{1};                 ///< UVABackend::Success
