@@ -253,6 +253,16 @@ TEST(Scan, TellsWhatLibavformatPassesOver) {
     }
 }
 
+TEST(Scan, JudgesAFragmentOfOneSample) {
+    const auto file = movie("cenc", 8) + index(1);
+    const auto one = fragmentOf(
+        0, {}, run(0, 1) + box("senc", {}) + group(described(true, 8, 5), word(1) + word(0x10001)));
+    const auto whole = file + one;
+    auto scan = scanOf(whole);
+    scan.coverTo(whole.size());
+    EXPECT_EQ(toldAt(scan, file.size()), "cenc key 5 1:9 iv 8+0");
+}
+
 TEST(Scan, TellsWhenATrackEnds) {
     const auto plain = fragmentOf(0, {}, run(0, 3));
     const auto started = [](const Bytes& tfdt) {

@@ -39,6 +39,9 @@ TEST(UvaHostOptions, RefusesWhatIsWrongWithAReason) {
         {"--window", "99999999999,2,3x4", "a"},
         {"--snapshot-at", "5", "a"},
         {"--graph", "x.png", "a"},
+        {"--can-play", "a/b c"},
+        {"--can-play", "a"},
+        {"--can-play", "/b"},
         {"--no-progress-timeout", "-1", "a"},
     };
     for (const auto& arguments : wrong) {
