@@ -124,26 +124,8 @@ private:
 class Player final : public host::Observer {
 public:
     explicit Player(const std::string& path, Keys keys = nullptr, Scheme scheme = Scheme::None,
-<<<<<<< HEAD
-                    SinkWatch::Options watch = {false, true, true}, Network* network = nullptr)
-        : Player(
-              [=](const std::atomic<bool>& cancelled) {
-                  auto media = host::openMedia(path, cancelled);
-                  for (auto& stream : media.streams) {
-                      stream = host::protect(std::move(stream), scheme, ownPair);
-                      if (network)
-                          stream = network->behind(std::move(stream));
-                  }
-                  return media;
-              },
-              keys, {}, watch) {}
-    Player(decltype(host::MediaSource::open) open, Keys keys, host::MediaElement::Options options,
-           SinkWatch::Options watch = {false, true, true})
-        : m_keys(keys), m_element(library(), m_loop, *this, std::move(options)) {
-=======
                     SinkWatch::Options watch = {false, true, true}, bool late = false)
         : m_keys(keys), m_element(library(), m_loop, *this, {}) {
->>>>>>> refs/heads/host
         SinkWatch::instance().restart(watch);
         if (keys != nullptr)
             UVA_OfferDRMBackend(host::clearKeySystem, keys.get());
