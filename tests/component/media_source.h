@@ -112,7 +112,8 @@ protected:
     }
     /// What has arrived at a sink, once it is so much.
     static support::Received received(const char* sink, std::size_t count) {
-        EXPECT_TRUE(waitUntil([=] { return RecordingSinks::of(sink).count >= count; })) << sink;
+        EXPECT_TRUE(waitUntil([=] { return RecordingSinks::of(sink).buffers.size() >= count; }))
+            << sink;
         return RecordingSinks::of(sink);
     }
     /// Until the appsrcs have asked: what is written before they start is lost.

@@ -4,7 +4,6 @@
 #include "support/log_capture.h"
 
 #include <array>
-#include <cstring>
 #include <limits>
 
 namespace {
@@ -136,13 +135,13 @@ TEST_F(MediaSourceTest, CapsFollowTheConfiguration) {
 TEST_F(MediaSourceTest, Vp9GetsTheRateOfItsFirstSamples) {
     const struct {
         std::vector<double> durations;
-        const char* rate; // null: none
+        const char* rate;
         int codec = UVAStreamConfig::CODEC_VP9;
     } rows[] = {{{0.05, 0.03}, "25/1"},
                 {{0.04, -1}, "0/1"},
                 {{0, 0}, "0/1"},
                 {{0.02}, "50/1"},
-                {{0.04, 0.04}, nullptr, UVAStreamConfig::CODEC_VP8}};
+                {{0.04, 0.04}, "", UVAStreamConfig::CODEC_VP8}};
     for (const auto& row : rows) {
         SCOPED_TRACE(testing::PrintToString(row.durations));
         restart(new TestSource(videoId, "video/x-plain"));
@@ -156,10 +155,8 @@ TEST_F(MediaSourceTest, Vp9GetsTheRateOfItsFirstSamples) {
         write(videoId, {new TestSample(1, 0.1, &later)});
         for (const auto& caps : received(videoSink, row.durations.size() + 1).caps) {
             const auto at = caps.find("framerate=(fraction)");
-            EXPECT_EQ(at != std::string::npos, row.rate != nullptr) << caps;
-            EXPECT_TRUE(row.rate == nullptr ||
-                        caps.substr(at + 20, std::strlen(row.rate)) == row.rate)
-                << caps << ": once a source";
+            const auto rate = at == std::string::npos ? "" : caps.substr(at + 20);
+            EXPECT_EQ(rate.substr(0, rate.find_first_of(",;")), row.rate) << "once a source";
         }
     }
 }
@@ -443,7 +440,7 @@ TEST_F(MediaSourceTest, HostileSamplesAndEventsLoseNothing) {
     writeEnd(videoId);
     ASSERT_TRUE(isFinished());
     write(videoId, videoSamples(50, 1));
-    EXPECT_EQ(RecordingSinks::of(audioSink).count, 0U);
+    EXPECT_EQ(RecordingSinks::of(audioSink).buffers.size(), 0U);
 }
 
 TEST_F(MediaSourceTest, OneIdTwiceAndTwoSourcesOfAKind) {
@@ -477,7 +474,6 @@ TEST_F(MediaSourceTest, RequestsAreTheBound) {
     constexpr int asked = 30;
     constexpr int limit = 200000 / 100 + 2 * asked;
     open(false);
-    RecordingSinks::clear(false);
     int next = 0;
     int most = 0;
     answerWith([&](unsigned int id) {
@@ -493,7 +489,7 @@ TEST_F(MediaSourceTest, RequestsAreTheBound) {
     const bool ended = isFinished();
     owner.reset(); // nobody asks any more
     EXPECT_TRUE(ended);
-    EXPECT_EQ(RecordingSinks::of(videoSink).count, static_cast<std::size_t>(next));
+    EXPECT_EQ(RecordingSinks::of(videoSink).buffers.size(), static_cast<std::size_t>(next));
     EXPECT_LE(most, limit);
 }
 

@@ -127,7 +127,7 @@ TEST_F(ProtectedSourceTest, ASecondThreadLeavesTheFeedingToTheFirst) {
     feeding.join();
     EXPECT_EQ(drm.decrypts, 1);
     write(videoId, {encrypted("c", {{0, 100}})});
-    EXPECT_EQ(received(videoSink, 1).count, 1U);
+    EXPECT_EQ(received(videoSink, 1).buffers.size(), 1U);
     EXPECT_EQ(drm.decrypts, 2);
     owner.reset();
 }

@@ -23,7 +23,6 @@ struct Received {
     std::vector<Buffer> buffers;
     std::vector<std::string> caps;
     int segments = 0;
-    std::size_t count = 0; ///< buffers, also when they are not kept
 };
 
 /// Takes the place of the simulated sinks in this process: "halvideosink" and "halaudiosink" that
@@ -38,17 +37,15 @@ public:
         const std::lock_guard lock(state().mutex);
         return state().received[sink];
     }
-    static void clear(bool keepBuffers = true) {
+    static void clear() {
         const std::lock_guard lock(state().mutex);
         state().received.clear();
-        state().keep = keepBuffers;
     }
 
 private:
     struct State {
-        std::mutex mutex; // guards all below
+        std::mutex mutex; // guards what is below
         std::map<std::string, Received> received;
-        bool keep = true;
     };
     static State& state() {
         static State& s = *new State;
@@ -59,13 +56,11 @@ private:
         GstMapInfo map;
         gst_buffer_map(buffer, &map, GST_MAP_READ);
         const std::lock_guard lock(state().mutex);
-        auto& received = state().received[GST_OBJECT_NAME(sink)];
-        ++received.count;
         const std::vector<guint8> bytes(map.data, map.data + map.size);
         const bool discont = GST_BUFFER_FLAG_IS_SET(buffer, GST_BUFFER_FLAG_DISCONT);
-        if (state().keep)
-            received.buffers.push_back({map.data, bytes, buffer->pts, buffer->dts, buffer->duration,
-                                        discont, sink->segment.start});
+        state().received[GST_OBJECT_NAME(sink)].buffers.push_back({map.data, bytes, buffer->pts,
+                                                                   buffer->dts, buffer->duration,
+                                                                   discont, sink->segment.start});
         gst_buffer_unmap(buffer, &map);
         return GST_FLOW_OK;
     }
