@@ -11,9 +11,7 @@
 
 #include <gtest/gtest.h>
 
-#include <cmath>
 #include <limits>
-#include <sstream>
 #include <thread>
 
 namespace {
@@ -22,6 +20,7 @@ using support::LogCapture;
 using support::RecordingClient;
 using support::TestSource;
 using Types = std::vector<UVAEvent::Type>;
+using namespace std::string_literals;
 
 constexpr double nan = std::numeric_limits<double>::quiet_NaN();
 constexpr double infinity = std::numeric_limits<double>::infinity();
@@ -36,6 +35,14 @@ protected:
     void handle(GstMessage* message) {
         backend.handleGstMessages(message);
         gst_message_unref(message);
+    }
+    int init(TestSource* source, bool audioOnly = false) {
+        UVABackend::SourceDescription* sources[] = {source, nullptr};
+        return backend.initBackend("o", sources, false, audioOnly);
+    }
+    bool isAskedForADecoder(int times = 1) {
+        return support::waitUntil(
+            [=] { return client.count(UVAEvent::BackendResourceRequestAsync) == times; });
     }
     void postError(const char* elementName, GQuark domain, int code) {
         GstElement* element = gst_bin_new(elementName);
@@ -55,8 +62,7 @@ TEST_F(BackendTest, InitBackendAnswersForEverySource) {
     EXPECT_EQ(backend.initBackend("o", nullptr, false), UVABackend::Failure);
     EXPECT_TRUE(log.has("ERROR ***E: no sources"));
 
-    UVABackend::SourceDescription* none[] = {nullptr};
-    EXPECT_EQ(backend.initBackend("o", none, false, true), UVABackend::Success);
+    EXPECT_EQ(init(nullptr, true), UVABackend::Success);
     EXPECT_TRUE(log.has("INFO origin='o' audio_only=1"));
     EXPECT_TRUE(log.has("INFO  number of sources is 0"));
     EXPECT_TRUE(log.has("DEBUG transition 1 -> 2"));
@@ -73,24 +79,18 @@ TEST_F(BackendTest, InitBackendAnswersForEverySource) {
 }
 
 TEST_F(BackendTest, SecondInitBackendLeavesTheFirstAlone) {
-    UVABackend::SourceDescription* first[] = {new TestSource("file:///nowhere/a"), nullptr};
-    ASSERT_EQ(backend.initBackend("o", first, false), UVABackend::Success);
+    ASSERT_EQ(init(new TestSource("file:///nowhere/a")), UVABackend::Success);
     LogCapture log(gst_backend_debug);
-    UVABackend::SourceDescription* second[] = {new TestSource("file:///nowhere/b"), nullptr};
-    EXPECT_EQ(backend.initBackend("o", second, false), UVABackend::Failure);
+    EXPECT_EQ(init(new TestSource("file:///nowhere/b")), UVABackend::Failure);
     EXPECT_TRUE(log.has("ERROR ***E: playbin still open"));
     // After the player is gone there may be another.
     EXPECT_EQ(backend.releaseResources(UVABackend::AllResources), UVABackend::Success);
-    UVABackend::SourceDescription* third[] = {new TestSource("file:///nowhere/c"), nullptr};
-    EXPECT_EQ(backend.initBackend("o", third, false), UVABackend::Success);
+    EXPECT_EQ(init(new TestSource("file:///nowhere/c")), UVABackend::Success);
 }
 
 TEST_F(BackendTest, OddArgumentsAreAnswered) {
-    int w = 0;
-    int h = 0;
     double value = 0;
     unsigned long long bytes = 0;
-    UVABackend::TimeRange** ranges = nullptr;
     std::vector<UVABackend::TimeRange> buffered;
     UVAMediaBackend& host = backend;
 
@@ -114,11 +114,6 @@ TEST_F(BackendTest, OddArgumentsAreAnswered) {
     EXPECT_EQ(host.setFullScreen(true), 1);
     EXPECT_EQ(host.canPlaySource(UVABackend::SourceDescription()), 1);
     EXPECT_EQ(host.setContentSize(0, ~0ULL), 1);
-    EXPECT_EQ(host.getNativeSize(w, h, value), 1);
-    EXPECT_EQ(host.getSeekableTimeRanges(nullptr, ranges), 1);
-    for (auto** range = ranges; *range != nullptr; ++range)
-        delete *range;
-    delete[] ranges;
     EXPECT_EQ(host.getBufferedTimeRanges(0, {}, buffered), UVABackend::NotAvailable);
     EXPECT_EQ(host.getVideoFrame(nullptr, 0), UVABackend::Failure);
     EXPECT_EQ(host.startCapture(-1, 0), UVABackend::Failure);
@@ -146,15 +141,10 @@ TEST_F(BackendTest, OddArgumentsAreAnswered) {
 }
 
 TEST_F(BackendTest, OnlyNormalSpeed) {
-    for (const auto& [rate, result] : std::vector<std::pair<double, int>>{{1.0, 1},
-                                                                          {1.005, 1},
-                                                                          {0.995, 1},
-                                                                          {2.0, 2},
-                                                                          {0.0, 2},
-                                                                          {-1.0, 2},
-                                                                          {nan, 2},
-                                                                          {infinity, 2}})
-        EXPECT_EQ(backend.setPlaybackRate(rate), result) << rate;
+    for (const double rate : {1.0, 1.005, 0.995})
+        EXPECT_EQ(backend.setPlaybackRate(rate), 1) << rate;
+    for (const double rate : {2.0, 0.0, -1.0, nan, infinity})
+        EXPECT_EQ(backend.setPlaybackRate(rate), 2) << rate;
     std::vector<UVAMediaBackend::SpeedRange> ranges;
     EXPECT_EQ(backend.getPlaybackSpeedRanges(ranges), 1);
     ASSERT_EQ(ranges.size(), 1U);
@@ -174,39 +164,24 @@ TEST_F(BackendTest, LeavingReadyAnnouncesThatDataIsAwaited) {
 }
 
 TEST_F(BackendTest, EventsAreLoggedByNameAndDelivered) {
-    std::istringstream names(
-        "BackendResourceRevoked BackendResourceRequestAsync BackendResourceReleased NeedData "
-        "NeedMSEData PlaybackFinished NewMetadata NeedKeySystem DecodeError VideoFrameAvailable "
-        "VideoBufferAvailable DRMRightsError ParentalRatingError ParentalRatingChange "
-        "PlaySpeedChanged BroadcastPlayPositionChanged BroadcastPlaystateChange "
-        "BroadcastSignalStrengthChanged ChannelChangeError ChannelChangeSucceeded "
-        "ProgrammesChanged Recording BufferingProgress BufferingNetworkError BufferingIdle "
-        "BufferingStreamUnderrun BufferingStreamBuffered ConnectionEstablished ConnectionLost "
-        "DeprecatedSubtitlesChanged ComponentChanged ExternalComponentActivate "
-        "MultiComponentChanged InBandVTTUpdate InBandDVBSub InBandDataUpdate InBandTTML "
-        "InBandRemoveCuesRange GetCookies PlaySpeedsArrayChanged SetCookie "
-        "CancelDataRequestsAsync SeekCompletedEx CacheUpdateRequestAsync PidFilterData "
-        "ChannelChanged TunerStateChanged BouquetSelectionChanged ContentIdChanged MrsUrlChanged "
-        "AsyncReleaseFinished FramesDropped BufferingStreamPreloaded ActiveStateChanged "
-        "PauseFinished");
-    std::vector<std::pair<int, std::string>> rows = {
-        {3000, "PastLastNonOoifEvent"}, {55, "unknown Event"}, {-1, "unknown Event"}};
-    int type = 0;
-    for (std::string name; names >> name; ++type)
-        rows.emplace_back(type, name);
+    const std::pair<int, const char*> rows[] = {
+        {0, "BackendResourceRevoked"},  {11, "DRMRightsError"},  {22, "BufferingProgress"},
+        {33, "InBandVTTUpdate"},        {42, "SeekCompletedEx"}, {54, "PauseFinished"},
+        {3000, "PastLastNonOoifEvent"}, {55, "unknown Event"},   {-1, "unknown Event"},
+    };
     LogCapture log(gst_backend_debug);
     std::vector<std::string> expected;
     for (const auto& [number, name] : rows) {
         backend.raiseEvent(new UVAEvent(static_cast<UVAEvent::Type>(number)), GST_LEVEL_INFO, "%d",
                            number);
-        expected.push_back("INFO " + name + ": (" + std::to_string(number) + ")");
+        expected.push_back("INFO "s + name + ": (" + std::to_string(number) + ")");
     }
     EXPECT_EQ(log.lines(), expected);
     gst_debug_category_set_threshold(gst_backend_debug, GST_LEVEL_WARNING);
     for (const auto level : {GST_LEVEL_WARNING, GST_LEVEL_FIXME})
         backend.raiseEvent(new PauseFinishedEvent, level, "%s", "");
-    EXPECT_EQ(log.lines().size(), rows.size() + 1) << "only what is asked for";
-    EXPECT_EQ(client.types().size(), rows.size() + 2) << "delivered all the same";
+    EXPECT_EQ(log.lines().size(), expected.size() + 1) << "only what is asked for";
+    EXPECT_EQ(client.types().size(), expected.size() + 2) << "delivered all the same";
 }
 
 // What is handled, and of the pipeline's parts only what they alone know.
@@ -268,9 +243,8 @@ TEST_F(BackendTest, BusMessagesBecomeEvents) {
                                "INFO End-Of-Stream reached", "DEBUG PlaybackFinished: ()",
                                "DEBUG BufferingProgress: (99%)", "DEBUG BufferingProgress: (100%)",
                                "DEBUG BufferingStreamBuffered: ()"}));
-    const auto* finished = client.last<PlaybackFinishedEvent>(UVAEvent::PlaybackFinished);
-    EXPECT_EQ(finished->reason, 0);
-    EXPECT_EQ(finished->detail, 0);
+    const auto* finished = client.last<PlaybackFinishedEvent>();
+    EXPECT_EQ(std::pair(finished->reason, finished->detail), std::pair(0, 0));
 }
 
 TEST_F(BackendTest, OnlyResourceErrorsOfTheSourceReachTheClient) {
@@ -279,7 +253,7 @@ TEST_F(BackendTest, OnlyResourceErrorsOfTheSourceReachTheClient) {
         const char* element;
         GQuark domain;
         int code;
-        int events;
+        std::size_t events;
     } rows[] = {
         {"source", resource, GST_RESOURCE_ERROR_FAILED, 1},
         {"source", resource, GST_RESOURCE_ERROR_NOT_FOUND, 1},
@@ -289,16 +263,14 @@ TEST_F(BackendTest, OnlyResourceErrorsOfTheSourceReachTheClient) {
         {"demux", resource, GST_RESOURCE_ERROR_NOT_FOUND, 0},
         {"source", GST_STREAM_ERROR, GST_STREAM_ERROR_DECODE, 0},
         {"source", GST_CORE_ERROR, GST_CORE_ERROR_FAILED, 0},
-        {"source", GST_LIBRARY_ERROR, GST_LIBRARY_ERROR_FAILED, 0},
         {"source", g_quark_from_static_string("odd-domain"), 3, 0},
     };
     LogCapture log(gst_backend_debug);
     for (const auto& row : rows) {
         client.clear();
         postError(row.element, row.domain, row.code);
-        EXPECT_EQ(client.count(UVAEvent::BufferingNetworkError), row.events)
+        EXPECT_EQ(client.types(), Types(row.events, UVAEvent::BufferingNetworkError))
             << g_quark_to_string(row.domain) << " " << row.code;
-        EXPECT_EQ(client.types().size(), static_cast<std::size_t>(row.events));
     }
     EXPECT_TRUE(log.has("ERROR Error received from element 'source': broken (3)"));
     EXPECT_TRUE(log.has("ERROR Debugging information: details"));
@@ -308,19 +280,15 @@ TEST_F(BackendTest, OnlyResourceErrorsOfTheSourceReachTheClient) {
 }
 
 TEST_F(BackendTest, VideoFormatBecomesMetadata) {
-    backend.setMetaData(static_cast<long long>(-1));
     postApplicationMessage(gst_structure_new("GstNoxVideoFormat", "width", G_TYPE_INT, 720,
                                              "height", G_TYPE_INT, 576, "display-aspect-ratio",
                                              GST_TYPE_FRACTION, 16, 9, "frame-rate",
                                              GST_TYPE_FRACTION, 25, 1, nullptr));
-    const auto* metadata = client.last<NewMetadataEvent>(UVAEvent::NewMetadata);
+    const auto* metadata = client.last<NewMetadataEvent>();
     ASSERT_NE(metadata, nullptr);
     EXPECT_EQ(metadata->width, 720);
     EXPECT_EQ(metadata->height, 576);
     EXPECT_NEAR(metadata->pixelAspectRatio, 1.4222, 0.0001);
-    EXPECT_EQ(metadata->duration, 0.0); // unknown
-    backend.checkMetaDataChanged();     // told once
-    EXPECT_EQ(client.count(UVAEvent::NewMetadata), 1);
 
     // Incomplete and foreign messages change nothing.
     postApplicationMessage(gst_structure_new_empty("GstNoxVideoFormat"));
@@ -332,23 +300,24 @@ TEST_F(BackendTest, VideoFormatBecomesMetadata) {
 }
 
 TEST_F(BackendTest, AnyChangeOfTheMetadataIsToldOnce) {
+    using Shape = std::tuple<int, int, double>; // the pixels' last
     const struct {
         std::function<void(GstNoxBackend&)> change;
         bool told;
-        int width, height;
-        double ratio, seconds;
+        Shape shape;
+        double seconds;
     } rows[] = {
-        {[](auto& b) { b.checkMetaDataChanged(); }, false, -1, -1, 1, 0},
-        {[](auto& b) { b.setMetaData(720, 576); }, true, 720, 576, 1, 0},
-        {[](auto& b) { b.setMetaData(720, 576); }, false, 720, 576, 1, 0},
-        {[](auto& b) { b.setMetaData(720, 480); }, true, 720, 480, 1, 0},
-        {[](auto& b) { b.setMetaData(640, 480); }, true, 640, 480, 1, 0},
-        {[](auto& b) { b.setMetaData(1.0009); }, false, 640, 480, 1, 0},
-        {[](auto& b) { b.setMetaData(1.25); }, true, 640, 480, 1.25, 0},
-        {[](auto& b) { b.setMetaData(0.75); }, true, 640, 480, 0.75, 0},
-        {[](auto& b) { b.setMetaData(2500000000LL); }, true, 640, 480, 0.75, 2.5},
-        {[](auto& b) { b.setMetaData(2500000000LL); }, false, 640, 480, 0.75, 2.5},
-        {[](auto& b) { b.setMetaData(-1LL); }, true, 640, 480, 0.75, 0},
+        {[](auto&) {}, false, {-1, -1, 1}, 0},
+        {[](auto& b) { b.setMetaData(720, 576); }, true, {720, 576, 1}, 0},
+        {[](auto& b) { b.setMetaData(720, 576); }, false, {720, 576, 1}, 0},
+        {[](auto& b) { b.setMetaData(720, 480); }, true, {720, 480, 1}, 0},
+        {[](auto& b) { b.setMetaData(640, 480); }, true, {640, 480, 1}, 0},
+        {[](auto& b) { b.setMetaData(1.0009); }, false, {640, 480, 1}, 0},
+        {[](auto& b) { b.setMetaData(1.25); }, true, {640, 480, 1.25}, 0},
+        {[](auto& b) { b.setMetaData(0.75); }, true, {640, 480, 0.75}, 0},
+        {[](auto& b) { b.setMetaData(2500000000LL); }, true, {640, 480, 0.75}, 2.5},
+        {[](auto& b) { b.setMetaData(2500000000LL); }, false, {640, 480, 0.75}, 2.5},
+        {[](auto& b) { b.setMetaData(-1LL); }, true, {640, 480, 0.75}, 0},
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(&row - rows);
@@ -357,19 +326,14 @@ TEST_F(BackendTest, AnyChangeOfTheMetadataIsToldOnce) {
         backend.checkMetaDataChanged();
         backend.checkMetaDataChanged();
         ASSERT_EQ(client.count(UVAEvent::NewMetadata), row.told ? 1 : 0);
-        if (const auto* told = client.last<NewMetadataEvent>(UVAEvent::NewMetadata)) {
-            EXPECT_EQ(told->width, row.width);
-            EXPECT_EQ(told->height, row.height);
-            EXPECT_EQ(told->pixelAspectRatio, row.ratio);
+        if (const auto* told = client.last<NewMetadataEvent>()) {
+            EXPECT_EQ(Shape(told->width, told->height, told->pixelAspectRatio), row.shape);
             EXPECT_EQ(told->duration, row.seconds);
         }
-        int width = 0;
-        int height = 0;
-        double ratio = 0;
+        Shape shape;
+        auto& [width, height, ratio] = shape;
         EXPECT_EQ(backend.getNativeSize(width, height, ratio), UVABackend::Success);
-        EXPECT_EQ(width, row.width);
-        EXPECT_EQ(height, row.height);
-        EXPECT_EQ(ratio, row.ratio);
+        EXPECT_EQ(shape, row.shape);
     }
 }
 
@@ -391,7 +355,7 @@ TEST_F(BackendTest, TheLastDecoderGivenBackIsReported) {
 TEST_F(BackendTest, ComponentsComeAndGoOnce) {
     LogCapture log(gst_backend_debug);
     EXPECT_EQ(backend.addComponent("video", "video_0"), 1);
-    const auto* added = client.last<MultiComponentChangedEvent>(UVAEvent::MultiComponentChanged);
+    const auto* added = client.last<MultiComponentChangedEvent>();
     ASSERT_NE(added, nullptr);
     ASSERT_EQ(added->added.size(), 1U);
     const auto& video = *added->added.front();
@@ -405,8 +369,7 @@ TEST_F(BackendTest, ComponentsComeAndGoOnce) {
 
     EXPECT_EQ(backend.addComponent("video", "video_0"), 0);
     EXPECT_EQ(backend.addComponent("audio", "audio_1"), 1);
-    const auto& audio =
-        *client.last<MultiComponentChangedEvent>(UVAEvent::MultiComponentChanged)->added.front();
+    const auto& audio = *client.last<MultiComponentChangedEvent>()->added.front();
     EXPECT_FALSE(audio.active);
     EXPECT_EQ(audio.type, 1);
     EXPECT_EQ(audio.shape, 0);
@@ -419,7 +382,7 @@ TEST_F(BackendTest, ComponentsComeAndGoOnce) {
     EXPECT_EQ(client.count(UVAEvent::MultiComponentChanged), 2);
 
     backend.removeComponent("video_0");
-    const auto* removed = client.last<MultiComponentChangedEvent>(UVAEvent::MultiComponentChanged);
+    const auto* removed = client.last<MultiComponentChangedEvent>();
     ASSERT_EQ(removed->removed.size(), 1U);
     EXPECT_EQ(removed->removed.front(), &video);
     EXPECT_FALSE(backend.hasComponent("video_0"));
@@ -446,7 +409,7 @@ TEST_F(BackendTest, SeekTargetsAreChecked) {
     backend.changeDuration(20.0);
     EXPECT_EQ(seek(30.0), 1); // held against the nanosecond count
     EXPECT_EQ(seek(2.1e10), 0);
-    EXPECT_EQ(client.last<SeekCompletedExEvent>(UVAEvent::SeekCompletedEx)->outcome,
+    EXPECT_EQ(client.last<SeekCompletedExEvent>()->outcome,
               SeekCompletedExEvent::SeekOutcome::Failed);
     backend.setMetaData(static_cast<long long>(-1));
     EXPECT_EQ(seek(0.5), 0); // live
@@ -490,22 +453,18 @@ TEST_F(BackendTest, DurationGrowsOnlyUntilKnown) {
 }
 
 TEST_F(BackendTest, OneSinkAsksAndTheOthersAreTurnedAway) {
-    UVABackend::SourceDescription* none[] = {nullptr};
-    backend.initBackend("o", none, false, true);
+    init(nullptr, true);
     const auto request = [this](const char* type) {
         return GstNoxBackend::decoder_request_cb(nullptr, type, &backend);
     };
     int first = -1;
     std::thread sink([&] { first = request("video"); });
-    ASSERT_TRUE(support::waitUntil(
-        [&] { return client.count(UVAEvent::BackendResourceRequestAsync) == 1; }));
-    EXPECT_TRUE(
-        client.last<BackendResourceRequestAsyncEvent>(UVAEvent::BackendResourceRequestAsync)
-            ->audioOnly);
+    ASSERT_TRUE(isAskedForADecoder());
+    EXPECT_TRUE(client.last<BackendResourceRequestAsyncEvent>()->audioOnly);
     LogCapture log(gst_backend_debug);
     EXPECT_EQ(request("audio"), 0); // neither asks nor waits
     EXPECT_TRUE(log.has("ERROR ***E: resources not available (1)"));
-    EXPECT_EQ(client.last<DecodeErrorEvent>(UVAEvent::DecodeError)->reason, 2);
+    EXPECT_EQ(client.last<DecodeErrorEvent>()->reason, 2);
 
     const BackendResourceRequestAsyncEvent answer(true);
     backend.eventCompleted(&answer, false);
@@ -515,8 +474,7 @@ TEST_F(BackendTest, OneSinkAsksAndTheOthersAreTurnedAway) {
 
     // After a refusal the next request asks again; after a grant nobody asks any more.
     std::thread again([&] { first = request("video"); });
-    ASSERT_TRUE(support::waitUntil(
-        [&] { return client.count(UVAEvent::BackendResourceRequestAsync) == 2; }));
+    ASSERT_TRUE(isAskedForADecoder(2));
     backend.eventCompleted(&answer, true);
     again.join();
     EXPECT_EQ(first, 1);
@@ -534,55 +492,47 @@ TEST_F(BackendTest, ASinkIsToldWhenItsRequestGoesToTheMainSystem) {
     EXPECT_EQ(told, 1);
     EXPECT_EQ(client.types(), Types{}) << "nobody was asked";
     for (const bool granted : {false, true}) {
-        GstNoxBackend* asked = nullptr;
-        RecordingClient answering([&](UVAEvent& event) {
+        client.clear();
+        client.hook = [&](UVAEvent& event) {
             if (event.type() == UVAEvent::BackendResourceRequestAsync)
-                asked->eventCompleted(static_cast<UVAAsyncEvent*>(&event), granted);
-        });
-        GstNoxBackend other(UVABackend::VideoElement, &answering);
-        asked = &other;
+                backend.eventCompleted(static_cast<UVAAsyncEvent*>(&event), granted);
+        };
         told = 0;
-        EXPECT_EQ(GstNoxBackend::decoder_request_cb(sink.get(), "video", &other), granted ? 1 : 0);
-        EXPECT_EQ(told, granted ? 1 : 0);
-        EXPECT_EQ(answering.count(UVAEvent::DecodeError), granted ? 0 : 1);
-        other.releaseResources(UVABackend::AllResources);
+        EXPECT_EQ(GstNoxBackend::decoder_request_cb(sink.get(), "video", &backend), granted);
+        EXPECT_EQ(told, granted);
+        EXPECT_EQ(client.count(UVAEvent::DecodeError), !granted);
     }
 }
 
 TEST_F(BackendTest, ARefusedSinkIsNotAnsweredWithTheNextOnesGrant) {
     const BackendResourceRequestAsyncEvent answer(true);
     for (int round = 0; round < 200; ++round) {
-        GstNoxBackend* asked = nullptr;
-        std::atomic<int> questions{0};
-        RecordingClient grantsTheSecond([&](UVAEvent& event) {
+        GstNoxBackend other(UVABackend::VideoElement, &client);
+        client.clear();
+        client.hook = [&, questions = 0](UVAEvent& event) mutable {
             if (event.type() == UVAEvent::BackendResourceRequestAsync && ++questions == 2)
-                asked->eventCompleted(&answer, true);
-        });
-        GstNoxBackend other(UVABackend::VideoElement, &grantsTheSecond);
-        asked = &other;
+                other.eventCompleted(&answer, true);
+        };
         int first = -1;
         std::thread sink(
             [&] { first = GstNoxBackend::decoder_request_cb(nullptr, "video", &other); });
-        ASSERT_TRUE(support::waitUntil(
-            [&] { return grantsTheSecond.count(UVAEvent::BackendResourceRequestAsync) == 1; }));
+        ASSERT_TRUE(isAskedForADecoder());
         other.eventCompleted(&answer, false);
         EXPECT_EQ(GstNoxBackend::decoder_request_cb(nullptr, "audio", &other), 1);
         sink.join();
         ASSERT_EQ(first, 0) << "round " << round;
-        EXPECT_EQ(grantsTheSecond.count(UVAEvent::DecodeError), 1);
+        EXPECT_EQ(client.count(UVAEvent::DecodeError), 1);
     }
 }
 
 TEST_F(BackendTest, StoppingAndSeekingEndTheWaitForADecoder) {
     for (const bool stop : {true, false}) {
         client.clear();
-        UVABackend::SourceDescription* sources[] = {new TestSource("file:///nowhere"), nullptr};
-        ASSERT_EQ(backend.initBackend("o", sources, false), 1);
+        ASSERT_EQ(init(new TestSource("file:///nowhere")), 1);
         int answer = -1;
         std::thread sink(
             [&] { answer = GstNoxBackend::decoder_request_cb(nullptr, "video", &backend); });
-        ASSERT_TRUE(support::waitUntil(
-            [&] { return client.count(UVAEvent::BackendResourceRequestAsync) == 1; }));
+        ASSERT_TRUE(isAskedForADecoder());
         if (stop) {
             backend.releaseResources(UVABackend::AllResources);
         } else {

@@ -78,6 +78,19 @@ protected:
     int writeEnd(unsigned int id) {
         return backend->writeData(new NeedMSEDataEvent(id, 0), 0, UVABackend::EndOfStream);
     }
+    void writeEnds() {
+        for (const unsigned int id : {videoId, audioId})
+            writeEnd(id);
+    }
+    /// One sample of time 0.
+    int feed(unsigned int id) {
+        return write(id, {new TestSample(0, frame, id == videoId ? &video : &audio)});
+    }
+    std::vector<UVABackend::TimeRange> buffered(unsigned int id) {
+        std::vector<UVABackend::TimeRange> ranges;
+        EXPECT_EQ(backend->getBufferedTimeRanges(id, {}, ranges), UVABackend::Success);
+        return ranges;
+    }
     Samples videoSamples(double from, int count) {
         Samples samples;
         for (int i = 0; i < count; ++i)
@@ -99,7 +112,8 @@ protected:
     }
     /// What has arrived at a sink, once it is so much.
     static support::Received received(const char* sink, std::size_t count) {
-        EXPECT_TRUE(waitUntil([=] { return RecordingSinks::count(sink) >= count; })) << sink;
+        EXPECT_TRUE(waitUntil([=] { return RecordingSinks::of(sink).buffers.size() >= count; }))
+            << sink;
         return RecordingSinks::of(sink);
     }
     /// Until the appsrcs have asked: what is written before they start is lost.
@@ -117,7 +131,7 @@ protected:
         return outcome();
     }
     int outcome() {
-        const auto* done = client.last<SeekCompletedExEvent>(UVAEvent::SeekCompletedEx);
+        const auto* done = client.last<SeekCompletedExEvent>();
         return done != nullptr ? static_cast<int>(done->outcome) : -1;
     }
 

@@ -4,11 +4,7 @@
 #include "support/log_capture.h"
 
 #include <array>
-#include <cmath>
-#include <cstdio>
-#include <cstring>
 #include <limits>
-#include <thread>
 
 namespace {
 
@@ -22,7 +18,7 @@ TEST_F(MediaSourceTest, SamplesArriveInOrderWithoutACopy) {
     LogCapture log(gst_backend_debug);
     open();
     playUntilAsked(2);
-    EXPECT_EQ(client.last<NeedMSEDataEvent>(UVAEvent::NeedMSEData)->samplesRequested, 30);
+    EXPECT_EQ(client.last<NeedMSEDataEvent>()->samplesRequested, 30);
     Samples samples;
     std::vector<const void*> payloads;
     for (const auto& [presented, decoded, lasts] : gop) {
@@ -37,13 +33,11 @@ TEST_F(MediaSourceTest, SamplesArriveInOrderWithoutACopy) {
     received(videoSink, 4);
     write(videoId, {samples.back()});
     EXPECT_EQ(client.count(UVAEvent::BufferingStreamBuffered), 3) << "one a write";
-    std::vector<UVABackend::TimeRange> ranges;
-    backend->getBufferedTimeRanges(videoId, {}, ranges);
+    const auto ranges = buffered(videoId);
     ASSERT_EQ(ranges.size(), 1U);
     EXPECT_GE(ranges[0].start, 1.0) << "or where playback is";
     EXPECT_DOUBLE_EQ(ranges[0].end, 1.35) << "of the latest, not of the last";
-    for (const unsigned int id : {videoId, audioId})
-        writeEnd(id);
+    writeEnds();
     ASSERT_TRUE(isFinished());
 
     const auto nanoseconds = [](double seconds) {
@@ -82,16 +76,16 @@ TEST_F(MediaSourceTest, CapsFollowTheConfiguration) {
     base.codecDataSize = data.size();
     base.color = &color;
     base.mastering = &mastering;
-    std::array<UVAStreamConfig::ColorInfo, 5> colors;
-    colors.fill(color);
-    colors[0].matrix = 1;
-    colors[1].range = 2;
-    colors[2].transfer = 1;
-    colors[3].primaries = 9;
-    colors[4].bitsPerChannel = 8;
+    using Color = UVAStreamConfig::ColorInfo;
+    std::vector<Color> colors;
+    for (const auto member : {&Color::matrix, &Color::range, &Color::transfer, &Color::primaries,
+                              &Color::bitsPerChannel}) {
+        colors.push_back(color);
+        colors.back().*member = 2;
+    }
     auto brighter = mastering;
     brighter.luminanceMin = 0.2;
-    std::vector<UVAStreamConfig> changed(12, base);
+    std::vector<UVAStreamConfig> changed(9 + colors.size(), base);
     changed[0].codec = UVAStreamConfig::CODEC_VP8;
     changed[1].width = 321;
     changed[2].height = 181;
@@ -99,11 +93,10 @@ TEST_F(MediaSourceTest, CapsFollowTheConfiguration) {
     changed[4].codecData = otherData.data();
     changed[5].codecData = nullptr;
     changed[6].color = nullptr;
+    changed[7].mastering = nullptr;
+    changed[8].mastering = &brighter;
     for (std::size_t i = 0; i < colors.size(); ++i)
-        changed[7 + i].color = &colors[i];
-    changed.insert(changed.end(), 2, base);
-    changed[12].mastering = nullptr;
-    changed[13].mastering = &brighter;
+        changed[9 + i].color = &colors[i];
 
     restart(new TestSource(videoId, "video/x-plain")); // no parser: the caps arrive as they are
     playUntilAsked(1);
@@ -142,13 +135,13 @@ TEST_F(MediaSourceTest, CapsFollowTheConfiguration) {
 TEST_F(MediaSourceTest, Vp9GetsTheRateOfItsFirstSamples) {
     const struct {
         std::vector<double> durations;
-        const char* rate; // null: none
+        const char* rate;
         int codec = UVAStreamConfig::CODEC_VP9;
     } rows[] = {{{0.05, 0.03}, "25/1"},
                 {{0.04, -1}, "0/1"},
                 {{0, 0}, "0/1"},
                 {{0.02}, "50/1"},
-                {{0.04, 0.04}, nullptr, UVAStreamConfig::CODEC_VP8}};
+                {{0.04, 0.04}, "", UVAStreamConfig::CODEC_VP8}};
     for (const auto& row : rows) {
         SCOPED_TRACE(testing::PrintToString(row.durations));
         restart(new TestSource(videoId, "video/x-plain"));
@@ -162,10 +155,8 @@ TEST_F(MediaSourceTest, Vp9GetsTheRateOfItsFirstSamples) {
         write(videoId, {new TestSample(1, 0.1, &later)});
         for (const auto& caps : received(videoSink, row.durations.size() + 1).caps) {
             const auto at = caps.find("framerate=(fraction)");
-            EXPECT_EQ(at != std::string::npos, row.rate != nullptr) << caps;
-            EXPECT_TRUE(row.rate == nullptr ||
-                        caps.substr(at + 20, std::strlen(row.rate)) == row.rate)
-                << caps << ": once a source";
+            const auto rate = at == std::string::npos ? "" : caps.substr(at + 20);
+            EXPECT_EQ(rate.substr(0, rate.find_first_of(",;")), row.rate) << "once a source";
         }
     }
 }
@@ -206,8 +197,6 @@ TEST_F(MediaSourceTest, TheQueueKeepsWhatIsNotAskedFor) {
     const auto unknown = named("appsrc_77");
     const auto unnumbered = named("appsrc");
     const UVAStreamConfig wider = videoConfig(UVAStreamConfig::CODEC_VP8, 640);
-    auto again = wider;
-    again.sampleRate = 7; // no matter of video
     const auto sized = [&](double time, std::size_t size, const UVAStreamConfig* config) {
         return new TestSample(time, 0.25, config, size);
     };
@@ -219,6 +208,17 @@ TEST_F(MediaSourceTest, TheQueueKeepsWhatIsNotAskedFor) {
         return "queued=" + std::to_string(queued) + " bytes=" + std::to_string(bytes) +
                " needData=" + std::to_string(asked) + " lastEnd=" + end + " fps=4/1";
     };
+    const std::string at2 = "0:00:02.250000000", at4 = "0:00:04.250000000";
+    const std::string at6 = "0:00:06.000000000", at9 = "0:00:09.250000000";
+    const std::string at10 = "0:00:10.250000000";
+    const auto ask = [&] { need(own); };
+    const auto seek = [&] { GstNoxBackend::seek_data_cb(GST_APP_SRC(own.get()), 0, backend); };
+    const auto enough = [&] { GstNoxBackend::enough_data_cb(GST_APP_SRC(own.get()), backend); };
+    const auto oddStatus = static_cast<UVABackend::WriteDataStatus>(7);
+    const auto first = [&] { return Samples{sized(2, 100, &video), sized(1, 250, &video)}; };
+    const auto wide = [&](double time, std::size_t size) {
+        return [=, &wider] { write(videoId, {sized(time, size, &wider)}); };
+    };
     const struct {
         const char* what;
         std::function<void()> operation;
@@ -226,41 +226,20 @@ TEST_F(MediaSourceTest, TheQueueKeepsWhatIsNotAskedFor) {
         int needs = 0;
     } rows[] = {
         {"nothing yet", [] {}, "queued=0 bytes=0 needData=0 lastEnd=" + none + " fps=0/0"},
-        {"samples behind their caps",
-         [&] {
-             write(videoId, {sized(2, 100, &video), sized(1, 250, &video)});
-         },
-         state(3, 350, 0, "0:00:02.250000000")},
-        {"a time alone brings no caps", [&] { write(videoId, {sized(4, 0, &wider)}); },
-         state(3, 350, 0, "0:00:04.250000000")},
-        {"other caps, and the rate stays",
-         [&] { write(videoId, {new TestSample(5, 1, &wider, 8)}); },
-         state(5, 358, 0, "0:00:06.000000000")},
-        {"others' appsrcs", [&] { need(unknown), need(unnumbered); },
-         state(5, 358, 0, "0:00:06.000000000")},
-        {"a seek keeps the last caps",
-         [&] { GstNoxBackend::seek_data_cb(GST_APP_SRC(own.get()), 0, backend); },
-         state(1, 0, 0, none)},
-        {"the caps that it kept are not doubled", [&] { write(videoId, {sized(9, 10, &wider)}); },
-         state(2, 10, 0, "0:00:09.250000000")},
-        {"equal caps of another configuration", [&] { write(videoId, {sized(9, 10, &again)}); },
-         state(3, 20, 0, "0:00:09.250000000")},
-        {"the end", [&] { writeEnd(videoId); }, state(4, 20, 0, "0:00:09.250000000")},
-        {"a batch of unknown status",
-         [&] { write(videoId, {}, static_cast<UVABackend::WriteDataStatus>(7)); },
-         state(4, 20, 0, "0:00:09.250000000")},
-        {"asked, all goes; the appsrc does not run", [&] { need(own); },
-         state(0, 0, 1, "0:00:09.250000000"), 1},
-        {"asked again", [&] { need(own); }, state(0, 0, 1, "0:00:09.250000000"), 1},
-        {"what comes goes on at once", [&] { write(videoId, {sized(10, 5, &wider)}); },
-         state(0, 0, 1, "0:00:10.250000000")},
-        {"enough", [&] { GstNoxBackend::enough_data_cb(GST_APP_SRC(own.get()), backend); },
-         state(0, 0, 0, "0:00:10.250000000")},
-        {"and it waits", [&] { write(videoId, {sized(1, 7, &wider)}); },
-         state(1, 7, 0, "0:00:10.250000000")},
-        {"a seek drops caps that went before",
-         [&] { GstNoxBackend::seek_data_cb(GST_APP_SRC(own.get()), 0, backend); },
-         state(0, 0, 0, none)},
+        {"behind their caps", [&] { write(videoId, first()); }, state(3, 350, 0, at2)},
+        {"a time alone brings no caps", wide(4, 0), state(3, 350, 0, at4)},
+        {"other caps, and the rate stays", wide(5.75, 8), state(5, 358, 0, at6)},
+        {"others' appsrcs", [&] { need(unknown), need(unnumbered); }, state(5, 358, 0, at6)},
+        {"a seek keeps the last caps", seek, state(1, 0, 0, none)},
+        {"the caps that it kept are not doubled", wide(9, 10), state(2, 10, 0, at9)},
+        {"the end", [&] { writeEnd(videoId); }, state(3, 10, 0, at9)},
+        {"of unknown status", [&] { write(videoId, {}, oddStatus); }, state(3, 10, 0, at9)},
+        {"asked, all goes; the appsrc does not run", ask, state(0, 0, 1, at9), 1},
+        {"asked again", ask, state(0, 0, 1, at9), 1},
+        {"what comes goes on at once", wide(10, 5), state(0, 0, 1, at10)},
+        {"enough", enough, state(0, 0, 0, at10)},
+        {"and it waits", wide(1, 7), state(1, 7, 0, at10)},
+        {"a seek drops caps that went before", seek, state(0, 0, 0, none)},
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.what);
@@ -271,11 +250,9 @@ TEST_F(MediaSourceTest, TheQueueKeepsWhatIsNotAskedFor) {
         ASSERT_EQ(all.find("  video_1: NULL "), at - 16) << all;
         EXPECT_EQ(all.substr(at), row.state + "\n");
         ASSERT_EQ(client.count(UVAEvent::NeedMSEData), row.needs);
-        if (row.needs > 0) {
-            const auto* event = client.last<NeedMSEDataEvent>(UVAEvent::NeedMSEData);
-            EXPECT_EQ(event->sourceId, videoId);
-            EXPECT_EQ(event->samplesRequested, 30);
-        }
+        const auto* event = client.last<NeedMSEDataEvent>();
+        EXPECT_TRUE(event == nullptr ||
+                    (event->sourceId == videoId && event->samplesRequested == 30));
     }
     EXPECT_TRUE(backend->removeSource(videoId));
     EXPECT_FALSE(backend->removeSource(videoId));
@@ -296,10 +273,9 @@ TEST_F(MediaSourceTest, ASourceThatComesLateBeginsWherePlaybackIs) {
     client.clear();
     ASSERT_TRUE(backend->removeSource(audioId));
     ASSERT_EQ(backend->attachSource(new TestSource(audioId, "audio/x-plain")), UVABackend::Success);
-    const auto* again =
-        client.last<CancelDataRequestsAsyncEvent>(UVAEvent::CancelDataRequestsAsync);
-    ASSERT_NE(again, nullptr);
-    EXPECT_EQ(again->position, 12.5);
+    const auto* told = client.last<CancelDataRequestsAsyncEvent>();
+    ASSERT_NE(told, nullptr);
+    EXPECT_EQ(told->position, 12.5);
     EXPECT_TRUE(log.has("DEBUG   seeking to 0:00:12.500000000"));
 }
 
@@ -344,20 +320,19 @@ TEST_F(MediaSourceTest, AParserCopiesNothingAndEndsWithoutSamples) {
         Samples samples;
         std::vector<const void*> payloads;
         for (int i = 0; i < count; ++i) {
-            auto* sample = new TestSample(i * 0.026, 0.026, &mp3, 417); // 128 kbit/s
-            std::fill(sample->bytes.begin(), sample->bytes.end(), 0);
-            const std::array<std::uint8_t, 3> header = {0xFF, 0xFB, 0x90};
-            std::copy(header.begin(), header.end(), sample->bytes.begin());
+            auto* sample = new TestSample(i * 0.026, 0.026, &mp3); // 128 kbit/s
+            sample->bytes = {0xFF, 0xFB, 0x90};
+            sample->bytes.resize(417);
             payloads.push_back(sample->payload());
             samples.push_back(sample);
         }
         write(audioId, samples);
         writeEnd(audioId);
         ASSERT_TRUE(isFinished()) << count;
-        const auto seen = RecordingSinks::of(audioSink).buffers;
-        ASSERT_EQ(seen.size(), payloads.size());
-        for (std::size_t i = 0; i < payloads.size(); ++i)
-            EXPECT_EQ(seen[i].data, payloads[i]) << i;
+        std::vector<const void*> seen;
+        for (const auto& buffer : RecordingSinks::of(audioSink).buffers)
+            seen.push_back(buffer.data);
+        EXPECT_EQ(seen, payloads);
     }
 }
 
@@ -365,7 +340,7 @@ TEST_F(MediaSourceTest, SeekDropsWhatWasQueuedAndStartsANewSegment) {
     open(false);
     playUntilAsked(1);
     write(videoId, videoSamples(0, 5));
-    ASSERT_TRUE(waitUntil([&] { return RecordingSinks::count(videoSink) == 5; }));
+    received(videoSink, 5);
     ASSERT_EQ(seek(10), 0);
     ASSERT_TRUE(isAsked()) << "again";
     EXPECT_NEAR(backend->getPosition().position, 10, 0.001);
@@ -421,21 +396,16 @@ TEST_F(MediaSourceTest, SeeksAtOddMoments) {
     EXPECT_TRUE(arrived(8));
     EXPECT_NEAR(backend->getPosition().position, 8, 2 * frame);
 
-    // One source starves; the end of one is queued when the seek comes.
-    ASSERT_EQ(seek(20), 0);
-    write(videoId, videoSamples(20, 2));
     writeEnd(videoId);
-    ASSERT_EQ(seek(59.96), 0) << "near the end";
+    ASSERT_EQ(seek(59.96), 0) << "near the end, with the end of one queued";
     feedBoth(59.96);
     EXPECT_TRUE(arrived(59.96));
-    writeEnd(videoId);
-    writeEnd(audioId);
+    writeEnds();
     EXPECT_TRUE(isFinished());
 }
 
 TEST_F(MediaSourceTest, HostileSamplesAndEventsLoseNothing) {
     LogCapture log(gst_backend_debug);
-    EXPECT_EQ(backend->attachSource(nullptr), UVABackend::Failure);
     EXPECT_EQ(backend->attachSource(new TestSource(9, "text/plain")), UVABackend::Failure);
     EXPECT_TRUE(log.has("WARN unknown mime type: 'text/plain'"));
     EXPECT_TRUE(log.has("ERROR ***E: cannot create source"));
@@ -443,7 +413,6 @@ TEST_F(MediaSourceTest, HostileSamplesAndEventsLoseNothing) {
     open();
     playUntilAsked(2);
 
-    EXPECT_EQ(backend->writeData(nullptr, 0, UVABackend::Data), UVABackend::Success);
     EXPECT_EQ(backend->writeData(new PlaybackFinishedEvent(0, 0), 0, UVABackend::Data),
               UVABackend::Success);
     EXPECT_EQ(write(77, videoSamples(0, 2)), UVABackend::Success);
@@ -463,19 +432,15 @@ TEST_F(MediaSourceTest, HostileSamplesAndEventsLoseNothing) {
     odd.push_back(new TestSample(4.04, 0.04, &video, 0));
     write(videoId, odd);
     writeEnd(audioId); // which never had a sample
-    EXPECT_TRUE(waitUntil([&] { return RecordingSinks::count(videoSink) > 8; }));
-    std::vector<UVABackend::TimeRange> ranges;
-    EXPECT_EQ(backend->getBufferedTimeRanges(videoId, {}, ranges), UVABackend::Success);
-    EXPECT_EQ(ranges.size(), 1U);
-    ranges.clear();
-    EXPECT_EQ(backend->getBufferedTimeRanges(77, {}, ranges), UVABackend::Success);
-    EXPECT_TRUE(ranges.empty());
+    received(videoSink, 9);
+    EXPECT_EQ(buffered(videoId).size(), 1U);
+    EXPECT_TRUE(buffered(77).empty());
 
     // Data behind the end is refused, and said so.
     writeEnd(videoId);
     ASSERT_TRUE(isFinished());
     write(videoId, videoSamples(50, 1));
-    EXPECT_EQ(RecordingSinks::of(audioSink).count, 0U);
+    EXPECT_EQ(RecordingSinks::of(audioSink).buffers.size(), 0U);
 }
 
 TEST_F(MediaSourceTest, OneIdTwiceAndTwoSourcesOfAKind) {
@@ -488,7 +453,7 @@ TEST_F(MediaSourceTest, OneIdTwiceAndTwoSourcesOfAKind) {
     EXPECT_TRUE(log.has("ERROR ***E: source already exists - deleting..."));
     ASSERT_TRUE(isAsked()) << "the new one runs";
     write(videoId, videoSamples(0, 2));
-    EXPECT_TRUE(waitUntil([&] { return RecordingSinks::count(videoSink) == 2; }));
+    received(videoSink, 2);
 
     // The second source of a kind takes the first one's place: alone it ends playback.
     client.clear();
@@ -506,77 +471,26 @@ TEST_F(MediaSourceTest, OneIdTwiceAndTwoSourcesOfAKind) {
 // stream is.
 TEST_F(MediaSourceTest, RequestsAreTheBound) {
     constexpr int total = 20000;
-    constexpr int limit = 200000 / 100 + 2 * 30;
+    constexpr int asked = 30;
+    constexpr int limit = 200000 / 100 + 2 * asked;
     open(false);
-    RecordingSinks::clear(false);
     int next = 0;
     int most = 0;
-    client.hook = [&](UVAEvent& event) {
-        if (event.type() != UVAEvent::NeedMSEData)
-            return;
-        const auto& request = static_cast<NeedMSEDataEvent&>(event);
+    answerWith([&](unsigned int id) {
         if (next >= total) {
-            writeEnd(request.sourceId);
+            writeEnd(id);
             return;
         }
-        write(request.sourceId, videoSamples(next * frame, request.samplesRequested));
-        next += request.samplesRequested;
+        write(id, videoSamples(next * frame, asked));
+        next += asked;
         most = std::max(most, TestSample::alive().load());
-    };
+    });
     backend->play();
     const bool ended = isFinished();
     owner.reset(); // nobody asks any more
     EXPECT_TRUE(ended);
-    EXPECT_EQ(RecordingSinks::count(videoSink), static_cast<std::size_t>(next));
+    EXPECT_EQ(RecordingSinks::of(videoSink).buffers.size(), static_cast<std::size_t>(next));
     EXPECT_LE(most, limit);
-}
-
-TEST_F(MediaSourceTest, EveryOperationWorksFromInsideTheEvent) {
-    open();
-    std::atomic<int> answered{0};
-    answerWith([&](unsigned int id) {
-        std::vector<UVABackend::TimeRange> ranges;
-        backend->getBufferedTimeRanges(id, {}, ranges);
-        backend->getPosition();
-        backend->setKeySystem(UVAKeySystemConfig{});
-        GstNoxBackend::describeAll();
-        write(id, {new TestSample(0, frame, id == videoId ? &video : &audio)});
-        ++answered;
-    });
-    backend->play();
-    EXPECT_TRUE(waitUntil([&] { return answered > 20; }));
-    owner.reset(); // nobody asks any more
-}
-
-// A writer, the shell and the streaming threads against sources that come and go.
-TEST_F(MediaSourceTest, SourcesComeAndGoUnderLoad) {
-    open();
-    std::atomic<bool> done{false};
-    answerWith([&](unsigned int id) {
-        write(id, {new TestSample(0, frame, id == videoId ? &video : &audio)});
-    });
-    backend->play();
-    std::thread writer([&] {
-        while (!done) {
-            write(audioId, {new TestSample(0, frame, &audio)});
-            std::vector<UVABackend::TimeRange> ranges;
-            backend->getBufferedTimeRanges(audioId, {}, ranges);
-            GstNoxBackend::describeAll();
-        }
-    });
-    for (int i = 0; i < 100; ++i) {
-        EXPECT_TRUE(backend->removeSource(audioId));
-        EXPECT_EQ(backend->attachSource(new TestSource(audioId, "audio/x-plain")),
-                  UVABackend::Success);
-        if (i % 20 == 0) {
-            backend->releaseResources(UVABackend::AllResources);
-            backend->removeSource(videoId);
-            backend->attachSource(new TestSource(videoId, "video/x-vp8"));
-            backend->play();
-        }
-    }
-    done = true;
-    writer.join();
 }
 
 // Whatever the streaming threads are in: not started, asking, being answered, at the end.
@@ -586,10 +500,11 @@ TEST_F(MediaSourceTest, BackendsAreDestroyedAtAnyTime) {
         backend = owner.get();
         client.clear();
         answerWith([&, i](unsigned int id) {
-            if (i % 3 == 0)
-                writeEnd(id);
-            else
-                write(id, {new TestSample(0, frame, id == videoId ? &video : &audio)});
+            buffered(id);
+            backend->getPosition();
+            backend->setKeySystem(UVAKeySystemConfig{});
+            GstNoxBackend::describeAll();
+            i % 3 == 0 ? writeEnd(id) : feed(id);
         });
         open();
         if (i % 5 != 0)

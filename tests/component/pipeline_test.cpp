@@ -40,19 +40,17 @@ protected:
 };
 
 TEST_F(PipelineTest, ADemuxersVideoPadTellsSizeAndRatio) {
+    using Shape = std::tuple<int, int, double>; // the pixels' last
+    const Shape wide = {720, 576, 16.0 / 15};
     const struct {
         const char *pad, *caps;
-        int width, height;
-        double ratio;
+        Shape shape;
         bool told; ///< that nothing is known of the duration is news too
     } rows[] = {
-        {"audio_0", "audio/mpeg, width=1, height=2", -1, -1, 1, false},
-        {"video_0", "video/x-h264, width=720, height=576, pixel-aspect-ratio=16/15", 720, 576,
-         16.0 / 15, true},
-        {"video_1", "video/x-h264, width=720, height=576, pixel-aspect-ratio=16/15", 720, 576,
-         16.0 / 15, false},
-        {"video_2", "video/x-h264, width=640, pixel-aspect-ratio=4/3", 720, 576, 16.0 / 15, false},
-        {"video_3", "video/x-h264, width=640, height=360", 640, 360, 16.0 / 15, true},
+        {"audio_0", "audio/mpeg, width=1, height=2", {-1, -1, 1}, false},
+        {"video_0", "video/x-h264, width=720, height=576, pixel-aspect-ratio=16/15", wide, true},
+        {"video_1", "video/x-h264, width=640, pixel-aspect-ratio=4/3", wide, false},
+        {"video_2", "video/x-h264, width=640, height=360", {640, 360, 16.0 / 15}, true},
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.caps);
@@ -60,13 +58,10 @@ TEST_F(PipelineTest, ADemuxersVideoPadTellsSizeAndRatio) {
         padWith(row.pad, row.caps, GstNoxBackend::demux_pad_added_cb, backend);
         backend.checkMetaDataChanged();
         EXPECT_EQ(client.count(UVAEvent::NewMetadata), row.told ? 1 : 0);
-        int width = 0;
-        int height = 0;
-        double ratio = 0;
+        Shape shape;
+        auto& [width, height, ratio] = shape;
         backend.getNativeSize(width, height, ratio);
-        EXPECT_EQ(width, row.width);
-        EXPECT_EQ(height, row.height);
-        EXPECT_DOUBLE_EQ(ratio, row.ratio);
+        EXPECT_EQ(shape, row.shape);
     }
     EXPECT_TRUE(backend.isDurationUnknown());
 }
@@ -75,16 +70,14 @@ TEST_F(PipelineTest, ADemuxersVideoPadTellsSizeAndRatio) {
 TEST_F(PipelineTest, DecodedPadsAreComponentsWhileTheyAreThere) {
     backend.setMetaData(720, 576);
     const auto added = [this] {
-        const auto* event =
-            client.last<MultiComponentChangedEvent>(UVAEvent::MultiComponentChanged);
+        const auto* event = client.last<MultiComponentChangedEvent>();
         return event != nullptr && !event->added.empty() ? event->added[0]->type : -1;
     };
-    const auto video =
-        padWith("src_0", "video/x-raw", GstNoxBackend::decodebin_pad_added_cb, backend);
+    constexpr auto decoded = GstNoxBackend::decodebin_pad_added_cb;
+    const auto video = padWith("src_0", "video/x-raw", decoded, backend);
     EXPECT_EQ(added(), 1);
     EXPECT_EQ(client.count(UVAEvent::NewMetadata), 0);
-    const auto audio =
-        padWith("src_1", "audio/x-raw", GstNoxBackend::decodebin_pad_added_cb, backend);
+    const auto audio = padWith("src_1", "audio/x-raw", decoded, backend);
     EXPECT_EQ(added(), 0);
     EXPECT_EQ(client.count(UVAEvent::NewMetadata), 1);
     const auto other = GstPtr<GstCaps>::adopt(gst_caps_from_string("audio/x-raw, rate=1"));
@@ -124,11 +117,10 @@ TEST_F(PipelineTest, FactoriesAreSortedForTheStream) {
     const auto sorted = [this](const char* caps) {
         GValueArray* factories = g_value_array_new(3);
         for (const char* name : {"identity", "noxvptsfilter", "queue"}) {
-            GValue value = G_VALUE_INIT;
-            g_value_init(&value, GST_TYPE_ELEMENT_FACTORY);
-            g_value_take_object(&value, gst_element_factory_find(name));
-            g_value_array_append(factories, &value);
-            g_value_unset(&value);
+            g_value_array_append(factories, nullptr);
+            GValue* value = g_value_array_get_nth(factories, factories->n_values - 1);
+            g_value_init(value, GST_TYPE_ELEMENT_FACTORY);
+            g_value_take_object(value, gst_element_factory_find(name));
         }
         const auto parsed = GstPtr<GstCaps>::adopt(gst_caps_from_string(caps));
         GValueArray* other =

@@ -131,19 +131,8 @@ TEST_F(SyslogTest, AnObjectsLockIsLeftAlone) {
     EXPECT_EQ(tail(lines[0].second), " 'the bin': the text\n");
 }
 
-TEST_F(SyslogTest, AnObjectMayBeRenamedMeanwhile) {
-    constexpr std::size_t rounds = 20000;
-    std::atomic<bool> done{false};
-    std::thread renaming([&] {
-        for (unsigned i = 0; !done; ++i)
-            gst_object_set_name(bin.get(), std::string(1 + i % 200, 'a').c_str());
-    });
-    for (std::size_t i = 0; i < rounds; ++i)
-        log(bin.get());
-    done = true;
-    renaming.join();
-    EXPECT_EQ(takeSyslog().size(), rounds);
-    // The memory of the old name may be gone for good when it is looked at.
+// As it may be where another thread renames the object meanwhile.
+TEST_F(SyslogTest, AnOldNamesMemoryMayBeGone) {
     const auto size = static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
     void* gone = mmap(nullptr, size, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
     ASSERT_NE(gone, MAP_FAILED);

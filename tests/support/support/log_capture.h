@@ -10,13 +10,13 @@
 
 namespace support {
 
-/// Collects what one debug category logs while it lives, at all levels up to LOG.
+/// Collects what one debug category logs while it lives, up to a level.
 class LogCapture {
 public:
-    explicit LogCapture(GstDebugCategory* category)
+    explicit LogCapture(GstDebugCategory* category, GstDebugLevel level = GST_LEVEL_LOG)
         : m_category(category), m_threshold(gst_debug_category_get_threshold(category)) {
         gst_debug_add_log_function(collect, this, nullptr);
-        gst_debug_category_set_threshold(category, GST_LEVEL_LOG);
+        gst_debug_category_set_threshold(category, level);
     }
     ~LogCapture() {
         gst_debug_category_set_threshold(m_category, m_threshold);

@@ -28,8 +28,7 @@ class RecordingClient : public UVAClient {
 public:
     using Hook = std::function<void(UVAEvent&)>;
 
-    RecordingClient() = default;
-    explicit RecordingClient(Hook ask) : hook(std::move(ask)) {}
+    explicit RecordingClient(Hook ask = nullptr) : hook(std::move(ask)) {}
 
     void deliverEvent(UVAEvent* event) override {
         std::unique_ptr<UVAEvent> owned(event);
@@ -48,20 +47,19 @@ public:
     }
 
     int count(UVAEvent::Type type) {
-        const std::lock_guard lock(m_mutex);
-        return static_cast<int>(std::count_if(m_events.begin(), m_events.end(),
-                                              [type](auto& e) { return e->type() == type; }));
+        const auto all = types();
+        return static_cast<int>(std::count(all.begin(), all.end(), type));
     }
 
-    /// The newest event of the class that belongs to the type, null when there is none. It lives
-    /// until clear().
+    /// The newest event of the class, null when there is none. It lives until clear().
     template <typename Event>
-    const Event* last(UVAEvent::Type type) {
+    const Event* last() {
         const std::lock_guard lock(m_mutex);
-        for (auto it = m_events.rbegin(); it != m_events.rend(); ++it)
-            if ((*it)->type() == type)
-                return static_cast<const Event*>(it->get());
-        return nullptr;
+        const Event* newest = nullptr;
+        for (const auto& event : m_events)
+            if (const auto* found = dynamic_cast<const Event*>(event.get()))
+                newest = found;
+        return newest;
     }
 
     void clear() {

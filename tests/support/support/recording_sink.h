@@ -22,9 +22,7 @@ struct Received {
     };
     std::vector<Buffer> buffers;
     std::vector<std::string> caps;
-    bool ended = false;
     int segments = 0;
-    std::size_t count = 0; ///< buffers, also when they are not kept
 };
 
 /// Takes the place of the simulated sinks in this process: "halvideosink" and "halaudiosink" that
@@ -39,25 +37,15 @@ public:
         const std::lock_guard lock(state().mutex);
         return state().received[sink];
     }
-    static std::size_t count(const std::string& sink) {
-        const std::lock_guard lock(state().mutex);
-        return state().received[sink].count;
-    }
-    static bool ended(const std::string& sink) {
-        const std::lock_guard lock(state().mutex);
-        return state().received[sink].ended;
-    }
-    static void clear(bool keepBuffers = true) {
+    static void clear() {
         const std::lock_guard lock(state().mutex);
         state().received.clear();
-        state().keep = keepBuffers;
     }
 
 private:
     struct State {
-        std::mutex mutex; // guards all below
+        std::mutex mutex; // guards what is below
         std::map<std::string, Received> received;
-        bool keep = true;
     };
     static State& state() {
         static State& s = *new State;
@@ -67,37 +55,26 @@ private:
     static GstFlowReturn render(GstBaseSink* sink, GstBuffer* buffer) {
         GstMapInfo map;
         gst_buffer_map(buffer, &map, GST_MAP_READ);
-        {
-            const std::lock_guard lock(state().mutex);
-            auto& received = state().received[GST_OBJECT_NAME(sink)];
-            ++received.count;
-            if (state().keep)
-                received.buffers.push_back({map.data,
-                                            {map.data, map.data + map.size},
-                                            GST_BUFFER_PTS(buffer),
-                                            GST_BUFFER_DTS(buffer),
-                                            GST_BUFFER_DURATION(buffer),
-                                            GST_BUFFER_FLAG_IS_SET(buffer, GST_BUFFER_FLAG_DISCONT),
-                                            sink->segment.start});
-        }
+        const std::lock_guard lock(state().mutex);
+        const std::vector<guint8> bytes(map.data, map.data + map.size);
+        const bool discont = GST_BUFFER_FLAG_IS_SET(buffer, GST_BUFFER_FLAG_DISCONT);
+        state().received[GST_OBJECT_NAME(sink)].buffers.push_back({map.data, bytes, buffer->pts,
+                                                                   buffer->dts, buffer->duration,
+                                                                   discont, sink->segment.start});
         gst_buffer_unmap(buffer, &map);
         return GST_FLOW_OK;
     }
     static gboolean setCaps(GstBaseSink* sink, GstCaps* caps) {
         gchar* text = gst_caps_to_string(caps);
-        {
-            const std::lock_guard lock(state().mutex);
-            state().received[GST_OBJECT_NAME(sink)].caps.emplace_back(text);
-        }
+        const std::lock_guard lock(state().mutex);
+        state().received[GST_OBJECT_NAME(sink)].caps.emplace_back(text);
         g_free(text);
         return TRUE;
     }
     static gboolean event(GstBaseSink* sink, GstEvent* event) {
-        {
+        if (GST_EVENT_TYPE(event) == GST_EVENT_SEGMENT) {
             const std::lock_guard lock(state().mutex);
-            auto& received = state().received[GST_OBJECT_NAME(sink)];
-            received.ended |= GST_EVENT_TYPE(event) == GST_EVENT_EOS;
-            received.segments += GST_EVENT_TYPE(event) == GST_EVENT_SEGMENT ? 1 : 0;
+            ++state().received[GST_OBJECT_NAME(sink)].segments;
         }
         return GST_BASE_SINK_CLASS(g_type_class_peek_parent(GST_BASE_SINK_GET_CLASS(sink)))
             ->event(sink, event);

@@ -9,7 +9,6 @@
 #include <gst/gsttracer.h>
 #include <gst/video/video.h>
 
-#include <chrono>
 #include <cmath>
 #include <map>
 #include <mutex>
@@ -19,12 +18,10 @@
 
 namespace support {
 
-/// A decoded buffer at the moment in which it was shown or heard.
+/// A decoded buffer that was shown or heard.
 struct Rendered {
-    double position = 0; ///< where in the media it begins, seconds
-    double duration = 0; ///< seconds
-    std::chrono::steady_clock::time_point time;
-    double late = 0;          ///< behind the clock, seconds
+    double position = 0;      ///< where in the media it begins, seconds
+    double duration = 0;      ///< seconds
     unsigned int flushes = 0; ///< that its sink had seen before
     std::string digest;       ///< MD5 of a frame's pixels, row padding left out
 };
@@ -32,9 +29,8 @@ struct Rendered {
 /// What one of the simulated sinks rendered since the last restart of the watch.
 struct RenderedStream {
     std::vector<Rendered> buffers;
-    std::vector<Rendered> prerolled; ///< what stands while playback is paused, and begins it
-    std::vector<float> sound;        ///< audio: the first channel, -1 to 1
-    int rate = 0;                    ///< audio: samples a second
+    std::vector<float> sound; ///< audio: the first channel, -1 to 1
+    int rate = 0;             ///< audio: samples a second
 };
 
 /// Watches the silent outputs inside all simulated sinks that this process makes, wherever their
@@ -100,54 +96,36 @@ private:
         return GST_PAD_PROBE_OK;
     }
 
-    static void onPreroll(GstElement* sink, GstBuffer* buffer, GstPad* pad, gpointer) {
+    static void onPreroll(GstElement* sink, GstBuffer*, GstPad*, gpointer) {
         auto& self = instance();
-        Options options;
-        {
-            const std::lock_guard lock(self.m_mutex);
-            options = self.m_options;
-        }
+        std::unique_lock lock(self.m_mutex);
+        const auto options = self.m_options;
+        lock.unlock();
         gst_base_sink_set_sync(GST_BASE_SINK(sink), options.clocked ? TRUE : FALSE);
         gst_base_sink_set_qos_enabled(GST_BASE_SINK(sink), options.drops ? TRUE : FALSE);
-        self.take(GST_BASE_SINK(sink), buffer, pad, true);
-    }
-    static void onRender(GstElement* sink, GstBuffer* buffer, GstPad* pad, gpointer) {
-        instance().take(GST_BASE_SINK(sink), buffer, pad, false);
     }
 
-    void take(GstBaseSink* sink, GstBuffer* buffer, GstPad* pad, bool preroll) {
+    static void onRender(GstElement* sink, GstBuffer* buffer, GstPad* pad, gpointer) {
+        auto& self = instance();
         Rendered rendered;
-        rendered.time = std::chrono::steady_clock::now();
-        const auto begin =
-            gst_segment_to_stream_time(&sink->segment, GST_FORMAT_TIME, GST_BUFFER_PTS(buffer));
+        const auto begin = gst_segment_to_stream_time(&GST_BASE_SINK(sink)->segment,
+                                                      GST_FORMAT_TIME, GST_BUFFER_PTS(buffer));
         rendered.position = GST_CLOCK_TIME_IS_VALID(begin) ? static_cast<double>(begin) / 1e9 : NAN;
-        rendered.late = lateness(sink, buffer);
         if (GST_BUFFER_DURATION_IS_VALID(buffer))
             rendered.duration = static_cast<double>(GST_BUFFER_DURATION(buffer)) / 1e9;
         GstCaps* caps = gst_pad_get_current_caps(pad);
         const bool isVideo = gst_structure_has_name(gst_caps_get_structure(caps, 0), "video/x-raw");
 
-        std::unique_lock lock(m_mutex);
-        rendered.flushes = m_flushes[pad];
-        auto& stream = isVideo ? m_video : m_audio;
-        if (m_options.contents && !preroll) {
-            if (isVideo)
-                rendered.digest = digestOf(buffer, caps);
-            else
-                addSound(buffer, caps, stream);
-        }
-        (preroll ? stream.prerolled : stream.buffers).push_back(std::move(rendered));
+        std::unique_lock lock(self.m_mutex);
+        rendered.flushes = self.m_flushes[pad];
+        auto& stream = isVideo ? self.m_video : self.m_audio;
+        if (self.m_options.contents && isVideo)
+            rendered.digest = digestOf(buffer, caps);
+        else if (self.m_options.contents)
+            addSound(buffer, caps, stream);
+        stream.buffers.push_back(std::move(rendered));
         lock.unlock();
         gst_caps_unref(caps);
-    }
-
-    static double lateness(GstBaseSink* sink, GstBuffer* buffer) {
-        const auto now = gst_element_get_current_running_time(GST_ELEMENT(sink));
-        const auto due =
-            gst_segment_to_running_time(&sink->segment, GST_FORMAT_TIME, GST_BUFFER_PTS(buffer));
-        if (!GST_CLOCK_TIME_IS_VALID(now) || !GST_CLOCK_TIME_IS_VALID(due))
-            return 0;
-        return static_cast<double>(GST_CLOCK_DIFF(due, now)) / 1e9;
     }
 
     static std::string digestOf(GstBuffer* buffer, GstCaps* caps) {
