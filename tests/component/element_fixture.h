@@ -73,21 +73,15 @@ public:
         const std::lock_guard lock(m_mutex);
         return m_statuses;
     }
-    std::size_t count() {
-        const std::lock_guard lock(m_mutex);
-        return m_count;
-    }
 
 private:
     void tell(const std::string& text) {
         const std::lock_guard lock(m_mutex);
         m_told.push_back(text);
-        ++m_count;
     }
 
     std::mutex m_mutex;
     std::vector<std::string> m_told;
-    std::size_t m_count = 0;
     host::Status m_status;
     int m_statuses = 0;
 };
@@ -143,6 +137,10 @@ protected:
     }
     void deliver(UVAEvent* event) {
         m_fake->client.load()->deliverEvent(event);
+        settle();
+    }
+    void seek(double target) {
+        m_element->seek(target);
         settle();
     }
     void answerSeek(SeekCompletedExEvent::SeekOutcome outcome) {
