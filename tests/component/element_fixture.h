@@ -65,16 +65,15 @@ public:
                 story += (story.empty() ? "" : "; ") + text;
         return story;
     }
-    host::Status status() {
-        const std::lock_guard lock(m_mutex);
-        return m_status;
-    }
-    int statuses() {
-        const std::lock_guard lock(m_mutex);
-        return m_statuses;
-    }
+    host::Status status() { return locked(m_status); }
+    int statuses() { return locked(m_statuses); }
 
 private:
+    template <typename Value>
+    Value locked(const Value& value) {
+        const std::lock_guard lock(m_mutex);
+        return value;
+    }
     void tell(const std::string& text) {
         const std::lock_guard lock(m_mutex);
         m_told.push_back(text);

@@ -133,11 +133,6 @@ TEST(Encryption, FollowsSampleGroupsAndNewBeginnings) {
     }
 }
 
-Bytes operator+(Bytes left, const Bytes& right) {
-    left.insert(left.end(), right.begin(), right.end());
-    return left;
-}
-
 TEST(Encryption, IsOnlyTakenAsItCanBeDecrypted) {
     AVPacket packet = {};
     packet.size = 100;

@@ -1,18 +1,7 @@
+#include "demux_fixture.h"
 #include "mp4_scan.h"
 
-#include <gtest/gtest.h>
-
-#include <algorithm>
-#include <sstream>
-
 namespace {
-
-using Bytes = std::vector<std::uint8_t>;
-
-Bytes operator+(Bytes left, const Bytes& right) {
-    left.insert(left.end(), right.begin(), right.end());
-    return left;
-}
 
 Bytes word(std::uint64_t value) {
     return {static_cast<std::uint8_t>(value >> 24), static_cast<std::uint8_t>(value >> 16),
