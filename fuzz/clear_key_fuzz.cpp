@@ -8,7 +8,6 @@
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
-#include <memory>
 #include <vector>
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size);
@@ -16,18 +15,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size);
 namespace {
 
 using Ranges = std::vector<UVADRMFullSampleDecrypter::Subsample>;
-
-/// Of exactly this size, so that the first byte behind it is noticed.
-struct Memory {
-    Memory(const uint8_t* from, size_t count) : bytes(new uint8_t[count]), size(count) {
-        std::copy_n(from, count, bytes.get());
-    }
-    bool operator==(const Memory& other) const {
-        return std::equal(bytes.get(), bytes.get() + size, other.bytes.get());
-    }
-    const std::unique_ptr<uint8_t[]> bytes;
-    const size_t size;
-};
+using Bytes = std::vector<uint8_t>; ///< of exactly the size: the first byte behind is noticed
 
 void require(bool holds) {
     if (!holds)
@@ -40,34 +28,29 @@ bool isInside(const Ranges& ranges, size_t size) {
     });
 }
 
-bool decryptRanges(UVADRMDecrypter* decrypter, const Memory& iv, const Memory& sample,
+bool decryptRanges(UVADRMDecrypter* decrypter, const Bytes& iv, Bytes& sample,
                    const Ranges& ranges) {
-    const uint8_t* vector = iv.bytes.get();
+    bool first = true;
     for (const auto& range : ranges) {
         if (range.length == 0)
             continue;
-        auto* const begin = sample.bytes.get() + range.offset;
-        if (decrypter->decrypt({vector, iv.size, begin, range.length, vector != nullptr},
+        auto* const begin = sample.data() + range.offset;
+        if (decrypter->decrypt({first ? iv.data() : nullptr, iv.size(), begin, range.length, first},
                                {begin, range.length}) != 0)
             return false;
-        vector = nullptr;
+        first = false;
     }
     return true;
 }
 
 /// What no range covers is as it was.
-bool keepsClearBytes(const Memory& before, const Memory& after, const Ranges& ranges) {
-    std::vector<bool> covered(before.size);
+bool keepsClearBytes(const Bytes& before, Bytes after, const Ranges& ranges) {
     for (const auto& range : ranges)
-        std::fill_n(covered.begin() + range.offset, range.length, true);
-    for (size_t i = 0; i < before.size; ++i) {
-        if (!covered[i] && before.bytes[i] != after.bytes[i])
-            return false;
-    }
-    return true;
+        std::copy_n(before.begin() + range.offset, range.length, after.begin() + range.offset);
+    return after == before;
 }
 
-void decryptBothWays(const std::vector<uint8_t>& keyId, const Memory& iv, const Memory& encrypted,
+void decryptBothWays(const Bytes& keyId, const Bytes& iv, const Bytes& encrypted,
                      const Ranges& ranges) {
     host::ClearKey keys(host::ClearKey::Interface::FullSample);
     keys.addKey({});
@@ -77,15 +60,15 @@ void decryptBothWays(const std::vector<uint8_t>& keyId, const Memory& iv, const 
     auto* const whole = static_cast<UVADRMFullSampleDecrypter*>(
         keys.getInterface(UVADRMFullSampleDecrypter::interfaceName));
 
-    const Memory atOnce(encrypted.bytes.get(), encrypted.size);
-    const bool decrypted = whole->decrypt(decrypter, {atOnce.bytes.get(), atOnce.size,
-                                                      iv.bytes.get(), iv.size, ranges}) == 0;
-    if (!isInside(ranges, encrypted.size)) {
+    Bytes atOnce = encrypted;
+    const bool decrypted = whole->decrypt(decrypter, {atOnce.data(), atOnce.size(), iv.data(),
+                                                      iv.size(), ranges}) == 0;
+    if (!isInside(ranges, encrypted.size())) {
         require(!decrypted && atOnce == encrypted);
         return;
     }
     require(keepsClearBytes(encrypted, atOnce, ranges));
-    const Memory piecemeal(encrypted.bytes.get(), encrypted.size);
+    Bytes piecemeal = encrypted;
     require(decryptRanges(decrypter, iv, piecemeal, ranges) == decrypted);
     require(piecemeal == atOnce);
 }
@@ -97,9 +80,8 @@ int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     constexpr size_t rangeSize = 8;
     if (size < headSize)
         return 0;
-    std::vector<uint8_t> keyId(16);
-    const std::vector<uint8_t> pattern(data, data + 2);
-    const Memory iv(std::vector<uint8_t>(data[2], 0xff).data(), data[2]);
+    Bytes keyId(16);
+    const Bytes pattern(data, data + 2), iv(data[2], 0xff);
     Ranges ranges(std::min<size_t>(data[3], (size - headSize) / rangeSize));
     data += headSize;
     size -= headSize;
@@ -109,7 +91,7 @@ int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         data += rangeSize;
         size -= rangeSize;
     }
-    const Memory sample(data, size);
+    const Bytes sample(data, data + size);
     decryptBothWays(keyId, iv, sample, ranges);
     keyId.insert(keyId.end(), pattern.begin(), pattern.end());
     decryptBothWays(keyId, iv, sample, ranges);

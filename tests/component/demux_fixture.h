@@ -17,6 +17,11 @@ using host::StreamInfo;
 using Bytes = std::vector<std::uint8_t>;
 using Samples = std::vector<std::unique_ptr<host::Sample>>;
 
+inline Bytes operator+(Bytes left, const Bytes& right) {
+    left.insert(left.end(), right.begin(), right.end());
+    return left;
+}
+
 /// "corpus:..." is a real file, anything else one that the build makes.
 inline std::string pathOf(const std::string& name) {
     constexpr std::string_view corpus = "corpus:";

@@ -65,29 +65,22 @@ public:
                 story += (story.empty() ? "" : "; ") + text;
         return story;
     }
-    host::Status status() {
-        const std::lock_guard lock(m_mutex);
-        return m_status;
-    }
-    int statuses() {
-        const std::lock_guard lock(m_mutex);
-        return m_statuses;
-    }
-    std::size_t count() {
-        const std::lock_guard lock(m_mutex);
-        return m_count;
-    }
+    host::Status status() { return locked(m_status); }
+    int statuses() { return locked(m_statuses); }
 
 private:
+    template <typename Value>
+    Value locked(const Value& value) {
+        const std::lock_guard lock(m_mutex);
+        return value;
+    }
     void tell(const std::string& text) {
         const std::lock_guard lock(m_mutex);
         m_told.push_back(text);
-        ++m_count;
     }
 
     std::mutex m_mutex;
     std::vector<std::string> m_told;
-    std::size_t m_count = 0;
     host::Status m_status;
     int m_statuses = 0;
 };
@@ -143,6 +136,10 @@ protected:
     }
     void deliver(UVAEvent* event) {
         m_fake->client.load()->deliverEvent(event);
+        settle();
+    }
+    void seek(double target) {
+        m_element->seek(target);
         settle();
     }
     void answerSeek(SeekCompletedExEvent::SeekOutcome outcome) {

@@ -261,8 +261,7 @@ TEST_F(FeedingTest, BeginsAnewWhereItIsSoughtTo) {
     request(2, 4);
     expectAsked(2, "read 4; ");
     expectAsked(1, "read 1; read 1; ");
-    m_element->seek(2);
-    settle();
+    seek(2);
     expectAsked(1, "seek 2; ");
     expectAsked(2, "seek 2; ");
     put(2, {1.75, 2});
@@ -274,8 +273,7 @@ TEST_F(FeedingTest, BeginsAnewWhereItIsSoughtTo) {
     request(2, 3);
     EXPECT_EQ(written(2), "2: from 2; 2: 1.75 2, 14 bytes");
     change(2, [](Content& content) { content.seekError = "no way back"; });
-    m_element->seek(0);
-    settle();
+    seek(0);
     expectAsked(2, "read 3; seek 0; ");
     EXPECT_NE(m_recorder.status().state, State::Failed) << "nobody wants it yet";
     request(2, 3);
@@ -311,8 +309,7 @@ TEST_F(FeedingTest, HoldsSamplesBackUntilTheirKeyIsThere) {
                                                   ".0 s; check the licence server");
     }
     bring();
-    m_element->seek(2);
-    settle();
+    seek(2);
     moveTo(2);
     request(2, 9);
     EXPECT_EQ(passUntil(State::Failed).count(), 4900) << "none is missing where it is sought to";

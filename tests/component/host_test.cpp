@@ -45,39 +45,17 @@ protected:
         ASSERT_EQ(m_recorder.status().state, state);
         m_recorder.story();
     }
-    void bringToSeek(double target) {
-        bring(State::Playing);
-        m_fake->answers->seek = SeekBehaviour::NeverAnswer;
-        m_element->seek(target);
-        settle();
-    }
+    std::string reason() { return m_recorder.status().reason; }
 
     std::string m_uri = "file:///clip";
 };
-
-TEST(BackendLibrary, SaysWhatIsWrongAndWhatToDo) {
-    const struct {
-        const char* path;
-        const char* text;
-    } cases[] = {
-        {"/nowhere/libnone.so", "/nowhere/libnone.so: cannot open shared object file"},
-        {HALF_BACKEND, "does not export UVA_ReleaseBackend"},
-        {"libm.so.6", "does not export UVA_RequestBackend"},
-    };
-    for (const auto& row : cases) {
-        const auto loaded = host::BackendLibrary::load(row.path);
-        EXPECT_EQ(loaded.library, nullptr);
-        EXPECT_NE(loaded.error.find(row.text), std::string::npos) << loaded.error;
-        EXPECT_NE(loaded.error.find("--backend"), std::string::npos) << loaded.error;
-    }
-}
 
 TEST_F(HostTest, DoesInEveryStateWhatIsAskedAndNoMore) {
     const std::pair<std::string, std::function<void()>> operations[] = {
         {"open", [&] { m_element->open("file:///other"); }},
         {"play", [&] { m_element->play(); }},
         {"pause", [&] { m_element->pause(); }},
-        {"seek", [&] { m_element->seek(5); }},
+        {"seek", [&] { seek(5); }},
         {"moves", [&] { moveTo(1.5); }},
         {"release", [&] { m_element->release(longBound); }},
         {"underrun", [&] { deliver(new BufferingStreamUnderrunEvent); }},
@@ -149,12 +127,12 @@ TEST_F(HostTest, GivesUpWhatDoesNotGetOn) {
     const auto metadata = [&] { deliver(new NewMetadataEvent(0, 2, 1, 1.0)); };
     const auto tracks = [&] { deliver(new MultiComponentChangedEvent({}, {})); };
     const auto known = [&] { m_fake->answers->duration = 9; };
+    const auto dry = [&] { deliver(new BufferingStreamUnderrunEvent); };
     const auto progress = [&] { deliver(new BufferingProgressEvent); };
-    const auto sought = [&] {
-        m_element->seek(7);
-        settle();
-    };
-    const std::string media = "the media cannot be played";
+    const auto sought = [&] { seek(7); };
+    const auto *file = "file:///x", *server = "http://h.example/x";
+    const std::string media = "the media cannot be played",
+                      unplayed = "nothing was played within 15.0 s";
     const struct {
         const char* what;
         const char* uri;
@@ -169,45 +147,42 @@ TEST_F(HostTest, GivesUpWhatDoesNotGetOn) {
         {"connecting", "http://h.example:8/x", State::Buffering, nullptr, 100, 10000,
          "no media came from h.example within 10.0 s", "nothing can be fetched from h.example",
          network},
-        {"connected", "http://h.example/x", State::Buffering, metadata, 100, 15000,
-         "nothing was played within 15.0 s", media, look},
-        {"... tracks", "http://h.example/x", State::Buffering, tracks, 100, 15000,
-         "nothing was played within 15.0 s", media, look},
-        {"... a length", "http://h.example/x", State::Buffering, known, 100, 15000,
-         "nothing was played within 15.0 s", media, look},
-        {"opening", "file:///x", State::Buffering, nullptr, 100, 15000,
-         "nothing was played within 15.0 s", media, look},
-        {"decoder asked for", "file:///x", State::Buffering, decoder, 4500, 15000,
-         "nothing was played within 15.0 s", media, look},
-        {"playing", "file:///x", State::Playing, nullptr, 0, 5000,
+        {"connected", server, State::Buffering, metadata, 100, 15000, unplayed, media, look},
+        {"... tracks", server, State::Buffering, tracks, 100, 15000, unplayed, media, look},
+        {"... a length", server, State::Buffering, known, 100, 15000, unplayed, media, look},
+        {"opening", file, State::Buffering, nullptr, 100, 15000, unplayed, media, look},
+        {"decoder asked for", file, State::Buffering, decoder, 4500, 15000, unplayed, media, look},
+        {"playing", file, State::Playing, nullptr, 0, 5000,
          "stalled at 1.0 s: nothing moved for 5.0 s", "stopped at 1.0 s", look},
-        {"playing from a server", "http://h.example/x", State::Playing, nullptr, 0, 10000,
+        {"playing from a server", server, State::Playing, nullptr, 0, 10000,
          "stalled at 1.0 s: no data came from h.example for 10.0 s",
          "stopped at 1.0 s: no more can be had from h.example", network},
-        {"dry", "file:///x", State::Playing, [&] { deliver(new BufferingStreamUnderrunEvent); },
-         100, 10000, "stalled at 1.0 s: no data came from the media's file for 10.0 s",
+        {"dry", file, State::Playing, dry, 100, 10000,
+         "stalled at 1.0 s: no data came from the media's file for 10.0 s",
          "stopped at 1.0 s: no more can be had from the media's file", network},
-        {"a seek", "http://h.example/x", State::Seeking, nullptr, 100, 10000,
+        {"a seek", server, State::Seeking, nullptr, 100, 10000,
          "the seek to 10.0 s did not complete within 10.0 s", "the seek to 10.0 s failed", look},
-        {"behind a seek", "file:///x", State::Playing, sought, 100, 10000,
+        {"behind a seek", file, State::Playing, sought, 100, 10000,
          "the seek to 7.0 s did not complete within 10.0 s", "the seek to 7.0 s failed", look},
-        {"paused", "file:///x", State::Paused, nullptr, 0, 0, "", "", ""},
-        {"not played", "file:///x", State::Opening, nullptr, 0, 0, "", "", ""},
+        {"paused", file, State::Paused, nullptr, 0, 0, "", "", ""},
+        {"not played", file, State::Opening, nullptr, 0, 0, "", "", ""},
     };
     std::string error;
     m_options.takeError = [&] { return std::exchange(error, {}); };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.what);
         m_uri = row.uri;
-        const auto give = [&](std::optional<milliseconds> bound, std::string found) {
+        const auto start = [&](std::optional<milliseconds> bound) {
             m_options.noProgress = bound;
             bring(row.state);
             if (row.prepare)
                 row.prepare();
+        };
+        const auto give = [&](std::optional<milliseconds> bound, std::string found) {
+            start(bound);
             error = std::move(found);
             return passUntil(State::Failed).count();
         };
-        const auto reason = [&] { return m_recorder.status().reason; };
         if (row.bound == 0) {
             EXPECT_EQ(give({}, ""), 60000);
             EXPECT_EQ(give(milliseconds(300), "E"), 60000);
@@ -222,10 +197,7 @@ TEST_F(HostTest, GivesUpWhatDoesNotGetOn) {
         EXPECT_NE(reason().find(" 0.3 s"), std::string::npos) << reason();
         EXPECT_EQ(give(milliseconds(0), ""), 60000) << "told to wait for ever";
         // What comes, or moves, starts it anew; a process that was stopped has not watched.
-        m_options.noProgress.reset();
-        bring(row.state);
-        if (row.prepare)
-            row.prepare();
+        start({});
         pass(milliseconds(row.before + row.bound - 200));
         progress();
         *m_now += 60000;
@@ -279,18 +251,16 @@ TEST_F(HostTest, FailsWithTheReasonThatItIsGiven) {
         bring(State::Buffering);
         error = row.error;
         row.happen();
-        EXPECT_EQ(m_recorder.status().reason, row.reason);
+        EXPECT_EQ(reason(), row.reason);
         EXPECT_EQ(m_recorder.status().state, State::Failed);
     }
 }
 
 TEST_F(HostTest, KeepsOneSeekUnderWayAndTheNewestWaiting) {
-    bringToSeek(10);
-    m_element->seek(20);
-    m_element->seek(30);
-    settle();
-    EXPECT_EQ(m_recorder.story().substr(0, 42), "-> seeking; setPosition(10)=1; !CancelData");
-    EXPECT_EQ(called("seek 30"), 0);
+    bring(State::Seeking);
+    seek(20);
+    seek(30);
+    EXPECT_EQ(m_recorder.story() + "; " + calls().back(), "seek to 20 replaced; cancelled");
     m_fake->answers->seek = SeekBehaviour::Complete;
     answerSeek(Outcome::Succeeded);
     EXPECT_EQ(m_recorder.story(),
@@ -321,8 +291,7 @@ TEST_F(HostTest, AnswersASeekWithWhatBecameOfIt) {
         SCOPED_TRACE(row.story);
         bring(row.from);
         m_fake->answers->seek = SeekBehaviour::NeverAnswer;
-        m_element->seek(7);
-        settle();
+        seek(7);
         m_recorder.story();
         answerSeek(row.outcome);
         const auto story = m_recorder.story();
@@ -331,8 +300,7 @@ TEST_F(HostTest, AnswersASeekWithWhatBecameOfIt) {
     // Before something was played it waits; what cannot be sought to at all is told at once.
     bring(State::Buffering);
     m_element->seek(10);
-    m_element->seek(std::numeric_limits<double>::quiet_NaN());
-    settle();
+    seek(std::numeric_limits<double>::quiet_NaN());
     EXPECT_EQ(m_recorder.story(), "seek to nan failed");
     moveTo(0.1);
     EXPECT_EQ(called("seek 10"), 1);
@@ -342,16 +310,14 @@ TEST_F(HostTest, AnswersASeekWithWhatBecameOfIt) {
     EXPECT_EQ(called("seek 10"), 1) << "an end was reached";
     bring(State::Playing);
     m_fake->answers->seek = SeekBehaviour::Refuse;
-    m_element->seek(7);
-    settle();
+    seek(7);
     EXPECT_EQ(m_recorder.story(),
               "-> seeking; setPosition(7)=0; !SeekCompletedEx(2); seek to 7 failed; -> buffering");
-    bringToSeek(8);
-    m_element->seek(9);
-    m_recorder.story();
+    bring(State::Seeking);
+    seek(9);
     m_element->release(longBound);
     EXPECT_EQ(m_recorder.story(),
-              "seek to 8 aborted; seek to 9 aborted; UVA_ReleaseBackend()=true");
+              "seek to 10 aborted; seek to 9 aborted; UVA_ReleaseBackend()=true");
 }
 
 /// An end and a seek, in every order. The media is 100 s long, if that is known.
@@ -381,11 +347,7 @@ TEST_F(HostTest, TellsTheEndBehindASeekFromTheOneBeforeIt) {
         {"there, at once", 0, 99.5, {completed, at(100), end}, 300},
         {"in front of the target", 0, 99.5, {completed, at(99.2), end}, 300},
         {"at the target", 0, 99.5, {completed, at(99.25), end}, 5000},
-        {"there, before the seek's answer, length unknown",
-         0,
-         99.5,
-         {end, at(100), completed},
-         400},
+        {"... before the answer", 0, 99.5, {end, at(100), completed}, 400},
         {"an old one, before the answer", 100, 50, {end, at(50), completed, stands, moves}, -1},
         {"an old one, behind the answer", 100, 50, {at(50), completed, end, stands, moves}, -1},
         {"an old one, late", 0, 50, {at(50), completed, moves, end, moves}, -1},
@@ -396,38 +358,34 @@ TEST_F(HostTest, TellsTheEndBehindASeekFromTheOneBeforeIt) {
         bring(State::Playing);
         deliver(new NewMetadataEvent(row.duration, 2, 1, 1.0));
         m_fake->answers->seek = SeekBehaviour::NeverAnswer;
-        m_element->seek(row.target);
-        settle();
+        seek(row.target);
         for (const auto& step : row.steps)
             step();
         if (row.ends < 0) {
             EXPECT_EQ(m_recorder.status().state, State::Playing);
             end();
         }
-        const auto passed = passUntil(State::Ended, seconds(11)).count();
-        EXPECT_EQ(passed, row.ends < 0 ? 200 : row.ends) << m_recorder.status().reason;
+        EXPECT_EQ(passUntil(State::Ended, seconds(11)).count(), row.ends < 0 ? 200 : row.ends)
+            << reason();
     }
 }
 
 TEST_F(HostTest, EndsOrTellsWhyThatIsNone) {
-    bring(State::Buffering);
-    deliver(new PlaybackFinishedEvent(0, 0));
-    EXPECT_EQ(m_recorder.status().state, State::Ended) << "a clip that never moved";
     for (const double duration : {0.25, 0.5}) {
         bring(State::Buffering);
         m_fake->answers->duration = duration;
         deliver(new PlaybackFinishedEvent(0, 0));
-        EXPECT_EQ(m_recorder.status().reason,
-                  duration > 0.25 ? "the media ended before anything was played of its 0.5 s; it "
-                                    "seems to be cut off: get it anew"
-                                  : "");
+        EXPECT_EQ(reason(), duration > 0.25
+                                ? "the media ended before anything was played of its 0.5 s; it "
+                                  "seems to be cut off: get it anew"
+                                : "");
     }
     std::string error;
     m_options.takeError = [&] { return std::exchange(error, {}); };
     bring(State::Playing);
     error = "E";
     deliver(new PlaybackFinishedEvent(0, 0));
-    EXPECT_EQ(m_recorder.status().reason, std::string("stopped at 1.0 s (GStreamer: E)") + look);
+    EXPECT_EQ(reason(), std::string("stopped at 1.0 s (GStreamer: E)") + look);
     error = "of what was played before";
     bring(State::Playing);
     deliver(new PlaybackFinishedEvent(0, 0));
@@ -435,11 +393,10 @@ TEST_F(HostTest, EndsOrTellsWhyThatIsNone) {
     // A seek asks for it anew: what was wrong before it may not be wrong there.
     bring(State::Playing);
     error = "E";
-    m_element->seek(3);
-    settle();
+    seek(3);
     moveTo(3);
     EXPECT_EQ(passUntil(State::Failed).count(), 4900) << "of the tick it is known since when";
-    EXPECT_EQ(m_recorder.status().reason.substr(0, 16), "stalled at 3.0 s");
+    EXPECT_EQ(reason().substr(0, 16), "stalled at 3.0 s");
 }
 
 TEST_F(HostTest, TellsWhatIsKnownOfTheMedia) {
@@ -532,21 +489,18 @@ TEST_F(HostTest, AnswersADecoderRequestWithinItsDelivery) {
         EXPECT_EQ(m_recorder.story(), std::string("!BackendResourceRequestAsync(true); "
                                                   "eventCompleted(BackendResourceRequestAsync, ") +
                                           (granted ? "true)=1" : "false)=1"));
-    }
-    for (const auto policy : {host::ResourcePolicy::Deny, host::ResourcePolicy::Grant}) {
-        m_options.resources = policy;
         renew();
         m_fake->answers->asksEarly = true;
         m_element->open(m_uri);
         settle();
-        EXPECT_EQ(calls().back(), policy == host::ResourcePolicy::Deny ? "denied" : "granted");
+        EXPECT_EQ(calls().back(), granted ? "granted" : "denied");
     }
     for (const bool refused : {true, false}) {
         renew();
         (refused ? m_fake->answers->refuseMedia : m_fake->answers->giveNothing) = true;
         m_element->open(m_uri);
         settle();
-        EXPECT_EQ(m_recorder.status().reason,
+        EXPECT_EQ(reason(),
                   refused ? "the backend did not take the media (initBackend answered 2); see the "
                             "system log"
                           : "the library gave no backend; its own message on standard output says "
@@ -561,15 +515,14 @@ TEST_F(HostTest, IsSilentOnceReleasedWhateverIsInFlight) {
         while (!stop)
             client->deliverEvent(new VideoFrameAvailableEvent(1));
     });
-    const auto before = m_recorder.count();
-    ASSERT_TRUE(waitUntil([&] { return m_recorder.count() > before + 100; }));
+    ASSERT_TRUE(waitUntil([&] { return !m_recorder.story().empty(); }));
     EXPECT_TRUE(m_element->release(longBound));
-    const auto count = m_recorder.count();
+    m_recorder.story();
     const auto statuses = m_recorder.statuses();
     stop = true;
     flood.join();
     m_loop->stop(longBound);
-    EXPECT_EQ(m_recorder.count(), count);
+    EXPECT_EQ(m_recorder.story(), "");
     EXPECT_EQ(m_recorder.statuses(), statuses);
     EXPECT_EQ(m_fake->living, 0);
     EXPECT_EQ(m_element->capture().get().error, "the event loop has ended");
@@ -584,12 +537,12 @@ TEST_F(HostTest, LeavesAHangingBackendBehind) {
     EXPECT_EQ(m_element->operationUnderWay()->name, "setPosition");
     EXPECT_EQ(m_element->operationUnderWay()->since, m_loop->now());
     EXPECT_FALSE(m_element->release(milliseconds(50)));
-    const auto count = m_recorder.count();
+    m_recorder.story();
     m_element.reset();
     m_fake->answers->unblock = true;
     EXPECT_TRUE(waitUntil([&] { return m_fake->living == 0; })); // the late release
     EXPECT_TRUE(m_loop->stop(longBound));
-    EXPECT_EQ(m_recorder.count(), count);
+    EXPECT_EQ(m_recorder.story(), "");
 }
 
 TEST_F(HostTest, RunsTimersAndTasksInTheirOrder) {
@@ -615,13 +568,12 @@ TEST_F(HostTest, RunsTimersAndTasksInTheirOrder) {
     // What a task holds may post as it goes.
     m_loop->post([held = std::shared_ptr<void>(
                       nullptr, [&](void*) { m_loop->post([&] { ran += "!"; }); })] {});
-    EXPECT_EQ(at(0), "tu!");
+    settle();
+    EXPECT_EQ(ran, "!");
 }
 
 TEST(EventLoop, LeavesAHangingTaskBehindAndTakesNoMore) {
-    std::promise<void> begun;
-    std::promise<void> go;
-    std::promise<void> done;
+    std::promise<void> begun, go, done;
     host::EventLoop loop;
     loop.post([&, wait = go.get_future().share()] {
         begun.set_value();

@@ -61,27 +61,13 @@ TEST(UvaHostOptions, ReadsTimesAndWindows) {
     EXPECT_EQ(parsed.options->window->height, 360);
     EXPECT_EQ(parsed.options->media, (std::vector<std::string>{"a", "b"}));
 
-    const struct {
-        const char* text;
-        double seconds; // negative: no time
-    } times[] = {{"0", 0},
-                 {"12.25", 12.25},
-                 {"1:00:02.5", 3602.5},
-                 {".5", 0.5},
-                 {"", -1},
-                 {"1:", -1},
-                 {":1", -1},
-                 {"1.5:00", -1},
-                 {"1..5", -1},
-                 {".", -1},
-                 {"1e3", -1},
-                 {"-1", -1},
-                 {"1:60", -1},
-                 {"inf", -1},
-                 {"1:2:3:4", -1},
-                 {"99999999999999999999", -1}};
-    for (const auto& row : times)
-        EXPECT_EQ(parseTime(row.text).value_or(-1), row.seconds) << row.text;
+    const std::pair<const char*, double> times[] = {
+        {"0", 0}, {"12.25", 12.25}, {"1:00:02.5", 3602.5}, {".5", 0.5}};
+    for (const auto& [text, seconds] : times)
+        EXPECT_EQ(parseTime(text), seconds) << text;
+    for (const char* none : {"", "1:", ":1", "1.5:00", "1..5", ".", "1e3", "-1", "1:60", "inf",
+                             "1:2:3:4", "99999999999999999999"})
+        EXPECT_FALSE(parseTime(none)) << none;
 }
 
 TEST(UvaHostOptions, ReadsTheParametersOfAContentType) {
@@ -222,6 +208,9 @@ TEST_F(UvaHostRun, SaysWhyItFails) {
         {UVA_HOST " nothing.mp4", "nothing.mp4: No such file"},
         {UVA_HOST " .", ".: is a directory"},
         {UVA_HOST " *.mp4 --backend ./none.so", "cannot load the backend library"},
+        {UVA_HOST " *.mp4 --backend /none.so", "/none.so: cannot open shared object file"},
+        {UVA_HOST " *.mp4 --backend " HALF_BACKEND, "does not export UVA_ReleaseBackend"},
+        {UVA_HOST " *.mp4 --backend libm.so.6", "does not export UVA_RequestBackend"},
         {UVA_HOST " *.mp4 --timeline none/t.json", "cannot write 'none/t.json'"},
         {UVA_HOST " *.mp4 --timeline /dev/full", "cannot write '/dev/full'"},
         {UVA_HOST " *.mp4 --graph g.svg", "no pipeline graph"},

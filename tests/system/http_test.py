@@ -12,7 +12,6 @@ import re
 import socket
 import sys
 import threading
-import time
 import unittest
 
 sys.path.insert(0, os.path.join(os.path.dirname(__file__), "..", "support"))
@@ -100,35 +99,24 @@ class Http(unittest.TestCase):
     def setUp(self):
         Handler.requests.clear()
 
-    def assert_network_error(self, run):
-        self.assertEqual(run.code, 1, run.report())
-        self.assertTrue(run.named("BufferingNetworkError"), run.report())
-        self.assertRegex(run.errors, r"127\.0\.0\.1 does not answer as it should \(GStreamer: source: .+\)")
-
     def test_ranges_and_seek(self):
-        run = Run(self.base + "/ranges/clip.mp4", "--seek", "4")
+        run = Run(self.base + "/redirect/clip.mp4", "--seek", "4")
         self.assertEqual(run.code, 0, run.report())
+        self.assertEqual(Handler.requests[0][0], "/redirect/clip.mp4")
         self.assertTrue(any(wanted and wanted != "bytes=0-" for _, wanted, _ in Handler.requests),
                         Handler.requests)
+        self.assertTrue(all("uva-host" in (agent or "") for _, _, agent in Handler.requests), Handler.requests)
 
     def test_whole_file_without_ranges(self):
         run = Run(self.base + "/plain/h264-aac.ts")
         self.assertEqual(run.code, 0, run.report())
 
-    def test_redirect(self):
-        run = Run(self.base + "/redirect/h264-aac.mp4")
-        self.assertEqual(run.code, 0, run.report())
-        self.assertGreaterEqual(len(Handler.requests), 2)
-
-    def test_user_agent_reaches_the_server(self):
-        Run(self.base + "/ranges/h264-aac.mp4", "--duration", "0.2")
-        self.assertTrue(all("uva-host" in (agent or "") for _, _, agent in Handler.requests),
-                        Handler.requests)
-
     def test_not_found(self):
-        started = time.monotonic()
-        self.assert_network_error(Run(self.base + "/ranges/nothing.mp4"))
-        self.assertLess(time.monotonic() - started, 30)
+        run = Run(self.base + "/ranges/nothing.mp4")
+        self.assertEqual(run.code, 1, run.report())
+        self.assertTrue(run.named("BufferingNetworkError"), run.report())
+        self.assertRegex(run.errors, r"127\.0\.0\.1 does not answer as it should \(GStreamer: source: .+\)")
+        self.assertLess(run.seconds_between("play", "UVA_ReleaseBackend"), PROMPT)
 
     def test_refused_connection(self):
         with socket.socket() as closed:
@@ -143,8 +131,7 @@ class Http(unittest.TestCase):
     def test_a_server_that_stalls_is_named(self):
         rows = [
             ("/silent/clip.mp4", (), r": no media came from 127\.0\.0\.1 within 10\.0 s; check the address"),
-            ("/stalled/clip.mp4", (), r": stalled at [\d.]+ s: no data came from 127\.0\.0\.1 for 10\.0 s; check the address"),
-            ("/stalled/clip.mp4", ("--no-progress-timeout", "2"), r"no data came from 127\.0\.0\.1 for 2\.0 s; "),
+            ("/stalled/clip.mp4", ("--no-progress-timeout", "2"), r": stalled at [\d.]+ s: no data came from 127\.0\.0\.1 for 2\.0 s; check "),
             ("/silent/clip.mp4", ("--mse", "--no-progress-timeout", "2"), r": no media came from 127\.0\.0\.1 within 2\.0 s; "),
         ]
         with concurrent.futures.ThreadPoolExecutor(len(rows)) as pool:

@@ -98,23 +98,18 @@ class Cipher:
 
     def encrypt(self, key, vector, data, parts):
         """The sample; `parts` are its ranges of clear and encrypted bytes."""
-        clear, secret, at = [], b"", 0
-        for start, size in parts:
-            clear.append(data[at:at + start])
-            secret += data[at + start:at + start + size]
-            at += start + size
-        secret = self.apply(key, vector, secret)
-        for start, (_, size) in zip(clear, parts):
-            data, secret = data + start + secret[:size], secret[size:]
-        return data[at:]
-
-    def apply(self, key, vector, data):
-        out, length = ctypes.create_string_buffer(len(data)), ctypes.c_int()
+        out, length, at = ctypes.create_string_buffer(len(data)), ctypes.c_int(), 0
         cipher = ctypes.c_void_p(self.crypto.EVP_aes_128_ctr())
         if self.crypto.EVP_EncryptInit_ex(self.context, cipher, None, key, vector) != 1 \
-                or self.crypto.EVP_EncryptUpdate(self.context, out, ctypes.byref(length), data, len(data)) != 1:
+                or self.crypto.EVP_EncryptUpdate(self.context, out, ctypes.byref(length), bytes(len(data)), len(data)) != 1:
             sys.exit("libcrypto does not encrypt")
-        return out.raw
+        stream, data = iter(out.raw), bytearray(data)
+        for clear, secret in parts:
+            at += clear
+            for i in range(at, at + secret):
+                data[i] ^= next(stream)
+            at += secret
+        return bytes(data)
 
 
 def parts_of(sample, is_video):

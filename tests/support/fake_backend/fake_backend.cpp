@@ -51,7 +51,9 @@ public:
 
     ~FakeBackend() override {
         control().note("release");
-        stopClip();
+        m_stopClip = true;
+        if (m_clip.joinable())
+            m_clip.join();
         m_uvaClient->deliverEvent(new PlaybackFinishedEvent(0, 0)); // as a draining bus may
         --control().living;
     }
@@ -195,12 +197,6 @@ private:
         }
         if (!m_stopClip && std::getenv("FAKE_CLIP_STALLS") == nullptr)
             m_uvaClient->deliverEvent(new PlaybackFinishedEvent(0, 0));
-    }
-
-    void stopClip() {
-        m_stopClip = true;
-        if (m_clip.joinable())
-            m_clip.join();
     }
 
     std::thread m_clip;
