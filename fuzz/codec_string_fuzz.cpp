@@ -6,13 +6,7 @@
 #include "gstnox_backend.h"
 #include "uva/uva_event.h"
 
-#include <cstddef>
-#include <cstdint>
 #include <sstream>
-
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size);
-
-using fuzz::require;
 
 namespace {
 

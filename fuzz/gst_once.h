@@ -1,19 +1,12 @@
 #ifndef GST_ONCE_H
 #define GST_ONCE_H
 
+#include "fuzz_target.h"
 #include "gstnox_plugin.h"
 
 #include <gst/gst.h>
 
-#include <cstdlib>
-
 namespace fuzz {
-
-/// Aborts, which is what a fuzzer finds.
-inline void require(bool holds) {
-    if (!holds)
-        abort();
-}
 
 inline void readLine(GstDebugCategory*, GstDebugLevel, const gchar*, const gchar*, gint, GObject*,
                      GstDebugMessage* message, gpointer) {

@@ -6,12 +6,6 @@
 #include "gst_ptr.h"
 
 #include <algorithm>
-#include <cstddef>
-#include <cstdint>
-
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size);
-
-using fuzz::require;
 
 int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     fuzz::startGst();

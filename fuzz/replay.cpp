@@ -1,14 +1,12 @@
 // Feeds the files of the given folders to a fuzz target, so that its corpus is an ordinary test.
 
-#include <cstddef>
-#include <cstdint>
+#include "fuzz_target.h"
+
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <vector>
-
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size);
 
 int main(int argc, char** argv) {
     size_t count = 0;

@@ -5,16 +5,12 @@
 #include "debug/mshell.h"
 #include "debug/zant_trace_core.h"
 #include "debug/zant_trace_mshell.h"
+#include "fuzz_target.h"
 #include "messaging/thread_object_mshell.h"
 #include "messaging/zant_msg_queue_mshell.h"
 
-#include <cstddef>
-#include <cstdint>
-#include <cstdlib>
 #include <memory>
 #include <string>
-
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size);
 
 namespace {
 
@@ -29,11 +25,6 @@ bool registerCommands() {
 bool mayRun(const std::string& name) {
     return name != "m_sleep" && name != "m_starttracingtoscreen" &&
            name != "m_stoptracingtoscreen" && name != "m_traceusesyslog";
-}
-
-void require(bool holds) {
-    if (!holds)
-        abort();
 }
 
 } // namespace

@@ -7,14 +7,8 @@
 #include "uva/uva_stream_config.h"
 
 #include <algorithm>
-#include <cstddef>
-#include <cstdint>
 #include <cstring>
 #include <iterator>
-
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size);
-
-using fuzz::require;
 
 namespace {
 

@@ -5,13 +5,7 @@
 #include "gst_once.h"
 #include "gst_ptr.h"
 
-#include <cstddef>
-#include <cstdint>
 #include <cstring>
-
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size);
-
-using fuzz::require;
 
 int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     fuzz::startGst();

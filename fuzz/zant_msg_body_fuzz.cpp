@@ -2,21 +2,16 @@
 // drained without a crash, and never become a payload.
 
 #include "debug/zant_trace_core.h"
-#include "messaging/pointer_tokens.h"
+#include "fuzz_target.h"
 #include "messaging/time_out_timer.h"
 #include "messaging/zant_msg.h"
 #include "messaging/zant_msg_queue.h"
 
 #include <algorithm>
-#include <cstddef>
-#include <cstdint>
-#include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
 #include <string>
 #include <unistd.h>
-
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size);
 
 namespace {
 
@@ -24,8 +19,7 @@ CZantMsgQueue& openQueue() {
     static CZantMsgQueue queue;
     static const int32_t opened = queue.Open(("/zant_fuzz_" + std::to_string(getpid())).c_str(),
                                              O_RDWR | O_CREAT | O_NONBLOCK, 0600, 10, true);
-    if (opened != 0)
-        abort();
+    require(opened == 0);
     return queue;
 }
 
@@ -37,14 +31,12 @@ int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     CZantMsg mine(517);
     mine.signalPtr = ::operator new(8);
     mine.signalSize = 8;
-    if (queue.Send(&mine, 0) != 0)
-        abort();
+    require(queue.Send(&mine, 0) == 0);
 
     size_t sent = 0;
     for (; size > 0 && sent < 9; ++sent) {
         const size_t length = std::min<size_t>(size, 48);
-        if (mq_send(queue.handle, reinterpret_cast<const char*>(data), length, 1) != 0)
-            abort();
+        require(mq_send(queue.handle, reinterpret_cast<const char*>(data), length, 1) == 0);
         data += length;
         size -= length;
     }

@@ -7,8 +7,9 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <condition_variable>
+#include <atomic>
 #include <functional>
+#include <future>
 #include <mutex>
 #include <string>
 #include <utility>
@@ -55,14 +56,9 @@ public:
     }
     /// "EOS", the text of an error, or "" when neither came in time.
     std::string finish() {
-        std::string end;
-        support::waitUntil(
-            [&] {
-                drain([&](GstMessage* message) { noteEnd(message, end); });
-                return !end.empty();
-            },
-            std::chrono::seconds(60));
-        return end;
+        m_end.clear();
+        support::waitUntil([&] { return drain(), !m_end.empty(); }, std::chrono::seconds(60));
+        return m_end;
     }
     bool playToEnd() { return setState(GST_STATE_PLAYING) && finish() == "EOS"; }
     bool seek(double seconds) {
@@ -79,7 +75,7 @@ public:
 
     /// Application messages as "source-factory: structure", in the order of the bus.
     std::vector<std::string> said(const std::string& name) {
-        drain([](GstMessage*) {});
+        drain();
         std::vector<std::string> result;
         for (const auto& text : m_said)
             if (text.find(name) != std::string::npos)
@@ -184,8 +180,7 @@ private:
         return GST_PAD_PROBE_OK;
     }
 
-    template <typename Note>
-    void drain(Note note) {
+    void drain() {
         while (auto* message = gst_bus_pop(m_bus)) {
             if (GST_MESSAGE_TYPE(message) == GST_MESSAGE_APPLICATION) {
                 gchar* text = gst_structure_to_string(gst_message_get_structure(message));
@@ -194,18 +189,18 @@ private:
             }
             if (gst_message_has_name(message, "missing-plugin"))
                 m_missingPlugin = true;
-            note(message);
+            noteEnd(message);
             gst_message_unref(message);
         }
     }
-    static void noteEnd(GstMessage* message, std::string& end) {
-        if (GST_MESSAGE_TYPE(message) == GST_MESSAGE_EOS && end.empty())
-            end = "EOS";
-        if (GST_MESSAGE_TYPE(message) != GST_MESSAGE_ERROR || !end.empty())
+    void noteEnd(GstMessage* message) {
+        if (GST_MESSAGE_TYPE(message) == GST_MESSAGE_EOS && m_end.empty())
+            m_end = "EOS";
+        if (GST_MESSAGE_TYPE(message) != GST_MESSAGE_ERROR || !m_end.empty())
             return;
         GError* error = nullptr;
         gst_message_parse_error(message, &error, nullptr);
-        end = error->message;
+        m_end = error->message;
         g_error_free(error);
     }
 
@@ -214,6 +209,7 @@ private:
     GstElement* const m_pipeline;
     GstBus* const m_bus;
     std::vector<std::string> m_said;
+    std::string m_end; // see finish()
     bool m_missingPlugin = false;
     std::mutex m_mutex; // guards what follows
     std::vector<std::string> m_requests;
@@ -225,31 +221,18 @@ private:
 class Held {
 public:
     int wait() {
-        std::unique_lock lock(m_mutex);
         ++m_inside;
-        m_changed.wait(lock, [this] { return m_open; });
+        const int answer = m_answer.get();
         --m_inside;
-        return m_answer;
+        return answer;
     }
-    void release(int answer) {
-        {
-            const std::lock_guard lock(m_mutex);
-            m_open = true;
-            m_answer = answer;
-        }
-        m_changed.notify_all();
-    }
-    int inside() {
-        const std::lock_guard lock(m_mutex);
-        return m_inside;
-    }
+    void release(int answer) { m_released.set_value(answer); }
+    int inside() const { return m_inside; }
 
 private:
-    std::mutex m_mutex; // guards all
-    std::condition_variable m_changed;
-    bool m_open = false;
-    int m_answer = 0;
-    int m_inside = 0;
+    std::promise<int> m_released;
+    const std::shared_future<int> m_answer = m_released.get_future().share();
+    std::atomic<int> m_inside{0};
 };
 
 #endif

@@ -25,9 +25,7 @@ class _Result(unittest.TestResult):
         super().addError(test, err)
         self._report(test, err)
 
-    def addFailure(self, test, err):
-        super().addFailure(test, err)
-        self._report(test, err)
+    addFailure = addError
 
     def addSubTest(self, test, subtest, err):
         super().addSubTest(test, subtest, err)

@@ -16,7 +16,6 @@
 #include <gtest/gtest.h>
 #include <map>
 #include <mutex>
-#include <ostream>
 #include <sched.h>
 #include <string>
 #include <utility>
@@ -81,35 +80,26 @@ private:
     std::atomic<Mutex*> m_mutex{nullptr};
 };
 
-/// Keeps what would go to the main system.
+/// Keeps what would go to the main system: "signal(parameter)#cookies payload", the latter two
+/// where there are any.
 class RecordingLowerLayer : public CUvaGstIfLowerLayer {
 public:
-    struct Sent {
-        uint32_t signal;
-        int32_t param1;
-        int32_t cookies[2];
-        std::string payload;
-        bool operator==(const Sent& other) const {
-            return signal == other.signal && param1 == other.param1 &&
-                   cookies[0] == other.cookies[0] && cookies[1] == other.cookies[1] &&
-                   payload == other.payload;
-        }
-    };
-
     RecordingLowerLayer() : CUvaGstIfLowerLayer(m_destination) {}
 
     int32_t SendCmd(CZantMsg* msg) override {
-        Sent sent{msg->signalId, msg->param1, {msg->responseInfo, msg->responseInfo2}, {}};
+        std::string sent = std::to_string(msg->signalId) + "(" + std::to_string(msg->param1) + ")";
+        if (msg->responseInfo != 0 || msg->responseInfo2 != 0)
+            sent += "#" + std::to_string(msg->responseInfo) + std::to_string(msg->responseInfo2);
         if (msg->signalPtr)
-            sent.payload.assign(static_cast<char*>(msg->signalPtr),
-                                static_cast<size_t>(msg->signalSize));
+            sent += " " + std::string(static_cast<char*>(msg->signalPtr),
+                                      static_cast<size_t>(msg->signalSize));
         msg->FreeSignal();
         const std::lock_guard lock(m_lock);
         if (result == 0)
-            m_sent.push_back(sent);
+            m_sent += sent + " ";
         return result;
     }
-    std::vector<Sent> take() {
+    std::string take() {
         const std::lock_guard lock(m_lock);
         return std::exchange(m_sent, {});
     }
@@ -119,13 +109,8 @@ public:
 private:
     CUvaGstMsgDestLowerLayer m_destination;
     std::mutex m_lock;
-    std::vector<Sent> m_sent;
+    std::string m_sent;
 };
-
-inline void PrintTo(const RecordingLowerLayer::Sent& sent, std::ostream* out) {
-    *out << sent.signal << "(" << sent.param1 << ") cookies " << sent.cookies[0] << " "
-         << sent.cookies[1] << " payload of " << sent.payload.size();
-}
 
 /// An application message without a media framework.
 struct FakeMessage {

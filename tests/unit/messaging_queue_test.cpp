@@ -261,22 +261,22 @@ TEST_F(MessagingTest, FailedSendFreesThePayloadsAndSaysWhy) {
     shared.CarrySharedAddresses([](uint32_t) {});
     ASSERT_EQ(open(shared, "_shared"), 0);
 
+    using Send = int32_t (*)(CZantMsg&, CZantMsgQueue&);
+    const Send byObject = [](CZantMsg& m, CZantMsgQueue& q) { return q.Send(&m, 0); };
+    const Send byHandle = [](CZantMsg& m, CZantMsgQueue& q) {
+        return CZantMsgQueue::Send(q.handle, &m, 0);
+    };
     const struct {
         const char* what;
-        int32_t (*send)(CZantMsg&, CZantMsgQueue& queue);
+        Send send;
         CZantMsgQueue& queue;
         int32_t code;
         int traces;
     } rows[] = {
-        {"object, full", [](CZantMsg& m, CZantMsgQueue& q) { return q.Send(&m, 0); }, full, -1421,
-         1},
-        {"handle, full",
-         [](CZantMsg& m, CZantMsgQueue& q) { return CZantMsgQueue::Send(q.handle, &m, 0); }, full,
-         -1421, 1},
-        {"object, not open", [](CZantMsg& m, CZantMsgQueue& q) { return q.Send(&m, 0); },
-         neverOpened, -1422, 0},
-        {"object, closed", [](CZantMsg& m, CZantMsgQueue& q) { return q.Send(&m, 0); }, closed,
-         -1421, 1},
+        {"object, full", byObject, full, -1421, 1},
+        {"handle, full", byHandle, full, -1421, 1},
+        {"object, not open", byObject, neverOpened, -1422, 0},
+        {"object, closed", byObject, closed, -1421, 1},
         {"handle -1", [](CZantMsg& m, CZantMsgQueue&) { return m.SendMsg(-1, 0); }, full, -1423, 0},
         {"handle 0", [](CZantMsg& m, CZantMsgQueue&) { return m.SendMsg(0, 0); }, full, -1427, 0},
         {"handle of nothing", [](CZantMsg& m, CZantMsgQueue&) { return m.SendMsg(9999, 0); }, full,
@@ -288,11 +288,8 @@ TEST_F(MessagingTest, FailedSendFreesThePayloadsAndSaysWhy) {
          full, -1423, 0},
         {"no response queue", [](CZantMsg& m, CZantMsgQueue&) { return m.SendMsgIndirect(0); },
          full, -1300, 0},
-        {"object, reader elsewhere", [](CZantMsg& m, CZantMsgQueue& q) { return q.Send(&m, 0); },
-         shared, -1421, 1},
-        {"handle, reader elsewhere",
-         [](CZantMsg& m, CZantMsgQueue& q) { return CZantMsgQueue::Send(q.handle, &m, 0); }, shared,
-         -1421, 1},
+        {"object, reader elsewhere", byObject, shared, -1421, 1},
+        {"handle, reader elsewhere", byHandle, shared, -1421, 1},
         {"negative priority", [](CZantMsg& m, CZantMsgQueue& q) { return m.SendMsg(&q, -1); }, full,
          -1421, 1},
     };
@@ -312,11 +309,10 @@ TEST_F(MessagingTest, FailedSendFreesThePayloadsAndSaysWhy) {
     full.sendErrorsSuppressed = true;
     traced("");
     const uint32_t sentBefore = CZantMsgQueue::GetTotalNrOfSentMsgs();
-    for (const bool byHandle : {false, true}) {
+    for (const Send send : {byObject, byHandle}) {
         CZantMsg dropped(517);
         load(dropped, "payload");
-        EXPECT_EQ(byHandle ? CZantMsgQueue::Send(full.handle, &dropped, 0) : full.Send(&dropped, 0),
-                  0);
+        EXPECT_EQ(send(dropped, full), 0);
         EXPECT_EQ(CountedPayload::alive, 0);
     }
     EXPECT_EQ(traced("FAILED"), 0);
@@ -469,27 +465,33 @@ TEST_F(MessagingTest, EveryOperationFitsEveryState) {
         {"ocus", "-1410 y 0, -1424 y 0, - y 0, 0 y 0, -1418 y 0, - y 0"},
     };
     const std::string anew = queueName("_anew");
-    static int32_t result;
-    void (*const operations[])(CZantMsgQueue&, const char* anew) = {
-        [](CZantMsgQueue& queue, const char*) { result = queue.Close(); },
-        [](CZantMsgQueue& queue, const char*) { result = queue.Unlink(); },
-        [](CZantMsgQueue& queue, const char*) { queue.DropName(); },
-        [](CZantMsgQueue& queue, const char* name) {
-            result = queue.Open(name, O_RDWR | O_CREAT, 0600, 2, true);
-            EXPECT_EQ(CZantMsgQueue::GetQueueNameByHandle(queue.handle), name);
+    const auto operate = [&anew](int operation, CZantMsgQueue& queue) -> std::string {
+        int32_t result = 0;
+        switch (operation) {
+        case 0:
+            return std::to_string(queue.Close());
+        case 1:
+            return std::to_string(queue.Unlink());
+        case 2:
+            queue.DropName();
+            return "-";
+        case 3:
+            result = queue.Open(anew.c_str(), O_RDWR | O_CREAT, 0600, 2, true);
+            EXPECT_EQ(CZantMsgQueue::GetQueueNameByHandle(queue.handle), anew);
             EXPECT_EQ(queue.GetNrOfMsgsInQueue(), 0);
-        },
-        [](CZantMsgQueue& queue, const char* name) {
-            result = queue.Open(name, O_RDWR, 0600, 2, true);
+            return std::to_string(result);
+        case 4:
+            result = queue.Open(anew.c_str(), O_RDWR, 0600, 2, true);
             EXPECT_EQ(queue.handle, -1);
-        },
-        [](CZantMsgQueue& queue, const char*) {
+            return std::to_string(result);
+        default:
             queue.~CZantMsgQueue(), new (&queue) CZantMsgQueue;
-        },
+            return "-";
+        }
     };
     for (const auto& row : rows) {
         std::istringstream expected(row.afterOperations);
-        for (const auto operation : operations) {
+        for (int operation = 0; operation < 6; ++operation) {
             std::string after;
             std::getline(expected >> std::ws, after, ',');
             SCOPED_TRACE(std::string(row.steps) + ": " + after);
@@ -498,9 +500,7 @@ TEST_F(MessagingTest, EveryOperationFitsEveryState) {
                 Case made;
                 for (const char* step = row.steps; *step != '\0'; ++step)
                     ASSERT_EQ(made.make(*step), 0);
-                result = 1;
-                operation(made.queue, anew.c_str());
-                const std::string code = result == 1 ? "-" : std::to_string(result);
+                const std::string code = operate(operation, made.queue);
                 EXPECT_EQ(code + (made.nameExists() ? " y " : " n ") +
                               std::to_string(CountedPayload::alive),
                           after);
@@ -649,35 +649,4 @@ TEST_F(MessagingTest, ListingAndDumpShowWhatIsThere) {
     CZantMsgQueue::DumpQueue(-5);
     CZantMsgQueue::DumpQueue(STDOUT_FILENO);
     EXPECT_EQ(screen.take(), "");
-}
-
-/// From several threads, mostly into a queue that is full: no payload is lost or freed twice.
-TEST_F(MessagingTest, PayloadsSurviveManySenders) {
-    zantTrace.SetTraceOnAll(TRACELEVEL_NO_TRACE);
-    CZantMsgQueue queue;
-    ASSERT_EQ(open(queue), 0);
-    std::atomic<int> accepted{0};
-    std::atomic<int> sendersLeft{4};
-    std::vector<std::thread> senders;
-    for (int sender = 0; sender < 4; ++sender)
-        senders.emplace_back([&] {
-            for (int i = 0; i < 4000; ++i) {
-                CZantMsg msg(517);
-                load(msg, "one of many");
-                accepted += msg.SendMsg(queue.handle, 0) == 0 ? 1 : 0;
-            }
-            --sendersLeft;
-        });
-    int received = 0;
-    for (CZantMsg msg; sendersLeft > 0 || queue.GetNrOfMsgsInQueue() > 0; msg.FreeSignal()) {
-        if (queue.usleepOnQueue(1000) != 1)
-            continue;
-        ASSERT_EQ(queue.Receive(&msg, 0), 0);
-        ASSERT_STREQ(static_cast<char*>(msg.signalPtr), "one of many");
-        ++received;
-    }
-    for (std::thread& sender : senders)
-        sender.join();
-    EXPECT_EQ(received, accepted);
-    EXPECT_EQ(CountedPayload::alive, 0);
 }

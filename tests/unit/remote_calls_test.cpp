@@ -97,20 +97,20 @@ protected:
         }
         return msg;
     }
-    static void startSource(CZantRpcMsgSrcPosix& source) {
-        ASSERT_EQ(source.Init(queueName("_src").c_str(), 10, CPUID_MAIN, function()), 0);
-        ASSERT_EQ(source.StartThread("source", 0, 0), 0);
+    void initSource(const std::string& target = function()) {
+        EXPECT_EQ(source.Init(queueName("_src").c_str(), 10, CPUID_MAIN, target), 0);
     }
 
     support::PrivateArena m_arena;
+    CZantRpcMsgSrcPosix source;
 };
 
 TEST_F(RemoteCalls, MessagesAndPayloadsReachTheObservers) {
     Observer observer(queueName("_obs"));
     CZantRpcMsgDestPosix destination;
     ASSERT_EQ(start(destination, observer), 0);
-    CZantRpcMsgSrcPosix source;
-    startSource(source);
+    initSource();
+    ASSERT_EQ(source.StartThread("source", 0, 0), 0);
     const std::string longText(64 * 1024, 'x');
     for (const char* const text : {"", "short", longText.c_str()}) {
         CZantMsg msg = message(SIG_ID_TEST_RPC, -5, *text ? text : nullptr);
@@ -128,10 +128,9 @@ TEST_F(RemoteCalls, MessagesAndPayloadsReachTheObservers) {
 
 TEST_F(RemoteCalls, WireBytesAreExact) {
     const mqd_t peer = peerQueue();
-    CZantRpcMsgSrcPosix source;
     CZantMsg msg = message(516, 2, "payload");
     msg.rpcControl = 0xaabbccdd;
-    ASSERT_EQ(source.Init(queueName("_src").c_str(), 10, CPUID_MAIN, "/" + function()), 0);
+    initSource("/" + function());
     EXPECT_EQ(source.SendMsgViaRpcPosixQueue(&msg), 0);
     unsigned char bytes[48] = {};
     ASSERT_EQ(mq_receive(peer, reinterpret_cast<char*>(bytes), sizeof bytes, nullptr), 48);
@@ -150,9 +149,8 @@ TEST_F(RemoteCalls, WireBytesAreExact) {
 
 /// Absent, there, full, gone and replaced.
 TEST_F(RemoteCalls, SourceFollowsThePeersQueue) {
-    CZantRpcMsgSrcPosix source;
-    ASSERT_EQ(source.Init(queueName("_src").c_str(), 10, CPUID_MAIN, function()), 0);
-    const auto send = [&source] {
+    initSource();
+    const auto send = [this] {
         CZantMsg msg = message(516, 1, "payload");
         const int32_t result = source.SendMsgViaRpcPosixQueue(&msg);
         EXPECT_EQ(msg.signalPtr, nullptr);
@@ -184,8 +182,7 @@ TEST_F(RemoteCalls, SourceFollowsThePeersQueue) {
 
 TEST_F(RemoteCalls, WithoutSharedMemoryThePayloadIsRefused) {
     const mqd_t peer = peerQueue();
-    CZantRpcMsgSrcPosix source;
-    ASSERT_EQ(source.Init(queueName("_src").c_str(), 10, CPUID_MAIN, function()), 0);
+    initSource();
     for (const char* const fault : {"malloc", "phys"}) {
         cpucomm::setFaults(fault);
         CZantMsg msg = message(516, 1, "payload");
@@ -200,8 +197,7 @@ TEST_F(RemoteCalls, WithoutSharedMemoryThePayloadIsRefused) {
 
 TEST_F(RemoteCalls, SequenceNumbersSkipWhatTheyStandFor) {
     const mqd_t peer = peerQueue();
-    CZantRpcMsgSrcPosix source;
-    ASSERT_EQ(source.Init(queueName("_src").c_str(), 10, CPUID_MAIN, function()), 0);
+    initSource();
     uint32_t expected = 1;
     for (int i = 0; i < 600; ++i) {
         CZantMsg msg = message(516, i);

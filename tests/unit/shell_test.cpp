@@ -9,7 +9,7 @@
 #include "messaging/zant_msg_queue_mshell.h"
 #include "trace_fixture.h"
 
-#include <cstring>
+#include <algorithm>
 #include <memory>
 #include <vector>
 
@@ -108,7 +108,8 @@ TEST_F(ShellTest, RefusesWhatDoesNotFit) {
     EXPECT_EQ(mshell.ProcessMshellCmd(nullptr), -1703);
 }
 
-/// What each line answers: result, and text that is in its output.
+/// What each line answers: result, and text that is in its output. Calls are traced, with what they
+/// were given; the entry tells what they take.
 TEST_F(ShellTest, AnswersEveryCommand) {
     zantDbg.AddZantDbgCmd(9001, [](unsigned id) { return id == 9001 ? 0 : 1; });
     zantDbg.AddZantDbgCmd(9002, [](unsigned) { return 7; });
@@ -116,6 +117,8 @@ TEST_F(ShellTest, AnswersEveryCommand) {
         const char* line;
         int32_t result;
         const char* output;
+        const char* handler = nullptr; ///< behind MshellCmd
+        int taken = 0;
     };
     const std::vector<Case> cases = {
         {"", -1700, "-- ERROR: Unknown mshell command: \n"},
@@ -137,92 +140,65 @@ TEST_F(ShellTest, AnswersEveryCommand) {
          "ERROR: Parameter 1 (trace unit) is not a number or a valid name\n"},
         {"m_traceon 400 10", -1703, "ERROR: Parameter 1 (trace unit)"},
         {"m_traceon 7 tracelevel_info", 0,
-         "Trace switched on to level 20 (TRACELEVEL_INFO) for unit 7 ("},
+         "Trace switched on to level 20 (TRACELEVEL_INFO) for unit 7 (", "SetTraceOn", 2},
         {"m_tracestate 7", 0, "state = 20 (TRACELEVEL_INFO)\n"},
-        {"m_traceoff 7", 0, "Trace switched off for unit 7 ("},
+        {"m_traceoff 7", 0, "Trace switched off for unit 7 (", "SetTraceOff", 1},
         {"m_traceoff", -1703, "ERROR: Parameter 1 (trace unit) is missing\n"},
         {"m_tracestate 7", 0, "state = 70 (TRACELEVEL_NO_TRACE)\n"},
-        {"m_tracestate -1", -1703, "ERROR: Parameter 1 (trace unit)"},
+        {"m_tracestate -1", -1703, "ERROR: Parameter 1 (trace unit)", "TraceState", 1},
         {"m_traceonall", -1703, "ERROR: Parameter 1 (trace level) is missing\n"},
-        {"m_traceonall 30", 0, "Trace switched on for all units to TRACELEVEL_WARNING\n"},
-        {"m_traceoffall", 0, "All traces switched off\n"},
-        {"m_timestampson", 0, "Trace timestamps switched on\n"},
-        {"m_timestampsoff", 0, "Trace timestamps switched off\n"},
+        {"m_traceonall 30", 0, "Trace switched on for all units to TRACELEVEL_WARNING\n",
+         "SetTraceOnAll", 1},
+        {"m_traceoffall", 0, "All traces switched off\n", "SetTraceOffAll", 0},
+        {"m_timestampson", 0, "Trace timestamps switched on\n", "TimestampsOn", 0},
+        {"m_timestampsoff 1", 0, "Trace timestamps switched off\n", "TimestampsOff", 0},
         {"m_tracedirectprintmode", -1703, "ERROR: Parameter 1 (DirectPrintMode) is missing\n"},
         {"m_tracedirectprintmode on", -1703,
          "ERROR: Parameter 1 (DirectPrintMode) is not a number\n"},
-        {"m_tracedirectprintmode 2", 0, "DirectPrintMode switched on\n"},
+        {"m_tracedirectprintmode 2", 0, "DirectPrintMode switched on\n", "TraceDirectPrintMode", 1},
         {"m_traceusesyslog x", -1703, "ERROR: Parameter 1 (Use syslog) is not a number\n"},
-        {"m_traceusesyslog 1", 0, "Using syslog\n"},
+        {"m_traceusesyslog 1", 0, "Using syslog\n", "TraceUseSyslog", 1},
         {"m_traceusesyslog 0", 0, "Not using syslog\n"},
-        {"m_tracewithcolors 0", 0, "TraceWithColors switched off\n"},
+        {"m_tracewithcolors 0", 0, "TraceWithColors switched off\n", "TraceWithColors", 1},
         {"m_tracelogfilemaxsize -1", -1703, "is negative\n"},
-        {"m_tracelogfilemaxsize 100000000", 0, "TraceLogfileMaxSize set to 100000000\n"},
-        {"m_stoptracingtoscreen", 0, "Stopping tracing to screen !!!\n"},
-        {"m_starttracingtoscreen", 0, ""},
+        {"m_tracelogfilemaxsize 100000000", 0, "TraceLogfileMaxSize set to 100000000\n",
+         "TraceLogfileMaxSize", 1},
+        {"m_stoptracingtoscreen", 0, "Stopping tracing to screen !!!\n", "StopTracingToScreen", 0},
+        {"m_starttracingtoscreen", 0, "", "StartTracingToScreen", 0},
         {"m_dbgcmd", -1703, "ERROR: Parameter 1 (command id) is missing\n"},
         {"m_dbgcmd five", -1703, "ERROR: Parameter 1 (command id) is not a number\n"},
-        {"m_dbgcmd 9001", 0, "ZantDbgCmd executed - Id = 9001, return-code = 0\n"},
+        {"m_dbgcmd 9001", 0, "ZantDbgCmd executed - Id = 9001, return-code = 0\n", "DbgCmd", 1},
         {"m_dbgcmd 9002", 7, "return-code = 7\n"},
         {"m_dbgcmd 9003", -2500, "return-code = -2500\n"},
-        {"m_ls -d /", 0, " /\n"},
+        {"m_ls -d /", 0, " /\n", "Ls", 0},
         {"m_ls /no/such/folder 2>/dev/null", -1, "MshellCmdLs - FAILED - \n"},
-        {"m_appendlinetoetcpreinit", -1703, "MshellCmdAppendLineToEtcPreinit - FAILED \n"},
+        {"m_appendlinetoetcpreinit", -1703, "MshellCmdAppendLineToEtcPreinit - FAILED \n",
+         "AppendLineToEtcPreinit", 0},
         {"m_appendlinetoetcpreinit /no/such 2>/dev/null x", -1, "Preinit - FAILED \n"},
-        {"m_deleteetcpreinit", -1703, "MshellCmdDeleteEtcPreinit - FAILED \n"},
+        {"m_deleteetcpreinit", -1703, "MshellCmdDeleteEtcPreinit - FAILED \n", "DeleteEtcPreinit",
+         0},
         {"m_queuelist", 0, "List of queues\n"},
         {"m_dumpqueue x", -1703, "ERROR: Parameter 1 is not a number\n"},
         {"m_threadlist 1", 0, "List of thread objects\n"},
     };
     for (const auto& each : cases) {
+        zantTrace.SetTraceOn(TRACEUNIT_SHELL_COMMANDS, TRACELEVEL_DEBUG);
+        zantTrace.StartTracingToScreen();
         screen.take();
         EXPECT_EQ(mshell.ProcessMshellCmd(each.line), each.result) << each.line;
         const std::string output = screen.take();
         EXPECT_NE(output.find(each.output), std::string::npos) << each.line << ": " << output;
+        if (!each.handler)
+            continue;
+        const std::string line = each.line;
+        const auto given = std::to_string(std::count(line.begin(), line.end(), ' '));
+        for (const auto& traced : {"MshellCmd" + std::string(each.handler) + " called\n",
+                                   "ParamCount = " + given + "\n"})
+            EXPECT_NE(output.find(traced), std::string::npos) << output;
+        EXPECT_EQ(mshell.GetMshellEntry(line.substr(0, line.find(' ')))->paramCount, each.taken);
     }
     mshell.ProcessMshellCmd("m_echo");
     EXPECT_EQ(screen.take(), "");
-}
-
-/// Each call is traced, with what it was given; the entry tells what it takes.
-TEST_F(ShellTest, TracesEveryCall) {
-    const struct {
-        const char* line;
-        const char* handler;
-        int given;
-        int taken;
-    } rows[] = {
-        {"m_traceon 8 10", "MshellCmdSetTraceOn", 2, 2},
-        {"m_traceoff 8", "MshellCmdSetTraceOff", 1, 1},
-        {"m_traceonall 10", "MshellCmdSetTraceOnAll", 1, 1},
-        {"m_tracestate 8 x y", "MshellCmdTraceState", 3, 1},
-        {"m_timestampson", "MshellCmdTimestampsOn", 0, 0},
-        {"m_timestampsoff 1", "MshellCmdTimestampsOff", 1, 0},
-        {"m_tracedirectprintmode 1", "MshellCmdTraceDirectPrintMode", 1, 1},
-        {"m_tracelogfilemaxsize 100000000", "MshellCmdTraceLogfileMaxSize", 1, 1},
-        {"m_traceusesyslog 0", "MshellCmdTraceUseSyslog", 1, 1},
-        {"m_tracewithcolors 0", "MshellCmdTraceWithColors", 1, 1},
-        {"m_stoptracingtoscreen", "MshellCmdStopTracingToScreen", 0, 0},
-        {"m_starttracingtoscreen", "MshellCmdStartTracingToScreen", 0, 0},
-        {"m_dbgcmd 1", "MshellCmdDbgCmd", 1, 1},
-        {"m_ls -d /", "MshellCmdLs", 2, 0},
-        {"m_appendlinetoetcpreinit", "MshellCmdAppendLineToEtcPreinit", 0, 0},
-        {"m_deleteetcpreinit", "MshellCmdDeleteEtcPreinit", 0, 0},
-        {"m_traceoffall", "MshellCmdSetTraceOffAll", 0, 0},
-    };
-    for (const auto& row : rows) {
-        zantTrace.SetTraceOn(TRACEUNIT_SHELL_COMMANDS, TRACELEVEL_DEBUG);
-        zantTrace.StartTracingToScreen();
-        screen.take();
-        mshell.ProcessMshellCmd(row.line);
-        const std::string output = screen.take();
-        EXPECT_NE(output.find(row.handler + std::string(" called\n")), std::string::npos) << output;
-        EXPECT_NE(output.find("ParamCount = " + std::to_string(row.given) + "\n"),
-                  std::string::npos)
-            << output;
-        const std::string name(row.line, strcspn(row.line, " "));
-        EXPECT_EQ(mshell.GetMshellEntry(name)->paramCount, row.taken) << name;
-    }
 }
 
 TEST_F(ShellTest, ListsEveryCommandOnceInOrder) {

@@ -22,6 +22,7 @@ protected:
         zantTrace.StartTracingToScreen();
         zantTrace.SetTraceWithColors(0);
         zantTrace.SetTraceOn(unit, TRACELEVEL_ERROR);
+        EXPECT_EQ(trace.StartTT("start"), 0);
     }
 
     /// Takes what was traced or printed, without the header of a trace.
@@ -31,6 +32,7 @@ protected:
     }
 
     support::StdoutCapture screen;
+    CTimeTrace trace{unit, 20};
 };
 
 } // namespace
@@ -43,8 +45,6 @@ TEST_F(TimeTraceTest, DifferenceBorrowsASecond) {
 }
 
 TEST_F(TimeTraceTest, PrintsOneLineAPoint) {
-    CTimeTrace trace(unit, 20);
-    EXPECT_EQ(trace.StartTT("start"), 0);
     trace.TTPoint(12345, "opened");
     trace.TTPoint(-1, nullptr);
     EXPECT_EQ(trace.GetTTSize(), 2);
@@ -63,8 +63,6 @@ TEST_F(TimeTraceTest, PrintsOneLineAPoint) {
 }
 
 TEST_F(TimeTraceTest, TotalsGoFromTheStartToTheLastPointAndToNow) {
-    CTimeTrace trace(unit, 20);
-    trace.StartTT("start");
     const auto microseconds = [](timespec time) {
         return static_cast<long>(time.tv_sec) * 1000000 + time.tv_nsec / 1000;
     };
@@ -98,14 +96,14 @@ TEST_F(TimeTraceTest, TheProcesssHasRoomForAThousandPoints) {
 }
 
 TEST_F(TimeTraceTest, FullArrayKeepsWhatItHas) {
-    CTimeTrace trace(2, unit, 20);
-    trace.StartTT("start");
-    trace.TTPoint(1, "last");
-    trace.TTPoint(2, "beyond");
-    EXPECT_EQ(trace.GetTTSize(), 1);
+    CTimeTrace full(2, unit, 20);
+    full.StartTT("start");
+    full.TTPoint(1, "last");
+    full.TTPoint(2, "beyond");
+    EXPECT_EQ(full.GetTTSize(), 1);
     timespec range{};
-    EXPECT_EQ(trace.TTGetRange(&range, 0, 5000), 0);
-    EXPECT_EQ(trace.TTGetIdRange(&range, 0, 2), -2555);
+    EXPECT_EQ(full.TTGetRange(&range, 0, 5000), 0);
+    EXPECT_EQ(full.TTGetIdRange(&range, 0, 2), -2555);
 
     CTimeTrace none(0, unit, 20);
     EXPECT_EQ(none.StartTT("start"), 0);
@@ -116,8 +114,6 @@ TEST_F(TimeTraceTest, FullArrayKeepsWhatItHas) {
 }
 
 TEST_F(TimeTraceTest, RefusedRangesSayWhy) {
-    CTimeTrace trace(unit, 20);
-    trace.StartTT("start");
     trace.TTPoint(7, "a");
     trace.TTPoint(7, "b");
     trace.TTPoint(8, "c");
@@ -147,8 +143,6 @@ TEST_F(TimeTraceTest, RefusedRangesSayWhy) {
 }
 
 TEST_F(TimeTraceTest, RangesOfFirstPointsWithTheIds) {
-    CTimeTrace trace(unit, 20);
-    trace.StartTT("start");
     trace.TTPoint(7, "a");
     trace.TTPoint(8, "b");
     trace.TTPoint(7, "c");

@@ -1,11 +1,8 @@
 #include "debug/zant_trace_colors.h"
-#include "support/wait_until.h"
 #include "trace_fixture.h"
 
 #include <csignal>
 #include <fcntl.h>
-#include <thread>
-#include <vector>
 
 namespace {
 
@@ -226,25 +223,4 @@ TEST_F(TraceTest, ReaderThatIsGoneDoesNotKillTheProcess) {
     zantTrace.SetTraceModeDirectPrint(1);
     FormattedStringToStdout("back\n");
     EXPECT_EQ(screen.take(), "back\n");
-}
-
-TEST_F(TraceTest, ThreadsTraceUntilTheLastInstruction) {
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
-    const auto exitWhileTracing = [] {
-        for (const bool direct : {true, false}) {
-            std::thread([direct] {
-                for (;;) {
-                    zantTraceDirectPrint = direct;
-                    TraceFormattedString(unit, 40, "%s\n", "late");
-                    if (direct) // one thread prints
-                        zantTraceThread.PrintNextTrace();
-                    zantTrace.SetTraceModeUseSyslog(0);
-                }
-            }).detach();
-        }
-        if (!support::waitUntil([] { return zantTraceCtr > 100; }))
-            abort();
-        exit(0);
-    };
-    EXPECT_EXIT(exitWhileTracing(), ::testing::ExitedWithCode(0), "");
 }
