@@ -67,6 +67,34 @@ bool skipLine(FILE* file) {
     return !ferror(file);
 }
 
+/// A read error as a reason.
+const char* reasonOf(int32_t code) {
+    return code == CCfgFile::lineTooLong ? "it has more than 1997 characters: shorten it"
+                                         : "it cannot be read";
+}
+
+/// The line and what became of it; without what a log cannot take.
+std::string reasonOf(const std::string& line, char commentChar, int32_t result) {
+    std::string shown = line.substr(0, std::min(line.find(commentChar), shownLineLength));
+    for (char& character : shown)
+        character = character >= ' ' && character <= '~' ? character : '?';
+    return "\"" + shown + "\" failed with " + std::to_string(result) + ": correct or remove it";
+}
+
+void sayToSyslog(const std::string& text) {
+    sendToSyslog(LOG_ERR | zantSyslogFacility.load(std::memory_order_relaxed), text.c_str());
+}
+
+/// Of what was traced too: not a second time where traces go to syslog.
+void sayUnlessTraced(const std::string& text) {
+    if (!zantTraceUseSyslog || !ZantTracePasses(TRACEUNIT_CONFIG_FILE, TRACELEVEL_WARNING))
+        sayToSyslog(text);
+}
+
+void reportUnread(const char* path, const std::string& reason) {
+    sayUnlessTraced(std::string("Cfg file ") + path + " is not read: " + reason + "\n");
+}
+
 /// One file on its way through its lines.
 class Reader {
 public:
@@ -74,18 +102,20 @@ public:
         : m_path(path), m_callback(callback), m_commentChar(commentChar), m_termChar(termChar) {}
 
     int32_t processLine(char* line, int number);
-    void traceError(int32_t code, int number) const;
-    /// Says to syslog, once, that the rest of the file is not read. Tracing may not be set up yet:
-    /// it is what these files are for.
-    void reportStop(int32_t code, const char* line, int number) const;
+    /// Says in a trace and to syslog that the rest of the file is not read. Tracing may not be set
+    /// up yet: it is what these files are for.
+    void reportError(int32_t code, int number) const;
+    void reportFailure(int32_t result, const std::string& line, int number) const;
 
 private:
+    std::string stopsIn(int number, const std::string& reason) const;
     int32_t setTermChar(const char* data, int number);
 
     const char* m_path;
     T_CfgFileCallback m_callback;
     char m_commentChar;
     char m_termChar;
+    bool m_hasReported = false;
 };
 
 int32_t Reader::processLine(char* line, int number) {
@@ -116,42 +146,35 @@ int32_t Reader::setTermChar(const char* data, int number) {
     if (*data == '\0') {
         ZANT_TRACE(TRACEUNIT_CONFIG_FILE, TRACELEVEL_WARNING,
                    "Illegal data in line %d in cfg file %s\n", number, m_path);
+        sayUnlessTraced(stopsIn(number, "TERM_CHAR needs a character behind \"=\""));
+        m_hasReported = true;
         return CCfgFile::badTermChar;
     }
     m_termChar = *data;
     return 0;
 }
 
-void Reader::traceError(int32_t code, int number) const {
-    if (code == CCfgFile::lineTooLong)
-        ZANT_TRACE(TRACEUNIT_CONFIG_FILE, TRACELEVEL_WARNING, "Line %d in cfg file %s too long\n",
-                   number, m_path);
-    else if (code == CCfgFile::readError)
-        ZANT_TRACE(TRACEUNIT_CONFIG_FILE, TRACELEVEL_WARNING, "Error in line %d of cfg file %s\n",
-                   number, m_path);
+std::string Reader::stopsIn(int number, const std::string& reason) const {
+    return std::string("Cfg file ") + m_path + " stops in line " + std::to_string(number) + ": " +
+           reason + "\n";
 }
 
-/// What a file that stops says of its line; the commands' codes are the shell's.
-std::string reasonOf(int32_t code, const char* line) {
-    switch (code) {
-    case CCfgFile::lineTooLong:
-        return "it has more than 1997 characters: shorten it";
-    case CCfgFile::readError:
-        return "it cannot be read";
-    case CCfgFile::badTermChar:
-        return "TERM_CHAR needs a character behind \"=\"";
-    default:
-        return "\"" + std::string(line).substr(0, shownLineLength) + "\" failed with " +
-               std::to_string(code) + ": correct or remove it";
-    }
-}
-
-void Reader::reportStop(int32_t code, const char* line, int number) const {
+void Reader::reportError(int32_t code, int number) const {
     if (code == CCfgFile::endOfFile)
         return;
-    const std::string text = std::string("Cfg file ") + m_path + " stops in line " +
-                             std::to_string(number) + ": " + reasonOf(code, line) + "\n";
-    sendToSyslog(LOG_ERR | zantSyslogFacility.load(std::memory_order_relaxed), text.c_str());
+    const int traced = number == 1 ? 0 : number;
+    if (code == CCfgFile::lineTooLong)
+        ZANT_TRACE(TRACEUNIT_CONFIG_FILE, TRACELEVEL_WARNING, "Line %d in cfg file %s too long\n",
+                   traced, m_path);
+    else
+        ZANT_TRACE(TRACEUNIT_CONFIG_FILE, TRACELEVEL_WARNING, "Error in line %d of cfg file %s\n",
+                   traced, m_path);
+    sayUnlessTraced(stopsIn(number, reasonOf(code)));
+}
+
+void Reader::reportFailure(int32_t result, const std::string& line, int number) const {
+    if (!m_hasReported)
+        sayToSyslog(stopsIn(number, reasonOf(line, m_commentChar, result)));
 }
 
 } // namespace
@@ -173,11 +196,13 @@ int32_t CCfgFile::ReadCfgfileEx(const char* path, T_CfgFileCallback callback, ch
                    "Cfg file %s is not read: it is run by a file that is run by a file, more than "
                    "%d deep\n",
                    path, maxNesting);
+        reportUnread(path, "too many files run each other");
         return openFailed;
     }
     ScopedFile file(openFile(path));
     if (!file) {
         ZANT_TRACE(TRACEUNIT_CONFIG_FILE, TRACELEVEL_WARNING, "Error opening cfg file %s\n", path);
+        reportUnread(path, "it cannot be opened, or is no file");
         return openFailed;
     }
     ZANT_TRACE(TRACEUNIT_CONFIG_FILE, TRACELEVEL_DEBUG, "Reading config file %s\n", path);
@@ -188,13 +213,12 @@ int32_t CCfgFile::ReadCfgfileEx(const char* path, T_CfgFileCallback callback, ch
     for (int32_t length = 0;; ++number) {
         length = read_line_from_file(file.get(), line, sizeof line);
         if (length < 0) {
-            reader.traceError(length, number == 0 ? 0 : number + 1);
-            reader.reportStop(length, line, number + 1);
+            reader.reportError(length, number + 1);
             break;
         }
         const std::string asRead = line; // what it is processed by may change it
         if (const int32_t result = reader.processLine(line, number + 1)) {
-            reader.reportStop(result, asRead.c_str(), number + 1);
+            reader.reportFailure(result, asRead, number + 1);
             return result;
         }
     }

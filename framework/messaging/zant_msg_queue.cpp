@@ -88,7 +88,9 @@ int32_t CZantMsgQueue::OpenWithAttrStruct(const char* queueName, int oflag, int 
     const CancellationBlock block;
     ZANT_TRACE(TRACEUNIT_MSG_QUEUE, TRACELEVEL_INFO, "CZantMsgQueue::Open: %s\n",
                queueName ? queueName : "(null)");
-    part();
+    // What was closed waits for whoever opens its name again, this object too.
+    if (isOpen() || unlinkFirst || !queueName || name != queueName)
+        part();
     m_state = State::none;
     handle = -1;
     if (!queueName || !wanted)
@@ -131,6 +133,7 @@ int32_t CZantMsgQueue::openDescriptor(const char* queueName, int oflag, int mode
     }
     handle = descriptor;
     m_identity = queue_io::identityOf(descriptor);
+    m_opener = getpid();
     m_openError = 0;
     m_state = State::open;
     AddQueueToGlobalMsgQueueList(this, descriptor);
@@ -157,7 +160,10 @@ int32_t CZantMsgQueue::Close() {
         return closeFailed;
     // Leaves the registry first: once it is closed the number may be another queue's.
     RemoveQueueFromGlobalMsgQueueList(this, handle);
-    if (!queue_io::hasName(handle) && !isShared())
+    // Nobody else comes by what waits in a queue of one's own without a name; a child process has
+    // only a copy of the descriptor.
+    const bool isLost = after == State::parted || (unlinkOnDestroy && !queue_io::hasName(handle));
+    if (isLost && m_opener == getpid() && !isShared())
         drain(handle);
     return mq_close(handle) == 0 ? 0 : closeFailed;
 }
@@ -191,11 +197,9 @@ int32_t CZantMsgQueue::GetNrOfMsgsInQueue() {
 
 void CZantMsgQueue::DropName() {
     const CancellationBlock block;
-    if (m_state != State::open)
-        return;
-    if (queue_io::hasName(handle))
+    State before = State::open;
+    if (m_state.compare_exchange_strong(before, State::nameless) && queue_io::hasName(handle))
         mq_unlink(name.c_str());
-    m_state = State::nameless;
 }
 
 int32_t CZantMsgQueue::Unlink() {
@@ -207,6 +211,7 @@ int32_t CZantMsgQueue::Unlink() {
         return 0;
     ZANT_TRACE(TRACEUNIT_MSG_QUEUE, TRACELEVEL_ERROR, "CZantMsgQueue::Unlink FAILED - Errno = %d\n",
                error);
+    errno = error;
     return unlinkFailed;
 }
 
@@ -224,15 +229,19 @@ int CZantMsgQueue::unlinkOpen() {
     return mq_unlink(name.c_str()) == 0 ? 0 : errno;
 }
 
-/// The same of a queue that Close left to its name.
+/// The same of a queue that Close left to its name, and of a name that could not be opened.
 int CZantMsgQueue::unlinkClosed() {
-    if (m_state != State::closed)
+    if (m_state == State::parted)
         return ENOENT;
-    const ScopedFd queue = queue_io::reopen(name, m_identity);
-    if (!queue)
-        return errno;
-    m_state = State::parted;
-    drain(queue.get());
+    if (m_state == State::closed) {
+        const ScopedFd queue = queue_io::reopen(name, m_identity);
+        if (!queue && errno == ENOENT)
+            return ENOENT;
+        // Without the right to read, or a descriptor to spare, the name can go all the same.
+        m_state = State::parted;
+        if (queue)
+            drain(queue.get());
+    }
     return mq_unlink(name.c_str()) == 0 ? 0 : errno;
 }
 

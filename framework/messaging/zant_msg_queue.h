@@ -61,15 +61,17 @@ public:
     /// fewer, with as many as it allows. With `unlinkFirst` a queue that an earlier run left behind
     /// is discarded, so that this one is new, and is unlinked in the end. A queue that exists keeps
     /// its capacity; one whose messages are not of 48 bytes is refused. An object that had a queue
-    /// before, open or closed, parts from it first, as at its end.
+    /// before, open or closed, parts from it first, as at its end; but from a closed one that it
+    /// opens again.
     int32_t Open(const char* name, int oflag, int mode, int maxMsgs, bool unlinkFirst);
     /// The same with the caller's attributes; sets their message size.
     int32_t OpenWithAttrStruct(const char* name, int oflag, int mode, mq_attr* attr,
                                bool unlinkFirst);
 
     /// Closes the descriptor; `handle` stays as it was, yet nothing is done through it any more.
-    /// What waits stays in the queue, which its name still leads to; if no name does and nobody
-    /// else in the process has it open, it is drained.
+    /// What waits stays in the queue; of one that gave up its name, or is this object's own
+    /// (`unlinkFirst`) and lost it, it is drained, unless another object of the process has it
+    /// open.
     int32_t Close();
     int32_t Getattr(mq_attr* attr);
     /// Why the last Open failed, as errno; 0 if it did not.
@@ -195,6 +197,7 @@ private:
     std::atomic<State> m_state{State::none};
     /// Tells the queue from others of its name.
     queue_io::Identity m_identity;
+    pid_t m_opener = 0;
     std::atomic<int> m_openError{0};
     std::atomic<FreeShared> m_freeShared{nullptr};
 

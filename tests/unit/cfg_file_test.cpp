@@ -74,8 +74,8 @@ TEST_F(CfgFileTest, ReadsWhatTheFormatAllows) {
         {"term character", "TERM_CHAR = ;\nA=1", "2;A=1|0", ""},
         {"no term character", "TERM_CHAR =  \nA=1", "-2307", "Illegal data in line 1",
          "1: TERM_CHAR needs a character behind \"=\""},
-        {"stopped", "A=1\nSTOP=now\nB=2", "1,A=1|2,STOP=now|42", "",
-         "2: \"STOP=now\" failed with 42: correct or remove it"},
+        {"stopped", "A=1\nSTOP=now\x1b\xc3 # why\nB=2", "1,A=1|2,STOP=now\x1b\xc3 |42", "",
+         "2: \"STOP=now?? \" failed with 42: correct or remove it"},
         {"longest line", "A=" + std::string(1995, 'x') + "\nB=1",
          "1,A=" + std::string(1995, 'x') + "|2,B=1|0", ""},
         {"line too long", "B=1\nA=" + std::string(1996, 'x') + "\nC=1", "1,B=1|0",
@@ -110,6 +110,7 @@ TEST_F(CfgFileTest, WaitsForNothingThatIsNoFile) {
     ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
     EXPECT_EQ(read(fifo), "-2306");
     EXPECT_NE(screen.take().find("Error opening cfg file"), std::string::npos);
+    EXPECT_EQ(takeSyslog().size(), 1U);
     EXPECT_EQ(read(folder), "0");
     EXPECT_NE(screen.take().find("Error in line 0 of cfg file"), std::string::npos);
     const auto secret = write("A=1");

@@ -12,6 +12,7 @@
 #include <random>
 #include <sstream>
 #include <sys/resource.h>
+#include <sys/wait.h>
 #include <thread>
 #include <vector>
 
@@ -452,7 +453,7 @@ TEST_F(MessagingTest, EveryOperationFitsEveryState) {
         const char* afterOperations;
     } rows[] = {
         {"", "-1411 n 0, -1417 n 0, - n 0, 0 n 0, -1418 n 0, - n 0"},
-        {"sf", "-1411 y 0, -1424 y 0, - y 0, 0 y 0, -1418 y 0, - y 0"},
+        {"sf", "-1411 y 0, 0 n 0, - y 0, 0 y 0, -1418 y 0, - y 0"},
         {"o", "0 y 1, 0 n 0, - n 1, 0 n 0, -1418 n 0, - n 0"},
         {"O", "0 y 1, 0 n 0, - n 1, 0 n 0, -1418 n 0, - n 0"},
         {"os", "0 y 0, -1424 y 0, - y 1, 0 y 0, -1418 y 0, - y 0"},
@@ -495,7 +496,6 @@ TEST_F(MessagingTest, EveryOperationFitsEveryState) {
             std::string after;
             std::getline(expected >> std::ws, after, ',');
             SCOPED_TRACE(std::string(row.steps) + ": " + after);
-            bool isSucceeded = false;
             {
                 Case made;
                 for (const char* step = row.steps; *step != '\0'; ++step)
@@ -504,14 +504,51 @@ TEST_F(MessagingTest, EveryOperationFitsEveryState) {
                 EXPECT_EQ(code + (made.nameExists() ? " y " : " n ") +
                               std::to_string(CountedPayload::alive),
                           after);
-                isSucceeded = made.successor.handle != -1;
-                EXPECT_EQ(made.successor.Unlink(), isSucceeded ? 0 : -1417);
+                const bool isSucceeded = made.successor.handle != -1;
+                const bool isThere = made.nameExists();
+                EXPECT_EQ(made.successor.Unlink(), !isSucceeded ? -1417 : isThere ? 0 : -1424);
             }
             EXPECT_EQ(CountedPayload::alive, 0);
             for (const std::string& name : {queueName(), anew})
                 EXPECT_EQ(mq_unlink(name.c_str()), -1) << "stays behind";
         }
     }
+}
+
+TEST_F(MessagingTest, WhatWaitsInAClosedQueueIsThereForWhoOpensItAgain) {
+    CZantMsgQueue queue;
+    ASSERT_EQ(open(queue), 0);
+    CZantMsg msg(517);
+    load(msg, "for later");
+    ASSERT_EQ(queue.Send(&msg, 0), 0);
+    for (const int more : {0, O_CREAT}) {
+        ASSERT_EQ(queue.Close(), 0);
+        ASSERT_EQ(queue.Open(queueName().c_str(), O_RDWR | O_NONBLOCK | more, 0600, 3, false), 0);
+        EXPECT_EQ(queue.GetNrOfMsgsInQueue(), 1);
+    }
+    queue.DropName();
+    const pid_t child = fork();
+    if (child == 0) {
+        queue.Close();
+        _exit(0);
+    }
+    waitpid(child, nullptr, 0);
+    EXPECT_EQ(queue.GetNrOfMsgsInQueue(), 1) << "it is the parent's";
+}
+
+/// A name can go without a descriptor to read what waits.
+TEST_F(MessagingTest, UnlinkNeedsNoDescriptor) {
+    CZantMsgQueue queue;
+    ASSERT_EQ(open(queue), 0);
+    ASSERT_EQ(queue.Close(), 0);
+    rlimit limit{};
+    getrlimit(RLIMIT_NOFILE, &limit);
+    const rlimit none{0, limit.rlim_max};
+    setrlimit(RLIMIT_NOFILE, &none);
+    EXPECT_EQ(queue.Unlink(), 0);
+    setrlimit(RLIMIT_NOFILE, &limit);
+    EXPECT_EQ(queue.Unlink(), -1424);
+    EXPECT_EQ(errno, ENOENT);
 }
 
 /// Whoever closes last frees what no name leads to any more.

@@ -14,7 +14,8 @@ class EventLoop {
 public:
     using Task = std::function<void()>;
     using TimerId = unsigned long long; ///< 0 is none
-    /// What time it is; any thread, never backwards.
+    /// What time it is; any thread, never backwards. Called under the loop's lock: it calls nothing
+    /// of the loop.
     using TimeSource = std::function<Clock::time_point()>;
 
     /// The time of the timers and of all that runs on the loop. One that does not pass by itself
