@@ -229,7 +229,6 @@ TEST_F(CfgFileTest, TheThreadRunsFilesInOrderAndStopsInASleep) {
         at = output.find(text, at);
         EXPECT_NE(at, std::string::npos) << text << output;
     }
-    EXPECT_EQ(setting, "CfgFileThread");
     EXPECT_EQ(output.find("stacksize"), std::string::npos) << output;
     EXPECT_EQ(output.find("SCHED_FIFO"), std::string::npos) << output;
     EXPECT_EQ(thread.QueueName(),
@@ -237,6 +236,7 @@ TEST_F(CfgFileTest, TheThreadRunsFilesInOrderAndStopsInASleep) {
     const auto begin = std::chrono::steady_clock::now();
     thread.StopThreadAndWait();
     EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(10));
+    EXPECT_EQ(setting, "CfgFileThread");
 }
 
 } // namespace
