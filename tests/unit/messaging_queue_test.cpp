@@ -168,11 +168,17 @@ TEST_F(MessagingTest, AttributesAreTheQueuesWhileItIsOpen) {
     EXPECT_EQ(queue.Getattr(&attr), -1413);
     EXPECT_EQ(queue.GetNrOfMsgsInQueue(), -1415);
     EXPECT_EQ(queue.ClearQueue(), -1420);
+    ASSERT_EQ(queue.Open("no slash", O_RDWR, 0, 7, false), -1418);
+    EXPECT_NE(queue.OpenError(), 0);
+    screen.take();
     ASSERT_EQ(open(queue, "", 7), 0);
+    EXPECT_EQ(queue.OpenError(), 0);
+    CZantMsgQueue::ClearTotalNrOfSentMsgs();
     for (int i = 0; i < 2; ++i) {
         CZantMsg msg(517);
         ASSERT_EQ(queue.Send(&msg, 0), 0);
     }
+    EXPECT_EQ(CZantMsgQueue::GetTotalNrOfSentMsgs(), 2U);
     EXPECT_EQ(queue.Getattr(&attr), 0);
     EXPECT_EQ(attr.mq_maxmsg, 7);
     EXPECT_EQ(attr.mq_msgsize, 48);

@@ -1,5 +1,6 @@
 #include "messaging/observable_callback_all.h"
 #include "messaging/time_out_server.h"
+#include "messaging/timer.h"
 #include "messaging_fixture.h"
 #include "support/wait_until.h"
 
@@ -43,6 +44,17 @@ public:
 };
 
 } // namespace
+
+TEST_F(TimersTest, AStoppedWatchShowsOneTimeInEveryUnit) {
+    Timer watch;
+    watch.start();
+    std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    watch.stop();
+    const double microseconds = watch.getElapsedTimeInMicroSec();
+    EXPECT_GE(microseconds, 2000);
+    EXPECT_DOUBLE_EQ(watch.getElapsedTimeInMilliSec(), microseconds / 1e3);
+    EXPECT_DOUBLE_EQ(watch.getElapsedTimeInSec(), microseconds / 1e6);
+}
 
 TEST_F(TimersTest, OnlyTheMessageOfTheCurrentStartIsValid) {
     TimeOutTimer timer(0, 600, queue.handle, 77);
