@@ -213,6 +213,8 @@ TEST_F(MessagingTest, SignalNamesAreDenseAndBounded) {
 }
 
 TEST_F(MessagingTest, CopyTakesAPayloadOnlyWithItsSize) {
+    CZantMsg empty(517);
+    EXPECT_EQ(CZantMsg().CopyMsg(empty), 0);
     const struct {
         int32_t size;
         int32_t result;

@@ -178,7 +178,7 @@ TEST_F(LogTest, LinesGoToTheFileInBothModes) {
               std::string::npos);
     EXPECT_EQ(s_slept, 2100000U);
     ASSERT_EQ(zantTrace.StartTracingToFile(), 0);
-    zantTrace.SetTraceModeWriteToLogfileIfDirectPrint(1);
+    EXPECT_EQ(zantTrace.SetTraceModeWriteToLogfileIfDirectPrint(1), 0);
     zantTrace.SetInitialInfoWhenTracingToFileStartsFunction(nullptr);
     EXPECT_EQ(infos, 2);
 
