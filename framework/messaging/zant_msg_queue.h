@@ -81,8 +81,9 @@ public:
     /// that is open.
     void DropName();
     /// Drains and closes the queue and removes its name from the system, unless that was dropped. A
-    /// closed queue is opened for that once more. Nothing is done to a queue that this object did
-    /// not open, or has unlinked before: it has no name to remove any more.
+    /// closed queue is opened for that once more, where that is possible. After an Open that failed
+    /// the name goes all the same, whosever it is; a second Unlink, or one whose queue has lost its
+    /// name to another, removes nothing.
     int32_t Unlink();
     /// Reads all waiting messages and frees their payloads. Never waits.
     int32_t ClearQueue();
