@@ -2,7 +2,7 @@
 // the framework: resident kilobytes, and those of them that are its own rather than of a file.
 
 #ifdef WITH_FRAMEWORK
-#include "debug/zant_trace_core.h"
+#include "debug/trace/zant_trace_core.h"
 #endif
 
 #include <cstdio>

@@ -3,8 +3,8 @@
 // Prints JSON.
 
 #include "bench_support.h"
-#include "gstnox_backend.h"
-#include "gstnox_plugin.h"
+#include "backend/gstnox_backend.h"
+#include "plugin/gstnox_plugin.h"
 #include "host/clear_key.h"
 #include "support/recording_sink.h"
 #include "uva/uva_event.h"

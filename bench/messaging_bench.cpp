@@ -2,10 +2,10 @@
 // one process, in turns, many times; the medians are compared. Prints JSON.
 
 #include "bench_support.h"
-#include "debug/zant_trace_core.h"
-#include "messaging/observable_callback_queue.h"
-#include "messaging/thread_object_with_queue.h"
-#include "messaging/zant_msg.h"
+#include "debug/trace/zant_trace_core.h"
+#include "messaging/observer/observable_callback_queue.h"
+#include "messaging/thread/thread_object_with_queue.h"
+#include "messaging/queue/zant_msg.h"
 
 #include <algorithm>
 #include <atomic>

@@ -5,8 +5,8 @@
 //
 // The report is Markdown, in a file: the library's entry points write to standard output.
 
-#include "gstnox_backend.h"
-#include "gstnox_plugin.h"
+#include "backend/gstnox_backend.h"
+#include "plugin/gstnox_plugin.h"
 #include "nox/screen.h"
 #include "uva/uva_event.h"
 

@@ -2,8 +2,8 @@
 // fputs with the same flushing. Both sides of a ratio run in one process, in turns, many times; the
 // medians are compared. Prints JSON.
 
-#include "debug/mshell.h"
-#include "debug/rol_log.h"
+#include "debug/shell/mshell.h"
+#include "debug/log/rol_log.h"
 #include "util/scoped_handles.h"
 #include "util/socket_comm.h"
 

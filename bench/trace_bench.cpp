@@ -1,8 +1,8 @@
 // What tracing costs its callers: a dropped trace against one relaxed load and a branch, a queued
 // trace against the same line through spdlog's asynchronous logger.
 
-#include "debug/zant_trace_core.h"
-#include "debug/zant_trace_thread.h"
+#include "debug/trace/zant_trace_core.h"
+#include "debug/trace/zant_trace_thread.h"
 
 #include <benchmark/benchmark.h>
 #include <cstdio>

@@ -1,9 +1,9 @@
 // Any text as a codec string, and as the fields of a content type, one a line: a backend answers,
 // and never plays what a codec or a size alone rules out.
 
-#include "codecutil.h"
+#include "codec/codecutil.h"
 #include "gst_once.h"
-#include "gstnox_backend.h"
+#include "backend/gstnox_backend.h"
 #include "uva/uva_event.h"
 
 #include <sstream>

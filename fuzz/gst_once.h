@@ -2,7 +2,7 @@
 #define GST_ONCE_H
 
 #include "fuzz_target.h"
-#include "gstnox_plugin.h"
+#include "plugin/gstnox_plugin.h"
 
 #include <gst/gst.h>
 

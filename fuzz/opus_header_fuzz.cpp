@@ -1,9 +1,9 @@
 // Any bytes as an Opus header: what is read lies within them and describes channels that exist, the
 // caps say the same, and what is refused leaves the record alone.
 
-#include "codecheaders.h"
+#include "codec/codecheaders.h"
 #include "gst_once.h"
-#include "gst_ptr.h"
+#include "base/gst_ptr.h"
 
 #include <algorithm>
 

@@ -1,13 +1,13 @@
 // Any bytes as a command line, as a datagram or a configuration file may bring them: they are
 // parsed within bounds, and commands that do no more than print run with whatever they get.
 
-#include "debug/command_struct.h"
-#include "debug/mshell.h"
-#include "debug/zant_trace_core.h"
-#include "debug/zant_trace_mshell.h"
+#include "debug/shell/command_struct.h"
+#include "debug/shell/mshell.h"
+#include "debug/trace/zant_trace_core.h"
+#include "debug/trace/zant_trace_mshell.h"
 #include "fuzz_target.h"
-#include "messaging/thread_object_mshell.h"
-#include "messaging/zant_msg_queue_mshell.h"
+#include "messaging/thread/thread_object_mshell.h"
+#include "messaging/queue/zant_msg_queue_mshell.h"
 
 #include <memory>
 #include <string>

@@ -1,9 +1,9 @@
 // Any stream configuration: caps that can be written and read again, or none. Input: a codec by its
 // row, which of colour and mastering are there, sizes, rates, both, then the codec data.
 
-#include "codeccaps.h"
+#include "codec/codeccaps.h"
 #include "gst_once.h"
-#include "gst_ptr.h"
+#include "base/gst_ptr.h"
 #include "uva/uva_stream_config.h"
 
 #include <algorithm>

@@ -1,9 +1,9 @@
 // Any bytes as Vorbis codec data: the headers that are found follow one another without a gap up to
 // the end, and each has a type in front of its name.
 
-#include "codecheaders.h"
+#include "codec/codecheaders.h"
 #include "gst_once.h"
-#include "gst_ptr.h"
+#include "base/gst_ptr.h"
 
 #include <cstring>
 

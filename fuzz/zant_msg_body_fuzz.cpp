@@ -1,11 +1,11 @@
 // Random bytes in a queue, as any program of the same user may put there: they are read, dumped and
 // drained without a crash, and never become a payload.
 
-#include "debug/zant_trace_core.h"
+#include "debug/trace/zant_trace_core.h"
 #include "fuzz_target.h"
-#include "messaging/time_out_timer.h"
-#include "messaging/zant_msg.h"
-#include "messaging/zant_msg_queue.h"
+#include "messaging/timer/time_out_timer.h"
+#include "messaging/queue/zant_msg.h"
+#include "messaging/queue/zant_msg_queue.h"
 
 #include <algorithm>
 #include <cstring>

@@ -1,13 +1,13 @@
 // A program with a debug shell and a command of its own: runs until SIGTERM or SIGINT.
 
-#include "debug/command_struct.h"
-#include "debug/mshell.h"
-#include "debug/zant_dbg.h"
-#include "debug/zant_dbg_mshell.h"
-#include "debug/zant_trace_core.h"
-#include "debug/zant_trace_thread.h"
-#include "messaging/thread_object_mshell.h"
-#include "messaging/zant_msg_queue_mshell.h"
+#include "debug/shell/command_struct.h"
+#include "debug/shell/mshell.h"
+#include "debug/shell/zant_dbg.h"
+#include "debug/shell/zant_dbg_mshell.h"
+#include "debug/trace/zant_trace_core.h"
+#include "debug/trace/zant_trace_thread.h"
+#include "messaging/thread/thread_object_mshell.h"
+#include "messaging/queue/zant_msg_queue_mshell.h"
 
 #include <csignal>
 

@@ -1,9 +1,9 @@
 #include "config/cfg_file.h"
 
-#include "debug/mshell.h"
-#include "debug/trace_output.h"
-#include "debug/zant_trace.h"
-#include "debug/zant_trace_state.h"
+#include "debug/shell/mshell.h"
+#include "debug/trace/trace_output.h"
+#include "debug/trace/zant_trace.h"
+#include "debug/trace/zant_trace_state.h"
 #include "util/scoped_handles.h"
 
 #include <algorithm>

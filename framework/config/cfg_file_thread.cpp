@@ -1,8 +1,8 @@
 #include "config/cfg_file_thread.h"
 
 #include "config/cfg_file.h"
-#include "debug/zant_trace_core.h"
-#include "messaging/zant_msg.h"
+#include "debug/trace/zant_trace_core.h"
+#include "messaging/queue/zant_msg.h"
 
 #include <cstring>
 #include <string>

@@ -1,7 +1,7 @@
 #include "config/cfg_line.h"
 
 #include "config/cfg_file.h"
-#include "debug/zant_trace.h"
+#include "debug/trace/zant_trace.h"
 
 #include <algorithm>
 #include <cstdint>

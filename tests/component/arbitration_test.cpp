@@ -2,8 +2,8 @@
 
 #include "UvaGstIfGstMedia.h"
 #include "UvaGstIfReceiver.h"
-#include "gstnox_backend.h"
-#include "gstnox_plugin.h"
+#include "backend/gstnox_backend.h"
+#include "plugin/gstnox_plugin.h"
 #include "support/media_host.h"
 #include "support/sink_watch.h"
 #include "support/wait_until.h"

@@ -1,9 +1,9 @@
 // What an engineer and the main system change on a running set: shell commands, control commands.
 
-#include "debug/command_struct.h"
-#include "debug/mshell.h"
-#include "gstnox_backend.h"
-#include "gstnox_plugin.h"
+#include "debug/shell/command_struct.h"
+#include "debug/shell/mshell.h"
+#include "backend/gstnox_backend.h"
+#include "plugin/gstnox_plugin.h"
 #include "support/log_capture.h"
 #include "support/media_host.h"
 #include "support/wait_until.h"

@@ -1,10 +1,10 @@
 // The backend's answers to its host and to its pipeline, without media: what it logs, stores and
 // raises.
 
-#include "gstnox_avcomponent.h"
-#include "gstnox_backend.h"
-#include "gstnox_buswatch.h"
-#include "gstnox_plugin.h"
+#include "backend/gstnox_avcomponent.h"
+#include "backend/gstnox_backend.h"
+#include "backend/gstnox_buswatch.h"
+#include "plugin/gstnox_plugin.h"
 #include "support/log_capture.h"
 #include "support/media_host.h"
 #include "support/wait_until.h"

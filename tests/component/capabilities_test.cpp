@@ -1,7 +1,7 @@
 // Which content types the backend says that it plays, and the reason that it logs for each refusal.
 
-#include "gstnox_backend.h"
-#include "gstnox_plugin.h"
+#include "backend/gstnox_backend.h"
+#include "plugin/gstnox_plugin.h"
 #include "support/log_capture.h"
 #include "support/media_host.h"
 

@@ -1,17 +1,17 @@
 // What the backend makes of codec data, numbers and stream configurations, held against the
 // installed parsers, decoders and the simulated sinks.
 
-#include "codeccaps.h"
-#include "codecheaders.h"
-#include "codecutil.h"
-#include "gst_ptr.h"
-#include "gstnox_backend.h"
-#include "gstnox_plugin.h"
+#include "codec/codeccaps.h"
+#include "codec/codecheaders.h"
+#include "codec/codecutil.h"
+#include "base/gst_ptr.h"
+#include "backend/gstnox_backend.h"
+#include "plugin/gstnox_plugin.h"
 #include "support/log_capture.h"
 #include "support/media_host.h"
 #include "uva/uva_drm_backend.h"
 #include "uva/uva_stream_config.h"
-#include "uva_gstcontentprotection.h"
+#include "mse/uva_gstcontentprotection.h"
 
 #include <gtest/gtest.h>
 

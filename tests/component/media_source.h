@@ -1,8 +1,8 @@
 #ifndef MEDIA_SOURCE_H
 #define MEDIA_SOURCE_H
 
-#include "gstnox_backend.h"
-#include "gstnox_plugin.h"
+#include "backend/gstnox_backend.h"
+#include "plugin/gstnox_plugin.h"
 #include "support/media_host.h"
 #include "support/recording_sink.h"
 #include "support/wait_until.h"

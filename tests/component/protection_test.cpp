@@ -1,10 +1,10 @@
 // The meta of encrypted buffers, what a decrypter of the host is asked for, and the names of
 // encrypted caps.
 
-#include "gst_ptr.h"
+#include "base/gst_ptr.h"
 #include "support/log_capture.h"
 #include "support/media_host.h"
-#include "uva_gstcontentprotection.h"
+#include "mse/uva_gstcontentprotection.h"
 
 #include <gtest/gtest.h>
 

@@ -2,9 +2,9 @@
 // through.
 
 #include "../unit/recorded_syslog.h"
-#include "gst_ptr.h"
-#include "gstnox_plugin.h"
-#include "gstnox_syslog.h"
+#include "base/gst_ptr.h"
+#include "plugin/gstnox_plugin.h"
+#include "plugin/gstnox_syslog.h"
 #include "support/wait_until.h"
 
 #include <gtest/gtest.h>

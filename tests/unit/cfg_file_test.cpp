@@ -2,9 +2,9 @@
 
 #include "config/cfg_file_thread.h"
 #include "config/cfg_line.h"
-#include "debug/command_struct.h"
-#include "debug/mshell.h"
-#include "messaging/zant_msg.h"
+#include "debug/shell/command_struct.h"
+#include "debug/shell/mshell.h"
+#include "messaging/queue/zant_msg.h"
 #include "support/wait_until.h"
 #include "trace_fixture.h"
 

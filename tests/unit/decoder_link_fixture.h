@@ -4,7 +4,7 @@
 #include "UvaGstIfLowerLayer.h"
 #include "UvaGstIfReceiver.h"
 #include "UvaGstMsgDestLowerLayer.h"
-#include "messaging/zant_msg.h"
+#include "messaging/queue/zant_msg.h"
 #include "support/wait_until.h"
 
 #include <atomic>

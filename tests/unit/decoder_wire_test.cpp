@@ -2,7 +2,7 @@
 
 #include "UvaGstIfLink.h"
 #include "decoder_link_fixture.h"
-#include "messaging/zant_msg_body.h"
+#include "messaging/queue/zant_msg_body.h"
 #include "messaging_fixture.h"
 #include "support/private_arena.h"
 

@@ -1,9 +1,9 @@
 #ifndef MESSAGING_FIXTURE_H
 #define MESSAGING_FIXTURE_H
 
-#include "debug/zant_trace_core.h"
-#include "messaging/zant_msg.h"
-#include "messaging/zant_msg_queue.h"
+#include "debug/trace/zant_trace_core.h"
+#include "messaging/queue/zant_msg.h"
+#include "messaging/queue/zant_msg_queue.h"
 #include "support/stdout_capture.h"
 
 #include <atomic>

@@ -1,6 +1,6 @@
-#include "messaging/observable_callback_all.h"
-#include "messaging/time_out_server.h"
-#include "messaging/timer.h"
+#include "messaging/observer/observable_callback_all.h"
+#include "messaging/timer/time_out_server.h"
+#include "messaging/timer/timer.h"
 #include "messaging_fixture.h"
 #include "support/wait_until.h"
 

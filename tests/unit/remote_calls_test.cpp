@@ -1,7 +1,7 @@
-#include "messaging/zant_rpc_msg_dest_posix.h"
-#include "messaging/zant_rpc_msg_src_posix.h"
+#include "messaging/remote/zant_rpc_msg_dest_posix.h"
+#include "messaging/remote/zant_rpc_msg_src_posix.h"
 
-#include "messaging/zant_msg_body.h"
+#include "messaging/queue/zant_msg_body.h"
 #include "messaging_fixture.h"
 #include "support/private_arena.h"
 #include "support/wait_until.h"

@@ -1,9 +1,9 @@
 // The rolling log and tracing to it, in a /tmp of this program's own.
 
-#include "debug/rol_log.h"
+#include "debug/log/rol_log.h"
 
 #include "config/cfg_file_thread.h"
-#include "debug/sys_vars.h"
+#include "debug/trace/sys_vars.h"
 #include "support/private_tmp.h"
 #include "support/wait_until.h"
 #include "trace_fixture.h"

@@ -1,7 +1,7 @@
 // The shell's thread and socket, with real datagrams, in a /tmp of this program's own.
 
-#include "debug/command_struct.h"
-#include "debug/mshell.h"
+#include "debug/shell/command_struct.h"
+#include "debug/shell/mshell.h"
 #include "support/private_tmp.h"
 #include "support/wait_until.h"
 #include "trace_fixture.h"

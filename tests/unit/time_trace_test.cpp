@@ -1,5 +1,5 @@
-#include "debug/time_trace.h"
-#include "debug/zant_trace_core.h"
+#include "debug/trace/time_trace.h"
+#include "debug/trace/zant_trace_core.h"
 #include "support/stdout_capture.h"
 
 #include <gtest/gtest.h>

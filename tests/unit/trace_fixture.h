@@ -1,9 +1,9 @@
 #ifndef TRACE_FIXTURE_H
 #define TRACE_FIXTURE_H
 
-#include "debug/trace_clock.h"
-#include "debug/zant_trace_core.h"
-#include "debug/zant_trace_thread.h"
+#include "debug/trace/trace_clock.h"
+#include "debug/trace/zant_trace_core.h"
+#include "debug/trace/zant_trace_thread.h"
 #include "recorded_syslog.h"
 #include "support/stdout_capture.h"
 

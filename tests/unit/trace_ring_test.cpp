@@ -1,4 +1,4 @@
-#include "debug/sys_vars.h"
+#include "debug/trace/sys_vars.h"
 #include "support/wait_until.h"
 #include "trace_fixture.h"
 

@@ -1,4 +1,4 @@
-#include "debug/zant_trace_colors.h"
+#include "debug/trace/zant_trace_colors.h"
 #include "trace_fixture.h"
 
 #include <csignal>

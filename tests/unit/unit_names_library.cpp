@@ -1,4 +1,4 @@
-#include "debug/zant_trace_core.h"
+#include "debug/trace/zant_trace_core.h"
 
 // What a library that carries the framework sees of its host's unit names.
 

@@ -1,4 +1,4 @@
-#include "debug/zant_trace.h"
+#include "debug/trace/zant_trace.h"
 
 // The names of the trace units, for every program that carries the framework or loads a library
 // that does: see traceUnitsStringArray. Exported, so that such a library finds them.

@@ -1,7 +1,7 @@
 #include "command.h"
 
 #include "arbiter.h"
-#include "messaging/signal_ids.h"
+#include "messaging/queue/signal_ids.h"
 
 #include <cstdlib>
 #include <limits>

@@ -1,7 +1,7 @@
 #ifndef MAINSYS_COMMAND_H
 #define MAINSYS_COMMAND_H
 
-#include "messaging/zant_msg_body.h"
+#include "messaging/queue/zant_msg_body.h"
 
 #include <chrono>
 #include <cstdint>

@@ -1,7 +1,7 @@
 #ifndef MAINSYS_LINK_SIGNAL_H
 #define MAINSYS_LINK_SIGNAL_H
 
-#include "messaging/zant_msg_body.h"
+#include "messaging/queue/zant_msg_body.h"
 
 #include <chrono>
 #include <cstdint>

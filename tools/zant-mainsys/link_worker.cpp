@@ -3,10 +3,10 @@
 #include "cpucomm/tri_hidtv.h"
 #include "cpucomm/trid_cpucomm.h"
 #include "link_socket.h"
-#include "messaging/queue_io.h"
-#include "messaging/zant_msg.h"
-#include "messaging/zant_rpc_msg_dest_posix.h"
-#include "messaging/zant_rpc_msg_src_posix.h"
+#include "messaging/queue/queue_io.h"
+#include "messaging/queue/zant_msg.h"
+#include "messaging/remote/zant_rpc_msg_dest_posix.h"
+#include "messaging/remote/zant_rpc_msg_src_posix.h"
 
 #include <cerrno>
 #include <cstdio>

@@ -2,7 +2,7 @@
 
 #include "UvaGstIfLowerLayer.h"
 #include "UvaGstIfReceiver.h"
-#include "messaging/queue_io.h"
+#include "messaging/queue/queue_io.h"
 
 #include <cstring>
 

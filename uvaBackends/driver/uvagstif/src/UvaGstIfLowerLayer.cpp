@@ -2,7 +2,7 @@
 
 #include "UvaGstIfMedia.h"
 #include "UvaGstMsgDestLowerLayer.h"
-#include "messaging/zant_msg.h"
+#include "messaging/queue/zant_msg.h"
 
 #include <cstring>
 #include <new>

@@ -1,10 +1,10 @@
 #ifndef UVA_GST_IF_LOWER_LAYER_H
 #define UVA_GST_IF_LOWER_LAYER_H
 
-#include "messaging/observable_callback_function.h"
-#include "messaging/signal_ids.h"
-#include "messaging/thread_object_with_queue.h"
-#include "messaging/zant_rpc_msg_src_posix.h"
+#include "messaging/observer/observable_callback_function.h"
+#include "messaging/queue/signal_ids.h"
+#include "messaging/thread/thread_object_with_queue.h"
+#include "messaging/remote/zant_rpc_msg_src_posix.h"
 
 #include <cstdint>
 

@@ -2,7 +2,7 @@
 
 #include "UvaGstIfLowerLayer.h"
 #include "UvaGstIfReports.h"
-#include "messaging/zant_msg.h"
+#include "messaging/queue/zant_msg.h"
 
 #include <algorithm>
 #include <chrono>

@@ -1,0 +1,129 @@
+#ifndef ZANT_TRACE_CORE_H
+#define ZANT_TRACE_CORE_H
+
+#include "debug/log/rol_log.h"
+#include "debug/trace/zant_trace.h"
+#include "debug/trace/zant_trace_state.h"
+#include "util/mutex.h"
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <string>
+
+/// The trace facility of the process: which traces pass, where lines go and what they look like.
+/// Modules trace through debug/zant_trace.h; this class is for those who set tracing up.
+///
+/// There is one object, zantTrace, never destroyed. All functions are thread-safe and, unless they
+/// say otherwise, return 0.
+class CZantTrace {
+public:
+    /// A trace unit out of range.
+    static constexpr int32_t errorUnit = -1600;
+    /// Room that every timestamp fits into, with its terminator.
+    static constexpr size_t timestampSize = 80;
+
+    CZantTrace();
+    virtual ~CZantTrace() = default;
+
+    /// Opens syslog under the process's name, registers the trace commands of the shell, puts the
+    /// name into every line and starts the trace thread. Returns what starting the thread returned.
+    /// Runs once, early in start-up: until then queued lines wait in the ring.
+    int32_t Init(const char* processName, int32_t syslogFacility);
+
+    /// The unit's name; unit 0's for a unit without one.
+    const char* GetTraceUnitNamePtr(unsigned unit) const;
+    /// The first unit of that name, in any case; 0 if there is none.
+    unsigned GetTraceUnitNrByName(const char* name) const;
+    /// The level of that name, in any case; TRACELEVEL_ALL if there is none.
+    T_TraceLevel GetTraceLevelNrByName(const char* name) const;
+    /// The name of exactly this level, or "!!! ILLEGAL !!!".
+    const char* GetTraceLevelNamePtr(int32_t level) const;
+    /// Maps the older scale to the current one; the older INFO is the current DEBUG, deliberately.
+    T_TraceLevel ConvertTraceLevel(T_TraceLevel level) const;
+
+    /// Sets the activation level of a unit, by number or by name. A unit out of range gives
+    /// errorUnit; so does an unknown unit name. An unknown level name lets everything pass.
+    int32_t SetTraceOn(unsigned unit, T_TraceLevel level);
+    int32_t SetTraceOn(const char* unitName, const char* levelName);
+    int32_t SetTraceOff(unsigned unit);
+    int32_t SetTraceOnAll(T_TraceLevel level);
+    int32_t SetTraceOffAll();
+    /// The unit's activation level, 0 for a unit out of range.
+    T_TraceLevel GetTraceActivationState(unsigned unit) const;
+
+    /// Modes: anything but 0 switches on.
+    int32_t SetTraceModeDirectPrint(int on);
+    int32_t SetTraceModeWriteToLogfileIfDirectPrint(int on);
+    int32_t SetTraceModeUseSyslog(int on);
+    int32_t SetTraceWithColors(int on);
+    int32_t SetTraceTimestampsOn();
+    int32_t SetTraceTimestampsOff();
+    int32_t StartTracingToScreen();
+    int32_t StopTracingToScreen();
+
+    /// Writes the local time with milliseconds and a blank into `destination`, which has
+    /// timestampSize bytes. Returns the number of characters, 0 on failure.
+    int32_t PrintTimestampToCharString(char* destination) const;
+    int32_t PrintTimestamp() const;
+
+    /// Start and stop writing every line to the log file too; the first line of a start says so.
+    /// They tell on standard output what they did. 0, also when there was nothing to do, or a code
+    /// of CRolLog. The directory and name, if given, are taken when the log is not being written.
+    /// Stopping lets what is on its way settle and takes more than two seconds.
+    int32_t StartTracingToFile() EXCLUDES(m_logControlMutex);
+    int32_t StartTracingToFile(const char* dir, const char* name) EXCLUDES(m_logControlMutex);
+    int32_t StopTracingToFile() EXCLUDES(m_logControlMutex);
+
+    /// Looks for a log directory, "/tmp/usb_logs/" or "zantalog" on a removable drive, and starts
+    /// tracing to a file there. A file "traces<suffix>.cfg" beside it is run on the configuration
+    /// thread; until it is through, the log's size has no limit. Without a directory: 0. Directory
+    /// and file count only if nobody but this user and root may write to them, see
+    /// util/trusted_path.h; if others may, a line on standard output says so.
+    int32_t CheckAndStartTracingToFile(const char* suffix) EXCLUDES(m_logControlMutex);
+    /// Gives a log without limit the limit that it had before CheckAndStartTracingToFile.
+    int32_t CheckAndSetMaxSizeOfLogfile();
+    int32_t SetTraceFileMaxSize(long maxSize);
+    /// The log's directory.
+    std::string GetLogfilePath();
+
+    /// Writes a finished line to the log file if one is being written. The first failure ends that
+    /// and says so on standard output.
+    void WriteToLogfile(const char* line);
+
+    int32_t SetPrintToScreenFunction(int (*function)(const char*));
+    int32_t SetInitialInfoWhenTracingToFileStartsFunction(void (*function)());
+
+    /// Lists one unit, or all but unit 0; unused units are left out of a listing if asked to.
+    int32_t PrintTraceActivationState(unsigned unit, bool skipUnused) const;
+    int32_t PrintAllTraceActivationStates() const;
+
+    bool hasTimestamps() const { return s_timestamps.load(std::memory_order_relaxed); }
+    bool isTracingToScreen() const { return s_tracingToScreen.load(std::memory_order_relaxed); }
+    bool isTracingToFile() const { return s_tracingToFile.load(std::memory_order_relaxed); }
+
+private:
+    void beginLog() REQUIRES(m_logControlMutex);
+    void callInitialInfoFunction();
+    static void storeLevel(unsigned unit, T_TraceLevel level);
+    static void restorePrefix();
+
+    // Static for the sake of threads that trace before the constructor has run.
+    static std::atomic<bool> s_timestamps;
+    static std::atomic<bool> s_tracingToScreen;
+    static std::atomic<bool> s_tracingToFile;
+
+    /// Held while the log is started, stopped or moved elsewhere, not while lines are written.
+    Mutex m_logControlMutex;
+    CRolLog m_LogFile;
+    /// The log's maximum while it has none.
+    std::atomic<long> m_savedMaxSize;
+
+    std::atomic<int (*)(const char*)> m_printToScreenFunction{nullptr};
+    std::atomic<void (*)()> m_initialInfoFunction{nullptr};
+};
+
+/// The one trace object of the process. Never destroyed.
+extern CZantTrace& zantTrace;
+
+#endif

@@ -1,0 +1,66 @@
+#include "debug/trace/zant_trace_state.h"
+
+#include <syslog.h>
+
+namespace {
+
+constexpr unsigned defaultUnitNamesSize = sizeof(const char*);
+
+} // namespace
+
+std::atomic<bool> zantTraceDirectPrint{true};
+std::atomic<bool> zantTraceWriteToLogfileIfDirectPrint{true};
+std::atomic<bool> zantTraceUseSyslog{false};
+std::atomic<bool> zantTraceWithColors{true};
+std::atomic<int32_t> zantSyslogFacility{LOG_LOCAL0};
+std::atomic<const char*> zantTraceProcessPrefix{" "};
+std::atomic<const char*> initialTraceProcessPrefix{""};
+std::atomic<uint16_t> zantTraceCtr{0};
+std::atomic<T_UserTraceOutputFunction> funcUserTraceOutputPtr{nullptr};
+
+const T_TraceLevelName zantTraceLevelNameTable[] = {
+    {0, "TRACELEVEL_ALL"},
+    {1, "TRACELEVEL_DEBUG_OLD"},
+    {2, "TRACELEVEL_INFO_OLD"},
+    {3, "TRACELEVEL_WARNING_OLD"},
+    {4, "TRACELEVEL_ERROR_OLD"},
+    {5, "TRACELEVEL_FATAL_OLD"},
+    {6, "TRACELEVEL_SYSINFO_OLD"},
+    {9, "TRACELEVEL_MAX_OLD"},
+    {10, "TRACELEVEL_DEBUG"},
+    {11, "TRACELEVEL_DEBUG1"},
+    {12, "TRACELEVEL_DEBUG2"},
+    {13, "TRACELEVEL_DEBUG3"},
+    {16, "TRACELEVEL_DEBUG_CYAN"},
+    {17, "TRACELEVEL_DEBUG_GREEN"},
+    {18, "TRACELEVEL_DEBUG_MAGENTA"},
+    {19, "TRACELEVEL_DEBUG_BLUE"},
+    {20, "TRACELEVEL_INFO"},
+    {21, "TRACELEVEL_INFO1"},
+    {22, "TRACELEVEL_INFO2"},
+    {23, "TRACELEVEL_INFO3"},
+    {26, "TRACELEVEL_INFO_CYAN"},
+    {27, "TRACELEVEL_INFO_GREEN"},
+    {28, "TRACELEVEL_INFO_MAGENTA"},
+    {29, "TRACELEVEL_INFO_BLUE"},
+    {30, "TRACELEVEL_WARNING"},
+    {31, "TRACELEVEL_WARNING1"},
+    {32, "TRACELEVEL_WARNING2"},
+    {33, "TRACELEVEL_WARNING3"},
+    {40, "TRACELEVEL_ERROR"},
+    {50, "TRACELEVEL_FATAL"},
+    {60, "TRACELEVEL_SYSINFO"},
+    {66, "TRACELEVEL_SYSINFO_CYAN"},
+    {67, "TRACELEVEL_SYSINFO_GREEN"},
+    {68, "TRACELEVEL_SYSINFO_MAGENTA"},
+    {69, "TRACELEVEL_SYSINFO_BLUE"},
+    {TRACELEVEL_NO_TRACE, "TRACELEVEL_NO_TRACE"},
+};
+
+// A host process may define these two instead: weak, so that its definition wins in a static link
+// and the compiler assumes nothing about ours; visible, so that it wins over the shared library's.
+extern "C" {
+__attribute__((weak, visibility("default"))) const char* traceUnitsStringArray[] = {"TRACE_NONE"};
+__attribute__((weak, visibility("default"))) const unsigned* traceUnitsStringArraySizePtr =
+    &defaultUnitNamesSize;
+}

@@ -1,0 +1,45 @@
+#ifndef MESSAGING_OBSERVABLE_CALLBACK_QUEUE_H
+#define MESSAGING_OBSERVABLE_CALLBACK_QUEUE_H
+
+#include "messaging/observer/observer_list.h"
+
+#include <atomic>
+#include <cstdint>
+
+/// Fans a message out to the queues that registered for its signal, 0 standing for every signal.
+/// Thread-safe; operations on one observable come one after the other. Results are 0 or an
+/// ObserverCode.
+class CObservableCallbackQueue {
+public:
+    CObservableCallbackQueue() = default;
+    virtual ~CObservableCallbackQueue() = default;
+    CObservableCallbackQueue(const CObservableCallbackQueue&) = delete;
+    CObservableCallbackQueue& operator=(const CObservableCallbackQueue&) = delete;
+
+    /// Refuses handle 0, a queue that blocks (a notifier never waits on an observer), and a queue
+    /// that is registered for this signal already.
+    virtual int32_t RegisterCallbackQueue(int queue, long callbackId, long callbackId2,
+                                          unsigned long signal);
+    virtual int32_t UnregisterCallbackQueue(int queue, unsigned long signal);
+    virtual void DeleteObserversWithCallbackQueue();
+    /// How many get a message with this signal.
+    virtual int32_t CountObserversWithCallbackQueue(unsigned long signal);
+    virtual bool AlreadyRegisteredWithCallbackQueue(int queue, unsigned long signal);
+    /// Sends the message to all that want it, with their callback ids in `param2` and `param3`. The
+    /// message has no payload afterwards. 0, or the code of the last send that failed.
+    virtual int32_t NotifyObserversWithCallbackQueue(CZantMsg* msg);
+
+    int32_t CountObserversForThisMsg(unsigned long signal) REQUIRES(m_observers.mutex());
+    bool AlreadyRegisteredWithCallbackQueueNoMutex(int queue, unsigned long signal)
+        REQUIRES(m_observers.mutex());
+
+    /// Deliveries of the process.
+    static uint32_t GetTotalNrOfQueueCallbacks() { return totalNrOfQueueCallbacks; }
+    static void ClearTotalNrOfQueueCallbacks() { totalNrOfQueueCallbacks = 0; }
+
+private:
+    ObserverList<int32_t> m_observers;
+    static std::atomic<uint32_t> totalNrOfQueueCallbacks;
+};
+
+#endif

@@ -1,0 +1,152 @@
+#include "messaging/remote/zant_rpc_msg_src_posix.h"
+
+#include "debug/trace/zant_trace.h"
+#include "debug/trace/zant_trace_colors.h"
+#include "messaging/queue/cancellation_block.h"
+#include "messaging/queue/queue_io.h"
+#include "messaging/remote/rpc_sequence.h"
+#include "messaging/queue/zant_msg.h"
+#include "messaging/queue/zant_msg_body.h"
+
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <mqueue.h>
+#include <sys/stat.h>
+#include <utility>
+
+std::atomic<uint32_t> CZantRpcMsgSrcPosix::totalNrOfRpcCalls{0};
+
+namespace {
+
+const char* signalName(const CZantMsg& msg) {
+    return GetSignalIdNamePtr(static_cast<SignalIds>(msg.signalId));
+}
+
+void* asPointer(uint32_t address) {
+    return reinterpret_cast<void*>(static_cast<uintptr_t>(address));
+}
+
+} // namespace
+
+CZantRpcMsgSrcPosix::~CZantRpcMsgSrcPosix() {
+    const CancellationBlock block;
+    CThreadObjectWithQueue::StopThreadAndWait();
+    closeTargetQueue();
+}
+
+int32_t CZantRpcMsgSrcPosix::Init(const char* prefix, int capacity, _tagCPUID,
+                                  std::string function) {
+    const int32_t result = CThreadObjectWithQueue::Init(prefix, capacity, 0, false, true);
+    targetQueueName = rpc_sequence::queueNameOf(function);
+    targetFunc = std::move(function);
+    return result;
+}
+
+int32_t CZantRpcMsgSrcPosix::SendCmd(CZantMsg* msg) {
+    if (msg && msg->signalObj) {
+        ZANT_TRACE_STREAM(
+            TRACEUNIT_RPC_SOURCE, TRACELEVEL_ERROR,
+            "CZantRpcMsgSrcPosix::SendCmd() - Sending objects via RPC not yet supported - "
+                << " - Signal = " << signalName(*msg) << '\n');
+        msg->FreeSignal();
+        return CZantMsgQueue::sendFailed;
+    }
+    return CThreadObjectWithQueue::SendCmd(msg);
+}
+
+void CZantRpcMsgSrcPosix::ProcessZantMsg(CZantMsg* msg) {
+    ZANT_TRACE_STREAM(TRACEUNIT_RPC_SOURCE, TRACELEVEL_INFO,
+                      "CZantRpcMsgSrcPosix::ProcessZantMsg called for sending IPC msg -- Signal = "
+                          << signalName(*msg) << '\n');
+    SendMsgViaRpcPosixQueue(msg);
+}
+
+int32_t CZantRpcMsgSrcPosix::SendMsgViaRpcPosixQueue(CZantMsg* msg) {
+    const CancellationBlock cancellationBlock;
+    ++nrOfRpcCalls;
+    ++totalNrOfRpcCalls;
+    if (!openTargetQueue()) {
+        msg->FreeSignal();
+        return CZantMsgQueue::sendFailed;
+    }
+    void* block = nullptr;
+    const bool shared = sharePayload(*msg, block);
+    msg->FreeSignal();
+    if (!shared)
+        return noSharedMemory;
+
+    msg->rpcControl = rpc_sequence::stamp(msg->rpcControl, sequenceCtr);
+    ZANT_TRACE(TRACEUNIT_RPC_SOURCE, TRACELEVEL_INFO,
+               "%s CZantRpcMsgSrcPosix:: Sending IPC msg -- Signal Id = %ld Signal Ptr (phys) = %p "
+               "Sequence-Ctr = %d Variable = %d %s\n",
+               CS_CYAN, static_cast<long>(msg->signalId), asPointer(msg->sharedAddress),
+               static_cast<int>(sequenceCtr), msg->param1, CS_NORMAL);
+    IncSequenceCtr();
+    ZANT_TRACE(TRACEUNIT_RPC_SOURCE, TRACELEVEL_INFO,
+               "%s CZantRpcMsgSrcPosix:: Next Sequence-Ctr = %d %s\n", CS_CYAN,
+               static_cast<int>(sequenceCtr), CS_NORMAL);
+
+    const int result = queue_io::send(targetQueue, packForOtherProcess(*msg), 0, cancellationBlock);
+    if (result == 0)
+        return 0;
+    ZANT_TRACE(TRACEUNIT_RPC_SOURCE, TRACELEVEL_ERROR,
+               "CZantRpcMsgSrcPosix::Send (FAILED - handle=%d rc2=%d errno=%d signal=%lu %s\n",
+               targetQueue, result, errno, static_cast<unsigned long>(msg->signalId),
+               signalName(*msg));
+    Trid_Util_CPUComm_Free(block);
+    msg->sharedAddress = 0;
+    msg->signalSize = 0;
+    return CZantMsgQueue::sendFailed;
+}
+
+bool CZantRpcMsgSrcPosix::sharePayload(CZantMsg& msg, void*& block) {
+    msg.sharedAddress = 0;
+    if (!msg.signalPtr || msg.signalSize <= 0)
+        return true;
+    const auto size = static_cast<uint32_t>(msg.signalSize);
+    block = Trid_Util_CPUComm_Malloc(size);
+    if (!block) {
+        ZANT_TRACE(TRACEUNIT_RPC_SOURCE, TRACELEVEL_ERROR,
+                   "CZantRpcMsgSrcPosix: Trid_Util_CPUComm_Malloc failed\n");
+        return false;
+    }
+    memcpy(block, msg.signalPtr, size);
+    msg.sharedAddress = Trid_Util_CPUComm_Convert2PhyAddr(block);
+    if (msg.sharedAddress == 0) {
+        ZANT_TRACE(TRACEUNIT_RPC_SOURCE, TRACELEVEL_ERROR,
+                   "CZantRpcMsgSrcPosix: Trid_Util_CPUComm_Convert2PhyAddr failed\n");
+        Trid_Util_CPUComm_Free(block);
+        return false;
+    }
+    ZANT_TRACE_STREAM(TRACEUNIT_RPC_SOURCE, TRACELEVEL_INFO,
+                      "CZantRpcMsgSrcPosix: Trid_Util_CPUComm_Malloc o.k. - Addr = "
+                          << asPointer(msg.sharedAddress) << '\n');
+    return true;
+}
+
+void CZantRpcMsgSrcPosix::IncSequenceCtr() {
+    sequenceCtr = rpc_sequence::next(sequenceCtr);
+}
+
+/// A queue that was unlinked has no reader any more, or soon none: its successor has the name.
+bool CZantRpcMsgSrcPosix::openTargetQueue() {
+    struct stat info {};
+    if (targetQueueOpen && fstat(targetQueue, &info) == 0 && info.st_nlink > 0)
+        return true;
+    closeTargetQueue();
+    targetQueue = mq_open(targetQueueName.c_str(), O_WRONLY | O_NONBLOCK);
+    targetQueueOpen = targetQueue >= 0;
+    if (!targetQueueOpen)
+        ZANT_TRACE_STREAM(TRACEUNIT_RPC_SOURCE, TRACELEVEL_ERROR,
+                          "CZantRpcMsgSrcPosix::SendMsgViaRpcPosixQueue() - Error opening target "
+                          "queue : "
+                              << targetQueueName << '\n');
+    return targetQueueOpen;
+}
+
+void CZantRpcMsgSrcPosix::closeTargetQueue() {
+    if (targetQueueOpen)
+        mq_close(targetQueue);
+    targetQueueOpen = false;
+}

@@ -1,0 +1,18 @@
+#include "messaging/thread/thread_object_blocking_wait.h"
+
+#include "messaging/queue/cancellation_block.h"
+
+CThreadObjectBlockingWait::~CThreadObjectBlockingWait() {
+    const CancellationBlock block;
+    CThreadObjectBlockingWait::StopThreadAndWait();
+}
+
+void CThreadObjectBlockingWait::StopThread() {
+    cancelThread(requestStop());
+}
+
+void CThreadObjectBlockingWait::StopThreadAndWait() {
+    const Run run = requestStop();
+    cancelThread(run);
+    waitForEnd(run);
+}

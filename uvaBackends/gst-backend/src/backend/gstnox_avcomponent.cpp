@@ -1,0 +1,102 @@
+#include "backend/gstnox_avcomponent.h"
+
+#include "backend/gstnox_backend.h"
+#include "plugin/gstnox_plugin.h"
+#include "uva/uva_event.h"
+
+#include <string_view>
+
+#define GST_CAT_DEFAULT gst_backend_debug
+
+GstNoxAvComponent::GstNoxAvComponent(GstNoxBackend* backend, int componentType, const char* kind,
+                                     const char* name)
+    : AVComponent(componentType, "UNKNOWN_ENCODING", "und", ""), m_backend(backend),
+      m_name(g_strdup(name)), m_kind(kind) {}
+
+GstNoxAvComponent::~GstNoxAvComponent() = default;
+
+void GstNoxAvComponent::setActive(bool on) {
+    AVComponent::setActive(on);
+}
+
+GstNoxAudioComponent::GstNoxAudioComponent(GstNoxBackend* backend, const char* name)
+    : GstNoxAvComponent(backend, Audio, "audio", name) {
+    shape = 0;
+    bitrate = 128000;
+    channel = g_strdup("1_1");
+}
+
+GstNoxAudioComponent::~GstNoxAudioComponent() = default;
+
+GstNoxVideoComponent::GstNoxVideoComponent(GstNoxBackend* backend, const char* name)
+    : GstNoxAvComponent(backend, Video, "video", name) {
+    shape = 4;
+    bitrate = 2560000;
+    channel = g_strdup("5_1");
+}
+
+GstNoxVideoComponent::~GstNoxVideoComponent() = default;
+
+int GstNoxBackend::addComponent(const char* kind, const char* name) {
+    GST_DEBUG("'%s'(%s)", kind, name);
+    std::unique_ptr<GstNoxAvComponent> component;
+    if (g_strcmp0(kind, "video") == 0) {
+        component = std::make_unique<GstNoxVideoComponent>(this, name);
+    } else if (g_strcmp0(kind, "audio") == 0) {
+        component = std::make_unique<GstNoxAudioComponent>(this, name);
+    } else {
+        GST_WARNING("***W: invalid component type '%s'", kind);
+        return 0;
+    }
+    GstNoxAvComponent* const added = component.get();
+    if (std::string_view(name).find("_0") != std::string_view::npos) // the first of its kind
+        added->setActive(true);
+    {
+        const GLibLock lock(m_lock);
+        if (!m_components.try_emplace(name, std::move(component)).second) {
+            GST_WARNING("***W: component '%s' of type '%s' already exists.", name, kind);
+            return 0;
+        }
+    }
+    raiseEvent(new MultiComponentChangedEvent({}, {added}), GST_LEVEL_DEBUG, "removed:%d, added:%d",
+               0, 1);
+    return 1;
+}
+
+void GstNoxBackend::removeComponent(const char* name) {
+    GST_DEBUG("name='%s'", name);
+    std::unique_ptr<GstNoxAvComponent> component;
+    {
+        const GLibLock lock(m_lock);
+        const auto it = m_components.find(name);
+        if (it == m_components.end()) {
+            GST_WARNING("***W: component '%s' does not exist in collection.", name);
+            return;
+        }
+        component = std::move(it->second);
+        m_components.erase(it);
+    }
+    raiseEvent(new MultiComponentChangedEvent({component.release()}, {}), GST_LEVEL_DEBUG,
+               "removed:%d", 1);
+}
+
+bool GstNoxBackend::hasComponent(const char* name) {
+    const GLibLock lock(m_lock);
+    return m_components.find(name) != m_components.end();
+}
+
+int GstNoxBackend::selectComponent(AVComponent* component) {
+    GST_DEBUG("label=%s", component != nullptr ? component->label.c_str() : "");
+    return Success;
+}
+
+int GstNoxBackend::unselectComponent(AVComponent* component) {
+    GST_DEBUG("label=%s", component != nullptr ? component->label.c_str() : "");
+    return Success;
+}
+
+int GstNoxBackend::addTrack(AVComponent::Kind kind, const char* url, const char* language,
+                            const char* label) {
+    GST_DEBUG("kind=%d url=%s srclang=%s label=%s", static_cast<int>(kind), url, language, label);
+    return Success;
+}

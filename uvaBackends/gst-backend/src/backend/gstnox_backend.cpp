@@ -1,0 +1,320 @@
+#include "backend/gstnox_backend.h"
+
+#include "UvaGstIfLowerLayer.h"
+#include "UvaGstIfReceiver.h"
+#include "backend/gstnox_avcomponent.h"
+#include "mse/gstnox_msebin.h"
+#include "plugin/gstnox_plugin.h"
+#include "uva/uva_drm_backend.h"
+#include "uva/uva_event.h"
+
+#include <algorithm>
+#include <array>
+#include <cmath>
+#include <cstdlib>
+#include <cstring>
+#include <limits>
+
+#define GST_CAT_DEFAULT gst_backend_debug
+
+namespace {
+
+// The set's video output, pixels.
+constexpr double outputWidth = 1920.0;
+constexpr double outputHeight = 1080.0;
+
+/// Truncates towards zero; what no 32-bit integer is (a logical screen may be empty) is the
+/// nearest.
+int toInteger(double value) {
+    if (std::isnan(value))
+        return 0;
+    return static_cast<int>(std::clamp(value, static_cast<double>(std::numeric_limits<int>::min()),
+                                       static_cast<double>(std::numeric_limits<int>::max())));
+}
+
+/// x, y, width, height in pixels of the output, each as its low 16 bits, the most significant byte
+/// first.
+std::array<unsigned char, 8> windowRequest(const UVABackend::Rect& window, double horizontalFactor,
+                                           double verticalFactor) {
+    std::array<unsigned char, 8> bytes{};
+    auto* next = bytes.begin();
+    for (const double value : {window.x * horizontalFactor, window.y * verticalFactor,
+                               window.width * horizontalFactor, window.height * verticalFactor}) {
+        const auto number = static_cast<unsigned int>(toInteger(value));
+        *next++ = static_cast<unsigned char>(number >> 8U);
+        *next++ = static_cast<unsigned char>(number);
+    }
+    return bytes;
+}
+
+} // namespace
+
+/// The backends of the process, for the shell. It outlives them all.
+class GstNoxBackend::Registry {
+public:
+    static Registry& instance() {
+        static Registry& registry = *new Registry;
+        return registry;
+    }
+    void add(GstNoxBackend& backend) {
+        const GLibLock lock(m_lock);
+        m_backends.push_back(&backend);
+    }
+    /// Waits while the backend is being described.
+    void remove(GstNoxBackend& backend) {
+        const GLibLock lock(m_lock);
+        m_backends.erase(std::find(m_backends.begin(), m_backends.end(), &backend));
+    }
+    std::string describe() {
+        const GLibLock lock(m_lock);
+        std::string text;
+        for (auto* backend : m_backends)
+            text += backend->listing();
+        return text;
+    }
+
+private:
+    GLibMutex m_lock; // taken before a backend's own
+    std::vector<GstNoxBackend*> m_backends GUARDED_BY(m_lock);
+};
+
+std::atomic<bool> GstNoxBackend::g_standalone{false};
+
+std::string GstNoxBackend::describeAll() {
+    return Registry::instance().describe();
+}
+
+std::string GstNoxBackend::listing() {
+    const guint64 position = m_lastPosition;
+    GstState state = GST_STATE_VOID_PENDING;
+    {
+        const GLibLock lock(m_lock);
+        state = m_state;
+    }
+    const GCharPtr head(g_strdup_printf("%p %s position=%" GST_TIME_FORMAT "\n",
+                                        static_cast<void*>(this), gst_element_state_get_name(state),
+                                        GST_TIME_ARGS(position)));
+    std::string text = head.get();
+    for (const auto& bin : bins())
+        text += "  " + bin->describe() + "\n";
+    return text;
+}
+
+GstNoxBackend::GstNoxBackend(UVABackendType type, UVAClient* client)
+    : UVAMediaBackend(type, client), m_client(client) {
+    GST_INFO("type=%d", static_cast<int>(type));
+    g_assert(m_client);
+    g_standalone = std::getenv("NOX_GST_STANDALONE") != nullptr;
+    Registry::instance().add(*this);
+}
+
+GstNoxBackend::~GstNoxBackend() {
+    GST_INFO("entry");
+    Registry::instance().remove(*this);
+    uvaGstIfReceiver.connectBackend(nullptr);
+    for (const auto& bin : bins())
+        bin->close(); // else their threads decrypt all that is queued before they stop
+    waitForWriters(nullptr);
+    gstPlayerStopAndDestroy();
+    uvaGstIfReceiver.leave(m_requester);
+    for (const auto& bin : bins()) {
+        takeBin(bin->id());
+        bin->Destroy();
+    }
+    GST_INFO("done");
+}
+
+int GstNoxBackend::initBackend(const char* origin, SourceDescription** sources, bool /*autoplay*/,
+                               bool audioOnly) {
+    GST_INFO("origin='%s' audio_only=%d", origin, audioOnly);
+    m_audioOnly = audioOnly;
+    if (sources == nullptr) {
+        GST_ERROR("***E: no sources");
+        return Failure;
+    }
+    int result = Success;
+    int count = 0;
+    for (; sources[count] != nullptr; ++count)
+        if (initSource(sources[count], count) != Success)
+            result = Failure;
+    uvaGstIfReceiver.connectBackend(&m_controlPort);
+    GST_INFO(" number of sources is %d", count);
+    changeState(GST_STATE_READY);
+    return result;
+}
+
+/// Takes ownership of the source.
+int GstNoxBackend::initSource(SourceDescription* source, int index) {
+    GST_INFO(" source[%d]: type=%d", index, source->type);
+    if (source->type == SourceDescription::MseStreaming) {
+        GST_INFO("  MSE_STREAMING");
+        return attachSource(source);
+    }
+    const std::unique_ptr<SourceDescription> owned(source);
+    if (source->type == SourceDescription::BackendStreaming)
+        return initBackendStreaming(*source, index);
+    GST_WARNING("***W: source[%d]: type=%d is not handled", index, source->type);
+    return Failure;
+}
+
+int GstNoxBackend::initBackendStreaming(const SourceDescription& source, int index) {
+    GST_INFO("  BACKEND_STREAMING: url='%s'", source.url);
+    if (source.url == nullptr) {
+        GST_ERROR("***E: source[%d]: no url", index);
+        return Failure;
+    }
+    if (gstPlaybinCreate() != 0)
+        return Failure;
+    m_userAgent = source.userAgent != nullptr ? source.userAgent : "";
+    g_object_set(m_pipeline.get(), "uri", source.url, nullptr);
+    return Success;
+}
+
+int GstNoxBackend::canPlaySource(const SourceDescription& source) {
+    GST_INFO("type      = %d", source.type);
+    GST_INFO("source_id = %d", source.sourceId);
+    GST_INFO("mime_type = %s", source.mimeType);
+    return Success;
+}
+
+int GstNoxBackend::setLogicalScreenSize(int width, int height) {
+    GST_INFO("Logical screen size: %dx%d", width, height);
+    m_screenWidth = width;
+    m_screenHeight = height;
+    return Success;
+}
+
+int GstNoxBackend::setFullScreen(bool on) {
+    GST_INFO("fullscreen: %d", on);
+    m_fullScreen = on;
+    return Success;
+}
+
+int GstNoxBackend::setVideoWindowAndClip(const Rect& window, const Rect& clip) {
+    GST_DEBUG("window: %d,%d %dx%d", window.x, window.y, window.width, window.height);
+    GST_DEBUG("clip: %d,%d %dx%d", clip.x, clip.y, clip.width, clip.height);
+    const int screenWidth = m_screenWidth;
+    const int screenHeight = m_screenHeight;
+    GST_DEBUG("client_screen: %dx%d", screenWidth, screenHeight);
+    const std::array<unsigned char, 8> request =
+        windowRequest(window, outputWidth / screenWidth, outputHeight / screenHeight);
+    uvaGstIfLowerLayer.sendIndicationBuffer(SIG_ID_MPLAYER_SET_WINDOW_REQ, request.data(),
+                                            static_cast<int>(request.size()));
+    return Success;
+}
+
+int GstNoxBackend::setWindowId(unsigned int id) {
+    GST_INFO("window_id=%u", id);
+    return Success;
+}
+
+int GstNoxBackend::setLoop(int times) {
+    GST_ERROR("not supported, value=%d", times);
+    return Success;
+}
+
+int GstNoxBackend::setKeySystem(const UVAKeySystemConfig& config) {
+    GST_INFO("key_system_id: '%s', client = %llu", config.keySystemId,
+             static_cast<unsigned long long>(config.client));
+    auto next = std::make_shared<KeySystem>();
+    next->client = config.client;
+    next->value = config.value;
+    bool copied = true;
+    if (config.flags == 0 && config.keySystemId != nullptr) {
+        next->id.reset(strdup(config.keySystemId));
+        copied = next->id != nullptr;
+    }
+    next->drm = UVA_FindDRMBackend(next->id.get());
+    const GLibLock lock(m_lock);
+    if (!copied && m_keySystem != nullptr) {
+        next->client = m_keySystem->client;
+        next->value = m_keySystem->value;
+    }
+    m_keySystem = std::move(next);
+    return copied ? Success : 0;
+}
+
+int GstNoxBackend::releaseResources() {
+    GST_ERROR("lost resources - deprecated");
+    return Success;
+}
+
+int GstNoxBackend::releaseResources(ResourceType type) {
+    GST_ERROR("lost resources: %d", static_cast<int>(type));
+    gstPlayerStopAndDestroy();
+    return Success;
+}
+
+int GstNoxBackend::play() {
+    return enterState(GST_STATE_PLAYING, "nox-play");
+}
+
+int GstNoxBackend::pause() {
+    return enterState(GST_STATE_PAUSED, "nox-pause");
+}
+
+int GstNoxBackend::enterState(GstState state, const char* graphName) {
+    GST_DEBUG("entry");
+    changeState(state);
+    setPipelineState(state);
+    writeGraph(graphName);
+    GST_DEBUG("exit");
+    return Success;
+}
+
+int GstNoxBackend::setPlaybackRate(double rate) {
+    GST_DEBUG("rate=%5.2f", rate);
+    constexpr double tolerance = 0.01;
+    return std::abs(rate - 1.0) <= tolerance ? Success : Failure;
+}
+
+int GstNoxBackend::getNativeSize(int& width, int& height, double& pixelAspectRatio) {
+    {
+        const GLibLock lock(m_lock);
+        width = m_nativeWidth;
+        height = m_nativeHeight;
+        pixelAspectRatio = m_pixelAspectRatio;
+    }
+    GST_INFO("size=%dx%d par=%5.2f", width, height, pixelAspectRatio);
+    return Success;
+}
+
+void GstNoxBackend::setMetaData(int width, int height) {
+    const GLibLock lock(m_lock);
+    if (width == m_nativeWidth && height == m_nativeHeight)
+        return;
+    m_nativeWidth = width;
+    m_nativeHeight = height;
+    m_metaDataChanged = true;
+}
+
+void GstNoxBackend::setMetaData(double pixelAspectRatio) {
+    constexpr double tolerance = 0.001;
+    const GLibLock lock(m_lock);
+    if (std::abs(pixelAspectRatio - m_pixelAspectRatio) <= tolerance)
+        return;
+    m_pixelAspectRatio = pixelAspectRatio;
+    m_metaDataChanged = true;
+}
+
+void GstNoxBackend::setMetaData(long long duration) {
+    const GLibLock lock(m_lock);
+    if (duration == m_duration)
+        return;
+    m_duration = duration;
+    m_metaDataChanged = true;
+}
+
+void GstNoxBackend::changeState(GstState state) {
+    bool leavesReady = false;
+    {
+        const GLibLock lock(m_lock);
+        GST_DEBUG("transition %d -> %d", m_state, state);
+        leavesReady = m_state == GST_STATE_READY && state > GST_STATE_READY;
+        m_state = state;
+    }
+    if (!leavesReady)
+        return;
+    raiseEvent(new BufferingStreamUnderrunEvent, GST_LEVEL_DEBUG, "%s", "");
+    raiseEvent(new BufferingProgressEvent, GST_LEVEL_DEBUG, "%s", "");
+}

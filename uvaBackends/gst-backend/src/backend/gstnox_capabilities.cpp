@@ -1,0 +1,293 @@
+#include "codec/codecutil.h"
+#include "backend/gstnox_backend.h"
+#include "plugin/gstnox_plugin.h"
+
+#include <array>
+#include <cstdlib>
+#include <iterator>
+#include <string_view>
+
+#define GST_CAT_DEFAULT gst_backend_debug
+
+const char* const GstNoxBackend::SUPPORTED_MEDIA_TYPES[] = {
+    "application/ogg",
+    "audio/3gpp",
+    "audio/3gpp2",
+    "audio/aac",
+    "audio/aacp",
+    "audio/ac3",
+    "audio/aiff",
+    "audio/amr-wb",
+    "audio/amr",
+    "audio/eac3",
+    "audio/flac",
+    "audio/mid",
+    "audio/midi",
+    "audio/mp2",
+    "audio/mp3",
+    "audio/mp4",
+    "audio/MP4A-LATM",
+    "audio/mpeg",
+    "audio/mpeg4-generic",
+    "audio/ogg",
+    "audio/vorbis",
+    "audio/wav",
+    "audio/wave",
+    "audio/webm",
+    "audio/x-ac3",
+    "audio/x-aiff",
+    "audio/x-eac3",
+    "audio/x-flac",
+    "audio/x-matroska",
+    "audio/x-midi",
+    "audio/x-ms-wma",
+    "audio/x-opus",
+    "audio/x-wav",
+    "audio/x-wavpack",
+    "video/3gpp",
+    "video/3gpp2",
+    "video/avi",
+    "video/h264",
+    "video/H264",
+    "video/h265",
+    "video/H265",
+    "video/mp2t",
+    "video/mp4",
+    "video/mpeg",
+    "video/mpeg4",
+    "video/msvideo",
+    "video/ogg",
+    "video/quicktime",
+    "video/webm",
+    "video/x-flv",
+    "video/x-h264",
+    "video/x-h265",
+    "video/x-matroska",
+    "video/x-ms-asf",
+    "video/x-ms-wmv",
+    "video/x-msvideo",
+    "video/x-vp8",
+    "video/x-vp9",
+    nullptr,
+};
+
+const char* const GstNoxBackend::SUPPORTED_CODECS[] = {
+    "mp4a", "ac-3", "ec-3", "vorbis", "opus", "mp3",  "avc1", "avc3", "av01",  "vp9",
+    "vp09", "hvc1", "hev1", "theora", "dva1", "dvav", "dvh1", "dvhe", nullptr,
+};
+
+// 4096 wide demands its exact height here, unlike every other row.
+const GstNoxBackend::CodecSpec GstNoxBackend::HEVC_CODEC_SPEC[] = {
+    {2560, -1440, 60}, {3840, -2160, 60}, {4096, 2048, 60}, {0, 0, 0}};
+
+const GstNoxBackend::CodecSpec GstNoxBackend::VP9_CODEC_SPEC[] = {
+    {2560, -1440, 60}, {3840, -2160, 60}, {4096, -2160, 60}, {4096, -2304, 30}, {0, 0, 0}};
+
+namespace {
+
+bool beginsWith(const char* text, std::string_view prefix) {
+    return std::string_view(text).substr(0, prefix.size()) == prefix;
+}
+
+/// "codecs:... width:... " and so on, for the log; what does not fit is cut.
+std::array<char, 1024> describe(const UVABackend::ContentDescription& description) {
+    std::array<char, 1024> line{};
+    const char* lead = "codecs:";
+    for (const auto& codec : description.codecs) {
+        g_strlcat(line.data(), lead, line.size());
+        g_strlcat(line.data(), codec.c_str(), line.size());
+        lead = ";";
+    }
+    using Description = UVABackend::ContentDescription;
+    struct Row {
+        const char* format;
+        std::string Description::*member;
+    };
+    static const std::array rows{
+        Row{" width:%4s", &Description::width},
+        Row{" height:%4s", &Description::height},
+        Row{" framerate:%s", &Description::framerate},
+        Row{" bitrate:%s", &Description::bitrate},
+        Row{" channels:%s", &Description::channels},
+        Row{" cryptoblockformat:%s", &Description::cryptoblockformat},
+        Row{" drmID:%s", &Description::drmID},
+        Row{" drm_robustness:%s", &Description::drm_robustness},
+    };
+    for (const auto& row : rows) {
+        const std::string& value = description.*row.member;
+        if (value.empty())
+            continue;
+        std::array<char, 128> piece{};
+        G_GNUC_BEGIN_IGNORE_DEPRECATIONS
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wformat-nonliteral" // the formats stand in the table above
+        g_snprintf(piece.data(), piece.size(), row.format, value.c_str());
+#pragma GCC diagnostic pop
+        G_GNUC_END_IGNORE_DEPRECATIONS
+        g_strlcat(line.data(), piece.data(), line.size());
+    }
+    return line;
+}
+
+/// A whole number that is at most `limit`; an empty text is 0.
+bool parseWhole(const std::string& text, int limit, int& value) {
+    int denominator = 0;
+    return gst_tools_parse_real(text.c_str(), &value, &denominator) && denominator == 1 &&
+           value <= limit;
+}
+
+struct StrvDeleter {
+    void operator()(gchar** fields) const { g_strfreev(fields); }
+};
+
+/// Fields of a "vp09.PP.LL.DD.CC.cp.tc.mc.FF" codec string (the VP codec ISO media binding).
+bool isVp9ProfileSupported(const char* codec) {
+    constexpr guint transferField = 6;
+    constexpr guint matrixField = 7;
+    constexpr int highestLevel = 51;
+    const std::unique_ptr<gchar*, StrvDeleter> owner(g_strsplit(codec, ".", -1));
+    gchar** fields = owner.get();
+    const guint count = g_strv_length(fields);
+    bool supported = true;
+    if (count > transferField && std::string_view(fields[transferField]) == "99") {
+        supported = false;
+        GST_DEBUG("transfer characteristics not supported\n");
+    }
+    if (count > matrixField && std::string_view(fields[matrixField]) == "99") {
+        supported = false;
+        GST_DEBUG("matrix coefficients not supported\n");
+    }
+    if (count < 2)
+        return supported;
+    const auto profile = std::strtol(fields[1], nullptr, 10);
+    if (profile != 0 && profile != 2) {
+        supported = false;
+        GST_DEBUG("profile not supported\n");
+    }
+    if (count > 2 && std::strtol(fields[2], nullptr, 10) > highestLevel) {
+        supported = false;
+        GST_DEBUG("level not supported\n");
+    }
+    return supported;
+}
+
+} // namespace
+
+bool GstNoxBackend::canPlayType(const ContentDescription& description) {
+    constexpr int widestPicture = 10240;
+    constexpr int highestPicture = 8192;
+    constexpr int mostChannels = 10;
+    constexpr double fastestRate = 240.0;
+    GST_INFO("type:'%s' %s", description.type.c_str(), describe(description).data());
+
+    int width = 0;
+    int height = 0;
+    int bitrate = 0;
+    int channels = 0;
+    int rateNumerator = 0;
+    int rateDenominator = 1;
+    if (!parseWhole(description.width, widestPicture, width)) {
+        GST_DEBUG("result: NO (parse desc.width failed, or it exceeds the limit)");
+        return false;
+    }
+    if (!parseWhole(description.height, highestPicture, height)) {
+        GST_DEBUG("result: NO (parse desc.height failed, or it exceeds the limit)");
+        return false;
+    }
+    if (!parseWhole(description.bitrate, G_MAXINT, bitrate)) {
+        GST_DEBUG("result: NO (parse desc.bitrate failed)");
+        return false;
+    }
+    if (!parseWhole(description.channels, mostChannels, channels)) {
+        GST_DEBUG("result: NO (parse desc.channels failed, or it exceeds the limit)");
+        return false;
+    }
+    if (!gst_tools_parse_real(description.framerate.c_str(), &rateNumerator, &rateDenominator)) {
+        GST_DEBUG("result: NO (parse desc.framerate failed)");
+        return false;
+    }
+    if (static_cast<double>(rateNumerator) / rateDenominator > fastestRate) {
+        GST_DEBUG("result: NO (desc.framerate exceeds hardcoded limit)");
+        return false;
+    }
+    const int rate = rateNumerator / rateDenominator;
+    for (const auto& codec : description.codecs)
+        if (!isCodecPlayable(codec.c_str(), width, height, rate))
+            return false;
+    if (description.type.empty() || isMediaTypeSupported(description.type.c_str()))
+        return true;
+    GST_DEBUG("result: NO (not supported media type)");
+    return false;
+}
+
+bool GstNoxBackend::isCodecPlayable(const char* codec, int width, int height, int fps) {
+    if (!isCodecSupported(codec)) {
+        GST_WARNING("codec '%s' not supported", codec);
+        return false;
+    }
+    if (width > 4096 || height > 2160) {
+        GST_DEBUG("result: NO (8K not supported, %d x %d)", width, height);
+        return false;
+    }
+    if (height <= 1080 || width <= 1920)
+        return true;
+    const bool isVp9 = beginsWith(codec, "vp9") || beginsWith(codec, "vp09");
+    if (isVp9 && !isSpecSupported(VP9_CODEC_SPEC, width, height, fps)) {
+        GST_DEBUG("result: NO (out of VP9 spec, %d x %d @ %dHz)", width, height, fps);
+        return false;
+    }
+    // By this name only: strings such as "hvc1..." and "hev1..." are not held to the table.
+    if (beginsWith(codec, "hevc") && !isSpecSupported(HEVC_CODEC_SPEC, width, height, fps)) {
+        GST_DEBUG("result: NO (out of HEVC spec, %d x %d @ %dHz)", width, height, fps);
+        return false;
+    }
+    return true;
+}
+
+bool GstNoxBackend::isCodecSupported(const char* codec) {
+    if (codec == nullptr)
+        return false;
+    bool known = false;
+    for (const char* const* row = SUPPORTED_CODECS; *row != nullptr && !known; ++row)
+        known = beginsWith(codec, *row);
+    if (!known)
+        return false;
+    GST_INFO("codec=%s", codec);
+    return !beginsWith(codec, "vp09.") || isVp9ProfileSupported(codec);
+}
+
+bool GstNoxBackend::isSpecSupported(const CodecSpec* table, int width, int height, int fps) {
+    for (const CodecSpec* row = table; row->width != 0; ++row) {
+        const bool heightFits = row->height > 0   ? height == row->height
+                                : row->height < 0 ? height <= -row->height
+                                                  : false;
+        if (row->width == width && row->fps >= fps && heightFits)
+            return true;
+    }
+    return false;
+}
+
+bool GstNoxBackend::isMediaTypeSupported(const char* type) {
+    if (type == nullptr)
+        return false;
+    for (const char* const* row = SUPPORTED_MEDIA_TYPES; *row != nullptr; ++row)
+        if (std::string_view(*row) == type)
+            return true;
+    return false;
+}
+
+bool GstNoxBackend::getSupportedMimetypes(char**& types) {
+    GST_LOG("list of types:");
+    types = new char* [std::size(SUPPORTED_MEDIA_TYPES)] {};
+    char** next = types;
+    for (const char* const* row = SUPPORTED_MEDIA_TYPES; *row != nullptr; ++row) {
+        ContentDescription description;
+        description.type = *row;
+        if (!canPlayType(description))
+            continue;
+        *next = g_strdup(*row);
+        GST_LOG("  %s", *next);
+        ++next;
+    }
+    return true;
+}

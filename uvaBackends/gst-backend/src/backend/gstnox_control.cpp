@@ -1,0 +1,35 @@
+#include "backend/gstnox_backend.h"
+#include "plugin/gstnox_plugin.h"
+
+#include <cstring>
+
+#define GST_CAT_DEFAULT gst_backend_debug
+
+void GstNoxBackend::controlCommands(const char* commands) {
+    constexpr char outputDdp[] = "output-ddp:";
+    GST_DEBUG("commands = '%s'", GST_STR_NULL(commands));
+    {
+        const GLibLock lock(m_lock);
+        if (!m_hasPlayer) {
+            GST_WARNING("***W: called on inactive player");
+            return;
+        }
+    }
+    const char* found = commands ? std::strstr(commands, outputDdp) : nullptr;
+    if (!found)
+        return;
+    const char digit = found[sizeof outputDdp - 1];
+    controlOutputDdp(g_ascii_isdigit(digit) ? static_cast<unsigned int>(digit - '0') : 0);
+}
+
+void GstNoxBackend::controlOutputDdp(unsigned int enable) {
+    GstPtr<GstElement> sink;
+    {
+        const GLibLock lock(m_lock);
+        if (!m_audioSink)
+            return;
+        sink = GstPtr<GstElement>::retain(m_audioSink.get());
+    }
+    GST_DEBUG("enable=%d", static_cast<int>(enable));
+    g_object_set(sink.get(), "output-ddp", enable, nullptr);
+}

@@ -1,0 +1,152 @@
+#include "backend/gstnox_backend.h"
+
+#include "mse/gstnox_msebin.h"
+#include "plugin/gstnox_plugin.h"
+#include "base/gstnox_time.h"
+#include "uva/uva_event.h"
+
+#include <algorithm>
+
+#define GST_CAT_DEFAULT gst_backend_debug
+
+namespace {
+
+constexpr double nanosecondsPerSecond = 1e9;
+
+double toSeconds(guint64 time) {
+    return static_cast<double>(time) / nanosecondsPerSecond;
+}
+
+/// Truncates; what no signed 64-bit count can hold becomes the largest or smallest that it can.
+gint64 toNanoseconds(double seconds) {
+    const double nanoseconds = seconds * nanosecondsPerSecond;
+    constexpr double limit = 9223372036854775808.0; // 2^63
+    if (!(nanoseconds < limit))
+        return G_MAXINT64;
+    if (nanoseconds < -limit)
+        return G_MININT64;
+    return static_cast<gint64>(nanoseconds);
+}
+
+} // namespace
+
+gint64 GstNoxBackend::duration() {
+    const GLibLock lock(m_lock);
+    return m_duration;
+}
+
+bool GstNoxBackend::isDurationInitialized() {
+    return duration() != durationUninitialized;
+}
+
+bool GstNoxBackend::isDurationUnknown() {
+    return duration() == durationUnknown;
+}
+
+UVATime GstNoxBackend::getPosition() {
+    if (!m_pipeline) {
+        GST_WARNING("***W: gst_element_query_position failed");
+        return {-1.0, 1.0, UVATime::Timestamp(), -1.0};
+    }
+    gint64 position = 0;
+    const bool known =
+        gst_element_query_position(m_pipeline.get(), GST_FORMAT_TIME, &position) != FALSE;
+    if (known && m_seekPending == 0)
+        m_lastPosition = static_cast<guint64>(position);
+    const guint64 last = m_lastPosition;
+    GST_LOG("pos=%" GST_TIME_FORMAT, GST_TIME_ARGS(last));
+    const double seconds = last == GST_CLOCK_TIME_NONE ? 0.0 : toSeconds(last);
+    return {seconds, 1.0, UVATime::Timestamp(), seconds};
+}
+
+int GstNoxBackend::setPosition(double seconds) {
+    const gint64 known = duration();
+    // The target is compared with the nanosecond count itself.
+    const bool accepted =
+        seconds >= 0.0 && (known == durationUninitialized || seconds <= static_cast<double>(known));
+    if (!accepted) {
+        GST_ERROR("***E: pos=%lf out of scope", seconds);
+        raiseEvent(new SeekCompletedExEvent(SeekCompletedExEvent::SeekOutcome::Failed),
+                   GST_LEVEL_WARNING, "SeekOutcome::Failed");
+        return 0;
+    }
+    m_seekPending = 1;
+    const auto target = static_cast<guint64>(toNanoseconds(seconds));
+    m_lastPosition = target;
+    GST_DEBUG("pos=%" GST_TIME_FORMAT, GST_TIME_ARGS(target));
+    raiseEvent(new CancelDataRequestsAsyncEvent(seconds), GST_LEVEL_DEBUG, "pos=%f", seconds);
+    m_seekPending = 1;
+    return 1;
+}
+
+int GstNoxBackend::getDuration(double& seconds) {
+    if (!isDurationInitialized()) {
+        gint64 queried = 0;
+        if (!m_pipeline || !gst_element_query_duration(m_pipeline.get(), GST_FORMAT_TIME, &queried))
+            return NotAvailable;
+        changeDuration(static_cast<double>(queried) / nanosecondsPerSecond);
+    }
+    const gint64 known = duration();
+    GST_LOG("m_duration=%" GST_TIME_FORMAT, GST_TIME_ARGS(forLog(known)));
+    seconds = static_cast<double>(known) / nanosecondsPerSecond;
+    return Success;
+}
+
+void GstNoxBackend::changeDuration(double seconds) {
+    const gint64 offered = toNanoseconds(seconds);
+    const GLibLock lock(m_lock);
+    if (m_duration != durationUninitialized && m_duration != durationUnknown)
+        return;
+    m_duration = std::max(m_duration, offered);
+}
+
+int GstNoxBackend::setContentSize(unsigned int id, unsigned long long milliseconds) {
+    const double seconds = static_cast<double>(milliseconds) / 1000.0;
+    GST_DEBUG("id=%u duration=%lf m_duration=%" GST_TIME_FORMAT, id, seconds,
+              GST_TIME_ARGS(forLog(duration())));
+    changeDuration(seconds);
+    return Success;
+}
+
+int GstNoxBackend::getSeekableTimeRanges(ByteRange** /*bytes*/, TimeRange**& ranges) {
+    const gint64 known = duration();
+    if (known == durationUninitialized) {
+        ranges = new TimeRange* [1] { nullptr };
+        return Success;
+    }
+    // The end is the nanosecond count itself.
+    ranges = new TimeRange* [2] { new TimeRange{0.0, static_cast<double>(known)}, nullptr };
+    return Success;
+}
+
+int GstNoxBackend::getBufferedTimeRanges(unsigned int id, const std::vector<ByteRange>& /*bytes*/,
+                                         std::vector<TimeRange>& ranges) {
+    GST_LOG("id=%d", static_cast<int>(id));
+    if (!bins().empty()) {
+        if (const auto bin = findBin(id))
+            for (const TimeRange& range : bin->bufferedRanges(m_lastPosition)) {
+                GST_LOG("  buffered: [%" GST_TIME_FORMAT ",%" GST_TIME_FORMAT "]",
+                        GST_TIME_ARGS(static_cast<guint64>(toNanoseconds(range.start))),
+                        GST_TIME_ARGS(static_cast<guint64>(toNanoseconds(range.end))));
+                ranges.push_back(range);
+            }
+        return Success;
+    }
+    constexpr double lookAhead = 50.0; // seconds
+    const gint64 known = duration();
+    gint64 position = 0;
+    if (!m_pipeline || known == durationUninitialized ||
+        !gst_element_query_position(m_pipeline.get(), GST_FORMAT_TIME, &position))
+        return NotAvailable;
+    const double end = std::min(static_cast<double>(position) / nanosecondsPerSecond + lookAhead,
+                                static_cast<double>(known));
+    ranges.push_back({0.0, end});
+    GST_LOG("  buffered: 0 - %f", end);
+    return Success;
+}
+
+int GstNoxBackend::getPlaybackSpeedRanges(std::vector<SpeedRange>& ranges) {
+    GST_DEBUG("[1.0, 1.0]");
+    ranges.push_back({1.0, 1.0});
+    return Success;
+}
