@@ -121,36 +121,41 @@ private:
     void deliverEvent(UVAEvent* event) override {
         std::unique_ptr<UVAEvent> owned(event);
         const auto type = event->type();
+        const bool isRequest = type == UVAEvent::BackendResourceRequestAsync;
+        const bool isCancel = type == UVAEvent::CancelDataRequestsAsync;
+        unsigned int seeks = 0;
         {
             const std::lock_guard lock(m_mutex);
             m_seen.push_back(type);
-            const bool isRequest = type == UVAEvent::BackendResourceRequestAsync;
-            if (isRequest || type == UVAEvent::CancelDataRequestsAsync)
+            seeks = m_seeks += isCancel ? 1 : 0;
+            if (isRequest || isCancel)
                 m_due.push_back(
                     {steady_clock::now() + (isRequest ? m_lateness : milliseconds(0)),
                      std::unique_ptr<UVAAsyncEvent>(static_cast<UVAAsyncEvent*>(owned.release()))});
         }
         if (type == UVAEvent::NeedMSEData)
-            feed(
-                std::unique_ptr<NeedMSEDataEvent>(static_cast<NeedMSEDataEvent*>(owned.release())));
+            feed(std::unique_ptr<NeedMSEDataEvent>(static_cast<NeedMSEDataEvent*>(owned.release())),
+                 seeks);
+    }
+    bool isVoid(unsigned int seeks) {
+        const std::lock_guard lock(m_mutex);
+        return seeks != m_seeks;
     }
 
-    void feed(std::unique_ptr<NeedMSEDataEvent> request) {
-        host::SampleStream::Batch batch;
-        {
-            const std::lock_guard lock(m_streamMutex);
-            batch = m_streams[request->sourceId - 1]->read(
-                static_cast<std::size_t>(request->samplesRequested));
-        }
+    /// A request from before a seek is not answered.
+    void feed(std::unique_ptr<NeedMSEDataEvent> request, unsigned int seeks) {
         const unsigned int id = request->sourceId;
-        const bool ended = batch.ended;
+        const std::lock_guard lock(m_streamMutex);
+        if (isVoid(seeks))
+            return;
+        auto batch = m_streams[id - 1]->read(static_cast<std::size_t>(request->samplesRequested));
         if (!batch.samples.empty()) {
             request->samples = new UVASample* [batch.samples.size() + 1] {};
             std::transform(batch.samples.begin(), batch.samples.end(), request->samples,
                            [](auto& sample) { return sample.release(); });
             m_backend->writeData(request.release(), 0, UVABackend::Data);
         }
-        if (ended)
+        if (batch.ended)
             m_backend->writeData(new NeedMSEDataEvent(id, 0), 0, UVABackend::EndOfStream);
     }
 
@@ -180,9 +185,10 @@ private:
     const milliseconds m_lateness;
     const std::string m_url = "file://" + clip;
     const std::atomic<bool> m_never{false};
-    std::mutex m_streamMutex; // guards the streams
+    std::mutex m_streamMutex; // guards the streams, and what is read until it is written
     std::vector<std::unique_ptr<host::SampleStream>> m_streams;
-    std::mutex m_mutex; // guards the two below; a leaf
+    std::mutex m_mutex; // guards the three below; a leaf
+    unsigned int m_seeks = 0;
     std::vector<UVAEvent::Type> m_seen;
     std::deque<Due> m_due;
     UVAMediaBackend* const m_backend; // last: it may deliver at once

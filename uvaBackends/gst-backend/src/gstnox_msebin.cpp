@@ -273,7 +273,7 @@ void GstNoxBackend::GstMseBin::stop() {
 
 void GstNoxBackend::GstMseBin::write(UVASample** samples) {
     const GLibLock hold(lock);
-    if (samples == nullptr || removed)
+    if (samples == nullptr || removed || m_intake == Intake::Closed)
         return;
     estimateFrameRate(samples);
     int count = 0;
@@ -297,7 +297,7 @@ void GstNoxBackend::GstMseBin::write(UVASample** samples) {
 
 void GstNoxBackend::GstMseBin::writeEndOfStream() {
     const GLibLock hold(lock);
-    if (removed)
+    if (removed || m_intake == Intake::Closed)
         return;
     pushEvent(GstPtr<GstEvent>::adopt(gst_event_new_eos()));
     pushToSource();
@@ -445,7 +445,7 @@ bool GstNoxBackend::GstMseBin::pushToSource() {
     m_feeding = true;
     const guint before = queued();
     guint pushed = 0;
-    for (; queued() > 0 && needData && !m_isSeeking; ++pushed)
+    for (; queued() > 0 && needData && m_intake == Intake::Open; ++pushed)
         handOver(static_cast<GstMiniObject*>(gst_queue_array_pop_head(queue)));
     m_feeding = false;
     GST_LOG("%s: pushed %u/%u, remaining %u", name.get(), pushed, before, queued());
@@ -537,7 +537,7 @@ bool GstNoxBackend::GstMseBin::needsData() {
         return false;
     m_wasAsked = true;
     needData = true;
-    return !m_isSeeking && pushToSource();
+    return m_intake == Intake::Open && pushToSource();
 }
 
 bool GstNoxBackend::GstMseBin::seek() {
@@ -546,23 +546,27 @@ bool GstNoxBackend::GstMseBin::seek() {
         return false;
     // What is pushed before the appsrc has flushed its own queue would be lost; it asks again then.
     needData = false;
-    if (m_isSeeking)
+    if (m_intake != Intake::Open)
         return false;
     flush(1);
     return true;
 }
 
+void GstNoxBackend::GstMseBin::closeForSeek() {
+    const GLibLock hold(lock);
+    m_intake = Intake::Closed;
+    flush(1);
+}
+
 void GstNoxBackend::GstMseBin::beginSeek() {
     const GLibLock hold(lock);
-    if (removed)
-        return;
-    m_isSeeking = true;
+    m_intake = Intake::Waiting;
     flush(1);
 }
 
 bool GstNoxBackend::GstMseBin::endSeek() {
     const GLibLock hold(lock);
-    m_isSeeking = false;
+    m_intake = Intake::Open;
     return !removed && needData && pushToSource();
 }
 

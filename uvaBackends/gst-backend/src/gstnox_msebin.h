@@ -53,8 +53,10 @@ public:
     /// started, or a seek of the backend's has dropped all before.
     bool seek() EXCLUDES(lock);
 
-    /// Around a seek of the pipeline: what is queued is dropped first, what is written meanwhile
-    /// waits for the end. The answer of the second is that of needsData().
+    /// The steps of a seek. From the first on nothing is asked for, and what is queued or comes is
+    /// dropped: it belongs before the seek. What is written while the pipeline seeks belongs behind
+    /// it, and waits for the end. The answer of the last is that of needsData().
+    void closeForSeek() EXCLUDES(lock);
     void beginSeek() EXCLUDES(lock);
     bool endSeek() EXCLUDES(lock);
 
@@ -112,7 +114,8 @@ private:
     std::atomic<bool> needData{false}; // the appsrc wants data; cleared while the lock is held
     bool removed GUARDED_BY(lock) = false;
     bool m_wasAsked GUARDED_BY(lock) = false; // the appsrc has wanted data
-    bool m_isSeeking GUARDED_BY(lock) = false;
+    enum class Intake { Open, Closed, Waiting };
+    Intake m_intake GUARDED_BY(lock) = Intake::Open;
     GstQueueArray* const queue; // of GstMiniObject, each a reference; guarded by lock
     guint64 m_queuedBytes GUARDED_BY(lock) = 0;
     bool m_feeding GUARDED_BY(lock) = false; // a thread is in pushToSource()

@@ -73,6 +73,8 @@ int GstNoxBackend::setPosition(double seconds) {
     }
     const auto target = static_cast<guint64>(toNanoseconds(seconds));
     m_seek.request(target);
+    for (const auto& bin : bins())
+        bin->closeForSeek();
     GST_DEBUG("pos=%" GST_TIME_FORMAT, GST_TIME_ARGS(target));
     raiseEvent(new CancelDataRequestsAsyncEvent(seconds), GST_LEVEL_DEBUG, "pos=%f", seconds);
     m_seek.request(target);
