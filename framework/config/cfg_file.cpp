@@ -1,7 +1,9 @@
 #include "config/cfg_file.h"
 
 #include "debug/mshell.h"
+#include "debug/trace_output.h"
 #include "debug/zant_trace.h"
+#include "debug/zant_trace_state.h"
 #include "util/scoped_handles.h"
 
 #include <algorithm>
@@ -9,11 +11,13 @@
 #include <cstring>
 #include <string>
 #include <sys/stat.h>
+#include <syslog.h>
 
 namespace {
 
 constexpr int lineSize = 1999;
 constexpr size_t maxKeywordLength = 63;
+constexpr size_t shownLineLength = 100;
 constexpr const char* blanks = " \t";
 constexpr const char* termCharKeyword = "TERM_CHAR";
 constexpr const char* shellKeyword = "MSHELL";
@@ -71,6 +75,9 @@ public:
 
     int32_t processLine(char* line, int number);
     void traceError(int32_t code, int number) const;
+    /// Says to syslog, once, that the rest of the file is not read. Tracing may not be set up yet:
+    /// it is what these files are for.
+    void reportStop(int32_t code, const char* line, int number) const;
 
 private:
     int32_t setTermChar(const char* data, int number);
@@ -124,6 +131,29 @@ void Reader::traceError(int32_t code, int number) const {
                    number, m_path);
 }
 
+/// What a file that stops says of its line; the commands' codes are the shell's.
+std::string reasonOf(int32_t code, const char* line) {
+    switch (code) {
+    case CCfgFile::lineTooLong:
+        return "it has more than 1997 characters: shorten it";
+    case CCfgFile::readError:
+        return "it cannot be read";
+    case CCfgFile::badTermChar:
+        return "TERM_CHAR needs a character behind \"=\"";
+    default:
+        return "\"" + std::string(line).substr(0, shownLineLength) + "\" failed with " +
+               std::to_string(code) + ": correct or remove it";
+    }
+}
+
+void Reader::reportStop(int32_t code, const char* line, int number) const {
+    if (code == CCfgFile::endOfFile)
+        return;
+    const std::string text = std::string("Cfg file ") + m_path + " stops in line " +
+                             std::to_string(number) + ": " + reasonOf(code, line) + "\n";
+    sendToSyslog(LOG_ERR | zantSyslogFacility.load(std::memory_order_relaxed), text.c_str());
+}
+
 } // namespace
 
 int32_t CCfgFile::ReadCfgfile(const char* path) {
@@ -159,10 +189,14 @@ int32_t CCfgFile::ReadCfgfileEx(const char* path, T_CfgFileCallback callback, ch
         length = read_line_from_file(file.get(), line, sizeof line);
         if (length < 0) {
             reader.traceError(length, number == 0 ? 0 : number + 1);
+            reader.reportStop(length, line, number + 1);
             break;
         }
-        if (const int32_t result = reader.processLine(line, number + 1))
+        const std::string asRead = line; // what it is processed by may change it
+        if (const int32_t result = reader.processLine(line, number + 1)) {
+            reader.reportStop(result, asRead.c_str(), number + 1);
             return result;
+        }
     }
     close_file(file.release());
     return 0;

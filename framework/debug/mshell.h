@@ -34,8 +34,8 @@ public:
     CMshell();
     ~CMshell() override;
 
-    /// Opens the socket and serves commands until the thread is stopped. Ends at once, with traces
-    /// that say why, when the socket's name is taken.
+    /// Opens the socket and serves commands until the thread is stopped. Ends at once when
+    /// the socket's name is taken, and says why, as a trace and to syslog.
     void ThreadWorkFunction() override;
     /// Takes the socket from the file system, if it is this shell's: nobody finds the shell any
     /// more. For the end of a process whose shell still runs. Thread-safe.
@@ -94,7 +94,7 @@ private:
 
     int32_t MshellOpenSocket();
     int32_t MshellReadFromSocket();
-    void traceBlockedSocket(int32_t error, int reason) const;
+    void reportBlockedSocket(int32_t error, int reason) const;
     bool mayCommand(unsigned user) const;
     void answer(int32_t result);
     bool SendMshellCmdAckToSocket();

@@ -1,6 +1,8 @@
 #include "debug/mshell.h"
 
+#include "debug/trace_output.h"
 #include "debug/zant_trace.h"
+#include "debug/zant_trace_state.h"
 #include "messaging/cancellation_block.h"
 #include "util/scoped_handles.h"
 #include "util/socket_comm.h"
@@ -8,6 +10,7 @@
 #include <cerrno>
 #include <cstring>
 #include <sys/stat.h>
+#include <syslog.h>
 #include <unistd.h>
 
 // Stopping the thread cancels it in the two places where it may wait for long: for a command, and
@@ -75,7 +78,7 @@ int32_t CMshell::MshellOpenSocket() {
         ZANT_TRACE_STREAM(TRACEUNIT_SHELL_SOCKET, TRACELEVEL_ERROR,
                           "CMshell::MshellOpenSocket() FAILED - SocketFd = "
                               << m_socketFd << ", SocketName = " << m_socketName << "\n");
-        traceBlockedSocket(m_socketFd, reason);
+        reportBlockedSocket(m_socketFd, reason);
         return m_socketFd;
     }
     m_socketOwner = getpid();
@@ -92,8 +95,8 @@ void CMshell::RemoveSocket() {
         SocketComm_Unlink(m_socketName.c_str());
 }
 
-/// Says what to do about a socket that cannot be had.
-void CMshell::traceBlockedSocket(int32_t error, int reason) const {
+/// Says what to do about a socket that cannot be had, to syslog as well.
+void CMshell::reportBlockedSocket(int32_t error, int reason) const {
     const std::string path = "/tmp/" + m_socketName;
     std::string advice;
     if (error == socketHasOwner)
@@ -105,8 +108,11 @@ void CMshell::traceBlockedSocket(int32_t error, int reason) const {
                  "; remove it and start again";
     else
         advice = "no socket at " + path + ": " + strerrordesc_np(reason);
-    ZANT_TRACE(TRACEUNIT_SHELL_SOCKET, TRACELEVEL_ERROR, "CMshell::MshellOpenSocket() - %s\n",
-               advice.c_str());
+    const std::string text = "CMshell::MshellOpenSocket() - " + advice + "\n";
+    ZANT_TRACE(TRACEUNIT_SHELL_SOCKET, TRACELEVEL_ERROR, "%s", text.c_str());
+    // By default traces go nowhere: it is through the shell that they are switched on.
+    if (!zantTraceUseSyslog || !ZantTracePasses(TRACEUNIT_SHELL_SOCKET, TRACELEVEL_ERROR))
+        sendToSyslog(LOG_ERR | zantSyslogFacility.load(std::memory_order_relaxed), text.c_str());
 }
 
 int32_t CMshell::MshellReadFromSocket() {

@@ -1,12 +1,12 @@
 #include "messaging/queue_io.h"
 
 #include "debug/zant_trace.h"
-#include "util/scoped_handles.h"
 
 #include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <sys/resource.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace queue_io {
@@ -104,6 +104,26 @@ int open(const char* name, int oflag, mode_t mode, mq_attr& attr) {
     }
     mq_getattr(descriptor, &attr);
     return descriptor;
+}
+
+Identity identityOf(int handle) {
+    struct stat info {};
+    if (fstat(handle, &info) != 0)
+        return {};
+    return {info.st_dev, info.st_ino};
+}
+
+bool hasName(int handle) {
+    struct stat info {};
+    return fstat(handle, &info) == 0 && info.st_nlink > 0;
+}
+
+ScopedFd reopen(const std::string& name, const Identity& identity) {
+    ScopedFd queue(mq_open(name.c_str(), O_RDONLY | O_NONBLOCK));
+    if (!queue || identityOf(queue.get()) == identity)
+        return queue;
+    errno = ENOENT;
+    return ScopedFd();
 }
 
 int send(int handle, const ZantMsgBody& body, unsigned prio, const CancellationBlock& block) {

@@ -3,6 +3,7 @@
 
 #include "messaging/cancellation_block.h"
 #include "messaging/zant_msg_body.h"
+#include "util/scoped_handles.h"
 
 #include <chrono>
 #include <cstdint>
@@ -19,6 +20,25 @@ namespace queue_io {
 /// says so. `attr` becomes what the queue really has. The descriptor is never 0, which stands for
 /// no queue. -1 with errno on failure.
 int open(const char* name, int oflag, mode_t mode, mq_attr& attr);
+
+/// Which queue a descriptor is of, whatever has its name by now.
+struct Identity {
+    dev_t device = 0;
+    ino_t number = 0;
+    bool operator==(const Identity& other) const {
+        return device == other.device && number == other.number;
+    }
+};
+/// None (0, 0) for a number that is no descriptor.
+Identity identityOf(int handle);
+
+/// Whether a name still leads to the queue of a descriptor. One that was unlinked has lost it,
+/// perhaps to a successor, whose it is now.
+bool hasName(int handle);
+
+/// Opens the queue of that name again if it is the same one, to read and without waiting. Invalid,
+/// with errno, if it is not.
+ScopedFd reopen(const std::string& name, const Identity& identity);
 
 /// What a person can do about an error (errno) of opening a queue; empty for one that needs a
 /// programmer.

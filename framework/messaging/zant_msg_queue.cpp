@@ -2,7 +2,6 @@
 
 #include "debug/zant_trace.h"
 #include "messaging/cancellation_block.h"
-#include "messaging/queue_io.h"
 #include "messaging/signal_ids.h"
 #include "messaging/zant_msg.h"
 #include "messaging/zant_msg_body.h"
@@ -10,7 +9,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <fcntl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 namespace {
@@ -59,17 +57,22 @@ bool sendPacked(int handle, CZantMsg& msg, unsigned prio, const CancellationBloc
 
 CZantMsgQueue::~CZantMsgQueue() {
     const CancellationBlock block;
-    release();
+    part();
     forget();
 }
 
-/// Parts from the queue that is open, if any, the way its opener chose.
-void CZantMsgQueue::release() {
-    if (handle == -1)
+bool CZantMsgQueue::isOpen() const {
+    const State state = m_state;
+    return state == State::open || state == State::nameless;
+}
+
+/// Parts from the queue that there is, if any, the way its opener chose.
+void CZantMsgQueue::part() {
+    if (!isOpen() && m_state != State::closed)
         return;
     if (unlinkOnDestroy)
         Unlink();
-    else if (m_isOpen)
+    else if (isOpen())
         Close();
 }
 
@@ -85,8 +88,8 @@ int32_t CZantMsgQueue::OpenWithAttrStruct(const char* queueName, int oflag, int 
     const CancellationBlock block;
     ZANT_TRACE(TRACEUNIT_MSG_QUEUE, TRACELEVEL_INFO, "CZantMsgQueue::Open: %s\n",
                queueName ? queueName : "(null)");
-    if (m_isOpen)
-        release();
+    part();
+    m_state = State::none;
     handle = -1;
     if (!queueName || !wanted)
         return failOpen(EINVAL);
@@ -98,7 +101,6 @@ int32_t CZantMsgQueue::OpenWithAttrStruct(const char* queueName, int oflag, int 
 int32_t CZantMsgQueue::openDescriptor(const char* queueName, int oflag, int mode,
                                       bool unlinkFirst) {
     unlinkOnDestroy = unlinkFirst;
-    m_nameIsDropped = false;
     if (unlinkFirst) {
         mq_unlink(queueName);
         oflag |= O_EXCL;
@@ -128,8 +130,9 @@ int32_t CZantMsgQueue::openDescriptor(const char* queueName, int oflag, int mode
         return failOpen(EMSGSIZE);
     }
     handle = descriptor;
+    m_identity = queue_io::identityOf(descriptor);
     m_openError = 0;
-    m_isOpen = true;
+    m_state = State::open;
     AddQueueToGlobalMsgQueueList(this, descriptor);
     return 0;
 }
@@ -143,23 +146,27 @@ int32_t CZantMsgQueue::failOpen(int error) {
 
 int32_t CZantMsgQueue::Close() {
     const CancellationBlock block;
-    if (handle == -1) {
+    State before = m_state;
+    if (before == State::none) {
         ZANT_TRACE(TRACEUNIT_MSG_QUEUE, TRACELEVEL_ERROR,
                    "CZantMsgQueue::Close queue FAILED - No handle given\n");
         return nothingToClose;
     }
-    if (!m_isOpen.exchange(false))
+    const State after = before == State::open ? State::closed : State::parted;
+    if (!isOpen() || !m_state.compare_exchange_strong(before, after))
         return closeFailed;
     // Leaves the registry first: once it is closed the number may be another queue's.
     RemoveQueueFromGlobalMsgQueueList(this, handle);
+    if (!queue_io::hasName(handle) && !isShared())
+        drain(handle);
     return mq_close(handle) == 0 ? 0 : closeFailed;
 }
 
 int32_t CZantMsgQueue::Getattr(mq_attr* result) {
-    if (handle == -1)
+    if (m_state == State::none)
         return getattrNotOpen;
     errno = EBADF;
-    if (result && m_isOpen && mq_getattr(handle, result) == 0) {
+    if (result && isOpen() && mq_getattr(handle, result) == 0) {
         attr = *result;
         return 0;
     }
@@ -169,11 +176,11 @@ int32_t CZantMsgQueue::Getattr(mq_attr* result) {
 }
 
 int32_t CZantMsgQueue::GetNrOfMsgsInQueue() {
-    if (handle == -1)
+    if (m_state == State::none)
         return countNotOpen;
     mq_attr now{};
     errno = EBADF;
-    const int result = m_isOpen ? mq_getattr(handle, &now) : -1;
+    const int result = isOpen() ? mq_getattr(handle, &now) : -1;
     if (result == 0)
         return static_cast<int32_t>(now.mq_curmsgs);
     ZANT_TRACE(TRACEUNIT_MSG_QUEUE, TRACELEVEL_ERROR,
@@ -184,48 +191,64 @@ int32_t CZantMsgQueue::GetNrOfMsgsInQueue() {
 
 void CZantMsgQueue::DropName() {
     const CancellationBlock block;
-    if (m_isOpen && hasNameInSystem())
+    if (m_state != State::open)
+        return;
+    if (queue_io::hasName(handle))
         mq_unlink(name.c_str());
-    m_nameIsDropped = true;
-}
-
-/// A queue that was unlinked has lost its name, perhaps to a successor, whose it is now.
-bool CZantMsgQueue::hasNameInSystem() const {
-    struct stat info {};
-    return fstat(handle, &info) == 0 && info.st_nlink > 0;
+    m_state = State::nameless;
 }
 
 int32_t CZantMsgQueue::Unlink() {
     if (name.empty())
         return noName;
     const CancellationBlock block;
-    const bool isAnothers = m_isOpen && !hasNameInSystem();
-    ClearQueue();
-    Close();
-    unlinkOnDestroy = false;
-    if (m_nameIsDropped.exchange(false))
-        return 0;
-    errno = ENOENT;
-    if (!isAnothers && mq_unlink(name.c_str()) == 0)
+    const int error = isOpen() ? unlinkOpen() : unlinkClosed();
+    if (error == 0)
         return 0;
     ZANT_TRACE(TRACEUNIT_MSG_QUEUE, TRACELEVEL_ERROR, "CZantMsgQueue::Unlink FAILED - Errno = %d\n",
-               errno);
+               error);
     return unlinkFailed;
 }
 
+/// 0, or why no name was removed, as errno.
+int CZantMsgQueue::unlinkOpen() {
+    const bool gaveUpName = m_state == State::nameless;
+    const bool hasName = queue_io::hasName(handle);
+    drain(handle);
+    Close();
+    m_state = State::parted;
+    if (gaveUpName)
+        return 0;
+    if (!hasName)
+        return ENOENT;
+    return mq_unlink(name.c_str()) == 0 ? 0 : errno;
+}
+
+/// The same of a queue that Close left to its name.
+int CZantMsgQueue::unlinkClosed() {
+    if (m_state != State::closed)
+        return ENOENT;
+    const ScopedFd queue = queue_io::reopen(name, m_identity);
+    if (!queue)
+        return errno;
+    m_state = State::parted;
+    drain(queue.get());
+    return mq_unlink(name.c_str()) == 0 ? 0 : errno;
+}
+
 int32_t CZantMsgQueue::ClearQueue() {
-    if (handle == -1)
+    if (m_state == State::none)
         return notOpen;
     const CancellationBlock block;
-    if (m_isOpen)
-        drain();
+    if (isOpen())
+        drain(handle);
     return 0;
 }
 
-void CZantMsgQueue::drain() {
+void CZantMsgQueue::drain(int descriptor) const {
     ZantMsgBody body{};
     ssize_t size = 0;
-    while ((size = queue_io::receiveAtOnce(handle, body)) >= 1) {
+    while ((size = queue_io::receiveAtOnce(descriptor, body)) >= 1) {
         ZANT_TRACE(TRACEUNIT_MSG_QUEUE, TRACELEVEL_INFO,
                    "CZantMsgQueue::ClearQueue - Msg read from queue - size: %d  errno=%d\n",
                    static_cast<int>(size), errno);
@@ -258,7 +281,7 @@ bool CZantMsgQueue::TrySend(CZantMsg& msg, unsigned prio) {
 bool CZantMsgQueue::trySend(CZantMsg& msg, unsigned prio, const CancellationBlock& block) {
     const bool mayCarry = !CarriesSharedAddresses() || !hasPayload(msg);
     errno = mayCarry ? EBADF : EINVAL;
-    if (!m_isOpen || !mayCarry || !sendPacked(handle, msg, prio, block))
+    if (!isOpen() || !mayCarry || !sendPacked(handle, msg, prio, block))
         return false;
     totalNrOfSentMsgs.fetch_add(1, std::memory_order_relaxed);
     return true;
@@ -323,7 +346,7 @@ int32_t CZantMsgQueue::Send(int handle, CZantMsg* msg, unsigned prio) {
 
 int32_t CZantMsgQueue::checkReceive(const CZantMsg* msg) {
     sendErrorsSuppressed = false;
-    if (handle == -1)
+    if (m_state == State::none)
         return notOpen;
     return msg ? 0 : noMessage;
 }
@@ -352,11 +375,11 @@ int32_t CZantMsgQueue::ReceiveFromNonblockingQueue(CZantMsg* msg, unsigned) {
 }
 
 int32_t CZantMsgQueue::WaitForMsg() {
-    if (handle == -1)
+    if (m_state == State::none)
         return notOpen;
     const CancellationBlock block;
     errno = EBADF;
-    const int ready = m_isOpen ? queue_io::waitFor(handle, POLLIN, nullptr, block) : -1;
+    const int ready = isOpen() ? queue_io::waitFor(handle, POLLIN, nullptr, block) : -1;
     if (ready < 0) {
         ZANT_TRACE(TRACEUNIT_MSG_QUEUE, TRACELEVEL_ERROR,
                    "CZantMsgQueue::ReceiveFromNonblockingQueue - select failed - handle=%d "
@@ -373,7 +396,7 @@ int32_t CZantMsgQueue::WaitForMsg() {
 
 int CZantMsgQueue::usleepOnQueue(unsigned long usec) {
     const CancellationBlock block;
-    if (!m_isOpen) {
+    if (!isOpen()) {
         errno = EBADF;
         return -1;
     }
@@ -386,7 +409,7 @@ int CZantMsgQueue::usleepOnQueue(unsigned long usec) {
 int32_t CZantMsgQueue::receiveNow(CZantMsg& msg) {
     ZantMsgBody body{};
     errno = EBADF;
-    const ssize_t size = m_isOpen ? queue_io::receiveAtOnce(handle, body) : -1;
+    const ssize_t size = isOpen() ? queue_io::receiveAtOnce(handle, body) : -1;
     if (size < 1)
         return receiveFailed;
     if (size != msgSize) {

@@ -1,6 +1,7 @@
 #ifndef MESSAGING_ZANT_MSG_QUEUE_H
 #define MESSAGING_ZANT_MSG_QUEUE_H
 
+#include "messaging/queue_io.h"
 #include "util/mutex.h"
 
 #include <atomic>
@@ -49,8 +50,9 @@ public:
     };
 
     CZantMsgQueue() = default;
-    /// Drains, closes and unlinks the queue if `unlinkOnDestroy` is set; else closes the descriptor
-    /// and leaves queue and messages in the system. A name that another queue has meanwhile stays.
+    /// Drains, closes and unlinks the queue if `unlinkOnDestroy` is set, also one that is closed
+    /// already; else closes the descriptor and leaves queue and messages in the system. A name that
+    /// another queue has meanwhile stays.
     ~CZantMsgQueue();
     CZantMsgQueue(const CZantMsgQueue&) = delete;
     CZantMsgQueue& operator=(const CZantMsgQueue&) = delete;
@@ -58,23 +60,27 @@ public:
     /// Opens the queue, as mq_open does, with room for `maxMsgs` messages; where the kernel allows
     /// fewer, with as many as it allows. With `unlinkFirst` a queue that an earlier run left behind
     /// is discarded, so that this one is new, and is unlinked in the end. A queue that exists keeps
-    /// its capacity;
-    /// one whose messages are not of 48 bytes is refused. An object that is open already parts from
-    /// its queue first, as at its end.
+    /// its capacity; one whose messages are not of 48 bytes is refused. An object that had a queue
+    /// before, open or closed, parts from it first, as at its end.
     int32_t Open(const char* name, int oflag, int mode, int maxMsgs, bool unlinkFirst);
     /// The same with the caller's attributes; sets their message size.
     int32_t OpenWithAttrStruct(const char* name, int oflag, int mode, mq_attr* attr,
                                bool unlinkFirst);
 
     /// Closes the descriptor; `handle` stays as it was, yet nothing is done through it any more.
+    /// What waits stays in the queue, which its name still leads to; if no name does and nobody
+    /// else in the process has it open, it is drained.
     int32_t Close();
     int32_t Getattr(mq_attr* attr);
     /// Why the last Open failed, as errno; 0 if it did not.
     int OpenError() const { return m_openError; }
     /// Takes the queue's name from the system and keeps the queue: whoever is to send to it needs
-    /// its handle, and nothing of it outlives the process, whatever that one's end.
+    /// its handle, and nothing of it outlives the process, whatever that one's end. Only of a queue
+    /// that is open.
     void DropName();
-    /// Drains and closes the queue and removes its name from the system, unless that was dropped.
+    /// Drains and closes the queue and removes its name from the system, unless that was dropped. A
+    /// closed queue is opened for that once more. Nothing is done to a queue that this object did
+    /// not open, or has unlinked before: it has no name to remove any more.
     int32_t Unlink();
     /// Reads all waiting messages and frees their payloads. Never waits.
     int32_t ClearQueue();
@@ -138,7 +144,7 @@ public:
     static uint32_t GetTotalNrOfSentMsgs() { return totalNrOfSentMsgs; }
     static void ClearTotalNrOfSentMsgs() { totalNrOfSentMsgs = 0; }
 
-    /// -1 until the queue was opened.
+    /// -1 until a queue was opened, and after an Open that failed.
     std::atomic<int32_t> handle{-1};
     /// While set, a failed send to this queue is a success without a trace. Receiving clears it.
     std::atomic<bool> sendErrorsSuppressed{false};
@@ -147,13 +153,25 @@ public:
 private:
     static constexpr int quickAccessSize = 350;
     enum class SendErrors { traced, suppressed, unknownQueue };
+    /// What the object has.
+    enum class State {
+        none,     ///< no queue yet, or the last Open failed: `handle` is -1
+        open,     ///< a queue that was opened by its name
+        nameless, ///< a queue that is open and gave up its name
+        closed,   ///< no descriptor; the queue may still be found by its name
+        parted    ///< nothing of its queue any more
+    };
 
     int32_t openDescriptor(const char* queueName, int oflag, int mode, bool unlinkFirst);
     int32_t failOpen(int error);
-    void release();
-    bool hasNameInSystem() const;
+    void part();
+    bool isOpen() const;
+    int unlinkOpen();
+    int unlinkClosed();
+    /// Whether another object of the process has the same queue open.
+    bool isShared() const EXCLUDES(m_zantMsgQueueMutex);
     void forget() EXCLUDES(m_zantMsgQueueMutex);
-    void drain();
+    void drain(int descriptor) const;
     static void discard(const ZantMsgBody& body, FreeShared freeShared);
     bool trySend(CZantMsg& msg, unsigned prio, const CancellationBlock& block);
     int32_t receiveNow(CZantMsg& msg);
@@ -173,9 +191,10 @@ private:
     std::atomic<uint32_t> nrRead{0};
     mq_attr attr{};
     std::atomic<uint32_t> lastSignal{0};
-    /// False before the first Open and after Close, when the number in `handle` may be another's.
-    std::atomic<bool> m_isOpen{false};
-    std::atomic<bool> m_nameIsDropped{false};
+    /// Changed by the owner; senders look whether the number in `handle` is still this queue's.
+    std::atomic<State> m_state{State::none};
+    /// Tells the queue from others of its name.
+    queue_io::Identity m_identity;
     std::atomic<int> m_openError{0};
     std::atomic<FreeShared> m_freeShared{nullptr};
 

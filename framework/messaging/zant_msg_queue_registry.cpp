@@ -1,6 +1,5 @@
 #include "debug/zant_trace.h"
 #include "messaging/cancellation_block.h"
-#include "messaging/queue_io.h"
 #include "messaging/zant_msg.h"
 #include "messaging/zant_msg_body.h"
 #include "messaging/zant_msg_queue.h"
@@ -66,6 +65,15 @@ void CZantMsgQueue::forget() {
         [this](const T_GlobalMsgQueueInfo& info) { return info.queue == this; });
     std::replace(std::begin(m_quickAccess), std::end(m_quickAccess), this,
                  static_cast<CZantMsgQueue*>(nullptr));
+}
+
+bool CZantMsgQueue::isShared() const {
+    const MutexLock lock(m_zantMsgQueueMutex);
+    return std::any_of(globalMsgQueueList.begin(), globalMsgQueueList.end(),
+                       [this](const T_GlobalMsgQueueInfo& info) {
+                           return info.queue != this &&
+                                  queue_io::identityOf(info.handle) == m_identity;
+                       });
 }
 
 CZantMsgQueue* CZantMsgQueue::findQueue(int handle) {

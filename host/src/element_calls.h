@@ -24,7 +24,7 @@ template <typename Call>
 auto ElementCore::busy(const char* name, Call call) {
     {
         const std::lock_guard lock(m_operationMutex);
-        m_operation = MediaElement::Operation{name, Clock::now()};
+        m_operation = MediaElement::Operation{name, m_loop->now()};
     }
     const auto result = call();
     const std::lock_guard lock(m_operationMutex);
@@ -38,9 +38,9 @@ auto ElementCore::operate(const char* name, std::vector<Argument> arguments, Cal
     record.kind = Record::Kind::Operation;
     record.name = name;
     record.arguments = std::move(arguments);
-    record.time = Clock::now();
+    record.time = m_loop->now();
     const auto result = busy(name, call);
-    record.duration = Clock::now() - record.time;
+    record.duration = m_loop->now() - record.time;
     record.arguments.push_back({"result", toValue(result)});
     observe([&](Observer& observer) { observer.onRecord(record); });
     return result;

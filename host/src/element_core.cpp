@@ -108,8 +108,6 @@ bool ElementCore::initialize(UVABackend::SourceDescription** sources,
 }
 
 void ElementCore::startWatching() {
-    m_watch.tick(Clock::now());
-    m_watch.restart();
     m_timer = m_loop->startTimer(m_options.tick, [core = shared_from_this()] { core->tick(); });
 }
 
@@ -223,7 +221,7 @@ void ElementCore::deliverEvent(UVAEvent* event) {
             [core = shared_from_this(), request] { core->takeRequest(std::move(*request)); });
         return;
     }
-    Delivery delivery{std::shared_ptr<UVAEvent>(event), describe(*event), {}};
+    Delivery delivery{std::shared_ptr<UVAEvent>(event), describe(*event, m_loop->now()), {}};
     if (event->type() == UVAEvent::MultiComponentChanged)
         for (const auto* component : static_cast<MultiComponentChangedEvent*>(event)->added)
             if (component != nullptr)
@@ -236,15 +234,15 @@ void ElementCore::deliverEvent(UVAEvent* event) {
 /// refused.
 void ElementCore::answerResourceRequest(UVAMediaBackend& backend,
                                         std::unique_ptr<UVAAsyncEvent> event) {
-    Delivery delivery{nullptr, describe(*event), {}};
+    Delivery delivery{nullptr, describe(*event, m_loop->now()), {}};
     const bool granted = m_options.resources == ResourcePolicy::Grant && !m_releasing;
     Record answer;
     answer.kind = Record::Kind::Operation;
     answer.name = "eventCompleted";
     answer.onLoop = false;
-    answer.time = Clock::now();
+    answer.time = m_loop->now();
     const int result = backend.eventCompleted(event.get(), granted);
-    answer.duration = Clock::now() - answer.time;
+    answer.duration = m_loop->now() - answer.time;
     answer.arguments = {
         {"event", delivery.record.name}, {"success", granted}, {"result", toValue(result)}};
     m_loop->post(
@@ -272,7 +270,7 @@ void ElementCore::act(const Delivery& delivery) {
             return m_backend.load()->eventCompleted(static_cast<const UVAAsyncEvent*>(&event),
                                                     granted);
         });
-        decoderAsked(Clock::now());
+        decoderAsked(m_loop->now());
         break;
     case UVAEvent::CancelDataRequestsAsync:
         completeCancel(static_cast<const UVAAsyncEvent&>(event));
@@ -455,7 +453,7 @@ void ElementCore::fail(std::string reason) {
 }
 
 void ElementCore::publishStatus() {
-    m_status.time = Clock::now();
+    m_status.time = m_loop->now();
     observe([this](Observer& observer) { observer.onStatus(m_status); });
 }
 

@@ -70,11 +70,11 @@ void ElementCore::writeData(std::unique_ptr<NeedMSEDataEvent> event, unsigned in
              {"status", static_cast<long long>(status)}},
             [&] { return backend->writeData(event.release(), bytes, status); });
     if (samples > 0 && !m_decoderAsked && m_options.mainSystem)
-        decoderAsked(Clock::now()); // the sinks of media sources do not ask the host first
+        decoderAsked(m_loop->now()); // the sinks of media sources do not ask the host first
 }
 
 void ElementCore::takeRequest(std::unique_ptr<NeedMSEDataEvent> event) {
-    const Record record = describe(*event);
+    const Record record = describe(*event, m_loop->now());
     if (m_releasing || m_feeder == nullptr || m_status.state == State::Failed)
         return;
     observe([&](Observer& observer) { observer.onRecord(record); });
@@ -141,10 +141,10 @@ void ElementCore::watchBuffers() {
 /// A source has asked for data in vain, and soon has none.
 bool ElementCore::runsDry() const {
     const auto sources = m_feeder->sources();
-    const auto asked = Clock::now() - patience;
+    const auto asked = m_loop->now() - patience;
     for (std::size_t i = 0; i < sources.size(); ++i)
-        if (!sources[i].ended && sources[i].waitsSince.value_or(Clock::now()) < asked && ahead(i) &&
-            *ahead(i) < tooLittle)
+        if (!sources[i].ended && sources[i].waitsSince.value_or(m_loop->now()) < asked &&
+            ahead(i) && *ahead(i) < tooLittle)
             return true;
     return false;
 }

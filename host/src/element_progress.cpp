@@ -101,7 +101,7 @@ std::optional<Phase> ElementCore::phase() const {
 /// A main system that has not answered after its time has been reported as an error: if nothing
 /// moves even then it is for another reason. So it is if the media has an error.
 std::optional<Phase> ElementCore::phaseOfStart() const {
-    if (m_decoderAsked && m_error.empty() && Clock::now() - *m_decoderAsked < decoderAnswer)
+    if (m_decoderAsked && m_error.empty() && m_loop->now() - *m_decoderAsked < decoderAnswer)
         return Phase::WaitingForDecoder;
     const bool connected = m_mediaSeen || m_status.duration > 0;
     return m_server.empty() || connected ? Phase::Opening : Phase::Connecting;
@@ -115,7 +115,7 @@ milliseconds ElementCore::boundFor(Phase phase) const {
 void ElementCore::watch() {
     hearErrors();
     const auto now = phase();
-    m_watch.tick(Clock::now());
+    m_watch.tick(m_loop->now());
     if (!now || now != std::exchange(m_phase, now))
         return m_watch.restart();
     const auto bound = boundFor(*now);

@@ -130,11 +130,11 @@ std::vector<Argument> argumentsOf(const UVAEvent& event) {
 
 } // namespace
 
-Record describe(const UVAEvent& event) {
+Record describe(const UVAEvent& event, Clock::time_point delivered) {
     Record record;
     record.kind = Record::Kind::Event;
     record.name = nameOf(event.type());
-    record.time = Clock::now();
+    record.time = delivered;
     record.arguments = argumentsOf(event);
     return record;
 }

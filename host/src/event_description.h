@@ -7,8 +7,8 @@ class UVAEvent;
 
 namespace host {
 
-/// A record of the event with its name and members, delivered now.
-Record describe(const UVAEvent& event);
+/// A record of the event with its name and members.
+Record describe(const UVAEvent& event, Clock::time_point delivered);
 
 } // namespace host
 

@@ -11,12 +11,15 @@ namespace host {
 
 /// Shared with the thread, so that a thread left behind has something to stand on.
 struct EventLoop::State {
+    explicit State(TimeSource time) : now(std::move(time)) {}
+
     struct Timer {
         Clock::time_point due;
         Clock::duration interval;
         Task task;
     };
 
+    const TimeSource now;
     std::mutex mutex; // guards all below; tasks run without it
     std::condition_variable changed;
     std::deque<Task> tasks;
@@ -57,17 +60,17 @@ EventLoop::Task EventLoop::State::next(std::unique_lock<std::mutex>& lock) {
         if (timers.empty())
             changed.wait(lock);
         else
-            changed.wait_until(lock, firstDue());
+            changed.wait_for(lock, firstDue() - now());
     }
     return nullptr;
 }
 
 EventLoop::Task EventLoop::State::takeDueTimer() {
-    const auto now = Clock::now();
+    const auto time = now();
     for (auto& [id, timer] : timers) {
-        if (timer.due > now)
+        if (timer.due > time)
             continue;
-        timer.due = now + timer.interval;
+        timer.due = time + timer.interval;
         return timer.task;
     }
     return nullptr;
@@ -80,11 +83,16 @@ Clock::time_point EventLoop::State::firstDue() const {
     return first;
 }
 
-EventLoop::EventLoop()
-    : m_state(std::make_shared<State>()), m_thread([state = m_state] { state->run(); }) {}
+EventLoop::EventLoop(TimeSource time)
+    : m_state(std::make_shared<State>(std::move(time))),
+      m_thread([state = m_state] { state->run(); }) {}
 
 EventLoop::~EventLoop() {
     stop(std::chrono::seconds(2));
+}
+
+Clock::time_point EventLoop::now() const {
+    return m_state->now();
 }
 
 bool EventLoop::post(Task task) {
@@ -103,7 +111,7 @@ EventLoop::TimerId EventLoop::startTimer(Clock::duration interval, Task task) {
     {
         const std::lock_guard lock(m_state->mutex);
         id = ++m_state->lastTimer;
-        m_state->timers[id] = {Clock::now() + interval, interval, std::move(task)};
+        m_state->timers[id] = {now() + interval, interval, std::move(task)};
     }
     m_state->changed.notify_all();
     return id;

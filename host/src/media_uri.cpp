@@ -49,8 +49,10 @@ std::optional<std::string> decodePath(std::string_view encoded) {
             path += encoded[i];
             continue;
         }
-        const int high = i + 2 < encoded.size() ? hexDigit(encoded[i + 1]) : -1;
-        const int low = i + 2 < encoded.size() ? hexDigit(encoded[i + 2]) : -1;
+        if (i + 2 >= encoded.size())
+            return std::nullopt;
+        const int high = hexDigit(encoded[i + 1]);
+        const int low = hexDigit(encoded[i + 2]);
         if (high < 0 || low < 0 || high + low == 0)
             return std::nullopt;
         path += static_cast<char>(high * 16 + low);

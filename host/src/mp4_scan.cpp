@@ -173,6 +173,14 @@ std::pair<unsigned int, View> findGroupBox(const View& container, std::uint32_t 
     return found;
 }
 
+/// Of 'sbgp' for the group 'seig': from the number of its runs on; empty when there is none.
+template <typename View>
+View groupRuns(const View& container) {
+    auto [version, runs] = findGroupBox(container, fourLetters("sbgp"));
+    runs.skip(version >= 1 ? 4 : 0); // a parameter of the grouping
+    return runs;
+}
+
 /// Seconds that edits put in front, less what they cut off there.
 template <typename View>
 double shiftOf(View elst, double movieTimescale, double timescale) {
@@ -333,7 +341,7 @@ void Mp4Scan::takeTrack(const View& trak, double movieTimescale, Region& region)
     stsz.skip(8);
     Samples samples;
     samples.count = stsz.take32();
-    samples.runs = findGroupBox(stbl, fourLetters("sbgp")).second;
+    samples.runs = groupRuns(stbl);
     samples.haveVectors = stbl.has(fourLetters("saiz")) || stbl.has(fourLetters("senc")) ||
                           trak.has(fourLetters("senc"));
     if (m_tracks.size() == mostTracks)
@@ -390,7 +398,7 @@ void Mp4Scan::takeTrackFragment(std::uint64_t begin, const View& traf, Region& r
     track.nextDts = dts;
 
     samples.groups = readGroups(traf);
-    samples.runs = findGroupBox(traf, fourLetters("sbgp")).second;
+    samples.runs = groupRuns(traf);
     samples.haveVectors = traf.has(fourLetters("saiz")) || traf.has(fourLetters("senc"));
     if (samples.count > 0)
         judge(track, id, samples, region);

@@ -19,8 +19,8 @@ public:
         sourceId = static_cast<int>(id);
         mimeType = m_mime.c_str();
         streamType = seekableStream;
-        durationMs = duration > 0 ? static_cast<unsigned long long>(std::llround(duration * 1000))
-                                  : 0;
+        durationMs =
+            duration > 0 ? static_cast<unsigned long long>(std::llround(duration * 1000)) : 0;
     }
 
 private:
@@ -66,8 +66,8 @@ private:
 };
 
 MseFeeder::MseFeeder(std::shared_ptr<EventLoop> loop, MediaSource source, Client& client)
-    : m_loop(std::move(loop)), m_keys(std::move(source.keys)),
-      m_client(&client), m_reader(std::make_shared<Reader>()) {
+    : m_loop(std::move(loop)), m_keys(std::move(source.keys)), m_client(&client),
+      m_reader(std::make_shared<Reader>()) {
     m_reader->open = std::move(source.open);
 }
 
@@ -157,14 +157,14 @@ void MseFeeder::move(Source& source, double seconds) {
     source.reading = source.ended = source.info.ended = false;
     source.error.clear();
     const auto index = static_cast<std::size_t>(&source - m_sources.data());
-    m_readLoop.post([self = shared_from_this(), reader = m_reader, index, seconds,
-                     seeks = source.seeks] {
-        auto error = reader->streams[index]->seek(seconds);
-        if (!error.empty())
-            self->post([index, seeks, error = std::move(error)](MseFeeder& feeder) {
-                feeder.take(index, seeks, {{}, false, error});
-            });
-    });
+    m_readLoop.post(
+        [self = shared_from_this(), reader = m_reader, index, seconds, seeks = source.seeks] {
+            auto error = reader->streams[index]->seek(seconds);
+            if (!error.empty())
+                self->post([index, seeks, error = std::move(error)](MseFeeder& feeder) {
+                    feeder.take(index, seeks, {{}, false, error});
+                });
+        });
 }
 
 void MseFeeder::request(std::unique_ptr<NeedMSEDataEvent> event) {
@@ -172,7 +172,7 @@ void MseFeeder::request(std::unique_ptr<NeedMSEDataEvent> event) {
     if (source == nullptr)
         return;
     source->request = std::move(event);
-    source->info.waitsSince = Clock::now();
+    source->info.waitsSince = m_loop->now();
     serve(*source);
 }
 
@@ -204,14 +204,13 @@ void MseFeeder::read(Source& source, std::size_t count) {
         return;
     source.reading = true;
     const auto index = static_cast<std::size_t>(&source - m_sources.data());
-    m_readLoop.post([self = shared_from_this(), reader = m_reader, index, count,
-                     seeks = source.seeks] {
-        auto batch =
-            std::make_shared<SampleStream::Batch>(reader->streams[index]->read(count));
-        self->post([index, seeks, batch](MseFeeder& feeder) {
-            feeder.take(index, seeks, std::move(*batch));
+    m_readLoop.post(
+        [self = shared_from_this(), reader = m_reader, index, count, seeks = source.seeks] {
+            auto batch = std::make_shared<SampleStream::Batch>(reader->streams[index]->read(count));
+            self->post([index, seeks, batch](MseFeeder& feeder) {
+                feeder.take(index, seeks, std::move(*batch));
+            });
         });
-    });
 }
 
 void MseFeeder::take(std::size_t index, unsigned int seeks, SampleStream::Batch batch) {

@@ -75,7 +75,7 @@ private:
         bool startDue = true;                      // ... which the backend has not been told
         bool reading = false;
         bool ended = false; // nothing is to be read behind `ready`
-        std::string error; // nothing can be read behind `ready`
+        std::string error;  // nothing can be read behind `ready`
         std::optional<KeyBytes> keyAskedFor;
     };
 

@@ -55,7 +55,7 @@ public:
 private:
     const Clock::duration m_tick;
     Clock::duration m_still{};
-    Clock::time_point m_last = Clock::now();
+    Clock::time_point m_last{};
 };
 
 } // namespace host

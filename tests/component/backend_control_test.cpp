@@ -5,7 +5,7 @@
 #include "gstnox_backend.h"
 #include "gstnox_plugin.h"
 #include "support/log_capture.h"
-#include "support/recording_client.h"
+#include "support/media_host.h"
 #include "support/wait_until.h"
 
 #include <gtest/gtest.h>
@@ -68,6 +68,77 @@ TEST(BackendControl, SwitchesTheAudioOutputOfAPlayerThatHasOne) {
     g_object_get(sink, "output-ddp", &value, nullptr);
     EXPECT_EQ(value, 0U);
     gst_object_unref(sink);
+}
+
+// The last audio source's, as long as it is there and there is a player.
+TEST(BackendControl, SwitchesTheAudioOutputOfAMediaSource) {
+    ASSERT_TRUE(BackendInit(nullptr));
+    RecordingClient client;
+    GstNoxBackend backend(UVABackend::VideoElement, &client);
+    const auto attach = [&](unsigned int id, const char* mime) {
+        EXPECT_EQ(backend.attachSource(new TestSource(id, mime)), UVABackend::Success);
+    };
+    const struct {
+        std::function<void()> before;
+        const char* line; // null: none
+    } rows[] = {
+        {[&] { attach(1, "video/x-h264"); }, nullptr},
+        {[&] { attach(2, "audio/x-plain"); }, "DEBUG enable=3"},
+        {[&] { backend.removeSource(1); }, "DEBUG enable=3"},
+        {[&] { attach(3, "audio/x-plain"); }, "DEBUG enable=3"},
+        {[&] { backend.removeSource(2); }, "DEBUG enable=3"},
+        {[&] { backend.removeSource(3); }, nullptr},
+        {[&] { backend.releaseResources(UVABackend::AllResources); },
+         "WARN ***W: called on inactive player"},
+        {[&] { attach(2, "audio/x-plain"); }, "DEBUG enable=3"},
+        {[&] { backend.releaseResources(UVABackend::AllResources); },
+         "WARN ***W: called on inactive player"},
+    };
+    for (const auto& row : rows) {
+        row.before();
+        LogCapture log(gst_backend_debug);
+        backend.controlCommands("output-ddp:3");
+        std::vector<std::string> expected = {"DEBUG commands = 'output-ddp:3'"};
+        if (row.line != nullptr)
+            expected.emplace_back(row.line);
+        EXPECT_EQ(log.lines(), expected) << &row - rows;
+    }
+}
+
+TEST(BackendShell, TellsOfEveryBackend) {
+    ASSERT_TRUE(BackendInit(nullptr));
+    EXPECT_EQ(GstNoxBackend::describeAll(), "");
+    RecordingClient client;
+    GstNoxBackend first(UVABackend::VideoElement, &client);
+    GstNoxBackend second(UVABackend::VideoElement, &client);
+    second.attachSource(new TestSource(4, "video/x-plain"));
+    second.setPosition(3);
+    const auto text = GstNoxBackend::describeAll();
+    EXPECT_NE(text.find(" NULL position=99:99:99.999999999\n0x"), std::string::npos) << text;
+    EXPECT_NE(text.find(" NULL position=0:00:03.000000000\n  video_4: "), std::string::npos)
+        << text;
+}
+
+TEST(BackendCategories, AreNamedAndColoured) {
+    ASSERT_TRUE(BackendInit(nullptr));
+    const struct {
+        const char* name;
+        guint colour;
+        const char* description;
+    } rows[] = {
+        {"uvapluginloader", 0, "The plugin loader for the media backend"},
+        {"uvabackend", 0, "UVA media backend (C++ class)"},
+        {"uvabackendif", 0, "UVA media backend (interface)"},
+        {"uvamshell", 0, "UVA media backend (mshell)"},
+        {"uvadbg", GST_DEBUG_FG_YELLOW, "UVA debug backend (C++ class)"},
+        {"gstuvacontentprotectionhandler", 0, "GstUvaContentProtectionHandler debug"},
+    };
+    for (const auto& row : rows) {
+        auto* category = _gst_debug_get_category(row.name);
+        ASSERT_NE(category, nullptr) << row.name;
+        EXPECT_EQ(gst_debug_category_get_color(category), row.colour) << row.name;
+        EXPECT_STREQ(gst_debug_category_get_description(category), row.description);
+    }
 }
 
 } // namespace

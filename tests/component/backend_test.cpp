@@ -3,15 +3,17 @@
 
 #include "gstnox_avcomponent.h"
 #include "gstnox_backend.h"
+#include "gstnox_buswatch.h"
 #include "gstnox_plugin.h"
 #include "support/log_capture.h"
-#include "support/recording_client.h"
+#include "support/media_host.h"
 #include "support/wait_until.h"
 
 #include <gtest/gtest.h>
 
 #include <cmath>
 #include <limits>
+#include <sstream>
 #include <thread>
 
 namespace {
@@ -171,7 +173,90 @@ TEST_F(BackendTest, LeavingReadyAnnouncesThatDataIsAwaited) {
     EXPECT_EQ(client.types(), awaited);
 }
 
+TEST_F(BackendTest, EventsAreLoggedByNameAndDelivered) {
+    std::istringstream names(
+        "BackendResourceRevoked BackendResourceRequestAsync BackendResourceReleased NeedData "
+        "NeedMSEData PlaybackFinished NewMetadata NeedKeySystem DecodeError VideoFrameAvailable "
+        "VideoBufferAvailable DRMRightsError ParentalRatingError ParentalRatingChange "
+        "PlaySpeedChanged BroadcastPlayPositionChanged BroadcastPlaystateChange "
+        "BroadcastSignalStrengthChanged ChannelChangeError ChannelChangeSucceeded "
+        "ProgrammesChanged Recording BufferingProgress BufferingNetworkError BufferingIdle "
+        "BufferingStreamUnderrun BufferingStreamBuffered ConnectionEstablished ConnectionLost "
+        "DeprecatedSubtitlesChanged ComponentChanged ExternalComponentActivate "
+        "MultiComponentChanged InBandVTTUpdate InBandDVBSub InBandDataUpdate InBandTTML "
+        "InBandRemoveCuesRange GetCookies PlaySpeedsArrayChanged SetCookie "
+        "CancelDataRequestsAsync SeekCompletedEx CacheUpdateRequestAsync PidFilterData "
+        "ChannelChanged TunerStateChanged BouquetSelectionChanged ContentIdChanged MrsUrlChanged "
+        "AsyncReleaseFinished FramesDropped BufferingStreamPreloaded ActiveStateChanged "
+        "PauseFinished");
+    std::vector<std::pair<int, std::string>> rows = {
+        {3000, "PastLastNonOoifEvent"}, {55, "unknown Event"}, {-1, "unknown Event"}};
+    int type = 0;
+    for (std::string name; names >> name; ++type)
+        rows.emplace_back(type, name);
+    LogCapture log(gst_backend_debug);
+    std::vector<std::string> expected;
+    for (const auto& [number, name] : rows) {
+        backend.raiseEvent(new UVAEvent(static_cast<UVAEvent::Type>(number)), GST_LEVEL_INFO, "%d",
+                           number);
+        expected.push_back("INFO " + name + ": (" + std::to_string(number) + ")");
+    }
+    EXPECT_EQ(log.lines(), expected);
+    gst_debug_category_set_threshold(gst_backend_debug, GST_LEVEL_WARNING);
+    for (const auto level : {GST_LEVEL_WARNING, GST_LEVEL_FIXME})
+        backend.raiseEvent(new PauseFinishedEvent, level, "%s", "");
+    EXPECT_EQ(log.lines().size(), rows.size() + 1) << "only what is asked for";
+    EXPECT_EQ(client.types().size(), rows.size() + 2) << "delivered all the same";
+}
+
+// What is handled, and of the pipeline's parts only what they alone know.
+TEST_F(BackendTest, TheBusKeepsWhatIsHandled) {
+    const auto pipeline = GstPtr<GstElement>::sink(gst_bin_new("pipeline"));
+    GstElement* part = gst_bin_new("part");
+    gst_bin_add(GST_BIN(pipeline.get()), part);
+    GError* error = g_error_new_literal(GST_STREAM_ERROR, 1, "");
+    const auto changed = [](GstElement* source) {
+        return gst_message_new_state_changed(source ? GST_OBJECT(source) : nullptr, GST_STATE_NULL,
+                                             GST_STATE_READY, GST_STATE_VOID_PENDING);
+    };
+    const std::vector<std::pair<GstMessage*, bool>> rows = {
+        {gst_message_new_eos(GST_OBJECT(part)), true},
+        {gst_message_new_error(GST_OBJECT(part), error, ""), true},
+        {gst_message_new_buffering(GST_OBJECT(part), 1), true},
+        {gst_message_new_application(GST_OBJECT(part), gst_structure_new_empty("a")), true},
+        {changed(pipeline.get()), true},
+        {changed(nullptr), true},
+        {changed(part), false},
+        {gst_message_new_warning(GST_OBJECT(part), error, ""), false},
+        {gst_message_new_element(GST_OBJECT(part), gst_structure_new_empty("a")), false},
+        {gst_message_new_stream_start(GST_OBJECT(pipeline.get())), false},
+    };
+    for (const auto& [message, kept] : rows) {
+        gst_message_ref(message);
+        EXPECT_EQ(GstNoxBackend::_sift_message(nullptr, message, nullptr),
+                  kept ? GST_BUS_PASS : GST_BUS_DROP)
+            << GST_MESSAGE_TYPE_NAME(message);
+        EXPECT_EQ(GST_MINI_OBJECT_REFCOUNT_VALUE(message), kept ? 2 : 1);
+        if (kept)
+            gst_message_unref(message);
+        gst_message_unref(message);
+    }
+    g_error_free(error);
+}
+
+TEST_F(BackendTest, ARemovedBusWatchHandsNothingOver) {
+    const auto bus = GstPtr<GstBus>::adopt(gst_bus_new());
+    const auto watch = GstNoxBusWatch::add(bus.get(), &backend);
+    gst_bus_post(bus.get(), gst_message_new_eos(nullptr));
+    EXPECT_TRUE(support::waitUntil([&] { return client.count(UVAEvent::PlaybackFinished) == 1; }));
+    watch->remove(bus.get());
+    gst_bus_post(bus.get(), gst_message_new_eos(nullptr));
+    EXPECT_TRUE(support::waitUntil([&] { return watch.use_count() == 1; })) << "GLib's share";
+    EXPECT_EQ(client.count(UVAEvent::PlaybackFinished), 1);
+}
+
 TEST_F(BackendTest, BusMessagesBecomeEvents) {
+    LogCapture log(gst_backend_debug);
     handle(gst_message_new_eos(nullptr));
     handle(gst_message_new_buffering(nullptr, 99));
     handle(gst_message_new_buffering(nullptr, 100));
@@ -179,6 +264,13 @@ TEST_F(BackendTest, BusMessagesBecomeEvents) {
     EXPECT_EQ(client.types(),
               (Types{UVAEvent::PlaybackFinished, UVAEvent::BufferingProgress,
                      UVAEvent::BufferingProgress, UVAEvent::BufferingStreamBuffered}));
+    EXPECT_EQ(log.lines(), (std::vector<std::string>{
+                               "INFO End-Of-Stream reached", "DEBUG PlaybackFinished: ()",
+                               "DEBUG BufferingProgress: (99%)", "DEBUG BufferingProgress: (100%)",
+                               "DEBUG BufferingStreamBuffered: ()"}));
+    const auto* finished = client.last<PlaybackFinishedEvent>(UVAEvent::PlaybackFinished);
+    EXPECT_EQ(finished->reason, 0);
+    EXPECT_EQ(finished->detail, 0);
 }
 
 TEST_F(BackendTest, OnlyResourceErrorsOfTheSourceReachTheClient) {
@@ -189,6 +281,7 @@ TEST_F(BackendTest, OnlyResourceErrorsOfTheSourceReachTheClient) {
         int code;
         int events;
     } rows[] = {
+        {"source", resource, GST_RESOURCE_ERROR_FAILED, 1},
         {"source", resource, GST_RESOURCE_ERROR_NOT_FOUND, 1},
         {"source", resource, GST_RESOURCE_ERROR_NOT_AUTHORIZED, 1},
         {"source", resource, 16, 0},
@@ -229,21 +322,55 @@ TEST_F(BackendTest, VideoFormatBecomesMetadata) {
     backend.checkMetaDataChanged();     // told once
     EXPECT_EQ(client.count(UVAEvent::NewMetadata), 1);
 
-    // Too small a change of the ratio is none; a real one is told.
-    backend.setMetaData(metadata->pixelAspectRatio + 0.0005);
-    backend.checkMetaDataChanged();
-    EXPECT_EQ(client.count(UVAEvent::NewMetadata), 1);
-    backend.setMetaData(static_cast<long long>(2500000000));
-    backend.checkMetaDataChanged();
-    EXPECT_EQ(client.last<NewMetadataEvent>(UVAEvent::NewMetadata)->duration, 2.5);
-
     // Incomplete and foreign messages change nothing.
     postApplicationMessage(gst_structure_new_empty("GstNoxVideoFormat"));
     postApplicationMessage(
         gst_structure_new("GstNoxVideoFormat", "width", G_TYPE_STRING, "wide", nullptr));
     postApplicationMessage(gst_structure_new_empty("GstNoxDecoderNeeded"));
     postApplicationMessage(gst_structure_new_empty("somebody-elses"));
-    EXPECT_EQ(client.count(UVAEvent::NewMetadata), 2);
+    EXPECT_EQ(client.count(UVAEvent::NewMetadata), 1);
+}
+
+TEST_F(BackendTest, AnyChangeOfTheMetadataIsToldOnce) {
+    const struct {
+        std::function<void(GstNoxBackend&)> change;
+        bool told;
+        int width, height;
+        double ratio, seconds;
+    } rows[] = {
+        {[](auto& b) { b.checkMetaDataChanged(); }, false, -1, -1, 1, 0},
+        {[](auto& b) { b.setMetaData(720, 576); }, true, 720, 576, 1, 0},
+        {[](auto& b) { b.setMetaData(720, 576); }, false, 720, 576, 1, 0},
+        {[](auto& b) { b.setMetaData(720, 480); }, true, 720, 480, 1, 0},
+        {[](auto& b) { b.setMetaData(640, 480); }, true, 640, 480, 1, 0},
+        {[](auto& b) { b.setMetaData(1.0009); }, false, 640, 480, 1, 0},
+        {[](auto& b) { b.setMetaData(1.25); }, true, 640, 480, 1.25, 0},
+        {[](auto& b) { b.setMetaData(0.75); }, true, 640, 480, 0.75, 0},
+        {[](auto& b) { b.setMetaData(2500000000LL); }, true, 640, 480, 0.75, 2.5},
+        {[](auto& b) { b.setMetaData(2500000000LL); }, false, 640, 480, 0.75, 2.5},
+        {[](auto& b) { b.setMetaData(-1LL); }, true, 640, 480, 0.75, 0},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(&row - rows);
+        client.clear();
+        row.change(backend);
+        backend.checkMetaDataChanged();
+        backend.checkMetaDataChanged();
+        ASSERT_EQ(client.count(UVAEvent::NewMetadata), row.told ? 1 : 0);
+        if (const auto* told = client.last<NewMetadataEvent>(UVAEvent::NewMetadata)) {
+            EXPECT_EQ(told->width, row.width);
+            EXPECT_EQ(told->height, row.height);
+            EXPECT_EQ(told->pixelAspectRatio, row.ratio);
+            EXPECT_EQ(told->duration, row.seconds);
+        }
+        int width = 0;
+        int height = 0;
+        double ratio = 0;
+        EXPECT_EQ(backend.getNativeSize(width, height, ratio), UVABackend::Success);
+        EXPECT_EQ(width, row.width);
+        EXPECT_EQ(height, row.height);
+        EXPECT_EQ(ratio, row.ratio);
+    }
 }
 
 TEST_F(BackendTest, TheLastDecoderGivenBackIsReported) {
@@ -278,9 +405,13 @@ TEST_F(BackendTest, ComponentsComeAndGoOnce) {
 
     EXPECT_EQ(backend.addComponent("video", "video_0"), 0);
     EXPECT_EQ(backend.addComponent("audio", "audio_1"), 1);
-    EXPECT_FALSE(client.last<MultiComponentChangedEvent>(UVAEvent::MultiComponentChanged)
-                     ->added.front()
-                     ->active);
+    const auto& audio =
+        *client.last<MultiComponentChangedEvent>(UVAEvent::MultiComponentChanged)->added.front();
+    EXPECT_FALSE(audio.active);
+    EXPECT_EQ(audio.type, 1);
+    EXPECT_EQ(audio.shape, 0);
+    EXPECT_EQ(audio.bitrate, 128000);
+    EXPECT_STREQ(audio.channel, "1_1");
     EXPECT_EQ(backend.addComponent("text", "text_0"), 0);
     EXPECT_EQ(backend.addComponent(nullptr, "text_0"), 0);
     EXPECT_TRUE(log.has("WARN ***W: component 'video_0' of type 'video' already exists."));
@@ -336,6 +467,10 @@ TEST_F(BackendTest, SeekWithoutPlayerFailsInItsSecondPhase) {
 
 TEST_F(BackendTest, DurationGrowsOnlyUntilKnown) {
     double seconds = -7;
+    UVABackend::TimeRange** ranges = nullptr;
+    EXPECT_EQ(backend.getSeekableTimeRanges(nullptr, ranges), 1);
+    EXPECT_EQ(ranges[0], nullptr);
+    delete[] ranges;
     EXPECT_EQ(backend.getDuration(seconds), UVABackend::NotAvailable);
     EXPECT_EQ(seconds, -7);
     backend.setMetaData(static_cast<long long>(-1));
@@ -345,9 +480,9 @@ TEST_F(BackendTest, DurationGrowsOnlyUntilKnown) {
     backend.changeDuration(30.0);
     EXPECT_EQ(backend.getDuration(seconds), 1);
     EXPECT_EQ(seconds, 20.0);
-    UVABackend::TimeRange** ranges = nullptr;
     EXPECT_EQ(backend.getSeekableTimeRanges(nullptr, ranges), 1);
     ASSERT_NE(ranges[0], nullptr);
+    EXPECT_EQ(ranges[0]->start, 0);
     EXPECT_EQ(ranges[0]->end, 20e9); // the nanosecond count
     EXPECT_EQ(ranges[1], nullptr);
     delete ranges[0];
@@ -389,6 +524,31 @@ TEST_F(BackendTest, OneSinkAsksAndTheOthersAreTurnedAway) {
     EXPECT_EQ(client.count(UVAEvent::BackendResourceRequestAsync), 2);
 }
 
+// Once the client has granted it; a media source's sink at once.
+TEST_F(BackendTest, ASinkIsToldWhenItsRequestGoesToTheMainSystem) {
+    const auto sink = GstPtr<GstElement>::sink(gst_element_factory_make("halvideosink", nullptr));
+    int told = 0;
+    g_signal_connect_swapped(sink.get(), "decoder-request-forwarded",
+                             G_CALLBACK(+[](int* count) { ++*count; }), &told);
+    EXPECT_EQ(GstNoxBackend::source_decoder_request_cb(sink.get(), "video", &backend), 1);
+    EXPECT_EQ(told, 1);
+    EXPECT_EQ(client.types(), Types{}) << "nobody was asked";
+    for (const bool granted : {false, true}) {
+        GstNoxBackend* asked = nullptr;
+        RecordingClient answering([&](UVAEvent& event) {
+            if (event.type() == UVAEvent::BackendResourceRequestAsync)
+                asked->eventCompleted(static_cast<UVAAsyncEvent*>(&event), granted);
+        });
+        GstNoxBackend other(UVABackend::VideoElement, &answering);
+        asked = &other;
+        told = 0;
+        EXPECT_EQ(GstNoxBackend::decoder_request_cb(sink.get(), "video", &other), granted ? 1 : 0);
+        EXPECT_EQ(told, granted ? 1 : 0);
+        EXPECT_EQ(answering.count(UVAEvent::DecodeError), granted ? 0 : 1);
+        other.releaseResources(UVABackend::AllResources);
+    }
+}
+
 TEST_F(BackendTest, ARefusedSinkIsNotAnsweredWithTheNextOnesGrant) {
     const BackendResourceRequestAsyncEvent answer(true);
     for (int round = 0; round < 200; ++round) {
@@ -413,17 +573,6 @@ TEST_F(BackendTest, ARefusedSinkIsNotAnsweredWithTheNextOnesGrant) {
     }
 }
 
-TEST_F(BackendTest, AnswerFromInsideTheDeliveryIsTaken) {
-    GstNoxBackend* asked = nullptr;
-    RecordingClient granting([&asked](UVAEvent& event) {
-        if (event.type() == UVAEvent::BackendResourceRequestAsync)
-            asked->eventCompleted(static_cast<UVAAsyncEvent*>(&event), true);
-    });
-    GstNoxBackend other(UVABackend::AudioElement, &granting);
-    asked = &other;
-    EXPECT_EQ(GstNoxBackend::decoder_request_cb(nullptr, "audio", &other), 1);
-}
-
 TEST_F(BackendTest, StoppingAndSeekingEndTheWaitForADecoder) {
     for (const bool stop : {true, false}) {
         client.clear();
@@ -445,105 +594,6 @@ TEST_F(BackendTest, StoppingAndSeekingEndTheWaitForADecoder) {
         backend.releaseResources(UVABackend::AllResources);
         EXPECT_EQ(answer, 0);
         EXPECT_EQ(client.count(UVAEvent::DecodeError), 0); // nobody refused
-    }
-}
-
-TEST_F(BackendTest, CapabilitiesFollowTheTables) {
-    using Description = UVABackend::ContentDescription;
-    const auto describe = [](const char* type, std::vector<std::string> codecs, const char* width,
-                             const char* height, const char* rate, const char* channels = "") {
-        Description description;
-        description.type = type;
-        description.codecs = std::move(codecs);
-        description.width = width;
-        description.height = height;
-        description.framerate = rate;
-        description.channels = channels;
-        return description;
-    };
-    const struct {
-        Description description;
-        bool playable;
-    } rows[] = {
-        {describe("video/mp4", {}, "", "", ""), true},
-        {describe("video/MP4", {}, "", "", ""), false},
-        {describe("video/H264", {}, "", "", ""), true},
-        {describe("", {"avc1.640028"}, "1920", "1080", ""), true},
-        {describe("", {"avc1.640028", "mp4v.20.9"}, "", "", ""), false},
-        {describe("", {"vp09.00.51.08"}, "3840", "2160", "60"), true},
-        {describe("", {"vp09.00.51.08"}, "3840", "2160", "61"), false},
-        {describe("", {"vp09.00.51.08"}, "3840", "2160", "60.5"), true},
-        {describe("", {"vp9"}, "4096", "2304", "30"), false}, // beyond 2160 lines
-        {describe("", {"vp9"}, "4096", "2160", "60"), true},
-        {describe("", {"vp9"}, "3000", "2000", "30"), false},
-        {describe("", {"hev1.1.6.L153.B0"}, "4096", "2160", "60"), true},
-        {describe("", {"hevc"}, "4096", "2160", ""), false}, // not a codec string at all
-        {describe("", {"vp9"}, "4097", "100", ""), false},
-        {describe("video/mp4", {}, "4097", "", ""), true},
-        {describe("video/mp4", {}, "10241", "", ""), false},
-        {describe("video/mp4", {}, "1920.5", "", ""), false},
-        {describe("video/mp4", {}, "", "8193", ""), false},
-        {describe("video/mp4", {}, "", "", "30000/1001"), true},
-        {describe("video/mp4", {}, "", "", "241"), false},
-        {describe("video/mp4", {}, "", "", "1/0"), false},
-        {describe("video/mp4", {}, "", "", "", "10"), true},
-        {describe("video/mp4", {}, "", "", "", "11"), false},
-        {describe("", {"vp09.01.10.08"}, "", "", ""), false},
-        {describe("", {"vp09.02.52.10"}, "", "", ""), false},
-        {describe("", {"vp09.00.10.08.01.01.99"}, "", "", ""), false},
-        {describe("", {"vp09.00.10.08.01.01.01.99"}, "", "", ""), false},
-        {describe("", {"vp09.00"}, "", "", ""), true},
-        {describe("", {"vp09.1"}, "", "", ""), false},
-        {describe("", {""}, "", "", ""), false},
-        {describe("video/mp4", {std::string(5000, 'a')}, "", "", ""), false},
-    };
-    int index = 0;
-    for (const auto& row : rows)
-        EXPECT_EQ(backend.canPlayType(row.description), row.playable) << "row " << index++;
-
-    // The tables themselves, which the checks above do not all reach.
-    EXPECT_TRUE(backend.isSpecSupported(GstNoxBackend::VP9_CODEC_SPEC, 4096, 2304, 30));
-    EXPECT_FALSE(backend.isSpecSupported(GstNoxBackend::VP9_CODEC_SPEC, 4096, 2304, 60));
-    EXPECT_FALSE(backend.isSpecSupported(GstNoxBackend::HEVC_CODEC_SPEC, 4096, 2160, 30));
-    EXPECT_TRUE(backend.isSpecSupported(GstNoxBackend::HEVC_CODEC_SPEC, 4096, 2048, 60));
-
-    char** types = nullptr;
-    ASSERT_TRUE(backend.getSupportedMimetypes(types));
-    int count = 0;
-    for (; types[count] != nullptr; ++count)
-        g_free(types[count]);
-    delete[] types;
-    EXPECT_EQ(count, 58);
-}
-
-TEST(ReleaseInEveryState, EndsAtOnce) {
-    ASSERT_TRUE(BackendInit(nullptr));
-    RecordingClient client;
-    for (
-        const auto& steps : std::vector<std::function<void(UVAMediaBackend&)>>{
-            [](UVAMediaBackend&) {}, [](UVAMediaBackend& b) { b.play(); },
-            [](UVAMediaBackend& b) {
-                UVABackend::SourceDescription* s[] = {new TestSource("file:///nowhere/x"), nullptr};
-                b.initBackend("", s, false);
-            },
-            [&client](UVAMediaBackend& b) { // after an error
-                UVABackend::SourceDescription* s[] = {new TestSource("file:///nowhere/x"), nullptr};
-                b.initBackend("", s, false);
-                b.play();
-                EXPECT_TRUE(support::waitUntil(
-                    [&client] { return client.count(UVAEvent::BufferingNetworkError) > 0; }));
-            },
-            [](UVAMediaBackend& b) { // first phase of a seek only
-                UVABackend::SourceDescription* s[] = {new TestSource("file:///nowhere/x"), nullptr};
-                b.initBackend("", s, false);
-                b.setPosition(1.0);
-            }}) {
-        UVAMediaBackend* backend = UVA_RequestBackend(UVABackend::VideoElement, &client);
-        ASSERT_NE(backend, nullptr);
-        steps(*backend);
-        const auto start = std::chrono::steady_clock::now();
-        EXPECT_TRUE(UVA_ReleaseBackend(backend));
-        EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(1));
     }
 }
 

@@ -5,8 +5,8 @@
 
 #include <algorithm>
 #include <functional>
+#include <numeric>
 #include <set>
-#include <thread>
 
 namespace {
 
@@ -267,6 +267,13 @@ std::vector<ProtectCase> protectCases() {
     adts[0] = 0xff;
     adts[1] = 0xf1;
     const auto crcAdts = fromHex("fff8010203040506");
+    const auto unit = [](std::uint8_t first, std::size_t size, const Bytes& prefix) {
+        auto bytes = someBytes(prefix.size() + size);
+        std::copy(prefix.begin(), prefix.end(), bytes.begin());
+        bytes[prefix.size()] = first;
+        return bytes;
+    };
+    const Bytes code = {0, 0, 1};
     return {
         {"H.264, lengths", 2001, avcC, avc1, {{122, 96}, {56, 0}}, {{114, 104}, {56, 0}}},
         {"H.264, start codes", 2001, {}, avc3, {{122, 96}, {56, 0}}, {{114, 104}, {56, 0}}},
@@ -275,6 +282,27 @@ std::vector<ProtectCase> protectCases() {
         {"H.264, bare start code", 2001, {}, {0, 0, 1}, {{3, 0}}, {{3, 0}}},
         {"H.265, lengths", 2002, hvcC, hvc1, {{118, 96}, {52, 0}}, {{110, 104}, {52, 0}}},
         {"H.265, start codes", 2002, {}, hvc3, {{120, 96}, {54, 0}}, {{112, 104}, {54, 0}}},
+        {"H.264, a byte of length",
+         2001,
+         fromHex("01000000fc"),
+         unit(0x25, 120, {120}),
+         {{105, 16}},
+         {{97, 24}}},
+        {"H.264, cut",
+         2001,
+         fromHex("01000000fd"),
+         unit(0x25, 119, {0, 120}),
+         {{121, 0}},
+         {{121, 0}}},
+        {"H.264, first type", 2001, {}, unit(0x21, 112, code), {{99, 16}}, {{99, 16}}},
+        {"H.264, shortest", 2001, {}, unit(0x21, 111, code), {{114, 0}}, {{114, 0}}},
+        {"H.264, no type", 2001, {}, unit(0x20, 112, code), {{115, 0}}, {{115, 0}}},
+        {"H.265, last type", 2002, {}, unit(0x3e, 120, code), {{107, 16}}, {{99, 24}}},
+        {"H.265, no slice", 2002, {}, unit(0x40, 120, code), {{123, 0}}, {{123, 0}}},
+        {"AAC, ADTS cut", 1001, {}, fromHex("fff1"), {{2, 0}}, {{2, 0}}},
+        {"AAC, ADTS with a checksum", 1001, {}, unit(9, 50, {0xff, 0xf8}), {{9, 43}}, {{9, 43}}},
+        {"AAC, ADTS of MPEG-2", 1001, {}, unit(9, 50, {0xff, 0xf9}), {{7, 45}}, {{7, 45}}},
+        {"AAC, no layer of ADTS", 1001, {}, unit(9, 50, {0xff, 0xfb}), {{0, 52}}, {{0, 52}}},
         {"VP9", 2008, {}, someBytes(1000), {{72, 928}}, {{64, 936}}},
         {"VP8", 2007, {}, someBytes(31), {{31, 0}}, {{31, 0}}},
         {"AAC", 1001, fromHex("1190"), someBytes(99), {{0, 99}}, {{0, 99}}},
@@ -330,6 +358,14 @@ void checkProtection(const ProtectCase& row, Scheme scheme, ClearKey& keys) {
         EXPECT_EQ(data, row.payload);
     }
     EXPECT_EQ(ivs.size(), scheme == Scheme::Cenc ? 3U : 1U);
+    const auto number = [](const host::Sample& sample) {
+        return std::accumulate(sample.iv(), sample.iv() + sample.ivSize(), std::uint64_t{0},
+                               [](std::uint64_t sum, auto byte) { return sum << 8U | byte; });
+    };
+    if (scheme == Scheme::Cenc) {
+        EXPECT_EQ(number(*samples[1]), number(*samples[0]) + 1);
+        EXPECT_EQ(number(*samples[2]), number(*samples[0]) + 2);
+    }
 }
 
 TEST(ClearKeyProtect, WhatIsProtectedCanBeParsedAndDecrypted) {
@@ -470,29 +506,6 @@ TEST(ClearKeyMany, KeysHaveDecryptersAndSlotsOfTheirOwn) {
     for (auto* const decrypter : decrypters)
         keys.releaseDecrypter(decrypter);
     EXPECT_EQ(keys.released(), 16U);
-}
-
-TEST(ClearKeyMany, ThreadsDecryptWhileOthersComeAndGo) {
-    ClearKey keys(ClearKey::Interface::FullSample);
-    keys.addKey(pair);
-    const auto clear = someBytes(5000);
-    const Bytes iv(16, 9);
-    const Ranges ranges = {{10, 1001}, {2000, 3000}};
-    const auto encrypted = encryptCbcs(clear, iv, ranges, 1, 9);
-    const auto work = [&](const Bytes& keyId, const Bytes& from, const Bytes& to, int rounds) {
-        for (int i = 0; i < rounds; ++i) {
-            auto data = from;
-            EXPECT_EQ(decrypt(keys, keyId, iv, data, ranges), 0);
-            ASSERT_TRUE(data == to);
-            keys.addKey({{static_cast<std::uint8_t>(i)}, {}});
-        }
-    };
-    std::thread cbcs(work, reference(Scheme::Cbcs, 1, 9), encrypted, clear, 300);
-    std::thread cenc(work, reference(Scheme::Cenc), encryptCenc(clear, iv, ranges), clear, 300);
-    cbcs.join();
-    cenc.join();
-    EXPECT_EQ(keys.created(), 600U);
-    EXPECT_EQ(keys.released(), 600U);
 }
 
 TEST(ClearKeyText, KeysAreReadOrLeftAlone) {

@@ -9,7 +9,7 @@
 #include "gstnox_backend.h"
 #include "gstnox_plugin.h"
 #include "support/log_capture.h"
-#include "support/recording_client.h"
+#include "support/media_host.h"
 #include "uva/uva_drm_backend.h"
 #include "uva/uva_stream_config.h"
 #include "uva_gstcontentprotection.h"
@@ -185,6 +185,20 @@ TEST_F(CodecTest, OpusHeadersAreReadOrRefused) {
     }
     EXPECT_EQ(opus_header_parse(nullptr, 100, nullptr), FALSE);
 
+    for (const auto& [rate, told] :
+         std::vector<std::pair<Bytes, int>>{{{0x7F, 255, 255, 255}, INT_MAX},
+                                            {{0, 0, 0, 1}, 1},
+                                            {{0x80, 0, 0, 0}, -7},
+                                            {{0, 0, 0, 0}, -7}}) {
+        Bytes header = stereo;
+        std::copy(rate.begin(), rate.end(), header.begin() + 12);
+        const auto caps =
+            Caps::adopt(gst_opus_create_caps_from_header(header.data(), header.size()));
+        int seen = -7;
+        gst_structure_get_int(gst_caps_get_structure(caps.get(), 0), "rate", &seen);
+        EXPECT_EQ(seen, told);
+    }
+
     const auto six = opusHead(6, 1, fiveOne);
     const auto caps = Caps::adopt(gst_opus_create_caps_from_header(six.data(), six.size()));
     EXPECT_EQ(text(withoutField(caps, "streamheader")),
@@ -312,6 +326,9 @@ TEST_F(CodecTest, EveryCodecsCapsAreTakenByItsParsersDecodersAndSinks) {
             EXPECT_TRUE(takes(element, caps, element != "opusdec")) << element << text(caps);
         EXPECT_TRUE(takes(video ? "halvideosink" : "halaudiosink", caps, false)) << text(caps);
 
+        EXPECT_EQ(streamHeaders(caps).size(), row.data == vorbisHeaders ? 3U
+                                              : row.data == opus        ? 2U
+                                                                        : 0U);
         const auto* structure = gst_caps_get_structure(caps.get(), 0);
         const auto* data = gst_structure_get_value(structure, "codec_data");
         ASSERT_EQ(data != nullptr, !row.data.empty() && row.codec != Config::CODEC_VORBIS);
@@ -480,88 +497,6 @@ TEST_F(CodecTest, FactoriesAreChosenByCapsKlassAndRank) {
     GQueue* none = uva_gst_find_compatible_factories(nullptr);
     EXPECT_TRUE(g_queue_is_empty(none));
     uva_gst_free_factories(none);
-}
-
-// ---- reasons for refusing a content type
-
-TEST_F(CodecTest, RefusalsNameTheirReason) {
-    support::RecordingClient client;
-    GstNoxBackend backend(UVABackend::VideoElement, &client);
-    const struct {
-        const char *codec, *width, *height, *rate, *bitrate, *channels;
-        const char* line; // null: playable
-    } rows[] = {
-        {"", "wide", "", "", "", "",
-         "DEBUG result: NO (parse desc.width failed, or it exceeds the limit)"},
-        {"", "", "8193", "", "", "",
-         "DEBUG result: NO (parse desc.height failed, or it exceeds the limit)"},
-        {"", "", "8192", "", "2147483647", "", nullptr},
-        {"", "", "", "", "1.5", "", "DEBUG result: NO (parse desc.bitrate failed)"},
-        {"", "", "", "", "", "11",
-         "DEBUG result: NO (parse desc.channels failed, or it exceeds the limit)"},
-        {"", "", "", "30 fps", "", "", "DEBUG result: NO (parse desc.framerate failed)"},
-        {"", "", "", "240.5", "", "", "DEBUG result: NO (desc.framerate exceeds hardcoded limit)"},
-        {"", "", "", "240", "", "", nullptr},
-        {"mp4v.20.9", "", "", "", "", "", "WARN codec 'mp4v.20.9' not supported"},
-        {"vp09.03.10.08", "", "", "", "", "", "DEBUG profile not supported\n"},
-        {"vp09.00.52", "", "", "", "", "", "DEBUG level not supported\n"},
-        {"vp09.02.51.10.01.09.16.09", "", "", "", "", "", nullptr},
-        {"vp09.00.10.08.01.01.99.99", "", "", "", "", "",
-         "DEBUG transfer characteristics not supported\n"},
-        {"vp09.00.10.08.01.01.99.99", "", "", "", "", "",
-         "DEBUG matrix coefficients not supported\n"},
-        {"vp9", "4096", "2161", "", "", "", "DEBUG result: NO (8K not supported, 4096 x 2161)"},
-        {"vp9", "2560", "1441", "30", "", "",
-         "DEBUG result: NO (out of VP9 spec, 2560 x 1441 @ 30Hz)"},
-        {"vp9", "1920", "1200", "", "", "", nullptr}, // one side alone leads to no table
-        {"vp9", "2560", "1440", "", "", "", nullptr},
-    };
-    using Description = UVABackend::ContentDescription;
-    for (const auto& row : rows) {
-        LogCapture log(gst_backend_debug);
-        Description description;
-        if (*row.codec != '\0')
-            description.codecs = {"avc1", row.codec};
-        description.width = row.width;
-        description.height = row.height;
-        description.framerate = row.rate;
-        description.bitrate = row.bitrate;
-        description.channels = row.channels;
-        EXPECT_EQ(backend.canPlayType(description), row.line == nullptr);
-        EXPECT_TRUE(row.line == nullptr || log.has(row.line))
-            << testing::PrintToString(log.lines());
-    }
-
-    LogCapture log(gst_backend_debug);
-    Description full;
-    full.type = "video/x-unheard-of";
-    full.codecs = {"avc1.1", "mp4a.2"};
-    full.width = "640";
-    full.framerate = "25";
-    full.drm_robustness = std::string(200, 'x');
-    EXPECT_FALSE(backend.canPlayType(full));
-    EXPECT_TRUE(log.has("DEBUG result: NO (not supported media type)"));
-    EXPECT_TRUE(log.has("INFO type:'video/x-unheard-of' codecs:avc1.1;mp4a.2 width: 640 "
-                        "framerate:25 drm_robustness:" +
-                        std::string(127 - std::string(" drm_robustness:").size(), 'x')));
-}
-
-TEST_F(CodecTest, ListedTypesAreThoseThatTheBackendAnswersFor) {
-    struct OggBackend final : GstNoxBackend {
-        using GstNoxBackend::GstNoxBackend;
-        bool canPlayType(const ContentDescription& d) override {
-            return d.type.find("/ogg") != std::string::npos;
-        }
-    };
-    support::RecordingClient client;
-    OggBackend backend(UVABackend::VideoElement, &client);
-    char** types = nullptr;
-    ASSERT_TRUE(backend.getSupportedMimetypes(types));
-    std::vector<std::string> listed;
-    for (char** type = types; *type != nullptr; ++type)
-        listed.emplace_back(GCharPtr(*type).get());
-    delete[] types;
-    EXPECT_EQ(listed, (std::vector<std::string>{"application/ogg", "audio/ogg", "video/ogg"}));
 }
 
 TEST_F(CodecTest, AVp9StreamBeginsWithAKeyFrame) {

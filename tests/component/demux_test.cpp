@@ -1,22 +1,12 @@
 #include "codec_conversion.h"
-#include "host/media_demuxer.h"
-#include "mp4_scan.h"
-#include "packet_protection.h"
+#include "demux_fixture.h"
 
 #include "support/wait_until.h"
 
-#include <gtest/gtest.h>
-
-#include <algorithm>
 #include <arpa/inet.h>
-#include <cmath>
-#include <cstdio>
-#include <filesystem>
 #include <fstream>
 #include <future>
 #include <netinet/in.h>
-#include <set>
-#include <sstream>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <thread>
@@ -24,97 +14,7 @@
 
 namespace {
 
-using host::Protection;
-using host::StreamInfo;
 using support::waitUntil;
-using Bytes = std::vector<std::uint8_t>;
-using Samples = std::vector<std::unique_ptr<host::Sample>>;
-
-/// "corpus:..." is a real file, anything else one that the build makes.
-std::string pathOf(const std::string& name) {
-    constexpr std::string_view corpus = "corpus:";
-    return name.rfind(corpus, 0) == 0 ? TEST_CORPUS "/" + name.substr(corpus.size())
-                                      : TEST_MEDIA_DIR "/" + name;
-}
-
-bool isHere(const std::string& name) {
-    return std::filesystem::exists(TEST_CORPUS) || name.rfind("corpus:", 0) != 0;
-}
-
-host::DemuxedMedia open(const std::string& path) {
-    const std::atomic<bool> cancelled{false};
-    return host::openMedia(path, cancelled);
-}
-
-std::unique_ptr<host::SampleStream> openStream(const std::string& name, StreamInfo::Kind kind) {
-    auto media = open(pathOf(name));
-    EXPECT_EQ(media.error, "");
-    for (auto& stream : media.streams) {
-        if (stream->info().kind == kind)
-            return std::move(stream);
-    }
-    return nullptr;
-}
-
-Samples readAll(host::SampleStream& stream, std::string& error) {
-    Samples samples;
-    while (true) {
-        auto batch = stream.read(50);
-        EXPECT_LE(batch.samples.size(), 50U);
-        std::move(batch.samples.begin(), batch.samples.end(), std::back_inserter(samples));
-        error = batch.error;
-        if (batch.ended || !batch.error.empty())
-            return samples;
-        if (batch.samples.empty()) {
-            ADD_FAILURE() << "a file has no pauses";
-            return samples;
-        }
-    }
-}
-
-struct Times {
-    double pts = NAN; ///< seconds; not a number: unknown
-    double dts = NAN;
-};
-
-/// Of the packets that ffprobe finds, without the audio that ends before time 0.
-std::vector<Times> probe(const std::string& path, bool audio) {
-    const auto command = "ffprobe -v quiet -select_streams " + std::string(audio ? "a:0" : "V:0") +
-                         " -show_entries packet=pts_time,dts_time,duration_time -of csv=p=1 '" +
-                         path + "'";
-    const std::unique_ptr<FILE, int (*)(FILE*)> pipe(popen(command.c_str(), "r"), pclose);
-    const bool mayBegin = audio && path.find(".ts") == std::string::npos &&
-                          path.find("opus") == std::string::npos &&
-                          path.find("vorbis") == std::string::npos;
-    std::vector<Times> packets;
-    for (char line[128]; fgets(line, sizeof line, pipe.get()) != nullptr;) {
-        if (std::string_view(line).rfind("packet", 0) != 0)
-            continue;
-        std::stringstream fields(line);
-        double values[3] = {NAN, NAN, NAN};
-        std::string field;
-        std::getline(fields, field, ',');
-        for (double& value : values)
-            if (std::getline(fields, field, ','))
-                value = field.rfind("N/A", 0) == 0 ? NAN : std::strtod(field.c_str(), nullptr);
-        if (!mayBegin || !(values[0] < 0 && values[0] + values[2] < 1e-5))
-            packets.push_back({values[0], values[1]});
-    }
-    return packets;
-}
-
-/// The one distance between the times of the samples and those that ffprobe finds.
-void expectMoved(const Samples& samples, const std::vector<Times>& packets, double by) {
-    ASSERT_EQ(samples.size(), packets.size());
-    for (std::size_t i = 0; i < samples.size(); ++i) {
-        if (const double pts = packets[i].pts + by; pts >= 0) {
-            ASSERT_NEAR(samples[i]->pts(), pts, 1e-4) << i;
-        }
-        if (const double dts = packets[i].dts + by; dts >= 0) {
-            ASSERT_NEAR(samples[i]->dts(), dts, 1e-4) << i;
-        }
-    }
-}
 
 Bytes startOf(const host::Sample& sample) {
     return {sample.payload(), sample.payload() + std::min<std::size_t>(sample.payloadSize(), 4)};
@@ -418,332 +318,6 @@ TEST(Configuration, TellsHowStreamsAreCoded) {
     EXPECT_EQ(color->bitsPerChannel, 10U);
 }
 
-TEST(Encryption, IsToldOfEverySample) {
-    constexpr auto audio = StreamInfo::Kind::Audio;
-    constexpr auto video = StreamInfo::Kind::Video;
-    constexpr auto cenc = Protection::Scheme::Cenc;
-    constexpr auto cbcs = Protection::Scheme::Cbcs;
-    const struct {
-        const char* name;
-        StreamInfo::Kind kind;
-        std::size_t samples, clear, keyFrames;
-        Protection::Scheme scheme;
-        unsigned int crypt, skip;
-        const char* keyId;
-    } rows[] = {
-        {"sintel-cenc-clear-lead.mp4", video, 120, 96, 2, cenc, 0, 0,
-         "abba271e8bcf552bbd2e86a434a9a5d9"},
-        {"sintel-cenc-subsamples.mp4", video, 120, 0, 2, cenc, 0, 0,
-         "abba271e8bcf552bbd2e86a434a9a5d9"},
-        {"sintel-cbcs-2-8.mp4", video, 120, 0, 2, cbcs, 2, 8, "abba271e8bcf552bbd2e86a434a9a5d9"},
-        {"bear-cbcs-video.mp4", video, 82, 30, 3, cbcs, 1, 9, "31323334353637383930313233343536"},
-        {"bear-cbcs-audio.mp4", audio, 118, 44, 118, cbcs, 0, 0,
-         "31323334353637383930313233343536"},
-        {"bear-hevc-cenc.mp4", video, 84, 30, 3, cenc, 0, 0, "31323334353637383930313233343536"},
-        {"bbb-cenc-video.mp4", video, 122, 0, 122, cenc, 0, 0, "ad13f9ea2be698b875f504a8e3ccea64"},
-        {"bbb-cenc-audio.mp4", audio, 238, 0, 238, cenc, 0, 0, "558ee541b90ab2f3950d00ade3760d45"},
-        {"webm-vp8-vorbis.webm", video, 182, 0, 16, cenc, 0, 0, "30313233343536373839303132333435"},
-        {"webm-vp8-vorbis.webm", audio, 261, 0, 261, cenc, 0, 0,
-         "30313233343536373839303132333435"},
-    };
-    for (const auto& row : rows) {
-        const auto name = std::string("corpus:cenc/") + row.name;
-        SCOPED_TRACE(name);
-        if (!isHere(name))
-            GTEST_SKIP() << "there is no corpus";
-        auto stream = openStream(name, row.kind);
-        ASSERT_NE(stream, nullptr);
-        std::string error;
-        const auto samples = readAll(*stream, error);
-        EXPECT_EQ(error, "");
-        EXPECT_EQ(samples.size(), row.samples);
-        std::size_t clear = 0;
-        std::size_t keyFrames = 0;
-        for (const auto& sample : samples) {
-            keyFrames += sample->data().keyFrame ? 1 : 0;
-            const auto& protection = sample->data().protection;
-            if (sample->keyId() == nullptr) {
-                ++clear;
-                continue;
-            }
-            std::string keyId;
-            for (const auto byte : protection.keyId) {
-                constexpr auto* digits = "0123456789abcdef";
-                keyId += {digits[byte >> 4], digits[byte & 15]};
-            }
-            EXPECT_EQ(keyId, row.keyId);
-            EXPECT_EQ(protection.scheme, row.scheme);
-            EXPECT_EQ(sample->cryptByteBlock(), row.crypt);
-            EXPECT_EQ(sample->skipByteBlock(), row.skip);
-            EXPECT_EQ(sample->keyIdSize(), row.scheme == cbcs ? 18U : 16U);
-            EXPECT_TRUE(sample->ivSize() == 16 || (sample->ivSize() == 8 && row.scheme == cenc));
-            std::size_t sum = 0;
-            for (const auto& part : sample->subsamples())
-                sum += part.clearBytes + part.encryptedBytes;
-            EXPECT_EQ(sum, sample->payloadSize());
-            if (row.kind == audio && sample->config()->codec == UVAStreamConfig::CODEC_AAC) {
-                EXPECT_GE(sample->subsamples().front().clearBytes, host::adtsHeaderSize);
-            }
-        }
-        EXPECT_EQ(clear, row.clear);
-        EXPECT_EQ(keyFrames, row.keyFrames);
-        for (const double part : {0.9, 0.0, 0.5}) {
-            ASSERT_EQ(stream->seek(part * samples.back()->pts()), "");
-            const auto rest = readAll(*stream, error);
-            EXPECT_EQ(error, "");
-            ASSERT_LE(rest.size(), samples.size());
-            for (std::size_t i = 0; i < rest.size(); ++i)
-                ASSERT_EQ(rest[i]->data().protection.iv,
-                          samples[samples.size() - rest.size() + i]->data().protection.iv)
-                    << part << " " << i;
-        }
-    }
-}
-
-/// Clear (0) or with which key of the generated files, as it changes from sample to sample.
-std::string keysOf(const Samples& samples) {
-    std::string keys;
-    for (const auto& sample : samples) {
-        const auto& protection = sample->data().protection;
-        const char key = protection.keyId.empty() ? '0' : protection.keyId[0] == 0 ? '1' : '2';
-        EXPECT_EQ(protection.iv.size(), key == '0' ? 0U : 16U);
-        if (keys.empty() || keys.back() != key)
-            keys += key;
-    }
-    return keys;
-}
-
-TEST(Encryption, FollowsSampleGroupsAndNewBeginnings) {
-    const struct {
-        const char* name;
-        const char* keys;
-        double target; ///< of a seek
-        const char* keysBehind;
-        const char* error;
-    } rows[] = {
-        {"protected/rotation.mp4", "012012", 4.2, "12", ""},
-        {"protected/restart.mp4", "01", 4.2, "1", ""},
-        {"protected/restart.mp4", "01", 1.2, "01", ""},
-        {"corpus:cenc/bbb-clear-then-cenc.mp4", "", 2.2, "",
-         "its encrypted fragments have no index (one 'sidx' of them all, in front), without which "
-         "libavformat confuses their vectors; package it anew with one"},
-        {"protected/mixed.mp4", "", 2.2, "",
-         "samples of one fragment are in several sample groups 'seig', with different keys or "
-         "partly clear"},
-    };
-    for (const auto& row : rows) {
-        for (const auto kind : {StreamInfo::Kind::Audio, StreamInfo::Kind::Video}) {
-            SCOPED_TRACE(row.name + std::to_string(static_cast<int>(kind)));
-            auto stream = isHere(row.name) ? openStream(row.name, kind) : nullptr;
-            if (stream == nullptr)
-                continue;
-            std::string error;
-            const auto all = readAll(*stream, error);
-            const auto packets = probe(pathOf("frag.mp4"), kind == StreamInfo::Kind::Audio);
-            EXPECT_EQ(keysOf(all), row.keys);
-            if (*row.error != '\0') {
-                EXPECT_EQ(error.substr(error.find(": ") + 2), row.error);
-                const auto sought = stream->seek(row.target);
-                EXPECT_EQ((sought + stream->read(1).error).substr(0, 5), "at 2.");
-                continue;
-            }
-            ASSERT_EQ(stream->seek(row.target), "");
-            EXPECT_EQ(error, "");
-            expectMoved(all, packets, 0);
-            EXPECT_NEAR(stream->info().duration, all.back()->pts() + all.back()->duration(), 0.09);
-            EXPECT_EQ(keysOf(readAll(*stream, error)), row.keysBehind);
-        }
-    }
-}
-
-Bytes operator+(Bytes left, const Bytes& right) {
-    left.insert(left.end(), right.begin(), right.end());
-    return left;
-}
-
-Bytes word(std::uint32_t value) {
-    return {static_cast<std::uint8_t>(value >> 24), static_cast<std::uint8_t>(value >> 16),
-            static_cast<std::uint8_t>(value >> 8), static_cast<std::uint8_t>(value)};
-}
-
-Bytes letters(const std::string& text) {
-    return {text.begin(), text.end()};
-}
-
-Bytes box(const std::string& type, const Bytes& body) {
-    return word(static_cast<std::uint32_t>(body.size() + 8)) + letters(type) + body;
-}
-
-/// What 'tenc' and 'seig' say: a key id of one repeated byte; a constant vector when `ivSize` is 0.
-Bytes described(bool encrypted, std::uint8_t ivSize, std::uint8_t key) {
-    const Bytes constant = encrypted && ivSize == 0 ? Bytes(1, 16) + Bytes(16, 7) : Bytes();
-    return Bytes{0, 0x19, encrypted, ivSize} + Bytes(16, key) + constant;
-}
-
-/// A track with two sample descriptions, the second one clear.
-Bytes movie(const std::string& scheme, std::uint8_t ivSize) {
-    const auto sinf =
-        box("sinf", box("schm", word(0) + letters(scheme) + word(0x10000)) +
-                        box("schi", box("tenc", word(0x1000000) + described(true, ivSize, 1))));
-    const auto stsd =
-        box("stsd", word(0) + word(2) + box("encv", Bytes(78) + sinf) + box("avc1", Bytes(78)));
-    const auto mdia =
-        box("mdia", box("mdhd", Bytes(12) + word(100) + Bytes(8)) + box("minf", box("stbl", stsd)));
-    const auto trak = box("trak", box("tkhd", Bytes(12) + word(9) + Bytes(64)) + mdia);
-    const auto trex = box("trex", word(0) + word(9) + word(1) + word(10) + Bytes(8));
-    return box("moov", box("mvhd", Bytes(12) + word(1000)) + trak + box("mvex", trex));
-}
-
-/// Three samples of that track, of this sample description.
-Bytes fragment(std::uint32_t entry, const Bytes& more) {
-    return box("moof", box("traf", box("tfhd", word(0x20002) + word(9) + word(entry)) +
-                                       box("trun", word(0) + word(3)) + more)) +
-           box("mdat", Bytes(30));
-}
-
-/// Of so many fragments.
-Bytes index(std::uint8_t count) {
-    return box("sidx", Bytes(22) + Bytes{0, count} + Bytes(std::size_t{12} * count));
-}
-
-Bytes group(const Bytes& description, const Bytes& runs) {
-    return box("sgpd", word(0x1000000) + letters("seig") +
-                           word(static_cast<std::uint32_t>(description.size())) + word(1) +
-                           description) +
-           box("sbgp", word(0) + letters("seig") +
-                           word(static_cast<std::uint32_t>(runs.size() / 8)) + runs);
-}
-
-host::Mp4Scan scanOf(const Bytes& file) {
-    return host::Mp4Scan([&file](std::uint64_t at, std::uint8_t* bytes, std::size_t size) {
-        const auto count = at < file.size() ? std::min<std::size_t>(size, file.size() - at) : 0;
-        std::copy_n(file.begin() + static_cast<std::ptrdiff_t>(count == 0 ? 0 : at), count, bytes);
-        return count;
-    });
-}
-
-TEST(Scan, TellsWhatLibavformatPassesOver) {
-    const auto all = word(3) + word(0x10001);
-    const auto half = word(2) + word(0x10001);
-    const auto senc = box("senc", {});
-    const struct {
-        const char* what;
-        const char* scheme;
-        int ivSize; ///< by 'tenc'
-        std::uint32_t entry;
-        Bytes more;       ///< in the 'traf'
-        std::string told; ///< "": as libavformat does; "clear"; "key N"; a fault
-    } rows[] = {
-        {"the track's key", "cenc", 8, 1, senc, ""},
-        {"... said again", "cenc", 8, 1, senc + group(described(true, 8, 1), all), ""},
-        {"another key", "cenc", 8, 1, senc + group(described(true, 8, 2), all), "key 2"},
-        {"... and another pattern", "cbcs", 0, 1, senc + group(described(true, 0, 3), all),
-         "key 3"},
-        {"the clear entry", "cenc", 8, 2, {}, "clear"},
-        {"a clear group", "cenc", 8, 1, group(described(false, 0, 0), all), "clear"},
-        {"... though there are vectors", "cenc", 8, 1, senc + group(described(false, 0, 0), all),
-         "clear"},
-        {"whole samples, constant vector", "cbcs", 0, 1, {}, "key 1"},
-        {"no vectors", "cenc", 8, 1, {}, "encrypted samples have no init"},
-        {"a part", "cenc", 8, 1, senc + group(described(true, 8, 2), half), "samples of one frag"},
-        {"a part of the same", "cenc", 8, 1, senc + group(described(true, 8, 1), half), ""},
-        {"other vectors", "cenc", 8, 1, senc + group(described(true, 16, 1), all),
-         "the sample group 'seig' has vectors of another size"},
-        {"the second entry", "cenc", 8, 2, senc + group(described(true, 8, 2), all),
-         "encrypted samples have not the first"},
-        {"no such group", "cenc", 8, 1, senc + group(described(true, 8, 2), word(3) + word(7)),
-         "the sample group 'seig' of encrypted samples is not described"},
-    };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.what);
-        const auto plain = fragment(1, senc); // where nothing is to be told
-        const auto start = movie(row.scheme, static_cast<std::uint8_t>(row.ivSize)) + index(3);
-        const auto file = start + plain + fragment(row.entry, row.more) + plain;
-        auto scan = scanOf(file);
-        EXPECT_FALSE(scan.endOf(9)) << "not covered yet";
-        scan.coverTo(file.size());
-        EXPECT_EQ(scan.endOf(9), 0.9);
-        const auto place = start.size() + plain.size();
-        EXPECT_EQ(scan.protectionAt(place - 1, 9), nullptr);
-        EXPECT_EQ(scan.protectionAt(place, 8), nullptr) << "another track";
-        EXPECT_EQ(scan.protectionAt(file.size() - 1, 9), nullptr);
-        const auto told = scan.protectionAt(place, 9);
-        std::string text;
-        if (told != nullptr && told->fault.empty())
-            text = told->encrypted ? "key " + std::to_string(told->keyId.at(0)) : "clear";
-        else if (told != nullptr)
-            text = told->fault.substr(0, row.told.size());
-        EXPECT_EQ(text, row.told);
-    }
-}
-
-TEST(Scan, FindsNewBeginningsAndSurvivesAnySize) {
-    const auto first = box("ftyp", {}) + movie("cenc", 8) + index(2);
-    const auto media = fragment(1, box("senc", {}));
-    const auto second = box("ftyp", {}) + movie("cbcs", 0);
-    const auto file = first + media + first + media + second + media;
-    auto whole = scanOf(file);
-    whole.coverTo(~std::uint64_t{0});
-    const auto begin = 2 * (first.size() + media.size());
-    EXPECT_EQ(whole.beginnings(), (std::vector<std::uint64_t>{0, begin})) << "one is said again";
-    EXPECT_EQ(whole.protectionAt(begin - 1, 9), nullptr);
-    const auto bare = second + media + media;
-    auto unindexed = scanOf(bare);
-    unindexed.coverTo(bare.size());
-    ASSERT_NE(unindexed.protectionAt(second.size(), 9), nullptr);
-    EXPECT_NE(unindexed.protectionAt(second.size(), 9)->fault.find("'sidx'"), std::string::npos);
-    ASSERT_NE(whole.protectionAt(begin, 9), nullptr);
-    EXPECT_NE(whole.protectionAt(begin, 9)->fault.find("'moov', at byte "), std::string::npos);
-
-    for (std::size_t at = 0; at + 4 <= file.size(); ++at) {
-        for (const std::uint32_t size : {0U, 1U, 7U, 9U, 0x7fffffffU, ~0U}) {
-            auto damaged = file;
-            const auto bytes = word(size);
-            std::copy(bytes.begin(), bytes.end(),
-                      damaged.begin() + static_cast<std::ptrdiff_t>(at));
-            auto scan = scanOf(damaged);
-            scan.coverTo(~std::uint64_t{0});
-            scan.protectionAt(at, 9);
-            EXPECT_FALSE(scan.beginnings().empty());
-        }
-    }
-}
-
-TEST(Encryption, OfWebmFramesStandsInFrontOfThem) {
-    const std::string keyId(16, 'k');
-    const Bytes start = {3, 1, 2, 3, 4, 5, 6, 7, 8}; // encrypted, partitioned; the IV
-    const struct {
-        Bytes frame;
-        std::vector<std::pair<unsigned int, unsigned int>> parts;
-    } rows[] = {
-        {{1, 0, 0, 0, 4, 'f', 'r', 'a', 'm', 'e'}, {{4, 1}}},
-        {{2, 0, 0, 0, 1, 0, 0, 0, 3, 'f', 'r', 'a', 'm', 'e'}, {{1, 2}, {2, 0}}},
-        {{1, 0, 0, 0, 6, 'f', 'r', 'a', 'm', 'e'}, {}},
-        {{2, 0, 0, 0, 3, 0, 0, 0, 1, 'f', 'r', 'a', 'm', 'e'}, {}},
-        {{3, 0, 0, 0}, {}},
-        {{}, {}},
-    };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(testing::PrintToString(row.frame));
-        Bytes frame = start;
-        frame.insert(frame.end(), row.frame.begin(), row.frame.end());
-        const std::uint8_t* bytes = frame.data();
-        auto size = frame.size();
-        Protection protection;
-        const auto error = host::takeWebmProtection(keyId, bytes, size, protection);
-        ASSERT_EQ(error.empty(), !row.parts.empty()) << error;
-        if (row.parts.empty())
-            continue;
-        EXPECT_EQ(std::string(bytes, bytes + size), "frame");
-        EXPECT_EQ(protection.iv, Bytes(start.begin() + 1, start.end()));
-        ASSERT_EQ(protection.subsamples.size(), row.parts.size());
-        for (std::size_t i = 0; i < row.parts.size(); ++i) {
-            EXPECT_EQ(protection.subsamples[i].clearBytes, row.parts[i].first);
-            EXPECT_EQ(protection.subsamples[i].encryptedBytes, row.parts[i].second);
-        }
-    }
-}
-
 TEST(Failure, IsToldInWords) {
     const auto fifo = "/tmp/demux_test." + std::to_string(getpid());
     ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
@@ -801,7 +375,27 @@ TEST(Failure, MayComeLater) {
             EXPECT_EQ(error, expected);
         }
     }
+    // One that loses its end after it was read whole.
+    std::filesystem::copy_file(pathOf("clip.mp4"), half,
+                               std::filesystem::copy_options::overwrite_existing);
+    auto media = open(half);
+    std::string error;
+    for (const auto& stream : media.streams)
+        readAll(*stream, error);
+    EXPECT_EQ(error, "");
+    std::filesystem::resize_file(half, std::filesystem::file_size(half) / 2);
+    for (const auto& stream : media.streams) {
+        EXPECT_EQ(stream->seek(0), "");
+        readAll(*stream, error);
+        EXPECT_EQ(error, truncated);
+    }
     std::filesystem::remove(half);
+    const auto openFiles = [] {
+        return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
+    };
+    const auto before = openFiles();
+    media.streams.clear();
+    EXPECT_EQ(openFiles(), before - 4) << "two for each stream: its own, and that of the boxes";
 }
 
 TEST(Failure, OfAFileThatChangesIsSurvived) {

@@ -1,125 +1,58 @@
-#include "host/backend_library.h"
-#include "host/event_loop.h"
-#include "host/media_element.h"
+#include "element_fixture.h"
 
-#include "support/wait_until.h"
-#include "uva/uva_client.h"
-#include "uva/uva_event.h"
-
-#include "fake_backend/fake_backend.h"
-
-#include <gtest/gtest.h>
-
-#include <algorithm>
-#include <dlfcn.h>
+#include <functional>
 #include <limits>
-#include <mutex>
+#include <map>
+#include <tuple>
 #include <utility>
+
+// The destructors that the library behind the interface leaves to the backend.
+BufferingProgressEvent::~BufferingProgressEvent() = default;
+BufferingStreamBufferedEvent::~BufferingStreamBufferedEvent() = default;
 
 namespace {
 
-using host::MediaElement;
-using host::SeekOutcome;
-using host::State;
-using std::chrono::milliseconds;
 using support::SeekBehaviour;
-using support::waitUntil;
+using Outcome = SeekCompletedExEvent::SeekOutcome;
 
-constexpr auto longBound = std::chrono::seconds(20);
+constexpr auto* look = "; is it intact and of a supported type? GST_DEBUG=2 puts GStreamer's "
+                       "reasons into the system log";
+constexpr auto* network = "; check the address, the network and the server";
 
-class Recorder final : public host::Observer {
-public:
-    void onRecord(const host::Record& record) override {
-        const std::lock_guard lock(m_mutex);
-        m_names.push_back(record.name);
-    }
-    void onStatus(const host::Status& status) override {
-        const std::lock_guard lock(m_mutex);
-        m_status = status;
-    }
-    void onSeek(double target, SeekOutcome outcome) override {
-        const std::lock_guard lock(m_mutex);
-        m_seeks.emplace_back(target, outcome);
-    }
-
-    void onKeyNeeded(const host::KeyBytes&) override {}
-
-    using Seeks = std::vector<std::pair<double, SeekOutcome>>;
-    Seeks seeks() {
-        const std::lock_guard lock(m_mutex);
-        return m_seeks;
-    }
-    host::Status status() {
-        const std::lock_guard lock(m_mutex);
-        return m_status;
-    }
-    std::size_t count() {
-        const std::lock_guard lock(m_mutex);
-        return m_names.size();
-    }
-
-private:
-    std::mutex m_mutex;
-    std::vector<std::string> m_names;
-    host::Status m_status;
-    Seeks m_seeks;
-};
-
-class HostTest : public testing::Test {
+class HostTest : public ElementTest {
 protected:
-    void SetUp() override {
-        auto loaded = host::BackendLibrary::load(FAKE_BACKEND);
-        ASSERT_NE(loaded.library, nullptr) << loaded.error;
-        m_library = loaded.library;
-        void* handle = dlopen(FAKE_BACKEND, RTLD_NOW | RTLD_NOLOAD);
-        const auto find =
-            reinterpret_cast<support::FakeControl* (*)()>(dlsym(handle, "fakeBackendControl"));
-        m_fake = find();
-        m_fake->giveNothing = m_fake->refuseMedia = m_fake->unblock = false;
-        m_fake->seek = SeekBehaviour::Complete;
-        m_callsBefore = m_fake->calls().size();
-        m_options.tick = milliseconds(5);
-        m_options.noProgress = longBound;
+    /// A new element in this state, on its way there only once.
+    void bring(State state) {
+        renew();
+        if (state != State::Idle)
+            m_element->open(m_uri);
+        if (state != State::Idle && state != State::Opening)
+            m_element->play();
+        settle();
+        if (m_recorder.status().state == State::Buffering && state != State::Buffering)
+            moveTo(1);
+        if (state == State::Paused)
+            m_element->pause();
+        if (state == State::Seeking) {
+            m_fake->answers->seek = SeekBehaviour::NeverAnswer;
+            m_element->seek(10);
+        }
+        settle();
+        if (state == State::Ended)
+            deliver(new PlaybackFinishedEvent(0, 0));
+        if (state == State::Failed)
+            deliver(new DecodeErrorEvent(DecodeErrorEvent::CorruptStream));
+        ASSERT_EQ(m_recorder.status().state, state);
+        m_recorder.story();
+    }
+    void bringToSeek(double target) {
+        bring(State::Playing);
+        m_fake->answers->seek = SeekBehaviour::NeverAnswer;
+        m_element->seek(target);
+        settle();
     }
 
-    void makeElement() {
-        m_element.emplace(m_library, m_loop, m_recorder, m_options);
-        m_element->open("file:///clip");
-        m_element->play();
-    }
-    void startPlaying() {
-        makeElement();
-        ASSERT_TRUE(waitUntil([&] { return m_recorder.status().state == State::Buffering; }));
-        m_fake->position = 1;
-        ASSERT_TRUE(waitForState(State::Playing));
-    }
-    bool waitForState(State state) {
-        return waitUntil([&] { return m_recorder.status().state == state; });
-    }
-    void waitForTicks(int count) {
-        std::atomic<int> ticks{0};
-        const auto timer = m_loop->startTimer(m_options.tick, [&] { ++ticks; });
-        EXPECT_TRUE(waitUntil([&] { return ticks >= count; }));
-        m_loop->cancelTimer(timer);
-        m_element->capture().wait(); // no tick is under way
-    }
-    void deliver(UVAEvent* event) { m_fake->client.load()->deliverEvent(event); }
-    std::vector<std::string> calls() {
-        auto all = m_fake->calls();
-        return {all.begin() + static_cast<std::ptrdiff_t>(m_callsBefore), all.end()};
-    }
-    bool called(const std::string& call) {
-        const auto all = calls();
-        return std::find(all.begin(), all.end(), call) != all.end();
-    }
-
-    std::shared_ptr<const host::BackendLibrary> m_library;
-    std::shared_ptr<host::EventLoop> m_loop = std::make_shared<host::EventLoop>();
-    support::FakeControl* m_fake = nullptr;
-    std::size_t m_callsBefore = 0;
-    MediaElement::Options m_options;
-    Recorder m_recorder;
-    std::optional<MediaElement> m_element;
+    std::string m_uri = "file:///clip";
 };
 
 TEST(BackendLibrary, SaysWhatIsWrongAndWhatToDo) {
@@ -139,237 +72,550 @@ TEST(BackendLibrary, SaysWhatIsWrongAndWhatToDo) {
     }
 }
 
-TEST_F(HostTest, FailsWithAReason) {
-    const struct {
-        const char* what;
-        std::function<void()> prepare;
-        std::function<void()> happen;
-        const char* reason;
-    } cases[] = {
-        {"no backend", [&] { m_fake->giveNothing = true; }, [] {}, "gave no backend"},
-        {"media refused", [&] { m_fake->refuseMedia = true; }, [] {}, "initBackend answered 2"},
-        {"nothing moves", [&] { m_options.noProgress = milliseconds(60); }, [] {},
-         "nothing was played within"},
-        {"decoder refused", [] {}, [&] { deliver(new DecodeErrorEvent(2)); }, "decoder refused"},
-        {"network", [] {}, [&] { deliver(new BufferingNetworkErrorEvent(1)); }, "fetched"},
+TEST_F(HostTest, DoesInEveryStateWhatIsAskedAndNoMore) {
+    const std::pair<std::string, std::function<void()>> operations[] = {
+        {"open", [&] { m_element->open("file:///other"); }},
+        {"play", [&] { m_element->play(); }},
+        {"pause", [&] { m_element->pause(); }},
+        {"seek", [&] { m_element->seek(5); }},
+        {"moves", [&] { moveTo(1.5); }},
+        {"release", [&] { m_element->release(longBound); }},
+        {"underrun", [&] { deliver(new BufferingStreamUnderrunEvent); }},
+        {"buffered", [&] { deliver(new BufferingStreamBufferedEvent); }},
+        {"end", [&] { deliver(new PlaybackFinishedEvent(0, 0)); }},
+        {"error", [&] { deliver(new BufferingNetworkErrorEvent(1)); }},
     };
-    for (const auto& row : cases) {
-        SCOPED_TRACE(row.what);
-        SetUp();
-        row.prepare();
-        m_element.emplace(m_library, m_loop, m_recorder, m_options);
-        m_element->open("file:///clip");
-        m_element->play();
-        m_element->capture().wait(); // the backend is there, if it comes at all
-        row.happen();
-        EXPECT_TRUE(waitForState(State::Failed));
-        EXPECT_NE(m_recorder.status().reason.find(row.reason), std::string::npos)
-            << m_recorder.status().reason;
-        m_element.reset();
-        EXPECT_EQ(m_fake->living, 0);
-        m_recorder.onStatus({});
+    const std::string sought = "-> seeking; setPosition(5)=1; "
+                               "eventCompleted(CancelDataRequestsAsync, true)=1; "
+                               "seek to 5 succeeded; -> ";
+    const auto released = "UVA_ReleaseBackend()=true";
+    // What is not here does nothing.
+    const std::map<std::string, std::string> effects = {
+        {"idle open", "UVA_RequestBackend(0)=true; -> opening; initBackend(file:///other)=1"},
+        {"idle seek", "seek to 5 failed"},
+        {"opening play", "play()=1; -> buffering"}, // the fake tells of an underrun
+        {"opening pause", "pause()=1; -> paused"},
+        {"opening underrun", "-> buffering"},
+        {"opening end", "-> ended"},
+        {"opening error", "-> failed"},
+        {"opening release", released},
+        {"buffering play", "play()=1"},
+        {"buffering pause", "pause()=1; -> paused"},
+        {"buffering moves", "-> playing"},
+        {"buffering buffered", "-> playing"},
+        {"buffering end", "-> ended"},
+        {"buffering error", "-> failed"},
+        {"buffering release", released},
+        {"playing play", "play()=1; -> buffering"},
+        {"playing pause", "pause()=1; -> paused"},
+        {"playing seek", sought + "buffering"},
+        {"playing underrun", "-> buffering"},
+        {"playing end", "-> ended"},
+        {"playing error", "-> failed"},
+        {"playing release", released},
+        {"paused play", "play()=1; -> playing; -> buffering"},
+        {"paused pause", "pause()=1"},
+        {"paused seek", sought + "paused"},
+        {"paused end", "-> ended"},
+        {"paused error", "-> failed"},
+        {"paused release", released},
+        {"seeking play", "play()=1"},
+        {"seeking pause", "pause()=1"},
+        {"seeking error", "-> failed; seek to 10 aborted"},
+        {"seeking release", std::string("seek to 10 aborted; ") + released},
+        {"ended seek", sought + "buffering"},
+        {"ended release", released},
+        {"failed seek", "seek to 5 failed"},
+        {"failed release", released},
+    };
+    for (int i = 0; i <= static_cast<int>(State::Failed); ++i) {
+        const auto state = static_cast<State>(i);
+        for (const auto& [operation, act] : operations) {
+            const auto what = host::name(state) + (" " + operation);
+            bring(state);
+            if (state == State::Idle && operation == "underrun")
+                break; // there is no backend from which events could come
+            act();
+            settle();
+            const auto found = effects.find(what);
+            EXPECT_EQ(m_recorder.story(false), found == effects.end() ? "" : found->second) << what;
+        }
     }
 }
 
-TEST_F(HostTest, NoticesAStall) {
-    m_options.noProgress = milliseconds(500);
-    startPlaying();
-    EXPECT_TRUE(waitForState(State::Failed));
-    EXPECT_NE(m_recorder.status().reason.find("stalled at 1.0 s"), std::string::npos);
+/// Each phase in which something is to move, and how it fails.
+TEST_F(HostTest, GivesUpWhatDoesNotGetOn) {
+    const auto decoder = [&] { deliver(new BackendResourceRequestAsyncEvent(false)); };
+    const auto metadata = [&] { deliver(new NewMetadataEvent(0, 2, 1, 1.0)); };
+    const auto tracks = [&] { deliver(new MultiComponentChangedEvent({}, {})); };
+    const auto known = [&] { m_fake->answers->duration = 9; };
+    const auto progress = [&] { deliver(new BufferingProgressEvent); };
+    const auto sought = [&] {
+        m_element->seek(7);
+        settle();
+    };
+    const std::string media = "the media cannot be played";
+    const struct {
+        const char* what;
+        const char* uri;
+        State state;
+        std::function<void()> prepare;
+        int before; ///< milliseconds until the watch sees it
+        int bound;  ///< 0: for ever
+        std::string still;
+        std::string error; ///< when there is one
+        const char* next;
+    } rows[] = {
+        {"connecting", "http://h.example:8/x", State::Buffering, nullptr, 100, 10000,
+         "no media came from h.example within 10.0 s", "nothing can be fetched from h.example",
+         network},
+        {"connected", "http://h.example/x", State::Buffering, metadata, 100, 15000,
+         "nothing was played within 15.0 s", media, look},
+        {"... tracks", "http://h.example/x", State::Buffering, tracks, 100, 15000,
+         "nothing was played within 15.0 s", media, look},
+        {"... a length", "http://h.example/x", State::Buffering, known, 100, 15000,
+         "nothing was played within 15.0 s", media, look},
+        {"opening", "file:///x", State::Buffering, nullptr, 100, 15000,
+         "nothing was played within 15.0 s", media, look},
+        {"decoder asked for", "file:///x", State::Buffering, decoder, 4500, 15000,
+         "nothing was played within 15.0 s", media, look},
+        {"playing", "file:///x", State::Playing, nullptr, 0, 5000,
+         "stalled at 1.0 s: nothing moved for 5.0 s", "stopped at 1.0 s", look},
+        {"playing from a server", "http://h.example/x", State::Playing, nullptr, 0, 10000,
+         "stalled at 1.0 s: no data came from h.example for 10.0 s",
+         "stopped at 1.0 s: no more can be had from h.example", network},
+        {"dry", "file:///x", State::Playing, [&] { deliver(new BufferingStreamUnderrunEvent); },
+         100, 10000, "stalled at 1.0 s: no data came from the media's file for 10.0 s",
+         "stopped at 1.0 s: no more can be had from the media's file", network},
+        {"a seek", "http://h.example/x", State::Seeking, nullptr, 100, 10000,
+         "the seek to 10.0 s did not complete within 10.0 s", "the seek to 10.0 s failed", look},
+        {"behind a seek", "file:///x", State::Playing, sought, 100, 10000,
+         "the seek to 7.0 s did not complete within 10.0 s", "the seek to 7.0 s failed", look},
+        {"paused", "file:///x", State::Paused, nullptr, 0, 0, "", "", ""},
+        {"not played", "file:///x", State::Opening, nullptr, 0, 0, "", "", ""},
+    };
+    std::string error;
+    m_options.takeError = [&] { return std::exchange(error, {}); };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.what);
+        m_uri = row.uri;
+        const auto give = [&](std::optional<milliseconds> bound, std::string found) {
+            m_options.noProgress = bound;
+            bring(row.state);
+            if (row.prepare)
+                row.prepare();
+            error = std::move(found);
+            return passUntil(State::Failed).count();
+        };
+        const auto reason = [&] { return m_recorder.status().reason; };
+        if (row.bound == 0) {
+            EXPECT_EQ(give({}, ""), 60000);
+            EXPECT_EQ(give(milliseconds(300), "E"), 60000);
+            continue;
+        }
+        const int seen = std::min(row.before, 100);
+        EXPECT_EQ(give({}, ""), row.before + row.bound);
+        EXPECT_EQ(reason(), row.still + row.next);
+        EXPECT_EQ(give({}, "E"), seen + 500);
+        EXPECT_EQ(reason(), row.error + " (GStreamer: E)" + row.next);
+        EXPECT_EQ(give(milliseconds(300), ""), seen + 300);
+        EXPECT_NE(reason().find(" 0.3 s"), std::string::npos) << reason();
+        EXPECT_EQ(give(milliseconds(0), ""), 60000) << "told to wait for ever";
+        // What comes, or moves, starts it anew; a process that was stopped has not watched.
+        m_options.noProgress.reset();
+        bring(row.state);
+        if (row.prepare)
+            row.prepare();
+        pass(milliseconds(row.before + row.bound - 200));
+        progress();
+        *m_now += 60000;
+        settle();
+        EXPECT_EQ(passUntil(State::Failed).count(), row.bound - 200);
+    }
 }
 
-TEST_F(HostTest, WaitsPatientlyWhilePaused) {
-    m_options.noProgress = milliseconds(200);
-    startPlaying();
-    m_element->pause();
-    ASSERT_TRUE(waitForState(State::Paused));
-    waitForTicks(80);
-    EXPECT_EQ(m_recorder.status().state, State::Paused);
-}
-
-TEST_F(HostTest, AnswersADecoderRequestWithinItsDelivery) {
-    for (const auto policy : {host::ResourcePolicy::Grant, host::ResourcePolicy::Deny}) {
-        m_options.resources = policy;
-        startPlaying();
-        const std::size_t before = calls().size();
-        deliver(new BackendResourceRequestAsyncEvent(false));
-        ASSERT_GT(calls().size(), before);
-        EXPECT_EQ(calls().back(), policy == host::ResourcePolicy::Grant ? "granted" : "denied");
-        m_element.reset();
-        m_recorder.onStatus({});
+/// Of the decoder, the network and the library: told at once.
+TEST_F(HostTest, FailsWithTheReasonThatItIsGiven) {
+    const auto refused = "decoder refused: the main system has none to give, or there is no link "
+                         "to it (then the system log says why); end the player that has it, or "
+                         "play without a main system (NOX_GST_STANDALONE=1)";
+    const auto decoder = [this](int reason, int waited) {
+        return [=] {
+            deliver(new BackendResourceRequestAsyncEvent(false));
+            pass(milliseconds(waited));
+            deliver(new DecodeErrorEvent(reason));
+        };
+    };
+    const auto fetching = [this] { deliver(new BufferingNetworkErrorEvent(1)); };
+    std::string error;
+    m_options.takeError = [&] { return std::exchange(error, {}); };
+    using Policy = host::ResourcePolicy;
+    const struct {
+        const char* uri;
+        std::function<void()> happen;
+        std::string reason;
+        Policy policy = Policy::Grant;
+        const char* error = "";
+    } rows[] = {
+        {"file:///x", decoder(0, 0), "decode error: the format is unknown"},
+        {"file:///x", decoder(1, 0), "decode error: the stream is corrupt"},
+        {"file:///x", decoder(7, 0), "decode error 7"},
+        {"file:///x", decoder(2, 4400), refused},
+        {"file:///x", decoder(2, 4500),
+         "the main system did not answer the request for the decoder within 4.5 s; start "
+         "zant-mainsys, or play without a main system (NOX_GST_STANDALONE=1)"},
+        {"file:///x", [&] { deliver(new DecodeErrorEvent(2)); }, refused},
+        {"file:///x", decoder(2, 4500), "decoder refused: this host denies the decoders",
+         Policy::Deny},
+        {"http://h:1/", fetching, "the media cannot be fetched: h does not answer as it should"},
+        {"file:///x", fetching,
+         "the media cannot be fetched: the media's file does not answer as it should (GStreamer: "
+         "404)",
+         Policy::Grant, "404"},
+    };
+    for (const auto& row : rows) {
+        m_uri = row.uri;
+        m_options.resources = row.policy;
+        bring(State::Buffering);
+        error = row.error;
+        row.happen();
+        EXPECT_EQ(m_recorder.status().reason, row.reason);
+        EXPECT_EQ(m_recorder.status().state, State::Failed);
     }
 }
 
 TEST_F(HostTest, KeepsOneSeekUnderWayAndTheNewestWaiting) {
-    startPlaying();
-    m_fake->seek = SeekBehaviour::NeverAnswer;
-    m_element->seek(10);
-    ASSERT_TRUE(waitUntil([&] { return called("cancelled"); }));
+    bringToSeek(10);
     m_element->seek(20);
     m_element->seek(30);
-    ASSERT_TRUE(waitUntil([&] { return m_recorder.seeks().size() == 1; }));
-    m_fake->seek = SeekBehaviour::Complete;
-    deliver(new SeekCompletedExEvent(SeekCompletedExEvent::SeekOutcome::Succeeded));
-    ASSERT_TRUE(waitUntil([&] { return m_recorder.seeks().size() == 3; }));
-
-    const Recorder::Seeks expected = {
-        {20, SeekOutcome::Replaced}, {10, SeekOutcome::Succeeded}, {30, SeekOutcome::Succeeded}};
-    EXPECT_EQ(m_recorder.seeks(), expected);
-    EXPECT_FALSE(called("seek 20"));
-    EXPECT_FALSE(called("cancelled too early"));
-    ASSERT_TRUE(waitForState(State::Buffering));
-    m_fake->position = 30.5;
-    EXPECT_TRUE(waitForState(State::Playing));
+    settle();
+    EXPECT_EQ(m_recorder.story().substr(0, 42), "-> seeking; setPosition(10)=1; !CancelData");
+    EXPECT_EQ(called("seek 30"), 0);
+    m_fake->answers->seek = SeekBehaviour::Complete;
+    answerSeek(Outcome::Succeeded);
+    EXPECT_EQ(m_recorder.story(),
+              "!SeekCompletedEx(0); seek to 10 succeeded; setPosition(30)=1; "
+              "!CancelDataRequestsAsync(30); eventCompleted(CancelDataRequestsAsync, true)=1; "
+              "!SeekCompletedEx(0); seek to 30 succeeded; -> buffering");
+    EXPECT_EQ(called("seek 20") + called("cancelled too early"), 0);
+    answerSeek(Outcome::Succeeded);
+    EXPECT_EQ(m_recorder.story(), "!SeekCompletedEx(0)") << "nobody waits for it";
+    moveTo(30.5);
+    EXPECT_EQ(m_recorder.story(), "-> playing");
 }
 
-TEST_F(HostTest, HoldsASeekBackUntilSomethingWasPlayed) {
-    makeElement();
+TEST_F(HostTest, AnswersASeekWithWhatBecameOfIt) {
+    const struct {
+        State from;
+        Outcome outcome;
+        const char* story;
+    } rows[] = {
+        {State::Playing, Outcome::Succeeded, "seek to 7 succeeded; -> buffering"},
+        {State::Playing, Outcome::Failed, "seek to 7 failed; -> buffering"},
+        {State::Playing, Outcome::Aborted, "seek to 7 aborted; -> buffering"},
+        {State::Paused, Outcome::Failed, "seek to 7 failed; -> paused"},
+        {State::Ended, Outcome::Succeeded, "seek to 7 succeeded; -> buffering"},
+        {State::Ended, Outcome::Failed, "seek to 7 failed; -> ended"},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.story);
+        bring(row.from);
+        m_fake->answers->seek = SeekBehaviour::NeverAnswer;
+        m_element->seek(7);
+        settle();
+        m_recorder.story();
+        answerSeek(row.outcome);
+        const auto story = m_recorder.story();
+        EXPECT_EQ(story.substr(story.find(';') + 2), row.story);
+    }
+    // Before something was played it waits; what cannot be sought to at all is told at once.
+    bring(State::Buffering);
     m_element->seek(10);
-    m_element->capture().wait();
-    EXPECT_FALSE(called("seek 10"));
-    m_fake->position = 0.1;
-    EXPECT_TRUE(waitUntil([&] { return called("seek 10"); }));
-}
-
-TEST_F(HostTest, AnswersEverySeekThatCannotBe) {
-    startPlaying();
     m_element->seek(std::numeric_limits<double>::quiet_NaN());
-    m_fake->seek = SeekBehaviour::Refuse;
-    m_element->seek(7);
-    ASSERT_TRUE(waitUntil([&] { return m_recorder.seeks().size() == 2; }));
-    EXPECT_EQ(m_recorder.seeks()[0].second, SeekOutcome::Failed);
-    EXPECT_EQ(m_recorder.seeks()[1], std::make_pair(7.0, SeekOutcome::Failed));
-    m_fake->seek = SeekBehaviour::NeverAnswer;
-    m_element->seek(8);
-    m_element->seek(9);
-    m_element->release(longBound);
-    ASSERT_EQ(m_recorder.seeks().size(), 4U);
-    EXPECT_EQ(m_recorder.seeks()[2], std::make_pair(8.0, SeekOutcome::Aborted));
-    EXPECT_EQ(m_recorder.seeks()[3], std::make_pair(9.0, SeekOutcome::Aborted));
-}
-
-TEST_F(HostTest, GivesUpASeekThatIsNeverAnswered) {
-    m_options.noProgress = milliseconds(500);
-    m_fake->seek = SeekBehaviour::NeverAnswer;
-    makeElement();
+    settle();
+    EXPECT_EQ(m_recorder.story(), "seek to nan failed");
+    moveTo(0.1);
+    EXPECT_EQ(called("seek 10"), 1);
+    bring(State::Buffering);
     m_element->seek(10);
-    ASSERT_TRUE(waitForState(State::Buffering));
-    m_fake->position = 1;
-    EXPECT_TRUE(waitForState(State::Failed));
-    EXPECT_NE(m_recorder.status().reason.find("seek to 10.0 s"), std::string::npos);
+    deliver(new PlaybackFinishedEvent(0, 0));
+    EXPECT_EQ(called("seek 10"), 1) << "an end was reached";
+    bring(State::Playing);
+    m_fake->answers->seek = SeekBehaviour::Refuse;
+    m_element->seek(7);
+    settle();
+    EXPECT_EQ(m_recorder.story(),
+              "-> seeking; setPosition(7)=0; !SeekCompletedEx(2); seek to 7 failed; -> buffering");
+    bringToSeek(8);
+    m_element->seek(9);
+    m_recorder.story();
+    m_element->release(longBound);
+    EXPECT_EQ(m_recorder.story(),
+              "seek to 8 aborted; seek to 9 aborted; UVA_ReleaseBackend()=true");
 }
 
 /// An end and a seek, in every order. The media is 100 s long, if that is known.
 TEST_F(HostTest, TellsTheEndBehindASeekFromTheOneBeforeIt) {
     const auto end = [&] { deliver(new PlaybackFinishedEvent(0, 0)); };
-    const auto completed = [&] {
-        deliver(new SeekCompletedExEvent(SeekCompletedExEvent::SeekOutcome::Succeeded));
-    };
+    const auto completed = [&] { answerSeek(Outcome::Succeeded); };
     const auto at = [&](double position) { return [&, position] { m_fake->position = position; }; };
-    const auto stands = [&] { waitForTicks(100); }; // longer than an end is doubted
+    const auto stands = [&] { pass(seconds(1)); }; // longer than an end is doubted
     const auto moves = [&] {
-        for (int i = 0; i < 100; ++i) {
-            m_fake->position = m_fake->position + 0.02;
-            waitForTicks(1);
-        }
+        for (int i = 0; i < 20; ++i)
+            moveTo(m_fake->position + 0.1);
     };
     using Steps = std::vector<std::function<void()>>;
     const struct {
         const char* what;
-        double duration; // 0: unknown
+        double duration; ///< 0: unknown
         double target;
-        Steps steps; // once the seek has begun
-        bool ends;
+        Steps steps; ///< once the seek has begun
+        int ends;    ///< milliseconds later; negative: never
     } rows[] = {
-        {"where the media ends", 100, 100, {at(100), completed, end}, true},
-        {"there, before the seek's answer", 100, 100, {at(100), end, completed}, true},
-        {"beyond, length unknown", 0, 150, {completed, at(100), end}, true},
-        {"shortly behind the target", 0, 99.5, {completed, at(99.6), stands, at(100), end}, true},
-        {"there, at once", 0, 99.5, {completed, at(100), end}, true},
+        {"where the media ends", 100, 100, {at(100), completed, end}, 400},
+        {"... to within a picture", 100, 99.75, {at(99.75), completed, end}, 400},
+        {"... no nearer", 100, 99.74, {at(99.74), completed, end}, 10100},
+        {"there, before the seek's answer", 100, 100, {at(100), end, completed}, 400},
+        {"beyond, length unknown", 0, 150, {completed, at(100), end}, 300},
+        {"shortly behind the target", 0, 99.5, {completed, at(99.6), stands, at(100), end}, 300},
+        {"there, at once", 0, 99.5, {completed, at(100), end}, 300},
+        {"in front of the target", 0, 99.5, {completed, at(99.2), end}, 300},
+        {"at the target", 0, 99.5, {completed, at(99.25), end}, 5000},
         {"there, before the seek's answer, length unknown",
          0,
          99.5,
          {end, at(100), completed},
-         true},
-        {"an old one, before the answer", 100, 50, {end, at(50), completed, stands, moves}, false},
-        {"an old one, behind the answer", 100, 50, {at(50), completed, end, stands, moves}, false},
-        {"an old one, late", 0, 50, {at(50), completed, moves, end, moves}, false},
-        {"an old one, next to the end", 100, 97.9, {at(97.9), completed, end, moves}, false},
+         400},
+        {"an old one, before the answer", 100, 50, {end, at(50), completed, stands, moves}, -1},
+        {"an old one, behind the answer", 100, 50, {at(50), completed, end, stands, moves}, -1},
+        {"an old one, late", 0, 50, {at(50), completed, moves, end, moves}, -1},
+        {"an old one, next to the end", 100, 97.9, {at(97.9), completed, end, moves}, -1},
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.what);
-        m_fake->seek = SeekBehaviour::NeverAnswer;
-        startPlaying();
+        bring(State::Playing);
         deliver(new NewMetadataEvent(row.duration, 2, 1, 1.0));
-        const auto before = calls().size();
+        m_fake->answers->seek = SeekBehaviour::NeverAnswer;
         m_element->seek(row.target);
-        ASSERT_TRUE(
-            waitUntil([&] { return calls().size() > before && calls().back() == "cancelled"; }));
+        settle();
         for (const auto& step : row.steps)
             step();
-        EXPECT_TRUE(waitForState(row.ends ? State::Ended : State::Playing));
-        if (!row.ends)
+        if (row.ends < 0) {
+            EXPECT_EQ(m_recorder.status().state, State::Playing);
             end();
-        EXPECT_TRUE(waitForState(State::Ended)) << m_recorder.status().reason;
-        m_element.reset();
-        m_recorder.onStatus({});
+        }
+        const auto passed = passUntil(State::Ended, seconds(11)).count();
+        EXPECT_EQ(passed, row.ends < 0 ? 200 : row.ends) << m_recorder.status().reason;
     }
 }
 
-TEST_F(HostTest, EndsAClipThatNeverMoved) {
-    makeElement();
-    ASSERT_TRUE(waitForState(State::Buffering));
+TEST_F(HostTest, EndsOrTellsWhyThatIsNone) {
+    bring(State::Buffering);
     deliver(new PlaybackFinishedEvent(0, 0));
-    EXPECT_TRUE(waitForState(State::Ended));
+    EXPECT_EQ(m_recorder.status().state, State::Ended) << "a clip that never moved";
+    for (const double duration : {0.25, 0.5}) {
+        bring(State::Buffering);
+        m_fake->answers->duration = duration;
+        deliver(new PlaybackFinishedEvent(0, 0));
+        EXPECT_EQ(m_recorder.status().reason,
+                  duration > 0.25 ? "the media ended before anything was played of its 0.5 s; it "
+                                    "seems to be cut off: get it anew"
+                                  : "");
+    }
+    std::string error;
+    m_options.takeError = [&] { return std::exchange(error, {}); };
+    bring(State::Playing);
+    error = "E";
+    deliver(new PlaybackFinishedEvent(0, 0));
+    EXPECT_EQ(m_recorder.status().reason, std::string("stopped at 1.0 s (GStreamer: E)") + look);
+    error = "of what was played before";
+    bring(State::Playing);
+    deliver(new PlaybackFinishedEvent(0, 0));
+    EXPECT_EQ(m_recorder.status().state, State::Ended);
+    // A seek asks for it anew: what was wrong before it may not be wrong there.
+    bring(State::Playing);
+    error = "E";
+    m_element->seek(3);
+    settle();
+    moveTo(3);
+    EXPECT_EQ(passUntil(State::Failed).count(), 4900) << "of the tick it is known since when";
+    EXPECT_EQ(m_recorder.status().reason.substr(0, 16), "stalled at 3.0 s");
 }
 
-TEST_F(HostTest, CopiesComponentsAndForgetsTheRemoved) {
-    makeElement();
-    ASSERT_TRUE(waitForState(State::Buffering));
+TEST_F(HostTest, TellsWhatIsKnownOfTheMedia) {
     using Component = UVABackend::AVComponent;
+    bring(State::Buffering);
     auto* audio = new Component(Component::Audio, "aac", "deu", "main");
     Component video(Component::Video, "h264", "und", "");
     deliver(new MultiComponentChangedEvent({}, {audio, nullptr, &video}));
-    ASSERT_TRUE(waitUntil([&] { return m_recorder.status().components.size() == 2; }));
+    ASSERT_EQ(m_recorder.status().components.size(), 2U);
     EXPECT_EQ(m_recorder.status().components[0].language, "deu");
-    deliver(new MultiComponentChangedEvent({audio}, {}));
-    ASSERT_TRUE(waitUntil([&] { return m_recorder.status().components.size() == 1; }));
+    EXPECT_EQ(m_recorder.status().components[0].label, "main");
+    deliver(new MultiComponentChangedEvent({audio}, {})); // deletes it
+    ASSERT_EQ(m_recorder.status().components.size(), 1U);
     EXPECT_EQ(m_recorder.status().components[0].encoding, "h264");
+    EXPECT_EQ(m_recorder.status().components[0].type, Component::Video);
+
+    deliver(new NewMetadataEvent(7.5, 640, 360, 1.25));
+    deliver(new NewMetadataEvent(0, 320, 200, 1.5)); // its length is not known any more
+    m_fake->answers->duration = 9;
+    moveTo(0.5);
+    const auto status = m_recorder.status();
+    EXPECT_EQ(std::tie(status.duration, status.width, status.height, status.pixelAspectRatio),
+              std::make_tuple(7.5, 320, 200, 1.5));
+    EXPECT_EQ(status.position, 0.5);
+    EXPECT_EQ(status.time, m_loop->now());
+    const int told = m_recorder.statuses();
+    pass(seconds(1));
+    EXPECT_EQ(m_recorder.statuses(), told) << "nothing has changed";
+
+    bring(State::Opening);
+    m_fake->answers->duration = 9;
+    pass(milliseconds(100));
+    EXPECT_EQ(m_recorder.status().duration, 9);
+    EXPECT_EQ(passUntil(State::Failed, seconds(1)), seconds(1));
+}
+
+TEST_F(HostTest, CapturesWhatIsOnScreen) {
+    const struct {
+        int height, started, fetched;
+        const char* error;
+    } rows[] = {
+        {3, UVABackend::Success, UVABackend::Success, ""},
+        {0, UVABackend::Success, UVABackend::Success, "the media has shown no picture"},
+        {3, UVABackend::Failure, UVABackend::Success,
+         "the backend cannot capture pictures of this size"},
+        {3, UVABackend::Success, UVABackend::NotAvailable, "no picture is on screen"},
+        {3, UVABackend::Success, UVABackend::Failure,
+         "the backend gave no picture (getVideoFrame answered 2)"},
+    };
+    for (const auto& row : rows) {
+        bring(State::Playing);
+        m_fake->answers->height = row.height;
+        m_fake->answers->startCapture = row.started;
+        m_fake->answers->frame = row.fetched;
+        const auto capture = m_element->capture().get();
+        EXPECT_EQ(capture.error, row.error);
+        std::string error;
+        if (*row.error == '\0') {
+            EXPECT_EQ(capture.picture.rgba, std::vector<unsigned char>(24, 255));
+            EXPECT_EQ(host::encodePng(capture.picture, error).substr(1, 3), "PNG") << error;
+            EXPECT_EQ(m_recorder.story(), "getNativeSize()=1; startCapture(2, 3)=1; "
+                                          "getVideoFrame()=1; stopCapture()=1");
+        }
+    }
+    std::string error;
+    for (const auto& [width, height, size] :
+         {std::tuple(0, 3, 0U), {2, 0, 0U}, {2, 3, 23U}, {2, 3, 25U}, {-2, -3, 24U}}) {
+        EXPECT_EQ(host::encodePng({width, height, std::vector<unsigned char>(size)}, error), "");
+        EXPECT_EQ(std::exchange(error, {}), "the picture's size and its bytes do not agree");
+    }
+    m_recorder.story();
+    m_element->setWindow({-8, 4, 640, 360});
+    settle();
+    EXPECT_EQ(m_recorder.story().substr(0, 35), "setLogicalScreenSize(1280, 720)=1; ");
+    EXPECT_EQ(calls().back(), "window -8 4 640 360 0 0 1280 720");
+    bring(State::Idle);
+    EXPECT_EQ(m_element->capture().get().error, "nothing is open");
+    m_element->setWindow({});
+    settle();
+    EXPECT_EQ(m_recorder.story(), "");
+}
+
+TEST_F(HostTest, AnswersADecoderRequestWithinItsDelivery) {
+    for (const bool granted : {true, false}) {
+        m_options.resources = granted ? host::ResourcePolicy::Grant : host::ResourcePolicy::Deny;
+        bring(State::Playing);
+        m_fake->client.load()->deliverEvent(new BackendResourceRequestAsyncEvent(true));
+        EXPECT_EQ(calls().back(), granted ? "granted" : "denied");
+        settle();
+        EXPECT_EQ(m_recorder.story(), std::string("!BackendResourceRequestAsync(true); "
+                                                  "eventCompleted(BackendResourceRequestAsync, ") +
+                                          (granted ? "true)=1" : "false)=1"));
+    }
+    for (const auto policy : {host::ResourcePolicy::Deny, host::ResourcePolicy::Grant}) {
+        m_options.resources = policy;
+        renew();
+        m_fake->answers->asksEarly = true;
+        m_element->open(m_uri);
+        settle();
+        EXPECT_EQ(calls().back(), policy == host::ResourcePolicy::Deny ? "denied" : "granted");
+    }
+    for (const bool refused : {true, false}) {
+        renew();
+        (refused ? m_fake->answers->refuseMedia : m_fake->answers->giveNothing) = true;
+        m_element->open(m_uri);
+        settle();
+        EXPECT_EQ(m_recorder.status().reason,
+                  refused ? "the backend did not take the media (initBackend answered 2); see the "
+                            "system log"
+                          : "the library gave no backend; its own message on standard output says "
+                            "why");
+    }
 }
 
 TEST_F(HostTest, IsSilentOnceReleasedWhateverIsInFlight) {
-    startPlaying();
+    bring(State::Playing);
     std::atomic<bool> stop{false};
     std::thread flood([&, client = m_fake->client.load()] {
         while (!stop)
             client->deliverEvent(new VideoFrameAvailableEvent(1));
     });
-    ASSERT_TRUE(waitUntil([&] { return m_recorder.count() > 100; }));
+    const auto before = m_recorder.count();
+    ASSERT_TRUE(waitUntil([&] { return m_recorder.count() > before + 100; }));
     EXPECT_TRUE(m_element->release(longBound));
     const auto count = m_recorder.count();
-    const auto state = m_recorder.status().state;
+    const auto statuses = m_recorder.statuses();
     stop = true;
     flood.join();
     m_loop->stop(longBound);
     EXPECT_EQ(m_recorder.count(), count);
-    EXPECT_EQ(m_recorder.status().state, state);
+    EXPECT_EQ(m_recorder.statuses(), statuses);
     EXPECT_EQ(m_fake->living, 0);
+    EXPECT_EQ(m_element->capture().get().error, "the event loop has ended");
 }
 
 TEST_F(HostTest, LeavesAHangingBackendBehind) {
-    startPlaying();
-    m_fake->seek = SeekBehaviour::Block;
+    bring(State::Playing);
+    m_fake->answers->seek = SeekBehaviour::Block;
     m_element->seek(10);
-    ASSERT_TRUE(waitUntil([&] { return called("seek 10"); }));
+    ASSERT_TRUE(waitUntil([&] { return called("seek 10") == 1; }));
     ASSERT_TRUE(m_element->operationUnderWay().has_value());
     EXPECT_EQ(m_element->operationUnderWay()->name, "setPosition");
+    EXPECT_EQ(m_element->operationUnderWay()->since, m_loop->now());
     EXPECT_FALSE(m_element->release(milliseconds(50)));
     const auto count = m_recorder.count();
     m_element.reset();
-    m_fake->unblock = true;
+    m_fake->answers->unblock = true;
     EXPECT_TRUE(waitUntil([&] { return m_fake->living == 0; })); // the late release
     EXPECT_TRUE(m_loop->stop(longBound));
     EXPECT_EQ(m_recorder.count(), count);
+}
+
+TEST_F(HostTest, RunsTimersAndTasksInTheirOrder) {
+    std::string ran; // on the loop
+    const auto first = m_loop->startTimer(milliseconds(200), [&] { ran += "A"; });
+    m_loop->startTimer(milliseconds(300), [&] {
+        ran += "B";
+        m_loop->cancelTimer(first);
+    });
+    const auto at = [&](int time) {
+        *m_now += time;
+        m_loop->post([&] { ran += "t"; });
+        m_loop->post([&] { ran += "u"; });
+        settle();
+        return std::exchange(ran, {});
+    };
+    EXPECT_EQ(at(199), "tu");
+    EXPECT_EQ(at(1), "Atu");
+    EXPECT_EQ(at(1000), "ABtu") << "late runs are not made up for";
+    EXPECT_EQ(at(299), "tu") << "one is cancelled";
+    EXPECT_EQ(at(1), "Btu");
+    m_loop->cancelTimer(first);
+    // What a task holds may post as it goes.
+    m_loop->post([held = std::shared_ptr<void>(
+                      nullptr, [&](void*) { m_loop->post([&] { ran += "!"; }); })] {});
+    EXPECT_EQ(at(0), "tu!");
 }
 
 TEST(EventLoop, LeavesAHangingTaskBehindAndTakesNoMore) {

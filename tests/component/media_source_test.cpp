@@ -1,237 +1,345 @@
 // Media sources through the backend's own operations, into sinks that keep what they are handed.
 
-#include "gstnox_backend.h"
-#include "gstnox_plugin.h"
+#include "media_source.h"
 #include "support/log_capture.h"
-#include "support/recording_client.h"
-#include "support/recording_sink.h"
-#include "support/wait_until.h"
-#include "uva/uva_drm_backend.h"
-#include "uva/uva_sample.h"
-
-#include <gtest/gtest.h>
 
 #include <array>
-#include <atomic>
 #include <cmath>
-#include <functional>
+#include <cstdio>
+#include <cstring>
 #include <limits>
 #include <thread>
 
 namespace {
 
-using std::chrono::steady_clock;
 using support::LogCapture;
-using support::RecordingSinks;
-using support::waitUntil;
 
-constexpr unsigned int videoId = 1;
-constexpr unsigned int audioId = 2;
-constexpr double frame = 0.04; // seconds
-const char* const videoSink = "halvideosink_1";
-const char* const audioSink = "halaudiosink_2";
-
-class Source final : public UVABackend::SourceDescription {
-public:
-    Source(unsigned int id, std::string mime, unsigned long long milliseconds = 0)
-        : m_mime(std::move(mime)) {
-        type = MseStreaming;
-        sourceId = static_cast<int>(id);
-        mimeType = m_mime.c_str();
-        streamType = GST_APP_STREAM_TYPE_SEEKABLE;
-        durationMs = milliseconds;
-    }
-
-private:
-    const std::string m_mime;
-};
-
-/// A sample with a payload of its own, of which there is one count.
-class TestSample final : public UVASample {
-public:
-    static std::atomic<int> alive;
-
-    TestSample(double presentation, double length, const UVAStreamConfig* stream,
-               std::size_t size = 100)
-        : bytes(size, 0x55), time(presentation), length_(length), stream_(stream) {
-        ++alive;
-    }
-    ~TestSample() override { --alive; }
-
-    const std::uint8_t* payload() const override { return bytes.empty() ? nullptr : bytes.data(); }
-    std::size_t payloadSize() const override { return bytes.size(); }
-    double pts() const override { return time; }
-    double dts() const override { return time; }
-    double duration() const override { return length_; }
-    const UVAStreamConfig* config() const override { return stream_; }
-    const std::uint8_t* keyId() const override { return key.empty() ? nullptr : key.data(); }
-    std::size_t keyIdSize() const override { return key.size(); }
-    const std::uint8_t* iv() const override { return vector.data(); }
-    std::size_t ivSize() const override { return vector.size(); }
-    const std::vector<Subsample>& subsamples() const override { return map; }
-
-    std::vector<std::uint8_t> bytes, key;
-    std::vector<std::uint8_t> vector = {1, 2, 3, 4, 5, 6, 7, 8};
-    std::vector<Subsample> map;
-    double time, length_;
-    const UVAStreamConfig* stream_;
-};
-std::atomic<int> TestSample::alive{0};
-
-UVAStreamConfig videoConfig(int codec = UVAStreamConfig::CODEC_VP8, int width = 320) {
-    UVAStreamConfig config;
-    config.codec = codec;
-    config.width = width;
-    config.height = 180;
-    return config;
-}
-
-UVAStreamConfig audioConfig() {
-    UVAStreamConfig config;
-    config.codec = UVAStreamConfig::CODEC_DTS; // no parser
-    config.sampleRate = 48000;
-    config.channels = 2;
-    return config;
-}
-
-/// A client that lets a test answer the backend from inside the event, on the streaming thread.
-class FeedingClient final : public UVAClient {
-public:
-    using Answer = std::function<void(std::unique_ptr<NeedMSEDataEvent>)>;
-
-    void deliverEvent(UVAEvent* event) override {
-        std::unique_ptr<UVAEvent> owned(event);
-        if (event->type() == UVAEvent::NeedMSEData) {
-            ++needs;
-            if (answer)
-                answer(std::unique_ptr<NeedMSEDataEvent>(
-                    static_cast<NeedMSEDataEvent*>(owned.release())));
-            return;
-        }
-        if (event->type() == UVAEvent::PlaybackFinished)
-            ++finished;
-        if (event->type() == UVAEvent::CancelDataRequestsAsync) {
-            const std::lock_guard lock(m_mutex);
-            m_cancel.reset(static_cast<UVAAsyncEvent*>(owned.release()));
-        }
-        if (event->type() == UVAEvent::SeekCompletedEx)
-            outcome = static_cast<int>(static_cast<SeekCompletedExEvent*>(event)->outcome);
-    }
-    std::unique_ptr<UVAAsyncEvent> takeCancel() {
-        const std::lock_guard lock(m_mutex);
-        return std::move(m_cancel);
-    }
-
-    Answer answer; ///< set before the backend can ask
-    std::atomic<int> needs{0}, finished{0}, outcome{-1};
-
-private:
-    std::mutex m_mutex; // guards m_cancel
-    std::unique_ptr<UVAAsyncEvent> m_cancel;
-};
-
-using Samples = std::vector<UVASample*>;
-
-class MediaSourceTest : public testing::Test {
-protected:
-    static void SetUpTestSuite() {
-        setenv("NOX_GST_STANDALONE", "1", 1);
-        ASSERT_TRUE(BackendInit(nullptr));
-        RecordingSinks::install();
-    }
-    void TearDown() override {
-        owner.reset();
-        EXPECT_EQ(TestSample::alive, 0) << "samples were lost";
-    }
-
-    void open(bool withAudio = true) {
-        RecordingSinks::clear();
-        UVABackend::SourceDescription* sources[] = {
-            new Source(videoId, "video/x-vp8", 60000),
-            withAudio ? new Source(audioId, "audio/x-plain") : nullptr, nullptr};
-        ASSERT_EQ(backend->initBackend("", sources, false, false), UVABackend::Success);
-    }
-    int write(unsigned int id, const Samples& samples,
-              UVABackend::WriteDataStatus status = UVABackend::Data) {
-        auto* event = new NeedMSEDataEvent(id, 30);
-        event->samples = new UVASample* [samples.size() + 1] {};
-        std::copy(samples.begin(), samples.end(), event->samples);
-        return backend->writeData(event, 0, status);
-    }
-    int writeEnd(unsigned int id) {
-        return backend->writeData(new NeedMSEDataEvent(id, 0), 0, UVABackend::EndOfStream);
-    }
-    Samples videoSamples(double from, int count) {
-        Samples samples;
-        for (int i = 0; i < count; ++i)
-            samples.push_back(new TestSample(from + i * frame, frame, &video));
-        return samples;
-    }
-    /// Until both appsrcs have asked: what is written before they start is lost.
-    void playUntilAsked(int sources) {
-        backend->play();
-        ASSERT_TRUE(waitUntil([&] { return client.needs >= sources; }));
-    }
-    bool seek(double target) {
-        client.outcome = -1;
-        if (backend->setPosition(target) != 1)
-            return false;
-        const auto event = client.takeCancel();
-        backend->eventCompleted(event.get(), true);
-        return waitUntil([&] { return client.outcome >= 0; });
-    }
-
-    const UVAStreamConfig video = videoConfig();
-    const UVAStreamConfig audio = audioConfig();
-    FeedingClient client;
-    std::unique_ptr<GstNoxBackend> owner =
-        std::make_unique<GstNoxBackend>(UVABackend::VideoElement, &client);
-    GstNoxBackend* backend = owner.get(); // also while it is being destroyed
-};
+/// Times of samples in the order of decoding: presented, decoded, lasts; seconds.
+constexpr double gop[][3] = {
+    {1.0, 0.9, 0.05}, {1.25, 0.95, 0.1}, {1.05, 1.0, 0.05}, {1.125, 1.125, -1}, {1.15, 1.1, 0}};
 
 TEST_F(MediaSourceTest, SamplesArriveInOrderWithoutACopy) {
+    LogCapture log(gst_backend_debug);
     open();
     playUntilAsked(2);
-    auto samples = videoSamples(1.0, 3);
-    const UVAStreamConfig wider = videoConfig(UVAStreamConfig::CODEC_VP8, 640);
-    samples.push_back(new TestSample(1.12, -1, &wider));
+    EXPECT_EQ(client.last<NeedMSEDataEvent>(UVAEvent::NeedMSEData)->samplesRequested, 30);
+    Samples samples;
     std::vector<const void*> payloads;
-    for (auto* sample : samples)
+    for (const auto& [presented, decoded, lasts] : gop) {
+        auto* sample = new TestSample(presented, lasts, &video, 100 + samples.size());
+        sample->decoded = decoded;
+        samples.push_back(sample);
         payloads.push_back(sample->payload());
-    write(videoId, samples);
-    write(audioId, {new TestSample(1.5, 0.02, &audio)});
-    writeEnd(videoId);
-    writeEnd(audioId);
-    ASSERT_TRUE(waitUntil([&] { return client.finished == 1; }));
-
-    const auto seen = RecordingSinks::of(videoSink);
-    ASSERT_EQ(seen.buffers.size(), 4U);
-    for (std::size_t i = 0; i < payloads.size(); ++i) {
-        EXPECT_EQ(seen.buffers[i].data, payloads[i]) << i;
-        EXPECT_EQ(seen.buffers[i].discont, i == 0) << i;
-        EXPECT_EQ(seen.buffers[i].pts, static_cast<GstClockTime>((1.0 + double(i) * frame) * 1e9));
-        EXPECT_EQ(seen.buffers[i].segmentStart, GST_SECOND) << "the first sample's time";
     }
-    EXPECT_EQ(seen.buffers[0].duration, static_cast<GstClockTime>(frame * 1e9));
-    EXPECT_EQ(seen.buffers[3].duration, GST_CLOCK_TIME_NONE);
-    ASSERT_EQ(seen.caps.size(), 2U) << "caps only when they change";
-    EXPECT_NE(seen.caps[1].find("width=(int)640"), std::string::npos);
+    write(videoId, {samples.begin(), samples.end() - 1});
+    EXPECT_TRUE(log.has("LOG id=1, got: samples=4 bytes=406"));
+    write(audioId, {new TestSample(1.5, 0.02, &audio)});
+    received(videoSink, 4);
+    write(videoId, {samples.back()});
+    EXPECT_EQ(client.count(UVAEvent::BufferingStreamBuffered), 3) << "one a write";
+    std::vector<UVABackend::TimeRange> ranges;
+    backend->getBufferedTimeRanges(videoId, {}, ranges);
+    ASSERT_EQ(ranges.size(), 1U);
+    EXPECT_GE(ranges[0].start, 1.0) << "or where playback is";
+    EXPECT_DOUBLE_EQ(ranges[0].end, 1.35) << "of the latest, not of the last";
+    for (const unsigned int id : {videoId, audioId})
+        writeEnd(id);
+    ASSERT_TRUE(isFinished());
+
+    const auto nanoseconds = [](double seconds) {
+        return seconds < 0 ? GST_CLOCK_TIME_NONE : static_cast<GstClockTime>(seconds * 1e9);
+    };
+    const auto seen = RecordingSinks::of(videoSink);
+    ASSERT_EQ(seen.buffers.size(), payloads.size());
+    for (std::size_t i = 0; i < payloads.size(); ++i) {
+        const auto& buffer = seen.buffers[i];
+        EXPECT_EQ(buffer.data, payloads[i]) << i;
+        EXPECT_EQ(buffer.discont, i == 0) << i;
+        EXPECT_EQ(buffer.pts, nanoseconds(gop[i][0])) << i;
+        EXPECT_EQ(buffer.dts, nanoseconds(gop[i][1])) << i;
+        EXPECT_EQ(buffer.duration, nanoseconds(gop[i][2])) << i;
+        EXPECT_EQ(buffer.segmentStart, GST_SECOND) << "the first sample's time";
+    }
+    EXPECT_EQ(seen.segments, 1);
+    EXPECT_EQ(seen.caps.size(), 1U);
     EXPECT_EQ(RecordingSinks::of(audioSink).buffers.at(0).segmentStart, GST_SECOND)
         << "both start with whichever was first";
+    for (const char* line :
+         {"DEBUG state changed 1->2, pending=4\n", "DEBUG state changed 2->3, pending=4\n",
+          "DEBUG state changed 3->4, pending=0\n"})
+        EXPECT_TRUE(log.has(line)) << line;
+}
+
+// Whatever of a configuration changes arrives with the next sample, once; what is equal does not.
+TEST_F(MediaSourceTest, CapsFollowTheConfiguration) {
+    const std::array<std::uint8_t, 3> data = {1, 2, 3};
+    const std::array<std::uint8_t, 3> otherData = {1, 2, 4};
+    const UVAStreamConfig::ColorInfo color = {9, 1, 16, 5, 10};
+    const UVAStreamConfig::MasteringMetadata mastering = {0.7,  0.3,  0.2,  0.65, 0.15,
+                                                          0.05, 0.31, 0.32, 1000, 0.1};
+    UVAStreamConfig base = videoConfig(UVAStreamConfig::CODEC_VP9);
+    base.codecData = data.data();
+    base.codecDataSize = data.size();
+    base.color = &color;
+    base.mastering = &mastering;
+    std::array<UVAStreamConfig::ColorInfo, 5> colors;
+    colors.fill(color);
+    colors[0].matrix = 1;
+    colors[1].range = 2;
+    colors[2].transfer = 1;
+    colors[3].primaries = 9;
+    colors[4].bitsPerChannel = 8;
+    auto brighter = mastering;
+    brighter.luminanceMin = 0.2;
+    std::vector<UVAStreamConfig> changed(12, base);
+    changed[0].codec = UVAStreamConfig::CODEC_VP8;
+    changed[1].width = 321;
+    changed[2].height = 181;
+    changed[3].codecDataSize = 2;
+    changed[4].codecData = otherData.data();
+    changed[5].codecData = nullptr;
+    changed[6].color = nullptr;
+    for (std::size_t i = 0; i < colors.size(); ++i)
+        changed[7 + i].color = &colors[i];
+    changed.insert(changed.end(), 2, base);
+    changed[12].mastering = nullptr;
+    changed[13].mastering = &brighter;
+
+    restart(new TestSource(videoId, "video/x-plain")); // no parser: the caps arrive as they are
+    playUntilAsked(1);
+    Samples samples;
+    UVAStreamConfig another = base;
+    another.sampleRate = 7;       // no matter of video
+    UVAStreamConfig equal = base; // elsewhere
+    const auto dataAgain = data;
+    const auto colorAgain = color;
+    const auto masteringAgain = mastering;
+    equal.codecData = dataAgain.data();
+    equal.color = &colorAgain;
+    equal.mastering = &masteringAgain;
+    for (auto& config : changed)
+        for (auto* next : {&another, &base, &equal, &config})
+            samples.push_back(new TestSample(0, frame, next));
+    write(videoId, samples);
+    const auto seen = received(videoSink, samples.size());
+    ASSERT_EQ(seen.caps.size(), 2 * changed.size());
+    for (std::size_t i = 0; i < changed.size(); ++i) {
+        EXPECT_EQ(seen.caps[2 * i], seen.caps[0]) << i;
+        EXPECT_NE(seen.caps[2 * i + 1], seen.caps[0]) << i;
+    }
+
+    restart(new TestSource(audioId, "audio/x-plain"));
+    playUntilAsked(1);
+    auto slower = audio;
+    slower.sampleRate = 44100;
+    auto more = audio;
+    more.channels = 6;
+    write(audioId, {new TestSample(0, frame, &audio), new TestSample(0, frame, &slower),
+                    new TestSample(0, frame, &audio), new TestSample(0, frame, &more)});
+    EXPECT_EQ(received(audioSink, 4).caps.size(), 4U);
+}
+
+TEST_F(MediaSourceTest, Vp9GetsTheRateOfItsFirstSamples) {
+    const struct {
+        std::vector<double> durations;
+        const char* rate; // null: none
+        int codec = UVAStreamConfig::CODEC_VP9;
+    } rows[] = {{{0.05, 0.03}, "25/1"},
+                {{0.04, -1}, "0/1"},
+                {{0, 0}, "0/1"},
+                {{0.02}, "50/1"},
+                {{0.04, 0.04}, nullptr, UVAStreamConfig::CODEC_VP8}};
+    for (const auto& row : rows) {
+        SCOPED_TRACE(testing::PrintToString(row.durations));
+        restart(new TestSource(videoId, "video/x-plain"));
+        playUntilAsked(1);
+        const UVAStreamConfig config = videoConfig(row.codec);
+        Samples samples;
+        for (const double duration : row.durations)
+            samples.push_back(new TestSample(0, duration, &config));
+        write(videoId, samples);
+        const UVAStreamConfig later = videoConfig(row.codec, 640);
+        write(videoId, {new TestSample(1, 0.1, &later)});
+        for (const auto& caps : received(videoSink, row.durations.size() + 1).caps) {
+            const auto at = caps.find("framerate=(fraction)");
+            EXPECT_EQ(at != std::string::npos, row.rate != nullptr) << caps;
+            EXPECT_TRUE(row.rate == nullptr ||
+                        caps.substr(at + 20, std::strlen(row.rate)) == row.rate)
+                << caps << ": once a source";
+        }
+    }
+}
+
+TEST_F(MediaSourceTest, ParsersAreChosenByTheMimeType) {
+    const std::pair<const char*, const char*> rows[] = {
+        {"audio/x-aac+adts", "aacparse"},
+        {"audio/mpeg; codecs=mp3", "mpegaudioparse"},
+        {"video/x-h264", "h264parse"},
+        {"video/x-h264; width=7", "h264parse"},
+        {"video/x-vnd.on2.vp9+x", "vp9parse"},
+        {"video/x-vp9", "vp9parse"},
+        {"audio/x-plain", ""},
+        {"video/no name", ""},
+    };
+    for (const auto& [mime, parser] : rows) {
+        LogCapture log(gst_backend_debug);
+        ASSERT_EQ(backend->attachSource(new TestSource(7, mime)), UVABackend::Success) << mime;
+        const std::string sink = *mime == 'a' ? " ! halaudiosink_7" : " ! halvideosink_7";
+        const auto lines = log.lines();
+        const auto line = std::find_if(lines.begin(), lines.end(), [](auto& text) {
+            return text.rfind("DEBUG pipeline: appsrc_7 ! ", 0) == 0;
+        });
+        ASSERT_NE(line, lines.end()) << mime;
+        const std::string wanted = *parser != '\0' ? std::string(" ! ") + parser : sink;
+        EXPECT_EQ(line->substr(24, wanted.size()), wanted) << mime;
+        EXPECT_EQ(line->substr(line->size() - sink.size()), sink) << mime;
+    }
+}
+
+// A source that is not started, so that the appsrc asks for nothing by itself.
+TEST_F(MediaSourceTest, TheQueueKeepsWhatIsNotAskedFor) {
+    open(false);
+    const auto named = [](const char* name) {
+        return GstPtr<GstElement>::sink(gst_element_factory_make("appsrc", name));
+    };
+    const auto own = named("appsrc_1");
+    const auto unknown = named("appsrc_77");
+    const auto unnumbered = named("appsrc");
+    const UVAStreamConfig wider = videoConfig(UVAStreamConfig::CODEC_VP8, 640);
+    auto again = wider;
+    again.sampleRate = 7; // no matter of video
+    const auto sized = [&](double time, std::size_t size, const UVAStreamConfig* config) {
+        return new TestSample(time, 0.25, config, size);
+    };
+    const auto need = [&](const GstPtr<GstElement>& element) {
+        GstNoxBackend::need_data_cb(GST_APP_SRC(element.get()), 1, backend);
+    };
+    const std::string none = "99:99:99.999999999";
+    const auto state = [](int queued, int bytes, int asked, const std::string& end) {
+        return "queued=" + std::to_string(queued) + " bytes=" + std::to_string(bytes) +
+               " needData=" + std::to_string(asked) + " lastEnd=" + end + " fps=4/1";
+    };
+    const struct {
+        const char* what;
+        std::function<void()> operation;
+        std::string state;
+        int needs = 0;
+    } rows[] = {
+        {"nothing yet", [] {}, "queued=0 bytes=0 needData=0 lastEnd=" + none + " fps=0/0"},
+        {"samples behind their caps",
+         [&] {
+             write(videoId, {sized(2, 100, &video), sized(1, 250, &video)});
+         },
+         state(3, 350, 0, "0:00:02.250000000")},
+        {"a time alone brings no caps", [&] { write(videoId, {sized(4, 0, &wider)}); },
+         state(3, 350, 0, "0:00:04.250000000")},
+        {"other caps, and the rate stays",
+         [&] { write(videoId, {new TestSample(5, 1, &wider, 8)}); },
+         state(5, 358, 0, "0:00:06.000000000")},
+        {"others' appsrcs", [&] { need(unknown), need(unnumbered); },
+         state(5, 358, 0, "0:00:06.000000000")},
+        {"a seek keeps the last caps",
+         [&] { GstNoxBackend::seek_data_cb(GST_APP_SRC(own.get()), 0, backend); },
+         state(1, 0, 0, none)},
+        {"the caps that it kept are not doubled", [&] { write(videoId, {sized(9, 10, &wider)}); },
+         state(2, 10, 0, "0:00:09.250000000")},
+        {"equal caps of another configuration", [&] { write(videoId, {sized(9, 10, &again)}); },
+         state(3, 20, 0, "0:00:09.250000000")},
+        {"the end", [&] { writeEnd(videoId); }, state(4, 20, 0, "0:00:09.250000000")},
+        {"a batch of unknown status",
+         [&] { write(videoId, {}, static_cast<UVABackend::WriteDataStatus>(7)); },
+         state(4, 20, 0, "0:00:09.250000000")},
+        {"asked, all goes; the appsrc does not run", [&] { need(own); },
+         state(0, 0, 1, "0:00:09.250000000"), 1},
+        {"asked again", [&] { need(own); }, state(0, 0, 1, "0:00:09.250000000"), 1},
+        {"what comes goes on at once", [&] { write(videoId, {sized(10, 5, &wider)}); },
+         state(0, 0, 1, "0:00:10.250000000")},
+        {"enough", [&] { GstNoxBackend::enough_data_cb(GST_APP_SRC(own.get()), backend); },
+         state(0, 0, 0, "0:00:10.250000000")},
+        {"and it waits", [&] { write(videoId, {sized(1, 7, &wider)}); },
+         state(1, 7, 0, "0:00:10.250000000")},
+        {"a seek drops caps that went before",
+         [&] { GstNoxBackend::seek_data_cb(GST_APP_SRC(own.get()), 0, backend); },
+         state(0, 0, 0, none)},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.what);
+        client.clear();
+        row.operation();
+        const auto all = GstNoxBackend::describeAll();
+        const auto at = all.find("queued=");
+        ASSERT_EQ(all.find("  video_1: NULL "), at - 16) << all;
+        EXPECT_EQ(all.substr(at), row.state + "\n");
+        ASSERT_EQ(client.count(UVAEvent::NeedMSEData), row.needs);
+        if (row.needs > 0) {
+            const auto* event = client.last<NeedMSEDataEvent>(UVAEvent::NeedMSEData);
+            EXPECT_EQ(event->sourceId, videoId);
+            EXPECT_EQ(event->samplesRequested, 30);
+        }
+    }
+    EXPECT_TRUE(backend->removeSource(videoId));
+    EXPECT_FALSE(backend->removeSource(videoId));
+    client.clear();
+    need(own);
+    EXPECT_EQ(client.types(), std::vector<UVAEvent::Type>{}) << "it is gone";
+}
+
+TEST_F(MediaSourceTest, ASourceThatComesLateBeginsWherePlaybackIs) {
+    LogCapture log(gst_backend_debug);
+    open();
+    EXPECT_EQ(client.count(UVAEvent::CancelDataRequestsAsync), 0);
+    backend->setContentSize(0, 70000); // the first source's stays
+    double seconds = 0;
+    backend->getDuration(seconds);
+    EXPECT_EQ(seconds, 60);
+    ASSERT_EQ(backend->setPosition(12.5), 1);
+    client.clear();
+    ASSERT_TRUE(backend->removeSource(audioId));
+    ASSERT_EQ(backend->attachSource(new TestSource(audioId, "audio/x-plain")), UVABackend::Success);
+    const auto* again =
+        client.last<CancelDataRequestsAsyncEvent>(UVAEvent::CancelDataRequestsAsync);
+    ASSERT_NE(again, nullptr);
+    EXPECT_EQ(again->position, 12.5);
+    EXPECT_TRUE(log.has("DEBUG   seeking to 0:00:12.500000000"));
+}
+
+// The same element again after its player is gone: everything as the first time.
+TEST_F(MediaSourceTest, AReleasedElementPlaysAgain) {
+    for (const double start : {3.0, 1.0}) {
+        client.clear();
+        open();
+        playUntilAsked(2);
+        write(videoId, videoSamples(start, 2));
+        write(audioId, {new TestSample(start, frame, &audio)});
+        EXPECT_EQ(received(videoSink, 2).buffers.at(0).pts, static_cast<GstClockTime>(start * 1e9));
+        backend->releaseResources(UVABackend::AllResources);
+        EXPECT_EQ(backend->getPosition().position, -1);
+        for (const unsigned int id : {videoId, audioId})
+            EXPECT_TRUE(backend->removeSource(id));
+        EXPECT_EQ(backend->play(), UVABackend::Success) << "of nothing";
+    }
+}
+
+// Sought while it plays, the pipeline's state is forced; while it is paused, left alone.
+TEST_F(MediaSourceTest, ASeekForcesOnlyAPlayingPipeline) {
+    open(false);
+    for (const bool playing : {false, true}) {
+        LogCapture log(gst_backend_debug);
+        playing ? backend->play() : backend->pause();
+        ASSERT_TRUE(isAsked());
+        EXPECT_EQ(seek(4), 0);
+        EXPECT_EQ(log.has("WARN ***W: force state transition"), playing);
+        EXPECT_EQ(client.count(UVAEvent::SeekCompletedEx), 1);
+        EXPECT_TRUE(isAsked());
+    }
+    EXPECT_EQ(seek(-1), 2) << "refused, and said so";
+    EXPECT_EQ(client.count(UVAEvent::CancelDataRequestsAsync), 0);
 }
 
 TEST_F(MediaSourceTest, AParserCopiesNothingAndEndsWithoutSamples) {
-    UVAStreamConfig mp3;
-    mp3.codec = UVAStreamConfig::CODEC_MP3;
-    mp3.sampleRate = 44100;
-    mp3.channels = 2;
+    const UVAStreamConfig mp3 = audioConfig(UVAStreamConfig::CODEC_MP3, 44100);
     for (const int count : {10, 0}) {
-        RecordingSinks::clear();
-        client.needs = client.finished = 0;
-        owner = std::make_unique<GstNoxBackend>(UVABackend::VideoElement, &client);
-        backend = owner.get();
-        UVABackend::SourceDescription* sources[] = {new Source(audioId, "audio/mpeg"), nullptr};
-        ASSERT_EQ(backend->initBackend("", sources, false, false), UVABackend::Success);
+        restart(new TestSource(audioId, "audio/mpeg"));
         playUntilAsked(1);
         Samples samples;
         std::vector<const void*> payloads;
@@ -245,7 +353,7 @@ TEST_F(MediaSourceTest, AParserCopiesNothingAndEndsWithoutSamples) {
         }
         write(audioId, samples);
         writeEnd(audioId);
-        ASSERT_TRUE(waitUntil([&] { return client.finished == 1; })) << count;
+        ASSERT_TRUE(isFinished()) << count;
         const auto seen = RecordingSinks::of(audioSink).buffers;
         ASSERT_EQ(seen.size(), payloads.size());
         for (std::size_t i = 0; i < payloads.size(); ++i)
@@ -258,17 +366,15 @@ TEST_F(MediaSourceTest, SeekDropsWhatWasQueuedAndStartsANewSegment) {
     playUntilAsked(1);
     write(videoId, videoSamples(0, 5));
     ASSERT_TRUE(waitUntil([&] { return RecordingSinks::count(videoSink) == 5; }));
-    client.needs = 0;
-    ASSERT_TRUE(seek(10));
-    EXPECT_EQ(client.outcome, 0);
-    ASSERT_TRUE(waitUntil([&] { return client.needs > 0; })) << "it asks again";
+    ASSERT_EQ(seek(10), 0);
+    ASSERT_TRUE(isAsked()) << "again";
     EXPECT_NEAR(backend->getPosition().position, 10, 0.001);
 
     // A sample without payload is where playback starts; what is before it is decoded only.
     write(videoId, {new TestSample(10, 0, nullptr, 0)});
     write(videoId, videoSamples(9.8, 6));
     writeEnd(videoId);
-    ASSERT_TRUE(waitUntil([&] { return client.finished == 1; }));
+    ASSERT_TRUE(isFinished());
     const auto seen = RecordingSinks::of(videoSink);
     ASSERT_GT(seen.buffers.size(), 5U);
     EXPECT_EQ(seen.buffers.back().segmentStart, 10 * GST_SECOND);
@@ -276,37 +382,17 @@ TEST_F(MediaSourceTest, SeekDropsWhatWasQueuedAndStartsANewSegment) {
     EXPECT_EQ(seen.caps.size(), 1U);
 
     // After the end, and back to the beginning.
-    ASSERT_TRUE(seek(0));
-    EXPECT_EQ(client.outcome, 0);
-    client.finished = 0;
+    ASSERT_EQ(seek(0), 0);
     write(videoId, videoSamples(0, 2));
     writeEnd(videoId);
-    EXPECT_TRUE(waitUntil([&] { return client.finished == 1; }));
+    EXPECT_TRUE(isFinished());
     EXPECT_EQ(RecordingSinks::of(videoSink).buffers.back().segmentStart, 0U);
-}
-
-TEST_F(MediaSourceTest, ManySeeksInARowEachComplete) {
-    open();
-    client.answer = [&](std::unique_ptr<NeedMSEDataEvent> event) {
-        const auto id = event->sourceId;
-        const auto* config = id == videoId ? &video : &audio;
-        write(id, {new TestSample(0, frame, config), new TestSample(frame, frame, config)});
-    };
-    playUntilAsked(2);
-    unsigned int random = 1;
-    for (int i = 0; i < 200; ++i) {
-        random = random * 1103515245U + 12345U;
-        ASSERT_TRUE(seek(random % 60000 / 1000.0)) << i;
-        ASSERT_EQ(client.outcome, 0) << i;
-    }
-    EXPECT_EQ(backend->setPosition(-1), 0);
-    EXPECT_EQ(client.outcome, 2) << "refused, and said so";
 }
 
 TEST_F(MediaSourceTest, SeeksAtOddMoments) {
     open();
     const auto feedBoth = [&](double from) {
-        client.needs = 0;
+        client.clear();
         write(videoId, videoSamples(from, 2));
         write(audioId, {new TestSample(from, frame, &audio)});
     };
@@ -317,39 +403,40 @@ TEST_F(MediaSourceTest, SeeksAtOddMoments) {
         });
     };
     playUntilAsked(2);
-    ASSERT_TRUE(seek(5)) << "while it pre-rolls";
+    ASSERT_EQ(seek(5), 0) << "while it pre-rolls";
     feedBoth(5);
     EXPECT_TRUE(arrived(5));
 
     // A second seek before the first is made: one is made, to the newer target.
-    client.outcome = -1;
-    ASSERT_EQ(backend->setPosition(7), 1);
-    const auto first = client.takeCancel();
-    ASSERT_EQ(backend->setPosition(8), 1);
-    const auto second = client.takeCancel();
-    backend->eventCompleted(first.get(), true);
-    backend->eventCompleted(second.get(), true);
-    EXPECT_EQ(client.outcome, 0);
+    client.clear();
+    for (const double target : {7, 8})
+        ASSERT_EQ(backend->setPosition(target), 1);
+    for (const double target : {7, 8}) {
+        const CancelDataRequestsAsyncEvent cancelled(target);
+        backend->eventCompleted(&cancelled, true);
+    }
+    EXPECT_EQ(outcome(), 0);
+    EXPECT_EQ(client.count(UVAEvent::SeekCompletedEx), 1);
     feedBoth(8);
     EXPECT_TRUE(arrived(8));
     EXPECT_NEAR(backend->getPosition().position, 8, 2 * frame);
 
     // One source starves; the end of one is queued when the seek comes.
-    ASSERT_TRUE(seek(20));
+    ASSERT_EQ(seek(20), 0);
     write(videoId, videoSamples(20, 2));
     writeEnd(videoId);
-    ASSERT_TRUE(seek(59.96)) << "near the end";
+    ASSERT_EQ(seek(59.96), 0) << "near the end";
     feedBoth(59.96);
     EXPECT_TRUE(arrived(59.96));
     writeEnd(videoId);
     writeEnd(audioId);
-    EXPECT_TRUE(waitUntil([&] { return client.finished == 1; }));
+    EXPECT_TRUE(isFinished());
 }
 
 TEST_F(MediaSourceTest, HostileSamplesAndEventsLoseNothing) {
     LogCapture log(gst_backend_debug);
     EXPECT_EQ(backend->attachSource(nullptr), UVABackend::Failure);
-    EXPECT_EQ(backend->attachSource(new Source(9, "text/plain")), UVABackend::Failure);
+    EXPECT_EQ(backend->attachSource(new TestSource(9, "text/plain")), UVABackend::Failure);
     EXPECT_TRUE(log.has("WARN unknown mime type: 'text/plain'"));
     EXPECT_TRUE(log.has("ERROR ***E: cannot create source"));
     EXPECT_FALSE(backend->removeSource(9)) << "it left no entry";
@@ -386,7 +473,7 @@ TEST_F(MediaSourceTest, HostileSamplesAndEventsLoseNothing) {
 
     // Data behind the end is refused, and said so.
     writeEnd(videoId);
-    ASSERT_TRUE(waitUntil([&] { return client.finished == 1; }));
+    ASSERT_TRUE(isFinished());
     write(videoId, videoSamples(50, 1));
     EXPECT_EQ(RecordingSinks::of(audioSink).count, 0U);
 }
@@ -396,96 +483,66 @@ TEST_F(MediaSourceTest, OneIdTwiceAndTwoSourcesOfAKind) {
     open();
     playUntilAsked(2);
     write(audioId, {new TestSample(0, 0.02, &audio), new TestSample(0.02, 0.02, &audio)});
-    client.needs = 0;
-    ASSERT_EQ(backend->attachSource(new Source(videoId, "video/x-vp8")), UVABackend::Success);
+    client.clear();
+    ASSERT_EQ(backend->attachSource(new TestSource(videoId, "video/x-vp8")), UVABackend::Success);
     EXPECT_TRUE(log.has("ERROR ***E: source already exists - deleting..."));
-    ASSERT_TRUE(waitUntil([&] { return client.needs >= 1; })) << "the new one runs";
+    ASSERT_TRUE(isAsked()) << "the new one runs";
     write(videoId, videoSamples(0, 2));
     EXPECT_TRUE(waitUntil([&] { return RecordingSinks::count(videoSink) == 2; }));
 
     // The second source of a kind takes the first one's place: alone it ends playback.
-    client.needs = 0;
-    ASSERT_EQ(backend->attachSource(new Source(3, "audio/x-plain")), UVABackend::Success);
+    client.clear();
+    ASSERT_EQ(backend->attachSource(new TestSource(3, "audio/x-plain")), UVABackend::Success);
     EXPECT_TRUE(log.has("WARN found running component of type 'audio' (audio_2): stop it"));
-    ASSERT_TRUE(waitUntil([&] { return client.needs >= 1; }));
+    ASSERT_TRUE(isAsked());
     write(3, {new TestSample(0, 0.02, &audio)});
     writeEnd(3);
     writeEnd(videoId);
-    EXPECT_TRUE(waitUntil([&] { return client.finished == 1; }));
+    EXPECT_TRUE(isFinished());
     EXPECT_TRUE(backend->removeSource(audioId));
-}
-
-TEST_F(MediaSourceTest, Vp9GetsTheRateOfItsFirstSamples) {
-    struct Row {
-        std::vector<double> durations;
-        const char* rate;
-    };
-    const Row rows[] = {{{0.04, 0.04}, "25/1"}, {{0.04, -1}, "0/1"}, {{0, 0}, "0/1"}};
-    const UVAStreamConfig vp9 = videoConfig(UVAStreamConfig::CODEC_VP9);
-    for (const auto& row : rows) {
-        RecordingSinks::clear();
-        client.needs = 0;
-        owner = std::make_unique<GstNoxBackend>(UVABackend::VideoElement, &client);
-        backend = owner.get();
-        // Of a MIME type that finds no parser: the caps arrive as they are made.
-        UVABackend::SourceDescription* sources[] = {new Source(videoId, "video/x-plain"), nullptr};
-        ASSERT_EQ(backend->initBackend("", sources, false, false), UVABackend::Success);
-        playUntilAsked(1);
-        Samples samples;
-        for (const double duration : row.durations)
-            samples.push_back(new TestSample(0, duration, &vp9));
-        write(videoId, samples);
-        ASSERT_TRUE(waitUntil([&] { return RecordingSinks::count(videoSink) == 2; }));
-        EXPECT_NE(RecordingSinks::of(videoSink).caps.at(0).find(
-                      std::string("framerate=(fraction)") + row.rate),
-                  std::string::npos)
-            << row.rate;
-    }
 }
 
 // Thirty samples for every request keep little more than the appsrc's own 200 kB, however long the
 // stream is.
 TEST_F(MediaSourceTest, RequestsAreTheBound) {
-    constexpr int total = 2 * 3600 * 25;
+    constexpr int total = 20000;
     constexpr int limit = 200000 / 100 + 2 * 30;
     open(false);
     RecordingSinks::clear(false);
     int next = 0;
     int most = 0;
-    client.answer = [&](std::unique_ptr<NeedMSEDataEvent> event) {
+    client.hook = [&](UVAEvent& event) {
+        if (event.type() != UVAEvent::NeedMSEData)
+            return;
+        const auto& request = static_cast<NeedMSEDataEvent&>(event);
         if (next >= total) {
-            writeEnd(event->sourceId);
+            writeEnd(request.sourceId);
             return;
         }
-        const auto samples = videoSamples(next * frame, event->samplesRequested);
-        next += event->samplesRequested;
-        most = std::max(most, TestSample::alive.load());
-        std::copy(
-            samples.begin(), samples.end(),
-            event->samples = new UVASample* [samples.size() + 1] {});
-        backend->writeData(event.release(), 0, UVABackend::Data);
+        write(request.sourceId, videoSamples(next * frame, request.samplesRequested));
+        next += request.samplesRequested;
+        most = std::max(most, TestSample::alive().load());
     };
     backend->play();
-    const bool ended = waitUntil([&] { return client.finished == 1; }, std::chrono::seconds(120));
+    const bool ended = isFinished();
     owner.reset(); // nobody asks any more
     EXPECT_TRUE(ended);
-    EXPECT_EQ(RecordingSinks::count(videoSink), static_cast<std::size_t>(total));
+    EXPECT_EQ(RecordingSinks::count(videoSink), static_cast<std::size_t>(next));
     EXPECT_LE(most, limit);
 }
 
 TEST_F(MediaSourceTest, EveryOperationWorksFromInsideTheEvent) {
     open();
     std::atomic<int> answered{0};
-    client.answer = [&](std::unique_ptr<NeedMSEDataEvent> event) {
+    answerWith([&](unsigned int id) {
         std::vector<UVABackend::TimeRange> ranges;
-        backend->getBufferedTimeRanges(event->sourceId, {}, ranges);
+        backend->getBufferedTimeRanges(id, {}, ranges);
         backend->getPosition();
         backend->setKeySystem(UVAKeySystemConfig{});
         GstNoxBackend::describeAll();
-        const auto id = event->sourceId;
         write(id, {new TestSample(0, frame, id == videoId ? &video : &audio)});
         ++answered;
-    };
+    });
     backend->play();
     EXPECT_TRUE(waitUntil([&] { return answered > 20; }));
     owner.reset(); // nobody asks any more
@@ -493,13 +550,11 @@ TEST_F(MediaSourceTest, EveryOperationWorksFromInsideTheEvent) {
 
 // A writer, the shell and the streaming threads against sources that come and go.
 TEST_F(MediaSourceTest, SourcesComeAndGoUnderLoad) {
-    const int rounds = 1000;
     open();
     std::atomic<bool> done{false};
-    client.answer = [&](std::unique_ptr<NeedMSEDataEvent> event) {
-        const auto id = event->sourceId;
+    answerWith([&](unsigned int id) {
         write(id, {new TestSample(0, frame, id == videoId ? &video : &audio)});
-    };
+    });
     backend->play();
     std::thread writer([&] {
         while (!done) {
@@ -509,199 +564,43 @@ TEST_F(MediaSourceTest, SourcesComeAndGoUnderLoad) {
             GstNoxBackend::describeAll();
         }
     });
-    steady_clock::duration longest{};
-    for (int i = 0; i < rounds; ++i) {
-        const auto start = steady_clock::now();
+    for (int i = 0; i < 100; ++i) {
         EXPECT_TRUE(backend->removeSource(audioId));
-        longest = std::max(longest, steady_clock::now() - start);
-        EXPECT_EQ(backend->attachSource(new Source(audioId, "audio/x-plain")), UVABackend::Success);
-        if (i % 50 == 0) {
+        EXPECT_EQ(backend->attachSource(new TestSource(audioId, "audio/x-plain")),
+                  UVABackend::Success);
+        if (i % 20 == 0) {
             backend->releaseResources(UVABackend::AllResources);
             backend->removeSource(videoId);
-            backend->attachSource(new Source(videoId, "video/x-vp8"));
+            backend->attachSource(new TestSource(videoId, "video/x-vp8"));
             backend->play();
         }
     }
     done = true;
     writer.join();
-    EXPECT_LT(longest, std::chrono::seconds(1));
 }
 
 // Whatever the streaming threads are in: not started, asking, being answered, at the end.
 TEST_F(MediaSourceTest, BackendsAreDestroyedAtAnyTime) {
-    steady_clock::duration longest{};
-    for (int i = 0; i < 200; ++i) {
+    for (int i = 0; i < 50; ++i) {
         owner = std::make_unique<GstNoxBackend>(UVABackend::VideoElement, &client);
         backend = owner.get();
-        client.needs = 0;
-        client.answer = [&, i](std::unique_ptr<NeedMSEDataEvent> event) {
-            const auto id = event->sourceId;
+        client.clear();
+        answerWith([&, i](unsigned int id) {
             if (i % 3 == 0)
                 writeEnd(id);
             else
                 write(id, {new TestSample(0, frame, id == videoId ? &video : &audio)});
-        };
+        });
         open();
         if (i % 5 != 0)
             backend->play();
         if (i % 2 == 0 && i % 5 != 0)
-            waitUntil([&] { return client.needs > i % 7; }, std::chrono::milliseconds(50));
+            waitUntil([&] { return client.count(UVAEvent::NeedMSEData) > i % 7; },
+                      std::chrono::milliseconds(50));
         if (i % 11 == 0)
             backend->setPosition(1);
-        const auto start = steady_clock::now();
         owner.reset();
-        longest = std::max(longest, steady_clock::now() - start);
     }
-    EXPECT_LT(longest, std::chrono::seconds(1));
-}
-
-// ---- encrypted
-
-class FakeDrm final : public UVADRMBackend {
-public:
-    class Decrypter final : public UVADRMDecrypter {
-    public:
-        explicit Decrypter(FakeDrm& drm) : m_drm(drm) {}
-        int decrypt(const Input& input, const Output& output) override {
-            ++m_drm.decrypts;
-            EXPECT_TRUE(waitUntil([this] { return !m_drm.holds; }));
-            if (m_drm.fails)
-                return 1;
-            for (std::size_t i = 0; i < input.size; ++i)
-                output.data[i] = input.data[i] ^ 0xFF;
-            return 0;
-        }
-
-    private:
-        FakeDrm& m_drm;
-    };
-
-    int createDecrypter(UVADRMDecrypter*& decrypter, const std::uint8_t* keyId, std::size_t size,
-                        std::uint64_t value) override {
-        lastValue = value;
-        if (size != 1 || *keyId == 0)
-            return 0;
-        ++created;
-        decrypter = new Decrypter(*this);
-        return 1;
-    }
-    void releaseDecrypter(UVADRMDecrypter* decrypter) override {
-        ++released;
-        delete decrypter;
-    }
-    void* getInterface(const char*) override { return nullptr; }
-
-    std::atomic<bool> fails{false}, holds{false};
-    std::atomic<int> created{0}, released{0}, decrypts{0};
-    std::atomic<std::uint64_t> lastValue{0};
-};
-
-class ProtectedSourceTest : public MediaSourceTest {
-protected:
-    void offer(FakeDrm& drm) {
-        UVA_OfferDRMBackend("org.test", &drm);
-        UVAKeySystemConfig config;
-        config.keySystemId = "org.test";
-        backend->setKeySystem(config);
-    }
-    TestSample* encrypted(std::uint8_t key, std::vector<UVASample::Subsample> map) {
-        auto* sample = new TestSample(0, frame, &video);
-        sample->key = {key};
-        sample->map = std::move(map);
-        return sample;
-    }
-    std::vector<guint8> received(std::size_t index) {
-        waitUntil([&] { return RecordingSinks::count(videoSink) > index; });
-        return RecordingSinks::of(videoSink).buffers.at(index).bytes;
-    }
-};
-
-TEST_F(ProtectedSourceTest, RangesAreDecryptedOrTheSampleStaysEncrypted) {
-    FakeDrm drm;
-    LogCapture log(gst_backend_debug);
-    open(false);
-    playUntilAsked(1);
-    write(videoId, {encrypted(1, {{10, 90}})});
-    EXPECT_EQ(received(0).at(50), 0x55) << "no key system yet";
-    EXPECT_TRUE(log.has("ERROR ***E: no DRM backend set"));
-
-    UVA_OfferDRMBackend("org.test", &drm);
-    UVAKeySystemConfig config;
-    config.keySystemId = "org.test";
-    config.client = 4711;
-    backend->setKeySystem(config);
-    write(videoId, {encrypted(1, {{10, 40}, {50, 0}}), encrypted(1, {{0, 100}}),
-                    encrypted(2, {{0, 100}}), encrypted(0, {{0, 100}}), encrypted(1, {{0, 101}}),
-                    encrypted(1, {{60, 10}, {0xFFFFFFE0, 20}}), encrypted(1, {{16, 0}})});
-    const auto first = received(1);
-    EXPECT_EQ(first.at(9), 0x55);
-    EXPECT_EQ(first.at(10), 0xAA);
-    EXPECT_EQ(first.at(49), 0xAA);
-    EXPECT_EQ(first.at(50), 0x55);
-    EXPECT_EQ(received(2).at(0), 0xAA);
-    EXPECT_EQ(received(3).at(0), 0xAA);
-    for (const std::size_t refused : {4U, 5U, 6U}) // no such key, ranges past the end
-        EXPECT_EQ(received(refused), std::vector<guint8>(100, 0x55)) << refused;
-    EXPECT_EQ(received(7).at(0), 0x55) << "nothing encrypted in it";
-    EXPECT_TRUE(log.has("ERROR decryption failed"));
-    EXPECT_EQ(drm.created, 3) << "one a change of the key";
-    EXPECT_EQ(drm.lastValue, 4711U);
-    owner.reset();
-    EXPECT_EQ(drm.released, 3);
-    UVA_OfferDRMBackend("org.test", nullptr);
-}
-
-TEST_F(ProtectedSourceTest, NothingGoesUnderAThreadThatWrites) {
-    for (const bool all : {false, true}) {
-        FakeDrm drm;
-        drm.holds = true;
-        offer(drm);
-        std::atomic<bool> isAsked{false};
-        client.answer = [&](auto) { isAsked = true; };
-        open(false);
-        backend->play();
-        ASSERT_TRUE(waitUntil([&] { return isAsked.load(); }));
-        std::thread writing([&] {
-            write(videoId, {encrypted(1, {{0, 100}}), encrypted(1, {{0, 100}})});
-        });
-        ASSERT_TRUE(waitUntil([&] { return drm.decrypts == 1; }));
-        std::atomic<bool> isGone{false};
-        std::thread removing([&] {
-            if (all)
-                owner.reset();
-            else
-                backend->removeSource(videoId);
-            isGone = true;
-        });
-        EXPECT_FALSE(waitUntil([&] { return isGone.load(); }, std::chrono::milliseconds(200)));
-        drm.holds = false;
-        writing.join();
-        removing.join();
-        EXPECT_EQ(drm.decrypts, 1);
-        EXPECT_EQ(drm.released, 1);
-        UVA_OfferDRMBackend("org.test", nullptr);
-    }
-}
-
-TEST_F(ProtectedSourceTest, AReleaseWaitsForOneSample) {
-    FakeDrm drm;
-    drm.holds = true;
-    offer(drm);
-    client.answer = [&](auto) { // on the streaming thread
-        if (drm.decrypts == 0)
-            write(videoId,
-                  {encrypted(1, {{0, 100}}), encrypted(1, {{0, 100}}), encrypted(1, {{0, 100}})});
-    };
-    open(false);
-    backend->play();
-    ASSERT_TRUE(waitUntil([&] { return drm.decrypts == 1; }));
-    std::thread releasing([&] { owner.reset(); });
-    EXPECT_TRUE(waitUntil([] { return TestSample::alive == 1; })) << "the others are dropped";
-    drm.holds = false;
-    releasing.join();
-    EXPECT_EQ(drm.decrypts, 1);
-    EXPECT_EQ(drm.released, 1);
-    UVA_OfferDRMBackend("org.test", nullptr);
 }
 
 } // namespace

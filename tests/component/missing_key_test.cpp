@@ -5,108 +5,26 @@
 #include "host/event_loop.h"
 #include "host/media_element.h"
 
+#include "support/media_host.h"
 #include "support/sink_watch.h"
 #include "support/wait_until.h"
 
 #include <gtest/gtest.h>
 
-#include <atomic>
-#include <stdexcept>
-
 namespace {
 
 using host::State;
 using support::SinkWatch;
+using support::TestDrm;
 using support::waitUntil;
 
 constexpr auto longBound = std::chrono::seconds(60);
 constexpr double soundTolerance = 0.1; ///< seconds
+
 constexpr std::uint8_t cipher = 0x5A;
 
 /// One of the two rounds that a clip is played: each has its own key.
-enum Round : std::uint8_t { First = 1, Second = 2 };
-
-/// What a host's content protection may do instead of decrypting.
-enum class Fault {
-    None,
-    RefusesKey,
-    NoDecrypter,
-    ThrowsInCreate,
-    ThrowsInInterface,
-    FailsToDecrypt,
-    FailsNowAndThen,
-    ThrowsInDecrypt,
-    ThrowsInRelease,
-};
-
-/// Decrypts one round, and is at fault in the other.
-class FaultyDrm final : public UVADRMBackend, public UVADRMFullSampleDecrypter {
-public:
-    FaultyDrm(Fault fault, Round round, bool wholeSamples)
-        : m_fault(fault), m_round(round), m_wholeSamples(wholeSamples) {}
-
-    int createDecrypter(UVADRMDecrypter*& decrypter, const std::uint8_t* keyId, std::size_t,
-                        std::uint64_t) override {
-        const auto fault = keyId[0] == m_round ? m_fault : Fault::None;
-        if (fault == Fault::RefusesKey)
-            return 0;
-        if (fault == Fault::NoDecrypter)
-            return 1;
-        if (fault == Fault::ThrowsInCreate)
-            throw std::runtime_error("no licence");
-        decrypter = new Decrypter(fault);
-        ++created;
-        m_creating = fault;
-        return 1;
-    }
-    void releaseDecrypter(UVADRMDecrypter* decrypter) override {
-        const auto fault = static_cast<Decrypter*>(decrypter)->fault;
-        delete decrypter;
-        ++released;
-        if (fault == Fault::ThrowsInRelease)
-            throw std::runtime_error("no session");
-    }
-    void* getInterface(const char* name) override {
-        if (m_creating == Fault::ThrowsInInterface)
-            throw 1;
-        const bool asked = std::string_view(name) == UVADRMFullSampleDecrypter::interfaceName;
-        return asked && m_wholeSamples ? static_cast<UVADRMFullSampleDecrypter*>(this) : nullptr;
-    }
-    int decrypt(UVADRMDecrypter* decrypter, const Sample& sample) override {
-        const auto& range = sample.subsamples.at(0);
-        return static_cast<Decrypter*>(decrypter)->decrypt(sample.data + range.offset,
-                                                           range.length);
-    }
-
-    std::atomic<int> created{0}, released{0};
-
-private:
-    class Decrypter final : public UVADRMDecrypter {
-    public:
-        explicit Decrypter(Fault f) : fault(f) {}
-        int decrypt(const Input&, const Output& output) override {
-            return decrypt(output.data, output.size);
-        }
-        int decrypt(std::uint8_t* data, std::size_t size) {
-            for (std::size_t i = 0; i < size; ++i)
-                data[i] ^= cipher;
-            if (fault == Fault::ThrowsInDecrypt)
-                throw 1;
-            constexpr int often = 3;
-            return fault == Fault::FailsToDecrypt ||
-                   (fault == Fault::FailsNowAndThen && ++m_count % often == 0);
-        }
-        const Fault fault;
-
-    private:
-        int m_count = 0;
-    };
-
-    const Fault m_fault;
-    const Round m_round;
-    const bool m_wholeSamples;
-    std::atomic<Fault> m_creating{Fault::None};
-};
+enum Round : char { First = '1', Second = '2' };
 
 /// What of a clip is not encrypted.
 struct Layout {
@@ -115,7 +33,7 @@ struct Layout {
 };
 
 host::KeyBytes keyIdOf(Round round) {
-    return {round};
+    return {static_cast<std::uint8_t>(round)};
 }
 
 /// A clear stream twice, the second round behind the first, encrypted.
@@ -263,28 +181,36 @@ constexpr Clip clips[] = {
     {"mpeg4-mp3.mp4", 0, 1}, {"mpeg2-ac3.ts", 0, 1}, {"vp9-opus.webm", 25, 1},
 };
 
+/// What a host's content protection may do instead of decrypting the first round.
 constexpr struct {
-    Fault fault;
     const char* what;
+    TestDrm::Call call;
+    TestDrm::Answer answer;
     bool spoils; ///< the round
-    std::size_t clearBytes;
+    int every = 1;
+    std::size_t clearBytes = 0;
 } faults[] = {
-    {Fault::RefusesKey, "refuses the key", true, 0},
-    {Fault::RefusesKey, "refuses the key, headers are clear", true, 40},
-    {Fault::NoDecrypter, "makes no decrypter", true, 0},
-    {Fault::ThrowsInCreate, "throws in createDecrypter", true, 0},
-    {Fault::ThrowsInInterface, "throws in getInterface", false, 0},
-    {Fault::FailsToDecrypt, "fails to decrypt", true, 0},
-    {Fault::FailsNowAndThen, "fails now and then", true, 0},
-    {Fault::ThrowsInDecrypt, "throws in decrypt", true, 0},
-    {Fault::ThrowsInRelease, "throws in releaseDecrypter", false, 0},
+    {"refuses the key", TestDrm::Create, TestDrm::Refuses, true},
+    {"refuses the key, headers are clear", TestDrm::Create, TestDrm::Refuses, true, 1, 40},
+    {"makes no decrypter", TestDrm::Create, TestDrm::MakesNone, true},
+    {"throws in createDecrypter", TestDrm::Create, TestDrm::Throws, true},
+    {"throws in getInterface", TestDrm::GetInterface, TestDrm::ThrowsANumber, false},
+    {"fails to decrypt", TestDrm::Decrypt, TestDrm::Refuses, true},
+    {"fails now and then", TestDrm::Decrypt, TestDrm::Refuses, true, 3},
+    {"throws in decrypt", TestDrm::Decrypt, TestDrm::ThrowsANumber, true},
+    {"throws in releaseDecrypter", TestDrm::Release, TestDrm::Throws, false},
 };
 
 TEST(MissingKey, ShowsAllThatComesAfterTheKey) {
     for (const auto& clip : clips) {
         for (const auto& row : faults) {
             SCOPED_TRACE(std::string(clip.name) + " " + row.what);
-            FaultyDrm drm(row.fault, First, row.fault == Fault::FailsToDecrypt);
+            TestDrm drm;
+            drm.cipher = cipher;
+            drm.answers[row.call] = row.answer;
+            drm.answersFor = First;
+            drm.answersEvery = row.every;
+            drm.hasFullSample = row.answer == TestDrm::Refuses;
             const auto outcome = play(clip, &drm, {false, row.clearBytes});
             EXPECT_EQ(outcome.state, State::Ended) << outcome.reason;
             EXPECT_EQ(drm.created, drm.released);
@@ -302,7 +228,10 @@ TEST(MissingKey, ShowsAClearLead) {
     for (const auto& clip : clips) {
         for (const bool withDrm : {true, false}) {
             SCOPED_TRACE(std::string(clip.name) + (withDrm ? "" : " without a DRM"));
-            FaultyDrm drm(Fault::RefusesKey, Second, false);
+            TestDrm drm;
+            drm.cipher = cipher;
+            drm.answers[TestDrm::Create] = TestDrm::Refuses;
+            drm.answersFor = Second;
             const auto outcome = play(clip, withDrm ? &drm : nullptr, {true});
             EXPECT_EQ(outcome.state, State::Ended) << outcome.reason;
             EXPECT_GE(outcome.first.frames + heldByDecoder, clip.frames);

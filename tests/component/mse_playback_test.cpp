@@ -103,87 +103,42 @@ std::string corpus(const std::string& name) {
     return TEST_CORPUS "/" + name;
 }
 
-/// A network that stops at a time of the media, seconds, until it is opened; and is late each time.
-class Network {
+/// Is late each time.
+class LateStream final : public host::SampleStream {
 public:
-    Network(double stop, std::chrono::milliseconds delay) : m_stop(stop), m_delay(delay) {}
-
-    std::unique_ptr<host::SampleStream> behind(std::unique_ptr<host::SampleStream> stream) {
-        return std::make_unique<Stream>(std::move(stream), *this);
+    explicit LateStream(std::unique_ptr<host::SampleStream> stream) : m_stream(std::move(stream)) {}
+    const host::StreamInfo& info() const override { return m_stream->info(); }
+    Batch read(std::size_t count) override {
+        auto batch = m_stream->read(count);
+        std::this_thread::sleep_for(std::chrono::milliseconds(300));
+        return batch;
     }
-    void open() {
-        const std::lock_guard lock(m_mutex);
-        m_open = true;
-        m_changed.notify_all();
-    }
+    std::string seek(double seconds) override { return m_stream->seek(seconds); }
+    void interrupt() override { m_stream->interrupt(); }
 
 private:
-    class Stream final : public host::SampleStream {
-    public:
-        Stream(std::unique_ptr<host::SampleStream> stream, Network& network)
-            : m_stream(std::move(stream)), m_network(network) {}
-        const host::StreamInfo& info() const override { return m_stream->info(); }
-        Batch read(std::size_t count) override {
-            auto batch = m_stream->read(count);
-            m_network.pass(batch.samples.empty() ? 0 : batch.samples.front()->pts());
-            return batch;
-        }
-        std::string seek(double seconds) override { return m_stream->seek(seconds); }
-        void interrupt() override {
-            m_network.open();
-            m_stream->interrupt();
-        }
-
-    private:
-        const std::unique_ptr<host::SampleStream> m_stream;
-        Network& m_network;
-    };
-
-    void pass(double time) {
-        std::unique_lock lock(m_mutex);
-        m_changed.wait_for(lock, m_delay, [] { return false; });
-        m_changed.wait(lock, [&] { return m_open || time < m_stop; });
-    }
-
-    const double m_stop;
-    const std::chrono::milliseconds m_delay;
-    std::mutex m_mutex; // guards m_open
-    std::condition_variable m_changed;
-    bool m_open = false;
+    const std::unique_ptr<host::SampleStream> m_stream;
 };
 
 /// One media element that plays one file through the library.
 class Player final : public host::Observer {
 public:
     explicit Player(const std::string& path, Keys keys = nullptr, Scheme scheme = Scheme::None,
-                    SinkWatch::Options watch = {false, true, true}, Network* network = nullptr)
-        : Player(std::vector{path}, std::move(keys), scheme, watch, network) {}
-    /// From several files of one piece of media.
-    explicit Player(const std::vector<std::string>& paths, Keys keys = nullptr,
-                    Scheme scheme = Scheme::None, SinkWatch::Options watch = {false, true, true},
-                    Network* network = nullptr)
-        : Player(
-              [=](const std::atomic<bool>& cancelled) {
-                  host::DemuxedMedia all;
-                  for (auto& media : host::openMedia(paths, cancelled)) {
-                      all.error += media.error;
-                      for (auto& stream : media.streams) {
-                          auto guarded = host::protect(std::move(stream), scheme, ownPair);
-                          all.streams.push_back(network ? network->behind(std::move(guarded))
-                                                        : std::move(guarded));
-                      }
-                  }
-                  return all;
-              },
-              keys, {}, watch) {}
-    Player(decltype(host::MediaSource::open) open, Keys keys, host::MediaElement::Options options,
-           SinkWatch::Options watch = {false, true, true})
-        : m_keys(keys), m_element(library(), m_loop, *this, std::move(options)) {
+                    SinkWatch::Options watch = {false, true, true}, bool late = false)
+        : m_keys(keys), m_element(library(), m_loop, *this, {}) {
         SinkWatch::instance().restart(watch);
         if (keys != nullptr)
             UVA_OfferDRMBackend(host::clearKeySystem, keys.get());
         host::MediaSource source;
-        source.open = std::move(open);
+        source.open = [=](const std::atomic<bool>& cancelled) {
+            auto media = host::openMedia(path, cancelled);
+            for (auto& stream : media.streams) {
+                stream = host::protect(std::move(stream), scheme, ownPair);
+                if (late)
+                    stream = std::make_unique<LateStream>(std::move(stream));
+            }
+            return media;
+        };
         source.keys = std::move(keys);
         m_element.openSource(std::move(source));
         m_element.play();
@@ -203,7 +158,6 @@ public:
                status().state == state;
     }
     host::Status status() { return locked(m_status); }
-    std::vector<host::KeyBytes> keysNeeded() { return locked(m_keysNeeded); }
     std::size_t seeks() { return locked(m_seeks); }
     double heldAt() { return locked(m_heldAt); } ///< where playback last waited for data, seconds
 
@@ -237,14 +191,10 @@ private:
         EXPECT_EQ(outcome, SeekOutcome::Succeeded);
         ++m_seeks;
     }
-    void onKeyNeeded(const host::KeyBytes& id) override {
-        const std::lock_guard lock(m_mutex);
-        m_keysNeeded.push_back(id);
-    }
+    void onKeyNeeded(const host::KeyBytes&) override {}
 
-    std::mutex m_mutex; // guards the four below
+    std::mutex m_mutex; // guards the three below
     host::Status m_status;
-    std::vector<host::KeyBytes> m_keysNeeded;
     std::size_t m_seeks = 0;
     double m_heldAt = 0;
     const Keys m_keys;
@@ -404,44 +354,6 @@ TEST(MsePlayback, ShowsFilesWhoseProtectionChanges) {
     }
 }
 
-/// Sound and picture of one piece of media whose files begin at different times.
-TEST(MsePlayback, KeepsInputsTogether) {
-    constexpr double ahead = 0.4; // seconds of sound alone
-    const struct {
-        const char* what;
-        const char* audio;
-        const char* video;
-    } rows[] = {
-        {"transport streams", "-output_ts_offset 9 -f mpegts", "-output_ts_offset 9.4 -f mpegts"},
-        {"fragments", "-output_ts_offset 9 -movflags frag_keyframe+empty_moov+delay_moov -f mp4",
-         "-output_ts_offset 9.4 -movflags frag_keyframe+empty_moov+delay_moov -f mp4"},
-    };
-    const auto made = "/tmp/mse_playback_test.together." + std::to_string(getpid());
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.what);
-        const auto command = "ffmpeg -nostdin -v error -y -i '" + generated("h264-aac.mp4") +
-                             "' -c copy -vn " + row.audio + " " + made + ".a -c copy -an " +
-                             row.video + " " + made + ".v";
-        ASSERT_EQ(std::system(command.c_str()), 0) << command;
-        const auto original = decode(generated("h264-aac.mp4"));
-        Player player({made + ".a", made + ".v"});
-        ASSERT_TRUE(player.waitFor(State::Ended)) << player.status().reason;
-        const auto video = SinkWatch::instance().video();
-        const auto audio = SinkWatch::instance().audio();
-        ASSERT_EQ(video.buffers.size(), original.digests.size());
-        ASSERT_FALSE(audio.buffers.empty());
-        const double start = audio.buffers.front().position;
-        for (std::size_t i = 0; i < video.buffers.size(); ++i) {
-            EXPECT_EQ(video.buffers[i].digest, original.digests[i]) << i;
-            EXPECT_NEAR(video.buffers[i].position - start, original.times[i] + ahead, 0.03) << i;
-        }
-        EXPECT_NEAR(static_cast<double>(audio.sound.size()) / audio.rate, original.sound, 0.05);
-        EXPECT_NEAR(player.status().duration, original.end + ahead, 0.1);
-    }
-    std::filesystem::remove(made + ".a");
-    std::filesystem::remove(made + ".v");
-}
-
 /// Of WebM encryption ffmpeg knows nothing: what can be known is how much there is of it.
 TEST(MsePlayback, ShowsRealEncryptedWebm) {
     const auto path = corpus("cenc/webm-vp8-vorbis.webm");
@@ -458,73 +370,6 @@ TEST(MsePlayback, ShowsRealEncryptedWebm) {
     }
 }
 
-TEST(MsePlayback, HoldsBackWhatItHasNoKeyForUntilTheKeyComes) {
-    const auto keys = std::make_shared<ClearKey>(ClearKey::Interface::PerRange);
-    Player player(generated("h264-aac.mp4"), keys, Scheme::Cenc);
-    ASSERT_TRUE(waitUntil([&] { return player.keysNeeded().size() == 2; })) << "audio and video";
-    for (const auto& id : player.keysNeeded())
-        EXPECT_EQ(id, ownPair.id);
-    EXPECT_TRUE(SinkWatch::instance().video().prerolled.empty());
-    EXPECT_TRUE(SinkWatch::instance().audio().prerolled.empty());
-    keys->addKey(ownPair);
-    player.element().resumeFeeding();
-    expectPlayed(player, decode(generated("h264-aac.mp4")));
-}
-
-/// Clear up to 3 s and protected from there; between 1.5 and 3 s nothing ever comes.
-class Gapped final : public host::SampleStream {
-public:
-    Gapped(std::unique_ptr<SampleStream> clear, std::unique_ptr<SampleStream> other)
-        : m_stream(host::switchAt(std::move(clear), 3,
-                                  host::protect(std::move(other), Scheme::Cenc, ownPair))) {}
-
-    const host::StreamInfo& info() const override { return m_stream->info(); }
-    Batch read(std::size_t count) override {
-        auto batch = m_stream->read(m_inGap ? 0 : count);
-        const double pts = batch.samples.empty() ? 0 : batch.samples.front()->data().pts;
-        m_inGap = m_inGap || (pts > 1.5 && pts < 3);
-        return m_inGap ? Batch{} : std::move(batch);
-    }
-    std::string seek(double seconds) override {
-        m_inGap = false;
-        return m_stream->seek(seconds);
-    }
-    void interrupt() override { m_stream->interrupt(); }
-
-private:
-    const std::unique_ptr<SampleStream> m_stream;
-    bool m_inGap = false;
-};
-
-host::DemuxedMedia openGapped(const std::atomic<bool>& cancelled) {
-    auto media = host::openMedia(generated("clip.mp4"), cancelled);
-    auto again = host::openMedia(generated("clip.mp4"), cancelled);
-    for (std::size_t i = 0; i < media.streams.size(); ++i)
-        media.streams[i] =
-            std::make_unique<Gapped>(std::move(media.streams[i]), std::move(again.streams[i]));
-    return media;
-}
-
-TEST(MsePlayback, GivesUpWaitingForAKeyOnlyWhereItIsTheKeyThatIsMissing) {
-    for (const bool seeksOut : {false, true}) {
-        SCOPED_TRACE(seeksOut ? "out of the protected part" : "in the protected part");
-        host::MediaElement::Options options;
-        options.noProgress = std::chrono::seconds(2);
-        options.keyDelay = seeksOut ? longBound : std::chrono::seconds(0);
-        Player player(openGapped, std::make_shared<ClearKey>(ClearKey::Interface::PerRange),
-                      options);
-        ASSERT_TRUE(player.waitFor(State::Playing));
-        player.element().seek(4);
-        ASSERT_TRUE(waitUntil([&] { return !player.keysNeeded().empty(); }));
-        if (seeksOut)
-            player.element().seek(0.5);
-        ASSERT_TRUE(waitUntil([&] { return player.status().state == State::Failed; }, longBound));
-        const auto reason = player.status().reason;
-        EXPECT_EQ(reason.find("no key came for 2.") != std::string::npos, !seeksOut) << reason;
-        EXPECT_NE(reason.find("stalled at "), std::string::npos) << reason;
-    }
-}
-
 /// The first of what was rendered after the sink's last flush, if enough has followed.
 std::optional<support::Rendered> firstAfterSeek(const RenderedStream& stream, double target) {
     constexpr double enough = 0.1;
@@ -536,78 +381,10 @@ std::optional<support::Rendered> firstAfterSeek(const RenderedStream& stream, do
     });
 }
 
-/// Nothing was shown or heard after its time, when a decoder leaves it out.
-void expectInTime() {
-    constexpr double busyMachine = 0.25; // seconds
-    for (const auto& stream : {SinkWatch::instance().video(), SinkWatch::instance().audio()}) {
-        const auto latest = std::max_element(stream.buffers.begin(), stream.buffers.end(),
-                                             [](auto& a, auto& b) { return a.late < b.late; });
-        ASSERT_NE(latest, stream.buffers.end());
-        EXPECT_LT(latest->late, busyMachine) << "at " << latest->position;
-    }
-}
-
 TEST(MsePlayback, LosesNothingOfWhatComesLate) {
-    Network network(1e9, std::chrono::milliseconds(300));
-    Player player(generated("frag.mp4"), nullptr, Scheme::None, clocked, &network);
+    Player player(generated("frag.mp4"), nullptr, Scheme::None, clocked, true);
     expectPlayed(player, decode(generated("frag.mp4")));
-    expectInTime();
     EXPECT_LT(player.heldAt(), 1.0) << "at the beginning, while there is little";
-}
-
-TEST(MsePlayback, HoldsPlaybackWhileTheNetworkStands) {
-    const struct {
-        const char* what;
-        double stop; // seconds
-        std::function<void(Player&)> meanwhile;
-        bool sought;
-    } rows[] = {
-        {"just before the end", 5, [](Player&) {}, false},
-        {"the user pauses", 3,
-         [](Player& player) {
-             player.element().pause();
-             EXPECT_TRUE(player.waitFor(State::Paused));
-             player.element().play();
-             EXPECT_TRUE(player.waitFor(State::Buffering));
-             player.element().pause();
-             EXPECT_TRUE(player.waitFor(State::Paused));
-         },
-         false},
-        {"the user seeks", 3, [](Player& player) { player.element().seek(4.5); }, true},
-    };
-    const auto expected = decode(generated("frag.mp4"));
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.what);
-        Network network(row.stop, std::chrono::milliseconds(0));
-        Player player(generated("frag.mp4"), nullptr, Scheme::None, clocked, &network);
-        ASSERT_TRUE(player.waitFor(State::Playing));
-        ASSERT_TRUE(player.waitFor(State::Buffering)) << player.status().reason;
-        const double held = player.status().position;
-        EXPECT_LT(held, row.stop);
-        row.meanwhile(player);
-        const auto before = player.status();
-        EXPECT_FALSE(waitUntil([&] { return player.status().position > held + 0.3 && !row.sought; },
-                               std::chrono::milliseconds(1000)));
-        network.open();
-        if (before.state == State::Paused) {
-            EXPECT_FALSE(waitUntil([&] { return player.status().state != State::Paused; },
-                                   std::chrono::milliseconds(500)));
-            player.element().play();
-        }
-        if (!row.sought) {
-            expectPlayed(player, expected);
-            expectInTime();
-            continue;
-        }
-        ASSERT_TRUE(player.waitFor(State::Ended)) << player.status().reason;
-        const auto isBehind = [](double time) { return time > 4.5; };
-        const auto shown = SinkWatch::instance().video().buffers;
-        // The frame in which the target lies begins there.
-        EXPECT_EQ(1 + std::count_if(expected.times.begin(), expected.times.end(), isBehind),
-                  std::count_if(shown.begin(), shown.end(),
-                                [](const auto& frame) { return frame.flushes > 0; }));
-        expectInTime();
-    }
 }
 
 TEST(MsePlayback, BeginsWhereItIsSoughtTo) {

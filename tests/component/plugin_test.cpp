@@ -1,6 +1,6 @@
 // The built library as a host loads it: its entry points, and what a first request starts.
 
-#include "support/recording_client.h"
+#include "support/media_host.h"
 #include "support/wait_until.h"
 
 #include <dlfcn.h>
@@ -56,6 +56,8 @@ TEST_F(PluginTest, RequestsStartTheProcessWideThreadsOnce) {
     const auto request = entry<Request>("UVA_RequestBackend");
     const auto release = entry<Release>("UVA_ReleaseBackend");
     ASSERT_NE(release, nullptr);
+    const char* const debugRequest = "/tmp/GST_DEBUG"; // looked for at once, then now and then
+    std::ofstream(debugRequest) << "uvabackend:2\n*:1\n";
     for (const unsigned int type : {0U, 1U, 3U, 3U}) {
         UVAMediaBackend* backend = request(type, &client);
         ASSERT_NE(backend, nullptr) << type;
@@ -65,6 +67,10 @@ TEST_F(PluginTest, RequestsStartTheProcessWideThreadsOnce) {
     // A thread takes its name itself, once it runs.
     for (const char* name : {"gst_run", "gst_chk_dbg"})
         EXPECT_TRUE(support::waitUntil([name] { return threadsCalled(name) == 1; })) << name;
+    EXPECT_TRUE(support::waitUntil([=] {
+        const char* now = std::getenv("GST_DEBUG");
+        return !std::filesystem::exists(debugRequest) && now && now == std::string("uvabackend:2");
+    }));
     EXPECT_TRUE(entry<bool (*)(void**)>("BackendInit")(nullptr));
     for (const char* name : {"gst_run", "gst_chk_dbg"})
         EXPECT_EQ(threadsCalled(name), 1) << name;

@@ -3,19 +3,17 @@
 
 #include "gst_ptr.h"
 #include "support/log_capture.h"
-#include "uva/uva_drm_backend.h"
+#include "support/media_host.h"
 #include "uva_gstcontentprotection.h"
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cstring>
-#include <functional>
-#include <stdexcept>
 
 namespace {
 
 using support::LogCapture;
+using support::TestDrm;
 using Buffer = GstPtr<GstBuffer>;
 using Bytes = std::vector<guint8>;
 using Lines = std::vector<std::string>;
@@ -25,81 +23,6 @@ GArray* arrayOf(const Ranges& ranges) {
     GArray* array = g_array_new(FALSE, FALSE, sizeof(GstUvaSubsample));
     return g_array_append_vals(array, ranges.data(), static_cast<guint>(ranges.size()));
 }
-
-/// A host that keeps a journal of what it is asked for, and decrypts by turning every bit.
-class JournalDrm final : public UVADRMBackend,
-                         public UVADRMKeySlotGetter,
-                         public UVADRMFullSampleDecrypter {
-public:
-    int createDecrypter(UVADRMDecrypter*& decrypter, const std::uint8_t* keyId, std::size_t size,
-                        std::uint64_t value) override {
-        journal.push_back("create " + std::string(keyId, keyId + size) + " " +
-                          std::to_string(value));
-        mayThrow();
-        if (refuses || makesNone)
-            return refuses ? 0 : 1;
-        decrypter = new Piecewise(*this);
-        return 1;
-    }
-    void releaseDecrypter(UVADRMDecrypter* decrypter) override {
-        journal.emplace_back("release");
-        delete decrypter;
-        mayThrow();
-    }
-    void* getInterface(const char* name) override {
-        mayThrow();
-        if (hasKeySlots && std::strcmp(name, UVADRMKeySlotGetter::interfaceName) == 0)
-            return static_cast<UVADRMKeySlotGetter*>(this);
-        if (hasFullSample && std::strcmp(name, UVADRMFullSampleDecrypter::interfaceName) == 0)
-            return static_cast<UVADRMFullSampleDecrypter*>(this);
-        return nullptr;
-    }
-    int getKeySlot(UVADRMDecrypter*, std::uint32_t& slot) override {
-        mayThrow();
-        slot = 42;
-        return fails ? 0 : 1;
-    }
-    int decrypt(UVADRMDecrypter*, const Sample& sample) override {
-        std::string line =
-            "whole of " + std::to_string(sample.size) + " iv " + std::to_string(sample.ivSize);
-        for (const auto& range : sample.subsamples)
-            line += " " + std::to_string(range.offset) + "+" + std::to_string(range.length);
-        journal.push_back(line);
-        mayThrow();
-        return fails ? 1 : 0;
-    }
-
-    bool refuses = false, makesNone = false, fails = false, hasKeySlots = false,
-         hasFullSample = false;
-    enum { Never, AnException, Anything } throws = Never;
-    Lines journal;
-
-private:
-    void mayThrow() const {
-        if (throws == AnException)
-            throw std::runtime_error("of the host");
-        if (throws == Anything)
-            throw 42;
-    }
-    class Piecewise final : public UVADRMDecrypter {
-    public:
-        explicit Piecewise(JournalDrm& drm) : m_drm(drm) {}
-        int decrypt(const Input& input, const Output& output) override {
-            m_drm.journal.push_back(
-                std::to_string(input.size) +
-                (input.iv != nullptr ? " iv " + std::to_string(input.ivSize) : "") +
-                (input.first ? " first" : "") + (input.last ? " last" : "") +
-                (input.flag ? " flag" : ""));
-            m_drm.mayThrow();
-            for (std::size_t i = 0; i < output.size; ++i)
-                output.data[i] = static_cast<guint8>(~input.data[i]);
-            return m_drm.fails ? 1 : 0;
-        }
-
-    private:
-        JournalDrm& m_drm;
-    };
-};
 
 class ProtectionTest : public testing::Test {
 protected:
@@ -131,12 +54,12 @@ protected:
                gst_uva_decrypter_context_software_decrypt_debug(
                    context, sample.data(), sample.size(), metaOf(buffer), 0, 0, 0);
     }
-    Lines takeJournal() { return std::exchange(drm.journal, {}); }
+    Lines takeJournal() { return drm.takeJournal(); }
 
     ~ProtectionTest() override { gst_uva_decrypter_context_free(context); }
 
     static GstDebugCategory* category;
-    JournalDrm drm;
+    TestDrm drm;
     GstUvaDecrypterContext* context = gst_uva_decrypter_context_new();
 };
 GstDebugCategory* ProtectionTest::category = nullptr;
@@ -147,7 +70,7 @@ TEST_F(ProtectionDeathTest, OwnMistakesAreAsserted) {
     EXPECT_DEATH(gst_buffer_add_content_protection_meta(buffer.get(), "", nullptr, 0, nullptr, 0,
                                                         nullptr, FALSE, nullptr),
                  "gst_buffer_get_meta\\(buffer, gst_cp_meta_api_get_type\\(\\)\\) == nullptr");
-    JournalDrm another;
+    TestDrm another;
     const auto foreign = encrypted("l", {}, &another);
     ASSERT_TRUE(gst_uva_decrypter_context_update(context, metaOf(buffer), 7));
     EXPECT_DEATH(gst_uva_decrypter_context_update(context, metaOf(foreign), 7),
@@ -214,21 +137,26 @@ TEST_F(ProtectionTest, AMergedBufferKeepsTheFirstMeta) {
 TEST_F(ProtectionTest, WhatTheHostThrowsIsAFailure) {
     drm.hasKeySlots = true;
     for (const bool whole : {false, true}) {
-        for (const auto throws : {JournalDrm::AnException, JournalDrm::Anything}) {
-            SCOPED_TRACE(throws);
+        for (const auto answer : {TestDrm::Throws, TestDrm::ThrowsANumber}) {
+            SCOPED_TRACE(answer);
+            const decltype(drm.answers) throws = {{TestDrm::Create, answer},
+                                                  {TestDrm::Release, answer},
+                                                  {TestDrm::GetInterface, answer},
+                                                  {TestDrm::GetSlot, answer},
+                                                  {TestDrm::Decrypt, answer}};
             LogCapture log(category);
             Bytes sample(100, 0x55);
             drm.hasFullSample = whole;
-            drm.throws = throws;
+            drm.answers = throws;
             EXPECT_FALSE(decrypt({{0, 10}}, sample)) << "no decrypter";
-            drm.throws = JournalDrm::Never;
+            drm.answers.clear();
             EXPECT_TRUE(decrypt({{0, 10}}, sample));
-            drm.throws = throws;
+            drm.answers = throws;
             EXPECT_FALSE(decrypt({{0, 10}}, sample));
             guint32 slot = 5;
             EXPECT_FALSE(gst_uva_decrypter_context_get_key_slot(context, &slot));
             gst_uva_decrypter_context_reset(context);
-            drm.throws = JournalDrm::Never;
+            drm.answers.clear();
             auto lines = log.lines();
             lines.erase(std::remove_if(lines.begin(), lines.end(),
                                        [](auto& line) { return line.rfind("ERROR", 0) != 0; }),
@@ -249,28 +177,34 @@ TEST_F(ProtectionTest, OneDecrypterAKey) {
     EXPECT_TRUE(update("ab"));
     EXPECT_EQ(takeJournal(), (Lines{"release", "create ab 7"}));
 
-    drm.refuses = true;
+    drm.answers[TestDrm::Create] = TestDrm::Refuses;
+    LogCapture log(category);
+    EXPECT_FALSE(update("\x1f\xa0z"));
+    EXPECT_TRUE(log.has("WARN no decrypter for key id 1fa07a"));
+    EXPECT_EQ(takeJournal(), (Lines{"release", "create \x1f\xa0z 7"}));
+    EXPECT_TRUE((drm.answers.clear(), update("ab")));
+    drm.answers[TestDrm::Create] = TestDrm::Refuses;
+    takeJournal();
     EXPECT_FALSE(update("b"));
     EXPECT_EQ(takeJournal(), (Lines{"release", "create b 7"}));
     EXPECT_FALSE(update("ab")) << "that decrypter is gone";
     EXPECT_EQ(takeJournal(), (Lines{"create ab 7"}));
-    drm.refuses = false;
-    drm.makesNone = true;
+    drm.answers[TestDrm::Create] = TestDrm::MakesNone;
     EXPECT_FALSE(update("ab"));
     EXPECT_EQ(takeJournal(), (Lines{"create ab 7"}));
     EXPECT_FALSE(update("")) << "clear";
     EXPECT_EQ(takeJournal(), Lines{});
 
-    drm.makesNone = false;
+    drm.answers.clear();
     EXPECT_TRUE(update("c"));
     gst_uva_decrypter_context_reset(context);
     gst_uva_decrypter_context_reset(context);
     EXPECT_EQ(takeJournal(), (Lines{"create c 7", "release"}));
-    JournalDrm another;
+    TestDrm another;
     const auto foreign = encrypted("c", {}, &another);
     EXPECT_TRUE(gst_uva_decrypter_context_update(context, metaOf(foreign), ~0ULL));
     gst_uva_decrypter_context_free(std::exchange(context, nullptr));
-    EXPECT_EQ(another.journal, (Lines{"create c 18446744073709551615", "release"}));
+    EXPECT_EQ(another.takeJournal(), (Lines{"create c 18446744073709551615", "release"}));
     gst_uva_decrypter_context_free(nullptr);
 }
 
@@ -286,12 +220,13 @@ TEST_F(ProtectionTest, KeySlotsComeFromTheHost) {
     EXPECT_FALSE(gst_uva_decrypter_context_get_key_slot(context, &slot));
     EXPECT_EQ(log.lines(), Lines{missing});
 
-    drm.hasKeySlots = drm.fails = true;
+    drm.hasKeySlots = true;
+    drm.answers[TestDrm::GetSlot] = TestDrm::Refuses;
     update("b");
     EXPECT_FALSE(gst_uva_decrypter_context_get_key_slot(context, &slot));
     EXPECT_TRUE(log.has("ERROR Failed to obtain key slot value"));
     EXPECT_EQ(slot, 5U);
-    drm.fails = false;
+    drm.answers.clear();
     EXPECT_TRUE(gst_uva_decrypter_context_get_key_slot(context, &slot));
     EXPECT_EQ(slot, 42U);
     gst_uva_decrypter_context_reset(context);
@@ -322,7 +257,7 @@ TEST_F(ProtectionTest, RangesAreDecryptedInPlaceInOrder) {
             std::fill_n(wanted.begin() + range.offset, range.length, 0xAA);
         Bytes sample(100, 0x55);
         ASSERT_EQ(decrypt({}, sample), TRUE);
-        drm.journal.clear();
+        takeJournal();
         EXPECT_EQ(decrypt(row.ranges, sample), row.succeeds);
         EXPECT_EQ(takeJournal(), row.calls);
         EXPECT_EQ(sample, wanted);
@@ -331,11 +266,11 @@ TEST_F(ProtectionTest, RangesAreDecryptedInPlaceInOrder) {
 
     LogCapture log(category);
     Bytes sample(100, 0x55);
-    drm.fails = true;
+    drm.answers[TestDrm::Decrypt] = TestDrm::Refuses;
     EXPECT_FALSE(decrypt({{0, 10}, {20, 10}}, sample));
     EXPECT_EQ(takeJournal(), (Lines{"10 iv 8 first"})) << "the first failure ends it";
     EXPECT_EQ(log.lines(), (Lines{"ERROR Failed to decrypt content!"}));
-    drm.fails = false;
+    drm.answers.clear();
     EXPECT_TRUE(gst_uva_decrypter_context_decrypt(context, nullptr, 0, sample.data(), 1,
                                                   sample.data(), 1, GST_UVA_DECRYPT_EXTRA));
     EXPECT_EQ(takeJournal(), (Lines{"1 flag"}));
@@ -352,7 +287,7 @@ TEST_F(ProtectionTest, AFullSampleInterfaceGetsAllAtOnce) {
     EXPECT_FALSE(decrypt({{0, 10}, {95, 6}}, sample));
     EXPECT_EQ(takeJournal(), Lines{});
     EXPECT_EQ(log.lines(), (Lines{"ERROR Failed to decrypt content!"}));
-    drm.fails = true;
+    drm.answers[TestDrm::Decrypt] = TestDrm::Refuses;
     EXPECT_FALSE(decrypt({{0, 10}}, sample));
     EXPECT_EQ(log.lines().size(), 2U);
 }

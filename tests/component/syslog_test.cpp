@@ -3,15 +3,18 @@
 
 #include "../unit/recorded_syslog.h"
 #include "gst_ptr.h"
+#include "gstnox_plugin.h"
 #include "gstnox_syslog.h"
 #include "support/wait_until.h"
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <regex>
 #include <sys/mman.h>
+#include <sys/resource.h>
 #include <sys/syscall.h>
 #include <sys/uio.h>
 #include <syslog.h>
@@ -148,6 +151,30 @@ TEST_F(SyslogTest, AnObjectMayBeRenamedMeanwhile) {
     EXPECT_EQ(logged(bin.get()), " '': the text\n");
     bin.get()->name = name;
     munmap(gone, size);
+}
+
+// The process-wide start, in a process whose log nobody reads yet.
+TEST(BackendStart, SaysWhatItDidOnce) {
+    gst_debug_set_threshold_for_name("uvapluginloader", GST_LEVEL_INFO);
+    takeSyslog();
+    std::vector<std::string> said;
+    const auto count = [&said](const std::string& text) {
+        for (const auto& [priority, line] : takeSyslog()) {
+            EXPECT_EQ(priority, LOG_INFO) << line;
+            said.push_back(line);
+        }
+        return std::count_if(said.begin(), said.end(), [&](const std::string& line) {
+            return line.find("<gst:uvapluginloader>") != std::string::npos &&
+                   line.find(text) != std::string::npos;
+        });
+    };
+    for (int i = 0; i < 2; ++i)
+        ASSERT_TRUE(BackendInit(nullptr));
+    EXPECT_TRUE(support::waitUntil([&] { return count("gst main loop started") == 1; }));
+    rlimit queues{};
+    getrlimit(RLIMIT_MSGQUEUE, &queues);
+    EXPECT_EQ(count("RLIMIT_MSGQUEUE stays as it is: "), queues.rlim_cur == RLIM_INFINITY ? 0 : 1);
+    EXPECT_EQ(count("Processing cfgfile"), 0) << "there is none";
 }
 
 } // namespace

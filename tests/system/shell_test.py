@@ -8,13 +8,11 @@ import os
 import pathlib
 import re
 import signal
-import socket
 import subprocess
 import sys
 import unittest
 
 sys.path.insert(0, os.path.join(os.path.dirname(__file__), "..", "support"))
-import own_mounts  # noqa: E402
 import gtest_result  # noqa: E402
 from host_run import TIMEOUT, UVA_HOST, Run  # noqa: E402
 from wait_until import wait_until  # noqa: E402
@@ -26,9 +24,6 @@ KEY = "00112233445566778899aabbccddeeff:0123456789abcdef0123456789abcdef"
 SYSLOG = pathlib.Path(sys.argv[3])
 PLAY = [UVA_HOST, "--standalone", "--no-progress-timeout", "60"]
 OUTPUT = pathlib.Path("/tmp/player.out")
-LOGS = pathlib.Path("/tmp/usb_logs")
-LOG, BACKUP = LOGS / "zanttrcuva.log", LOGS / "zanttrcuva.bak"
-LIMIT = 30_000
 
 
 def zantsh(*words):
@@ -131,55 +126,6 @@ class Shell(unittest.TestCase):
             code, state = zantsh("m_tracestate", unit)
             self.assertEqual(code, 0)
             self.assertIn(level, state)
-
-    def echo_numbers(self, first, last):
-        """Lines of a thousand bytes, with these numbers, through the shell."""
-        text = " " + " ".join(["x" * 490] * 2)
-        with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as client:
-            path = "/tmp/zant_dbg_client"
-            client.bind(path)
-            try:
-                client.settimeout(TIMEOUT)
-                for i in range(first, last):
-                    line = f"m_echo {i:06d}{text}".encode()
-                    client.sendto(line.ljust(1023, b"\0"), "/tmp/zant_dbg_server_uva")
-                    self.assertEqual(client.recv(16), b"OK\0")
-            finally:
-                os.unlink(path)
-
-    def test_logs_to_a_small_stick_until_it_is_full(self):
-        LOGS.mkdir()
-        if not own_mounts.mount_memory(LOGS, "-o", "size=1m,mode=755"):
-            self.skipTest("no namespaces here")
-        (LOGS / "tracesuva.cfg").write_text("MSHELL = m_tracedirectprintmode 0\n"
-                                            f"MSHELL = m_tracelogfilemaxsize {LIMIT}\n")
-        try:
-            self.play()
-            self.assertTrue(wait_until(lambda: f"MaxSize set to {LIMIT}" in LOG.read_text()))
-            self.echo_numbers(0, 100)
-            self.assertTrue(wait_until(lambda: "000099 x" in LOG.read_text()))
-            self.assertEqual(zantsh("m_echo", "rotated"), (0, "rotated\nOK\n"))
-            for path in (LOG, BACKUP):
-                self.assertLess(path.stat().st_size, LIMIT)
-            kept = re.findall(r"^(\d{6}) x", BACKUP.read_text() + LOG.read_text(), re.MULTILINE)
-            self.assertGreater(len(kept), 29)
-            self.assertEqual(kept, [f"{i:06d}" for i in range(100 - len(kept), 100)])
-
-            self.assertEqual(zantsh("m_tracelogfilemaxsize", "0")[0], 0)
-            with self.assertRaises(OSError), (LOGS / "photos").open("wb", 0) as filler:
-                while True:
-                    filler.write(bytes(4096))
-            self.echo_numbers(100, 110)
-            full = "(Writing to logfile is disabled now)"
-            self.assertTrue(wait_until(lambda: full in OUTPUT.read_text()))
-            self.assertEqual(OUTPUT.read_text().count(full), 1)
-            self.assertEqual(zantsh("m_echo")[0], 0)
-            since = len(OUTPUT.read_text())
-            self.assertTrue(wait_until(lambda: self.plays_on(since)))
-        finally:
-            self.tearDown()
-            subprocess.run(["umount", LOGS], check=True)
-            LOGS.rmdir()
 
 
 gtest_result.main()

@@ -12,6 +12,7 @@
 #include <filesystem>
 #include <fstream>
 #include <sys/stat.h>
+#include <syslog.h>
 #include <unistd.h>
 #include <vector>
 
@@ -56,6 +57,7 @@ TEST_F(CfgFileTest, ReadsWhatTheFormatAllows) {
         std::string text;
         std::string seen;
         const char* trace;
+        const char* stop = nullptr; ///< in syslog, behind the file's name
     };
     const std::string key63(63, 'K');
     const std::vector<Case> cases = {
@@ -70,14 +72,18 @@ TEST_F(CfgFileTest, ReadsWhatTheFormatAllows) {
         {"longest keyword", key63 + "=1", "1," + key63 + "=1|0", ""},
         {"keyword too long", key63 + "K=1\nB=2", "2,B=2|0", "Missing equal sign in line 1"},
         {"term character", "TERM_CHAR = ;\nA=1", "2;A=1|0", ""},
-        {"no term character", "TERM_CHAR =  \nA=1", "-2307", "Illegal data in line 1"},
-        {"stopped", "A=1\nSTOP=now\nB=2", "1,A=1|2,STOP=now|42", ""},
+        {"no term character", "TERM_CHAR =  \nA=1", "-2307", "Illegal data in line 1",
+         "1: TERM_CHAR needs a character behind \"=\""},
+        {"stopped", "A=1\nSTOP=now\nB=2", "1,A=1|2,STOP=now|42", "",
+         "2: \"STOP=now\" failed with 42: correct or remove it"},
         {"longest line", "A=" + std::string(1995, 'x') + "\nB=1",
          "1,A=" + std::string(1995, 'x') + "|2,B=1|0", ""},
         {"line too long", "B=1\nA=" + std::string(1996, 'x') + "\nC=1", "1,B=1|0",
-         "Line 2 in cfg file"},
-        {"longer", "A=" + std::string(1997, 'x'), "0", "Line 0 in cfg file"},
-        {"huge", "A=" + std::string(3000000, 'x') + "\nB=1", "0", " too long"},
+         "Line 2 in cfg file", "2: it has more than 1997 characters: shorten it"},
+        {"longer", "A=" + std::string(1997, 'x'), "0", "Line 0 in cfg file",
+         "1: it has more than 1997 characters: shorten it"},
+        {"huge", "A=" + std::string(3000000, 'x') + "\nB=1", "0", " too long",
+         "1: it has more than 1997 characters: shorten it"},
         {"NUL", std::string("A=1\0=2\nB=3", 10), "1,A=1|2,B=3|0", ""},
         {"binary", "\xff\xfe\x01=\x80\n=\n", "1,\xff\xfe\x01=\x80|2,=|0", ""},
     };
@@ -88,6 +94,11 @@ TEST_F(CfgFileTest, ReadsWhatTheFormatAllows) {
         const std::string traces = screen.take();
         EXPECT_EQ(traces.empty(), *each.trace == '\0') << each.what << ": " << traces;
         EXPECT_NE(traces.find(each.trace), std::string::npos) << each.what << ": " << traces;
+        std::vector<std::pair<int, std::string>> said;
+        if (each.stop)
+            said.emplace_back(LOG_ERR | LOG_LOCAL0,
+                              "Cfg file " + path + " stops in line " + each.stop + "\n");
+        EXPECT_EQ(takeSyslog(), said) << each.what;
     }
 }
 
@@ -189,7 +200,18 @@ TEST_F(CfgFileTest, ReadsNumbersAsTheSetDoes) {
 
 TEST_F(CfgFileTest, TheThreadRunsFilesInOrderAndStopsInASleep) {
     CCfgFileThread thread;
-    const auto first = write("MSHELL = m_echo first\n", "first.cfg");
+    static std::string setting;
+    const auto noteSetting = [](CommandStruct*) {
+        char name[16] = {};
+        int policy = -1;
+        sched_param parameter{};
+        pthread_getname_np(pthread_self(), name, sizeof name);
+        pthread_getschedparam(pthread_self(), &policy, &parameter);
+        setting = name + std::string(policy == SCHED_OTHER ? "" : " first in, first out");
+        return 0;
+    };
+    mshell.AddMshellCmd(0, "m_note", "test", "", noteSetting, nullptr, true);
+    const auto first = write("MSHELL = m_note\nMSHELL = m_echo first\n", "first.cfg");
     const auto second = write("MSHELL = m_echo second\nMSHELL = m_sleep 1000\n", "second.cfg");
     thread.ExecuteCfgFileInSeparateThread(nullptr);
     thread.ExecuteCfgFileInSeparateThread("/no/such/file");
@@ -206,6 +228,11 @@ TEST_F(CfgFileTest, TheThreadRunsFilesInOrderAndStopsInASleep) {
         at = output.find(text, at);
         EXPECT_NE(at, std::string::npos) << text << output;
     }
+    EXPECT_EQ(setting, "CfgFileThread");
+    EXPECT_EQ(output.find("stacksize"), std::string::npos) << output;
+    EXPECT_EQ(output.find("SCHED_FIFO"), std::string::npos) << output;
+    EXPECT_EQ(thread.QueueName(),
+              "/Q_CfgFileThread" + std::to_string(reinterpret_cast<intptr_t>(&thread)));
     const auto begin = std::chrono::steady_clock::now();
     thread.StopThreadAndWait();
     EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(10));

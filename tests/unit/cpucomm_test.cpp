@@ -6,12 +6,10 @@
 #include <cstring>
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <random>
 #include <string>
 #include <sys/file.h>
 #include <sys/mman.h>
 #include <sys/wait.h>
-#include <thread>
 #include <unistd.h>
 #include <vector>
 
@@ -134,49 +132,6 @@ TEST_F(CpuComm, PeersKilledWithTheLockHeldLeaveAUsableArena) {
     EXPECT_EQ(Trid_Util_CPUComm_Malloc(1), nullptr);
     ASSERT_EQ(Trid_Util_CPUComm_Init(0), 0);
     EXPECT_EQ(cpucomm::statistics().blocks, 0u) << "whoever comes alone begins anew";
-}
-
-/// Blocks of several threads and of processes that are killed anywhere never overlap.
-TEST_F(CpuComm, BlocksNeverOverlapWhoeverIsKilledMeanwhile) {
-    constexpr int nrOfPeers = 3;
-    pid_t peers[nrOfPeers];
-    for (pid_t& peer : peers) {
-        peer = fork();
-        if (peer != 0)
-            continue;
-        for (;;) {
-            void* const block = Trid_Util_CPUComm_Malloc(3000);
-            if (block)
-                memset(block, 0xff, 3000);
-            Trid_Util_CPUComm_Free(block);
-        }
-    }
-    std::vector<std::thread> threads;
-    for (int nr = 1; nr <= 2; ++nr) {
-        threads.emplace_back([nr] {
-            std::minstd_rand random(static_cast<unsigned>(nr));
-            for (int i = 0; i < 3000; ++i) {
-                const uint32_t size = 1 + random() % 4000;
-                auto* const block = static_cast<unsigned char*>(Trid_Util_CPUComm_Malloc(size));
-                if (!block)
-                    continue;
-                memset(block, nr, size);
-                std::this_thread::yield();
-                for (uint32_t at = 0; at < size; at += 63)
-                    ASSERT_EQ(block[at], nr);
-                Trid_Util_CPUComm_Free(block);
-            }
-        });
-    }
-    for (pid_t peer : peers) {
-        kill(peer, SIGKILL);
-        waitpid(peer, nullptr, 0);
-    }
-    for (std::thread& thread : threads)
-        thread.join();
-    const auto statistics = cpucomm::statistics();
-    EXPECT_LE(statistics.blocks, 3u);
-    EXPECT_EQ(statistics.badFrees, 0u);
 }
 
 TEST_F(CpuComm, FaultsAreSwitchedByName) {

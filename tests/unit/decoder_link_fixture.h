@@ -5,18 +5,40 @@
 #include "UvaGstIfReceiver.h"
 #include "UvaGstMsgDestLowerLayer.h"
 #include "messaging/zant_msg.h"
+#include "support/wait_until.h"
 
 #include <atomic>
 #include <chrono>
 #include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <gtest/gtest.h>
 #include <map>
 #include <mutex>
 #include <ostream>
+#include <sched.h>
 #include <string>
 #include <utility>
 #include <vector>
 
-/// A clock that stands still until it is set forward.
+/// Waits until so many threads of this process have that name, as far as the kernel keeps it: they
+/// take it, and leave the list, some time after they begin and end. None has a priority.
+inline bool areThreads(const char* name, int count) {
+    return support::waitUntil([&] {
+        int found = 0;
+        for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
+            std::string own;
+            std::getline(std::ifstream(task.path() / "comm"), own);
+            found += own == name ? 1 : 0;
+            EXPECT_LE(sched_getscheduler(std::stoi(task.path().filename())), SCHED_OTHER) << own;
+        }
+        return found == count;
+    });
+}
+
+/// A clock that stands still until it is set forward. Else only a change that is told of ends a
+/// sleep.
 class SetClock : public UvaGstIfClock {
 public:
     Time now() override { return Time(std::chrono::nanoseconds(m_now.load())); }
@@ -24,14 +46,39 @@ public:
         REQUIRES(mutex) {
         if (now() >= deadline)
             return false;
-        // Looks again soon: setting the clock forward wakes nobody.
-        condition.waitUntil(mutex, std::chrono::steady_clock::now() + std::chrono::milliseconds(1));
-        return now() < deadline;
+        m_condition = &condition;
+        m_mutex = &mutex;
+        ++m_sleeps;
+        const auto farAway = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+        const bool wasTold = condition.waitUntil(mutex, farAway);
+        EXPECT_TRUE(wasTold) << "nobody woke who slept";
+        if (m_late.load()) {
+            mutex.unlock();
+            EXPECT_TRUE(support::waitUntil([this] { return !m_late; }));
+            mutex.lock();
+        }
+        return wasTold && now() < deadline;
     }
-    void advance(std::chrono::nanoseconds by) { m_now += by.count(); }
+    void advance(std::chrono::nanoseconds by) {
+        m_now += by.count();
+        Mutex* const mutex = m_mutex;
+        if (!mutex)
+            return;
+        const MutexLock lock(*mutex); // who has looked at the time sleeps by now
+        m_condition.load()->broadcast();
+    }
+    /// Whoever is woken from now on has the lock after everybody else, until this is taken back.
+    void wakeLate(bool late) { m_late = late; }
+    bool wakesLate() const { return m_late; }
+    /// How often somebody fell asleep.
+    int sleeps() const { return m_sleeps; }
 
 private:
     std::atomic<int64_t> m_now{1};
+    std::atomic<int> m_sleeps{0};
+    std::atomic<bool> m_late{false};
+    std::atomic<ConditionVariable*> m_condition{nullptr};
+    std::atomic<Mutex*> m_mutex{nullptr};
 };
 
 /// Keeps what would go to the main system.
@@ -90,7 +137,7 @@ struct FakeMessage {
     GstMessage* get() { return reinterpret_cast<GstMessage*>(this); }
 };
 
-/// Reads fake messages, keeps what is logged above debugging.
+/// Reads fake messages, keeps what is logged.
 class FakeMedia : public UvaGstIfMedia {
 public:
     FakeMedia() { setUvaGstIfMedia(this); }
@@ -108,17 +155,24 @@ public:
         const auto found = texts.find(field);
         return found == texts.end() ? nullptr : found->second.c_str();
     }
-    States states(GstElement*) override { return {}; }
+    States states(GstElement*) override { return onStates(); }
     bool logs(Category, Level) override { return true; }
-    void log(Category, Level level, const char*, const char*, int, const char* line) override {
+    void log(Category category, Level level, const char*, const char*, int,
+             const char* line) override {
         const std::lock_guard lock(m_lock);
-        if (level != Debug)
-            m_lines += std::to_string(level) + " " + line + "\n";
+        m_lines.push_back({level, (category == Category::Backend ? "backend " : "link ") +
+                                      std::to_string(level) + " " + line + "\n"});
     }
-    std::string lines() {
+    /// Category, level and text of what was logged, up to a level; all is forgotten.
+    std::string lines(Level most = Warning) {
         const std::lock_guard lock(m_lock);
-        return std::exchange(m_lines, {});
+        std::string text;
+        for (const auto& [level, line] : std::exchange(m_lines, {}))
+            text += level <= most ? line : "";
+        return text;
     }
+    /// Called for the pipeline's states.
+    std::function<States()> onStates = [] { return States{}; };
 
 private:
     static FakeMessage& of(GstMessage* message) { return *reinterpret_cast<FakeMessage*>(message); }
@@ -129,7 +183,7 @@ private:
     }
 
     std::mutex m_lock;
-    std::string m_lines;
+    std::vector<std::pair<Level, std::string>> m_lines;
 };
 
 /// A receiver with both of its neighbours in the test's hands.
@@ -147,10 +201,11 @@ struct DecoderLink {
         msg.responseInfo2 = -cookie;
         msg.signalSize = size;
         if (text) {
-            msg.signalSize = static_cast<int32_t>(strlen(text));
-            msg.signalPtr = memcpy(::operator new(strlen(text) + 1), text, strlen(text));
+            msg.signalSize = size != 0 ? size : static_cast<int32_t>(strlen(text));
+            msg.signalPtr = memcpy(::operator new(strlen(text)), text, strlen(text));
         }
         receiver.ProcessZantMsg(&msg);
+        EXPECT_EQ(msg.signalPtr, nullptr);
     }
     void noLongerNeeded(const char* type, const UvaGstIfRequester* requester = nullptr) {
         FakeMessage message{"GstNoxDecoderNeeded", {}, {}, {{"type", type}}};

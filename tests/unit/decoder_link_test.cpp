@@ -1,8 +1,8 @@
 #include "decoder_link_fixture.h"
-#include "support/wait_until.h"
 
+#include <fcntl.h>
 #include <future>
-#include <gtest/gtest.h>
+#include <sstream>
 
 namespace {
 
@@ -15,40 +15,162 @@ constexpr auto available = SIG_ID_MPLAYER_DECODER_AVAILABLE_IND;
 constexpr auto notAvailable = SIG_ID_MPLAYER_DECODER_NOT_AVAILABLE_IND;
 constexpr auto releaseRequest = SIG_ID_MPLAYER_DECODER_RELEASE_REQ;
 constexpr auto releaseResponse = SIG_ID_MPLAYER_DECODER_RELEASE_RESP;
+constexpr auto control = SIG_ID_MPLAYER_CONTROL_REQ;
 
 class DecoderLinkTest : public ::testing::Test, protected DecoderLink {
 protected:
-    /// A request on a thread of its own, once it waits.
+    /// A request on a thread of its own, once it sleeps, and those again whom it woke.
     std::future<bool> asks(const char* type, UvaGstIfRequester* requester = nullptr) {
-        const int before = receiver.state().waiting;
+        const int before = clock.sleeps() + (clock.wakesLate() ? 0 : receiver.state().waiting);
         auto answer = std::async(std::launch::async, [this, type, requester] {
             return requester ? receiver.requestDecoder(type, requester)
                              : CUvaGstIfReceiver::decoder_request_cb(nullptr, type, &receiver) == 1;
         });
-        EXPECT_TRUE(waitUntil([&] { return receiver.state().waiting > before; }));
+        EXPECT_TRUE(waitUntil([&] { return clock.sleeps() == before + 1; }));
+        receiver.state(); // who has the lock now comes after the sleeper
         return answer;
     }
-    void use(const char* type, UvaGstIfRequester* requester = nullptr) {
-        arrives(available, std::string(type) == "audio" ? 1 : 2);
-        EXPECT_TRUE(receiver.requestDecoder(type, requester));
-        lowerLayer.take();
+    /// What happens wakes every sleeper, and these find that it does not end their sleep.
+    void wakesInVain(const std::function<void()>& happens, int sleepers = 1) {
+        const int before = clock.sleeps();
+        happens();
+        EXPECT_TRUE(waitUntil([&] { return clock.sleeps() == before + sleepers; }));
+    }
+    void expectState(uint32_t asked, uint32_t used, uint32_t granted, bool pending, int waiting) {
+        const auto now = receiver.state();
+        EXPECT_EQ(now.releaseRequest, asked);
+        EXPECT_EQ(now.used, used);
+        EXPECT_EQ(now.available, granted);
+        EXPECT_EQ(now.requestPending, pending);
+        EXPECT_EQ(now.waiting, waiting);
     }
     static Sent indication(uint32_t signal, int32_t param1) { return {signal, param1, {0, 0}, {}}; }
     std::vector<Sent> sent() { return lowerLayer.take(); }
     using Sends = std::vector<Sent>;
 };
 
+/// One link that does what short words say, and tells all that holds afterwards.
+class Story : private DecoderLink {
+public:
+    /// "+3" grants kinds, "-" refuses, "?3" asks back; "A1" is a request of the requester for
+    /// audio, "a1" what it uses no longer, "o1" other words of it, "L1" its leaving; "B1" and "W1"
+    /// break and allow its waits, "Ba1" and so on those for one kind; "x" cuts off.
+    std::string after(const std::string& words) {
+        std::istringstream stream(words);
+        std::string result;
+        for (std::string word; stream >> word;)
+            result += act(word);
+        for (const Sent& sent : lowerLayer.take()) {
+            result += std::to_string(sent.signal) + "(" + std::to_string(sent.param1) + ")";
+            if (sent.cookies[0] != 0 || sent.cookies[1] != 0)
+                result += "#" + std::to_string(sent.cookies[0]) + std::to_string(sent.cookies[1]);
+            result += " ";
+        }
+        if (!media.lines().empty())
+            result += "error ";
+        const auto now = receiver.state();
+        return result + std::to_string(now.releaseRequest) + std::to_string(now.used) +
+               std::to_string(now.available) + (now.requestPending ? " pending" : "");
+    }
+
+private:
+    std::string act(const std::string& word) {
+        const char verb = word.front();
+        const auto number = static_cast<size_t>(word.back() - '0');
+        UvaGstIfRequester* const who = m_requesters[number < 3 ? number : 0];
+        const char* const kind = word.size() < 3 ? nullptr : word[1] == 'a' ? "audio" : "video";
+        const char* const own = tolower(verb) == 'a' ? "audio" : "video";
+        switch (verb) {
+        case '+':
+            arrives(available, std::stoi(word.substr(1)));
+            break;
+        case '-':
+            arrives(notAvailable);
+            break;
+        case '?':
+            arrives(releaseRequest, std::stoi(word.substr(1)), ++m_cookie);
+            break;
+        case 'A':
+        case 'V':
+            return receiver.requestDecoder(own, who) ? "yes " : "no ";
+        case 'a':
+        case 'v':
+            noLongerNeeded((std::string("-") + own).c_str(), who);
+            break;
+        case 'o':
+            noLongerNeeded("+audio", who);
+            break;
+        case 'L':
+            receiver.leave(*who);
+            break;
+        case 'B':
+            receiver.breakWaits(*who, kind);
+            break;
+        case 'W':
+            receiver.allowWaits(*who, kind);
+            break;
+        case 'x':
+            receiver.cutOff();
+            break;
+        default:
+            ADD_FAILURE() << word;
+        }
+        return {};
+    }
+
+    UvaGstIfRequester m_first;
+    UvaGstIfRequester m_second;
+    UvaGstIfRequester* const m_requesters[3] = {nullptr, &m_first, &m_second};
+    int32_t m_cookie = 40;
+};
+
+/// A story a line: steps, and after each "=" all that holds then: answers, what was sent (with its
+/// cookies), whether an error was logged; the kinds asked back, used and available.
+constexpr const char* stories = R"(
++1 = 001; +1 = 001; +2 = 003; - = 003; A1 V2 = yes yes 033
++3 V1 V1 V2 V0 A1 = yes yes yes yes yes 033; v1 = 033; v1 = 033; L1 = 023; L1 = 023; v2 = 023; a2 = 023
++2 V1 V0 = yes yes 022; v0 = 022; v2 = 022; v1 = 002; v1 L2 a0 = 002; V2 = yes 022; L2 = 002
++3 A1 V1 A2 ?2 ?1 = yes yes yes error 333; L1 = 520(2) 111; L2 = 520(1) 000
++3 A1 V1 ?2 ?1 ?3 = yes yes error 333; L1 = 520(1) 520(2) 520(3) 000
++3 = 003; ?1 = 520(1)#41-41 002; ?1 = 520(1)#42-42 002; ?3 = 520(3)#43-43 000
++3 A1 = yes 013; ?2 = 520(2)#41-41 011; ?0 = 011; a1 = 001; ?0 = 001
++3 V1 ?-1 = yes error 429496729523; v1 = 520(-1) 000; +2 = 002
++7 = 007; ?4 = 520(4)#41-41 003; ?-1 = 520(-1)#42-42 000
++3 A1 = yes 013; ?3 = error 313; v1 = 313; a2 = 313; a1 = 520(3) 000; a1 = 000
++3 A1 V1 ?1 = yes yes error 133; v1 = 113; a1 = 520(1) 002; V1 = yes 022
++3 A1 V1 ?3 ?1 ?2 ?1 = yes yes error 333; a1 = 520(1) 520(1) 322; ?1 = 520(1)#45-45 322; v1 = 520(3) 520(2) 000
++1 A1 A2 = yes yes 011; o1 = 011; a1 = 011; o2 = 011; a2 = 001
++1 A1 ?1 = yes error 111; A2 = yes 111; a1 = 111; L2 = 520(1) 000
++3 B1 = 003; A1 V1 A2 V0 = no no yes yes 033; B1 W1 A1 = no 033; W1 A1 = yes 033; W1 W1 B1 A1 = no 033
++3 Ba1 = 003; A1 V1 = no yes 023; Bv1 Wa1 = 023; A1 V1 = yes no 033; Wv1 V1 = yes 033
++3 B1 Wv1 = 003; A1 V1 = no yes 023; Wv1 Bv1 V1 = no 023
++3 A1 ?1 = yes error 113; x = 113; A1 V2 A0 = no no no 113; L1 = 520(1) 002
+)";
+
+TEST(DecoderStories, EachStepLeavesExactlyThis) {
+    std::istringstream lines(stories);
+    for (std::string line; std::getline(lines, line);) {
+        Story story;
+        std::istringstream stream(line);
+        for (std::string step; std::getline(stream, step, ';');) {
+            const size_t equals = step.find(" = ");
+            ASSERT_NE(equals, std::string::npos) << step;
+            EXPECT_EQ(story.after(step.substr(0, equals)), step.substr(equals + 3)) << line;
+        }
+    }
+}
+
 TEST_F(DecoderLinkTest, AGrantIsAskedForOnceAndStays) {
     auto video = asks("video");
     EXPECT_EQ(sent(), Sends{indication(needed, 2)});
-    arrives(available, 1);
-    EXPECT_EQ(video.wait_for(20ms), std::future_status::timeout) << "that was the other kind";
+    expectState(0, 0, 0, true, 1);
+    wakesInVain([&] { arrives(available, 1); });
     arrives(available, 2);
     EXPECT_TRUE(video.get());
     EXPECT_TRUE(receiver.requestDecoder("audio", nullptr)) << "nobody had asked; it is kept";
     EXPECT_TRUE(receiver.requestDecoder("video", nullptr));
     EXPECT_EQ(sent(), Sends{});
-    EXPECT_EQ(receiver.state().used, 3u);
+    expectState(0, 3, 3, true, 0);
 }
 
 TEST_F(DecoderLinkTest, OtherTypesAreRefusedSilently) {
@@ -57,6 +179,29 @@ TEST_F(DecoderLinkTest, OtherTypesAreRefusedSilently) {
     EXPECT_FALSE(receiver.requestDecoder(nullptr, nullptr));
     EXPECT_EQ(CUvaGstIfReceiver::decoder_request_cb(nullptr, "video", nullptr), 0);
     EXPECT_EQ(sent(), Sends{});
+    EXPECT_EQ(media.lines(UvaGstIfMedia::Debug), "");
+}
+
+/// Whatever changes is told of to who sleeps.
+TEST_F(DecoderLinkTest, EveryChangeWakesTheSleepers) {
+    UvaGstIfRequester other;
+    auto audio = asks("audio");
+    const std::function<void()> changes[] = {
+        [&] { arrives(available, 2); },
+        [&] { EXPECT_TRUE(receiver.requestDecoder("video", &other)); },
+        [&] { arrives(releaseRequest, 2); },
+        [&] { noLongerNeeded("-video", &other); },
+        [&] { arrives(releaseRequest, 2); },
+        [&] { receiver.breakWaits(other); },
+        [&] { receiver.leave(other); },
+    };
+    for (const auto& change : changes)
+        wakesInVain(change);
+    std::future<bool> too;
+    wakesInVain([&] { too = asks("video"); }, 2);
+    receiver.cutOff();
+    EXPECT_FALSE(too.get());
+    EXPECT_FALSE(audio.get());
 }
 
 TEST_F(DecoderLinkTest, ARefusalEndsAllWaits) {
@@ -65,19 +210,36 @@ TEST_F(DecoderLinkTest, ARefusalEndsAllWaits) {
     arrives(notAvailable);
     EXPECT_FALSE(audio.get());
     EXPECT_FALSE(video.get());
-    EXPECT_FALSE(receiver.state().requestPending);
+    expectState(0, 0, 0, false, 0);
     auto again = asks("audio");
     arrives(available, 1);
     EXPECT_TRUE(again.get());
 }
 
+/// What ended a wait counts though somebody makes it undone before the waiter has come to look.
+TEST_F(DecoderLinkTest, AWaitEndsThoughItsEndIsOverWhenItWakes) {
+    UvaGstIfRequester going;
+    auto refused = asks("audio");
+    clock.wakeLate(true);
+    arrives(notAvailable);
+    auto next = asks("video", &going);
+    clock.wakeLate(false);
+    EXPECT_FALSE(refused.get());
+    expectState(0, 0, 0, true, 1);
+
+    clock.wakeLate(true);
+    receiver.breakWaits(going, "video");
+    receiver.allowWaits(going, "video");
+    clock.wakeLate(false);
+    EXPECT_FALSE(next.get());
+}
+
 TEST_F(DecoderLinkTest, WithoutAnAnswerItTakesFiveSeconds) {
     auto answer = asks("video");
-    clock.advance(4999ms);
-    EXPECT_EQ(answer.wait_for(20ms), std::future_status::timeout);
+    wakesInVain([&] { clock.advance(4999ms); });
     clock.advance(1ms);
     EXPECT_FALSE(answer.get());
-    EXPECT_TRUE(receiver.state().requestPending);
+    expectState(0, 0, 0, true, 0);
     arrives(available, 2);
     EXPECT_TRUE(receiver.requestDecoder("video", nullptr)) << "the late grant counts";
     EXPECT_EQ(sent(), Sends{indication(needed, 2)});
@@ -86,171 +248,190 @@ TEST_F(DecoderLinkTest, WithoutAnAnswerItTakesFiveSeconds) {
 TEST_F(DecoderLinkTest, TearDownEndsTheWaitsOfItsRequesterOnly) {
     UvaGstIfRequester going;
     UvaGstIfRequester staying;
-    auto mine = asks("video", &going);
+    auto goingAudio = asks("audio", &going);
+    auto goingVideo = asks("video", &going);
     auto other = asks("audio", &staying);
-    receiver.breakWaits(going);
-    EXPECT_FALSE(mine.get());
+    wakesInVain(
+        [&] {
+            receiver.breakWaits(going, "audio");
+            EXPECT_FALSE(goingAudio.get());
+        },
+        2);
+    wakesInVain([&] {
+        receiver.breakWaits(going);
+        EXPECT_FALSE(goingVideo.get());
+    });
+    EXPECT_EQ(sent(), (Sends{indication(needed, 1), indication(needed, 2), indication(needed, 1)}));
     EXPECT_FALSE(receiver.requestDecoder("video", &going)) << "no new wait begins";
-    EXPECT_EQ(other.wait_for(20ms), std::future_status::timeout);
-    arrives(available, 3);
+    EXPECT_EQ(sent(), Sends{}) << "nobody is asked";
+    arrives(available, 1);
     EXPECT_TRUE(other.get());
-    EXPECT_FALSE(receiver.requestDecoder("video", &going));
-    receiver.allowWaits(going);
-    EXPECT_TRUE(receiver.requestDecoder("video", &going));
 }
 
-TEST_F(DecoderLinkTest, TermEndsEveryWait) {
-    ASSERT_EQ(receiver.Init(), 0);
-    ASSERT_EQ(receiver.StartThread("uvagst_if_receiver", 0, 0), 0);
-    auto answer = asks("video");
+/// A grant that comes with the tear-down is not used by what goes.
+TEST_F(DecoderLinkTest, AGrantAfterABrokenWaitIsNotUsed) {
+    UvaGstIfRequester going;
+    auto answer = asks("video", &going);
+    clock.wakeLate(true);
+    receiver.breakWaits(going);
+    arrives(available, 2);
+    clock.wakeLate(false);
+    EXPECT_FALSE(answer.get());
+    expectState(0, 0, 2, true, 0);
+}
+
+TEST_F(DecoderLinkTest, TermEndsEveryWaitAndTheThread) {
+    CZantMsgQueue late;
+    ASSERT_EQ(late.Open("/zant_test_late", O_RDWR | O_CREAT | O_NONBLOCK, 0600, 1, true), 0);
+    const std::string name =
+        "/Q_UVAGST_IF_REC_" + std::to_string(reinterpret_cast<intptr_t>(&receiver));
+    mq_attr foreign{};
+    foreign.mq_maxmsg = 1;
+    foreign.mq_msgsize = 64;
+    mq_close(mq_open(name.c_str(), O_RDWR | O_CREAT, 0600, &foreign)); // of an earlier run
+    CUvaGstIfReceiver other(lowerLayer, clock);
+    for (CUvaGstIfReceiver* const each : {&receiver, &other}) {
+        ASSERT_EQ(each->Init(), 0);
+        ASSERT_EQ(each->StartThread(each == &other ? "other" : "uvagst_if_receiver", 0, 0), 0);
+    }
+    EXPECT_EQ(receiver.QueueName(), name);
+    EXPECT_TRUE(areThreads("uvagst_if_recei", 1));
+    CZantMsg grant(available);
+    grant.param1 = 2;
+    EXPECT_EQ(receiver.SendCmd(&grant), 0);
+    EXPECT_TRUE(receiver.requestDecoder("video", nullptr)) << "its thread handles what comes";
+    auto answer = asks("audio");
     receiver.Term();
     EXPECT_FALSE(answer.get());
-    EXPECT_FALSE(receiver.requestDecoder("audio", nullptr));
+    EXPECT_FALSE(receiver.requestDecoder("video", nullptr));
+    EXPECT_TRUE(areThreads("uvagst_if_recei", 0));
+    other.StopThreadAndWait();
+    EXPECT_EQ(CThreadObject::GetThreadName(0), "other") << "who ends now stays listed";
+    late.Close();
+    EXPECT_EQ(CZantMsgQueue::GetQueueNameByHandle(late.handle), "/zant_test_late");
     CThreadObject::Start();
     CZantMsgQueue::Start();
 }
 
-TEST_F(DecoderLinkTest, AKindIsInUseUntilTheLastRequesterGivesItBack) {
-    UvaGstIfRequester first;
-    UvaGstIfRequester second;
-    UvaGstIfRequester none;
-    auto both = asks("video", &first);
-    auto too = asks("video", &second);
-    arrives(available, 2);
-    EXPECT_TRUE(both.get());
-    EXPECT_TRUE(too.get()) << "one grant serves whoever asks";
-    EXPECT_TRUE(receiver.requestDecoder("video", nullptr)) << "at once";
-    EXPECT_EQ(sent(), (Sends{indication(needed, 2), indication(needed, 2)}));
-
-    arrives(releaseRequest, 2);
-    for (const UvaGstIfRequester* const requester : {&first, &first, &none}) {
-        noLongerNeeded("-video", requester);
-        EXPECT_EQ(receiver.state().used, 2u) << "the other two have it";
-    }
-    receiver.leave(first);
-    receiver.leave(second);
-    EXPECT_EQ(receiver.state().used, 2u);
-    EXPECT_EQ(sent(), Sends{});
-    noLongerNeeded("-video");
-    EXPECT_EQ(receiver.state().used, 0u);
-    EXPECT_EQ(sent(), Sends{indication(releaseResponse, 2)});
-}
-
-/// The clock stands still: whoever waited would do so for ever.
+/// ... though another request still waits for its answer.
 TEST_F(DecoderLinkTest, ARequestThatCannotBeSentIsRefusedAtOnce) {
-    const auto isRefusedAtOnce = [this] {
-        auto answer = std::async(std::launch::async,
-                                 [this] { return receiver.requestDecoder("video", nullptr); });
-        const bool atOnce = answer.wait_for(20s) == std::future_status::ready;
-        arrives(notAvailable);
-        return !answer.get() && atOnce;
-    };
     lowerLayer.result = CZantMsgQueue::sendFailed;
-    EXPECT_TRUE(isRefusedAtOnce());
-    EXPECT_FALSE(receiver.state().requestPending);
+    EXPECT_FALSE(receiver.requestDecoder("video", nullptr));
+    expectState(0, 0, 0, false, 0);
     lowerLayer.result = 0;
-    auto waits = asks("video");
-    receiver.cutOff();
-    EXPECT_FALSE(waits.get());
-    sent();
-    EXPECT_TRUE(isRefusedAtOnce());
-    EXPECT_EQ(sent(), Sends{}) << "nobody is asked";
-}
-
-/// What is in use, what is asked back; what is answered at once and what when it was given back.
-TEST_F(DecoderLinkTest, ReleaseRequestsAreAnsweredOnce) {
-    const struct {
-        bool audio, video;
-        int32_t kinds;
-        bool atOnce;
-        const char* givenBack; ///< after which the answer comes
-        uint32_t left;         ///< available afterwards
-    } rows[] = {
-        {false, false, 1, true, nullptr, 2},  {false, false, 3, true, nullptr, 0},
-        {true, false, 2, true, nullptr, 1},   {true, false, 3, false, "-audio", 0},
-        {false, true, 2, false, "-video", 1}, {true, true, 1, false, "-audio", 2},
-        {false, false, -1, true, nullptr, 0},
-    };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(std::to_string(row.kinds) + (row.givenBack ? row.givenBack : ""));
-        DecoderLink link;
-        link.arrives(available, 3);
-        if (row.audio)
-            link.receiver.requestDecoder("audio", nullptr);
-        if (row.video)
-            link.receiver.requestDecoder("video", nullptr);
-        link.arrives(releaseRequest, row.kinds, 77);
-        const Sends response{{releaseResponse, row.kinds, {77, -77}, {}}};
-        EXPECT_EQ(link.lowerLayer.take(), row.atOnce ? response : Sends{});
-        EXPECT_EQ(link.media.lines(),
-                  row.atOnce ? "" : "1 ***E: how to suspend Mediaplayer pipeline here?\n");
-        link.noLongerNeeded("-other");
-        EXPECT_EQ(link.lowerLayer.take(), Sends{});
-        if (row.givenBack) {
-            link.noLongerNeeded(row.givenBack);
-            EXPECT_EQ(link.lowerLayer.take(), Sends{indication(releaseResponse, row.kinds)});
-        }
-        EXPECT_EQ(link.receiver.state().available, row.left);
-        EXPECT_EQ(link.receiver.state().releaseRequest, 0u);
-    }
-}
-
-TEST_F(DecoderLinkTest, ReleaseRequestsDoNotDisplaceOneAnother) {
-    use("audio");
-    arrives(available, 2);
-    arrives(releaseRequest, 1, 5);
-    arrives(releaseRequest, 0, 6);
-    EXPECT_EQ(sent(), Sends{});
-    arrives(releaseRequest, 2, 7);
-    EXPECT_EQ(sent(), (Sends{{releaseResponse, 2, {7, -7}, {}}}));
-    EXPECT_EQ(receiver.state().releaseRequest, 1u);
-    noLongerNeeded("-audio");
-    EXPECT_EQ(sent(), Sends{indication(releaseResponse, 1)});
-}
-
-TEST_F(DecoderLinkTest, EachReleaseRequestHasAnAnswerOfItsOwn) {
-    use("audio");
-    use("video");
-    for (const int32_t kinds : {3, 1, 2, 1})
-        arrives(releaseRequest, kinds, 5);
-    EXPECT_EQ(receiver.state().releaseRequest, 3u);
-    EXPECT_EQ(sent(), Sends{});
-    noLongerNeeded("-audio");
-    EXPECT_EQ(sent(), (Sends{indication(releaseResponse, 1), indication(releaseResponse, 1)}));
-    EXPECT_EQ(receiver.state().releaseRequest, 3u);
-    EXPECT_EQ(receiver.state().available, 2u);
-    noLongerNeeded("-video");
-    EXPECT_EQ(sent(), (Sends{indication(releaseResponse, 3), indication(releaseResponse, 2)}));
-    EXPECT_EQ(receiver.state().releaseRequest, 0u);
+    auto audio = asks("audio");
+    lowerLayer.result = CZantMsgQueue::sendFailed;
+    EXPECT_FALSE(receiver.requestDecoder("video", nullptr));
+    EXPECT_EQ(clock.sleeps(), 1);
+    expectState(0, 0, 0, true, 1);
+    arrives(notAvailable);
+    EXPECT_FALSE(audio.get());
 }
 
 TEST_F(DecoderLinkTest, WaitingBeforeTearDownGivesBackWhatIsLeft) {
+    const auto waits = [this] {
+        const int before = clock.sleeps();
+        auto wait = std::async(std::launch::async,
+                               [this] { receiver.waitForDecoderAvailable(nullptr, "test"); });
+        EXPECT_TRUE(waitUntil([&] { return clock.sleeps() > before; }));
+        return wait;
+    };
+    media.onStates = [this, asked = 0]() mutable {
+        receiver.state(); // none of the link's locks is held
+        return UvaGstIfMedia::States{++asked, 7};
+    };
     receiver.waitForDecoderAvailable(nullptr, "nothing in use");
-    use("video");
-    use("audio");
-    arrives(releaseRequest, 3);
-    auto wait = std::async(std::launch::async,
-                           [this] { receiver.waitForDecoderAvailable(nullptr, "test"); });
-    noLongerNeeded("-audio");
-    EXPECT_EQ(wait.wait_for(20ms), std::future_status::timeout);
+    EXPECT_EQ(clock.sleeps(), 0);
+
+    UvaGstIfRequester owner;
+    arrives(available, 3);
+    for (const char* const type : {"audio", "video"})
+        EXPECT_TRUE(receiver.requestDecoder(type, &owner));
+    for (const int32_t kinds : {3, 2, 1})
+        arrives(releaseRequest, kinds);
+    media.lines();
+    auto wait = waits();
+    EXPECT_EQ(media.lines(UvaGstIfMedia::Debug),
+              "link 5 from 'test': pipeline state=2 pending=7 decoder_used=3\n"
+              "link 5  loop: state=3 pending=7 decoder_used=3\n\n");
+    wakesInVain([&] { clock.advance(999ms); });
     EXPECT_EQ(sent(), Sends{});
-    ASSERT_TRUE(waitUntil([&] {
-        clock.advance(100ms);
-        return wait.wait_for(0ms) == std::future_status::ready;
-    }));
-    EXPECT_EQ(sent(), Sends{indication(releaseResponse, 3)});
-    EXPECT_EQ(receiver.state().available, 0u);
+    std::future<void> bystanders[] = {waits(), waits(), waits()};
+    wakesInVain([&] { receiver.breakWaits(owner); }, 4);
+    clock.wakeLate(true);
+    clock.advance(1ms);
+    clock.wakeLate(false); // in any order
+    wait.get();
+    for (auto& bystander : bystanders)
+        bystander.get();
+    EXPECT_EQ(sent(), (Sends{indication(releaseResponse, 1), indication(releaseResponse, 3),
+                             indication(releaseResponse, 2)}))
+        << "audio first";
+    expectState(0, 0, 0, false, 0);
+
+    // The next user's own giving back ends it, and so does the end of the link.
+    UvaGstIfRequester next;
+    arrives(available, 3);
+    EXPECT_TRUE(receiver.requestDecoder("audio", &next));
+    EXPECT_TRUE(receiver.requestDecoder("video", &next));
+    wait = waits();
+    wakesInVain([&] { noLongerNeeded("-audio", &next); });
+    noLongerNeeded("-video", &next);
+    wait.get();
+    EXPECT_TRUE(receiver.requestDecoder("video", &next));
+    wait = waits();
+    receiver.cutOff();
+    wait.get();
+    expectState(0, 0, 3, false, 0);
+}
+
+TEST_F(DecoderLinkTest, WhatHappensIsLogged) {
+    arrives(available, 2);
+    receiver.requestDecoder("video", nullptr);
+    arrives(releaseRequest, 3);
+    noLongerNeeded("-video");
+    receiver.cutOff();
+    receiver.requestDecoder("audio", nullptr);
+    media.onStates = [] { return UvaGstIfMedia::States{4, 3}; };
+    receiver.waitForDecoderAvailable(nullptr, "here");
+    FakeMessage video{"GstNoxVideoFormat",
+                      {{"width", 7}, {"height", 6}, {"disp-width", 5}, {"disp-height", 4}},
+                      {{"display-aspect-ratio", {3, 2}}, {"frame-rate", {25, 1}}},
+                      {}};
+    receiver.handleApplicationMessage(video.get());
+    EXPECT_EQ(media.lines(UvaGstIfMedia::Debug),
+              "link 5 SIG_ID_MPLAYER_DECODER_AVAILABLE_IND(517) l=0\n"
+              "link 5 -> available_decoder: '0'|'2'\n\n"
+              "link 5 decoder_request=2 decoder_available=2\n"
+              "link 5   requested decoder available (decoder_request=2 decoder_available=2)\n"
+              "link 5 SIG_ID_MPLAYER_DECODER_RELEASE_REQ(519) l=0\n"
+              "link 5 -> decoder_release_request='3' needed='2' available='2'\n"
+              "link 1 ***E: how to suspend Mediaplayer pipeline here?\n"
+              "link 5 got application message: GstNoxDecoderNeeded\n"
+              "link 5 type='-video' -> decoder_release_request='3' needed='2' available='2'\n"
+              "link 5 decoder_request=1 decoder_available=0\n"
+              "link 5   requested decoder not available (decoder_request=1 decoder_available=0)\n"
+              "link 5 from 'here': pipeline state=4 pending=3 decoder_used=0\n"
+              "link 5 got application message: GstNoxVideoFormat\n"
+              "link 5   Size_Dec    = 7 x 6\n\n"
+              "link 5   Size_Disp   = 5 x 4\n\n"
+              "link 5   DAR  = 3/2\n\n"
+              "link 5   FR   = 25/1\n\n");
+    uvaGstIfLog(UvaGstIfMedia::Category::Backend, UvaGstIfMedia::Error, "file", "function", 1, "%s",
+                std::string(600, 'x').c_str());
+    EXPECT_EQ(media.lines(), "backend 1 " + std::string(511, 'x') + "\n");
 }
 
 TEST_F(DecoderLinkTest, ReportsAreByteExact) {
-    FakeMessage video{"GstNoxVideoFormat",
-                      {{"width", 1920}, {"height", 1088}, {"disp-width", 65536 + 720}},
-                      {{"display-aspect-ratio", {16, 9}}, {"frame-rate", {30000, 1001}}},
-                      {}};
+    FakeMessage video{
+        "GstNoxVideoFormat",
+        {{"width", 1922}, {"height", 1088}, {"disp-width", 65536 + 720}, {"disp-height", 577}},
+        {{"display-aspect-ratio", {4096, 2304}}, {"frame-rate", {30000, 1001}}},
+        {}};
     receiver.handleApplicationMessage(video.get());
-    const unsigned char record[22] = {0xde, 0xad, 0xbe, 0xaf, 0xff, 0,   0x07, 0x80,
-                                      0x04, 0x40, 0x02, 0xd0, 0,    0,   0,    16,
-                                      0,    9,    0x75, 0x30, 0x03, 0xe9};
+    const unsigned char record[22] = {0xde, 0xad, 0xbe, 0xaf, 0xff, 0,    0x07, 0x82,
+                                      0x04, 0x40, 0x02, 0xd0, 0x02, 0x41, 0x10, 0,
+                                      0x09, 0,    0x75, 0x30, 0x03, 0xe9};
     EXPECT_EQ(sent(), (Sends{{490, 0, {0, 0}, {reinterpret_cast<const char*>(record), 22}}}));
 
     FakeMessage audio{"GstNoxAudioFormat", {}, {}, {{"codec", "AC-3"}}};
@@ -258,24 +439,19 @@ TEST_F(DecoderLinkTest, ReportsAreByteExact) {
     const std::string text = "<media><audio codec=\"AC-3\" lang=\"und\" /></media>";
     EXPECT_EQ(sent(), (Sends{{489, 0, {0, 0}, text + '\0'}}));
 
+    arrives(available, 2);
+    EXPECT_TRUE(receiver.requestDecoder("video", nullptr));
     FakeMessage nothing[] = {{"GstNoxAudioFormat", {}, {}, {}},
                              {"GstNoxDecoderNeeded", {}, {}, {}},
-                             {"SomethingElse", {}, {}, {{"type", "-video"}}}};
+                             {"SomethingElse", {}, {}, {{"type", "-video"}, {"codec", "AC-3"}}}};
     for (FakeMessage& message : nothing)
         receiver.handleApplicationMessage(message.get());
     receiver.handleApplicationMessage(nullptr);
     EXPECT_EQ(sent(), Sends{});
-}
-
-TEST_F(DecoderLinkTest, PayloadsOfNoSizeAreNotSent) {
-    const unsigned char byte = 1;
-    lowerLayer.sendIndicationBuffer(SIG_ID_MPLAYER_SET_WINDOW_REQ, &byte, -1);
-    lowerLayer.sendIndicationBuffer(SIG_ID_MPLAYER_SET_WINDOW_REQ, nullptr, 8);
-    EXPECT_EQ(sent(), Sends{});
-    EXPECT_EQ(media.lines(), "1 no payload of -1 bytes for SIG_ID_MPLAYER_SET_WINDOW_REQ\n"
-                             "1 no payload of 8 bytes for SIG_ID_MPLAYER_SET_WINDOW_REQ\n");
-    lowerLayer.sendIndicationBuffer(SIG_ID_MPLAYER_SET_WINDOW_REQ, &byte, 0);
-    EXPECT_EQ(sent(), Sends{indication(513, 0)});
+    expectState(0, 2, 2, false, 0);
+    FakeMessage empty{"GstNoxVideoFormat", {}, {}, {}};
+    receiver.handleApplicationMessage(empty.get());
+    EXPECT_EQ(sent()[0].payload.substr(6), std::string(16, '\0'));
 }
 
 TEST_F(DecoderLinkTest, ControlTextsReachTheConnectedBackend) {
@@ -284,26 +460,36 @@ TEST_F(DecoderLinkTest, ControlTextsReachTheConnectedBackend) {
             heard += std::string(commands) + ";";
         }
         std::string heard;
-    } backend;
-    const auto control = [this](const char* text) {
-        arrives(SIG_ID_MPLAYER_CONTROL_REQ, 0, 0, text);
+    } first, second;
+    /// Whether that is logged.
+    const auto connect = [this](UvaGstIfBackend* backend) {
+        media.lines();
+        receiver.connectBackend(backend);
+        return media.lines(UvaGstIfMedia::Debug).find("link 5 old = ") == 0;
     };
-    control("lost");
-    receiver.connectBackend(&backend);
-    control("output-ddp:1");
-    control("");
+    arrives(control, 0, 0, "lost");
+    EXPECT_TRUE(connect(&first));
+    arrives(control, 0, 0, "output-ddp:1");
+    arrives(control, 0, 0, "cut here", 3);
+    arrives(control, 0, 0, "");
     for (const int32_t size : {-1, 0, 5, INT32_MAX})
-        arrives(SIG_ID_MPLAYER_CONTROL_REQ, 0, 0, nullptr, size);
-    receiver.connectBackend(nullptr);
-    control("lost");
-    EXPECT_EQ(backend.heard, "output-ddp:1;;");
+        arrives(control, 0, 0, nullptr, size);
+    arrives(control, 0, 0, "negative", -1);
+    EXPECT_FALSE(connect(&second)) << "as before";
+    arrives(control, 0, 0, "to the other");
+    EXPECT_TRUE(connect(nullptr));
+    EXPECT_FALSE(connect(nullptr));
+    arrives(control, 0, 0, "lost");
+    EXPECT_EQ(first.heard, "output-ddp:1;cut;;");
+    EXPECT_EQ(second.heard, "to the other;");
 }
 
 TEST_F(DecoderLinkTest, UnknownSignalsAreLoggedAndDropped) {
     arrives(SIG_ID_TEST_RPC, 3, 0, "payload");
     arrives(static_cast<SignalIds>(70000));
-    EXPECT_EQ(media.lines(), "2 unhandled message: SIG_ID_TEST_RPC (32) l=7\n"
-                             "2 unhandled message: SIG_ID_NULL (70000) l=0\n");
+    receiver.ProcessZantMsg(nullptr);
+    EXPECT_EQ(media.lines(), "link 2 unhandled message: SIG_ID_TEST_RPC (32) l=7\n"
+                             "link 2 unhandled message: SIG_ID_NULL (70000) l=0\n");
     EXPECT_EQ(receiver.state().available, 0u);
 }
 

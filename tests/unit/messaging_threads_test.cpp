@@ -1,4 +1,6 @@
+#include "debug/mshell.h"
 #include "messaging/thread_object_blocking_wait.h"
+#include "messaging/thread_object_mshell.h"
 #include "messaging/thread_object_with_queue.h"
 #include "messaging_fixture.h"
 #include "support/queue_room.h"
@@ -162,6 +164,21 @@ TEST_F(ThreadsTest, ThreadIsStartedOnceAndMayStartAgain) {
     EXPECT_EQ(laterTraces.find("SCHED_FIFO priority"), std::string::npos) << "said once";
     looper.StopThreadAndWait();
     EXPECT_EQ(looper.entered, 2);
+}
+
+TEST_F(ThreadsTest, ThreadEndsWhenItIsAskedTo) {
+    Looper looper;
+    ASSERT_EQ(looper.StartThread("asked", 0, 0), 0);
+    ASSERT_TRUE(waitUntil([&] { return looper.entered == 1; }));
+    looper.StopThread();
+    EXPECT_TRUE(waitUntil([&] { return listing(screen, 0).find("asked") == std::string::npos; }));
+    EXPECT_EQ(looper.StartThread("asked", 0, 0), 0) << "nobody has waited for the first run";
+    EXPECT_TRUE(waitUntil([&] { return looper.entered == 2; }));
+    Sleeper sleeper;
+    ASSERT_EQ(sleeper.StartThread("in a wait", 0, 0), 0);
+    sleeper.StopThread();
+    EXPECT_TRUE(
+        waitUntil([&] { return listing(screen, 0).find("in a wait") == std::string::npos; }));
 }
 
 TEST_F(ThreadsTest, ThreadThatEndsByItselfLeavesNothing) {
@@ -418,6 +435,22 @@ TEST_F(ThreadsTest, ListingSelectsByEitherHandle) {
         const std::string one = listing(screen, select);
         EXPECT_NE(one.find("by id"), std::string::npos);
         EXPECT_EQ(one.find("not this"), std::string::npos);
+    }
+    EXPECT_EQ(
+        all.find("\nList of thread objects\n\nTypes: 1 = while-loop, 2 = msg-loop, 3 = msg-loop "
+                 "with states\n\nThread-Addr | Thread-Id | Type | Msgs    | Name\n---"),
+        0U);
+    AddThreadObjectMshellCmds();
+    char hexadecimal[40];
+    snprintf(hexadecimal, sizeof hexadecimal, "m_threadlist 0x%lx", handle);
+    for (const auto& [line, result, rows] :
+         {std::tuple(std::string("m_threadlist"), 0, 2), std::tuple(std::string(hexadecimal), 0, 1),
+          std::tuple("m_threadlist " + std::to_string(id), 0, 1),
+          std::tuple(std::string("m_threadlist x"), -1703, 0)}) {
+        EXPECT_EQ(mshell.ProcessMshellCmd(line.c_str()), result);
+        const std::string shown = screen.take();
+        EXPECT_EQ(shown.find("by id") != std::string::npos, rows > 0) << line;
+        EXPECT_EQ(shown.find("not this") != std::string::npos, rows > 1) << line;
     }
     EXPECT_EQ(CThreadObject::GetThreadName(static_cast<unsigned>(handle)), "by id");
     EXPECT_EQ(CThreadObject::GetThreadName(1), "(unknown)");

@@ -137,23 +137,6 @@ TEST_F(MessagingTest, TimersAreListedByTheirDeadlines) {
         server.PopTimer();
 }
 
-TEST_F(TimersTest, TenThousandTimersAllArrive) {
-    zantTrace.SetTraceOnAll(TRACELEVEL_NO_TRACE);
-    std::deque<TimeOutTimer> timers;
-    for (int i = 0; i < 10000; ++i) {
-        timers.emplace_back(600000 + (i * 7919) % 10000, 600, queue.handle, i);
-        timers.back().StartTimer();
-    }
-    double before = -1;
-    for (int i = 0; i < 10000; ++i) {
-        const double deadline = TimeOutServer::instance().GetEarliestTimer().deadlineInMicroSec();
-        ASSERT_GE(deadline, before);
-        before = deadline;
-        TimeOutServer::instance().PopTimer();
-    }
-    EXPECT_TRUE(TimeOutServer::instance().IsEmpty());
-}
-
 TEST_F(MessagingTest, QueueObserversGetWhatTheyRegisteredFor) {
     CZantMsgQueue queues[3];
     CZantMsgQueue blocking;
@@ -201,14 +184,47 @@ TEST_F(MessagingTest, QueueObserversGetWhatTheyRegisteredFor) {
     EXPECT_EQ(CountedPayload::alive, 0);
 }
 
+/// Two for all signals and one for one: each registration goes alone, by observer and signal.
+TEST_F(MessagingTest, RegistrationsAreByObserverAndSignal) {
+    CObservableCallbackAll observable;
+    CZantMsgQueue queue;
+    ASSERT_EQ(open(queue), 0);
+    Observer one;
+    Observer two;
+    for (Observer* const observer : {&one, &two})
+        ASSERT_EQ(observable.RegisterCallbackFunction(observer, 1, 2, 0), 0);
+    ASSERT_EQ(observable.RegisterCallbackFunction(one, 3, 4, 517), 0);
+    ASSERT_EQ(observable.RegisterCallbackQueue(queue.handle, 5, 6, 517), 0);
+    EXPECT_EQ(observable.CountObserversWithCallbackFunction(517), 3);
+    EXPECT_EQ(observable.CountObserversAll(517), 4);
+    EXPECT_EQ(observable.CountObserversAll(518), 2);
+    EXPECT_NE(observable.UnregisterCallbackFunction(two, 517), 0) << "not for this one alone";
+    EXPECT_NE(observable.UnregisterCallbackQueue(queue.handle, 0), 0);
+    EXPECT_EQ(observable.UnregisterCallbackFunction(one, 0), 0);
+    EXPECT_TRUE(observable.AlreadyRegisteredWithCallbackFunction(one, 517));
+    EXPECT_FALSE(observable.AlreadyRegisteredWithCallbackFunction(one, 0));
+    CZantMsg msg(517);
+    EXPECT_EQ(observable.NotifyObserversAll(&msg), 0);
+    EXPECT_EQ(one.seen, std::vector<std::string>{"3/4/-"});
+    EXPECT_EQ(two.seen, std::vector<std::string>{"1/2/-"});
+    EXPECT_EQ(queue.GetNrOfMsgsInQueue(), 1);
+    EXPECT_EQ(observable.UnregisterCallbackQueue(queue.handle, 517), 0);
+    EXPECT_EQ(observable.CountObserversAll(517), 2);
+    observable.DeleteObserversWithCallbackFunction();
+    EXPECT_EQ(observable.CountObserversAll(517), 0);
+}
+
 TEST_F(MessagingTest, FunctionObserversMayLeaveWhileNotified) {
     CObservableCallbackAll observable;
     Observer first;
     Observer second;
     ASSERT_EQ(observable.RegisterCallbackFunction(first, 1, 2, 0), 0);
     ASSERT_EQ(observable.RegisterCallbackFunction(&second, 3, 4, 0), 0);
+    EXPECT_EQ(screen.take(), "");
     EXPECT_NE(observable.RegisterCallbackFunction(first, 1, 2, 0), 0);
+    EXPECT_EQ(traced("Function already registered"), 1);
     EXPECT_NE(observable.RegisterCallbackFunction(nullptr, 1, 2, 0), 0);
+    EXPECT_EQ(traced("No observer given"), 1);
     first.leaves = &observable;
     CZantMsg msg(517);
     load(msg, "both");

@@ -230,6 +230,12 @@ TEST_F(RemoteCalls, GapsAreReportedAndDeliveredAllTheSame) {
         EXPECT_EQ(traced("Illegal sequence nr"), row.reported ? 1 : 0) << row.received;
         EXPECT_EQ(observer.next(), "32 1");
     }
+    CZantMsg msg = message(SIG_ID_TEST_RPC, 1);
+    msg.sharedAddress = block("payload");
+    msg.signalSize = 7;
+    destination.ProcessZantMsg(&msg);
+    EXPECT_EQ(msg.sharedAddress, 0U) << "the block has gone";
+    EXPECT_EQ(observer.next(), "32 1 payload");
 }
 
 /// Whatever arrives, nothing leaks, nothing is read beyond its block, and the next message counts.

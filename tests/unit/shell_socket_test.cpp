@@ -15,6 +15,7 @@
 #include <sys/stat.h>
 #include <sys/un.h>
 #include <sys/wait.h>
+#include <syslog.h>
 #include <thread>
 
 namespace {
@@ -161,8 +162,12 @@ TEST_F(ShellSocketTest, ReplacesOnlyADeadSocketOfItsOwn) {
         const char* what;
         void (*make)();
         const char* trace;
+        const char* advice = "remove it and start again";
     };
+    static ScopedFd owner;
     const Case blocked[] = {
+        {"served", [] { owner.reset(SocketComm_Start(serverName, MSG_DONTWAIT)); },
+         "is served by another process", "end the other and start again"},
         {"directory", [] { mkdir(serverPath, 0700); }, "it is a directory"},
         {"file", [] { close(creat(serverPath, 0600)); }, "it is no socket"},
         {"dangling link", [] { EXPECT_EQ(symlink("/tmp/elsewhere", serverPath), 0); },
@@ -182,8 +187,13 @@ TEST_F(ShellSocketTest, ReplacesOnlyADeadSocketOfItsOwn) {
             return (traces += screen.take()).find("MshellOpenSocket() failed") != std::string::npos;
         }));
         EXPECT_NE(traces.find(each.trace), std::string::npos) << each.what << traces;
-        EXPECT_NE(traces.find("remove it and start again"), std::string::npos);
+        EXPECT_NE(traces.find(each.advice), std::string::npos);
         stop();
+        const auto said = takeSyslog();
+        ASSERT_EQ(said.size(), 2U) << each.what;
+        EXPECT_EQ(said[0].first, LOG_ERR);
+        EXPECT_EQ(said[1].first, LOG_ERR | LOG_LOCAL0);
+        EXPECT_NE(said[1].second.find(each.advice), std::string::npos) << said[1].second;
         struct stat left {};
         EXPECT_EQ(lstat(serverPath, &left), 0) << each.what;
         EXPECT_EQ(left.st_ino, made.st_ino) << each.what;
@@ -234,6 +244,21 @@ TEST_F(ShellSocketTest, CutsNamesAndFailsAtOnceWithoutAPeer) {
     EXPECT_EQ(SocketComm_Sendto(fd.get(), "x", 1, "nobody_there", -1), -1);
     EXPECT_LT(Clock::now() - begin, std::chrono::seconds(5));
     EXPECT_LT(SocketComm_Start(nullptr, 0), 0);
+
+    // Nothing, something, and more than there is room for, each with its size and sender.
+    const ScopedFd server(SocketComm_Start(serverName, MSG_DONTWAIT));
+    for (const unsigned size : {0U, 3U, 9U}) {
+        char bytes[4] = {};
+        struct ucred sender {};
+        EXPECT_EQ(SocketComm_Sendto(fd.get(), "123456789", size, serverName, 1000),
+                  static_cast<int>(size));
+        EXPECT_EQ(SocketComm_RecvWithSender(server.get(), bytes, sizeof bytes, &sender),
+                  static_cast<int>(size));
+        EXPECT_EQ(sender.pid, getpid());
+        EXPECT_EQ(sender.uid, geteuid());
+        EXPECT_EQ(std::string(bytes, sizeof bytes),
+                  (std::string("1234").substr(0, size) + std::string(4, '\0')).substr(0, 4));
+    }
 }
 
 } // namespace

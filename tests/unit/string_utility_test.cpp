@@ -13,6 +13,10 @@ TEST(StringUtility, Utf8ToIso8859) {
         {"Gr\xC3\xBCn", "Gr\xFCn"},
         {"\xC3\x80x", "\xC0x"},   // the lowest continuation
         {"\x80\xBF", "\x80\xBF"}, // stray continuation bytes stay
+        {"a\xC0\x81z", "a\x01z"}, // an overlong sequence is one
+        {"\xDF\xBFz", "\xFFz"},
+        {"\xE0\x80\x81z", "\x01z"},
+        {"\xEF\xBF\xBFz", "\xFFz"},
         {"a\xC3"
          "Ab",
          "a"},                      // malformed: the text ends

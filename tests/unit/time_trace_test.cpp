@@ -62,6 +62,41 @@ TEST_F(TimeTraceTest, PrintsOneLineAPoint) {
     EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 3);
 }
 
+TEST_F(TimeTraceTest, TotalsGoFromTheStartToTheLastPointAndToNow) {
+    CTimeTrace trace(unit, 20);
+    trace.StartTT("start");
+    const auto microseconds = [](timespec time) {
+        return static_cast<long>(time.tv_sec) * 1000000 + time.tv_nsec / 1000;
+    };
+    while (microseconds(trace.TTDiffTimeTotalCurrent()) < 2000) {
+    }
+    EXPECT_EQ(microseconds(trace.TTDiffTimeTotal()), 0) << "no point yet";
+    trace.TTPoint(1, "first");
+    trace.TTPoint(2, "last");
+    const timespec total = trace.TTDiffTimeTotal();
+    timespec range{};
+    EXPECT_EQ(trace.TTGetRange(&range, 0, 2), 0);
+    EXPECT_EQ(microseconds(total), microseconds(range));
+    EXPECT_GE(microseconds(total), 2000);
+    EXPECT_GE(microseconds(trace.TTDiffTimeTotalCurrent()), microseconds(total));
+}
+
+TEST_F(TimeTraceTest, TheProcesssHasRoomForAThousandPoints) {
+    EXPECT_EQ(timeTrace.StartTT("start"), 0);
+    for (int i = 0; i < 1000; ++i)
+        timeTrace.TTPoint(i, "point");
+    EXPECT_EQ(timeTrace.GetTTSize(), 999);
+    // It traces with unit 0.
+    zantTrace.SetTraceOn(0U, TRACELEVEL_ERROR);
+    EXPECT_EQ(timeTrace.TTGetRange(nullptr, 1000, 1000), -2550);
+    EXPECT_EQ(takeMessage(), "Range start greater than trace\n");
+    zantTrace.SetTraceOn(0U, TRACELEVEL_FATAL);
+    EXPECT_EQ(timeTrace.TTGetRange(nullptr, 1000, 1000), -2550);
+    EXPECT_EQ(takeMessage(), "");
+    timeTrace.InitTT();
+    EXPECT_EQ(timeTrace.GetTTSize(), 0);
+}
+
 TEST_F(TimeTraceTest, FullArrayKeepsWhatItHas) {
     CTimeTrace trace(2, unit, 20);
     trace.StartTT("start");

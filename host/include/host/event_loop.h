@@ -14,14 +14,20 @@ class EventLoop {
 public:
     using Task = std::function<void()>;
     using TimerId = unsigned long long; ///< 0 is none
+    /// What time it is; any thread, never backwards.
+    using TimeSource = std::function<Clock::time_point()>;
 
-    EventLoop();
+    /// The time of the timers and of all that runs on the loop. One that does not pass by itself
+    /// is looked at again when a task is posted.
+    explicit EventLoop(TimeSource time = Clock::now);
 
     /// As stop() with a bound of two seconds.
     ~EventLoop();
 
     EventLoop(const EventLoop&) = delete;
     EventLoop& operator=(const EventLoop&) = delete;
+
+    Clock::time_point now() const; ///< any thread
 
     /// False when the loop has been stopped: the task is dropped.
     bool post(Task task);

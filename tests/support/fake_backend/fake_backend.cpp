@@ -5,8 +5,10 @@
 #include "uva/uva_media_backend.h"
 
 #include <chrono>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 #include <string>
 #include <thread>
 
@@ -16,6 +18,7 @@ BufferingStreamBufferedEvent::~BufferingStreamBufferedEvent() = default;
 
 namespace {
 
+using support::FakeAnswers;
 using support::FakeControl;
 using support::SeekBehaviour;
 
@@ -24,9 +27,14 @@ FakeControl& control() {
     return instance;
 }
 
+std::string number(double value) {
+    char text[32];
+    std::snprintf(text, sizeof text, "%g", value);
+    return text;
+}
+
 /// Plays nothing. Position and events come from the test; or, with FAKE_CLIP_SECONDS in the
-/// environment, from a thread that plays a clip of that length and stops for ever where
-/// FAKE_CLIP_FAULT says: "opening", "decoder", "seek", "end".
+/// environment, from a thread that plays a clip of that length, with FAKE_CLIP_STALLS without end.
 class FakeBackend final : public UVAMediaBackend {
 public:
     using UVAMediaBackend::getPosition;
@@ -37,6 +45,8 @@ public:
         ++control().living;
         control().client = client;
         control().position = 0;
+        if (answers().asksEarly)
+            client->deliverEvent(new BackendResourceRequestAsyncEvent(false));
     }
 
     ~FakeBackend() override {
@@ -47,10 +57,9 @@ public:
     }
 
     int initBackend(const char*, SourceDescription** sources, bool, bool) override {
-        control().note("init " + std::string(sources[0]->url));
         for (auto** source = sources; *source != nullptr; ++source)
-            delete *source;
-        return control().refuseMedia ? Failure : Success;
+            take("init ", *source);
+        return answers().refuseMedia ? Failure : Success;
     }
     int play() override {
         control().note("play");
@@ -69,11 +78,14 @@ public:
         const double now = control().position;
         return {now, 1.0, UVATime::Timestamp(), now};
     }
-    int getDuration(double&) override { return NotAvailable; }
+    int getDuration(double& seconds) override {
+        seconds = answers().duration;
+        return seconds > 0 ? Success : NotAvailable;
+    }
     int setPosition(double seconds) override {
-        control().note("seek " + std::to_string(static_cast<int>(seconds)));
-        const SeekBehaviour behaviour = control().seek;
-        while (behaviour == SeekBehaviour::Block && !control().unblock)
+        control().note("seek " + number(seconds));
+        const SeekBehaviour behaviour = answers().seek;
+        while (behaviour == SeekBehaviour::Block && !answers().unblock)
             std::this_thread::sleep_for(std::chrono::milliseconds(2));
         if (behaviour == SeekBehaviour::Refuse) {
             finishSeek(SeekCompletedExEvent::SeekOutcome::Failed);
@@ -90,43 +102,57 @@ public:
             return Success;
         }
         control().note(m_insideSetPosition ? "cancelled too early" : "cancelled");
-        if (control().seek == SeekBehaviour::Complete && !isFaulty("seek"))
+        if (answers().seek == SeekBehaviour::Complete)
             finishSeek(SeekCompletedExEvent::SeekOutcome::Succeeded);
         return Success;
     }
 
     int attachSource(SourceDescription* source) override {
-        delete source;
-        return Failure;
+        take("attach ", source);
+        return answers().refuseSource ? Failure : Success;
     }
-    bool removeSource(unsigned int) override { return false; }
-    int setVideoWindowAndClip(const Rect& window, const Rect&) override {
-        control().note("window " + std::to_string(window.width));
+    bool removeSource(unsigned int id) override {
+        control().note("remove " + std::to_string(id));
+        return true;
+    }
+    int setVideoWindowAndClip(const Rect& window, const Rect& clip) override {
+        std::string text = "window";
+        for (const auto& rect : {window, clip})
+            for (const int value : {rect.x, rect.y, rect.width, rect.height})
+                text += " " + std::to_string(value);
+        control().note(text);
         return Success;
     }
     int getNativeSize(int& width, int& height, double& ratio) override {
         width = 2;
-        height = 1;
+        height = answers().height;
         ratio = 1.0;
         return Success;
     }
-    int startCapture(int, int) override { return Success; }
+    int startCapture(int, int) override { return answers().startCapture; }
     int stopCapture() override { return Success; }
     int getVideoFrame(unsigned char* frame, unsigned int size) override {
         std::memset(frame, 255, size);
-        return Success;
+        return answers().frame;
     }
     int getSeekableTimeRanges(ByteRange**, TimeRange**&) override { return Failure; }
-    int getBufferedTimeRanges(unsigned int, const std::vector<ByteRange>&,
-                              std::vector<TimeRange>&) override {
-        return Failure;
+    int getBufferedTimeRanges(unsigned int id, const std::vector<ByteRange>&,
+                              std::vector<TimeRange>& ranges) override {
+        if (const double end = answers().bufferedTo[id - 1]; end >= 0)
+            ranges = {{0, end / 4}, {end / 2, end}};
+        return Success;
     }
     int canPlaySource(const SourceDescription&) override { return Success; }
     int setPlaybackRate(double) override { return Failure; }
     int setContentSize(unsigned int, unsigned long long) override { return Failure; }
-    int writeData(UVAEvent* event, unsigned int, WriteDataStatus) override {
-        delete event;
-        return Failure;
+    int writeData(UVAEvent* event, unsigned int bytes, WriteDataStatus status) override {
+        const std::unique_ptr<NeedMSEDataEvent> data(static_cast<NeedMSEDataEvent*>(event));
+        std::string text = "write " + std::to_string(data->sourceId) + ":";
+        for (auto** sample = data->samples; sample != nullptr && *sample != nullptr; ++sample)
+            text += ((*sample)->payload() == nullptr ? " from " : " ") + number((*sample)->pts());
+        control().note(text + (bytes > 0 ? ", " + std::to_string(bytes) + " bytes" : "") +
+                       (status == EndOfStream ? " end" : ""));
+        return Success;
     }
     bool canPlayType(const ContentDescription&) override { return false; }
     int setFullScreen(bool) override { return Failure; }
@@ -137,7 +163,10 @@ public:
     }
     int selectComponent(AVComponent*) override { return Failure; }
     int unselectComponent(AVComponent*) override { return Failure; }
-    int setKeySystem(const UVAKeySystemConfig&) override { return Failure; }
+    int setKeySystem(const UVAKeySystemConfig& config) override {
+        control().note("keys of " + std::string(config.keySystemId));
+        return Success;
+    }
     int getPlaybackSpeedRanges(std::vector<SpeedRange>&) override { return Failure; }
 
 private:
@@ -145,24 +174,26 @@ private:
         m_uvaClient->deliverEvent(new SeekCompletedExEvent(outcome));
     }
 
-    static bool isFaulty(const char* what) {
-        const char* fault = std::getenv("FAKE_CLIP_FAULT");
-        return fault != nullptr && std::strcmp(fault, what) == 0;
+    static FakeAnswers& answers() { return *control().answers; }
+
+    static void take(const char* what, SourceDescription* source) {
+        control().note(what + std::string(source->url != nullptr ? source->url : source->mimeType) +
+                       (source->type != SourceDescription::MseStreaming
+                            ? ""
+                            : " " + std::to_string(source->sourceId) + ", " +
+                                  std::to_string(source->durationMs) + " ms"));
+        delete source;
     }
 
     void playClip(double length) {
-        if (isFaulty("opening"))
-            return;
         const double start = UVATime::Timestamp();
         m_uvaClient->deliverEvent(new BackendResourceRequestAsyncEvent(false));
-        if (isFaulty("decoder"))
-            return;
         m_uvaClient->deliverEvent(new NewMetadataEvent(length, 2, 1, 1.0));
         while (!m_stopClip && UVATime::Timestamp() - start < length) {
             control().position = UVATime::Timestamp() - start;
             std::this_thread::sleep_for(std::chrono::milliseconds(5));
         }
-        if (!m_stopClip && !isFaulty("end"))
+        if (!m_stopClip && std::getenv("FAKE_CLIP_STALLS") == nullptr)
             m_uvaClient->deliverEvent(new PlaybackFinishedEvent(0, 0));
     }
 
@@ -189,7 +220,7 @@ FakeControl* fakeBackendControl() {
 }
 
 UVAMediaBackend* UVA_RequestBackend(unsigned int type, UVAClient* client) {
-    if (control().giveNothing)
+    if (control().answers->giveNothing)
         return nullptr;
     return new FakeBackend(static_cast<UVABackend::UVABackendType>(type), client);
 }

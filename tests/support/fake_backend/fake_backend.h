@@ -2,6 +2,7 @@
 #define SUPPORT_FAKE_BACKEND_H
 
 #include <atomic>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -17,13 +18,25 @@ enum class SeekBehaviour {
     Block,       ///< setPosition() does not return until `unblock`
 };
 
+/// What the fake backend answers.
+struct FakeAnswers {
+    std::atomic<bool> giveNothing{false};
+    std::atomic<bool> refuseMedia{false};
+    std::atomic<bool> refuseSource{false}; ///< that is attached
+    std::atomic<SeekBehaviour> seek{SeekBehaviour::Complete};
+    std::atomic<bool> unblock{false};
+    std::atomic<bool> asksEarly{false}; ///< for the decoder, while the backend is made
+    std::atomic<double> duration{0};    ///< seconds; 0: unknown
+    std::atomic<double> bufferedTo[2] = {{-1}, {-1}}; ///< of sources 1 and 2; negative: nothing
+    std::atomic<int> height{1};                       ///< of the picture; the width is 2
+    std::atomic<int> startCapture{1};                 ///< UVABackend::Success
+    std::atomic<int> frame{1};                        ///< of getVideoFrame()
+};
+
 /// The strings of the fake backend library, and what its host did. One for the process, found with
 /// dlsym("fakeBackendControl"). Shared by the test, the event loop and the clip's thread.
 struct FakeControl {
-    std::atomic<bool> giveNothing{false};
-    std::atomic<bool> refuseMedia{false};
-    std::atomic<SeekBehaviour> seek{SeekBehaviour::Complete};
-    std::atomic<bool> unblock{false};
+    std::unique_ptr<FakeAnswers> answers = std::make_unique<FakeAnswers>(); ///< a new one a test
     std::atomic<double> position{0};
     std::atomic<UVAClient*> client{nullptr};
     std::atomic<int> living{0}; ///< backends that are not released

@@ -23,6 +23,7 @@ struct Received {
     std::vector<Buffer> buffers;
     std::vector<std::string> caps;
     bool ended = false;
+    int segments = 0;
     std::size_t count = 0; ///< buffers, also when they are not kept
 };
 
@@ -92,9 +93,11 @@ private:
         return TRUE;
     }
     static gboolean event(GstBaseSink* sink, GstEvent* event) {
-        if (GST_EVENT_TYPE(event) == GST_EVENT_EOS) {
+        {
             const std::lock_guard lock(state().mutex);
-            state().received[GST_OBJECT_NAME(sink)].ended = true;
+            auto& received = state().received[GST_OBJECT_NAME(sink)];
+            received.ended |= GST_EVENT_TYPE(event) == GST_EVENT_EOS;
+            received.segments += GST_EVENT_TYPE(event) == GST_EVENT_SEGMENT ? 1 : 0;
         }
         return GST_BASE_SINK_CLASS(g_type_class_peek_parent(GST_BASE_SINK_GET_CLASS(sink)))
             ->event(sink, event);

@@ -1,0 +1,159 @@
+// What the backend takes from the elements of a pipeline, and sets at them, as they come and go.
+
+#include "gst_ptr.h"
+#include "gstnox_backend.h"
+#include "gstnox_plugin.h"
+#include "support/log_capture.h"
+#include "support/media_host.h"
+
+#include <gtest/gtest.h>
+
+namespace {
+
+using support::LogCapture;
+using Element = GstPtr<GstElement>;
+
+class PipelineTest : public testing::Test {
+protected:
+    static void SetUpTestSuite() { ASSERT_TRUE(BackendInit(nullptr)); }
+
+    static Element make(const char* factory) {
+        auto element = Element::sink(gst_element_factory_make(factory, nullptr));
+        EXPECT_TRUE(element) << factory;
+        return element;
+    }
+    /// A pad of the name that has been told to the callback, and carries the caps since.
+    template <typename Callback>
+    static GstPtr<GstPad> padWith(const char* name, const char* caps, Callback added,
+                                  GstNoxBackend& backend) {
+        const auto pad = GstPtr<GstPad>::sink(gst_pad_new(name, GST_PAD_SRC));
+        gst_pad_set_active(pad.get(), TRUE);
+        added(nullptr, pad.get(), &backend);
+        gst_pad_push_event(pad.get(), gst_event_new_stream_start("test"));
+        const auto parsed = GstPtr<GstCaps>::adopt(gst_caps_from_string(caps));
+        gst_pad_push_event(pad.get(), gst_event_new_caps(parsed.get()));
+        return pad;
+    }
+
+    support::RecordingClient client;
+    GstNoxBackend backend{UVABackend::VideoElement, &client};
+};
+
+TEST_F(PipelineTest, ADemuxersVideoPadTellsSizeAndRatio) {
+    const struct {
+        const char *pad, *caps;
+        int width, height;
+        double ratio;
+        bool told; ///< that nothing is known of the duration is news too
+    } rows[] = {
+        {"audio_0", "audio/mpeg, width=1, height=2", -1, -1, 1, false},
+        {"video_0", "video/x-h264, width=720, height=576, pixel-aspect-ratio=16/15", 720, 576,
+         16.0 / 15, true},
+        {"video_1", "video/x-h264, width=720, height=576, pixel-aspect-ratio=16/15", 720, 576,
+         16.0 / 15, false},
+        {"video_2", "video/x-h264, width=640, pixel-aspect-ratio=4/3", 720, 576, 16.0 / 15, false},
+        {"video_3", "video/x-h264, width=640, height=360", 640, 360, 16.0 / 15, true},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.caps);
+        client.clear();
+        padWith(row.pad, row.caps, GstNoxBackend::demux_pad_added_cb, backend);
+        backend.checkMetaDataChanged();
+        EXPECT_EQ(client.count(UVAEvent::NewMetadata), row.told ? 1 : 0);
+        int width = 0;
+        int height = 0;
+        double ratio = 0;
+        backend.getNativeSize(width, height, ratio);
+        EXPECT_EQ(width, row.width);
+        EXPECT_EQ(height, row.height);
+        EXPECT_DOUBLE_EQ(ratio, row.ratio);
+    }
+    EXPECT_TRUE(backend.isDurationUnknown());
+}
+
+// The kinds are crosswise, and what is known of the media is told with the sound.
+TEST_F(PipelineTest, DecodedPadsAreComponentsWhileTheyAreThere) {
+    backend.setMetaData(720, 576);
+    const auto added = [this] {
+        const auto* event =
+            client.last<MultiComponentChangedEvent>(UVAEvent::MultiComponentChanged);
+        return event != nullptr && !event->added.empty() ? event->added[0]->type : -1;
+    };
+    const auto video =
+        padWith("src_0", "video/x-raw", GstNoxBackend::decodebin_pad_added_cb, backend);
+    EXPECT_EQ(added(), 1);
+    EXPECT_EQ(client.count(UVAEvent::NewMetadata), 0);
+    const auto audio =
+        padWith("src_1", "audio/x-raw", GstNoxBackend::decodebin_pad_added_cb, backend);
+    EXPECT_EQ(added(), 0);
+    EXPECT_EQ(client.count(UVAEvent::NewMetadata), 1);
+    const auto other = GstPtr<GstCaps>::adopt(gst_caps_from_string("audio/x-raw, rate=1"));
+    gst_pad_push_event(audio.get(), gst_event_new_caps(other.get()));
+    EXPECT_EQ(client.count(UVAEvent::MultiComponentChanged), 2) << "known already";
+
+    const auto sink = GstPtr<GstPad>::sink(gst_pad_new("src_1", GST_PAD_SINK));
+    GstNoxBackend::decodebin_pad_removed_cb(nullptr, sink.get(), &backend);
+    EXPECT_TRUE(backend.hasComponent("src_1"));
+    GstNoxBackend::decodebin_pad_removed_cb(nullptr, audio.get(), &backend);
+    EXPECT_FALSE(backend.hasComponent("src_1"));
+    EXPECT_TRUE(backend.hasComponent("src_0"));
+}
+
+TEST_F(PipelineTest, HttpSourcesAreSetUp) {
+    auto* description = new support::TestSource("http://127.0.0.1:9/");
+    UVABackend::SourceDescription* sources[] = {description, nullptr};
+    ASSERT_EQ(backend.initBackend("", sources, false), UVABackend::Success);
+    const auto http = make("souphttpsrc");
+    const auto file = make("filesrc");
+    LogCapture log(gst_backend_debug);
+    GstNoxBackend::source_setup_cb(nullptr, file.get(), &backend);
+    GstNoxBackend::source_setup_cb(nullptr, http.get(), &backend);
+    GstNoxBackend::element_setup_cb(nullptr, http.get(), &backend);
+    gchar* agent = nullptr;
+    gboolean strict = TRUE;
+    g_object_get(http.get(), "user-agent", &agent, "ssl-strict", &strict, nullptr);
+    EXPECT_STREQ(GCharPtr(agent).get(), "test-agent/1.0");
+    EXPECT_FALSE(strict);
+    EXPECT_TRUE(log.has("DEBUG source element has been created: set user-agent: test-agent/1.0"));
+}
+
+G_GNUC_BEGIN_IGNORE_DEPRECATIONS
+
+// In a transport stream the time filter goes first; a dual-layer stream takes its splitter alone.
+TEST_F(PipelineTest, FactoriesAreSortedForTheStream) {
+    const auto sorted = [this](const char* caps) {
+        GValueArray* factories = g_value_array_new(3);
+        for (const char* name : {"identity", "noxvptsfilter", "queue"}) {
+            GValue value = G_VALUE_INIT;
+            g_value_init(&value, GST_TYPE_ELEMENT_FACTORY);
+            g_value_take_object(&value, gst_element_factory_find(name));
+            g_value_array_append(factories, &value);
+            g_value_unset(&value);
+        }
+        const auto parsed = GstPtr<GstCaps>::adopt(gst_caps_from_string(caps));
+        GValueArray* other =
+            GstNoxBackend::autoplug_sort_cb(nullptr, nullptr, parsed.get(), factories, &backend);
+        std::string names = other != nullptr ? "new:" : "";
+        const GValueArray* list = other != nullptr ? other : factories;
+        for (guint i = 0; i < list->n_values; ++i) {
+            gpointer factory = g_value_get_object(list->values + i);
+            names += " " + std::string(factory != nullptr ? GST_OBJECT_NAME(factory) : "null");
+        }
+        g_value_array_free(factories);
+        if (other != nullptr)
+            g_value_array_free(other);
+        return names;
+    };
+    const std::string asGiven = " identity noxvptsfilter queue";
+    EXPECT_EQ(sorted("video/x-h265"), asGiven);
+    EXPECT_EQ(sorted("video/x-h265, variant=other"), asGiven);
+    EXPECT_EQ(sorted("video/x-h265, variant=dolbyvision"), "new: edrvessplitter");
+    GstNoxBackend::element_setup_cb(nullptr, make("tsdemux").get(), &backend);
+    EXPECT_EQ(sorted("video/x-h265"), " noxvptsfilter identity queue");
+    ASSERT_EQ(backend.gstPlaybinCreate(), 0);
+    EXPECT_EQ(sorted("video/x-h265"), asGiven) << "the next player's stream";
+}
+
+G_GNUC_END_IGNORE_DEPRECATIONS
+
+} // namespace
