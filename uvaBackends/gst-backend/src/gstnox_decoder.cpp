@@ -158,9 +158,11 @@ DecoderHandshake::Stop::Stop(DecoderHandshake& handshake, const char* type)
     : m_handshake(handshake), m_type(type) {
     count(1);
     m_handshake.wake();
+    uvaGstIfReceiver.breakWaits(m_handshake.m_requester, m_type);
 }
 
 DecoderHandshake::Stop::~Stop() {
+    uvaGstIfReceiver.allowWaits(m_handshake.m_requester, m_type);
     count(-1);
 }
 

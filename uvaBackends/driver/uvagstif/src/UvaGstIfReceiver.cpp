@@ -109,7 +109,7 @@ int CUvaGstIfReceiver::decoder_request_cb(GstElement*, const char* type, void* r
     return static_cast<CUvaGstIfReceiver*>(receiver)->requestDecoder(type, nullptr) ? 1 : 0;
 }
 
-bool CUvaGstIfReceiver::requestDecoder(const char* type, const UvaGstIfRequester* requester,
+bool CUvaGstIfReceiver::requestDecoder(const char* type, UvaGstIfRequester* requester,
                                        const Interrupted& isInterrupted) {
     const uint32_t kind = kindOf(type, "");
     if (kind == 0)
@@ -117,12 +117,10 @@ bool CUvaGstIfReceiver::requestDecoder(const char* type, const UvaGstIfRequester
     const MutexLock lock(stateMutex);
     UVA_GST_IF_LOG(BackendIf, Debug, "decoder_request=%d decoder_available=%d",
                    static_cast<int>(kind), static_cast<int>(decoder_available));
-    const auto isRefused = [&]() NO_THREAD_SAFETY_ANALYSIS {
-        return m_isCutOff || (isInterrupted && isInterrupted());
-    };
-    bool granted = !isRefused();
+    bool granted = !isRefused(kind, requester, isInterrupted);
     if (granted && (decoder_available & kind) == 0)
-        granted = askMainSystem(kind) && waitForKind(kind, isRefused) && !isRefused();
+        granted = askMainSystem(kind) && waitForKind(kind, requester, isInterrupted) &&
+                  !isRefused(kind, requester, isInterrupted);
     UVA_GST_IF_LOG(BackendIf, Debug,
                    "  requested decoder %savailable (decoder_request=%d decoder_available=%d)",
                    granted ? "" : "not ", static_cast<int>(kind),
@@ -133,6 +131,12 @@ bool CUvaGstIfReceiver::requestDecoder(const char* type, const UvaGstIfRequester
     m_users[indexOf(kind)].insert(requester);
     stateCond.broadcast();
     return true;
+}
+
+bool CUvaGstIfReceiver::isRefused(uint32_t kind, const UvaGstIfRequester* requester,
+                                  const Interrupted& isInterrupted) const {
+    return m_isCutOff || (requester && requester->m_waits[indexOf(kind)].breakers > 0) ||
+           (isInterrupted && isInterrupted());
 }
 
 /// False when the request cannot be sent: nobody would answer it.
@@ -146,17 +150,45 @@ bool CUvaGstIfReceiver::askMainSystem(uint32_t kind) {
     return true;
 }
 
-bool CUvaGstIfReceiver::waitForKind(uint32_t kind, const Interrupted& isRefused) {
+bool CUvaGstIfReceiver::waitForKind(uint32_t kind, const UvaGstIfRequester* requester,
+                                    const Interrupted& isInterrupted) {
     const auto deadline = m_clock.now() + longestRequest;
     const uint32_t refusals = m_refusals;
+    const auto brokenWaits = [&] {
+        return requester ? requester->m_waits[indexOf(kind)].broken : 0;
+    };
+    const uint32_t brokenBefore = brokenWaits();
     bool mayWait = true;
     ++m_waiting;
     while (mayWait && (decoder_available & kind) == 0) {
+        const bool isBroken = brokenWaits() != brokenBefore;
         const bool isPending = requestPending == 1 && m_refusals == refusals;
-        mayWait = isPending && !isRefused() && m_clock.waitUntil(stateCond, stateMutex, deadline);
+        mayWait = isPending && !isBroken && !isRefused(kind, requester, isInterrupted) &&
+                  m_clock.waitUntil(stateCond, stateMutex, deadline);
     }
     --m_waiting;
     return (decoder_available & kind) != 0;
+}
+
+void CUvaGstIfReceiver::breakWaits(UvaGstIfRequester& requester, const char* type) {
+    const MutexLock lock(stateMutex);
+    for (const uint32_t kind : bothKinds) {
+        if (type && kindOf(type, "") != kind)
+            continue;
+        auto& waits = requester.m_waits[indexOf(kind)];
+        ++waits.breakers;
+        ++waits.broken;
+    }
+    stateCond.broadcast();
+}
+
+void CUvaGstIfReceiver::allowWaits(UvaGstIfRequester& requester, const char* type) {
+    const MutexLock lock(stateMutex);
+    for (const uint32_t kind : bothKinds) {
+        auto& waits = requester.m_waits[indexOf(kind)];
+        if ((!type || kindOf(type, "") == kind) && waits.breakers > 0)
+            --waits.breakers;
+    }
 }
 
 void CUvaGstIfReceiver::wake() {
@@ -164,7 +196,7 @@ void CUvaGstIfReceiver::wake() {
     stateCond.broadcast();
 }
 
-void CUvaGstIfReceiver::leave(const UvaGstIfRequester& requester) {
+void CUvaGstIfReceiver::leave(UvaGstIfRequester& requester) {
     const MutexLock lock(stateMutex);
     for (const uint32_t kind : bothKinds) {
         if (!leavesToOthers(kind, &requester))

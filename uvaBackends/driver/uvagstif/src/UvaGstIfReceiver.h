@@ -23,8 +23,9 @@ class CUvaGstIfLowerLayer;
 /// process or not. What is granted is every requester's who asks, and in use until the last of them
 /// has given it back.
 ///
-/// A wait for a decoder takes 5 seconds at most. It ends at once by a refusal, when whoever asked
-/// is interrupted, and by Term; it does not begin when the request cannot be sent.
+/// A wait for a decoder takes 5 seconds at most. It ends at once by a refusal, when whoever asks is
+/// interrupted, by breakWaits of its requester, and by Term; it does not begin when the request
+/// cannot be sent.
 class CUvaGstIfReceiver : public CThreadObjectWithQueueRpc {
 public:
     explicit CUvaGstIfReceiver(CUvaGstIfLowerLayer& lowerLayer);
@@ -58,12 +59,17 @@ public:
     /// the request is refused; it is called under the receiver's lock, calls nothing of the
     /// receiver, and whoever makes it true calls wake(). It may be empty.
     using Interrupted = std::function<bool()>;
-    bool requestDecoder(const char* type, const UvaGstIfRequester* requester,
+    bool requestDecoder(const char* type, UvaGstIfRequester* requester,
                         const Interrupted& isInterrupted = {}) EXCLUDES(stateMutex);
     /// Who waits looks whether it is interrupted.
     void wake() EXCLUDES(stateMutex);
+
+    /// Ends the requester's waits and refuses its requests, until allowWaits was called as often;
+    /// for one type, "audio" or "video", or for both (null).
+    void breakWaits(UvaGstIfRequester& requester, const char* type = nullptr) EXCLUDES(stateMutex);
+    void allowWaits(UvaGstIfRequester& requester, const char* type = nullptr) EXCLUDES(stateMutex);
     /// Gives back what the requester still uses, because its pipeline is gone.
-    void leave(const UvaGstIfRequester& requester) EXCLUDES(stateMutex);
+    void leave(UvaGstIfRequester& requester) EXCLUDES(stateMutex);
 
     /// Reads an application message of the pipeline's bus: "GstNoxDecoderNeeded" gives back the
     /// requester's decoder, "GstNoxVideoFormat" and "GstNoxAudioFormat" are reported to the main
@@ -89,8 +95,11 @@ public:
     State state() EXCLUDES(stateMutex);
 
 private:
+    bool isRefused(uint32_t kind, const UvaGstIfRequester* requester,
+                   const Interrupted& isInterrupted) const REQUIRES(stateMutex);
     bool askMainSystem(uint32_t kind) REQUIRES(stateMutex);
-    bool waitForKind(uint32_t kind, const Interrupted& isRefused) REQUIRES(stateMutex);
+    bool waitForKind(uint32_t kind, const UvaGstIfRequester* requester,
+                     const Interrupted& isInterrupted) REQUIRES(stateMutex);
     void handleDecoderNeededLocked(const char* type) REQUIRES(stateMutex);
     void giveBack(uint32_t kinds) REQUIRES(stateMutex);
     void answerReleaseRequests() REQUIRES(stateMutex);
