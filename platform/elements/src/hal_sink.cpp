@@ -38,6 +38,13 @@ bool isGoingDown(GstElement* element) {
     return false;
 }
 
+bool isFlushing(GstPad* pad) {
+    GST_OBJECT_LOCK(pad);
+    const bool flushing = GST_PAD_IS_FLUSHING(pad);
+    GST_OBJECT_UNLOCK(pad);
+    return flushing;
+}
+
 } // namespace
 
 HalSink::HalSink(GstBin* bin, const char* kind, const MediaFormats& formats)
@@ -84,12 +91,10 @@ GstFlowReturn HalSink::onEvent(GstPad* pad, GstObject* parent, GstEvent* event) 
         break;
     }
     case GST_EVENT_FLUSH_START:
-        self.m_flushing = true;
         self.interrupt();
         break;
     case GST_EVENT_FLUSH_STOP:
         self.endDrain();
-        self.m_flushing = false;
         break;
     default:
         break;
@@ -200,28 +205,35 @@ bool HalSink::endDrain() {
     return std::exchange(m_draining, false);
 }
 
-/// Asks for the decoder. False when a flush or a stop came first.
+/// Asks for the decoder. False when a flush or a stop came first, or while it was being asked for:
+/// the answer may be no more than the end of the wait, and the next data asks again.
 bool HalSink::decide() {
     const auto gate = RequestGate::of(GST_ELEMENT(m_bin));
     {
         const std::lock_guard lock(m_waitMutex);
         m_gate = gate;
     }
-    const bool entered = gate->enter([this] { return isInterrupted(); });
-    if (entered) {
+    bool decided = false;
+    if (gate->enter([this] { return isInterrupted(); })) {
         {
             const std::lock_guard lock(m_waitMutex);
             m_insideGate = true;
         }
-        const bool granted = request() != 0;
+        decided = settle(request() != 0);
         requestForwarded();
-        m_decoder = granted ? Decoder::Granted : Decoder::Refused;
-        if (granted)
-            announce('+');
     }
     const std::lock_guard lock(m_waitMutex);
     m_gate.reset();
-    return entered;
+    return decided;
+}
+
+bool HalSink::settle(bool granted) {
+    if (!granted && isInterrupted())
+        return false;
+    m_decoder = granted ? Decoder::Granted : Decoder::Refused;
+    if (granted)
+        announce('+');
+    return true;
 }
 
 void HalSink::requestForwarded() {
@@ -239,7 +251,7 @@ int HalSink::request() {
 }
 
 bool HalSink::isInterrupted() const {
-    return m_stopping || m_flushing || isGoingDown(GST_ELEMENT(m_bin));
+    return m_stopping || isFlushing(GST_PAD(m_sinkPad)) || isGoingDown(GST_ELEMENT(m_bin));
 }
 
 /// Keeps the output's time going without its data.
@@ -357,7 +369,6 @@ GstStateChangeReturn HalSink::changeState(GstStateChange transition) {
 void HalSink::start() {
     endDrain();
     m_stopping = false;
-    m_flushing = false;
     if (!m_active)
         activated();
     m_active = true;

@@ -63,6 +63,7 @@ private:
     bool drainChain();
     bool endDrain();
     bool decide();
+    bool settle(bool granted);
     int request();
     bool isInterrupted() const;
     GstFlowReturn swallow(GstBuffer* buffer);
@@ -90,7 +91,6 @@ private:
 
     std::atomic<Decoder> m_decoder{Decoder::Undecided};
     std::atomic<bool> m_stopping{false};
-    std::atomic<bool> m_flushing{false};
     std::atomic<gint64> m_timeOffset{0};
     std::mutex m_waitMutex; // guards all below; leaf but for the gate's and the object locks
     std::condition_variable m_drained;

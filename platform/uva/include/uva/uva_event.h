@@ -178,9 +178,12 @@ public:
     ~BufferingStreamUnderrunEvent() override;
 };
 
-/// First phase of a seek: the client drops what it was about to deliver and completes the event;
-/// the seek is made in that completion. Complete it after `setPosition` has returned, else the
-/// element goes on reporting the target as its position.
+/// First phase of a seek: requests for data from before are void, and what is delivered all the same
+/// is dropped; none is made before the seek. The client moves its own reading to the target and
+/// completes the event; the seek is made in that completion, and data is asked for anew. Of several
+/// that are pending the first completion makes the seek, to the newest target, and the others
+/// nothing. Complete it after `setPosition` has returned, else the element goes on reporting the
+/// target as its position.
 class CancelDataRequestsAsyncEvent : public UVAAsyncEvent {
 public:
     explicit CancelDataRequestsAsyncEvent(double seconds)

@@ -109,17 +109,18 @@ int CUvaGstIfReceiver::decoder_request_cb(GstElement*, const char* type, void* r
     return static_cast<CUvaGstIfReceiver*>(receiver)->requestDecoder(type, nullptr) ? 1 : 0;
 }
 
-bool CUvaGstIfReceiver::requestDecoder(const char* type, UvaGstIfRequester* requester) {
+bool CUvaGstIfReceiver::requestDecoder(const char* type, UvaGstIfRequester* requester,
+                                       const Interrupted& isInterrupted) {
     const uint32_t kind = kindOf(type, "");
     if (kind == 0)
         return false;
     const MutexLock lock(stateMutex);
     UVA_GST_IF_LOG(BackendIf, Debug, "decoder_request=%d decoder_available=%d",
                    static_cast<int>(kind), static_cast<int>(decoder_available));
-    bool granted = !isRefused(kind, requester);
+    bool granted = !isRefused(kind, requester, isInterrupted);
     if (granted && (decoder_available & kind) == 0)
-        granted =
-            askMainSystem(kind) && waitForKind(kind, requester) && !isRefused(kind, requester);
+        granted = askMainSystem(kind) && waitForKind(kind, requester, isInterrupted) &&
+                  !isRefused(kind, requester, isInterrupted);
     UVA_GST_IF_LOG(BackendIf, Debug,
                    "  requested decoder %savailable (decoder_request=%d decoder_available=%d)",
                    granted ? "" : "not ", static_cast<int>(kind),
@@ -132,8 +133,10 @@ bool CUvaGstIfReceiver::requestDecoder(const char* type, UvaGstIfRequester* requ
     return true;
 }
 
-bool CUvaGstIfReceiver::isRefused(uint32_t kind, const UvaGstIfRequester* requester) const {
-    return m_isCutOff || (requester && requester->m_waits[indexOf(kind)].breakers > 0);
+bool CUvaGstIfReceiver::isRefused(uint32_t kind, const UvaGstIfRequester* requester,
+                                  const Interrupted& isInterrupted) const {
+    return m_isCutOff || (requester && requester->m_waits[indexOf(kind)].breakers > 0) ||
+           (isInterrupted && isInterrupted());
 }
 
 /// False when the request cannot be sent: nobody would answer it.
@@ -147,7 +150,8 @@ bool CUvaGstIfReceiver::askMainSystem(uint32_t kind) {
     return true;
 }
 
-bool CUvaGstIfReceiver::waitForKind(uint32_t kind, const UvaGstIfRequester* requester) {
+bool CUvaGstIfReceiver::waitForKind(uint32_t kind, const UvaGstIfRequester* requester,
+                                    const Interrupted& isInterrupted) {
     const auto deadline = m_clock.now() + longestRequest;
     const uint32_t refusals = m_refusals;
     const auto brokenWaits = [&] {
@@ -159,7 +163,7 @@ bool CUvaGstIfReceiver::waitForKind(uint32_t kind, const UvaGstIfRequester* requ
     while (mayWait && (decoder_available & kind) == 0) {
         const bool isBroken = brokenWaits() != brokenBefore;
         const bool isPending = requestPending == 1 && m_refusals == refusals;
-        mayWait = isPending && !isBroken && !m_isCutOff &&
+        mayWait = isPending && !isBroken && !isRefused(kind, requester, isInterrupted) &&
                   m_clock.waitUntil(stateCond, stateMutex, deadline);
     }
     --m_waiting;
@@ -185,6 +189,11 @@ void CUvaGstIfReceiver::allowWaits(UvaGstIfRequester& requester, const char* typ
         if ((!type || kindOf(type, "") == kind) && waits.breakers > 0)
             --waits.breakers;
     }
+}
+
+void CUvaGstIfReceiver::wake() {
+    const MutexLock lock(stateMutex);
+    stateCond.broadcast();
 }
 
 void CUvaGstIfReceiver::leave(UvaGstIfRequester& requester) {

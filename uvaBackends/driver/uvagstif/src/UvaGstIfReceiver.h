@@ -9,6 +9,7 @@
 #include "util/mutex.h"
 
 #include <cstdint>
+#include <functional>
 #include <set>
 #include <vector>
 
@@ -22,8 +23,9 @@ class CUvaGstIfLowerLayer;
 /// process or not. What is granted is every requester's who asks, and in use until the last of them
 /// has given it back.
 ///
-/// A wait for a decoder takes 5 seconds at most. It ends at once by a refusal, by breakWaits of its
-/// requester, and by Term; it does not begin when the request cannot be sent.
+/// A wait for a decoder takes 5 seconds at most. It ends at once by a refusal, when whoever asks is
+/// interrupted, by breakWaits of its requester, and by Term; it does not begin when the request
+/// cannot be sent.
 class CUvaGstIfReceiver : public CThreadObjectWithQueueRpc {
 public:
     explicit CUvaGstIfReceiver(CUvaGstIfLowerLayer& lowerLayer);
@@ -53,8 +55,14 @@ public:
 
     /// Asks for the decoder of a type, "audio" or "video", and waits for the answer. True when it
     /// may be used, at once if the main system has granted it before. Called by streaming threads,
-    /// with no lock of the caller's that its tear-down wants.
-    bool requestDecoder(const char* type, UvaGstIfRequester* requester) EXCLUDES(stateMutex);
+    /// with no lock of the caller's that its tear-down wants. While `isInterrupted` answers true
+    /// the request is refused; it is called under the receiver's lock, calls nothing of the
+    /// receiver, and whoever makes it true calls wake(). It may be empty.
+    using Interrupted = std::function<bool()>;
+    bool requestDecoder(const char* type, UvaGstIfRequester* requester,
+                        const Interrupted& isInterrupted = {}) EXCLUDES(stateMutex);
+    /// Who waits looks whether it is interrupted.
+    void wake() EXCLUDES(stateMutex);
 
     /// Ends the requester's waits and refuses its requests, until allowWaits was called as often;
     /// for one type, "audio" or "video", or for both (null).
@@ -87,9 +95,11 @@ public:
     State state() EXCLUDES(stateMutex);
 
 private:
-    bool isRefused(uint32_t kind, const UvaGstIfRequester* requester) const REQUIRES(stateMutex);
+    bool isRefused(uint32_t kind, const UvaGstIfRequester* requester,
+                   const Interrupted& isInterrupted) const REQUIRES(stateMutex);
     bool askMainSystem(uint32_t kind) REQUIRES(stateMutex);
-    bool waitForKind(uint32_t kind, const UvaGstIfRequester* requester) REQUIRES(stateMutex);
+    bool waitForKind(uint32_t kind, const UvaGstIfRequester* requester,
+                     const Interrupted& isInterrupted) REQUIRES(stateMutex);
     void handleDecoderNeededLocked(const char* type) REQUIRES(stateMutex);
     void giveBack(uint32_t kinds) REQUIRES(stateMutex);
     void answerReleaseRequests() REQUIRES(stateMutex);

@@ -85,7 +85,7 @@ std::string GstNoxBackend::describeAll() {
 }
 
 std::string GstNoxBackend::listing() {
-    const guint64 position = m_lastPosition;
+    const guint64 position = m_seek.position();
     GstState state = GST_STATE_VOID_PENDING;
     {
         const GLibLock lock(m_lock);
@@ -116,7 +116,7 @@ GstNoxBackend::~GstNoxBackend() {
         bin->close(); // else their threads decrypt all that is queued before they stop
     waitForWriters(nullptr);
     gstPlayerStopAndDestroy();
-    uvaGstIfReceiver.leave(m_requester);
+    uvaGstIfReceiver.leave(m_decoders.requester());
     for (const auto& bin : bins()) {
         takeBin(bin->id());
         bin->Destroy();

@@ -2,9 +2,10 @@
 #define GSTNOX_BACKEND_H
 
 #include "UvaGstIfBackend.h"
-#include "UvaGstIfRequester.h"
 #include "base/glib_lock.h"
 #include "base/gst_ptr.h"
+#include "backend/gstnox_decoder.h"
+#include "backend/gstnox_seek.h"
 #include "uva/uva_client.h"
 #include "uva/uva_media_backend.h"
 
@@ -33,7 +34,7 @@ class UVADRMBackend;
 /// system's; that of a media source for the latter alone. The client is asked for one sink at a
 /// time, another that asks meanwhile is refused; several may wait for the main system side by side.
 /// A sink that has the action "decoder-request-forwarded" is told when its request goes there.
-/// Stopping the player or the source, and seeking, end that wait; such a sink is told "no".
+/// Stopping the player or the source, and a flush, end that wait; such a sink is told "no".
 class GstNoxBackend : public UVAMediaBackend {
 public:
     /// `client` must not be null; it is not owned and outlives the backend.
@@ -185,14 +186,9 @@ private:
         UVADRMBackend* drm = nullptr; // the host's, by the identifier; null: it has none
     };
 
-    enum ResourcesState : int { NoResources = 0, ResourcesAsked = 1, ResourcesGranted = 2 };
-    enum DecoderKind : int { AudioKind = 1, VideoKind = 2 };
-
     static constexpr gint64 durationUninitialized = -2;
     static constexpr gint64 durationUnknown = -1;
 
-    /// Ends the waits of the sinks for as long as it lives.
-    class WaitBreaker;
     class Writer;
 
     /// Where the main system's control requests arrive.
@@ -205,14 +201,6 @@ private:
         GstNoxBackend& m_backend;
     };
 
-    enum class DecoderAnswer { Granted, Refused, Broken };
-
-    /// What a sink asks the client. The state alone would not do: the next sink may ask before the
-    /// one that was answered has looked.
-    struct ClientQuestion {
-        std::optional<bool> granted;
-    };
-
     int initSource(SourceDescription* source, int index);
     int initBackendStreaming(const SourceDescription& source, int index);
     int enterState(GstState state, const char* graphName);
@@ -220,10 +208,8 @@ private:
     void writeGraph(const char* name);
     void watchBus();
     void setupElement(GstElement* element);
-    DecoderAnswer askClient(const gchar* type) EXCLUDES(m_lock);
-    DecoderAnswer askMainSystem(GstElement* sink, const gchar* type) EXCLUDES(m_lock);
-    gint reply(DecoderAnswer answer) EXCLUDES(m_lock);
-    void reportRefusal() EXCLUDES(m_lock);
+    void askClient() EXCLUDES(m_lock);
+    gint reply(DecoderHandshake::Answer answer);
     void addBin(const std::shared_ptr<GstMseBin>& bin) EXCLUDES(m_lock);
     void checkComponent(const GstMseBin& starting) EXCLUDES(m_lock);
     std::shared_ptr<GstMseBin> findBin(unsigned int id) EXCLUDES(m_lock);
@@ -241,9 +227,9 @@ private:
     void handleVideoFormat(const GstStructure* format);
     void handleDecoderNeeded(const GstStructure* structure) EXCLUDES(m_lock);
     void handleBuffering(GstMessage* message);
-    void completeResourceRequest(bool success) EXCLUDES(m_lock);
     void completeSeek(const UVAAsyncEvent* event) EXCLUDES(m_lock);
-    bool seekPipeline() EXCLUDES(m_lock);
+    bool seekPipeline(guint64 target) EXCLUDES(m_lock);
+    void askForData(unsigned int id) EXCLUDES(m_lock);
     gint64 duration() EXCLUDES(m_lock);
     bool isCodecPlayable(const char* codec, int width, int height, int fps);
 
@@ -261,7 +247,7 @@ private:
     std::string m_userAgent;
 
     GLibMutex m_lock;          // never held while an event is delivered or a pipeline state is set
-    GLibCondition m_condition; // a decoder request was answered, its wait is to end; a writer left
+    GLibCondition m_condition; // a writer left
     double m_frameRate GUARDED_BY(m_lock) = 1.0;
     int m_nativeWidth GUARDED_BY(m_lock) = -1;
     int m_nativeHeight GUARDED_BY(m_lock) = -1;
@@ -271,22 +257,15 @@ private:
     std::map<std::string, std::unique_ptr<GstNoxAvComponent>> m_components GUARDED_BY(m_lock);
     bool m_hasPlayer GUARDED_BY(m_lock) = false;
     GstPtr<GstElement> m_audioSink GUARDED_BY(m_lock); // the last "halaudiosink" set up
-    int m_resources_state GUARDED_BY(m_lock) = NoResources;
-    ClientQuestion* m_question GUARDED_BY(m_lock) = nullptr; // with the client; its sink's own
-    int m_resources_needed GUARDED_BY(m_lock) = 0;           // DecoderKind bits
-    int m_waitBreakers GUARDED_BY(m_lock) = 0;               // operations that let no sink wait now
-    unsigned int m_brokenWaits GUARDED_BY(m_lock) = 0;       // how many of them there ever were
     GstState m_state GUARDED_BY(m_lock) = GST_STATE_NULL;
     std::map<unsigned int, std::shared_ptr<GstMseBin>> m_bins GUARDED_BY(m_lock); // by source id
     std::vector<const Writer*> m_writers GUARDED_BY(m_lock);
     guint64 m_segmentStart GUARDED_BY(m_lock) = GST_CLOCK_TIME_NONE; // of all media sources
     std::shared_ptr<const KeySystem> m_keySystem GUARDED_BY(m_lock);
 
-    std::atomic<guint64> m_lastPosition{GST_CLOCK_TIME_NONE}; // also a pending seek's target
-    std::atomic<int> m_seekPending{0};
-
+    SeekState m_seek;
+    DecoderHandshake m_decoders{[this] { askClient(); }};
     ControlPort m_controlPort{*this};
-    UvaGstIfRequester m_requester;
 };
 
 #endif

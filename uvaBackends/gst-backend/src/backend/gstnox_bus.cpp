@@ -147,7 +147,7 @@ gboolean GstNoxBackend::handleGstMessages(GstMessage* message) {
         break;
     case GST_MESSAGE_APPLICATION:
         handleApplicationMessage(message);
-        uvaGstIfReceiver.handleApplicationMessage(message, &m_requester);
+        uvaGstIfReceiver.handleApplicationMessage(message, &m_decoders.requester());
         break;
     default:
         break;
@@ -241,24 +241,9 @@ void GstNoxBackend::handleDecoderNeeded(const GstStructure* structure) {
     const gchar* text = gst_structure_get_string(structure, "type");
     if (text == nullptr)
         return;
-    struct Row {
-        std::string_view type;
-        int clear;
-        int set;
-    };
-    static constexpr std::array rows{Row{"-audio", AudioKind, 0}, Row{"-video", VideoKind, 0},
-                                     Row{"+audio", 0, AudioKind}, Row{"+video", 0, VideoKind}};
-    const std::string_view type = text;
-    int needed = 0;
-    {
-        const GLibLock lock(m_lock);
-        for (const auto& row : rows)
-            if (row.type == type)
-                m_resources_needed = (m_resources_needed & ~row.clear) | row.set;
-        needed = m_resources_needed;
-    }
+    const int needed = m_decoders.noteNeed(text);
     GST_DEBUG("m_resources_needed: %d", needed);
-    if (type.substr(0, 1) == "-" && needed == 0)
+    if (text[0] == '-' && needed == 0)
         raiseEvent(new BackendResourceReleasedEvent(m_audioOnly), GST_LEVEL_DEBUG, "type=%d",
                    m_audioOnly);
 }
@@ -291,7 +276,8 @@ int GstNoxBackend::eventCompleted(const UVAAsyncEvent* event, bool success) {
     GST_DEBUG("ev = %d", event->type());
     switch (event->type()) {
     case UVAEvent::BackendResourceRequestAsync:
-        completeResourceRequest(success);
+        GST_INFO("BackendResourceRequestAsync finished (success=%d)", success);
+        m_decoders.completeRequest(success);
         return Success;
     case UVAEvent::CancelDataRequestsAsync:
         completeSeek(event);
@@ -300,14 +286,4 @@ int GstNoxBackend::eventCompleted(const UVAAsyncEvent* event, bool success) {
         GST_WARNING("Unsupported async event (%d) received!", event->type());
         return Failure;
     }
-}
-
-void GstNoxBackend::completeResourceRequest(bool success) {
-    GST_INFO("BackendResourceRequestAsync finished (success=%d)", success);
-    const GLibLock lock(m_lock);
-    m_resources_state = success ? ResourcesGranted : NoResources;
-    if (m_question != nullptr)
-        m_question->granted = success;
-    m_question = nullptr;
-    m_condition.broadcast();
 }

@@ -2,8 +2,8 @@
 #include "backend/gstnox_avcomponent.h"
 #include "backend/gstnox_backend.h"
 #include "backend/gstnox_buswatch.h"
+#include "mse/gstnox_msebin.h"
 #include "plugin/gstnox_plugin.h"
-#include "backend/gstnox_waitbreaker.h"
 #include "uva/uva_event.h"
 
 #include <cstring>
@@ -35,14 +35,6 @@ GstCaps* capsOf(GstPadProbeInfo* info) {
 const GstStructure* firstStructure(const GstCaps* caps) {
     return caps != nullptr && gst_caps_get_size(caps) > 0 ? gst_caps_get_structure(caps, 0)
                                                           : nullptr;
-}
-
-/// The client has had its say: another sink may ask now, without being turned away. A set's sinks
-/// may not care.
-void tellForwarded(GstElement* sink) {
-    constexpr const char* action = "decoder-request-forwarded";
-    if (sink != nullptr && g_signal_lookup(action, G_OBJECT_TYPE(sink)) != 0)
-        g_signal_emit_by_name(sink, action);
 }
 
 GstNoxBackend* backendOf(gpointer data) {
@@ -101,7 +93,7 @@ void GstNoxBackend::gstPlayerStopAndDestroy() {
     if (!m_pipeline)
         return;
     writeGraph("nox-stop");
-    const WaitBreaker breaker(*this);
+    const DecoderHandshake::Stop stop(m_decoders);
     changeState(GST_STATE_READY);
     GstState state = GST_STATE_VOID_PENDING;
     GstState pending = GST_STATE_VOID_PENDING;
@@ -120,7 +112,7 @@ void GstNoxBackend::gstPlayerStopAndDestroy() {
     GST_DEBUG("going to NULL");
     changeState(GST_STATE_NULL);
     setPipelineState(GST_STATE_NULL);
-    uvaGstIfReceiver.leave(m_requester);
+    uvaGstIfReceiver.leave(m_decoders.requester());
     {
         const GLibLock lock(m_lock);
         m_hasPlayer = false;
@@ -152,6 +144,7 @@ void GstNoxBackend::setupElement(GstElement* element) {
     GST_DEBUG("element='%s' factory='%s'", GST_OBJECT_NAME(element), factory.data());
     const bool audioSink = factory == "halaudiosink";
     if (!g_standalone && (audioSink || factory == "halvideosink")) {
+        m_decoders.watch(element);
         g_signal_connect(element, "decoder-request", G_CALLBACK(decoder_request_cb), this);
         if (audioSink) {
             const GLibLock lock(m_lock);
@@ -185,77 +178,29 @@ void GstNoxBackend::about_to_finish_cb(GstElement* /*playbin*/, gpointer /*backe
 }
 
 gint GstNoxBackend::decoder_request_cb(GstElement* sink, const gchar* type, gpointer backend) {
-    DecoderAnswer answer = backendOf(backend)->askClient(type);
-    if (answer == DecoderAnswer::Granted)
-        answer = backendOf(backend)->askMainSystem(sink, type);
-    return backendOf(backend)->reply(answer);
+    auto* self = backendOf(backend);
+    return self->reply(self->m_decoders.askClientAndMainSystem(sink, type));
 }
 
-/// The client is not asked for the decoder of a media source.
 gint GstNoxBackend::source_decoder_request_cb(GstElement* sink, const gchar* type,
                                               gpointer backend) {
-    return backendOf(backend)->reply(backendOf(backend)->askMainSystem(sink, type));
+    auto* self = backendOf(backend);
+    return self->reply(self->m_decoders.askMainSystem(sink, type));
+}
+
+void GstNoxBackend::askClient() {
+    raiseEvent(new BackendResourceRequestAsyncEvent(m_audioOnly), GST_LEVEL_DEBUG, "type=%d",
+               m_audioOnly);
 }
 
 /// What the sink is told.
-gint GstNoxBackend::reply(DecoderAnswer answer) {
-    if (answer == DecoderAnswer::Refused)
-        reportRefusal();
-    return answer == DecoderAnswer::Granted ? 1 : 0;
-}
-
-void GstNoxBackend::reportRefusal() {
-    int state = NoResources;
-    {
-        const GLibLock lock(m_lock);
-        state = m_resources_state;
+gint GstNoxBackend::reply(DecoderHandshake::Answer answer) {
+    if (answer == DecoderHandshake::Answer::Refused) {
+        GST_ERROR("***E: resources not available (%d)", m_decoders.resourcesState());
+        raiseEvent(new DecodeErrorEvent(DecodeErrorEvent::InsufficientResources), GST_LEVEL_ERROR,
+                   "INSUFFICIENT_RESOURCES");
     }
-    GST_ERROR("***E: resources not available (%d)", state);
-    raiseEvent(new DecodeErrorEvent(DecodeErrorEvent::InsufficientResources), GST_LEVEL_ERROR,
-               "INSUFFICIENT_RESOURCES");
-}
-
-GstNoxBackend::DecoderAnswer GstNoxBackend::askClient(const gchar* type) {
-    ClientQuestion question;
-    unsigned int brokenWaits = 0;
-    {
-        const GLibLock lock(m_lock);
-        brokenWaits = m_brokenWaits;
-        GST_DEBUG("m_resources_state=%d, type=%s", m_resources_state, type);
-        if (m_waitBreakers > 0)
-            return DecoderAnswer::Broken;
-        if (m_resources_state != NoResources)
-            return m_resources_state == ResourcesGranted ? DecoderAnswer::Granted
-                                                         : DecoderAnswer::Refused;
-        GST_INFO("about asks for resources (%d)", m_resources_needed);
-        m_resources_state = ResourcesAsked;
-        m_question = &question;
-    }
-    raiseEvent(new BackendResourceRequestAsyncEvent(m_audioOnly), GST_LEVEL_DEBUG, "type=%d",
-               m_audioOnly);
-    const GLibLock lock(m_lock);
-    while (!question.granted && m_brokenWaits == brokenWaits)
-        m_condition.wait(m_lock);
-    if (!question.granted) { // the wait was broken
-        m_question = nullptr;
-        m_resources_state = NoResources;
-        return DecoderAnswer::Broken;
-    }
-    return *question.granted ? DecoderAnswer::Granted : DecoderAnswer::Refused;
-}
-
-GstNoxBackend::DecoderAnswer GstNoxBackend::askMainSystem(GstElement* sink, const gchar* type) {
-    unsigned int brokenWaits = 0;
-    {
-        const GLibLock lock(m_lock);
-        brokenWaits = m_brokenWaits;
-    }
-    tellForwarded(sink);
-    if (uvaGstIfReceiver.requestDecoder(type, &m_requester))
-        return DecoderAnswer::Granted;
-    const GLibLock lock(m_lock);
-    return m_waitBreakers > 0 || m_brokenWaits != brokenWaits ? DecoderAnswer::Broken
-                                                              : DecoderAnswer::Refused;
+    return answer == DecoderHandshake::Answer::Granted ? 1 : 0;
 }
 
 void GstNoxBackend::demux_pad_added_cb(GstElement* /*demuxer*/, GstPad* pad, gpointer backend) {
@@ -367,20 +312,21 @@ gint GstNoxBackend::priorize_vptsfilter(gconstpointer a, gconstpointer b) {
 }
 
 void GstNoxBackend::completeSeek(const UVAAsyncEvent* event) {
-    const guint64 target = m_lastPosition;
     GstState state = GST_STATE_VOID_PENDING;
     {
         const GLibLock lock(m_lock);
         state = m_state;
     }
     GST_INFO("CancelDataRequestsAsync: pos=%" GST_TIME_FORMAT " (%f) state=%d",
-             GST_TIME_ARGS(target),
+             GST_TIME_ARGS(m_seek.position()),
              static_cast<const CancelDataRequestsAsyncEvent*>(event)->position, state);
-    int pending = 1;
-    if (!m_seekPending.compare_exchange_strong(pending, 0))
+    const auto target = m_seek.begin();
+    if (!target)
         return;
+    const bool done = seekPipeline(*target);
+    m_seek.end();
     using Outcome = SeekCompletedExEvent::SeekOutcome;
-    if (!seekPipeline()) {
+    if (!done) {
         raiseEvent(new SeekCompletedExEvent(Outcome::Failed), GST_LEVEL_WARNING,
                    "SeekOutcome::Failed");
         return;
@@ -394,14 +340,24 @@ void GstNoxBackend::completeSeek(const UVAAsyncEvent* event) {
                "SeekOutcome::Succeeded");
 }
 
-/// A sink that waits for its decoder would hold the seek up until the client answers: its wait
-/// ends, and it is told "no".
-bool GstNoxBackend::seekPipeline() {
+/// One step for all media sources: none takes what belongs behind the seek before all have dropped
+/// what belongs before it.
+bool GstNoxBackend::seekPipeline(guint64 target) {
     if (!m_pipeline)
         return false;
-    const WaitBreaker breaker(*this);
-    return gst_element_seek_simple(
-               m_pipeline.get(), GST_FORMAT_TIME,
-               static_cast<GstSeekFlags>(GST_SEEK_FLAG_FLUSH | GST_SEEK_FLAG_ACCURATE),
-               static_cast<gint64>(m_lastPosition.load())) != FALSE;
+    const auto sources = bins();
+    for (const auto& bin : sources)
+        bin->beginSeek();
+    {
+        const GLibLock lock(m_lock);
+        m_segmentStart = GST_CLOCK_TIME_NONE;
+    }
+    const bool done = gst_element_seek_simple(
+                          m_pipeline.get(), GST_FORMAT_TIME,
+                          static_cast<GstSeekFlags>(GST_SEEK_FLAG_FLUSH | GST_SEEK_FLAG_ACCURATE),
+                          static_cast<gint64>(target)) != FALSE;
+    for (const auto& bin : sources)
+        if (bin->endSeek())
+            askForData(bin->id());
+    return done;
 }

@@ -6,6 +6,7 @@
 #include "uva/uva_event.h"
 
 #include <algorithm>
+#include <cmath>
 
 #define GST_CAT_DEFAULT gst_backend_debug
 
@@ -51,9 +52,9 @@ UVATime GstNoxBackend::getPosition() {
     gint64 position = 0;
     const bool known =
         gst_element_query_position(m_pipeline.get(), GST_FORMAT_TIME, &position) != FALSE;
-    if (known && m_seekPending == 0)
-        m_lastPosition = static_cast<guint64>(position);
-    const guint64 last = m_lastPosition;
+    if (known)
+        m_seek.note(static_cast<guint64>(position));
+    const guint64 last = m_seek.position();
     GST_LOG("pos=%" GST_TIME_FORMAT, GST_TIME_ARGS(last));
     const double seconds = last == GST_CLOCK_TIME_NONE ? 0.0 : toSeconds(last);
     return {seconds, 1.0, UVATime::Timestamp(), seconds};
@@ -62,20 +63,21 @@ UVATime GstNoxBackend::getPosition() {
 int GstNoxBackend::setPosition(double seconds) {
     const gint64 known = duration();
     // The target is compared with the nanosecond count itself.
-    const bool accepted =
-        seconds >= 0.0 && (known == durationUninitialized || seconds <= static_cast<double>(known));
+    const bool accepted = seconds >= 0.0 && std::isfinite(seconds) &&
+                          (known == durationUninitialized || seconds <= static_cast<double>(known));
     if (!accepted) {
         GST_ERROR("***E: pos=%lf out of scope", seconds);
         raiseEvent(new SeekCompletedExEvent(SeekCompletedExEvent::SeekOutcome::Failed),
                    GST_LEVEL_WARNING, "SeekOutcome::Failed");
         return 0;
     }
-    m_seekPending = 1;
     const auto target = static_cast<guint64>(toNanoseconds(seconds));
-    m_lastPosition = target;
+    m_seek.request(target);
+    for (const auto& bin : bins())
+        bin->closeForSeek();
     GST_DEBUG("pos=%" GST_TIME_FORMAT, GST_TIME_ARGS(target));
     raiseEvent(new CancelDataRequestsAsyncEvent(seconds), GST_LEVEL_DEBUG, "pos=%f", seconds);
-    m_seekPending = 1;
+    m_seek.request(target);
     return 1;
 }
 
@@ -124,7 +126,7 @@ int GstNoxBackend::getBufferedTimeRanges(unsigned int id, const std::vector<Byte
     GST_LOG("id=%d", static_cast<int>(id));
     if (!bins().empty()) {
         if (const auto bin = findBin(id))
-            for (const TimeRange& range : bin->bufferedRanges(m_lastPosition)) {
+            for (const TimeRange& range : bin->bufferedRanges(m_seek.position())) {
                 GST_LOG("  buffered: [%" GST_TIME_FORMAT ",%" GST_TIME_FORMAT "]",
                         GST_TIME_ARGS(static_cast<guint64>(toNanoseconds(range.start))),
                         GST_TIME_ARGS(static_cast<guint64>(toNanoseconds(range.end))));

@@ -4,7 +4,6 @@
 #include "codec/codecheaders.h"
 #include "codec/codecutil.h"
 #include "plugin/gstnox_plugin.h"
-#include "backend/gstnox_waitbreaker.h"
 #include "uva/uva_sample.h"
 
 #include <algorithm>
@@ -248,7 +247,7 @@ void GstNoxBackend::GstMseBin::Destroy() {
     close();
     if (!bin)
         return;
-    const WaitBreaker breaker(*backend, kind);
+    const DecoderHandshake::Stop ending(backend->m_decoders, kind);
     gst_element_set_locked_state(bin.get(), TRUE); // the pipeline may be on its way up
     gst_element_set_state(bin.get(), GST_STATE_NULL);
     const auto parent = GstPtr<GstObject>::adopt(gst_object_get_parent(GST_OBJECT(bin.get())));
@@ -264,7 +263,7 @@ bool GstNoxBackend::GstMseBin::isActive() {
 
 /// It neither comes back with the pipeline's next state nor holds up the end of playback.
 void GstNoxBackend::GstMseBin::stop() {
-    const WaitBreaker breaker(*backend, kind);
+    const DecoderHandshake::Stop ending(backend->m_decoders, kind);
     gst_element_set_locked_state(bin.get(), TRUE);
     gst_element_set_state(bin.get(), GST_STATE_READY);
     GST_OBJECT_FLAG_UNSET(bin.get(), GST_ELEMENT_FLAG_SINK);
@@ -274,7 +273,7 @@ void GstNoxBackend::GstMseBin::stop() {
 
 void GstNoxBackend::GstMseBin::write(UVASample** samples) {
     const GLibLock hold(lock);
-    if (samples == nullptr || removed)
+    if (samples == nullptr || removed || m_intake == Intake::Closed)
         return;
     estimateFrameRate(samples);
     int count = 0;
@@ -298,7 +297,7 @@ void GstNoxBackend::GstMseBin::write(UVASample** samples) {
 
 void GstNoxBackend::GstMseBin::writeEndOfStream() {
     const GLibLock hold(lock);
-    if (removed)
+    if (removed || m_intake == Intake::Closed)
         return;
     pushEvent(GstPtr<GstEvent>::adopt(gst_event_new_eos()));
     pushToSource();
@@ -446,7 +445,7 @@ bool GstNoxBackend::GstMseBin::pushToSource() {
     m_feeding = true;
     const guint before = queued();
     guint pushed = 0;
-    for (; queued() > 0 && needData; ++pushed)
+    for (; queued() > 0 && needData && m_intake == Intake::Open; ++pushed)
         handOver(static_cast<GstMiniObject*>(gst_queue_array_pop_head(queue)));
     m_feeding = false;
     GST_LOG("%s: pushed %u/%u, remaining %u", name.get(), pushed, before, queued());
@@ -536,17 +535,39 @@ bool GstNoxBackend::GstMseBin::needsData() {
     const GLibLock hold(lock);
     if (removed)
         return false;
+    m_wasAsked = true;
     needData = true;
-    return pushToSource();
+    return m_intake == Intake::Open && pushToSource();
 }
 
-void GstNoxBackend::GstMseBin::seek() {
+bool GstNoxBackend::GstMseBin::seek() {
     const GLibLock hold(lock);
-    if (removed)
-        return;
-    flush(1);
+    if (removed || !m_wasAsked)
+        return false;
     // What is pushed before the appsrc has flushed its own queue would be lost; it asks again then.
     needData = false;
+    if (m_intake != Intake::Open)
+        return false;
+    flush(1);
+    return true;
+}
+
+void GstNoxBackend::GstMseBin::closeForSeek() {
+    const GLibLock hold(lock);
+    m_intake = Intake::Closed;
+    flush(1);
+}
+
+void GstNoxBackend::GstMseBin::beginSeek() {
+    const GLibLock hold(lock);
+    m_intake = Intake::Waiting;
+    flush(1);
+}
+
+bool GstNoxBackend::GstMseBin::endSeek() {
+    const GLibLock hold(lock);
+    m_intake = Intake::Open;
+    return !removed && needData && pushToSource();
 }
 
 // ---- what others want to know

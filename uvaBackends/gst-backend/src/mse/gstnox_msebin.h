@@ -49,7 +49,16 @@ public:
     /// True when the queue ran dry: more is to be asked for.
     bool needsData() EXCLUDES(lock);
     void hasEnoughData() { needData = false; }
-    void seek() EXCLUDES(lock);
+    /// Drops what is queued. False when there is nothing to begin anew: the appsrc has only been
+    /// started, or a seek of the backend's has dropped all before.
+    bool seek() EXCLUDES(lock);
+
+    /// The steps of a seek. From the first on nothing is asked for, and what is queued or comes is
+    /// dropped: it belongs before the seek. What is written while the pipeline seeks belongs behind
+    /// it, and waits for the end. The answer of the last is that of needsData().
+    void closeForSeek() EXCLUDES(lock);
+    void beginSeek() EXCLUDES(lock);
+    bool endSeek() EXCLUDES(lock);
 
     /// Hands the appsrc what it asks for. True when the queue is empty afterwards.
     bool pushToSource() REQUIRES(lock);
@@ -104,17 +113,20 @@ private:
 
     std::atomic<bool> needData{false}; // the appsrc wants data; cleared while the lock is held
     bool removed GUARDED_BY(lock) = false;
+    bool m_wasAsked GUARDED_BY(lock) = false; // the appsrc has wanted data
+    enum class Intake { Open, Closed, Waiting };
+    Intake m_intake GUARDED_BY(lock) = Intake::Open;
     GstQueueArray* const queue; // of GstMiniObject, each a reference; guarded by lock
     guint64 m_queuedBytes GUARDED_BY(lock) = 0;
     bool m_feeding GUARDED_BY(lock) = false; // a thread is in pushToSource()
     unsigned int m_flushes GUARDED_BY(lock) = 0;
-    GstPtr<GstCaps> currentCaps GUARDED_BY(lock); // the last ones queued
+    GstPtr<GstCaps> currentCaps GUARDED_BY(lock);    // the last ones queued
     const char* capsName GUARDED_BY(lock) = nullptr; // of those last handed to the appsrc; interned
     GstClockTime lastEnd GUARDED_BY(lock) = GST_CLOCK_TIME_NONE;
     GstClockTime m_firstStart GUARDED_BY(lock) = GST_CLOCK_TIME_NONE;
     GstClockTime m_segmentStart GUARDED_BY(lock) = GST_CLOCK_TIME_NONE; // to be installed, or none
     int fpsN GUARDED_BY(lock) = 0;
-    int fpsD GUARDED_BY(lock) = 0; // 0: not estimated yet
+    int fpsD GUARDED_BY(lock) = 0;                        // 0: not estimated yet
     std::unique_ptr<ConfigKey> m_config GUARDED_BY(lock); // what m_configCaps were made from
     GstPtr<GstCaps> m_configCaps GUARDED_BY(lock);
 

@@ -49,7 +49,7 @@ int GstNoxBackend::attachSource(SourceDescription* source) {
 
     const double position = getPosition().position;
     if (position > 0) {
-        GST_DEBUG("  seeking to %" GST_TIME_FORMAT, GST_TIME_ARGS(m_lastPosition.load()));
+        GST_DEBUG("  seeking to %" GST_TIME_FORMAT, GST_TIME_ARGS(m_seek.position()));
         setPosition(position);
     }
     if (durationKnown)
@@ -63,9 +63,11 @@ void GstNoxBackend::addBin(const std::shared_ptr<GstMseBin>& bin) {
         GST_ERROR("***E: source already exists - deleting...");
         old->Destroy();
     }
-    if (!g_standalone)
+    if (!g_standalone) {
+        m_decoders.watch(bin->sink());
         g_signal_connect(bin->sink(), "decoder-request", G_CALLBACK(source_decoder_request_cb),
                          this);
+    }
     gst_bin_add(GST_BIN(m_pipeline.get()), bin->element());
     {
         const GLibLock lock(m_lock);
@@ -201,8 +203,12 @@ void GstNoxBackend::need_data_cb(GstAppSrc* appsrc, guint /*length*/, gpointer b
     const unsigned int id = sourceIdOf(appsrc);
     const auto bin = self->findBin(id);
     if (bin != nullptr && bin->needsData())
-        self->raiseEvent(new NeedMSEDataEvent(id, samplesToAskFor), GST_LEVEL_LOG,
-                         "id=%d, samples=%d", static_cast<int>(id), samplesToAskFor);
+        self->askForData(id);
+}
+
+void GstNoxBackend::askForData(unsigned int id) {
+    raiseEvent(new NeedMSEDataEvent(id, samplesToAskFor), GST_LEVEL_LOG, "id=%d, samples=%d",
+               static_cast<int>(id), samplesToAskFor);
 }
 
 void GstNoxBackend::enough_data_cb(GstAppSrc* appsrc, gpointer backend) {
@@ -215,12 +221,9 @@ gboolean GstNoxBackend::seek_data_cb(GstAppSrc* appsrc, guint64 offset, gpointer
     GST_DEBUG("offset=%" GST_TIME_FORMAT, GST_TIME_ARGS(offset));
     auto* self = static_cast<GstNoxBackend*>(backend);
     const auto bin = self->findBin(sourceIdOf(appsrc));
-    if (bin == nullptr)
+    if (bin == nullptr || !bin->seek())
         return TRUE;
-    {
-        const GLibLock lock(self->m_lock);
-        self->m_segmentStart = GST_CLOCK_TIME_NONE;
-    }
-    bin->seek();
+    const GLibLock lock(self->m_lock);
+    self->m_segmentStart = GST_CLOCK_TIME_NONE;
     return TRUE;
 }

@@ -1,0 +1,255 @@
+// Seeks that meet a request for a decoder whose answer is late: the client's, the main system's, or
+// both. Whatever comes in between, playback ends with picture and sound, and nobody who has
+// answered is asked twice.
+
+#include "host/backend_library.h"
+#include "host/media_demuxer.h"
+#include "support/sink_watch.h"
+#include "support/wait_until.h"
+#include "uva/uva_client.h"
+#include "uva/uva_event.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <mqueue.h>
+
+#include <algorithm>
+#include <condition_variable>
+#include <cstdio>
+#include <deque>
+#include <memory>
+#include <mutex>
+#include <random>
+
+namespace {
+
+using std::chrono::milliseconds;
+using std::chrono::steady_clock;
+using support::SinkWatch;
+
+constexpr double target = 1.0; // seconds, of two
+const std::string clip = TEST_MEDIA_DIR "/h264-aac.mp4";
+
+class FedSource final : public UVABackend::SourceDescription {
+public:
+    FedSource(unsigned int id, std::string mime) : m_mime(std::move(mime)) {
+        type = MseStreaming;
+        sourceId = static_cast<int>(id);
+        mimeType = m_mime.c_str();
+        streamType = 1; // seekable
+        durationMs = 2000;
+    }
+
+private:
+    const std::string m_mime;
+};
+
+/// The main system, told how late to be.
+class MainSystem {
+public:
+    MainSystem() : m_commands(popen(ZANT_MAINSYS " --quiet", "w"), pclose) {
+        EXPECT_TRUE(support::waitUntil(serves));
+    }
+    ~MainSystem() { say("quit"); }
+    void say(const std::string& command) {
+        std::fprintf(m_commands.get(), "%s\n", command.c_str());
+        std::fflush(m_commands.get());
+    }
+
+private:
+    static bool serves() {
+        const mqd_t queue = mq_open("/BplayerAppIfUlDestFunc", O_WRONLY);
+        return queue >= 0 && mq_close(queue) == 0;
+    }
+
+    const std::unique_ptr<FILE, int (*)(FILE*)> m_commands;
+};
+
+/// A host that completes events on its own thread, decoder requests late, and feeds samples from
+/// inside the event that asks for them.
+class Host final : public UVAClient {
+public:
+    Host(const host::BackendLibrary& library, milliseconds lateness)
+        : m_library(library), m_lateness(lateness),
+          m_backend(library.request(UVABackend::VideoElement, this)) {}
+    ~Host() override { m_library.release(m_backend); }
+
+    void openUrl() {
+        auto* source = new UVABackend::SourceDescription;
+        source->type = UVABackend::SourceDescription::BackendStreaming;
+        source->url = m_url.c_str();
+        UVABackend::SourceDescription* sources[] = {source, nullptr};
+        ASSERT_EQ(m_backend->initBackend("test", sources, false), UVABackend::Success);
+    }
+    void openSamples() {
+        auto media = host::openMedia(clip, m_never);
+        ASSERT_EQ(media.streams.size(), 2U) << media.error;
+        m_streams = std::move(media.streams);
+        std::vector<UVABackend::SourceDescription*> sources;
+        for (std::size_t i = 0; i < m_streams.size(); ++i)
+            sources.push_back(
+                new FedSource(static_cast<unsigned int>(i) + 1, m_streams[i]->info().mimeType));
+        sources.push_back(nullptr);
+        ASSERT_EQ(m_backend->initBackend("test", sources.data(), false), UVABackend::Success);
+    }
+    UVAMediaBackend& backend() { return *m_backend; }
+
+    /// The host's thread, until the predicate holds or far too much time has passed.
+    template <typename Predicate>
+    bool runUntil(Predicate predicate, milliseconds bound = std::chrono::seconds(60)) {
+        return support::waitUntil(
+            [&] {
+                completeWhatIsDue();
+                return predicate();
+            },
+            bound);
+    }
+    void runFor(milliseconds time) {
+        runUntil([] { return false; }, time);
+    }
+    int count(UVAEvent::Type type) {
+        const std::lock_guard lock(m_mutex);
+        return static_cast<int>(std::count(m_seen.begin(), m_seen.end(), type));
+    }
+
+private:
+    struct Due {
+        steady_clock::time_point time;
+        std::unique_ptr<UVAAsyncEvent> event;
+    };
+
+    void deliverEvent(UVAEvent* event) override {
+        std::unique_ptr<UVAEvent> owned(event);
+        const auto type = event->type();
+        const bool isRequest = type == UVAEvent::BackendResourceRequestAsync;
+        const bool isCancel = type == UVAEvent::CancelDataRequestsAsync;
+        unsigned int seeks = 0;
+        {
+            const std::lock_guard lock(m_mutex);
+            m_seen.push_back(type);
+            seeks = m_seeks += isCancel ? 1 : 0;
+            if (isRequest || isCancel)
+                m_due.push_back(
+                    {steady_clock::now() + (isRequest ? m_lateness : milliseconds(0)),
+                     std::unique_ptr<UVAAsyncEvent>(static_cast<UVAAsyncEvent*>(owned.release()))});
+        }
+        if (type == UVAEvent::NeedMSEData)
+            feed(std::unique_ptr<NeedMSEDataEvent>(static_cast<NeedMSEDataEvent*>(owned.release())),
+                 seeks);
+    }
+    bool isVoid(unsigned int seeks) {
+        const std::lock_guard lock(m_mutex);
+        return seeks != m_seeks;
+    }
+
+    /// A request from before a seek is not answered.
+    void feed(std::unique_ptr<NeedMSEDataEvent> request, unsigned int seeks) {
+        const unsigned int id = request->sourceId;
+        const std::lock_guard lock(m_streamMutex);
+        if (isVoid(seeks))
+            return;
+        auto batch = m_streams[id - 1]->read(static_cast<std::size_t>(request->samplesRequested));
+        if (!batch.samples.empty()) {
+            request->samples = new UVASample* [batch.samples.size() + 1] {};
+            std::transform(batch.samples.begin(), batch.samples.end(), request->samples,
+                           [](auto& sample) { return sample.release(); });
+            m_backend->writeData(request.release(), 0, UVABackend::Data);
+        }
+        if (batch.ended)
+            m_backend->writeData(new NeedMSEDataEvent(id, 0), 0, UVABackend::EndOfStream);
+    }
+
+    void completeWhatIsDue() {
+        for (;;) {
+            std::unique_ptr<UVAAsyncEvent> event;
+            {
+                const std::lock_guard lock(m_mutex);
+                const auto due = std::find_if(m_due.begin(), m_due.end(), [](const Due& row) {
+                    return row.time <= steady_clock::now();
+                });
+                if (due == m_due.end())
+                    return;
+                event = std::move(due->event);
+                m_due.erase(due);
+            }
+            if (event->type() == UVAEvent::CancelDataRequestsAsync) {
+                const std::lock_guard lock(m_streamMutex);
+                for (auto& stream : m_streams)
+                    stream->seek(static_cast<CancelDataRequestsAsyncEvent&>(*event).position);
+            }
+            m_backend->eventCompleted(event.get(), true);
+        }
+    }
+
+    const host::BackendLibrary& m_library;
+    const milliseconds m_lateness;
+    const std::string m_url = "file://" + clip;
+    const std::atomic<bool> m_never{false};
+    std::mutex m_streamMutex; // guards the streams, and what is read until it is written
+    std::vector<std::unique_ptr<host::SampleStream>> m_streams;
+    std::mutex m_mutex; // guards the three below; a leaf
+    unsigned int m_seeks = 0;
+    std::vector<UVAEvent::Type> m_seen;
+    std::deque<Due> m_due;
+    UVAMediaBackend* const m_backend; // last: it may deliver at once
+};
+
+class LateAnswerTest : public testing::Test {
+protected:
+    static void SetUpTestSuite() {
+        gst_init(nullptr, nullptr);
+        SinkWatch::instance();
+        mainSystem = new MainSystem;
+        const auto loaded = host::BackendLibrary::load("");
+        ASSERT_NE(loaded.library, nullptr) << loaded.error;
+        library = loaded.library;
+    }
+    static void TearDownTestSuite() { delete mainSystem; }
+
+    /// A seek at a moment between nothing and all the answers.
+    void playAndSeek(bool fed, milliseconds client, milliseconds main) {
+        mainSystem->say("delay " + std::to_string(main.count()));
+        mainSystem->say("release both"); // what one run was granted the next asks for again
+        SinkWatch::instance().restart({false, false, false});
+        Host host(*library, client);
+        ASSERT_NO_FATAL_FAILURE(fed ? host.openSamples() : host.openUrl());
+        host.backend().play();
+        std::uniform_int_distribution<long long> moment(0, 30 + (client + 2 * main).count());
+        const milliseconds before(moment(m_random));
+        SCOPED_TRACE("seek after " + std::to_string(before.count()) + " ms");
+        host.runFor(before);
+        host.backend().setPosition(target);
+        ASSERT_TRUE(host.runUntil([&] { return host.count(UVAEvent::SeekCompletedEx) == 1; }));
+
+        EXPECT_TRUE(host.runUntil([&] { return host.count(UVAEvent::PlaybackFinished) > 0; }));
+        const auto video = SinkWatch::instance().video().buffers;
+        const auto audio = SinkWatch::instance().audio().buffers;
+        const auto after = [](const support::Rendered& rendered) {
+            return rendered.position >= target;
+        };
+        EXPECT_GE(std::count_if(video.begin(), video.end(), after), 24);
+        EXPECT_GE(std::count_if(audio.begin(), audio.end(), after), 40);
+        EXPECT_EQ(host.count(UVAEvent::BackendResourceRequestAsync), fed ? 0 : 1);
+        EXPECT_EQ(host.count(UVAEvent::DecodeError), 0);
+    }
+
+    static MainSystem* mainSystem;
+    static std::shared_ptr<host::BackendLibrary> library;
+    std::mt19937 m_random{std::random_device{}()};
+};
+MainSystem* LateAnswerTest::mainSystem = nullptr;
+std::shared_ptr<host::BackendLibrary> LateAnswerTest::library;
+
+TEST_F(LateAnswerTest, ASeekMeanwhileEndsWithPictureAndSound) {
+    const struct {
+        int client, main; // milliseconds
+    } rows[] = {{0, 0}, {5, 0}, {20, 5}, {100, 20}, {0, 100}, {20, 100}, {1500, 0}, {0, 1500}};
+    for (const auto& row : rows)
+        for (const bool fed : {false, true}) {
+            SCOPED_TRACE((fed ? "samples, " : "URL, ") + std::to_string(row.client) + " ms, " +
+                         std::to_string(row.main) + " ms");
+            playAndSeek(fed, milliseconds(row.client), milliseconds(row.main));
+        }
+}
+
+} // namespace

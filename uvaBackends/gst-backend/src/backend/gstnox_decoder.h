@@ -1,0 +1,98 @@
+#ifndef GSTNOX_DECODER_H
+#define GSTNOX_DECODER_H
+
+#include "UvaGstIfRequester.h"
+#include "base/glib_lock.h"
+
+#include <gst/gst.h>
+
+#include <array>
+#include <atomic>
+#include <functional>
+#include <memory>
+#include <optional>
+
+/// How the sinks of one backend come by their decoders: the client is asked once for them all, then
+/// the main system for each.
+///
+/// A request ends with what was answered, or interrupted: by a flush of the sink that asked, so
+/// that a seek goes through, or by a Stop. An interrupted sink asks again with its next data. The
+/// client's answer is not lost meanwhile: who asks next waits for it, or takes it.
+///
+/// Thread-safe. Requests are made on streaming threads, which wait there.
+class DecoderHandshake {
+public:
+    enum class Answer { Granted, Refused, Interrupted };
+
+    /// Puts the question to the client. Called without a lock, on the sink's streaming thread; the
+    /// answer may come from inside.
+    explicit DecoderHandshake(std::function<void()> askClient)
+        : m_askClient(std::move(askClient)) {}
+
+    /// From now on a flush of the sink's pad "sink" interrupts its request. The handshake outlives
+    /// the sink's streaming threads.
+    void watch(GstElement* sink);
+
+    /// For the sinks of a URL. `type` is "audio" or "video".
+    Answer askClientAndMainSystem(GstElement* sink, const gchar* type) EXCLUDES(m_lock);
+    /// For those of a media source: the client has fed them and is not asked.
+    Answer askMainSystem(GstElement* sink, const gchar* type) EXCLUDES(m_lock);
+
+    /// The client's answer. Any thread.
+    void completeRequest(bool success) EXCLUDES(m_lock);
+
+    /// 0 nobody has asked, 1 the client is being asked, 2 it has granted.
+    int resourcesState() EXCLUDES(m_lock);
+
+    /// What a sink announces: "+audio", "-audio", "+video" or "-video". The kinds in use, a bit
+    /// each: 1 audio, 2 video.
+    int noteNeed(const gchar* type) EXCLUDES(m_lock);
+
+    /// Whose the decoders are, for the main system.
+    UvaGstIfRequester& requester() { return m_requester; }
+
+    /// Interrupts requests for as long as it lives: all, or those for one decoder, "audio" or
+    /// "video".
+    class Stop {
+    public:
+        explicit Stop(DecoderHandshake& handshake, const char* type = nullptr);
+        ~Stop();
+        Stop(const Stop&) = delete;
+        Stop& operator=(const Stop&) = delete;
+
+    private:
+        void count(int change);
+
+        DecoderHandshake& m_handshake;
+        const char* const m_type;
+    };
+
+private:
+    enum ResourcesState : int { NoResources = 0, ResourcesAsked = 1, ResourcesGranted = 2 };
+
+    /// What the client was asked. The state alone would not do: the next sink may ask before the
+    /// one that was answered has looked.
+    struct Question {
+        bool isWaitedFor = true;
+        std::optional<bool> answer;
+    };
+
+    static GstPadProbeReturn onFlush(GstPad* pad, GstPadProbeInfo* info, gpointer handshake);
+    Answer askClient(GstElement* sink, const gchar* type) EXCLUDES(m_lock);
+    Answer waitForClient(const std::shared_ptr<Question>& question, GstElement* sink,
+                         const gchar* type) REQUIRES(m_lock);
+    bool isStopped(const gchar* type) const;
+    bool isInterrupted(GstElement* sink, const gchar* type) const;
+    void wake() EXCLUDES(m_lock);
+
+    const std::function<void()> m_askClient;
+    UvaGstIfRequester m_requester;
+    std::array<std::atomic<int>, 2> m_stops{}; // that live, for audio and for video
+    GLibMutex m_lock; // never held while the client or the main system is asked
+    GLibCondition m_changed;
+    ResourcesState m_resources_state GUARDED_BY(m_lock) = NoResources;
+    int m_resources_needed GUARDED_BY(m_lock) = 0;
+    std::shared_ptr<Question> m_question GUARDED_BY(m_lock); // the last one, until it is settled
+};
+
+#endif
