@@ -121,6 +121,13 @@ protected:
         backend->play();
         ASSERT_TRUE(isAsked(sources));
     }
+    /// Answers a seek from inside its event, as one may.
+    void completeSeeks() {
+        client.hook = [this](UVAEvent& event) {
+            if (event.type() == UVAEvent::CancelDataRequestsAsync)
+                backend->eventCompleted(static_cast<UVAAsyncEvent*>(&event), true);
+        };
+    }
     /// Both phases; the sources have not asked again yet. The outcome, -1 for none.
     int seek(double target) {
         client.clear();

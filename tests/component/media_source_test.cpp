@@ -230,15 +230,20 @@ TEST_F(MediaSourceTest, TheQueueKeepsWhatIsNotAskedFor) {
         {"a time alone brings no caps", wide(4, 0), state(3, 350, 0, at4)},
         {"other caps, and the rate stays", wide(5.75, 8), state(5, 358, 0, at6)},
         {"others' appsrcs", [&] { need(unknown), need(unnumbered); }, state(5, 358, 0, at6)},
+        {"the appsrc starts, and nothing is lost", seek, state(5, 358, 0, at6)},
+        {"asked, all goes; the appsrc does not run", ask, state(0, 0, 1, at6), 1},
+        {"asked again", ask, state(0, 0, 1, at6), 1},
+        {"what comes goes on at once", wide(10, 5), state(0, 0, 1, at10)},
+        {"enough", enough, state(0, 0, 0, at10)},
+        {"and it waits", [&] { write(videoId, first()); }, state(3, 350, 0, at10)},
+        {"behind it other caps", wide(1, 7), state(5, 357, 0, at10)},
         {"a seek keeps the last caps", seek, state(1, 0, 0, none)},
         {"the caps that it kept are not doubled", wide(9, 10), state(2, 10, 0, at9)},
         {"the end", [&] { writeEnd(videoId); }, state(3, 10, 0, at9)},
         {"of unknown status", [&] { write(videoId, {}, oddStatus); }, state(3, 10, 0, at9)},
-        {"asked, all goes; the appsrc does not run", ask, state(0, 0, 1, at9), 1},
-        {"asked again", ask, state(0, 0, 1, at9), 1},
-        {"what comes goes on at once", wide(10, 5), state(0, 0, 1, at10)},
-        {"enough", enough, state(0, 0, 0, at10)},
-        {"and it waits", wide(1, 7), state(1, 7, 0, at10)},
+        {"all goes", ask, state(0, 0, 1, at9), 1},
+        {"enough again", enough, state(0, 0, 0, at9)},
+        {"one more waits", wide(1, 7), state(1, 7, 0, at9)},
         {"a seek drops caps that went before", seek, state(0, 0, 0, none)},
     };
     for (const auto& row : rows) {
@@ -281,6 +286,7 @@ TEST_F(MediaSourceTest, ASourceThatComesLateBeginsWherePlaybackIs) {
 
 // The same element again after its player is gone: everything as the first time.
 TEST_F(MediaSourceTest, AReleasedElementPlaysAgain) {
+    completeSeeks(); // the second time it begins where it was
     for (const double start : {3.0, 1.0}) {
         client.clear();
         open();
@@ -445,6 +451,7 @@ TEST_F(MediaSourceTest, HostileSamplesAndEventsLoseNothing) {
 
 TEST_F(MediaSourceTest, OneIdTwiceAndTwoSourcesOfAKind) {
     LogCapture log(gst_backend_debug);
+    completeSeeks();
     open();
     playUntilAsked(2);
     write(audioId, {new TestSample(0, 0.02, &audio), new TestSample(0.02, 0.02, &audio)});

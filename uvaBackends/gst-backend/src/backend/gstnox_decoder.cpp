@@ -24,7 +24,8 @@ void tellForwarded(GstElement* sink) {
         g_signal_emit_by_name(sink, action);
 }
 
-/// It stays so until the thread that asks has left the sink: the end of a flush waits for it.
+/// It stays so until the thread that asks has left the sink: the end of a flush waits for it. A pad
+/// that is not active counts as flushing elsewhere; a set's sink may ask before its pads are.
 bool isFlushing(GstElement* sink) {
     const auto pad = sink != nullptr
                          ? GstPtr<GstPad>::adopt(gst_element_get_static_pad(sink, "sink"))
@@ -32,7 +33,7 @@ bool isFlushing(GstElement* sink) {
     if (!pad)
         return false;
     GST_OBJECT_LOCK(pad.get());
-    const bool flushing = GST_PAD_IS_FLUSHING(pad.get());
+    const bool flushing = GST_PAD_IS_ACTIVE(pad.get()) && GST_PAD_IS_FLUSHING(pad.get());
     GST_OBJECT_UNLOCK(pad.get());
     return flushing;
 }

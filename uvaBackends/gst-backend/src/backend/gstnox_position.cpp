@@ -77,7 +77,6 @@ int GstNoxBackend::setPosition(double seconds) {
         bin->closeForSeek();
     GST_DEBUG("pos=%" GST_TIME_FORMAT, GST_TIME_ARGS(target));
     raiseEvent(new CancelDataRequestsAsyncEvent(seconds), GST_LEVEL_DEBUG, "pos=%f", seconds);
-    m_seek.request(target);
     return 1;
 }
 
