@@ -1,7 +1,7 @@
 #include "backend/gstnox_avcomponent.h"
 
 #include "backend/gstnox_backend.h"
-#include "plugin/gstnox_plugin.h"
+#include "base/gstnox_debug.h"
 #include "uva/uva_event.h"
 
 #include <string_view>

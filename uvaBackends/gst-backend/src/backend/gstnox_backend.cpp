@@ -3,8 +3,7 @@
 #include "UvaGstIfLowerLayer.h"
 #include "UvaGstIfReceiver.h"
 #include "backend/gstnox_avcomponent.h"
-#include "mse/gstnox_msebin.h"
-#include "plugin/gstnox_plugin.h"
+#include "base/gstnox_debug.h"
 #include "uva/uva_drm_backend.h"
 #include "uva/uva_event.h"
 
@@ -95,7 +94,7 @@ std::string GstNoxBackend::listing() {
                                         static_cast<void*>(this), gst_element_state_get_name(state),
                                         GST_TIME_ARGS(position)));
     std::string text = head.get();
-    for (const auto& bin : bins())
+    for (const auto& bin : m_sources.all())
         text += "  " + bin->describe() + "\n";
     return text;
 }
@@ -109,23 +108,38 @@ GstNoxBackend::GstNoxBackend(UVABackendType type, UVAClient* client)
 }
 
 GstNoxBackend::~GstNoxBackend() {
+    ++m_leases; // of what runs here, which shall not delete it once more
     GST_INFO("entry");
     Registry::instance().remove(*this);
+    shutDown();
+    GST_INFO("done");
+}
+
+void GstNoxBackend::shutDown() {
     uvaGstIfReceiver.connectBackend(nullptr);
-    for (const auto& bin : bins())
+    for (const auto& bin : m_sources.all())
         bin->close(); // else their threads decrypt all that is queued before they stop
-    waitForWriters(nullptr);
+    m_sources.waitForWriters(nullptr);
     gstPlayerStopAndDestroy();
     uvaGstIfReceiver.leave(m_decoders.requester());
-    for (const auto& bin : bins()) {
-        takeBin(bin->id());
-        bin->Destroy();
-    }
-    GST_INFO("done");
+    for (const auto& bin : m_sources.all())
+        destroy(*m_sources.take(bin->id()));
+}
+
+void GstNoxBackend::release() {
+    if (m_leases > 1)
+        shutDown(); // the rest when the operations under way have left
+    leave();
+}
+
+void GstNoxBackend::leave() {
+    if (--m_leases == 0)
+        delete this;
 }
 
 int GstNoxBackend::initBackend(const char* origin, SourceDescription** sources, bool /*autoplay*/,
                                bool audioOnly) {
+    const Operation operation(*this);
     GST_INFO("origin='%s' audio_only=%d", origin, audioOnly);
     m_audioOnly = audioOnly;
     if (sources == nullptr) {
@@ -216,7 +230,7 @@ int GstNoxBackend::setLoop(int times) {
 int GstNoxBackend::setKeySystem(const UVAKeySystemConfig& config) {
     GST_INFO("key_system_id: '%s', client = %llu", config.keySystemId,
              static_cast<unsigned long long>(config.client));
-    auto next = std::make_shared<KeySystem>();
+    auto next = std::make_shared<MediaSourceGroup::KeySystem>();
     next->client = config.client;
     next->value = config.value;
     bool copied = true;
@@ -225,12 +239,12 @@ int GstNoxBackend::setKeySystem(const UVAKeySystemConfig& config) {
         copied = next->id != nullptr;
     }
     next->drm = UVA_FindDRMBackend(next->id.get());
-    const GLibLock lock(m_lock);
-    if (!copied && m_keySystem != nullptr) {
-        next->client = m_keySystem->client;
-        next->value = m_keySystem->value;
+    const auto before = m_sourceGroup.keySystem();
+    if (!copied && before != nullptr) {
+        next->client = before->client;
+        next->value = before->value;
     }
-    m_keySystem = std::move(next);
+    m_sourceGroup.setKeySystem(std::move(next));
     return copied ? Success : 0;
 }
 
@@ -254,6 +268,7 @@ int GstNoxBackend::pause() {
 }
 
 int GstNoxBackend::enterState(GstState state, const char* graphName) {
+    const Operation operation(*this);
     GST_DEBUG("entry");
     changeState(state);
     setPipelineState(state);
@@ -269,40 +284,12 @@ int GstNoxBackend::setPlaybackRate(double rate) {
 }
 
 int GstNoxBackend::getNativeSize(int& width, int& height, double& pixelAspectRatio) {
-    {
-        const GLibLock lock(m_lock);
-        width = m_nativeWidth;
-        height = m_nativeHeight;
-        pixelAspectRatio = m_pixelAspectRatio;
-    }
+    const MediaFacts::Size size = m_facts.size();
+    width = size.width;
+    height = size.height;
+    pixelAspectRatio = size.pixelAspectRatio;
     GST_INFO("size=%dx%d par=%5.2f", width, height, pixelAspectRatio);
     return Success;
-}
-
-void GstNoxBackend::setMetaData(int width, int height) {
-    const GLibLock lock(m_lock);
-    if (width == m_nativeWidth && height == m_nativeHeight)
-        return;
-    m_nativeWidth = width;
-    m_nativeHeight = height;
-    m_metaDataChanged = true;
-}
-
-void GstNoxBackend::setMetaData(double pixelAspectRatio) {
-    constexpr double tolerance = 0.001;
-    const GLibLock lock(m_lock);
-    if (std::abs(pixelAspectRatio - m_pixelAspectRatio) <= tolerance)
-        return;
-    m_pixelAspectRatio = pixelAspectRatio;
-    m_metaDataChanged = true;
-}
-
-void GstNoxBackend::setMetaData(long long duration) {
-    const GLibLock lock(m_lock);
-    if (duration == m_duration)
-        return;
-    m_duration = duration;
-    m_metaDataChanged = true;
 }
 
 void GstNoxBackend::changeState(GstState state) {

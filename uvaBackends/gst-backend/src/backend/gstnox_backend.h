@@ -6,6 +6,9 @@
 #include "base/gst_ptr.h"
 #include "backend/gstnox_decoder.h"
 #include "backend/gstnox_seek.h"
+#include "backend/media_facts.h"
+#include "mse/media_source_group.h"
+#include "mse/media_sources.h"
 #include "uva/uva_client.h"
 #include "uva/uva_media_backend.h"
 
@@ -15,20 +18,18 @@
 #include <atomic>
 #include <map>
 #include <memory>
-#include <optional>
 #include <string>
 #include <vector>
 
 class GstNoxAvComponent;
 class GstNoxBusWatch;
-class UVADRMBackend;
 
 /// The backend of one media element: plays its sources on a GStreamer pipeline of its own and tells
 /// the client about it.
 ///
 /// Threads: the host calls the virtual operations on one thread; bus messages are handled on the
-/// main-loop thread "gst_run"; the static callbacks run on GStreamer's streaming threads. `m_lock`
-/// guards what they share. No event is delivered to the client while the lock is held.
+/// main-loop thread "gst_run"; the static callbacks run on GStreamer's streaming threads. What they
+/// share is in objects with locks of their own. No event is delivered while a lock is held.
 ///
 /// Waits: a sink may wait in decoder_request_cb for the client's answer, then for the main
 /// system's; that of a media source for the latter alone. The client is asked for one sink at a
@@ -40,6 +41,11 @@ public:
     /// `client` must not be null; it is not owned and outlives the backend.
     GstNoxBackend(UVABackendType type, UVAClient* client);
     ~GstNoxBackend() override;
+
+    /// The end of a backend from new: stops all, and deletes it as soon as none of its own operations
+    /// is under way; the client may ask from inside an event that one of them delivers. It is not
+    /// called any more afterwards.
+    void release();
 
     // Operations of the host interface. What they do is the interface's to say; here stands what
     // is particular to this backend.
@@ -92,18 +98,18 @@ public:
     /// What is known of the media; a change is told to the client by checkMetaDataChanged(). Any
     /// thread. Size in pixels; width of a pixel over its height; duration in nanoseconds, -1
     /// unknown.
-    void setMetaData(int width, int height) EXCLUDES(m_lock);
-    void setMetaData(double pixelAspectRatio) EXCLUDES(m_lock);
-    void setMetaData(long long duration) EXCLUDES(m_lock);
-    void checkMetaDataChanged() EXCLUDES(m_lock);
+    void setMetaData(int width, int height) { m_facts.setSize(width, height); }
+    void setMetaData(double pixelAspectRatio) { m_facts.setPixelAspectRatio(pixelAspectRatio); }
+    void setMetaData(long long duration) { m_facts.setDuration(duration); }
+    void checkMetaDataChanged();
 
     /// A duration that is not known yet, or unknown, grows to this one. Seconds. Any thread.
-    void changeDuration(double seconds) EXCLUDES(m_lock);
-    bool isDurationInitialized() EXCLUDES(m_lock);
-    bool isDurationUnknown() EXCLUDES(m_lock);
+    void changeDuration(double seconds);
+    bool isDurationInitialized();
+    bool isDurationUnknown();
 
     /// The first start becomes that of all segments; later callers get it back. Nanoseconds.
-    int checkNewSegment(unsigned long long* start) EXCLUDES(m_lock);
+    int checkNewSegment(unsigned long long* start);
 
     /// Components by stream name. 1 added, 0 refused. Any thread.
     int addComponent(const char* kind, const char* name) EXCLUDES(m_lock);
@@ -122,36 +128,36 @@ public:
 
     /// On the thread that posts a message: what handleGstMessages() has no use for, nine of ten
     /// while a pipeline starts, wakes nobody up.
-    static GstBusSyncReply _sift_message(GstBus* bus, GstMessage* message, gpointer unused);
+    static GstBusSyncReply _sift_message(GstBus* bus, GstMessage* message, gpointer unused) noexcept;
     /// Bus messages; the result keeps the watch. "gst_run", or the thread that drains the bus.
-    static gboolean _handle_message(GstBus* bus, GstMessage* message, gpointer backend);
+    static gboolean _handle_message(GstBus* bus, GstMessage* message, gpointer backend) noexcept;
     gboolean handleGstMessages(GstMessage* message);
 
     // Callbacks of the pipeline's elements; `backend` is the GstNoxBackend. Streaming threads.
-    static void element_setup_cb(GstElement* playbin, GstElement* element, gpointer backend);
-    static void source_setup_cb(GstElement* playbin, GstElement* source, gpointer backend);
-    static void about_to_finish_cb(GstElement* playbin, gpointer backend);
-    static gint decoder_request_cb(GstElement* sink, const gchar* type, gpointer backend);
-    static void demux_pad_added_cb(GstElement* demuxer, GstPad* pad, gpointer backend);
-    static void decodebin_pad_added_cb(GstElement* decodebin, GstPad* pad, gpointer backend);
-    static void decodebin_pad_removed_cb(GstElement* decodebin, GstPad* pad, gpointer backend);
+    static void element_setup_cb(GstElement* playbin, GstElement* element, gpointer backend) noexcept;
+    static void source_setup_cb(GstElement* playbin, GstElement* source, gpointer backend) noexcept;
+    static void about_to_finish_cb(GstElement* playbin, gpointer backend) noexcept;
+    static gint decoder_request_cb(GstElement* sink, const gchar* type, gpointer backend) noexcept;
+    static void demux_pad_added_cb(GstElement* demuxer, GstPad* pad, gpointer backend) noexcept;
+    static void decodebin_pad_added_cb(GstElement* decodebin, GstPad* pad, gpointer backend) noexcept;
+    static void decodebin_pad_removed_cb(GstElement* decodebin, GstPad* pad, gpointer backend) noexcept;
     static GstPadProbeReturn demux_video_pad_event_probe(GstPad* pad, GstPadProbeInfo* info,
-                                                         gpointer backend);
+                                                         gpointer backend) noexcept;
     static GstPadProbeReturn decodebin_srcpad_event_probe(GstPad* pad, GstPadProbeInfo* info,
-                                                          gpointer backend);
+                                                          gpointer backend) noexcept;
 
     // Callbacks of the media sources' appsrcs and sinks; the bin is found by the number in the
     // appsrc's name. Streaming threads.
-    static void need_data_cb(GstAppSrc* appsrc, guint length, gpointer backend);
-    static void enough_data_cb(GstAppSrc* appsrc, gpointer backend);
-    static gboolean seek_data_cb(GstAppSrc* appsrc, guint64 offset, gpointer backend);
-    static gint source_decoder_request_cb(GstElement* sink, const gchar* type, gpointer backend);
+    static void need_data_cb(GstAppSrc* appsrc, guint length, gpointer backend) noexcept;
+    static void enough_data_cb(GstAppSrc* appsrc, gpointer backend) noexcept;
+    static gboolean seek_data_cb(GstAppSrc* appsrc, guint64 offset, gpointer backend) noexcept;
+    static gint source_decoder_request_cb(GstElement* sink, const gchar* type, gpointer backend) noexcept;
 
     /// Sort rule for decodebin's factories: a new list, or null to keep the given one, which may
     /// have been sorted in place.
     static GValueArray* autoplug_sort_cb(GstElement* decodebin, GstPad* pad, GstCaps* caps,
-                                         GValueArray* factories, gpointer backend);
-    static gint priorize_vptsfilter(gconstpointer a, gconstpointer b);
+                                         GValueArray* factories, gpointer backend) noexcept;
+    static gint priorize_vptsfilter(gconstpointer a, gconstpointer b) noexcept;
 
     static std::atomic<bool>
         g_standalone; ///< no decoder arbitration: NOX_GST_STANDALONE is in the environment
@@ -175,21 +181,9 @@ public:
     static std::string describeAll();
 
 private:
-    class GstMseBin;
     class Registry;
-
-    /// What setKeySystem() was told. Immutable.
-    struct KeySystem {
-        MallocText id; // null: none
-        gint32 value = 0;
-        guint64 client = 0;
-        UVADRMBackend* drm = nullptr; // the host's, by the identifier; null: it has none
-    };
-
-    static constexpr gint64 durationUninitialized = -2;
-    static constexpr gint64 durationUnknown = -1;
-
-    class Writer;
+    /// An operation under way: until it has left, the backend is not deleted. See release().
+    class Operation;
 
     /// Where the main system's control requests arrive.
     class ControlPort final : public UvaGstIfBackend {
@@ -210,14 +204,12 @@ private:
     void setupElement(GstElement* element);
     void askClient() EXCLUDES(m_lock);
     gint reply(DecoderHandshake::Answer answer);
+    void shutDown();
+    void leave();
     void addBin(const std::shared_ptr<GstMseBin>& bin) EXCLUDES(m_lock);
-    void checkComponent(const GstMseBin& starting) EXCLUDES(m_lock);
-    std::shared_ptr<GstMseBin> findBin(unsigned int id) EXCLUDES(m_lock);
-    std::shared_ptr<GstMseBin> takeBin(unsigned int id) EXCLUDES(m_lock);
-    /// Waits until no other thread is in writeData, for this source or for any (null).
-    void waitForWriters(const GstMseBin* bin) EXCLUDES(m_lock);
-    std::vector<std::shared_ptr<GstMseBin>> bins() EXCLUDES(m_lock);
-    std::shared_ptr<const KeySystem> keySystem() EXCLUDES(m_lock);
+    void destroy(GstMseBin& bin);
+    void checkComponent(const GstMseBin& starting);
+    static std::shared_ptr<GstMseBin> binOf(GstAppSrc* appsrc, gpointer backend);
     std::string listing() EXCLUDES(m_lock);
     void takeDemuxerCaps(GstPad* pad, GstCaps* caps);
     void takeDecodedCaps(GstPad* pad, GstCaps* caps);
@@ -228,9 +220,8 @@ private:
     void handleDecoderNeeded(const GstStructure* structure) EXCLUDES(m_lock);
     void handleBuffering(GstMessage* message);
     void completeSeek(const UVAAsyncEvent* event) EXCLUDES(m_lock);
-    bool seekPipeline(guint64 target) EXCLUDES(m_lock);
-    void askForData(unsigned int id) EXCLUDES(m_lock);
-    gint64 duration() EXCLUDES(m_lock);
+    bool seekPipeline(guint64 target);
+    void askForData(unsigned int id);
     bool isCodecPlayable(const char* codec, int width, int height, int fps);
 
     UVAClient* const m_client;
@@ -246,26 +237,31 @@ private:
     std::atomic<bool> m_transportStream{false};
     std::string m_userAgent;
 
-    GLibMutex m_lock;          // never held while an event is delivered or a pipeline state is set
-    GLibCondition m_condition; // a writer left
-    double m_frameRate GUARDED_BY(m_lock) = 1.0;
-    int m_nativeWidth GUARDED_BY(m_lock) = -1;
-    int m_nativeHeight GUARDED_BY(m_lock) = -1;
-    double m_pixelAspectRatio GUARDED_BY(m_lock) = 1.0;
-    gint64 m_duration GUARDED_BY(m_lock) = durationUninitialized; // nanoseconds
-    bool m_metaDataChanged GUARDED_BY(m_lock) = false;
+    std::atomic<int> m_leases{1}; // the host's, and one of each operation under way
+
+    GLibMutex m_lock; // a leaf
     std::map<std::string, std::unique_ptr<GstNoxAvComponent>> m_components GUARDED_BY(m_lock);
     bool m_hasPlayer GUARDED_BY(m_lock) = false;
     GstPtr<GstElement> m_audioSink GUARDED_BY(m_lock); // the last "halaudiosink" set up
     GstState m_state GUARDED_BY(m_lock) = GST_STATE_NULL;
-    std::map<unsigned int, std::shared_ptr<GstMseBin>> m_bins GUARDED_BY(m_lock); // by source id
-    std::vector<const Writer*> m_writers GUARDED_BY(m_lock);
-    guint64 m_segmentStart GUARDED_BY(m_lock) = GST_CLOCK_TIME_NONE; // of all media sources
-    std::shared_ptr<const KeySystem> m_keySystem GUARDED_BY(m_lock);
 
+    MediaFacts m_facts;
+    MediaSourceGroup m_sourceGroup;
+    MediaSources m_sources;
     SeekState m_seek;
     DecoderHandshake m_decoders{[this] { askClient(); }};
     ControlPort m_controlPort{*this};
+};
+
+class GstNoxBackend::Operation {
+public:
+    explicit Operation(GstNoxBackend& backend) : m_backend(backend) { ++m_backend.m_leases; }
+    ~Operation() { m_backend.leave(); }
+    Operation(const Operation&) = delete;
+    Operation& operator=(const Operation&) = delete;
+
+private:
+    GstNoxBackend& m_backend;
 };
 
 #endif

@@ -1,7 +1,7 @@
 #include "backend/gstnox_backend.h"
 
 #include "UvaGstIfReceiver.h"
-#include "plugin/gstnox_plugin.h"
+#include "base/gstnox_debug.h"
 #include "uva/uva_event.h"
 
 #include <algorithm>
@@ -114,7 +114,7 @@ void GstNoxBackend::raiseEvent(UVAEvent* event, GstDebugLevel level, const char*
 }
 
 GstBusSyncReply GstNoxBackend::_sift_message(GstBus* /*bus*/, GstMessage* message,
-                                             gpointer /*unused*/) {
+                                             gpointer /*unused*/) noexcept {
     constexpr int handled = GST_MESSAGE_EOS | GST_MESSAGE_ERROR | GST_MESSAGE_BUFFERING |
                             GST_MESSAGE_STATE_CHANGED | GST_MESSAGE_APPLICATION;
     const bool ofPart = GST_MESSAGE_TYPE(message) == GST_MESSAGE_STATE_CHANGED &&
@@ -126,11 +126,14 @@ GstBusSyncReply GstNoxBackend::_sift_message(GstBus* /*bus*/, GstMessage* messag
     return GST_BUS_DROP;
 }
 
-gboolean GstNoxBackend::_handle_message(GstBus* /*bus*/, GstMessage* message, gpointer backend) {
-    return static_cast<GstNoxBackend*>(backend)->handleGstMessages(message);
+gboolean GstNoxBackend::_handle_message(GstBus* /*bus*/, GstMessage* message,
+                                        gpointer backend) noexcept {
+    return guarded(GST_CAT_DEFAULT, "a message of the pipeline", TRUE,
+                   [=] { return static_cast<GstNoxBackend*>(backend)->handleGstMessages(message); });
 }
 
 gboolean GstNoxBackend::handleGstMessages(GstMessage* message) {
+    const Operation operation(*this);
     switch (GST_MESSAGE_TYPE(message)) {
     case GST_MESSAGE_EOS:
         GST_INFO("End-Of-Stream reached");
@@ -229,10 +232,8 @@ void GstNoxBackend::handleVideoFormat(const GstStructure* format) {
             setMetaData((static_cast<double>(numerator) * height) /
                         (static_cast<double>(denominator) * width));
     }
-    if (gst_structure_get_fraction(format, "frame-rate", &numerator, &denominator)) {
-        const GLibLock lock(m_lock);
-        m_frameRate = static_cast<double>(numerator) / static_cast<double>(denominator);
-    }
+    if (gst_structure_get_fraction(format, "frame-rate", &numerator, &denominator))
+        m_facts.setFrameRate(static_cast<double>(numerator) / static_cast<double>(denominator));
     checkMetaDataChanged();
     writeGraph("nox-vnfy");
 }
@@ -249,23 +250,12 @@ void GstNoxBackend::handleDecoderNeeded(const GstStructure* structure) {
 }
 
 void GstNoxBackend::checkMetaDataChanged() {
-    double seconds = 0.0;
-    int width = 0;
-    int height = 0;
-    double pixelAspectRatio = 0.0;
-    {
-        const GLibLock lock(m_lock);
-        if (!m_metaDataChanged)
-            return;
-        m_metaDataChanged = false;
-        if (m_duration != durationUninitialized && m_duration != durationUnknown)
-            seconds = static_cast<double>(m_duration) / 1e9;
-        width = m_nativeWidth;
-        height = m_nativeHeight;
-        pixelAspectRatio = m_pixelAspectRatio;
-    }
-    raiseEvent(new NewMetadataEvent(seconds, width, height, pixelAspectRatio), GST_LEVEL_DEBUG,
-               "dur=%f size=%dx%d par=%f", seconds, width, height, pixelAspectRatio);
+    const auto change = m_facts.takeChange();
+    if (!change)
+        return;
+    const auto& [width, height, ratio] = change->size;
+    raiseEvent(new NewMetadataEvent(change->seconds, width, height, ratio), GST_LEVEL_DEBUG,
+               "dur=%f size=%dx%d par=%f", change->seconds, width, height, ratio);
 }
 
 int GstNoxBackend::eventCompleted(const UVAAsyncEvent* event, bool success) {

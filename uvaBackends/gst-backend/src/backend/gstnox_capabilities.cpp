@@ -1,6 +1,6 @@
 #include "codec/codecutil.h"
 #include "backend/gstnox_backend.h"
-#include "plugin/gstnox_plugin.h"
+#include "base/gstnox_debug.h"
 
 #include <array>
 #include <cstdlib>

@@ -1,5 +1,5 @@
 #include "backend/gstnox_backend.h"
-#include "plugin/gstnox_plugin.h"
+#include "base/gstnox_debug.h"
 
 #include <cstring>
 

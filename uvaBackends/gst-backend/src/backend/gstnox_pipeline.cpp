@@ -2,8 +2,7 @@
 #include "backend/gstnox_avcomponent.h"
 #include "backend/gstnox_backend.h"
 #include "backend/gstnox_buswatch.h"
-#include "mse/gstnox_msebin.h"
-#include "plugin/gstnox_plugin.h"
+#include "base/gstnox_debug.h"
 #include "uva/uva_event.h"
 
 #include <cstring>
@@ -75,6 +74,7 @@ int GstNoxBackend::gstPlaySinkCreate() {
         return -1;
     }
     GST_INFO("elements created");
+    m_sourceGroup.forgetStart();
     watchBus();
     GST_INFO("done (%d)", 0);
     return 0;
@@ -92,6 +92,7 @@ void GstNoxBackend::gstPlayerStopAndDestroy() {
               static_cast<void*>(m_playSink.get()));
     if (!m_pipeline)
         return;
+    const Operation operation(*this);
     writeGraph("nox-stop");
     const DecoderHandshake::Stop stop(m_decoders);
     changeState(GST_STATE_READY);
@@ -135,8 +136,8 @@ void GstNoxBackend::writeGraph(const char* name) {
 }
 
 void GstNoxBackend::element_setup_cb(GstElement* /*playbin*/, GstElement* element,
-                                     gpointer backend) {
-    backendOf(backend)->setupElement(element);
+                                     gpointer backend) noexcept {
+    guarded("element-setup", [=] { backendOf(backend)->setupElement(element); });
 }
 
 void GstNoxBackend::setupElement(GstElement* element) {
@@ -164,7 +165,8 @@ void GstNoxBackend::setupElement(GstElement* element) {
         g_signal_connect(element, "pad-added", G_CALLBACK(demux_pad_added_cb), this);
 }
 
-void GstNoxBackend::source_setup_cb(GstElement* /*playbin*/, GstElement* source, gpointer backend) {
+void GstNoxBackend::source_setup_cb(GstElement* /*playbin*/, GstElement* source,
+                                    gpointer backend) noexcept {
     GST_DEBUG("source=%s", GST_OBJECT_NAME(source));
     if (std::string_view(factoryName(source)) != "souphttpsrc")
         return;
@@ -173,19 +175,24 @@ void GstNoxBackend::source_setup_cb(GstElement* /*playbin*/, GstElement* source,
     GST_DEBUG("source element has been created: set user-agent: %s", userAgent);
 }
 
-void GstNoxBackend::about_to_finish_cb(GstElement* /*playbin*/, gpointer /*backend*/) {
+void GstNoxBackend::about_to_finish_cb(GstElement* /*playbin*/, gpointer /*backend*/) noexcept {
     GST_DEBUG("player finished playback");
 }
 
-gint GstNoxBackend::decoder_request_cb(GstElement* sink, const gchar* type, gpointer backend) {
-    auto* self = backendOf(backend);
-    return self->reply(self->m_decoders.askClientAndMainSystem(sink, type));
+gint GstNoxBackend::decoder_request_cb(GstElement* sink, const gchar* type,
+                                       gpointer backend) noexcept {
+    return guarded(GST_CAT_DEFAULT, "decoder-request", 0, [=] {
+        auto* self = backendOf(backend);
+        return self->reply(self->m_decoders.askClientAndMainSystem(sink, type));
+    });
 }
 
 gint GstNoxBackend::source_decoder_request_cb(GstElement* sink, const gchar* type,
-                                              gpointer backend) {
-    auto* self = backendOf(backend);
-    return self->reply(self->m_decoders.askMainSystem(sink, type));
+                                              gpointer backend) noexcept {
+    return guarded(GST_CAT_DEFAULT, "decoder-request", 0, [=] {
+        auto* self = backendOf(backend);
+        return self->reply(self->m_decoders.askMainSystem(sink, type));
+    });
 }
 
 void GstNoxBackend::askClient() {
@@ -203,7 +210,8 @@ gint GstNoxBackend::reply(DecoderHandshake::Answer answer) {
     return answer == DecoderHandshake::Answer::Granted ? 1 : 0;
 }
 
-void GstNoxBackend::demux_pad_added_cb(GstElement* /*demuxer*/, GstPad* pad, gpointer backend) {
+void GstNoxBackend::demux_pad_added_cb(GstElement* /*demuxer*/, GstPad* pad,
+                                       gpointer backend) noexcept {
     GST_DEBUG("padname=%s", GST_PAD_NAME(pad));
     if (beginsWith(GST_PAD_NAME(pad), "video"))
         gst_pad_add_probe(pad, GST_PAD_PROBE_TYPE_EVENT_DOWNSTREAM, demux_video_pad_event_probe,
@@ -211,10 +219,9 @@ void GstNoxBackend::demux_pad_added_cb(GstElement* /*demuxer*/, GstPad* pad, gpo
 }
 
 GstPadProbeReturn GstNoxBackend::demux_video_pad_event_probe(GstPad* pad, GstPadProbeInfo* info,
-                                                             gpointer backend) {
-    if (GstCaps* caps = capsOf(info)) {
-        backendOf(backend)->takeDemuxerCaps(pad, caps);
-    }
+                                                             gpointer backend) noexcept {
+    if (GstCaps* caps = capsOf(info))
+        guarded("demuxer's caps", [=] { backendOf(backend)->takeDemuxerCaps(pad, caps); });
     return GST_PAD_PROBE_OK;
 }
 
@@ -232,25 +239,24 @@ void GstNoxBackend::takeDemuxerCaps(GstPad* pad, GstCaps* caps) {
         if (gst_structure_get_fraction(structure, "pixel-aspect-ratio", &numerator, &denominator))
             setMetaData(static_cast<double>(numerator) / static_cast<double>(denominator));
     }
-    gint64 duration = durationUnknown;
+    gint64 duration = MediaFacts::durationUnknown;
     const auto demuxer = GstPtr<GstElement>::adopt(gst_pad_get_parent_element(pad));
     if (!demuxer || !gst_element_query_duration(demuxer.get(), GST_FORMAT_TIME, &duration))
-        duration = durationUnknown;
+        duration = MediaFacts::durationUnknown;
     setMetaData(static_cast<long long>(duration));
 }
 
 void GstNoxBackend::decodebin_pad_added_cb(GstElement* /*decodebin*/, GstPad* pad,
-                                           gpointer backend) {
+                                           gpointer backend) noexcept {
     GST_DEBUG("padname=%s", GST_PAD_NAME(pad));
     gst_pad_add_probe(pad, GST_PAD_PROBE_TYPE_EVENT_DOWNSTREAM, decodebin_srcpad_event_probe,
                       backend, nullptr);
 }
 
 GstPadProbeReturn GstNoxBackend::decodebin_srcpad_event_probe(GstPad* pad, GstPadProbeInfo* info,
-                                                              gpointer backend) {
-    if (GstCaps* caps = capsOf(info)) {
-        backendOf(backend)->takeDecodedCaps(pad, caps);
-    }
+                                                              gpointer backend) noexcept {
+    if (GstCaps* caps = capsOf(info))
+        guarded("decodebin's caps", [=] { backendOf(backend)->takeDecodedCaps(pad, caps); });
     return GST_PAD_PROBE_OK;
 }
 
@@ -268,18 +274,18 @@ void GstNoxBackend::takeDecodedCaps(GstPad* pad, GstCaps* caps) {
 }
 
 void GstNoxBackend::decodebin_pad_removed_cb(GstElement* /*decodebin*/, GstPad* pad,
-                                             gpointer backend) {
+                                             gpointer backend) noexcept {
     if (gst_pad_get_direction(pad) != GST_PAD_SRC)
         return;
     GST_DEBUG("padname=%s", GST_PAD_NAME(pad));
-    backendOf(backend)->removeComponent(GST_PAD_NAME(pad));
+    guarded("pad-removed", [=] { backendOf(backend)->removeComponent(GST_PAD_NAME(pad)); });
 }
 
 G_GNUC_BEGIN_IGNORE_DEPRECATIONS // GValueArray is what decodebin's signal speaks
 
     GValueArray*
     GstNoxBackend::autoplug_sort_cb(GstElement* /*decodebin*/, GstPad* /*pad*/, GstCaps* caps,
-                                    GValueArray* factories, gpointer backend) {
+                                    GValueArray* factories, gpointer backend) noexcept {
     const GstStructure* structure = firstStructure(caps);
     const gchar* variant =
         structure != nullptr ? gst_structure_get_string(structure, "variant") : nullptr;
@@ -301,7 +307,7 @@ G_GNUC_BEGIN_IGNORE_DEPRECATIONS // GValueArray is what decodebin's signal speak
 
 G_GNUC_END_IGNORE_DEPRECATIONS
 
-gint GstNoxBackend::priorize_vptsfilter(gconstpointer a, gconstpointer b) {
+gint GstNoxBackend::priorize_vptsfilter(gconstpointer a, gconstpointer b) noexcept {
     const auto isFilter = [](gconstpointer value) {
         gpointer factory = g_value_get_object(static_cast<const GValue*>(value));
         return factory != nullptr && std::string_view(GST_OBJECT_NAME(factory)) == "noxvptsfilter";
@@ -320,6 +326,7 @@ void GstNoxBackend::completeSeek(const UVAAsyncEvent* event) {
     GST_INFO("CancelDataRequestsAsync: pos=%" GST_TIME_FORMAT " (%f) state=%d",
              GST_TIME_ARGS(m_seek.position()),
              static_cast<const CancelDataRequestsAsyncEvent*>(event)->position, state);
+    const Operation operation(*this);
     const auto target = m_seek.begin();
     if (!target)
         return;
@@ -345,13 +352,10 @@ void GstNoxBackend::completeSeek(const UVAAsyncEvent* event) {
 bool GstNoxBackend::seekPipeline(guint64 target) {
     if (!m_pipeline)
         return false;
-    const auto sources = bins();
+    const auto sources = m_sources.all();
     for (const auto& bin : sources)
         bin->beginSeek();
-    {
-        const GLibLock lock(m_lock);
-        m_segmentStart = GST_CLOCK_TIME_NONE;
-    }
+    m_sourceGroup.forgetStart();
     const bool done = gst_element_seek_simple(
                           m_pipeline.get(), GST_FORMAT_TIME,
                           static_cast<GstSeekFlags>(GST_SEEK_FLAG_FLUSH | GST_SEEK_FLAG_ACCURATE),

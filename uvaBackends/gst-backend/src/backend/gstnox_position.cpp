@@ -1,7 +1,6 @@
 #include "backend/gstnox_backend.h"
 
-#include "mse/gstnox_msebin.h"
-#include "plugin/gstnox_plugin.h"
+#include "base/gstnox_debug.h"
 #include "base/gstnox_time.h"
 #include "uva/uva_event.h"
 
@@ -11,8 +10,6 @@
 #define GST_CAT_DEFAULT gst_backend_debug
 
 namespace {
-
-constexpr double nanosecondsPerSecond = 1e9;
 
 double toSeconds(guint64 time) {
     return static_cast<double>(time) / nanosecondsPerSecond;
@@ -31,17 +28,12 @@ gint64 toNanoseconds(double seconds) {
 
 } // namespace
 
-gint64 GstNoxBackend::duration() {
-    const GLibLock lock(m_lock);
-    return m_duration;
-}
-
 bool GstNoxBackend::isDurationInitialized() {
-    return duration() != durationUninitialized;
+    return m_facts.duration() != MediaFacts::durationUninitialized;
 }
 
 bool GstNoxBackend::isDurationUnknown() {
-    return duration() == durationUnknown;
+    return m_facts.duration() == MediaFacts::durationUnknown;
 }
 
 UVATime GstNoxBackend::getPosition() {
@@ -61,10 +53,10 @@ UVATime GstNoxBackend::getPosition() {
 }
 
 int GstNoxBackend::setPosition(double seconds) {
-    const gint64 known = duration();
+    const gint64 known = m_facts.duration();
     // The target is compared with the nanosecond count itself.
     const bool accepted = seconds >= 0.0 && std::isfinite(seconds) &&
-                          (known == durationUninitialized || seconds <= static_cast<double>(known));
+                          (known == MediaFacts::durationUninitialized || seconds <= static_cast<double>(known));
     if (!accepted) {
         GST_ERROR("***E: pos=%lf out of scope", seconds);
         raiseEvent(new SeekCompletedExEvent(SeekCompletedExEvent::SeekOutcome::Failed),
@@ -73,7 +65,7 @@ int GstNoxBackend::setPosition(double seconds) {
     }
     const auto target = static_cast<guint64>(toNanoseconds(seconds));
     m_seek.request(target);
-    for (const auto& bin : bins())
+    for (const auto& bin : m_sources.all())
         bin->closeForSeek();
     GST_DEBUG("pos=%" GST_TIME_FORMAT, GST_TIME_ARGS(target));
     raiseEvent(new CancelDataRequestsAsyncEvent(seconds), GST_LEVEL_DEBUG, "pos=%f", seconds);
@@ -87,31 +79,27 @@ int GstNoxBackend::getDuration(double& seconds) {
             return NotAvailable;
         changeDuration(static_cast<double>(queried) / nanosecondsPerSecond);
     }
-    const gint64 known = duration();
+    const gint64 known = m_facts.duration();
     GST_LOG("m_duration=%" GST_TIME_FORMAT, GST_TIME_ARGS(forLog(known)));
     seconds = static_cast<double>(known) / nanosecondsPerSecond;
     return Success;
 }
 
 void GstNoxBackend::changeDuration(double seconds) {
-    const gint64 offered = toNanoseconds(seconds);
-    const GLibLock lock(m_lock);
-    if (m_duration != durationUninitialized && m_duration != durationUnknown)
-        return;
-    m_duration = std::max(m_duration, offered);
+    m_facts.growDuration(toNanoseconds(seconds));
 }
 
 int GstNoxBackend::setContentSize(unsigned int id, unsigned long long milliseconds) {
     const double seconds = static_cast<double>(milliseconds) / 1000.0;
     GST_DEBUG("id=%u duration=%lf m_duration=%" GST_TIME_FORMAT, id, seconds,
-              GST_TIME_ARGS(forLog(duration())));
+              GST_TIME_ARGS(forLog(m_facts.duration())));
     changeDuration(seconds);
     return Success;
 }
 
 int GstNoxBackend::getSeekableTimeRanges(ByteRange** /*bytes*/, TimeRange**& ranges) {
-    const gint64 known = duration();
-    if (known == durationUninitialized) {
+    const gint64 known = m_facts.duration();
+    if (known == MediaFacts::durationUninitialized) {
         ranges = new TimeRange* [1] { nullptr };
         return Success;
     }
@@ -123,8 +111,8 @@ int GstNoxBackend::getSeekableTimeRanges(ByteRange** /*bytes*/, TimeRange**& ran
 int GstNoxBackend::getBufferedTimeRanges(unsigned int id, const std::vector<ByteRange>& /*bytes*/,
                                          std::vector<TimeRange>& ranges) {
     GST_LOG("id=%d", static_cast<int>(id));
-    if (!bins().empty()) {
-        if (const auto bin = findBin(id))
+    if (!m_sources.all().empty()) {
+        if (const auto bin = m_sources.find(id))
             for (const TimeRange& range : bin->bufferedRanges(m_seek.position())) {
                 GST_LOG("  buffered: [%" GST_TIME_FORMAT ",%" GST_TIME_FORMAT "]",
                         GST_TIME_ARGS(static_cast<guint64>(toNanoseconds(range.start))),
@@ -134,9 +122,9 @@ int GstNoxBackend::getBufferedTimeRanges(unsigned int id, const std::vector<Byte
         return Success;
     }
     constexpr double lookAhead = 50.0; // seconds
-    const gint64 known = duration();
+    const gint64 known = m_facts.duration();
     gint64 position = 0;
-    if (!m_pipeline || known == durationUninitialized ||
+    if (!m_pipeline || known == MediaFacts::durationUninitialized ||
         !gst_element_query_position(m_pipeline.get(), GST_FORMAT_TIME, &position))
         return NotAvailable;
     const double end = std::min(static_cast<double>(position) / nanosecondsPerSecond + lookAhead,

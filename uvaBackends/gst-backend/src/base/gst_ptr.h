@@ -45,7 +45,7 @@ private:
 
     static constexpr bool isMini = std::is_same_v<T, GstCaps> || std::is_same_v<T, GstBuffer> ||
                                    std::is_same_v<T, GstEvent> || std::is_same_v<T, GstMessage> ||
-                                   std::is_same_v<T, GstMiniObject>;
+                                   std::is_same_v<T, GstMiniObject> || std::is_same_v<T, GstMemory>;
     static bool isFloating(T* object) {
         if constexpr (isMini)
             return false;

@@ -3,7 +3,7 @@
 #include "codec/codecheaders.h"
 #include "codec/codecutil.h"
 #include "base/gst_ptr.h"
-#include "plugin/gstnox_plugin.h"
+#include "base/gstnox_debug.h"
 #include "uva/uva_stream_config.h"
 
 #include <gst/video/video.h>

@@ -2,7 +2,7 @@
 
 #include "codec/codecutil.h"
 #include "base/gst_ptr.h"
-#include "plugin/gstnox_plugin.h"
+#include "base/gstnox_debug.h"
 
 #include <algorithm>
 #include <cstring>

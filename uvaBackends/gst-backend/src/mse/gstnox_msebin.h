@@ -3,38 +3,39 @@
 
 #include "base/glib_lock.h"
 #include "base/gst_ptr.h"
-#include "backend/gstnox_backend.h"
-#include "mse/uva_gstcontentprotection.h"
+#include "mse/sample_decrypter.h"
+#include "mse/sample_intake.h"
+#include "mse/sample_queue.h"
+#include "uva/uva_backend.h"
 
 #include <gst/app/gstappsrc.h>
-#include <gst/base/gstqueuearray.h>
 
 #include <atomic>
 #include <memory>
 #include <string>
 #include <vector>
 
+class MediaSourceGroup;
 class UVASample;
-class UVAStreamConfig;
 
 /// One attached media source: an appsrc, a parser where there is one, and the hardware sink, in a
 /// bin of their own, and the queue of what the host has delivered and the appsrc has not asked for.
 ///
 /// The queue has no bound: the host is asked for so many samples at a time, and only when it is
-/// empty. `lock` guards it and what belongs to the order of the samples; a sample is decrypted
-/// outside, since the host's content protection does that. Leaf but for the backend's lock and the
-/// appsrc's own.
-class GstNoxBackend::GstMseBin {
+/// empty. One thread at a time hands on what is queued; others leave it what they bring. `lock`
+/// guards the order of the samples; the group's lock is taken under it. Samples are read, decrypted,
+/// pushed and deleted with no lock held: each may run code of the host's or wait for GStreamer.
+class GstMseBin {
 public:
-    /// Takes ownership of the description; the backend outlives the bin.
-    GstMseBin(GstNoxBackend* backend, SourceDescription* source);
+    /// Takes ownership of the description; the group outlives the bin.
+    GstMseBin(MediaSourceGroup& group, UVABackend::SourceDescription* source);
     ~GstMseBin();
     GstMseBin(const GstMseBin&) = delete;
     GstMseBin& operator=(const GstMseBin&) = delete;
 
-    /// Makes the elements; false, with the reason logged, when one is missing or the MIME type is
-    /// neither audio nor video. Host thread.
-    bool Create();
+    /// Makes the elements, with these callbacks of the appsrc; false, with the reason logged, when
+    /// one is missing or the MIME type is neither audio nor video. Host thread.
+    bool Create(GstAppSrcCallbacks callbacks, gpointer user);
     /// Drops what is queued. No sample is taken from then on.
     void close() EXCLUDES(lock);
     /// Closes, stops the elements and takes them out of the pipeline. Waits for the streaming
@@ -60,20 +61,9 @@ public:
     void beginSeek() EXCLUDES(lock);
     bool endSeek() EXCLUDES(lock);
 
-    /// Hands the appsrc what it asks for. True when the queue is empty afterwards.
-    bool pushToSource() REQUIRES(lock);
-    /// The buffer to hand on: the decrypted copy, or the buffer itself when it is clear or cannot
-    /// be decrypted. Takes the buffer. One thread at a time.
-    GstPtr<GstBuffer> handleContentProtectionMeta(GstPtr<GstBuffer> buffer, const char* type);
-    void pushCaps(GstPtr<GstCaps> caps) REQUIRES(lock);
-    void pushBuffer(GstPtr<GstBuffer> buffer) REQUIRES(lock);
-    void pushEvent(GstPtr<GstEvent> event) REQUIRES(lock);
-    /// Drops what is queued; with `keepCaps` the last caps stay.
-    void flush(int keepCaps) REQUIRES(lock);
-
     /// From the first sample since creation or flush, or from the position if that is later, to the
     /// end of the latest sample. Empty when there is none.
-    std::vector<TimeRange> bufferedRanges(guint64 position) EXCLUDES(lock);
+    std::vector<UVABackend::TimeRange> bufferedRanges(guint64 position) EXCLUDES(lock);
 
     /// One line for the shell.
     std::string describe() EXCLUDES(lock);
@@ -85,59 +75,64 @@ public:
     GstElement* element() const { return bin.get(); }
     GstElement* sink() const { return m_sink.get(); }
 
-    GLibMutex lock;
     const char* kind = nullptr; ///< "audio" or "video", from Create() on
     GCharPtr name;              ///< kind and id, from Create() on
 
 private:
-    struct ConfigKey;
+    /// What is to be handed to the appsrc.
+    struct Step {
+        SampleQueue::Item item; ///< null: there is nothing to do
+        GstClockTime segmentStart = GST_CLOCK_TIME_NONE; ///< to be installed before it, or none
+        unsigned int flushes = 0;  ///< when it was taken
+        std::size_t remaining = 0; ///< what is queued behind it
+        /// The host's sample, which is not to go while a flush may be waiting for the push.
+        GstPtr<GstMemory> payload;
+    };
+    /// Open; all is dropped; all is kept.
+    enum class Intake { Open, Closed, Waiting };
 
     bool link(GstPtr<GstElement> parser);
     GstPtr<GstElement> makeParser();
-    GstPtr<GstBuffer> wrap(std::unique_ptr<UVASample> sample) REQUIRES(lock);
-    void takeTimes(GstBuffer* buffer, const UVASample& sample) REQUIRES(lock);
-    void beginSegment(GstClockTime pts) REQUIRES(lock);
-    void estimateFrameRate(UVASample** samples) REQUIRES(lock);
-    GstPtr<GstCaps> capsOf(const UVAStreamConfig* config) REQUIRES(lock);
-    void protect(GstBuffer* buffer, const UVASample& sample);
-    void pushItem(GstPtr<GstMiniObject> item) REQUIRES(lock);
-    void handOver(GstMiniObject* item) REQUIRES(lock);
-    void handOverBuffer(GstPtr<GstBuffer> buffer) REQUIRES(lock);
 
-    GstNoxBackend* const backend;
-    const std::unique_ptr<SourceDescription> source;
+    void queueSample(SampleIntake::Sample sample) REQUIRES(lock);
+    /// What was queued, for the caller to drop without the lock.
+    [[nodiscard]] SampleQueue::Items flush(int keepCaps) REQUIRES(lock);
+    bool takesSamples() REQUIRES(lock) { return !m_isRemoved && m_intake != Intake::Closed; }
+
+    /// Hands the appsrc what it asks for. True when the queue is empty afterwards.
+    bool pushToSource() EXCLUDES(lock);
+    Step nextStep() EXCLUDES(lock);
+    GstClockTime beginPush() REQUIRES(lock);
+    void waitForPush() REQUIRES(lock);
+    void handOver(Step& step) EXCLUDES(lock);
+    void handOverBuffer(Step& step) EXCLUDES(lock);
+    /// The buffer to hand on: the decrypted copy, or the buffer itself when it is clear or cannot
+    /// be decrypted. Takes the buffer.
+    GstPtr<GstBuffer> handleContentProtectionMeta(GstPtr<GstBuffer> buffer);
+
+    MediaSourceGroup& m_group;
+    const std::unique_ptr<UVABackend::SourceDescription> source;
     const unsigned int m_id;
     GstPtr<GstElement> appsrc; // made by Create(), kept until the end: callbacks may be under way
     GstPtr<GstElement> m_sink;
     GstPtr<GstElement> bin;
 
-    std::atomic<bool> needData{false}; // the appsrc wants data; cleared while the lock is held
-    bool removed GUARDED_BY(lock) = false;
-    bool m_wasAsked GUARDED_BY(lock) = false; // the appsrc has wanted data
-    enum class Intake { Open, Closed, Waiting };
-    Intake m_intake GUARDED_BY(lock) = Intake::Open;
-    GstQueueArray* const queue; // of GstMiniObject, each a reference; guarded by lock
-    guint64 m_queuedBytes GUARDED_BY(lock) = 0;
-    bool m_feeding GUARDED_BY(lock) = false; // a thread is in pushToSource()
-    unsigned int m_flushes GUARDED_BY(lock) = 0;
-    GstPtr<GstCaps> currentCaps GUARDED_BY(lock);    // the last ones queued
-    const char* capsName GUARDED_BY(lock) = nullptr; // of those last handed to the appsrc; interned
-    GstClockTime lastEnd GUARDED_BY(lock) = GST_CLOCK_TIME_NONE;
-    GstClockTime m_firstStart GUARDED_BY(lock) = GST_CLOCK_TIME_NONE;
-    GstClockTime m_segmentStart GUARDED_BY(lock) = GST_CLOCK_TIME_NONE; // to be installed, or none
-    int fpsN GUARDED_BY(lock) = 0;
-    int fpsD GUARDED_BY(lock) = 0;                        // 0: not estimated yet
-    std::unique_ptr<ConfigKey> m_config GUARDED_BY(lock); // what m_configCaps were made from
-    GstPtr<GstCaps> m_configCaps GUARDED_BY(lock);
+    SampleIntake m_samples{m_group};
+    SampleDecrypter m_decrypter{m_group}; // of the thread that is feeding
+    const char* m_capsName = nullptr;     // the feeding thread's: of what the appsrc has; interned
 
-    struct FreeContext {
-        void operator()(GstUvaDecrypterContext* context) const {
-            gst_uva_decrypter_context_free(context);
-        }
-    };
-    // Of the thread that is feeding:
-    std::unique_ptr<GstUvaDecrypterContext, FreeContext> decrypter;
-    UVADRMBackend* m_drm = nullptr; // whose the decrypter is; not owned
+    GLibMutex lock;
+    GLibCondition m_pushed;
+    std::atomic<bool> needData{false}; // the appsrc wants data
+    bool m_isRemoved GUARDED_BY(lock) = false;
+    bool m_wasAsked GUARDED_BY(lock) = false; // the appsrc has wanted data
+    Intake m_intake GUARDED_BY(lock) = Intake::Open;
+    SampleQueue m_queue GUARDED_BY(lock);
+    bool m_isFeeding GUARDED_BY(lock) = false; // a thread is in pushToSource()
+    bool m_isPushing GUARDED_BY(lock) = false; // what it has taken is on its way into the appsrc
+    int m_pushWaiters GUARDED_BY(lock) = 0;
+    unsigned int m_flushes GUARDED_BY(lock) = 0;
+    GstClockTime m_segmentStart GUARDED_BY(lock) = GST_CLOCK_TIME_NONE; // to be installed, or none
 };
 
 #endif

@@ -1,10 +1,10 @@
 #include "mse/uva_gstcontentprotection.h"
 
 #include "base/gst_ptr.h"
+#include "base/gstnox_debug.h"
 #include "uva/uva_drm_backend.h"
 
 #include <cstring>
-#include <exception>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -123,17 +123,10 @@ void gst_buffer_remove_content_protection_meta(GstBuffer* buffer) {
 
 // ---- the decrypter
 
-/// The host's answer. What it throws would unwind through C code and locks: it counts as `failure`.
+/// The host's answer; what it throws counts as `failure`.
 template <typename Answer, typename Call>
 static Answer askHost(const char* what, Answer failure, Call call) noexcept {
-    try {
-        return call();
-    } catch (const std::exception& exception) {
-        GST_WARNING("%s threw an exception: %s", what, exception.what());
-    } catch (...) {
-        GST_WARNING("%s threw an exception", what);
-    }
-    return failure;
+    return guarded(contentProtectionDebug, what, failure, call);
 }
 
 struct GstUvaDecrypterContext {

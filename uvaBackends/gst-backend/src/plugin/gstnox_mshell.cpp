@@ -4,7 +4,7 @@
 #include "debug/shell/mshell.h"
 #include "debug/trace/zant_trace.h"
 #include "backend/gstnox_backend.h"
-#include "plugin/gstnox_plugin.h"
+#include "base/gstnox_debug.h"
 
 #include <string>
 

@@ -29,11 +29,6 @@
 #include <string>
 #include <unistd.h>
 
-GstDebugCategory* gst_backend_debug = nullptr;
-GstDebugCategory* gst_backendif_debug = nullptr;
-GstDebugCategory* gst_mshell_debug = nullptr;
-GstDebugCategory* gst_dbglayer_debug = nullptr;
-
 namespace {
 
 GstDebugCategory* loaderDebug = nullptr;
@@ -43,24 +38,6 @@ constexpr int syslogFacility = LOG_LOCAL1;
 constexpr unsigned int debugRequestInterval = 3; // seconds
 
 std::atomic<bool> watchDebugRequests{false};
-
-void createDebugCategories() {
-    struct Row {
-        GstDebugCategory*& handle;
-        const char* name;
-        guint colour;
-        const char* description;
-    };
-    const std::array rows{
-        Row{loaderDebug, "uvapluginloader", 0, "The plugin loader for the media backend"},
-        Row{gst_backend_debug, "uvabackend", 0, "UVA media backend (C++ class)"},
-        Row{gst_backendif_debug, "uvabackendif", 0, "UVA media backend (interface)"},
-        Row{gst_mshell_debug, "uvamshell", 0, "UVA media backend (mshell)"},
-        Row{gst_dbglayer_debug, "uvadbg", GST_DEBUG_FG_YELLOW, "UVA debug backend (C++ class)"},
-    };
-    for (const auto& row : rows)
-        GST_DEBUG_CATEGORY_INIT(row.handle, row.name, row.colour, row.description);
-}
 
 /// The link to the main system needs more queue memory than a process gets by default.
 void ZantAppInit() {
@@ -175,6 +152,8 @@ bool BackendInit(GError** error) noexcept {
         return true;
     if (!gst_init_check(nullptr, nullptr, error))
         return false;
+    GST_DEBUG_CATEGORY_INIT(loaderDebug, "uvapluginloader", 0,
+                            "The plugin loader for the media backend");
     createDebugCategories();
     zantTrace.Init("uvagst", syslogFacility);
     openlog("<UVA>", 0, syslogFacility);
@@ -217,6 +196,7 @@ UVAMediaBackend* UVA_RequestBackend(UVABackend::UVABackendType type, UVAClient* 
 
 bool UVA_ReleaseBackend(UVAMediaBackend* backend) noexcept {
     std::printf("<UVA> %s()\n", "UVA_ReleaseBackend");
-    delete backend;
+    if (backend != nullptr)
+        static_cast<GstNoxBackend*>(backend)->release();
     return true;
 }

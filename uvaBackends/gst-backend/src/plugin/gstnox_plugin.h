@@ -1,22 +1,12 @@
 #ifndef GSTNOX_PLUGIN_H
 #define GSTNOX_PLUGIN_H
 
+#include "base/gstnox_debug.h"
 #include "uva/uva_backend.h"
-
-#include <gst/gst.h>
 
 class UVAMediaBackend;
 
-/// Seen from outside the library; the linker's export list names the same symbols.
-#define NOX_EXPORT __attribute__((visibility("default")))
-
-/// Debug categories of the backend, created by BackendInit(); null before.
 extern "C" {
-NOX_EXPORT extern GstDebugCategory* gst_backend_debug;   ///< "uvabackend"
-NOX_EXPORT extern GstDebugCategory* gst_backendif_debug; ///< "uvabackendif"
-NOX_EXPORT extern GstDebugCategory* gst_mshell_debug;    ///< "uvamshell"
-NOX_EXPORT extern GstDebugCategory* gst_dbglayer_debug;  ///< "uvadbg"
-
 /// A new backend of the given type for the client, or null when the type is unknown or the media
 /// system could not be started (the reason is on standard output). The first request starts what
 /// lives once per process. Ask from one host thread.

@@ -2,12 +2,10 @@
 // it is about.
 
 #include "backend/gstnox_backend.h"
-#include "mse/gstnox_msebin.h"
-#include "plugin/gstnox_plugin.h"
+#include "base/gstnox_debug.h"
 #include "base/gstnox_time.h"
 #include "uva/uva_event.h"
 
-#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <string_view>
@@ -36,10 +34,15 @@ int GstNoxBackend::attachSource(SourceDescription* source) {
     if (source->type == SourceDescription::MseStreaming)
         GST_INFO("  MSE_STREAMING: id=%u duration=%lf m_duration=%" GST_TIME_FORMAT,
                  static_cast<unsigned int>(source->sourceId), seconds,
-                 GST_TIME_ARGS(forLog(duration())));
+                 GST_TIME_ARGS(forLog(m_facts.duration())));
+    const Operation operation(*this);
     const bool durationKnown = source->durationMs > 0;
-    const auto bin = std::make_shared<GstMseBin>(this, source);
-    if ((!m_pipeline && gstPlaySinkCreate() != 0) || !bin->Create()) {
+    const auto bin = std::make_shared<GstMseBin>(m_sourceGroup, source);
+    GstAppSrcCallbacks callbacks{};
+    callbacks.need_data = need_data_cb;
+    callbacks.enough_data = enough_data_cb;
+    callbacks.seek_data = seek_data_cb;
+    if ((!m_pipeline && gstPlaySinkCreate() != 0) || !bin->Create(callbacks, this)) {
         GST_ERROR("***E: cannot create source");
         return Failure;
     }
@@ -59,9 +62,9 @@ int GstNoxBackend::attachSource(SourceDescription* source) {
 
 /// Puts the bin into the pipeline and the map, in place of one with its id.
 void GstNoxBackend::addBin(const std::shared_ptr<GstMseBin>& bin) {
-    if (const auto old = takeBin(bin->id())) {
+    if (const auto old = m_sources.take(bin->id())) {
         GST_ERROR("***E: source already exists - deleting...");
-        old->Destroy();
+        destroy(*old);
     }
     if (!g_standalone) {
         m_decoders.watch(bin->sink());
@@ -69,73 +72,39 @@ void GstNoxBackend::addBin(const std::shared_ptr<GstMseBin>& bin) {
                          this);
     }
     gst_bin_add(GST_BIN(m_pipeline.get()), bin->element());
-    {
+    if (std::string_view(bin->kind) == "audio") {
         const GLibLock lock(m_lock);
-        if (std::string_view(bin->kind) == "audio")
-            m_audioSink = GstPtr<GstElement>::retain(bin->sink());
-        m_bins[bin->id()] = bin;
+        m_audioSink = GstPtr<GstElement>::retain(bin->sink());
     }
+    m_sources.add(bin);
     writeGraph("nox-attach");
 }
 
 /// One decoder of a kind: the source that had it stops.
 void GstNoxBackend::checkComponent(const GstMseBin& starting) {
-    for (const auto& bin : bins()) {
+    for (const auto& bin : m_sources.all()) {
         const bool sameKind = std::string_view(bin->kind) == starting.kind;
         if (bin.get() == &starting || !sameKind || !bin->isActive())
             continue;
         GST_WARNING("found running component of type '%s' (%s): stop it", bin->kind,
                     bin->name.get());
+        const DecoderHandshake::Stop ending(m_decoders, bin->kind);
         bin->stop();
     }
 }
 
 bool GstNoxBackend::removeSource(unsigned int id) {
     GST_INFO("source_id=%u", id);
-    const auto bin = takeBin(id);
+    const auto bin = m_sources.take(id);
     if (bin == nullptr)
         return false;
     bin->close(); // else a writer decrypts all that is queued before it leaves
-    waitForWriters(bin.get());
-    bin->Destroy();
+    m_sources.waitForWriters(bin.get());
+    destroy(*bin);
     const GLibLock lock(m_lock);
     if (m_audioSink.get() == bin->sink())
         m_audioSink.reset();
     return true;
-}
-
-/// A thread in writeData, which may decrypt there. Neither the source nor the backend goes before
-/// it has left.
-class GstNoxBackend::Writer {
-public:
-    Writer(GstNoxBackend& backend, const GstMseBin& writtenTo)
-        : bin(&writtenTo), thread(g_thread_self()), m_backend(backend) {
-        const GLibLock lock(m_backend.m_lock);
-        m_backend.m_writers.push_back(this);
-    }
-    ~Writer() {
-        const GLibLock lock(m_backend.m_lock);
-        auto& writers = m_backend.m_writers;
-        writers.erase(std::find(writers.begin(), writers.end(), this));
-        m_backend.m_condition.broadcast();
-    }
-    Writer(const Writer&) = delete;
-    Writer& operator=(const Writer&) = delete;
-
-    const GstMseBin* const bin;
-    GThread* const thread;
-
-private:
-    GstNoxBackend& m_backend;
-};
-
-void GstNoxBackend::waitForWriters(const GstMseBin* bin) {
-    const GLibLock lock(m_lock);
-    const auto isWaitedFor = [&](const Writer* writer) {
-        return writer->thread != g_thread_self() && (bin == nullptr || writer->bin == bin);
-    };
-    while (std::any_of(m_writers.begin(), m_writers.end(), isWaitedFor))
-        m_condition.wait(m_lock);
 }
 
 int GstNoxBackend::writeData(UVAEvent* event, unsigned int bytes, WriteDataStatus status) {
@@ -145,12 +114,12 @@ int GstNoxBackend::writeData(UVAEvent* event, unsigned int bytes, WriteDataStatu
     const auto& request = static_cast<const NeedMSEDataEvent&>(*event);
     GST_LOG("id=%u bytes_written=%d, samples_requested=%d, status=%d", request.sourceId,
             static_cast<int>(bytes), request.samplesRequested, static_cast<int>(status));
-    const auto bin = findBin(request.sourceId);
+    const auto bin = m_sources.find(request.sourceId);
     if (bin == nullptr) {
         GST_WARNING("***E: invalid source_id");
         return Success;
     }
-    const Writer writer(*this, *bin);
+    const MediaSources::Writer writer(m_sources, *bin);
     if (status == Data)
         bin->write(request.samples);
     else if (status == EndOfStream)
@@ -160,50 +129,30 @@ int GstNoxBackend::writeData(UVAEvent* event, unsigned int bytes, WriteDataStatu
 }
 
 int GstNoxBackend::checkNewSegment(unsigned long long* start) {
-    const GLibLock lock(m_lock);
-    if (m_segmentStart == GST_CLOCK_TIME_NONE)
-        m_segmentStart = *start;
-    else
-        *start = m_segmentStart;
+    *start = m_sourceGroup.agreeOnStart(*start);
     return Success;
 }
 
-// ---- the map
-
-std::shared_ptr<GstNoxBackend::GstMseBin> GstNoxBackend::findBin(unsigned int id) {
-    const GLibLock lock(m_lock);
-    const auto found = m_bins.find(id);
-    return found != m_bins.end() ? found->second : nullptr;
-}
-
-std::shared_ptr<GstNoxBackend::GstMseBin> GstNoxBackend::takeBin(unsigned int id) {
-    const GLibLock lock(m_lock);
-    const auto node = m_bins.extract(id);
-    return node.empty() ? nullptr : node.mapped();
-}
-
-std::vector<std::shared_ptr<GstNoxBackend::GstMseBin>> GstNoxBackend::bins() {
-    const GLibLock lock(m_lock);
-    std::vector<std::shared_ptr<GstMseBin>> all;
-    for (const auto& [id, bin] : m_bins)
-        all.push_back(bin);
-    return all;
-}
-
-std::shared_ptr<const GstNoxBackend::KeySystem> GstNoxBackend::keySystem() {
-    const GLibLock lock(m_lock);
-    return m_keySystem;
+/// Waits for the streaming thread, which may be waiting for a decoder.
+void GstNoxBackend::destroy(GstMseBin& bin) {
+    const DecoderHandshake::Stop ending(m_decoders, bin.kind);
+    bin.Destroy();
 }
 
 // ---- streaming threads
 
-void GstNoxBackend::need_data_cb(GstAppSrc* appsrc, guint /*length*/, gpointer backend) {
+/// Null when it is gone.
+std::shared_ptr<GstMseBin> GstNoxBackend::binOf(GstAppSrc* appsrc, gpointer backend) {
+    return static_cast<GstNoxBackend*>(backend)->m_sources.find(sourceIdOf(appsrc));
+}
+
+void GstNoxBackend::need_data_cb(GstAppSrc* appsrc, guint /*length*/, gpointer backend) noexcept {
     GST_LOG("(%s)", GST_OBJECT_NAME(appsrc));
-    auto* self = static_cast<GstNoxBackend*>(backend);
-    const unsigned int id = sourceIdOf(appsrc);
-    const auto bin = self->findBin(id);
-    if (bin != nullptr && bin->needsData())
-        self->askForData(id);
+    guarded("need-data", [=] {
+        const auto bin = binOf(appsrc, backend);
+        if (bin != nullptr && bin->needsData())
+            static_cast<GstNoxBackend*>(backend)->askForData(bin->id());
+    });
 }
 
 void GstNoxBackend::askForData(unsigned int id) {
@@ -211,19 +160,18 @@ void GstNoxBackend::askForData(unsigned int id) {
                static_cast<int>(id), samplesToAskFor);
 }
 
-void GstNoxBackend::enough_data_cb(GstAppSrc* appsrc, gpointer backend) {
+void GstNoxBackend::enough_data_cb(GstAppSrc* appsrc, gpointer backend) noexcept {
     GST_LOG("(%s)", GST_OBJECT_NAME(appsrc));
-    if (const auto bin = static_cast<GstNoxBackend*>(backend)->findBin(sourceIdOf(appsrc)))
+    if (const auto bin = binOf(appsrc, backend))
         bin->hasEnoughData();
 }
 
-gboolean GstNoxBackend::seek_data_cb(GstAppSrc* appsrc, guint64 offset, gpointer backend) {
+gboolean GstNoxBackend::seek_data_cb(GstAppSrc* appsrc, guint64 offset, gpointer backend) noexcept {
     GST_DEBUG("offset=%" GST_TIME_FORMAT, GST_TIME_ARGS(offset));
-    auto* self = static_cast<GstNoxBackend*>(backend);
-    const auto bin = self->findBin(sourceIdOf(appsrc));
-    if (bin == nullptr || !bin->seek())
-        return TRUE;
-    const GLibLock lock(self->m_lock);
-    self->m_segmentStart = GST_CLOCK_TIME_NONE;
+    guarded("seek-data", [=] {
+        const auto bin = binOf(appsrc, backend);
+        if (bin != nullptr && bin->seek())
+            static_cast<GstNoxBackend*>(backend)->m_sourceGroup.forgetStart();
+    });
     return TRUE;
 }

@@ -1,0 +1,38 @@
+#ifndef SAMPLE_DECRYPTER_H
+#define SAMPLE_DECRYPTER_H
+
+#include "base/gst_ptr.h"
+#include "mse/uva_gstcontentprotection.h"
+
+#include <gst/gst.h>
+
+#include <memory>
+
+class MediaSourceGroup;
+
+/// Decrypts the buffers of one media source with the host's content protection. By one thread at a
+/// time, which holds no lock: it is the host's code that decrypts.
+class SampleDecrypter {
+public:
+    /// The group outlives the decrypter.
+    explicit SampleDecrypter(MediaSourceGroup& group) : m_group(group) {}
+
+    /// A decrypted copy, without the protection; null when it cannot be made.
+    GstPtr<GstBuffer> decrypt(GstBuffer* buffer);
+
+private:
+    struct FreeContext {
+        void operator()(GstUvaDecrypterContext* context) const {
+            gst_uva_decrypter_context_free(context);
+        }
+    };
+
+    bool decryptInPlace(GstBuffer* copy, const GstBuffer* buffer,
+                        const GstUvaContentProtectionMeta& meta);
+
+    MediaSourceGroup& m_group;
+    std::unique_ptr<GstUvaDecrypterContext, FreeContext> m_context;
+    UVADRMBackend* m_drm = nullptr; // whose the context is; not owned
+};
+
+#endif
