@@ -57,6 +57,16 @@ protected:
     GstNoxBackend backend{UVABackend::VideoElement, &client};
 };
 
+// The message has two events; the client has enough with the first.
+TEST_F(BackendTest, AReleaseFromInsideAnEventIsTheEnd) {
+    auto* other = new GstNoxBackend(UVABackend::VideoElement, &client);
+    client.hook = [&](UVAEvent&) { other->release(); };
+    GstMessage* message = gst_message_new_buffering(nullptr, 100);
+    other->handleGstMessages(message);
+    gst_message_unref(message);
+    EXPECT_EQ(client.types(), Types{UVAEvent::BufferingProgress});
+}
+
 TEST_F(BackendTest, InitBackendAnswersForEverySource) {
     LogCapture log(gst_backend_debug);
     EXPECT_EQ(backend.initBackend("o", nullptr, false), UVABackend::Failure);

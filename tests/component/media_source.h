@@ -116,7 +116,7 @@ protected:
             << sink;
         return RecordingSinks::of(sink);
     }
-    /// Until the appsrcs have asked: what is written before they start is lost.
+    /// Until the appsrcs have asked.
     void playUntilAsked(int sources) {
         backend->play();
         ASSERT_TRUE(isAsked(sources));

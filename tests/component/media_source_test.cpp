@@ -4,6 +4,7 @@
 #include "support/log_capture.h"
 
 #include <array>
+#include <future>
 #include <limits>
 
 namespace {
@@ -502,6 +503,87 @@ TEST_F(MediaSourceTest, RequestsAreTheBound) {
     EXPECT_TRUE(ended);
     EXPECT_EQ(RecordingSinks::of(videoSink).buffers.size(), static_cast<std::size_t>(next));
     EXPECT_LE(most, limit);
+}
+
+// Reading samples and dropping them runs the host's code, which may wait for a thread that uses the
+// backend.
+TEST_F(MediaSourceTest, TheHostsSamplesAreUsedUnderNoLock) {
+    std::vector<std::future<void>> uses;
+    std::atomic<int> free{0};
+    int used = 0;
+    const auto useElsewhere = [&] {
+        ++used;
+        uses.push_back(std::async(std::launch::async, [this] {
+            std::vector<UVABackend::TimeRange> ranges;
+            backend->getBufferedTimeRanges(videoId, {}, ranges);
+            backend->getPosition();
+        }));
+        free += uses.back().wait_for(std::chrono::seconds(10)) == std::future_status::ready;
+    };
+    const auto writeOne = [&](std::size_t size = 100) {
+        auto* sample = new TestSample(0, frame, &video, size);
+        sample->onUse = useElsewhere;
+        write(videoId, {sample});
+    };
+    const CancelDataRequestsAsyncEvent cancelled(3);
+    const struct {
+        const char* what;
+        std::function<void()> drop;
+        int used; // the payload is asked for, and it is deleted
+    } rows[] = {{"without payload", [&] { writeOne(0); }, 2},
+                {"by setPosition", [&] { writeOne(), backend->setPosition(3); }, 2},
+                {"while a seek is pending", [&] { writeOne(); }, 1},
+                {"kept by the seek", [&] { backend->eventCompleted(&cancelled, true); }, 0},
+                {"with its source", [&] { writeOne(), backend->removeSource(videoId); }, 2},
+                {"no source, no use", [&] { restart(new TestSource(videoId, "video/x-vp8")); }, 0},
+                {"with the backend", [&] { writeOne(), owner.reset(); }, 2}};
+    open(false);
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.what);
+        used = free = 0;
+        row.drop();
+        EXPECT_EQ(used, row.used);
+        EXPECT_EQ(free, used);
+    }
+}
+
+TEST_F(MediaSourceTest, WhatIsWrittenBeforeTheFirstRequestIsPlayed) {
+    open();
+    write(videoId, videoSamples(0, 3));
+    feed(audioId);
+    writeEnds();
+    backend->play();
+    ASSERT_TRUE(isFinished());
+    EXPECT_EQ(received(videoSink, 3).buffers.size(), 3U);
+    EXPECT_EQ(received(audioSink, 1).buffers.size(), 1U);
+}
+
+// A host that completes the seek and delivers from inside the events: both sources begin at the
+// first time delivered. Whoever asks for the position meanwhile hears, and changes, nothing else.
+TEST_F(MediaSourceTest, ASeekIsOneStepForAllSources) {
+    open();
+    playUntilAsked(2);
+    std::atomic<bool> isSought{false};
+    client.hook = [&](UVAEvent& event) {
+        if (event.type() == UVAEvent::CancelDataRequestsAsync) {
+            std::thread([this] { EXPECT_EQ(backend->getPosition().position, 9); }).join();
+            isSought = true;
+            backend->eventCompleted(static_cast<UVAAsyncEvent*>(&event), true);
+        } else if (event.type() == UVAEvent::NeedMSEData && isSought) {
+            const unsigned int id = static_cast<NeedMSEDataEvent&>(event).sourceId;
+            write(id, {new TestSample(id == videoId ? 8.5 : 9, 1, id == videoId ? &video : &audio)});
+            writeEnd(id);
+        }
+    };
+    write(videoId, videoSamples(0, 2));
+    feed(audioId);
+    received(videoSink, 1);
+    LogCapture log(gst_backend_debug);
+    ASSERT_EQ(backend->setPosition(9), 1);
+    ASSERT_TRUE(isFinished());
+    EXPECT_TRUE(log.has("DEBUG offset=0:00:09.000000000"));
+    EXPECT_EQ(received(videoSink, 1).buffers.back().segmentStart,
+              received(audioSink, 1).buffers.back().segmentStart);
 }
 
 // Whatever the streaming threads are in: not started, asking, being answered, at the end.

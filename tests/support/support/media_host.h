@@ -114,9 +114,15 @@ public:
           stream(config) {
         ++alive();
     }
-    ~TestSample() override { --alive(); }
+    ~TestSample() override {
+        look();
+        --alive();
+    }
 
-    const std::uint8_t* payload() const override { return bytes.empty() ? nullptr : bytes.data(); }
+    const std::uint8_t* payload() const override {
+        look();
+        return bytes.empty() ? nullptr : bytes.data();
+    }
     std::size_t payloadSize() const override { return bytes.size(); }
     double pts() const override { return presented; }
     double dts() const override { return decoded; }
@@ -133,6 +139,13 @@ public:
     std::vector<Subsample> map;
     double presented, decoded, lasts; ///< seconds
     const UVAStreamConfig* stream;
+    std::function<void()> onUse; ///< when the payload is asked for, and in the destructor
+
+private:
+    void look() const {
+        if (onUse)
+            onUse();
+    }
 };
 
 /// Content protection whose answers are data, and which keeps a journal of what it is asked for.

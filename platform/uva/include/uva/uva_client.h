@@ -14,10 +14,9 @@ public:
 
     /// Takes ownership of the event. Called on whatever thread raised it: the host's own, the
     /// backend's main loop or a streaming thread. The backend holds no lock, so the client may call
-    /// back into the backend from here, with two exceptions: `releaseResources`, `removeSource` and
-    /// the release of the backend wait for the streaming threads and so belong on the host's own
-    /// event loop, and a CancelDataRequestsAsyncEvent is completed there too, once `setPosition`
-    /// has returned.
+    /// back into the backend from here, with one exception: `releaseResources`, `removeSource` and
+    /// the release of the backend wait for the streaming threads, so they are not called on one.
+    /// The host's own event loop is the place for them.
     virtual void deliverEvent(UVAEvent* event) = 0;
 };
 

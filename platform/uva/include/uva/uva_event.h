@@ -182,8 +182,7 @@ public:
 /// is dropped; none is made before the seek. The client moves its own reading to the target and
 /// completes the event; the seek is made in that completion, and data is asked for anew. Of several
 /// that are pending the first completion makes the seek, to the newest target, and the others
-/// nothing. Complete it after `setPosition` has returned, else the element goes on reporting the
-/// target as its position.
+/// nothing. One that is never completed leaves a media source without requests.
 class CancelDataRequestsAsyncEvent : public UVAAsyncEvent {
 public:
     explicit CancelDataRequestsAsyncEvent(double seconds)

@@ -127,8 +127,10 @@ void GstNoxBackend::shutDown() {
 }
 
 void GstNoxBackend::release() {
-    if (m_leases > 1)
-        shutDown(); // the rest when the operations under way have left
+    if (m_life.exchange(Life::Ending) != Life::Used)
+        return; // asked again from inside an event that the end has delivered
+    shutDown();
+    m_life = Life::Over;
     leave();
 }
 

@@ -238,6 +238,8 @@ private:
     std::string m_userAgent;
 
     std::atomic<int> m_leases{1}; // the host's, and one of each operation under way
+    enum class Life { Used, Ending, Over };
+    std::atomic<Life> m_life{Life::Used}; // see release()
 
     GLibMutex m_lock; // a leaf
     std::map<std::string, std::unique_ptr<GstNoxAvComponent>> m_components GUARDED_BY(m_lock);

@@ -101,6 +101,9 @@ bool isNetworkError(const GError& error, std::string_view element) {
 
 void GstNoxBackend::raiseEvent(UVAEvent* event, GstDebugLevel level, const char* format, ...) {
     constexpr int levelLimit = 11;
+    std::unique_ptr<UVAEvent> owned(event);
+    if (m_life == Life::Over)
+        return;
     if (level < levelLimit && level <= _gst_debug_min &&
         level <= gst_debug_category_get_threshold(gst_backend_debug)) {
         va_list arguments;
@@ -110,7 +113,7 @@ void GstNoxBackend::raiseEvent(UVAEvent* event, GstDebugLevel level, const char*
         GST_CAT_LEVEL_LOG(gst_backend_debug, level, nullptr, "%s: (%s)", eventName(event->type()),
                           message.get());
     }
-    m_client->deliverEvent(event);
+    m_client->deliverEvent(owned.release());
 }
 
 GstBusSyncReply GstNoxBackend::_sift_message(GstBus* /*bus*/, GstMessage* message,

@@ -7,6 +7,7 @@
 
 #include <cstring>
 #include <string_view>
+#include <utility>
 
 #define GST_CAT_DEFAULT gst_backend_debug
 
@@ -90,8 +91,8 @@ void GstNoxBackend::watchBus() {
 void GstNoxBackend::gstPlayerStopAndDestroy() {
     GST_DEBUG("playbin=%p, playsink=%p", static_cast<void*>(m_pipeline.get()),
               static_cast<void*>(m_playSink.get()));
-    if (!m_pipeline)
-        return;
+    if (!m_busWatch)
+        return; // there is none, or the client asks from inside an event that this one delivers
     const Operation operation(*this);
     writeGraph("nox-stop");
     const DecoderHandshake::Stop stop(m_decoders);
@@ -103,8 +104,7 @@ void GstNoxBackend::gstPlayerStopAndDestroy() {
     setPipelineState(GST_STATE_READY);
 
     GST_DEBUG("draining the bus...");
-    m_busWatch->remove(m_bus.get());
-    m_busWatch.reset();
+    std::exchange(m_busWatch, nullptr)->remove(m_bus.get());
     while (const auto message = GstPtr<GstMessage>::adopt(gst_bus_pop(m_bus.get())))
         handleGstMessages(message.get());
 
