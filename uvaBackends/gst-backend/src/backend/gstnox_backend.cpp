@@ -1,7 +1,6 @@
 #include "backend/gstnox_backend.h"
 
 #include "UvaGstIfLowerLayer.h"
-#include "UvaGstIfReceiver.h"
 #include "backend/gstnox_avcomponent.h"
 #include "mse/gstnox_msebin.h"
 #include "plugin/gstnox_plugin.h"
@@ -111,12 +110,12 @@ GstNoxBackend::GstNoxBackend(UVABackendType type, UVAClient* client)
 GstNoxBackend::~GstNoxBackend() {
     GST_INFO("entry");
     Registry::instance().remove(*this);
-    uvaGstIfReceiver.connectBackend(nullptr);
+    m_mainSystem.connectBackend(nullptr);
     for (const auto& bin : bins())
         bin->close(); // else their threads decrypt all that is queued before they stop
     waitForWriters(nullptr);
     gstPlayerStopAndDestroy();
-    uvaGstIfReceiver.leave(m_decoders.requester());
+    m_mainSystem.leave(&m_decoders);
     for (const auto& bin : bins()) {
         takeBin(bin->id());
         bin->Destroy();
@@ -137,7 +136,7 @@ int GstNoxBackend::initBackend(const char* origin, SourceDescription** sources, 
     for (; sources[count] != nullptr; ++count)
         if (initSource(sources[count], count) != Success)
             result = Failure;
-    uvaGstIfReceiver.connectBackend(&m_controlPort);
+    m_mainSystem.connectBackend(&m_control);
     GST_INFO(" number of sources is %d", count);
     changeState(GST_STATE_READY);
     return result;
@@ -198,8 +197,8 @@ int GstNoxBackend::setVideoWindowAndClip(const Rect& window, const Rect& clip) {
     GST_DEBUG("client_screen: %dx%d", screenWidth, screenHeight);
     const std::array<unsigned char, 8> request =
         windowRequest(window, outputWidth / screenWidth, outputHeight / screenHeight);
-    uvaGstIfLowerLayer.sendIndicationBuffer(SIG_ID_MPLAYER_SET_WINDOW_REQ, request.data(),
-                                            static_cast<int>(request.size()));
+    m_mainSystem.lowerLayer().sendIndicationBuffer(SIG_ID_MPLAYER_SET_WINDOW_REQ, request.data(),
+                                                   static_cast<int>(request.size()));
     return Success;
 }
 

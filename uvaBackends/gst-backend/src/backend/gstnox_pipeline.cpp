@@ -1,7 +1,7 @@
-#include "UvaGstIfReceiver.h"
 #include "backend/gstnox_avcomponent.h"
 #include "backend/gstnox_backend.h"
 #include "backend/gstnox_buswatch.h"
+#include "base/gstnox_debug.h"
 #include "mse/gstnox_msebin.h"
 #include "plugin/gstnox_plugin.h"
 #include "uva/uva_event.h"
@@ -112,7 +112,7 @@ void GstNoxBackend::gstPlayerStopAndDestroy() {
     GST_DEBUG("going to NULL");
     changeState(GST_STATE_NULL);
     setPipelineState(GST_STATE_NULL);
-    uvaGstIfReceiver.leave(m_decoders.requester());
+    m_mainSystem.leave(&m_decoders);
     {
         const GLibLock lock(m_lock);
         m_hasPlayer = false;
@@ -178,14 +178,18 @@ void GstNoxBackend::about_to_finish_cb(GstElement* /*playbin*/, gpointer /*backe
 }
 
 gint GstNoxBackend::decoder_request_cb(GstElement* sink, const gchar* type, gpointer backend) {
-    auto* self = backendOf(backend);
-    return self->reply(self->m_decoders.askClientAndMainSystem(sink, type));
+    return guarded(GST_CAT_DEFAULT, "a request for a decoder", 0, [&] {
+        auto* self = backendOf(backend);
+        return self->reply(self->m_decoders.askClientAndMainSystem(sink, type));
+    });
 }
 
 gint GstNoxBackend::source_decoder_request_cb(GstElement* sink, const gchar* type,
                                               gpointer backend) {
-    auto* self = backendOf(backend);
-    return self->reply(self->m_decoders.askMainSystem(sink, type));
+    return guarded(GST_CAT_DEFAULT, "a request for a decoder", 0, [&] {
+        auto* self = backendOf(backend);
+        return self->reply(self->m_decoders.askMainSystem(sink, type));
+    });
 }
 
 void GstNoxBackend::askClient() {

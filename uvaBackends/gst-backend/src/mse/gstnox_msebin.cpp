@@ -247,7 +247,7 @@ void GstNoxBackend::GstMseBin::Destroy() {
     close();
     if (!bin)
         return;
-    const DecoderHandshake::Stop ending(backend->m_decoders, kind);
+    const DecoderHandshake::Stop ending(backend->m_decoders, mediaKindOf(kind));
     gst_element_set_locked_state(bin.get(), TRUE); // the pipeline may be on its way up
     gst_element_set_state(bin.get(), GST_STATE_NULL);
     const auto parent = GstPtr<GstObject>::adopt(gst_object_get_parent(GST_OBJECT(bin.get())));
@@ -263,7 +263,7 @@ bool GstNoxBackend::GstMseBin::isActive() {
 
 /// It neither comes back with the pipeline's next state nor holds up the end of playback.
 void GstNoxBackend::GstMseBin::stop() {
-    const DecoderHandshake::Stop ending(backend->m_decoders, kind);
+    const DecoderHandshake::Stop ending(backend->m_decoders, mediaKindOf(kind));
     gst_element_set_locked_state(bin.get(), TRUE);
     gst_element_set_state(bin.get(), GST_STATE_READY);
     GST_OBJECT_FLAG_UNSET(bin.get(), GST_ELEMENT_FLAG_SINK);
