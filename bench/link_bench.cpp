@@ -5,6 +5,7 @@
 // Usage: link_bench, in a box (tvbox), as the link's queues have fixed names
 
 #include "UvaGstIfLink.h"
+#include "UvaGstIfLowerLayer.h"
 #include "UvaGstIfReceiver.h"
 #include "bench_support.h"
 #include "cpucomm/trid_cpucomm.h"
