@@ -5,6 +5,7 @@
 // Usage: link_bench, in a box (tvbox), as the link's queues have fixed names
 
 #include "UvaGstIfLink.h"
+#include "UvaGstIfLowerLayer.h"
 #include "UvaGstIfReceiver.h"
 #include "bench_support.h"
 #include "cpucomm/trid_cpucomm.h"
@@ -142,12 +143,12 @@ double microseconds(const std::function<void()>& what) {
 
 /// Asks, is granted, and in time that does not count gives the decoder back.
 double requestToGrant() {
-    UvaGstIfRequester requester;
+    const char requester = 0;
     const double took = microseconds([&] {
-        if (!uvaGstIfReceiver.requestDecoder("video", &requester))
+        if (!uvaGstIfReceiver.requestDecoder(MediaKind::Video, &requester))
             fail("no grant");
     });
-    uvaGstIfReceiver.leave(requester);
+    uvaGstIfReceiver.leave(&requester);
     uvaGstIfLowerLayer.sendIndicationInt32(askBack, 0);
     while (uvaGstIfReceiver.state().available != 0)
         sched_yield();

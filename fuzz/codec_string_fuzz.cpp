@@ -37,6 +37,7 @@ bool isAtMost(const std::string& text, int limit) {
 
 int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     fuzz::startGst();
+    GstNoxBackend::setLink(uvaGstIfReceiver);
     static DeafClient client;
     static auto& backend = *new GstNoxBackend(UVABackend::VideoElement, &client);
     const auto description = describe({reinterpret_cast<const char*>(data), size});

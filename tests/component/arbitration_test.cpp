@@ -1,8 +1,8 @@
 // Two backends of one process and a main system with one decoder of each kind.
 
-#include "UvaGstIfGstMedia.h"
 #include "UvaGstIfReceiver.h"
 #include "backend/gstnox_backend.h"
+#include "backend/gstnox_link.h"
 #include "plugin/gstnox_plugin.h"
 #include "support/media_host.h"
 #include "support/sink_watch.h"
@@ -54,48 +54,41 @@ protected:
 
 /// What the link reads of the media framework, and how it logs there.
 TEST_F(ArbitrationTest, TheLinkReadsMessagesStatesAndLevels) {
-    GstDebugCategory* backend = nullptr;
-    GstDebugCategory* backendIf = nullptr;
-    UvaGstIfGstMedia media(backend, backendIf);
     using Category = UvaGstIfMedia::Category;
-    EXPECT_FALSE(media.logs(Category::Backend, UvaGstIfMedia::Error)) << "no category yet";
-    media.log(Category::BackendIf, UvaGstIfMedia::Error, __FILE__, __func__, __LINE__, "lost");
-    backend = _gst_debug_category_new("link_test_a", 0, "");
-    backendIf = _gst_debug_category_new("link_test_b", 0, "");
-    gst_debug_category_set_threshold(backend, GST_LEVEL_WARNING);
-    gst_debug_category_set_threshold(backendIf, GST_LEVEL_DEBUG);
-    EXPECT_TRUE(media.logs(Category::Backend, UvaGstIfMedia::Warning));
-    EXPECT_FALSE(media.logs(Category::Backend, UvaGstIfMedia::Debug));
-    EXPECT_TRUE(media.logs(Category::BackendIf, UvaGstIfMedia::Debug));
+    gst_debug_category_set_threshold(gst_backend_debug, GST_LEVEL_WARNING);
+    gst_debug_category_set_threshold(gst_backendif_debug, GST_LEVEL_DEBUG);
+    EXPECT_TRUE(linkMedia.logs(Category::Backend, UvaGstIfMedia::Warning));
+    EXPECT_FALSE(linkMedia.logs(Category::Backend, UvaGstIfMedia::Debug));
+    EXPECT_TRUE(linkMedia.logs(Category::BackendIf, UvaGstIfMedia::Debug));
+    gst_debug_category_reset_threshold(gst_backend_debug);
+    gst_debug_category_reset_threshold(gst_backendif_debug);
 
     auto* const pipeline = gst_pipeline_new(nullptr);
     const auto message = [pipeline](GstStructure* structure) {
         return std::unique_ptr<GstMessage, decltype(&gst_message_unref)>(
             gst_message_new_application(GST_OBJECT(pipeline), structure), gst_message_unref);
     };
-    const auto full =
-        message(gst_structure_new("Name", "number", G_TYPE_INT, -7, "ratio", GST_TYPE_FRACTION, 16,
-                                  9, "text", G_TYPE_STRING, "words", nullptr));
-    EXPECT_STREQ(media.name(full.get()), "Name");
-    EXPECT_EQ(media.integer(full.get(), "number"), -7);
-    EXPECT_EQ(media.fraction(full.get(), "ratio").numerator, 16);
-    EXPECT_EQ(media.fraction(full.get(), "ratio").denominator, 9);
-    EXPECT_STREQ(media.text(full.get(), "text"), "words");
-    const auto bare = message(nullptr);
-    EXPECT_EQ(media.name(bare.get()), nullptr);
-    for (const auto& [each, field] :
-         {std::pair(full.get(), "none"), std::pair(bare.get(), "text")}) {
-        EXPECT_EQ(media.integer(each, field), 0);
-        EXPECT_EQ(media.fraction(each, field).numerator, 0);
-        EXPECT_EQ(media.fraction(each, field).denominator, 0);
-        EXPECT_EQ(media.text(each, field), nullptr);
-    }
-    EXPECT_EQ(media.integer(full.get(), "text"), 0) << "of another type";
+    const auto full = message(gst_structure_from_string(
+        "Name, type=words, codec=more, width=-7, height=2, disp-width=3, disp-height=text, "
+        "display-aspect-ratio=(fraction)16/9",
+        nullptr));
+    const auto read = readApplicationMessage(full.get());
+    EXPECT_STREQ(read.name, "Name");
+    EXPECT_STREQ(read.type, "words");
+    EXPECT_STREQ(read.codec, "more");
+    EXPECT_EQ(read.format.width, -7);
+    EXPECT_EQ(read.format.height, 2);
+    EXPECT_EQ(read.format.displayWidth, 3);
+    EXPECT_EQ(read.format.displayHeight, 0) << "of another type";
+    EXPECT_EQ(read.format.aspectRatio.numerator, 16);
+    EXPECT_EQ(read.format.aspectRatio.denominator, 9);
+    EXPECT_EQ(read.format.frameRate.numerator, 0) << "not there";
+    EXPECT_EQ(readApplicationMessage(message(nullptr).get()).name, nullptr);
 
     gst_element_set_state(pipeline, GST_STATE_PLAYING);
-    EXPECT_EQ(media.states(pipeline).current, GST_STATE_PLAYING);
-    EXPECT_EQ(media.states(pipeline).pending, GST_STATE_VOID_PENDING);
-    EXPECT_EQ(media.states(nullptr).current, GST_STATE_NULL);
+    EXPECT_EQ(linkMedia.states(pipeline).current, GST_STATE_PLAYING);
+    EXPECT_EQ(linkMedia.states(pipeline).pending, GST_STATE_VOID_PENDING);
+    EXPECT_EQ(linkMedia.states(nullptr).current, GST_STATE_NULL);
     gst_element_set_state(pipeline, GST_STATE_NULL);
     gst_object_unref(pipeline);
 }

@@ -12,6 +12,7 @@
 #include <gtest/gtest.h>
 
 #include <limits>
+#include <stdexcept>
 #include <thread>
 
 namespace {
@@ -490,6 +491,19 @@ TEST_F(BackendTest, OneSinkAsksAndTheOthersAreTurnedAway) {
     EXPECT_EQ(first, 1);
     EXPECT_EQ(request("audio"), 1);
     EXPECT_EQ(client.count(UVAEvent::BackendResourceRequestAsync), 2);
+}
+
+TEST_F(BackendTest, AClientThatThrowsWhenItIsAskedHasRefused) {
+    client.hook = [&, questions = 0](UVAEvent& event) mutable {
+        if (event.type() != UVAEvent::BackendResourceRequestAsync)
+            return;
+        if (++questions == 1)
+            throw std::runtime_error("out of order");
+        backend.eventCompleted(static_cast<UVAAsyncEvent*>(&event), true);
+    };
+    EXPECT_EQ(GstNoxBackend::decoder_request_cb(nullptr, "video", &backend), 0);
+    EXPECT_EQ(client.count(UVAEvent::DecodeError), 1);
+    EXPECT_EQ(GstNoxBackend::decoder_request_cb(nullptr, "video", &backend), 1) << "asked again";
 }
 
 // Once the client has granted it; a media source's sink at once.

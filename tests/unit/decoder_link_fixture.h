@@ -14,7 +14,6 @@
 #include <fstream>
 #include <functional>
 #include <gtest/gtest.h>
-#include <map>
 #include <mutex>
 #include <sched.h>
 #include <string>
@@ -112,63 +111,42 @@ private:
     std::string m_sent;
 };
 
-/// An application message without a media framework.
-struct FakeMessage {
-    std::string name;
-    std::map<std::string, int> integers;
-    std::map<std::string, UvaGstIfMedia::Fraction> fractions;
-    std::map<std::string, std::string> texts;
-
-    GstMessage* get() { return reinterpret_cast<GstMessage*>(this); }
-};
-
-/// Reads fake messages, keeps what is logged.
-class FakeMedia : public UvaGstIfMedia {
+/// Keeps what is logged.
+class FakeMedia {
 public:
-    FakeMedia() { setUvaGstIfMedia(this); }
-    ~FakeMedia() override { setUvaGstIfMedia(nullptr); }
+    using Media = UvaGstIfMedia;
 
-    const char* name(GstMessage* message) override { return of(message).name.c_str(); }
-    int integer(GstMessage* message, const char* field) override {
-        return find(of(message).integers, field);
-    }
-    Fraction fraction(GstMessage* message, const char* field) override {
-        return find(of(message).fractions, field);
-    }
-    const char* text(GstMessage* message, const char* field) override {
-        const auto& texts = of(message).texts;
-        const auto found = texts.find(field);
-        return found == texts.end() ? nullptr : found->second.c_str();
-    }
-    States states(GstElement*) override { return onStates(); }
-    bool logs(Category, Level) override { return true; }
-    void log(Category category, Level level, const char*, const char*, int,
-             const char* line) override {
-        const std::lock_guard lock(m_lock);
-        m_lines.push_back({level, (category == Category::Backend ? "backend " : "link ") +
-                                      std::to_string(level) + " " + line + "\n"});
+    FakeMedia() {
+        lines();
+        onStates = [] { return Media::States{}; };
+        onLog = [] {};
+        static constexpr Media hooks{[](Media::Category, Media::Level) { return true; }, log,
+                                     [](GstElement*) { return onStates(); }};
+        setUvaGstIfMedia(hooks);
     }
     /// Category, level and text of what was logged, up to a level; all is forgotten.
-    std::string lines(Level most = Warning) {
+    static std::string lines(Media::Level most = Media::Warning) {
         const std::lock_guard lock(m_lock);
         std::string text;
         for (const auto& [level, line] : std::exchange(m_lines, {}))
             text += level <= most ? line : "";
         return text;
     }
-    /// Called for the pipeline's states.
-    std::function<States()> onStates = [] { return States{}; };
+    /// Called for the pipeline's states, and for each line.
+    inline static std::function<Media::States()> onStates;
+    inline static std::function<void()> onLog;
 
 private:
-    static FakeMessage& of(GstMessage* message) { return *reinterpret_cast<FakeMessage*>(message); }
-    template <typename Map>
-    static typename Map::mapped_type find(const Map& map, const char* field) {
-        const auto found = map.find(field);
-        return found == map.end() ? typename Map::mapped_type{} : found->second;
+    static void log(const Media::Line& line) {
+        onLog();
+        const std::lock_guard lock(m_lock);
+        const bool own = line.category == Media::Category::Backend;
+        m_lines.emplace_back(line.level, (own ? "backend " : "link ") + std::to_string(line.level) +
+                                             " " + line.text + "\n");
     }
 
-    std::mutex m_lock;
-    std::vector<std::pair<Level, std::string>> m_lines;
+    inline static std::mutex m_lock;
+    inline static std::vector<std::pair<Media::Level, std::string>> m_lines;
 };
 
 /// A receiver with both of its neighbours in the test's hands.
@@ -192,9 +170,8 @@ struct DecoderLink {
         receiver.ProcessZantMsg(&msg);
         EXPECT_EQ(msg.signalPtr, nullptr);
     }
-    void noLongerNeeded(const char* type, const UvaGstIfRequester* requester = nullptr) {
-        FakeMessage message{"GstNoxDecoderNeeded", {}, {}, {{"type", type}}};
-        receiver.handleApplicationMessage(message.get(), requester);
+    void noLongerNeeded(const char* type, UvaGstIfRequester requester = nullptr) {
+        receiver.handleApplicationMessage({"GstNoxDecoderNeeded", type, nullptr, {}}, requester);
     }
 };
 

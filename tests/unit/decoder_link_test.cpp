@@ -3,10 +3,12 @@
 #include <fcntl.h>
 #include <future>
 #include <sstream>
+#include <stdexcept>
 
 namespace {
 
 using namespace std::chrono_literals;
+using namespace std::string_literals;
 using support::waitUntil;
 
 constexpr auto available = SIG_ID_MPLAYER_DECODER_AVAILABLE_IND;
@@ -14,14 +16,20 @@ constexpr auto notAvailable = SIG_ID_MPLAYER_DECODER_NOT_AVAILABLE_IND;
 constexpr auto releaseRequest = SIG_ID_MPLAYER_DECODER_RELEASE_REQ;
 constexpr auto control = SIG_ID_MPLAYER_CONTROL_REQ;
 
+struct Requester {
+    std::atomic<bool> isInterrupted{false};
+};
+
 class DecoderLinkTest : public ::testing::Test, protected DecoderLink {
 protected:
     /// A request on a thread of its own, once it sleeps, and those again whom it woke.
-    std::future<bool> asks(const char* type, UvaGstIfRequester* requester = nullptr) {
+    std::future<bool> asks(const char* type, Requester* requester = nullptr) {
         const int before = clock.sleeps() + (clock.wakesLate() ? 0 : receiver.state().waiting);
         auto answer = std::async(std::launch::async, [this, type, requester] {
-            return requester ? receiver.requestDecoder(type, requester)
-                             : CUvaGstIfReceiver::decoder_request_cb(nullptr, type, &receiver) == 1;
+            return requester
+                       ? receiver.requestDecoder(*mediaKindOf(type), requester,
+                                                 [&] { return requester->isInterrupted.load(); })
+                       : CUvaGstIfReceiver::decoder_request_cb(nullptr, type, &receiver) == 1;
         });
         EXPECT_TRUE(waitUntil([&] { return clock.sleeps() == before + 1; }));
         receiver.state(); // who has the lock now comes after the sleeper
@@ -41,6 +49,10 @@ protected:
         EXPECT_EQ(now.requestPending, pending);
         EXPECT_EQ(now.waiting, waiting);
     }
+    void interrupt(Requester& requester) {
+        requester.isInterrupted = true;
+        receiver.wake();
+    }
     std::string sent() { return lowerLayer.take(); }
 };
 
@@ -49,7 +61,7 @@ class Story : private DecoderLink {
 public:
     /// "+3" grants kinds, "-" refuses, "?3" asks back; "A1" is a request of the requester for
     /// audio, "a1" what it uses no longer, "o1" other words of it, "L1" its leaving; "B1" and "W1"
-    /// break and allow its waits, "Ba1" and so on those for one kind; "x" cuts off.
+    /// interrupt it and let it go on; "x" cuts off.
     std::string after(const std::string& words) {
         std::istringstream stream(words);
         std::string result;
@@ -67,9 +79,8 @@ private:
     std::string act(const std::string& word) {
         const char verb = word.front();
         const auto number = static_cast<size_t>(word.back() - '0');
-        UvaGstIfRequester* const who = m_requesters[number < 3 ? number : 0];
-        const char* const kind = word.size() < 3 ? nullptr : word[1] == 'a' ? "audio" : "video";
-        const char* const own = tolower(verb) == 'a' ? "audio" : "video";
+        Requester* const who = m_requesters[number < 3 ? number : 0];
+        const auto kind = tolower(verb) == 'a' ? MediaKind::Audio : MediaKind::Video;
         switch (verb) {
         case '+':
             arrives(available, std::stoi(word.substr(1)));
@@ -82,22 +93,22 @@ private:
             break;
         case 'A':
         case 'V':
-            return receiver.requestDecoder(own, who) ? "yes " : "no ";
+            return receiver.requestDecoder(kind, who, [&] { return who && who->isInterrupted; })
+                       ? "yes "
+                       : "no ";
         case 'a':
         case 'v':
-            noLongerNeeded((std::string("-") + own).c_str(), who);
+            noLongerNeeded((std::string("-") + nameOf(kind)).c_str(), who);
             break;
         case 'o':
             noLongerNeeded("+audio", who);
             break;
         case 'L':
-            receiver.leave(*who);
+            receiver.leave(who);
             break;
         case 'B':
-            receiver.breakWaits(*who, kind);
-            break;
         case 'W':
-            receiver.allowWaits(*who, kind);
+            who->isInterrupted = verb == 'B';
             break;
         case 'x':
             receiver.cutOff();
@@ -108,9 +119,9 @@ private:
         return {};
     }
 
-    UvaGstIfRequester m_first;
-    UvaGstIfRequester m_second;
-    UvaGstIfRequester* const m_requesters[3] = {nullptr, &m_first, &m_second};
+    Requester m_first;
+    Requester m_second;
+    Requester* const m_requesters[3] = {nullptr, &m_first, &m_second};
     int32_t m_cookie = 40;
 };
 
@@ -131,9 +142,7 @@ constexpr const char* stories = R"(
 +3 A1 V1 ?3 ?1 ?2 ?1 = yes yes error 333; a1 = 520(1) 520(1) 322; ?1 = 520(1)#45-45 322; v1 = 520(3) 520(2) 000
 +1 A1 A2 = yes yes 011; o1 = 011; a1 = 011; o2 = 011; a2 = 001
 +1 A1 ?1 = yes error 111; A2 = yes 111; a1 = 111; L2 = 520(1) 000
-+3 B1 = 003; A1 V1 A2 V0 = no no yes yes 033; B1 W1 A1 = no 033; W1 A1 = yes 033; W1 W1 B1 A1 = no 033
-+3 Ba1 = 003; A1 V1 = no yes 023; Bv1 Wa1 = 023; A1 V1 = yes no 033; Wv1 V1 = yes 033
-+3 B1 Wv1 = 003; A1 V1 = no yes 023; Wv1 Bv1 V1 = no 023
++3 B1 = 003; A1 V1 A2 V0 = no no yes yes 033; W1 A1 = yes 033
 +3 A1 ?1 = yes error 113; x = 113; A1 V2 A0 = no no no 113; L1 = 520(1) 002
 )";
 
@@ -157,16 +166,17 @@ TEST_F(DecoderLinkTest, AGrantIsAskedForOnceAndStays) {
     wakesInVain([&] { arrives(available, 1); });
     arrives(available, 2);
     EXPECT_TRUE(video.get());
-    EXPECT_TRUE(receiver.requestDecoder("audio", nullptr)) << "nobody had asked; it is kept";
-    EXPECT_TRUE(receiver.requestDecoder("video", nullptr));
+    EXPECT_TRUE(receiver.requestDecoder(MediaKind::Audio, nullptr))
+        << "nobody had asked; it is kept";
+    EXPECT_TRUE(receiver.requestDecoder(MediaKind::Video, nullptr));
     EXPECT_EQ(sent(), "");
     expectState(0, 3, 3, true, 0);
 }
 
 TEST_F(DecoderLinkTest, OtherTypesAreRefusedSilently) {
-    for (const char* const type : {"", "-audio", "Video", "text"})
-        EXPECT_FALSE(receiver.requestDecoder(type, nullptr));
-    EXPECT_FALSE(receiver.requestDecoder(nullptr, nullptr));
+    for (const char* const type :
+         {"", "-audio", "Video", "text", static_cast<const char*>(nullptr)})
+        EXPECT_EQ(CUvaGstIfReceiver::decoder_request_cb(nullptr, type, &receiver), 0);
     EXPECT_EQ(CUvaGstIfReceiver::decoder_request_cb(nullptr, "video", nullptr), 0);
     EXPECT_EQ(sent(), "");
     EXPECT_EQ(media.lines(UvaGstIfMedia::Debug), "");
@@ -174,16 +184,16 @@ TEST_F(DecoderLinkTest, OtherTypesAreRefusedSilently) {
 
 /// Whatever changes is told of to who sleeps.
 TEST_F(DecoderLinkTest, EveryChangeWakesTheSleepers) {
-    UvaGstIfRequester other;
+    Requester other;
     auto audio = asks("audio");
     const std::function<void()> changes[] = {
         [&] { arrives(available, 2); },
-        [&] { EXPECT_TRUE(receiver.requestDecoder("video", &other)); },
+        [&] { EXPECT_TRUE(receiver.requestDecoder(MediaKind::Video, &other)); },
         [&] { arrives(releaseRequest, 2); },
         [&] { noLongerNeeded("-video", &other); },
         [&] { arrives(releaseRequest, 2); },
-        [&] { receiver.breakWaits(other); },
-        [&] { receiver.leave(other); },
+        [&] { receiver.wake(); },
+        [&] { receiver.leave(&other); },
     };
     for (const auto& change : changes)
         wakesInVain(change);
@@ -208,19 +218,14 @@ TEST_F(DecoderLinkTest, ARefusalEndsAllWaits) {
 
 /// What ended a wait counts though somebody makes it undone before the waiter has come to look.
 TEST_F(DecoderLinkTest, AWaitEndsThoughItsEndIsOverWhenItWakes) {
-    UvaGstIfRequester going;
     auto refused = asks("audio");
     clock.wakeLate(true);
     arrives(notAvailable);
-    auto next = asks("video", &going);
+    auto next = asks("video");
     clock.wakeLate(false);
     EXPECT_FALSE(refused.get());
     expectState(0, 0, 0, true, 1);
-
-    clock.wakeLate(true);
-    receiver.breakWaits(going, "video");
-    receiver.allowWaits(going, "video");
-    clock.wakeLate(false);
+    receiver.cutOff();
     EXPECT_FALSE(next.get());
 }
 
@@ -231,28 +236,24 @@ TEST_F(DecoderLinkTest, WithoutAnAnswerItTakesFiveSeconds) {
     EXPECT_FALSE(answer.get());
     expectState(0, 0, 0, true, 0);
     arrives(available, 2);
-    EXPECT_TRUE(receiver.requestDecoder("video", nullptr)) << "the late grant counts";
+    EXPECT_TRUE(receiver.requestDecoder(MediaKind::Video, nullptr)) << "the late grant counts";
     EXPECT_EQ(sent(), "516(2) ");
 }
 
 TEST_F(DecoderLinkTest, TearDownEndsTheWaitsOfItsRequesterOnly) {
-    UvaGstIfRequester going;
-    UvaGstIfRequester staying;
+    Requester going;
+    Requester staying;
     auto goingAudio = asks("audio", &going);
     auto goingVideo = asks("video", &going);
     auto other = asks("audio", &staying);
-    wakesInVain(
-        [&] {
-            receiver.breakWaits(going, "audio");
-            EXPECT_FALSE(goingAudio.get());
-        },
-        2);
     wakesInVain([&] {
-        receiver.breakWaits(going);
+        interrupt(going);
+        EXPECT_FALSE(goingAudio.get());
         EXPECT_FALSE(goingVideo.get());
     });
     EXPECT_EQ(sent(), "516(1) 516(2) 516(1) ");
-    EXPECT_FALSE(receiver.requestDecoder("video", &going)) << "no new wait begins";
+    EXPECT_FALSE(receiver.requestDecoder(MediaKind::Video, &going, [] { return true; }))
+        << "no new wait begins";
     EXPECT_EQ(sent(), "") << "nobody is asked";
     arrives(available, 1);
     EXPECT_TRUE(other.get());
@@ -260,10 +261,10 @@ TEST_F(DecoderLinkTest, TearDownEndsTheWaitsOfItsRequesterOnly) {
 
 /// A grant that comes with the tear-down is not used by what goes.
 TEST_F(DecoderLinkTest, AGrantAfterABrokenWaitIsNotUsed) {
-    UvaGstIfRequester going;
+    Requester going;
     auto answer = asks("video", &going);
     clock.wakeLate(true);
-    receiver.breakWaits(going);
+    interrupt(going);
     arrives(available, 2);
     clock.wakeLate(false);
     EXPECT_FALSE(answer.get());
@@ -289,11 +290,12 @@ TEST_F(DecoderLinkTest, TermEndsEveryWaitAndTheThread) {
     CZantMsg grant(available);
     grant.param1 = 2;
     EXPECT_EQ(receiver.SendCmd(&grant), 0);
-    EXPECT_TRUE(receiver.requestDecoder("video", nullptr)) << "its thread handles what comes";
+    EXPECT_TRUE(receiver.requestDecoder(MediaKind::Video, nullptr))
+        << "its thread handles what comes";
     auto answer = asks("audio");
     receiver.Term();
     EXPECT_FALSE(answer.get());
-    EXPECT_FALSE(receiver.requestDecoder("video", nullptr));
+    EXPECT_FALSE(receiver.requestDecoder(MediaKind::Video, nullptr));
     EXPECT_TRUE(areThreads("uvagst_if_recei", 0));
     other.StopThreadAndWait();
     EXPECT_EQ(CThreadObject::GetThreadName(0), "other") << "who ends now stays listed";
@@ -306,12 +308,12 @@ TEST_F(DecoderLinkTest, TermEndsEveryWaitAndTheThread) {
 /// ... though another request still waits for its answer.
 TEST_F(DecoderLinkTest, ARequestThatCannotBeSentIsRefusedAtOnce) {
     lowerLayer.result = CZantMsgQueue::sendFailed;
-    EXPECT_FALSE(receiver.requestDecoder("video", nullptr));
+    EXPECT_FALSE(receiver.requestDecoder(MediaKind::Video, nullptr));
     expectState(0, 0, 0, false, 0);
     lowerLayer.result = 0;
     auto audio = asks("audio");
     lowerLayer.result = CZantMsgQueue::sendFailed;
-    EXPECT_FALSE(receiver.requestDecoder("video", nullptr));
+    EXPECT_FALSE(receiver.requestDecoder(MediaKind::Video, nullptr));
     EXPECT_EQ(clock.sleeps(), 1);
     expectState(0, 0, 0, true, 1);
     arrives(notAvailable);
@@ -333,10 +335,10 @@ TEST_F(DecoderLinkTest, WaitingBeforeTearDownGivesBackWhatIsLeft) {
     receiver.waitForDecoderAvailable(nullptr, "nothing in use");
     EXPECT_EQ(clock.sleeps(), 0);
 
-    UvaGstIfRequester owner;
+    Requester owner;
     arrives(available, 3);
-    for (const char* const type : {"audio", "video"})
-        EXPECT_TRUE(receiver.requestDecoder(type, &owner));
+    for (const auto kind : mediaKinds)
+        EXPECT_TRUE(receiver.requestDecoder(kind, &owner));
     for (const int32_t kinds : {3, 2, 1})
         arrives(releaseRequest, kinds);
     media.lines();
@@ -347,7 +349,7 @@ TEST_F(DecoderLinkTest, WaitingBeforeTearDownGivesBackWhatIsLeft) {
     wakesInVain([&] { clock.advance(999ms); });
     EXPECT_EQ(sent(), "");
     std::future<void> bystanders[] = {waits(), waits(), waits()};
-    wakesInVain([&] { receiver.breakWaits(owner); }, 4);
+    wakesInVain([&] { receiver.wake(); }, 4);
     clock.wakeLate(true);
     clock.advance(1ms);
     clock.wakeLate(false); // in any order
@@ -358,15 +360,15 @@ TEST_F(DecoderLinkTest, WaitingBeforeTearDownGivesBackWhatIsLeft) {
     expectState(0, 0, 0, false, 0);
 
     // The next user's own giving back ends it, and so does the end of the link.
-    UvaGstIfRequester next;
+    Requester next;
     arrives(available, 3);
-    EXPECT_TRUE(receiver.requestDecoder("audio", &next));
-    EXPECT_TRUE(receiver.requestDecoder("video", &next));
+    EXPECT_TRUE(receiver.requestDecoder(MediaKind::Audio, &next));
+    EXPECT_TRUE(receiver.requestDecoder(MediaKind::Video, &next));
     wait = waits();
     wakesInVain([&] { noLongerNeeded("-audio", &next); });
     noLongerNeeded("-video", &next);
     wait.get();
-    EXPECT_TRUE(receiver.requestDecoder("video", &next));
+    EXPECT_TRUE(receiver.requestDecoder(MediaKind::Video, &next));
     wait = waits();
     receiver.cutOff();
     wait.get();
@@ -374,19 +376,17 @@ TEST_F(DecoderLinkTest, WaitingBeforeTearDownGivesBackWhatIsLeft) {
 }
 
 TEST_F(DecoderLinkTest, WhatHappensIsLogged) {
+    media.onLog = [this] { receiver.state(); }; // none of the link's locks is held
     arrives(available, 2);
-    receiver.requestDecoder("video", nullptr);
+    receiver.requestDecoder(MediaKind::Video, nullptr);
     arrives(releaseRequest, 3);
     noLongerNeeded("-video");
     receiver.cutOff();
-    receiver.requestDecoder("audio", nullptr);
+    receiver.requestDecoder(MediaKind::Audio, nullptr);
     media.onStates = [] { return UvaGstIfMedia::States{4, 3}; };
     receiver.waitForDecoderAvailable(nullptr, "here");
-    FakeMessage video{"GstNoxVideoFormat",
-                      {{"width", 7}, {"height", 6}, {"disp-width", 5}, {"disp-height", 4}},
-                      {{"display-aspect-ratio", {3, 2}}, {"frame-rate", {25, 1}}},
-                      {}};
-    receiver.handleApplicationMessage(video.get());
+    receiver.handleApplicationMessage(
+        {"GstNoxVideoFormat", nullptr, nullptr, {7, 6, 5, 4, {3, 2}, {25, 1}}});
     EXPECT_EQ(media.lines(UvaGstIfMedia::Debug),
               "link 5 SIG_ID_MPLAYER_DECODER_AVAILABLE_IND(517) l=0\n"
               "link 5 -> available_decoder: '0'|'2'\n\n"
@@ -411,46 +411,44 @@ TEST_F(DecoderLinkTest, WhatHappensIsLogged) {
 }
 
 TEST_F(DecoderLinkTest, ReportsAreByteExact) {
-    FakeMessage video{
-        "GstNoxVideoFormat",
-        {{"width", 1922}, {"height", 1088}, {"disp-width", 65536 + 720}, {"disp-height", 577}},
-        {{"display-aspect-ratio", {4096, 2304}}, {"frame-rate", {30000, 1001}}},
-        {}};
-    receiver.handleApplicationMessage(video.get());
+    receiver.handleApplicationMessage(
+        {"GstNoxVideoFormat",
+         nullptr,
+         nullptr,
+         {1922, 1088, 65536 + 720, 577, {4096, 2304}, {30000, 1001}}});
     const unsigned char record[22] = {0xde, 0xad, 0xbe, 0xaf, 0xff, 0,    0x07, 0x82,
                                       0x04, 0x40, 0x02, 0xd0, 0x02, 0x41, 0x10, 0,
                                       0x09, 0,    0x75, 0x30, 0x03, 0xe9};
     EXPECT_EQ(sent(), "490(0) " + std::string(reinterpret_cast<const char*>(record), 22) + " ");
 
-    FakeMessage audio{"GstNoxAudioFormat", {}, {}, {{"codec", "AC-3"}}};
-    receiver.handleApplicationMessage(audio.get());
+    receiver.handleApplicationMessage({"GstNoxAudioFormat", nullptr, "AC-3", {}});
     EXPECT_EQ(sent(), "489(0) <media><audio codec=\"AC-3\" lang=\"und\" /></media>" +
                           std::string("\0 ", 2));
 
     arrives(available, 2);
-    EXPECT_TRUE(receiver.requestDecoder("video", nullptr));
-    FakeMessage nothing[] = {{"GstNoxAudioFormat", {}, {}, {}},
-                             {"GstNoxDecoderNeeded", {}, {}, {}},
-                             {"SomethingElse", {}, {}, {{"type", "-video"}, {"codec", "AC-3"}}}};
-    for (FakeMessage& message : nothing)
-        receiver.handleApplicationMessage(message.get());
-    receiver.handleApplicationMessage(nullptr);
+    EXPECT_TRUE(receiver.requestDecoder(MediaKind::Video, nullptr));
+    for (const UvaGstIfApplicationMessage& nothing :
+         {UvaGstIfApplicationMessage{"GstNoxAudioFormat", nullptr, nullptr, {}},
+          {"GstNoxDecoderNeeded", nullptr, nullptr, {}},
+          {"SomethingElse", "-video", "AC-3", {}},
+          {nullptr, "-video", "AC-3", {}}})
+        receiver.handleApplicationMessage(nothing);
     EXPECT_EQ(sent(), "");
     expectState(0, 2, 2, false, 0);
-    FakeMessage empty{"GstNoxVideoFormat", {}, {}, {}};
-    receiver.handleApplicationMessage(empty.get());
+    receiver.handleApplicationMessage({"GstNoxVideoFormat", nullptr, nullptr, {}});
     EXPECT_EQ(sent().substr(13), std::string(16, '\0') + " ");
 }
 
 TEST_F(DecoderLinkTest, ControlTextsReachTheConnectedBackend) {
-    struct Backend final : UvaGstIfBackend {
-        void controlCommands(const char* commands) override {
-            heard += std::string(commands) + ";";
-        }
-        std::string heard;
-    } first, second;
+    std::string heard;
+    const UvaGstIfControl first = [&](const char* commands) { heard += commands + ";"s; };
+    const UvaGstIfControl second = [&](const char* commands) {
+        heard += "2";
+        first(commands);
+    };
+    const UvaGstIfControl throwing = [](const char*) { throw std::runtime_error("not now"); };
     /// Whether that is logged.
-    const auto connect = [this](UvaGstIfBackend* backend) {
+    const auto connect = [this](const UvaGstIfControl* backend) {
         media.lines();
         receiver.connectBackend(backend);
         return media.lines(UvaGstIfMedia::Debug).find("link 5 old = ") == 0;
@@ -465,11 +463,13 @@ TEST_F(DecoderLinkTest, ControlTextsReachTheConnectedBackend) {
     arrives(control, 0, 0, "negative", -1);
     EXPECT_FALSE(connect(&second)) << "as before";
     arrives(control, 0, 0, "to the other");
+    EXPECT_FALSE(connect(&throwing));
+    arrives(control, 0, 0, "lost");
+    EXPECT_EQ(media.lines(), "link 1 ***E: SIG_ID_MPLAYER_CONTROL_REQ is lost: not now\n");
     EXPECT_TRUE(connect(nullptr));
     EXPECT_FALSE(connect(nullptr));
     arrives(control, 0, 0, "lost");
-    EXPECT_EQ(first.heard, "output-ddp:1;cut;;");
-    EXPECT_EQ(second.heard, "to the other;");
+    EXPECT_EQ(heard, "output-ddp:1;cut;;2to the other;");
 }
 
 TEST_F(DecoderLinkTest, UnknownSignalsAreLoggedAndDropped) {

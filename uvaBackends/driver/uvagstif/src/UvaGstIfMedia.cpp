@@ -3,37 +3,27 @@
 #include <atomic>
 #include <cstdarg>
 #include <cstdio>
+#include <utility>
 
 namespace {
 
-class NoMedia : public UvaGstIfMedia {
-public:
-    const char* name(GstMessage*) override { return nullptr; }
-    int integer(GstMessage*, const char*) override { return 0; }
-    Fraction fraction(GstMessage*, const char*) override { return {}; }
-    const char* text(GstMessage*, const char*) override { return nullptr; }
-    States states(GstElement*) override { return {}; }
-    bool logs(Category, Level) override { return false; }
-    void log(Category, Level, const char*, const char*, int, const char*) override {}
+constexpr UvaGstIfMedia noMedia{
+    [](UvaGstIfMedia::Category, UvaGstIfMedia::Level) { return false; },
+    [](const UvaGstIfMedia::Line&) {},
+    [](GstElement*) { return UvaGstIfMedia::States{}; },
 };
 
-std::atomic<UvaGstIfMedia*> media{nullptr};
-
-/// Never destroyed: late threads still log.
-UvaGstIfMedia& noMedia() {
-    static UvaGstIfMedia& none = *new NoMedia;
-    return none;
-}
+std::atomic<const UvaGstIfMedia*> media{&noMedia};
+thread_local std::vector<UvaGstIfMedia::Line>* heldBack = nullptr;
 
 } // namespace
 
-UvaGstIfMedia& uvaGstIfMedia() {
-    UvaGstIfMedia* const set = media.load(std::memory_order_acquire);
-    return set ? *set : noMedia();
+const UvaGstIfMedia& uvaGstIfMedia() {
+    return *media.load(std::memory_order_acquire);
 }
 
-void setUvaGstIfMedia(UvaGstIfMedia* used) {
-    media.store(used, std::memory_order_release);
+void setUvaGstIfMedia(const UvaGstIfMedia& used) {
+    media.store(&used, std::memory_order_release);
 }
 
 void uvaGstIfLog(UvaGstIfMedia::Category category, UvaGstIfMedia::Level level, const char* file,
@@ -43,5 +33,19 @@ void uvaGstIfLog(UvaGstIfMedia::Category category, UvaGstIfMedia::Level level, c
     va_start(arguments, format);
     vsnprintf(text, sizeof text, format, arguments);
     va_end(arguments);
-    uvaGstIfMedia().log(category, level, file, function, line, text);
+    UvaGstIfMedia::Line made{category, level, file, function, line, text};
+    if (heldBack)
+        heldBack->push_back(std::move(made));
+    else
+        uvaGstIfMedia().log(made);
+}
+
+UvaGstIfLogLater::UvaGstIfLogLater() {
+    heldBack = &m_lines;
+}
+
+UvaGstIfLogLater::~UvaGstIfLogLater() {
+    heldBack = nullptr;
+    for (const auto& line : m_lines)
+        uvaGstIfMedia().log(line);
 }

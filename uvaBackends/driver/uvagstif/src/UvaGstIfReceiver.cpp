@@ -1,35 +1,21 @@
 #include "UvaGstIfReceiver.h"
 
 #include "UvaGstIfLowerLayer.h"
-#include "UvaGstIfReports.h"
 #include "messaging/queue/zant_msg.h"
 
 #include <algorithm>
 #include <chrono>
 #include <cstring>
+#include <exception>
 #include <string>
+#include <string_view>
 
 namespace {
 
 using namespace std::chrono_literals;
 
-constexpr uint32_t audioKind = 1;
-constexpr uint32_t videoKind = 2;
-constexpr uint32_t bothKinds[] = {audioKind, videoKind};
 constexpr auto longestRequest = 5s;
 constexpr auto longestGivingBack = 1s;
-
-/// The kind that a text names, with the prefix before it; 0 for any other text.
-uint32_t kindOf(const char* text, const char* prefix) {
-    const std::string wanted = text ? text : "";
-    if (wanted == std::string(prefix) + "audio")
-        return audioKind;
-    return wanted == std::string(prefix) + "video" ? videoKind : 0;
-}
-
-constexpr size_t indexOf(uint32_t kind) {
-    return kind == videoKind ? 1 : 0;
-}
 
 UvaGstIfClock& realClock() {
     static UvaGstIfClock& clock = *new UvaGstIfClock;
@@ -69,126 +55,109 @@ void CUvaGstIfReceiver::cutOff() {
     stateCond.broadcast();
 }
 
-void CUvaGstIfReceiver::connectBackend(UvaGstIfBackend* newBackend) {
+void CUvaGstIfReceiver::connectBackend(const UvaGstIfControl* newBackend) {
+    const UvaGstIfLogLater later;
     const MutexLock lock(backendMutex);
     if ((backend == nullptr) != (newBackend == nullptr))
-        UVA_GST_IF_LOG(BackendIf, Debug, "old = %p, new = %p", static_cast<void*>(backend),
-                       static_cast<void*>(newBackend));
+        UVA_GST_IF_LOG(BackendIf, Debug, "old = %p, new = %p", static_cast<const void*>(backend),
+                       static_cast<const void*>(newBackend));
     backend = newBackend;
 }
 
+/// What is thrown costs this message, not the thread.
 void CUvaGstIfReceiver::ProcessZantMsg(CZantMsg* msg) {
     if (!msg)
         return;
-    UVA_GST_IF_LOG(BackendIf, Debug, "%s(%d) l=%d", signalName(*msg),
-                   static_cast<int>(msg->signalId), msg->signalSize);
-    switch (msg->signalId) {
-    case SIG_ID_MPLAYER_DECODER_AVAILABLE_IND:
-        processDecoderAvailableInd(*msg);
-        break;
-    case SIG_ID_MPLAYER_DECODER_NOT_AVAILABLE_IND:
-        processDecoderNotAvailableInd();
-        break;
-    case SIG_ID_MPLAYER_DECODER_RELEASE_REQ:
-        processDecoderReleaseReq(*msg);
-        break;
-    case SIG_ID_MPLAYER_CONTROL_REQ:
-        processControlReq(static_cast<const char*>(msg->signalPtr), msg->signalSize);
-        break;
-    default:
-        UVA_GST_IF_LOG(BackendIf, Warning, "unhandled message: %s (%d) l=%d", signalName(*msg),
-                       static_cast<int>(msg->signalId), msg->signalSize);
-        break;
+    try {
+        dispatch(*msg);
+    } catch (const std::exception& exception) {
+        UVA_GST_IF_LOG(BackendIf, Error, "***E: %s is lost: %s", signalName(*msg),
+                       exception.what());
     }
     msg->FreeSignal();
 }
 
-int CUvaGstIfReceiver::decoder_request_cb(GstElement*, const char* type, void* receiver) {
-    if (!receiver)
-        return 0;
-    return static_cast<CUvaGstIfReceiver*>(receiver)->requestDecoder(type, nullptr) ? 1 : 0;
+void CUvaGstIfReceiver::dispatch(CZantMsg& msg) {
+    UVA_GST_IF_LOG(BackendIf, Debug, "%s(%d) l=%d", signalName(msg), static_cast<int>(msg.signalId),
+                   msg.signalSize);
+    switch (msg.signalId) {
+    case SIG_ID_MPLAYER_DECODER_AVAILABLE_IND:
+        return processDecoderAvailableInd(msg);
+    case SIG_ID_MPLAYER_DECODER_NOT_AVAILABLE_IND:
+        return processDecoderNotAvailableInd();
+    case SIG_ID_MPLAYER_DECODER_RELEASE_REQ:
+        return processDecoderReleaseReq(msg);
+    case SIG_ID_MPLAYER_CONTROL_REQ:
+        return processControlReq(static_cast<const char*>(msg.signalPtr), msg.signalSize);
+    default:
+        UVA_GST_IF_LOG(BackendIf, Warning, "unhandled message: %s (%d) l=%d", signalName(msg),
+                       static_cast<int>(msg.signalId), msg.signalSize);
+    }
 }
 
-bool CUvaGstIfReceiver::requestDecoder(const char* type, UvaGstIfRequester* requester,
+int CUvaGstIfReceiver::decoder_request_cb(GstElement*, const char* type, void* receiver) noexcept {
+    const auto kind = mediaKindOf(type);
+    try {
+        return kind && receiver &&
+               static_cast<CUvaGstIfReceiver*>(receiver)->requestDecoder(*kind, nullptr);
+    } catch (const std::exception& exception) {
+        UVA_GST_IF_LOG(BackendIf, Error, "***E: no request for %s: %s", type, exception.what());
+        return 0;
+    }
+}
+
+bool CUvaGstIfReceiver::requestDecoder(MediaKind kind, UvaGstIfRequester requester,
                                        const Interrupted& isInterrupted) {
-    const uint32_t kind = kindOf(type, "");
-    if (kind == 0)
-        return false;
-    const MutexLock lock(stateMutex);
+    const Request request{bitOf(kind), isInterrupted};
+    uint32_t available = state().available;
     UVA_GST_IF_LOG(BackendIf, Debug, "decoder_request=%d decoder_available=%d",
-                   static_cast<int>(kind), static_cast<int>(decoder_available));
-    bool granted = !isRefused(kind, requester, isInterrupted);
-    if (granted && (decoder_available & kind) == 0)
-        granted = askMainSystem(kind) && waitForKind(kind, requester, isInterrupted) &&
-                  !isRefused(kind, requester, isInterrupted);
+                   static_cast<int>(request.bit), static_cast<int>(available));
+    bool granted = false;
+    {
+        const UvaGstIfLogLater later;
+        const MutexLock lock(stateMutex);
+        granted = !isRefused(request);
+        if (granted && (decoder_available & request.bit) == 0)
+            granted = askMainSystem(request) && waitForGrant(request) && !isRefused(request);
+        if (granted) {
+            decoder_used |= request.bit;
+            m_users[indexOf(kind)].insert(requester);
+            stateCond.broadcast();
+        }
+        available = decoder_available;
+    }
     UVA_GST_IF_LOG(BackendIf, Debug,
                    "  requested decoder %savailable (decoder_request=%d decoder_available=%d)",
-                   granted ? "" : "not ", static_cast<int>(kind),
-                   static_cast<int>(decoder_available));
-    if (!granted)
-        return false;
-    decoder_used |= kind;
-    m_users[indexOf(kind)].insert(requester);
-    stateCond.broadcast();
-    return true;
+                   granted ? "" : "not ", static_cast<int>(request.bit),
+                   static_cast<int>(available));
+    return granted;
 }
 
-bool CUvaGstIfReceiver::isRefused(uint32_t kind, const UvaGstIfRequester* requester,
-                                  const Interrupted& isInterrupted) const {
-    return m_isCutOff || (requester && requester->m_waits[indexOf(kind)].breakers > 0) ||
-           (isInterrupted && isInterrupted());
+bool CUvaGstIfReceiver::isRefused(const Request& request) const {
+    return m_isCutOff || (request.isInterrupted && request.isInterrupted());
 }
 
 /// False when the request cannot be sent: nobody would answer it.
-bool CUvaGstIfReceiver::askMainSystem(uint32_t kind) {
-    CZantMsg request(SIG_ID_MPLAYER_DECODER_NEEDED_IND);
-    request.param1 = static_cast<int32_t>(kind);
-    if (m_lowerLayer.SendCmd(&request) < 0)
+bool CUvaGstIfReceiver::askMainSystem(const Request& request) {
+    CZantMsg needed(SIG_ID_MPLAYER_DECODER_NEEDED_IND);
+    needed.param1 = static_cast<int32_t>(request.bit);
+    if (m_lowerLayer.SendCmd(&needed) < 0)
         return false;
     requestPending = 1;
     stateCond.broadcast();
     return true;
 }
 
-bool CUvaGstIfReceiver::waitForKind(uint32_t kind, const UvaGstIfRequester* requester,
-                                    const Interrupted& isInterrupted) {
+bool CUvaGstIfReceiver::waitForGrant(const Request& request) {
     const auto deadline = m_clock.now() + longestRequest;
     const uint32_t refusals = m_refusals;
-    const auto brokenWaits = [&] {
-        return requester ? requester->m_waits[indexOf(kind)].broken : 0;
-    };
-    const uint32_t brokenBefore = brokenWaits();
-    bool mayWait = true;
     ++m_waiting;
-    while (mayWait && (decoder_available & kind) == 0) {
-        const bool isBroken = brokenWaits() != brokenBefore;
-        const bool isPending = requestPending == 1 && m_refusals == refusals;
-        mayWait = isPending && !isBroken && !isRefused(kind, requester, isInterrupted) &&
-                  m_clock.waitUntil(stateCond, stateMutex, deadline);
+    while ((decoder_available & request.bit) == 0 && requestPending == 1 &&
+           m_refusals == refusals && !isRefused(request) &&
+           m_clock.waitUntil(stateCond, stateMutex, deadline)) {
     }
     --m_waiting;
-    return (decoder_available & kind) != 0;
-}
-
-void CUvaGstIfReceiver::breakWaits(UvaGstIfRequester& requester, const char* type) {
-    const MutexLock lock(stateMutex);
-    for (const uint32_t kind : bothKinds) {
-        if (type && kindOf(type, "") != kind)
-            continue;
-        auto& waits = requester.m_waits[indexOf(kind)];
-        ++waits.breakers;
-        ++waits.broken;
-    }
-    stateCond.broadcast();
-}
-
-void CUvaGstIfReceiver::allowWaits(UvaGstIfRequester& requester, const char* type) {
-    const MutexLock lock(stateMutex);
-    for (const uint32_t kind : bothKinds) {
-        auto& waits = requester.m_waits[indexOf(kind)];
-        if ((!type || kindOf(type, "") == kind) && waits.breakers > 0)
-            --waits.breakers;
-    }
+    return (decoder_available & request.bit) != 0;
 }
 
 void CUvaGstIfReceiver::wake() {
@@ -196,12 +165,12 @@ void CUvaGstIfReceiver::wake() {
     stateCond.broadcast();
 }
 
-void CUvaGstIfReceiver::leave(UvaGstIfRequester& requester) {
+void CUvaGstIfReceiver::leave(UvaGstIfRequester requester) {
+    const UvaGstIfLogLater later;
     const MutexLock lock(stateMutex);
-    for (const uint32_t kind : bothKinds) {
-        if (!leavesToOthers(kind, &requester))
-            giveBack(kind & decoder_used);
-    }
+    for (const auto kind : mediaKinds)
+        if (!leavesToOthers(kind, requester))
+            giveBack(bitOf(kind) & decoder_used);
     stateCond.broadcast();
 }
 
@@ -212,6 +181,7 @@ CUvaGstIfReceiver::State CUvaGstIfReceiver::state() {
 }
 
 void CUvaGstIfReceiver::processDecoderAvailableInd(const CZantMsg& msg) {
+    const UvaGstIfLogLater later;
     const MutexLock lock(stateMutex);
     UVA_GST_IF_LOG(BackendIf, Debug, "-> available_decoder: '%d'|'%d'\n",
                    static_cast<int>(decoder_available), msg.param1);
@@ -228,6 +198,7 @@ void CUvaGstIfReceiver::processDecoderNotAvailableInd() {
 
 void CUvaGstIfReceiver::processDecoderReleaseReq(CZantMsg& msg) {
     const auto kinds = static_cast<uint32_t>(msg.param1);
+    const UvaGstIfLogLater later;
     const MutexLock lock(stateMutex);
     UVA_GST_IF_LOG(BackendIf, Debug, "-> decoder_release_request='%d' needed='%d' available='%d'",
                    msg.param1, static_cast<int>(decoder_used), static_cast<int>(decoder_available));
@@ -250,18 +221,18 @@ void CUvaGstIfReceiver::processControlReq(const char* bytes, int length) {
     const std::string commands(bytes, strnlen(bytes, static_cast<size_t>(length)));
     const MutexLock lock(backendMutex);
     if (backend)
-        backend->controlCommands(commands.c_str());
+        (*backend)(commands.c_str());
 }
 
-void CUvaGstIfReceiver::handleDecoderNeededLocked(const char* type) {
+void CUvaGstIfReceiver::handleDecoderNeededLocked(const char* type, std::optional<MediaKind> lost) {
     UVA_GST_IF_LOG(BackendIf, Debug,
                    "type='%s' -> decoder_release_request='%d' needed='%d' available='%d'", type,
                    static_cast<int>(decoder_release_request), static_cast<int>(decoder_used),
                    static_cast<int>(decoder_available));
-    const uint32_t kind = kindOf(type, "-");
-    decoder_used &= ~kind;
-    if (kind != 0)
-        m_users[indexOf(kind)].clear();
+    if (!lost)
+        return;
+    decoder_used &= ~bitOf(*lost);
+    m_users[indexOf(*lost)].clear();
     answerReleaseRequests();
 }
 
@@ -282,55 +253,43 @@ void CUvaGstIfReceiver::answerReleaseRequests() {
 }
 
 /// The requester has done with the kind: who said so before, or never had it, changes nothing.
-bool CUvaGstIfReceiver::leavesToOthers(uint32_t kind, const UvaGstIfRequester* requester) {
+bool CUvaGstIfReceiver::leavesToOthers(MediaKind kind, UvaGstIfRequester requester) {
     auto& users = m_users[indexOf(kind)];
     users.erase(requester);
     return !users.empty();
 }
 
 void CUvaGstIfReceiver::giveBack(uint32_t kinds) {
-    if ((kinds & audioKind) != 0)
-        handleDecoderNeededLocked("-audio");
-    if ((kinds & videoKind) != 0)
-        handleDecoderNeededLocked("-video");
+    for (const auto kind : mediaKinds)
+        if ((kinds & bitOf(kind)) != 0)
+            handleDecoderNeededLocked((std::string("-") + nameOf(kind)).c_str(), kind);
 }
 
-void CUvaGstIfReceiver::handleApplicationMessage(GstMessage* message,
-                                                 const UvaGstIfRequester* requester) {
-    UvaGstIfMedia& media = uvaGstIfMedia();
-    const char* const text = message ? media.name(message) : nullptr;
-    if (!text)
+void CUvaGstIfReceiver::handleApplicationMessage(const UvaGstIfApplicationMessage& message,
+                                                 UvaGstIfRequester requester) {
+    if (!message.name)
         return;
-    UVA_GST_IF_LOG(BackendIf, Debug, "got application message: %s", text);
-    const std::string structure = text;
-    if (structure == "GstNoxDecoderNeeded")
-        decoderNoLongerNeeded(media.text(message, "type"), requester);
-    else if (structure == "GstNoxVideoFormat")
-        reportVideoFormat(message);
-    else if (structure == "GstNoxAudioFormat")
-        reportAudioFormat(message);
+    UVA_GST_IF_LOG(BackendIf, Debug, "got application message: %s", message.name);
+    const std::string_view says = message.name;
+    if (says == "GstNoxDecoderNeeded" && message.type)
+        decoderNoLongerNeeded(message.type, requester);
+    else if (says == "GstNoxVideoFormat")
+        reportVideoFormat(message.format);
+    else if (says == "GstNoxAudioFormat" && message.codec)
+        reportAudioFormat(message.codec);
 }
 
-void CUvaGstIfReceiver::decoderNoLongerNeeded(const char* type,
-                                              const UvaGstIfRequester* requester) {
-    if (!type)
-        return;
+void CUvaGstIfReceiver::decoderNoLongerNeeded(const char* type, UvaGstIfRequester requester) {
+    const auto lost = mediaKindOf('-', type);
+    const UvaGstIfLogLater later;
     const MutexLock lock(stateMutex);
-    const uint32_t kind = kindOf(type, "-");
-    if (kind != 0 && leavesToOthers(kind, requester))
+    if (lost && leavesToOthers(*lost, requester))
         return;
-    handleDecoderNeededLocked(type);
+    handleDecoderNeededLocked(type, lost);
     stateCond.broadcast();
 }
 
-void CUvaGstIfReceiver::reportVideoFormat(GstMessage* message) {
-    UvaGstIfMedia& media = uvaGstIfMedia();
-    const UvaGstIfVideoFormat format{media.integer(message, "width"),
-                                     media.integer(message, "height"),
-                                     media.integer(message, "disp-width"),
-                                     media.integer(message, "disp-height"),
-                                     media.fraction(message, "display-aspect-ratio"),
-                                     media.fraction(message, "frame-rate")};
+void CUvaGstIfReceiver::reportVideoFormat(const UvaGstIfVideoFormat& format) {
     UVA_GST_IF_LOG(BackendIf, Debug, "  Size_Dec    = %d x %d\n", format.width, format.height);
     UVA_GST_IF_LOG(BackendIf, Debug, "  Size_Disp   = %d x %d\n", format.displayWidth,
                    format.displayHeight);
@@ -343,10 +302,7 @@ void CUvaGstIfReceiver::reportVideoFormat(GstMessage* message) {
                                       static_cast<int>(record.size()));
 }
 
-void CUvaGstIfReceiver::reportAudioFormat(GstMessage* message) {
-    const char* const codec = uvaGstIfMedia().text(message, "codec");
-    if (!codec)
-        return;
+void CUvaGstIfReceiver::reportAudioFormat(const char* codec) {
     const std::string text = mediaInfoText(codec);
     m_lowerLayer.sendIndicationBuffer(SIG_ID_MPLAYER_MEDIA_INFO_IND,
                                       reinterpret_cast<const unsigned char*>(text.c_str()),
@@ -354,24 +310,26 @@ void CUvaGstIfReceiver::reportAudioFormat(GstMessage* message) {
 }
 
 void CUvaGstIfReceiver::waitForDecoderAvailable(GstElement* pipeline, const char* from) {
-    UvaGstIfMedia& media = uvaGstIfMedia();
-    UvaGstIfMedia::States states = media.states(pipeline);
-    MutexLock lock(stateMutex);
+    const auto& states = uvaGstIfMedia().states;
+    auto now = states(pipeline);
+    uint32_t used = state().used;
     UVA_GST_IF_LOG(BackendIf, Debug, "from '%s': pipeline state=%d pending=%d decoder_used=%d",
-                   from ? from : "", states.current, states.pending,
-                   static_cast<int>(decoder_used));
-    while (decoder_used != 0) {
-        // A state change may wait for a thread that asks here: so not under the lock.
-        lock.unlock();
-        states = media.states(pipeline);
-        lock.lock();
+                   from ? from : "", now.current, now.pending, static_cast<int>(used));
+    for (; used != 0; used = state().used) {
+        now = states(pipeline);
         UVA_GST_IF_LOG(BackendIf, Debug, " loop: state=%d pending=%d decoder_used=%d\n",
-                       states.current, states.pending, static_cast<int>(decoder_used));
-        const auto deadline = m_clock.now() + longestGivingBack;
-        while (decoder_used != 0 && !m_isCutOff &&
-               m_clock.waitUntil(stateCond, stateMutex, deadline)) {
-        }
-        giveBack(decoder_used);
-        stateCond.broadcast();
+                       now.current, now.pending, static_cast<int>(used));
+        giveBackWhatIsLeft();
     }
+}
+
+/// What nobody gives back within the time.
+void CUvaGstIfReceiver::giveBackWhatIsLeft() {
+    const UvaGstIfLogLater later;
+    const MutexLock lock(stateMutex);
+    const auto deadline = m_clock.now() + longestGivingBack;
+    while (decoder_used != 0 && !m_isCutOff && m_clock.waitUntil(stateCond, stateMutex, deadline)) {
+    }
+    giveBack(decoder_used);
+    stateCond.broadcast();
 }

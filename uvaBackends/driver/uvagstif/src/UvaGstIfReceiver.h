@@ -1,31 +1,39 @@
 #ifndef UVA_GST_IF_RECEIVER_H
 #define UVA_GST_IF_RECEIVER_H
 
-#include "UvaGstIfBackend.h"
+#include "MediaKind.h"
 #include "UvaGstIfClock.h"
 #include "UvaGstIfMedia.h"
-#include "UvaGstIfRequester.h"
+#include "UvaGstIfReports.h"
 #include "messaging/remote/thread_object_with_queue_rpc.h"
 #include "util/mutex.h"
 
+#include <array>
 #include <cstdint>
 #include <functional>
+#include <optional>
 #include <set>
 #include <vector>
 
 class CUvaGstIfLowerLayer;
 
+/// Whose a decoder is: the address of something of its own. Null is nobody in particular.
+using UvaGstIfRequester = const void*;
+
+/// Obeys a control text of the main system; zero-terminated, the caller's. On the receiver's
+/// thread, with its `backendMutex` held: it must not call connectBackend, nor wait for a thread
+/// that does, nor take a lock under which somebody does.
+using UvaGstIfControl = std::function<void(const char* commands)>;
+
 /// This process's side of the arbitration of the set's decoders, which belong to the main system: a
 /// thread that handles what the main system says, and the operations of those who want a decoder,
 /// wait for one or give one back. Thread-safe.
 ///
-/// Decoder kinds are bits of a mask: 1 audio, 2 video. The link knows a kind as granted to the
-/// process or not. What is granted is every requester's who asks, and in use until the last of them
-/// has given it back.
+/// The link knows a kind of decoder as granted to the process or not; masks have its bit. What is
+/// granted is every requester's who asks, and in use until the last of them has given it back.
 ///
 /// A wait for a decoder takes 5 seconds at most. It ends at once by a refusal, when whoever asks is
-/// interrupted, by breakWaits of its requester, and by Term; it does not begin when the request
-/// cannot be sent.
+/// interrupted, and by Term; it does not begin when the request cannot be sent.
 class CUvaGstIfReceiver : public CThreadObjectWithQueueRpc {
 public:
     explicit CUvaGstIfReceiver(CUvaGstIfLowerLayer& lowerLayer);
@@ -37,45 +45,44 @@ public:
     int32_t Init();
     /// The queue that the lower layer delivers to, valid after Init.
     int queueHandle() const { return m_queue.handle; }
+    /// What goes to the main system besides.
+    CUvaGstIfLowerLayer& lowerLayer() { return m_lowerLayer; }
     /// Ends all waits and the thread, and freezes the lists of threads and queues. Requests are
     /// refused from then on.
     void Term();
     /// No answer will ever come: ends all waits and refuses requests from now on.
     void cutOff() EXCLUDES(stateMutex);
 
-    /// Sets the backend that control requests go to; null for none. Waits while a control request
-    /// is being handed over: the former backend is not called afterwards.
-    void connectBackend(UvaGstIfBackend* newBackend) EXCLUDES(backendMutex);
+    /// Sets the backend that control requests go to, which keeps what is to be called; null for
+    /// none. Waits while a control request is being handed over: the former backend is not called
+    /// afterwards.
+    void connectBackend(const UvaGstIfControl* newBackend) EXCLUDES(backendMutex);
 
     void ProcessZantMsg(CZantMsg* msg) override;
 
-    /// As requestDecoder for nobody in particular; `receiver` is a CUvaGstIfReceiver. The answer is
-    /// the element's: 1 or 0.
-    static int decoder_request_cb(GstElement* element, const char* type, void* receiver);
+    /// As requestDecoder for nobody in particular; `type` is "audio" or "video", `receiver` a
+    /// CUvaGstIfReceiver. The answer is the element's: 1 or 0.
+    static int decoder_request_cb(GstElement* element, const char* type, void* receiver) noexcept;
 
-    /// Asks for the decoder of a type, "audio" or "video", and waits for the answer. True when it
-    /// may be used, at once if the main system has granted it before. Called by streaming threads,
-    /// with no lock of the caller's that its tear-down wants. While `isInterrupted` answers true
-    /// the request is refused; it is called under the receiver's lock, calls nothing of the
-    /// receiver, and whoever makes it true calls wake(). It may be empty.
+    /// Asks for the decoder of a kind and waits for the answer. True when it may be used, at once
+    /// if the main system has granted it before. Called by streaming threads, with no lock of the
+    /// caller's that its tear-down wants. While `isInterrupted` answers true the request is
+    /// refused; it is called under the receiver's lock, calls nothing of the receiver, and whoever
+    /// makes it true calls wake(). It may be empty.
     using Interrupted = std::function<bool()>;
-    bool requestDecoder(const char* type, UvaGstIfRequester* requester,
+    bool requestDecoder(MediaKind kind, UvaGstIfRequester requester,
                         const Interrupted& isInterrupted = {}) EXCLUDES(stateMutex);
     /// Who waits looks whether it is interrupted.
     void wake() EXCLUDES(stateMutex);
 
-    /// Ends the requester's waits and refuses its requests, until allowWaits was called as often;
-    /// for one type, "audio" or "video", or for both (null).
-    void breakWaits(UvaGstIfRequester& requester, const char* type = nullptr) EXCLUDES(stateMutex);
-    void allowWaits(UvaGstIfRequester& requester, const char* type = nullptr) EXCLUDES(stateMutex);
     /// Gives back what the requester still uses, because its pipeline is gone.
-    void leave(UvaGstIfRequester& requester) EXCLUDES(stateMutex);
+    void leave(UvaGstIfRequester requester) EXCLUDES(stateMutex);
 
-    /// Reads an application message of the pipeline's bus: "GstNoxDecoderNeeded" gives back the
+    /// An application message of the pipeline's bus: "GstNoxDecoderNeeded" gives back the
     /// requester's decoder, "GstNoxVideoFormat" and "GstNoxAudioFormat" are reported to the main
     /// system. Never waits.
-    void handleApplicationMessage(GstMessage* message, const UvaGstIfRequester* requester = nullptr)
-        EXCLUDES(stateMutex);
+    void handleApplicationMessage(const UvaGstIfApplicationMessage& message,
+                                  UvaGstIfRequester requester = nullptr) EXCLUDES(stateMutex);
 
     /// Waits until no decoder is in use, whoever uses it; after about a second what is left is
     /// given back all the same. For the owner of a pipeline that is about to go; `from` is for the
@@ -95,18 +102,24 @@ public:
     State state() EXCLUDES(stateMutex);
 
 private:
-    bool isRefused(uint32_t kind, const UvaGstIfRequester* requester,
-                   const Interrupted& isInterrupted) const REQUIRES(stateMutex);
-    bool askMainSystem(uint32_t kind) REQUIRES(stateMutex);
-    bool waitForKind(uint32_t kind, const UvaGstIfRequester* requester,
-                     const Interrupted& isInterrupted) REQUIRES(stateMutex);
-    void handleDecoderNeededLocked(const char* type) REQUIRES(stateMutex);
+    /// Who asks, for what.
+    struct Request {
+        uint32_t bit;
+        const Interrupted& isInterrupted;
+    };
+    void dispatch(CZantMsg& msg);
+    bool isRefused(const Request& request) const REQUIRES(stateMutex);
+    bool askMainSystem(const Request& request) REQUIRES(stateMutex);
+    bool waitForGrant(const Request& request) REQUIRES(stateMutex);
+    void handleDecoderNeededLocked(const char* type, std::optional<MediaKind> lost)
+        REQUIRES(stateMutex);
     void giveBack(uint32_t kinds) REQUIRES(stateMutex);
+    void giveBackWhatIsLeft() EXCLUDES(stateMutex);
     void answerReleaseRequests() REQUIRES(stateMutex);
-    bool leavesToOthers(uint32_t kind, const UvaGstIfRequester* requester) REQUIRES(stateMutex);
-    void decoderNoLongerNeeded(const char* type, const UvaGstIfRequester* requester);
-    void reportVideoFormat(GstMessage* message);
-    void reportAudioFormat(GstMessage* message);
+    bool leavesToOthers(MediaKind kind, UvaGstIfRequester requester) REQUIRES(stateMutex);
+    void decoderNoLongerNeeded(const char* type, UvaGstIfRequester requester) EXCLUDES(stateMutex);
+    void reportVideoFormat(const UvaGstIfVideoFormat& format);
+    void reportAudioFormat(const char* codec);
     void processDecoderAvailableInd(const CZantMsg& msg);
     void processDecoderNotAvailableInd();
     void processDecoderReleaseReq(CZantMsg& msg);
@@ -118,19 +131,20 @@ private:
     uint32_t decoder_available GUARDED_BY(stateMutex) = 0;
     /// 1 from a request to its refusal. A grant leaves it, and so does a time-out.
     int32_t requestPending GUARDED_BY(stateMutex) = 0;
-    /// Guards how decoders stand. Held while messages are queued for the main system and lines are
-    /// logged, which waits for nobody; no other lock of the link is taken under it.
+    /// Guards how decoders stand. Held while messages are queued for the main system, which is to
+    /// hear of changes in their order and waits for nobody; no other lock of the link is taken
+    /// under it.
     Mutex stateMutex;
     /// Told of every change.
     ConditionVariable stateCond;
-    UvaGstIfBackend* backend GUARDED_BY(backendMutex) = nullptr;
+    const UvaGstIfControl* backend GUARDED_BY(backendMutex) = nullptr;
     /// Guards `backend`, and is held while that one is called. Never together with the other.
     Mutex backendMutex;
 
     CUvaGstIfLowerLayer& m_lowerLayer;
     UvaGstIfClock& m_clock;
-    /// Who uses audio, and video; null is nobody in particular.
-    std::set<const UvaGstIfRequester*> m_users[2] GUARDED_BY(stateMutex);
+    /// Who uses each kind.
+    std::array<std::set<UvaGstIfRequester>, mediaKinds.size()> m_users GUARDED_BY(stateMutex);
     /// The kinds of each request that has not been answered, in the order they came.
     std::vector<uint32_t> m_releaseRequests GUARDED_BY(stateMutex);
     /// Refusals ever: one that comes just before somebody else's request counts all the same.

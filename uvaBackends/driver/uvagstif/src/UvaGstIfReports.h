@@ -1,12 +1,15 @@
 #ifndef UVA_GST_IF_REPORTS_H
 #define UVA_GST_IF_REPORTS_H
 
-#include "UvaGstIfMedia.h"
-
 #include <array>
 #include <string>
 
 /// What the main system is told of the media, as bytes. Reentrant.
+
+struct UvaGstIfFraction {
+    int numerator = 0;
+    int denominator = 0;
+};
 
 /// Sizes in pixels.
 struct UvaGstIfVideoFormat {
@@ -14,8 +17,17 @@ struct UvaGstIfVideoFormat {
     int height = 0;
     int displayWidth = 0;
     int displayHeight = 0;
-    UvaGstIfMedia::Fraction aspectRatio;
-    UvaGstIfMedia::Fraction frameRate;
+    UvaGstIfFraction aspectRatio;
+    UvaGstIfFraction frameRate;
+};
+
+/// What an application message of a pipeline says, as far as the main system is concerned. What it
+/// does not say is 0 or null; its texts live as long as the message.
+struct UvaGstIfApplicationMessage {
+    const char* name = nullptr;
+    const char* type = nullptr;  ///< of "GstNoxDecoderNeeded"
+    const char* codec = nullptr; ///< of "GstNoxAudioFormat"
+    UvaGstIfVideoFormat format;  ///< of "GstNoxVideoFormat"
 };
 
 /// Marker DE AD BE AF FF 00, then the eight numbers of the format in their order, each as its low

@@ -1,7 +1,6 @@
 #include "backend/gstnox_backend.h"
 
 #include "UvaGstIfLowerLayer.h"
-#include "UvaGstIfReceiver.h"
 #include "backend/gstnox_avcomponent.h"
 #include "base/gstnox_debug.h"
 #include "uva/uva_drm_backend.h"
@@ -116,12 +115,12 @@ GstNoxBackend::~GstNoxBackend() {
 }
 
 void GstNoxBackend::shutDown() {
-    uvaGstIfReceiver.connectBackend(nullptr);
+    m_mainSystem.connectBackend(nullptr);
     for (const auto& bin : m_sources.all())
         bin->close(); // else their threads decrypt all that is queued before they stop
     m_sources.waitForWriters(nullptr);
     gstPlayerStopAndDestroy();
-    uvaGstIfReceiver.leave(m_decoders.requester());
+    m_mainSystem.leave(&m_decoders);
     for (const auto& bin : m_sources.all())
         destroy(*m_sources.take(bin->id()));
 }
@@ -153,7 +152,7 @@ int GstNoxBackend::initBackend(const char* origin, SourceDescription** sources, 
     for (; sources[count] != nullptr; ++count)
         if (initSource(sources[count], count) != Success)
             result = Failure;
-    uvaGstIfReceiver.connectBackend(&m_controlPort);
+    m_mainSystem.connectBackend(&m_control);
     GST_INFO(" number of sources is %d", count);
     changeState(GST_STATE_READY);
     return result;
@@ -214,8 +213,8 @@ int GstNoxBackend::setVideoWindowAndClip(const Rect& window, const Rect& clip) {
     GST_DEBUG("client_screen: %dx%d", screenWidth, screenHeight);
     const std::array<unsigned char, 8> request =
         windowRequest(window, outputWidth / screenWidth, outputHeight / screenHeight);
-    uvaGstIfLowerLayer.sendIndicationBuffer(SIG_ID_MPLAYER_SET_WINDOW_REQ, request.data(),
-                                            static_cast<int>(request.size()));
+    m_mainSystem.lowerLayer().sendIndicationBuffer(SIG_ID_MPLAYER_SET_WINDOW_REQ, request.data(),
+                                                   static_cast<int>(request.size()));
     return Success;
 }
 

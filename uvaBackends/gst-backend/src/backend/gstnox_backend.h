@@ -1,7 +1,7 @@
 #ifndef GSTNOX_BACKEND_H
 #define GSTNOX_BACKEND_H
 
-#include "UvaGstIfBackend.h"
+#include "UvaGstIfReceiver.h"
 #include "base/glib_lock.h"
 #include "base/gst_ptr.h"
 #include "backend/gstnox_decoder.h"
@@ -38,6 +38,9 @@ class GstNoxBusWatch;
 /// Stopping the player or the source, and a flush, end that wait; such a sink is told "no".
 class GstNoxBackend : public UVAMediaBackend {
 public:
+    /// The link to the main system, of all backends that are made from then on; it stays. Before
+    /// the first one.
+    static void setLink(CUvaGstIfReceiver& link) { g_link = &link; }
     /// `client` must not be null; it is not owned and outlives the backend.
     GstNoxBackend(UVABackendType type, UVAClient* client);
     ~GstNoxBackend() override;
@@ -185,16 +188,6 @@ private:
     /// An operation under way: until it has left, the backend is not deleted. See release().
     class Operation;
 
-    /// Where the main system's control requests arrive.
-    class ControlPort final : public UvaGstIfBackend {
-    public:
-        explicit ControlPort(GstNoxBackend& backend) : m_backend(backend) {}
-        void controlCommands(const char* commands) override { m_backend.controlCommands(commands); }
-
-    private:
-        GstNoxBackend& m_backend;
-    };
-
     int initSource(SourceDescription* source, int index);
     int initBackendStreaming(const SourceDescription& source, int index);
     int enterState(GstState state, const char* graphName);
@@ -224,6 +217,8 @@ private:
     void askForData(unsigned int id);
     bool isCodecPlayable(const char* codec, int width, int height, int fps);
 
+    static inline CUvaGstIfReceiver* g_link = nullptr;
+
     UVAClient* const m_client;
     bool m_audioOnly = false;
     bool m_fullScreen = false;
@@ -251,8 +246,9 @@ private:
     MediaSourceGroup m_sourceGroup;
     MediaSources m_sources;
     SeekState m_seek;
-    DecoderHandshake m_decoders{[this] { askClient(); }};
-    ControlPort m_controlPort{*this};
+    CUvaGstIfReceiver& m_mainSystem{*g_link};
+    DecoderHandshake m_decoders{m_mainSystem, [this] { askClient(); }};
+    const UvaGstIfControl m_control{[this](const char* commands) { controlCommands(commands); }};
 };
 
 class GstNoxBackend::Operation {

@@ -1,6 +1,6 @@
 #include "backend/gstnox_backend.h"
 
-#include "UvaGstIfReceiver.h"
+#include "backend/gstnox_link.h"
 #include "base/gstnox_debug.h"
 #include "uva/uva_event.h"
 
@@ -153,7 +153,7 @@ gboolean GstNoxBackend::handleGstMessages(GstMessage* message) {
         break;
     case GST_MESSAGE_APPLICATION:
         handleApplicationMessage(message);
-        uvaGstIfReceiver.handleApplicationMessage(message, &m_decoders.requester());
+        m_mainSystem.handleApplicationMessage(readApplicationMessage(message), &m_decoders);
         break;
     default:
         break;

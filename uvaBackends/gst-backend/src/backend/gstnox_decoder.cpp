@@ -4,17 +4,9 @@
 #include "base/gst_ptr.h"
 #include "base/gstnox_debug.h"
 
-#include <string_view>
-
 #define GST_CAT_DEFAULT gst_backend_debug
 
 namespace {
-
-enum DecoderKind : int { AudioKind = 1, VideoKind = 2 };
-
-std::size_t indexOf(std::string_view type) {
-    return type == "video" ? 1 : 0;
-}
 
 /// The client has had its say: another sink may ask now, without being turned away. A set's sinks
 /// may not care.
@@ -46,18 +38,19 @@ void DecoderHandshake::watch(GstElement* sink) {
 }
 
 /// The pad is flushing already.
-GstPadProbeReturn DecoderHandshake::onFlush(GstPad*, GstPadProbeInfo* info, gpointer handshake) {
+GstPadProbeReturn DecoderHandshake::onFlush(GstPad*, GstPadProbeInfo* info,
+                                            gpointer self) noexcept {
     if (GST_EVENT_TYPE(GST_PAD_PROBE_INFO_EVENT(info)) == GST_EVENT_FLUSH_START)
-        static_cast<DecoderHandshake*>(handshake)->wake();
+        static_cast<DecoderHandshake*>(self)->wake();
     return GST_PAD_PROBE_OK;
 }
 
-bool DecoderHandshake::isStopped(const gchar* type) const {
-    return m_stops[indexOf(type)] > 0;
+bool DecoderHandshake::isStopped(const Request& request) const {
+    return m_stops[indexOf(request.kind.value_or(MediaKind::Audio))] > 0;
 }
 
-bool DecoderHandshake::isInterrupted(GstElement* sink, const gchar* type) const {
-    return isStopped(type) || isFlushing(sink);
+bool DecoderHandshake::isInterrupted(const Request& request) const {
+    return isStopped(request) || isFlushing(request.sink);
 }
 
 void DecoderHandshake::wake() {
@@ -65,22 +58,28 @@ void DecoderHandshake::wake() {
         const GLibLock lock(m_lock);
         m_changed.broadcast();
     }
-    uvaGstIfReceiver.wake();
+    m_mainSystem.wake();
 }
 
 DecoderHandshake::Answer DecoderHandshake::askClientAndMainSystem(GstElement* sink,
                                                                   const gchar* type) {
-    const Answer answer = askClient(sink, type);
-    return answer == Answer::Granted ? askMainSystem(sink, type) : answer;
+    GST_DEBUG("m_resources_state=%d, type=%s", resourcesState(), type);
+    const Request request{sink, mediaKindOf(type)};
+    const Answer answer = askClient(request);
+    return answer == Answer::Granted ? askMainSystem(request) : answer;
 }
 
-DecoderHandshake::Answer DecoderHandshake::askClient(GstElement* sink, const gchar* type) {
+DecoderHandshake::Answer DecoderHandshake::askMainSystem(GstElement* sink, const gchar* type) {
+    return askMainSystem({sink, mediaKindOf(type)});
+}
+
+DecoderHandshake::Answer DecoderHandshake::askClient(const Request& request) {
     std::shared_ptr<Question> question;
     bool isNew = false;
+    uint32_t needed = 0;
     {
         const GLibLock lock(m_lock);
-        GST_DEBUG("m_resources_state=%d, type=%s", m_resources_state, type);
-        if (isInterrupted(sink, type))
+        if (isInterrupted(request))
             return Answer::Interrupted;
         if (m_resources_state == ResourcesGranted)
             return Answer::Granted;
@@ -88,24 +87,28 @@ DecoderHandshake::Answer DecoderHandshake::askClient(GstElement* sink, const gch
         if (isNew && m_resources_state == ResourcesAsked)
             return Answer::Refused;
         if (isNew) {
-            GST_INFO("about asks for resources (%d)", m_resources_needed);
             m_resources_state = ResourcesAsked;
             m_question = std::make_shared<Question>();
         }
         m_question->isWaitedFor = true;
         question = m_question;
+        needed = m_resources_needed;
     }
-    if (isNew)
-        m_askClient();
+    if (isNew) {
+        GST_INFO("about asks for resources (%u)", needed);
+        const auto ask = [this] { return m_askClient(), true; };
+        if (!guarded(GST_CAT_DEFAULT, "the client", false, ask))
+            completeRequest(false);
+    }
     const GLibLock lock(m_lock);
-    return waitForClient(question, sink, type);
+    return waitForClient(question, request);
 }
 
 DecoderHandshake::Answer DecoderHandshake::waitForClient(const std::shared_ptr<Question>& question,
-                                                         GstElement* sink, const gchar* type) {
-    while (!question->answer && !isInterrupted(sink, type))
+                                                         const Request& request) {
+    while (!question->answer && !isInterrupted(request))
         m_changed.wait(m_lock);
-    if (!question->answer && !isStopped(type)) {
+    if (!question->answer && !isStopped(request)) {
         question->isWaitedFor = false; // for whoever asks after the flush
         return Answer::Interrupted;
     }
@@ -119,10 +122,10 @@ DecoderHandshake::Answer DecoderHandshake::waitForClient(const std::shared_ptr<Q
     return Answer::Interrupted;
 }
 
-DecoderHandshake::Answer DecoderHandshake::askMainSystem(GstElement* sink, const gchar* type) {
-    tellForwarded(sink);
-    const auto interrupted = [&] { return isInterrupted(sink, type); };
-    if (uvaGstIfReceiver.requestDecoder(type, &m_requester, interrupted))
+DecoderHandshake::Answer DecoderHandshake::askMainSystem(const Request& request) {
+    tellForwarded(request.sink);
+    const auto interrupted = [&] { return isInterrupted(request); };
+    if (request.kind && m_mainSystem.requestDecoder(*request.kind, this, interrupted))
         return Answer::Granted;
     return interrupted() ? Answer::Interrupted : Answer::Refused;
 }
@@ -141,34 +144,22 @@ int DecoderHandshake::resourcesState() {
 }
 
 int DecoderHandshake::noteNeed(const gchar* type) {
-    struct Row {
-        std::string_view type;
-        int clear;
-        int set;
-    };
-    static constexpr std::array rows{Row{"-audio", AudioKind, 0}, Row{"-video", VideoKind, 0},
-                                     Row{"+audio", 0, AudioKind}, Row{"+video", 0, VideoKind}};
     const GLibLock lock(m_lock);
-    for (const auto& row : rows)
-        if (row.type == type)
-            m_resources_needed = (m_resources_needed & ~row.clear) | row.set;
-    return m_resources_needed;
+    if (const auto kind = mediaKindOf('+', type))
+        m_resources_needed |= bitOf(*kind);
+    if (const auto kind = mediaKindOf('-', type))
+        m_resources_needed &= ~bitOf(*kind);
+    return static_cast<int>(m_resources_needed);
 }
 
-DecoderHandshake::Stop::Stop(DecoderHandshake& handshake, const char* type)
-    : m_handshake(handshake), m_type(type) {
+DecoderHandshake::Stop::Stop(DecoderHandshake& handshake, std::optional<MediaKind> kind)
+    : m_handshake(handshake), m_kind(kind) {
     count(1);
     m_handshake.wake();
-    uvaGstIfReceiver.breakWaits(m_handshake.m_requester, m_type);
-}
-
-DecoderHandshake::Stop::~Stop() {
-    uvaGstIfReceiver.allowWaits(m_handshake.m_requester, m_type);
-    count(-1);
 }
 
 void DecoderHandshake::Stop::count(int change) {
-    for (const char* type : {"audio", "video"})
-        if (m_type == nullptr || std::string_view(m_type) == type)
-            m_handshake.m_stops[indexOf(type)] += change;
+    for (const auto kind : mediaKinds)
+        if (m_kind.value_or(kind) == kind)
+            m_handshake.m_stops[indexOf(kind)] += change;
 }

@@ -1,7 +1,7 @@
 #ifndef GSTNOX_DECODER_H
 #define GSTNOX_DECODER_H
 
-#include "UvaGstIfRequester.h"
+#include "MediaKind.h"
 #include "base/glib_lock.h"
 
 #include <gst/gst.h>
@@ -11,6 +11,9 @@
 #include <functional>
 #include <memory>
 #include <optional>
+#include <utility>
+
+class CUvaGstIfReceiver;
 
 /// How the sinks of one backend come by their decoders: the client is asked once for them all, then
 /// the main system for each.
@@ -19,15 +22,16 @@
 /// that a seek goes through, or by a Stop. An interrupted sink asks again with its next data. The
 /// client's answer is not lost meanwhile: who asks next waits for it, or takes it.
 ///
-/// Thread-safe. Requests are made on streaming threads, which wait there.
+/// Thread-safe. Requests are made on streaming threads, which wait there. To the main system's
+/// receiver it is whose the decoders are.
 class DecoderHandshake {
 public:
     enum class Answer { Granted, Refused, Interrupted };
 
-    /// Puts the question to the client. Called without a lock, on the sink's streaming thread; the
-    /// answer may come from inside.
-    explicit DecoderHandshake(std::function<void()> askClient)
-        : m_askClient(std::move(askClient)) {}
+    /// `askClient` puts the question to the client. Called without a lock, on the sink's streaming
+    /// thread; the answer may come from inside, and what it throws is a refusal.
+    DecoderHandshake(CUvaGstIfReceiver& mainSystem, std::function<void()> askClient)
+        : m_mainSystem(mainSystem), m_askClient(std::move(askClient)) {}
 
     /// From now on a flush of the sink's pad "sink" interrupts its request. The handshake outlives
     /// the sink's streaming threads.
@@ -48,15 +52,12 @@ public:
     /// each: 1 audio, 2 video.
     int noteNeed(const gchar* type) EXCLUDES(m_lock);
 
-    /// Whose the decoders are, for the main system.
-    UvaGstIfRequester& requester() { return m_requester; }
-
-    /// Interrupts requests for as long as it lives: all, or those for one decoder, "audio" or
-    /// "video".
+    /// Interrupts requests for as long as it lives: all, or those for one kind. It outlives the
+    /// streaming threads that are to end.
     class Stop {
     public:
-        explicit Stop(DecoderHandshake& handshake, const char* type = nullptr);
-        ~Stop();
+        explicit Stop(DecoderHandshake& handshake, std::optional<MediaKind> kind = {});
+        ~Stop() { count(-1); }
         Stop(const Stop&) = delete;
         Stop& operator=(const Stop&) = delete;
 
@@ -64,7 +65,7 @@ public:
         void count(int change);
 
         DecoderHandshake& m_handshake;
-        const char* const m_type;
+        const std::optional<MediaKind> m_kind;
     };
 
 private:
@@ -77,21 +78,28 @@ private:
         std::optional<bool> answer;
     };
 
-    static GstPadProbeReturn onFlush(GstPad* pad, GstPadProbeInfo* info, gpointer handshake);
-    Answer askClient(GstElement* sink, const gchar* type) EXCLUDES(m_lock);
-    Answer waitForClient(const std::shared_ptr<Question>& question, GstElement* sink,
-                         const gchar* type) REQUIRES(m_lock);
-    bool isStopped(const gchar* type) const;
-    bool isInterrupted(GstElement* sink, const gchar* type) const;
+    /// Who asks, for what; the client decides about any type, the main system has these kinds.
+    struct Request {
+        GstElement* sink;
+        std::optional<MediaKind> kind;
+    };
+
+    static GstPadProbeReturn onFlush(GstPad* pad, GstPadProbeInfo* info, gpointer self) noexcept;
+    Answer askClient(const Request& request) EXCLUDES(m_lock);
+    Answer waitForClient(const std::shared_ptr<Question>& question, const Request& request)
+        REQUIRES(m_lock);
+    Answer askMainSystem(const Request& request) EXCLUDES(m_lock);
+    bool isStopped(const Request& request) const;
+    bool isInterrupted(const Request& request) const;
     void wake() EXCLUDES(m_lock);
 
+    CUvaGstIfReceiver& m_mainSystem;
     const std::function<void()> m_askClient;
-    UvaGstIfRequester m_requester;
-    std::array<std::atomic<int>, 2> m_stops{}; // that live, for audio and for video
+    std::array<std::atomic<int>, mediaKinds.size()> m_stops{}; // that live, for each kind
     GLibMutex m_lock; // never held while the client or the main system is asked
     GLibCondition m_changed;
     ResourcesState m_resources_state GUARDED_BY(m_lock) = NoResources;
-    int m_resources_needed GUARDED_BY(m_lock) = 0;
+    uint32_t m_resources_needed GUARDED_BY(m_lock) = 0;
     std::shared_ptr<Question> m_question GUARDED_BY(m_lock); // the last one, until it is settled
 };
 

@@ -8,7 +8,6 @@
 
 #include <cstdlib>
 #include <cstring>
-#include <string_view>
 
 #define GST_CAT_DEFAULT gst_backend_debug
 
@@ -72,7 +71,7 @@ void GstNoxBackend::addBin(const std::shared_ptr<GstMseBin>& bin) {
                          this);
     }
     gst_bin_add(GST_BIN(m_pipeline.get()), bin->element());
-    if (std::string_view(bin->kind) == "audio") {
+    if (bin->kind == MediaKind::Audio) {
         const GLibLock lock(m_lock);
         m_audioSink = GstPtr<GstElement>::retain(bin->sink());
     }
@@ -83,11 +82,10 @@ void GstNoxBackend::addBin(const std::shared_ptr<GstMseBin>& bin) {
 /// One decoder of a kind: the source that had it stops.
 void GstNoxBackend::checkComponent(const GstMseBin& starting) {
     for (const auto& bin : m_sources.all()) {
-        const bool sameKind = std::string_view(bin->kind) == starting.kind;
-        if (bin.get() == &starting || !sameKind || !bin->isActive())
+        if (bin.get() == &starting || bin->kind != starting.kind || !bin->isActive())
             continue;
-        GST_WARNING("found running component of type '%s' (%s): stop it", bin->kind,
-                    bin->name.get());
+        GST_WARNING("found running component of type '%s' (%s): stop it",
+                    nameOf(bin->kind), bin->name.get());
         const DecoderHandshake::Stop ending(m_decoders, bin->kind);
         bin->stop();
     }

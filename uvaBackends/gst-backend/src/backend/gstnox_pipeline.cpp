@@ -1,4 +1,3 @@
-#include "UvaGstIfReceiver.h"
 #include "backend/gstnox_avcomponent.h"
 #include "backend/gstnox_backend.h"
 #include "backend/gstnox_buswatch.h"
@@ -113,7 +112,7 @@ void GstNoxBackend::gstPlayerStopAndDestroy() {
     GST_DEBUG("going to NULL");
     changeState(GST_STATE_NULL);
     setPipelineState(GST_STATE_NULL);
-    uvaGstIfReceiver.leave(m_decoders.requester());
+    m_mainSystem.leave(&m_decoders);
     {
         const GLibLock lock(m_lock);
         m_hasPlayer = false;

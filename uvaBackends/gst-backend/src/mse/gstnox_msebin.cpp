@@ -93,10 +93,10 @@ bool GstMseBin::Create(GstAppSrcCallbacks callbacks, gpointer user) {
     GST_INFO("mime-type=%s", mimeType.data());
     const char* factory = nullptr;
     if (beginsWith(mimeType, "audio")) {
-        kind = "audio";
+        kind = MediaKind::Audio;
         factory = "halaudiosink";
     } else if (beginsWith(mimeType, "video")) {
-        kind = "video";
+        kind = MediaKind::Video;
         factory = "halvideosink";
     } else {
         GST_WARNING("unknown mime type: '%s'", mimeType.data());
@@ -105,7 +105,7 @@ bool GstMseBin::Create(GstAppSrcCallbacks callbacks, gpointer user) {
     const auto named = [this](const char* text) {
         return GCharPtr(g_strdup_printf("%s_%u", text, m_id));
     };
-    name = named(kind);
+    name = named(nameOf(kind));
     const GCharPtr sinkName = named(factory);
     m_sink = GstPtr<GstElement>::sink(gst_element_factory_make(factory, sinkName.get()));
     if (!m_sink) {

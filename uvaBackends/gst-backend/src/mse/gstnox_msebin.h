@@ -1,6 +1,7 @@
 #ifndef GSTNOX_MSEBIN_H
 #define GSTNOX_MSEBIN_H
 
+#include "MediaKind.h"
 #include "base/glib_lock.h"
 #include "base/gst_ptr.h"
 #include "mse/sample_decrypter.h"
@@ -75,8 +76,8 @@ public:
     GstElement* element() const { return bin.get(); }
     GstElement* sink() const { return m_sink.get(); }
 
-    const char* kind = nullptr; ///< "audio" or "video", from Create() on
-    GCharPtr name;              ///< kind and id, from Create() on
+    MediaKind kind = MediaKind::Audio; ///< from Create() on
+    GCharPtr name;                     ///< kind and id, from Create() on
 
 private:
     /// What is to be handed to the appsrc.

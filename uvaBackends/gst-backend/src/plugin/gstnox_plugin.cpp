@@ -1,6 +1,5 @@
 #include "plugin/gstnox_plugin.h"
 
-#include "UvaGstIfGstMedia.h"
 #include "UvaGstIfLink.h"
 #include "UvaGstIfLowerLayer.h"
 #include "UvaGstIfReceiver.h"
@@ -12,6 +11,7 @@
 #include "debug/trace/zant_trace_core.h"
 #include "base/gst_ptr.h"
 #include "backend/gstnox_backend.h"
+#include "backend/gstnox_link.h"
 #include "plugin/gstnox_mshell.h"
 #include "plugin/gstnox_syslog.h"
 #include "messaging/thread/thread_object_mshell.h"
@@ -87,8 +87,8 @@ void runConfigurationFile() {
 /// The arbitration of the decoders with the main system. What can be played without goes on
 /// without.
 void startLink() {
-    static UvaGstIfGstMedia& media = *new UvaGstIfGstMedia(gst_backend_debug, gst_backendif_debug);
-    setUvaGstIfMedia(&media);
+    setUvaGstIfMedia(linkMedia);
+    GstNoxBackend::setLink(uvaGstIfReceiver);
     const std::string failure = openUvaGstIfLink();
     if (failure.empty())
         return;
