@@ -1,10 +1,10 @@
 #include "config/cfg_file.h"
 
 #include "debug/shell/mshell.h"
-#include "debug/trace/trace_output.h"
 #include "debug/trace/zant_trace.h"
 #include "debug/trace/zant_trace_state.h"
 #include "util/scoped_handles.h"
+#include "util/text_output.h"
 
 #include <algorithm>
 #include <cctype>

@@ -4,9 +4,9 @@
 #include "debug/shell/mshell.h"
 #include "debug/shell/zant_dbg.h"
 #include "debug/shell/zant_dbg_mshell.h"
-#include "debug/trace/zant_trace_mshell.h"
-#include "messaging/thread/thread_object_mshell.h"
+#include "debug/shell/zant_trace_mshell.h"
 #include "messaging/queue/zant_msg_queue_mshell.h"
+#include "messaging/thread/thread_object_mshell.h"
 #include "trace_fixture.h"
 
 #include <algorithm>

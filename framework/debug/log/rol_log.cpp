@@ -1,6 +1,6 @@
 #include "debug/log/rol_log.h"
 
-#include "messaging/queue/cancellation_block.h"
+#include "util/cancellation_block.h"
 #include "util/scoped_handles.h"
 #include "util/strl.h"
 #include "util/trusted_path.h"

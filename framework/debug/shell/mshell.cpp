@@ -2,7 +2,7 @@
 
 #include "debug/shell/command_struct.h"
 #include "debug/trace/zant_trace.h"
-#include "messaging/queue/cancellation_block.h"
+#include "util/cancellation_block.h"
 
 #include <algorithm>
 #include <exception>

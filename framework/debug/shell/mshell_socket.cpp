@@ -1,11 +1,11 @@
 #include "debug/shell/mshell.h"
 
-#include "debug/trace/trace_output.h"
 #include "debug/trace/zant_trace.h"
 #include "debug/trace/zant_trace_state.h"
-#include "messaging/queue/cancellation_block.h"
+#include "util/cancellation_block.h"
 #include "util/scoped_handles.h"
 #include "util/socket_comm.h"
+#include "util/text_output.h"
 
 #include <cerrno>
 #include <cstring>

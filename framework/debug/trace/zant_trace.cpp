@@ -2,12 +2,12 @@
 
 #include "debug/trace/trace_clock.h"
 #include "debug/trace/trace_line.h"
-#include "debug/trace/trace_output.h"
 #include "debug/trace/zant_trace_colors.h"
 #include "debug/trace/zant_trace_core.h"
 #include "debug/trace/zant_trace_state.h"
 #include "debug/trace/zant_trace_thread.h"
-#include "messaging/queue/cancellation_block.h"
+#include "util/cancellation_block.h"
+#include "util/text_output.h"
 
 #include <cstdarg>
 #include <cstdio>

@@ -1,12 +1,12 @@
 #include "debug/trace/zant_trace_core.h"
 
+#include "debug/shell/zant_trace_mshell.h"
 #include "debug/trace/sys_vars.h"
 #include "debug/trace/trace_line.h"
-#include "debug/trace/trace_output.h"
 #include "debug/trace/zant_trace_colors.h"
-#include "debug/trace/zant_trace_mshell.h"
 #include "debug/trace/zant_trace_thread.h"
 #include "util/mutex.h"
+#include "util/text_output.h"
 
 #include <cstring>
 #include <set>

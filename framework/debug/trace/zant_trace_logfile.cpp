@@ -3,8 +3,8 @@
 #include "config/cfg_file_thread.h"
 #include "debug/trace/sys_vars.h"
 #include "debug/trace/trace_clock.h"
-#include "debug/trace/trace_output.h"
-#include "messaging/queue/cancellation_block.h"
+#include "util/cancellation_block.h"
+#include "util/text_output.h"
 #include "util/trusted_path.h"
 
 #include <unistd.h>

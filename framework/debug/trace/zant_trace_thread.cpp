@@ -1,9 +1,9 @@
 #include "debug/trace/zant_trace_thread.h"
 
 #include "debug/trace/trace_clock.h"
-#include "debug/trace/trace_output.h"
 #include "debug/trace/zant_trace_core.h"
 #include "debug/trace/zant_trace_state.h"
+#include "util/text_output.h"
 
 #include <cstring>
 #include <syslog.h>

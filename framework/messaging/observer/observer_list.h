@@ -1,8 +1,8 @@
 #ifndef MESSAGING_OBSERVER_LIST_H
 #define MESSAGING_OBSERVER_LIST_H
 
-#include "util/recursive_mutex.h"
 #include "messaging/queue/zant_msg.h"
+#include "util/recursive_mutex.h"
 
 #include <algorithm>
 #include <cstdint>

@@ -1,10 +1,10 @@
 #include "messaging/queue/zant_msg_queue.h"
 
 #include "debug/trace/zant_trace.h"
-#include "messaging/queue/cancellation_block.h"
 #include "messaging/queue/signal_ids.h"
 #include "messaging/queue/zant_msg.h"
 #include "messaging/queue/zant_msg_body.h"
+#include "util/cancellation_block.h"
 
 #include <algorithm>
 #include <cerrno>

@@ -2,8 +2,8 @@
 
 #include "debug/trace/zant_trace.h"
 #include "debug/trace/zant_trace_colors.h"
-#include "messaging/remote/rpc_sequence.h"
 #include "messaging/queue/zant_msg.h"
+#include "messaging/remote/rpc_sequence.h"
 
 #include <cstring>
 #include <new>

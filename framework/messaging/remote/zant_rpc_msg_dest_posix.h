@@ -2,7 +2,7 @@
 #define MESSAGING_ZANT_RPC_MSG_DEST_POSIX_H
 
 #include "messaging/observer/observable_callback_all.h"
-#include "messaging/thread/thread_object_with_queue.h"
+#include "messaging/queue_thread/thread_object_with_queue.h"
 
 #include "cpucomm/trid_cpucomm.h"
 

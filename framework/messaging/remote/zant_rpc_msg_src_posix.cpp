@@ -2,11 +2,11 @@
 
 #include "debug/trace/zant_trace.h"
 #include "debug/trace/zant_trace_colors.h"
-#include "messaging/queue/cancellation_block.h"
 #include "messaging/queue/queue_io.h"
-#include "messaging/remote/rpc_sequence.h"
 #include "messaging/queue/zant_msg.h"
 #include "messaging/queue/zant_msg_body.h"
+#include "messaging/remote/rpc_sequence.h"
+#include "util/cancellation_block.h"
 
 #include <cerrno>
 #include <cstring>

@@ -1,7 +1,7 @@
 #include "messaging/thread/thread_object.h"
 
 #include "debug/trace/zant_trace.h"
-#include "messaging/queue/cancellation_block.h"
+#include "util/cancellation_block.h"
 #include "util/sanitizers.h"
 
 #include <cerrno>

@@ -1,8 +1,8 @@
 #include "messaging/timer/time_out_server.h"
 
 #include "debug/trace/zant_trace.h"
-#include "messaging/queue/cancellation_block.h"
 #include "messaging/queue/zant_msg.h"
+#include "util/cancellation_block.h"
 #include "util/never_destroyed.h"
 
 #include <algorithm>

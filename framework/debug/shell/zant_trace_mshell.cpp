@@ -1,4 +1,4 @@
-#include "debug/trace/zant_trace_mshell.h"
+#include "debug/shell/zant_trace_mshell.h"
 
 #include "debug/shell/command_struct.h"
 #include "debug/shell/mshell.h"

@@ -1,8 +1,8 @@
-#include "messaging/thread/thread_object_with_queue.h"
+#include "messaging/queue_thread/thread_object_with_queue.h"
 
 #include "debug/trace/zant_trace.h"
-#include "messaging/queue/cancellation_block.h"
 #include "messaging/queue/zant_msg.h"
+#include "util/cancellation_block.h"
 
 #include <fcntl.h>
 #include <unistd.h>

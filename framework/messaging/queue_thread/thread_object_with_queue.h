@@ -2,9 +2,9 @@
 #define MESSAGING_THREAD_OBJECT_WITH_QUEUE_H
 
 #include "messaging/queue/signal_ids.h"
+#include "messaging/queue/zant_msg_queue.h"
 #include "messaging/thread/thread_object.h"
 #include "messaging/timer/time_out_timer.h"
-#include "messaging/queue/zant_msg_queue.h"
 
 #include <atomic>
 #include <cstdint>
