@@ -2,6 +2,7 @@
 #include "debug/log/log_paths.h"
 #include "debug/shell/mshell.h"
 #include "debug/shell/zant_dbg.h"
+#include "debug/shell/zant_trace_mshell.h"
 #include "debug/trace/sys_vars.h"
 #include "debug/trace/time_trace.h"
 #include "debug/trace/zant_trace_core.h"
@@ -68,6 +69,11 @@ namespace {
     sysVarIntStorage.build();
     stringUtilityStorage.build();
     cfgFileThreadStorage.build();
+
+    traceSettings.addShellCommands = AddZantTraceMshellCmds;
+    traceSettings.runCommandFile = [](const char* path) {
+        cfgFileThread.ExecuteCfgFileInSeparateThread(path);
+    };
 }
 
 } // namespace

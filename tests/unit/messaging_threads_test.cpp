@@ -453,7 +453,7 @@ TEST_F(ThreadsTest, ProcessEndsUnderRunningThreads) {
         for (const bool direct : {true, false})
             std::thread([direct] {
                 for (;;) {
-                    zantTraceDirectPrint = direct;
+                    traceSettings.zantTraceDirectPrint = direct;
                     ZANT_TRACE(TRACEUNIT_SHELL, TRACELEVEL_ERROR, "late\n");
                     if (direct) // one thread prints
                         zantTraceThread.PrintNextTrace();

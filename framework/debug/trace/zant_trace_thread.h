@@ -9,13 +9,10 @@
 
 /// A line on its way from the tracing thread to the trace thread.
 struct T_TraceElement {
-    /// Priority of text that has no header and never goes to syslog.
-    static constexpr int32_t notForSyslog = -1;
-
     char text[TraceLine::size];
     /// The line's trace counter; 0 for text without header.
     uint16_t counter;
-    /// Severity ORed with the syslog facility, or notForSyslog.
+    /// Severity ORed with the syslog facility, or TraceSettings::notForSyslog.
     int32_t priority;
 };
 
