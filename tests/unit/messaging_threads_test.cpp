@@ -39,6 +39,8 @@ class Recorder : public CThreadObjectWithQueue {
 public:
     ~Recorder() override { StopThreadAndWait(); }
     void ProcessZantMsg(CZantMsg* msg) override {
+        if (msg->signalId == thrown)
+            throw thrown;
         msg->FreeSignal();
         if (stopSelf)
             StopThreadAndWait();
@@ -46,6 +48,7 @@ public:
             usleep(200);
         ++handled;
     }
+    static constexpr uint32_t thrown = 518;
     int32_t init(int room = 10) { return Init("/zant_test_rec_", room, 0600, false, true); }
     int32_t post(unsigned long signal = 517) {
         CZantMsg msg(signal);
@@ -195,6 +198,17 @@ TEST_F(ThreadsTest, ThreadThatEndsByItselfLeavesNothing) {
     thrower.StopThreadAndWait();
     EXPECT_EQ(traced("out of the work function"), 1);
     EXPECT_TRUE(waitUntil([&] { return nrOfThreads() <= before; }));
+}
+
+TEST_F(ThreadsTest, AHandlerThatThrowsLosesItsMessageOnly) {
+    Recorder recorder;
+    ASSERT_EQ(recorder.init(), 0);
+    ASSERT_EQ(recorder.StartThread("recorder", 0, 0), 0);
+    recorder.post(Recorder::thrown);
+    recorder.post();
+    EXPECT_TRUE(waitUntil([&] { return recorder.handled == 1; }));
+    EXPECT_EQ(traced("unknown exception"), 1);
+    EXPECT_TRUE(recorder.mutexIsFree());
 }
 
 TEST_F(ThreadsTest, StopRestartAndStopAllRace) {

@@ -85,6 +85,17 @@ TEST_F(TraceRingTest, UserFunctionGetsLinesThatGoNowhereElse) {
     EXPECT_EQ(received, std::vector<std::string>{line(1)});
 }
 
+TEST_F(TraceRingTest, UserFunctionThatThrowsIsCalledOnce) {
+    RegisterUserDefinedTraceOutputFunction([](const char* line) {
+        receive(line);
+        throw line;
+    });
+    trace();
+    trace();
+    EXPECT_NE(printOn().find("unregistered: unknown exception"), std::string::npos);
+    EXPECT_EQ(received, std::vector<std::string>{line(1)});
+}
+
 TEST_F(TraceRingTest, ClearingBetweenLookAndPrintPrintsNothing) {
     trace();
     EXPECT_TRUE(zantTraceThread.IsSomethingToPrint());

@@ -135,7 +135,8 @@ T_TraceLevel GetTraceActivationState(unsigned unit);
 /// Lists the activation levels of all used units through FormattedStringToStdout.
 void PrintAllTraceActivationStates(void);
 
-/// Receives every finished line, on the trace thread. Never called in direct-print mode.
+/// Receives every finished line, on the trace thread. Never called in direct-print mode. One that
+/// throws is unregistered.
 typedef void (*T_UserTraceOutputFunction)(const char* line);
 void RegisterUserDefinedTraceOutputFunction(T_UserTraceOutputFunction function);
 void UnregisterUserDefinedTraceOutputFunction(void);

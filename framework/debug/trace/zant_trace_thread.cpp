@@ -2,6 +2,8 @@
 
 #include "debug/trace/trace_clock.h"
 #include "debug/trace/zant_trace_core.h"
+#include "util/text_output.h"
+#include "util/thrown_by.h"
 
 #include <cstdio>
 #include <cstring>
@@ -98,10 +100,21 @@ void CZantTraceThread::printGap() {
     zantTrace.WriteToLogfile("--- GAP ---\n");
 }
 
+/// The thread must not end over what the application does.
+void CZantTraceThread::callUserOutput(T_UserTraceOutputFunction output, const char* line) {
+    const auto thrown = thrownBy([=] { output(line); });
+    if (!thrown)
+        return;
+    UnregisterUserDefinedTraceOutputFunction();
+    printfToStdout("CZantTraceThread:: The user-defined output function threw and is "
+                   "unregistered: %s\n",
+                   thrown->c_str());
+}
+
 void CZantTraceThread::printElement(const T_TraceElement& element) {
     traceSettings.put(element.priority, element.text);
     zantTrace.WriteToLogfile(element.text);
 
     if (const T_UserTraceOutputFunction output = traceSettings.funcUserTraceOutputPtr)
-        output(element.text);
+        callUserOutput(output, element.text);
 }

@@ -2,6 +2,7 @@
 #define ZANT_TRACE_THREAD_H
 
 #include "debug/trace/trace_line.h"
+#include "debug/trace/zant_trace.h"
 #include "messaging/thread/thread_object.h"
 #include "util/mutex.h"
 
@@ -59,6 +60,7 @@ private:
 
     bool takeNextElement(T_TraceElement& element) EXCLUDES(m_ringMutex);
     static void printGap();
+    static void callUserOutput(T_UserTraceOutputFunction output, const char* line);
     static void printElement(const T_TraceElement& element);
 
     /// Guards the indices and the filling of an element. Nothing else is locked under it.
