@@ -56,10 +56,8 @@ public:
         return SendCmd(&msg);
     }
     bool mutexIsFree() {
-        if (!m_mutex.tryLock())
-            return false;
-        m_mutex.unlock();
-        return true;
+        return pthread_mutex_trylock(m_mutex.handle()) == 0 &&
+               pthread_mutex_unlock(m_mutex.handle()) == 0;
     }
     std::atomic<int> handled{0};
     std::atomic<bool> hold{false};

@@ -34,8 +34,6 @@ public:
 
     /// Goes on to the next sequence number, see CZantRpcMsgSrcPosix.
     void IncSequenceCtr();
-    /// What the next message is expected to carry, 0 before the first. On the thread.
-    uint32_t GetExpectedSequenceCtr() const { return expectedSequenceCtr; }
 
 private:
     bool fetchPayload(CZantMsg& msg) const;
