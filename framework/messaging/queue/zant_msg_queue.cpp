@@ -15,10 +15,6 @@ namespace {
 
 constexpr long msgSize = sizeof(ZantMsgBody);
 
-const char* signalName(const CZantMsg& msg) {
-    return GetSignalIdNamePtr(static_cast<SignalIds>(msg.signalId));
-}
-
 void warnOfSizelessBuffer(const CZantMsg& msg) {
     if (msg.signalPtr && msg.signalSize == 0)
         ZANT_TRACE(TRACEUNIT_MSG_QUEUE, TRACELEVEL_WARNING,
@@ -319,7 +315,7 @@ int32_t CZantMsgQueue::Send(CZantMsg* msg, unsigned prio) {
         return 0;
     ZANT_TRACE(TRACEUNIT_MSG_QUEUE, TRACELEVEL_ERROR,
                "CZantMsgQueue::Send (obj) FAILED - handle=%d rc2=%d errno=%d signal=%d %s\n",
-               handle.load(), -1, error, static_cast<int>(msg->signalId), signalName(*msg));
+               handle.load(), -1, error, static_cast<int>(msg->signalId), msg->signalName());
     return sendFailed;
 }
 
@@ -349,7 +345,7 @@ int32_t CZantMsgQueue::Send(int handle, CZantMsg* msg, unsigned prio) {
         ZANT_TRACE(TRACEUNIT_MSG_QUEUE, TRACELEVEL_ERROR,
                    "CZantMsgQueue::Send (obj to handle) to queue FAILED (obj to handle) - "
                    "handle=%d rc=%d errno=%d signal=%d %s\n",
-                   handle, -1, error, static_cast<int>(msg->signalId), signalName(*msg));
+                   handle, -1, error, static_cast<int>(msg->signalId), msg->signalName());
     return sendFailed;
 }
 

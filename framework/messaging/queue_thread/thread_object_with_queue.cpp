@@ -154,8 +154,7 @@ void CThreadObjectWithQueue::handleNextMsg(CZantMsg& msg, bool queueBlocks, Run 
                 ZANT_TRACE(TRACEUNIT_QUEUE_THREAD, TRACELEVEL_ERROR,
                            "CThreadObjectWithQueue::ERROR - Message is lost, its handler threw: "
                            "%s - Signal = %s\n",
-                           thrown->c_str(),
-                           GetSignalIdNamePtr(static_cast<SignalIds>(msg.signalId)));
+                           thrown->c_str(), msg.signalName());
                 msg.FreeSignal();
             }
             // They were the handler's; what it did not free is not this message's any more.
