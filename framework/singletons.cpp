@@ -1,5 +1,5 @@
 #include "config/cfg_file_thread.h"
-#include "debug/log/log_paths.h"
+#include "debug/log/rol_log.h"
 #include "debug/shell/mshell.h"
 #include "debug/shell/zant_dbg.h"
 #include "debug/shell/zant_trace_mshell.h"

@@ -109,6 +109,11 @@ private:
     State m_state GUARDED_BY(m_fileMutex) = State::closed;
 };
 
+/// Where an application that asks nobody else puts its log files: the drive that it looks for, and
+/// the directory without one. Set before threads start. Never destroyed.
+extern std::string& logfileDrive;
+extern std::string& logfileDirectory;
+
 /// The file's size in bytes, or CRolLog::sizeFailed.
 long get_file_size(const char* path);
 

@@ -156,16 +156,6 @@ T_TraceLevel CZantTrace::GetTraceActivationState(unsigned unit) const {
         __atomic_load_n(&zantTraceActivationTable[unit], __ATOMIC_RELAXED));
 }
 
-int32_t CZantTrace::SetTraceModeDirectPrint(int on) {
-    traceSettings.zantTraceDirectPrint = on != 0;
-    return 0;
-}
-
-int32_t CZantTrace::SetTraceModeWriteToLogfileIfDirectPrint(int on) {
-    traceSettings.zantTraceWriteToLogfileIfDirectPrint = on != 0;
-    return 0;
-}
-
 int32_t CZantTrace::SetTraceModeUseSyslog(int on) {
     traceSettings.zantTraceUseSyslog = on != 0;
     // Syslog adds the process's name itself.
@@ -179,26 +169,6 @@ int32_t CZantTrace::SetTraceModeUseSyslog(int on) {
 void CZantTrace::restorePrefix() {
     const std::string name = static_cast<const char*>(traceSettings.initialTraceProcessPrefix);
     traceSettings.zantTraceProcessPrefix = keepText(name.substr(0, maxPrefixLength));
-}
-
-int32_t CZantTrace::SetTraceWithColors(int on) {
-    traceSettings.zantTraceWithColors = on != 0;
-    return 0;
-}
-
-int32_t CZantTrace::SetTraceTimestampsOn() {
-    traceSettings.timestamps = true;
-    return 0;
-}
-
-int32_t CZantTrace::SetTraceTimestampsOff() {
-    traceSettings.timestamps = false;
-    return 0;
-}
-
-int32_t CZantTrace::StartTracingToScreen() {
-    traceSettings.tracingToScreen = true;
-    return 0;
 }
 
 int32_t CZantTrace::StopTracingToScreen() {
@@ -218,16 +188,6 @@ int32_t CZantTrace::PrintTimestamp() const {
     const int32_t length = PrintTimestampToCharString(timestamp);
     printToStdout(length > 0 ? timestamp : "\nCZantTrace::PrintTimestamp failed");
     return length;
-}
-
-int32_t CZantTrace::SetPrintToScreenFunction(int (*function)(const char*)) {
-    traceSettings.printToScreen = function;
-    return 0;
-}
-
-int32_t CZantTrace::SetInitialInfoWhenTracingToFileStartsFunction(void (*function)()) {
-    traceSettings.initialInfo = function;
-    return 0;
 }
 
 int32_t CZantTrace::PrintTraceActivationState(unsigned unit, bool skipUnused) const {

@@ -52,13 +52,17 @@ public:
     T_TraceLevel GetTraceActivationState(unsigned unit) const;
 
     /// Modes: anything but 0 switches on.
-    int32_t SetTraceModeDirectPrint(int on);
-    int32_t SetTraceModeWriteToLogfileIfDirectPrint(int on);
+    int32_t SetTraceModeDirectPrint(int on) {
+        return set(traceSettings.zantTraceDirectPrint, on != 0);
+    }
+    int32_t SetTraceModeWriteToLogfileIfDirectPrint(int on) {
+        return set(traceSettings.zantTraceWriteToLogfileIfDirectPrint, on != 0);
+    }
     int32_t SetTraceModeUseSyslog(int on);
-    int32_t SetTraceWithColors(int on);
-    int32_t SetTraceTimestampsOn();
-    int32_t SetTraceTimestampsOff();
-    int32_t StartTracingToScreen();
+    int32_t SetTraceWithColors(int on) { return set(traceSettings.zantTraceWithColors, on != 0); }
+    int32_t SetTraceTimestampsOn() { return set(traceSettings.timestamps, true); }
+    int32_t SetTraceTimestampsOff() { return set(traceSettings.timestamps, false); }
+    int32_t StartTracingToScreen() { return set(traceSettings.tracingToScreen, true); }
     int32_t StopTracingToScreen();
 
     /// Writes the local time with milliseconds and a blank into `destination`, which has
@@ -90,14 +94,23 @@ public:
     /// and says so on standard output.
     void WriteToLogfile(const char* line);
 
-    int32_t SetPrintToScreenFunction(int (*function)(const char*));
-    int32_t SetInitialInfoWhenTracingToFileStartsFunction(void (*function)());
+    int32_t SetPrintToScreenFunction(int (*function)(const char*)) {
+        return set(traceSettings.printToScreen, function);
+    }
+    int32_t SetInitialInfoWhenTracingToFileStartsFunction(void (*function)()) {
+        return set(traceSettings.initialInfo, function);
+    }
 
     /// Lists one unit, or all but unit 0; unused units are left out of a listing if asked to.
     int32_t PrintTraceActivationState(unsigned unit, bool skipUnused) const;
     int32_t PrintAllTraceActivationStates() const;
 
 private:
+    template <typename Value>
+    static int32_t set(Setting<Value>& setting, Value value) {
+        setting = value;
+        return 0;
+    }
     void beginLog() REQUIRES(m_logControlMutex);
     static void storeLevel(unsigned unit, T_TraceLevel level);
     static void restorePrefix();
