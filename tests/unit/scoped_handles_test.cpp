@@ -36,8 +36,5 @@ TEST(ScopedHandles, DescriptorIsClosedOnceByItsLastOwner) {
     errno = EACCES;
     ScopedFd(given).reset();
     EXPECT_EQ(errno, EACCES);
-}
-
-TEST(ScopedHandles, FailuresOwnNothing) {
     EXPECT_FALSE(ScopedFd(open("/nonexistent", O_RDONLY)));
 }
