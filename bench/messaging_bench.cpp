@@ -4,8 +4,8 @@
 #include "bench_support.h"
 #include "debug/trace/zant_trace_core.h"
 #include "messaging/observer/observable_callback_queue.h"
-#include "messaging/thread/thread_object_with_queue.h"
 #include "messaging/queue/zant_msg.h"
+#include "messaging/queue_thread/thread_object_with_queue.h"
 
 #include <algorithm>
 #include <atomic>

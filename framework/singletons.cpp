@@ -1,13 +1,14 @@
 #include "config/cfg_file_thread.h"
-#include "debug/log/log_paths.h"
+#include "debug/log/rol_log.h"
 #include "debug/shell/mshell.h"
+#include "debug/shell/zant_dbg.h"
+#include "debug/shell/zant_trace_mshell.h"
 #include "debug/trace/sys_vars.h"
 #include "debug/trace/time_trace.h"
-#include "debug/shell/zant_dbg.h"
 #include "debug/trace/zant_trace_core.h"
 #include "debug/trace/zant_trace_thread.h"
-#include "messaging/thread/thread_object.h"
 #include "messaging/queue/zant_msg_queue.h"
+#include "messaging/thread/thread_object.h"
 #include "util/never_destroyed.h"
 #include "util/string_utility.h"
 
@@ -68,6 +69,11 @@ namespace {
     sysVarIntStorage.build();
     stringUtilityStorage.build();
     cfgFileThreadStorage.build();
+
+    traceSettings.addShellCommands = AddZantTraceMshellCmds;
+    traceSettings.runCommandFile = [](const char* path) {
+        cfgFileThread.ExecuteCfgFileInSeparateThread(path);
+    };
 }
 
 } // namespace

@@ -3,11 +3,11 @@
 
 #include "debug/shell/command_struct.h"
 #include "debug/shell/mshell.h"
+#include "debug/shell/zant_trace_mshell.h"
 #include "debug/trace/zant_trace_core.h"
-#include "debug/trace/zant_trace_mshell.h"
 #include "fuzz_target.h"
-#include "messaging/thread/thread_object_mshell.h"
 #include "messaging/queue/zant_msg_queue_mshell.h"
+#include "messaging/thread/thread_object_mshell.h"
 
 #include <memory>
 #include <string>

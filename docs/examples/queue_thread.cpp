@@ -1,8 +1,8 @@
 // A thread that owns a queue and traces what it is sent.
 
 #include "debug/trace/zant_trace_core.h"
-#include "messaging/thread/thread_object_with_queue.h"
 #include "messaging/queue/zant_msg.h"
+#include "messaging/queue_thread/thread_object_with_queue.h"
 
 #include <future>
 

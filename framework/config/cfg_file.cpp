@@ -1,9 +1,7 @@
 #include "config/cfg_file.h"
 
 #include "debug/shell/mshell.h"
-#include "debug/trace/trace_output.h"
 #include "debug/trace/zant_trace.h"
-#include "debug/trace/zant_trace_state.h"
 #include "util/scoped_handles.h"
 
 #include <algorithm>
@@ -11,7 +9,6 @@
 #include <cstring>
 #include <string>
 #include <sys/stat.h>
-#include <syslog.h>
 
 namespace {
 
@@ -81,14 +78,8 @@ std::string reasonOf(const std::string& line, char commentChar, int32_t result) 
     return "\"" + shown + "\" failed with " + std::to_string(result) + ": correct or remove it";
 }
 
-void sayToSyslog(const std::string& text) {
-    sendToSyslog(LOG_ERR | zantSyslogFacility.load(std::memory_order_relaxed), text.c_str());
-}
-
-/// Of what was traced too: not a second time where traces go to syslog.
 void sayUnlessTraced(const std::string& text) {
-    if (!zantTraceUseSyslog || !ZantTracePasses(TRACEUNIT_CONFIG_FILE, TRACELEVEL_WARNING))
-        sayToSyslog(text);
+    ErrorToSyslogUnlessTraced(TRACEUNIT_CONFIG_FILE, TRACELEVEL_WARNING, text.c_str());
 }
 
 void reportUnread(const char* path, const std::string& reason) {
@@ -101,11 +92,11 @@ public:
     Reader(const char* path, T_CfgFileCallback callback, char commentChar, char termChar)
         : m_path(path), m_callback(callback), m_commentChar(commentChar), m_termChar(termChar) {}
 
+    /// Says to syslog why the file stops, if it does.
     int32_t processLine(char* line, int number);
     /// Says in a trace and to syslog that the rest of the file is not read. Tracing may not be set
     /// up yet: it is what these files are for.
     void reportError(int32_t code, int number) const;
-    void reportFailure(int32_t result, const std::string& line, int number) const;
 
 private:
     std::string stopsIn(int number, const std::string& reason) const;
@@ -115,10 +106,10 @@ private:
     T_CfgFileCallback m_callback;
     char m_commentChar;
     char m_termChar;
-    bool m_hasReported = false;
 };
 
 int32_t Reader::processLine(char* line, int number) {
+    const std::string asRead = line; // what it is processed by may change it
     line = skipBlanks(line);
     if (char* const comment = strchr(line, m_commentChar))
         *comment = '\0';
@@ -137,7 +128,10 @@ int32_t Reader::processLine(char* line, int number) {
     char* const data = skipBlanks(equals + 1);
     if (strcmp(keyword, termCharKeyword) == 0)
         return setTermChar(data, number);
-    return m_callback ? m_callback(keyword, data, m_path, number, m_termChar) : 0;
+    const int32_t result = m_callback ? m_callback(keyword, data, m_path, number, m_termChar) : 0;
+    if (result != 0)
+        ErrorToSyslog(stopsIn(number, reasonOf(asRead, m_commentChar, result)).c_str());
+    return result;
 }
 
 int32_t Reader::setTermChar(const char* data, int number) {
@@ -147,7 +141,6 @@ int32_t Reader::setTermChar(const char* data, int number) {
         ZANT_TRACE(TRACEUNIT_CONFIG_FILE, TRACELEVEL_WARNING,
                    "Illegal data in line %d in cfg file %s\n", number, m_path);
         sayUnlessTraced(stopsIn(number, "TERM_CHAR needs a character behind \"=\""));
-        m_hasReported = true;
         return CCfgFile::badTermChar;
     }
     m_termChar = *data;
@@ -170,11 +163,6 @@ void Reader::reportError(int32_t code, int number) const {
         ZANT_TRACE(TRACEUNIT_CONFIG_FILE, TRACELEVEL_WARNING, "Error in line %d of cfg file %s\n",
                    traced, m_path);
     sayUnlessTraced(stopsIn(number, reasonOf(code)));
-}
-
-void Reader::reportFailure(int32_t result, const std::string& line, int number) const {
-    if (!m_hasReported)
-        sayToSyslog(stopsIn(number, reasonOf(line, m_commentChar, result)));
 }
 
 } // namespace
@@ -216,11 +204,8 @@ int32_t CCfgFile::ReadCfgfileEx(const char* path, T_CfgFileCallback callback, ch
             reader.reportError(length, number + 1);
             break;
         }
-        const std::string asRead = line; // what it is processed by may change it
-        if (const int32_t result = reader.processLine(line, number + 1)) {
-            reader.reportFailure(result, asRead, number + 1);
+        if (const int32_t result = reader.processLine(line, number + 1))
             return result;
-        }
     }
     close_file(file.release());
     return 0;

@@ -11,8 +11,8 @@ using T_CfgFileCallback = int (*)(char* keyword, char* data, const char* fileNam
 
 /// Reads configuration files: lines of the form "KEYWORD = data", at most 1997 characters each. No
 /// state: any number of threads may read at a time. What is wrong is traced and, where the format
-/// allows, the rest of the file is read. That a file, or the rest of it, is not read goes to syslog,
-/// once, with line and reason.
+/// allows, the rest of the file is read. That a file, or the rest of it, is not read goes to
+/// syslog, once, with line and reason.
 class CCfgFile {
 public:
     enum Code : int32_t {

@@ -63,7 +63,7 @@ void CCfgFileThread::ExecuteCfgFileInSeparateThread(const char* path) {
 }
 
 void CCfgFileThread::ProcessZantMsg(CZantMsg* msg) {
-    const char* const signalName = GetSignalIdNamePtr(static_cast<SignalIds>(msg->signalId));
+    const char* const signalName = msg->signalName();
     ZANT_TRACE(TRACEUNIT_CONFIG_FILE_THREAD, TRACELEVEL_DEBUG,
                "CfgFileThread::ProcessZantMsg called -- Signal Name = %s\n", signalName);
     if (msg->signalId == SIG_ID_EXECUTE_CFG_FILE_IN_THREAD)

@@ -1,7 +1,7 @@
 #ifndef CONFIG_CFG_FILE_THREAD_H
 #define CONFIG_CFG_FILE_THREAD_H
 
-#include "messaging/thread/thread_object_with_queue.h"
+#include "messaging/queue_thread/thread_object_with_queue.h"
 #include "util/mutex.h"
 
 #include <atomic>

@@ -19,7 +19,6 @@ public:
 
     void lock() ACQUIRE() { pthread_mutex_lock(&m_mutex); }
     void unlock() RELEASE() { pthread_mutex_unlock(&m_mutex); }
-    bool tryLock() TRY_ACQUIRE(true) { return pthread_mutex_trylock(&m_mutex) == 0; }
 
     /// The handle, for calls that take a pthread mutex.
     pthread_mutex_t* handle() RETURN_CAPABILITY(this) { return &m_mutex; }
@@ -54,8 +53,7 @@ private:
 };
 
 /// A condition variable on the monotonic clock: setting the wall clock neither shortens nor
-/// stretches a wait. The caller holds the mutex and waits in a loop on its own predicate, or uses
-/// the forms that take one.
+/// stretches a wait. The caller holds the mutex and waits in a loop on its own predicate.
 class ConditionVariable {
 public:
     ConditionVariable() {
@@ -69,10 +67,7 @@ public:
     ConditionVariable(const ConditionVariable&) = delete;
     ConditionVariable& operator=(const ConditionVariable&) = delete;
 
-    void signal() { pthread_cond_signal(&m_condition); }
     void broadcast() { pthread_cond_broadcast(&m_condition); }
-
-    void wait(Mutex& mutex) REQUIRES(mutex) { pthread_cond_wait(&m_condition, mutex.handle()); }
 
     /// False when the deadline passed before a wake-up.
     bool waitUntil(Mutex& mutex, std::chrono::steady_clock::time_point deadline) REQUIRES(mutex) {
@@ -82,18 +77,6 @@ public:
         until.tv_sec = static_cast<time_t>(seconds.count());
         until.tv_nsec = static_cast<long>(std::chrono::nanoseconds(since - seconds).count());
         return pthread_cond_timedwait(&m_condition, mutex.handle(), &until) != ETIMEDOUT;
-    }
-
-    /// Waits until the predicate holds. False when it still did not hold at the time-out.
-    template <typename Predicate>
-    bool waitFor(Mutex& mutex, std::chrono::nanoseconds timeout, Predicate predicate)
-        REQUIRES(mutex) {
-        const auto deadline = std::chrono::steady_clock::now() + timeout;
-        while (!predicate()) {
-            if (!waitUntil(mutex, deadline))
-                return predicate();
-        }
-        return true;
     }
 
 private:

@@ -1,7 +1,7 @@
-#ifndef MESSAGING_RECURSIVE_MUTEX_H
-#define MESSAGING_RECURSIVE_MUTEX_H
+#ifndef UTIL_RECURSIVE_MUTEX_H
+#define UTIL_RECURSIVE_MUTEX_H
 
-#include "messaging/queue/cancellation_block.h"
+#include "util/cancellation_block.h"
 #include "util/thread_annotations.h"
 
 #include <pthread.h>

@@ -4,7 +4,7 @@
 #include <utility>
 
 /// Owns a resource of the system and closes it at the end of a scope. The explicit constructor
-/// adopts; a copy is made by name only (a descriptor's is `dup`). Bound to one thread at a time.
+/// adopts; there is no copy. Bound to one thread at a time.
 ///
 /// `Close` is called with the resource, once, unless it is `Invalid`.
 template <typename Resource, auto Close, auto Invalid>

@@ -22,7 +22,8 @@ int Delay(int ms);
 /// Opens a non-blocking socket bound to "/tmp/<name>", for this user and root alone (mode 0600
 /// whatever the umask). A socket of this user that a dead process left there is replaced; anything
 /// else there stays untouched and no link is followed. The system names the sender of every
-/// datagram to the socket. The descriptor, the caller's to close, or one of SocketCommError. `sendFlags` goes with every later SocketComm_Sendto of the process.
+/// datagram to the socket. The descriptor, the caller's to close, or one of SocketCommError.
+/// `sendFlags` goes with every later SocketComm_Sendto of the process.
 int SocketComm_Start(const char* name, int sendFlags);
 
 /// Removes "/tmp/<name>". Returns what unlink returned.

@@ -13,15 +13,11 @@
 #define CAPABILITY(name) ZANT_THREAD_ATTRIBUTE(capability(name))
 #define SCOPED_CAPABILITY ZANT_THREAD_ATTRIBUTE(scoped_lockable)
 #define GUARDED_BY(mutex) ZANT_THREAD_ATTRIBUTE(guarded_by(mutex))
-#define PT_GUARDED_BY(mutex) ZANT_THREAD_ATTRIBUTE(pt_guarded_by(mutex))
-#define ACQUIRED_BEFORE(...) ZANT_THREAD_ATTRIBUTE(acquired_before(__VA_ARGS__))
-#define ACQUIRED_AFTER(...) ZANT_THREAD_ATTRIBUTE(acquired_after(__VA_ARGS__))
 #define REQUIRES(...) ZANT_THREAD_ATTRIBUTE(requires_capability(__VA_ARGS__))
 #define ACQUIRE(...) ZANT_THREAD_ATTRIBUTE(acquire_capability(__VA_ARGS__))
 #define TRY_ACQUIRE(...) ZANT_THREAD_ATTRIBUTE(try_acquire_capability(__VA_ARGS__))
 #define RELEASE(...) ZANT_THREAD_ATTRIBUTE(release_capability(__VA_ARGS__))
 #define EXCLUDES(...) ZANT_THREAD_ATTRIBUTE(locks_excluded(__VA_ARGS__))
 #define RETURN_CAPABILITY(x) ZANT_THREAD_ATTRIBUTE(lock_returned(x))
-#define NO_THREAD_SAFETY_ANALYSIS ZANT_THREAD_ATTRIBUTE(no_thread_safety_analysis)
 
 #endif

@@ -1,8 +1,8 @@
 #include "debug/shell/mshell.h"
 #include "debug/trace/zant_trace_thread.h"
+#include "messaging/queue_thread/thread_object_with_queue.h"
 #include "messaging/thread/thread_object_blocking_wait.h"
 #include "messaging/thread/thread_object_mshell.h"
-#include "messaging/thread/thread_object_with_queue.h"
 #include "messaging_fixture.h"
 #include "support/queue_room.h"
 #include "support/wait_until.h"
@@ -39,6 +39,8 @@ class Recorder : public CThreadObjectWithQueue {
 public:
     ~Recorder() override { StopThreadAndWait(); }
     void ProcessZantMsg(CZantMsg* msg) override {
+        if (msg->signalId == thrown)
+            throw thrown;
         msg->FreeSignal();
         if (stopSelf)
             StopThreadAndWait();
@@ -46,6 +48,7 @@ public:
             usleep(200);
         ++handled;
     }
+    static constexpr uint32_t thrown = 518;
     int32_t init(int room = 10) { return Init("/zant_test_rec_", room, 0600, false, true); }
     int32_t post(unsigned long signal = 517) {
         CZantMsg msg(signal);
@@ -53,10 +56,8 @@ public:
         return SendCmd(&msg);
     }
     bool mutexIsFree() {
-        if (!m_mutex.tryLock())
-            return false;
-        m_mutex.unlock();
-        return true;
+        return pthread_mutex_trylock(m_mutex.handle()) == 0 &&
+               pthread_mutex_unlock(m_mutex.handle()) == 0;
     }
     std::atomic<int> handled{0};
     std::atomic<bool> hold{false};
@@ -195,6 +196,17 @@ TEST_F(ThreadsTest, ThreadThatEndsByItselfLeavesNothing) {
     thrower.StopThreadAndWait();
     EXPECT_EQ(traced("out of the work function"), 1);
     EXPECT_TRUE(waitUntil([&] { return nrOfThreads() <= before; }));
+}
+
+TEST_F(ThreadsTest, AHandlerThatThrowsLosesItsMessageOnly) {
+    Recorder recorder;
+    ASSERT_EQ(recorder.init(), 0);
+    ASSERT_EQ(recorder.StartThread("recorder", 0, 0), 0);
+    recorder.post(Recorder::thrown);
+    recorder.post();
+    EXPECT_TRUE(waitUntil([&] { return recorder.handled == 1; }));
+    EXPECT_EQ(traced("unknown exception"), 1);
+    EXPECT_TRUE(recorder.mutexIsFree());
 }
 
 TEST_F(ThreadsTest, StopRestartAndStopAllRace) {
@@ -453,7 +465,7 @@ TEST_F(ThreadsTest, ProcessEndsUnderRunningThreads) {
         for (const bool direct : {true, false})
             std::thread([direct] {
                 for (;;) {
-                    zantTraceDirectPrint = direct;
+                    traceSettings.zantTraceDirectPrint = direct;
                     ZANT_TRACE(TRACEUNIT_SHELL, TRACELEVEL_ERROR, "late\n");
                     if (direct) // one thread prints
                         zantTraceThread.PrintNextTrace();

@@ -211,10 +211,9 @@ TEST_F(RemoteCalls, SequenceNumbersSkipWhatTheyStandFor) {
 TEST_F(RemoteCalls, GapsAreReportedAndDeliveredAllTheSame) {
     const struct {
         uint32_t received;
-        uint32_t expectedNext;
         bool reported;
-    } rows[] = {{9, 10, false}, {10, 11, false}, {3, 4, true},  {5, 6, true},     {1, 2, false},
-                {2, 3, false},  {254, 2, true},  {2, 3, false}, {200, 201, true}, {1, 2, false}};
+    } rows[] = {{9, false}, {10, false}, {3, true},   {4, false}, {6, true},   {7, false},
+                {1, false}, {2, false},  {254, true}, {2, false}, {200, true}, {1, false}};
     Observer observer(queueName("_obs"));
     CZantRpcMsgDestPosix destination;
     ASSERT_EQ(destination.RegisterCallbackQueue(observer.handle(), 0, 0, 0), 0);
@@ -222,7 +221,6 @@ TEST_F(RemoteCalls, GapsAreReportedAndDeliveredAllTheSame) {
         CZantMsg msg = message(SIG_ID_TEST_RPC, 1);
         msg.rpcControl = row.received << 16;
         destination.ProcessZantMsg(&msg);
-        EXPECT_EQ(destination.GetExpectedSequenceCtr(), row.expectedNext) << row.received;
         EXPECT_EQ(traced("Illegal sequence nr"), row.reported ? 1 : 0) << row.received;
         EXPECT_EQ(observer.next(), "32 1");
     }

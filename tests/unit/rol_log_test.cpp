@@ -144,7 +144,7 @@ TEST_F(LogTest, AFullDiskAndAVanishedDirectoryEndTheLogAlone) {
     EXPECT_NE(output.find(std::string("WriteStringToLogfile -- Error = -1004  ") + disabled),
               std::string::npos);
     EXPECT_EQ(output.find(disabled), output.rfind(disabled));
-    EXPECT_FALSE(zantTrace.isTracingToFile());
+    EXPECT_FALSE(traceSettings.tracingToFile);
     EXPECT_EQ(umount("/tmp/logs"), 0);
 
     zantTrace.SetTraceFileMaxSize(300);
@@ -256,7 +256,7 @@ TEST_F(LogTest, TakesNothingThatOthersMayHavePlanted) {
         each.plant();
         EXPECT_EQ(zantTrace.CheckAndStartTracingToFile("x"), 0) << number;
         std::string output = screen.take();
-        EXPECT_EQ(zantTrace.isTracingToFile(), !each.folder.empty()) << number;
+        EXPECT_EQ(traceSettings.tracingToFile, !each.folder.empty()) << number;
         EXPECT_EQ(fs::exists(each.folder + "/zanttrcx.log"), !each.folder.empty()) << number;
         EXPECT_EQ(output.find("Processing cfgfile") != std::string::npos, each.isCfgRun) << number;
         EXPECT_NE(output.find(each.why), std::string::npos) << number << output;
@@ -302,7 +302,7 @@ TEST_F(LogTest, WritesToNoFileOfOthers) {
 // Stops the configuration thread: the last that has files run.
 TEST_F(LogTest, FindsItsDirectoryAndRunsTheFileThere) {
     EXPECT_EQ(zantTrace.CheckAndStartTracingToFile("x"), 0);
-    EXPECT_FALSE(zantTrace.isTracingToFile());
+    EXPECT_FALSE(traceSettings.tracingToFile);
 
     fs::create_directory("/tmp/usb_logs");
     std::ofstream("/tmp/usb_logs/tracesx.cfg") << "MSHELL = m_echo from the file\n";

@@ -4,9 +4,9 @@
 #include "debug/shell/mshell.h"
 #include "debug/shell/zant_dbg.h"
 #include "debug/shell/zant_dbg_mshell.h"
-#include "debug/trace/zant_trace_mshell.h"
-#include "messaging/thread/thread_object_mshell.h"
+#include "debug/shell/zant_trace_mshell.h"
 #include "messaging/queue/zant_msg_queue_mshell.h"
+#include "messaging/thread/thread_object_mshell.h"
 #include "trace_fixture.h"
 
 #include <algorithm>
@@ -224,6 +224,9 @@ TEST_F(ShellTest, SurvivesHandlersThatAreMissingOrThrow) {
     EXPECT_LT(shell.ProcessMshellCmd("none"), 0);
     EXPECT_LT(shell.ProcessMshellCmd("throws"), 0);
     EXPECT_NE(screen.take().find("Command throws failed"), std::string::npos);
+    shell.AddMshellCmd(
+        0, "odd", nullptr, "", [](CommandStruct*) -> int { throw 1; }, nullptr, true);
+    EXPECT_LT(shell.ProcessMshellCmd("odd"), 0);
     EXPECT_EQ(shell.ProcessMshellCmd("first"), 1);
 }
 

@@ -22,10 +22,10 @@ protected:
     TraceTest() {
         zantTraceThread.ClearTraceBuffer();
         zantTraceCtr = 0;
-        initialTraceProcessPrefix = "";
-        zantTraceProcessPrefix = " ";
-        zantSyslogFacility = 128;
-        zantTraceUseSyslog = false;
+        traceSettings.initialTraceProcessPrefix = "";
+        traceSettings.zantTraceProcessPrefix = " ";
+        traceSettings.zantSyslogFacility = 128;
+        traceSettings.zantTraceUseSyslog = false;
         zantTrace.SetTraceOnAll(TRACELEVEL_WARNING);
         zantTrace.SetTraceModeDirectPrint(1);
         zantTrace.SetTraceWithColors(1);

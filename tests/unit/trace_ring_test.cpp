@@ -74,7 +74,7 @@ TEST_F(TraceRingTest, CounterZeroHidesNoLineAndShowsNoGap) {
     EXPECT_EQ(printOn(), line(2) + "listing\n" + line(101));
 }
 
-TEST_F(TraceRingTest, UserFunctionGetsLinesThatGoNowhereElse) {
+TEST_F(TraceRingTest, UserFunctionGetsLinesThatGoNowhereElseUntilItThrows) {
     zantTrace.StopTracingToScreen();
     screen.take();
     RegisterUserDefinedTraceOutputFunction(receive);
@@ -83,6 +83,13 @@ TEST_F(TraceRingTest, UserFunctionGetsLinesThatGoNowhereElse) {
     trace();
     EXPECT_EQ(printOn(), "");
     EXPECT_EQ(received, std::vector<std::string>{line(1)});
+
+    zantTrace.SetTraceModeDirectPrint(0);
+    RegisterUserDefinedTraceOutputFunction([](const char* line) { throw line; });
+    trace();
+    EXPECT_NE(printOn().find("unregistered: unknown exception"), std::string::npos);
+    trace();
+    EXPECT_EQ(printOn(), "");
 }
 
 TEST_F(TraceRingTest, ClearingBetweenLookAndPrintPrintsNothing) {

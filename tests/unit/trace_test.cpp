@@ -45,10 +45,10 @@ TEST_F(TraceTest, LineIsTheSameInBothModes) {
 }
 
 TEST_F(TraceTest, SyslogTakesSeverityAndFacilityAndNoProcessName) {
-    initialTraceProcessPrefix = "a-rather-long-process-name ";
+    traceSettings.initialTraceProcessPrefix = "a-rather-long-process-name ";
     zantTrace.SetTraceModeUseSyslog(0);
     zantTrace.SetTraceWithColors(0);
-    zantSyslogFacility = 136;
+    traceSettings.zantSyslogFacility = 136;
     TraceFormattedString(unit, 40, "x\n");
     EXPECT_EQ(screen.take(), lineStart(1) + "a-rather-long-proce" + "x\n");
 

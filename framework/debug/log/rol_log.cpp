@@ -1,6 +1,6 @@
 #include "debug/log/rol_log.h"
 
-#include "messaging/queue/cancellation_block.h"
+#include "util/cancellation_block.h"
 #include "util/scoped_handles.h"
 #include "util/strl.h"
 #include "util/trusted_path.h"
@@ -261,29 +261,9 @@ bool CRolLog::IsDisabled() {
     return m_state == State::disabled;
 }
 
-std::string CRolLog::GetLogfileFullName() {
+std::string CRolLog::copyOf(Text text) {
     const MutexLock lock(m_fileMutex);
-    return m_fullName;
-}
-
-std::string CRolLog::GetLogfilePath() {
-    const MutexLock lock(m_fileMutex);
-    return m_directory;
-}
-
-std::string CRolLog::GetLogfileName() {
-    const MutexLock lock(m_fileMutex);
-    return m_name;
-}
-
-std::string CRolLog::GetLogfileExt() {
-    const MutexLock lock(m_fileMutex);
-    return m_ext;
-}
-
-std::string CRolLog::GetBakfileExt() {
-    const MutexLock lock(m_fileMutex);
-    return m_bakExt;
+    return this->*text;
 }
 
 long get_file_size(const char* path) {

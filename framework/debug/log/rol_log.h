@@ -65,18 +65,22 @@ public:
     bool LogfileExists() EXCLUDES(m_fileMutex);
     /// True after an error, until the log is set up again.
     bool IsDisabled() EXCLUDES(m_fileMutex);
-    std::string GetLogfileFullName() EXCLUDES(m_fileMutex);
-    std::string GetLogfilePath() EXCLUDES(m_fileMutex);
-    std::string GetLogfileName() EXCLUDES(m_fileMutex);
-    std::string GetLogfileExt() EXCLUDES(m_fileMutex);
-    std::string GetBakfileExt() EXCLUDES(m_fileMutex);
+    std::string GetLogfileFullName() { return copyOf(&CRolLog::m_fullName); }
+    std::string GetLogfilePath() { return copyOf(&CRolLog::m_directory); }
+    std::string GetLogfileName() { return copyOf(&CRolLog::m_name); }
+    std::string GetLogfileExt() { return copyOf(&CRolLog::m_ext); }
+    std::string GetBakfileExt() { return copyOf(&CRolLog::m_bakExt); }
 
 private:
+    static constexpr size_t nameSize = 500;
+
     using Operation = int32_t (CRolLog::*)();
     int32_t run(Operation operation, bool lock);
 
+    using Text = char (CRolLog::*)[nameSize];
+    std::string copyOf(Text text) EXCLUDES(m_fileMutex);
+
     enum class State { open, disabled, closed };
-    static constexpr size_t nameSize = 500;
     /// The size on disk has not been looked up.
     static constexpr int32_t unknownSize = -1;
 
@@ -108,6 +112,11 @@ private:
     int32_t m_currentSize GUARDED_BY(m_fileMutex) = unknownSize;
     State m_state GUARDED_BY(m_fileMutex) = State::closed;
 };
+
+/// Where an application that asks nobody else puts its log files: the drive that it looks for, and
+/// the directory without one. Set before threads start. Never destroyed.
+extern std::string& logfileDrive;
+extern std::string& logfileDirectory;
 
 /// The file's size in bytes, or CRolLog::sizeFailed.
 long get_file_size(const char* path);

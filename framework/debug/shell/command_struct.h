@@ -15,6 +15,8 @@ struct CommandParam {
     int32_t value;
     /// The parameter as typed, whatever its type.
     std::string string;
+
+    bool isNumber() const { return type == number; }
 };
 
 /// One parsed command line, as a command's handler gets it. Handlers return 0 for success.

@@ -2,10 +2,10 @@
 
 #include "debug/shell/command_struct.h"
 #include "debug/trace/zant_trace.h"
-#include "messaging/queue/cancellation_block.h"
+#include "util/cancellation_block.h"
+#include "util/thrown_by.h"
 
 #include <algorithm>
-#include <exception>
 
 CMshell::CMshell() {
     AddMshellInternalMshellCmds();
@@ -80,14 +80,16 @@ int32_t CMshell::ProcessMshellCmd(const char* line) {
 int32_t CMshell::runHandler(const CMshellEntry& entry, CommandStruct& command) {
     // A command is not broken off in its midst: it may hold locks of anybody's.
     const CancellationBlock block;
-    try {
-        return entry.handler ? entry.handler(&command) : badParam;
-    } catch (const std::exception& exception) {
+    int32_t result = badParam;
+    const auto thrown = thrownBy([&] {
+        if (entry.handler)
+            result = entry.handler(&command);
+    });
+    if (thrown)
         ZANT_TRACE(TRACEUNIT_SHELL, TRACELEVEL_ERROR,
                    "CMshell::ProcessMshellCmd() - Command %s failed: %s\n", entry.name.c_str(),
-                   exception.what());
-        return badParam;
-    }
+                   thrown->c_str());
+    return result;
 }
 
 void CMshell::PrintAllMshellEntrysShortHelp() {

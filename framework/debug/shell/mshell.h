@@ -6,6 +6,7 @@
 #include "util/mutex.h"
 
 #include <atomic>
+#include <cstddef>
 #include <cstdint>
 #include <list>
 #include <memory>
@@ -46,6 +47,13 @@ public:
     virtual void AddMshellCmd(int paramCount, const char* cmdName, const char* group,
                               const char* help, T_MshellHandler handler, T_MshellHandler deinit,
                               bool enabled) EXCLUDES(m_entriesMutex);
+    /// Registers a table of commands, all of one group.
+    template <size_t Count>
+    void AddMshellCmds(const char* group, const MshellCmd (&commands)[Count]) {
+        for (const MshellCmd& row : commands)
+            AddMshellCmd(row.paramCount, row.name, group, row.help, row.handler, nullptr,
+                         row.enabled);
+    }
     /// The first command of exactly this name, or null.
     virtual CMshellEntry* GetMshellEntry(std::string cmdName) EXCLUDES(m_entriesMutex);
     virtual int32_t CountMshellEntrys() EXCLUDES(m_entriesMutex);

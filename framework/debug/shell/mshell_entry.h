@@ -10,6 +10,15 @@ struct CommandStruct;
 /// file.
 using T_MshellHandler = int (*)(CommandStruct*);
 
+/// One row of a table of commands, see CMshell::AddMshellCmds.
+struct MshellCmd {
+    int32_t paramCount;
+    const char* name;
+    const char* help;
+    T_MshellHandler handler;
+    bool enabled = true;
+};
+
 /// One command of the debug shell. Never changes, so any thread may read it.
 class CMshellEntry {
 public:

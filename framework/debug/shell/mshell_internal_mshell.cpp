@@ -1,8 +1,7 @@
 // The shell's own commands, group "mshell".
 
 #include "debug/shell/mshell.h"
-#include "debug/shell/command_struct.h"
-#include "debug/trace/zant_trace.h"
+#include "debug/shell/mshell_handler.h"
 
 #include <chrono>
 #include <thread>
@@ -35,16 +34,11 @@ int MshellCmdHelp(CommandStruct* command) {
 }
 
 int MshellCmdSleep(CommandStruct* command) {
-    if (command->paramCount < 1) {
-        FormattedStringToStdout("ERROR: Parameter 1 (nr of seconds) is missing\n");
+    const auto seconds = numberParam(*command, "nr of seconds");
+    if (!seconds)
         return badCommandParam;
-    }
-    if (command->params[0].type != CommandParam::number) {
-        FormattedStringToStdout("ERROR: Parameter 1 (nr of seconds) is not a number\n");
-        return badCommandParam;
-    }
     using Clock = std::chrono::steady_clock;
-    const auto end = Clock::now() + std::chrono::seconds(command->params[0].value);
+    const auto end = Clock::now() + std::chrono::seconds(*seconds);
     for (auto now = Clock::now(); now < end && !CThreadObject::CallerShallStop();
          now = Clock::now())
         std::this_thread::sleep_for(std::min<Clock::duration>(sleepStep, end - now));
@@ -76,20 +70,12 @@ int MshellCmdEcho(CommandStruct* command) {
     return 0;
 }
 
-struct Row {
-    int paramCount;
-    const char* name;
-    const char* help;
-    T_MshellHandler handler;
-    bool enabled;
-};
-
-constexpr Row commands[] = {
-    {1, "m_help", "m_help [mshell_cmd] | groups", MshellCmdHelp, true},
-    {1, "m_sleep", "m_sleep <nr of seconds>", MshellCmdSleep, true},
+constexpr MshellCmd commands[] = {
+    {1, "m_help", "m_help [mshell_cmd] | groups", MshellCmdHelp},
+    {1, "m_sleep", "m_sleep <nr of seconds>", MshellCmdSleep},
     {1, "m_dumplastcmd", "m_dumplastcmd", MshellCmdDumpLastCmd, false},
-    {0, "deinit", "deinit\tJUST FOR MSHELL INTERNAL USE", MshellCmdDeinit, true},
-    {0, "m_echo", "m_echo Just prints the text like the linux echo cmd", MshellCmdEcho, true},
+    {0, "deinit", "deinit\tJUST FOR MSHELL INTERNAL USE", MshellCmdDeinit},
+    {0, "m_echo", "m_echo Just prints the text like the linux echo cmd", MshellCmdEcho},
 };
 
 } // namespace
@@ -97,6 +83,5 @@ constexpr Row commands[] = {
 void CMshell::AddMshellInternalMshellCmds() {
     if (MshellEntryExists(commands[0].name))
         return;
-    for (const Row& row : commands)
-        AddMshellCmd(row.paramCount, row.name, group, row.help, row.handler, nullptr, row.enabled);
+    AddMshellCmds(group, commands);
 }

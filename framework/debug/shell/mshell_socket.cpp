@@ -1,16 +1,13 @@
 #include "debug/shell/mshell.h"
 
-#include "debug/trace/trace_output.h"
 #include "debug/trace/zant_trace.h"
-#include "debug/trace/zant_trace_state.h"
-#include "messaging/queue/cancellation_block.h"
+#include "util/cancellation_block.h"
 #include "util/scoped_handles.h"
 #include "util/socket_comm.h"
 
 #include <cerrno>
 #include <cstring>
 #include <sys/stat.h>
-#include <syslog.h>
 #include <unistd.h>
 
 // Stopping the thread cancels it in the two places where it may wait for long: for a command, and
@@ -110,9 +107,7 @@ void CMshell::reportBlockedSocket(int32_t error, int reason) const {
         advice = "no socket at " + path + ": " + strerrordesc_np(reason);
     const std::string text = "CMshell::MshellOpenSocket() - " + advice + "\n";
     ZANT_TRACE(TRACEUNIT_SHELL_SOCKET, TRACELEVEL_ERROR, "%s", text.c_str());
-    // By default traces go nowhere: it is through the shell that they are switched on.
-    if (!zantTraceUseSyslog || !ZantTracePasses(TRACEUNIT_SHELL_SOCKET, TRACELEVEL_ERROR))
-        sendToSyslog(LOG_ERR | zantSyslogFacility.load(std::memory_order_relaxed), text.c_str());
+    ErrorToSyslogUnlessTraced(TRACEUNIT_SHELL_SOCKET, TRACELEVEL_ERROR, text.c_str());
 }
 
 int32_t CMshell::MshellReadFromSocket() {

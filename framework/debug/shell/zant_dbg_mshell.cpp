@@ -1,7 +1,7 @@
 #include "debug/shell/zant_dbg_mshell.h"
 
 #include "debug/shell/mshell.h"
-#include "debug/shell/mshell_call_trace.h"
+#include "debug/shell/mshell_handler.h"
 #include "debug/shell/zant_dbg.h"
 
 #include <algorithm>
@@ -54,9 +54,9 @@ int runInSystemShell(const std::string& line) {
     return ended == child && status == 0 ? 0 : systemFailed;
 }
 
-int appendLine(const char* handler, const std::string& text, const std::string& file) {
-    const std::string line = "echo " + text + " >> " + file;
-    ZANT_TRACE(TRACEUNIT_SHELL_COMMANDS, TRACELEVEL_INFO, "%s - Line = %s\n", handler,
+/// The same for a handler, with what it says before and after a failure.
+int runFor(const char* handler, const char* kind, const std::string& line) {
+    ZANT_TRACE(TRACEUNIT_SHELL_COMMANDS, TRACELEVEL_INFO, "%s - %s = %s\n", handler, kind,
                line.c_str());
     const int result = runInSystemShell(line);
     if (result != 0)
@@ -64,13 +64,12 @@ int appendLine(const char* handler, const std::string& text, const std::string& 
     return result;
 }
 
+int appendLine(const char* handler, const std::string& text, const std::string& file) {
+    return runFor(handler, "Line", "echo " + text + " >> " + file);
+}
+
 int deleteFile(const char* handler, const std::string& file) {
-    const std::string line = "rm -f " + file;
-    ZANT_TRACE(TRACEUNIT_SHELL_COMMANDS, TRACELEVEL_INFO, "%s - Cmd = %s\n", handler, line.c_str());
-    const int result = runInSystemShell(line);
-    if (result != 0)
-        FormattedStringToStdout("%s - FAILED \n", handler);
-    return result;
+    return runFor(handler, "Cmd", "rm -f " + file);
 }
 
 /// Answers a command whose parameters are missing.
@@ -82,47 +81,40 @@ bool hasParams(const char* handler, const CommandStruct& command, int count) {
 }
 
 int MshellCmdDbgCmd(CommandStruct* command) {
-    traceMshellCall("MshellCmdDbgCmd", *command);
-    if (command->paramCount < 1) {
-        FormattedStringToStdout("ERROR: Parameter 1 (command id) is missing\n");
+    traceMshellCall(__func__, *command);
+    const auto param = numberParam(*command, "command id");
+    if (!param)
         return badCommandParam;
-    }
-    if (command->params[0].type != CommandParam::number) {
-        FormattedStringToStdout("ERROR: Parameter 1 (command id) is not a number\n");
-        return badCommandParam;
-    }
-    const auto id = static_cast<unsigned>(command->params[0].value);
+    const auto id = static_cast<unsigned>(*param);
     const int32_t result = zantDbg.ExecuteZantDbgCmd(id);
     FormattedStringToStdout("ZantDbgCmd executed - Id = %u, return-code = %d\n", id, result);
     return result;
 }
 
 int MshellCmdAppendLineToEtcPreinit(CommandStruct* command) {
-    constexpr const char* handler = "MshellCmdAppendLineToEtcPreinit";
-    traceMshellCall(handler, *command);
-    if (!hasParams(handler, *command, 2))
+    traceMshellCall(__func__, *command);
+    if (!hasParams(__func__, *command, 2))
         return badCommandParam;
-    return appendLine(handler, textAfterWords(*command, 2),
+    return appendLine(__func__, textAfterWords(*command, 2),
                       preinitFile + command->params[0].string);
 }
 
 int MshellCmdDeleteEtcPreinit(CommandStruct* command) {
-    constexpr const char* handler = "MshellCmdDeleteEtcPreinit";
-    traceMshellCall(handler, *command);
-    if (!hasParams(handler, *command, 1))
+    traceMshellCall(__func__, *command);
+    if (!hasParams(__func__, *command, 1))
         return badCommandParam;
-    return deleteFile(handler, preinitFile + command->params[0].string);
+    return deleteFile(__func__, preinitFile + command->params[0].string);
 }
 
 int MshellCmdSync(CommandStruct* command) {
-    traceMshellCall("MshellCmdSync", *command);
+    traceMshellCall(__func__, *command);
     const int result = runInSystemShell("sync");
     FormattedStringToStdout("%s\n", result == 0 ? "sync executed" : "MshellCmdSync - FAILED ");
     return result;
 }
 
 int MshellCmdLs(CommandStruct* command) {
-    traceMshellCall("MshellCmdLs", *command);
+    traceMshellCall(__func__, *command);
     const int result = runInSystemShell("ls -lisa " + textAfterWords(*command, 1));
     if (result == 0)
         ZANT_TRACE(TRACEUNIT_SHELL_COMMANDS, TRACELEVEL_INFO, "MshellCmdLs end - \n");
@@ -131,14 +123,7 @@ int MshellCmdLs(CommandStruct* command) {
     return result;
 }
 
-struct Row {
-    int paramCount;
-    const char* name;
-    const char* help;
-    T_MshellHandler handler;
-};
-
-constexpr Row commands[] = {
+constexpr MshellCmd commands[] = {
     {1, "m_dbgcmd", "m_dbgcmd <command id>\t\t\tExecutes a dbg command given by id",
      MshellCmdDbgCmd},
     {0, "m_appendlinetoetcpreinit",
@@ -156,19 +141,17 @@ constexpr Row commands[] = {
 } // namespace
 
 int MshellCmdAppendLineToEtcZantauto(CommandStruct* command) {
-    constexpr const char* handler = "MshellCmdAppendLineToEtcZantauto";
-    traceMshellCall(handler, *command);
-    if (!hasParams(handler, *command, 1))
+    traceMshellCall(__func__, *command);
+    if (!hasParams(__func__, *command, 1))
         return badCommandParam;
-    return appendLine(handler, textAfterWords(*command, 1), zantautoFile);
+    return appendLine(__func__, textAfterWords(*command, 1), zantautoFile);
 }
 
 int MshellCmdDeleteEtcZantauto(CommandStruct* command) {
-    traceMshellCall("MshellCmdDeleteEtcZantauto", *command);
-    return deleteFile("MshellCmdDeleteEtcZantauto", zantautoFile);
+    traceMshellCall(__func__, *command);
+    return deleteFile(__func__, zantautoFile);
 }
 
 void AddZantDbgMshellCmds() {
-    for (const Row& row : commands)
-        mshell.AddMshellCmd(row.paramCount, row.name, group, row.help, row.handler, nullptr, true);
+    mshell.AddMshellCmds(group, commands);
 }

@@ -2,12 +2,11 @@
 
 #include "debug/trace/trace_clock.h"
 #include "debug/trace/trace_line.h"
-#include "debug/trace/trace_output.h"
 #include "debug/trace/zant_trace_colors.h"
 #include "debug/trace/zant_trace_core.h"
-#include "debug/trace/zant_trace_state.h"
 #include "debug/trace/zant_trace_thread.h"
-#include "messaging/queue/cancellation_block.h"
+#include "util/cancellation_block.h"
+#include "util/text_output.h"
 
 #include <cstdarg>
 #include <cstdio>
@@ -42,7 +41,7 @@ constexpr LevelColour levelColours[] = {
 
 /// The colour start of a level, empty for none.
 const char* colourOf(int level) {
-    if (!zantTraceWithColors.load(std::memory_order_relaxed))
+    if (!traceSettings.zantTraceWithColors)
         return "";
     for (const LevelColour& entry : levelColours) {
         if (entry.level == level)
@@ -60,15 +59,11 @@ int severityOf(int level) {
 }
 
 int32_t syslogPriority(int level) {
-    return severityOf(level) | zantSyslogFacility.load(std::memory_order_relaxed);
+    return severityOf(level) | traceSettings.zantSyslogFacility;
 }
 
 uint16_t nextTraceCounter() {
     return static_cast<uint16_t>(zantTraceCtr.fetch_add(1, std::memory_order_relaxed) + 1);
-}
-
-const char* prefix() {
-    return zantTraceProcessPrefix.load(std::memory_order_acquire);
 }
 
 /// True when the trace passes; answers a unit out of range.
@@ -94,9 +89,9 @@ __attribute__((format(printf, 2, 0))) void queueTrace(int level, const char* for
     element->counter = counter;
     element->priority = syslogPriority(level);
     TraceLine line(element->text);
-    if (zantTrace.hasTimestamps())
+    if (traceSettings.timestamps)
         line.addTimestamp();
-    line.addHeader(counter, prefix(), colour);
+    line.addHeader(counter, traceSettings.zantTraceProcessPrefix, colour);
     if (line.addMessage(queuedMessageRoom, format, arguments))
         line.endWithNewline();
     if (*colour)
@@ -112,21 +107,17 @@ __attribute__((format(printf, 2, 0))) void queueTrace(int level, const char* for
 __attribute__((format(printf, 2, 0))) void printTrace(int level, const char* format,
                                                       va_list arguments) {
     const char* const colour = colourOf(level);
-    const bool useSyslog = zantTraceUseSyslog.load(std::memory_order_relaxed);
     char text[TraceLine::size];
     TraceLine line(text);
-    if (!useSyslog && zantTrace.hasTimestamps())
+    if (!traceSettings.zantTraceUseSyslog && traceSettings.timestamps)
         line.addTimestamp();
-    line.addHeader(nextTraceCounter(), prefix(), colour);
+    line.addHeader(nextTraceCounter(), traceSettings.zantTraceProcessPrefix, colour);
     line.addMessage(directMessageRoom, format, arguments);
     if (*colour)
         line.addText(TraceLine::size, CS_NORMAL);
 
-    if (useSyslog)
-        sendToSyslog(syslogPriority(level), text);
-    else if (zantTrace.isTracingToScreen())
-        printToStdout(text);
-    if (zantTraceWriteToLogfileIfDirectPrint.load(std::memory_order_relaxed))
+    traceSettings.put(syslogPriority(level), text);
+    if (traceSettings.zantTraceWriteToLogfileIfDirectPrint)
         zantTrace.WriteToLogfile(text);
 }
 
@@ -138,7 +129,7 @@ void TraceFormattedString(unsigned unit, int level, const char* format, ...) {
     va_list arguments;
     va_start(arguments, format);
     const char* const safeFormat = format ? format : "(null)\n";
-    if (zantTraceDirectPrint.load(std::memory_order_relaxed))
+    if (traceSettings.zantTraceDirectPrint)
         printTrace(level, safeFormat, arguments);
     else
         queueTrace(level, safeFormat, arguments);
@@ -158,9 +149,8 @@ void FormattedStringToStdout(const char* format, ...) {
     line.addMessage(sizeof text, format ? format : "(null)\n", arguments);
     va_end(arguments);
 
-    if (zantTraceDirectPrint.load(std::memory_order_relaxed)) {
-        if (zantTrace.isTracingToScreen())
-            printToStdout(text);
+    if (traceSettings.zantTraceDirectPrint) {
+        traceSettings.put(TraceSettings::notForSyslog, text);
         return;
     }
     if (char* const queued = zantTraceThread.GetFreeTraceElement(0)) {
@@ -189,14 +179,23 @@ T_TraceLevel GetTraceActivationState(unsigned unit) {
     return zantTrace.GetTraceActivationState(unit);
 }
 
+void ErrorToSyslog(const char* text) {
+    sendToSyslog(LOG_ERR | traceSettings.zantSyslogFacility, text);
+}
+
+void ErrorToSyslogUnlessTraced(unsigned unit, int level, const char* text) {
+    if (!traceSettings.zantTraceUseSyslog || !ZantTracePasses(unit, level))
+        ErrorToSyslog(text);
+}
+
 void PrintAllTraceActivationStates(void) {
     zantTrace.PrintAllTraceActivationStates();
 }
 
 void RegisterUserDefinedTraceOutputFunction(T_UserTraceOutputFunction function) {
-    funcUserTraceOutputPtr.store(function);
+    traceSettings.funcUserTraceOutputPtr = function;
 }
 
 void UnregisterUserDefinedTraceOutputFunction(void) {
-    funcUserTraceOutputPtr.store(nullptr);
+    traceSettings.funcUserTraceOutputPtr = nullptr;
 }

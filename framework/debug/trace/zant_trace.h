@@ -115,6 +115,11 @@ void TraceFormattedString(unsigned unit, int level, const char* format, ...)
 /// output or through the trace thread, never to syslog.
 void FormattedStringToStdout(const char* format, ...) __attribute__((format(printf, 1, 2)));
 
+/// Sends a text to syslog as an error, however tracing is set: by default traces go nowhere. The
+/// second form is for what is traced too: not a second time where that trace goes to syslog.
+void ErrorToSyslog(const char* text);
+void ErrorToSyslogUnlessTraced(unsigned unit, int level, const char* text);
+
 /// Initialises the trace facility with syslog facility LOG_LOCAL0. Returns 0 or a negative code.
 int32_t ZantTrace_Init(const char* processName);
 
@@ -130,7 +135,8 @@ T_TraceLevel GetTraceActivationState(unsigned unit);
 /// Lists the activation levels of all used units through FormattedStringToStdout.
 void PrintAllTraceActivationStates(void);
 
-/// Receives every finished line, on the trace thread. Never called in direct-print mode.
+/// Receives every finished line, on the trace thread. Never called in direct-print mode. One that
+/// throws is unregistered.
 typedef void (*T_UserTraceOutputFunction)(const char* line);
 void RegisterUserDefinedTraceOutputFunction(T_UserTraceOutputFunction function);
 void UnregisterUserDefinedTraceOutputFunction(void);

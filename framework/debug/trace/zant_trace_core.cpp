@@ -2,11 +2,10 @@
 
 #include "debug/trace/sys_vars.h"
 #include "debug/trace/trace_line.h"
-#include "debug/trace/trace_output.h"
 #include "debug/trace/zant_trace_colors.h"
-#include "debug/trace/zant_trace_mshell.h"
 #include "debug/trace/zant_trace_thread.h"
 #include "util/mutex.h"
+#include "util/text_output.h"
 
 #include <cstring>
 #include <set>
@@ -42,22 +41,16 @@ bool isUnusedUnitName(const char* name) {
            strncmp(name, spareUnitPrefix, strlen(spareUnitPrefix)) == 0;
 }
 
-void setFlag(std::atomic<bool>& flag, bool on) {
-    flag.store(on, std::memory_order_relaxed);
-}
-
 } // namespace
-
-std::atomic<bool> CZantTrace::s_timestamps{false};
-std::atomic<bool> CZantTrace::s_tracingToScreen{false};
 
 int32_t CZantTrace::Init(const char* processName, int32_t syslogFacility) {
     const std::string name = processName ? processName : "";
-    zantSyslogFacility.store(syslogFacility, std::memory_order_relaxed);
+    traceSettings.zantSyslogFacility = syslogFacility;
     openlog(keepText(name), LOG_NOWAIT, syslogFacility);
-    AddZantTraceMshellCmds();
+    if (void (*const addShellCommands)() = traceSettings.addShellCommands)
+        addShellCommands();
 
-    initialTraceProcessPrefix.store(keepText(name + " "));
+    traceSettings.initialTraceProcessPrefix = keepText(name + " ");
     restorePrefix();
     sysVarStringMap.Set("ZANTALOG_PATH", "");
 
@@ -163,53 +156,23 @@ T_TraceLevel CZantTrace::GetTraceActivationState(unsigned unit) const {
         __atomic_load_n(&zantTraceActivationTable[unit], __ATOMIC_RELAXED));
 }
 
-int32_t CZantTrace::SetTraceModeDirectPrint(int on) {
-    setFlag(zantTraceDirectPrint, on != 0);
-    return 0;
-}
-
-int32_t CZantTrace::SetTraceModeWriteToLogfileIfDirectPrint(int on) {
-    setFlag(zantTraceWriteToLogfileIfDirectPrint, on != 0);
-    return 0;
-}
-
 int32_t CZantTrace::SetTraceModeUseSyslog(int on) {
-    setFlag(zantTraceUseSyslog, on != 0);
+    traceSettings.zantTraceUseSyslog = on != 0;
     // Syslog adds the process's name itself.
     if (on)
-        zantTraceProcessPrefix.store("");
+        traceSettings.zantTraceProcessPrefix = "";
     else
         restorePrefix();
     return 0;
 }
 
 void CZantTrace::restorePrefix() {
-    const std::string name = initialTraceProcessPrefix.load();
-    zantTraceProcessPrefix.store(keepText(name.substr(0, maxPrefixLength)));
-}
-
-int32_t CZantTrace::SetTraceWithColors(int on) {
-    setFlag(zantTraceWithColors, on != 0);
-    return 0;
-}
-
-int32_t CZantTrace::SetTraceTimestampsOn() {
-    setFlag(s_timestamps, true);
-    return 0;
-}
-
-int32_t CZantTrace::SetTraceTimestampsOff() {
-    setFlag(s_timestamps, false);
-    return 0;
-}
-
-int32_t CZantTrace::StartTracingToScreen() {
-    setFlag(s_tracingToScreen, true);
-    return 0;
+    const std::string name = static_cast<const char*>(traceSettings.initialTraceProcessPrefix);
+    traceSettings.zantTraceProcessPrefix = keepText(name.substr(0, maxPrefixLength));
 }
 
 int32_t CZantTrace::StopTracingToScreen() {
-    setFlag(s_tracingToScreen, false);
+    traceSettings.tracingToScreen = false;
     printToStdout("\nCZantTrace::StopTracingToScreen called ==!!!==\n");
     return 0;
 }
@@ -225,16 +188,6 @@ int32_t CZantTrace::PrintTimestamp() const {
     const int32_t length = PrintTimestampToCharString(timestamp);
     printToStdout(length > 0 ? timestamp : "\nCZantTrace::PrintTimestamp failed");
     return length;
-}
-
-int32_t CZantTrace::SetPrintToScreenFunction(int (*function)(const char*)) {
-    m_printToScreenFunction.store(function);
-    return 0;
-}
-
-int32_t CZantTrace::SetInitialInfoWhenTracingToFileStartsFunction(void (*function)()) {
-    m_initialInfoFunction.store(function);
-    return 0;
 }
 
 int32_t CZantTrace::PrintTraceActivationState(unsigned unit, bool skipUnused) const {

@@ -2,8 +2,7 @@
 #define ZANT_TRACE_CORE_H
 
 #include "debug/log/rol_log.h"
-#include "debug/trace/zant_trace.h"
-#include "debug/trace/zant_trace_state.h"
+#include "debug/trace/trace_settings.h"
 #include "util/mutex.h"
 
 #include <atomic>
@@ -12,7 +11,7 @@
 #include <string>
 
 /// The trace facility of the process: which traces pass, where lines go and what they look like.
-/// Modules trace through debug/zant_trace.h; this class is for those who set tracing up.
+/// Modules trace through debug/trace/zant_trace.h; this class is for those who set tracing up.
 ///
 /// There is one object, zantTrace, never destroyed. All functions are thread-safe and, unless they
 /// say otherwise, return 0.
@@ -53,13 +52,17 @@ public:
     T_TraceLevel GetTraceActivationState(unsigned unit) const;
 
     /// Modes: anything but 0 switches on.
-    int32_t SetTraceModeDirectPrint(int on);
-    int32_t SetTraceModeWriteToLogfileIfDirectPrint(int on);
+    int32_t SetTraceModeDirectPrint(int on) {
+        return set(traceSettings.zantTraceDirectPrint, on != 0);
+    }
+    int32_t SetTraceModeWriteToLogfileIfDirectPrint(int on) {
+        return set(traceSettings.zantTraceWriteToLogfileIfDirectPrint, on != 0);
+    }
     int32_t SetTraceModeUseSyslog(int on);
-    int32_t SetTraceWithColors(int on);
-    int32_t SetTraceTimestampsOn();
-    int32_t SetTraceTimestampsOff();
-    int32_t StartTracingToScreen();
+    int32_t SetTraceWithColors(int on) { return set(traceSettings.zantTraceWithColors, on != 0); }
+    int32_t SetTraceTimestampsOn() { return set(traceSettings.timestamps, true); }
+    int32_t SetTraceTimestampsOff() { return set(traceSettings.timestamps, false); }
+    int32_t StartTracingToScreen() { return set(traceSettings.tracingToScreen, true); }
     int32_t StopTracingToScreen();
 
     /// Writes the local time with milliseconds and a blank into `destination`, which has
@@ -91,36 +94,32 @@ public:
     /// and says so on standard output.
     void WriteToLogfile(const char* line);
 
-    int32_t SetPrintToScreenFunction(int (*function)(const char*));
-    int32_t SetInitialInfoWhenTracingToFileStartsFunction(void (*function)());
+    int32_t SetPrintToScreenFunction(int (*function)(const char*)) {
+        return set(traceSettings.printToScreen, function);
+    }
+    int32_t SetInitialInfoWhenTracingToFileStartsFunction(void (*function)()) {
+        return set(traceSettings.initialInfo, function);
+    }
 
     /// Lists one unit, or all but unit 0; unused units are left out of a listing if asked to.
     int32_t PrintTraceActivationState(unsigned unit, bool skipUnused) const;
     int32_t PrintAllTraceActivationStates() const;
 
-    bool hasTimestamps() const { return s_timestamps.load(std::memory_order_relaxed); }
-    bool isTracingToScreen() const { return s_tracingToScreen.load(std::memory_order_relaxed); }
-    bool isTracingToFile() const { return s_tracingToFile.load(std::memory_order_relaxed); }
-
 private:
+    template <typename Value>
+    static int32_t set(Setting<Value>& setting, Value value) {
+        setting = value;
+        return 0;
+    }
     void beginLog() REQUIRES(m_logControlMutex);
-    void callInitialInfoFunction();
     static void storeLevel(unsigned unit, T_TraceLevel level);
     static void restorePrefix();
-
-    // Static for the sake of threads that trace before the constructor has run.
-    static std::atomic<bool> s_timestamps;
-    static std::atomic<bool> s_tracingToScreen;
-    static std::atomic<bool> s_tracingToFile;
 
     /// Held while the log is started, stopped or moved elsewhere, not while lines are written.
     Mutex m_logControlMutex;
     CRolLog m_LogFile;
     /// The log's maximum while it has none.
     std::atomic<long> m_savedMaxSize;
-
-    std::atomic<int (*)(const char*)> m_printToScreenFunction{nullptr};
-    std::atomic<void (*)()> m_initialInfoFunction{nullptr};
 };
 
 /// The one trace object of the process. Never destroyed.

@@ -1,10 +1,9 @@
 #include "debug/trace/zant_trace_core.h"
 
-#include "config/cfg_file_thread.h"
 #include "debug/trace/sys_vars.h"
 #include "debug/trace/trace_clock.h"
-#include "debug/trace/trace_output.h"
-#include "messaging/queue/cancellation_block.h"
+#include "util/cancellation_block.h"
+#include "util/text_output.h"
 #include "util/trusted_path.h"
 
 #include <unistd.h>
@@ -58,19 +57,17 @@ LogDirectory findLogDirectory(const std::string& commandFile) {
 
 } // namespace
 
-std::atomic<bool> CZantTrace::s_tracingToFile{false};
-
 CZantTrace::CZantTrace()
     : m_LogFile("/mnt/share/extUSB/sda1/zantalog/", "zanttrc", 100000000, ".log", ".bak"),
       m_savedMaxSize(m_LogFile.GetMaxSize()) {}
 
 void CZantTrace::WriteToLogfile(const char* line) {
-    if (!isTracingToFile())
+    if (!traceSettings.tracingToFile)
         return;
     const int32_t result = m_LogFile.WriteStringToLogfile(line);
     if (result >= 0)
         return;
-    s_tracingToFile = false;
+    traceSettings.tracingToFile = false;
     printfToStdout("\n-- m_LogFile.WriteStringToLogfile -- Error = %d  (Writing to logfile is "
                    "disabled now)\n",
                    result);
@@ -84,7 +81,7 @@ int32_t CZantTrace::StartTracingToFile(const char* dir, const char* name) {
     {
         const CancellationBlock block;
         const MutexLock lock(m_logControlMutex);
-        if (isTracingToFile())
+        if (traceSettings.tracingToFile)
             return 0;
         int32_t result = 0;
         // A log that an error has disabled is set up again.
@@ -105,15 +102,16 @@ int32_t CZantTrace::StartTracingToFile(const char* dir, const char* name) {
         printfToStdout("CZantTrace:: LogFile opened : %s \n\n", file.c_str());
         beginLog();
     }
-    callInitialInfoFunction();
+    if (void (*const initialInfo)() = traceSettings.initialInfo)
+        initialInfo();
     return 0;
 }
 
 void CZantTrace::beginLog() {
-    s_tracingToFile = true;
+    traceSettings.tracingToFile = true;
     WriteToLogfile("--- ^^^^^^^^^^^^^^^^^^^^^^^^^^^^^^^ TRACING RESTARTED "
                    "^^^^^^^^^^^^^^^^^^^^^^^^^^^^^^^ ---\n");
-    if (!zantTraceDirectPrint || zantTraceWriteToLogfileIfDirectPrint)
+    if (!traceSettings.zantTraceDirectPrint || traceSettings.zantTraceWriteToLogfileIfDirectPrint)
         return;
     const int32_t written = m_LogFile.WriteStringToLogfile(
         "\n--- !!! Traces are NOT logged to this file as direct printing is enabled !!! ---\n");
@@ -121,16 +119,12 @@ void CZantTrace::beginLog() {
         printfToStdout("\n-- m_LogFile.WriteStringToLogfile failed-- Error = %d\n", written);
 }
 
-void CZantTrace::callInitialInfoFunction() {
-    if (void (*const function)() = m_initialInfoFunction.load())
-        function();
-}
-
 int32_t CZantTrace::StopTracingToFile() {
     const CancellationBlock block;
     const MutexLock lock(m_logControlMutex);
-    if (!s_tracingToFile.exchange(false))
+    if (!traceSettings.tracingToFile)
         return 0;
+    traceSettings.tracingToFile = false;
     traceClock().sleep(writersLeaveMicroseconds);
     const int32_t result = m_LogFile.CloseLogfile();
     const std::string file = m_LogFile.GetLogfileFullName();
@@ -164,10 +158,11 @@ int32_t CZantTrace::CheckAndStartTracingToFile(const char* suffix) {
     m_LogFile.SetMaxSize(0);
     const int32_t result = StartTracingToFile();
 
-    if (hasCommands) {
+    void (*const runCommandFile)(const char*) = traceSettings.runCommandFile;
+    if (hasCommands && runCommandFile) {
         const std::string cfgFile = directory + commandFile;
         printfToStdout("CZantTrace:: Processing cfgfile: %s\n", cfgFile.c_str());
-        cfgFileThread.ExecuteCfgFileInSeparateThread(cfgFile.c_str());
+        runCommandFile(cfgFile.c_str());
     } else {
         m_LogFile.SetMaxSize(m_savedMaxSize);
     }

@@ -1,10 +1,11 @@
 #include "debug/trace/zant_trace_thread.h"
 
 #include "debug/trace/trace_clock.h"
-#include "debug/trace/trace_output.h"
 #include "debug/trace/zant_trace_core.h"
-#include "debug/trace/zant_trace_state.h"
+#include "util/text_output.h"
+#include "util/thrown_by.h"
 
+#include <cstdio>
 #include <cstring>
 #include <syslog.h>
 
@@ -35,7 +36,7 @@ char* CZantTraceThread::GetFreeTraceElement(uint16_t counter) {
     if (!element)
         return nullptr;
     element->counter = counter;
-    element->priority = T_TraceElement::notForSyslog;
+    element->priority = TraceSettings::notForSyslog;
     element->text[0] = '\0';
     return element->text;
 }
@@ -91,21 +92,29 @@ bool CZantTraceThread::takeNextElement(T_TraceElement& element) {
 }
 
 void CZantTraceThread::printGap() {
-    if (zantTraceUseSyslog.load(std::memory_order_relaxed))
-        sendToSyslog(LOG_INFO, "--- GAP ---\n");
-    else if (zantTrace.isTracingToScreen())
-        printfToStdout("--- GAP ---%s\n", zantTraceProcessPrefix.load(std::memory_order_acquire));
+    // In syslog mode the prefix is empty.
+    const char* const prefix = traceSettings.zantTraceProcessPrefix;
+    char line[48];
+    snprintf(line, sizeof line, "--- GAP ---%s\n", prefix);
+    traceSettings.put(LOG_INFO, line);
     zantTrace.WriteToLogfile("--- GAP ---\n");
 }
 
+/// The thread must not end over what the application does.
+void CZantTraceThread::callUserOutput(T_UserTraceOutputFunction output, const char* line) {
+    const auto thrown = thrownBy([=] { output(line); });
+    if (!thrown)
+        return;
+    UnregisterUserDefinedTraceOutputFunction();
+    printfToStdout("CZantTraceThread:: The user-defined output function threw and is "
+                   "unregistered: %s\n",
+                   thrown->c_str());
+}
+
 void CZantTraceThread::printElement(const T_TraceElement& element) {
-    const bool useSyslog = zantTraceUseSyslog.load(std::memory_order_relaxed);
-    if (useSyslog && element.priority != T_TraceElement::notForSyslog)
-        sendToSyslog(element.priority, element.text);
-    else if (zantTrace.isTracingToScreen())
-        printToStdout(element.text);
+    traceSettings.put(element.priority, element.text);
     zantTrace.WriteToLogfile(element.text);
 
-    if (const T_UserTraceOutputFunction output = funcUserTraceOutputPtr.load())
-        output(element.text);
+    if (const T_UserTraceOutputFunction output = traceSettings.funcUserTraceOutputPtr)
+        callUserOutput(output, element.text);
 }

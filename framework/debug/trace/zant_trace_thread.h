@@ -2,6 +2,7 @@
 #define ZANT_TRACE_THREAD_H
 
 #include "debug/trace/trace_line.h"
+#include "debug/trace/zant_trace.h"
 #include "messaging/thread/thread_object.h"
 #include "util/mutex.h"
 
@@ -9,13 +10,10 @@
 
 /// A line on its way from the tracing thread to the trace thread.
 struct T_TraceElement {
-    /// Priority of text that has no header and never goes to syslog.
-    static constexpr int32_t notForSyslog = -1;
-
     char text[TraceLine::size];
     /// The line's trace counter; 0 for text without header.
     uint16_t counter;
-    /// Severity ORed with the syslog facility, or notForSyslog.
+    /// Severity ORed with the syslog facility, or TraceSettings::notForSyslog.
     int32_t priority;
 };
 
@@ -62,6 +60,7 @@ private:
 
     bool takeNextElement(T_TraceElement& element) EXCLUDES(m_ringMutex);
     static void printGap();
+    static void callUserOutput(T_UserTraceOutputFunction output, const char* line);
     static void printElement(const T_TraceElement& element);
 
     /// Guards the indices and the filling of an element. Nothing else is locked under it.

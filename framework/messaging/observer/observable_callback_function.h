@@ -42,17 +42,26 @@ public:
     /// message has no payload afterwards.
     virtual int32_t NotifyObserversWithCallbackFunction(CZantMsg* msg);
 
-    int32_t CountObserversForThisMsg(unsigned long signal) REQUIRES(m_observers.mutex());
+    int32_t CountObserversForThisMsg(unsigned long signal) REQUIRES(m_observers.mutex()) {
+        return m_observers.count(signal);
+    }
     bool AlreadyRegisteredWithCallbackFunctionNoMutex(CObserverCallbackFunction& observer,
                                                       unsigned long signal)
-        REQUIRES(m_observers.mutex());
+        REQUIRES(m_observers.mutex()) {
+        return m_observers.contains(key(&observer), signal);
+    }
 
     /// Deliveries of the process.
     static uint32_t GetTotalNrOfFunctionCallbacks() { return totalNrOfFunctionCallbacks; }
     static void ClearTotalNrOfFunctionCallbacks() { totalNrOfFunctionCallbacks = 0; }
 
 private:
-    ObserverList<CObserverCallbackFunction*> m_observers;
+    static intptr_t key(CObserverCallbackFunction* observer) {
+        return reinterpret_cast<intptr_t>(observer);
+    }
+    static const ObserverList::Form form;
+
+    ObserverList m_observers{this, form};
     static std::atomic<uint32_t> totalNrOfFunctionCallbacks;
 };
 

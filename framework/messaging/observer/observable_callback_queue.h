@@ -29,16 +29,22 @@ public:
     /// message has no payload afterwards. 0, or the code of the last send that failed.
     virtual int32_t NotifyObserversWithCallbackQueue(CZantMsg* msg);
 
-    int32_t CountObserversForThisMsg(unsigned long signal) REQUIRES(m_observers.mutex());
+    int32_t CountObserversForThisMsg(unsigned long signal) REQUIRES(m_observers.mutex()) {
+        return m_observers.count(signal);
+    }
     bool AlreadyRegisteredWithCallbackQueueNoMutex(int queue, unsigned long signal)
-        REQUIRES(m_observers.mutex());
+        REQUIRES(m_observers.mutex()) {
+        return m_observers.contains(queue, signal);
+    }
 
     /// Deliveries of the process.
     static uint32_t GetTotalNrOfQueueCallbacks() { return totalNrOfQueueCallbacks; }
     static void ClearTotalNrOfQueueCallbacks() { totalNrOfQueueCallbacks = 0; }
 
 private:
-    ObserverList<int32_t> m_observers;
+    static const ObserverList::Form form;
+
+    ObserverList m_observers{this, form};
     static std::atomic<uint32_t> totalNrOfQueueCallbacks;
 };
 

@@ -1,8 +1,8 @@
 #ifndef MESSAGING_QUEUE_IO_H
 #define MESSAGING_QUEUE_IO_H
 
-#include "messaging/queue/cancellation_block.h"
 #include "messaging/queue/zant_msg_body.h"
+#include "util/cancellation_block.h"
 #include "util/scoped_handles.h"
 
 #include <chrono>

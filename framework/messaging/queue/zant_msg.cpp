@@ -1,8 +1,8 @@
 #include "messaging/queue/zant_msg.h"
 
 #include "debug/trace/zant_trace.h"
-#include "messaging/queue/cancellation_block.h"
 #include "messaging/queue/zant_msg_queue.h"
+#include "util/cancellation_block.h"
 
 #include <cstring>
 #include <new>

@@ -47,6 +47,9 @@ public:
     int32_t ReceiveMsg(CZantMsgQueue* queue, int unused);
     int32_t ReceiveMsgFromNonblockingQueue(CZantMsgQueue* queue, int unused);
 
+    /// The name of `signalId`, "SIG_ID_NULL" for a value that is none.
+    const char* signalName() const { return GetSignalIdNamePtr(static_cast<SignalIds>(signalId)); }
+
     /// One of SignalIds.
     uint32_t signalId = SIG_ID_NULL;
     int32_t param1 = 0;

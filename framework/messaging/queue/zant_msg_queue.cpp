@@ -1,10 +1,10 @@
 #include "messaging/queue/zant_msg_queue.h"
 
 #include "debug/trace/zant_trace.h"
-#include "messaging/queue/cancellation_block.h"
 #include "messaging/queue/signal_ids.h"
 #include "messaging/queue/zant_msg.h"
 #include "messaging/queue/zant_msg_body.h"
+#include "util/cancellation_block.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -14,10 +14,6 @@
 namespace {
 
 constexpr long msgSize = sizeof(ZantMsgBody);
-
-const char* signalName(const CZantMsg& msg) {
-    return GetSignalIdNamePtr(static_cast<SignalIds>(msg.signalId));
-}
 
 void warnOfSizelessBuffer(const CZantMsg& msg) {
     if (msg.signalPtr && msg.signalSize == 0)
@@ -319,7 +315,7 @@ int32_t CZantMsgQueue::Send(CZantMsg* msg, unsigned prio) {
         return 0;
     ZANT_TRACE(TRACEUNIT_MSG_QUEUE, TRACELEVEL_ERROR,
                "CZantMsgQueue::Send (obj) FAILED - handle=%d rc2=%d errno=%d signal=%d %s\n",
-               handle.load(), -1, error, static_cast<int>(msg->signalId), signalName(*msg));
+               handle.load(), -1, error, static_cast<int>(msg->signalId), msg->signalName());
     return sendFailed;
 }
 
@@ -349,7 +345,7 @@ int32_t CZantMsgQueue::Send(int handle, CZantMsg* msg, unsigned prio) {
         ZANT_TRACE(TRACEUNIT_MSG_QUEUE, TRACELEVEL_ERROR,
                    "CZantMsgQueue::Send (obj to handle) to queue FAILED (obj to handle) - "
                    "handle=%d rc=%d errno=%d signal=%d %s\n",
-                   handle, -1, error, static_cast<int>(msg->signalId), signalName(*msg));
+                   handle, -1, error, static_cast<int>(msg->signalId), msg->signalName());
     return sendFailed;
 }
 

@@ -7,13 +7,37 @@
 
 namespace {
 
-/// Answers a first parameter that is no queue handle.
-bool firstParamIsNumber(const CommandStruct& command) {
-    if (command.params[0].type == CommandParam::number)
-        return true;
-    FormattedStringToStdout("ERROR: Parameter 1 is not a number\n");
-    return false;
+/// Hands the queue that the first parameter names to an operation.
+int runOnQueue(const CommandStruct& command, void (*operation)(int handle)) {
+    if (!command.params[0].isNumber()) {
+        FormattedStringToStdout("ERROR: Parameter 1 is not a number\n");
+        return badCommandParam;
+    }
+    operation(command.params[0].value);
+    return 0;
 }
+
+int MshellQueueList(CommandStruct* command) {
+    if (command->paramCount >= 1)
+        return runOnQueue(*command, CZantMsgQueue::ListGlobalMsgQueueList);
+    CZantMsgQueue::ListGlobalMsgQueueList(0);
+    return 0;
+}
+
+int MshellDumpQueue(CommandStruct* command) {
+    if (command->paramCount >= 1)
+        return runOnQueue(*command, CZantMsgQueue::DumpQueue);
+    FormattedStringToStdout("ERROR: Parameter 1 (queuehandle) is missing\n");
+    return badCommandParam;
+}
+
+constexpr MshellCmd commands[] = {
+    {1, "m_queuelist", "m_queuelist [queuehandle]\t\tLists all active message queues in the system",
+     MshellQueueList},
+    {1, "m_dumpqueue",
+     "m_dumpqueue <queuehandle>\t\tDisplays and removes all messages from the queue",
+     MshellDumpQueue},
+};
 
 } // namespace
 
@@ -22,28 +46,5 @@ void InitZantMsgQueueMshell() {
 }
 
 void AddZantMsgQueueMshellCmds() {
-    mshell.AddMshellCmd(1, "m_queuelist", "queue", queueListHelp, MshellQueueList, nullptr, true);
-    mshell.AddMshellCmd(1, "m_dumpqueue", "queue", dumpQueueHelp, MshellDumpQueue, nullptr, true);
-}
-
-int MshellQueueList(CommandStruct* command) {
-    if (!command || command->paramCount < 1) {
-        CZantMsgQueue::ListGlobalMsgQueueList(0);
-        return 0;
-    }
-    if (!firstParamIsNumber(*command))
-        return badCommandParam;
-    CZantMsgQueue::ListGlobalMsgQueueList(command->params[0].value);
-    return 0;
-}
-
-int MshellDumpQueue(CommandStruct* command) {
-    if (!command || command->paramCount < 1) {
-        FormattedStringToStdout("ERROR: Parameter 1 (queuehandle) is missing\n");
-        return badCommandParam;
-    }
-    if (!firstParamIsNumber(*command))
-        return badCommandParam;
-    CZantMsgQueue::DumpQueue(command->params[0].value);
-    return 0;
+    mshell.AddMshellCmds("queue", commands);
 }

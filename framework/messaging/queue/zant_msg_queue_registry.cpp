@@ -1,8 +1,8 @@
 #include "debug/trace/zant_trace.h"
-#include "messaging/queue/cancellation_block.h"
 #include "messaging/queue/zant_msg.h"
 #include "messaging/queue/zant_msg_body.h"
 #include "messaging/queue/zant_msg_queue.h"
+#include "util/cancellation_block.h"
 
 #include <algorithm>
 #include <cstdio>

@@ -2,8 +2,8 @@
 
 #include "debug/trace/zant_trace.h"
 #include "debug/trace/zant_trace_colors.h"
-#include "messaging/remote/rpc_sequence.h"
 #include "messaging/queue/zant_msg.h"
+#include "messaging/remote/rpc_sequence.h"
 
 #include <cstring>
 #include <new>
@@ -12,10 +12,6 @@ namespace {
 
 constexpr int nrOfMsgs = 50;
 constexpr int ownerAndGroup = 0660;
-
-const char* signalName(const CZantMsg& msg) {
-    return GetSignalIdNamePtr(static_cast<SignalIds>(msg.signalId));
-}
 
 void* asPointer(uint32_t address) {
     return reinterpret_cast<void*>(static_cast<uintptr_t>(address));
@@ -106,7 +102,7 @@ bool CZantRpcMsgDestPosix::fetchPayload(CZantMsg& msg) const {
         ZANT_TRACE(TRACEUNIT_RPC_DESTINATION, TRACELEVEL_ERROR,
                    "CZantRpcMsgDestPosix::Cannot get signal ptr - Func = %s, SignalName = %ld = "
                    "%s\n",
-                   m_funcName.c_str(), static_cast<long>(msg.signalId), signalName(msg));
+                   m_funcName.c_str(), static_cast<long>(msg.signalId), msg.signalName());
         return false;
     }
     msg.signalPtr = memcpy(local, shared.get(), size);
@@ -124,7 +120,7 @@ void CZantRpcMsgDestPosix::checkSequence(const CZantMsg& msg) {
                "CZantRpcMsgDestPosix:: IPC msg received - SeqCtr = %d, Expected = %u, Func = %s, "
                "SignalName = %ld = %s\n",
                static_cast<int>(received), expectedSequenceCtr, m_funcName.c_str(),
-               static_cast<long>(msg.signalId), signalName(msg));
+               static_cast<long>(msg.signalId), msg.signalName());
     const bool startsAnew =
         expectedSequenceCtr == rpc_sequence::nothingYet || received == rpc_sequence::senderStarted;
     if (!startsAnew && received != expectedSequenceCtr)
@@ -132,7 +128,7 @@ void CZantRpcMsgDestPosix::checkSequence(const CZantMsg& msg) {
                    "CZantRpcMsgDestPosix::Illegal sequence nr - Messages out of order or missed - "
                    "Received = %d, Expected = %d, Func = %s, SignalName = %ld = %s\n",
                    static_cast<int>(received), static_cast<int>(expectedSequenceCtr),
-                   m_funcName.c_str(), static_cast<long>(msg.signalId), signalName(msg));
+                   m_funcName.c_str(), static_cast<long>(msg.signalId), msg.signalName());
     expectedSequenceCtr = received;
     IncSequenceCtr();
 }

@@ -2,7 +2,7 @@
 #define MESSAGING_ZANT_RPC_MSG_DEST_POSIX_H
 
 #include "messaging/observer/observable_callback_all.h"
-#include "messaging/thread/thread_object_with_queue.h"
+#include "messaging/queue_thread/thread_object_with_queue.h"
 
 #include "cpucomm/trid_cpucomm.h"
 
@@ -34,8 +34,6 @@ public:
 
     /// Goes on to the next sequence number, see CZantRpcMsgSrcPosix.
     void IncSequenceCtr();
-    /// What the next message is expected to carry, 0 before the first. On the thread.
-    uint32_t GetExpectedSequenceCtr() const { return expectedSequenceCtr; }
 
 private:
     bool fetchPayload(CZantMsg& msg) const;

@@ -2,11 +2,11 @@
 
 #include "debug/trace/zant_trace.h"
 #include "debug/trace/zant_trace_colors.h"
-#include "messaging/queue/cancellation_block.h"
 #include "messaging/queue/queue_io.h"
-#include "messaging/remote/rpc_sequence.h"
 #include "messaging/queue/zant_msg.h"
 #include "messaging/queue/zant_msg_body.h"
+#include "messaging/remote/rpc_sequence.h"
+#include "util/cancellation_block.h"
 
 #include <cerrno>
 #include <cstring>
@@ -18,10 +18,6 @@
 std::atomic<uint32_t> CZantRpcMsgSrcPosix::totalNrOfRpcCalls{0};
 
 namespace {
-
-const char* signalName(const CZantMsg& msg) {
-    return GetSignalIdNamePtr(static_cast<SignalIds>(msg.signalId));
-}
 
 void* asPointer(uint32_t address) {
     return reinterpret_cast<void*>(static_cast<uintptr_t>(address));
@@ -48,7 +44,7 @@ int32_t CZantRpcMsgSrcPosix::SendCmd(CZantMsg* msg) {
         ZANT_TRACE_STREAM(
             TRACEUNIT_RPC_SOURCE, TRACELEVEL_ERROR,
             "CZantRpcMsgSrcPosix::SendCmd() - Sending objects via RPC not yet supported - "
-                << " - Signal = " << signalName(*msg) << '\n');
+                << " - Signal = " << msg->signalName() << '\n');
         msg->FreeSignal();
         return CZantMsgQueue::sendFailed;
     }
@@ -58,7 +54,7 @@ int32_t CZantRpcMsgSrcPosix::SendCmd(CZantMsg* msg) {
 void CZantRpcMsgSrcPosix::ProcessZantMsg(CZantMsg* msg) {
     ZANT_TRACE_STREAM(TRACEUNIT_RPC_SOURCE, TRACELEVEL_INFO,
                       "CZantRpcMsgSrcPosix::ProcessZantMsg called for sending IPC msg -- Signal = "
-                          << signalName(*msg) << '\n');
+                          << msg->signalName() << '\n');
     SendMsgViaRpcPosixQueue(msg);
 }
 
@@ -93,7 +89,7 @@ int32_t CZantRpcMsgSrcPosix::SendMsgViaRpcPosixQueue(CZantMsg* msg) {
     ZANT_TRACE(TRACEUNIT_RPC_SOURCE, TRACELEVEL_ERROR,
                "CZantRpcMsgSrcPosix::Send (FAILED - handle=%d rc2=%d errno=%d signal=%lu %s\n",
                targetQueue, result, errno, static_cast<unsigned long>(msg->signalId),
-               signalName(*msg));
+               msg->signalName());
     Trid_Util_CPUComm_Free(block);
     msg->sharedAddress = 0;
     msg->signalSize = 0;

@@ -1,7 +1,7 @@
 #ifndef MESSAGING_ZANT_RPC_MSG_SRC_POSIX_H
 #define MESSAGING_ZANT_RPC_MSG_SRC_POSIX_H
 
-#include "messaging/thread/thread_object_with_queue.h"
+#include "messaging/queue_thread/thread_object_with_queue.h"
 
 #include "cpucomm/trid_cpucomm.h"
 

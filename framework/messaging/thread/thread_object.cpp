@@ -1,14 +1,13 @@
 #include "messaging/thread/thread_object.h"
 
 #include "debug/trace/zant_trace.h"
-#include "messaging/queue/cancellation_block.h"
+#include "util/cancellation_block.h"
 #include "util/sanitizers.h"
+#include "util/thrown_by.h"
 
 #include <cerrno>
 #include <csignal>
 #include <cstring>
-#include <cxxabi.h>
-#include <exception>
 #include <sched.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
@@ -234,18 +233,14 @@ void CThreadObject::RealThreadFunction(Launch& launch) {
 __attribute__((no_sanitize("null"))) void CThreadObject::runWorkFunction(EndOfThread& end) {
     pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, nullptr);
     try {
-        ThreadWorkFunction();
+        if (const auto thrown = thrownBy([this] { ThreadWorkFunction(); }))
+            ZANT_TRACE(TRACEUNIT_THREAD, TRACELEVEL_ERROR,
+                       "CThreadObject::RealThreadFunction - Thread ends by an exception: %s\n",
+                       thrown->c_str());
     } catch (abi::__forced_unwind&) {
         sanitizers::forgetLeftFrames();
         end.finish();
         throw;
-    } catch (const std::exception& exception) {
-        ZANT_TRACE(TRACEUNIT_THREAD, TRACELEVEL_ERROR,
-                   "CThreadObject::RealThreadFunction - Thread ends by an exception: %s\n",
-                   exception.what());
-    } catch (...) {
-        ZANT_TRACE(TRACEUNIT_THREAD, TRACELEVEL_ERROR,
-                   "CThreadObject::RealThreadFunction - Thread ends by an unknown exception\n");
     }
 }
 

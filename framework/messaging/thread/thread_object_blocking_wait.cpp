@@ -1,6 +1,6 @@
 #include "messaging/thread/thread_object_blocking_wait.h"
 
-#include "messaging/queue/cancellation_block.h"
+#include "util/cancellation_block.h"
 
 CThreadObjectBlockingWait::~CThreadObjectBlockingWait() {
     const CancellationBlock block;

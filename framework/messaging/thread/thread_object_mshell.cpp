@@ -7,18 +7,11 @@
 
 #include <cstdlib>
 
-void InitThreadObjectMshell() {
-    AddThreadObjectMshellCmds();
-}
-
-void AddThreadObjectMshellCmds() {
-    mshell.AddMshellCmd(1, "m_threadlist", "thread", threadListHelp, MshellThreadList, nullptr,
-                        true);
-}
+namespace {
 
 int MshellThreadList(CommandStruct* command) {
     long select = 0;
-    if (command && command->paramCount >= 1) {
+    if (command->paramCount >= 1) {
         // From the text: a pthread handle may be wider than the parsed number.
         const char* const text = command->params[0].string.c_str();
         char* end = nullptr;
@@ -31,4 +24,21 @@ int MshellThreadList(CommandStruct* command) {
     }
     CThreadObject::ListGlobalThreadObjectList(select);
     return 0;
+}
+
+constexpr MshellCmd commands[] = {
+    {1, "m_threadlist",
+     "m_threadlist [thread addr | thread id]\t\tLists all (or a specific) active zant threads in "
+     "the system",
+     MshellThreadList},
+};
+
+} // namespace
+
+void InitThreadObjectMshell() {
+    AddThreadObjectMshellCmds();
+}
+
+void AddThreadObjectMshellCmds() {
+    mshell.AddMshellCmds("thread", commands);
 }

@@ -1,6 +1,6 @@
 #include "debug/trace/zant_trace.h"
-#include "messaging/queue/cancellation_block.h"
 #include "messaging/thread/thread_object.h"
+#include "util/cancellation_block.h"
 
 #include <algorithm>
 #include <cstdio>

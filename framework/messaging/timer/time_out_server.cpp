@@ -1,9 +1,8 @@
 #include "messaging/timer/time_out_server.h"
 
 #include "debug/trace/zant_trace.h"
-#include "messaging/queue/cancellation_block.h"
 #include "messaging/queue/zant_msg.h"
-#include "util/never_destroyed.h"
+#include "util/cancellation_block.h"
 
 #include <algorithm>
 #include <cstdint>
@@ -13,28 +12,11 @@ namespace {
 
 constexpr useconds_t passInterval = 50000;
 
-NeverDestroyed<TimeOutServer> serverStorage;
-
 } // namespace
 
 TimeOutServer& TimeOutServer::instance() {
-    static const bool built = [] {
-        serverStorage.build();
-        return true;
-    }();
-    static_cast<void>(built);
-    return serverStorage.object;
-}
-
-TimeOutServer::Timers::iterator TimeOutServer::placeFor(const TimeOutTimer& timer) {
-    const double deadline = timer.deadlineInMicroSec();
-    if (m_byDeadline.size() == m_timers.size()) {
-        const auto next = m_byDeadline.upper_bound(deadline);
-        return next == m_byDeadline.end() ? m_timers.end() : next->second;
-    }
-    return std::find_if(m_timers.begin(), m_timers.end(), [deadline](const TimeOutTimer& other) {
-        return other.deadlineInMicroSec() < deadline;
-    });
+    static auto& server = *new TimeOutServer;
+    return server;
 }
 
 void TimeOutServer::AddTimer(TimeOutTimer timer) {
@@ -45,10 +27,11 @@ void TimeOutServer::AddTimer(TimeOutTimer timer) {
                "Queue = %d\n",
                m_loopCounter, static_cast<int>(timer.GetTimerId()), timer.GetExpiryTime(),
                static_cast<long>(timer.GetSignalName()), timer.GetQueueId());
-    const bool isIndexed = m_byDeadline.size() == m_timers.size();
-    const auto entry = m_timers.insert(placeFor(timer), timer);
-    if (isIndexed)
-        m_byDeadline.emplace(timer.deadlineInMicroSec(), entry);
+    const auto dueEarlier =
+        std::find_if(m_timers.begin(), m_timers.end(), [&timer](const TimeOutTimer& other) {
+            return other.deadlineInMicroSec() < timer.deadlineInMicroSec();
+        });
+    m_timers.insert(dueEarlier, timer);
 }
 
 TimeOutTimer TimeOutServer::GetEarliestTimer() {
@@ -62,15 +45,8 @@ TimeOutTimer TimeOutServer::GetEarliestTimer() {
 void TimeOutServer::PopTimer() {
     const CancellationBlock block;
     const MutexLock lock(m_timersMutex);
-    popLast();
-}
-
-void TimeOutServer::popLast() {
-    if (m_timers.empty())
-        return;
-    if (!m_byDeadline.empty())
-        m_byDeadline.erase(std::prev(m_byDeadline.end()));
-    m_timers.pop_back();
+    if (!m_timers.empty())
+        m_timers.pop_back();
 }
 
 bool TimeOutServer::IsEmpty() {
@@ -83,7 +59,6 @@ void TimeOutServer::SortTimer() {
     const CancellationBlock block;
     const MutexLock lock(m_timersMutex);
     m_timers.sort(TimeOutTimerSortPredicate);
-    m_byDeadline.clear();
 }
 
 void TimeOutServer::DumpList() {
@@ -112,7 +87,7 @@ void TimeOutServer::sendExpired() {
             ZANT_TRACE_STREAM(TRACEUNIT_TIMER, TRACELEVEL_ERROR,
                               "TimeOutServer::ThreadWorkFunction() SendMsg with SignalId = "
                                   << timer.GetSignalName() << "failed. Error = " << failed << '\n');
-        popLast();
+        m_timers.pop_back();
     }
 }
 

@@ -5,9 +5,7 @@
 #include "messaging/timer/time_out_timer.h"
 #include "util/mutex.h"
 
-#include <functional>
 #include <list>
-#include <map>
 
 /// Sends the messages of all timers of the process, up to 50 ms late. An application that uses
 /// timers calls StartThread on it once. Never destroyed. All functions are thread-safe.
@@ -33,19 +31,11 @@ public:
     void ThreadWorkFunction() override;
 
 private:
-    using Timers = std::list<TimeOutTimer>;
-
-    Timers::iterator placeFor(const TimeOutTimer& timer) REQUIRES(m_timersMutex);
-    void popLast() REQUIRES(m_timersMutex);
     void sendExpired() EXCLUDES(m_timersMutex);
 
-    /// Guards the list and its index. Messages are sent under it.
+    /// Guards the list. Messages are sent under it.
     Mutex m_timersMutex;
-    Timers m_timers GUARDED_BY(m_timersMutex);
-    /// The list by its deadlines, in the list's order, so that a start does not walk the list.
-    /// Empty while the list is in another order.
-    std::multimap<double, Timers::iterator, std::greater<double>>
-        m_byDeadline GUARDED_BY(m_timersMutex);
+    std::list<TimeOutTimer> m_timers GUARDED_BY(m_timersMutex);
     int m_loopCounter GUARDED_BY(m_timersMutex) = 0;
 };
 

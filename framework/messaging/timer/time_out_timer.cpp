@@ -1,11 +1,11 @@
 #include "messaging/timer/time_out_timer.h"
 
 #include "debug/trace/zant_trace.h"
-#include "messaging/queue/cancellation_block.h"
 #include "messaging/queue/pointer_tokens.h"
-#include "messaging/timer/time_out_server.h"
 #include "messaging/queue/zant_msg.h"
 #include "messaging/queue/zant_msg_queue.h"
+#include "messaging/timer/time_out_server.h"
+#include "util/cancellation_block.h"
 
 #include <cmath>
 #include <sys/time.h>

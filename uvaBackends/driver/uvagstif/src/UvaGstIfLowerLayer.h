@@ -3,7 +3,7 @@
 
 #include "messaging/observer/observable_callback_function.h"
 #include "messaging/queue/signal_ids.h"
-#include "messaging/thread/thread_object_with_queue.h"
+#include "messaging/queue_thread/thread_object_with_queue.h"
 #include "messaging/remote/zant_rpc_msg_src_posix.h"
 
 #include <cstdint>

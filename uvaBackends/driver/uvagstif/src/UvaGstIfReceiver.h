@@ -5,7 +5,7 @@
 #include "UvaGstIfClock.h"
 #include "UvaGstIfMedia.h"
 #include "UvaGstIfReports.h"
-#include "messaging/remote/thread_object_with_queue_rpc.h"
+#include "messaging/queue_thread/thread_object_with_queue_rpc.h"
 #include "util/mutex.h"
 
 #include <array>

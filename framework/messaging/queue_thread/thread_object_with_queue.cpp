@@ -1,8 +1,9 @@
-#include "messaging/thread/thread_object_with_queue.h"
+#include "messaging/queue_thread/thread_object_with_queue.h"
 
 #include "debug/trace/zant_trace.h"
-#include "messaging/queue/cancellation_block.h"
 #include "messaging/queue/zant_msg.h"
+#include "util/cancellation_block.h"
+#include "util/thrown_by.h"
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -149,7 +150,13 @@ void CThreadObjectWithQueue::handleNextMsg(CZantMsg& msg, bool queueBlocks, Run 
         const MutexLock lock(m_mutex);
         result = m_queue.Receive(&msg, 0);
         if (result == 0 && msg.signalId != SIG_ID_STOP_THREAD) {
-            ProcessZantMsg(&msg);
+            if (const auto thrown = thrownBy([&] { ProcessZantMsg(&msg); })) {
+                ZANT_TRACE(TRACEUNIT_QUEUE_THREAD, TRACELEVEL_ERROR,
+                           "CThreadObjectWithQueue::ERROR - Message is lost, its handler threw: "
+                           "%s - Signal = %s\n",
+                           thrown->c_str(), msg.signalName());
+                msg.FreeSignal();
+            }
             // They were the handler's; what it did not free is not this message's any more.
             msg.signalPtr = nullptr;
             msg.signalObj = nullptr;

@@ -2,9 +2,9 @@
 #define MESSAGING_THREAD_OBJECT_WITH_QUEUE_H
 
 #include "messaging/queue/signal_ids.h"
+#include "messaging/queue/zant_msg_queue.h"
 #include "messaging/thread/thread_object.h"
 #include "messaging/timer/time_out_timer.h"
-#include "messaging/queue/zant_msg_queue.h"
 
 #include <atomic>
 #include <cstdint>
@@ -42,7 +42,8 @@ public:
     /// Sends the message to this thread; the payloads are gone afterwards. The send's result; -1110
     /// before Init, but 0 for SIG_ID_STOP_THREAD. Thread-safe.
     virtual int32_t SendCmd(CZantMsg* msg);
-    /// Handles a message, on the thread. It owns the payloads and frees them (FreeSignal).
+    /// Handles a message, on the thread. It owns the payloads and frees them (FreeSignal). One that
+    /// throws loses this message, payloads freed, and no other.
     virtual void ProcessZantMsg(CZantMsg* msg) = 0;
     /// Runs once on the thread, before the first message.
     virtual void BeforeProcessingMsgs();

@@ -1,8 +1,7 @@
-#include "debug/trace/zant_trace_mshell.h"
+#include "debug/shell/zant_trace_mshell.h"
 
-#include "debug/shell/command_struct.h"
 #include "debug/shell/mshell.h"
-#include "debug/shell/mshell_call_trace.h"
+#include "debug/shell/mshell_handler.h"
 #include "debug/trace/zant_trace_core.h"
 
 #include <optional>
@@ -13,16 +12,12 @@ constexpr const char* group = "trace";
 constexpr int32_t badLevelForAll = -1602;
 constexpr int32_t badLevel = -1603;
 
-bool isNumber(const CommandParam& param) {
-    return param.type == CommandParam::number;
-}
-
 /// The first parameter as a unit; answers one that is none.
 std::optional<unsigned> unitParam(const CommandStruct& command) {
     const CommandParam& param = command.params[0];
-    const unsigned unit = isNumber(param) ? static_cast<unsigned>(param.value)
-                                          : zantTrace.GetTraceUnitNrByName(param.string.c_str());
-    if (unit < MAX_TRACE_UNITS && (isNumber(param) || unit != TRACEUNIT_NONE))
+    const unsigned unit = param.isNumber() ? static_cast<unsigned>(param.value)
+                                           : zantTrace.GetTraceUnitNrByName(param.string.c_str());
+    if (unit < MAX_TRACE_UNITS && (param.isNumber() || unit != TRACEUNIT_NONE))
         return unit;
     FormattedStringToStdout("ERROR: Parameter 1 (trace unit) is not a number or a valid name\n");
     return std::nullopt;
@@ -30,28 +25,15 @@ std::optional<unsigned> unitParam(const CommandStruct& command) {
 
 /// The parameter as a level. A name that is no level's lets everything pass, as everywhere.
 std::optional<T_TraceLevel> levelParam(const CommandParam& param) {
-    if (isNumber(param))
+    if (param.isNumber())
         return static_cast<T_TraceLevel>(param.value);
     if (param.type == CommandParam::text)
         return zantTrace.GetTraceLevelNrByName(param.string.c_str());
     return std::nullopt;
 }
 
-/// The first parameter as a number; answers one that is missing or none.
-std::optional<int> numberParam(const CommandStruct& command, const char* what) {
-    if (command.paramCount < 1) {
-        FormattedStringToStdout("ERROR: Parameter 1 (%s) is missing\n", what);
-        return std::nullopt;
-    }
-    if (!isNumber(command.params[0])) {
-        FormattedStringToStdout("ERROR: Parameter 1 (%s) is not a number\n", what);
-        return std::nullopt;
-    }
-    return command.params[0].value;
-}
-
 int MshellCmdSetTraceOn(CommandStruct* command) {
-    traceMshellCall("MshellCmdSetTraceOn", *command);
+    traceMshellCall(__func__, *command);
     if (command->paramCount < 2) {
         FormattedStringToStdout("ERROR: Not enough parameters\n");
         return badCommandParam;
@@ -72,7 +54,7 @@ int MshellCmdSetTraceOn(CommandStruct* command) {
 }
 
 int MshellCmdSetTraceOff(CommandStruct* command) {
-    traceMshellCall("MshellCmdSetTraceOff", *command);
+    traceMshellCall(__func__, *command);
     if (command->paramCount < 1) {
         FormattedStringToStdout("ERROR: Parameter 1 (trace unit) is missing\n");
         return badCommandParam;
@@ -87,7 +69,7 @@ int MshellCmdSetTraceOff(CommandStruct* command) {
 }
 
 int MshellCmdSetTraceOnAll(CommandStruct* command) {
-    traceMshellCall("MshellCmdSetTraceOnAll", *command);
+    traceMshellCall(__func__, *command);
     if (command->paramCount < 1) {
         FormattedStringToStdout("ERROR: Parameter 1 (trace level) is missing\n");
         return badCommandParam;
@@ -104,14 +86,14 @@ int MshellCmdSetTraceOnAll(CommandStruct* command) {
 }
 
 int MshellCmdSetTraceOffAll(CommandStruct* command) {
-    traceMshellCall("MshellCmdSetTraceOffAll", *command);
+    traceMshellCall(__func__, *command);
     zantTrace.SetTraceOffAll();
     FormattedStringToStdout("All traces switched off\n");
     return 0;
 }
 
 int MshellCmdTraceState(CommandStruct* command) {
-    traceMshellCall("MshellCmdTraceState", *command);
+    traceMshellCall(__func__, *command);
     if (command->paramCount < 1)
         return zantTrace.PrintAllTraceActivationStates();
     const auto unit = unitParam(*command);
@@ -119,58 +101,48 @@ int MshellCmdTraceState(CommandStruct* command) {
 }
 
 int MshellCmdTimestampsOn(CommandStruct* command) {
-    traceMshellCall("MshellCmdTimestampsOn", *command);
+    traceMshellCall(__func__, *command);
     zantTrace.SetTraceTimestampsOn();
     FormattedStringToStdout("Trace timestamps switched on\n");
     return 0;
 }
 
 int MshellCmdTimestampsOff(CommandStruct* command) {
-    traceMshellCall("MshellCmdTimestampsOff", *command);
+    traceMshellCall(__func__, *command);
     zantTrace.SetTraceTimestampsOff();
     FormattedStringToStdout("Trace timestamps switched off\n");
     return 0;
 }
 
-/// A mode that a number switches: what its parameter is called, how it is set and what is said.
-struct Mode {
-    const char* handler;
-    const char* param;
-    int32_t (CZantTrace::*set)(int);
-    const char* on;
-    const char* off;
-};
-
-int switchMode(CommandStruct* command, const Mode& mode) {
-    traceMshellCall(mode.handler, *command);
-    const auto value = numberParam(*command, mode.param);
+/// A mode that a number switches: what its parameter is called and what is said.
+int switchMode(const char* handler, const CommandStruct& command, const char* param,
+               int32_t (CZantTrace::*set)(int), const char* on, const char* off) {
+    traceMshellCall(handler, command);
+    const auto value = numberParam(command, param);
     if (!value)
         return badCommandParam;
-    (zantTrace.*mode.set)(*value);
-    FormattedStringToStdout("%s\n", *value != 0 ? mode.on : mode.off);
+    (zantTrace.*set)(*value);
+    FormattedStringToStdout("%s\n", *value != 0 ? on : off);
     return 0;
 }
 
 int MshellCmdTraceDirectPrintMode(CommandStruct* command) {
-    return switchMode(command, {"MshellCmdTraceDirectPrintMode", "DirectPrintMode",
-                                &CZantTrace::SetTraceModeDirectPrint, "DirectPrintMode switched on",
-                                "DirectPrintMode switched off"});
+    return switchMode(__func__, *command, "DirectPrintMode", &CZantTrace::SetTraceModeDirectPrint,
+                      "DirectPrintMode switched on", "DirectPrintMode switched off");
 }
 
 int MshellCmdTraceUseSyslog(CommandStruct* command) {
-    return switchMode(command,
-                      {"MshellCmdTraceUseSyslog", "Use syslog", &CZantTrace::SetTraceModeUseSyslog,
-                       "Using syslog", "Not using syslog"});
+    return switchMode(__func__, *command, "Use syslog", &CZantTrace::SetTraceModeUseSyslog,
+                      "Using syslog", "Not using syslog");
 }
 
 int MshellCmdTraceWithColors(CommandStruct* command) {
-    return switchMode(command, {"MshellCmdTraceWithColors", "TraceWithColors",
-                                &CZantTrace::SetTraceWithColors, "TraceWithColors switched on",
-                                "TraceWithColors switched off"});
+    return switchMode(__func__, *command, "TraceWithColors", &CZantTrace::SetTraceWithColors,
+                      "TraceWithColors switched on", "TraceWithColors switched off");
 }
 
 int MshellCmdTraceLogfileMaxSize(CommandStruct* command) {
-    traceMshellCall("MshellCmdTraceLogfileMaxSize", *command);
+    traceMshellCall(__func__, *command);
     const auto size = numberParam(*command, "TraceLogfileMaxSize");
     if (!size)
         return badCommandParam;
@@ -184,25 +156,18 @@ int MshellCmdTraceLogfileMaxSize(CommandStruct* command) {
 }
 
 int MshellCmdStartTracingToScreen(CommandStruct* command) {
-    traceMshellCall("MshellCmdStartTracingToScreen", *command);
+    traceMshellCall(__func__, *command);
     FormattedStringToStdout("Starting tracing to screen !!!\n");
     return zantTrace.StartTracingToScreen();
 }
 
 int MshellCmdStopTracingToScreen(CommandStruct* command) {
-    traceMshellCall("MshellCmdStopTracingToScreen", *command);
+    traceMshellCall(__func__, *command);
     FormattedStringToStdout("Stopping tracing to screen !!!\n");
     return zantTrace.StopTracingToScreen();
 }
 
-struct Row {
-    int paramCount;
-    const char* name;
-    const char* help;
-    T_MshellHandler handler;
-};
-
-constexpr Row commands[] = {
+constexpr MshellCmd commands[] = {
     {2, "m_traceon", "m_traceon <trace_unit> <trace_level>\tSet trace level for a unit",
      MshellCmdSetTraceOn},
     {1, "m_traceoff", "m_traceoff <trace_unit>\t\t\tSwitch off traces for a unit",
@@ -240,6 +205,5 @@ constexpr Row commands[] = {
 } // namespace
 
 void AddZantTraceMshellCmds() {
-    for (const Row& row : commands)
-        mshell.AddMshellCmd(row.paramCount, row.name, group, row.help, row.handler, nullptr, true);
+    mshell.AddMshellCmds(group, commands);
 }

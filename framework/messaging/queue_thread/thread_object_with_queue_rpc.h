@@ -1,7 +1,7 @@
 #ifndef MESSAGING_THREAD_OBJECT_WITH_QUEUE_RPC_H
 #define MESSAGING_THREAD_OBJECT_WITH_QUEUE_RPC_H
 
-#include "messaging/thread/thread_object_with_queue.h"
+#include "messaging/queue_thread/thread_object_with_queue.h"
 
 #include <cstdint>
 

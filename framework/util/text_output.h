@@ -1,5 +1,5 @@
-#ifndef TRACE_OUTPUT_H
-#define TRACE_OUTPUT_H
+#ifndef UTIL_TEXT_OUTPUT_H
+#define UTIL_TEXT_OUTPUT_H
 
 /// Writes a text to standard output and flushes it. Survives a reader that is gone: the text is
 /// lost, SIGPIPE is not raised. Not a cancellation point. Thread-safe; each text goes out whole.

@@ -1,6 +1,6 @@
-#include "debug/trace/trace_output.h"
+#include "util/text_output.h"
 
-#include "messaging/queue/cancellation_block.h"
+#include "util/cancellation_block.h"
 
 #include <cerrno>
 #include <csignal>

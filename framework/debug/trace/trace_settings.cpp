@@ -1,6 +1,6 @@
-#include "debug/trace/zant_trace_state.h"
+#include "debug/trace/trace_settings.h"
 
-#include <syslog.h>
+#include "util/text_output.h"
 
 namespace {
 
@@ -8,15 +8,15 @@ constexpr unsigned defaultUnitNamesSize = sizeof(const char*);
 
 } // namespace
 
-std::atomic<bool> zantTraceDirectPrint{true};
-std::atomic<bool> zantTraceWriteToLogfileIfDirectPrint{true};
-std::atomic<bool> zantTraceUseSyslog{false};
-std::atomic<bool> zantTraceWithColors{true};
-std::atomic<int32_t> zantSyslogFacility{LOG_LOCAL0};
-std::atomic<const char*> zantTraceProcessPrefix{" "};
-std::atomic<const char*> initialTraceProcessPrefix{""};
+TraceSettings traceSettings;
 std::atomic<uint16_t> zantTraceCtr{0};
-std::atomic<T_UserTraceOutputFunction> funcUserTraceOutputPtr{nullptr};
+
+void TraceSettings::put(int32_t priority, const char* text) const {
+    if (zantTraceUseSyslog && priority != notForSyslog)
+        sendToSyslog(priority, text);
+    else if (tracingToScreen)
+        printToStdout(text);
+}
 
 const T_TraceLevelName zantTraceLevelNameTable[] = {
     {0, "TRACELEVEL_ALL"},

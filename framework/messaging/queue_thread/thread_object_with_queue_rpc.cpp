@@ -1,4 +1,4 @@
-#include "messaging/remote/thread_object_with_queue_rpc.h"
+#include "messaging/queue_thread/thread_object_with_queue_rpc.h"
 
 #include "debug/trace/zant_trace.h"
 #include "messaging/queue/zant_msg.h"
