@@ -2,7 +2,6 @@
 #include "session.h"
 
 #include <csignal>
-#include <cstdio>
 #include <cstdlib>
 #include <utility>
 
@@ -10,10 +9,8 @@ int main(int argc, char** argv) {
     std::signal(SIGPIPE, SIG_IGN); // a reader of the log that goes away ends nothing
 
     auto parsed = uvahost::parseOptions(argc, argv);
-    if (!parsed.options) {
-        std::fputs(parsed.text.c_str(), parsed.exitCode == 0 ? stdout : stderr);
-        return parsed.exitCode;
-    }
+    if (!parsed.options)
+        return parsed.tell();
     if (parsed.options->standalone)
         setenv("NOX_GST_STANDALONE", "1", 1);
 

@@ -30,15 +30,19 @@ public:
     bool abandoned() const { return m_abandoned; }
 
 private:
-    int answerQuestions(const host::BackendLibrary& library);
-    bool findMedia();
-    bool partOutput();
-    bool checkOutputs();
+    bool asksOnly() const { return m_options.canPlay || m_options.listTypes; }
+    void findMedia();
+    void partOutput();
+    void checkOutputs();
+    void useLibrary();
+    void answerQuestions(const host::BackendLibrary& library);
+    void playMedia(std::shared_ptr<const host::BackendLibrary> library);
     void playAll(Stage& stage);
     void playSource(Stage& stage);
     bool take(Playback::Result result, const std::string& name);
     void writeOutputs(const Timeline& timeline);
     void checkLog();
+    void failIf(const std::string& error);
     void fail(const std::string& text);
 
     OwnOutput m_output;

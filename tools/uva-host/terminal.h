@@ -11,7 +11,7 @@ namespace uvahost {
 class Terminal {
 public:
     Terminal();
-    ~Terminal();
+    ~Terminal() { restore(); }
 
     Terminal(const Terminal&) = delete;
     Terminal& operator=(const Terminal&) = delete;
@@ -25,7 +25,7 @@ public:
     void restore();
 
     /// Standard input, while keys can be read from it; else -1.
-    int keyFd() const;
+    int keyFd() const { return m_entered ? 0 : -1; }
 
     /// Columns.
     static int width();

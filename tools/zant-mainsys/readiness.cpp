@@ -1,12 +1,13 @@
 #include "readiness.h"
 
+#include "util/scoped_handles.h"
+
 #include <cerrno>
 #include <cstddef>
 #include <cstdlib>
 #include <cstring>
 #include <sys/socket.h>
 #include <sys/un.h>
-#include <unistd.h>
 
 namespace mainsys {
 
@@ -24,13 +25,12 @@ std::string tellReady() {
     if (*name == '@')
         address.sun_path[0] = '\0';
     const auto size = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + length);
-    const int socket = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    const bool sent = sendto(socket, ready, sizeof ready - 1, MSG_NOSIGNAL,
-                             reinterpret_cast<const sockaddr*>(&address), size) >= 0;
-    const int error = errno;
-    close(socket);
-    return sent ? std::string()
-                : std::string("cannot say READY=1 to NOTIFY_SOCKET: ") + strerrordesc_np(error);
+    const ScopedFd socket(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    const auto sent = sendto(socket.get(), ready, sizeof ready - 1, MSG_NOSIGNAL,
+                             reinterpret_cast<const sockaddr*>(&address), size);
+    return sent >= 0
+               ? std::string()
+               : std::string("cannot say READY=1 to NOTIFY_SOCKET: ") + strerrordesc_np(errno);
 }
 
 } // namespace mainsys

@@ -1,7 +1,8 @@
 #include "service_claim.h"
 
+#include "failure.h"
+
 #include <cerrno>
-#include <climits>
 #include <cstddef>
 #include <cstring>
 #include <fstream>
@@ -34,17 +35,15 @@ std::string nameOf(pid_t process) {
 
 /// Asks the socket that has the name: credentials are those of the process that began to listen.
 std::string whoHas(const sockaddr_un& address, socklen_t size) {
-    const int socket = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+    const ScopedFd socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     ucred owner{};
     socklen_t ownerSize = sizeof owner;
-    const bool known = connect(socket, reinterpret_cast<const sockaddr*>(&address), size) == 0 &&
-                       getsockopt(socket, SOL_SOCKET, SO_PEERCRED, &owner, &ownerSize) == 0 &&
-                       owner.pid > 0;
-    close(socket);
-    if (!known)
-        return "another main system";
-    return nameOf(owner.pid) + ", process " + std::to_string(owner.pid) + " of user " +
-           std::to_string(owner.uid);
+    const bool known =
+        connect(socket.get(), reinterpret_cast<const sockaddr*>(&address), size) == 0 &&
+        getsockopt(socket.get(), SOL_SOCKET, SO_PEERCRED, &owner, &ownerSize) == 0 && owner.pid > 0;
+    return known ? nameOf(owner.pid) + ", process " + std::to_string(owner.pid) + " of user " +
+                       std::to_string(owner.uid)
+                 : "another main system";
 }
 
 } // namespace
@@ -52,19 +51,15 @@ std::string whoHas(const sockaddr_un& address, socklen_t size) {
 ServiceClaim::ServiceClaim() : m_socket(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
     socklen_t size = 0;
     const sockaddr_un address = addressOfClaim(size);
-    if (m_socket >= 0 && bind(m_socket, reinterpret_cast<const sockaddr*>(&address), size) == 0 &&
-        listen(m_socket, SOMAXCONN) == 0)
+    if (bind(m_socket.get(), reinterpret_cast<const sockaddr*>(&address), size) == 0 &&
+        listen(m_socket.get(), SOMAXCONN) == 0)
         return;
-    m_taken = errno == EADDRINUSE;
-    m_whyNot = m_taken
-                   ? "the main system's queue is served by " + whoHas(address, size) +
-                         "; end that one first, or run this one in a box of its own (tvbox)"
-                   : std::string("cannot claim the main system's queue: ") + strerrordesc_np(errno);
-}
-
-ServiceClaim::~ServiceClaim() {
-    if (m_socket >= 0)
-        close(m_socket);
+    if (errno == EADDRINUSE)
+        throw Failure(ExitServed, "the main system's queue is served by " + whoHas(address, size) +
+                                      "; end that one first, or run this one in a box of its own "
+                                      "(tvbox)");
+    throw Failure(ExitFailed,
+                  std::string("cannot claim the main system's queue: ") + strerrordesc_np(errno));
 }
 
 } // namespace mainsys

@@ -3,7 +3,8 @@
 
 #include "arbiter.h"
 #include "command.h"
-#include "link_process.h"
+#include "common/signals.h"
+#include "link.h"
 #include "options.h"
 #include "timeline.h"
 
@@ -18,9 +19,6 @@ namespace mainsys {
 class Session {
 public:
     explicit Session(Options options);
-    ~Session();
-    Session(const Session&) = delete;
-    Session& operator=(const Session&) = delete;
 
     /// The exit code.
     int run();
@@ -40,13 +38,15 @@ private:
         Arbiter::Answer answer;
     };
 
+    bool isScenario() const { return !m_options.scenario.empty(); }
     bool readScenario();
     void bringUp();
-    static void sayReady();
     void obeyLines();
     void obey(const Command& command, const Line& line);
     void setMode(Arbiter::Mode mode);
+    void grant(uint32_t kinds);
     void crash();
+    void restart();
     void printStatus() const;
     void tryHolding();
     bool metExpectation(const Command& command);
@@ -56,6 +56,8 @@ private:
     int timeout() const;
     void takeSignals();
     void takeInput();
+    void lookForPlayer();
+    void playerEnded();
     void received(const Signal& signal);
     void answerLater(std::optional<Arbiter::Answer> answer);
     void giveDueAnswers();
@@ -64,23 +66,26 @@ private:
     void sendGarbage(uint32_t count);
     void log(Clock::time_point time, const std::string& text) const;
     void log(const char* direction, const Signal& signal) const;
-    bool writeTimeline();
+    void writeTimeline();
+    void end(int exitCode, const std::string& why);
 
-    Options m_options;
+    const Options m_options;
     const Clock::time_point m_start = Clock::now();
+    tools::Signals m_endSignals{SIGINT, SIGTERM};
     Arbiter m_arbiter;
-    LinkProcess m_link;
+    std::optional<Link> m_link; ///< nothing: the main system is down
     Timeline m_timeline;
     Milliseconds m_delay{0};
     std::deque<Delayed> m_delayed;
     std::deque<Line> m_lines;
     std::optional<Holding> m_holding;
     std::deque<Signal> m_unexpected; ///< came since the last expected one
+    ScopedFd m_player;               ///< its process, once it is known
+    bool m_playerEnded = false;      ///< the scenario waits for nothing any more
     std::string m_input;             ///< of a line that is not complete
-    bool m_inputOpen = false;
-    int m_endSignals = -1;
-    int m_cookie = 0;
+    bool m_inputOpen;
     int m_inputLine = 0;
+    int m_cookie = 0;
     bool m_ended = false;
     int m_exitCode = 0;
 };
