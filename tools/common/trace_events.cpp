@@ -32,14 +32,9 @@ TraceEvents::TraceEvents(const char* process, std::initializer_list<const char*>
         add({"M", ++number, "thread_name", {{"name", track}}});
 }
 
-void TraceEvents::instant(int track, const std::string& name, Time time,
-                          const Arguments& arguments) {
-    add({"i", track, name, arguments, time, {}, "t"});
-}
-
-void TraceEvents::milestone(int track, const std::string& name, Time time,
-                            const Arguments& arguments) {
-    add({"i", track, name, arguments, time, {}, "p"});
+void TraceEvents::instant(int track, const std::string& name, Time time, const Arguments& arguments,
+                          const char* scope) {
+    add({"i", track, name, arguments, time, {}, scope});
 }
 
 void TraceEvents::span(int track, const std::string& name, Time begin, Time end,

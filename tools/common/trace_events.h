@@ -20,9 +20,9 @@ public:
 
     TraceEvents(const char* process, std::initializer_list<const char*> tracks);
 
-    void instant(int track, const std::string& name, Time time, const Arguments& arguments = {});
-    /// ... that concerns all tracks.
-    void milestone(int track, const std::string& name, Time time, const Arguments& arguments);
+    /// `scope`: "t" for its track, "p" when it concerns all of them.
+    void instant(int track, const std::string& name, Time time, const Arguments& arguments = {},
+                 const char* scope = "t");
     void span(int track, const std::string& name, Time begin, Time end,
               const Arguments& arguments = {});
     void counter(int track, const std::string& name, Time time, const Arguments& values);

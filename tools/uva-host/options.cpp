@@ -4,10 +4,8 @@
 
 #include <CLI/CLI.hpp>
 
-#include <cmath>
 #include <cstdio>
-#include <functional>
-#include <sstream>
+#include <regex>
 
 namespace uvahost {
 
@@ -237,33 +235,19 @@ void declare(CLI::App& app, Options& options) {
 } // namespace
 
 std::optional<double> parseTime(const std::string& text) {
+    static const std::regex form("(?:(?:(\\d+):)?(\\d+):)?(\\d+\\.?\\d*|\\.\\d+)");
     constexpr std::size_t longest = 32;
-    if (text.empty() || text.size() > longest)
+    constexpr double longestMedia = 1e9; // seconds; what nanoseconds in 64 bits hold
+    std::smatch parts;                   // hours, minutes, seconds
+    if (text.size() > longest || !std::regex_match(text, parts, form))
         return std::nullopt;
-    if (text.find_first_not_of("0123456789.:") != std::string::npos)
-        return std::nullopt;
-
-    std::vector<std::string> parts;
-    std::istringstream stream(text + ":");
-    for (std::string part; std::getline(stream, part, ':');)
-        parts.push_back(part);
-    if (parts.size() > 3)
-        return std::nullopt;
-
     double total = 0;
-    for (std::size_t i = 0; i < parts.size(); ++i) {
-        const bool last = i + 1 == parts.size();
-        const auto point = parts[i].find('.');
-        const bool malformed = parts[i].find_first_of("0123456789") == std::string::npos ||
-                               parts[i].find('.', point + 1) != std::string::npos;
-        if ((point != std::string::npos && (!last || malformed)) || malformed)
-            return std::nullopt;
-        const double value = std::stod(parts[i]);
-        if (i > 0 && value >= 60)
+    for (std::size_t i = 1; i < parts.size(); ++i) {
+        const double value = parts[i].matched ? std::stod(parts[i]) : 0;
+        if (value >= 60 && i > 1 && parts[i - 1].matched)
             return std::nullopt;
         total = total * 60 + value;
     }
-    constexpr double longestMedia = 1e9; // seconds; what nanoseconds in 64 bits hold
     return total <= longestMedia ? std::optional(total) : std::nullopt;
 }
 

@@ -9,7 +9,7 @@ enum Track : int { Operations = 1, Events, States };
 } // namespace
 
 void Timeline::mediaBegins(const std::string& name, host::Clock::time_point time) {
-    m_events.milestone(Events, "media", time, {{"name", name}});
+    m_events.instant(Events, "media", time, {{"name", name}}, "p");
     m_last = {};
 }
 

@@ -1,5 +1,6 @@
 #include "arbiter.h"
 
+#include <iterator>
 #include <utility>
 
 namespace mainsys {
@@ -26,10 +27,14 @@ void Arbiter::plugInStarted() {
 }
 
 bool Arbiter::canGrant(uint32_t kinds) const {
-    const bool audio = (kinds & audioKind) == 0 || m_decoders[0] > 0;
-    const bool video = (kinds & videoKind) == 0 || m_decoders[1] > 0;
-    const bool known = kinds != 0 && (kinds & ~(audioKind | videoKind)) == 0;
-    return known && audio && video;
+    const uint32_t there =
+        (m_decoders[0] > 0 ? audioKind : 0) | (m_decoders[1] > 0 ? videoKind : 0);
+    return kinds != 0 && (kinds & ~there) == 0;
+}
+
+std::string kindsText(uint32_t kinds) {
+    static constexpr const char* names[] = {"none", "audio", "video", "audio+video"};
+    return kinds < std::size(names) ? names[kinds] : std::to_string(kinds);
 }
 
 } // namespace mainsys

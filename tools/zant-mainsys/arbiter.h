@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <optional>
+#include <string>
 
 namespace mainsys {
 
@@ -44,6 +45,9 @@ private:
     uint32_t m_granted = 0;
     uint32_t m_held = 0;
 };
+
+/// "audio", "video", "audio+video", "none", or the number for other masks.
+std::string kindsText(uint32_t kinds);
 
 } // namespace mainsys
 

@@ -3,7 +3,7 @@
 
 #include "messaging/queue/zant_msg_body.h"
 #include "messaging/remote/rpc_sequence.h"
-#include "service_claim.h"
+#include "service.h"
 
 #include <chrono>
 #include <cstdint>

@@ -3,7 +3,7 @@
 #include "common/output_file.h"
 #include "describe.h"
 #include "failure.h"
-#include "readiness.h"
+#include "service.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -17,8 +17,6 @@
 namespace mainsys {
 
 namespace {
-
-using Verb = Command::Verb;
 
 void complain(const std::string& text) {
     if (!text.empty())
@@ -62,10 +60,10 @@ bool Session::readScenario() {
     int number = 0;
     for (std::string text; std::getline(file, text);) {
         m_lines.push_back({++number, text});
-        const auto parsed = parseCommand(text);
-        if (parsed.command)
+        const std::string error = parseCommand(text).error;
+        if (error.empty())
             continue;
-        fprintf(stderr, "%s:%d: %s\n", m_options.scenario.c_str(), number, parsed.error.c_str());
+        fprintf(stderr, "%s:%d: %s\n", m_options.scenario.c_str(), number, error.c_str());
         good = false;
     }
     return good;
@@ -74,7 +72,7 @@ bool Session::readScenario() {
 void Session::bringUp() {
     try {
         m_link.emplace();
-        log(Clock::now(), "main system is up");
+        log("main system is up");
     } catch (const Failure& failure) {
         end(failure.exitCode, failure.what());
     }
@@ -83,61 +81,24 @@ void Session::bringUp() {
 void Session::obeyLines() {
     tryHolding();
     while (!m_ended && !m_holding && !m_lines.empty()) {
-        const Line line = m_lines.front();
-        m_lines.pop_front();
-        const auto parsed = parseCommand(line.text);
-        complain(parsed.error);
-        if (!parsed.command || parsed.command->verb == Verb::Nothing)
-            continue;
-        const auto now = Clock::now();
-        log(now, "obey " + line.text);
-        m_timeline.ordered(line.text, now);
-        obey(*parsed.command, line);
+        obeyLine();
         tryHolding();
     }
     if (isScenario() && m_lines.empty() && !m_holding)
         m_ended = true;
 }
 
-void Session::obey(const Command& command, const Line& line) {
-    switch (command.verb) {
-    case Verb::Nothing:
+void Session::obeyLine() {
+    m_line = m_lines.front();
+    m_lines.pop_front();
+    const Command command = parseCommand(m_line.text);
+    complain(command.error);
+    if (!command.error.empty() || !command.obey)
         return;
-    case Verb::Grant:
-        return grant(command.kinds);
-    case Verb::Refuse:
-        return setMode(Arbiter::Mode::Refuse);
-    case Verb::Ignore:
-        return setMode(Arbiter::Mode::Ignore);
-    case Verb::Delay:
-        m_delay = command.time;
-        return;
-    case Verb::Release:
-        return send(SIG_ID_MPLAYER_DECODER_RELEASE_REQ, command.kinds, {}, ++m_cookie);
-    case Verb::Control:
-        return send(SIG_ID_MPLAYER_CONTROL_REQ, 0, command.text);
-    case Verb::Crash:
-        return crash();
-    case Verb::Restart:
-        return restart();
-    case Verb::Expect:
-    case Verb::ExpectNone:
-    case Verb::Wait:
-        lookForPlayer();
-        m_holding = Holding{command, line, Clock::now() + command.time};
-        return;
-    case Verb::Raw:
-        return sendRaw(command.body, command.count);
-    case Verb::Garbage:
-        return sendGarbage(command.count);
-    case Verb::Status:
-        return printStatus();
-    case Verb::Help:
-        fputs(commandHelp().c_str(), stdout);
-        return;
-    case Verb::Quit:
-        m_ended = true;
-    }
+    const auto now = Clock::now();
+    log("obey " + m_line.text, now);
+    m_timeline.ordered(m_line.text, now);
+    command.obey(*this, command.arguments);
 }
 
 void Session::setMode(Arbiter::Mode mode) {
@@ -151,6 +112,14 @@ void Session::grant(uint32_t kinds) {
         return setMode(Arbiter::Mode::Grant);
     m_arbiter.granted(kinds);
     send(SIG_ID_MPLAYER_DECODER_AVAILABLE_IND, kinds);
+}
+
+void Session::askBack(uint32_t kinds) {
+    send(SIG_ID_MPLAYER_DECODER_RELEASE_REQ, kinds, {}, ++m_cookie);
+}
+
+void Session::control(const std::string& text) {
+    send(SIG_ID_MPLAYER_CONTROL_REQ, 0, text);
 }
 
 /// Nothing is put in order: what is left is what a main system that dies leaves.
@@ -173,27 +142,31 @@ void Session::printStatus() const {
            m_link ? "up" : "down", kindsText(m_arbiter.granted()).c_str(), m_delayed.size());
 }
 
+void Session::hold(Milliseconds time, const std::optional<Expectation>& expectation) {
+    lookForPlayer();
+    m_holding = Holding{expectation, Clock::now() + time};
+}
+
 void Session::tryHolding() {
     if (!m_holding)
         return;
-    const auto verb = m_holding->command.verb;
-    const bool met = verb != Verb::Wait && metExpectation(m_holding->command);
-    if (!met && !m_playerEnded && Clock::now() < m_holding->until)
+    const auto expectation = m_holding->expectation;
+    const bool came = expectation && takeExpected(*expectation);
+    if (!came && !m_playerEnded && Clock::now() < m_holding->until)
         return;
-    const Line line = m_holding->line;
     m_holding.reset();
-    if (met && verb == Verb::ExpectNone)
-        failed(line, "it came");
-    if (!met && verb == Verb::Expect)
-        failed(line, m_playerEnded ? "the player has ended, it did not come" : "it did not come");
+    if (expectation && came != expectation->toCome)
+        failed(came            ? "it came"
+               : m_playerEnded ? "the player has ended, it did not come"
+                               : "it did not come");
 }
 
 /// Takes away what came before the expected signal, and that one.
-bool Session::metExpectation(const Command& command) {
+bool Session::takeExpected(const Expectation& expectation) {
     const auto found =
-        std::find_if(m_unexpected.begin(), m_unexpected.end(), [&command](const Signal& signal) {
-            return signal.body.signalId == command.signal &&
-                   (!command.parameter || signal.body.param1 == *command.parameter);
+        std::find_if(m_unexpected.begin(), m_unexpected.end(), [&](const Signal& signal) {
+            return signal.body.signalId == expectation.signal &&
+                   signal.body.param1 == expectation.parameter.value_or(signal.body.param1);
         });
     if (found == m_unexpected.end())
         return false;
@@ -201,13 +174,14 @@ bool Session::metExpectation(const Command& command) {
     return true;
 }
 
-void Session::failed(const Line& line, const std::string& why) {
+void Session::failed(const std::string& why) {
     std::string came;
     for (const Signal& signal : m_unexpected)
         came += " " + signalName(signal.body) + "(" + std::to_string(signal.body.param1) + ")";
     const std::string where = isScenario() ? m_options.scenario : "standard input";
-    fprintf(stderr, "%s:%d: '%s': %s; since the last expectation:%s\n", where.c_str(), line.number,
-            line.text.c_str(), why.c_str(), came.empty() ? " nothing" : came.c_str());
+    fprintf(stderr, "%s:%d: '%s': %s; since the last expectation:%s\n", where.c_str(),
+            m_line.number, m_line.text.c_str(), why.c_str(),
+            came.empty() ? " nothing" : came.c_str());
     m_exitCode = ExitFailed;
     m_ended = isScenario();
 }
@@ -271,7 +245,7 @@ void Session::playerEnded() {
     takeSignals(); // all that it has sent is there by now
     m_player.reset();
     m_playerEnded = isScenario();
-    log(Clock::now(), "player has ended");
+    log("player has ended");
 }
 
 void Session::received(const Signal& signal) {
@@ -344,14 +318,15 @@ void Session::sendGarbage(uint32_t count) {
     }
 }
 
-void Session::log(Clock::time_point time, const std::string& text) const {
+void Session::log(const std::string& text, Clock::time_point time) const {
     if (!m_options.quiet)
         printf("%11.6f %s\n", std::chrono::duration<double>(time - m_start).count(), text.c_str());
 }
 
 void Session::log(const char* direction, const Signal& signal) const {
-    log(signal.time, std::string(direction) + " " + std::to_string(signal.body.signalId) + " " +
-                         signalName(signal.body) + describe(signal));
+    log(std::string(direction) + " " + std::to_string(signal.body.signalId) + " " +
+            signalName(signal.body) + describe(signal),
+        signal.time);
 }
 
 void Session::writeTimeline() {

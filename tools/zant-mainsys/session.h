@@ -23,14 +23,27 @@ public:
     /// The exit code.
     int run();
 
+    // What commands order.
+    void setMode(Arbiter::Mode mode);
+    void grant(uint32_t kinds); ///< 0: what is asked for
+    void setDelay(Milliseconds delay) { m_delay = delay; }
+    void askBack(uint32_t kinds);
+    void control(const std::string& text);
+    void crash();
+    void restart();
+    void hold(Milliseconds time, const std::optional<Expectation>& expectation);
+    void sendRaw(const ZantMsgBody& body, uint32_t count);
+    void sendGarbage(uint32_t count);
+    void printStatus() const;
+    void quit() { m_ended = true; }
+
 private:
     struct Line {
-        int number;
+        int number = 0;
         std::string text;
     };
-    struct Holding { ///< a command that holds those behind it
-        Command command;
-        Line line;
+    struct Holding { ///< what holds the lines behind the one that is being obeyed
+        std::optional<Expectation> expectation;
         Clock::time_point until;
     };
     struct Delayed {
@@ -42,15 +55,10 @@ private:
     bool readScenario();
     void bringUp();
     void obeyLines();
-    void obey(const Command& command, const Line& line);
-    void setMode(Arbiter::Mode mode);
-    void grant(uint32_t kinds);
-    void crash();
-    void restart();
-    void printStatus() const;
+    void obeyLine();
     void tryHolding();
-    bool metExpectation(const Command& command);
-    void failed(const Line& line, const std::string& why);
+    bool takeExpected(const Expectation& expectation);
+    void failed(const std::string& why);
 
     void waitForSomething();
     int timeout() const;
@@ -62,9 +70,7 @@ private:
     void answerLater(std::optional<Arbiter::Answer> answer);
     void giveDueAnswers();
     void send(uint32_t signal, uint32_t param1, const std::string& payload = {}, int cookie = 0);
-    void sendRaw(const ZantMsgBody& body, uint32_t count);
-    void sendGarbage(uint32_t count);
-    void log(Clock::time_point time, const std::string& text) const;
+    void log(const std::string& text, Clock::time_point time = Clock::now()) const;
     void log(const char* direction, const Signal& signal) const;
     void writeTimeline();
     void end(int exitCode, const std::string& why);
@@ -78,6 +84,7 @@ private:
     Milliseconds m_delay{0};
     std::deque<Delayed> m_delayed;
     std::deque<Line> m_lines;
+    Line m_line; ///< that is being obeyed
     std::optional<Holding> m_holding;
     std::deque<Signal> m_unexpected; ///< came since the last expected one
     ScopedFd m_player;               ///< its process, once it is known

@@ -1,7 +1,9 @@
-#ifndef MAINSYS_SERVICE_CLAIM_H
-#define MAINSYS_SERVICE_CLAIM_H
+#ifndef MAINSYS_SERVICE_H
+#define MAINSYS_SERVICE_H
 
 #include "util/scoped_handles.h"
+
+#include <string>
 
 namespace mainsys {
 
@@ -16,6 +18,10 @@ public:
 private:
     ScopedFd m_socket;
 };
+
+/// Tells who started the program that it is ready, if that one wants to know: "READY=1" to the
+/// datagram socket that NOTIFY_SOCKET names, as service managers have it. Why not, or empty.
+std::string tellReady();
 
 } // namespace mainsys
 
