@@ -14,14 +14,8 @@ int main(int argc, char** argv) {
     if (parsed.options->standalone)
         setenv("NOX_GST_STANDALONE", "1", 1);
 
-    bool abandoned = false;
-    int exitCode = 0;
-    {
-        uvahost::Session session(std::move(*parsed.options));
-        exitCode = session.run();
-        abandoned = session.abandoned();
-    }
-    if (abandoned)
-        std::_Exit(exitCode);
-    return exitCode;
+    const auto outcome = uvahost::Session(std::move(*parsed.options)).run();
+    if (outcome.abandoned)
+        std::_Exit(outcome.exitCode);
+    return outcome.exitCode;
 }

@@ -47,29 +47,20 @@ Exit codes:
   130  interrupted with Ctrl-C (128 and the signal's number for other signals)
 )";
 
-/// The two sides of "T=REST"; false when T is no time or nothing follows.
-bool splitAtTime(const std::string& text, double& time, std::string& rest) {
-    const auto equals = text.find('=');
-    const auto parsed = parseTime(text.substr(0, equals));
-    if (equals == std::string::npos || !parsed || equals + 1 == text.size())
-        return false;
-    time = *parsed;
-    rest = text.substr(equals + 1);
-    return true;
-}
-
 std::optional<RenditionSwitch> parseSwitch(const std::string& text) {
-    RenditionSwitch result;
-    return splitAtTime(text, result.time, result.name) ? std::optional(result) : std::nullopt;
+    const auto equals = text.find('=');
+    const auto time = parseTime(text.substr(0, equals));
+    if (equals == std::string::npos || !time || equals + 1 == text.size())
+        return std::nullopt;
+    return RenditionSwitch{*time, text.substr(equals + 1)};
 }
 
 std::optional<Detach> parseDetach(const std::string& text) {
-    Detach result;
-    std::string kind;
-    if (!splitAtTime(text, result.time, kind) || (kind != "audio" && kind != "video"))
+    using Kind = host::StreamInfo::Kind;
+    const auto parts = parseSwitch(text);
+    if (!parts || (parts->name != "audio" && parts->name != "video"))
         return std::nullopt;
-    result.kind = kind == "audio" ? host::StreamInfo::Kind::Audio : host::StreamInfo::Kind::Video;
-    return result;
+    return Detach{parts->time, parts->name == "audio" ? Kind::Audio : Kind::Video};
 }
 
 std::optional<double> parsePeriod(const std::string& text) {
@@ -83,9 +74,8 @@ std::optional<host::KeyPair> parseKey(const std::string& text) {
 }
 
 std::optional<std::string> parseGraph(const std::string& path) {
-    const auto dot = path.rfind('.');
-    const auto ending = dot == std::string::npos ? std::string() : path.substr(dot);
-    return ending == ".svg" || ending == ".dot" ? std::optional(path) : std::nullopt;
+    static const std::regex form("[^]*\\.(svg|dot)");
+    return std::regex_match(path, form) ? std::optional(path) : std::nullopt;
 }
 
 /// What an option takes: how it is called in the help, how it is read, what is said of what it is

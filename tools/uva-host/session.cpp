@@ -8,7 +8,6 @@
 #include "host/event_loop.h"
 #include "host/media_uri.h"
 #include "media_source.h"
-#include "pipeline_graph.h"
 #include "uva/uva_client.h"
 #include "uva/uva_event.h"
 
@@ -16,7 +15,6 @@
 #include <csignal>
 #include <cstdio>
 #include <cstring>
-#include <utility>
 
 namespace uvahost {
 
@@ -49,11 +47,7 @@ public:
 
 } // namespace
 
-Session::Session(Options options) : m_options(std::move(options)) {}
-
-Session::~Session() = default;
-
-int Session::run() {
+Session::Outcome Session::run() {
     findMedia();
     if (m_exitCode == 0)
         partOutput();
@@ -61,12 +55,12 @@ int Session::run() {
         checkOutputs();
     if (m_exitCode == 0)
         useLibrary();
-    return m_exitCode;
+    return {m_exitCode, m_abandoned};
 }
 
 void Session::useLibrary() {
     if (!m_options.graph.empty())
-        m_graph = std::make_unique<PipelineGraph>();
+        m_graph.emplace();
     const GstErrors errors;
     auto loaded = host::BackendLibrary::load(m_options.backend);
     if (loaded.library == nullptr)
@@ -184,7 +178,7 @@ void Session::writeOutputs(const Timeline& timeline) {
         const auto png = host::encodePng(m_snapshot, error);
         failIf(error.empty() ? write(m_options.snapshot, png) : error);
     }
-    if (m_graph != nullptr)
+    if (m_graph)
         failIf(m_graph->writeTo(m_output.pathOf(m_options.graph)));
     if (!m_options.timeline.empty())
         failIf(write(m_options.timeline, timeline.text()));

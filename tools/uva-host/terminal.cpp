@@ -62,13 +62,16 @@ void Terminal::enter() {
     modes.c_lflag &= ~static_cast<tcflag_t>(ICANON | ECHO);
     modes.c_cc[VMIN] = 1;
     modes.c_cc[VTIME] = 0;
-    modesChanged = 1;
-    m_entered = tcsetattr(STDIN_FILENO, TCSADRAIN, &modes) == 0;
+    modesChanged = 1; // before they are: an end may come any time
+    modesChanged = tcsetattr(STDIN_FILENO, TCSADRAIN, &modes) == 0 ? 1 : 0;
 }
 
 void Terminal::restore() {
     putModesBack();
-    m_entered = false;
+}
+
+int Terminal::keyFd() {
+    return modesChanged != 0 ? STDIN_FILENO : -1;
 }
 
 int Terminal::width() {

@@ -22,17 +22,16 @@ public:
     /// Takes the keyboard, if there is one and we are in the foreground. Also after having been
     /// stopped.
     void enter();
-    void restore();
+    static void restore();
 
     /// Standard input, while keys can be read from it; else -1.
-    int keyFd() const { return m_entered ? 0 : -1; }
+    static int keyFd();
 
     /// Columns.
     static int width();
 
 private:
     bool m_live = false;
-    bool m_entered = false;
 };
 
 enum class Key { Pause, Back, Forward, Quit };

@@ -2,7 +2,6 @@
 
 #include "cpucomm/tri_hidtv.h"
 #include "cpucomm/trid_cpucomm.h"
-#include "failure.h"
 #include "messaging/queue/queue_io.h"
 
 #include <algorithm>

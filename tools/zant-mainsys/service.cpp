@@ -1,7 +1,5 @@
 #include "service.h"
 
-#include "failure.h"
-
 #include <cerrno>
 #include <cstddef>
 #include <cstdlib>

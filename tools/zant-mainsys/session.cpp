@@ -2,8 +2,6 @@
 
 #include "common/output_file.h"
 #include "describe.h"
-#include "failure.h"
-#include "service.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -250,8 +248,7 @@ void Session::playerEnded() {
 
 void Session::received(const Signal& signal) {
     constexpr size_t mostUnexpected = 10000;
-    log("<-", signal);
-    m_timeline.received(signal);
+    passed(Direction::FromPlugIn, signal);
     m_unexpected.push_back(signal);
     if (m_unexpected.size() > mostUnexpected)
         m_unexpected.pop_front();
@@ -292,16 +289,14 @@ void Session::send(uint32_t signal, uint32_t param1, const std::string& payload,
     sent.body.param1 = static_cast<int32_t>(param1);
     sent.body.responseInfo = cookie;
     sent.body.signalSize = static_cast<int32_t>(payload.size());
-    log("->", sent);
-    m_timeline.sent(sent);
+    passed(Direction::ToPlugIn, sent);
     if (m_link)
         m_link->send(sent);
 }
 
 void Session::sendRaw(const ZantMsgBody& body, uint32_t count) {
     const Signal sent{Clock::now(), body, {}};
-    log("->", sent);
-    m_timeline.sent(sent);
+    passed(Direction::ToPlugIn, sent);
     if (m_link)
         Link::sendRaw(body, count);
 }
@@ -323,10 +318,11 @@ void Session::log(const std::string& text, Clock::time_point time) const {
         printf("%11.6f %s\n", std::chrono::duration<double>(time - m_start).count(), text.c_str());
 }
 
-void Session::log(const char* direction, const Signal& signal) const {
-    log(std::string(direction) + " " + std::to_string(signal.body.signalId) + " " +
-            signalName(signal.body) + describe(signal),
+void Session::passed(Direction direction, const Signal& signal) {
+    log((direction == Direction::FromPlugIn ? "<- " : "-> ") +
+            std::to_string(signal.body.signalId) + " " + signalName(signal.body) + describe(signal),
         signal.time);
+    m_timeline.passed(direction, signal);
 }
 
 void Session::writeTimeline() {

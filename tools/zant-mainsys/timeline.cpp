@@ -11,9 +11,21 @@ enum Track : int { FromPlugIn = 1, ToPlugIn, Orders, AudioDecoder, VideoDecoder 
 
 constexpr const char* askedFor = "asked for";
 
+/// What becomes of the kinds that a signal names; null: nothing of them is left.
+constexpr struct {
+    Direction direction;
+    SignalIds signal;
+    const char* span;
+} turns[] = {
+    {Direction::FromPlugIn, SIG_ID_MPLAYER_DECODER_NEEDED_IND, askedFor},
+    {Direction::ToPlugIn, SIG_ID_MPLAYER_DECODER_AVAILABLE_IND, "granted"},
+    {Direction::ToPlugIn, SIG_ID_MPLAYER_DECODER_RELEASE_REQ, "asked back"},
+    {Direction::FromPlugIn, SIG_ID_MPLAYER_DECODER_RELEASE_RESP, nullptr},
+};
+
 } // namespace
 
-void Timeline::add(const Signal& signal, int track) {
+void Timeline::passed(Direction direction, const Signal& signal) {
     tools::TraceEvents::Arguments arguments = {
         {"number", static_cast<long long>(signal.body.signalId)},
         {"param1", static_cast<long long>(signal.body.param1)}};
@@ -21,25 +33,12 @@ void Timeline::add(const Signal& signal, int track) {
         arguments.emplace_back("seq", static_cast<long long>(signal.sequence()));
     if (const std::string payload = describePayload(signal); !payload.empty())
         arguments.emplace_back("payload", payload);
-    m_events.instant(track, signalName(signal.body), signal.time, arguments);
-}
+    m_events.instant(direction == Direction::FromPlugIn ? FromPlugIn : ToPlugIn,
+                     signalName(signal.body), signal.time, arguments);
 
-void Timeline::received(const Signal& signal) {
-    add(signal, FromPlugIn);
-    const auto kinds = static_cast<uint32_t>(signal.body.param1);
-    if (signal.body.signalId == SIG_ID_MPLAYER_DECODER_NEEDED_IND)
-        changeSpans(kinds, askedFor, signal.time);
-    if (signal.body.signalId == SIG_ID_MPLAYER_DECODER_RELEASE_RESP)
-        changeSpans(kinds, nullptr, signal.time);
-}
-
-void Timeline::sent(const Signal& signal) {
-    add(signal, ToPlugIn);
-    const auto kinds = static_cast<uint32_t>(signal.body.param1);
-    if (signal.body.signalId == SIG_ID_MPLAYER_DECODER_AVAILABLE_IND)
-        changeSpans(kinds, "granted", signal.time);
-    if (signal.body.signalId == SIG_ID_MPLAYER_DECODER_RELEASE_REQ)
-        changeSpans(kinds, "asked back", signal.time);
+    for (const auto& turn : turns)
+        if (turn.direction == direction && turn.signal == signal.body.signalId)
+            changeSpans(static_cast<uint32_t>(signal.body.param1), turn.span, signal.time);
     if (signal.body.signalId == SIG_ID_MPLAYER_DECODER_NOT_AVAILABLE_IND)
         for (const uint32_t kind : {audioKind, videoKind})
             if (m_spans[kind - 1] && m_spans[kind - 1]->name == askedFor)

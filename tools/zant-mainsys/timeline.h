@@ -9,12 +9,13 @@
 
 namespace mainsys {
 
+enum class Direction { FromPlugIn, ToPlugIn };
+
 /// The handshake as trace events: signals from and to the plug-in, what was ordered, and for each
 /// kind of decoder the spans in which it was asked for and was the plug-in's.
 class Timeline {
 public:
-    void received(const Signal& signal);
-    void sent(const Signal& signal);
+    void passed(Direction direction, const Signal& signal);
     void ordered(const std::string& line, Clock::time_point time);
     /// The main system went or came: what stood before does not any more.
     void endSpans(Clock::time_point time);
@@ -27,7 +28,6 @@ private:
         Clock::time_point since;
     };
 
-    void add(const Signal& signal, int track);
     void changeSpans(uint32_t kinds, const char* name, Clock::time_point time);
 
     tools::TraceEvents m_events{
