@@ -60,6 +60,10 @@ void discardOldQueue() {
     mq_unlink(ownQueue);
 }
 
+ScopedFd openPlugInQueue() {
+    return ScopedFd(mq_open(plugInQueue, O_WRONLY | O_NONBLOCK));
+}
+
 ScopedFd openOwnQueue() {
     constexpr long messages = 50;
     constexpr mode_t ownerAndGroup = 0660;
@@ -128,7 +132,7 @@ std::optional<Signal> Link::take() {
 }
 
 void Link::send(const Signal& signal) {
-    const ScopedFd queue(mq_open(plugInQueue, O_WRONLY | O_NONBLOCK));
+    const ScopedFd queue = openPlugInQueue();
     if (!queue)
         return;
     ZantMsgBody body = signal.body;
@@ -146,13 +150,13 @@ void Link::send(const Signal& signal) {
 }
 
 void Link::sendRaw(const ZantMsgBody& body, uint32_t count) {
-    const ScopedFd queue(mq_open(plugInQueue, O_WRONLY | O_NONBLOCK));
+    const ScopedFd queue = openPlugInQueue();
     for (uint32_t i = 0; queue && i < count; ++i)
         mq_send(queue.get(), reinterpret_cast<const char*>(&body), sizeof body, 0);
 }
 
 ScopedFd openPlugInProcess() {
-    const ScopedFd queue(mq_open(plugInQueue, O_WRONLY | O_NONBLOCK));
+    const ScopedFd queue = openPlugInQueue();
     struct stat info {};
     if (!queue || fstat(queue.get(), &info) != 0)
         return ScopedFd();
