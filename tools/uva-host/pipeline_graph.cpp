@@ -9,11 +9,9 @@
 #include <cstring>
 #include <fstream>
 #include <initializer_list>
-#include <iterator>
 #include <spawn.h>
 #include <sys/wait.h>
 #include <utility>
-#include <vector>
 
 extern char** environ;
 

@@ -10,7 +10,7 @@ std::optional<Arbiter::Answer> Arbiter::needed(uint32_t kinds) {
         m_held |= kinds;
         return std::nullopt;
     }
-    if (m_mode == Mode::Refuse || !canGrant(kinds))
+    if (m_mode == Mode::Refuse || kinds == 0 || (kinds & ~m_there) != 0)
         return 0;
     m_granted |= kinds;
     return kinds;
@@ -24,12 +24,6 @@ std::optional<Arbiter::Answer> Arbiter::answerHeld() {
 void Arbiter::plugInStarted() {
     m_granted = 0;
     m_held = 0;
-}
-
-bool Arbiter::canGrant(uint32_t kinds) const {
-    const uint32_t there =
-        (m_decoders[0] > 0 ? audioKind : 0) | (m_decoders[1] > 0 ? videoKind : 0);
-    return kinds != 0 && (kinds & ~there) == 0;
 }
 
 std::string kindsText(uint32_t kinds) {

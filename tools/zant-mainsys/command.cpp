@@ -20,7 +20,6 @@ using Mode = Arbiter::Mode;
 using Words = std::vector<std::string>;
 
 constexpr uint32_t mostMessages = 100000;
-constexpr int64_t longestTime = 3600 * 1000;
 
 std::optional<int64_t> number(const std::string& text) {
     char* end = nullptr;
@@ -30,12 +29,18 @@ std::optional<int64_t> number(const std::string& text) {
     return whole && value >= -most && value <= most ? std::optional<int64_t>(value) : std::nullopt;
 }
 
-bool readTime(const std::string& text, Milliseconds& time) {
-    const auto value = number(text);
-    if (!value || *value < 0 || *value > longestTime)
+/// A number within bounds.
+template <typename Value>
+bool readNumber(const std::string& text, int64_t least, int64_t most, Value& value) {
+    const auto read = number(text);
+    if (!read || *read < least || *read > most)
         return false;
-    time = Milliseconds(*value);
+    value = static_cast<Value>(*read);
     return true;
+}
+
+bool readTime(const std::string& text, Milliseconds& time) {
+    return readNumber(text, 0, 3600 * 1000, time);
 }
 
 bool readKinds(const std::string& text, uint32_t& kinds) {
@@ -62,14 +67,6 @@ bool readSignal(const std::string& text, uint32_t& signal) {
     return false;
 }
 
-bool readCount(const std::string& text, uint32_t& count) {
-    const auto value = number(text);
-    if (!value || *value < 1 || *value > mostMessages)
-        return false;
-    count = static_cast<uint32_t>(*value);
-    return true;
-}
-
 // Each fills in what the words behind a command's name say. False when they do not fit.
 
 bool noWords(const Words& words, Arguments&) {
@@ -89,7 +86,7 @@ bool oneTime(const Words& words, Arguments& arguments) {
 }
 
 bool oneCount(const Words& words, Arguments& arguments) {
-    return words.size() == 1 && readCount(words[0], arguments.count);
+    return words.size() == 1 && readNumber(words[0], 1, mostMessages, arguments.count);
 }
 
 bool anyText(const Words& words, Arguments& arguments) {
