@@ -21,7 +21,7 @@ namespace {
 namespace fs = std::filesystem;
 using namespace uvahost;
 
-Parsed parse(std::vector<const char*> arguments) {
+auto parse(std::vector<const char*> arguments) {
     arguments.insert(arguments.begin(), "uva-host");
     return parseOptions(static_cast<int>(arguments.size()), arguments.data());
 }

@@ -46,16 +46,21 @@ std::string toText(const std::vector<host::Argument>& arguments) {
     return text;
 }
 
-double milliseconds(host::Clock::duration time) {
-    return std::chrono::duration<double, std::milli>(time).count();
-}
-
 std::string bar(double fraction, int columns) {
     const int inner = columns - 2;
     const int filled = std::clamp(static_cast<int>(std::lround(fraction * inner)), 0, inner);
-    const auto count = static_cast<std::size_t>(filled);
-    const auto rest = static_cast<std::size_t>(inner - filled);
-    return "[" + std::string(count, '=') + std::string(rest, ' ') + "]";
+    std::string text(static_cast<std::size_t>(inner), ' ');
+    text.replace(0, static_cast<std::size_t>(filled), static_cast<std::size_t>(filled), '=');
+    return "[" + text + "]";
+}
+
+/// "1:02" or "1:00:02".
+std::string clockText(double seconds) {
+    const auto whole = static_cast<long long>(std::max(0.0, seconds));
+    const auto hours = whole / 3600;
+    const auto minutes = whole / 60 % 60;
+    return hours > 0 ? format("%lld:%02lld:%02lld", hours, minutes, whole % 60)
+                     : format("%lld:%02lld", minutes, whole % 60);
 }
 
 /// " video 3.2-8.0 audio 3.1-7.9": what the backend holds of each source.
@@ -73,22 +78,12 @@ std::string bufferedText(const host::Status& status) {
 
 } // namespace
 
-Display::~Display() = default;
-
 std::string printable(const std::string& text) {
     std::string result = text;
     for (char& c : result)
         if (static_cast<unsigned char>(c) < 0x20 || c == 0x7f)
             c = '?';
     return result;
-}
-
-std::string clockText(double seconds) {
-    const auto whole = static_cast<long long>(std::max(0.0, seconds));
-    const auto hours = whole / 3600;
-    const auto minutes = whole / 60 % 60;
-    return hours > 0 ? format("%lld:%02lld:%02lld", hours, minutes, whole % 60)
-                     : format("%lld:%02lld", minutes, whole % 60);
 }
 
 std::string statusLine(const host::Status& status, int width) {
@@ -112,72 +107,56 @@ std::string statusLine(const host::Status& status, int width) {
     return line.substr(0, static_cast<std::size_t>(std::max(0, width)));
 }
 
-// ---- the log
-
-void LogDisplay::line(host::Clock::time_point time, const std::string& text) {
-    print(format("%10.6f ", std::chrono::duration<double>(time - m_start).count()) + text + "\n");
+void Display::log(host::Clock::time_point time, const std::string& text) const {
+    if (m_style == Style::Log)
+        print(format("%10.6f ", std::chrono::duration<double>(time - m_start).count()) + text +
+              "\n");
 }
 
-void LogDisplay::begin(const std::string& media) {
-    m_state = host::State::Idle;
-    line(host::Clock::now(), "media " + printable(media));
-}
-
-void LogDisplay::show(const host::Record& record) {
-    const bool event = record.kind == host::Record::Kind::Event;
-    std::string text = (event ? "event " : "call  ") + record.name + toText(record.arguments);
-    if (!event)
-        text += format(" (%.3f ms)", milliseconds(record.duration));
-    line(record.time, text);
-}
-
-void LogDisplay::show(const host::Status& status) {
-    if (status.state == m_state)
-        return;
-    m_state = status.state;
-    line(status.time, std::string("state ") + host::name(status.state) + " at " +
-                          format("%.3f s", status.position) + bufferedText(status));
-}
-
-void LogDisplay::end() {}
-
-void LogDisplay::summary(const std::string& text) {
-    line(host::Clock::now(), "done  " + text);
-}
-
-// ---- the live line
-
-LiveDisplay::~LiveDisplay() {
-    end();
-}
-
-void LiveDisplay::begin(const std::string& media) {
-    print(printable(media) + (m_withKeys ? "   (space: pause, arrows: 10 s, q: quit)\n" : "\n"));
+void Display::begin(const std::string& media) {
     m_status = {};
+    log(host::Clock::now(), "media " + printable(media));
+    if (m_style == Style::Live)
+        print(printable(media) + "   (space: pause, arrows: 10 s, q: quit)\n");
 }
 
-void LiveDisplay::show(const host::Status& status) {
+void Display::show(const host::Record& record) const {
+    using Milliseconds = std::chrono::duration<double, std::milli>;
+    const std::string text = record.name + toText(record.arguments);
+    if (record.kind == host::Record::Kind::Event)
+        log(record.time, "event " + text);
+    else
+        log(record.time,
+            "call  " + text + format(" (%.3f ms)", Milliseconds(record.duration).count()));
+}
+
+void Display::show(const host::Status& status) {
+    if (status.state != m_status.state)
+        log(status.time, std::string("state ") + host::name(status.state) +
+                             format(" at %.3f s", status.position) + bufferedText(status));
     m_status = status;
     redraw();
 }
 
 /// The backend has printed its lines once the element is no more idle.
-void LiveDisplay::redraw() {
-    if (m_status.state == host::State::Idle)
+void Display::redraw() {
+    if (m_style != Style::Live || m_status.state == host::State::Idle)
         return;
     print(clearLine + statusLine(m_status, Terminal::width() - 1));
     m_drawn = true;
 }
 
-void LiveDisplay::end() {
+void Display::end() {
     if (m_drawn)
         print(clearLine);
     m_drawn = false;
     m_status.state = host::State::Idle;
 }
 
-void LiveDisplay::summary(const std::string& text) {
-    print(text + "\n");
+void Display::summary(const std::string& text) const {
+    log(host::Clock::now(), "done  " + text);
+    if (m_style == Style::Live)
+        print(text + "\n");
 }
 
 } // namespace uvahost

@@ -1,10 +1,10 @@
 #include "gst_errors.h"
 
 #include "display.h"
+#include "util/mutex.h"
 
 #include <gst/gst.h>
 
-#include <mutex>
 #include <string_view>
 #include <utility>
 
@@ -18,9 +18,9 @@ constexpr std::string_view detailLine = "Debugging information: ";
 
 /// A thread may be in the log function whenever it is removed: what that uses stays.
 struct Heard {
-    std::mutex mutex; // guards all below; nothing is called under it
-    std::string first;
-    bool detailDue = false; // the next line belongs to `first`
+    Mutex mutex; // nothing is called under it
+    std::string first GUARDED_BY(mutex);
+    bool detailDue GUARDED_BY(mutex) = false; // the next line belongs to `first`
 };
 
 Heard& heard() {
@@ -49,7 +49,7 @@ std::string detailOf(std::string_view line) {
 
 void take(std::string_view line) {
     auto& log = heard();
-    const std::lock_guard lock(log.mutex);
+    const MutexLock lock(log.mutex);
     if (line.substr(0, errorLine.size()) == errorLine) {
         log.detailDue = log.first.empty();
         if (log.detailDue)
@@ -72,7 +72,8 @@ void overhear(GstDebugCategory* from, GstDebugLevel level, const gchar*, const g
 } // namespace
 
 GstErrors::GstErrors() {
-    gst_debug_remove_log_function(nullptr); // which writes to standard error until the library's does
+    gst_debug_remove_log_function(
+        nullptr); // which writes to standard error until the library's does
     gst_debug_set_threshold_for_name(category, GST_LEVEL_ERROR);
     gst_debug_add_log_function(overhear, nullptr, nullptr);
 }
@@ -83,7 +84,7 @@ GstErrors::~GstErrors() {
 
 std::string GstErrors::take() {
     auto& log = heard();
-    const std::lock_guard lock(log.mutex);
+    const MutexLock lock(log.mutex);
     log.detailDue = false;
     return printable(std::exchange(log.first, {}));
 }

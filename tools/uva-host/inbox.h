@@ -2,8 +2,9 @@
 #define UVA_HOST_INBOX_H
 
 #include "host/observer.h"
+#include "util/mutex.h"
+#include "util/scoped_handles.h"
 
-#include <mutex>
 #include <variant>
 #include <vector>
 
@@ -25,25 +26,23 @@ using Message = std::variant<host::Record, host::Status, SeekAnswer, KeyNeeded>;
 class Inbox final : public host::Observer {
 public:
     Inbox();
-    ~Inbox() override;
 
-    Inbox(const Inbox&) = delete;
-    Inbox& operator=(const Inbox&) = delete;
-
-    int fd() const { return m_fd; } ///< readable while there are messages
+    int fd() const { return m_fd.get(); } ///< readable while there are messages
     std::vector<Message> takeAll();
 
-    void onRecord(const host::Record& record) override;
-    void onStatus(const host::Status& status) override;
-    void onSeek(double target, host::SeekOutcome outcome) override;
-    void onKeyNeeded(const host::KeyBytes& id) override;
+    void onRecord(const host::Record& record) override { put(record); }
+    void onStatus(const host::Status& status) override { put(status); }
+    void onSeek(double target, host::SeekOutcome outcome) override {
+        put(SeekAnswer{target, outcome});
+    }
+    void onKeyNeeded(const host::KeyBytes& id) override { put(KeyNeeded{id}); }
 
 private:
     void put(Message message);
 
-    const int m_fd;
-    std::mutex m_mutex; // guards m_messages
-    std::vector<Message> m_messages;
+    const ScopedFd m_fd;
+    Mutex m_mutex;
+    std::vector<Message> m_messages GUARDED_BY(m_mutex);
 };
 
 } // namespace uvahost

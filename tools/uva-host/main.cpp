@@ -2,7 +2,6 @@
 #include "session.h"
 
 #include <csignal>
-#include <cstdio>
 #include <cstdlib>
 #include <utility>
 
@@ -10,21 +9,13 @@ int main(int argc, char** argv) {
     std::signal(SIGPIPE, SIG_IGN); // a reader of the log that goes away ends nothing
 
     auto parsed = uvahost::parseOptions(argc, argv);
-    if (!parsed.options) {
-        std::fputs(parsed.text.c_str(), parsed.exitCode == 0 ? stdout : stderr);
-        return parsed.exitCode;
-    }
+    if (!parsed.options)
+        return parsed.tell();
     if (parsed.options->standalone)
         setenv("NOX_GST_STANDALONE", "1", 1);
 
-    bool abandoned = false;
-    int exitCode = 0;
-    {
-        uvahost::Session session(std::move(*parsed.options));
-        exitCode = session.run();
-        abandoned = session.abandoned();
-    }
-    if (abandoned)
-        std::_Exit(exitCode);
-    return exitCode;
+    const auto outcome = uvahost::Session(std::move(*parsed.options)).run();
+    if (outcome.abandoned)
+        std::_Exit(outcome.exitCode);
+    return outcome.exitCode;
 }

@@ -63,28 +63,20 @@ struct Recipe {
         for (const auto& change : switches)
             inputs.push_back(change.name);
         auto media = host::openMedia(inputs, cancelled);
-        for (std::size_t i = 0; i < inputs.size(); ++i)
-            if (!media[i].error.empty())
-                return {{}, blame(inputs[i], media[i].error)};
-
         DemuxedMedia result;
         for (std::size_t i = 0; i < inputs.size(); ++i) {
-            const auto error = i < names.size() ? addFile(media[i], result.streams)
-                                                : addSwitch(switches[i - names.size()].time,
-                                                            media[i], result.streams);
+            auto error = media[i].error;
+            if (error.empty())
+                error = i < names.size()
+                            ? addFile(media[i], result.streams)
+                            : addSwitch(switches[i - names.size()].time, media[i], result.streams);
             if (!error.empty())
-                return {{}, blame(inputs[i], error)};
+                return {{}, (inputs.size() > 1 ? printable(inputs[i]) + ": " : "") + error};
         }
         if (protect != host::Protection::Scheme::None)
             for (auto& stream : result.streams)
                 stream = host::protect(std::move(stream), protect, keys.front());
         return result;
-    }
-
-private:
-    /// Which of several files it is.
-    std::string blame(const std::string& name, const std::string& error) const {
-        return names.size() + switches.size() > 1 ? printable(name) + ": " + error : error;
     }
 };
 

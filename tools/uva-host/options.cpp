@@ -4,15 +4,12 @@
 
 #include <CLI/CLI.hpp>
 
-#include <cmath>
 #include <cstdio>
-#include <sstream>
+#include <regex>
 
 namespace uvahost {
 
 namespace {
-
-constexpr int usageError = 2;
 
 constexpr const char* footer = R"(
 Examples:
@@ -50,132 +47,138 @@ Exit codes:
   130  interrupted with Ctrl-C (128 and the signal's number for other signals)
 )";
 
-std::string badTime(const std::string& text) {
-    return parseTime(text) ? std::string() : "'" + text + "' is no time; write 12.5 or 1:30";
-}
-
-std::string badWindow(const std::string& text) {
-    return parseWindow(text) ? std::string()
-                             : "'" + text + "' is no window; write X,Y,WxH, e.g. 0,0,640x360";
-}
-
-std::string badPeriod(const std::string& text) {
-    const auto value = parseTime(text);
-    return value && *value > 0 ? std::string() : "'" + text + "' is no time above 0";
-}
-
-/// The two sides of "T=REST"; false when T is no time or nothing follows.
-bool splitAtTime(const std::string& text, double& time, std::string& rest) {
-    const auto equals = text.find('=');
-    const auto parsed = parseTime(text.substr(0, equals));
-    if (equals == std::string::npos || !parsed || equals + 1 == text.size())
-        return false;
-    time = *parsed;
-    rest = text.substr(equals + 1);
-    return true;
-}
-
 std::optional<RenditionSwitch> parseSwitch(const std::string& text) {
-    RenditionSwitch result;
-    return splitAtTime(text, result.time, result.name) ? std::optional(result) : std::nullopt;
+    const auto equals = text.find('=');
+    const auto time = parseTime(text.substr(0, equals));
+    if (equals == std::string::npos || !time || equals + 1 == text.size())
+        return std::nullopt;
+    return RenditionSwitch{*time, text.substr(equals + 1)};
 }
 
 std::optional<Detach> parseDetach(const std::string& text) {
-    Detach result;
-    std::string kind;
-    if (!splitAtTime(text, result.time, kind) || (kind != "audio" && kind != "video"))
+    using Kind = host::StreamInfo::Kind;
+    const auto parts = parseSwitch(text);
+    if (!parts || (parts->name != "audio" && parts->name != "video"))
         return std::nullopt;
-    result.kind = kind == "audio" ? host::StreamInfo::Kind::Audio : host::StreamInfo::Kind::Video;
-    return result;
+    return Detach{parts->time, parts->name == "audio" ? Kind::Audio : Kind::Video};
 }
 
-std::string badSwitch(const std::string& text) {
-    return parseSwitch(text) ? std::string()
-                             : "'" + text + "' is no switch; write T=FILE, e.g. 4=hd.mp4";
+std::optional<double> parsePeriod(const std::string& text) {
+    const auto time = parseTime(text);
+    return time && *time > 0 ? time : std::nullopt;
 }
 
-std::string badDetach(const std::string& text) {
-    return parseDetach(text) ? std::string() : "'" + text + "' is neither T=audio nor T=video";
-}
-
-std::string badKey(const std::string& text) {
+std::optional<host::KeyPair> parseKey(const std::string& text) {
     host::KeyPair pair;
-    return host::parseKey(text, pair)
-               ? std::string()
-               : "'" + text + "' is no key; write KID:KEY, 32 hexadecimal digits each";
+    return host::parseKey(text, pair) ? std::optional(pair) : std::nullopt;
 }
 
-/// What CLI11 fills in: times, windows, keys as text, read once they are known to be valid.
-struct Raw {
-    std::vector<std::string> seeks, switches, detaches, keys;
-    std::string duration, noProgressTimeout, snapshotAt, window, protect, keyDelay;
-    std::string canPlay;
-    UVABackend::ContentDescription asked;
+std::optional<std::string> parseGraph(const std::string& path) {
+    static const std::regex form("[^]*\\.(svg|dot)");
+    return std::regex_match(path, form) ? std::optional(path) : std::nullopt;
+}
+
+/// What an option takes: how it is called in the help, how it is read, what is said of what it is
+/// not.
+template <typename Value>
+struct Form {
+    const char* name;
+    std::optional<Value> (*read)(const std::string&);
+    const char* complaint;
+
+    Value operator()(const std::string& option, const std::string& text) const {
+        if (auto value = read(text))
+            return std::move(*value);
+        throw CLI::ValidationError(option, "'" + text + "' " + complaint);
+    }
 };
 
-void declareMediaSource(CLI::App& app, Options& options, Raw& raw) {
-    const std::string group = "Media sources";
-    auto* mse = app.add_flag("--mse", options.mse,
-                             "Take the media apart and feed its samples; several files are the "
-                             "audio and the video of one")
-                    ->group(group);
-    app.add_option("--switch-at", raw.switches, "Go on with another rendition from T on")
-        ->type_name("T=FILE")
-        ->allow_extra_args(false)
-        ->check(badSwitch)
-        ->needs(mse)
-        ->group(group);
-    app.add_option("--detach-at", raw.detaches, "Detach a source at T and attach it again")
-        ->type_name("T=audio|video")
-        ->allow_extra_args(false)
-        ->check(badDetach)
-        ->needs(mse)
-        ->group(group);
-    auto* key = app.add_option("--key", raw.keys, "A key for encrypted media")
-                    ->type_name("KID:KEY")
-                    ->allow_extra_args(false)
-                    ->check(badKey)
-                    ->needs(mse)
-                    ->group(group);
-    app.add_option("--key-delay", raw.keyDelay,
-                   "Have the keys only so many milliseconds after they are needed")
-        ->type_name("MS")
-        ->check(CLI::Range(0, 3600000))
-        ->needs(key)
-        ->group(group);
-    app.add_option("--protect", raw.protect,
-                   "Encrypt clear samples on their way in, with the first key")
-        ->type_name("cenc|cbcs")
-        ->check(CLI::IsMember({"cenc", "cbcs"}))
-        ->needs(key)
-        ->group(group);
-    app.add_flag("--full-sample-decrypter", options.fullSampleDecrypter,
-                 "Decrypt samples in one call each, not range by range")
-        ->needs(key)
-        ->group(group);
+constexpr Form<double> time{"T", parseTime, "is no time; write 12.5 or 1:30"};
+constexpr Form<double> times{"T[,T...]", parseTime, time.complaint};
+constexpr Form<double> period{"T", parsePeriod, "is no time above 0"};
+constexpr Form<UVABackend::Rect> window{"X,Y,WxH", parseWindow,
+                                        "is no window; write X,Y,WxH, e.g. 0,0,640x360"};
+constexpr Form<std::string> graph{"OUT.svg|OUT.dot", parseGraph, "must end in .svg or .dot"};
+constexpr Form<RenditionSwitch> rendition{"T=FILE", parseSwitch,
+                                          "is no switch; write T=FILE, e.g. 4=hd.mp4"};
+constexpr Form<Detach> detach{"T=audio|video", parseDetach, "is neither T=audio nor T=video"};
+constexpr Form<host::KeyPair> key{"KID:KEY", parseKey,
+                                  "is no key; write KID:KEY, 32 hexadecimal digits each"};
+constexpr Form<UVABackend::ContentDescription> contentType{
+    "MIME", host::parseContentType,
+    "is no content type; write e.g. 'video/mp4; codecs=\"avc1.640028\"'"};
+
+/// An option that may be given once.
+template <typename Value, typename Target>
+CLI::Option* addOne(CLI::App& app, const std::string& option, const Form<Value>& form,
+                    Target& target, const char* help) {
+    return app
+        .add_option_function<std::string>(
+            option, [=, &target](const std::string& text) { target = form(option, text); }, help)
+        ->type_name(form.name);
 }
 
-void declareQuestions(CLI::App& app, Options& options, Raw& raw) {
-    const std::string group = "Questions, in place of playing";
-    auto* canPlay = app.add_option("--can-play", raw.canPlay,
-                                   "Whether the backend can play a content type, and why not; "
-                                   "parameters as in '...; width=1920' are read")
-                        ->type_name("MIME")
-                        ->check([](const std::string& text) {
-                            return host::parseContentType(text)
-                                       ? std::string()
-                                       : "'" + text +
-                                             "' is no content type; write e.g. "
-                                             "'video/mp4; codecs=\"avc1.640028\"'";
-                        })
-                        ->group(group);
-    struct Row {
+/// One that may be given several times.
+template <typename Value>
+CLI::Option* addMany(CLI::App& app, const std::string& option, const Form<Value>& form,
+                     std::vector<Value>& target, const char* help) {
+    using Texts = std::vector<std::string>;
+    return app
+        .add_option_function<Texts>(
+            option,
+            [=, &target](const Texts& texts) {
+                for (const auto& text : texts)
+                    target.push_back(form(option, text));
+            },
+            help)
+        ->type_name(form.name)
+        ->allow_extra_args(false);
+}
+
+void declareMediaSource(CLI::App& app, Options& options) {
+    auto* mse = app.add_flag("--mse", options.mse,
+                             "Take the media apart and feed its samples; several files are the "
+                             "audio and the video of one");
+    addMany(app, "--switch-at", rendition, options.switches,
+            "Go on with another rendition from T on")
+        ->needs(mse);
+    addMany(app, "--detach-at", detach, options.detaches,
+            "Detach a source at T and attach it again")
+        ->needs(mse);
+    auto* keys = addMany(app, "--key", key, options.keys, "A key for encrypted media")->needs(mse);
+    app.add_option_function<int>(
+           "--key-delay", [&](int delay) { options.keyDelay = std::chrono::milliseconds(delay); },
+           "Have the keys only so many milliseconds after they are needed")
+        ->type_name("MS")
+        ->check(CLI::Range(0, 3600000))
+        ->needs(keys);
+    app.add_option_function<std::string>(
+           "--protect",
+           [&](const std::string& scheme) {
+               using Scheme = host::Protection::Scheme;
+               options.protect = scheme == "cenc" ? Scheme::Cenc : Scheme::Cbcs;
+           },
+           "Encrypt clear samples on their way in, with the first key")
+        ->type_name("cenc|cbcs")
+        ->check(CLI::IsMember({"cenc", "cbcs"}))
+        ->needs(keys);
+    app.add_flag("--full-sample-decrypter", options.fullSampleDecrypter,
+                 "Decrypt samples in one call each, not range by range")
+        ->needs(keys);
+}
+
+using Description = UVABackend::ContentDescription;
+
+/// The parameters go to `asked`: those of the type itself are read last, and count less.
+void declareQuestions(CLI::App& app, Options& options, Description& asked) {
+    auto* canPlay = addOne(app, "--can-play", contentType, options.canPlay,
+                           "Whether the backend can play a content type, and why not; parameters "
+                           "as in '...; width=1920' are read");
+    static constexpr struct {
         const char* name;
-        std::string UVABackend::ContentDescription::*member;
+        std::string Description::*member;
         const char* help;
-    };
-    using Description = UVABackend::ContentDescription;
-    static constexpr Row rows[] = {
+    } rows[] = {
         {"--width", &Description::width, "... of this width, pixels"},
         {"--height", &Description::height, "... of this height, pixels"},
         {"--framerate", &Description::framerate, "... at this rate, e.g. 25, 29.97 or 30000/1001"},
@@ -183,137 +186,58 @@ void declareQuestions(CLI::App& app, Options& options, Raw& raw) {
         {"--channels", &Description::channels, "... with so many channels"},
     };
     for (const auto& row : rows)
-        app.add_option(row.name, raw.asked.*row.member, row.help)
-            ->type_name("N")
-            ->needs(canPlay)
-            ->group(group);
-    app.add_flag("--list-types", options.listTypes, "The MIME types that the backend can play")
-        ->group(group);
+        app.add_option(row.name, asked.*row.member, row.help)->type_name("N")->needs(canPlay);
+    app.add_flag("--list-types", options.listTypes, "The MIME types that the backend can play");
 }
 
-void declare(CLI::App& app, Options& options, Raw& raw) {
+void declare(CLI::App& app, Options& options) {
     app.add_option("media", options.media, "Files or URLs, played one after the other")
         ->type_name("FILE|URL")
         ->envname("UVA_DEFAULT_MEDIA");
     app.add_flag("--standalone", options.standalone,
                  "Run without a main system: nobody arbitrates the decoders");
-    app.add_option("--seek", raw.seeks,
-                   "Seek there once playback has started; several one after the other")
-        ->type_name("T[,T...]")
-        ->delimiter(',')
-        ->allow_extra_args(false)
-        ->check(badTime);
-    app.add_option("--duration", raw.duration, "Stop after playing for so long")
-        ->type_name("T")
-        ->check(badPeriod);
-    app.add_option("--window", raw.window, "Place the picture, in a screen of 1280x720")
-        ->type_name("X,Y,WxH")
-        ->check(badWindow);
+    addMany(app, "--seek", times, options.seeks,
+            "Seek there once playback has started; several one after the other")
+        ->delimiter(',');
+    addOne(app, "--duration", period, options.duration, "Stop after playing for so long");
+    addOne(app, "--window", window, options.window, "Place the picture, in a screen of 1280x720");
     app.add_flag("--deny-resources", options.denyResources,
                  "Refuse the decoders when the backend asks for them");
     auto* snapshot = app.add_option("--snapshot", options.snapshot,
                                     "Write the picture at the end (of the last file) as PNG")
                          ->type_name("OUT.png");
-    app.add_option("--snapshot-at", raw.snapshotAt, "... or when the position passes T")
-        ->type_name("T")
-        ->check(badTime)
+    addOne(app, "--snapshot-at", time, options.snapshotAt, "... or when the position passes T")
         ->needs(snapshot);
-    app.add_option("--graph", options.graph,
-                   "Write the pipeline's graph: OUT.dot as it is, OUT.svg drawn by Graphviz")
-        ->type_name("OUT.svg|OUT.dot")
-        ->check([](const std::string& path) {
-            const auto dot = path.rfind('.');
-            const auto ending = dot == std::string::npos ? std::string() : path.substr(dot);
-            return ending == ".svg" || ending == ".dot" ? std::string()
-                                                        : "'" + path + "' must end in .svg or .dot";
-        });
+    addOne(app, "--graph", graph, options.graph,
+           "Write the pipeline's graph: OUT.dot as it is, OUT.svg drawn by Graphviz");
     app.add_option("--timeline", options.timeline,
                    "Write operations, events and states as Chrome trace events")
         ->type_name("OUT.json");
-    app.add_option("--no-progress-timeout", raw.noProgressTimeout,
-                   "Give up when nothing moves for so long; 0: never (default: 5 to 30, by "
-                   "what is waited for)")
-        ->type_name("T")
-        ->check(badTime);
+    addOne(app, "--no-progress-timeout", time, options.noProgressTimeout,
+           "Give up when nothing moves for so long; 0: never (default: 5 to 30, by what is waited "
+           "for)");
     app.add_option("--backend", options.backend, "The backend library (libuvagstbackend.so)")
         ->type_name("PATH");
     app.add_flag("--quiet", options.quiet,
                  "Print nothing but errors and answers, nor let the library");
-    declareMediaSource(app, options, raw);
-    declareQuestions(app, options, raw);
-    app.set_version_flag("--version", "uva-host " UVA_HOST_VERSION);
-}
-
-std::optional<double> timeOrNone(const std::string& text) {
-    return text.empty() ? std::nullopt : parseTime(text);
-}
-
-void readMediaSource(const Raw& raw, Options& options) {
-    for (const auto& text : raw.switches)
-        options.switches.push_back(*parseSwitch(text));
-    for (const auto& text : raw.detaches)
-        options.detaches.push_back(*parseDetach(text));
-    for (const auto& text : raw.keys) {
-        options.keys.emplace_back();
-        host::parseKey(text, options.keys.back());
-    }
-    if (!raw.keyDelay.empty())
-        options.keyDelay = std::chrono::milliseconds(std::stol(raw.keyDelay));
-    if (!raw.protect.empty())
-        options.protect =
-            raw.protect == "cenc" ? host::Protection::Scheme::Cenc : host::Protection::Scheme::Cbcs;
-}
-
-void readTexts(Raw& raw, Options& options) {
-    for (const auto& text : raw.seeks)
-        options.seeks.push_back(*parseTime(text));
-    options.duration = timeOrNone(raw.duration);
-    options.noProgressTimeout = timeOrNone(raw.noProgressTimeout);
-    options.snapshotAt = timeOrNone(raw.snapshotAt);
-    if (!raw.window.empty())
-        options.window = parseWindow(raw.window);
-    readMediaSource(raw, options);
-    if (!raw.canPlay.empty()) {
-        options.canPlay = host::parseContentType(raw.canPlay);
-        for (const auto& parameter : host::contentParameters)
-            if (const auto& value = raw.asked.*parameter.member; !value.empty())
-                *options.canPlay.*parameter.member = value;
-    }
-    const bool asks = options.canPlay || options.listTypes;
-    if (options.media.empty() && !asks)
-        throw CLI::RequiredError("media");
 }
 
 } // namespace
 
 std::optional<double> parseTime(const std::string& text) {
+    static const std::regex form("(?:(?:(\\d+):)?(\\d+):)?(\\d+\\.?\\d*|\\.\\d+)");
     constexpr std::size_t longest = 32;
-    if (text.empty() || text.size() > longest)
+    constexpr double longestMedia = 1e9; // seconds; what nanoseconds in 64 bits hold
+    std::smatch parts;                   // hours, minutes, seconds
+    if (text.size() > longest || !std::regex_match(text, parts, form))
         return std::nullopt;
-    if (text.find_first_not_of("0123456789.:") != std::string::npos)
-        return std::nullopt;
-
-    std::vector<std::string> parts;
-    std::istringstream stream(text + ":");
-    for (std::string part; std::getline(stream, part, ':');)
-        parts.push_back(part);
-    if (parts.size() > 3)
-        return std::nullopt;
-
     double total = 0;
-    for (std::size_t i = 0; i < parts.size(); ++i) {
-        const bool last = i + 1 == parts.size();
-        const auto point = parts[i].find('.');
-        const bool malformed = parts[i].find_first_of("0123456789") == std::string::npos ||
-                               parts[i].find('.', point + 1) != std::string::npos;
-        if ((point != std::string::npos && (!last || malformed)) || malformed)
-            return std::nullopt;
-        const double value = std::stod(parts[i]);
-        if (i > 0 && value >= 60)
+    for (std::size_t i = 1; i < parts.size(); ++i) {
+        const double value = parts[i].matched ? std::stod(parts[i]) : 0;
+        if (value >= 60 && i > 1 && parts[i - 1].matched)
             return std::nullopt;
         total = total * 60 + value;
     }
-    constexpr double longestMedia = 1e9; // seconds; what nanoseconds in 64 bits hold
     return total <= longestMedia ? std::optional(total) : std::nullopt;
 }
 
@@ -330,26 +254,28 @@ std::optional<UVABackend::Rect> parseWindow(const std::string& text) {
     return rect;
 }
 
-Parsed parseOptions(int argc, const char* const* argv) {
+tools::Parsed<Options> parseOptions(int argc, const char* const* argv) {
     Options options;
-    Raw raw;
+    Description asked;
     CLI::App app("Plays media through a UVA backend library.", "uva-host");
     app.footer(footer);
     app.get_formatter()->column_width(34);
     app.set_help_flag("-h,--help", "Print this and exit");
-    declare(app, options, raw);
-    try {
-        app.parse(argc, argv);
-        readTexts(raw, options);
-    } catch (const CLI::ParseError& error) {
-        std::ostringstream out;
-        std::ostringstream err;
-        if (app.exit(error, out, err) == 0)
-            return {std::nullopt, 0, out.str()};
-        return {std::nullopt, usageError,
-                "uva-host: " + std::string(error.what()) + "\nRun 'uva-host --help' for help.\n"};
-    }
-    return {std::move(options), 0, {}};
+    declare(app, options);
+    app.option_defaults()->group("Media sources");
+    declareMediaSource(app, options);
+    app.option_defaults()->group("Questions, in place of playing");
+    declareQuestions(app, options, asked);
+    app.option_defaults()->group("Options");
+    app.set_version_flag("--version", "uva-host " UVA_HOST_VERSION);
+    app.callback([&] {
+        for (const auto& parameter : host::contentParameters)
+            if (const auto& value = asked.*parameter.member; !value.empty())
+                *options.canPlay.*parameter.member = value;
+        if (options.media.empty() && !options.canPlay && !options.listTypes)
+            throw CLI::RequiredError("media");
+    });
+    return tools::parse(app, argc, argv, options);
 }
 
 } // namespace uvahost

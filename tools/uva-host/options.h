@@ -1,6 +1,7 @@
 #ifndef UVA_HOST_OPTIONS_H
 #define UVA_HOST_OPTIONS_H
 
+#include "common/options.h"
 #include "host/media_source.h"
 #include "uva/uva_backend.h"
 
@@ -51,13 +52,7 @@ struct Options {
     bool listTypes = false;                                ///< the same
 };
 
-struct Parsed {
-    std::optional<Options> options; ///< nothing: print `text` and exit with `exitCode`
-    int exitCode = 0;               ///< 0: the text goes to standard output
-    std::string text;
-};
-
-Parsed parseOptions(int argc, const char* const* argv);
+tools::Parsed<Options> parseOptions(int argc, const char* const* argv);
 
 /// "12", "12.5", "1:02" or "1:00:02.5".
 std::optional<double> parseTime(const std::string& text);

@@ -1,6 +1,8 @@
 #ifndef UVA_HOST_OWN_OUTPUT_H
 #define UVA_HOST_OWN_OUTPUT_H
 
+#include "util/scoped_handles.h"
+
 #include <cstdio>
 #include <string>
 
@@ -10,12 +12,6 @@ namespace uvahost {
 /// own there; they can be sent away. One a process.
 class OwnOutput {
 public:
-    OwnOutput() = default;
-    ~OwnOutput();
-
-    OwnOutput(const OwnOutput&) = delete;
-    OwnOutput& operator=(const OwnOutput&) = delete;
-
     enum class Others { ToErrors, Nowhere };
 
     /// From now on what anybody else prints goes there, also when the process ends: threads and
@@ -23,14 +19,14 @@ public:
     std::string send(Others where);
 
     /// Where the program prints, whatever became of the others.
-    std::FILE* stream() const { return m_stream; }
+    std::FILE* stream() const { return m_own ? m_own.get() : stdout; }
 
     /// The path under which a file is to be opened that the user named: standard output, by
     /// whichever name, is the program's own.
     std::string pathOf(const std::string& path) const;
 
 private:
-    std::FILE* m_stream = stdout;
+    ScopedFile m_own; ///< none: nobody was sent away
 };
 
 } // namespace uvahost

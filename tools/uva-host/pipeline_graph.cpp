@@ -1,19 +1,17 @@
 #include "pipeline_graph.h"
 
-#include "output_file.h"
+#include "common/output_file.h"
 
 #include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
-#include <fcntl.h>
 #include <fstream>
-#include <iterator>
+#include <initializer_list>
 #include <spawn.h>
 #include <sys/wait.h>
 #include <utility>
-#include <vector>
 
 extern char** environ;
 
@@ -32,9 +30,9 @@ bool endsWith(const std::string& text, const std::string& ending) {
 
 /// The graphs that show a whole player; the backend writes others too.
 bool isPlayerGraph(const std::string& name) {
-    static const char* const endings[] = {"nox-play.dot", "nox-pause.dot", "nox-vnfy.dot",
-                                          "nox-anfy.dot", "nox-stop.dot"};
-    return std::any_of(std::begin(endings), std::end(endings),
+    const auto endings = {"nox-play.dot", "nox-pause.dot", "nox-vnfy.dot", "nox-anfy.dot",
+                          "nox-stop.dot"};
+    return std::any_of(endings.begin(), endings.end(),
                        [&](const char* ending) { return endsWith(name, ending); });
 }
 
@@ -65,11 +63,9 @@ std::string draw(const fs::path& graph, const fs::path& drawing) {
     posix_spawnattr_setsigmask(&attributes, &none);
     posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK);
 
-    const std::string output = "-o" + drawing.string();
-    std::string input = graph.string();
-    std::string arguments[] = {"dot", "-Tsvg", output, std::move(input)};
-    char* const argv[] = {arguments[0].data(), arguments[1].data(), arguments[2].data(),
-                          arguments[3].data(), nullptr};
+    std::string words[] = {"dot", "-Tsvg", "-o" + drawing.string(), graph.string()};
+    char* const argv[] = {words[0].data(), words[1].data(), words[2].data(), words[3].data(),
+                          nullptr};
     pid_t pid = 0;
     const int error = posix_spawnp(&pid, "dot", nullptr, &attributes, argv, environ);
     posix_spawnattr_destroy(&attributes);
@@ -90,11 +86,10 @@ std::string draw(const fs::path& graph, const fs::path& drawing) {
 
 PipelineGraph::PipelineGraph()
     : m_since(fs::file_time_type::clock::now() - std::chrono::seconds(1)) {
-    const char* chosen = std::getenv(folderVariable);
-    if (chosen != nullptr && *chosen != '\0') {
-        m_folder = chosen;
+    const char* const chosen = std::getenv(folderVariable);
+    m_folder = chosen ? chosen : "";
+    if (!m_folder.empty())
         return;
-    }
     std::error_code error;
     std::string pattern = (fs::temp_directory_path(error) / "uva-host-XXXXXX").string();
     if (error || mkdtemp(pattern.data()) == nullptr)
@@ -105,10 +100,9 @@ PipelineGraph::PipelineGraph()
 }
 
 PipelineGraph::~PipelineGraph() {
-    if (!m_ours)
-        return;
     std::error_code ignored; // what cannot be removed from a temporary folder stays there
-    fs::remove_all(m_folder, ignored);
+    if (m_ours)
+        fs::remove_all(m_folder, ignored);
 }
 
 std::string PipelineGraph::writeTo(const std::string& path) const {
@@ -119,14 +113,14 @@ std::string PipelineGraph::writeTo(const std::string& path) const {
         return "no pipeline graph in '" + m_folder.string() +
                "': nothing was played, or this GStreamer is built without debugging";
     if (!endsWith(path, ".svg"))
-        return writeFile(path, readFile(graph));
+        return tools::writeFile(path, readFile(graph));
 
     // Beside the graph first: "dot" names no reason when it cannot write its output.
     auto drawing = graph;
     drawing.replace_extension(".svg");
     if (auto error = draw(graph, drawing); !error.empty())
         return error;
-    return writeFile(path, readFile(drawing));
+    return tools::writeFile(path, readFile(drawing));
 }
 
 } // namespace uvahost

@@ -56,30 +56,8 @@ Playback::Playback(Stage& stage, std::string name, bool last)
       m_seeksLeft(stage.options.seeks.begin(), stage.options.seeks.end()),
       m_detachesLeft(stage.options.detaches) {}
 
-Playback::Result Playback::play(const std::string& uri) {
-    begin();
-    m_element.open(uri);
-    return run();
-}
-
-Playback::Result Playback::play(host::MediaSource source) {
-    begin();
-    m_element.openSource(std::move(source));
-    return run();
-}
-
-void Playback::begin() {
-    m_status.time = host::Clock::now();
-    m_stage.display.begin(m_name);
-    m_stage.timeline.mediaBegins(m_name, m_status.time);
-    m_stage.terminal.enter();
-}
-
-Playback::Result Playback::run() {
-    if (m_stage.options.window)
-        m_element.setWindow(*m_stage.options.window);
-    m_element.play();
-    nextSeek();
+Playback::Result Playback::play(Media media) {
+    begin(std::move(media));
     while (m_stop == Stop::None) {
         wait();
         takeSignals();
@@ -92,18 +70,36 @@ Playback::Result Playback::run() {
     return std::move(m_result);
 }
 
+void Playback::begin(Media media) {
+    m_status.time = host::Clock::now();
+    m_stage.display.begin(m_name);
+    m_stage.timeline.mediaBegins(m_name, m_status.time);
+    m_stage.terminal.enter();
+    if (auto* const uri = std::get_if<std::string>(&media))
+        m_element.open(std::move(*uri));
+    else
+        m_element.openSource(std::move(std::get<host::MediaSource>(media)));
+    if (m_stage.options.window)
+        m_element.setWindow(*m_stage.options.window);
+    m_element.play();
+    nextSeek();
+}
+
+host::Clock::duration Playback::played() const {
+    return m_playedBefore +
+           (isPlaying() ? host::Clock::now() - m_status.time : host::Clock::duration());
+}
+
 void Playback::wait() {
     milliseconds bound{200}; // how often a backend that hangs is looked for
-    if (m_stage.options.duration && m_status.state == host::State::Playing) {
-        const auto passed = m_played + (host::Clock::now() - m_status.time);
-        const auto left = duration<double>(*m_stage.options.duration) - passed;
-        const auto rounded = duration_cast<milliseconds>(left) + milliseconds(1);
-        bound = std::clamp(rounded, milliseconds(0), bound);
-    }
-    if (m_keysDue) {
-        const auto left = duration_cast<milliseconds>(*m_keysDue - host::Clock::now());
-        bound = std::clamp(left + milliseconds(1), milliseconds(0), bound);
-    }
+    const auto dueIn = [&bound](auto left) {
+        bound =
+            std::clamp(duration_cast<milliseconds>(left) + milliseconds(1), milliseconds(0), bound);
+    };
+    if (m_stage.options.duration && isPlaying())
+        dueIn(duration<double>(*m_stage.options.duration) - played());
+    if (m_keysDue)
+        dueIn(*m_keysDue - host::Clock::now());
     pollfd fds[] = {{m_inbox.fd(), POLLIN, 0},
                     {m_stage.signals.fd(), POLLIN, 0},
                     {m_keyboard ? m_stage.terminal.keyFd() : -1, POLLIN, 0}};
@@ -113,16 +109,8 @@ void Playback::wait() {
 // ---- what the element reports
 
 void Playback::takeMessages() {
-    for (const auto& message : m_inbox.takeAll()) {
-        if (const auto* record = std::get_if<host::Record>(&message))
-            take(*record);
-        else if (const auto* status = std::get_if<host::Status>(&message))
-            take(*status);
-        else if (const auto* answer = std::get_if<SeekAnswer>(&message))
-            take(*answer);
-        else
-            take(std::get<KeyNeeded>(message));
-    }
+    for (const auto& message : m_inbox.takeAll())
+        std::visit([this](const auto& each) { take(each); }, message);
     if (m_status.state == host::State::Failed)
         fail(m_status.reason);
     if (m_status.state == host::State::Ended && m_seeksOpen == 0)
@@ -142,8 +130,8 @@ void Playback::take(const host::Record& record) {
 }
 
 void Playback::take(const host::Status& status) {
-    if (m_status.state == host::State::Playing)
-        m_played += status.time - m_status.time;
+    if (isPlaying())
+        m_playedBefore += status.time - m_status.time;
     m_status = status;
     m_stage.display.show(status);
     m_stage.timeline.add(status);
@@ -187,8 +175,7 @@ void Playback::deliverKeys() {
 }
 
 void Playback::checkDetaches() {
-    const bool moving = m_status.state == host::State::Playing;
-    for (auto next = m_detachesLeft.begin(); moving && next != m_detachesLeft.end();) {
+    for (auto next = m_detachesLeft.begin(); isPlaying() && next != m_detachesLeft.end();) {
         if (m_status.position < next->time) {
             ++next;
             continue;
@@ -292,13 +279,11 @@ void Playback::suspend() {
 void Playback::checkTimes() {
     if (m_stop != Stop::None)
         return;
-    const auto now = host::Clock::now();
     const auto operation = m_element.operationUnderWay();
-    if (operation && now - operation->since > hangBound)
+    if (operation && host::Clock::now() - operation->since > hangBound)
         return fail("the backend hangs in " + operation->name + "; see the system log");
-    if (!m_stage.options.duration || m_status.state != host::State::Playing)
-        return;
-    if (m_played + (now - m_status.time) >= duration<double>(*m_stage.options.duration))
+    const auto& bound = m_stage.options.duration;
+    if (bound && isPlaying() && played() >= duration<double>(*bound))
         stop(Stop::Elapsed);
 }
 
@@ -324,8 +309,7 @@ void Playback::stop(Stop reason) {
 }
 
 void Playback::finish() {
-    if (m_status.state == host::State::Playing)
-        m_played += host::Clock::now() - m_status.time;
+    const double playedFor = duration<double>(played()).count();
     if (m_wantSnapshot && m_stop != Stop::Failed && m_result.snapshot.rgba.empty()) {
         if (m_stage.options.snapshotAt)
             fail("no snapshot: playback did not reach " + seconds(*m_stage.options.snapshotAt));
@@ -344,14 +328,13 @@ void Playback::finish() {
     takeRecords();
     m_stage.timeline.mediaEnds(host::Clock::now());
     if (m_result.error.empty())
-        m_stage.display.summary(summary());
+        m_stage.display.summary(summary(playedFor));
 }
 
-std::string Playback::summary() const {
+std::string Playback::summary(double playedFor) const {
     static constexpr const char* how[] = {"", "to the end",          "as long as asked",
                                           "", "until q was pressed", "until interrupted"};
-    std::string text = printable(m_name) + ": played " +
-                       seconds(duration<double>(m_played).count()) + " " +
+    std::string text = printable(m_name) + ": played " + seconds(playedFor) + " " +
                        how[static_cast<std::size_t>(m_stop)];
     if (m_status.width > 0 && m_status.height > 0)
         text += ", " + std::to_string(m_status.width) + "x" + std::to_string(m_status.height);

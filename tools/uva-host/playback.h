@@ -1,11 +1,11 @@
 #ifndef UVA_HOST_PLAYBACK_H
 #define UVA_HOST_PLAYBACK_H
 
+#include "common/signals.h"
 #include "display.h"
 #include "host/media_element.h"
 #include "inbox.h"
 #include "options.h"
-#include "signals.h"
 #include "terminal.h"
 #include "timeline.h"
 
@@ -13,6 +13,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <variant>
 #include <vector>
 
 namespace uvahost {
@@ -20,7 +21,7 @@ namespace uvahost {
 /// What the playbacks of one run share.
 struct Stage {
     const Options& options;
-    Signals& signals;
+    tools::Signals& signals;
     Terminal& terminal;
     Display& display;
     Timeline& timeline;
@@ -44,14 +45,16 @@ public:
     /// `last`: the one that the snapshot is taken of.
     Playback(Stage& stage, std::string name, bool last);
 
-    Result play(const std::string& uri);
-    Result play(host::MediaSource source);
+    /// What is played: a URI, or samples.
+    using Media = std::variant<std::string, host::MediaSource>;
+    Result play(Media media);
 
 private:
     enum class Stop { None, Ended, Elapsed, Failed, Quit, Signal };
 
-    void begin();
-    Result run();
+    void begin(Media media);
+    bool isPlaying() const { return m_status.state == host::State::Playing; }
+    host::Clock::duration played() const;
     void wait();
     void takeMessages();
     void takeRecords();
@@ -73,7 +76,7 @@ private:
     void fail(std::string reason);
     void stop(Stop reason);
     void finish();
-    std::string summary() const;
+    std::string summary(double playedFor) const;
 
     Stage& m_stage;
     const std::string m_name;
@@ -84,7 +87,7 @@ private:
     bool m_keyboard = true; // until its end was read
 
     host::Status m_status;
-    host::Clock::duration m_played{}; // spent playing, up to m_status.time
+    host::Clock::duration m_playedBefore{}; // spent playing, up to m_status.time
     std::deque<double> m_seeksLeft;
     std::optional<double> m_seekFromList; // the one under way
     std::optional<double> m_lastTarget;   // of the newest seek, while any is under way

@@ -1,31 +1,29 @@
 #include "session.h"
 
+#include "common/output_file.h"
+#include "common/signals.h"
 #include "gst_errors.h"
 #include "host/backend_library.h"
 #include "host/capability_query.h"
 #include "host/event_loop.h"
 #include "host/media_uri.h"
 #include "media_source.h"
-#include "output_file.h"
-#include "pipeline_graph.h"
 #include "uva/uva_client.h"
 #include "uva/uva_event.h"
 
 #include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <cstring>
-#include <utility>
 
 namespace uvahost {
 
 namespace {
 
-std::unique_ptr<Display> makeDisplay(const Options& options, const Terminal& terminal) {
-    if (options.quiet)
-        return std::make_unique<SilentDisplay>();
-    if (terminal.isLive())
-        return std::make_unique<LiveDisplay>(true);
-    return std::make_unique<LogDisplay>();
+Display::Style styleOf(const Options& options, const Terminal& terminal) {
+    return options.quiet       ? Display::Style::Silent
+           : terminal.isLive() ? Display::Style::Live
+                               : Display::Style::Log;
 }
 
 /// With a delay they come when they are missed.
@@ -49,34 +47,42 @@ public:
 
 } // namespace
 
-Session::Session(Options options) : m_options(std::move(options)) {}
+Session::Outcome Session::run() {
+    findMedia();
+    if (m_exitCode == 0)
+        partOutput();
+    if (m_exitCode == 0)
+        checkOutputs();
+    if (m_exitCode == 0)
+        useLibrary();
+    return {m_exitCode, m_abandoned};
+}
 
-Session::~Session() = default;
-
-int Session::run() {
-    if (!findMedia() || !partOutput() || !checkOutputs())
-        return m_exitCode;
+void Session::useLibrary() {
     if (!m_options.graph.empty())
-        m_graph = std::make_unique<PipelineGraph>();
+        m_graph.emplace();
     const GstErrors errors;
-
     auto loaded = host::BackendLibrary::load(m_options.backend);
-    if (loaded.library == nullptr) {
-        fail(loaded.error);
-        return m_exitCode;
-    }
-    if (m_options.canPlay || m_options.listTypes)
-        return answerQuestions(*loaded.library);
-    Signals signals;
+    if (loaded.library == nullptr)
+        return fail(loaded.error);
+    if (asksOnly())
+        answerQuestions(*loaded.library);
+    else
+        playMedia(std::move(loaded.library));
+    checkLog();
+}
+
+void Session::playMedia(std::shared_ptr<const host::BackendLibrary> library) {
+    tools::Signals signals{SIGINT, SIGTERM, SIGHUP, SIGTSTP, SIGCONT, SIGWINCH};
     Terminal terminal;
     Timeline timeline;
-    const auto display = makeDisplay(m_options, terminal);
+    Display display(styleOf(m_options, terminal));
     Stage stage{m_options,
                 signals,
                 terminal,
-                *display,
+                display,
                 timeline,
-                std::move(loaded.library),
+                std::move(library),
                 std::make_shared<host::EventLoop>(),
                 makeKeys(m_options)};
     if (m_options.mse)
@@ -84,69 +90,49 @@ int Session::run() {
     else
         playAll(stage);
     writeOutputs(timeline);
-    checkLog();
-    return m_exitCode;
 }
 
-int Session::answerQuestions(const host::BackendLibrary& library) {
-    std::vector<std::string> types;
-    host::CapabilityAnswer answer;
-    {
-        DeafClient client;
-        auto* backend = library.request(UVABackend::VideoElement, &client);
-        if (backend == nullptr) {
-            fail("the library gave no backend; its own message above says why");
-            return m_exitCode;
-        }
-        if (m_options.listTypes)
-            types = host::supportedTypes(*backend);
-        if (m_options.canPlay)
-            answer = host::askCanPlay(*backend, *m_options.canPlay);
-        library.release(backend);
-    }
-    for (const auto& type : types)
-        std::fprintf(m_output.stream(), "%s\n", type.c_str());
+void Session::answerQuestions(const host::BackendLibrary& library) {
+    DeafClient client;
+    auto* const backend = library.request(UVABackend::VideoElement, &client);
+    if (backend == nullptr)
+        return fail("the library gave no backend; its own message above says why");
+    std::vector<std::string> lines;
+    if (m_options.listTypes)
+        lines = host::supportedTypes(*backend);
     if (m_options.canPlay) {
-        std::fprintf(m_output.stream(), "%s\n",
-                     answer.canPlay ? "yes" : ("no: " + answer.reason).c_str());
+        const auto answer = host::askCanPlay(*backend, *m_options.canPlay);
+        lines.push_back(answer.canPlay ? "yes" : "no: " + answer.reason);
         m_exitCode = answer.canPlay ? 0 : 1;
     }
-    checkLog();
-    return m_exitCode;
+    library.release(backend);
+    for (const auto& line : lines)
+        std::fprintf(m_output.stream(), "%s\n", line.c_str());
 }
 
-bool Session::findMedia() {
-    for (const auto& name : m_options.media) {
-        auto media = host::toMediaUri(name);
-        if (!media.error.empty())
-            fail(printable(name) + ": " + media.error);
-        m_uris.push_back(std::move(media.uri));
-    }
+void Session::findMedia() {
+    const auto find = [this](const std::string& name) {
+        const auto media = host::toMediaUri(name);
+        failIf(media.error.empty() ? "" : printable(name) + ": " + media.error);
+        return media.uri;
+    };
+    for (const auto& name : m_options.media)
+        m_uris.push_back(find(name));
     for (const auto& change : m_options.switches)
-        if (const auto media = host::toMediaUri(change.name); !media.error.empty())
-            fail(printable(change.name) + ": " + media.error);
-    return m_exitCode == 0;
+        find(change.name);
 }
 
 /// The library's own lines are not wanted by the quiet, nor among answers.
-bool Session::partOutput() {
-    const bool answers = m_options.canPlay || m_options.listTypes;
-    if (!m_options.quiet && !answers)
-        return true;
-    const auto others = m_options.quiet ? OwnOutput::Others::Nowhere : OwnOutput::Others::ToErrors;
-    if (const auto error = m_output.send(others); !error.empty())
-        fail(error);
-    return m_exitCode == 0;
+void Session::partOutput() {
+    if (m_options.quiet)
+        failIf(m_output.send(OwnOutput::Others::Nowhere));
+    else if (asksOnly())
+        failIf(m_output.send(OwnOutput::Others::ToErrors));
 }
 
-bool Session::checkOutputs() {
-    for (const auto* path : {&m_options.snapshot, &m_options.graph, &m_options.timeline}) {
-        if (path->empty())
-            continue;
-        if (const auto error = whyNotWritable(m_output.pathOf(*path)); !error.empty())
-            fail(error);
-    }
-    return m_exitCode == 0;
+void Session::checkOutputs() {
+    for (const auto* path : {&m_options.snapshot, &m_options.graph, &m_options.timeline})
+        failIf(tools::whyNotWritable(m_output.pathOf(*path)));
 }
 
 void Session::playAll(Stage& stage) {
@@ -174,8 +160,7 @@ void Session::playSource(Stage& stage) {
 
 /// Whether the run goes on.
 bool Session::take(Playback::Result result, const std::string& name) {
-    if (!result.error.empty())
-        fail(printable(name) + ": " + result.error);
+    failIf(result.error.empty() ? "" : printable(name) + ": " + result.error);
     if (!result.snapshot.rgba.empty())
         m_snapshot = std::move(result.snapshot);
     if (result.signal != 0)
@@ -185,20 +170,18 @@ bool Session::take(Playback::Result result, const std::string& name) {
 }
 
 void Session::writeOutputs(const Timeline& timeline) {
-    std::string error;
+    const auto write = [this](const std::string& path, const std::string& bytes) {
+        return tools::writeFile(m_output.pathOf(path), bytes);
+    };
     if (!m_snapshot.rgba.empty()) {
+        std::string error;
         const auto png = host::encodePng(m_snapshot, error);
-        if (error.empty())
-            error = writeFile(m_output.pathOf(m_options.snapshot), png);
-        if (!error.empty())
-            fail(error);
+        failIf(error.empty() ? write(m_options.snapshot, png) : error);
     }
-    if (m_graph != nullptr)
-        if (error = m_graph->writeTo(m_output.pathOf(m_options.graph)); !error.empty())
-            fail(error);
+    if (m_graph)
+        failIf(m_graph->writeTo(m_output.pathOf(m_options.graph)));
     if (!m_options.timeline.empty())
-        if (error = writeFile(m_output.pathOf(m_options.timeline), timeline.text()); !error.empty())
-            fail(error);
+        failIf(write(m_options.timeline, timeline.text()));
 }
 
 /// A reader that went away (`| head`) has seen what it wanted; a disk that is full is an error.
@@ -207,6 +190,11 @@ void Session::checkLog() {
     const bool flushed = std::fflush(m_output.stream()) == 0;
     if ((!flushed || std::ferror(m_output.stream()) != 0) && errno != EPIPE && errno != 0)
         fail(std::string("cannot write the log to standard output: ") + std::strerror(errno));
+}
+
+void Session::failIf(const std::string& error) {
+    if (!error.empty())
+        fail(error);
 }
 
 void Session::fail(const std::string& text) {

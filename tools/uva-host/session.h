@@ -3,48 +3,49 @@
 
 #include "options.h"
 #include "own_output.h"
+#include "pipeline_graph.h"
 #include "playback.h"
 #include "timeline.h"
 
 #include <memory>
+#include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace uvahost {
 
-class PipelineGraph;
-
 /// One run of the program.
 class Session {
 public:
-    explicit Session(Options options);
-    ~Session();
+    explicit Session(Options options) : m_options(std::move(options)) {}
 
-    Session(const Session&) = delete;
-    Session& operator=(const Session&) = delete;
-
-    /// The exit code.
-    int run();
-
-    /// A backend hangs: only the process's end stops its threads.
-    bool abandoned() const { return m_abandoned; }
+    struct Outcome {
+        int exitCode;
+        bool abandoned; ///< a backend hangs: only the process's end stops its threads
+    };
+    Outcome run();
 
 private:
-    int answerQuestions(const host::BackendLibrary& library);
-    bool findMedia();
-    bool partOutput();
-    bool checkOutputs();
+    bool asksOnly() const { return m_options.canPlay || m_options.listTypes; }
+    void findMedia();
+    void partOutput();
+    void checkOutputs();
+    void useLibrary();
+    void answerQuestions(const host::BackendLibrary& library);
+    void playMedia(std::shared_ptr<const host::BackendLibrary> library);
     void playAll(Stage& stage);
     void playSource(Stage& stage);
     bool take(Playback::Result result, const std::string& name);
     void writeOutputs(const Timeline& timeline);
     void checkLog();
+    void failIf(const std::string& error);
     void fail(const std::string& text);
 
     OwnOutput m_output;
     const Options m_options;
     std::vector<std::string> m_uris;
-    std::unique_ptr<PipelineGraph> m_graph; ///< null: not asked for
+    std::optional<PipelineGraph> m_graph; ///< nothing: not asked for
     host::Picture m_snapshot;
     int m_exitCode = 0;
     bool m_abandoned = false;

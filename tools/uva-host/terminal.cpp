@@ -35,8 +35,13 @@ void onFatalSignal(int number) {
     raise(number);
 }
 
-bool inForeground() {
-    return tcgetpgrp(STDIN_FILENO) == getpgrp();
+bool putBackAtEveryEnd() {
+    std::atexit(putModesBack);
+    struct sigaction action = {};
+    action.sa_handler = onFatalSignal;
+    for (std::size_t i = 0; i < std::size(fatalSignals); ++i)
+        sigaction(fatalSignals[i], &action, &originalActions[i]);
+    return true;
 }
 
 } // namespace
@@ -47,40 +52,26 @@ Terminal::Terminal() {
     m_live = isatty(STDOUT_FILENO) == 1 && !dumb;
 }
 
-Terminal::~Terminal() {
-    restore();
-}
-
 void Terminal::enter() {
-    if (!m_live || isatty(STDIN_FILENO) != 1 || !inForeground())
+    if (!m_live || isatty(STDIN_FILENO) != 1 || tcgetpgrp(STDIN_FILENO) != getpgrp())
         return;
     if (modesChanged == 0 && tcgetattr(STDIN_FILENO, &originalModes) != 0)
         return;
-    static const bool prepared = [] {
-        std::atexit(putModesBack);
-        struct sigaction action = {};
-        action.sa_handler = onFatalSignal;
-        for (std::size_t i = 0; i < std::size(fatalSignals); ++i)
-            sigaction(fatalSignals[i], &action, &originalActions[i]);
-        return true;
-    }();
-    static_cast<void>(prepared);
-
+    [[maybe_unused]] static const bool prepared = putBackAtEveryEnd();
     termios modes = originalModes;
     modes.c_lflag &= ~static_cast<tcflag_t>(ICANON | ECHO);
     modes.c_cc[VMIN] = 1;
     modes.c_cc[VTIME] = 0;
-    modesChanged = 1;
-    m_entered = tcsetattr(STDIN_FILENO, TCSADRAIN, &modes) == 0;
+    modesChanged = 1; // before they are: an end may come any time
+    modesChanged = tcsetattr(STDIN_FILENO, TCSADRAIN, &modes) == 0 ? 1 : 0;
 }
 
 void Terminal::restore() {
     putModesBack();
-    m_entered = false;
 }
 
-int Terminal::keyFd() const {
-    return m_entered ? STDIN_FILENO : -1;
+int Terminal::keyFd() {
+    return modesChanged != 0 ? STDIN_FILENO : -1;
 }
 
 int Terminal::width() {
@@ -92,34 +83,30 @@ int Terminal::width() {
 
 std::vector<Key> KeyDecoder::decode(const std::string& bytes) {
     constexpr char escape = '\x1b';
+    constexpr struct {
+        bool inSequence;
+        char byte;
+        Key key;
+    } meanings[] = {{false, ' ', Key::Pause},
+                    {false, 'q', Key::Quit},
+                    {false, 'Q', Key::Quit},
+                    {true, 'C', Key::Forward},
+                    {true, 'D', Key::Back}};
     std::vector<Key> keys;
     for (const char c : bytes) {
+        const auto before = m_sequence.size();
         if (c == escape) {
             m_sequence = c;
-            continue;
-        }
-        if (m_sequence.size() == 1 && (c == '[' || c == 'O')) {
+        } else if (before == 1 && (c == '[' || c == 'O')) {
             m_sequence += c;
-            continue;
-        }
-        if (m_sequence.size() >= 2) {
-            const bool parameter = c >= 0x20 && c < 0x40;
-            if (parameter) {
-                m_sequence = "\x1b[;"; // a modified key: not ours
-                continue;
-            }
-            if (m_sequence.size() == 2 && c == 'C')
-                keys.push_back(Key::Forward);
-            if (m_sequence.size() == 2 && c == 'D')
-                keys.push_back(Key::Back);
+        } else if (before >= 2 && c >= 0x20 && c < 0x40) {
+            m_sequence = "\x1b[;"; // a modified key: not ours
+        } else {
             m_sequence.clear();
-            continue;
+            for (const auto& meaning : meanings)
+                if (c == meaning.byte && (meaning.inSequence ? before == 2 : before < 2))
+                    keys.push_back(meaning.key);
         }
-        m_sequence.clear();
-        if (c == ' ')
-            keys.push_back(Key::Pause);
-        if (c == 'q' || c == 'Q')
-            keys.push_back(Key::Quit);
     }
     return keys;
 }

@@ -11,7 +11,7 @@ namespace uvahost {
 class Terminal {
 public:
     Terminal();
-    ~Terminal();
+    ~Terminal() { restore(); }
 
     Terminal(const Terminal&) = delete;
     Terminal& operator=(const Terminal&) = delete;
@@ -22,17 +22,16 @@ public:
     /// Takes the keyboard, if there is one and we are in the foreground. Also after having been
     /// stopped.
     void enter();
-    void restore();
+    static void restore();
 
     /// Standard input, while keys can be read from it; else -1.
-    int keyFd() const;
+    static int keyFd();
 
     /// Columns.
     static int width();
 
 private:
     bool m_live = false;
-    bool m_entered = false;
 };
 
 enum class Key { Pause, Back, Forward, Quit };

@@ -1,37 +1,30 @@
 #ifndef UVA_HOST_TIMELINE_H
 #define UVA_HOST_TIMELINE_H
 
+#include "common/trace_events.h"
 #include "host/record.h"
 #include "host/status.h"
 
-#include <nlohmann/json.hpp>
-
+#include <optional>
 #include <string>
 
 namespace uvahost {
 
-/// Collects what happened as Chrome trace events: operations, events and states on a track each,
-/// position and duration as counters. Times are CLOCK_MONOTONIC in microseconds.
+/// What happened as trace events: operations, events and states on a track each, position and
+/// duration as counters.
 class Timeline {
 public:
-    Timeline();
-
     void mediaBegins(const std::string& name, host::Clock::time_point time);
     void add(const host::Record& record);
     void add(const host::Status& status);
     void mediaEnds(host::Clock::time_point time);
 
-    /// The file's text. Bytes that are no UTF-8 are replaced.
-    std::string text() const;
+    std::string text() const { return m_events.text(); }
 
 private:
-    void closeState(host::Clock::time_point time);
-    nlohmann::json& append(const char* phase, const std::string& name, int track);
-
-    nlohmann::json m_events = nlohmann::json::array();
-    bool m_stateOpen = false;
+    tools::TraceEvents m_events{"uva-host", {"operations", "events", "state"}};
     host::Status m_last;
-    host::Clock::time_point m_stateSince;
+    std::optional<host::Clock::time_point> m_stateSince; ///< nothing: no state is shown
 };
 
 } // namespace uvahost

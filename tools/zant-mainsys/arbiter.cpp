@@ -1,5 +1,6 @@
 #include "arbiter.h"
 
+#include <iterator>
 #include <utility>
 
 namespace mainsys {
@@ -9,7 +10,7 @@ std::optional<Arbiter::Answer> Arbiter::needed(uint32_t kinds) {
         m_held |= kinds;
         return std::nullopt;
     }
-    if (m_mode == Mode::Refuse || !canGrant(kinds))
+    if (m_mode == Mode::Refuse || kinds == 0 || (kinds & ~m_there) != 0)
         return 0;
     m_granted |= kinds;
     return kinds;
@@ -25,11 +26,9 @@ void Arbiter::plugInStarted() {
     m_held = 0;
 }
 
-bool Arbiter::canGrant(uint32_t kinds) const {
-    const bool audio = (kinds & audioKind) == 0 || m_decoders[0] > 0;
-    const bool video = (kinds & videoKind) == 0 || m_decoders[1] > 0;
-    const bool known = kinds != 0 && (kinds & ~(audioKind | videoKind)) == 0;
-    return known && audio && video;
+std::string kindsText(uint32_t kinds) {
+    static constexpr const char* names[] = {"none", "audio", "video", "audio+video"};
+    return kinds < std::size(names) ? names[kinds] : std::to_string(kinds);
 }
 
 } // namespace mainsys

@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <optional>
+#include <string>
 
 namespace mainsys {
 
@@ -18,11 +19,11 @@ public:
     /// The kinds granted; 0 is a refusal.
     using Answer = uint32_t;
 
-    Arbiter(int audioDecoders, int videoDecoders) : m_decoders{audioDecoders, videoDecoders} {}
+    Arbiter(int audioDecoders, int videoDecoders)
+        : m_there((audioDecoders > 0 ? audioKind : 0) | (videoDecoders > 0 ? videoKind : 0)) {}
 
     /// How requests are answered from now on.
     void setMode(Mode mode) { m_mode = mode; }
-    Mode mode() const { return m_mode; }
 
     /// The plug-in needs these kinds. Nothing while requests are ignored: then it is held.
     std::optional<Answer> needed(uint32_t kinds);
@@ -37,13 +38,14 @@ public:
     uint32_t granted() const { return m_granted; }
 
 private:
-    bool canGrant(uint32_t kinds) const;
-
-    int m_decoders[2];
+    const uint32_t m_there; ///< the kinds of which there is a decoder
     Mode m_mode = Mode::Grant;
     uint32_t m_granted = 0;
     uint32_t m_held = 0;
 };
+
+/// "audio", "video", "audio+video", "none", or the number for other masks.
+std::string kindsText(uint32_t kinds);
 
 } // namespace mainsys
 

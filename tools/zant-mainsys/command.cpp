@@ -1,25 +1,25 @@
 #include "command.h"
 
-#include "arbiter.h"
 #include "messaging/queue/signal_ids.h"
+#include "session.h"
 
+#include <algorithm>
+#include <cstdio>
 #include <cstdlib>
+#include <iterator>
 #include <limits>
 #include <sstream>
+#include <utility>
 #include <vector>
 
 namespace mainsys {
 
 namespace {
 
-using Verb = Command::Verb;
+using Mode = Arbiter::Mode;
 using Words = std::vector<std::string>;
 
 constexpr uint32_t mostMessages = 100000;
-constexpr int64_t longestTime = 3600 * 1000;
-
-/// Fills the command from the words after the verb. False when they do not fit.
-using Reader = bool (*)(const Words&, Command&);
 
 std::optional<int64_t> number(const std::string& text) {
     char* end = nullptr;
@@ -29,12 +29,18 @@ std::optional<int64_t> number(const std::string& text) {
     return whole && value >= -most && value <= most ? std::optional<int64_t>(value) : std::nullopt;
 }
 
-bool readTime(const std::string& text, Milliseconds& time) {
-    const auto value = number(text);
-    if (!value || *value < 0 || *value > longestTime)
+/// A number within bounds.
+template <typename Value>
+bool readNumber(const std::string& text, int64_t least, int64_t most, Value& value) {
+    const auto read = number(text);
+    if (!read || *read < least || *read > most)
         return false;
-    time = Milliseconds(*value);
+    value = static_cast<Value>(*read);
     return true;
+}
+
+bool readTime(const std::string& text, Milliseconds& time) {
+    return readNumber(text, 0, 3600 * 1000, time);
 }
 
 bool readKinds(const std::string& text, uint32_t& kinds) {
@@ -61,156 +67,140 @@ bool readSignal(const std::string& text, uint32_t& signal) {
     return false;
 }
 
-bool readCount(const std::string& text, uint32_t& count) {
-    const auto value = number(text);
-    if (!value || *value < 1 || *value > mostMessages)
-        return false;
-    count = static_cast<uint32_t>(*value);
-    return true;
-}
+// Each fills in what the words behind a command's name say. False when they do not fit.
 
-bool noWords(const Words& words, Command&) {
+bool noWords(const Words& words, Arguments&) {
     return words.empty();
 }
 
-bool grant(const Words& words, Command& command) {
-    return words.empty() || (words.size() == 1 && readKinds(words[0], command.kinds));
+bool oneKind(const Words& words, Arguments& arguments) {
+    return words.size() == 1 && readKinds(words[0], arguments.kinds);
 }
 
-bool oneKind(const Words& words, Command& command) {
-    return words.size() == 1 && readKinds(words[0], command.kinds);
+bool perhapsAKind(const Words& words, Arguments& arguments) {
+    return words.empty() || oneKind(words, arguments);
 }
 
-bool oneTime(const Words& words, Command& command) {
-    return words.size() == 1 && readTime(words[0], command.time);
+bool oneTime(const Words& words, Arguments& arguments) {
+    return words.size() == 1 && readTime(words[0], arguments.time);
 }
 
-bool oneCount(const Words& words, Command& command) {
-    return words.size() == 1 && readCount(words[0], command.count);
+bool oneCount(const Words& words, Arguments& arguments) {
+    return words.size() == 1 && readNumber(words[0], 1, mostMessages, arguments.count);
 }
 
-bool controlText(const Words& words, Command& command) {
+bool anyText(const Words& words, Arguments& arguments) {
     for (const std::string& word : words)
-        command.text += (command.text.empty() ? "" : " ") + word;
+        arguments.text += (arguments.text.empty() ? "" : " ") + word;
     return !words.empty();
 }
 
-bool expectation(const Words& words, Command& command) {
+bool expectation(const Words& words, Arguments& arguments) {
     Words rest = words;
+    Expectation& expected = arguments.expectation.emplace();
     if (!rest.empty() && rest.front() == "no") {
-        command.verb = Verb::ExpectNone;
+        expected.toCome = false;
         rest.erase(rest.begin());
     }
     if (rest.size() == 4) {
         const auto parameter = number(rest[1]);
         if (!parameter)
             return false;
-        command.parameter = static_cast<int32_t>(*parameter);
+        expected.parameter = static_cast<int32_t>(*parameter);
         rest.erase(rest.begin() + 1);
     }
-    return rest.size() == 3 && readSignal(rest[0], command.signal) && rest[1] == "within" &&
-           readTime(rest[2], command.time);
+    return rest.size() == 3 && readSignal(rest[0], expected.signal) && rest[1] == "within" &&
+           readTime(rest[2], arguments.time);
 }
 
-bool rawBody(const Words& words, Command& command) {
-    struct {
-        const char* name;
-        void* word;
-    } const fields[] = {{"param1", &command.body.param1},      {"size", &command.body.signalSize},
-                        {"address", &command.body.signalPtr},  {"object", &command.body.signalObj},
-                        {"control", &command.body.rpcControl}, {"count", &command.count}};
-    if (words.empty() || !readSignal(words[0], command.body.signalId))
+bool rawBody(const Words& words, Arguments& arguments) {
+    ZantMsgBody& body = arguments.body;
+    const std::pair<const char*, void*> fields[] = {
+        {"param1=", &body.param1},    {"size=", &body.signalSize},    {"address=", &body.signalPtr},
+        {"object=", &body.signalObj}, {"control=", &body.rpcControl}, {"count=", &arguments.count}};
+    if (words.empty() || !readSignal(words[0], body.signalId))
         return false;
     for (size_t i = 1; i < words.size(); ++i) {
-        const auto equals = words[i].find('=');
-        const auto value =
-            equals == std::string::npos ? std::nullopt : number(words[i].substr(equals + 1));
-        void* target = nullptr;
-        for (const auto& field : fields)
-            if (words[i].substr(0, equals) == field.name)
-                target = field.word;
-        if (!value || !target)
+        const auto value = words[i].find('=') + 1;
+        const auto field =
+            std::find_if(std::begin(fields), std::end(fields),
+                         [&](const auto& each) { return words[i].substr(0, value) == each.first; });
+        const auto read = number(words[i].substr(value));
+        if (field == std::end(fields) || !read)
             return false;
-        *static_cast<uint32_t*>(target) = static_cast<uint32_t>(*value);
+        *static_cast<uint32_t*>(field->second) = static_cast<uint32_t>(*read);
     }
-    return command.count >= 1 && command.count <= mostMessages;
+    return arguments.count >= 1 && arguments.count <= mostMessages;
 }
 
-struct Row {
+constexpr struct {
     const char* name;
-    Verb verb;
-    Reader read;
     const char* words;
     const char* help;
-};
-
-constexpr Row rows[] = {
-    {"grant", Verb::Grant, grant, "[audio|video|both]",
+    bool (*read)(const Words&, Arguments&);
+    void (*obey)(Session&, const Arguments&);
+} rows[] = {
+    {"grant", "[audio|video|both]",
      "grant what is asked for from now on, and what waits; with a kind: grant it now, asked or "
-     "not"},
-    {"refuse", Verb::Refuse, noWords, "", "refuse from now on, and what waits"},
-    {"ignore", Verb::Ignore, noWords, "", "leave requests waiting from now on"},
-    {"delay", Verb::Delay, oneTime, "MS", "answer so much later from now on"},
-    {"release", Verb::Release, oneKind, "audio|video|both", "ask decoders back"},
-    {"control", Verb::Control, controlText, "TEXT", "send a control request, such as output-ddp:1"},
-    {"crash", Verb::Crash, noWords, "", "die at once: queue and shared memory stay as they are"},
-    {"restart", Verb::Restart, noWords, "",
-     "start anew: queue made anew, sequence number 1, all decoders free"},
-    {"expect", Verb::Expect, expectation, "[no] SIGNAL [PARAM1] within MS",
-     "wait for a signal since the last one expected (or that none comes); else fail"},
-    {"wait", Verb::Wait, oneTime, "MS", "go on later"},
-    {"raw", Verb::Raw, rawBody, "SIGNAL [param1=|size=|address=|object=|control=|count=N]...",
-     "put a body into the queue as it is"},
-    {"garbage", Verb::Garbage, oneCount, "COUNT", "put bodies of random bytes into the queue"},
-    {"status", Verb::Status, noWords, "", "print who has what"},
-    {"help", Verb::Help, noWords, "", "print this"},
-    {"quit", Verb::Quit, noWords, "", "end"},
+     "not",
+     perhapsAKind, [](Session& session, const Arguments& it) { session.grant(it.kinds); }},
+    {"refuse", "", "refuse from now on, and what waits", noWords,
+     [](Session& session, const Arguments&) { session.setMode(Mode::Refuse); }},
+    {"ignore", "", "leave requests waiting from now on", noWords,
+     [](Session& session, const Arguments&) { session.setMode(Mode::Ignore); }},
+    {"delay", "MS", "answer so much later from now on", oneTime,
+     [](Session& session, const Arguments& it) { session.setDelay(it.time); }},
+    {"release", "audio|video|both", "ask decoders back", oneKind,
+     [](Session& session, const Arguments& it) { session.askBack(it.kinds); }},
+    {"control", "TEXT", "send a control request, such as output-ddp:1", anyText,
+     [](Session& session, const Arguments& it) { session.control(it.text); }},
+    {"crash", "", "die at once, by SIGKILL: queue and shared memory stay as they are", noWords,
+     [](Session& session, const Arguments&) { session.crash(); }},
+    {"restart", "", "start anew: queue made anew, sequence number 1, all decoders free", noWords,
+     [](Session& session, const Arguments&) { session.restart(); }},
+    {"expect", "[no] SIGNAL [PARAM1] within MS",
+     "wait for a signal since the last one expected (or that none comes); else fail", expectation,
+     [](Session& session, const Arguments& it) { session.hold(it.time, it.expectation); }},
+    {"wait", "MS", "go on later", oneTime,
+     [](Session& session, const Arguments& it) { session.hold(it.time, std::nullopt); }},
+    {"raw", "SIGNAL [param1=|size=|address=|object=|control=|count=N]...",
+     "put a body into the queue as it is", rawBody,
+     [](Session& session, const Arguments& it) { session.sendRaw(it.body, it.count); }},
+    {"garbage", "COUNT", "put bodies of random bytes into the queue", oneCount,
+     [](Session& session, const Arguments& it) { session.sendGarbage(it.count); }},
+    {"status", "", "print who has what", noWords,
+     [](Session& session, const Arguments&) { session.printStatus(); }},
+    {"help", "", "print this", noWords,
+     [](Session&, const Arguments&) { fputs(commandHelp().c_str(), stdout); }},
+    {"quit", "", "end", noWords, [](Session& session, const Arguments&) { session.quit(); }},
 };
 
 } // namespace
 
-ParsedCommand parseCommand(const std::string& line) {
+Command parseCommand(const std::string& line) {
     std::istringstream stream(line.substr(0, line.find('#')));
-    Words words;
-    for (std::string word; stream >> word;)
-        words.push_back(word);
-    Command command;
+    Words words{std::istream_iterator<std::string>(stream), {}};
     if (words.empty())
-        return {command, {}};
+        return {};
     const std::string name = words.front();
     words.erase(words.begin());
-    for (const Row& row : rows) {
+    for (const auto& row : rows) {
         if (name != row.name)
             continue;
-        command.verb = row.verb;
-        if (row.read(words, command))
-            return {command, {}};
-        return {std::nullopt, "write '" + name + (*row.words ? " " : "") + row.words + "'"};
+        Command command{row.obey, {}, {}};
+        if (!row.read(words, command.arguments))
+            command.error = "write '" + name + (*row.words ? " " : "") + row.words + "'";
+        return command;
     }
-    return {std::nullopt, "'" + name + "' is no command; 'help' lists them"};
+    return {nullptr, {}, "'" + name + "' is no command; 'help' lists them"};
 }
 
 std::string commandHelp() {
     std::string text;
-    for (const Row& row : rows)
+    for (const auto& row : rows)
         text += "  " + std::string(row.name) + (*row.words ? " " : "") + row.words + "\n      " +
                 row.help + "\n";
     return text;
-}
-
-std::string kindsText(uint32_t kinds) {
-    switch (kinds) {
-    case 0:
-        return "none";
-    case audioKind:
-        return "audio";
-    case videoKind:
-        return "video";
-    case audioKind | videoKind:
-        return "audio+video";
-    default:
-        return std::to_string(kinds);
-    }
 }
 
 } // namespace mainsys

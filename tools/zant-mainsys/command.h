@@ -10,52 +10,38 @@
 
 namespace mainsys {
 
+class Session;
+
 using Milliseconds = std::chrono::milliseconds;
+
+/// A signal of the plug-in that is to come, or not to.
+struct Expectation {
+    uint32_t signal = 0;
+    std::optional<int32_t> parameter; ///< the first one, if it matters
+    bool toCome = true;
+};
+
+/// What stands behind a command's name; each has some of it.
+struct Arguments {
+    uint32_t kinds = 0;
+    Milliseconds time{0};
+    std::string text;
+    std::optional<Expectation> expectation;
+    ZantMsgBody body{};
+    uint32_t count = 1;
+};
 
 /// One line of a scenario or of the terminal.
 struct Command {
-    enum class Verb {
-        Nothing, ///< an empty line, a comment
-        Grant,
-        Refuse,
-        Ignore,
-        Delay,
-        Release,
-        Control,
-        Crash,
-        Restart,
-        Expect,
-        ExpectNone,
-        Wait,
-        Raw,
-        Garbage,
-        Status,
-        Help,
-        Quit
-    };
-
-    Verb verb = Verb::Nothing;
-    uint32_t kinds = 0;               ///< Grant (0: as the mode), Release
-    Milliseconds time{0};             ///< Delay, Wait, Expect
-    std::string text;                 ///< Control: the text
-    uint32_t signal = 0;              ///< Expect
-    std::optional<int32_t> parameter; ///< Expect: the first parameter, if it matters
-    ZantMsgBody body{};               ///< Raw
-    uint32_t count = 1;               ///< Raw, Garbage
+    void (*obey)(Session&, const Arguments&) = nullptr; ///< null: an empty line, a comment
+    Arguments arguments;
+    std::string error; ///< why the line is none, and what to write
 };
 
-struct ParsedCommand {
-    std::optional<Command> command;
-    std::string error; ///< why there is none, and what to write
-};
-
-ParsedCommand parseCommand(const std::string& line);
+Command parseCommand(const std::string& line);
 
 /// The commands, a line each.
 std::string commandHelp();
-
-/// "audio", "video", "audio+video", or the number for other masks.
-std::string kindsText(uint32_t kinds);
 
 } // namespace mainsys
 

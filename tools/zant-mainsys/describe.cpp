@@ -1,10 +1,9 @@
 #include "describe.h"
 
-#include "command.h"
+#include "arbiter.h"
 
 #include <algorithm>
 #include <cstdio>
-#include <cstring>
 
 namespace mainsys {
 
@@ -56,10 +55,9 @@ std::string firstBytes(const std::string& bytes) {
 }
 
 bool namesKinds(uint32_t signal) {
-    return signal == SIG_ID_MPLAYER_DECODER_NEEDED_IND ||
-           signal == SIG_ID_MPLAYER_DECODER_AVAILABLE_IND ||
-           signal == SIG_ID_MPLAYER_DECODER_RELEASE_REQ ||
-           signal == SIG_ID_MPLAYER_DECODER_RELEASE_RESP;
+    const auto those = {SIG_ID_MPLAYER_DECODER_NEEDED_IND, SIG_ID_MPLAYER_DECODER_AVAILABLE_IND,
+                        SIG_ID_MPLAYER_DECODER_RELEASE_REQ, SIG_ID_MPLAYER_DECODER_RELEASE_RESP};
+    return std::find(those.begin(), those.end(), signal) != those.end();
 }
 
 } // namespace
@@ -93,16 +91,11 @@ std::string describe(const Signal& signal) {
 
 std::string describePayload(const Signal& signal) {
     const std::string& bytes = signal.payload;
-    if (bytes.empty())
-        return {};
-    std::string text;
-    if (signal.body.signalId == SIG_ID_MPLAYER_VIDEO_FORMAT_IND)
-        text = videoFormat(bytes);
-    else if (signal.body.signalId == SIG_ID_MPLAYER_SET_WINDOW_REQ)
-        text = window(bytes);
-    else
-        text = plainText(bytes);
-    return text.empty() ? firstBytes(bytes) : text;
+    const auto read = signal.body.signalId == SIG_ID_MPLAYER_VIDEO_FORMAT_IND ? videoFormat
+                      : signal.body.signalId == SIG_ID_MPLAYER_SET_WINDOW_REQ ? window
+                                                                              : plainText;
+    const std::string text = bytes.empty() ? std::string() : read(bytes);
+    return bytes.empty() || !text.empty() ? text : firstBytes(bytes);
 }
 
 } // namespace mainsys

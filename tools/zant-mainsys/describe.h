@@ -1,7 +1,7 @@
 #ifndef MAINSYS_DESCRIBE_H
 #define MAINSYS_DESCRIBE_H
 
-#include "link_signal.h"
+#include "link.h"
 
 #include <string>
 

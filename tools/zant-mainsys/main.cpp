@@ -10,10 +10,7 @@ int main(int argc, char** argv) {
     std::setvbuf(stdout, nullptr, _IOLBF, 1024); // one that stays sees each line at once
 
     auto parsed = mainsys::parseOptions(argc, argv);
-    if (!parsed.options) {
-        std::fputs(parsed.text.c_str(), parsed.exitCode == 0 ? stdout : stderr);
-        return parsed.exitCode;
-    }
-    mainsys::Session session(std::move(*parsed.options));
-    return session.run();
+    if (!parsed.options)
+        return parsed.tell();
+    return mainsys::Session(std::move(*parsed.options)).run();
 }

@@ -4,13 +4,9 @@
 
 #include <CLI/CLI.hpp>
 
-#include <sstream>
-
 namespace mainsys {
 
 namespace {
-
-constexpr int mostDecoders = 16;
 
 constexpr const char* purpose =
     R"(Plays the television's main system: owns the decoders, and talks to the plug-in over the queues
@@ -23,7 +19,8 @@ is set of the parameters, sequence number, what the payload says.
 
 Signals are named in full, without SIG_ID_ or SIG_ID_MPLAYER_, or by number. In a scenario each line
 is a command, '#' begins a comment, and commands are obeyed one after the other; 'expect' and 'wait'
-hold those behind them. At the end the program ends.
+hold those behind them. At the end the program ends. A scenario is for one player: once that has
+ended nothing is waited for, and what is still expected has failed.
 
 Examples:
   tvbox --main-system zant-mainsys uva-host clip.mp4
@@ -49,45 +46,32 @@ Exit codes:
   1    an expectation failed, or the link or an output file could not be opened
   2    the command line or a line of the scenario is wrong
   3    another main system serves the queue; the line on standard error says which
+  137  'crash' (128 and SIGKILL)
 )";
-
-void declare(CLI::App& app, Options& options) {
-    app.add_option("--scenario", options.scenario, "Commands to obey, a line each; then end")
-        ->type_name("FILE")
-        ->check(CLI::ExistingFile);
-    app.add_option("--timeline", options.timeline, "Write the handshake as Chrome trace events")
-        ->type_name("OUT.json");
-    app.add_option("--audio", options.audioDecoders, "Number of audio decoders (1)")
-        ->type_name("N")
-        ->check(CLI::Range(0, mostDecoders));
-    app.add_option("--video", options.videoDecoders, "Number of video decoders (1)")
-        ->type_name("N")
-        ->check(CLI::Range(0, mostDecoders));
-    app.add_flag("--down", options.down, "Begin without a main system, until 'restart'");
-    app.add_flag("--quiet", options.quiet, "Print nothing but failed expectations and errors");
-}
 
 } // namespace
 
-ParsedOptions parseOptions(int argc, const char* const* argv) {
+tools::Parsed<Options> parseOptions(int argc, const char* const* argv) {
     Options options;
     CLI::App app(purpose, "zant-mainsys");
     app.footer("\nCommands:\n" + commandHelp() + examples);
     app.get_formatter()->column_width(28);
     app.set_help_flag("-h,--help", "Print this and exit");
-    declare(app, options);
-    try {
-        app.parse(argc, argv);
-    } catch (const CLI::ParseError& error) {
-        std::ostringstream out;
-        std::ostringstream err;
-        if (app.exit(error, out, err) == 0)
-            return {std::nullopt, 0, out.str()};
-        return {std::nullopt, ExitUsage,
-                "zant-mainsys: " + std::string(error.what()) +
-                    "\nRun 'zant-mainsys --help' for help.\n"};
-    }
-    return {std::move(options), 0, {}};
+    app.add_option("--scenario", options.scenario, "Commands to obey, a line each; then end")
+        ->type_name("FILE")
+        ->check(CLI::ExistingFile);
+    app.add_option("--timeline", options.timeline, "Write the handshake as Chrome trace events")
+        ->type_name("OUT.json");
+    const CLI::Range some(0, 16);
+    app.add_option("--audio", options.audioDecoders, "Number of audio decoders (1)")
+        ->type_name("N")
+        ->check(some);
+    app.add_option("--video", options.videoDecoders, "Number of video decoders (1)")
+        ->type_name("N")
+        ->check(some);
+    app.add_flag("--down", options.down, "Begin without a main system, until 'restart'");
+    app.add_flag("--quiet", options.quiet, "Print nothing but failed expectations and errors");
+    return tools::parse(app, argc, argv, options);
 }
 
 } // namespace mainsys

@@ -1,13 +1,11 @@
 #ifndef MAINSYS_OPTIONS_H
 #define MAINSYS_OPTIONS_H
 
-#include <optional>
+#include "common/options.h"
+
 #include <string>
 
 namespace mainsys {
-
-/// Exit codes of the program; 0 when all went well.
-enum ExitCode { ExitFailed = 1, ExitUsage = 2, ExitServed = 3 };
 
 /// What the command line asks for.
 struct Options {
@@ -19,13 +17,7 @@ struct Options {
     bool quiet = false;
 };
 
-struct ParsedOptions {
-    std::optional<Options> options; ///< nothing: print `text` and exit with `exitCode`
-    int exitCode = 0;               ///< 0: the text goes to standard output
-    std::string text;
-};
-
-ParsedOptions parseOptions(int argc, const char* const* argv);
+tools::Parsed<Options> parseOptions(int argc, const char* const* argv);
 
 } // namespace mainsys
 

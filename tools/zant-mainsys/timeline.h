@@ -1,30 +1,26 @@
 #ifndef MAINSYS_TIMELINE_H
 #define MAINSYS_TIMELINE_H
 
-#include "link_signal.h"
-
-#include <nlohmann/json.hpp>
+#include "common/trace_events.h"
+#include "link.h"
 
 #include <optional>
 #include <string>
 
 namespace mainsys {
 
-/// Collects the handshake as Chrome trace events: signals from and to the plug-in, what was
-/// ordered, and for each kind of decoder the spans in which it was asked for and was the plug-in's.
-/// Times are CLOCK_MONOTONIC in microseconds, as those of uva-host.
+enum class Direction { FromPlugIn, ToPlugIn };
+
+/// The handshake as trace events: signals from and to the plug-in, what was ordered, and for each
+/// kind of decoder the spans in which it was asked for and was the plug-in's.
 class Timeline {
 public:
-    Timeline();
-
-    void received(const Signal& signal);
-    void sent(const Signal& signal);
+    void passed(Direction direction, const Signal& signal);
     void ordered(const std::string& line, Clock::time_point time);
     /// The main system went or came: what stood before does not any more.
     void endSpans(Clock::time_point time);
 
-    /// The file's text. Bytes that are no UTF-8 are replaced.
-    std::string text() const;
+    std::string text() const { return m_events.text(); }
 
 private:
     struct Span {
@@ -32,11 +28,11 @@ private:
         Clock::time_point since;
     };
 
-    void add(const Signal& signal, int track);
     void changeSpans(uint32_t kinds, const char* name, Clock::time_point time);
-    nlohmann::json& append(const char* phase, const std::string& name, int track);
 
-    nlohmann::json m_events = nlohmann::json::array();
+    tools::TraceEvents m_events{
+        "zant-mainsys",
+        {"from the plug-in", "to the plug-in", "orders", "audio decoder", "video decoder"}};
     std::optional<Span> m_spans[2]; ///< audio, video
 };
 
