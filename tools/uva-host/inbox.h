@@ -1,6 +1,7 @@
 #ifndef UVA_HOST_INBOX_H
 #define UVA_HOST_INBOX_H
 
+#include "host/clear_key.h"
 #include "host/observer.h"
 
 #include <mutex>
@@ -36,7 +37,7 @@ public:
     void onRecord(const host::Record& record) override;
     void onStatus(const host::Status& status) override;
     void onSeek(double target, host::SeekOutcome outcome) override;
-    void onKeyNeeded(const host::KeyBytes& id) override;
+    void onKeyNeeded(const host::KeyBytes& id);
 
 private:
     void put(Message message);

@@ -64,6 +64,7 @@ Playback::Result Playback::play(const std::string& uri) {
 
 Playback::Result Playback::play(host::MediaSource source) {
     begin();
+    source.keyNeeded = [this](const host::KeyBytes& id) { m_inbox.onKeyNeeded(id); };
     m_element.openSource(std::move(source));
     return run();
 }
