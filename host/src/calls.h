@@ -17,14 +17,8 @@
 
 namespace host {
 
-inline Value toValue(int result) {
-    return static_cast<long long>(result);
-}
-inline Value toValue(bool result) {
-    return result;
-}
-inline Value toValue(const UVAMediaBackend* result) {
-    return result != nullptr;
+inline Argument number(const char* name, long long value) {
+    return {name, value};
 }
 
 /// The calls that leave a media element: down to the backend, up to the observer. Bound to the
@@ -40,13 +34,14 @@ public:
     UVAMediaBackend* backend() const { return m_backend; } ///< null: none. Any thread.
     void setBackend(UVAMediaBackend* backend) { m_backend = backend; }
 
-    /// Makes a call, of the backend if it takes one; what the backend is busy with is known
-    /// meanwhile.
-    template <typename Call>
-    auto ask(const char* name, Call call);
-    /// ... an operation, which the observer is told about.
-    template <typename Call>
-    auto operate(const char* name, std::vector<Argument> arguments, Call call);
+    /// Makes a call, of the backend if it is one of its operations or takes it; what the backend is
+    /// busy with is known meanwhile.
+    template <typename Call, typename... Parameters>
+    auto ask(const char* name, Call call, Parameters&&... parameters);
+    /// ... which the observer is told about.
+    template <typename Call, typename... Parameters>
+    auto operate(const char* name, std::vector<Argument> arguments, Call call,
+                 Parameters&&... parameters);
     template <typename Call>
     void observe(Call call);
 
@@ -78,29 +73,33 @@ private:
     std::optional<MediaElement::Operation> m_operation GUARDED_BY(m_operationMutex);
 };
 
-template <typename Call>
-auto Calls::ask(const char* name, Call call) {
+template <typename Call, typename... Parameters>
+auto Calls::ask(const char* name, Call call, Parameters&&... parameters) {
     note(MediaElement::Operation{name, now()});
     const auto result = [&] {
         if constexpr (std::is_invocable_v<Call>)
             return call();
         else
-            return std::invoke(call, *m_backend.load());
+            return std::invoke(call, *m_backend.load(), std::forward<Parameters>(parameters)...);
     }();
     note(std::nullopt);
     return result;
 }
 
-template <typename Call>
-auto Calls::operate(const char* name, std::vector<Argument> arguments, Call call) {
+template <typename Call, typename... Parameters>
+auto Calls::operate(const char* name, std::vector<Argument> arguments, Call call,
+                    Parameters&&... parameters) {
     Record record;
     record.kind = Record::Kind::Operation;
     record.name = name;
     record.arguments = std::move(arguments);
     record.time = now();
-    const auto result = ask(name, std::move(call));
+    const auto result = ask(name, std::move(call), std::forward<Parameters>(parameters)...);
     record.duration = now() - record.time;
-    record.arguments.push_back({"result", toValue(result)});
+    if constexpr (std::is_same_v<decltype(result), const int>)
+        record.arguments.push_back(number("result", result));
+    else
+        record.arguments.push_back({"result", static_cast<bool>(result)});
     observe([&](Observer& observer) { observer.onRecord(record); });
     return result;
 }

@@ -6,9 +6,11 @@
 #include <openssl/crypto.h>
 
 #include <algorithm>
+#include <charconv>
 #include <cstring>
 #include <map>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 namespace host {
@@ -114,27 +116,13 @@ int Decrypter::decryptSample(const UVADRMFullSampleDecrypter::Sample& sample) {
     return std::all_of(ranges.begin(), ranges.end(), decryptRange) ? succeeded : failed;
 }
 
-int hexValue(char c) {
-    if (c >= '0' && c <= '9')
-        return c - '0';
-    if (c >= 'a' && c <= 'f')
-        return c - 'a' + 10;
-    if (c >= 'A' && c <= 'F')
-        return c - 'A' + 10;
-    return -1;
-}
-
 bool parseHex(std::string_view text, KeyBytes& bytes) {
-    if (text.size() != 2 * bytes.size())
-        return false;
-    for (std::size_t i = 0; i < bytes.size(); ++i) {
-        const int high = hexValue(text[2 * i]);
-        const int low = hexValue(text[2 * i + 1]);
-        if (high < 0 || low < 0)
-            return false;
-        bytes[i] = static_cast<std::uint8_t>(high * 16 + low);
-    }
-    return true;
+    const char* at = text.data();
+    return text.size() == 2 * bytes.size() &&
+           std::all_of(bytes.begin(), bytes.end(), [&at](std::uint8_t& byte) {
+               const char* const digits = std::exchange(at, at + 2);
+               return std::from_chars(digits, at, byte, 16).ptr == at;
+           });
 }
 
 /// The digits of a UUID; any other text as it is.

@@ -4,11 +4,13 @@
 #include "host/backend_library.h"
 #include "host/media_uri.h"
 #include "uva/uva_event.h"
-#include "window.h"
 
 namespace host {
 
 namespace {
+
+constexpr int screenWidth = 1280;
+constexpr int screenHeight = 720;
 
 /// The source as the backend takes it: it owns this, and the texts live in it.
 class UrlSource final : public UVABackend::SourceDescription {
@@ -31,15 +33,10 @@ Component copyOf(const UVABackend::AVComponent& component) {
 }
 
 SeekOutcome outcomeOf(const SeekCompletedExEvent& event) {
-    switch (event.outcome) {
-    case SeekCompletedExEvent::SeekOutcome::Succeeded:
-        return SeekOutcome::Succeeded;
-    case SeekCompletedExEvent::SeekOutcome::Aborted:
-        return SeekOutcome::Aborted;
-    case SeekCompletedExEvent::SeekOutcome::Failed:
-        return SeekOutcome::Failed;
-    }
-    return SeekOutcome::Failed;
+    using Told = SeekCompletedExEvent::SeekOutcome;
+    return event.outcome == Told::Succeeded ? SeekOutcome::Succeeded
+           : event.outcome == Told::Aborted ? SeekOutcome::Aborted
+                                            : SeekOutcome::Failed;
 }
 
 } // namespace
@@ -78,8 +75,7 @@ bool ElementCore::begin(const std::string& server) {
         return false;
     m_watch.begin(server);
     constexpr auto type = UVABackend::VideoElement;
-    m_calls.setBackend(m_calls.operate("UVA_RequestBackend",
-                                       {{"type", static_cast<long long>(type)}},
+    m_calls.setBackend(m_calls.operate("UVA_RequestBackend", {number("type", type)},
                                        [this] { return m_library->request(type, this); }));
     if (isOpen())
         m_playback.setState(State::Opening);
@@ -119,12 +115,44 @@ void ElementCore::resumeFeeding() {
 }
 
 void ElementCore::setWindow(const UVABackend::Rect& window) {
-    if (isOpen())
-        host::setWindow(m_calls, window);
+    if (!isOpen())
+        return;
+    m_calls.operate("setLogicalScreenSize",
+                    {number("width", screenWidth), number("height", screenHeight)},
+                    &UVAMediaBackend::setLogicalScreenSize, screenWidth, screenHeight);
+    m_calls.operate("setVideoWindowAndClip",
+                    {number("x", window.x), number("y", window.y), number("width", window.width),
+                     number("height", window.height)},
+                    &UVAMediaBackend::setVideoWindowAndClip, window,
+                    UVABackend::Rect{0, 0, screenWidth, screenHeight});
 }
 
 MediaElement::Capture ElementCore::capture() {
-    return isOpen() ? host::capture(m_calls) : MediaElement::Capture{{}, "nothing is open"};
+    if (!isOpen())
+        return {{}, "nothing is open"};
+    Picture picture;
+    auto& [width, height, rgba] = picture;
+    double ratio = 1.0;
+    m_calls.operate("getNativeSize", {}, &UVAMediaBackend::getNativeSize, width, height, ratio);
+    if (width <= 0 || height <= 0)
+        return {{}, "the media has shown no picture"};
+    const int started =
+        m_calls.operate("startCapture", {number("width", width), number("height", height)},
+                        &UVAMediaBackend::startCapture, width, height);
+    if (started != UVABackend::Success)
+        return {{}, "the backend cannot capture pictures of this size"};
+
+    rgba.resize(static_cast<std::size_t>(width) * static_cast<std::size_t>(height) * 4);
+    const int fetched = m_calls.operate("getVideoFrame", {}, &UVAMediaBackend::getVideoFrame,
+                                        rgba.data(), static_cast<unsigned int>(rgba.size()));
+    m_calls.operate("stopCapture", {}, &UVAMediaBackend::stopCapture);
+    if (fetched == UVABackend::NotAvailable)
+        return {{}, "no picture is on screen"};
+    if (fetched != UVABackend::Success)
+        return {{},
+                "the backend gave no picture (getVideoFrame answered " + std::to_string(fetched) +
+                    ")"};
+    return {std::move(picture), {}};
 }
 
 void ElementCore::release() {
@@ -182,8 +210,9 @@ void ElementCore::answerResourceRequest(UVAMediaBackend& backend,
     answer.time = m_calls.now();
     const int result = backend.eventCompleted(event.get(), granted);
     answer.duration = m_calls.now() - answer.time;
-    answer.arguments = {
-        {"event", delivery.record.name}, {"success", granted}, {"result", toValue(result)}};
+    answer.arguments = {{"event", delivery.record.name},
+                        {"success", granted},
+                        {"result", static_cast<long long>(result)}};
     m_calls.loop()->post(
         [core = shared_from_this(), delivery = std::move(delivery), answer = std::move(answer)] {
             core->handle(delivery);

@@ -4,7 +4,7 @@
 #include "playback.h"
 #include "progress_watch.h"
 
-#include <algorithm>
+#include <cmath>
 
 namespace host {
 
@@ -58,25 +58,13 @@ void Feeding::keyNeeded(const KeyBytes& id) {
 
 void Feeding::writeData(std::unique_ptr<NeedMSEDataEvent> event, unsigned int samples,
                         unsigned int bytes, UVABackend::WriteDataStatus status) {
+    auto* data = event.release(); // the backend's
     m_calls.operate("writeData",
-                    {{"sourceId", static_cast<long long>(event->sourceId)},
-                     {"samples", static_cast<long long>(samples)},
-                     {"bytes", static_cast<long long>(bytes)},
-                     {"status", static_cast<long long>(status)}},
-                    [&](UVAMediaBackend& backend) {
-                        return backend.writeData(event.release(), bytes, status);
-                    });
+                    {number("sourceId", data->sourceId), number("samples", samples),
+                     number("bytes", bytes), number("status", status)},
+                    &UVAMediaBackend::writeData, data, bytes, status);
     if (samples > 0 && m_asksMainSystem && !m_watch.hasAskedForDecoder())
         m_watch.decoderAsked(m_calls.now()); // such sinks do not ask the host first
-}
-
-int Feeding::attach(unsigned int id) {
-    m_watch.decoderReturned(); // its sink asks anew
-    auto source = m_feeder->describe(id);
-    const std::string mimeType = source->mimeType;
-    return m_calls.operate(
-        "attachSource", {{"sourceId", static_cast<long long>(id)}, {"mimeType", mimeType}},
-        [&](UVAMediaBackend& backend) { return backend.attachSource(source.release()); });
 }
 
 void Feeding::reattach(StreamInfo::Kind kind) {
@@ -85,10 +73,16 @@ void Feeding::reattach(StreamInfo::Kind kind) {
     for (const auto& source : m_feeder->sources()) {
         if (source.kind != kind)
             continue;
-        m_calls.operate("removeSource", {{"sourceId", static_cast<long long>(source.id)}},
-                        [&](UVAMediaBackend& backend) { return backend.removeSource(source.id); });
+        m_calls.operate("removeSource", {number("sourceId", source.id)},
+                        &UVAMediaBackend::removeSource, source.id);
         m_feeder->restart(source.id, m_playback.status().position);
-        if (attach(source.id) != UVABackend::Success)
+        m_watch.decoderReturned(); // its sink asks anew
+        auto* description = m_feeder->describe(source.id).release();
+        const int attached = m_calls.operate(
+            "attachSource",
+            {number("sourceId", source.id), {"mimeType", std::string(description->mimeType)}},
+            &UVAMediaBackend::attachSource, description);
+        if (attached != UVABackend::Success)
             m_playback.fail("the backend did not take the source again; see the system log");
     }
 }
@@ -105,30 +99,31 @@ void Feeding::balance() {
 
 /// A source has asked for data in vain, and soon has none.
 bool Feeding::runsDry() const {
-    const auto sources = m_feeder->sources();
-    const auto asked = m_calls.now() - patience;
-    for (std::size_t i = 0; i < sources.size(); ++i)
-        if (!sources[i].ended && sources[i].waitsSince.value_or(m_calls.now()) < asked &&
-            ahead(i) && *ahead(i) < tooLittle)
-            return true;
-    return false;
+    return anySource([this](const MseFeeder::SourceInfo& info, double ahead) {
+        return info.waitsSince && *info.waitsSince < m_calls.now() - patience && ahead < tooLittle;
+    });
 }
 
 /// Every source has enough, or does not ask for more: a backend may hold less.
 bool Feeding::isFilled() const {
-    const auto sources = m_feeder->sources();
-    for (std::size_t i = 0; i < sources.size(); ++i)
-        if (!sources[i].ended && (!ahead(i) || (sources[i].waitsSince && *ahead(i) < enough)))
-            return false;
-    return true;
+    return !anySource([](const MseFeeder::SourceInfo& info, double ahead) {
+        return std::isnan(ahead) || (info.waitsSince && ahead < enough);
+    });
 }
 
-/// Seconds that the backend can still play of a source; none before its first sample.
-std::optional<double> Feeding::ahead(std::size_t source) const {
-    const auto& ranges = m_playback.status().sources.at(source).ranges;
-    if (ranges.empty())
-        return std::nullopt;
-    return ranges.back().end - m_playback.status().position;
+/// That has not ended. `ahead`: seconds that the backend can still play of it; NaN before its
+/// first sample.
+template <typename Predicate>
+bool Feeding::anySource(Predicate predicate) const {
+    const auto& status = m_playback.status();
+    const auto infos = m_feeder->sources();
+    for (std::size_t i = 0; i < infos.size(); ++i) {
+        const auto& ranges = status.sources.at(i).ranges;
+        const double ahead = ranges.empty() ? std::nan("") : ranges.back().end - status.position;
+        if (!infos[i].ended && predicate(infos[i], ahead))
+            return true;
+    }
+    return false;
 }
 
 } // namespace host

@@ -38,10 +38,10 @@ private:
     void writeData(std::unique_ptr<NeedMSEDataEvent> event, unsigned int samples,
                    unsigned int bytes, UVABackend::WriteDataStatus status) override;
 
-    int attach(unsigned int id);
     bool runsDry() const;
     bool isFilled() const;
-    std::optional<double> ahead(std::size_t source) const;
+    template <typename Predicate>
+    bool anySource(Predicate predicate) const;
 
     Calls& m_calls;
     Playback& m_playback;

@@ -48,20 +48,18 @@ void Playback::refresh() {
     m_status.sources.clear();
     for (const auto& [id, kind] : m_sources) {
         std::vector<UVABackend::TimeRange> ranges;
-        m_calls.ask("getBufferedTimeRanges", [&, source = id](UVAMediaBackend& backend) {
-            return backend.getBufferedTimeRanges(source, {}, ranges);
-        });
+        m_calls.ask("getBufferedTimeRanges", &UVAMediaBackend::getBufferedTimeRanges, id,
+                    std::vector<UVABackend::ByteRange>(), ranges);
         m_status.sources.push_back({kind, std::move(ranges)});
     }
     double value = 0;
-    constexpr int success = UVABackend::Success;
-    if (m_calls.ask("getPosition", [&](auto& backend) { return backend.getPosition(value); }) ==
-        success)
+    const auto position = [&](UVAMediaBackend& backend) { return backend.getPosition(value); };
+    if (m_calls.ask("getPosition", position) == UVABackend::Success)
         m_status.position = value;
-    if (m_status.duration <= 0 &&
-        m_calls.ask("getDuration", [&](auto& backend) { return backend.getDuration(value); }) ==
-            success &&
-        value > 0)
+    if (m_status.duration > 0)
+        return;
+    const int known = m_calls.ask("getDuration", &UVAMediaBackend::getDuration, value);
+    if (known == UVABackend::Success && value > 0)
         m_status.duration = value;
 }
 

@@ -28,8 +28,8 @@ bool Seek::begin() {
     m_watch.forgetErrors();
     m_watch.restart();
     m_playback.setState(State::Seeking);
-    m_calls.operate("setPosition", {{"seconds", m_target}},
-                    [this](UVAMediaBackend& backend) { return backend.setPosition(m_target); });
+    m_calls.operate("setPosition", {{"seconds", m_target}}, &UVAMediaBackend::setPosition,
+                    m_target);
     return true;
 }
 

@@ -308,6 +308,11 @@ TEST_F(HostTest, AnswersASeekWithWhatBecameOfIt) {
     m_element->seek(10);
     deliver(new PlaybackFinishedEvent(0, 0));
     EXPECT_EQ(called("seek 10"), 1) << "an end was reached";
+    m_fake->answers->seek = SeekBehaviour::NeverAnswer;
+    m_element->seek(10);
+    seek(20);
+    answerSeek(Outcome::Succeeded);
+    EXPECT_EQ(called("seek 20"), 1) << "nothing was played between";
     bring(State::Playing);
     m_fake->answers->seek = SeekBehaviour::Refuse;
     seek(7);

@@ -19,6 +19,11 @@ struct ListenerSlot {
     Screen::Listener call GUARDED_BY(mutex); // empty once dropped
 };
 
+template <typename Item>
+void drop(std::vector<Item>& items, const Item& gone) {
+    items.erase(std::remove(items.begin(), items.end(), gone), items.end());
+}
+
 } // namespace
 
 struct Screen::Impl {
@@ -47,8 +52,7 @@ void Screen::add(VideoPlane* plane) {
 
 void Screen::remove(VideoPlane* plane) {
     const locks::Lock lock(m_impl->mutex);
-    auto& planes = m_impl->planes;
-    planes.erase(std::remove(planes.begin(), planes.end(), plane), planes.end());
+    drop(m_impl->planes, plane);
 }
 
 void Screen::add(AudioOutput* output) {
@@ -59,8 +63,7 @@ void Screen::add(AudioOutput* output) {
 
 void Screen::remove(AudioOutput* output) {
     const locks::Lock lock(m_impl->mutex);
-    auto& outputs = m_impl->outputs;
-    outputs.erase(std::remove(outputs.begin(), outputs.end(), output), outputs.end());
+    drop(m_impl->outputs, output);
 }
 
 bool Screen::grab(Picture& picture, int width, int height) {
