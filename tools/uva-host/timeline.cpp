@@ -1,5 +1,6 @@
 #include "timeline.h"
 
+#include <nlohmann/json.hpp>
 #include <unistd.h>
 
 namespace uvahost {
@@ -27,16 +28,18 @@ json toJson(const std::vector<host::Argument>& arguments) {
 
 } // namespace
 
-Timeline::Timeline() {
+Timeline::Timeline() : m_events(std::make_unique<json>(json::array())) {
     append("M", "process_name", 0)["args"]["name"] = "uva-host";
     append("M", "thread_name", Operations)["args"]["name"] = "operations";
     append("M", "thread_name", Events)["args"]["name"] = "events";
     append("M", "thread_name", States)["args"]["name"] = "state";
 }
 
+Timeline::~Timeline() = default;
+
 json& Timeline::append(const char* phase, const std::string& name, int track) {
-    m_events.push_back({{"ph", phase}, {"name", name}, {"pid", getpid()}, {"tid", track}});
-    return m_events.back();
+    m_events->push_back({{"ph", phase}, {"name", name}, {"pid", getpid()}, {"tid", track}});
+    return m_events->back();
 }
 
 void Timeline::mediaBegins(const std::string& name, host::Clock::time_point time) {
@@ -95,7 +98,7 @@ void Timeline::closeState(host::Clock::time_point time) {
 }
 
 std::string Timeline::text() const {
-    const json document = {{"displayTimeUnit", "ms"}, {"traceEvents", m_events}};
+    const json document = {{"displayTimeUnit", "ms"}, {"traceEvents", *m_events}};
     return document.dump(1, ' ', false, json::error_handler_t::replace) + "\n";
 }
 

@@ -4,8 +4,9 @@
 #include "host/record.h"
 #include "host/status.h"
 
-#include <nlohmann/json.hpp>
+#include <nlohmann/json_fwd.hpp>
 
+#include <memory>
 #include <string>
 
 namespace uvahost {
@@ -15,6 +16,7 @@ namespace uvahost {
 class Timeline {
 public:
     Timeline();
+    ~Timeline();
 
     void mediaBegins(const std::string& name, host::Clock::time_point time);
     void add(const host::Record& record);
@@ -28,7 +30,7 @@ private:
     void closeState(host::Clock::time_point time);
     nlohmann::json& append(const char* phase, const std::string& name, int track);
 
-    nlohmann::json m_events = nlohmann::json::array();
+    const std::unique_ptr<nlohmann::json> m_events; // an array
     bool m_stateOpen = false;
     host::Status m_last;
     host::Clock::time_point m_stateSince;

@@ -3,6 +3,7 @@
 #include "arbiter.h"
 #include "describe.h"
 
+#include <nlohmann/json.hpp>
 #include <unistd.h>
 
 namespace mainsys {
@@ -30,15 +31,17 @@ double microseconds(Clock::duration time) {
 
 } // namespace
 
-Timeline::Timeline() {
+Timeline::Timeline() : m_events(std::make_unique<json>(json::array())) {
     append("M", "process_name", 0)["args"]["name"] = "zant-mainsys";
     for (const auto& row : tracks)
         append("M", "thread_name", row.track)["args"]["name"] = row.name;
 }
 
+Timeline::~Timeline() = default;
+
 json& Timeline::append(const char* phase, const std::string& name, int track) {
-    m_events.push_back({{"ph", phase}, {"name", name}, {"pid", getpid()}, {"tid", track}});
-    return m_events.back();
+    m_events->push_back({{"ph", phase}, {"name", name}, {"pid", getpid()}, {"tid", track}});
+    return m_events->back();
 }
 
 void Timeline::add(const Signal& signal, int track) {
@@ -100,7 +103,7 @@ void Timeline::changeSpans(uint32_t kinds, const char* name, Clock::time_point t
 }
 
 std::string Timeline::text() const {
-    const json document = {{"displayTimeUnit", "ms"}, {"traceEvents", m_events}};
+    const json document = {{"displayTimeUnit", "ms"}, {"traceEvents", *m_events}};
     return document.dump(1, ' ', false, json::error_handler_t::replace) + "\n";
 }
 

@@ -3,8 +3,9 @@
 
 #include "link_signal.h"
 
-#include <nlohmann/json.hpp>
+#include <nlohmann/json_fwd.hpp>
 
+#include <memory>
 #include <optional>
 #include <string>
 
@@ -16,6 +17,7 @@ namespace mainsys {
 class Timeline {
 public:
     Timeline();
+    ~Timeline();
 
     void received(const Signal& signal);
     void sent(const Signal& signal);
@@ -36,8 +38,8 @@ private:
     void changeSpans(uint32_t kinds, const char* name, Clock::time_point time);
     nlohmann::json& append(const char* phase, const std::string& name, int track);
 
-    nlohmann::json m_events = nlohmann::json::array();
-    std::optional<Span> m_spans[2]; ///< audio, video
+    const std::unique_ptr<nlohmann::json> m_events; ///< an array
+    std::optional<Span> m_spans[2];                 ///< audio, video
 };
 
 } // namespace mainsys
