@@ -4,8 +4,6 @@
 #include "progress_watch.h"
 #include "uva/uva_event.h"
 
-#include <algorithm>
-
 namespace host {
 
 void Playback::setState(State state) {

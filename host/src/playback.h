@@ -3,6 +3,7 @@
 
 #include "host/status.h"
 
+#include <algorithm>
 #include <functional>
 #include <string>
 #include <utility>
