@@ -108,7 +108,6 @@ private:
         m_readings.push_back({status.time, status.position, status.state});
     }
     void onSeek(double, host::SeekOutcome) override {}
-    void onKeyNeeded(const host::KeyBytes&) override {}
 
     mutable std::mutex m_mutex; // guards the two below
     host::Status m_status;

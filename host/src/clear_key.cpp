@@ -1,14 +1,16 @@
 #include "host/clear_key.h"
 
+#include "locks/mutex.h"
 #include "sample_cipher.h"
 
 #include <openssl/crypto.h>
 
 #include <algorithm>
+#include <charconv>
 #include <cstring>
 #include <map>
-#include <mutex>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 namespace host {
@@ -114,27 +116,13 @@ int Decrypter::decryptSample(const UVADRMFullSampleDecrypter::Sample& sample) {
     return std::all_of(ranges.begin(), ranges.end(), decryptRange) ? succeeded : failed;
 }
 
-int hexValue(char c) {
-    if (c >= '0' && c <= '9')
-        return c - '0';
-    if (c >= 'a' && c <= 'f')
-        return c - 'a' + 10;
-    if (c >= 'A' && c <= 'F')
-        return c - 'A' + 10;
-    return -1;
-}
-
 bool parseHex(std::string_view text, KeyBytes& bytes) {
-    if (text.size() != 2 * bytes.size())
-        return false;
-    for (std::size_t i = 0; i < bytes.size(); ++i) {
-        const int high = hexValue(text[2 * i]);
-        const int low = hexValue(text[2 * i + 1]);
-        if (high < 0 || low < 0)
-            return false;
-        bytes[i] = static_cast<std::uint8_t>(high * 16 + low);
-    }
-    return true;
+    const char* at = text.data();
+    return text.size() == 2 * bytes.size() &&
+           std::all_of(bytes.begin(), bytes.end(), [&at](std::uint8_t& byte) {
+               const char* const digits = std::exchange(at, at + 2);
+               return std::from_chars(digits, at, byte, 16).ptr == at;
+           });
 }
 
 /// The digits of a UUID; any other text as it is.
@@ -180,7 +168,7 @@ struct ClearKey::State final : UVADRMKeySlotGetter, UVADRMFullSampleDecrypter {
     explicit State(Interface interface) : offered(interface) {}
 
     int getKeySlot(UVADRMDecrypter* decrypter, std::uint32_t& slot) override {
-        const std::lock_guard lock(mutex);
+        const locks::Lock lock(mutex);
         const auto found = find(decrypter);
         if (found == slots.end())
             return refused;
@@ -191,7 +179,7 @@ struct ClearKey::State final : UVADRMKeySlotGetter, UVADRMFullSampleDecrypter {
     int decrypt(UVADRMDecrypter* decrypter, const Sample& sample) override {
         Decrypter* own = nullptr;
         {
-            const std::lock_guard lock(mutex);
+            const locks::Lock lock(mutex);
             if (const auto found = find(decrypter); found != slots.end())
                 own = found->get();
         }
@@ -200,25 +188,25 @@ struct ClearKey::State final : UVADRMKeySlotGetter, UVADRMFullSampleDecrypter {
 
     using Slots = std::vector<std::unique_ptr<Decrypter>>;
 
-    /// Null finds nothing, though slots that are free hold it. The lock is held.
-    Slots::iterator find(const UVADRMDecrypter* decrypter) {
+    /// Null finds nothing, though slots that are free hold it.
+    Slots::iterator find(const UVADRMDecrypter* decrypter) REQUIRES(mutex) {
         if (decrypter == nullptr)
             return slots.end();
         return std::find_if(slots.begin(), slots.end(),
                             [decrypter](const auto& own) { return own.get() == decrypter; });
     }
 
-    Slots::iterator freeSlot() {
+    Slots::iterator freeSlot() REQUIRES(mutex) {
         const auto found = std::find(slots.begin(), slots.end(), nullptr);
         return found != slots.end() ? found : slots.emplace(slots.end());
     }
 
     const Interface offered;
-    mutable std::mutex mutex; // guards what follows; nothing but OpenSSL is called under it
-    std::map<KeyBytes, StoredKey> keys;
-    Slots slots; // slot numbers are places in here, from 1
-    unsigned int created = 0;
-    unsigned int released = 0;
+    locks::Mutex mutex; // nothing but OpenSSL is called under it
+    std::map<KeyBytes, StoredKey> keys GUARDED_BY(mutex);
+    Slots slots GUARDED_BY(mutex); // slot numbers are places in here, from 1
+    unsigned int created GUARDED_BY(mutex) = 0;
+    unsigned int released GUARDED_BY(mutex) = 0;
 };
 
 ClearKey::ClearKey(Interface interface) : m_state(std::make_unique<State>(interface)) {}
@@ -226,13 +214,13 @@ ClearKey::ClearKey(Interface interface) : m_state(std::make_unique<State>(interf
 ClearKey::~ClearKey() = default;
 
 void ClearKey::addKey(const KeyPair& pair) {
-    const std::lock_guard lock(m_state->mutex);
+    const locks::Lock lock(m_state->mutex);
     m_state->keys.erase(pair.id);
     m_state->keys.emplace(pair.id, pair.key);
 }
 
 bool ClearKey::hasKey(const KeyBytes& id) const {
-    const std::lock_guard lock(m_state->mutex);
+    const locks::Lock lock(m_state->mutex);
     return m_state->keys.count(id) > 0;
 }
 
@@ -244,7 +232,7 @@ int ClearKey::createDecrypter(UVADRMDecrypter*& decrypter, const std::uint8_t* k
     KeyBytes id;
     std::copy(protection.keyId.begin(), protection.keyId.end(), id.begin());
 
-    const std::lock_guard lock(m_state->mutex);
+    const locks::Lock lock(m_state->mutex);
     const auto key = m_state->keys.find(id);
     if (key == m_state->keys.end())
         return refused;
@@ -260,7 +248,7 @@ int ClearKey::createDecrypter(UVADRMDecrypter*& decrypter, const std::uint8_t* k
 }
 
 void ClearKey::releaseDecrypter(UVADRMDecrypter* decrypter) {
-    const std::lock_guard lock(m_state->mutex);
+    const locks::Lock lock(m_state->mutex);
     const auto found = m_state->find(decrypter);
     if (found == m_state->slots.end())
         return;
@@ -281,12 +269,12 @@ void* ClearKey::getInterface(const char* name) {
 }
 
 unsigned int ClearKey::created() const {
-    const std::lock_guard lock(m_state->mutex);
+    const locks::Lock lock(m_state->mutex);
     return m_state->created;
 }
 
 unsigned int ClearKey::released() const {
-    const std::lock_guard lock(m_state->mutex);
+    const locks::Lock lock(m_state->mutex);
     return m_state->released;
 }
 

@@ -1,13 +1,9 @@
 #include "element_core.h"
 
-#include "element_calls.h"
 #include "event_description.h"
 #include "host/backend_library.h"
 #include "host/media_uri.h"
 #include "uva/uva_event.h"
-#include "uva/uva_media_backend.h"
-
-#include <cmath>
 
 namespace host {
 
@@ -37,15 +33,10 @@ Component copyOf(const UVABackend::AVComponent& component) {
 }
 
 SeekOutcome outcomeOf(const SeekCompletedExEvent& event) {
-    switch (event.outcome) {
-    case SeekCompletedExEvent::SeekOutcome::Succeeded:
-        return SeekOutcome::Succeeded;
-    case SeekCompletedExEvent::SeekOutcome::Aborted:
-        return SeekOutcome::Aborted;
-    case SeekCompletedExEvent::SeekOutcome::Failed:
-        return SeekOutcome::Failed;
-    }
-    return SeekOutcome::Failed;
+    using Told = SeekCompletedExEvent::SeekOutcome;
+    return event.outcome == Told::Succeeded ? SeekOutcome::Succeeded
+           : event.outcome == Told::Aborted ? SeekOutcome::Aborted
+                                            : SeekOutcome::Failed;
 }
 
 } // namespace
@@ -53,127 +44,108 @@ SeekOutcome outcomeOf(const SeekCompletedExEvent& event) {
 ElementCore::ElementCore(std::shared_ptr<const BackendLibrary> library,
                          std::shared_ptr<EventLoop> loop, Observer& observer,
                          MediaElement::Options options)
-    : m_library(std::move(library)), m_loop(std::move(loop)), m_options(std::move(options)),
-      m_observer(&observer), m_watch(m_options.tick) {}
+    : m_library(std::move(library)), m_options(std::move(options)),
+      m_calls(std::move(loop), observer), m_watch(m_options),
+      m_playback(m_calls, m_watch, [this] { m_seek.abortAll(); }),
+      m_seek(m_calls, m_playback, m_watch), m_end(m_playback, m_seek, m_watch) {}
 
 ElementCore::~ElementCore() = default;
 
 // ---- operations
 
 void ElementCore::open(const std::string& uri) {
-    if (m_status.state != State::Idle || requestBackend() == nullptr)
+    if (!begin(serverOf(uri)))
         return;
-    m_server = serverOf(uri);
-    setState(State::Opening);
     UVABackend::SourceDescription* sources[] = {new UrlSource(uri, m_options.userAgent), nullptr};
-    if (initialize(sources, {{"url", uri}}))
+    if (m_playback.initialize(sources, {{"url", uri}}))
         startWatching();
 }
 
 void ElementCore::openSource(MediaSource source) {
-    if (m_status.state != State::Idle || requestBackend() == nullptr)
+    if (!begin(source.server))
         return;
-    m_server = source.server;
-    m_protected = source.keys != nullptr;
-    setState(State::Opening);
-    m_feeder = std::make_shared<MseFeeder>(m_loop, std::move(source), *this);
-    m_feeder->open();
+    m_feeding = std::make_unique<Feeding>(m_calls, m_playback, m_watch, std::move(source),
+                                          m_options.mainSystem);
     startWatching();
 }
 
-UVAMediaBackend* ElementCore::requestBackend() {
+/// Once an element.
+bool ElementCore::begin(const std::string& server) {
+    if (!m_playback.is(State::Idle))
+        return false;
+    m_watch.begin(server);
     constexpr auto type = UVABackend::VideoElement;
-    if (m_options.takeError)
-        m_options.takeError(); // of what was played before
-    auto* backend = operate("UVA_RequestBackend", {{"type", static_cast<long long>(type)}},
-                            [this] { return m_library->request(type, this); });
-    if (backend == nullptr)
-        fail("the library gave no backend; its own message on standard output says why");
-    m_backend = backend;
-    return backend;
-}
-
-/// Hands the sources over.
-bool ElementCore::initialize(UVABackend::SourceDescription** sources,
-                             std::vector<Argument> arguments) {
-    auto* backend = m_backend.load();
-    const int opened = operate("initBackend", std::move(arguments), [backend, sources] {
-        return backend->initBackend("", sources, false, false);
-    });
-    m_initialized = opened == UVABackend::Success;
-    if (!m_initialized)
-        fail("the backend did not take the media (initBackend answered " + std::to_string(opened) +
-             "); see the system log");
-    return m_initialized;
+    m_calls.setBackend(m_calls.operate("UVA_RequestBackend", {number("type", type)},
+                                       [this] { return m_library->request(type, this); }));
+    if (isOpen())
+        m_playback.setState(State::Opening);
+    else
+        m_playback.fail("the library gave no backend; its own message on standard output says why");
+    return isOpen();
 }
 
 void ElementCore::startWatching() {
-    m_timer = m_loop->startTimer(m_options.tick, [core = shared_from_this()] { core->tick(); });
+    m_timer =
+        m_calls.loop()->startTimer(m_options.tick, [core = shared_from_this()] { core->tick(); });
 }
 
 void ElementCore::play() {
-    auto* backend = m_backend.load();
-    if (backend == nullptr || over())
-        return;
-    m_wantPlaying = true;
-    if (m_initialized && !m_starved)
-        operate("play", {}, [backend] { return backend->play(); });
-    m_watch.restart();
-    settle();
+    if (isOpen() && !m_playback.over())
+        m_playback.play();
 }
 
 void ElementCore::pause() {
-    auto* backend = m_backend.load();
-    if (backend == nullptr || over())
-        return;
-    m_wantPlaying = false;
-    if (m_initialized)
-        operate("pause", {}, [backend] { return backend->pause(); });
-    settle();
+    if (isOpen() && !m_playback.over())
+        m_playback.pause();
+}
+
+void ElementCore::seek(double seconds) {
+    m_seek.request(seconds);
+    beginSeek();
+}
+
+void ElementCore::reattach(StreamInfo::Kind kind) {
+    if (isOpen() && m_feeding != nullptr)
+        m_feeding->reattach(kind);
+}
+
+void ElementCore::resumeFeeding() {
+    if (isOpen() && m_feeding != nullptr)
+        m_feeding->resume();
 }
 
 void ElementCore::setWindow(const UVABackend::Rect& window) {
-    auto* backend = m_backend.load();
-    if (backend == nullptr)
+    if (!isOpen())
         return;
-    operate("setLogicalScreenSize",
-            {{"width", static_cast<long long>(screenWidth)},
-             {"height", static_cast<long long>(screenHeight)}},
-            [backend] { return backend->setLogicalScreenSize(screenWidth, screenHeight); });
-    const UVABackend::Rect clip{0, 0, screenWidth, screenHeight};
-    operate("setVideoWindowAndClip",
-            {{"x", static_cast<long long>(window.x)},
-             {"y", static_cast<long long>(window.y)},
-             {"width", static_cast<long long>(window.width)},
-             {"height", static_cast<long long>(window.height)}},
-            [&] { return backend->setVideoWindowAndClip(window, clip); });
+    m_calls.operate("setLogicalScreenSize",
+                    {number("width", screenWidth), number("height", screenHeight)},
+                    &UVAMediaBackend::setLogicalScreenSize, screenWidth, screenHeight);
+    m_calls.operate("setVideoWindowAndClip",
+                    {number("x", window.x), number("y", window.y), number("width", window.width),
+                     number("height", window.height)},
+                    &UVAMediaBackend::setVideoWindowAndClip, window,
+                    UVABackend::Rect{0, 0, screenWidth, screenHeight});
 }
 
 MediaElement::Capture ElementCore::capture() {
-    auto* backend = m_backend.load();
-    if (backend == nullptr)
+    if (!isOpen())
         return {{}, "nothing is open"};
     Picture picture;
+    auto& [width, height, rgba] = picture;
     double ratio = 1.0;
-    operate("getNativeSize", {},
-            [&] { return backend->getNativeSize(picture.width, picture.height, ratio); });
-    if (picture.width <= 0 || picture.height <= 0)
+    m_calls.operate("getNativeSize", {}, &UVAMediaBackend::getNativeSize, width, height, ratio);
+    if (width <= 0 || height <= 0)
         return {{}, "the media has shown no picture"};
     const int started =
-        operate("startCapture",
-                {{"width", static_cast<long long>(picture.width)},
-                 {"height", static_cast<long long>(picture.height)}},
-                [&] { return backend->startCapture(picture.width, picture.height); });
+        m_calls.operate("startCapture", {number("width", width), number("height", height)},
+                        &UVAMediaBackend::startCapture, width, height);
     if (started != UVABackend::Success)
         return {{}, "the backend cannot capture pictures of this size"};
 
-    picture.rgba.resize(static_cast<std::size_t>(picture.width) *
-                        static_cast<std::size_t>(picture.height) * 4);
-    const int fetched = operate("getVideoFrame", {}, [&] {
-        return backend->getVideoFrame(picture.rgba.data(),
-                                      static_cast<unsigned int>(picture.rgba.size()));
-    });
-    operate("stopCapture", {}, [backend] { return backend->stopCapture(); });
+    rgba.resize(static_cast<std::size_t>(width) * static_cast<std::size_t>(height) * 4);
+    const int fetched = m_calls.operate("getVideoFrame", {}, &UVAMediaBackend::getVideoFrame,
+                                        rgba.data(), static_cast<unsigned int>(rgba.size()));
+    m_calls.operate("stopCapture", {}, &UVAMediaBackend::stopCapture);
     if (fetched == UVABackend::NotAvailable)
         return {{}, "no picture is on screen"};
     if (fetched != UVABackend::Success)
@@ -185,22 +157,16 @@ MediaElement::Capture ElementCore::capture() {
 
 void ElementCore::release() {
     m_releasing = true;
-    if (m_timer != 0)
-        m_loop->cancelTimer(m_timer);
-    m_timer = 0;
-    abortSeeks();
-    if (m_feeder != nullptr)
-        m_feeder->stop();
-    if (auto* backend = m_backend.load()) {
-        operate("UVA_ReleaseBackend", {}, [this, backend] { return m_library->release(backend); });
-        m_backend = nullptr;
+    m_calls.loop()->cancelTimer(m_timer);
+    m_seek.abortAll();
+    if (m_feeding != nullptr)
+        m_feeding->stop();
+    if (auto* backend = m_calls.backend()) {
+        m_calls.operate("UVA_ReleaseBackend", {},
+                        [this, backend] { return m_library->release(backend); });
+        m_calls.setBackend(nullptr);
     }
     closeGate();
-}
-
-std::optional<MediaElement::Operation> ElementCore::operationUnderWay() const {
-    const std::lock_guard lock(m_operationMutex);
-    return m_operation;
 }
 
 // ---- events
@@ -209,24 +175,25 @@ void ElementCore::deliverEvent(UVAEvent* event) {
     if (event == nullptr)
         return;
     if (event->type() == UVAEvent::BackendResourceRequestAsync) {
-        if (auto* backend = m_backend.load()) {
+        if (auto* backend = m_calls.backend()) {
             std::unique_ptr<UVAAsyncEvent> request(static_cast<UVAAsyncEvent*>(event));
             return answerResourceRequest(*backend, std::move(request));
         }
     }
+    const auto& loop = m_calls.loop();
     if (event->type() == UVAEvent::NeedMSEData) {
         auto request = std::make_shared<std::unique_ptr<NeedMSEDataEvent>>(
             static_cast<NeedMSEDataEvent*>(event));
-        m_loop->post(
+        loop->post(
             [core = shared_from_this(), request] { core->takeRequest(std::move(*request)); });
         return;
     }
-    Delivery delivery{std::shared_ptr<UVAEvent>(event), describe(*event, m_loop->now()), {}};
+    Delivery delivery{std::shared_ptr<UVAEvent>(event), describe(*event, loop->now()), {}};
     if (event->type() == UVAEvent::MultiComponentChanged)
         for (const auto* component : static_cast<MultiComponentChangedEvent*>(event)->added)
             if (component != nullptr)
                 delivery.added.emplace_back(component, copyOf(*component));
-    m_loop->post(
+    loop->post(
         [core = shared_from_this(), delivery = std::move(delivery)] { core->handle(delivery); });
 }
 
@@ -234,30 +201,39 @@ void ElementCore::deliverEvent(UVAEvent* event) {
 /// refused.
 void ElementCore::answerResourceRequest(UVAMediaBackend& backend,
                                         std::unique_ptr<UVAAsyncEvent> event) {
-    Delivery delivery{nullptr, describe(*event, m_loop->now()), {}};
+    Delivery delivery{nullptr, describe(*event, m_calls.now()), {}};
     const bool granted = m_options.resources == ResourcePolicy::Grant && !m_releasing;
     Record answer;
     answer.kind = Record::Kind::Operation;
     answer.name = "eventCompleted";
     answer.onLoop = false;
-    answer.time = m_loop->now();
+    answer.time = m_calls.now();
     const int result = backend.eventCompleted(event.get(), granted);
-    answer.duration = m_loop->now() - answer.time;
-    answer.arguments = {
-        {"event", delivery.record.name}, {"success", granted}, {"result", toValue(result)}};
-    m_loop->post(
+    answer.duration = m_calls.now() - answer.time;
+    answer.arguments = {{"event", delivery.record.name},
+                        {"success", granted},
+                        {"result", static_cast<long long>(result)}};
+    m_calls.loop()->post(
         [core = shared_from_this(), delivery = std::move(delivery), answer = std::move(answer)] {
             core->handle(delivery);
-            core->observe([&](Observer& observer) { observer.onRecord(answer); });
+            core->m_calls.observe([&](Observer& observer) { observer.onRecord(answer); });
             core->decoderAsked(answer.time);
         });
 }
 
-void ElementCore::handle(const Delivery& delivery) {
-    if (m_releasing)
+void ElementCore::takeRequest(std::unique_ptr<NeedMSEDataEvent> event) {
+    if (!isOpen() || m_feeding == nullptr || m_playback.is(State::Failed))
         return;
-    observe([&](Observer& observer) { observer.onRecord(delivery.record); });
-    if (delivery.event != nullptr && m_backend.load() != nullptr)
+    const Record record = describe(*event, m_calls.now());
+    m_calls.observe([&](Observer& observer) { observer.onRecord(record); });
+    m_feeding->request(std::move(event));
+}
+
+void ElementCore::handle(const Delivery& delivery) {
+    if (!isOpen())
+        return;
+    m_calls.observe([&](Observer& observer) { observer.onRecord(delivery.record); });
+    if (delivery.event != nullptr)
         act(delivery);
 }
 
@@ -265,12 +241,12 @@ void ElementCore::act(const Delivery& delivery) {
     const auto& event = *delivery.event;
     switch (event.type()) {
     case UVAEvent::BackendResourceRequestAsync: // raised before the backend was known
-        operate("eventCompleted", {{"event", delivery.record.name}}, [&] {
-            const bool granted = m_options.resources == ResourcePolicy::Grant;
-            return m_backend.load()->eventCompleted(static_cast<const UVAAsyncEvent*>(&event),
-                                                    granted);
-        });
-        decoderAsked(m_loop->now());
+        m_calls.operate(
+            "eventCompleted", {{"event", delivery.record.name}}, [&](UVAMediaBackend& backend) {
+                return backend.eventCompleted(static_cast<const UVAAsyncEvent*>(&event),
+                                              m_options.resources == ResourcePolicy::Grant);
+            });
+        decoderAsked(m_calls.now());
         break;
     case UVAEvent::CancelDataRequestsAsync:
         completeCancel(static_cast<const UVAAsyncEvent&>(event));
@@ -279,31 +255,30 @@ void ElementCore::act(const Delivery& delivery) {
         finishSeek(outcomeOf(static_cast<const SeekCompletedExEvent&>(event)));
         break;
     case UVAEvent::NewMetadata:
-        takeMetadata(event);
+        m_playback.take(static_cast<const NewMetadataEvent&>(event));
         break;
     case UVAEvent::MultiComponentChanged:
-        takeComponents(delivery);
+        m_playback.take(static_cast<const MultiComponentChangedEvent&>(event), delivery.added);
         break;
     case UVAEvent::BufferingStreamUnderrun:
-        underrun();
+        m_playback.underrun();
         break;
     case UVAEvent::BufferingProgress:
         m_watch.restart();
         break;
     case UVAEvent::BufferingStreamBuffered:
-        buffered();
+        m_playback.buffered();
         break;
     case UVAEvent::PlaybackFinished:
         trackPosition(); // what was played up to it says nothing against it
-        m_endSeen = true;
-        considerEnd();
+        m_end.see();
         break;
     case UVAEvent::DecodeError:
-        fail(decodeErrorText(static_cast<const DecodeErrorEvent&>(event).reason,
-                             delivery.record.time));
+        m_playback.fail(m_watch.decodeErrorText(static_cast<const DecodeErrorEvent&>(event).reason,
+                                                delivery.record.time, m_end.place()));
         break;
     case UVAEvent::BufferingNetworkError:
-        fail(networkErrorText());
+        m_playback.fail(m_watch.networkErrorText());
         break;
     default:
         break;
@@ -311,155 +286,84 @@ void ElementCore::act(const Delivery& delivery) {
 }
 
 void ElementCore::completeCancel(const UVAAsyncEvent& event) {
-    auto* backend = m_backend.load();
-    if (m_feeder != nullptr)
-        m_feeder->seek(static_cast<const CancelDataRequestsAsyncEvent&>(event).position);
-    operate("eventCompleted",
-            {{"event", std::string("CancelDataRequestsAsync")}, {"success", true}},
-            [&] { return backend->eventCompleted(&event, true); });
+    if (m_feeding != nullptr)
+        m_feeding->seek(static_cast<const CancelDataRequestsAsyncEvent&>(event).position);
+    m_calls.operate("eventCompleted",
+                    {{"event", std::string("CancelDataRequestsAsync")}, {"success", true}},
+                    [&](UVAMediaBackend& backend) { return backend.eventCompleted(&event, true); });
 }
 
-void ElementCore::takeMetadata(const UVAEvent& event) {
-    const auto& media = static_cast<const NewMetadataEvent&>(event);
-    if (media.duration > 0)
-        m_status.duration = media.duration;
-    m_status.width = media.width;
-    m_status.height = media.height;
-    m_status.pixelAspectRatio = media.pixelAspectRatio;
-    m_mediaSeen = true;
-    m_watch.restart();
-    publishStatus();
+void ElementCore::decoderAsked(Clock::time_point time) {
+    m_playback.advance(Playback::Stage::Known);
+    m_watch.decoderAsked(time);
 }
 
-void ElementCore::takeComponents(const Delivery& delivery) {
-    for (const void* gone : static_cast<const MultiComponentChangedEvent&>(*delivery.event).removed)
-        for (std::size_t i = m_componentKeys.size(); i-- > 0;)
-            if (m_componentKeys[i] == gone) {
-                const auto offset = static_cast<std::ptrdiff_t>(i);
-                m_componentKeys.erase(m_componentKeys.begin() + offset);
-                m_status.components.erase(m_status.components.begin() + offset);
-            }
-    m_mediaSeen = true;
-    for (const auto& [key, component] : delivery.added) {
-        m_componentKeys.push_back(key);
-        m_status.components.push_back(component);
-    }
-    publishStatus();
-}
+// ---- time
 
-void ElementCore::underrun() {
-    if (m_status.state == State::Opening || m_status.state == State::Playing)
-        setState(State::Buffering);
-}
-
-/// Of a media source it only says that samples have arrived: what moves tells that it plays.
-void ElementCore::buffered() {
-    m_watch.restart();
-    if (m_feeder == nullptr && m_status.state == State::Buffering)
-        setState(State::Playing);
-}
-
-// ---- seeking
-
-void ElementCore::seek(double target) {
-    if (!std::isfinite(target) || m_backend.load() == nullptr || m_status.state == State::Failed)
-        return answerSeek(target, SeekOutcome::Failed);
-    if (m_seekQueued)
-        answerSeek(*m_seekQueued, SeekOutcome::Replaced);
-    m_seekQueued = target;
-    startQueuedSeek();
-}
-
-void ElementCore::startQueuedSeek() {
-    const bool possible = m_started || m_status.state == State::Ended;
-    if (!m_seekQueued || m_seekInFlight || !possible)
-        return;
-    const double target = *m_seekQueued;
-    m_seekQueued.reset();
-    m_seekInFlight = target;
-    if (m_status.state != State::Seeking)
-        m_seekFromEnd = m_status.state == State::Ended;
-    m_sought = Sought::Settling;
-    m_target = target;
-    m_endSeen = false;
-    hearErrors();
-    m_error.clear();
-    m_watch.restart();
-    setState(State::Seeking);
-    auto* backend = m_backend.load();
-    operate("setPosition", {{"seconds", target}},
-            [backend, target] { return backend->setPosition(target); });
+/// Behind the target of a seek an end from before it does not count.
+void ElementCore::beginSeek() {
+    if (m_seek.begin())
+        m_end.forget();
 }
 
 void ElementCore::finishSeek(SeekOutcome outcome) {
-    if (!m_seekInFlight)
-        return;
-    const double target = *m_seekInFlight;
-    m_seekInFlight.reset();
-    m_watch.restart();
-    if (outcome == SeekOutcome::Succeeded)
-        m_seekFromEnd = false;
-    answerSeek(target, outcome);
-    if (m_seekQueued)
-        return startQueuedSeek();
-    refreshPosition();
-    setState(m_seekFromEnd ? State::Ended : m_wantPlaying ? State::Buffering : State::Paused);
-    considerEnd();
+    m_seek.finish(outcome);
+    if (m_seek.isUnderWay())
+        m_end.forget();
+    m_end.consider();
 }
 
-void ElementCore::answerSeek(double target, SeekOutcome outcome) {
-    observe([&](Observer& observer) { observer.onSeek(target, outcome); });
+void ElementCore::tick() {
+    trackPosition();
+    if (m_feeding != nullptr)
+        m_feeding->balance();
+    m_watch.hearErrors();
+    if (const auto now = phase(); m_watch.tick(now, m_calls.now()))
+        m_end.standStill(*now);
+    m_end.consider();
 }
 
-void ElementCore::abortSeeks() {
-    for (auto* pending : {&m_seekInFlight, &m_seekQueued}) {
-        if (!*pending)
-            continue;
-        answerSeek(**pending, SeekOutcome::Aborted);
-        pending->reset();
+void ElementCore::trackPosition() {
+    const auto& status = m_playback.status();
+    const auto before = std::make_pair(status.position, status.duration);
+    m_playback.refresh();
+    const bool hasMoved = status.position != before.first;
+    if (hasMoved && !m_playback.is(State::Seeking)) {
+        m_end.forget();
+        m_seek.settle();
+        m_playback.moved();
+        beginSeek();
     }
+    if (hasMoved || status.duration != before.second)
+        m_playback.publish();
 }
 
-// ---- state
-
-bool ElementCore::over() const {
-    return m_status.state == State::Idle || m_status.state == State::Ended ||
-           m_status.state == State::Failed;
+/// What is waited for now; nothing when nothing is to move.
+std::optional<Phase> ElementCore::phase() const {
+    const bool isUnplayed = m_playback.is(State::Opening) && !m_playback.isWanted();
+    if (m_playback.over() || m_playback.is(State::Paused) || isUnplayed)
+        return std::nullopt;
+    if (m_seek.isUnderWay())
+        return Phase::Seeking;
+    if (m_feeding != nullptr && m_feeding->waitsForKey())
+        return Phase::WaitingForKey;
+    if (m_playback.isHeld())
+        return Phase::WaitingForData;
+    if (!m_playback.reached(Playback::Stage::Played))
+        return phaseOfStart();
+    if (m_watch.hasServer())
+        return Phase::WaitingForData; // what stands still there lacks data
+    if (m_seek.isSettling())
+        return Phase::Seeking;
+    return m_playback.is(State::Buffering) ? Phase::WaitingForData : Phase::Playing;
 }
 
-/// After play() or pause().
-void ElementCore::settle() {
-    if (m_status.state == State::Seeking)
-        return;
-    if (!m_wantPlaying)
-        setState(State::Paused);
-    else if (m_status.state == State::Paused)
-        setState(m_starved ? State::Buffering : m_started ? State::Playing : State::Opening);
-}
-
-void ElementCore::setState(State state) {
-    if (m_status.state == state)
-        return;
-    m_status.state = state;
-    publishStatus();
-}
-
-void ElementCore::fail(std::string reason) {
-    if (m_status.state == State::Ended || m_status.state == State::Failed)
-        return;
-    m_status.reason = std::move(reason);
-    setState(State::Failed);
-    abortSeeks();
-}
-
-void ElementCore::publishStatus() {
-    m_status.time = m_loop->now();
-    observe([this](Observer& observer) { observer.onStatus(m_status); });
-}
-
-void ElementCore::closeGate() {
-    const std::lock_guard lock(m_gate);
-    m_observer = nullptr;
+Phase ElementCore::phaseOfStart() const {
+    if (m_watch.awaitsDecoder(m_calls.now()))
+        return Phase::WaitingForDecoder;
+    const bool connected =
+        m_playback.reached(Playback::Stage::Known) || m_playback.status().duration > 0;
+    return m_watch.hasServer() && !connected ? Phase::Connecting : Phase::Opening;
 }
 
 } // namespace host

@@ -1,88 +1,40 @@
 #include "event_description.h"
 
+#include "calls.h"
 #include "uva/uva_event.h"
+
+#include <iterator>
 
 namespace host {
 
 namespace {
 
-struct EventName {
-    UVAEvent::Type type;
-    const char* name;
+/// In the order of UVAEvent::Type, which is binding.
+// clang-format off
+constexpr const char* eventNames[] = {
+    "BackendResourceRevoked", "BackendResourceRequestAsync", "BackendResourceReleased",
+    "NeedData", "NeedMSEData", "PlaybackFinished", "NewMetadata", "NeedKeySystem",
+    "DecodeError", "VideoFrameAvailable", "VideoBufferAvailable", "DRMRightsError",
+    "ParentalRatingError", "ParentalRatingChange", "PlaySpeedChanged",
+    "BroadcastPlayPositionChanged", "BroadcastPlaystateChange",
+    "BroadcastSignalStrengthChanged", "ChannelChangeError", "ChannelChangeSucceeded",
+    "ProgrammesChanged", "Recording", "BufferingProgress", "BufferingNetworkError",
+    "BufferingIdle", "BufferingStreamUnderrun", "BufferingStreamBuffered",
+    "ConnectionEstablished", "ConnectionLost", "DeprecatedSubtitlesChanged", "ComponentChanged",
+    "ExternalComponentActivate", "MultiComponentChanged", "InBandVTTUpdate", "InBandDVBSub",
+    "InBandDataUpdate", "InBandTTML", "InBandRemoveCuesRange", "GetCookies",
+    "PlaySpeedsArrayChanged", "SetCookie", "CancelDataRequestsAsync", "SeekCompletedEx",
+    "CacheUpdateRequestAsync", "PidFilterData", "ChannelChanged", "TunerStateChanged",
+    "BouquetSelectionChanged", "ContentIdChanged", "MrsUrlChanged", "AsyncReleaseFinished",
+    "FramesDropped", "BufferingStreamPreloaded", "ActiveStateChanged", "PauseFinished"
 };
-
-#define ROW(type)                                                                                  \
-    EventName {                                                                                    \
-        UVAEvent::type, #type                                                                      \
-    }
-constexpr EventName eventNames[] = {
-    ROW(BackendResourceRevoked),
-    ROW(BackendResourceRequestAsync),
-    ROW(BackendResourceReleased),
-    ROW(NeedData),
-    ROW(NeedMSEData),
-    ROW(PlaybackFinished),
-    ROW(NewMetadata),
-    ROW(NeedKeySystem),
-    ROW(DecodeError),
-    ROW(VideoFrameAvailable),
-    ROW(VideoBufferAvailable),
-    ROW(DRMRightsError),
-    ROW(ParentalRatingError),
-    ROW(ParentalRatingChange),
-    ROW(PlaySpeedChanged),
-    ROW(BroadcastPlayPositionChanged),
-    ROW(BroadcastPlaystateChange),
-    ROW(BroadcastSignalStrengthChanged),
-    ROW(ChannelChangeError),
-    ROW(ChannelChangeSucceeded),
-    ROW(ProgrammesChanged),
-    ROW(Recording),
-    ROW(BufferingProgress),
-    ROW(BufferingNetworkError),
-    ROW(BufferingIdle),
-    ROW(BufferingStreamUnderrun),
-    ROW(BufferingStreamBuffered),
-    ROW(ConnectionEstablished),
-    ROW(ConnectionLost),
-    ROW(DeprecatedSubtitlesChanged),
-    ROW(ComponentChanged),
-    ROW(ExternalComponentActivate),
-    ROW(MultiComponentChanged),
-    ROW(InBandVTTUpdate),
-    ROW(InBandDVBSub),
-    ROW(InBandDataUpdate),
-    ROW(InBandTTML),
-    ROW(InBandRemoveCuesRange),
-    ROW(GetCookies),
-    ROW(PlaySpeedsArrayChanged),
-    ROW(SetCookie),
-    ROW(CancelDataRequestsAsync),
-    ROW(SeekCompletedEx),
-    ROW(CacheUpdateRequestAsync),
-    ROW(PidFilterData),
-    ROW(ChannelChanged),
-    ROW(TunerStateChanged),
-    ROW(BouquetSelectionChanged),
-    ROW(ContentIdChanged),
-    ROW(MrsUrlChanged),
-    ROW(AsyncReleaseFinished),
-    ROW(FramesDropped),
-    ROW(BufferingStreamPreloaded),
-    ROW(ActiveStateChanged),
-    ROW(PauseFinished),
-};
-#undef ROW
+// clang-format on
+static_assert(std::size(eventNames) == UVAEvent::PauseFinished + 1);
 
 std::string nameOf(UVAEvent::Type type) {
-    for (const auto& row : eventNames)
-        if (row.type == type)
-            return row.name;
-    return "Event" + std::to_string(static_cast<int>(type));
-}
-
-Argument number(const char* name, long long value) {
-    return {name, value};
+    const auto index = static_cast<std::size_t>(type);
+    return index < std::size(eventNames) ? eventNames[index]
+                                         : "Event" + std::to_string(static_cast<int>(type));
 }
 
 std::vector<Argument> argumentsOf(const UVAEvent& event) {

@@ -1,10 +1,11 @@
 #include "host/event_loop.h"
 
+#include "locks/mutex.h"
+
 #include <algorithm>
 #include <condition_variable>
 #include <deque>
 #include <map>
-#include <mutex>
 #include <utility>
 
 namespace host {
@@ -20,22 +21,22 @@ struct EventLoop::State {
     };
 
     const TimeSource now;
-    std::mutex mutex; // guards all below; tasks run without it
+    locks::Mutex mutex; // tasks run without it
     std::condition_variable changed;
-    std::deque<Task> tasks;
-    std::map<TimerId, Timer> timers;
-    TimerId lastTimer = 0;
-    bool stopping = false;
-    bool ended = false;
+    std::deque<Task> tasks GUARDED_BY(mutex);
+    std::map<TimerId, Timer> timers GUARDED_BY(mutex);
+    TimerId lastTimer GUARDED_BY(mutex) = 0;
+    bool stopping GUARDED_BY(mutex) = false;
+    bool ended GUARDED_BY(mutex) = false;
 
     void run();
-    Task next(std::unique_lock<std::mutex>& lock);
-    Task takeDueTimer();
-    Clock::time_point firstDue() const;
+    Task next(locks::Lock<std::mutex>& lock) REQUIRES(mutex);
+    Task takeDueTimer() REQUIRES(mutex);
+    Clock::time_point firstDue() const REQUIRES(mutex);
 };
 
 void EventLoop::State::run() {
-    std::unique_lock lock(mutex);
+    locks::Lock lock(mutex);
     while (auto task = next(lock)) {
         lock.unlock();
         task();
@@ -48,7 +49,7 @@ void EventLoop::State::run() {
 
 /// Waits for something to do; empty when the loop stops. Due timers come first: they are few, and a
 /// flood of events must not starve the watchdogs.
-EventLoop::Task EventLoop::State::next(std::unique_lock<std::mutex>& lock) {
+EventLoop::Task EventLoop::State::next(locks::Lock<std::mutex>& lock) {
     while (!stopping) {
         if (auto task = takeDueTimer())
             return task;
@@ -97,7 +98,7 @@ Clock::time_point EventLoop::now() const {
 
 bool EventLoop::post(Task task) {
     {
-        const std::lock_guard lock(m_state->mutex);
+        const locks::Lock lock(m_state->mutex);
         if (m_state->stopping)
             return false;
         m_state->tasks.push_back(std::move(task));
@@ -109,7 +110,7 @@ bool EventLoop::post(Task task) {
 EventLoop::TimerId EventLoop::startTimer(Clock::duration interval, Task task) {
     TimerId id = 0;
     {
-        const std::lock_guard lock(m_state->mutex);
+        const locks::Lock lock(m_state->mutex);
         id = ++m_state->lastTimer;
         m_state->timers[id] = {now() + interval, interval, std::move(task)};
     }
@@ -119,7 +120,7 @@ EventLoop::TimerId EventLoop::startTimer(Clock::duration interval, Task task) {
 
 void EventLoop::cancelTimer(TimerId id) {
     Task dropped;
-    const std::lock_guard lock(m_state->mutex);
+    const locks::Lock lock(m_state->mutex);
     const auto it = m_state->timers.find(id);
     if (it == m_state->timers.end())
         return;
@@ -134,13 +135,15 @@ bool EventLoop::stop(Clock::duration bound) {
     std::map<TimerId, State::Timer> droppedTimers;
     bool ended = false;
     {
-        std::unique_lock lock(m_state->mutex);
+        locks::Lock lock(m_state->mutex);
         m_state->stopping = true;
         droppedTasks.swap(m_state->tasks);
         droppedTimers.swap(m_state->timers);
         m_state->changed.notify_all();
         const bool own = m_thread.get_id() == std::this_thread::get_id();
-        ended = !own && m_state->changed.wait_for(lock, bound, [this] { return m_state->ended; });
+        ended = !own && m_state->changed.wait_for(lock, bound, [this]() REQUIRES(m_state->mutex) {
+            return m_state->ended;
+        });
     }
     if (ended)
         m_thread.join();

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cctype>
 #include <cerrno>
+#include <charconv>
 #include <cstring>
 #include <filesystem>
 #include <optional>
@@ -33,13 +34,6 @@ bool isPlainInPath(unsigned char c) {
     return c < 0x80 && (std::isalnum(c) != 0 || std::strchr("-._~/", c) != nullptr) && c != '\0';
 }
 
-int hexDigit(char c) {
-    if (c >= '0' && c <= '9')
-        return c - '0';
-    const int letter = std::tolower(static_cast<unsigned char>(c));
-    return letter >= 'a' && letter <= 'f' ? letter - 'a' + 10 : -1;
-}
-
 /// Undoes percent-encoding; nothing when a "%" is not followed by two hexadecimal digits, or stands
 /// for a zero byte.
 std::optional<std::string> decodePath(std::string_view encoded) {
@@ -49,13 +43,12 @@ std::optional<std::string> decodePath(std::string_view encoded) {
             path += encoded[i];
             continue;
         }
-        if (i + 2 >= encoded.size())
+        const char* const digits = encoded.data() + i + 1;
+        unsigned char byte = 0;
+        if (i + 2 >= encoded.size() ||
+            std::from_chars(digits, digits + 2, byte, 16).ptr != digits + 2 || byte == 0)
             return std::nullopt;
-        const int high = hexDigit(encoded[i + 1]);
-        const int low = hexDigit(encoded[i + 2]);
-        if (high < 0 || low < 0 || high + low == 0)
-            return std::nullopt;
-        path += static_cast<char>(high * 16 + low);
+        path += static_cast<char>(byte);
         i += 2;
     }
     return path;

@@ -1,8 +1,9 @@
 #include "mse_feeder.h"
 
+#include "locks/mutex.h"
+
 #include <algorithm>
 #include <cmath>
-#include <mutex>
 #include <utility>
 
 namespace host {
@@ -43,23 +44,28 @@ struct MseFeeder::Reader {
     std::function<DemuxedMedia(const std::atomic<bool>&)> open;
     std::atomic<bool> cancelled{false};
 
-    std::mutex mutex; // guards the vector, which changes once; reading goes without it
-    std::vector<std::unique_ptr<SampleStream>> streams;
+    locks::Mutex mutex;
+    std::vector<std::unique_ptr<SampleStream>> streams GUARDED_BY(mutex);
 
     void keep(std::vector<std::unique_ptr<SampleStream>> opened) {
-        const std::lock_guard lock(mutex);
+        const locks::Lock lock(mutex);
         streams = std::move(opened);
         if (cancelled)
             interruptAll();
     }
+    /// They do not change any more: who reads one goes without the lock.
+    SampleStream& at(std::size_t index) {
+        const locks::Lock lock(mutex);
+        return *streams[index];
+    }
     void interrupt() {
-        const std::lock_guard lock(mutex);
+        const locks::Lock lock(mutex);
         cancelled = true;
         interruptAll();
     }
 
 private:
-    void interruptAll() {
+    void interruptAll() REQUIRES(mutex) {
         for (auto& stream : streams)
             stream->interrupt();
     }
@@ -159,7 +165,7 @@ void MseFeeder::move(Source& source, double seconds) {
     const auto index = static_cast<std::size_t>(&source - m_sources.data());
     m_readLoop.post(
         [self = shared_from_this(), reader = m_reader, index, seconds, seeks = source.seeks] {
-            auto error = reader->streams[index]->seek(seconds);
+            auto error = reader->at(index).seek(seconds);
             if (!error.empty())
                 self->post([index, seeks, error = std::move(error)](MseFeeder& feeder) {
                     feeder.take(index, seeks, {{}, false, error});
@@ -206,7 +212,7 @@ void MseFeeder::read(Source& source, std::size_t count) {
     const auto index = static_cast<std::size_t>(&source - m_sources.data());
     m_readLoop.post(
         [self = shared_from_this(), reader = m_reader, index, count, seeks = source.seeks] {
-            auto batch = std::make_shared<SampleStream::Batch>(reader->streams[index]->read(count));
+            auto batch = std::make_shared<SampleStream::Batch>(reader->at(index).read(count));
             self->post([index, seeks, batch](MseFeeder& feeder) {
                 feeder.take(index, seeks, std::move(*batch));
             });

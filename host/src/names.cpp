@@ -1,44 +1,31 @@
 #include "host/observer.h"
-#include "host/status.h"
+#include "host/sample_stream.h"
+
+#include <array>
 
 namespace host {
 
 Observer::~Observer() = default;
+SampleStream::~SampleStream() = default;
+
+namespace {
+
+template <std::size_t Count>
+const char* nameIn(const std::array<const char*, Count>& names, std::size_t index) {
+    return index < Count ? names[index] : "unknown";
+}
+
+} // namespace
 
 const char* name(State state) {
-    switch (state) {
-    case State::Idle:
-        return "idle";
-    case State::Opening:
-        return "opening";
-    case State::Buffering:
-        return "buffering";
-    case State::Playing:
-        return "playing";
-    case State::Paused:
-        return "paused";
-    case State::Seeking:
-        return "seeking";
-    case State::Ended:
-        return "ended";
-    case State::Failed:
-        return "failed";
-    }
-    return "unknown";
+    static constexpr std::array names = {"idle",   "opening", "buffering", "playing",
+                                         "paused", "seeking", "ended",     "failed"};
+    return nameIn(names, static_cast<std::size_t>(state));
 }
 
 const char* name(SeekOutcome outcome) {
-    switch (outcome) {
-    case SeekOutcome::Succeeded:
-        return "succeeded";
-    case SeekOutcome::Failed:
-        return "failed";
-    case SeekOutcome::Aborted:
-        return "aborted";
-    case SeekOutcome::Replaced:
-        return "replaced";
-    }
-    return "unknown";
+    static constexpr std::array names = {"succeeded", "failed", "aborted", "replaced"};
+    return nameIn(names, static_cast<std::size_t>(outcome));
 }
 
 } // namespace host

@@ -1,5 +1,8 @@
 #include "progress_watch.h"
 
+#include "uva/uva_event.h"
+
+#include <algorithm>
 #include <cstdio>
 #include <utility>
 
@@ -9,11 +12,16 @@ namespace {
 
 using std::chrono::milliseconds;
 
+/// After an error nothing more is to come; what is on its way is still played.
+constexpr milliseconds errorBound(500);
+/// How long the backend waits for the main system's answer, a decoder, and a little less.
+constexpr milliseconds decoderAnswer(4500);
+
 struct Row {
     Phase phase;
-    milliseconds bound;
-    const char* still; // nothing moved for the bound
-    const char* error; // ... and there is an error to quote
+    milliseconds bound; // 0: for ever
+    const char* still;  // nothing moved for the bound
+    const char* error;  // ... and there is an error to quote
     const char* next;
 };
 
@@ -52,22 +60,95 @@ const Row& rowOf(Phase phase) {
 
 } // namespace
 
-milliseconds boundOf(Phase phase) {
-    return rowOf(phase).bound;
-}
-
 std::string secondsText(double value) {
     char text[32];
     std::snprintf(text, sizeof text, "%.1f s", value);
     return text;
 }
 
-std::string explain(Phase phase, const Standstill& standstill, const std::string& error) {
+void ProgressWatch::begin(std::string server) {
+    m_server = std::move(server);
+    forgetErrors(); // of what was played before
+}
+
+bool ProgressWatch::tick(std::optional<Phase> phase, Clock::time_point now) {
+    const Clock::duration most = 2 * m_options.tick;
+    m_still += std::clamp(now - std::exchange(m_last, now), Clock::duration::zero(), most);
+    if (!phase || phase != std::exchange(m_phase, phase)) {
+        restart();
+        return false;
+    }
+    const auto bound = boundFor(*phase);
+    return (bound.count() > 0 && m_still >= bound) || (hasError() && m_still >= errorBound);
+}
+
+milliseconds ProgressWatch::boundFor(Phase phase) const {
+    const auto bound = m_options.noProgress.value_or(rowOf(phase).bound);
+    return phase == Phase::WaitingForKey && bound.count() > 0 ? bound + m_options.keyDelay : bound;
+}
+
+void ProgressWatch::hearErrors() {
+    if (!hasError() && m_options.takeError)
+        m_error = m_options.takeError();
+}
+
+void ProgressWatch::forgetErrors() {
+    hearErrors();
+    m_error.clear();
+}
+
+void ProgressWatch::decoderAsked(Clock::time_point time) {
+    m_decoderAsked = time;
+    restart();
+}
+
+/// A main system that has not answered after its time has been reported as an error: if nothing
+/// moves even then it is for another reason. So it is if the media has an error.
+bool ProgressWatch::awaitsDecoder(Clock::time_point now) const {
+    return m_decoderAsked && !hasError() && now - *m_decoderAsked < decoderAnswer;
+}
+
+std::string ProgressWatch::standstillText(Phase phase, const Place& place) const {
+    return explain(phase, place, boundFor(phase), m_error);
+}
+
+/// A main system that refuses and none that answers are told apart by the time that it took.
+std::string ProgressWatch::decodeErrorText(int reason, Clock::time_point time,
+                                           const Place& place) const {
+    switch (reason) {
+    case DecodeErrorEvent::UnknownFormat:
+        return "decode error: the format is unknown";
+    case DecodeErrorEvent::CorruptStream:
+        return "decode error: the stream is corrupt";
+    case DecodeErrorEvent::InsufficientResources:
+        break;
+    default:
+        return "decode error " + std::to_string(reason);
+    }
+    if (m_options.resources == ResourcePolicy::Deny)
+        return "decoder refused: this host denies the decoders";
+    const auto waited =
+        std::chrono::duration_cast<milliseconds>(time - m_decoderAsked.value_or(time));
+    if (waited >= decoderAnswer)
+        return explain(Phase::WaitingForDecoder, place, waited, {});
+    return "decoder refused: the main system has none to give, or there is no link to it (then the "
+           "system log says why); end the player that has it, or play without a main system "
+           "(NOX_GST_STANDALONE=1)";
+}
+
+std::string ProgressWatch::networkErrorText() {
+    hearErrors();
+    return "the media cannot be fetched: " + source() + " does not answer as it should" +
+           (hasError() ? " (GStreamer: " + m_error + ")" : "");
+}
+
+std::string ProgressWatch::explain(Phase phase, const Place& place, milliseconds time,
+                                   const std::string& error) const {
     const std::pair<const char*, std::string> words[] = {
-        {"{source}", standstill.server.empty() ? "the media's file" : standstill.server},
-        {"{position}", secondsText(standstill.position)},
-        {"{target}", secondsText(standstill.target)},
-        {"{time}", secondsText(std::chrono::duration<double>(standstill.bound).count())},
+        {"{source}", source()},
+        {"{position}", secondsText(place.position)},
+        {"{target}", secondsText(place.target)},
+        {"{time}", secondsText(std::chrono::duration<double>(time).count())},
     };
     const Row& row = rowOf(phase);
     std::string text = error.empty() ? row.still : row.error;

@@ -1,10 +1,10 @@
 #ifndef HOST_PROGRESS_WATCH_H
 #define HOST_PROGRESS_WATCH_H
 
-#include "host/record.h"
+#include "host/media_element.h"
 
-#include <algorithm>
 #include <chrono>
+#include <optional>
 #include <string>
 
 namespace host {
@@ -20,42 +20,59 @@ enum class Phase {
     WaitingForKey,  ///< samples are held back
 };
 
-/// How long a phase may last without progress; 0: for ever.
-std::chrono::milliseconds boundOf(Phase phase);
-
-/// What is put into a phase's sentence.
-struct Standstill {
-    std::string server; ///< empty: the media comes from files
-    double position = 0;
-    double target = 0;                  ///< of the last seek
-    std::chrono::milliseconds bound{0}; ///< that was not kept
-};
-
-/// Why playback was given up, and what to do: one line. `error`: what the framework beneath the
-/// backend reported; empty: nothing, it is the standstill that tells.
-std::string explain(Phase phase, const Standstill& standstill, const std::string& error);
-
 /// "12.5 s"
 std::string secondsText(double value);
 
-/// How long nothing has moved, counted from tick to tick. A tick that comes late counts no more
-/// than two: a process that was stopped for a minute has not watched a stream stall for a minute.
+/// Whether playback gets on: how long nothing has moved, counted from tick to tick, and what has
+/// gone wrong. A tick that comes late counts no more than two: a process that was stopped for a
+/// minute has not watched a stream stall for a minute.
 class ProgressWatch {
 public:
-    explicit ProgressWatch(Clock::duration tick) : m_tick(tick) {}
+    /// Seconds: where playback is, and the target of the last seek.
+    struct Place {
+        double position = 0;
+        double target = 0;
+    };
 
-    void restart() { m_still = Clock::duration::zero(); }
+    explicit ProgressWatch(const MediaElement::Options& options) : m_options(options) {}
+
+    /// Media is opened; `server`: its host name, empty when it comes from files.
+    void begin(std::string server);
+    bool hasServer() const { return !m_server.empty(); }
+
+    void restart() { m_still = Clock::duration::zero(); } ///< something moves
     Clock::duration still() const { return m_still; }
+    /// True when this phase is to be given up. None: nothing is to move.
+    bool tick(std::optional<Phase> phase, Clock::time_point now);
+    Phase lastPhase() const { return m_phase.value_or(Phase::Playing); }
 
-    void tick(Clock::time_point now) {
-        m_still += std::clamp<Clock::duration>(now - m_last, Clock::duration::zero(), 2 * m_tick);
-        m_last = now;
-    }
+    void hearErrors();
+    void forgetErrors(); ///< with a seek: what was wrong before it may not be wrong there
+    bool hasError() const { return !m_error.empty(); }
+
+    void decoderAsked(Clock::time_point time); ///< the main system is
+    void decoderReturned() { m_decoderAsked.reset(); }
+    bool hasAskedForDecoder() const { return m_decoderAsked.has_value(); }
+    bool awaitsDecoder(Clock::time_point now) const;
+
+    // Why playback was given up, and what to do: one line.
+    std::string standstillText(Phase phase, const Place& place) const;
+    std::string decodeErrorText(int reason, Clock::time_point time, const Place& place) const;
+    std::string networkErrorText();
 
 private:
-    const Clock::duration m_tick;
+    std::chrono::milliseconds boundFor(Phase phase) const;
+    std::string explain(Phase phase, const Place& place, std::chrono::milliseconds time,
+                        const std::string& error) const;
+    std::string source() const { return hasServer() ? m_server : "the media's file"; }
+
+    const MediaElement::Options& m_options;
+    std::string m_server;
+    std::optional<Phase> m_phase; // that is counted
     Clock::duration m_still{};
     Clock::time_point m_last{};
+    std::optional<Clock::time_point> m_decoderAsked; // when
+    std::string m_error; // the first one since the media was opened, or the last seek; empty: none
 };
 
 } // namespace host

@@ -52,8 +52,9 @@ public:
         text << "seek to " << target << " " << host::name(outcome);
         tell(text.str());
     }
-    void onKeyNeeded(const host::KeyBytes& id) override {
-        tell("key " + std::to_string(id[0]) + " needed");
+    void tell(const std::string& text) {
+        const std::lock_guard lock(m_mutex);
+        m_told.push_back(text);
     }
 
     /// What was told since the last call, in order.
@@ -74,11 +75,6 @@ private:
         const std::lock_guard lock(m_mutex);
         return value;
     }
-    void tell(const std::string& text) {
-        const std::lock_guard lock(m_mutex);
-        m_told.push_back(text);
-    }
-
     std::mutex m_mutex;
     std::vector<std::string> m_told;
     host::Status m_status;

@@ -63,6 +63,9 @@ protected:
         renew();
         host::MediaSource source;
         source.keys = m_keys;
+        source.keyNeeded = [this](const host::KeyBytes& id) {
+            m_recorder.tell("key " + std::to_string(id[0]) + " needed");
+        };
         source.server = m_server;
         source.open = [this](const std::atomic<bool>&) {
             EXPECT_TRUE(waitUntil([this] { return m_mayOpen.load(); }));
@@ -428,6 +431,14 @@ TEST_F(FeedingTest, AttachesASourceAnew) {
     m_element->reattach(StreamInfo::Kind::Video);
     settle();
     EXPECT_EQ(m_recorder.story(), "");
+
+    startPlaying(9, 9);
+    request(1, 1);
+    put(1, {0.5});
+    m_element->release(longBound);
+    m_element->resumeFeeding();
+    m_element->reattach(StreamInfo::Kind::Video);
+    EXPECT_EQ(written(0) + calls().back(), "release");
 }
 
 TEST_F(FeedingTest, TellsWhatTheBackendHolds) {

@@ -93,7 +93,6 @@ private:
         m_status = status;
     }
     void onSeek(double, host::SeekOutcome) override {}
-    void onKeyNeeded(const host::KeyBytes&) override {}
 
     std::mutex m_mutex; // guards m_status
     host::Status m_status;

@@ -1,4 +1,4 @@
-# Shared by ./play and ./check; sourced from the top of the tree. Leaves a configured and built tree.
+# Shared by ./play and ./check, sourced from the top of the tree: they have the folder build in common.
 
 fail() {
     echo "$0: $*" >&2
@@ -59,11 +59,13 @@ configure() {
     [ ${#new[@]} -eq 0 ] || quietly "configuring $dir" meson configure "$dir" "${new[@]}"
 }
 
-# build DIR
+# build DIR [TARGET]...: these, else all.
 build() {
+    local dir=$1
+    shift
     if [ -t 1 ]; then
-        ninja -C "$1" || fail "building failed; see above"
+        ninja -C "$dir" "$@" || fail "building failed; see above"
     else
-        quietly "building $1" ninja -C "$1"
+        quietly "building $dir" ninja -C "$dir" "$@"
     fi
 }

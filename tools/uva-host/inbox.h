@@ -1,6 +1,7 @@
 #ifndef UVA_HOST_INBOX_H
 #define UVA_HOST_INBOX_H
 
+#include "host/clear_key.h"
 #include "host/observer.h"
 #include "util/mutex.h"
 #include "util/scoped_handles.h"
@@ -35,7 +36,7 @@ public:
     void onSeek(double target, host::SeekOutcome outcome) override {
         put(SeekAnswer{target, outcome});
     }
-    void onKeyNeeded(const host::KeyBytes& id) override { put(KeyNeeded{id}); }
+    void onKeyNeeded(const host::KeyBytes& id) { put(KeyNeeded{id}); }
 
 private:
     void put(Message message);

@@ -75,10 +75,13 @@ void Playback::begin(Media media) {
     m_stage.display.begin(m_name);
     m_stage.timeline.mediaBegins(m_name, m_status.time);
     m_stage.terminal.enter();
-    if (auto* const uri = std::get_if<std::string>(&media))
+    if (auto* const uri = std::get_if<std::string>(&media)) {
         m_element.open(std::move(*uri));
-    else
-        m_element.openSource(std::move(std::get<host::MediaSource>(media)));
+    } else {
+        auto& source = std::get<host::MediaSource>(media);
+        source.keyNeeded = [this](const host::KeyBytes& id) { m_inbox.onKeyNeeded(id); };
+        m_element.openSource(std::move(source));
+    }
     if (m_stage.options.window)
         m_element.setWindow(*m_stage.options.window);
     m_element.play();

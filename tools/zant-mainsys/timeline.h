@@ -4,6 +4,7 @@
 #include "common/trace_events.h"
 #include "link.h"
 
+#include <memory>
 #include <optional>
 #include <string>
 

@@ -21,6 +21,10 @@ struct MediaSource {
     /// (UVA_OfferDRMBackend). Null: encrypted samples cannot be fed.
     std::shared_ptr<const ClearKey> keys;
 
+    /// Samples are held back until the key with this id is there, see
+    /// MediaElement::resumeFeeding(). Called as an Observer is; may be empty.
+    std::function<void(const KeyBytes& id)> keyNeeded;
+
     /// The host name of what is fetched over a network; empty: all are files.
     std::string server;
 };

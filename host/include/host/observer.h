@@ -1,7 +1,6 @@
 #ifndef HOST_OBSERVER_H
 #define HOST_OBSERVER_H
 
-#include "host/clear_key.h"
 #include "host/record.h"
 #include "host/status.h"
 
@@ -32,9 +31,6 @@ public:
 
     /// The one answer to each MediaElement::seek().
     virtual void onSeek(double target, SeekOutcome outcome) = 0;
-
-    /// Samples are held back until the key with this id is there, see MediaElement::resumeFeeding().
-    virtual void onKeyNeeded(const KeyBytes& id) = 0;
 };
 
 } // namespace host

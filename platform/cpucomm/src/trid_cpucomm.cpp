@@ -1,14 +1,13 @@
 #include "cpucomm/trid_cpucomm.h"
 
 #include "arena.h"
+#include "locks/mutex.h"
 #include "simulation.h"
 
 #include <atomic>
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
-#include <mutex>
-#include <shared_mutex>
 #include <sstream>
 
 namespace {
@@ -30,12 +29,11 @@ constexpr struct {
 /// that calls Trid_Util_CPUComm_DeInit.
 struct State {
     /// Held shared while the arena is used, alone while it is changed for another.
-    std::shared_mutex mutex;
-    std::unique_ptr<Arena> arena; ///< kept after DeInit, for those who still use blocks of it
-    bool attached = false;
+    locks::SharedMutex mutex;
+    /// Kept after DeInit, for those who still use blocks of it.
+    std::unique_ptr<Arena> arena GUARDED_BY(mutex);
+    bool attached GUARDED_BY(mutex) = false;
     std::atomic<uint32_t> faults{0};
-
-    bool has(Fault fault) const { return (faults.load() & fault) != 0; }
 };
 
 State& state() {
@@ -43,12 +41,16 @@ State& state() {
     return object;
 }
 
+bool has(Fault fault) {
+    return (state().faults & fault) != 0;
+}
+
 /// What the call makes of the arena, `without` while there is none.
 template <typename Result, typename Call>
 Result withArena(Result without, Call call) {
     State& the = state();
-    const std::shared_lock lock(the.mutex);
-    return the.attached ? call(the) : without;
+    const locks::SharedLock lock(the.mutex);
+    return the.attached ? call(*the.arena) : without;
 }
 
 std::string fromEnvironment(const char* name, const char* usual) {
@@ -95,14 +97,14 @@ bool setFaults(const std::string& names) {
 }
 
 Statistics statistics() {
-    return withArena(Statistics(), [](State& the) { return the.arena->statistics(); });
+    return withArena(Statistics(), [](Arena& arena) { return arena.statistics(); });
 }
 
 } // namespace cpucomm
 
 int32_t Trid_Util_CPUComm_Init(uint32_t) {
     State& the = state();
-    const std::unique_lock lock(the.mutex);
+    const locks::Lock lock(the.mutex);
     if (the.attached)
         return 0;
     const std::string faults = fromEnvironment("TRID_CPUCOMM_FAULTS", "");
@@ -125,12 +127,12 @@ int32_t Trid_Util_CPUComm_Init(uint32_t) {
 }
 
 int32_t Trid_Util_CPUComm_Ready(void) {
-    return withArena(-1, [](State&) { return 0; });
+    return withArena(-1, [](Arena&) { return 0; });
 }
 
 void Trid_Util_CPUComm_DeInit(void) {
     State& the = state();
-    const std::unique_lock lock(the.mutex);
+    const locks::Lock lock(the.mutex);
     if (!the.attached)
         return;
     the.arena->detach();
@@ -138,15 +140,15 @@ void Trid_Util_CPUComm_DeInit(void) {
 }
 
 void* Trid_Util_CPUComm_Malloc(uint32_t size) {
-    return withArena(static_cast<void*>(nullptr), [=](State& the) {
-        return the.has(failMalloc) ? nullptr : the.arena->allocate(size, the.has(die));
+    return withArena(static_cast<void*>(nullptr), [=](Arena& arena) {
+        return has(failMalloc) ? nullptr : arena.allocate(size, has(die));
     });
 }
 
 void Trid_Util_CPUComm_Free(void* block) {
     if (!block)
         return;
-    const bool freed = withArena(true, [=](State& the) { return the.arena->free(block); });
+    const bool freed = withArena(true, [=](Arena& arena) { return arena.free(block); });
     if (!freed)
         fprintf(stderr,
                 "cpucomm: free of %p, which is no block: freed already, or not from "
@@ -155,17 +157,16 @@ void Trid_Util_CPUComm_Free(void* block) {
 }
 
 uint32_t Trid_Util_CPUComm_Convert2PhyAddr(void* block) {
-    return withArena(uint32_t{0}, [=](State& the) {
-        return the.has(failPhys) ? 0 : the.arena->addressOf(block);
-    });
+    return withArena(uint32_t{0},
+                     [=](Arena& arena) { return has(failPhys) ? 0 : arena.addressOf(block); });
 }
 
 void* Trid_Util_CPUComm_Convert2VirtualAddr(uint32_t address) {
-    return withArena(static_cast<void*>(nullptr), [=](State& the) {
-        return the.has(failVirtual) ? nullptr : the.arena->blockAt(address);
+    return withArena(static_cast<void*>(nullptr), [=](Arena& arena) {
+        return has(failVirtual) ? nullptr : arena.blockAt(address);
     });
 }
 
 uint32_t Trid_Util_CPUComm_GetBlockSize(const void* block) {
-    return withArena(uint32_t{0}, [=](State& the) { return the.arena->sizeOf(block); });
+    return withArena(uint32_t{0}, [=](Arena& arena) { return arena.sizeOf(block); });
 }

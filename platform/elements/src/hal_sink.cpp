@@ -188,19 +188,19 @@ GstFlowReturn HalSink::buildChain(const MediaFormat& format, GstCaps* caps) {
 /// is on its way is stopped at the output still.
 bool HalSink::drainChain() {
     {
-        const std::lock_guard lock(m_waitMutex);
+        const locks::Lock lock(m_waitMutex);
         m_draining = true;
     }
     if (!m_chain.drain())
         endDrain();
-    std::unique_lock lock(m_waitMutex);
-    m_drained.wait(lock, [this] { return !m_draining || isInterrupted(); });
+    locks::Lock lock(m_waitMutex);
+    m_drained.wait(lock, [this]() REQUIRES(m_waitMutex) { return !m_draining || isInterrupted(); });
     return !isInterrupted();
 }
 
 /// False when none was under way.
 bool HalSink::endDrain() {
-    const std::lock_guard lock(m_waitMutex);
+    const locks::Lock lock(m_waitMutex);
     m_drained.notify_all();
     return std::exchange(m_draining, false);
 }
@@ -210,19 +210,19 @@ bool HalSink::endDrain() {
 bool HalSink::decide() {
     const auto gate = RequestGate::of(GST_ELEMENT(m_bin));
     {
-        const std::lock_guard lock(m_waitMutex);
+        const locks::Lock lock(m_waitMutex);
         m_gate = gate;
     }
     bool decided = false;
     if (gate->enter([this] { return isInterrupted(); })) {
         {
-            const std::lock_guard lock(m_waitMutex);
+            const locks::Lock lock(m_waitMutex);
             m_insideGate = true;
         }
         decided = settle(request() != 0);
         requestForwarded();
     }
-    const std::lock_guard lock(m_waitMutex);
+    const locks::Lock lock(m_waitMutex);
     m_gate.reset();
     return decided;
 }
@@ -237,7 +237,7 @@ bool HalSink::settle(bool granted) {
 }
 
 void HalSink::requestForwarded() {
-    const std::lock_guard lock(m_waitMutex);
+    const locks::Lock lock(m_waitMutex);
     if (std::exchange(m_insideGate, false))
         m_gate->leave();
 }
@@ -376,7 +376,7 @@ void HalSink::start() {
 
 /// Ends a wait for the turn to ask, or for the end of a drain.
 void HalSink::interrupt() {
-    const std::lock_guard lock(m_waitMutex);
+    const locks::Lock lock(m_waitMutex);
     if (m_gate)
         m_gate->wake();
     m_drained.notify_all();

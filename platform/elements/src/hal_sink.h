@@ -2,11 +2,11 @@
 #define NOXELEMENTS_HAL_SINK_H
 
 #include "decode_chain.h"
+#include "locks/mutex.h"
 #include "request_gate.h"
 
 #include <atomic>
 #include <condition_variable>
-#include <mutex>
 
 namespace noxelements {
 
@@ -92,11 +92,13 @@ private:
     std::atomic<Decoder> m_decoder{Decoder::Undecided};
     std::atomic<bool> m_stopping{false};
     std::atomic<gint64> m_timeOffset{0};
-    std::mutex m_waitMutex; // guards all below; leaf but for the gate's and the object locks
+    locks::Mutex m_waitMutex; // leaf but for the gate's and the object locks
     std::condition_variable m_drained;
-    std::shared_ptr<RequestGate> m_gate; // while the request is being made
-    bool m_insideGate = false;
-    bool m_draining = false; // the next end of stream at the output is the chain's alone
+    /// While the request is being made.
+    std::shared_ptr<RequestGate> m_gate GUARDED_BY(m_waitMutex);
+    bool m_insideGate GUARDED_BY(m_waitMutex) = false;
+    /// The next end of stream at the output is the chain's alone.
+    bool m_draining GUARDED_BY(m_waitMutex) = false;
 };
 
 } // namespace noxelements

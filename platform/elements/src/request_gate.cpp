@@ -35,7 +35,7 @@ std::shared_ptr<RequestGate> RequestGate::of(GstElement* element) {
 
 void RequestGate::leave() {
     {
-        const std::lock_guard lock(m_mutex);
+        const locks::Lock lock(m_mutex);
         m_busy = false;
     }
     m_changed.notify_all();
@@ -43,7 +43,7 @@ void RequestGate::leave() {
 
 void RequestGate::wake() {
     // Taking the lock orders the caller's change of the condition before the waiter's next look.
-    { const std::lock_guard lock(m_mutex); }
+    { const locks::Lock lock(m_mutex); }
     m_changed.notify_all();
 }
 

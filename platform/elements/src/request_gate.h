@@ -1,11 +1,12 @@
 #ifndef NOXELEMENTS_REQUEST_GATE_H
 #define NOXELEMENTS_REQUEST_GATE_H
 
+#include "locks/mutex.h"
+
 #include <gst/gst.h>
 
 #include <condition_variable>
 #include <memory>
-#include <mutex>
 
 namespace noxelements {
 
@@ -21,8 +22,8 @@ public:
     /// makes it hold calls `wake`.
     template <typename Cancelled>
     bool enter(Cancelled cancelled) {
-        std::unique_lock lock(m_mutex);
-        m_changed.wait(lock, [&] { return !m_busy || cancelled(); });
+        locks::Lock lock(m_mutex);
+        m_changed.wait(lock, [&]() REQUIRES(m_mutex) { return !m_busy || cancelled(); });
         if (cancelled())
             return false;
         m_busy = true;
@@ -32,9 +33,9 @@ public:
     void wake();
 
 private:
-    std::mutex m_mutex; // leaf, but for the object locks that `cancelled` takes
+    locks::Mutex m_mutex; // leaf, but for the object locks that `cancelled` takes
     std::condition_variable m_changed;
-    bool m_busy = false; // guarded by m_mutex
+    bool m_busy GUARDED_BY(m_mutex) = false;
 };
 
 } // namespace noxelements

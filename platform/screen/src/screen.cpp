@@ -1,7 +1,8 @@
 #include "nox/screen.h"
 
+#include "locks/mutex.h"
+
 #include <algorithm>
-#include <mutex>
 
 namespace nox {
 
@@ -12,19 +13,26 @@ namespace {
 
 /// Recursive, so that a listener may drop its own handle while it is called.
 struct ListenerSlot {
-    std::recursive_mutex mutex;
-    Screen::Listener call; // guarded by mutex; empty once dropped
+    explicit ListenerSlot(Screen::Listener listener) : call(std::move(listener)) {}
+
+    locks::RecursiveMutex mutex;
+    Screen::Listener call GUARDED_BY(mutex); // empty once dropped
 };
+
+template <typename Item>
+void drop(std::vector<Item>& items, const Item& gone) {
+    items.erase(std::remove(items.begin(), items.end(), gone), items.end());
+}
 
 } // namespace
 
 struct Screen::Impl {
-    std::mutex mutex;                // guards all below; held while planes and outputs are called
-    std::vector<VideoPlane*> planes; // the one with the newest picture last
-    std::vector<AudioOutput*> outputs;
-    std::vector<std::weak_ptr<ListenerSlot>> listeners;
-    bool visible = true;
-    double volume = 1.0;
+    locks::Mutex mutex;                                // held while planes and outputs are called
+    std::vector<VideoPlane*> planes GUARDED_BY(mutex); // the one with the newest picture last
+    std::vector<AudioOutput*> outputs GUARDED_BY(mutex);
+    std::vector<std::weak_ptr<ListenerSlot>> listeners GUARDED_BY(mutex);
+    bool visible GUARDED_BY(mutex) = true;
+    double volume GUARDED_BY(mutex) = 1.0;
 };
 
 Screen::Screen() : m_impl(std::make_unique<Impl>()) {}
@@ -37,45 +45,43 @@ Screen& Screen::instance() {
 }
 
 void Screen::add(VideoPlane* plane) {
-    const std::lock_guard lock(m_impl->mutex);
+    const locks::Lock lock(m_impl->mutex);
     m_impl->planes.insert(m_impl->planes.begin(), plane); // has shown nothing: the last to be asked
     plane->setVisible(m_impl->visible);
 }
 
 void Screen::remove(VideoPlane* plane) {
-    const std::lock_guard lock(m_impl->mutex);
-    auto& planes = m_impl->planes;
-    planes.erase(std::remove(planes.begin(), planes.end(), plane), planes.end());
+    const locks::Lock lock(m_impl->mutex);
+    drop(m_impl->planes, plane);
 }
 
 void Screen::add(AudioOutput* output) {
-    const std::lock_guard lock(m_impl->mutex);
+    const locks::Lock lock(m_impl->mutex);
     m_impl->outputs.push_back(output);
     output->setVolume(m_impl->volume);
 }
 
 void Screen::remove(AudioOutput* output) {
-    const std::lock_guard lock(m_impl->mutex);
-    auto& outputs = m_impl->outputs;
-    outputs.erase(std::remove(outputs.begin(), outputs.end(), output), outputs.end());
+    const locks::Lock lock(m_impl->mutex);
+    drop(m_impl->outputs, output);
 }
 
 bool Screen::grab(Picture& picture, int width, int height) {
-    const std::lock_guard lock(m_impl->mutex);
-    const auto& planes = m_impl->planes;
+    const locks::Lock lock(m_impl->mutex);
+    auto& planes = m_impl->planes;
     return std::any_of(planes.rbegin(), planes.rend(),
                        [&](VideoPlane* plane) { return plane->grab(picture, width, height); });
 }
 
 void Screen::setVisible(bool visible) {
-    const std::lock_guard lock(m_impl->mutex);
+    const locks::Lock lock(m_impl->mutex);
     m_impl->visible = visible;
     for (auto* plane : m_impl->planes)
         plane->setVisible(visible);
 }
 
 void Screen::setVolume(double volume) {
-    const std::lock_guard lock(m_impl->mutex);
+    const locks::Lock lock(m_impl->mutex);
     m_impl->volume = volume;
     for (auto* output : m_impl->outputs)
         output->setVolume(volume);
@@ -84,7 +90,7 @@ void Screen::setVolume(double volume) {
 void Screen::pictureShown(VideoPlane* plane) {
     std::vector<std::shared_ptr<ListenerSlot>> live;
     {
-        const std::lock_guard lock(m_impl->mutex);
+        const locks::Lock lock(m_impl->mutex);
         auto& planes = m_impl->planes;
         const auto it = std::find(planes.begin(), planes.end(), plane);
         if (it != planes.end() && it + 1 != planes.end())
@@ -98,19 +104,18 @@ void Screen::pictureShown(VideoPlane* plane) {
                 live.push_back(std::move(slot));
     }
     for (const auto& slot : live) {
-        const std::lock_guard lock(slot->mutex);
+        const locks::Lock lock(slot->mutex);
         if (slot->call)
             slot->call();
     }
 }
 
 std::shared_ptr<void> Screen::listen(Listener listener) {
-    auto slot = std::make_shared<ListenerSlot>();
-    slot->call = std::move(listener);
-    const std::lock_guard lock(m_impl->mutex);
+    auto slot = std::make_shared<ListenerSlot>(std::move(listener));
+    const locks::Lock lock(m_impl->mutex);
     m_impl->listeners.push_back(slot);
     return {slot.get(), [slot](void*) {
-                const std::lock_guard silence(slot->mutex);
+                const locks::Lock silence(slot->mutex);
                 slot->call = nullptr;
             }};
 }

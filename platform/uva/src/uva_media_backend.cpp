@@ -1,5 +1,6 @@
 #include "uva/uva_media_backend.h"
 
+#include "locks/mutex.h"
 #include "nox/screen.h"
 #include "uva/uva_client.h"
 #include "uva/uva_event.h"
@@ -9,7 +10,6 @@
 #include <cmath>
 #include <cstdint>
 #include <cstring>
-#include <mutex>
 
 namespace {
 
@@ -20,7 +20,7 @@ public:
 
     void start(int width, int height) {
         {
-            const std::lock_guard lock(m_mutex);
+            const locks::Lock lock(m_mutex);
             m_width = width;
             m_height = height;
             m_outstanding = false;
@@ -33,14 +33,14 @@ public:
 
     void stop() {
         m_listener.reset();
-        const std::lock_guard lock(m_mutex);
+        const locks::Lock lock(m_mutex);
         m_width = m_height = 0;
     }
 
     bool running() const { return m_listener != nullptr; }
 
     bool consumed(unsigned int frame, bool wanted) {
-        const std::lock_guard lock(m_mutex);
+        const locks::Lock lock(m_mutex);
         if (!m_outstanding || frame != m_frame)
             return false;
         m_outstanding = !wanted;
@@ -48,7 +48,7 @@ public:
     }
 
     void size(int& width, int& height) {
-        const std::lock_guard lock(m_mutex);
+        const locks::Lock lock(m_mutex);
         width = m_width;
         height = m_height;
     }
@@ -57,7 +57,7 @@ private:
     void announce() {
         unsigned int frame = 0;
         {
-            const std::lock_guard lock(m_mutex);
+            const locks::Lock lock(m_mutex);
             if (m_outstanding)
                 return;
             m_outstanding = true;
@@ -68,10 +68,11 @@ private:
     }
 
     UVAClient* const m_client;
-    std::mutex m_mutex; // guards the four below; nothing is called under it
-    int m_width = 0, m_height = 0;
-    bool m_outstanding = false;
-    unsigned int m_frame = 0;
+    locks::Mutex m_mutex; // nothing is called under it
+    int m_width GUARDED_BY(m_mutex) = 0;
+    int m_height GUARDED_BY(m_mutex) = 0;
+    bool m_outstanding GUARDED_BY(m_mutex) = false;
+    unsigned int m_frame GUARDED_BY(m_mutex) = 0;
     std::shared_ptr<void> m_listener; // host thread
 };
 

@@ -1,3 +1,4 @@
+#include "locks/mutex.h"
 #include "uva/uva_client.h"
 #include "uva/uva_drm_backend.h"
 #include "uva/uva_sample.h"
@@ -6,15 +7,14 @@
 
 #include <chrono>
 #include <map>
-#include <mutex>
 #include <string>
 
 namespace {
 
 /// Content-protection systems by the identifier of their key system. Outlives every host thread.
 struct DrmBackends {
-    std::mutex mutex; // guards the map; leaf
-    std::map<std::string, UVADRMBackend*> byKeySystem;
+    locks::Mutex mutex; // leaf
+    std::map<std::string, UVADRMBackend*> byKeySystem GUARDED_BY(mutex);
 
     static DrmBackends& instance() {
         static DrmBackends& backends = *new DrmBackends;
@@ -45,7 +45,7 @@ void UVA_OfferDRMBackend(const char* keySystemId, UVADRMBackend* backend) {
     if (keySystemId == nullptr)
         return;
     auto& backends = DrmBackends::instance();
-    const std::lock_guard lock(backends.mutex);
+    const locks::Lock lock(backends.mutex);
     if (backend != nullptr)
         backends.byKeySystem[keySystemId] = backend;
     else
@@ -56,7 +56,7 @@ UVADRMBackend* UVA_FindDRMBackend(const char* keySystemId) {
     if (keySystemId == nullptr)
         return nullptr;
     auto& backends = DrmBackends::instance();
-    const std::lock_guard lock(backends.mutex);
+    const locks::Lock lock(backends.mutex);
     const auto found = backends.byKeySystem.find(keySystemId);
     return found != backends.byKeySystem.end() ? found->second : nullptr;
 }

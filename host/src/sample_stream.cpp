@@ -1,7 +1,0 @@
-#include "host/sample_stream.h"
-
-namespace host {
-
-SampleStream::~SampleStream() = default;
-
-} // namespace host
