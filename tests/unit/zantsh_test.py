@@ -127,7 +127,7 @@ class ZantshTest(unittest.TestCase):
 
     @unittest.skipUnless(TVBOX, "no tvbox in this build")
     def test_reaches_into_a_box(self):
-        box = subprocess.Popen([TVBOX, "--name", "shellbox", "--require", SHELL],
+        box = subprocess.Popen([TVBOX, "--name", "shellbox", "--require", "--share", SHELL, SHELL],
                                stdout=open("/tmp/boxed", "w"))
         try:
             self.assertTrue(wait_until(lambda: zantsh("m_echo")[0] == 0))

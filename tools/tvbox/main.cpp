@@ -2,7 +2,9 @@
 #include "failure.h"
 #include "plain_run.h"
 
+#include <algorithm>
 #include <cstdio>
+#include <fstream>
 
 namespace tvbox {
 
@@ -12,10 +14,29 @@ void notice(const std::string& text) {
 
 namespace {
 
-int listBoxes() {
-    for (const auto& box : RunDirectory().list())
+/// The command of a box, for people: its first process has the command line of the tvbox outside.
+std::string commandOf(const std::string& process) {
+    std::ifstream in(process + "/cmdline");
+    Words words;
+    for (std::string word; std::getline(in, word, '\0');)
+        words.push_back(word);
+    std::string text;
+    if (!words.empty()) {
+        for (const auto& word : parseOptions(words).command)
+            text += (text.empty() ? "" : " ") + word;
+    }
+    std::replace_if(
+        text.begin(), text.end(), [](unsigned char c) { return c < ' '; }, ' ');
+    return text;
+}
+
+int printList() {
+    const auto tmp = std::filesystem::canonical("/tmp");
+    for (const auto& box : listBoxes()) {
+        const auto process = "/proc/" + std::to_string(box.pid);
         std::printf("%s\t%d\t%s\t%s\n", box.name.c_str(), static_cast<int>(box.pid),
-                    box.tmp.c_str(), box.command.c_str());
+                    (process + "/root" + tmp.string()).c_str(), commandOf(process).c_str());
+    }
     return std::fflush(stdout) == 0 ? 0 : ExitFailure;
 }
 
@@ -31,18 +52,13 @@ int runInBox(const Options& options, const BlockedSignals& signals) {
     return runPlainly(options, signals);
 }
 
-int run(int argc, char** argv) {
-    const auto parsed = parseOptions(argc, argv);
-    if (!parsed.options) {
-        std::fputs(parsed.text.c_str(), parsed.exitCode == 0 ? stdout : stderr);
-        return parsed.exitCode;
-    }
-    if (parsed.options->mode == Options::Mode::List)
-        return listBoxes();
+int run(const Options& options) {
+    if (options.list)
+        return printList();
     const BlockedSignals signals;
-    if (parsed.options->mode == Options::Mode::Enter)
-        enterBox(*parsed.options, signals);
-    return runInBox(*parsed.options, signals);
+    if (!options.enter.empty())
+        enterBox(options, signals);
+    return runInBox(options, signals);
 }
 
 } // namespace
@@ -51,7 +67,7 @@ int run(int argc, char** argv) {
 
 int main(int argc, char** argv) {
     try {
-        return tvbox::run(argc, argv);
+        return tvbox::run(tvbox::parseOptions({argv, argv + argc}));
     } catch (const std::exception& failure) {
         tvbox::notice(failure.what());
     }

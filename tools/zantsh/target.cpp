@@ -1,9 +1,8 @@
 #include "target.h"
 
+#include "common/box_registry.h"
 #include "exchange.h"
 #include "exit_code.h"
-#include "namespaces.h"
-#include "run_directory.h"
 
 #include <csignal>
 #include <cstdlib>
@@ -28,14 +27,13 @@ std::optional<tvbox::BoxInfo> chooseBox(const Options& options) {
     const bool isInBox = getenv("TVBOX") != nullptr;
     if (options.box.empty() && (isInBox || shellListens(options.socket)))
         return std::nullopt;
-    tvbox::RunDirectory directory;
     if (!options.box.empty()) {
-        if (auto box = directory.find(options.box))
+        if (auto box = tvbox::findBox(options.box))
             return box;
         throw NoShell("no box named '" + options.box +
-                      "' is running; running: " + listOf(directory.list()));
+                      "' is running; running: " + listOf(tvbox::listBoxes()));
     }
-    auto boxes = directory.list();
+    auto boxes = tvbox::listBoxes();
     if (boxes.size() > 1)
         throw NoShell("no shell at /tmp/" + options.socket +
                       " outside of boxes; choose one with --box: " + listOf(boxes));
@@ -47,7 +45,6 @@ std::optional<tvbox::BoxInfo> chooseBox(const Options& options) {
 /// Only a child belongs to the box's processes and sees them in its /proc.
 int runInBox(const tvbox::BoxInfo& box, const std::function<int()>& work) {
     tvbox::joinBox(box);
-    setenv("TVBOX", box.name.c_str(), 1);
     const pid_t child = fork();
     if (child < 0)
         throw NoShell("no process in box '" + box.name + "': " + strerror(errno));
