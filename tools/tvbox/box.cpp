@@ -159,7 +159,7 @@ LogCollector Box::setUp(int kind) {
 
 int Box::runCommand(LogCollector& log) const {
     setenv("TVBOX", m_name.c_str(), 1);
-    Supervisor supervisor(m_options, m_companionLog, m_signals, Leftovers::Kill);
+    Supervisor supervisor(m_options, m_companionLog, m_signals);
     supervisor.obeyOnly(getppid()); // 0 with process ids of our own
     supervisor.watch(log.fd(), [&] { log.drain(); });
     supervisor.watch(m_claim.fd(), [&] { m_claim.dismissVisitor(); });
@@ -182,7 +182,7 @@ void enterBox(const Options& options, const BlockedSignals& signals) {
     if (unknown || chdir(cwd.c_str()) != 0)
         std::filesystem::current_path("/");
     raiseQueueLimits();
-    const int code = Supervisor(options, {}, signals, Leftovers::Keep).run();
+    const int code = Supervisor(options, {}, signals).run();
     // The box's /proc does not know this process: nothing that looks itself up there may run now.
     std::_Exit(code);
 }

@@ -90,12 +90,9 @@ void bringOut(const fs::path& from, const fs::path& to) {
 
 } // namespace
 
-BoxFiles::BoxFiles(const Options& options)
-    : m_tmp(fs::canonical("/tmp")), m_cwd([] {
-          std::error_code unknown;
-          return fs::current_path(unknown);
-      }()) {
-    share(m_cwd);
+BoxFiles::BoxFiles(const Options& options) : m_tmp(fs::canonical("/tmp")) {
+    std::error_code unknown;
+    share(m_cwd = fs::current_path(unknown));
     for (const auto& path : options.share)
         share(path);
     for (const char* variable : serverVariables) {
@@ -115,8 +112,8 @@ BoxFiles::BoxFiles(const Options& options)
             throw Failure("--etc '" + value +
                           "': give a FILE that exists, or FILE=NAME with a NAME directly in /etc, "
                           "such as traces.cfg=tracesuva.cfg");
-        m_etc.push_back({name, ScopedFd(open(file.c_str(), O_RDONLY | O_CLOEXEC))});
-        if (!m_etc.back().file)
+        m_etc[name] = ScopedFd(open(file.c_str(), O_RDONLY | O_CLOEXEC));
+        if (!m_etc[name])
             throw Failure(withErrno("--etc '" + file + "' cannot be read"));
     }
 }
@@ -151,9 +148,9 @@ void BoxFiles::mountAll(bool newProc) const {
     // What is mounted outside later, a drive say, still appears; nothing goes the other way.
     mountOrRefuse(nullptr, "/", nullptr, MS_REC | MS_SLAVE);
     hideTmp();
-    hide("/etc", ownEtc, MS_NOSUID | MS_NODEV);
+    hide("/etc", ownEtc);
     placeEtc();
-    hide("/dev", ownDev, MS_NOSUID);
+    hide("/dev", ownDev);
     fs::create_directory("/dev/shm");
     mountOrRefuse("tvbox", "/dev/shm", "tmpfs", MS_NOSUID | MS_NODEV, "mode=1777");
     fs::create_directory("/dev/mqueue");
@@ -181,12 +178,12 @@ void BoxFiles::hideTmp() const {
 
 /// Puts a folder of the box's own in the place of the outside's, with the same in it except what is
 /// the box's own.
-void BoxFiles::hide(const Path& folder, const Patterns& own, unsigned long flags) const {
+void BoxFiles::hide(const Path& folder, const Patterns& own) const {
     const auto outer = hidden(folder);
     mountOrRefuse(folder.c_str(), outer, nullptr, MS_BIND | MS_REC);
     if (folder == "/etc")
         makeReadOnly(outer);
-    mountOrRefuse("tvbox", folder, "tmpfs", flags, "mode=755");
+    mountOrRefuse("tvbox", folder, "tmpfs", MS_NOSUID, "mode=755");
     for (const auto& entry : fs::directory_iterator(outer)) {
         const auto name = entry.path().filename();
         if (!fits(name, own))
@@ -210,10 +207,10 @@ void BoxFiles::show(const Path& outside, const Path& inside) const {
 }
 
 void BoxFiles::placeEtc() const {
-    for (const auto& etc : m_etc) {
-        const auto target = "/etc/" + etc.name;
+    for (const auto& [name, file] : m_etc) {
+        const auto target = "/etc/" + name;
         fs::remove(target); // the outside's
-        fs::copy_file("/proc/self/fd/" + std::to_string(etc.file.get()), target);
+        fs::copy_file("/proc/self/fd/" + std::to_string(file.get()), target);
         fs::permissions(target, fs::perms(0644));
     }
 }

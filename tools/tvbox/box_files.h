@@ -28,22 +28,18 @@ public:
 
 private:
     using Path = std::filesystem::path;
-    struct EtcFile {
-        std::string name;
-        ScopedFd file;
-    };
 
     void share(const Path& path);
     Path hidden(const Path& path) const;
     void hideTmp() const;
-    void hide(const Path& folder, const std::vector<const char*>& own, unsigned long flags) const;
+    void hide(const Path& folder, const std::vector<const char*>& own) const;
     void show(const Path& outside, const Path& inside) const;
     void placeEtc() const;
     void letThrough() const;
 
     const std::string m_tmp;
-    const Path m_cwd; ///< empty: unknown, the process stays where it is
-    std::vector<EtcFile> m_etc;
+    Path m_cwd;                            ///< empty: unknown, the process stays where it is
+    std::map<std::string, ScopedFd> m_etc; ///< by name
     /// Entries of the hidden folders that are shared, and without links where they lead to; empty
     /// if they are not there.
     std::map<Path, Path> m_shared;

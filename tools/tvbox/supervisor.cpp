@@ -103,14 +103,14 @@ bool hasTerminal() {
 }
 
 Supervisor::Supervisor(const Options& options, const ScopedFd& companionLog,
-                       const BlockedSignals& signals, Leftovers leftovers)
+                       const BlockedSignals& signals)
     : m_options(options), m_signals(signals),
-      m_companionOutput(companionLog ? companionLog.get() : STDERR_FILENO), m_leftovers(leftovers),
+      m_companionOutput(companionLog ? companionLog.get() : STDERR_FILENO),
       m_signalFd(signalfd(-1, &signals.set(), SFD_CLOEXEC | SFD_NONBLOCK)) {
     if (!m_signalFd)
         throw Failure(withErrno("cannot listen for signals"));
     watch(m_signalFd.get(), [this] { handleSignal(); });
-    if (leftovers == Leftovers::Kill)
+    if (killsRest())
         prctl(PR_SET_CHILD_SUBREAPER, 1);
 }
 
@@ -128,14 +128,14 @@ int Supervisor::run() {
         m_exitCode = ExitFailure;
     }
     endCompanions();
-    if (m_leftovers == Leftovers::Kill)
+    if (killsRest())
         killDescendants();
     return *m_exitCode;
 }
 
 void Supervisor::start() {
     if (!m_options.mainSystem.empty())
-        startMainSystem(m_options.mainSystem);
+        startMainSystem();
     for (const auto& line : m_options.with) {
         if (!m_exitCode)
             spawn(splitWords(line), Role::Companion);
@@ -145,9 +145,9 @@ void Supervisor::start() {
 }
 
 /// The command's first request must not find nobody there.
-void Supervisor::startMainSystem(const std::string& line) {
+void Supervisor::startMainSystem() {
     const auto socket = std::make_shared<ReadinessSocket>();
-    const auto words = splitWords(line);
+    const auto words = splitWords(m_options.mainSystem);
     const pid_t pid = spawn(words, Role::Companion, socket->address());
     watch(socket->fd(), [socket] { socket->takeWhatCame(); });
     const bool inTime = handleUntil(mainSystemStarts, [&] {
@@ -155,13 +155,13 @@ void Supervisor::startMainSystem(const std::string& line) {
     });
     if (socket->isReady() || m_exitCode)
         return;
-    const auto what = "main system '" + words.front() + "' ";
-    if (inTime)
-        throw Failure(what + "ended before it served its queue, see what it printed; the command "
-                             "was not started");
-    throw Failure(what + "did not say within " + std::to_string(mainSystemStarts / 1s) +
-                  " s that it serves its queue (READY=1 to $NOTIFY_SOCKET); start a program that "
-                  "never says so with --with");
+    throw Failure(
+        "main system '" + words.front() +
+        (inTime ? "' ended before it served its queue, see what it printed; the command was not "
+                  "started"
+                : "' did not say within " + std::to_string(mainSystemStarts / 1s) +
+                      " s that it serves its queue (READY=1 to $NOTIFY_SOCKET); start a program "
+                      "that never says so with --with"));
 }
 
 /// Returns the process. If the program cannot be started: for the command its exit code is set and
@@ -210,7 +210,7 @@ void Supervisor::becomeProgram(const Words& words, Role role,
         dup2(m_companionOutput, STDOUT_FILENO);
         dup2(m_companionOutput, STDERR_FILENO);
     }
-    if (m_leftovers == Leftovers::Kill)
+    if (killsRest())
         prctl(PR_SET_PDEATHSIG, SIGKILL);
     m_signals.unblock();
     std::vector<char*> arguments;

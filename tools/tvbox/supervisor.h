@@ -15,16 +15,13 @@
 
 namespace tvbox {
 
-/// What happens to processes that are left when the command has ended.
-enum class Leftovers { Kill, Keep };
-
-/// Starts companions and command, passes signals on, reaps, and ends companions after the command.
-/// For one thread; it waits for all children of the process.
+/// Starts companions and command, passes signals on, reaps, and ends companions after the command
+/// and, but for a box that was entered, what else is left. For one thread; it waits for all
+/// children of the process.
 class Supervisor {
 public:
     /// @p companionLog may be none: standard error. Throws Failure.
-    Supervisor(const Options& options, const ScopedFd& companionLog, const BlockedSignals& signals,
-               Leftovers leftovers);
+    Supervisor(const Options& options, const ScopedFd& companionLog, const BlockedSignals& signals);
 
     /// Passes on signals of this process alone, besides those of a process outside (0).
     void obeyOnly(pid_t sender) { m_sender = sender; }
@@ -37,8 +34,9 @@ public:
 private:
     enum class Role { Command, Companion };
 
+    bool killsRest() const { return m_options.enter.empty(); }
     void start();
-    void startMainSystem(const std::string& line);
+    void startMainSystem();
     pid_t spawn(const Words& words, Role role, const std::string& notifySocket = {});
     void becomeProgram(const Words& words, Role role, const std::string& notifySocket) const;
     /// Handles what comes until then; waits for it if there is nothing, -1 ms for ever.
@@ -52,7 +50,6 @@ private:
     const Options& m_options;
     const BlockedSignals& m_signals;
     const int m_companionOutput;
-    const Leftovers m_leftovers;
     const ScopedFd m_signalFd;
     std::vector<std::pair<int, std::function<void()>>> m_watched;
     std::optional<pid_t> m_sender;
