@@ -5,8 +5,8 @@
 #include "debug/shell/zant_dbg_mshell.h"
 #include "debug/trace/zant_trace_mshell.h"
 #include "exit_code.h"
-#include "messaging/thread/thread_object_mshell.h"
 #include "messaging/queue/zant_msg_queue_mshell.h"
+#include "messaging/thread/thread_object_mshell.h"
 
 #include <cstdio>
 #include <cstdlib>
