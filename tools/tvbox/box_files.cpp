@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <fnmatch.h>
 #include <fstream>
+#include <random>
 #include <sys/mount.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
@@ -75,9 +76,9 @@ void copyTree(const fs::path& from, const fs::path& to) {
 
 /// What is copied under a passing name beside the target, so that a reader never sees half of it.
 void bringOut(const fs::path& from, const fs::path& to) {
-    const auto passing = to.parent_path() / (".tvbox-" + std::to_string(getpid()) + ".part");
+    const auto number = std::to_string(std::random_device()()); // all boxes have the same ids
+    const auto passing = to.parent_path() / (".tvbox-" + number + ".part");
     try {
-        fs::remove_all(passing);
         copyTree(from, passing);
         if (fs::exists(fs::symlink_status(passing)))
             fs::rename(passing, to);
