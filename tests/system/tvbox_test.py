@@ -21,7 +21,7 @@ import gtest_result  # noqa: E402
 from wait_until import wait_until  # noqa: E402
 
 TVBOX, MAINSYS = sys.argv[1:3]
-NOBODY = 65534
+NOBODY = 65432  # and not what the kernel shows for an id that is unknown
 
 # Each makes the same queue, shared memory and socket, and fails if one is there.
 MAKES_NAMES = """

@@ -25,11 +25,6 @@ void writeProc(const char* path, const std::string& text) {
         throw Refusal(withErrno(std::string("cannot write ") + path));
 }
 
-struct Ids {
-    uid_t uid;
-    gid_t gid;
-};
-
 void mapIds(Ids inside, Ids outside) {
     const auto row = [](auto in, auto out) {
         return std::to_string(in) + " " + std::to_string(out) + " 1\n";
@@ -50,7 +45,7 @@ Box::Box(const Options& options, const BlockedSignals& signals)
 int Box::run() {
     std::string refusal;
     for (const int kind : kinds) {
-        if ((kind & CLONE_NEWUSER) == 0 && geteuid() != 0)
+        if ((kind & CLONE_NEWUSER) == 0 && m_caller.uid != 0)
             continue;
         try {
             return attend(make(kind), kind);
@@ -136,9 +131,8 @@ int Box::liveInside(int kind, ScopedFd outside) {
 
 /// With privileges over the box, which are given up in the end.
 LogCollector Box::setUp(int kind) {
-    const Ids caller = {geteuid(), getegid()};
     if (kind & CLONE_NEWUSER)
-        mapIds({0, 0}, caller); // all files written are the caller's
+        mapIds({0, 0}, m_caller); // all files written are the caller's
     m_files.mountAll((kind & CLONE_NEWPID) != 0);
     const auto missing = raiseQueueLimits();
     if (!missing.empty()) {
@@ -149,10 +143,10 @@ LogCollector Box::setUp(int kind) {
         notice(text);
     }
     LogCollector log(std::move(m_log));
-    if ((kind & CLONE_NEWUSER) && caller.uid != 0) {
+    if ((kind & CLONE_NEWUSER) && m_caller.uid != 0) {
         if (unshare(CLONE_NEWUSER) != 0)
             throw Refusal(withErrno("cannot make a second user namespace"));
-        mapIds(caller, {0, 0});
+        mapIds(m_caller, {0, 0});
     }
     return log;
 }

@@ -11,6 +11,11 @@
 
 namespace tvbox {
 
+struct Ids {
+    uid_t uid;
+    gid_t gid;
+};
+
 /// One box from its beginning to its end: the process outside that the caller sees, and the first
 /// process inside, which makes the files, runs the command and cleans up.
 class Box {
@@ -31,6 +36,7 @@ private:
 
     const Options& m_options;
     const BlockedSignals& m_signals;
+    const Ids m_caller = {geteuid(), getegid()}; ///< outside; within, both are unknown at first
     const std::string m_name;
     const BoxName m_claim;
     const BoxFiles m_files;
