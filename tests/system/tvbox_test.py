@@ -218,6 +218,13 @@ class TvBox(unittest.TestCase):
         self.assertEqual(self.run_as_user("cat", own).stdout, "in\n")
         self.assertEqual(self.run_as_user(self.tvbox, "--enter", "tv2", "true").returncode, 125)
 
+    def test_does_without_process_ids_where_a_new_proc_is_refused(self):
+        mark = f"98766{os.getpid()}"
+        done = self.run_as_user("unshare", "-Urm", "sh", "-c", "mount -t tmpfs none /proc/fs && exec unshare -Urm "
+                                f"{self.tvbox} --require --name tv1 sh -c '(setsid sleep {mark} &); "
+                                f"exec {self.tvbox} --enter tv1 echo in'")
+        self.assertEqual((done.returncode, done.stdout, runs(mark)), (0, "in\n", False), done.stderr)
+
     def test_runs_companions_around(self):
         log, mark = self.folder / "companions", self.folder / "mark"
         companion = (f"sh -c 'trap \"echo ended; exit\" TERM; echo begun; touch {mark}; "

@@ -40,16 +40,12 @@ def zantsh(*arguments, given=None):
 @unittest.skipUnless(TMP_IS_OWN, "no namespaces here")
 class ZantshTest(unittest.TestCase):
     def setUp(self):
-        self.servers = []
-
-    def tearDown(self):
-        for server in self.servers:
-            server.send_signal(signal.SIGTERM)
-            server.wait(timeout=20)
         subprocess.run(["rm", "-rf", SERVER, "/tmp/zant_dbg_client", "/tmp/usb_logs"], check=True)
 
     def start(self, output="/tmp/output"):
-        self.servers.append(subprocess.Popen([SHELL], stdout=open(output, "a")))
+        server = subprocess.Popen([SHELL], stdout=open(output, "a"))
+        self.addCleanup(server.wait, timeout=20)
+        self.addCleanup(server.terminate)
         self.assertTrue(wait_until(lambda: zantsh("m_echo")[0] == 0))
 
     def test_reply_output_and_exit_code(self):

@@ -111,12 +111,14 @@ std::vector<BoxInfo> listBoxes() {
 }
 
 void joinBox(const BoxInfo& box) {
-    const auto user = "/proc/" + std::to_string(box.pid) + "/ns/user";
     const ScopedFd first(static_cast<int>(syscall(SYS_pidfd_open, box.pid, 0)));
-    int namespaces = CLONE_NEWNS | CLONE_NEWIPC | CLONE_NEWPID;
-    std::error_code error; // a process that is gone is setns()'s to report
-    if (!std::filesystem::equivalent("/proc/self/ns/user", user, error))
-        namespaces |= CLONE_NEWUSER;
+    int namespaces = CLONE_NEWNS | CLONE_NEWIPC;
+    for (const auto& [name, flag] : {std::pair{"user", CLONE_NEWUSER}, {"pid", CLONE_NEWPID}}) {
+        const auto its = "/proc/" + std::to_string(box.pid) + "/ns/" + name;
+        std::error_code error; // a process that is gone is setns()'s to report
+        if (!std::filesystem::equivalent(std::string("/proc/self/ns/") + name, its, error))
+            namespaces |= flag; // what one is in already may not be entered
+    }
     if (setns(first.get(), namespaces) != 0)
         throw Failure(withErrno("cannot enter box '" + box.name + "'"));
     setenv("TVBOX", box.name.c_str(), 1);
