@@ -7,7 +7,6 @@
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
-#include <vector>
 
 namespace tvbox {
 
@@ -50,8 +49,12 @@ std::string lineFor(const char* text, const char* end) {
     auto line = now() + facilities[priority / 8] + "." + severities[priority % 8] + " ";
     for (; text < end; ++text) {
         const auto code = static_cast<unsigned char>(*text);
+        if (code >= ' ' && code != 0x7f) {
+            line += *text;
+            continue;
+        }
         char escaped[8];
-        std::snprintf(escaped, sizeof escaped, code < ' ' || code == 0x7f ? "\\x%02x" : "%c", code);
+        std::snprintf(escaped, sizeof escaped, "\\x%02x", code);
         line += code == '\t' ? " " : escaped;
     }
     return line + "\n";
@@ -70,7 +73,7 @@ ScopedFd openLog(const std::string& path) {
 
 LogCollector::LogCollector(ScopedFd file)
     : m_socket(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0)),
-      m_file(std::move(file)) {
+      m_file(std::move(file)), m_buffer(largestDatagram + 1) {
     const struct sockaddr_un address = {AF_UNIX, "/dev/log"};
     if (bind(m_socket.get(), reinterpret_cast<const struct sockaddr*>(&address), sizeof address) !=
             0 ||
@@ -79,12 +82,11 @@ LogCollector::LogCollector(ScopedFd file)
 }
 
 void LogCollector::drain() {
-    std::vector<char> buffer(largestDatagram + 1); // a text that ends, whatever was sent
     ssize_t size = 0;
-    while ((size = TEMP_FAILURE_RETRY(recv(m_socket.get(), buffer.data(), largestDatagram, 0))) >=
+    while ((size = TEMP_FAILURE_RETRY(recv(m_socket.get(), m_buffer.data(), largestDatagram, 0))) >=
            0) {
-        buffer[static_cast<std::size_t>(size)] = '\0';
-        const auto line = lineFor(buffer.data(), buffer.data() + size);
+        m_buffer[static_cast<std::size_t>(size)] = '\0';
+        const auto line = lineFor(m_buffer.data(), m_buffer.data() + size);
         if (m_file &&
             write(m_file.get(), line.data(), line.size()) != static_cast<ssize_t>(line.size())) {
             notice(withErrno("the log ends here, it cannot be written"));

@@ -4,6 +4,7 @@
 #include "util/scoped_handles.h"
 
 #include <string>
+#include <vector>
 
 namespace tvbox {
 
@@ -26,6 +27,7 @@ public:
 private:
     ScopedFd m_socket;
     ScopedFd m_file;
+    std::vector<char> m_buffer; ///< a datagram, and the end of a text
 };
 
 } // namespace tvbox
