@@ -1,5 +1,5 @@
 #include "command_run.h"
-#include "common/box_registry.h"
+#include "common/boxes/box_registry.h"
 #include "exchange.h"
 #include "exit_code.h"
 #include "interactive.h"
