@@ -18,7 +18,7 @@ def main():
     if len(sys.argv) != 3:
         sys.exit(__doc__)
     build = pathlib.Path(sys.argv[1]).resolve()
-    output = subprocess.run([build / 'tools/tvbox/tvbox', '--require', '--', build / 'bench/link_bench'],
+    output = subprocess.run([build / 'tools/tvbox/tvbox', '--share', build, '--require', '--', build / 'bench/link_bench'],
                             check=True, capture_output=True, text=True).stdout
     figures = json.loads(output)
     grant = figures['grant']

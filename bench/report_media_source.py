@@ -30,7 +30,7 @@ def main():
     if len(sys.argv) != 3:
         sys.exit(__doc__)
     build = pathlib.Path(sys.argv[1]).resolve()
-    output = subprocess.run([build / 'tools/tvbox/tvbox', '--', build / 'bench/media_source_bench'],
+    output = subprocess.run([build / 'tools/tvbox/tvbox', '--share', build, '--', build / 'bench/media_source_bench'],
                             check=True, capture_output=True, text=True).stdout
     figures = json.loads(output[output.index('{'):])
     lines = [

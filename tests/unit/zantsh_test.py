@@ -6,9 +6,7 @@ Usage: zantsh_test.py ZANTSH SHELL_EXAMPLE [TVBOX]
 
 import os
 import pathlib
-import shutil
 import signal
-import socket
 import subprocess
 import sys
 import unittest
@@ -39,34 +37,16 @@ def zantsh(*arguments, given=None):
     return done.returncode, done.stdout, done.stderr
 
 
-def listens():
-    with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as probe:
-        try:
-            probe.connect(SERVER)
-        except OSError:
-            return False
-        return True
-
-
 @unittest.skipUnless(TMP_IS_OWN, "no namespaces here")
 class ZantshTest(unittest.TestCase):
     def setUp(self):
-        self.servers = []
-
-    def tearDown(self):
-        for server in self.servers:
-            server.send_signal(signal.SIGTERM)
-            server.wait(timeout=20)
-        for left in ("zant_dbg_server_uva", "zant_dbg_client", "usb_logs"):
-            path = pathlib.Path("/tmp") / left
-            if path.is_dir():
-                shutil.rmtree(path)
-            else:
-                path.unlink(missing_ok=True)
+        subprocess.run(["rm", "-rf", SERVER, "/tmp/zant_dbg_client", "/tmp/usb_logs"], check=True)
 
     def start(self, output="/tmp/output"):
-        self.servers.append(subprocess.Popen([SHELL], stdout=open(output, "a")))
-        self.assertTrue(wait_until(listens))
+        server = subprocess.Popen([SHELL], stdout=open(output, "a"))
+        self.addCleanup(server.wait, timeout=20)
+        self.addCleanup(server.terminate)
+        self.assertTrue(wait_until(lambda: zantsh("m_echo")[0] == 0))
 
     def test_reply_output_and_exit_code(self):
         self.start()
@@ -127,7 +107,7 @@ class ZantshTest(unittest.TestCase):
 
     @unittest.skipUnless(TVBOX, "no tvbox in this build")
     def test_reaches_into_a_box(self):
-        box = subprocess.Popen([TVBOX, "--name", "shellbox", "--require", SHELL],
+        box = subprocess.Popen([TVBOX, "--name", "shellbox", "--require", "--share", SHELL, SHELL],
                                stdout=open("/tmp/boxed", "w"))
         try:
             self.assertTrue(wait_until(lambda: zantsh("m_echo")[0] == 0))

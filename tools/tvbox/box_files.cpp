@@ -1,17 +1,13 @@
 #include "box_files.h"
 
 #include "failure.h"
-#include "named_paths.h"
 
 #include <algorithm>
-#include <fcntl.h>
-#include <filesystem>
 #include <fnmatch.h>
 #include <fstream>
-#include <glob.h>
-#include <set>
-#include <sstream>
+#include <random>
 #include <sys/mount.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 
 namespace tvbox {
@@ -19,15 +15,18 @@ namespace tvbox {
 namespace {
 
 namespace fs = std::filesystem;
+using Patterns = std::vector<const char*>;
 
-constexpr std::size_t largestEtcFile = 16 << 20;
+constexpr const char* sharedMemory = "/dev/shm";
 
+/// What the box or the system in it puts directly into /tmp under a fixed name.
+const Patterns ownTmp = {"zant_dbg_*", "GST_DEBUG", "usb_logs", ".tvbox*"};
 /// Configuration of the system inside: never the outside's.
-const std::vector<const char*> ownEtc = {"tracesuva.cfg", "preinit*", "zantauto"};
-const std::vector<const char*> ownDev = {"log", "shm", "mqueue"};
-
-/// Where display and sound servers put their sockets.
-constexpr const char* serverSockets[] = {".X11-unix", ".ICE-unix", "pulse-*"};
+const Patterns ownEtc = {"tracesuva.cfg", "preinit*", "zantauto"};
+const Patterns ownDev = {"log", "shm", "mqueue"};
+/// Where display and sound servers put their sockets, and what names them.
+const Patterns serverSockets = {".X11-unix", ".ICE-unix", "pulse-*"};
+constexpr const char* serverVariables[] = {"XDG_RUNTIME_DIR", "XAUTHORITY"};
 
 struct QueueLimit {
     const char* name;
@@ -35,197 +34,225 @@ struct QueueLimit {
 };
 constexpr QueueLimit queueLimits[] = {
     {"msg_max", 256}, {"msgsize_max", 65536}, {"queues_max", 1024}};
-constexpr const char* queueLimitFolder = "/proc/sys/fs/mqueue/";
 
-void mountOrRefuse(const char* what, const std::string& where, const char* type,
-                   unsigned long flags, const char* data = nullptr) {
-    if (mount(what, where.c_str(), type, flags, data) != 0)
-        throw Refusal(withErrno("cannot mount " + where));
+/// The part of a path below a folder, "." for the folder itself; empty if it is elsewhere.
+fs::path below(const fs::path& folder, const fs::path& path) {
+    const auto relative = path.lexically_relative(folder);
+    return relative.empty() || *relative.begin() == ".." ? fs::path() : relative;
 }
 
-void makeFolder(const std::string& path) {
-    if (mkdir(path.c_str(), 0755) != 0)
-        throw Refusal(withErrno("cannot make " + path));
-}
-
-bool fits(const std::string& name, const std::vector<const char*>& patterns) {
+bool fits(const fs::path& name, const Patterns& patterns) {
     return std::any_of(patterns.begin(), patterns.end(),
                        [&](const char* pattern) { return fnmatch(pattern, name.c_str(), 0) == 0; });
 }
 
-void makeReadOnly(const std::string& path) {
+void mountOrRefuse(const char* what, const fs::path& where, const char* type, unsigned long flags,
+                   const char* data = nullptr) {
+    if (mount(what, where.c_str(), type, flags, data) != 0)
+        throw Refusal(withErrno("cannot mount " + where.string()));
+}
+
+void makeReadOnly(const fs::path& path) {
     struct mount_attr attributes = {};
     attributes.attr_set = MOUNT_ATTR_RDONLY;
     if (mount_setattr(AT_FDCWD, path.c_str(), AT_RECURSIVE, &attributes, sizeof attributes) != 0)
-        throw Refusal(withErrno("cannot make " + path + " read-only (needs Linux 5.12)"));
+        throw Refusal(withErrno("cannot make " + path.string() + " read-only (needs Linux 5.12)"));
 }
 
-EtcContent readEtc(const EtcFile& etc) {
-    std::error_code error;
-    if (!fs::is_regular_file(etc.file, error))
-        throw Failure("--etc '" + etc.file + "' is not a file that exists");
-    if (fs::file_size(etc.file, error) > largestEtcFile)
-        throw Failure("--etc '" + etc.file + "' is larger than 16 MiB");
-    std::ifstream in(etc.file, std::ios::binary);
-    std::ostringstream bytes;
-    if (!in || (in.peek() != EOF && !(bytes << in.rdbuf())))
-        throw Failure("--etc '" + etc.file + "' cannot be read");
-    return {etc.name, bytes.str()};
+/// Sockets, pipes and devices stay behind.
+void copyTree(const fs::path& from, const fs::path& to) {
+    const auto type = fs::symlink_status(from).type();
+    if (type == fs::file_type::symlink) {
+        fs::copy_symlink(from, to);
+    } else if (type == fs::file_type::regular) {
+        fs::copy_file(from, to);
+        fs::last_write_time(to, fs::last_write_time(from));
+    } else if (type == fs::file_type::directory) {
+        fs::create_directory(to, from);
+        for (const auto& entry : fs::directory_iterator(from))
+            copyTree(entry, to / entry.path().filename());
+    }
 }
 
-Words environment() {
-    Words result;
-    for (char** variable = environ; *variable; ++variable)
-        result.emplace_back(*variable);
-    return result;
-}
-
-/// The same path with the real name of /tmp.
-std::string throughRealTmp(const std::string& path, const std::string& tmp) {
-    return path.compare(0, 5, "/tmp/") == 0 ? tmp + path.substr(4) : path;
+/// What is copied under a passing name beside the target, so that a reader never sees half of it.
+void bringOut(const fs::path& from, const fs::path& to) {
+    const auto number = std::to_string(std::random_device()()); // all boxes have the same ids
+    const auto passing = to.parent_path() / (".tvbox-" + number + ".part");
+    try {
+        copyTree(from, passing);
+        if (fs::exists(fs::symlink_status(passing)))
+            fs::rename(passing, to);
+    } catch (const fs::filesystem_error&) {
+        std::error_code ignored;
+        fs::remove_all(passing, ignored);
+        throw;
+    }
 }
 
 } // namespace
 
-FilePlan makeFilePlan(const Options& options) {
-    FilePlan plan;
-    std::error_code error;
-    plan.tmp = fs::canonical("/tmp", error);
-    if (error)
-        throw Failure("there is no /tmp: " + error.message());
-    plan.cwd = fs::current_path(error);
-
-    Words arguments = options.command;
-    for (const auto& companion : options.companions)
-        arguments.insert(arguments.end(), companion.words.begin(), companion.words.end());
-    for (const auto& path : namedPaths(arguments, environment(), plan.cwd))
-        plan.named.push_back(throughRealTmp(path, plan.tmp));
-    for (const auto& pattern : options.keep) {
-        const auto absolute = (fs::path(plan.cwd) / pattern).lexically_normal();
-        plan.keep.push_back(throughRealTmp(absolute, plan.tmp));
+BoxFiles::BoxFiles(const Options& options) : m_tmp(fs::canonical("/tmp")) {
+    std::error_code unknown;
+    share(m_cwd = fs::current_path(unknown));
+    for (const auto& path : options.share)
+        share(path);
+    for (const char* variable : serverVariables) {
+        if (const char* const path = std::getenv(variable); path && *path)
+            share(path);
     }
-    for (const auto& etc : options.etcFiles)
-        plan.etc.push_back(readEtc(etc));
-    return plan;
+    for (const auto& entry : fs::directory_iterator(m_tmp)) {
+        if (fits(entry.path().filename(), serverSockets))
+            share(entry);
+    }
+    for (const auto& value : options.etc) {
+        const auto equals = fs::exists(value) ? std::string::npos : value.rfind('=');
+        const auto file = value.substr(0, equals);
+        const auto name = equals == std::string::npos ? fs::path(value).filename().string()
+                                                      : value.substr(equals + 1);
+        if (name.empty() || name.find('/') != std::string::npos || !fs::is_regular_file(file))
+            throw Failure("--etc '" + value +
+                          "': give a FILE that exists, or FILE=NAME with a NAME directly in /etc, "
+                          "such as traces.cfg=tracesuva.cfg");
+        m_etc[name] = ScopedFd(open(file.c_str(), O_RDONLY | O_CLOEXEC));
+        if (!m_etc[name])
+            throw Failure(withErrno("--etc '" + file + "' cannot be read"));
+    }
 }
 
-BoxFiles::BoxFiles(const FilePlan& plan)
-    : m_plan(plan), m_back(plan.tmp + "/.tvbox"), m_tmp(plan.tmp, m_back + "/tmp"),
-      m_shm("/dev/shm", m_back + "/dev/shm") {}
+/// A path in a hidden folder counts as the topmost entry there; a path elsewhere may still lead
+/// there through a link.
+void BoxFiles::share(const Path& path) {
+    std::error_code error;
+    const auto whole = (m_cwd / path).lexically_normal();
+    for (const auto& name : {whole, fs::weakly_canonical(whole, error)}) {
+        for (const Path folder : {m_tmp.c_str(), sharedMemory}) {
+            const auto relative = below(folder, name);
+            const auto first = relative.empty() ? relative : *relative.begin();
+            if (first.empty() || first == "." || fits(first, ownTmp))
+                continue;
+            m_shared[folder / first] = fs::canonical(folder / first, error);
+        }
+    }
+}
 
-void BoxFiles::mountAll(bool newProc) {
+/// Where the box sees what its own folders hide.
+BoxFiles::Path BoxFiles::hidden(const Path& path) const {
+    for (const auto& [folder, name] :
+         {std::pair{m_tmp.c_str(), "tmp"}, {"/dev", "dev"}, {"/etc", "etc"}}) {
+        if (const auto relative = below(folder, path); !relative.empty())
+            return (Path(m_tmp) / ".tvbox" / name / relative).lexically_normal();
+    }
+    return path;
+}
+
+void BoxFiles::mountAll(bool newProc) const {
     // What is mounted outside later, a drive say, still appears; nothing goes the other way.
     mountOrRefuse(nullptr, "/", nullptr, MS_REC | MS_SLAVE);
     hideTmp();
-    hideEtc();
-    hideDev();
+    hide("/etc", ownEtc);
+    placeEtc();
+    hide("/dev", ownDev);
+    fs::create_directory("/dev/shm");
+    mountOrRefuse("tvbox", "/dev/shm", "tmpfs", MS_NOSUID | MS_NODEV, "mode=1777");
+    fs::create_directory("/dev/mqueue");
+    mountOrRefuse("mqueue", "/dev/mqueue", "mqueue", MS_NOSUID | MS_NODEV | MS_NOEXEC);
     if (newProc)
         mountOrRefuse("proc", "/proc", "proc", MS_NOSUID | MS_NODEV | MS_NOEXEC);
-    letThroughNamed();
-    if (!m_plan.cwd.empty() && chdir(m_plan.cwd.c_str()) != 0)
-        throw Refusal(withErrno("cannot go to " + m_plan.cwd));
+    letThrough();
+    if (!m_cwd.empty())
+        fs::current_path(m_cwd);
 }
 
-void BoxFiles::hideTmp() {
+void BoxFiles::hideTmp() const {
     // Taken before the new one is mounted over it: a copy made later would include that.
-    const UniqueFd hidden(open_tree(AT_FDCWD, m_plan.tmp.c_str(),
-                                    OPEN_TREE_CLONE | OPEN_TREE_CLOEXEC | AT_RECURSIVE));
-    if (!hidden)
-        throw Refusal(withErrno("cannot keep " + m_plan.tmp));
-    mountOrRefuse("tvbox", m_plan.tmp, "tmpfs", MS_NOSUID | MS_NODEV, "mode=1777");
-    for (const char* folder : {"", "/tmp", "/etc", "/dev"})
-        makeFolder(m_back + folder);
-    const auto place = m_back + "/tmp";
-    if (move_mount(hidden.get(), "", AT_FDCWD, place.c_str(), MOVE_MOUNT_F_EMPTY_PATH) != 0)
-        throw Refusal(withErrno("cannot mount " + place));
+    const ScopedFd outer(
+        open_tree(AT_FDCWD, m_tmp.c_str(), OPEN_TREE_CLONE | OPEN_TREE_CLOEXEC | AT_RECURSIVE));
+    if (!outer)
+        throw Refusal(withErrno("cannot keep " + m_tmp));
+    mountOrRefuse("tvbox", m_tmp, "tmpfs", MS_NOSUID | MS_NODEV, "mode=1777");
+    for (const char* const folder : {m_tmp.c_str(), "/etc", "/dev"})
+        fs::create_directories(hidden(folder));
+    const auto place = hidden(m_tmp);
+    if (move_mount(outer.get(), "", AT_FDCWD, place.c_str(), MOVE_MOUNT_F_EMPTY_PATH) != 0)
+        throw Refusal(withErrno("cannot mount " + place.string()));
 }
 
-void BoxFiles::hideEtc() {
-    const auto hidden = m_back + "/etc";
-    mountOrRefuse("/etc", hidden, nullptr, MS_BIND | MS_REC);
-    makeReadOnly(hidden);
-    mountOrRefuse("tvbox", "/etc", "tmpfs", MS_NOSUID | MS_NODEV, "mode=755");
-    auto own = ownEtc;
-    for (const auto& file : m_plan.etc) {
-        own.push_back(file.name.c_str());
-        std::ofstream out("/etc/" + file.name, std::ios::binary);
-        if (!(out << file.bytes << std::flush))
-            throw Refusal(withErrno("cannot write the box's /etc/" + file.name));
+/// Puts a folder of the box's own in the place of the outside's, with the same in it except what is
+/// the box's own.
+void BoxFiles::hide(const Path& folder, const Patterns& own) const {
+    const auto outer = hidden(folder);
+    mountOrRefuse(folder.c_str(), outer, nullptr, MS_BIND | MS_REC);
+    if (folder == "/etc")
+        makeReadOnly(outer);
+    mountOrRefuse("tvbox", folder, "tmpfs", MS_NOSUID, "mode=755");
+    for (const auto& entry : fs::directory_iterator(outer)) {
+        const auto name = entry.path().filename();
+        if (!fits(name, own))
+            show(entry, folder / name);
     }
-    mirror(hidden, "/etc", own);
-}
-
-void BoxFiles::hideDev() {
-    const auto hidden = m_back + "/dev";
-    mountOrRefuse("/dev", hidden, nullptr, MS_BIND | MS_REC);
-    mountOrRefuse("tvbox", "/dev", "tmpfs", MS_NOSUID, "mode=755");
-    mirror(hidden, "/dev", ownDev);
-    makeFolder("/dev/shm");
-    mountOrRefuse("tvbox", "/dev/shm", "tmpfs", MS_NOSUID | MS_NODEV, "mode=1777");
-    makeFolder("/dev/mqueue");
-    mountOrRefuse("mqueue", "/dev/mqueue", "mqueue", MS_NOSUID | MS_NODEV | MS_NOEXEC);
 }
 
 /// Folders are mounted, so that ".." in them is right; links are copied; the rest are links to the
 /// hidden folder, where a pseudo-terminal's master still finds its neighbours.
-void BoxFiles::mirror(const std::string& outside, const std::string& inside,
-                      const std::vector<const char*>& without) const {
-    for (const auto& entry : fs::directory_iterator(outside)) {
-        const std::string name = entry.path().filename();
-        if (fits(name, without))
-            continue;
-        const auto target = inside + "/" + name;
-        if (entry.is_symlink()) {
-            fs::copy_symlink(entry.path(), target);
-        } else if (entry.is_directory()) {
-            makeFolder(target);
-            mountOrRefuse(entry.path().c_str(), target, nullptr, MS_BIND | MS_REC);
-        } else {
-            fs::create_symlink(entry.path(), target);
-        }
+void BoxFiles::show(const Path& outside, const Path& inside) const {
+    if (fs::is_symlink(outside)) {
+        const auto target = fs::read_symlink(outside);
+        // In a box around, links lead to what that one hides.
+        fs::create_symlink(below(m_tmp, target).empty() ? target : hidden(target), inside);
+    } else if (fs::is_directory(outside)) {
+        fs::create_directory(inside);
+        mountOrRefuse(outside.c_str(), inside, nullptr, MS_BIND | MS_REC);
+    } else {
+        fs::create_symlink(outside, inside);
     }
 }
 
-void BoxFiles::letThroughNamed() {
-    for (const char* pattern : serverSockets)
-        m_tmp.letThroughMatching(pattern);
-    for (const auto& path : m_plan.named) {
-        m_tmp.letThrough(path);
-        m_shm.letThrough(path);
+void BoxFiles::placeEtc() const {
+    for (const auto& [name, file] : m_etc) {
+        const auto target = "/etc/" + name;
+        fs::remove(target); // the outside's
+        fs::copy_file("/proc/self/fd/" + std::to_string(file.get()), target);
+        fs::permissions(target, fs::perms(0644));
     }
 }
 
-std::string BoxFiles::raiseQueueLimits() const {
-    std::string missing;
-    for (const auto& limit : queueLimits) {
-        const auto path = queueLimitFolder + std::string(limit.name);
-        int present = 0;
-        std::ifstream(path) >> present;
-        if (present >= limit.value)
-            continue;
-        std::ofstream out(path);
-        if (!(out << limit.value << std::flush))
-            missing += " fs.mqueue." + std::string(limit.name) + "=" + std::to_string(limit.value);
+void BoxFiles::letThrough() const {
+    for (const auto& [inside, real] : m_shared) {
+        if (!real.empty())
+            show(hidden(real), inside);
     }
-    return missing;
 }
 
 std::vector<std::string> BoxFiles::bringBack() const {
-    std::set<std::string> paths(m_plan.named.begin(), m_plan.named.end());
-    for (const auto& pattern : m_plan.keep) {
-        glob_t found = {};
-        if (glob(pattern.c_str(), GLOB_NOSORT, nullptr, &found) == 0)
-            paths.insert(found.gl_pathv, found.gl_pathv + found.gl_pathc);
-        globfree(&found);
-    }
     std::vector<std::string> errors;
-    for (const auto& path : paths) {
-        for (const auto* tree : {&m_tmp, &m_shm}) {
-            const auto failed = tree->bringBack(path);
-            errors.insert(errors.end(), failed.begin(), failed.end());
+    for (const auto& [inside, real] : m_shared) {
+        // Shared folders and links are the outside's own; a file in the place of a link is new.
+        if (!real.empty() && (fs::is_directory(inside) || fs::is_symlink(inside)))
+            continue;
+        try {
+            bringOut(inside, hidden(inside));
+        } catch (const fs::filesystem_error& error) {
+            errors.push_back(inside.string() + ": " + error.code().message());
         }
     }
     return errors;
+}
+
+std::string raiseQueueLimits() {
+    struct rlimit bytes = {RLIM_INFINITY, RLIM_INFINITY};
+    if (setrlimit(RLIMIT_MSGQUEUE, &bytes) != 0 && getrlimit(RLIMIT_MSGQUEUE, &bytes) == 0) {
+        bytes.rlim_cur = bytes.rlim_max;
+        setrlimit(RLIMIT_MSGQUEUE, &bytes);
+    }
+    std::string missing;
+    for (const auto& limit : queueLimits) {
+        const auto path = "/proc/sys/fs/mqueue/" + std::string(limit.name);
+        int present = 0;
+        std::ifstream(path) >> present;
+        if (present < limit.value && !(std::ofstream(path) << limit.value << std::flush))
+            missing += " fs.mqueue." + std::string(limit.name) + "=" + std::to_string(limit.value);
+    }
+    return missing;
 }
 
 } // namespace tvbox

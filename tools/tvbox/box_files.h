@@ -2,58 +2,52 @@
 #define TVBOX_BOX_FILES_H
 
 #include "options.h"
-#include "private_tree.h"
-#include "unique_fd.h"
+#include "util/scoped_handles.h"
 
+#include <filesystem>
+#include <map>
 #include <string>
 #include <vector>
 
 namespace tvbox {
 
-/// A file of the box's /etc, read outside.
-struct EtcContent {
-    std::string name;
-    std::string bytes;
-};
-
-/// What the box's files are made from; all of it is found out before the box begins.
-struct FilePlan {
-    std::string tmp; ///< the real path of /tmp
-    std::string cwd; ///< empty: unknown, the process stays where it is
-    Words named;     ///< paths that may have to be let through
-    Words keep;      ///< patterns
-    std::vector<EtcContent> etc;
-};
-
-/// Throws Failure if a file of --etc cannot be read.
-FilePlan makeFilePlan(const Options& options);
-
-/// The file system of a box: /tmp, /etc, /dev, message queues and shared memory of its own. To be
-/// used in a mount namespace that nobody else is in. Throws Refusal where the system says no.
+/// The file system of a box: /tmp, /etc, /dev, message queues and shared memory of its own.
 class BoxFiles {
 public:
-    explicit BoxFiles(const FilePlan& plan);
+    /// Outside: finds out what is to be let through, opens what goes to /etc. Throws Failure.
+    explicit BoxFiles(const Options& options);
 
-    /// Mounts all. With @p newProc also a /proc of the process's own process ids.
-    void mountAll(bool newProc);
-    /// Raises the limits of the message queues. Returns what is missing, empty if nothing.
-    std::string raiseQueueLimits() const;
-    /// Copies what the command made at the paths and patterns of the plan to the outside.
+    /// /tmp without links.
+    const std::string& tmp() const { return m_tmp; }
+    /// In a mount namespace that nobody else is in: mounts all. With @p newProc also a /proc of the
+    /// process's own process ids. Throws Refusal or filesystem_error where the system says no.
+    void mountAll(bool newProc) const;
+    /// Inside: copies to the outside what the command made at shared paths. Returns a text for each
+    /// that could not be written.
     std::vector<std::string> bringBack() const;
 
 private:
-    void hideTmp();
-    void hideEtc();
-    void hideDev();
-    void mirror(const std::string& outside, const std::string& inside,
-                const std::vector<const char*>& without) const;
-    void letThroughNamed();
+    using Path = std::filesystem::path;
 
-    const FilePlan& m_plan;
-    const std::string m_back; ///< where the hidden folders are seen
-    PrivateTree m_tmp;
-    PrivateTree m_shm;
+    void share(const Path& path);
+    Path hidden(const Path& path) const;
+    void hideTmp() const;
+    void hide(const Path& folder, const std::vector<const char*>& own) const;
+    void show(const Path& outside, const Path& inside) const;
+    void placeEtc() const;
+    void letThrough() const;
+
+    const std::string m_tmp;
+    Path m_cwd;                            ///< empty: unknown, the process stays where it is
+    std::map<std::string, ScopedFd> m_etc; ///< by name
+    /// Entries of the hidden folders that are shared, and without links where they lead to; empty
+    /// if they are not there.
+    std::map<Path, Path> m_shared;
 };
+
+/// Raises the limits of the message queues, also for programs of this process, as far as the system
+/// lets us. Returns what is missing of the box's, empty if nothing.
+std::string raiseQueueLimits();
 
 } // namespace tvbox
 

@@ -1,8 +1,8 @@
 #ifndef TVBOX_FAILURE_H
 #define TVBOX_FAILURE_H
 
-#include <cerrno>
-#include <cstring>
+#include "common/boxes/box_registry.h"
+
 #include <stdexcept>
 #include <string>
 
@@ -11,21 +11,11 @@ namespace tvbox {
 /// Exit codes of tvbox's own; every other one is the command's.
 enum ExitCode { ExitFailure = 125, ExitNotExecutable = 126, ExitNotFound = 127, ExitSignal = 128 };
 
-/// tvbox cannot do what it was asked: what() says why and what to do next.
-class Failure : public std::runtime_error {
-    using std::runtime_error::runtime_error;
-};
-
 /// The system does not let us have a namespace or a mount: what() says which. Without a box the
 /// command can still run.
 class Refusal : public std::runtime_error {
     using std::runtime_error::runtime_error;
 };
-
-/// "what: text of errno"
-inline std::string withErrno(const std::string& what, int error = errno) {
-    return what + ": " + std::strerror(error);
-}
 
 /// One line on stderr, with the program's name before it.
 void notice(const std::string& text);

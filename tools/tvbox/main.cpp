@@ -1,8 +1,11 @@
 #include "box.h"
 #include "failure.h"
-#include "plain_run.h"
+#include "supervisor.h"
 
+#include <algorithm>
 #include <cstdio>
+#include <fstream>
+#include <sys/file.h>
 
 namespace tvbox {
 
@@ -12,11 +15,93 @@ void notice(const std::string& text) {
 
 namespace {
 
-int listBoxes() {
-    for (const auto& box : RunDirectory().list())
+/// The command of a box, for people: its first process has the command line of the tvbox outside.
+std::string commandOf(const std::string& process) {
+    std::ifstream in(process + "/cmdline");
+    Words words;
+    for (std::string word; std::getline(in, word, '\0');)
+        words.push_back(word);
+    std::string text;
+    if (!words.empty()) {
+        for (const auto& word : parseOptions(words).command)
+            text += (text.empty() ? "" : " ") + word;
+    }
+    std::replace_if(
+        text.begin(), text.end(), [](unsigned char c) { return c < ' '; }, ' ');
+    return text;
+}
+
+int printList() {
+    const auto tmp = std::filesystem::canonical("/tmp");
+    for (const auto& box : listBoxes()) {
+        const auto process = "/proc/" + std::to_string(box.pid);
         std::printf("%s\t%d\t%s\t%s\n", box.name.c_str(), static_cast<int>(box.pid),
-                    box.tmp.c_str(), box.command.c_str());
+                    (process + "/root" + tmp.string()).c_str(), commandOf(process).c_str());
+    }
     return std::fflush(stdout) == 0 ? 0 : ExitFailure;
+}
+
+/// All users share the names that a plain run uses, and can lock this; a lock leaves nothing there.
+constexpr const char* lockPath = "/tmp";
+constexpr int neededMessages = 50;
+
+/// A kernel setting that forbids boxes when it has this value.
+struct Switch {
+    const char* name; ///< with '/', below /proc/sys
+    int forbids;
+    const char* allows; ///< as it is set
+};
+constexpr Switch switches[] = {
+    {"kernel/unprivileged_userns_clone", 0, " kernel.unprivileged_userns_clone=1"},
+    {"kernel/apparmor_restrict_unprivileged_userns", 1,
+     " kernel.apparmor_restrict_unprivileged_userns=0"},
+    {"user/max_user_namespaces", 0, " user.max_user_namespaces=10000"},
+    {"user/max_mnt_namespaces", 0, " user.max_mnt_namespaces=10000"},
+    {"user/max_ipc_namespaces", 0, " user.max_ipc_namespaces=10000"},
+};
+
+int settingOf(const std::string& name) {
+    int value = -1;
+    std::ifstream("/proc/sys/" + name) >> value;
+    return value;
+}
+
+ScopedFd waitForTurn(const BlockedSignals& signals) {
+    ScopedFd file(open(lockPath, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (flock(file.get(), LOCK_EX | LOCK_NB) == 0)
+        return file;
+    notice("waits for another plain run to end");
+    signals.unblock(); // nothing runs yet: Ctrl-C ends the waiting
+    if (TEMP_FAILURE_RETRY(flock(file.get(), LOCK_EX)) != 0)
+        throw Failure(withErrno(std::string("cannot lock ") + lockPath));
+    signals.block();
+    return file;
+}
+
+/// What keeps this system from giving boxes, and what the user can do about it; one line.
+std::string whyNoBox(const std::string& reason) {
+    std::string settings;
+    for (const auto& each : switches) {
+        if (settingOf(each.name) == each.forbids)
+            settings += each.allows;
+    }
+    if (settings.empty() && geteuid() != 0)
+        settings = switches[0].allows;
+    auto advice = settings.empty() ? "give the container CAP_SYS_ADMIN and let it mount"
+                                   : "as root: sysctl -w" + settings;
+    const int messages = settingOf("fs/mqueue/msg_max");
+    if (messages < neededMessages)
+        advice += "; without a box queues hold " + std::to_string(messages) +
+                  " messages, raise it with sysctl -w fs.mqueue.msg_max=256";
+    return "no box (" + reason + "); to allow it, " + advice;
+}
+
+/// Without a box. Such runs share the fixed names of the system inside, so that there is one at a
+/// time.
+int runPlainly(const Options& options, const BlockedSignals& signals) {
+    const auto companionLog = openLog(options.companionLog);
+    const auto turn = waitForTurn(signals);
+    return Supervisor(options, companionLog, signals).run();
 }
 
 int runInBox(const Options& options, const BlockedSignals& signals) {
@@ -31,18 +116,13 @@ int runInBox(const Options& options, const BlockedSignals& signals) {
     return runPlainly(options, signals);
 }
 
-int run(int argc, char** argv) {
-    const auto parsed = parseOptions(argc, argv);
-    if (!parsed.options) {
-        std::fputs(parsed.text.c_str(), parsed.exitCode == 0 ? stdout : stderr);
-        return parsed.exitCode;
-    }
-    if (parsed.options->mode == Options::Mode::List)
-        return listBoxes();
+int run(const Options& options) {
+    if (options.list)
+        return printList();
     const BlockedSignals signals;
-    if (parsed.options->mode == Options::Mode::Enter)
-        enterBox(*parsed.options, signals);
-    return runInBox(*parsed.options, signals);
+    if (!options.enter.empty())
+        enterBox(options, signals);
+    return runInBox(options, signals);
 }
 
 } // namespace
@@ -51,7 +131,7 @@ int run(int argc, char** argv) {
 
 int main(int argc, char** argv) {
     try {
-        return tvbox::run(argc, argv);
+        return tvbox::run(tvbox::parseOptions({argv, argv + argc}));
     } catch (const std::exception& failure) {
         tvbox::notice(failure.what());
     }

@@ -5,17 +5,21 @@
 
 namespace tvbox {
 
-/// Blocks the signals that are passed on to the command, and SIGCHLD, until it goes out of scope.
-/// A child that execs calls restore() first.
+/// The signals that are passed on to the command, and SIGCHLD: blocked from here on.
 class BlockedSignals {
 public:
-    BlockedSignals();
-    ~BlockedSignals();
-    BlockedSignals(const BlockedSignals&) = delete;
-    BlockedSignals& operator=(const BlockedSignals&) = delete;
+    BlockedSignals() {
+        std::signal(SIGCHLD, SIG_DFL); // whoever ignored it would never learn how a child ended
+        sigemptyset(&m_blocked);
+        for (const int signal :
+             {SIGCHLD, SIGHUP, SIGINT, SIGQUIT, SIGTERM, SIGUSR1, SIGUSR2, SIGALRM, SIGWINCH})
+            sigaddset(&m_blocked, signal);
+        sigprocmask(SIG_BLOCK, &m_blocked, &m_before);
+    }
 
-    void restore() const;
-    void block() const;
+    void block() const { sigprocmask(SIG_BLOCK, &m_blocked, nullptr); }
+    /// As it was: for a child that becomes a program, and while nothing runs yet.
+    void unblock() const { sigprocmask(SIG_SETMASK, &m_before, nullptr); }
     const sigset_t& set() const { return m_blocked; }
 
 private:

@@ -1,55 +1,90 @@
 #include "supervisor.h"
 
 #include "failure.h"
-#include "readiness_socket.h"
 
-#include <chrono>
+#include <cstddef>
 #include <cstdio>
-#include <dirent.h>
-#include <fcntl.h>
+#include <filesystem>
 #include <fstream>
+#include <memory>
 #include <poll.h>
 #include <sys/prctl.h>
 #include <sys/signalfd.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <sys/wait.h>
+#include <wordexp.h>
 
 namespace tvbox {
 
 namespace {
 
+using namespace std::chrono_literals;
 using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 
-constexpr milliseconds companionsEnd{5000};
-constexpr milliseconds mainSystemStarts{20000};
-
-/// The parent of a process, from /proc; 0 if it is gone.
-pid_t parentOf(pid_t pid) {
-    std::ifstream in("/proc/" + std::to_string(pid) + "/stat");
-    std::string text;
-    std::getline(in, text);
-    const auto name = text.rfind(')'); // a name may hold anything, parentheses too
-    int parent = 0;
-    if (name == std::string::npos || std::sscanf(text.c_str() + name + 1, " %*c %d", &parent) != 1)
-        return 0;
-    return parent;
-}
+constexpr milliseconds companionsEnd = 5s;
+constexpr milliseconds mainSystemStarts = 20s;
 
 void killChildren() {
-    DIR* const proc = opendir("/proc");
-    if (!proc)
-        return;
-    while (const auto* entry = readdir(proc)) {
-        const auto pid = static_cast<pid_t>(std::atoi(entry->d_name));
-        if (pid > 0 && parentOf(pid) == getpid())
-            kill(pid, SIGKILL);
+    for (const auto& entry : std::filesystem::directory_iterator("/proc")) {
+        std::ifstream in(entry.path() / "stat");
+        std::string text;
+        std::getline(in, text);
+        const auto name = text.rfind(')'); // a name may hold anything, parentheses too
+        int parent = 0;
+        if (name != std::string::npos &&
+            std::sscanf(text.c_str() + name + 1, " %*c %d", &parent) == 1 && parent == getpid())
+            kill(std::atoi(text.c_str()), SIGKILL);
     }
-    closedir(proc);
 }
 
-int exitCodeOfExec(int error) {
-    return error == ENOENT ? ExitNotFound : ExitNotExecutable;
+/// Words as a shell would split them; the path of an existing file is one word.
+Words splitWords(const std::string& line) {
+    if (access(line.c_str(), F_OK) == 0)
+        return {line};
+    wordexp_t found = {};
+    if (wordexp(line.c_str(), &found, WRDE_NOCMD) != 0 || found.we_wordc == 0)
+        throw Failure("'" + line + "' is no PROGRAM with ARGUMENTS; quote them as for a shell");
+    const Words words(found.we_wordv, found.we_wordv + found.we_wordc);
+    wordfree(&found);
+    return words;
 }
+
+/// Hears from a program that it is ready, as service managers do it. The socket has no file.
+class ReadinessSocket {
+public:
+    ReadinessSocket() : m_socket(socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0)) {
+        struct sockaddr_un address = {};
+        address.sun_family = AF_UNIX;
+        auto* const plain = reinterpret_cast<struct sockaddr*>(&address);
+        socklen_t size = sizeof address.sun_family; // the kernel finds a free name
+        if (bind(m_socket.get(), plain, size) != 0 ||
+            getsockname(m_socket.get(), plain, &(size = sizeof address)) != 0)
+            throw Failure(
+                withErrno("cannot make the socket on which the main system says it is ready"));
+        m_address = "@" + std::string(address.sun_path + 1,
+                                      size - offsetof(struct sockaddr_un, sun_path) - 1);
+    }
+
+    /// For NOTIFY_SOCKET.
+    const std::string& address() const { return m_address; }
+    int fd() const { return m_socket.get(); }
+    bool isReady() const { return m_isReady; }
+    void takeWhatCame() {
+        char bytes[4096];
+        ssize_t size = 0;
+        while ((size = recv(fd(), bytes, sizeof bytes, 0)) > 0) {
+            const auto lines = "\n" + std::string(bytes, static_cast<std::size_t>(size)) + "\n";
+            m_isReady |= lines.find("\nREADY=1\n") != std::string::npos;
+        }
+    }
+
+private:
+    const ScopedFd m_socket;
+    std::string m_address;
+    bool m_isReady = false;
+};
 
 } // namespace
 
@@ -63,68 +98,70 @@ void killDescendants() {
     } while (waitpid(-1, nullptr, 0) > 0 || errno == EINTR);
 }
 
-Supervisor::Supervisor(const Job& job, const BlockedSignals& signals, Leftovers leftovers,
-                       LogCollector* log)
-    : m_job(job), m_signals(signals), m_leftovers(leftovers), m_log(log),
+bool hasTerminal() {
+    return static_cast<bool>(ScopedFd(open("/dev/tty", O_RDWR | O_NOCTTY | O_CLOEXEC)));
+}
+
+Supervisor::Supervisor(const Options& options, const ScopedFd& companionLog,
+                       const BlockedSignals& signals)
+    : m_options(options), m_signals(signals),
+      m_companionOutput(companionLog ? companionLog.get() : STDERR_FILENO),
       m_signalFd(signalfd(-1, &signals.set(), SFD_CLOEXEC | SFD_NONBLOCK)) {
     if (!m_signalFd)
         throw Failure(withErrno("cannot listen for signals"));
-    if (leftovers == Leftovers::KillChildren)
+    watch(m_signalFd.get(), [this] { handleSignal(); });
+    if (killsRest())
         prctl(PR_SET_CHILD_SUBREAPER, 1);
+}
+
+void Supervisor::watch(int fd, std::function<void()> action) {
+    m_watched.emplace_back(fd, std::move(action));
 }
 
 int Supervisor::run() {
     try {
-        startCompanions();
-        if (!m_exitCode)
-            m_command = spawn(m_job.command, Role::Command);
-    } catch (...) {
+        start();
+        while (!m_exitCode)
+            handleNext(-1ms);
+    } catch (const Failure& failure) {
+        notice(failure.what());
         m_exitCode = ExitFailure;
-        endCompanions();
-        killRest();
-        throw;
     }
-    while (!m_exitCode)
-        handleNext(-1);
     endCompanions();
-    killRest();
-    if (m_log)
-        m_log->drain();
+    if (killsRest())
+        killDescendants();
     return *m_exitCode;
 }
 
-void Supervisor::startCompanions() {
-    for (const auto& companion : m_job.companions) {
-        if (m_exitCode)
-            return;
-        if (companion.isMainSystem)
-            startMainSystem(companion.words);
-        else
-            m_companions[spawn(companion.words, Role::Companion)] = companion.words.front();
+void Supervisor::start() {
+    if (!m_options.mainSystem.empty())
+        startMainSystem();
+    for (const auto& line : m_options.with) {
+        if (!m_exitCode)
+            spawn(splitWords(line), Role::Companion);
     }
+    if (!m_exitCode)
+        m_command = spawn(m_options.command, Role::Command);
 }
 
 /// The command's first request must not find nobody there.
-void Supervisor::startMainSystem(const Words& words) {
-    ReadinessSocket socket;
-    const auto what = "main system '" + words.front() + "' ";
-    const pid_t pid = spawn(words, Role::Companion, socket.address());
-    m_companions[pid] = words.front();
-    const auto deadline = steady_clock::now() + mainSystemStarts;
-    while (!socket.isReady() && !m_exitCode) {
-        if (m_companions.count(pid) == 0)
-            throw Failure(what +
-                          "ended before it served its queue, see what it printed; the command "
-                          "was not started");
-        const auto left = std::chrono::ceil<milliseconds>(deadline - steady_clock::now());
-        if (left.count() <= 0)
-            throw Failure(
-                what + "did not say within " +
-                std::to_string(mainSystemStarts / std::chrono::seconds(1)) +
-                " s that it serves its queue (READY=1 to $NOTIFY_SOCKET); start a program "
-                "that never says so with --with");
-        handleNext(static_cast<int>(left.count()), socket.fd());
-    }
+void Supervisor::startMainSystem() {
+    const auto socket = std::make_shared<ReadinessSocket>();
+    const auto words = splitWords(m_options.mainSystem);
+    const pid_t pid = spawn(words, Role::Companion, socket->address());
+    watch(socket->fd(), [socket] { socket->takeWhatCame(); });
+    const bool inTime = handleUntil(mainSystemStarts, [&] {
+        return socket->isReady() || m_exitCode || m_companions.count(pid) == 0;
+    });
+    if (socket->isReady() || m_exitCode)
+        return;
+    throw Failure(
+        "main system '" + words.front() +
+        (inTime ? "' ended before it served its queue, see what it printed; the command was not "
+                  "started"
+                : "' did not say within " + std::to_string(mainSystemStarts / 1s) +
+                      " s that it serves its queue (READY=1 to $NOTIFY_SOCKET); start a program "
+                      "that never says so with --with"));
 }
 
 /// Returns the process. If the program cannot be started: for the command its exit code is set and
@@ -133,63 +170,77 @@ pid_t Supervisor::spawn(const Words& words, Role role, const std::string& notify
     int ends[2];
     if (pipe2(ends, O_CLOEXEC) != 0)
         throw Failure(withErrno("cannot make a pipe"));
-    UniqueFd in(ends[0]);
-    UniqueFd out(ends[1]);
+    const ScopedFd in(ends[0]);
+    ScopedFd out(ends[1]);
     const pid_t pid = fork();
     if (pid < 0)
         throw Failure(withErrno("cannot start '" + words.front() + "'"));
-    if (pid == 0)
-        becomeProgram(words, role, notifySocket, out.get());
+    if (pid == 0) {
+        becomeProgram(words, role, notifySocket);
+        const int error = errno;
+        _exit(write(out.get(), &error, sizeof error) == sizeof error ? ExitNotFound : ExitFailure);
+    }
     out.reset();
     int error = 0;
-    ssize_t size = 0;
-    while ((size = read(in.get(), &error, sizeof error)) < 0 && errno == EINTR)
-        continue;
-    if (size != sizeof error)
+    if (TEMP_FAILURE_RETRY(read(in.get(), &error, sizeof error)) != sizeof error) {
+        if (role == Role::Companion)
+            m_companions[pid] = words.front();
         return pid;
+    }
     waitpid(pid, nullptr, 0);
     const auto text = withErrno("cannot run '" + words.front() + "'", error);
     if (role == Role::Companion)
         throw Failure(text);
     notice(text);
-    m_exitCode = exitCodeOfExec(error);
+    m_exitCode = error == ENOENT ? ExitNotFound : ExitNotExecutable;
     return 0;
 }
 
-void Supervisor::becomeProgram(const Words& words, Role role, const std::string& notifySocket,
-                               int report) const {
-    if (role == Role::Companion || m_job.ownGroup)
+/// With a terminal the command stays in the caller's process group, so that Ctrl-C, Ctrl-Z and
+/// pipelines work as without tvbox. Without one it gets its own, so that a signal to the caller's
+/// group reaches it once. Returns if the program cannot be executed.
+void Supervisor::becomeProgram(const Words& words, Role role,
+                               const std::string& notifySocket) const {
+    if (role == Role::Companion || !hasTerminal())
         setpgid(0, 0);
     if (!notifySocket.empty())
         setenv("NOTIFY_SOCKET", notifySocket.c_str(), 1);
     if (role == Role::Companion) {
-        const int nothing = open("/dev/null", O_RDONLY);
-        dup2(nothing, STDIN_FILENO);
-        dup2(m_job.companionOutput, STDOUT_FILENO);
-        dup2(m_job.companionOutput, STDERR_FILENO);
+        dup2(open("/dev/null", O_RDONLY), STDIN_FILENO);
+        dup2(m_companionOutput, STDOUT_FILENO);
+        dup2(m_companionOutput, STDERR_FILENO);
     }
-    if (m_leftovers != Leftovers::Keep)
+    if (killsRest())
         prctl(PR_SET_PDEATHSIG, SIGKILL);
-    m_signals.restore();
+    m_signals.unblock();
     std::vector<char*> arguments;
     for (const auto& word : words)
         arguments.push_back(const_cast<char*>(word.c_str()));
     arguments.push_back(nullptr);
     execvp(arguments[0], arguments.data());
-    const int error = errno;
-    [[maybe_unused]] const auto written = write(report, &error, sizeof error);
-    _exit(ExitNotFound);
 }
 
-void Supervisor::handleNext(int milliseconds, int further) {
-    struct pollfd waits[] = {
-        {m_signalFd.get(), POLLIN, 0}, {m_log ? m_log->fd() : -1, POLLIN, 0}, {further, POLLIN, 0}};
-    if (poll(waits, std::size(waits), milliseconds) < 0 && errno != EINTR)
+void Supervisor::handleNext(milliseconds time) {
+    std::vector<struct pollfd> waits;
+    for (const auto& watched : m_watched)
+        waits.push_back({watched.first, POLLIN, 0});
+    if (poll(waits.data(), waits.size(), static_cast<int>(time.count())) < 0 && errno != EINTR)
         throw Failure(withErrno("cannot wait for the command"));
-    if (waits[1].revents != 0)
-        m_log->drain();
-    if (waits[0].revents != 0)
-        handleSignal();
+    for (std::size_t i = 0; i < waits.size(); ++i) {
+        if (waits[i].revents != 0)
+            m_watched[i].second();
+    }
+}
+
+bool Supervisor::handleUntil(milliseconds time, const std::function<bool()>& done) {
+    const auto deadline = steady_clock::now() + time;
+    while (!done()) {
+        const auto left = std::chrono::ceil<milliseconds>(deadline - steady_clock::now());
+        if (left <= 0ms)
+            return false;
+        handleNext(left);
+    }
+    return true;
 }
 
 void Supervisor::handleSignal() {
@@ -210,7 +261,7 @@ void Supervisor::handleSignal() {
         return;
     if (m_exitCode)
         m_impatient = true;
-    else if (m_command > 0)
+    else
         kill(m_command, signal);
 }
 
@@ -232,23 +283,8 @@ void Supervisor::reap() {
 void Supervisor::endCompanions() {
     for (const auto& companion : m_companions)
         kill(companion.first, SIGTERM);
-    const auto deadline = steady_clock::now() + companionsEnd;
-    while (!m_companions.empty() && !m_impatient) {
-        const auto left = std::chrono::ceil<milliseconds>(deadline - steady_clock::now());
-        if (left.count() <= 0) {
-            notice("companion '" + m_companions.begin()->second + "' does not end; killed");
-            break;
-        }
-        handleNext(static_cast<int>(left.count()));
-    }
-}
-
-void Supervisor::killRest() {
-    if (m_leftovers == Leftovers::Keep)
-        return;
-    if (m_leftovers == Leftovers::KillNamespace)
-        kill(-1, SIGKILL);
-    killDescendants();
+    if (!handleUntil(companionsEnd, [&] { return m_companions.empty() || m_impatient; }))
+        notice("companion '" + m_companions.begin()->second + "' does not end; killed");
 }
 
 } // namespace tvbox

@@ -1,11 +1,12 @@
 #ifndef TVBOX_SUPERVISOR_H
 #define TVBOX_SUPERVISOR_H
 
-#include "log_collector.h"
 #include "options.h"
 #include "signals.h"
-#include "unique_fd.h"
+#include "util/scoped_handles.h"
 
+#include <chrono>
+#include <functional>
 #include <map>
 #include <optional>
 #include <string>
@@ -14,57 +15,43 @@
 
 namespace tvbox {
 
-/// What is to run.
-struct Job {
-    Words command;
-    std::vector<Companion> companions;
-    int companionOutput = STDERR_FILENO;
-    /// With a terminal the command stays in the caller's process group, so that Ctrl-C, Ctrl-Z and
-    /// pipelines work as without tvbox. Without one it gets its own, so that a signal to the
-    /// caller's group reaches it once.
-    bool ownGroup = false;
-};
-
-/// What happens to processes that are left when the command has ended.
-enum class Leftovers {
-    KillNamespace, ///< we are process 1: all others go
-    KillChildren,  ///< those that became our children
-    Keep,
-};
-
-/// Starts companions and command, passes signals on, reaps, and ends companions after the command.
-/// For one thread; it waits for all children of the process.
+/// Starts companions and command, passes signals on, reaps, and ends companions after the command
+/// and, but for a box that was entered, what else is left. For one thread; it waits for all
+/// children of the process.
 class Supervisor {
 public:
-    /// @p log may be null; it is drained while the command runs.
-    Supervisor(const Job& job, const BlockedSignals& signals, Leftovers leftovers,
-               LogCollector* log);
+    /// @p companionLog may be none: standard error. Throws Failure.
+    Supervisor(const Options& options, const ScopedFd& companionLog, const BlockedSignals& signals);
 
-    /// Signals of this process alone are passed on, besides those of a process outside (0).
+    /// Passes on signals of this process alone, besides those of a process outside (0).
     void obeyOnly(pid_t sender) { m_sender = sender; }
-    /// Runs all to its end. Returns the exit code. Throws Failure if a companion does not start, or
-    /// the main system dies or does not get ready before the command.
+    /// While it runs, calls @p action when @p fd can be read.
+    void watch(int fd, std::function<void()> action);
+    /// Runs all to its end. Returns the exit code: ExitFailure, with a notice, if a companion does
+    /// not start, or the main system dies or does not get ready before the command.
     int run();
 
 private:
     enum class Role { Command, Companion };
+
+    bool killsRest() const { return m_options.enter.empty(); }
+    void start();
+    void startMainSystem();
     pid_t spawn(const Words& words, Role role, const std::string& notifySocket = {});
-    [[noreturn]] void becomeProgram(const Words& words, Role role, const std::string& notifySocket,
-                                    int report) const;
-    void startCompanions();
-    void startMainSystem(const Words& words);
-    /// Takes what comes until then, or until a further descriptor can be read. -1 waits for ever.
-    void handleNext(int milliseconds, int further = -1);
+    void becomeProgram(const Words& words, Role role, const std::string& notifySocket) const;
+    /// Handles what comes until then; waits for it if there is nothing, -1 ms for ever.
+    void handleNext(std::chrono::milliseconds time);
+    /// The same until @p done says so; false if that takes too long.
+    bool handleUntil(std::chrono::milliseconds time, const std::function<bool()>& done);
     void handleSignal();
     void reap();
     void endCompanions();
-    void killRest();
 
-    const Job& m_job;
+    const Options& m_options;
     const BlockedSignals& m_signals;
-    const Leftovers m_leftovers;
-    LogCollector* const m_log;
-    UniqueFd m_signalFd;
+    const int m_companionOutput;
+    const ScopedFd m_signalFd;
+    std::vector<std::pair<int, std::function<void()>>> m_watched;
     std::optional<pid_t> m_sender;
     pid_t m_command = 0;
     std::optional<int> m_exitCode;             ///< of the command, or of a start that was ended
@@ -74,6 +61,9 @@ private:
 
 /// Kills the children of this process, and theirs as they become its own, until none is left.
 void killDescendants();
+
+/// Whether there is one that Ctrl-C can be typed at.
+bool hasTerminal();
 
 /// The exit code that stands for a wait status.
 int exitCodeOf(int status);

@@ -3,7 +3,7 @@
 #include "exit_code.h"
 
 #include <CLI/CLI.hpp>
-#include <sstream>
+#include <cstdlib>
 
 namespace zantsh {
 
@@ -46,12 +46,10 @@ Examples
 
 } // namespace
 
-ParsedOptions parseOptions(int argc, char** argv) {
+Options parseOptions(int argc, char** argv) {
     Options options;
     double seconds = 10;
-    CLI::App app;
-    app.name("zantsh");
-    app.description(purpose);
+    CLI::App app(purpose, "zantsh");
     app.footer(details);
     app.prefix_command();
     app.add_option("--socket", options.socket, "Name of the shell's socket in /tmp")
@@ -77,12 +75,10 @@ ParsedOptions parseOptions(int argc, char** argv) {
         if (options.socket.empty() || options.socket.find('/') != std::string::npos)
             throw CLI::ValidationError("--socket", "give the name alone, without /tmp/");
     } catch (const CLI::ParseError& error) {
-        std::ostringstream out;
-        const int code = app.exit(error, out, out);
-        return {std::nullopt, out.str(), code == 0 ? ExitOk : ExitNoShell};
+        std::exit(app.exit(error) == 0 ? ExitOk : ExitNoShell);
     }
     options.timeout = std::chrono::milliseconds(static_cast<long long>(seconds * 1000));
-    return {options, {}, ExitOk};
+    return options;
 }
 
 } // namespace zantsh

@@ -2,7 +2,6 @@
 #define ZANTSH_OPTIONS_H
 
 #include <chrono>
-#include <optional>
 #include <string>
 #include <vector>
 
@@ -17,13 +16,8 @@ struct Options {
     std::string command; ///< empty: interactive
 };
 
-struct ParsedOptions {
-    std::optional<Options> options; ///< nothing: print `text` and exit with `exitCode`
-    std::string text;
-    int exitCode = 0;
-};
-
-ParsedOptions parseOptions(int argc, char** argv);
+/// Ends the process where a text is all that is wanted (--help) or the command line is wrong.
+Options parseOptions(int argc, char** argv);
 
 } // namespace zantsh
 
