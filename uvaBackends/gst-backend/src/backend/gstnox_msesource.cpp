@@ -117,6 +117,7 @@ int GstNoxBackend::writeData(UVAEvent* event, unsigned int bytes, WriteDataStatu
         GST_WARNING("***E: invalid source_id");
         return Success;
     }
+    const Operation operation(*this);
     const MediaSources::Writer writer(m_sources, *bin);
     if (status == Data)
         bin->write(request.samples);

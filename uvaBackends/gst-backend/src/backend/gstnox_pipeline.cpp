@@ -353,8 +353,10 @@ bool GstNoxBackend::seekPipeline(guint64 target) {
         return false;
     const auto sources = m_sources.all();
     for (const auto& bin : sources)
-        bin->beginSeek();
+        bin->closeForSeek(); // also what has come since the seek was asked for
     m_sourceGroup.forgetStart();
+    for (const auto& bin : sources)
+        bin->beginSeek();
     const bool done = gst_element_seek_simple(
                           m_pipeline.get(), GST_FORMAT_TIME,
                           static_cast<GstSeekFlags>(GST_SEEK_FLAG_FLUSH | GST_SEEK_FLAG_ACCURATE),
