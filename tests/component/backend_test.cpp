@@ -561,4 +561,19 @@ TEST_F(BackendTest, StoppingEndsTheWaitForADecoder) {
     EXPECT_EQ(client.count(UVAEvent::DecodeError), 0); // nobody refused
 }
 
+// The source that another takes the place of goes while that one is asking.
+TEST_F(BackendTest, RemovingASourceLeavesOthersOfItsKindWaiting) {
+    const auto sink = GstPtr<GstElement>::sink(gst_element_factory_make("halaudiosink", nullptr));
+    ASSERT_EQ(backend.attachSource(new TestSource(3, "audio/x-plain")), UVABackend::Success);
+    int answer = -1;
+    std::thread asking(
+        [&] { answer = GstNoxBackend::decoder_request_cb(sink.get(), "audio", &backend); });
+    ASSERT_TRUE(isAskedForADecoder());
+    EXPECT_TRUE(backend.removeSource(3));
+    const BackendResourceRequestAsyncEvent granted(true);
+    backend.eventCompleted(&granted, true);
+    asking.join();
+    EXPECT_EQ(answer, 1);
+}
+
 } // namespace
