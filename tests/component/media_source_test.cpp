@@ -625,9 +625,8 @@ TEST_F(MediaSourceTest, ASourceThatWasStoppedIsNotAskedFor) {
     playUntilAsked(2);
     write(videoId, videoSamples(0, 2));
     feed(audioId);
-    ASSERT_TRUE(waitUntil([] {
-        return GstNoxBackend::describeAll().find("audio_2: PLAYING") != std::string::npos;
-    }));
+    ASSERT_TRUE(waitUntil(
+        [] { return GstNoxBackend::describeAll().find("audio_2: PLAYING") != std::string::npos; }));
     ASSERT_EQ(backend->attachSource(new TestSource(3, "audio/x-plain")), UVABackend::Success);
     std::atomic<int> asked{0};
     answerWith([&](unsigned int id) { asked += id == audioId; });
