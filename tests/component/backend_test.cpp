@@ -11,6 +11,7 @@
 
 #include <gtest/gtest.h>
 
+#include <future>
 #include <limits>
 #include <stdexcept>
 #include <thread>
@@ -550,15 +551,56 @@ TEST_F(BackendTest, ARefusedSinkIsNotAnsweredWithTheNextOnesGrant) {
 }
 
 TEST_F(BackendTest, StoppingEndsTheWaitForADecoder) {
-    ASSERT_EQ(init(new TestSource("file:///nowhere")), 1);
-    int answer = -1;
-    std::thread sink(
-        [&] { answer = GstNoxBackend::decoder_request_cb(nullptr, "video", &backend); });
+    ASSERT_EQ(init(new TestSource("file://" TEST_MEDIA_DIR "/h264-aac.mp4")), 1);
+    backend.play();
     ASSERT_TRUE(isAskedForADecoder());
     backend.releaseResources(UVABackend::AllResources);
-    sink.join();
-    EXPECT_EQ(answer, 0);
     EXPECT_EQ(client.count(UVAEvent::DecodeError), 0); // nobody refused
+}
+
+// A log function waits for a thread that uses the backend.
+TEST_F(BackendTest, LinesAreLoggedUnderNoLock) {
+    struct Logger {
+        std::vector<std::future<std::string>> uses;
+        int lines = 0, free = 0;
+    } logger;
+    const GstLogFunction function = [](GstDebugCategory* category, GstDebugLevel, const gchar*,
+                                       const gchar*, gint, GObject*, GstDebugMessage*,
+                                       gpointer user) {
+        if (category != gst_backend_debug)
+            return;
+        auto& [uses, lines, free] = *static_cast<Logger*>(user);
+        ++lines;
+        uses.push_back(std::async(std::launch::async, GstNoxBackend::describeAll));
+        free += uses.back().wait_for(std::chrono::seconds(10)) == std::future_status::ready;
+    };
+    gst_debug_category_set_threshold(gst_backend_debug, GST_LEVEL_DEBUG);
+    gst_debug_add_log_function(function, &logger, nullptr);
+    backend.changeState(GST_STATE_READY);
+    backend.controlCommands("output-ddp:1");
+    for (int i = 0; i < 2; ++i)
+        backend.addComponent("audio", "audio_0");
+    for (int i = 0; i < 2; ++i)
+        backend.removeComponent("audio_0");
+    gst_debug_remove_log_function(function);
+    gst_debug_category_reset_threshold(gst_backend_debug);
+    EXPECT_GT(logger.lines, 8);
+    EXPECT_EQ(logger.free, logger.lines);
+}
+
+// The source that another takes the place of goes while that one is asking.
+TEST_F(BackendTest, RemovingASourceLeavesOthersOfItsKindWaiting) {
+    const auto sink = GstPtr<GstElement>::sink(gst_element_factory_make("halaudiosink", nullptr));
+    ASSERT_EQ(backend.attachSource(new TestSource(3, "audio/x-plain")), UVABackend::Success);
+    int answer = -1;
+    std::thread asking(
+        [&] { answer = GstNoxBackend::decoder_request_cb(sink.get(), "audio", &backend); });
+    ASSERT_TRUE(isAskedForADecoder());
+    EXPECT_TRUE(backend.removeSource(3));
+    const BackendResourceRequestAsyncEvent granted(true);
+    backend.eventCompleted(&granted, true);
+    asking.join();
+    EXPECT_EQ(answer, 1);
 }
 
 } // namespace

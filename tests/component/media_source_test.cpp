@@ -586,6 +586,62 @@ TEST_F(MediaSourceTest, ASeekIsOneStepForAllSources) {
               received(audioSink, 1).buffers.back().segmentStart);
 }
 
+// What a write was still reading when a seek was made belongs before it.
+TEST_F(MediaSourceTest, ASeekMeanwhileDropsWhatIsBeingRead) {
+    open(false);
+    playUntilAsked(1);
+    auto* const before = new TestSample(1, frame, &video);
+    before->onUse = [this, uses = 0]() mutable {
+        if (++uses == 1) {
+            EXPECT_EQ(seek(5), 0);
+        }
+    };
+    write(videoId, {before});
+    ASSERT_TRUE(isAsked());
+    write(videoId, videoSamples(5, 1));
+    EXPECT_EQ(received(videoSink, 1).buffers.at(0).segmentStart, 5 * GST_SECOND);
+}
+
+// Asked at the end of a seek, the host seeks once more: nothing is asked for before that is made.
+TEST_F(MediaSourceTest, ASeekFromInsideARequestClosesAllSources) {
+    open();
+    for (const char* name : {"appsrc_1", "appsrc_2"}) {
+        const auto own = GstPtr<GstElement>::sink(gst_element_factory_make("appsrc", name));
+        GstNoxBackend::need_data_cb(GST_APP_SRC(own.get()), 1, backend);
+    }
+    answerWith([this, asked = 0](unsigned int) mutable {
+        if (++asked == 1)
+            backend->setPosition(7);
+    });
+    seek(5);
+    EXPECT_EQ(client.count(UVAEvent::NeedMSEData), 1);
+    const CancelDataRequestsAsyncEvent cancelled(7);
+    backend->eventCompleted(&cancelled, true);
+    EXPECT_EQ(client.count(UVAEvent::NeedMSEData), 3) << "both";
+}
+
+TEST_F(MediaSourceTest, ASourceThatWasStoppedIsNotAskedFor) {
+    open();
+    playUntilAsked(2);
+    write(videoId, videoSamples(0, 2));
+    feed(audioId);
+    ASSERT_TRUE(waitUntil(
+        [] { return GstNoxBackend::describeAll().find("audio_2: PLAYING") != std::string::npos; }));
+    ASSERT_EQ(backend->attachSource(new TestSource(3, "audio/x-plain")), UVABackend::Success);
+    std::atomic<int> asked{0};
+    answerWith([&](unsigned int id) { asked += id == audioId; });
+    EXPECT_EQ(seek(4), 0);
+    EXPECT_EQ(asked, 0);
+    owner.reset();
+}
+
+TEST_F(MediaSourceTest, AReleaseFromInsideAWriteIsTheEnd) {
+    open(false);
+    client.hook = [this](UVAEvent&) { owner.release()->release(); };
+    feed(videoId);
+    EXPECT_EQ(client.types().back(), UVAEvent::BufferingStreamBuffered);
+}
+
 // Whatever the streaming threads are in: not started, asking, being answered, at the end.
 TEST_F(MediaSourceTest, BackendsAreDestroyedAtAnyTime) {
     for (int i = 0; i < 50; ++i) {

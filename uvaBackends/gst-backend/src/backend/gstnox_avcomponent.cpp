@@ -51,12 +51,14 @@ int GstNoxBackend::addComponent(const char* kind, const char* name) {
     GstNoxAvComponent* const added = component.get();
     if (std::string_view(name).find("_0") != std::string_view::npos) // the first of its kind
         added->setActive(true);
+    bool isNew = false;
     {
         const GLibLock lock(m_lock);
-        if (!m_components.try_emplace(name, std::move(component)).second) {
-            GST_WARNING("***W: component '%s' of type '%s' already exists.", name, kind);
-            return 0;
-        }
+        isNew = m_components.try_emplace(name, std::move(component)).second;
+    }
+    if (!isNew) {
+        GST_WARNING("***W: component '%s' of type '%s' already exists.", name, kind);
+        return 0;
     }
     raiseEvent(new MultiComponentChangedEvent({}, {added}), GST_LEVEL_DEBUG, "removed:%d, added:%d",
                0, 1);
@@ -65,18 +67,16 @@ int GstNoxBackend::addComponent(const char* kind, const char* name) {
 
 void GstNoxBackend::removeComponent(const char* name) {
     GST_DEBUG("name='%s'", name);
-    std::unique_ptr<GstNoxAvComponent> component;
+    decltype(m_components)::node_type removed;
     {
         const GLibLock lock(m_lock);
-        const auto it = m_components.find(name);
-        if (it == m_components.end()) {
-            GST_WARNING("***W: component '%s' does not exist in collection.", name);
-            return;
-        }
-        component = std::move(it->second);
-        m_components.erase(it);
+        removed = m_components.extract(name);
     }
-    raiseEvent(new MultiComponentChangedEvent({component.release()}, {}), GST_LEVEL_DEBUG,
+    if (removed.empty()) {
+        GST_WARNING("***W: component '%s' does not exist in collection.", name);
+        return;
+    }
+    raiseEvent(new MultiComponentChangedEvent({removed.mapped().release()}, {}), GST_LEVEL_DEBUG,
                "removed:%d", 1);
 }
 

@@ -12,6 +12,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <limits>
+#include <utility>
 
 #define GST_CAT_DEFAULT gst_backend_debug
 
@@ -294,14 +295,13 @@ int GstNoxBackend::getNativeSize(int& width, int& height, double& pixelAspectRat
 }
 
 void GstNoxBackend::changeState(GstState state) {
-    bool leavesReady = false;
+    GstState before = state;
     {
         const GLibLock lock(m_lock);
-        GST_DEBUG("transition %d -> %d", m_state, state);
-        leavesReady = m_state == GST_STATE_READY && state > GST_STATE_READY;
-        m_state = state;
+        std::swap(before, m_state);
     }
-    if (!leavesReady)
+    GST_DEBUG("transition %d -> %d", before, state);
+    if (before != GST_STATE_READY || state <= GST_STATE_READY)
         return;
     raiseEvent(new BufferingStreamUnderrunEvent, GST_LEVEL_DEBUG, "%s", "");
     raiseEvent(new BufferingProgressEvent, GST_LEVEL_DEBUG, "%s", "");

@@ -229,6 +229,7 @@ private:
     GstPtr<GstElement> m_pipeline; // changed on the host thread while no callback can run
     GstPtr<GstElement> m_playSink;
     std::shared_ptr<GstNoxBusWatch> m_busWatch;
+    std::atomic<bool> m_hasPlayer{false};
     std::atomic<bool> m_transportStream{false};
     std::string m_userAgent;
 
@@ -238,7 +239,6 @@ private:
 
     GLibMutex m_lock; // a leaf
     std::map<std::string, std::unique_ptr<GstNoxAvComponent>> m_components GUARDED_BY(m_lock);
-    bool m_hasPlayer GUARDED_BY(m_lock) = false;
     GstPtr<GstElement> m_audioSink GUARDED_BY(m_lock); // the last "halaudiosink" set up
     GstState m_state GUARDED_BY(m_lock) = GST_STATE_NULL;
 

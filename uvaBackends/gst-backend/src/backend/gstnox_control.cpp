@@ -8,12 +8,9 @@
 void GstNoxBackend::controlCommands(const char* commands) {
     constexpr char outputDdp[] = "output-ddp:";
     GST_DEBUG("commands = '%s'", GST_STR_NULL(commands));
-    {
-        const GLibLock lock(m_lock);
-        if (!m_hasPlayer) {
-            GST_WARNING("***W: called on inactive player");
-            return;
-        }
+    if (!m_hasPlayer) {
+        GST_WARNING("***W: called on inactive player");
+        return;
     }
     const char* found = commands ? std::strstr(commands, outputDdp) : nullptr;
     if (!found)

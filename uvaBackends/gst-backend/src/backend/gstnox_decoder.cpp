@@ -46,7 +46,7 @@ GstPadProbeReturn DecoderHandshake::onFlush(GstPad*, GstPadProbeInfo* info,
 }
 
 bool DecoderHandshake::isStopped(const Request& request) const {
-    return m_stops[indexOf(request.kind.value_or(MediaKind::Audio))] > 0;
+    return m_stopped.count(nullptr) + m_stopped.count(request.sink) > 0;
 }
 
 bool DecoderHandshake::isInterrupted(const Request& request) const {
@@ -124,7 +124,10 @@ DecoderHandshake::Answer DecoderHandshake::waitForClient(const std::shared_ptr<Q
 
 DecoderHandshake::Answer DecoderHandshake::askMainSystem(const Request& request) {
     tellForwarded(request.sink);
-    const auto interrupted = [&] { return isInterrupted(request); };
+    const auto interrupted = [&] {
+        const GLibLock lock(m_lock);
+        return isInterrupted(request);
+    };
     if (request.kind && m_mainSystem.requestDecoder(*request.kind, this, interrupted))
         return Answer::Granted;
     return interrupted() ? Answer::Interrupted : Answer::Refused;
@@ -152,14 +155,16 @@ int DecoderHandshake::noteNeed(const gchar* type) {
     return static_cast<int>(m_resources_needed);
 }
 
-DecoderHandshake::Stop::Stop(DecoderHandshake& handshake, std::optional<MediaKind> kind)
-    : m_handshake(handshake), m_kind(kind) {
-    count(1);
+DecoderHandshake::Stop::Stop(DecoderHandshake& handshake, GstElement* sink)
+    : m_handshake(handshake), m_sink(sink) {
+    {
+        const GLibLock lock(m_handshake.m_lock);
+        m_handshake.m_stopped.insert(m_sink);
+    }
     m_handshake.wake();
 }
 
-void DecoderHandshake::Stop::count(int change) {
-    for (const auto kind : mediaKinds)
-        if (m_kind.value_or(kind) == kind)
-            m_handshake.m_stops[indexOf(kind)] += change;
+DecoderHandshake::Stop::~Stop() {
+    const GLibLock lock(m_handshake.m_lock);
+    m_handshake.m_stopped.erase(m_handshake.m_stopped.find(m_sink));
 }

@@ -6,11 +6,10 @@
 
 #include <gst/gst.h>
 
-#include <array>
-#include <atomic>
 #include <functional>
 #include <memory>
 #include <optional>
+#include <set>
 #include <utility>
 
 class CUvaGstIfReceiver;
@@ -52,20 +51,18 @@ public:
     /// each: 1 audio, 2 video.
     int noteNeed(const gchar* type) EXCLUDES(m_lock);
 
-    /// Interrupts requests for as long as it lives: all, or those for one kind. It outlives the
+    /// Interrupts requests for as long as it lives: all, or those of one sink. It outlives the
     /// streaming threads that are to end.
     class Stop {
     public:
-        explicit Stop(DecoderHandshake& handshake, std::optional<MediaKind> kind = {});
-        ~Stop() { count(-1); }
+        explicit Stop(DecoderHandshake& handshake, GstElement* sink = nullptr);
+        ~Stop();
         Stop(const Stop&) = delete;
         Stop& operator=(const Stop&) = delete;
 
     private:
-        void count(int change);
-
         DecoderHandshake& m_handshake;
-        const std::optional<MediaKind> m_kind;
+        GstElement* const m_sink;
     };
 
 private:
@@ -89,15 +86,15 @@ private:
     Answer waitForClient(const std::shared_ptr<Question>& question, const Request& request)
         REQUIRES(m_lock);
     Answer askMainSystem(const Request& request) EXCLUDES(m_lock);
-    bool isStopped(const Request& request) const;
-    bool isInterrupted(const Request& request) const;
+    bool isStopped(const Request& request) const REQUIRES(m_lock);
+    bool isInterrupted(const Request& request) const REQUIRES(m_lock);
     void wake() EXCLUDES(m_lock);
 
     CUvaGstIfReceiver& m_mainSystem;
     const std::function<void()> m_askClient;
-    std::array<std::atomic<int>, mediaKinds.size()> m_stops{}; // that live, for each kind
     GLibMutex m_lock; // never held while the client or the main system is asked
     GLibCondition m_changed;
+    std::multiset<GstElement*> m_stopped GUARDED_BY(m_lock); // null: all sinks
     ResourcesState m_resources_state GUARDED_BY(m_lock) = NoResources;
     uint32_t m_resources_needed GUARDED_BY(m_lock) = 0;
     std::shared_ptr<Question> m_question GUARDED_BY(m_lock); // the last one, until it is settled

@@ -86,7 +86,7 @@ void GstNoxBackend::checkComponent(const GstMseBin& starting) {
             continue;
         GST_WARNING("found running component of type '%s' (%s): stop it",
                     nameOf(bin->kind), bin->name.get());
-        const DecoderHandshake::Stop ending(m_decoders, bin->kind);
+        const DecoderHandshake::Stop ending(m_decoders, bin->sink());
         bin->stop();
     }
 }
@@ -134,7 +134,7 @@ int GstNoxBackend::checkNewSegment(unsigned long long* start) {
 
 /// Waits for the streaming thread, which may be waiting for a decoder.
 void GstNoxBackend::destroy(GstMseBin& bin) {
-    const DecoderHandshake::Stop ending(m_decoders, bin.kind);
+    const DecoderHandshake::Stop ending(m_decoders, bin.sink());
     bin.Destroy();
 }
 

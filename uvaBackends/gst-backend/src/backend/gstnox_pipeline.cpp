@@ -83,7 +83,6 @@ int GstNoxBackend::gstPlaySinkCreate() {
 void GstNoxBackend::watchBus() {
     m_bus = GstPtr<GstBus>::adopt(gst_element_get_bus(m_pipeline.get()));
     m_busWatch = GstNoxBusWatch::add(m_bus.get(), this);
-    const GLibLock lock(m_lock);
     m_hasPlayer = true;
 }
 
@@ -113,9 +112,9 @@ void GstNoxBackend::gstPlayerStopAndDestroy() {
     changeState(GST_STATE_NULL);
     setPipelineState(GST_STATE_NULL);
     m_mainSystem.leave(&m_decoders);
+    m_hasPlayer = false;
     {
         const GLibLock lock(m_lock);
-        m_hasPlayer = false;
         m_audioSink.reset();
     }
     m_pipeline.reset();

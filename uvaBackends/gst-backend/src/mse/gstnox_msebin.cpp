@@ -180,21 +180,24 @@ void GstMseBin::stop() {
     gst_element_set_locked_state(bin.get(), TRUE);
     gst_element_set_state(bin.get(), GST_STATE_READY);
     GST_OBJECT_FLAG_UNSET(bin.get(), GST_ELEMENT_FLAG_SINK);
+    needData = false;
 }
 
 // ---- samples on their way in
 
 void GstMseBin::write(UVASample** samples) {
+    unsigned int flushes = 0;
     {
         const GLibLock hold(lock);
         if (samples == nullptr || !takesSamples())
             return;
+        flushes = m_flushes;
     }
     auto batch = m_samples.read(samples); // what is not queued goes after the lock
     {
         const GLibLock hold(lock);
-        if (!takesSamples())
-            return;
+        if (flushes != m_flushes)
+            return; // from before a seek, or the source is gone
         for (auto& sample : batch.samples)
             queueSample(std::move(sample));
     }
@@ -381,6 +384,8 @@ void GstMseBin::beginSeek() {
 bool GstMseBin::endSeek() {
     {
         const GLibLock hold(lock);
+        if (m_intake != Intake::Waiting)
+            return false; // sought anew meanwhile
         m_intake = Intake::Open;
         if (m_isRemoved || !needData)
             return false;
