@@ -642,6 +642,28 @@ TEST_F(MediaSourceTest, AReleaseFromInsideAWriteIsTheEnd) {
     EXPECT_EQ(client.types().back(), UVAEvent::BufferingStreamBuffered);
 }
 
+// A request that was on its way when the seek came is delivered before the seek's event: the client
+// takes what comes behind that for the seek's.
+TEST_F(MediaSourceTest, NoRequestFromBeforeASeekComesBehindItsEvent) {
+    open(false);
+    std::atomic<bool> hasAsked{false}, isHeard{false}, wasHeard{false};
+    std::thread seek;
+    client.hook = [&](UVAEvent& event) {
+        if (event.type() == UVAEvent::NeedMSEData && !hasAsked.exchange(true)) {
+            feed(videoId);
+            seek = std::thread([this] { backend->setPosition(5); });
+            EXPECT_TRUE(waitUntil([this] { return buffered(videoId).empty(); })); // closed
+            isHeard = true;
+        } else if (event.type() == UVAEvent::CancelDataRequestsAsync) {
+            wasHeard = isHeard.load();
+        }
+    };
+    backend->play();
+    ASSERT_TRUE(waitUntil([this] { return client.count(UVAEvent::CancelDataRequestsAsync) == 1; }));
+    seek.join();
+    EXPECT_TRUE(wasHeard);
+}
+
 // Whatever the streaming threads are in: not started, asking, being answered, at the end.
 TEST_F(MediaSourceTest, BackendsAreDestroyedAtAnyTime) {
     for (int i = 0; i < 50; ++i) {

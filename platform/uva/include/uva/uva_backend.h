@@ -132,8 +132,10 @@ public:
     /// The client has finished an asynchronous event. The event stays the client's.
     virtual int eventCompleted(const UVAAsyncEvent* event, bool success);
 
-    /// The host takes decoders away: playback stops and the player is gone when this returns.
+    /// The host takes decoders away: playback stops and the player is gone when this returns. Media
+    /// sources are removed and attached again to go on; for a URL a new backend is requested.
     virtual int releaseResources(ResourceType type);
+    /// Deprecated: a backend may only note it. Say what is taken.
     virtual int releaseResources();
 
     /// Stops playback, then raises AsyncReleaseFinishedEvent; the backend may be released after it.

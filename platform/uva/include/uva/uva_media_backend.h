@@ -83,7 +83,8 @@ public:
     virtual int getPosition(double& seconds);
     virtual UVATime getPosition() = 0;
 
-    /// 1 when the seek was started, 0 when it was refused.
+    /// 1 when the seek was started, 0 when it was refused. A URL is sought from the first
+    /// NewMetadataEvent on, earlier the seek fails; media sources may be at any time.
     virtual int setPosition(double seconds) = 0;
     virtual int adjustPosition(const UVATime& time); ///< seeks to the time's position
 

@@ -118,7 +118,7 @@ int GstNoxBackend::writeData(UVAEvent* event, unsigned int bytes, WriteDataStatu
         return Success;
     }
     const Operation operation(*this);
-    const MediaSources::Writer writer(m_sources, *bin);
+    const MediaSources::Visit visit(m_sources, MediaSources::Visit::Write, bin.get());
     if (status == Data)
         bin->write(request.samples);
     else if (status == EndOfStream)
@@ -148,9 +148,11 @@ std::shared_ptr<GstMseBin> GstNoxBackend::binOf(GstAppSrc* appsrc, gpointer back
 void GstNoxBackend::need_data_cb(GstAppSrc* appsrc, guint /*length*/, gpointer backend) noexcept {
     GST_LOG("(%s)", GST_OBJECT_NAME(appsrc));
     guarded("need-data", [=] {
+        auto* self = static_cast<GstNoxBackend*>(backend);
         const auto bin = binOf(appsrc, backend);
+        const MediaSources::Visit visit(self->m_sources, MediaSources::Visit::Request);
         if (bin != nullptr && bin->needsData())
-            static_cast<GstNoxBackend*>(backend)->askForData(bin->id());
+            self->askForData(bin->id());
     });
 }
 

@@ -360,6 +360,7 @@ bool GstNoxBackend::seekPipeline(guint64 target) {
                           m_pipeline.get(), GST_FORMAT_TIME,
                           static_cast<GstSeekFlags>(GST_SEEK_FLAG_FLUSH | GST_SEEK_FLAG_ACCURATE),
                           static_cast<gint64>(target)) != FALSE;
+    const MediaSources::Visit visit(m_sources, MediaSources::Visit::Request);
     for (const auto& bin : sources)
         if (bin->endSeek())
             askForData(bin->id());

@@ -64,9 +64,10 @@ int GstNoxBackend::setPosition(double seconds) {
         return 0;
     }
     const auto target = static_cast<guint64>(toNanoseconds(seconds));
-    m_seek.request(target);
     for (const auto& bin : m_sources.all())
         bin->closeForSeek();
+    m_sources.waitForRequests(); // else one from before the seek came after its event
+    m_seek.request(target);
     GST_DEBUG("pos=%" GST_TIME_FORMAT, GST_TIME_ARGS(target));
     raiseEvent(new CancelDataRequestsAsyncEvent(seconds), GST_LEVEL_DEBUG, "pos=%f", seconds);
     return 1;

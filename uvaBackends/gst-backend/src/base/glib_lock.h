@@ -40,6 +40,10 @@ public:
     GLibCondition& operator=(const GLibCondition&) = delete;
 
     void wait(GLibMutex& mutex) REQUIRES(mutex) { g_cond_wait(&m_condition, &mutex.m_mutex); }
+    /// False when the time, of g_get_monotonic_time(), has come first.
+    bool waitUntil(GLibMutex& mutex, gint64 end) REQUIRES(mutex) {
+        return g_cond_wait_until(&m_condition, &mutex.m_mutex, end) != FALSE;
+    }
     void broadcast() { g_cond_broadcast(&m_condition); }
 
 private:

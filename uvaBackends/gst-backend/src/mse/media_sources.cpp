@@ -27,25 +27,38 @@ std::vector<MediaSources::Source> MediaSources::all() {
     return all;
 }
 
-MediaSources::Writer::Writer(MediaSources& sources, const GstMseBin& writtenTo)
-    : m_sources(sources), m_writtenTo(&writtenTo), m_thread(g_thread_self()) {
+MediaSources::Visit::Visit(MediaSources& sources, Purpose purpose, const GstMseBin* source)
+    : m_sources(sources), m_purpose(purpose), m_source(source), m_thread(g_thread_self()) {
     const GLibLock lock(m_sources.m_lock);
-    m_sources.m_writers.push_back(this);
+    m_sources.m_visits.push_back(this);
 }
 
-MediaSources::Writer::~Writer() {
+MediaSources::Visit::~Visit() {
     const GLibLock lock(m_sources.m_lock);
-    auto& writers = m_sources.m_writers;
-    writers.erase(std::find(writers.begin(), writers.end(), this));
-    m_sources.m_writerLeft.broadcast();
+    auto& visits = m_sources.m_visits;
+    visits.erase(std::find(visits.begin(), visits.end(), this));
+    m_sources.m_visitEnded.broadcast();
+}
+
+template <typename Predicate>
+bool MediaSources::has(Predicate predicate) const {
+    return std::any_of(m_visits.begin(), m_visits.end(), predicate);
 }
 
 void MediaSources::waitForWriters(const GstMseBin* source) {
     const GLibLock lock(m_lock);
-    const auto isWaitedFor = [source](const Writer* writer) {
-        return writer->m_thread != g_thread_self() &&
-               (source == nullptr || writer->m_writtenTo == source);
+    const auto isWaitedFor = [source](const Visit* visit) {
+        return visit->isAnother(Visit::Write) && (source == nullptr || visit->m_source == source);
     };
-    while (std::any_of(m_writers.begin(), m_writers.end(), isWaitedFor))
-        m_writerLeft.wait(m_lock);
+    while (has(isWaitedFor))
+        m_visitEnded.wait(m_lock);
+}
+
+void MediaSources::waitForRequests() {
+    constexpr gint64 bound = G_USEC_PER_SEC / 2;
+    const gint64 end = g_get_monotonic_time() + bound;
+    const GLibLock lock(m_lock);
+    const auto isWaitedFor = [](const Visit* visit) { return visit->isAnother(Visit::Request); };
+    while (has(isWaitedFor) && m_visitEnded.waitUntil(m_lock, end)) {
+    }
 }
