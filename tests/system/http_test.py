@@ -15,7 +15,6 @@ import threading
 import unittest
 
 sys.path.insert(0, os.path.join(os.path.dirname(__file__), "..", "support"))
-import gtest_result  # noqa: E402
 from host_run import Run  # noqa: E402
 
 CLIPS = pathlib.Path(sys.argv[1])
@@ -158,5 +157,4 @@ class Http(unittest.TestCase):
         self.assertIn(run.code, (0, 1), run.report())
 
 
-sys.argv = sys.argv[:1]
-gtest_result.main()
+unittest.main(argv=sys.argv[:1], verbosity=2, warnings="ignore")
