@@ -122,12 +122,6 @@ INSTANTIATE_TEST_SUITE_P(
         return name;
     });
 
-TEST(DecoderSinks, ShowPixelsThatAreNotSquareInTheirDisplaySize) {
-    auto player = SinkPlayer::file("par-8x9.mp4");
-    ASSERT_TRUE(player.reach(GST_STATE_PAUSED));
-    EXPECT_EQ(player.said("GstNoxVideoFormat"), Texts{videoFormat(360, 240, 320, "4/3")});
-}
-
 TEST(DecoderSinks, ShowEveryPictureToTheScreen) {
     auto player = SinkPlayer::file("h264-only.mp4");
     std::atomic<int> shown{0};
@@ -396,23 +390,6 @@ TEST(DecoderSinks, RenderToADeviceWhenThereIsOne) {
         ASSERT_TRUE(player.reach(GST_STATE_READY));
     }
     screen.setVolume(1.0);
-}
-
-TEST(DecoderSinks, LeaveNothingBehind) {
-    for (int i = 0; i < 24; ++i) {
-        gpointer pipeline = nullptr;
-        {
-            auto player = SinkPlayer::file(i % 2 ? "h264-aac.mp4" : "vp9-opus.webm");
-            pipeline = player.pipeline();
-            g_object_add_weak_pointer(G_OBJECT(pipeline), &pipeline);
-            if (i % 3 == 0)
-                player.setState(GST_STATE_PLAYING); // down again in the middle of going up
-            else
-                ASSERT_TRUE(player.reach(GST_STATE_PAUSED));
-        }
-        ASSERT_EQ(pipeline, nullptr);
-    }
-    EXPECT_TRUE(grabbed().rgba.empty());
 }
 
 TEST(PassElements, HandOnWhatTheyGet) {
