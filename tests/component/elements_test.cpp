@@ -9,7 +9,6 @@
 
 #include <algorithm>
 #include <atomic>
-#include <cctype>
 #include <cstdlib>
 #include <memory>
 #include <set>
@@ -68,6 +67,7 @@ class PlaysClip : public testing::TestWithParam<Clip> {};
 
 TEST_P(PlaysClip, EncodedToTheEndThroughTheSinks) {
     const auto& clip = GetParam();
+    SCOPED_TRACE(clip.file);
     const bool video = *clip.videoCaps;
     const bool audio = *clip.audioCaps;
     auto player = SinkPlayer::file(clip.file);
@@ -113,14 +113,7 @@ INSTANTIATE_TEST_SUITE_P(
                     Clip{"h264-aac.ts", "video/x-h264", "audio/mpeg", "AAC"},
                     Clip{"mpeg2-mp2.ts", "video/mpeg", "audio/mpeg", "MP2"},
                     Clip{"mpeg2-ac3.ts", "video/mpeg", "audio/x-ac3", "AC3"},
-                    Clip{"theora-vorbis.ogv", "video/x-theora", "audio/x-vorbis", "VORBIS"}),
-    [](const auto& test) {
-        std::string name = test.param.file;
-        for (auto& c : name)
-            if (!std::isalnum(static_cast<unsigned char>(c)))
-                c = '_';
-        return name;
-    });
+                    Clip{"theora-vorbis.ogv", "video/x-theora", "audio/x-vorbis", "VORBIS"}));
 
 TEST(DecoderSinks, ShowEveryPictureToTheScreen) {
     auto player = SinkPlayer::file("h264-only.mp4");
@@ -193,13 +186,7 @@ TEST_P(Refuses, TheRefusedStaysAwayAndTheRestPlaysOnInTime) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Kinds, Refuses,
-                         testing::Values(Texts{"video"}, Texts{"audio"}, Texts{"video", "audio"}),
-                         [](const auto& test) {
-                             std::string name;
-                             for (const auto& kind : test.param)
-                                 name += kind;
-                             return name;
-                         });
+                         testing::Values(Texts{"video"}, Texts{"audio"}, Texts{"video", "audio"}));
 
 /// They ask one after the other until a request is forwarded.
 TEST(DecoderSinks, GoDownWhileARequestIsPending) {

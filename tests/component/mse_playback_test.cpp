@@ -94,21 +94,26 @@ std::string corpus(const std::string& name) {
     return TEST_CORPUS "/" + name;
 }
 
-/// Is late each time.
-class LateStream final : public host::SampleStream {
+/// A stream whose samples are changed, or late, as they are read.
+class Changed : public host::SampleStream {
 public:
-    explicit LateStream(std::unique_ptr<host::SampleStream> stream) : m_stream(std::move(stream)) {}
+    explicit Changed(std::unique_ptr<host::SampleStream> stream) : m_stream(std::move(stream)) {}
     const host::StreamInfo& info() const override { return m_stream->info(); }
-    Batch read(std::size_t count) override {
-        auto batch = m_stream->read(count);
-        std::this_thread::sleep_for(std::chrono::milliseconds(300));
-        return batch;
-    }
     std::string seek(double seconds) override { return m_stream->seek(seconds); }
     void interrupt() override { m_stream->interrupt(); }
 
-private:
+protected:
     const std::unique_ptr<host::SampleStream> m_stream;
+};
+
+class LateStream final : public Changed {
+public:
+    using Changed::Changed;
+    Batch read(std::size_t count) override {
+        auto batch = m_stream->read(count);
+        std::this_thread::sleep_for(std::chrono::milliseconds(300)); // each time
+        return batch;
+    }
 };
 
 /// What becomes of each stream on its way in.
@@ -374,21 +379,18 @@ struct Layout {
 };
 
 /// A clear stream twice, the second round behind the first, encrypted.
-class TwiceEncrypted final : public host::SampleStream {
+class TwiceEncrypted final : public Changed {
 public:
     TwiceEncrypted(std::unique_ptr<host::SampleStream> clear, double length, Layout layout)
-        : m_clear(std::move(clear)), m_length(length), m_layout(layout) {}
+        : Changed(std::move(clear)), m_length(length), m_layout(layout) {}
 
-    const host::StreamInfo& info() const override { return m_clear->info(); }
-    std::string seek(double seconds) override { return m_clear->seek(seconds); }
-    void interrupt() override { m_clear->interrupt(); }
     Batch read(std::size_t count) override {
-        auto batch = m_clear->read(count);
+        auto batch = m_stream->read(count);
         for (auto& sample : batch.samples)
             sample = change(sample->data());
         if (batch.ended && m_round == First) {
             m_round = Second;
-            batch.error = m_clear->seek(0);
+            batch.error = m_stream->seek(0);
             batch.ended = false;
         }
         return batch;
@@ -414,7 +416,6 @@ private:
         return std::make_unique<host::Sample>(data);
     }
 
-    const std::unique_ptr<host::SampleStream> m_clear;
     const double m_length;
     const Layout m_layout;
     Round m_round = First;
