@@ -3,24 +3,17 @@
 // come to the same bytes. Input: pattern counts, size of the vector, number of ranges, offset and
 // length of each as 32-bit words, then the sample.
 
+#include "fuzz_target.h"
 #include "host/clear_key.h"
 
 #include <algorithm>
-#include <cstdlib>
 #include <cstring>
 #include <vector>
-
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size);
 
 namespace {
 
 using Ranges = std::vector<UVADRMFullSampleDecrypter::Subsample>;
 using Bytes = std::vector<uint8_t>; ///< of exactly the size: the first byte behind is noticed
-
-void require(bool holds) {
-    if (!holds)
-        abort();
-}
 
 bool isInside(const Ranges& ranges, size_t size) {
     return std::all_of(ranges.begin(), ranges.end(), [size](const auto& range) {

@@ -1,23 +1,14 @@
 // Any bytes as an MP4: looking at its boxes ends, what is told of a place in it can be asked for
 // anywhere, and covering it step by step tells the same as at once. Input: the file.
 
+#include "fuzz_target.h"
 #include "mp4_scan.h"
 
 #include <algorithm>
-#include <cstddef>
-#include <cstdint>
-#include <cstdlib>
 #include <limits>
 #include <memory>
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size);
-
 namespace {
-
-void require(bool holds) {
-    if (!holds)
-        abort();
-}
 
 host::Mp4Scan scanOf(const uint8_t* data, size_t size) {
     return host::Mp4Scan([=](std::uint64_t at, std::uint8_t* bytes, std::size_t wanted) {

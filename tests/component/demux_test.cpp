@@ -273,26 +273,11 @@ TEST(Conversion, TurnsXiphHeaders) {
     EXPECT_TRUE(host::turnOpusHeader(laced.data(), laced.size()).empty());
 }
 
-TEST(Configuration, TellsHowStreamsAreCoded) {
-    auto audio = openStream("clip.mp4", StreamInfo::Kind::Audio);
-    for (const auto& sample : audio->read(20).samples) {
-        const auto* frame = sample->payload();
-        EXPECT_EQ(frame[0] << 8 | frame[1], 0xfff1);
-        EXPECT_EQ(static_cast<std::size_t>((frame[3] & 3) << 11 | frame[4] << 3 | frame[5] >> 5),
-                  sample->payloadSize());
-        EXPECT_EQ(frame[2] >> 2 & 15, 3) << "48000 Hz";
-        EXPECT_EQ(sample->config()->sampleRate, 48000);
-        EXPECT_EQ(sample->config()->channels, 2);
-    }
-    auto video = openStream("clip.mp4", StreamInfo::Kind::Video)->read(1);
-    ASSERT_EQ(video.samples.size(), 1U);
-    EXPECT_EQ(video.samples[0]->config()->width, 640);
-    EXPECT_EQ(video.samples[0]->config()->height, 360);
-
+TEST(Configuration, TellsTheColours) {
     const std::string hdr = "corpus:progressive/mp4-hevc-main10-hdr10.mp4";
     if (!isHere(hdr))
-        return;
-    video = openStream(hdr, StreamInfo::Kind::Video)->read(1);
+        GTEST_SKIP() << "there is no corpus";
+    const auto video = openStream(hdr, StreamInfo::Kind::Video)->read(1);
     ASSERT_EQ(video.samples.size(), 1U);
     const auto* color = video.samples[0]->config()->color;
     ASSERT_NE(color, nullptr);

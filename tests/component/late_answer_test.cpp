@@ -4,21 +4,15 @@
 
 #include "host/backend_library.h"
 #include "host/media_demuxer.h"
+#include "support/media_host.h"
 #include "support/sink_watch.h"
-#include "support/wait_until.h"
-#include "uva/uva_client.h"
-#include "uva/uva_event.h"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <mqueue.h>
 
-#include <algorithm>
-#include <condition_variable>
 #include <cstdio>
 #include <deque>
-#include <memory>
-#include <mutex>
 #include <random>
 
 namespace {
@@ -26,23 +20,10 @@ namespace {
 using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 using support::SinkWatch;
+using support::TestSource;
 
 constexpr double target = 1.0; // seconds, of two
 const std::string clip = TEST_MEDIA_DIR "/h264-aac.mp4";
-
-class FedSource final : public UVABackend::SourceDescription {
-public:
-    FedSource(unsigned int id, std::string mime) : m_mime(std::move(mime)) {
-        type = MseStreaming;
-        sourceId = static_cast<int>(id);
-        mimeType = m_mime.c_str();
-        streamType = 1; // seekable
-        durationMs = 2000;
-    }
-
-private:
-    const std::string m_mime;
-};
 
 /// The main system, told how late to be.
 class MainSystem {
@@ -67,18 +48,15 @@ private:
 
 /// A host that completes events on its own thread, decoder requests late, and feeds samples from
 /// inside the event that asks for them.
-class Host final : public UVAClient {
+class Host {
 public:
     Host(const host::BackendLibrary& library, milliseconds lateness)
         : m_library(library), m_lateness(lateness),
-          m_backend(library.request(UVABackend::VideoElement, this)) {}
-    ~Host() override { m_library.release(m_backend); }
+          m_backend(library.request(UVABackend::VideoElement, &m_client)) {}
+    ~Host() { m_library.release(m_backend); }
 
     void openUrl() {
-        auto* source = new UVABackend::SourceDescription;
-        source->type = UVABackend::SourceDescription::BackendStreaming;
-        source->url = m_url.c_str();
-        UVABackend::SourceDescription* sources[] = {source, nullptr};
+        UVABackend::SourceDescription* sources[] = {new TestSource("file://" + clip), nullptr};
         ASSERT_EQ(m_backend->initBackend("test", sources, false), UVABackend::Success);
     }
     void openSamples() {
@@ -87,8 +65,8 @@ public:
         m_streams = std::move(media.streams);
         std::vector<UVABackend::SourceDescription*> sources;
         for (std::size_t i = 0; i < m_streams.size(); ++i)
-            sources.push_back(
-                new FedSource(static_cast<unsigned int>(i) + 1, m_streams[i]->info().mimeType));
+            sources.push_back(new TestSource(static_cast<unsigned int>(i) + 1,
+                                             m_streams[i]->info().mimeType, 2000));
         sources.push_back(nullptr);
         ASSERT_EQ(m_backend->initBackend("test", sources.data(), false), UVABackend::Success);
     }
@@ -107,35 +85,28 @@ public:
     void runFor(milliseconds time) {
         runUntil([] { return false; }, time);
     }
-    int count(UVAEvent::Type type) {
-        const std::lock_guard lock(m_mutex);
-        return static_cast<int>(std::count(m_seen.begin(), m_seen.end(), type));
-    }
+    int count(UVAEvent::Type type) { return m_client.count(type); }
 
 private:
     struct Due {
         steady_clock::time_point time;
-        std::unique_ptr<UVAAsyncEvent> event;
+        const UVAAsyncEvent* event;
     };
 
-    void deliverEvent(UVAEvent* event) override {
-        std::unique_ptr<UVAEvent> owned(event);
-        const auto type = event->type();
-        const bool isRequest = type == UVAEvent::BackendResourceRequestAsync;
-        const bool isCancel = type == UVAEvent::CancelDataRequestsAsync;
+    /// The client keeps every event, also those that are completed later.
+    void hear(UVAEvent& event) {
+        const bool isRequest = event.type() == UVAEvent::BackendResourceRequestAsync;
+        const bool isCancel = event.type() == UVAEvent::CancelDataRequestsAsync;
         unsigned int seeks = 0;
         {
             const std::lock_guard lock(m_mutex);
-            m_seen.push_back(type);
             seeks = m_seeks += isCancel ? 1 : 0;
             if (isRequest || isCancel)
-                m_due.push_back(
-                    {steady_clock::now() + (isRequest ? m_lateness : milliseconds(0)),
-                     std::unique_ptr<UVAAsyncEvent>(static_cast<UVAAsyncEvent*>(owned.release()))});
+                m_due.push_back({steady_clock::now() + (isRequest ? m_lateness : milliseconds(0)),
+                                 static_cast<UVAAsyncEvent*>(&event)});
         }
-        if (type == UVAEvent::NeedMSEData)
-            feed(std::unique_ptr<NeedMSEDataEvent>(static_cast<NeedMSEDataEvent*>(owned.release())),
-                 seeks);
+        if (event.type() == UVAEvent::NeedMSEData)
+            feed(static_cast<NeedMSEDataEvent&>(event), seeks);
     }
     bool isVoid(unsigned int seeks) {
         const std::lock_guard lock(m_mutex);
@@ -143,17 +114,18 @@ private:
     }
 
     /// A request from before a seek is not answered.
-    void feed(std::unique_ptr<NeedMSEDataEvent> request, unsigned int seeks) {
-        const unsigned int id = request->sourceId;
+    void feed(const NeedMSEDataEvent& request, unsigned int seeks) {
+        const unsigned int id = request.sourceId;
         const std::lock_guard lock(m_streamMutex);
         if (isVoid(seeks))
             return;
-        auto batch = m_streams[id - 1]->read(static_cast<std::size_t>(request->samplesRequested));
+        auto batch = m_streams[id - 1]->read(static_cast<std::size_t>(request.samplesRequested));
         if (!batch.samples.empty()) {
-            request->samples = new UVASample* [batch.samples.size() + 1] {};
-            std::transform(batch.samples.begin(), batch.samples.end(), request->samples,
+            auto* const data = new NeedMSEDataEvent(id, request.samplesRequested);
+            data->samples = new UVASample* [batch.samples.size() + 1] {};
+            std::transform(batch.samples.begin(), batch.samples.end(), data->samples,
                            [](auto& sample) { return sample.release(); });
-            m_backend->writeData(request.release(), 0, UVABackend::Data);
+            m_backend->writeData(data, 0, UVABackend::Data);
         }
         if (batch.ended)
             m_backend->writeData(new NeedMSEDataEvent(id, 0), 0, UVABackend::EndOfStream);
@@ -161,7 +133,7 @@ private:
 
     void completeWhatIsDue() {
         for (;;) {
-            std::unique_ptr<UVAAsyncEvent> event;
+            const UVAAsyncEvent* event = nullptr;
             {
                 const std::lock_guard lock(m_mutex);
                 const auto due = std::find_if(m_due.begin(), m_due.end(), [](const Due& row) {
@@ -169,28 +141,27 @@ private:
                 });
                 if (due == m_due.end())
                     return;
-                event = std::move(due->event);
+                event = due->event;
                 m_due.erase(due);
             }
             if (event->type() == UVAEvent::CancelDataRequestsAsync) {
                 const std::lock_guard lock(m_streamMutex);
                 for (auto& stream : m_streams)
-                    stream->seek(static_cast<CancelDataRequestsAsyncEvent&>(*event).position);
+                    stream->seek(static_cast<const CancelDataRequestsAsyncEvent&>(*event).position);
             }
-            m_backend->eventCompleted(event.get(), true);
+            m_backend->eventCompleted(event, true);
         }
     }
 
     const host::BackendLibrary& m_library;
     const milliseconds m_lateness;
-    const std::string m_url = "file://" + clip;
     const std::atomic<bool> m_never{false};
     std::mutex m_streamMutex; // guards the streams, and what is read until it is written
     std::vector<std::unique_ptr<host::SampleStream>> m_streams;
-    std::mutex m_mutex; // guards the three below; a leaf
+    std::mutex m_mutex; // guards the two below; a leaf
     unsigned int m_seeks = 0;
-    std::vector<UVAEvent::Type> m_seen;
     std::deque<Due> m_due;
+    support::RecordingClient m_client{[this](UVAEvent& event) { hear(event); }};
     UVAMediaBackend* const m_backend; // last: it may deliver at once
 };
 

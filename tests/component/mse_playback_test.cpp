@@ -1,9 +1,10 @@
 // Media sources all the way: demultiplexed, fed, decrypted, decoded, shown. What a decoder outside
 // this system makes of the same file is what has to come out.
 
-#include "element_fixture.h"
-
+#include "support/media_host.h"
 #include "support/sink_watch.h"
+
+#include "element_fixture.h"
 
 #include <cstdio>
 #include <filesystem>
@@ -16,13 +17,16 @@ namespace {
 using host::ClearKey;
 using support::RenderedStream;
 using support::SinkWatch;
+using support::TestDrm;
 using Scheme = host::Protection::Scheme;
 using Keys = std::shared_ptr<ClearKey>;
 
 constexpr auto interfaces = {ClearKey::Interface::PerRange, ClearKey::Interface::FullSample};
 constexpr SinkWatch::Options clocked = {true, true, false};
 constexpr auto longBound = std::chrono::seconds(60);
-constexpr double lengthTolerance = 0.05;                  // seconds
+constexpr double lengthTolerance = 0.05; // seconds
+constexpr double soundTolerance = 0.1;   // seconds, of single buffers
+constexpr std::uint8_t cipher = 0x5A;
 constexpr host::KeyPair ownPair = {{1, 2, 3}, {4, 5, 6}}; ///< what this test protects with
 
 /// What ffmpeg decodes.
@@ -90,40 +94,54 @@ std::string corpus(const std::string& name) {
     return TEST_CORPUS "/" + name;
 }
 
-/// Is late each time.
-class LateStream final : public host::SampleStream {
+/// A stream whose samples are changed, or late, as they are read.
+class Changed : public host::SampleStream {
 public:
-    explicit LateStream(std::unique_ptr<host::SampleStream> stream) : m_stream(std::move(stream)) {}
+    explicit Changed(std::unique_ptr<host::SampleStream> stream) : m_stream(std::move(stream)) {}
     const host::StreamInfo& info() const override { return m_stream->info(); }
-    Batch read(std::size_t count) override {
-        auto batch = m_stream->read(count);
-        std::this_thread::sleep_for(std::chrono::milliseconds(300));
-        return batch;
-    }
     std::string seek(double seconds) override { return m_stream->seek(seconds); }
     void interrupt() override { m_stream->interrupt(); }
 
-private:
+protected:
     const std::unique_ptr<host::SampleStream> m_stream;
 };
 
-/// One media element that plays one file through the library.
+class LateStream final : public Changed {
+public:
+    using Changed::Changed;
+    Batch read(std::size_t count) override {
+        auto batch = m_stream->read(count);
+        std::this_thread::sleep_for(std::chrono::milliseconds(300)); // each time
+        return batch;
+    }
+};
+
+/// What becomes of each stream on its way in.
+using Change =
+    std::function<std::unique_ptr<host::SampleStream>(std::unique_ptr<host::SampleStream>)>;
+
+Change protecting(Scheme scheme) {
+    return [scheme](auto stream) { return host::protect(std::move(stream), scheme, ownPair); };
+}
+
+/// One media element that plays one file through the library. The library decrypts with the keys,
+/// unless there is something else that it is offered.
 class Player {
 public:
-    explicit Player(const std::string& path, Keys keys = nullptr, Scheme scheme = Scheme::None,
-                    SinkWatch::Options watch = {false, true, true}, bool late = false)
+    explicit Player(const std::string& path, Keys keys = nullptr,
+                    const Change& change = protecting(Scheme::None),
+                    SinkWatch::Options watch = {false, true, true})
+        : Player(path, keys, keys.get(), change, watch) {}
+    Player(const std::string& path, Keys keys, UVADRMBackend* drm, const Change& change,
+           SinkWatch::Options watch)
         : m_keys(keys), m_element(library(), m_loop, m_recorder, {}) {
         SinkWatch::instance().restart(watch);
-        if (keys != nullptr)
-            UVA_OfferDRMBackend(host::clearKeySystem, keys.get());
+        UVA_OfferDRMBackend(host::clearKeySystem, drm);
         host::MediaSource source;
         source.open = [=](const std::atomic<bool>& cancelled) {
             auto media = host::openMedia(path, cancelled);
-            for (auto& stream : media.streams) {
-                stream = host::protect(std::move(stream), scheme, ownPair);
-                if (late)
-                    stream = std::make_unique<LateStream>(std::move(stream));
-            }
+            for (auto& stream : media.streams)
+                stream = change(std::move(stream));
             return media;
         };
         source.keys = std::move(keys);
@@ -221,7 +239,7 @@ TEST(MsePlayback, ShowsGeneratedClipsClearAndProtected) {
         for (const auto scheme : {Scheme::None, Scheme::Cenc, Scheme::Cbcs}) {
             for (const auto interface : interfaces) {
                 SCOPED_TRACE(name + " " + std::to_string(static_cast<int>(scheme)));
-                Player player(generated(name), keysWith(interface, ownPair), scheme);
+                Player player(generated(name), keysWith(interface, ownPair), protecting(scheme));
                 expectPlayed(player, expected);
                 if (expected.sound > 0)
                     expectTone(SinkWatch::instance().audio());
@@ -326,13 +344,14 @@ std::optional<support::Rendered> firstAfterSeek(const RenderedStream& stream, do
 }
 
 TEST(MsePlayback, LosesNothingOfWhatComesLate) {
-    Player player(generated("frag.mp4"), nullptr, Scheme::None, clocked, true);
+    const auto late = [](auto stream) { return std::make_unique<LateStream>(std::move(stream)); };
+    Player player(generated("frag.mp4"), nullptr, late, clocked);
     expectPlayed(player, decode(generated("frag.mp4")));
 }
 
 TEST(MsePlayback, BeginsWhereItIsSoughtTo) {
     auto& watch = SinkWatch::instance();
-    Player player(generated("clip.mp4"), nullptr, Scheme::None, {true, false, true});
+    Player player(generated("clip.mp4"), nullptr, protecting(Scheme::None), {true, false, true});
     ASSERT_TRUE(player.waitFor(State::Playing));
     for (const double target : {2.71, 0.013, 5.49, 1.0, 4.242}) {
         SCOPED_TRACE(target);
@@ -347,6 +366,143 @@ TEST(MsePlayback, BeginsWhereItIsSoughtTo) {
         const double sound = firstAfterSeek(watch.audio(), target)->position;
         EXPECT_NEAR(frame, target, 0.04);
         EXPECT_NEAR(sound, frame, 0.045);
+    }
+}
+
+/// One of the two rounds that a clip is played: each has its own key.
+enum Round : char { First = '1', Second = '2' };
+
+/// What of a clip is not encrypted.
+struct Layout {
+    bool clearLead = false;     ///< the first round
+    std::size_t clearBytes = 0; ///< the beginning of each sample
+};
+
+/// A clear stream twice, the second round behind the first, encrypted.
+class TwiceEncrypted final : public Changed {
+public:
+    TwiceEncrypted(std::unique_ptr<host::SampleStream> clear, double length, Layout layout)
+        : Changed(std::move(clear)), m_length(length), m_layout(layout) {}
+
+    Batch read(std::size_t count) override {
+        auto batch = m_stream->read(count);
+        for (auto& sample : batch.samples)
+            sample = change(sample->data());
+        if (batch.ended && m_round == First) {
+            m_round = Second;
+            batch.error = m_stream->seek(0);
+            batch.ended = false;
+        }
+        return batch;
+    }
+
+private:
+    std::unique_ptr<host::Sample> change(host::SampleData data) const {
+        for (double* time : {&data.pts, &data.dts})
+            *time += m_round == Second ? m_length : 0;
+        if (m_round == First && m_layout.clearLead)
+            return std::make_unique<host::Sample>(data);
+        auto bytes = std::make_shared<std::vector<std::uint8_t>>(data.payload.get(),
+                                                                 data.payload.get() + data.size);
+        const auto clear = std::min<std::size_t>(data.size, m_layout.clearBytes);
+        for (std::size_t i = clear; i < data.size; ++i)
+            (*bytes)[i] ^= cipher;
+        data.payload = {bytes, bytes->data()};
+        data.protection.subsamples = {
+            {static_cast<std::uint32_t>(clear), static_cast<std::uint32_t>(data.size - clear)}};
+        data.protection.scheme = host::Protection::Scheme::Cenc;
+        data.protection.keyId.assign(1, m_round);
+        data.protection.iv.assign(8, 0);
+        return std::make_unique<host::Sample>(data);
+    }
+
+    const double m_length;
+    const Layout m_layout;
+    Round m_round = First;
+};
+
+constexpr struct Clip {
+    const char* name;
+    std::size_t frames;
+    double length; ///< of the round, seconds
+} twicePlayed[] = {
+    {"h264-aac.mp4", 50, 2}, {"h264-aac.ts", 25, 1}, {"h265-eac3.mp4", 25, 1},
+    {"mpeg4-mp3.mp4", 0, 1}, {"mpeg2-ac3.ts", 0, 1}, {"vp9-opus.webm", 25, 1},
+};
+
+/// Frames and seconds of sound that were rendered in a round.
+struct Shown {
+    std::size_t frames = 0;
+    double sound = 0;
+};
+
+/// Of both rounds. The process lives, whatever the host's content protection does.
+std::array<Shown, 2> playTwice(const Clip& clip, UVADRMBackend* drm, Layout layout) {
+    const auto twice = [&](auto stream) {
+        return std::make_unique<TwiceEncrypted>(std::move(stream), clip.length, layout);
+    };
+    // With keys the host feeds what they are needed for.
+    const auto keys = keysWith(ClearKey::Interface::PerRange, {{First}, {}});
+    keys->addKey({{Second}, {}});
+    Player player(generated(clip.name), keys, drm, twice, {false, false});
+    EXPECT_TRUE(player.waitFor(State::Ended)) << player.status().reason;
+    EXPECT_TRUE(player.element().release(longBound));
+    std::array<Shown, 2> shown;
+    const auto roundOf = [&](double position) -> Shown& {
+        return shown[position < clip.length - 0.001 ? 0 : 1];
+    };
+    for (const auto& frame : SinkWatch::instance().video().buffers)
+        ++roundOf(frame.position).frames;
+    for (const auto& sound : SinkWatch::instance().audio().buffers)
+        roundOf(sound.position).sound += sound.duration;
+    return shown;
+}
+
+/// What a host's content protection may do instead of decrypting the first round.
+constexpr struct {
+    const char* what;
+    TestDrm::Call call;
+    int every = 1;
+    std::size_t clearBytes = 0;
+} faults[] = {
+    {"refuses the key", TestDrm::Create},
+    {"refuses the key, headers are clear", TestDrm::Create, 1, 40},
+    {"fails to decrypt", TestDrm::Decrypt},
+    {"fails now and then", TestDrm::Decrypt, 3},
+};
+
+TEST(MissingKey, ShowsAllThatComesAfterTheKey) {
+    for (const auto& clip : twicePlayed) {
+        for (const auto& row : faults) {
+            SCOPED_TRACE(std::string(clip.name) + " " + row.what);
+            TestDrm drm;
+            drm.cipher = cipher;
+            drm.answers[row.call] = TestDrm::Refuses;
+            drm.answersFor = First;
+            drm.answersEvery = row.every;
+            drm.hasFullSample = true;
+            const auto second = playTwice(clip, &drm, {false, row.clearBytes})[1];
+            EXPECT_EQ(drm.created, drm.released);
+            EXPECT_EQ(second.frames, clip.frames);
+            EXPECT_NEAR(second.sound, clip.length, soundTolerance);
+        }
+    }
+}
+
+TEST(MissingKey, ShowsAClearLead) {
+    constexpr std::size_t heldByDecoder = 2; // frames, lost with what cannot be decoded behind them
+    for (const auto& clip : twicePlayed) {
+        for (const bool withDrm : {true, false}) {
+            SCOPED_TRACE(std::string(clip.name) + (withDrm ? "" : " without a DRM"));
+            TestDrm drm;
+            drm.cipher = cipher;
+            drm.answers[TestDrm::Create] = TestDrm::Refuses;
+            drm.answersFor = Second;
+            const auto first = playTwice(clip, withDrm ? &drm : nullptr, {true})[0];
+            EXPECT_GE(first.frames + heldByDecoder, clip.frames);
+            EXPECT_LE(first.frames, clip.frames);
+            EXPECT_NEAR(first.sound, clip.length, soundTolerance);
+        }
     }
 }
 

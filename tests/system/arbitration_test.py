@@ -17,7 +17,6 @@ import time
 import unittest
 
 sys.path.insert(0, os.path.join(os.path.dirname(__file__), "..", "support"))
-import gtest_result  # noqa: E402
 import leftovers  # noqa: E402
 from host_run import TIMEOUT, UVA_HOST, Run  # noqa: E402
 from wait_until import wait_until  # noqa: E402
@@ -208,4 +207,4 @@ class Arbitration(unittest.TestCase):
         main.finish()
 
 
-gtest_result.main()
+unittest.main(argv=sys.argv[:1], verbosity=2, warnings="ignore")

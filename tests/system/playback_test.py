@@ -13,7 +13,6 @@ import sys
 import unittest
 
 sys.path.insert(0, os.path.join(os.path.dirname(__file__), "..", "support"))
-import gtest_result  # noqa: E402
 from host_run import UVA_HOST, Run, probe  # noqa: E402
 
 TOLERANCE = 0.05  # seconds, of a reported duration
@@ -126,5 +125,4 @@ class Playback(unittest.TestCase):
         self.assertEqual((answer.stdout, answer.stderr), (b"yes\n", b""))
 
 
-sys.argv = sys.argv[:1]
-gtest_result.main()
+unittest.main(argv=sys.argv[:1], verbosity=2, warnings="ignore")

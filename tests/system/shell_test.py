@@ -13,7 +13,6 @@ import sys
 import unittest
 
 sys.path.insert(0, os.path.join(os.path.dirname(__file__), "..", "support"))
-import gtest_result  # noqa: E402
 from host_run import TIMEOUT, UVA_HOST, Run  # noqa: E402
 from wait_until import wait_until  # noqa: E402
 
@@ -121,4 +120,4 @@ class Shell(unittest.TestCase):
             self.assertIn(level, state)
 
 
-gtest_result.main()
+unittest.main(argv=sys.argv[:1], verbosity=2, warnings="ignore")

@@ -17,7 +17,6 @@ import tempfile
 import unittest
 
 sys.path.insert(0, os.path.join(os.path.dirname(__file__), "..", "support"))
-import gtest_result  # noqa: E402
 from wait_until import wait_until  # noqa: E402
 
 TVBOX, MAINSYS = sys.argv[1:3]
@@ -305,4 +304,4 @@ class TvBoxOfNobody(TvBox):
     user = NOBODY
 
 
-gtest_result.main()
+unittest.main(argv=sys.argv[:1], verbosity=2, warnings="ignore")

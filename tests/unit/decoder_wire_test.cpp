@@ -1,13 +1,11 @@
 // The link with its real queues, and a main system that is nothing but the two ends of them.
 
-#include "UvaGstIfLink.h"
 #include "decoder_link_fixture.h"
 #include "messaging/queue/zant_msg_body.h"
 #include "messaging_fixture.h"
 #include "support/private_arena.h"
 
 #include <array>
-#include <future>
 #include <sys/resource.h>
 
 namespace {
@@ -174,38 +172,6 @@ TEST_F(DecoderWire, WhatCannotBeOpenedIsNamed) {
     EXPECT_EQ(notOpened(false, result), "/Q_UVAGST_IF_LL_RECEI");
     EXPECT_EQ(result, CZantMsgQueue::openFailed);
     setrlimit(RLIMIT_MSGQUEUE, &before);
-}
-
-/// The link of the process, once: it stays open until the process ends.
-TEST_F(DecoderWire, TheLinkOfTheProcessAsksIsGrantedAndAnswers) {
-    std::promise<std::string> heard;
-    const UvaGstIfControl backend = [&heard](const char* commands) { heard.set_value(commands); };
-    EXPECT_EQ(openUvaGstIfLink(), "");
-    EXPECT_EQ(traced("FAILED"), 0);
-    EXPECT_TRUE(areThreads("uvagst_if_recei", 1));
-    EXPECT_TRUE(areThreads("UvaGst_If_Lower", 1));
-
-    auto answer = std::async(std::launch::async, [] {
-        return uvaGstIfReceiver.requestDecoder(MediaKind::Video, nullptr);
-    });
-    EXPECT_EQ(received(), "516 2 0 0 0 0 0 65536 0 0 0 ");
-    send(SIG_ID_MPLAYER_DECODER_AVAILABLE_IND, 2);
-    EXPECT_TRUE(answer.get());
-    uvaGstIfReceiver.connectBackend(&backend);
-    send(SIG_ID_MPLAYER_CONTROL_REQ, 0, "output-ddp:1");
-    EXPECT_EQ(heard.get_future().get(), "output-ddp:1");
-    uvaGstIfReceiver.connectBackend(nullptr);
-    send(SIG_ID_MPLAYER_DECODER_RELEASE_REQ, 1);
-    EXPECT_EQ(received(), "520 1 0 21 -22 0 0 131072 0 0 0 ");
-    send(SIG_ID_MPLAYER_DECODER_RELEASE_REQ, 3);
-    EXPECT_TRUE(waitUntil([] { return uvaGstIfReceiver.state().releaseRequest == 3; }));
-    uvaGstIfReceiver.handleApplicationMessage({"GstNoxDecoderNeeded", "-video", nullptr, {}});
-    EXPECT_EQ(received(), "520 3 0 0 0 0 0 196608 0 0 0 ");
-    uvaGstIfLowerLayer.Term();
-    uvaGstIfReceiver.Term();
-    EXPECT_TRUE(areThreads("uvagst_if_recei", 0));
-    CThreadObject::Start();
-    CZantMsgQueue::Start();
 }
 
 } // namespace

@@ -4,7 +4,6 @@
 #include "messaging/thread/thread_object_blocking_wait.h"
 #include "messaging/thread/thread_object_mshell.h"
 #include "messaging_fixture.h"
-#include "support/queue_room.h"
 #include "support/wait_until.h"
 
 #include <csignal>
@@ -167,20 +166,6 @@ TEST_F(ThreadsTest, ThreadIsStartedOnceAndMayStartAgain) {
     EXPECT_EQ(laterTraces.find("SCHED_FIFO priority"), std::string::npos) << "said once";
     looper.StopThreadAndWait();
     EXPECT_EQ(looper.entered, 2);
-}
-
-TEST_F(ThreadsTest, ThreadEndsWhenItIsAskedTo) {
-    Looper looper;
-    ASSERT_EQ(looper.StartThread("asked", 0, 0), 0);
-    ASSERT_TRUE(waitUntil([&] { return looper.entered == 1; }));
-    looper.StopThread();
-    EXPECT_TRUE(leavesTheList("asked"));
-    EXPECT_EQ(looper.StartThread("asked", 0, 0), 0) << "nobody has waited for the first run";
-    EXPECT_TRUE(waitUntil([&] { return looper.entered == 2; }));
-    Sleeper sleeper;
-    ASSERT_EQ(sleeper.StartThread("in a wait", 0, 0), 0);
-    sleeper.StopThread();
-    EXPECT_TRUE(leavesTheList("in a wait"));
 }
 
 TEST_F(ThreadsTest, ThreadThatEndsByItselfLeavesNothing) {

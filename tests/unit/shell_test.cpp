@@ -13,6 +13,12 @@
 #include <memory>
 #include <vector>
 
+// This program names units of the framework, as a host of the library does.
+static const unsigned unitNamesSize = 8 * sizeof(const char*);
+const char* traceUnitsStringArray[] = {"UNIT_OTHER", "TRACE_NONE", "TUNER",    "TRACE_G_SPARE1",
+                                       "Tuner",      nullptr,      "SUBTITLE", "LAST_IS_NO_UNIT"};
+const unsigned* traceUnitsStringArraySizePtr = &unitNamesSize;
+
 namespace {
 
 void registerAll() {
@@ -199,6 +205,35 @@ TEST_F(ShellTest, AnswersEveryCommand) {
     }
     mshell.ProcessMshellCmd("m_echo");
     EXPECT_EQ(screen.take(), "");
+}
+
+TEST_F(ShellTest, UnitsBearTheNamesOfTheHost) {
+    const std::pair<unsigned, const char*> names[] = {
+        {2, "TUNER"}, {6, "SUBTITLE"}, {5, "TRACE_NONE"}, {7, "UNIT_OTHER"}, {~0U, "UNIT_OTHER"}};
+    for (const auto& [unitNumber, name] : names)
+        EXPECT_STREQ(zantTrace.GetTraceUnitNamePtr(unitNumber), name);
+    const std::pair<const char*, unsigned> numbers[] = {
+        {"tuner", 2}, {"subTITLE", 6}, {"LAST_IS_NO_UNIT", 0}, {nullptr, 0}};
+    for (const auto& [name, unitNumber] : numbers)
+        EXPECT_EQ(zantTrace.GetTraceUnitNrByName(name), unitNumber);
+
+    EXPECT_EQ(zantTrace.SetTraceOn("UNIT_OTHER", "TRACELEVEL_INFO"), -1600);
+    EXPECT_EQ(zantTrace.SetTraceOn("MISSING", "TRACELEVEL_INFO"), -1600);
+    EXPECT_EQ(zantTrace.SetTraceOn("tuner", "tracelevel_info_old"), 0);
+    EXPECT_EQ(zantTrace.SetTraceOn("subtitle", "no such level"), 0);
+    screen.take();
+    zantTrace.PrintAllTraceActivationStates();
+    const std::string listing = screen.take();
+    EXPECT_EQ(listing.find("Trace unit   2 TUNER                  - Trace activation state = 10 "
+                           "(TRACELEVEL_DEBUG)\n"
+                           "Trace unit   4 Tuner                  - Trace activation state = 30 "
+                           "(TRACELEVEL_WARNING)\n"),
+              0U);
+    EXPECT_NE(listing.find("Trace unit   6 SUBTITLE               - Trace activation state = 0 "
+                           "(TRACELEVEL_ALL)\n"
+                           "Trace unit   7 UNIT_OTHER             - Trace activation state = 30 "),
+              std::string::npos);
+    EXPECT_EQ(listing.find("SPARE"), std::string::npos);
 }
 
 TEST_F(ShellTest, ListsEveryCommandOnceInOrder) {

@@ -4,14 +4,10 @@
 Usage: slot_order_test.py LIBUVAGSTBACKEND LIBUVA UNIT_NAMING_PROGRAM...
 """
 
-import os
 import re
 import subprocess
 import sys
 import unittest
-
-sys.path.insert(0, os.path.join(os.path.dirname(__file__), "..", "support"))
-import gtest_result  # noqa: E402
 
 BACKEND, UVA = sys.argv[1:3]
 UNIT_NAMING_PROGRAMS = sys.argv[3:]
@@ -173,5 +169,4 @@ class SlotOrder(unittest.TestCase):
             self.assertLessEqual(UNIT_NAMES, exports(program), program)
 
 
-sys.argv = sys.argv[:1]
-gtest_result.main()
+unittest.main(argv=sys.argv[:1], verbosity=2, warnings="ignore")

@@ -13,7 +13,6 @@ import unittest
 
 sys.path.insert(0, os.path.join(os.path.dirname(__file__), "..", "support"))
 import own_mounts  # noqa: E402
-import gtest_result  # noqa: E402
 from wait_until import wait_until  # noqa: E402
 
 # Copies of the programs, which every user can reach. What the environment names for them (suppressions of a
@@ -119,4 +118,4 @@ class ZantshTest(unittest.TestCase):
             box.wait(timeout=20)
 
 
-gtest_result.main()
+unittest.main(argv=sys.argv[:1], verbosity=2, warnings="ignore")

@@ -1,8 +1,8 @@
 #!/usr/bin/env python3
 """Prints "N passed, N failed" from the results of the last test runs in the build folders named.
 
-Each GoogleTest case counts as one; a test program without cases of its own counts as one. A program
-that died counts what it had finished, plus one failure.
+Each case of GoogleTest or unittest counts as one; a test program without cases of its own counts as
+one. A program that died counts what it had finished, plus one failure.
 """
 
 import json
@@ -11,12 +11,16 @@ import re
 import sys
 
 
+def cases(text, gtest, unittest):
+    return len(re.findall(rf"^\[ +{gtest} +\] .*ms\)$|(?:^|\.\.\. )(?:{unittest})", text, re.M))
+
+
 def count(record):
-    text = record.get("stdout", "")
+    text = "\n".join(record.get(stream, "") for stream in ("stdout", "stderr"))
     ran_ok = record["result"] in ("OK", "EXPECTEDFAIL")
-    passed = len(re.findall(r"^\[       OK \] .*ms\)$", text, re.M))
-    failed = len(re.findall(r"^\[  FAILED  \] .*ms\)$", text, re.M))
-    skipped = len(re.findall(r"^\[  SKIPPED \] .*ms\)$", text, re.M))
+    passed = cases(text, "OK", "ok$")
+    failed = cases(text, "FAILED", "FAIL$|ERROR$")
+    skipped = cases(text, "SKIPPED", "skipped '")
     if record["result"] == "SKIP" and not passed + failed + skipped:
         return 0, 0, 1
     if not passed + failed + skipped:

@@ -1,3 +1,4 @@
+#include "util/scoped_handles.h"
 #include "util/string_utility.h"
 #include "util/strl.h"
 
@@ -108,4 +109,34 @@ TEST(BoundedCopy, TellsTheWholeLength) {
     EXPECT_STREQ(text, "abc");
     EXPECT_EQ(strlcpy(text, "q", 0), 1u);
     EXPECT_STREQ(text, "abc");
+}
+
+TEST(ScopedHandles, DescriptorIsClosedOnceByItsLastOwner) {
+    const auto isOpen = [](int descriptor) { return fcntl(descriptor, F_GETFD) >= 0; };
+    ScopedFd first(open("/dev/null", O_RDONLY));
+    ASSERT_TRUE(first);
+    const int raw = first.get();
+    {
+        ScopedFd second(std::move(first));
+        EXPECT_FALSE(first);
+        ScopedFd& same = second;
+        second = std::move(same);
+        EXPECT_TRUE(isOpen(raw));
+    }
+    errno = EINTR;
+    EXPECT_FALSE(isOpen(raw));
+
+    ScopedFd owner(open("/dev/null", O_RDONLY));
+    const int old = owner.get();
+    owner.reset(open("/dev/zero", O_RDONLY));
+    EXPECT_TRUE(owner);
+    EXPECT_FALSE(owner.get() == old);
+    EXPECT_FALSE(isOpen(old));
+    const int given = owner.release();
+    owner.reset();
+    EXPECT_TRUE(isOpen(given));
+    errno = EACCES;
+    ScopedFd(given).reset();
+    EXPECT_EQ(errno, EACCES);
+    EXPECT_FALSE(ScopedFd(open("/nonexistent", O_RDONLY)));
 }
