@@ -291,7 +291,7 @@ void GstMseBin::waitForPush() {
 }
 
 void GstMseBin::handOver(Step& step) {
-    auto* appSource = GST_APP_SRC(appsrc.get());
+    auto* appSource = GST_APP_SRC_CAST(appsrc.get());
     GstMiniObject* item = step.item.get();
     if (GST_IS_BUFFER(item)) {
         handOverBuffer(step);
@@ -310,7 +310,7 @@ void GstMseBin::handOverBuffer(Step& step) {
     auto buffer = GstPtr<GstBuffer>::adopt(GST_BUFFER_CAST(step.item.release()));
     step.payload = GstPtr<GstMemory>::adopt(gst_buffer_get_memory(buffer.get(), 0));
     if (gst_buffer_get_content_protection_meta(buffer.get()) != nullptr) {
-        buffer = handleContentProtectionMeta(std::move(buffer));
+        handleContentProtectionMeta(buffer.get());
         const GLibLock hold(lock);
         if (step.flushes != m_flushes)
             return; // from before a seek
@@ -322,16 +322,15 @@ void GstMseBin::handOverBuffer(Step& step) {
         segment.start = segment.time = segment.position = step.segmentStart;
         gst_base_src_new_segment(GST_BASE_SRC(appsrc.get()), &segment);
     }
-    if (gst_app_src_push_buffer(GST_APP_SRC(appsrc.get()), buffer.release()) != GST_FLOW_OK)
+    if (gst_app_src_push_buffer(GST_APP_SRC_CAST(appsrc.get()), buffer.release()) != GST_FLOW_OK)
         GST_ERROR("***E: buffer not pushed");
 }
 
-GstPtr<GstBuffer> GstMseBin::handleContentProtectionMeta(GstPtr<GstBuffer> buffer) {
-    if (auto decrypted = m_decrypter.decrypt(buffer.get()))
-        return decrypted;
+void GstMseBin::handleContentProtectionMeta(GstBuffer* buffer) {
+    if (m_decrypter.decrypt(buffer))
+        return;
     GST_ERROR("decryption failed"); // what goes on is as unreadable as it came
     GST_DEBUG("%s of type %s", name.get(), m_capsName);
-    return buffer;
 }
 
 // ---- from the appsrc
