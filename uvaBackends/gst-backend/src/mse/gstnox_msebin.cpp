@@ -291,7 +291,7 @@ void GstMseBin::waitForPush() {
 }
 
 void GstMseBin::handOver(Step& step) {
-    auto* appSource = GST_APP_SRC_CAST(appsrc.get());
+    auto* appSource = GST_APP_SRC(appsrc.get());
     GstMiniObject* item = step.item.get();
     if (GST_IS_BUFFER(item)) {
         handOverBuffer(step);
@@ -322,7 +322,7 @@ void GstMseBin::handOverBuffer(Step& step) {
         segment.start = segment.time = segment.position = step.segmentStart;
         gst_base_src_new_segment(GST_BASE_SRC(appsrc.get()), &segment);
     }
-    if (gst_app_src_push_buffer(GST_APP_SRC_CAST(appsrc.get()), buffer.release()) != GST_FLOW_OK)
+    if (gst_app_src_push_buffer(GST_APP_SRC(appsrc.get()), buffer.release()) != GST_FLOW_OK)
         GST_ERROR("***E: buffer not pushed");
 }
 

@@ -158,7 +158,6 @@ SampleIntake::Batch SampleIntake::read(UVASample** slots) {
     if (context.frameRate.second == 0)
         context.frameRate = estimateFrameRate(slots);
     Batch batch;
-    batch.samples.reserve(g_strv_length(reinterpret_cast<gchar**>(slots)));
     for (; *slots != nullptr; ++slots) {
         std::unique_ptr<UVASample> sample(std::exchange(*slots, nullptr));
         batch.bytes += sample->payloadSize();

@@ -91,9 +91,9 @@ static const GstMetaInfo* gst_cp_meta_get_info() {
     return info;
 }
 
-/// Behind what is there already. Null of null.
+/// Behind what is there already. Null of nothing.
 static guint8* copyTo(guint8*& end, const void* bytes, gsize size) {
-    if (bytes == nullptr)
+    if (size == 0)
         return nullptr;
     guint8* const copy = std::exchange(end, end + size);
     std::memcpy(copy, bytes, size);
@@ -113,8 +113,8 @@ GstUvaContentProtectionMeta* gst_buffer_add_content_protection_meta(
     auto* end = static_cast<guint8*>(g_malloc(textSize + meta->key_id_size + meta->iv_size));
     reinterpret_cast<StoredMeta*>(meta)->copies = end;
     meta->key_system = reinterpret_cast<gchar*>(copyTo(end, keySystem, textSize));
-    meta->key_id = copyTo(end, keyId, keyIdSize);
-    meta->iv = copyTo(end, iv, ivSize);
+    meta->key_id = copyTo(end, keyId, meta->key_id_size);
+    meta->iv = copyTo(end, iv, meta->iv_size);
     meta->subsamples = subsamples;
     meta->flag = flag;
     meta->drm_backend = drmBackend;
