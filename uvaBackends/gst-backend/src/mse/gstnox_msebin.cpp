@@ -313,7 +313,7 @@ void GstMseBin::handOverBuffer(Step& step) {
     auto buffer = GstPtr<GstBuffer>::adopt(GST_BUFFER_CAST(step.item.release()));
     step.payload = GstPtr<GstMemory>::adopt(gst_buffer_get_memory(buffer.get(), 0));
     if (gst_buffer_get_content_protection_meta(buffer.get()) != nullptr) {
-        buffer = handleContentProtectionMeta(std::move(buffer));
+        handleContentProtectionMeta(buffer.get());
         const GLibLock hold(lock);
         if (step.flushes != m_flushes)
             return; // from before a seek
@@ -329,12 +329,11 @@ void GstMseBin::handOverBuffer(Step& step) {
         GST_ERROR("***E: buffer not pushed");
 }
 
-GstPtr<GstBuffer> GstMseBin::handleContentProtectionMeta(GstPtr<GstBuffer> buffer) {
-    if (auto decrypted = m_decrypter.decrypt(buffer.get()))
-        return decrypted;
+void GstMseBin::handleContentProtectionMeta(GstBuffer* buffer) {
+    if (m_decrypter.decrypt(buffer))
+        return;
     GST_ERROR("decryption failed"); // what goes on is as unreadable as it came
     GST_DEBUG("%s of type %s", name.get(), m_capsName);
-    return buffer;
 }
 
 // ---- from the appsrc

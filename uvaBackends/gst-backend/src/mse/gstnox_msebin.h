@@ -107,9 +107,8 @@ private:
     void waitForPush() REQUIRES(lock);
     void handOver(Step& step) EXCLUDES(lock);
     void handOverBuffer(Step& step) EXCLUDES(lock);
-    /// The buffer to hand on: the decrypted copy, or the buffer itself when it is clear or cannot
-    /// be decrypted. Takes the buffer.
-    GstPtr<GstBuffer> handleContentProtectionMeta(GstPtr<GstBuffer> buffer);
+    /// Decrypts it, or leaves it as it is.
+    void handleContentProtectionMeta(GstBuffer* buffer);
 
     MediaSourceGroup& m_group;
     const std::unique_ptr<UVABackend::SourceDescription> source;

@@ -1,7 +1,6 @@
 #ifndef SAMPLE_DECRYPTER_H
 #define SAMPLE_DECRYPTER_H
 
-#include "base/gst_ptr.h"
 #include "mse/uva_gstcontentprotection.h"
 
 #include <gst/gst.h>
@@ -17,8 +16,9 @@ public:
     /// The group outlives the decrypter.
     explicit SampleDecrypter(MediaSourceGroup& group) : m_group(group) {}
 
-    /// A decrypted copy, without the protection; null when it cannot be made.
-    GstPtr<GstBuffer> decrypt(GstBuffer* buffer);
+    /// Puts a decrypted copy in the place of the payload, and takes the protection off. False: the
+    /// buffer stays as it is. It is the caller's alone.
+    bool decrypt(GstBuffer* buffer);
 
 private:
     struct FreeContext {
@@ -27,8 +27,7 @@ private:
         }
     };
 
-    bool decryptInPlace(GstBuffer* copy, const GstBuffer* buffer,
-                        const GstUvaContentProtectionMeta& meta);
+    bool decryptInPlace(const GstMapInfo& payload, GstBuffer* buffer);
 
     MediaSourceGroup& m_group;
     std::unique_ptr<GstUvaDecrypterContext, FreeContext> m_context;

@@ -28,18 +28,21 @@ bool InitializeLogging() {
 
 // ---- the meta
 
+/// The meta as others know it, and the one block that its texts and bytes lie in.
+struct StoredMeta {
+    GstUvaContentProtectionMeta meta;
+    guint8* copies;
+};
+
 static gboolean cp_meta_init(GstMeta* meta, gpointer /*params*/, GstBuffer* /*buffer*/) {
     std::memset(reinterpret_cast<char*>(meta) + sizeof(GstMeta), 0,
-                sizeof(GstUvaContentProtectionMeta) - sizeof(GstMeta));
+                sizeof(StoredMeta) - sizeof(GstMeta));
     return TRUE;
 }
 
 static void cp_meta_free(GstMeta* meta, GstBuffer* /*buffer*/) {
     auto* protection = reinterpret_cast<GstUvaContentProtectionMeta*>(meta);
-    g_clear_pointer(&protection->key_system, g_free);
-    g_slice_free1(protection->key_id_size, std::exchange(protection->key_id, nullptr));
-    g_slice_free1(protection->iv_size, std::exchange(protection->iv, nullptr));
-    protection->key_id_size = protection->iv_size = 0;
+    g_free(reinterpret_cast<StoredMeta*>(meta)->copies);
     g_clear_pointer(&protection->subsamples, g_array_unref);
 }
 
@@ -82,14 +85,19 @@ static GType gst_cp_meta_api_get_type() {
 }
 
 static const GstMetaInfo* gst_cp_meta_get_info() {
-    static const GstMetaInfo* const info = gst_meta_register(
-        gst_cp_meta_api_get_type(), "GstUvaContentProtectionMeta",
-        sizeof(GstUvaContentProtectionMeta), cp_meta_init, cp_meta_free, cp_meta_transform);
+    static const GstMetaInfo* const info =
+        gst_meta_register(gst_cp_meta_api_get_type(), "GstUvaContentProtectionMeta",
+                          sizeof(StoredMeta), cp_meta_init, cp_meta_free, cp_meta_transform);
     return info;
 }
 
-static guint8* copyBytes(const guint8* bytes, gsize size) {
-    return bytes != nullptr ? static_cast<guint8*>(g_slice_copy(size, bytes)) : nullptr;
+/// Behind what is there already. Null of nothing.
+static guint8* copyTo(guint8*& end, const void* bytes, gsize size) {
+    if (size == 0)
+        return nullptr;
+    guint8* const copy = std::exchange(end, end + size);
+    std::memcpy(copy, bytes, size);
+    return copy;
 }
 
 GstUvaContentProtectionMeta* gst_buffer_add_content_protection_meta(
@@ -99,11 +107,14 @@ GstUvaContentProtectionMeta* gst_buffer_add_content_protection_meta(
     g_assert(gst_buffer_get_meta(buffer, gst_cp_meta_api_get_type()) == nullptr);
     auto* meta = reinterpret_cast<GstUvaContentProtectionMeta*>(
         gst_buffer_add_meta(buffer, gst_cp_meta_get_info(), nullptr));
-    meta->key_system = g_strdup(keySystem);
-    meta->key_id = copyBytes(keyId, keyIdSize);
-    meta->key_id_size = meta->key_id != nullptr ? keyIdSize : 0;
-    meta->iv = copyBytes(iv, ivSize);
-    meta->iv_size = meta->iv != nullptr ? ivSize : 0;
+    const gsize textSize = keySystem != nullptr ? std::strlen(keySystem) + 1 : 0;
+    meta->key_id_size = keyId != nullptr ? keyIdSize : 0;
+    meta->iv_size = iv != nullptr ? ivSize : 0;
+    auto* end = static_cast<guint8*>(g_malloc(textSize + meta->key_id_size + meta->iv_size));
+    reinterpret_cast<StoredMeta*>(meta)->copies = end;
+    meta->key_system = reinterpret_cast<gchar*>(copyTo(end, keySystem, textSize));
+    meta->key_id = copyTo(end, keyId, meta->key_id_size);
+    meta->iv = copyTo(end, iv, meta->iv_size);
     meta->subsamples = subsamples;
     meta->flag = flag;
     meta->drm_backend = drmBackend;
