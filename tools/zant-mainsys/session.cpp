@@ -195,11 +195,11 @@ void Session::waitForSomething() {
         takeSignals();
     if (waiting[1].revents != 0)
         takeInput();
-    if (waiting[2].revents != 0)
-        end(isScenario() ? ExitFailed : 0,
-            isScenario() ? "ended by a signal before the end of the scenario" : "");
     if (waiting[3].revents != 0)
         playerEnded();
+    if (waiting[2].revents != 0 && !m_playerEnded) // else the scenario is about to end by itself
+        end(isScenario() ? ExitFailed : 0,
+            isScenario() ? "ended by a signal before the end of the scenario" : "");
 }
 
 /// Milliseconds until something is due, rounded up; -1 for never.
