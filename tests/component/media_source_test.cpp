@@ -659,7 +659,8 @@ TEST_F(MediaSourceTest, NoRequestFromBeforeASeekComesBehindItsEvent) {
         }
     };
     backend->play();
-    ASSERT_TRUE(waitUntil([this] { return client.count(UVAEvent::CancelDataRequestsAsync) == 1; }));
+    ASSERT_TRUE(
+        waitUntil([&] { return isHeard && client.count(UVAEvent::CancelDataRequestsAsync) == 1; }));
     seek.join();
     EXPECT_TRUE(wasHeard);
 }

@@ -37,6 +37,6 @@ gboolean GstNoxBusWatch::handle(GstBus* bus, GstMessage* message) {
     const gboolean keep = GstNoxBackend::_handle_message(bus, message, backend);
     const GLibLock lock(m_lock);
     m_dispatcher = nullptr;
-    m_idle.broadcast();
+    m_idle.broadcast(m_lock);
     return keep;
 }

@@ -56,7 +56,7 @@ bool DecoderHandshake::isInterrupted(const Request& request) const {
 void DecoderHandshake::wake() {
     {
         const GLibLock lock(m_lock);
-        m_changed.broadcast();
+        m_changed.broadcast(m_lock);
     }
     m_mainSystem.wake();
 }
@@ -138,7 +138,7 @@ void DecoderHandshake::completeRequest(bool success) {
     m_resources_state = success ? ResourcesGranted : NoResources;
     if (m_question != nullptr)
         m_question->answer = success;
-    m_changed.broadcast();
+    m_changed.broadcast(m_lock);
 }
 
 int DecoderHandshake::resourcesState() {

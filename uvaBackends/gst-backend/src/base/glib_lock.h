@@ -39,15 +39,28 @@ public:
     GLibCondition(const GLibCondition&) = delete;
     GLibCondition& operator=(const GLibCondition&) = delete;
 
-    void wait(GLibMutex& mutex) REQUIRES(mutex) { g_cond_wait(&m_condition, &mutex.m_mutex); }
+    void wait(GLibMutex& mutex) REQUIRES(mutex) {
+        ++m_waiting;
+        g_cond_wait(&m_condition, &mutex.m_mutex);
+        --m_waiting;
+    }
     /// False when the time, of g_get_monotonic_time(), has come first.
     bool waitUntil(GLibMutex& mutex, gint64 end) REQUIRES(mutex) {
-        return g_cond_wait_until(&m_condition, &mutex.m_mutex, end) != FALSE;
+        ++m_waiting;
+        const bool woken = g_cond_wait_until(&m_condition, &mutex.m_mutex, end) != FALSE;
+        --m_waiting;
+        return woken;
     }
-    void broadcast() { g_cond_broadcast(&m_condition); }
+    /// Under the mutex that is waited with; where nobody waits it costs no call of the kernel.
+    void broadcast(GLibMutex& mutex) REQUIRES(mutex) {
+        static_cast<void>(mutex);
+        if (m_waiting > 0)
+            g_cond_broadcast(&m_condition);
+    }
 
 private:
     GCond m_condition;
+    int m_waiting = 0; // guarded by the mutex that is waited with
 };
 
 #endif

@@ -260,8 +260,7 @@ bool GstMseBin::pushToSource() {
 GstMseBin::Step GstMseBin::nextStep() {
     const GLibLock hold(lock);
     m_isPushing = false;
-    if (m_pushWaiters > 0)
-        m_pushed.broadcast();
+    m_pushed.broadcast(lock);
     Step step;
     if (m_queue.size() == 0 || !needData || m_intake != Intake::Open) {
         m_isFeeding = false;
@@ -287,10 +286,8 @@ GstClockTime GstMseBin::beginPush() {
 }
 
 void GstMseBin::waitForPush() {
-    ++m_pushWaiters;
     while (m_isPushing)
         m_pushed.wait(lock);
-    --m_pushWaiters;
 }
 
 void GstMseBin::handOver(Step& step) {

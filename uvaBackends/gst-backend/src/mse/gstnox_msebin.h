@@ -130,7 +130,6 @@ private:
     SampleQueue m_queue GUARDED_BY(lock);
     bool m_isFeeding GUARDED_BY(lock) = false; // a thread is in pushToSource()
     bool m_isPushing GUARDED_BY(lock) = false; // what it has taken is on its way into the appsrc
-    int m_pushWaiters GUARDED_BY(lock) = 0;
     unsigned int m_flushes GUARDED_BY(lock) = 0;
     GstClockTime m_segmentStart GUARDED_BY(lock) = GST_CLOCK_TIME_NONE; // to be installed, or none
 };

@@ -37,7 +37,7 @@ MediaSources::Visit::~Visit() {
     const GLibLock lock(m_sources.m_lock);
     auto& visits = m_sources.m_visits;
     visits.erase(std::find(visits.begin(), visits.end(), this));
-    m_sources.m_visitEnded.broadcast();
+    m_sources.m_visitEnded.broadcast(m_sources.m_lock);
 }
 
 template <typename Predicate>

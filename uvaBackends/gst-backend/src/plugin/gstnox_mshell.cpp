@@ -17,13 +17,14 @@ constexpr int wrongParameter = -1602;
 } // namespace
 
 void uva_add_mshell_commands() {
-    mshell.AddMshellCmd(1, "m_gst_debug_set_threshold", "uva",
-                        "u_gst_debug_set_threshold GST_DEBUG", m_gst_debug_set_threshold, nullptr,
-                        true);
-    mshell.AddMshellCmd(1, "m_gst_debug_set_color_mode", "uva",
-                        "u_gst_debug_set_color_mode {on,auto,off,disable,unix}",
-                        m_gst_debug_set_color_mode, nullptr, true);
-    mshell.AddMshellCmd(1, "m_mse", "uva", "m_mse", m_mse, nullptr, true);
+    static constexpr MshellCmd commands[] = {
+        {1, "m_gst_debug_set_threshold", "u_gst_debug_set_threshold GST_DEBUG",
+         m_gst_debug_set_threshold},
+        {1, "m_gst_debug_set_color_mode", "u_gst_debug_set_color_mode {on,auto,off,disable,unix}",
+         m_gst_debug_set_color_mode},
+        {1, "m_mse", "m_mse", m_mse},
+    };
+    mshell.AddMshellCmds("uva", commands);
 }
 
 int m_gst_debug_set_threshold(CommandStruct* command) {
