@@ -205,10 +205,14 @@ TEST_F(MessagingTest, SignalNamesAreDenseAndBounded) {
         uint32_t value;
         const char* name;
     } rows[] = {{0, "SIG_ID_NULL"},
+                {3, "SIG_ID_RESERVED_3"},
+                {30, "SIG_ID_RESERVED_30"},
                 {31, "SIG_ID_STOP_THREAD"},
+                {100, "SIG_ID_RESERVED_100"},
                 {489, "SIG_ID_MPLAYER_MEDIA_INFO_IND"},
                 {517, "SIG_ID_MPLAYER_DECODER_AVAILABLE_IND"},
                 {656, "SIG_ID_EXECUTE_SCRIPT_FILE_IN_THREAD"},
+                {665, "SIG_ID_RESERVED_665"},
                 {670, "SIG_ID_GENERAL_SPARE_9"},
                 {671, "SIG_ID_NULL"},
                 {0xffffffff, "SIG_ID_NULL"}};
