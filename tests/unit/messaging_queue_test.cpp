@@ -113,29 +113,34 @@ TEST_F(MessagingTest, PayloadWordsRunOutInWordsAndComeBackOldestFirst) {
 }
 
 TEST_F(MessagingTest, SignalsDoNotEndAWait) {
-    CZantMsgQueue queue;
-    ASSERT_EQ(open(queue), 0);
     static std::atomic<int> handled{0};
     struct sigaction action {};
     struct sigaction before {};
     action.sa_handler = [](int) { ++handled; };
     sigaction(SIGUSR1, &action, &before);
-    std::atomic<bool> isOver{false};
-    std::thread disturber([&, waiter = pthread_self()] {
-        for (int sent = 0; sent < 5; ++sent) {
-            pthread_kill(waiter, SIGUSR1);
-            support::waitUntil([&] { return handled > sent; });
-        }
-        CZantMsg msg(517);
-        while (!isOver && queue.GetNrOfMsgsInQueue() == 0)
-            queue.Send(&msg, 0);
-    });
-    CZantMsg received;
-    EXPECT_EQ(queue.ReceiveFromNonblockingQueue(&received, 0), 0);
-    isOver = true;
-    disturber.join();
-    EXPECT_EQ(handled, 5);
-    EXPECT_EQ(received.signalId, 517U);
+    for (const int mode : {0, O_NONBLOCK}) {
+        CZantMsgQueue queue;
+        ASSERT_EQ(open(queue, "", 10, O_RDWR | O_CREAT | mode), 0);
+        handled = 0;
+        std::atomic<bool> isOver{false};
+        std::thread disturber([&, waiter = pthread_self()] {
+            for (int sent = 0; sent < 5; ++sent) {
+                pthread_kill(waiter, SIGUSR1);
+                support::waitUntil([&] { return handled > sent; });
+            }
+            CZantMsg msg(517);
+            while (!isOver && queue.GetNrOfMsgsInQueue() == 0)
+                queue.Send(&msg, 0);
+        });
+        CZantMsg received;
+        EXPECT_EQ(mode == 0 ? queue.Receive(&received, 0)
+                            : queue.ReceiveFromNonblockingQueue(&received, 0),
+                  0);
+        isOver = true;
+        disturber.join();
+        EXPECT_EQ(handled, 5);
+        EXPECT_EQ(received.signalId, 517U);
+    }
     sigaction(SIGUSR1, &before, nullptr);
 }
 
