@@ -279,26 +279,6 @@ TEST_F(ThreadsTest, StopAllStopsInOrderAndLeavesItsCaller) {
     } caller;
     caller.StartThread("caller", 0, 0);
     caller.StopThreadAndWait();
-
-    // Of two who stop all one waits for the other, and no longer.
-    Recorder held;
-    ASSERT_EQ(held.init(), 0);
-    held.hold = true;
-    ASSERT_EQ(held.StartThread("held", 0, 0), 0);
-    ASSERT_EQ(held.post(), 0);
-    ASSERT_TRUE(waitUntil([&] { return !held.mutexIsFree(); }));
-    std::atomic<int> through{0};
-    std::vector<std::thread> stoppers;
-    for (int i = 0; i < 2; ++i)
-        stoppers.emplace_back([&through] {
-            CThreadObject::StopAllThreads();
-            ++through;
-        });
-    EXPECT_FALSE(waitUntil([&] { return through > 0; }, std::chrono::milliseconds(100)));
-    held.hold = false;
-    EXPECT_TRUE(waitUntil([&] { return through == 2; }));
-    for (std::thread& stopper : stoppers)
-        stopper.join();
 }
 
 TEST_F(ThreadsTest, QueueThreadHandlesWhatCameBeforeTheStop) {
