@@ -80,6 +80,14 @@ void GstNoxBackend::removeComponent(const char* name) {
                "removed:%d", 1);
 }
 
+/// The kinds are crosswise.
+void GstNoxBackend::takeDecodedStream(const char* name, bool isVideo) {
+    if (!hasComponent(name))
+        addComponent(isVideo ? "audio" : "video", name);
+    if (!isVideo)
+        checkMetaDataChanged();
+}
+
 bool GstNoxBackend::hasComponent(const char* name) {
     const GLibLock lock(m_lock);
     return m_components.find(name) != m_components.end();

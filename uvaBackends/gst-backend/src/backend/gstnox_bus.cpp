@@ -116,25 +116,6 @@ void GstNoxBackend::raiseEvent(UVAEvent* event, GstDebugLevel level, const char*
     m_client->deliverEvent(owned.release());
 }
 
-GstBusSyncReply GstNoxBackend::_sift_message(GstBus* /*bus*/, GstMessage* message,
-                                             gpointer /*unused*/) noexcept {
-    constexpr int handled = GST_MESSAGE_EOS | GST_MESSAGE_ERROR | GST_MESSAGE_BUFFERING |
-                            GST_MESSAGE_STATE_CHANGED | GST_MESSAGE_APPLICATION;
-    const bool ofPart = GST_MESSAGE_TYPE(message) == GST_MESSAGE_STATE_CHANGED &&
-                        GST_MESSAGE_SRC(message) != nullptr &&
-                        GST_OBJECT_PARENT(GST_MESSAGE_SRC(message)) != nullptr;
-    if ((GST_MESSAGE_TYPE(message) & handled) != 0 && !ofPart)
-        return GST_BUS_PASS;
-    gst_message_unref(message); // who says "drop" owns it
-    return GST_BUS_DROP;
-}
-
-gboolean GstNoxBackend::_handle_message(GstBus* /*bus*/, GstMessage* message,
-                                        gpointer backend) noexcept {
-    return guarded(GST_CAT_DEFAULT, "a message of the pipeline", TRUE,
-                   [=] { return static_cast<GstNoxBackend*>(backend)->handleGstMessages(message); });
-}
-
 gboolean GstNoxBackend::handleGstMessages(GstMessage* message) {
     const Operation operation(*this);
     switch (GST_MESSAGE_TYPE(message)) {
@@ -170,7 +151,7 @@ void GstNoxBackend::handleBuffering(GstMessage* message) {
 }
 
 void GstNoxBackend::handleStateChangedMessage(GstMessage* message) {
-    if (GST_MESSAGE_SRC(message) != GST_OBJECT_CAST(m_pipeline.get()))
+    if (GST_MESSAGE_SRC(message) != GST_OBJECT_CAST(m_pipeline.element().get()))
         return;
     GstState before = GST_STATE_VOID_PENDING;
     GstState now = GST_STATE_VOID_PENDING;
@@ -193,7 +174,7 @@ void GstNoxBackend::handleErrorMessage(GstMessage* message) {
 
     GST_ERROR("Error received from element '%s': %s (%d)", element, error->message, error->code);
     GST_ERROR("Debugging information: %s", debug);
-    writeGraph("gstbackend-error");
+    m_pipeline.writeGraph("gstbackend-error");
     const char* domain = g_quark_to_string(error->domain);
     GST_WARNING("***W: %s: %s (%d) (%s)", domain, error->message, error->code, debug);
     if (error->domain == GST_RESOURCE_ERROR) {
@@ -218,7 +199,7 @@ void GstNoxBackend::handleApplicationMessage(GstMessage* message) {
     if (name == "GstNoxVideoFormat")
         handleVideoFormat(structure);
     else if (name == "GstNoxAudioFormat")
-        writeGraph("nox-anfy");
+        m_pipeline.writeGraph("nox-anfy");
     else if (name == "GstNoxDecoderNeeded")
         handleDecoderNeeded(structure);
 }
@@ -238,7 +219,7 @@ void GstNoxBackend::handleVideoFormat(const GstStructure* format) {
     if (gst_structure_get_fraction(format, "frame-rate", &numerator, &denominator))
         m_facts.setFrameRate(static_cast<double>(numerator) / static_cast<double>(denominator));
     checkMetaDataChanged();
-    writeGraph("nox-vnfy");
+    m_pipeline.writeGraph("nox-vnfy");
 }
 
 void GstNoxBackend::handleDecoderNeeded(const GstStructure* structure) {

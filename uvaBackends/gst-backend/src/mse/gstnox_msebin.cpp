@@ -167,6 +167,7 @@ void GstMseBin::Destroy() {
     const auto parent = GstPtr<GstObject>::adopt(gst_object_get_parent(GST_OBJECT(bin.get())));
     if (parent)
         gst_bin_remove(GST_BIN(parent.get()), bin.get());
+    m_decrypter.release(); // whoever drops the last reference to this may hold a lock
 }
 
 bool GstMseBin::isActive() {

@@ -40,7 +40,7 @@ public:
     /// Drops what is queued. No sample is taken from then on.
     void close() EXCLUDES(lock);
     /// Closes, stops the elements and takes them out of the pipeline. Waits for the streaming
-    /// thread. Host thread.
+    /// thread; no other thread is in write(). Host thread.
     void Destroy() EXCLUDES(lock);
 
     /// Queues the samples of a data event, in order. The array's slots are cleared.

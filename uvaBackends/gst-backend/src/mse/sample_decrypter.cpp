@@ -93,9 +93,7 @@ bool SampleDecrypter::decryptInPlace(const GstMapInfo& payload, GstBuffer* buffe
     if (m_context == nullptr || m_drm != meta.drm_backend)
         m_context.reset(gst_uva_decrypter_context_new()); // it stays with its DRM backend
     m_drm = meta.drm_backend;
-    const auto keySystem = m_group.keySystem();
-    return gst_uva_decrypter_context_update(m_context.get(), &meta,
-                                            keySystem != nullptr ? keySystem->client : 0) &&
+    return gst_uva_decrypter_context_update(m_context.get(), &meta, m_group.client()) &&
            gst_uva_decrypter_context_software_decrypt_debug(
                m_context.get(), payload.data, payload.size, &meta,
                toSeconds(GST_BUFFER_PTS(buffer)), toSeconds(GST_BUFFER_DTS(buffer)),

@@ -19,6 +19,8 @@ public:
     /// Puts a decrypted copy in the place of the payload, and takes the protection off. False: the
     /// buffer stays as it is. It is the caller's alone.
     bool decrypt(GstBuffer* buffer);
+    /// Gives the host its decrypter back.
+    void release() { m_context.reset(); }
 
 private:
     struct FreeContext {
