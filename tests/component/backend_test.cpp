@@ -559,6 +559,33 @@ TEST_F(BackendTest, StoppingEndsTheWaitForADecoder) {
     EXPECT_EQ(client.count(UVAEvent::DecodeError), 0); // nobody refused
 }
 
+// Nobody waits for the answer since the flush; the player that it was asked for is no more.
+TEST_F(BackendTest, ALateRefusalIsNotForTheNextPlayer) {
+    const auto sink = GstPtr<GstElement>::sink(gst_element_factory_make("halvideosink", nullptr));
+    const auto pad = GstPtr<GstPad>::adopt(gst_element_get_static_pad(sink.get(), "sink"));
+    gst_pad_set_active(pad.get(), TRUE);
+    ASSERT_EQ(backend.gstPlaybinCreate(), 0);
+    GstNoxPipeline::element_setup_cb(nullptr, sink.get(), &backend.pipeline());
+    int answer = -1;
+    std::thread asking([&] {
+        answer = DecoderHandshake::decoder_request_cb(sink.get(), "video", &backend.decoders());
+    });
+    ASSERT_TRUE(isAskedForADecoder());
+    gst_pad_send_event(pad.get(), gst_event_new_flush_start());
+    asking.join();
+    EXPECT_EQ(answer, 0);
+    backend.gstPlayerStopAndDestroy();
+    const BackendResourceRequestAsyncEvent late(false);
+    backend.eventCompleted(&late, false);
+    client.hook = [&](UVAEvent& event) {
+        if (event.type() == UVAEvent::BackendResourceRequestAsync)
+            backend.eventCompleted(static_cast<UVAAsyncEvent*>(&event), true);
+    };
+    EXPECT_EQ(DecoderHandshake::decoder_request_cb(nullptr, "video", &backend.decoders()), 1);
+    EXPECT_EQ(client.count(UVAEvent::BackendResourceRequestAsync), 2);
+    EXPECT_EQ(client.count(UVAEvent::DecodeError), 0);
+}
+
 // A log function waits for a thread that uses the backend.
 TEST_F(BackendTest, LinesAreLoggedUnderNoLock) {
     struct Logger {
