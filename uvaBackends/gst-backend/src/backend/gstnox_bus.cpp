@@ -4,7 +4,6 @@
 #include "base/gstnox_debug.h"
 #include "uva/uva_event.h"
 
-#include <algorithm>
 #include <array>
 #include <cstdarg>
 #include <string_view>
@@ -17,76 +16,30 @@ BufferingStreamBufferedEvent::~BufferingStreamBufferedEvent() = default;
 
 namespace {
 
-struct EventName {
-    int type;
-    const char* name;
-};
-
+/// By the host's numbers, from 0 on.
 constexpr std::array eventNames{
-    EventName{0, "BackendResourceRevoked"},
-    EventName{1, "BackendResourceRequestAsync"},
-    EventName{2, "BackendResourceReleased"},
-    EventName{3, "NeedData"},
-    EventName{4, "NeedMSEData"},
-    EventName{5, "PlaybackFinished"},
-    EventName{6, "NewMetadata"},
-    EventName{7, "NeedKeySystem"},
-    EventName{8, "DecodeError"},
-    EventName{9, "VideoFrameAvailable"},
-    EventName{10, "VideoBufferAvailable"},
-    EventName{11, "DRMRightsError"},
-    EventName{12, "ParentalRatingError"},
-    EventName{13, "ParentalRatingChange"},
-    EventName{14, "PlaySpeedChanged"},
-    EventName{15, "BroadcastPlayPositionChanged"},
-    EventName{16, "BroadcastPlaystateChange"},
-    EventName{17, "BroadcastSignalStrengthChanged"},
-    EventName{18, "ChannelChangeError"},
-    EventName{19, "ChannelChangeSucceeded"},
-    EventName{20, "ProgrammesChanged"},
-    EventName{21, "Recording"},
-    EventName{22, "BufferingProgress"},
-    EventName{23, "BufferingNetworkError"},
-    EventName{24, "BufferingIdle"},
-    EventName{25, "BufferingStreamUnderrun"},
-    EventName{26, "BufferingStreamBuffered"},
-    EventName{27, "ConnectionEstablished"},
-    EventName{28, "ConnectionLost"},
-    EventName{29, "DeprecatedSubtitlesChanged"},
-    EventName{30, "ComponentChanged"},
-    EventName{31, "ExternalComponentActivate"},
-    EventName{32, "MultiComponentChanged"},
-    EventName{33, "InBandVTTUpdate"},
-    EventName{34, "InBandDVBSub"},
-    EventName{35, "InBandDataUpdate"},
-    EventName{36, "InBandTTML"},
-    EventName{37, "InBandRemoveCuesRange"},
-    EventName{38, "GetCookies"},
-    EventName{39, "PlaySpeedsArrayChanged"},
-    EventName{40, "SetCookie"},
-    EventName{41, "CancelDataRequestsAsync"},
-    EventName{42, "SeekCompletedEx"},
-    EventName{43, "CacheUpdateRequestAsync"},
-    EventName{44, "PidFilterData"},
-    EventName{45, "ChannelChanged"},
-    EventName{46, "TunerStateChanged"},
-    EventName{47, "BouquetSelectionChanged"},
-    EventName{48, "ContentIdChanged"},
-    EventName{49, "MrsUrlChanged"},
-    EventName{50, "AsyncReleaseFinished"},
-    EventName{51, "FramesDropped"},
-    EventName{52, "BufferingStreamPreloaded"},
-    EventName{53, "ActiveStateChanged"},
-    EventName{54, "PauseFinished"},
-    EventName{3000, "PastLastNonOoifEvent"},
-    EventName{9000, "unknown Event"},
+    "BackendResourceRevoked", "BackendResourceRequestAsync", "BackendResourceReleased", "NeedData",
+    "NeedMSEData", "PlaybackFinished", "NewMetadata", "NeedKeySystem", "DecodeError",
+    "VideoFrameAvailable", "VideoBufferAvailable", "DRMRightsError", "ParentalRatingError",
+    "ParentalRatingChange", "PlaySpeedChanged", "BroadcastPlayPositionChanged",
+    "BroadcastPlaystateChange", "BroadcastSignalStrengthChanged", "ChannelChangeError",
+    "ChannelChangeSucceeded", "ProgrammesChanged", "Recording", "BufferingProgress",
+    "BufferingNetworkError", "BufferingIdle", "BufferingStreamUnderrun", "BufferingStreamBuffered",
+    "ConnectionEstablished", "ConnectionLost", "DeprecatedSubtitlesChanged", "ComponentChanged",
+    "ExternalComponentActivate", "MultiComponentChanged", "InBandVTTUpdate", "InBandDVBSub",
+    "InBandDataUpdate", "InBandTTML", "InBandRemoveCuesRange", "GetCookies",
+    "PlaySpeedsArrayChanged", "SetCookie", "CancelDataRequestsAsync", "SeekCompletedEx",
+    "CacheUpdateRequestAsync", "PidFilterData", "ChannelChanged", "TunerStateChanged",
+    "BouquetSelectionChanged", "ContentIdChanged", "MrsUrlChanged", "AsyncReleaseFinished",
+    "FramesDropped", "BufferingStreamPreloaded", "ActiveStateChanged", "PauseFinished",
 };
 
 const char* eventName(int type) {
-    const auto* last = eventNames.end() - 1;
-    return std::find_if(eventNames.begin(), last,
-                        [type](const EventName& row) { return row.type == type; })
-        ->name;
+    constexpr int pastLastNonOoif = 3000;
+    if (type == pastLastNonOoif)
+        return "PastLastNonOoifEvent";
+    const auto index = static_cast<std::size_t>(type);
+    return index < eventNames.size() ? eventNames[index] : "unknown Event";
 }
 
 /// From the element that fetches a URL, and about a resource: the network, as the client sees it.
