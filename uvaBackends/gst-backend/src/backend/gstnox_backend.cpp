@@ -114,8 +114,7 @@ GstNoxBackend::~GstNoxBackend() {
     ++m_leases; // of what runs here, which shall not delete it once more
     GST_INFO("entry");
     Registry::instance().remove(*this);
-    if (m_life == Life::Used)
-        shutDown();
+    shutDown(); // anew, after release(): a client may have begun something from inside an event
     GST_INFO("done");
 }
 

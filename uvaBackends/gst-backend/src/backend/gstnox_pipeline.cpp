@@ -168,8 +168,10 @@ void GstNoxPipeline::setAudioSink(GstElement* sink) {
 }
 
 void GstNoxPipeline::forgetAudioSink(const GstElement* sink) {
-    if (audioSink().get() == sink)
-        setAudioSink(nullptr);
+    GstPtr<GstElement> forgotten;
+    const GLibLock lock(m_lock);
+    if (m_audioSink.get() == sink)
+        std::swap(forgotten, m_audioSink);
 }
 
 GstPtr<GstElement> GstNoxPipeline::audioSink() {

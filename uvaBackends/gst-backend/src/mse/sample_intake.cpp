@@ -106,8 +106,8 @@ struct SampleIntake::Format {
 
     bool matches(const UVAStreamConfig& c) const {
         return codec == c.codec && sampleRate == c.sampleRate && channels == c.channels &&
-               width == c.width && height == c.height && sameCodecData(c) && sameColor(c.color) &&
-               sameMastering(c.mastering);
+               width == c.width && height == c.height && sameCodecData(c) && areSame(color, c.color) &&
+               areSame(mastering, c.mastering);
     }
 
     const GstPtr<GstCaps> caps;
@@ -118,18 +118,11 @@ private:
         return codecData.size() == size &&
                (size == 0 || std::memcmp(codecData.data(), c.codecData, size) == 0);
     }
-    bool sameColor(const UVAStreamConfig::ColorInfo* other) const {
-        if (!color || other == nullptr)
-            return !color && other == nullptr;
-        return color->matrix == other->matrix && color->range == other->range &&
-               color->transfer == other->transfer && color->primaries == other->primaries &&
-               color->bitsPerChannel == other->bitsPerChannel;
-    }
-    bool sameMastering(const UVAStreamConfig::MasteringMetadata* other) const {
-        if (!mastering || other == nullptr)
-            return !mastering && other == nullptr;
-        // Doubles alone: there is nothing between them.
-        return std::memcmp(&*mastering, other, sizeof *other) == 0;
+    /// Numbers alone: there is nothing between them.
+    template <typename Numbers>
+    static bool areSame(const std::optional<Numbers>& kept, const Numbers* others) {
+        return kept.has_value() == (others != nullptr) &&
+               (!kept || std::memcmp(&*kept, others, sizeof *others) == 0);
     }
 
     const int codec, sampleRate, channels, width, height;
