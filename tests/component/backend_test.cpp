@@ -505,7 +505,8 @@ TEST_F(BackendTest, AClientThatThrowsWhenItIsAskedHasRefused) {
     };
     EXPECT_EQ(DecoderHandshake::decoder_request_cb(nullptr, "video", &backend.decoders()), 0);
     EXPECT_EQ(client.count(UVAEvent::DecodeError), 1);
-    EXPECT_EQ(DecoderHandshake::decoder_request_cb(nullptr, "video", &backend.decoders()), 1) << "asked again";
+    EXPECT_EQ(DecoderHandshake::decoder_request_cb(nullptr, "video", &backend.decoders()), 1)
+        << "asked again";
 }
 
 // Once the client has granted it; a media source's sink at once.
@@ -514,7 +515,8 @@ TEST_F(BackendTest, ASinkIsToldWhenItsRequestGoesToTheMainSystem) {
     int told = 0;
     g_signal_connect_swapped(sink.get(), "decoder-request-forwarded",
                              G_CALLBACK(+[](int* count) { ++*count; }), &told);
-    EXPECT_EQ(DecoderHandshake::source_decoder_request_cb(sink.get(), "video", &backend.decoders()), 1);
+    EXPECT_EQ(DecoderHandshake::source_decoder_request_cb(sink.get(), "video", &backend.decoders()),
+              1);
     EXPECT_EQ(told, 1);
     EXPECT_EQ(client.types(), Types{}) << "nobody was asked";
     for (const bool granted : {false, true}) {
@@ -524,7 +526,8 @@ TEST_F(BackendTest, ASinkIsToldWhenItsRequestGoesToTheMainSystem) {
                 backend.eventCompleted(static_cast<UVAAsyncEvent*>(&event), granted);
         };
         told = 0;
-        EXPECT_EQ(DecoderHandshake::decoder_request_cb(sink.get(), "video", &backend.decoders()), granted);
+        EXPECT_EQ(DecoderHandshake::decoder_request_cb(sink.get(), "video", &backend.decoders()),
+                  granted);
         EXPECT_EQ(told, granted);
         EXPECT_EQ(client.count(UVAEvent::DecodeError), !granted);
     }
@@ -540,8 +543,9 @@ TEST_F(BackendTest, ARefusedSinkIsNotAnsweredWithTheNextOnesGrant) {
                 other.eventCompleted(&answer, true);
         };
         int first = -1;
-        std::thread sink(
-            [&] { first = DecoderHandshake::decoder_request_cb(nullptr, "video", &other.decoders()); });
+        std::thread sink([&] {
+            first = DecoderHandshake::decoder_request_cb(nullptr, "video", &other.decoders());
+        });
         ASSERT_TRUE(isAskedForADecoder());
         other.eventCompleted(&answer, false);
         EXPECT_EQ(DecoderHandshake::decoder_request_cb(nullptr, "audio", &other.decoders()), 1);
@@ -621,8 +625,9 @@ TEST_F(BackendTest, RemovingASourceLeavesOthersOfItsKindWaiting) {
     const auto sink = GstPtr<GstElement>::sink(gst_element_factory_make("halaudiosink", nullptr));
     ASSERT_EQ(backend.attachSource(new TestSource(3, "audio/x-plain")), UVABackend::Success);
     int answer = -1;
-    std::thread asking(
-        [&] { answer = DecoderHandshake::decoder_request_cb(sink.get(), "audio", &backend.decoders()); });
+    std::thread asking([&] {
+        answer = DecoderHandshake::decoder_request_cb(sink.get(), "audio", &backend.decoders());
+    });
     ASSERT_TRUE(isAskedForADecoder());
     EXPECT_TRUE(backend.removeSource(3));
     const BackendResourceRequestAsyncEvent granted(true);

@@ -640,7 +640,8 @@ TEST_F(MediaSourceTest, WithoutAPlayerSamplesWait) {
     playUntilAsked(1);
     backend->releaseResources(UVABackend::AllResources);
     feed(videoId);
-    EXPECT_NE(GstNoxBackend::describeAll().find("queued=2 bytes=100 needData=0"), std::string::npos);
+    EXPECT_NE(GstNoxBackend::describeAll().find("queued=2 bytes=100 needData=0"),
+              std::string::npos);
 }
 
 TEST_F(MediaSourceTest, AReleaseFromInsideAWriteIsTheEnd) {

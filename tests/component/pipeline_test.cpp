@@ -123,8 +123,8 @@ TEST_F(PipelineTest, FactoriesAreSortedForTheStream) {
             g_value_take_object(value, gst_element_factory_find(name));
         }
         const auto parsed = GstPtr<GstCaps>::adopt(gst_caps_from_string(caps));
-        GValueArray* other =
-            GstNoxPipeline::autoplug_sort_cb(nullptr, nullptr, parsed.get(), factories, &backend.pipeline());
+        GValueArray* other = GstNoxPipeline::autoplug_sort_cb(nullptr, nullptr, parsed.get(),
+                                                              factories, &backend.pipeline());
         std::string names = other != nullptr ? "new:" : "";
         const GValueArray* list = other != nullptr ? other : factories;
         for (guint i = 0; i < list->n_values; ++i) {

@@ -80,8 +80,7 @@ void CUvaGstIfReceiver::ProcessZantMsg(CZantMsg* msg) {
     if (!msg)
         return;
     if (const auto thrown = thrownBy([&] { dispatch(*msg); }))
-        UVA_GST_IF_LOG(BackendIf, Error, "***E: %s is lost: %s", signalName(*msg),
-                       thrown->c_str());
+        UVA_GST_IF_LOG(BackendIf, Error, "***E: %s is lost: %s", signalName(*msg), thrown->c_str());
     msg->FreeSignal();
 }
 

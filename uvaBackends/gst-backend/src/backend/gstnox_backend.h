@@ -2,12 +2,12 @@
 #define GSTNOX_BACKEND_H
 
 #include "UvaGstIfReceiver.h"
-#include "base/glib_lock.h"
-#include "base/gst_ptr.h"
 #include "backend/gstnox_decoder.h"
 #include "backend/gstnox_pipeline.h"
 #include "backend/gstnox_seek.h"
 #include "backend/media_facts.h"
+#include "base/glib_lock.h"
+#include "base/gst_ptr.h"
 #include "mse/media_source_group.h"
 #include "mse/media_sources.h"
 #include "uva/uva_client.h"
@@ -28,8 +28,8 @@ class GstNoxAvComponent;
 /// the client about it.
 ///
 /// Threads: the host calls the virtual operations on one thread; bus messages are handled on the
-/// main-loop thread "gst_run"; the callbacks run on GStreamer's streaming threads. What they share is
-/// in objects with locks of their own. No event is delivered while a lock is held.
+/// main-loop thread "gst_run"; the callbacks run on GStreamer's streaming threads. What they share
+/// is in objects with locks of their own. No event is delivered while a lock is held.
 ///
 /// Waits: a sink may wait in its "decoder-request" for the client's answer, then for the main
 /// system's; that of a media source for the latter alone. The client is asked for one sink at a
@@ -214,7 +214,8 @@ private:
     MediaSources m_sources;
     SeekState m_seek;
     CUvaGstIfReceiver& m_mainSystem{*g_link};
-    DecoderHandshake m_decoders{m_mainSystem, {[this] { askClient(); }, [this] { tellOfRefusal(); }}};
+    DecoderHandshake m_decoders{m_mainSystem,
+                                {[this] { askClient(); }, [this] { tellOfRefusal(); }}};
     GstNoxPipeline m_pipeline{
         {[this](GstMessage* message) { handleGstMessages(message); },
          [this](GstElement* sink) { return takeSink(sink, DecoderHandshake::SinkOf::Url); },

@@ -4,8 +4,8 @@
 #include "base/gstnox_debug.h"
 #include "uva/uva_event.h"
 
-#include <array>
 #include <cstdarg>
+#include <iterator>
 #include <string_view>
 
 #define GST_CAT_DEFAULT gst_backend_debug
@@ -17,21 +17,62 @@ BufferingStreamBufferedEvent::~BufferingStreamBufferedEvent() = default;
 namespace {
 
 /// By the host's numbers, from 0 on.
-constexpr std::array eventNames{
-    "BackendResourceRevoked", "BackendResourceRequestAsync", "BackendResourceReleased", "NeedData",
-    "NeedMSEData", "PlaybackFinished", "NewMetadata", "NeedKeySystem", "DecodeError",
-    "VideoFrameAvailable", "VideoBufferAvailable", "DRMRightsError", "ParentalRatingError",
-    "ParentalRatingChange", "PlaySpeedChanged", "BroadcastPlayPositionChanged",
-    "BroadcastPlaystateChange", "BroadcastSignalStrengthChanged", "ChannelChangeError",
-    "ChannelChangeSucceeded", "ProgrammesChanged", "Recording", "BufferingProgress",
-    "BufferingNetworkError", "BufferingIdle", "BufferingStreamUnderrun", "BufferingStreamBuffered",
-    "ConnectionEstablished", "ConnectionLost", "DeprecatedSubtitlesChanged", "ComponentChanged",
-    "ExternalComponentActivate", "MultiComponentChanged", "InBandVTTUpdate", "InBandDVBSub",
-    "InBandDataUpdate", "InBandTTML", "InBandRemoveCuesRange", "GetCookies",
-    "PlaySpeedsArrayChanged", "SetCookie", "CancelDataRequestsAsync", "SeekCompletedEx",
-    "CacheUpdateRequestAsync", "PidFilterData", "ChannelChanged", "TunerStateChanged",
-    "BouquetSelectionChanged", "ContentIdChanged", "MrsUrlChanged", "AsyncReleaseFinished",
-    "FramesDropped", "BufferingStreamPreloaded", "ActiveStateChanged", "PauseFinished",
+constexpr const char* eventNames[] = {
+    "BackendResourceRevoked",
+    "BackendResourceRequestAsync",
+    "BackendResourceReleased",
+    "NeedData",
+    "NeedMSEData",
+    "PlaybackFinished",
+    "NewMetadata",
+    "NeedKeySystem",
+    "DecodeError",
+    "VideoFrameAvailable",
+    "VideoBufferAvailable",
+    "DRMRightsError",
+    "ParentalRatingError",
+    "ParentalRatingChange",
+    "PlaySpeedChanged",
+    "BroadcastPlayPositionChanged",
+    "BroadcastPlaystateChange",
+    "BroadcastSignalStrengthChanged",
+    "ChannelChangeError",
+    "ChannelChangeSucceeded",
+    "ProgrammesChanged",
+    "Recording",
+    "BufferingProgress",
+    "BufferingNetworkError",
+    "BufferingIdle",
+    "BufferingStreamUnderrun",
+    "BufferingStreamBuffered",
+    "ConnectionEstablished",
+    "ConnectionLost",
+    "DeprecatedSubtitlesChanged",
+    "ComponentChanged",
+    "ExternalComponentActivate",
+    "MultiComponentChanged",
+    "InBandVTTUpdate",
+    "InBandDVBSub",
+    "InBandDataUpdate",
+    "InBandTTML",
+    "InBandRemoveCuesRange",
+    "GetCookies",
+    "PlaySpeedsArrayChanged",
+    "SetCookie",
+    "CancelDataRequestsAsync",
+    "SeekCompletedEx",
+    "CacheUpdateRequestAsync",
+    "PidFilterData",
+    "ChannelChanged",
+    "TunerStateChanged",
+    "BouquetSelectionChanged",
+    "ContentIdChanged",
+    "MrsUrlChanged",
+    "AsyncReleaseFinished",
+    "FramesDropped",
+    "BufferingStreamPreloaded",
+    "ActiveStateChanged",
+    "PauseFinished",
 };
 
 const char* eventName(int type) {
@@ -39,7 +80,7 @@ const char* eventName(int type) {
     if (type == pastLastNonOoif)
         return "PastLastNonOoifEvent";
     const auto index = static_cast<std::size_t>(type);
-    return index < eventNames.size() ? eventNames[index] : "unknown Event";
+    return index < std::size(eventNames) ? eventNames[index] : "unknown Event";
 }
 
 /// From the element that fetches a URL, and about a resource: the network, as the client sees it.

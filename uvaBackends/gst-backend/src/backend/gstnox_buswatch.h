@@ -18,7 +18,8 @@ public:
     using Handler = std::function<void(GstMessage*)>;
 
     /// A watch that hands each message to the handler, but those that are of no use to it: they are
-    /// dropped on the thread that posts them and wake nobody up, nine of ten while a pipeline starts.
+    /// dropped on the thread that posts them and wake nobody up, nine of ten while a pipeline
+    /// starts.
     static std::shared_ptr<GstNoxBusWatch> add(GstBus* bus, Handler handler);
 
     /// No message is handed over any more, and none is being handled on another thread. On the
@@ -26,7 +27,8 @@ public:
     void remove(GstBus* bus) EXCLUDES(m_lock);
 
     // Callbacks of the bus; `watch` is a share of the watch. Any thread; "gst_run".
-    static GstBusSyncReply _sift_message(GstBus* bus, GstMessage* message, gpointer unused) noexcept;
+    static GstBusSyncReply _sift_message(GstBus* bus, GstMessage* message,
+                                         gpointer unused) noexcept;
     static gboolean _handle_message(GstBus* bus, GstMessage* message, gpointer watch) noexcept;
 
 private:

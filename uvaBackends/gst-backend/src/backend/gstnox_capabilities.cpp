@@ -249,8 +249,8 @@ bool GstNoxBackend::isCodecSupported(const char* codec) {
 
 bool GstNoxBackend::isSpecSupported(const CodecSpec* table, int width, int height, int fps) {
     for (const CodecSpec* row = table; row->width != 0; ++row) {
-        const bool heightFits = row->height < 0 ? height <= -row->height
-                                                : row->height != 0 && height == row->height;
+        const bool heightFits =
+            row->height < 0 ? height <= -row->height : row->height != 0 && height == row->height;
         if (row->width == width && row->fps >= fps && heightFits)
             return true;
     }

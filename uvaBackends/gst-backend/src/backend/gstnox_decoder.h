@@ -37,7 +37,8 @@ public:
     DecoderHandshake(CUvaGstIfReceiver& mainSystem, Client client)
         : m_mainSystem(mainSystem), m_client(std::move(client)) {}
 
-    /// What a sink may be: of a URL, or of a media source, which the client has fed: it is not asked.
+    /// What a sink may be: of a URL, or of a media source, which the client has fed: it is not
+    /// asked.
     enum class SinkOf { Url, MediaSource };
     /// From now on the sink's "decoder-request" is answered here, and a flush of its pad "sink"
     /// interrupts that. The handshake outlives the sink's streaming threads.

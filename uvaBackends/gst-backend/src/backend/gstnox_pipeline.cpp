@@ -149,11 +149,10 @@ std::optional<gint64> GstNoxPipeline::duration() {
 
 bool GstNoxPipeline::seek(guint64 target) {
     const auto pipeline = element();
-    return pipeline &&
-           gst_element_seek_simple(
-               pipeline.get(), GST_FORMAT_TIME,
-               static_cast<GstSeekFlags>(GST_SEEK_FLAG_FLUSH | GST_SEEK_FLAG_ACCURATE),
-               static_cast<gint64>(target)) != FALSE;
+    return pipeline && gst_element_seek_simple(
+                           pipeline.get(), GST_FORMAT_TIME,
+                           static_cast<GstSeekFlags>(GST_SEEK_FLAG_FLUSH | GST_SEEK_FLAG_ACCURATE),
+                           static_cast<gint64>(target)) != FALSE;
 }
 
 void GstNoxPipeline::writeGraph(const char* name) {
@@ -182,7 +181,7 @@ GstPtr<GstElement> GstNoxPipeline::audioSink() {
 // ---- what its elements tell
 
 void GstNoxPipeline::element_setup_cb(GstElement* /*playbin*/, GstElement* element,
-                                     gpointer self) noexcept {
+                                      gpointer self) noexcept {
     guarded("element-setup", [=] { of(self)->setupElement(element); });
 }
 
@@ -208,7 +207,7 @@ void GstNoxPipeline::setupElement(GstElement* element) {
 }
 
 void GstNoxPipeline::source_setup_cb(GstElement* /*playbin*/, GstElement* source,
-                                    gpointer self) noexcept {
+                                     gpointer self) noexcept {
     GST_DEBUG("source=%s", GST_OBJECT_NAME(source));
     if (std::string_view(factoryName(source)) != "souphttpsrc")
         return;
@@ -222,7 +221,7 @@ void GstNoxPipeline::about_to_finish_cb(GstElement* /*playbin*/, gpointer /*self
 }
 
 void GstNoxPipeline::demux_pad_added_cb(GstElement* /*demuxer*/, GstPad* pad,
-                                       gpointer self) noexcept {
+                                        gpointer self) noexcept {
     GST_DEBUG("padname=%s", GST_PAD_NAME(pad));
     if (beginsWith(GST_PAD_NAME(pad), "video"))
         gst_pad_add_probe(pad, GST_PAD_PROBE_TYPE_EVENT_DOWNSTREAM, demux_video_pad_event_probe,
@@ -230,7 +229,7 @@ void GstNoxPipeline::demux_pad_added_cb(GstElement* /*demuxer*/, GstPad* pad,
 }
 
 GstPadProbeReturn GstNoxPipeline::demux_video_pad_event_probe(GstPad* pad, GstPadProbeInfo* info,
-                                                             gpointer self) noexcept {
+                                                              gpointer self) noexcept {
     if (GstCaps* caps = capsOf(info))
         guarded("demuxer's caps", [=] { of(self)->takeDemuxerCaps(pad, caps); });
     return GST_PAD_PROBE_OK;
@@ -259,14 +258,14 @@ void GstNoxPipeline::takeDemuxerCaps(GstPad* pad, GstCaps* caps) {
 }
 
 void GstNoxPipeline::decodebin_pad_added_cb(GstElement* /*decodebin*/, GstPad* pad,
-                                           gpointer self) noexcept {
+                                            gpointer self) noexcept {
     GST_DEBUG("padname=%s", GST_PAD_NAME(pad));
-    gst_pad_add_probe(pad, GST_PAD_PROBE_TYPE_EVENT_DOWNSTREAM, decodebin_srcpad_event_probe,
-                      self, nullptr);
+    gst_pad_add_probe(pad, GST_PAD_PROBE_TYPE_EVENT_DOWNSTREAM, decodebin_srcpad_event_probe, self,
+                      nullptr);
 }
 
 GstPadProbeReturn GstNoxPipeline::decodebin_srcpad_event_probe(GstPad* pad, GstPadProbeInfo* info,
-                                                              gpointer self) noexcept {
+                                                               gpointer self) noexcept {
     if (GstCaps* caps = capsOf(info))
         guarded("decodebin's caps", [=] { of(self)->takeDecodedCaps(pad, caps); });
     return GST_PAD_PROBE_OK;
@@ -281,7 +280,7 @@ void GstNoxPipeline::takeDecodedCaps(GstPad* pad, GstCaps* caps) {
 }
 
 void GstNoxPipeline::decodebin_pad_removed_cb(GstElement* /*decodebin*/, GstPad* pad,
-                                             gpointer self) noexcept {
+                                              gpointer self) noexcept {
     if (gst_pad_get_direction(pad) != GST_PAD_SRC)
         return;
     GST_DEBUG("padname=%s", GST_PAD_NAME(pad));
@@ -292,7 +291,7 @@ G_GNUC_BEGIN_IGNORE_DEPRECATIONS // GValueArray is what decodebin's signal speak
 
     GValueArray*
     GstNoxPipeline::autoplug_sort_cb(GstElement* /*decodebin*/, GstPad* /*pad*/, GstCaps* caps,
-                                    GValueArray* factories, gpointer self) noexcept {
+                                     GValueArray* factories, gpointer self) noexcept {
     const GstStructure* structure = firstStructure(caps);
     const gchar* variant =
         structure != nullptr ? gst_structure_get_string(structure, "variant") : nullptr;
@@ -323,4 +322,3 @@ gint GstNoxPipeline::priorize_vptsfilter(gconstpointer a, gconstpointer b) noexc
         return -1;
     return isFilter(b) ? 1 : 0;
 }
-

@@ -36,7 +36,8 @@ public:
     };
 
     /// What a demuxer tells of the media goes to the facts, which outlive the pipeline.
-    GstNoxPipeline(Client client, MediaFacts& facts) : m_client(std::move(client)), m_facts(facts) {}
+    GstNoxPipeline(Client client, MediaFacts& facts)
+        : m_client(std::move(client)), m_facts(facts) {}
 
     /// False, with the reason logged: there is one already, or GStreamer has none.
     bool createPlaybin();
@@ -73,7 +74,8 @@ public:
     static void about_to_finish_cb(GstElement* playbin, gpointer self) noexcept;
     static void demux_pad_added_cb(GstElement* demuxer, GstPad* pad, gpointer self) noexcept;
     static void decodebin_pad_added_cb(GstElement* decodebin, GstPad* pad, gpointer self) noexcept;
-    static void decodebin_pad_removed_cb(GstElement* decodebin, GstPad* pad, gpointer self) noexcept;
+    static void decodebin_pad_removed_cb(GstElement* decodebin, GstPad* pad,
+                                         gpointer self) noexcept;
     static GstPadProbeReturn demux_video_pad_event_probe(GstPad* pad, GstPadProbeInfo* info,
                                                          gpointer self) noexcept;
     static GstPadProbeReturn decodebin_srcpad_event_probe(GstPad* pad, GstPadProbeInfo* info,

@@ -8,8 +8,8 @@ namespace {
 
 constexpr std::uint64_t largest = 2147483647;
 
-/// Digits from `text` on, which is moved behind them; false when there is none, or the value exceeds
-/// 64 bits.
+/// Digits from `text` on, which is moved behind them; false when there is none, or the value
+/// exceeds 64 bits.
 bool readDigits(const char*& text, std::uint64_t& value) {
     const char* const first = text;
     value = 0;

@@ -277,8 +277,8 @@ GstMseBin::Step GstMseBin::nextStep() {
     GstMiniObject* item = step.item.get();
     if (item == nullptr)
         return step;
-    step.isProtected = GST_IS_BUFFER(item) && gst_buffer_get_content_protection_meta(
-                                                  GST_BUFFER_CAST(item)) != nullptr;
+    step.isProtected = GST_IS_BUFFER(item) &&
+                       gst_buffer_get_content_protection_meta(GST_BUFFER_CAST(item)) != nullptr;
     if (!GST_IS_BUFFER(item))
         m_isPushing = true;
     else if (!step.isProtected)

@@ -84,7 +84,7 @@ private:
     struct Step {
         SampleQueue::Item item; ///< null: there is nothing to do
         GstClockTime segmentStart = GST_CLOCK_TIME_NONE; ///< to be installed before it, or none
-        bool isProtected = false;  ///< it is to be decrypted before
+        bool isProtected = false;                        ///< it is to be decrypted before
         unsigned int flushes = 0;  ///< when it was taken
         std::size_t remaining = 0; ///< what is queued behind it
         /// The host's sample, which is not to go while a flush may be waiting for the push.

@@ -106,8 +106,8 @@ struct SampleIntake::Format {
 
     bool matches(const UVAStreamConfig& c) const {
         return codec == c.codec && sampleRate == c.sampleRate && channels == c.channels &&
-               width == c.width && height == c.height && sameCodecData(c) && areSame(color, c.color) &&
-               areSame(mastering, c.mastering);
+               width == c.width && height == c.height && sameCodecData(c) &&
+               areSame(color, c.color) && areSame(mastering, c.mastering);
     }
 
     const GstPtr<GstCaps> caps;
