@@ -2,7 +2,7 @@
 #define TVBOX_BOX_H
 
 #include "box_files.h"
-#include "common/boxes/box_registry.h"
+#include "common/box_registry.h"
 #include "log_collector.h"
 #include "options.h"
 #include "signals.h"

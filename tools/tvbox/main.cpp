@@ -19,15 +19,18 @@ namespace {
 std::string commandOf(const std::string& process) {
     std::ifstream in(process + "/cmdline");
     Words words;
-    for (std::string word; std::getline(in, word, '\0');)
+    for (std::string word; std::getline(in, word, '\0');) {
+        std::replace_if(
+            word.begin(), word.end(), [](unsigned char c) { return c < ' '; }, ' ');
         words.push_back(word);
-    std::string text;
-    if (!words.empty()) {
-        for (const auto& word : parseOptions(words).command)
-            text += (text.empty() ? "" : " ") + word;
     }
-    std::replace_if(
-        text.begin(), text.end(), [](unsigned char c) { return c < ' '; }, ' ');
+    std::vector<const char*> arguments;
+    for (const auto& word : words)
+        arguments.push_back(word.c_str());
+    const auto parsed = parseOptions(static_cast<int>(arguments.size()), arguments.data());
+    std::string text;
+    for (const auto& word : parsed.options ? parsed.options->command : Words())
+        text += (text.empty() ? "" : " ") + word;
     return text;
 }
 
@@ -131,7 +134,8 @@ int run(const Options& options) {
 
 int main(int argc, char** argv) {
     try {
-        return tvbox::run(tvbox::parseOptions({argv, argv + argc}));
+        const auto parsed = tvbox::parseOptions(argc, argv);
+        return parsed.options ? tvbox::run(*parsed.options) : parsed.tell();
     } catch (const std::exception& failure) {
         tvbox::notice(failure.what());
     }
