@@ -34,9 +34,11 @@ void declare(CLI::App& app, const Option& option) {
         }
         return true;
     };
+    const bool repeated = option.use == Use::Repeated;
     app.add_option(option.name, takeAll, option.help)
         ->type_name(option.value)
-        ->expected(1, option.use == Use::Repeated ? CLI::detail::expected_max_vector_size : 1);
+        ->expected(1, repeated ? CLI::detail::expected_max_vector_size : 1)
+        ->allow_extra_args(repeated && option.name[0] != '-'); // several words in a row
 }
 
 void declareAll(CLI::App& app, const CommandLine& line) {

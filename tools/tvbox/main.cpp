@@ -69,12 +69,12 @@ int settingOf(const std::string& name) {
     return value;
 }
 
-ScopedFd waitForTurn(const BlockedSignals& signals) {
+ScopedFd waitForTurn(const tools::Signals& signals) {
     ScopedFd file(open(lockPath, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (flock(file.get(), LOCK_EX | LOCK_NB) == 0)
         return file;
     notice("waits for another plain run to end");
-    signals.unblock(); // nothing runs yet: Ctrl-C ends the waiting
+    signals.giveBack(); // nothing runs yet: Ctrl-C ends the waiting
     if (TEMP_FAILURE_RETRY(flock(file.get(), LOCK_EX)) != 0)
         throw Failure(withErrno(std::string("cannot lock ") + lockPath));
     signals.block();
@@ -101,13 +101,13 @@ std::string whyNoBox(const std::string& reason) {
 
 /// Without a box. Such runs share the fixed names of the system inside, so that there is one at a
 /// time.
-int runPlainly(const Options& options, const BlockedSignals& signals) {
+int runPlainly(const Options& options, const tools::Signals& signals) {
     const auto companionLog = openLog(options.companionLog);
     const auto turn = waitForTurn(signals);
     return Supervisor(options, companionLog, signals).run();
 }
 
-int runInBox(const Options& options, const BlockedSignals& signals) {
+int runInBox(const Options& options, const tools::Signals& signals) {
     try {
         return Box(options, signals).run();
     } catch (const Refusal& refusal) {
@@ -122,7 +122,11 @@ int runInBox(const Options& options, const BlockedSignals& signals) {
 int run(const Options& options) {
     if (options.list)
         return printList();
-    const BlockedSignals signals;
+    std::signal(SIGCHLD, SIG_DFL); // whoever ignored it would never learn how a child ended
+    const tools::Signals signals{SIGCHLD, SIGHUP,  SIGINT,  SIGQUIT, SIGTERM,
+                                 SIGUSR1, SIGUSR2, SIGALRM, SIGWINCH};
+    if (signals.fd() < 0)
+        throw Failure(withErrno("cannot listen for signals"));
     if (!options.enter.empty())
         enterBox(options, signals);
     return runInBox(options, signals);

@@ -29,7 +29,7 @@ Files in /etc
 
 Exit code
   That of COMMAND, 128+n if signal n ended it; 127 not found, 126 not executable,
-  125 if tvbox itself failed.
+  125 if tvbox itself or a companion failed.
 
 Without namespaces
   The command runs plainly, one such run at a time, and one line on standard error says what is

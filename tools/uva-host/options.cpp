@@ -2,9 +2,9 @@
 
 #include "host/capability_query.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
-#include <regex>
 
 namespace uvahost {
 
@@ -73,8 +73,8 @@ std::optional<host::KeyPair> parseKey(const std::string& text) {
 }
 
 std::optional<std::string> parseGraph(const std::string& path) {
-    static const std::regex form("[^]*\\.(svg|dot)");
-    return std::regex_match(path, form) ? std::optional(path) : std::nullopt;
+    const std::string ending = path.substr(std::max<std::size_t>(path.size(), 4) - 4);
+    return ending == ".svg" || ending == ".dot" ? std::optional(path) : std::nullopt;
 }
 
 std::optional<host::Protection::Scheme> parseScheme(const std::string& text) {
@@ -210,20 +210,24 @@ std::string complete(Options& options, const Description& asked) {
 } // namespace
 
 std::optional<double> parseTime(const std::string& text) {
-    static const std::regex form("(?:(?:(\\d+):)?(\\d+):)?(\\d+\\.?\\d*|\\.\\d+)");
-    constexpr std::size_t longest = 32;
     constexpr double longestMedia = 1e9; // seconds; what nanoseconds in 64 bits hold
-    std::smatch parts;                   // hours, minutes, seconds
-    if (text.size() > longest || !std::regex_match(text, parts, form))
+    if (text.find_first_not_of("0123456789:.") != std::string::npos)
         return std::nullopt;
     double total = 0;
-    for (std::size_t i = 1; i < parts.size(); ++i) {
-        const double value = parts[i].matched ? std::stod(parts[i]) : 0;
-        if (value >= 60 && i > 1 && parts[i - 1].matched)
+    std::size_t begin = 0;
+    for (const int part : {0, 1, 2}) { // hours, minutes, seconds, or the last of them
+        const auto end = text.find(':', begin);
+        const bool last = end == std::string::npos;
+        const auto digits = text.substr(begin, end - begin);
+        const auto value = tools::readNumber(digits, 0.0, longestMedia);
+        if (!value || (part > 0 && *value >= 60) || (!last && digits.find('.') < digits.size()))
             return std::nullopt;
-        total = total * 60 + value;
+        total = total * 60 + *value;
+        if (last)
+            return total <= longestMedia ? std::optional(total) : std::nullopt;
+        begin = end + 1;
     }
-    return total <= longestMedia ? std::optional(total) : std::nullopt;
+    return std::nullopt;
 }
 
 std::optional<UVABackend::Rect> parseWindow(const std::string& text) {

@@ -2,7 +2,7 @@
 
 #include "command.h"
 
-#include <filesystem>
+#include <sys/stat.h>
 
 namespace mainsys {
 
@@ -55,10 +55,8 @@ std::optional<int> parseNumber(const std::string& text) {
 
 /// Pipes are fine.
 std::optional<std::string> parseScenario(const std::string& path) {
-    std::error_code error;
-    const auto type = std::filesystem::status(path, error).type();
-    using Type = std::filesystem::file_type;
-    const bool readable = type != Type::directory && type != Type::not_found && type != Type::none;
+    struct stat info {};
+    const bool readable = stat(path.c_str(), &info) == 0 && !S_ISDIR(info.st_mode);
     return readable ? std::optional(path) : std::nullopt;
 }
 
