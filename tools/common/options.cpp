@@ -34,7 +34,8 @@ void declare(CLI::App& app, const Option& option) {
         }
         return true;
     };
-    const bool repeated = option.use == Use::Repeated;
+    const bool repeated =
+        option.use == Use::Repeated || std::holds_alternative<Words*>(option.target);
     app.add_option(option.name, takeAll, option.help)
         ->type_name(option.value)
         ->expected(1, repeated ? CLI::detail::expected_max_vector_size : 1)

@@ -17,13 +17,14 @@ constexpr int usageError = 2;
 /// Takes the text of a value. Answers what is wrong with it and what to write; empty: it is taken.
 using Read = std::function<std::string(const std::string& text)>;
 
-enum class Use { Once, Repeated, Alone /** without any other option */ };
+/// How often an option may be there. Alone: once, and no other one.
+enum class Use { Once, Repeated, Alone };
 
 struct Option {
     const char* name;  ///< "--seek" or "-h,--help"; without dashes: the words between the options
     const char* value; ///< what the help calls its value; null: a flag
     const char* help;
-    /// What gets the value: of a flag, of an option, of one that is Repeated, or checked.
+    /// Takes the value: of a flag, of one option, of any number, or after a check.
     std::variant<bool*, std::string*, std::vector<std::string>*, Read> target;
     Use use = Use::Once;
     const char* needs = nullptr; ///< the option that must be there as well

@@ -123,8 +123,7 @@ using tools::Use;
 tools::OptionGroup playing(Options& options) {
     return {
         "Options",
-        {{"media", "FILE|URL", "Files or URLs, played one after the other", &options.media,
-          Use::Repeated},
+        {{"media", "FILE|URL", "Files or URLs, played one after the other", &options.media},
          {"--standalone", nullptr, "Run without a main system: nobody arbitrates the decoders",
           &options.standalone},
          {"--seek", "T[,T...]", "Seek there once playback has started; several one after the other",

@@ -73,8 +73,7 @@ tools::Parsed<Options> parseOptions(int argc, const char* const* argv) {
            {"--timeout", "SECONDS", "Wait that long for an answer (10)",
             into(options.timeout, timeout)},
            {"--box", "NAME", "The shell inside a box of tvbox", &options.box},
-           {"--follow", "FILE", "Show what is added to this file, too", &options.follow,
-            tools::Use::Repeated}}}}};
+           {"--follow", "FILE", "Show what is added to this file, too", &options.follow}}}}};
     line.command = &words;
     line.usageError = ExitNoShell;
     line.check = [&] {
