@@ -92,6 +92,8 @@ std::optional<std::chrono::milliseconds> parseDelay(const std::string& text) {
 using tools::Form;
 using tools::into;
 
+namespace form {
+
 constexpr Form<double> time{parseTime, "is no time; write 12.5 or 1:30"};
 constexpr Form<double> period{parsePeriod, "is no time above 0"};
 constexpr Form<UVABackend::Rect> window{parseWindow,
@@ -105,6 +107,8 @@ constexpr Form<std::chrono::milliseconds> delay{parseDelay,
 constexpr Form<host::Protection::Scheme> scheme{parseScheme, "is neither cenc nor cbcs"};
 constexpr Form<UVABackend::ContentDescription> contentType{
     host::parseContentType, "is no content type; write e.g. 'video/mp4; codecs=\"avc1.640028\"'"};
+
+} // namespace form
 
 /// Several values with commas between.
 tools::Read list(const tools::Read& one) {
@@ -127,25 +131,26 @@ tools::OptionGroup playing(Options& options) {
          {"--standalone", nullptr, "Run without a main system: nobody arbitrates the decoders",
           &options.standalone},
          {"--seek", "T[,T...]", "Seek there once playback has started; several one after the other",
-          list(into(options.seeks, time)), Use::Repeated},
-         {"--duration", "T", "Stop after playing for so long", into(options.duration, period)},
+          list(into(options.seeks, form::time)), Use::Repeated},
+         {"--duration", "T", "Stop after playing for so long",
+          into(options.duration, form::period)},
          {"--window", "X,Y,WxH", "Place the picture, in a screen of 1280x720",
-          into(options.window, window)},
+          into(options.window, form::window)},
          {"--deny-resources", nullptr, "Refuse the decoders when the backend asks for them",
           &options.denyResources},
          {"--snapshot", "OUT.png", "Write the picture at the end (of the last file) as PNG",
           &options.snapshot},
-         {"--snapshot-at", "T", "... or when the position passes T", into(options.snapshotAt, time),
-          Use::Once, "--snapshot"},
+         {"--snapshot-at", "T", "... or when the position passes T",
+          into(options.snapshotAt, form::time), Use::Once, "--snapshot"},
          {"--graph", "OUT.svg|OUT.dot",
           "Write the pipeline's graph: OUT.dot as it is, OUT.svg drawn by Graphviz",
-          into(options.graph, graph)},
+          into(options.graph, form::graph)},
          {"--timeline", "OUT.json", "Write operations, events and states as Chrome trace events",
           &options.timeline},
          {"--no-progress-timeout", "T",
           "Give up when nothing moves for so long; 0: never (default: 5 to 30, by what is waited "
           "for)",
-          into(options.noProgressTimeout, time)},
+          into(options.noProgressTimeout, form::time)},
          {"--backend", "PATH", "The backend library (libuvagstbackend.so)", &options.backend},
          {"--quiet", nullptr, "Print nothing but errors and answers, nor let the library",
           &options.quiet}}};
@@ -158,15 +163,15 @@ tools::OptionGroup mediaSources(Options& options) {
               "video of one",
               &options.mse},
              {"--switch-at", "T=FILE", "Go on with another rendition from T on",
-              into(options.switches, rendition), Use::Repeated, "--mse"},
+              into(options.switches, form::rendition), Use::Repeated, "--mse"},
              {"--detach-at", "T=audio|video", "Detach a source at T and attach it again",
-              into(options.detaches, detach), Use::Repeated, "--mse"},
-             {"--key", "KID:KEY", "A key for encrypted media", into(options.keys, key),
+              into(options.detaches, form::detach), Use::Repeated, "--mse"},
+             {"--key", "KID:KEY", "A key for encrypted media", into(options.keys, form::key),
               Use::Repeated, "--mse"},
              {"--key-delay", "MS", "Have the keys only so many milliseconds after they are needed",
-              into(options.keyDelay, delay), Use::Once, "--key"},
+              into(options.keyDelay, form::delay), Use::Once, "--key"},
              {"--protect", "cenc|cbcs", "Encrypt clear samples on their way in, with the first key",
-              into(options.protect, scheme), Use::Once, "--key"},
+              into(options.protect, form::scheme), Use::Once, "--key"},
              {"--full-sample-decrypter", nullptr,
               "Decrypt samples in one call each, not range by range", &options.fullSampleDecrypter,
               Use::Once, "--key"}}};
@@ -183,7 +188,7 @@ tools::OptionGroup questions(Options& options, Description& asked) {
             {{"--can-play", "MIME",
               "Whether the backend can play a content type, and why not; parameters as in '...; "
               "width=1920' are read",
-              into(options.canPlay, contentType)},
+              into(options.canPlay, form::contentType)},
              parameter("--width", asked.width, "... of this width, pixels"),
              parameter("--height", asked.height, "... of this height, pixels"),
              parameter("--framerate", asked.framerate,

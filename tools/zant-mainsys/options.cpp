@@ -49,7 +49,7 @@ Exit codes:
   137  'crash' (128 and SIGKILL)
 )";
 
-std::optional<int> parseNumber(const std::string& text) {
+std::optional<int> parseDecoders(const std::string& text) {
     return tools::readNumber(text, 0, 16);
 }
 
@@ -60,7 +60,7 @@ std::optional<std::string> parseScenario(const std::string& path) {
     return readable ? std::optional(path) : std::nullopt;
 }
 
-constexpr tools::Form<int> number{parseNumber, "is no number from 0 to 16"};
+constexpr tools::Form<int> decoders{parseDecoders, "is no number from 0 to 16"};
 constexpr tools::Form<std::string> scenario{parseScenario, "is no file that is there"};
 
 } // namespace
@@ -78,9 +78,9 @@ tools::Parsed<Options> parseOptions(int argc, const char* const* argv) {
            {"--timeline", "OUT.json", "Write the handshake as Chrome trace events",
             &options.timeline},
            {"--audio", "N", "Number of audio decoders, up to 16 (1)",
-            into(options.audioDecoders, number)},
+            into(options.audioDecoders, decoders)},
            {"--video", "N", "Number of video decoders, up to 16 (1)",
-            into(options.videoDecoders, number)},
+            into(options.videoDecoders, decoders)},
            {"--down", nullptr, "Begin without a main system, until 'restart'", &options.down},
            {"--quiet", nullptr, "Print nothing but failed expectations and errors",
             &options.quiet}}}}};
