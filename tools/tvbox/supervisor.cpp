@@ -246,6 +246,8 @@ bool Supervisor::handleUntil(milliseconds time, const std::function<bool()>& don
 void Supervisor::handleSignal() {
     const auto info = m_signals.takeInfo();
     const auto signal = static_cast<int>(info.ssi_signo);
+    if (signal == 0) // taken already
+        return;
     if (signal == SIGCHLD)
         return reap();
     // There is no command yet that would get it: it ends the start, also from the terminal.
