@@ -7,7 +7,6 @@
 #include "host/picture.h"
 #include "uva/uva_backend.h"
 
-#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <functional>
@@ -150,7 +149,6 @@ public:
 private:
     const std::shared_ptr<EventLoop> m_loop;
     const std::shared_ptr<ElementCore> m_core;
-    std::atomic<std::uint64_t> m_seeks{0};
     std::optional<bool> m_released; // what release() answered
 };
 
