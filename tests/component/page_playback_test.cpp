@@ -63,11 +63,23 @@ struct Track {
     }
 };
 
+std::shared_ptr<const host::BackendLibrary> library() {
+    static const auto loaded = [] {
+        setenv("NOX_GST_STANDALONE", "1", 1);
+        gst_init(nullptr, nullptr);
+        SinkWatch::instance();
+        return host::BackendLibrary::load("");
+    }();
+    EXPECT_NE(loaded.library, nullptr) << loaded.error;
+    return loaded.library;
+}
+
 using Tracks = std::vector<Track>; ///< audio first, if there is any
 
 Tracks load(const std::string& name,
             host::Protection::Scheme scheme = host::Protection::Scheme::None,
             const host::KeyPair& key = {}) {
+    library(); // first of all
     const std::atomic<bool> cancelled{false};
     auto media = host::openMedia(TEST_MEDIA_DIR "/" + name, cancelled);
     EXPECT_EQ(media.error, "");
@@ -91,17 +103,6 @@ Tracks load(const std::string& name,
         tracks.push_back(std::move(track));
     }
     return tracks;
-}
-
-std::shared_ptr<const host::BackendLibrary> library() {
-    static const auto loaded = [] {
-        setenv("NOX_GST_STANDALONE", "1", 1);
-        gst_init(nullptr, nullptr);
-        SinkWatch::instance();
-        return host::BackendLibrary::load("");
-    }();
-    EXPECT_NE(loaded.library, nullptr) << loaded.error;
-    return loaded.library;
 }
 
 /// Knows besides what became of which seek.
@@ -590,8 +591,9 @@ TEST(PagePlayback, SurvivesItsPage) {
         EXPECT_FALSE(page->element().setRate(2));
         if (round == 5)
             page->element().detach(page->source(0));
-        if (round % 3 == 0)
+        if (round % 3 == 0) {
             EXPECT_TRUE(page->element().release(longBound)); // while they go on
+        }
         stop = true;
         for (auto& thread : threads)
             thread.join();
