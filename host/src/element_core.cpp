@@ -406,6 +406,7 @@ void ElementCore::act(const Delivery& delivery) {
         break;
     case UVAEvent::PlaybackFinished:
         trackPosition(); // what was played up to it says nothing against it
+        changeCodecs(true);
         if (m_feeding == nullptr || m_feeding->hasEnded())
             m_end.see();
         break;
@@ -461,7 +462,7 @@ void ElementCore::tick() {
     trackPosition();
     if (m_feeding != nullptr) {
         feedAnew();
-        m_feeding->changeCodecs();
+        changeCodecs(false);
         m_feeding->balance();
     }
     m_watch.hearErrors();
@@ -484,6 +485,16 @@ void ElementCore::trackPosition() {
     if (hasMoved || status.duration != before.second)
         m_playback.publish();
     m_position.set(m_seek.destination(), m_seeksTaken);
+}
+
+void ElementCore::changeCodecs(bool finished) {
+    if (m_feeding == nullptr)
+        return;
+    const auto goOn = m_feeding->changeCodecs(finished);
+    if (!goOn || !m_seek.isIdle())
+        return;
+    m_seek.request({0, *goOn});
+    beginSeek();
 }
 
 /// What the backend holds, and has not shown, is outdated: it gets what is there now.

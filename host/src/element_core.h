@@ -118,6 +118,7 @@ private:
     void act(const Delivery& delivery);
     void completeCancel(const UVAAsyncEvent& event, std::uint64_t number);
     void feedAnew();
+    void changeCodecs(bool finished);
     void decoderAsked(Clock::time_point time);
 
     void beginSeek();

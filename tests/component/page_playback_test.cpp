@@ -31,12 +31,19 @@ struct Track {
     StreamInfo info;
     std::vector<BufferedFrame> frames;
 
+    double begin() const {
+        double earliest = 1000;
+        for (const auto& frame : frames)
+            earliest = std::min(earliest, frame.sample.pts);
+        return earliest;
+    }
     double end() const {
         double latest = 0;
         for (const auto& frame : frames)
             latest = std::max(latest, frame.sample.pts + frame.sample.duration);
         return latest;
     }
+    double length() const { return end() - std::max(begin(), 0.0); }
     std::size_t pictures() const { return frames.size(); }
     /// Those whose decoding begins at or behind one time and before another.
     std::vector<BufferedFrame> part(double from, double to) const {
@@ -227,12 +234,31 @@ std::vector<double> timesBehindTheLastFlush(const RenderedStream& video) {
     return times;
 }
 
+/// Without a hole. The first picture begins where playback does, in the middle of it.
 void expectEvenly(const std::vector<double>& times, double from, double to) {
-    ASSERT_FALSE(times.empty());
-    EXPECT_NEAR(times.front(), from, frameTime);
-    EXPECT_NEAR(times.back() + frameTime, to, frameTime);
-    for (std::size_t i = 1; i < times.size(); ++i)
+    ASSERT_GE(times.size(), 2U);
+    EXPECT_NEAR(times[0], from, 0.001);
+    EXPECT_LE(times[1] - times[0], frameTime + 0.003);
+    EXPECT_NEAR(times.back() + frameTime, to, 0.003);
+    for (std::size_t i = 2; i < times.size(); ++i)
         EXPECT_NEAR(times[i] - times[i - 1], frameTime, 0.003) << "at " << times[i];
+}
+
+/// ... though the sinks were flushed on the way: a picture may come twice then, or cut.
+void expectPlayedOn(double from, double to) {
+    std::vector<double> times;
+    unsigned int flushes = 0;
+    for (const auto& picture : SinkWatch::instance().video().buffers) {
+        const bool isCut = !times.empty() && picture.flushes != flushes;
+        flushes = picture.flushes;
+        if (times.empty() || (!isCut && picture.position > times.back() + 0.001))
+            times.push_back(picture.position);
+    }
+    ASSERT_FALSE(times.empty());
+    EXPECT_NEAR(times.front(), from, 0.001);
+    EXPECT_NEAR(times.back() + frameTime, to, 0.003);
+    for (std::size_t i = 1; i < times.size(); ++i)
+        EXPECT_LE(times[i] - times[i - 1], 2 * frameTime + 0.003) << "at " << times[i];
 }
 
 TEST(PagePlayback, LosesNothingOfWhatIsAppendedPieceByPiece) {
@@ -261,7 +287,7 @@ TEST(PagePlayback, LosesNothingOfWhatIsAppendedPieceByPiece) {
     EXPECT_NEAR(page.element().position(), tracks[0].end(), 0.05);
     const auto video = SinkWatch::instance().video();
     EXPECT_EQ(video.buffers.size(), tracks[1].pictures());
-    EXPECT_NEAR(soundOf(SinkWatch::instance().audio()), tracks[0].end(), 0.05);
+    EXPECT_NEAR(soundOf(SinkWatch::instance().audio()), tracks[0].length(), 0.05);
     const auto counters = page.element().counters();
     EXPECT_EQ(counters.shown, tracks[1].pictures());
     EXPECT_EQ(counters.dropped, 0U);
@@ -279,7 +305,7 @@ TEST(PagePlayback, BeginsWhereItIsTold) {
         page.append(tracks);
         page.end();
         page.element().play();
-        ASSERT_TRUE(page.waitFor(State::Ended)) << page.observer().status().reason;
+        ASSERT_TRUE(page.waitFor(State::Ended)) << page.heard();
         const auto times = timesBehindTheLastFlush(SinkWatch::instance().video());
         expectEvenly(times, start, tracks[1].end());
         EXPECT_NEAR(soundOf(SinkWatch::instance().audio()), tracks[0].end() - start, 0.1);
@@ -368,7 +394,8 @@ TEST(PagePlayback, AnswersEachSeekOfAStormAndPlaysFromTheLast) {
 /// A rendition takes the place of what has been handed over and not been shown.
 TEST(PagePlayback, ShowsWhatTookThePlace) {
     const auto tracks = load("frag.mp4");
-    const auto other = load("clip.mp4").at(1).moved(0, 10000); // 640x360
+    auto other = load("clip.mp4").at(1); // 640x360
+    other = other.moved(tracks[1].begin() - other.begin(), 10000);
     SinkWatch::instance().restart(clocked);
     Page page({tracks[1]});
     page.append({tracks[1]});
@@ -384,16 +411,11 @@ TEST(PagePlayback, ShowsWhatTookThePlace) {
     page.buffer(0).remove(sequences);
     page.buffer(0).add(other.part(at, 1000));
     page.end();
-    ASSERT_TRUE(page.waitFor(State::Ended)) << page.observer().status().reason;
+    ASSERT_TRUE(page.waitFor(State::Ended)) << page.heard();
     EXPECT_EQ(page.heard().find("seek to"), std::string::npos) << "that was the element's own";
     const auto status = page.observer().status();
     EXPECT_EQ(status.width, 640);
-    const auto video = SinkWatch::instance().video();
-    std::vector<double> times;
-    for (const auto& picture : video.buffers)
-        if (times.empty() || picture.position > times.back() + 0.001)
-            times.push_back(picture.position); // the one it stood at may come twice
-    expectEvenly(times, 0, other.end());
+    expectPlayedOn(other.begin(), other.end());
 }
 
 TEST(PagePlayback, GoesOnBehindAnEndThatIsNone) {
@@ -416,12 +438,8 @@ TEST(PagePlayback, GoesOnBehindAnEndThatIsNone) {
         ASSERT_TRUE(page.waitForPosition(tracks[0].end() - 0.5));
         page.forget();
         ASSERT_TRUE(page.waitToHear("end at "));
-        std::vector<double> times;
-        for (const auto& picture : SinkWatch::instance().video().buffers)
-            if (times.empty() || picture.position > times.back() + 0.001)
-                times.push_back(picture.position);
-        expectEvenly(times, 0, tracks[1].end());
-        EXPECT_GE(soundOf(SinkWatch::instance().audio()), tracks[0].end() - 0.1);
+        expectPlayedOn(tracks[1].begin(), tracks[1].end());
+        EXPECT_GE(soundOf(SinkWatch::instance().audio()), tracks[0].length() - 0.1);
         // Played once more, it begins anew.
         page.forget();
         page.element().play();
@@ -432,7 +450,8 @@ TEST(PagePlayback, GoesOnBehindAnEndThatIsNone) {
 
 TEST(PagePlayback, ChangesTheCodecWhereItChanges) {
     const auto first = load("h264-only.mp4");
-    const auto second = load("vp9-opus.webm").at(1).moved(2, 10000);
+    auto second = load("vp9-opus.webm").at(1);
+    second = second.moved(first[0].end() - second.begin(), 10000);
     SinkWatch::instance().restart(clocked);
     Page page(first);
     page.append(first);
@@ -440,17 +459,10 @@ TEST(PagePlayback, ChangesTheCodecWhereItChanges) {
     page.element().play();
     page.buffer(0).add(second.frames);
     page.end();
-    ASSERT_TRUE(page.waitFor(State::Ended)) << page.observer().status().reason;
-    std::vector<double> times;
-    for (const auto& picture : SinkWatch::instance().video().buffers)
-        if (times.empty() || picture.position > times.back() + 0.001)
-            times.push_back(picture.position);
-    ASSERT_FALSE(times.empty());
-    EXPECT_NEAR(times.front(), 0, 0.001);
-    EXPECT_NEAR(times.back(), second.end() - frameTime, 0.01);
-    const std::size_t all = first[0].pictures() + second.pictures();
-    EXPECT_LE(times.size(), all);
-    EXPECT_GE(times.size() + 2, all) << "those at the change itself may be lost";
+    ASSERT_TRUE(page.waitFor(State::Ended)) << page.heard();
+    EXPECT_EQ(SinkWatch::instance().video().buffers.size(),
+              first[0].pictures() + second.pictures());
+    expectPlayedOn(first[0].begin(), second.end());
     // Back to where it was another one.
     const auto seek = page.element().seek(0.5);
     ASSERT_TRUE(page.waitForSeek(seek));
@@ -537,9 +549,9 @@ TEST(PagePlayback, PlaysEncryptedFramesOnceTheKeyOfItsSessionIsThere) {
         EXPECT_EQ(page.heard().find("setKeySystem"), std::string::npos) << "it is not needed yet";
         keys->addKey(key, session);
         page.element().resumeFeeding();
-        ASSERT_TRUE(page.waitFor(State::Ended)) << page.observer().status().reason;
+        ASSERT_TRUE(page.waitFor(State::Ended)) << page.heard();
         EXPECT_EQ(SinkWatch::instance().video().buffers.size(), clear[1].pictures());
-        EXPECT_NEAR(soundOf(SinkWatch::instance().audio()), clear[0].end(), 0.05);
+        EXPECT_NEAR(soundOf(SinkWatch::instance().audio()), clear[0].length(), 0.05);
         EXPECT_EQ(page.element().counters().corrupted, 0U);
         keys->removeKey(key.id, session);
         EXPECT_FALSE(keys->hasKey(key.id, session));
@@ -615,7 +627,7 @@ TEST(PagePlayback, AnswersWhatCanBePlayedBeforeItPlays) {
         page.addTrack(track.info);
     page.append(tracks);
     page.end();
-    ASSERT_TRUE(page.waitFor(State::Ended)) << page.observer().status().reason;
+    ASSERT_TRUE(page.waitFor(State::Ended)) << page.heard();
 }
 
 } // namespace
