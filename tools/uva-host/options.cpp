@@ -198,7 +198,7 @@ void declare(CLI::App& app, Options& options) {
     app.add_flag("--standalone", options.standalone,
                  "Run without a main system: nobody arbitrates the decoders");
     addMany(app, "--seek", times, options.seeks,
-            "Seek there, a URL once playback has started; several one after the other")
+            "Seek there once playback has started; several one after the other")
         ->delimiter(',');
     addOne(app, "--duration", period, options.duration, "Stop after playing for so long");
     addOne(app, "--window", window, options.window, "Place the picture, in a screen of 1280x720");
