@@ -13,8 +13,8 @@ namespace {
 
 // When playback is held. A decoder must not run dry: what comes late for the clock is lost. What the
 // backend holds, it holds in front of the decoder and in it; it plays on until the next looks.
-constexpr double decoderNeeds = 0.1;                      // seconds
-constexpr double looks = 4;                               // at playback, until it is held
+constexpr double decoderNeeds = 0.05;                     // seconds
+constexpr double looks = 4.5;                             // at playback, until it is held
 constexpr auto patience = std::chrono::milliseconds(100); // with a stream that is being read
 
 double inSeconds(Clock::duration time) {
