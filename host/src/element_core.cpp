@@ -111,8 +111,7 @@ void ElementCore::open(const std::string& uri) {
 void ElementCore::openSource(MediaSource source) {
     if (!begin(source.server))
         return;
-    Feeding::Options options{m_options.mainSystem, m_options.tick,
-                             [this] { return nextSource(); }};
+    Feeding::Options options{m_options.mainSystem, m_options.tick, [this] { return nextSource(); }};
     const double start = source.start;
     m_feeding = std::make_unique<Feeding>(m_calls, m_playback, m_watch, std::move(source),
                                           std::move(options));
@@ -210,8 +209,7 @@ void ElementCore::setDuration(double seconds) {
         m_feeding->setDuration(seconds);
 }
 
-CapabilityAnswer
-ElementCore::canPlayType(const UVABackend::ContentDescription& description) {
+CapabilityAnswer ElementCore::canPlayType(const UVABackend::ContentDescription& description) {
     if (!requestBackend())
         return {false, "there is no backend to ask"};
     return m_calls.ask("canPlayType", [&] { return askCanPlay(*m_calls.backend(), description); });

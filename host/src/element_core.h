@@ -52,8 +52,8 @@ private:
 };
 
 /// The media element on its event loop: brings what is asked for, and what the backend tells, to
-/// the parts that it concerns. Bound to the loop's thread, but for where noted. Tasks share its ownership: should the loop's thread hang in the backend, it
-/// keeps what it stands on.
+/// the parts that it concerns. Bound to the loop's thread, but for where noted. Tasks share its
+/// ownership: should the loop's thread hang in the backend, it keeps what it stands on.
 class ElementCore final : public UVAClient, public std::enable_shared_from_this<ElementCore> {
 public:
     ElementCore(std::shared_ptr<const BackendLibrary> library, std::shared_ptr<EventLoop> loop,

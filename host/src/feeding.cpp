@@ -11,8 +11,8 @@ namespace host {
 
 namespace {
 
-// When playback is held. A decoder must not run dry: what comes late for the clock is lost. What the
-// backend holds, it holds in front of the decoder and in it; it plays on until the next looks.
+// When playback is held. A decoder must not run dry: what comes late for the clock is lost. What
+// the backend holds, it holds in front of the decoder and in it; it plays on until the next looks.
 constexpr double decoderNeeds = 0.05;                     // seconds
 constexpr double looks = 4.5;                             // at playback, until it is held
 constexpr auto patience = std::chrono::milliseconds(100); // with a stream that is being read
@@ -70,8 +70,7 @@ void Feeding::attach(SourceId id, std::shared_ptr<SampleStream> stream) {
 void Feeding::attachToBackend(SourceId id) {
     auto* description = m_feeder->describe(id).release(); // the backend's
     const int attached = m_calls.operate(
-        "attachSource",
-        {number("sourceId", id), {"mimeType", std::string(description->mimeType)}},
+        "attachSource", {number("sourceId", id), {"mimeType", std::string(description->mimeType)}},
         &UVAMediaBackend::attachSource, description);
     if (attached != UVABackend::Success)
         m_playback.fail("the backend did not take the source; see the system log");

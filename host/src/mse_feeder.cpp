@@ -74,8 +74,8 @@ void MseFeeder::open() {
 
 void MseFeeder::opened(DemuxedMedia media) {
     if (media.streams.empty())
-        return m_client->feederFailed(
-            media.error.empty() ? "it has no stream that can be fed" : std::move(media.error));
+        return m_client->feederFailed(media.error.empty() ? "it has no stream that can be fed"
+                                                          : std::move(media.error));
     for (auto& stream : media.streams)
         add(m_nextId(), std::move(stream), m_start);
     m_client->feederOpened();
@@ -145,9 +145,8 @@ MseFeeder::Source* MseFeeder::find(SourceId id) {
 }
 
 bool MseFeeder::hasEnded() const {
-    return !m_sources.empty() &&
-           std::all_of(m_sources.begin(), m_sources.end(),
-                       [](const auto& source) { return source->info.ended; });
+    return !m_sources.empty() && std::all_of(m_sources.begin(), m_sources.end(),
+                                             [](const auto& source) { return source->info.ended; });
 }
 
 /// Of a stream that is filled while it is read.
@@ -232,9 +231,8 @@ void MseFeeder::read(Source& source, std::size_t count) {
     m_readLoop.post([self = shared_from_this(), stream = source.stream, id = source.info.id, count,
                      round = source.round] {
         auto batch = std::make_shared<SampleStream::Batch>(stream->read(count));
-        self->post([id, round, batch](MseFeeder& feeder) {
-            feeder.take(id, round, std::move(*batch));
-        });
+        self->post(
+            [id, round, batch](MseFeeder& feeder) { feeder.take(id, round, std::move(*batch)); });
     });
 }
 

@@ -105,7 +105,7 @@ struct TrackBuffer::State {
     const StreamInfo info;
     locks::Mutex mutex; // nothing is called under it
     Groups groups GUARDED_BY(mutex);
-    std::unordered_map<std::uint64_t, Place> places GUARDED_BY(mutex); // of groups
+    std::unordered_map<std::uint64_t, Place> places GUARDED_BY(mutex);         // of groups
     std::unordered_map<std::uint64_t, std::uint64_t> frames GUARDED_BY(mutex); // their groups
     double gap GUARDED_BY(mutex) = smallestGap;
     bool ended GUARDED_BY(mutex) = false;
@@ -220,14 +220,14 @@ Groups::iterator TrackBuffer::State::groupAt(double time) {
     return hasNext ? behind : time <= end + gap ? before : groups.end();
 }
 
-/// The one with which playback goes on behind the cursor's: the next, if it adjoins, or one that was
-/// put there behind the cursor's back. The end when there is none.
+/// The one with which playback goes on behind the cursor's: the next, if it adjoins, or one that
+/// was put there behind the cursor's back. The end when there is none.
 Groups::iterator TrackBuffer::State::groupBehind() {
     auto next = groups.upper_bound(cursor.place);
     if (next != groups.end() && next->second.begin > cursor.end + gap)
         next = groups.end();
-    auto at = groups.upper_bound(
-        {cursor.end + rounding, std::numeric_limits<std::uint64_t>::max()});
+    auto at =
+        groups.upper_bound({cursor.end + rounding, std::numeric_limits<std::uint64_t>::max()});
     if (at == groups.begin())
         return next;
     --at;

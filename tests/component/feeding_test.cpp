@@ -164,9 +164,8 @@ protected:
 TEST_F(FeedingTest, OpensWithAllItsStreamsOrFails) {
     m_keys = std::make_shared<host::ClearKey>(host::ClearKey::Interface::PerRange);
     start();
-    EXPECT_EQ(calls(),
-              (std::vector<std::string>{"init audio/x 1, 3250 ms", "init video/y 2, 3250 ms",
-                                        "play"}));
+    EXPECT_EQ(calls(), (std::vector<std::string>{"init audio/x 1, 3250 ms",
+                                                 "init video/y 2, 3250 ms", "play"}));
     EXPECT_EQ(m_recorder.story(),
               "UVA_RequestBackend(0)=true; -> opening; initBackend(audio/x, video/y)=1; play()=1; "
               "!BufferingStreamUnderrun(); -> buffering; !BufferingProgress()");
@@ -324,8 +323,8 @@ TEST_F(FeedingTest, HoldsSamplesBackUntilTheirKeyIsThere) {
     EXPECT_EQ(written(1), "2: 0.75 1, 14 bytes");
     request(2, 9);
     EXPECT_EQ(m_recorder.story(), "setKeySystem(org.w3.clearkey)=1; "
-                                   "writeData(2, 2, 14, 0)=1; !NeedMSEData(2, 9); "
-                                   "key 8 needed by 2 at 1.25");
+                                  "writeData(2, 2, 14, 0)=1; !NeedMSEData(2, 9); "
+                                  "key 8 needed by 2 at 1.25");
     EXPECT_EQ(passUntil(State::Failed, seconds(20)), seconds(20));
     addKey(8);
     EXPECT_EQ(written(1), "2: 1.25, 7 bytes");
