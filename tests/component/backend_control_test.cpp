@@ -1,8 +1,8 @@
 // What an engineer and the main system change on a running set: shell commands, control commands.
 
-#include "backend/gstnox_backend.h"
 #include "debug/shell/command_struct.h"
 #include "debug/shell/mshell.h"
+#include "backend/gstnox_backend.h"
 #include "plugin/gstnox_plugin.h"
 #include "support/log_capture.h"
 #include "support/media_host.h"

@@ -1,7 +1,7 @@
 // What the backend takes from the elements of a pipeline, and sets at them, as they come and go.
 
-#include "backend/gstnox_backend.h"
 #include "base/gst_ptr.h"
+#include "backend/gstnox_backend.h"
 #include "plugin/gstnox_plugin.h"
 #include "support/log_capture.h"
 #include "support/media_host.h"
