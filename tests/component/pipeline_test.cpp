@@ -1,22 +1,14 @@
 // What the backend takes from the elements of a pipeline, and sets at them, as they come and go.
 
 #include "base/gst_ptr.h"
-#include "backend/gstnox_backend.h"
-#include "plugin/gstnox_plugin.h"
-#include "support/log_capture.h"
-#include "support/media_host.h"
-
-#include <gtest/gtest.h>
+#include "one_backend.h"
 
 namespace {
 
-using support::LogCapture;
 using Element = GstPtr<GstElement>;
 
-class PipelineTest : public testing::Test {
+class PipelineTest : public OneBackend {
 protected:
-    static void SetUpTestSuite() { ASSERT_TRUE(BackendInit(nullptr)); }
-
     static Element make(const char* factory) {
         auto element = Element::sink(gst_element_factory_make(factory, nullptr));
         EXPECT_TRUE(element) << factory;
@@ -34,9 +26,6 @@ protected:
         gst_pad_push_event(pad.get(), gst_event_new_caps(parsed.get()));
         return pad;
     }
-
-    support::RecordingClient client;
-    GstNoxBackend backend{UVABackend::VideoElement, &client};
 };
 
 TEST_F(PipelineTest, ADemuxersVideoPadTellsSizeAndRatio) {
@@ -93,7 +82,7 @@ TEST_F(PipelineTest, DecodedPadsAreComponentsWhileTheyAreThere) {
 }
 
 TEST_F(PipelineTest, HttpSourcesAreSetUp) {
-    auto* description = new support::TestSource("http://127.0.0.1:9/");
+    auto* description = new TestSource("http://127.0.0.1:9/");
     UVABackend::SourceDescription* sources[] = {description, nullptr};
     ASSERT_EQ(backend.initBackend("", sources, false), UVABackend::Success);
     const auto http = make("souphttpsrc");
