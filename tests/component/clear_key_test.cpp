@@ -481,7 +481,7 @@ TEST(ClearKeyMany, SessionsSeeTheirOwnKeysAndThoseOfAll) {
             return Bytes();
         auto data = clear;
         find<UVADRMFullSampleDecrypter>(keys)->decrypt(
-            decrypter, {data.data(), data.size(), iv.data(), iv.size(), {{0, data.size()}}});
+            decrypter, {data.data(), data.size(), iv.data(), iv.size(), {{0, 32}}});
         keys.releaseDecrypter(decrypter);
         return data;
     };
