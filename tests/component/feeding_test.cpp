@@ -385,7 +385,8 @@ TEST_F(FeedingTest, HoldsPlaybackWhileDataIsShort) {
         m_server = server;
         startPlaying(0.25, 9);
         request(1, 1);
-        EXPECT_EQ(passUntil(State::Failed).count(), *server != '\0' ? 10000 : 10200);
+        expectAsked(1, "read 1; ");
+        EXPECT_EQ(passUntil(State::Failed).count(), *server != '\0' ? 10000 : 10100);
         EXPECT_EQ(m_recorder.status().reason,
                   "stalled at 1.0 s: no data came from " +
                       std::string(*server != '\0' ? server : "the media's file") +
