@@ -30,8 +30,8 @@ Feeding::Feeding(Calls& calls, Playback& playback, ProgressWatch& watch, MediaSo
       m_tooLittle(decoderNeeds + looks * inSeconds(m_options.tick)), m_enough(2 * m_tooLittle),
       m_feeder(std::make_shared<MseFeeder>(calls.loop(), source, *this, m_options.nextId)) {
     m_playback.playFrom(source.start);
-    if (source.duration > 0)
-        m_playback.setDuration(source.duration);
+    if (const double duration = knownDuration(source.duration); duration > 0)
+        m_playback.setDuration(duration);
 }
 
 bool Feeding::isOpen() const {

@@ -21,8 +21,7 @@ public:
         sourceId = static_cast<int>(id);
         mimeType = m_mime.c_str();
         streamType = seekableStream;
-        durationMs =
-            duration > 0 ? static_cast<unsigned long long>(std::llround(duration * 1000)) : 0;
+        durationMs = static_cast<unsigned long long>(std::llround(knownDuration(duration) * 1000));
     }
 
 private:
@@ -38,13 +37,18 @@ KeyBytes keyIdOf(const Sample& sample) {
 
 } // namespace
 
+double knownDuration(double seconds) {
+    constexpr double longest = 9e9; // what nanoseconds in 64 bits hold
+    return seconds > 0 && seconds <= longest ? seconds : 0;
+}
+
 MseFeeder::Client::~Client() = default;
 
 MseFeeder::MseFeeder(std::shared_ptr<EventLoop> loop, MediaSource source, Client& client,
                      std::function<SourceId()> nextId)
     : m_loop(std::move(loop)), m_keys(std::move(source.keys)), m_keySession(source.keySession),
-      m_nextId(std::move(nextId)), m_start(source.start), m_duration(source.duration),
-      m_client(&client), m_open(std::move(source.open)),
+      m_nextId(std::move(nextId)), m_start(source.start),
+      m_duration(knownDuration(source.duration)), m_client(&client), m_open(std::move(source.open)),
       m_cancelled(std::make_shared<std::atomic<bool>>(false)) {}
 
 MseFeeder::~MseFeeder() {
@@ -121,7 +125,7 @@ std::unique_ptr<UVABackend::SourceDescription> MseFeeder::describe(SourceId id) 
     double duration = m_duration;
     for (const auto& source : m_sources)
         if (m_duration <= 0)
-            duration = std::max(duration, source->stream->info().duration);
+            duration = std::max(duration, knownDuration(source->stream->info().duration));
     for (const auto& source : m_sources)
         if (source->info.id == id)
             return std::make_unique<FedSource>(id, source->mimeType, duration);

@@ -15,6 +15,9 @@
 
 namespace host {
 
+/// Seconds; 0, which is unknown, for what is no length that a backend takes.
+double knownDuration(double seconds);
+
 /// Answers a backend's requests for samples. Bound to the element's loop. Streams that may block
 /// are read on a thread of their own, so that a slow file or network holds nothing up; what comes
 /// into the others answers an open request at once.

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cmath>
 #include <iterator>
 #include <limits>
 #include <map>
@@ -19,6 +20,11 @@ constexpr double smallestGap = 0.15; // seconds; shorter ones are played over
 constexpr double rounding = 0.001;   // seconds; of times in files
 constexpr double gapInFrames = 2;    // ... of the longest frame
 constexpr std::uint64_t neverRead = 0;
+
+bool hasNoTimes(const BufferedFrame& frame) {
+    return !std::isfinite(frame.sample.pts) || !std::isfinite(frame.sample.dts) ||
+           std::isinf(frame.sample.duration);
+}
 
 struct Entry {
     BufferedFrame frame;
@@ -345,6 +351,7 @@ TrackBuffer::~TrackBuffer() {
 }
 
 void TrackBuffer::add(std::vector<BufferedFrame> added) {
+    added.erase(std::remove_if(added.begin(), added.end(), hasNoTimes), added.end());
     std::vector<SampleStream::Change> changes;
     std::vector<Entry> replaced;
     {

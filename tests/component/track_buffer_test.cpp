@@ -6,6 +6,7 @@
 
 #include <atomic>
 #include <cmath>
+#include <limits>
 #include <optional>
 #include <sstream>
 #include <thread>
@@ -166,6 +167,12 @@ TEST_F(TrackBufferTest, GoesOnWithTheKeyFrameOfWhatTookThePlace) {
     EXPECT_EQ(read(), "4 5 6 7 |");
     EXPECT_EQ(readFrom(9), "|");
     m_buffer->remove(sequences(0, 100));
+    for (const double time : {std::nan(""), std::numeric_limits<double>::infinity()}) {
+        auto untimed = frames("1@0: 0 1");
+        untimed[0].sample.pts = time;
+        untimed[1].sample.dts = time;
+        m_buffer->add(untimed);
+    }
     EXPECT_EQ(m_buffer->size(), 0U);
     EXPECT_EQ(readFrom(0), "|");
 }

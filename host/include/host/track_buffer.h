@@ -27,7 +27,8 @@ public:
     TrackBuffer(const TrackBuffer&) = delete;
     TrackBuffer& operator=(const TrackBuffer&) = delete;
 
-    /// A frame whose sequence is there already takes the place of that one.
+    /// A frame whose sequence is there already takes the place of that one. One whose times are not
+    /// finite is left out.
     void add(std::vector<BufferedFrame> frames);
     void remove(const std::vector<std::uint64_t>& sequences); ///< unknown ones do not matter
 
