@@ -37,7 +37,7 @@ TEST_F(BackendControl, SwitchesTheAudioOutputOfAPlayerThatHasOne) {
     const auto sink = GstPtr<GstElement>::sink(gst_element_factory_make("halaudiosink", nullptr));
     ASSERT_EQ(backend.gstPlaybinCreate(), 0);
     backend.controlCommands("output-ddp:1"); // nothing to switch yet
-    GstNoxBackend::element_setup_cb(nullptr, sink.get(), &backend);
+    GstNoxPipeline::element_setup_cb(nullptr, sink.get(), &backend.pipeline());
     const auto ddp = [&](const char* commands) {
         backend.controlCommands(commands);
         guint value = 99;
