@@ -162,7 +162,8 @@ tools::OptionGroup mediaSources(Options& options) {
               "Take the media apart and feed its samples; several files are the audio and the "
               "video of one",
               &options.mse},
-             {"--switch-at", "T=FILE", "Go on with another rendition from T on",
+             {"--start", "T", "Begin at T", into(options.start, form::time), Use::Once, "--mse"},
+            {"--switch-at", "T=FILE", "Go on with another rendition from T on",
               into(options.switches, form::rendition), Use::Repeated, "--mse"},
              {"--detach-at", "T=audio|video", "Detach a source at T and attach it again",
               into(options.detaches, form::detach), Use::Repeated, "--mse"},

@@ -1,6 +1,7 @@
 #include "playback.h"
 
 #include "gst_errors.h"
+#include "nox/screen.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -36,6 +37,10 @@ host::MediaElement::Options elementOptions(const Options& options) {
     result.keyDelay = options.keyDelay.value_or(milliseconds(0));
     result.mainSystem = std::getenv("NOX_GST_STANDALONE") == nullptr;
     result.takeError = GstErrors::take;
+    result.pictures = [](host::SourceId source) {
+        const auto counted = nox::Screen::instance().counters(source);
+        return host::PictureCounters{counted.shown, counted.dropped, counted.corrupted};
+    };
     if (options.snapshotAt)
         result.tick = milliseconds(20); // a picture's time
     return result;
@@ -78,14 +83,11 @@ void Playback::begin(Media media) {
     if (auto* const uri = std::get_if<std::string>(&media)) {
         m_element.open(std::move(*uri));
     } else {
-        auto& source = std::get<host::MediaSource>(media);
-        source.keyNeeded = [this](const host::KeyBytes& id) { m_inbox.onKeyNeeded(id); };
-        m_element.openSource(std::move(source));
+        m_element.openSource(std::move(std::get<host::MediaSource>(media)));
     }
     if (m_stage.options.window)
         m_element.setWindow(*m_stage.options.window);
     m_element.play();
-    nextSeek();
 }
 
 host::Clock::duration Playback::played() const {
@@ -138,6 +140,10 @@ void Playback::take(const host::Status& status) {
     m_status = status;
     m_stage.display.show(status);
     m_stage.timeline.add(status);
+    if (!m_hasStarted && (isPlaying() || status.state == host::State::Ended)) {
+        m_hasStarted = true;
+        nextSeek();
+    }
     checkDetaches();
     const bool settled = status.state != host::State::Seeking;
     if (m_wantSnapshot && m_stage.options.snapshotAt && m_result.snapshot.rgba.empty() && settled &&
@@ -145,7 +151,7 @@ void Playback::take(const host::Status& status) {
         snapshot();
 }
 
-void Playback::take(const SeekAnswer& answer) {
+void Playback::take(const host::SeekResult& answer) {
     if (--m_seeksOpen == 0)
         m_lastTarget.reset();
     if (m_seekFromList != answer.target)
@@ -343,6 +349,13 @@ std::string Playback::summary(double playedFor) const {
         text += ", " + std::to_string(m_status.width) + "x" + std::to_string(m_status.height);
     if (m_status.duration > 0)
         text += ", " + seconds(m_status.duration) + " long";
+    const auto counters = m_element.counters();
+    const std::pair<std::uint64_t, const char*> counts[] = {{counters.shown, " pictures"},
+                                                            {counters.dropped, " dropped"},
+                                                            {counters.corrupted, " damaged"}};
+    for (const auto& [count, what] : counts)
+        if (count > 0)
+            text += ", " + std::to_string(count) + what;
     return text;
 }
 

@@ -60,7 +60,7 @@ private:
     void takeRecords();
     void take(const host::Record& record);
     void take(const host::Status& status);
-    void take(const SeekAnswer& answer);
+    void take(const host::SeekResult& answer);
     void take(const KeyNeeded& key);
     void deliverKeys();
     void checkDetaches();
@@ -88,7 +88,8 @@ private:
 
     host::Status m_status;
     host::Clock::duration m_playedBefore{}; // spent playing, up to m_status.time
-    std::deque<double> m_seeksLeft;
+    bool m_hasStarted = false;
+    std::deque<double> m_seeksLeft;       // which begin then
     std::optional<double> m_seekFromList; // the one under way
     std::optional<double> m_lastTarget;   // of the newest seek, while any is under way
     int m_seeksOpen = 0;
