@@ -7,6 +7,7 @@
 
 extern "C" {
 #include <libavutil/error.h>
+#include <libavutil/log.h>
 }
 
 namespace host {
@@ -21,16 +22,17 @@ std::string avErrorText(int error) {
     return text.data();
 }
 
-AVIOInterruptCB Interruption::callback() {
-    return {[](void* interruption) noexcept {
-                return static_cast<const Interruption*>(interruption)->isSet() ? 1 : 0;
-            },
-            this};
+AVIOInterruptCB Interruption::callback() const {
+    const auto ask = [](void* interruption) noexcept {
+        return static_cast<const Interruption*>(interruption)->isSet() ? 1 : 0;
+    };
+    return {ask, const_cast<Interruption*>(this)};
 }
 
 std::string FileBytes::open() {
+    av_log_set_level(AV_LOG_QUIET);
     AVIOContext* io = nullptr;
-    const auto interrupt = m_interruption.callback();
+    const auto interrupt = m_interruption->callback();
     const int error = avio_open2(&io, m_name.c_str(), AVIO_FLAG_READ, &interrupt, nullptr);
     if (error < 0)
         return avErrorText(error);
@@ -47,7 +49,7 @@ std::size_t FileBytes::read(std::uint64_t at, std::uint8_t* bytes, std::size_t s
             m_error = avErrorText(static_cast<int>(error));
         return 0;
     };
-    if (m_interruption.isSet())
+    if (m_interruption->isSet())
         return fail(AVERROR_EXIT);
     if (const auto place = avio_seek(m_io.get(), static_cast<std::int64_t>(at), SEEK_SET);
         place < 0)
@@ -55,8 +57,8 @@ std::size_t FileBytes::read(std::uint64_t at, std::uint8_t* bytes, std::size_t s
     std::size_t there = 0;
     while (there < size) {
         constexpr std::size_t most = std::numeric_limits<int>::max();
-        const int count = avio_read(m_io.get(), bytes + there,
-                                    static_cast<int>(std::min(size - there, most)));
+        const int count =
+            avio_read(m_io.get(), bytes + there, static_cast<int>(std::min(size - there, most)));
         if (count <= 0) {
             fail(count == 0 ? AVERROR_EOF : count);
             break;

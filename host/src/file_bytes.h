@@ -10,6 +10,7 @@ extern "C" {
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <utility>
 
 namespace host {
 
@@ -26,22 +27,20 @@ public:
     void interrupt() { m_interrupted = true; }
     bool isSet() const { return m_interrupted || (m_cancelled && *m_cancelled); }
 
-    AVIOInterruptCB callback();
+    AVIOInterruptCB callback() const; ///< good while this object lives
 
 private:
     const std::atomic<bool>* m_cancelled;
     std::atomic<bool> m_interrupted{false};
 };
 
-/// A file or URL of which any part can be read. Bound to one thread, but for interrupt().
+/// A file or URL of which any part can be read. Bound to one thread.
 class FileBytes {
 public:
-    FileBytes(std::string name, const std::atomic<bool>& cancelled)
-        : m_name(std::move(name)), m_interruption(cancelled) {}
+    FileBytes(std::string name, std::shared_ptr<const Interruption> interruption)
+        : m_name(std::move(name)), m_interruption(std::move(interruption)) {}
 
     std::string open(); ///< answers what went wrong
-    void forgetCancelled() { m_interruption.forgetCancelled(); }
-    void interrupt() { m_interruption.interrupt(); }
 
     /// Answers how many there were: fewer at the end, and when it fails.
     std::size_t read(std::uint64_t at, std::uint8_t* bytes, std::size_t size);
@@ -58,7 +57,7 @@ private:
     };
 
     const std::string m_name;
-    Interruption m_interruption;
+    const std::shared_ptr<const Interruption> m_interruption;
     std::unique_ptr<AVIOContext, Close> m_io;
     std::string m_error;
 };

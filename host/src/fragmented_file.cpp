@@ -1,5 +1,6 @@
 #include "fragmented_file.h"
 
+#include "box_source.h"
 #include "isobmff_fragment.h"
 
 #include <algorithm>
@@ -13,25 +14,16 @@ namespace host {
 
 namespace {
 
-constexpr std::uint64_t largestBox = 64 * 1024 * 1024; ///< of those that are looked into
 constexpr StreamInfo::Kind kinds[] = {StreamInfo::Kind::Audio, StreamInfo::Kind::Video};
-
-struct Header {
-    std::uint32_t type = 0;
-    std::uint64_t position = 0;
-    std::size_t headerSize = 0;
-    std::uint64_t end = 0; ///< the greatest: that of the file
-};
 
 class Indexer {
 public:
-    explicit Indexer(FileBytes& bytes) : m_bytes(bytes) {}
+    explicit Indexer(FileBytes& bytes) : m_bytes(bytes), m_boxes(bytes) {}
 
     std::optional<FragmentedFile> run();
 
 private:
-    std::optional<Header> readHeader();
-    bool take(const Header& header);
+    bool take(const OuterBox& header);
     void takeMovie(const BoxReader& moov);
     void takeFragment(const BoxReader& moof);
     void takeIndex(BoxReader sidx, std::uint64_t end);
@@ -39,13 +31,12 @@ private:
     void takeRandomAccess(BoxReader tfra);
     void addEverywhere(double time, std::uint64_t position);
     FragmentedFile::Track* trackFor(const MovieTrack& track);
-    std::vector<std::uint8_t> bodyOf(const Header& header);
 
     FileBytes& m_bytes;
+    BoxSource m_boxes;
     FragmentedFile m_file;
     std::shared_ptr<const Movie> m_movie;
     std::map<std::uint32_t, std::int64_t> m_nextDts;
-    std::uint64_t m_at = 0;
     bool m_hasFragment = false;
     bool m_hasIndex = false;
 };
@@ -54,7 +45,7 @@ std::optional<FragmentedFile> Indexer::run() {
     const bool isWhole = m_bytes.isLocal();
     try {
         while (isWhole || !m_hasFragment) {
-            const auto header = readHeader();
+            const auto header = m_boxes.next();
             if (!header || !take(*header))
                 break;
         }
@@ -74,41 +65,19 @@ std::optional<FragmentedFile> Indexer::run() {
     return std::move(m_file);
 }
 
-std::optional<Header> Indexer::readHeader() {
-    std::array<std::uint8_t, 16> bytes = {};
-    const auto there = m_bytes.read(m_at, bytes.data(), bytes.size());
-    BoxReader reader(bytes.data(), there, 0, m_at, 0);
-    if (there < 8)
-        return std::nullopt;
-    Header header;
-    std::uint64_t size = reader.u32();
-    header.type = reader.u32();
-    header.position = m_at;
-    constexpr auto toTheEnd = std::numeric_limits<std::uint64_t>::max();
-    if (size == 1)
-        size = reader.u64();
-    else if (size == 0)
-        size = toTheEnd - m_at;
-    header.headerSize = there - reader.left();
-    if (size < header.headerSize || size > toTheEnd - m_at)
-        return std::nullopt;
-    header.end = m_at + size;
-    m_at = header.end;
-    return header;
-}
-
-std::vector<std::uint8_t> Indexer::bodyOf(const Header& header) {
-    const auto size = header.end - header.position - header.headerSize;
-    if (size > largestBox)
-        failBox(header.type, header.position, "is too large");
-    std::vector<std::uint8_t> body(static_cast<std::size_t>(size));
-    if (m_bytes.read(header.position + header.headerSize, body.data(), body.size()) != body.size())
-        failBox(header.type, header.position, "is not there as a whole");
-    return body;
+/// A file that is none of boxes ends here.
+bool canBegin(std::uint32_t type) {
+    constexpr std::uint32_t types[] = {
+        fourLetters("ftyp"), fourLetters("styp"), fourLetters("moov"), fourLetters("mdat"),
+        fourLetters("sidx"), fourLetters("emsg"), fourLetters("free"), fourLetters("skip"),
+        fourLetters("wide"), fourLetters("pdin"), fourLetters("uuid")};
+    return std::find(std::begin(types), std::end(types), type) != std::end(types);
 }
 
 /// False: no more is to be looked at.
-bool Indexer::take(const Header& header) {
+bool Indexer::take(const OuterBox& header) {
+    if (header.position == 0 && !canBegin(header.type))
+        return false;
     const bool isMoov = header.type == fourLetters("moov");
     const bool isMoof = header.type == fourLetters("moof");
     const bool isIndex = header.type == fourLetters("sidx") && !m_bytes.isLocal() && m_movie;
@@ -116,8 +85,8 @@ bool Indexer::take(const Header& header) {
         return false;
     if (!isMoov && !isMoof && !isIndex)
         return true;
-    const auto body = bodyOf(header);
-    const BoxReader box(body.data(), body.size(), header.type, header.position, header.headerSize);
+    const auto body = m_boxes.bodyOf(header);
+    const auto box = header.reader(body);
     if (isMoov) {
         takeMovie(box);
         m_file.movies.push_back(
@@ -141,9 +110,8 @@ void Indexer::takeMovie(const BoxReader& moov) {
     for (const auto kind : kinds)
         if (const auto* track = findTrack(*m_movie, kind)) {
             const auto& entry = track->entries.front();
-            m_file.tracks.push_back({{kind, entry.mimeType, entry.codec, 0},
-                                     {},
-                                     m_bytes.isLocal() ? 0 : duration});
+            m_file.tracks.push_back(
+                {{kind, entry.mimeType, entry.codec, 0}, {}, m_bytes.isLocal() ? 0 : duration});
         }
 }
 
@@ -223,13 +191,12 @@ void Indexer::takeRandomAccess() {
     const auto length = BoxReader(bytes.data(), footer, 0, 0, 0).u32();
     if (length < footer || length > size)
         return;
-    m_at = size - length;
-    const auto header = readHeader();
+    m_boxes.goTo(size - length);
+    const auto header = m_boxes.next();
     if (!header || header->type != fourLetters("mfra") || header->end != size)
         return;
-    const auto body = bodyOf(*header);
-    const BoxReader mfra(body.data(), body.size(), header->type, header->position,
-                         header->headerSize);
+    const auto body = m_boxes.bodyOf(*header);
+    const auto mfra = header->reader(body);
     mfra.forEach(fourLetters("tfra"), [this](const BoxReader& tfra) { takeRandomAccess(tfra); });
 }
 
@@ -241,8 +208,7 @@ void Indexer::takeRandomAccess(BoxReader tfra) {
         return;
     track->starts.clear();
     const auto lengths = tfra.u32();
-    const std::size_t numbers =
-        (lengths >> 4 & 3) + 1 + (lengths >> 2 & 3) + 1 + (lengths & 3) + 1;
+    const std::size_t numbers = (lengths >> 4 & 3) + 1 + (lengths >> 2 & 3) + 1 + (lengths & 3) + 1;
     for (auto count = tfra.u32(); count > 0; --count) {
         const auto time = static_cast<double>(isLong ? tfra.u64() : tfra.u32());
         const auto position = isLong ? tfra.u64() : tfra.u32();
