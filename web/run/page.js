@@ -34,10 +34,15 @@ function loadNative() {
   return require(file);
 }
 
+let keySessions = 0; // of the process: the add-on's keys are everybody's
+
 /** Bytes that a source buffer holds, as browsers allow. */
 const defaultQuota = { video: 150e6, audio: 12e6 };
 
 class Page {
+  #native;
+  #keySessions = [];
+
   /**
    * The page at `url`, or the text `html` as if it came from there; it is being parsed when this
    * resolves. Its media element is the backend's.
@@ -50,7 +55,8 @@ class Page {
   static async open({ url, html, native = loadNative(), screen = { width: 1920, height: 1080 }, quota = defaultQuota,
     log = () => {}, trace = () => {}, console = () => {}, before = () => {} }) {
     const page = new Page();
-    const env = { native, quota, log, trace, now: () => performance.now() };
+    const env = { native, quota, log, trace, now: () => performance.now(), newKeySession: () => page.#newKeySession() };
+    page.#native = native;
     const options = {
       runScripts: 'dangerously',
       resources: 'usable',
@@ -83,6 +89,12 @@ class Page {
   async close() {
     this.window.close();
     await this.media.releaseAll();
+    for (const session of this.#keySessions.splice(0)) this.#native.removeKeys(session);
+  }
+
+  #newKeySession() {
+    this.#keySessions.push(++keySessions);
+    return keySessions;
   }
 }
 
