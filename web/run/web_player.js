@@ -1,0 +1,51 @@
+'use strict';
+// A page with a video element and a player on it.
+
+const fs = require('fs');
+const vm = require('vm');
+
+const { Page } = require('./page');
+const { players, scriptOf } = require('./players');
+
+const html = '<!DOCTYPE html><html><body><video></video></body></html>';
+
+class WebPlayer {
+  /**
+   * Loads the player, which begins to load `url`. base: an address of the loopback interface, which
+   * becomes the page's. fail(text): playback has ended with an error; note(text): the player tells
+   * something else. The other options are those of Page.open.
+   */
+  static async open(name, url, { base, licenceUrl, at, fail = () => {}, note = () => {}, ...options }) {
+    const self = new WebPlayer();
+    self.page = await Page.open({ url: `${base}/`, html, ...options });
+    await self.page.loaded();
+    self.window = self.page.window;
+    self.video = self.page.document.querySelector('video');
+    // The text runs as the page's own script does.
+    new vm.Script(fs.readFileSync(scriptOf(name), 'utf8'), { filename: scriptOf(name) }).runInContext(self.page.dom.getInternalVMContext());
+    self.control = players[name].start(self.window, self.video, { url, licenceUrl, at, fail, note }) || { stop() {} };
+    return self;
+  }
+
+  /** Of the native player: { shown, dropped, corrupted, ... }; null while the element has none. */
+  counters() {
+    return this.page.linkOf(this.video)?.counters() ?? null;
+  }
+  /** Resolves with the picture on screen, { width, height, rgba }, or null. */
+  async capture() {
+    return await this.page.linkOf(this.video)?.capture() ?? null;
+  }
+  /** [[start, end], ...] in seconds. */
+  buffered() {
+    const { buffered } = this.video;
+    return Array.from({ length: buffered.length }, (_, index) => [buffered.start(index), buffered.end(index)]);
+  }
+
+  /** Ends the player and the page. Resolves when the backend has been handed back. */
+  async close() {
+    await this.control.stop();
+    await this.page.close();
+  }
+}
+
+module.exports = { WebPlayer };
