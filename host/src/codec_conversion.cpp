@@ -65,6 +65,10 @@ std::optional<AdtsFormat> parseAudioSpecificConfig(const std::uint8_t* bytes, st
     return format;
 }
 
+unsigned int sampleRate(const AdtsFormat& format) {
+    return format.rateIndex < aacRates.size() ? aacRates[format.rateIndex] : 0;
+}
+
 std::array<std::uint8_t, adtsHeaderSize> adtsHeader(const AdtsFormat& format,
                                                     std::size_t payloadSize) {
     const auto length = static_cast<unsigned int>(payloadSize + adtsHeaderSize);

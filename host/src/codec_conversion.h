@@ -27,6 +27,8 @@ inline constexpr std::size_t maximumAdtsPayload = 0x1fff - adtsHeaderSize; ///< 
 /// channel layouts of their own.
 std::optional<AdtsFormat> parseAudioSpecificConfig(const std::uint8_t* bytes, std::size_t size);
 
+unsigned int sampleRate(const AdtsFormat& format); ///< Hz
+
 /// For a frame of at most `maximumAdtsPayload` bytes.
 std::array<std::uint8_t, adtsHeaderSize> adtsHeader(const AdtsFormat& format,
                                                     std::size_t payloadSize);

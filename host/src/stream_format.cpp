@@ -14,13 +14,6 @@ namespace {
 
 using Bytes = std::vector<std::uint8_t>;
 
-/// Owns what its base points to.
-struct OwnedConfig final : UVAStreamConfig {
-    Bytes headers;
-    ColorInfo colorInfo;
-    MasteringMetadata masteringMetadata;
-};
-
 struct Draft {
     std::shared_ptr<OwnedConfig> config;
     StreamFormat format;
@@ -62,22 +55,21 @@ const char* takeOpus(Draft& draft, const Bytes& extradata) {
 
 struct Row {
     AVCodecID id;
-    UVAStreamConfig::Codec codec;
-    const char* mimeType;
+    MediaSourceCodec codec;
     TakeHeaders takeHeaders;
 };
 constexpr Row rows[] = {
-    {AV_CODEC_ID_H264, UVAStreamConfig::CODEC_H264, "video/x-h264", takeDecoderConfiguration},
-    {AV_CODEC_ID_HEVC, UVAStreamConfig::CODEC_H265, "video/x-h265", takeDecoderConfiguration},
-    {AV_CODEC_ID_VP8, UVAStreamConfig::CODEC_VP8, "video/x-vp8", takeNone},
-    {AV_CODEC_ID_VP9, UVAStreamConfig::CODEC_VP9, "video/x-vnd.on2.vp9", takeNone},
-    {AV_CODEC_ID_AAC, UVAStreamConfig::CODEC_AAC, "audio/x-aac+adts", takeAudioSpecificConfig},
-    {AV_CODEC_ID_MP3, UVAStreamConfig::CODEC_MP3, "audio/mpeg", takeNone},
-    {AV_CODEC_ID_OPUS, UVAStreamConfig::CODEC_OPUS, "audio/x-opus", takeOpus},
-    {AV_CODEC_ID_VORBIS, UVAStreamConfig::CODEC_VORBIS, "audio/x-vorbis", takeVorbis},
-    {AV_CODEC_ID_AC3, UVAStreamConfig::CODEC_AC3, "audio/x-ac3", takeNone},
-    {AV_CODEC_ID_EAC3, UVAStreamConfig::CODEC_EAC3, "audio/x-eac3", takeNone},
-    {AV_CODEC_ID_DTS, UVAStreamConfig::CODEC_DTS, "audio/x-dts", takeNone},
+    {AV_CODEC_ID_H264, {UVAStreamConfig::CODEC_H264, "video/x-h264"}, takeDecoderConfiguration},
+    {AV_CODEC_ID_HEVC, {UVAStreamConfig::CODEC_H265, "video/x-h265"}, takeDecoderConfiguration},
+    {AV_CODEC_ID_VP8, {UVAStreamConfig::CODEC_VP8, "video/x-vp8"}, takeNone},
+    {AV_CODEC_ID_VP9, {UVAStreamConfig::CODEC_VP9, "video/x-vnd.on2.vp9"}, takeNone},
+    {AV_CODEC_ID_AAC, {UVAStreamConfig::CODEC_AAC, "audio/x-aac+adts"}, takeAudioSpecificConfig},
+    {AV_CODEC_ID_MP3, {UVAStreamConfig::CODEC_MP3, "audio/mpeg"}, takeNone},
+    {AV_CODEC_ID_OPUS, {UVAStreamConfig::CODEC_OPUS, "audio/x-opus"}, takeOpus},
+    {AV_CODEC_ID_VORBIS, {UVAStreamConfig::CODEC_VORBIS, "audio/x-vorbis"}, takeVorbis},
+    {AV_CODEC_ID_AC3, {UVAStreamConfig::CODEC_AC3, "audio/x-ac3"}, takeNone},
+    {AV_CODEC_ID_EAC3, {UVAStreamConfig::CODEC_EAC3, "audio/x-eac3"}, takeNone},
+    {AV_CODEC_ID_DTS, {UVAStreamConfig::CODEC_DTS, "audio/x-dts"}, takeNone},
 };
 
 const Row* findRow(AVCodecID id) {
@@ -132,9 +124,14 @@ void takeMastering(OwnedConfig& config, const AVStream& stream) {
 
 } // namespace
 
-const char* mediaSourceType(AVCodecID codec) {
+const MediaSourceCodec* findMediaSourceCodec(AVCodecID codec) {
     const auto* row = findRow(codec);
-    return row == nullptr ? nullptr : row->mimeType;
+    return row == nullptr ? nullptr : &row->codec;
+}
+
+const char* mediaSourceType(AVCodecID codec) {
+    const auto* found = findMediaSourceCodec(codec);
+    return found == nullptr ? nullptr : found->mimeType;
 }
 
 std::shared_ptr<const StreamFormat> makeStreamFormat(const AVStream& stream, Bytes extradata,
@@ -147,7 +144,7 @@ std::shared_ptr<const StreamFormat> makeStreamFormat(const AVStream& stream, Byt
         return nullptr;
     }
     auto& config = *draft.config;
-    config.codec = row.codec;
+    config.codec = row.codec.codec;
     if (!config.headers.empty()) {
         config.codecData = config.headers.data();
         config.codecDataSize = config.headers.size();

@@ -22,6 +22,21 @@ struct StreamFormat {
     std::vector<std::uint8_t> extradata; ///< what the two were made from
 };
 
+/// Owns what its base points to.
+struct OwnedConfig final : UVAStreamConfig {
+    std::vector<std::uint8_t> headers;
+    ColorInfo colorInfo;
+    MasteringMetadata masteringMetadata;
+};
+
+/// What media sources call a codec.
+struct MediaSourceCodec {
+    UVAStreamConfig::Codec codec;
+    const char* mimeType; ///< for UVABackend::SourceDescription
+};
+
+/// Null when media sources do not take the codec.
+const MediaSourceCodec* findMediaSourceCodec(AVCodecID codec);
 /// The MIME type of the codec for a media source; null when media sources do not take it.
 const char* mediaSourceType(AVCodecID codec);
 
