@@ -1,3 +1,4 @@
+# shellcheck shell=bash
 # Sourced by the commands beside this file: runs a script with Node in the environment of the build.
 
 web=$(cd "$(dirname "$(readlink -f "$0")")/.." && pwd)
