@@ -1,6 +1,7 @@
 'use strict';
 // MSE, "Initialization Segment Received". `buffer` is a SourceBufferState (source_buffer.js).
 
+const { parseMimeType } = require('./mime_type.js');
 const tracks = require('./track_lists.js');
 const { TrackBuffer } = require('./track_buffer.js');
 
@@ -20,25 +21,29 @@ function initializationSegmentReceived(buffer, segment) {
   if (Number.isNaN(source.duration)) source.changeDuration(Number.isFinite(segment.duration) ? segment.duration : Infinity);
   if (segment.tracks.length === 0) throw new StreamError('the initialization segment has no track');
   checkKinds(buffer, segment.tracks);
-  checkCodecs(segment.tracks);
+  checkCodecs(buffer, segment.tracks);
   if (buffer.hasFirstInitializationSegment) replaceDescriptions(buffer, segment.tracks);
   else addTracks(buffer, segment.tracks);
   buffer.needsInitializationSegment = false;
   source.initializationSegmentReceived(segment);
 }
 
-/** The kinds of tracks are those of the codecs that the type names. */
+/** The tracks are of all the kinds that the type's codecs are of. Of a type that names none, audio has no video. */
 function checkKinds({ kinds, type }, descriptions) {
   const found = new Set(descriptions.map(({ kind }) => kind));
-  const isSame = found.size === kinds.size && [...found].every((kind) => kinds.has(kind));
-  if (!isSame) throw new StreamError(`the initialization segment has ${[...found].join(' and ')}, the type is ${type}`);
+  const isNamed = parseMimeType(type).codecs !== null;
+  const fits = isNamed
+    ? found.size === kinds.size && [...found].every((kind) => kinds.has(kind))
+    : kinds.has('video') || !found.has('video');
+  if (!fits) throw new StreamError(`the initialization segment has ${[...found].join(' and ')}, the type is ${type}`);
 }
 
 /** Each track once, and the library plays it. */
-function checkCodecs(descriptions) {
+function checkCodecs({ type }, descriptions) {
+  const { subtype } = parseMimeType(type);
   if (new Set(descriptions.map(({ id }) => id)).size !== descriptions.length) throw new StreamError('two tracks have one Track ID');
   for (const { id, kind, codec } of descriptions) {
-    const answer = env.native.canPlayType(`${kind}/mp4; codecs="${codec}"`);
+    const answer = env.native.canPlayType(`${kind}/${subtype}; codecs="${codec}"`);
     if (!answer.canPlay) throw new StreamError(`track ${id}, ${codec}: ${answer.reason}`);
   }
 }

@@ -45,14 +45,17 @@ function codecKind(container, codec) {
 }
 
 /**
- * The kinds of tracks that a source buffer of this type has, a set of 'audio' and 'video'; null when
- * there is no source buffer for it. The type names its codecs.
+ * The kinds of tracks that a source buffer of this type has, a set of 'audio' and 'video', as far as
+ * the type tells; null when there is no source buffer for it. Types of WebM name their codecs (WebM
+ * Byte Stream Format, "MIME-type parameters").
  */
 function trackKinds(text) {
   const parsed = parseMimeType(text);
-  if (parsed === null || !['audio', 'video'].includes(parsed.type) || !parsed.codecs?.length) return null;
-  const kinds = new Set(parsed.codecs.map((codec) => codecKind(parsed.subtype, codec)));
-  const isMismatch = kinds.has(null) || (parsed.type === 'audio' && kinds.has('video'));
+  if (parsed === null || !['audio/mp4', 'video/mp4', 'audio/webm', 'video/webm'].includes(parsed.essence)) return null;
+  const { type, subtype, codecs: named } = parsed;
+  if (named === null && subtype === 'mp4') return new Set([type]);
+  const kinds = new Set(named?.map((codec) => codecKind(subtype, codec)));
+  const isMismatch = kinds.size === 0 || kinds.has(null) || (type === 'audio' && kinds.has('video'));
   return isMismatch ? null : kinds;
 }
 

@@ -167,10 +167,10 @@ class SourceBufferState {
       case 'init':
         this.processWaiting(true);
         initializationSegmentReceived(this, item);
-        for (const { type, data } of item.initData) this.source.control.encrypted(type, data);
+        this.tellInitData(item);
         break;
       case 'initData':
-        this.source.control.encrypted(item.initData.type, item.initData.data);
+        this.tellInitData(item);
         break;
       case 'frames':
         this.requireInitializationSegment();
@@ -180,6 +180,11 @@ class SourceBufferState {
         this.processWaiting(true);
         break;
     }
+  }
+
+  /** EME, "Initialization Data Encountered", of which the element knows the rest. */
+  tellInitData({ initData }) {
+    for (const { type, data } of initData) this.source.control.encrypted(type, data);
   }
 
   requireInitializationSegment() {
