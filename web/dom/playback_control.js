@@ -4,7 +4,7 @@
 
 const { clearInterval, setInterval } = require('timers');
 
-const { fire, queueTask } = require('./tasks.js');
+const { fire, isClosed, queueTask } = require('./tasks.js');
 const { mediaError, MEDIA_ERR_SRC_NOT_SUPPORTED } = require('./media_error.js');
 const { marchOn } = require('./text_track.js');
 const ranges = require('./ranges.js');
@@ -49,7 +49,8 @@ class PlaybackControl {
   #promises = []; // "pending play promises"
   #settlements = new Set(); // queued tasks that settle play promises
   #timer = null;
-  #lastUpdate = 0; // when timeupdate was raised last
+  #lastUpdate = 0; // when timeupdate was raised last, and for which position
+  #updatedAt = 0;
 
   playbackRate = 1;
   defaultPlaybackRate = 1;
@@ -298,7 +299,8 @@ class PlaybackControl {
   // ---- looking after playback
 
   #startLooking() {
-    this.#timer ??= setInterval(() => this.look(), lookInterval);
+    this.#timer ??= setInterval(() => (isClosed() ? this.#stopLooking() : this.look()), lookInterval);
+    this.#timer.unref();
   }
   #stopLooking() {
     clearInterval(this.#timer);
@@ -309,9 +311,8 @@ class PlaybackControl {
   look() {
     const { source } = this.#media;
     if (this.#readyState === HAVE_NOTHING || this.error !== null) return;
-    const before = this.#position;
     this.#readPosition();
-    this.#marchOn(before);
+    this.#marchOn();
     if (source !== null) this.#monitor(source);
     this.#steer();
   }
@@ -326,21 +327,19 @@ class PlaybackControl {
     if (Number.isFinite(this.#duration)) position = Math.min(position, this.#duration);
     if (source !== null) position = Math.min(position, this.#endOfData(source));
     this.#hasStarted ||= position > this.#position;
+    if (!this.#paused && position > this.#position) this.#played = ranges.union(this.#played, [[this.#position, position]]);
     this.#position = Math.max(0, position);
   }
 
-  #marchOn(before) {
+  #marchOn() {
     const position = this.#position;
     if (this.#paused || this.#seeking) return;
-    if (position > before && position - before < 1) this.#played = ranges.union(this.#played, [[before, position]]);
-    if (position !== before) {
-      if (marchOn(this.#media.textTracks, position)) this.pause();
-      const now = env.now();
-      if (now - this.#lastUpdate >= timeupdateInterval) {
-        this.#lastUpdate = now;
-        this.#media.queueEvent('timeupdate');
-      }
-    }
+    if (marchOn(this.#media.textTracks, position)) this.pause();
+    const now = env.now();
+    if (position === this.#updatedAt || now - this.#lastUpdate < timeupdateInterval) return;
+    this.#lastUpdate = now;
+    this.#updatedAt = position;
+    this.#media.queueEvent('timeupdate');
   }
 
   #monitor(source) {
