@@ -23,6 +23,8 @@ constexpr int failed = -1;
 constexpr int granted = 1;
 constexpr int refused = 0;
 
+constexpr std::uint64_t sharedSession = 0; // its keys serve all
+
 constexpr char hexDigits[] = "0123456789abcdef";
 
 /// A key in memory that is wiped when it is left.
@@ -201,9 +203,17 @@ struct ClearKey::State final : UVADRMKeySlotGetter, UVADRMFullSampleDecrypter {
         return found != slots.end() ? found : slots.emplace(slots.end());
     }
 
+    /// The session's own, or that of all; null when neither is there.
+    const StoredKey* find(const KeyBytes& id, std::uint64_t session) const REQUIRES(mutex) {
+        for (const auto owner : {session, sharedSession})
+            if (const auto found = keys.find({owner, id}); found != keys.end())
+                return &found->second;
+        return nullptr;
+    }
+
     const Interface offered;
     locks::Mutex mutex; // nothing but OpenSSL is called under it
-    std::map<KeyBytes, StoredKey> keys GUARDED_BY(mutex);
+    std::map<std::pair<std::uint64_t, KeyBytes>, StoredKey> keys GUARDED_BY(mutex); // by session
     Slots slots GUARDED_BY(mutex); // slot numbers are places in here, from 1
     unsigned int created GUARDED_BY(mutex) = 0;
     unsigned int released GUARDED_BY(mutex) = 0;
@@ -213,19 +223,32 @@ ClearKey::ClearKey(Interface interface) : m_state(std::make_unique<State>(interf
 
 ClearKey::~ClearKey() = default;
 
-void ClearKey::addKey(const KeyPair& pair) {
+void ClearKey::addKey(const KeyPair& pair, std::uint64_t session) {
     const locks::Lock lock(m_state->mutex);
-    m_state->keys.erase(pair.id);
-    m_state->keys.emplace(pair.id, pair.key);
+    m_state->keys.erase({session, pair.id});
+    m_state->keys.emplace(std::pair(session, pair.id), pair.key);
 }
 
-bool ClearKey::hasKey(const KeyBytes& id) const {
+void ClearKey::removeKey(const KeyBytes& id, std::uint64_t session) {
     const locks::Lock lock(m_state->mutex);
-    return m_state->keys.count(id) > 0;
+    m_state->keys.erase({session, id});
+}
+
+void ClearKey::removeKeys(std::uint64_t session) {
+    const locks::Lock lock(m_state->mutex);
+    auto& keys = m_state->keys;
+    auto key = keys.lower_bound({session, KeyBytes{}});
+    while (key != keys.end() && key->first.first == session)
+        key = keys.erase(key);
+}
+
+bool ClearKey::hasKey(const KeyBytes& id, std::uint64_t session) const {
+    const locks::Lock lock(m_state->mutex);
+    return m_state->find(id, session) != nullptr;
 }
 
 int ClearKey::createDecrypter(UVADRMDecrypter*& decrypter, const std::uint8_t* keyId,
-                              std::size_t keyIdSize, std::uint64_t) {
+                              std::size_t keyIdSize, std::uint64_t session) {
     const auto protection = readReference(keyId, keyIdSize);
     if (protection.scheme == Protection::Scheme::None)
         return refused;
@@ -233,11 +256,11 @@ int ClearKey::createDecrypter(UVADRMDecrypter*& decrypter, const std::uint8_t* k
     std::copy(protection.keyId.begin(), protection.keyId.end(), id.begin());
 
     const locks::Lock lock(m_state->mutex);
-    const auto key = m_state->keys.find(id);
-    if (key == m_state->keys.end())
+    const auto* key = m_state->find(id, session);
+    if (key == nullptr)
         return refused;
     auto cipher =
-        SampleCipher::make(protection, key->second.bytes(), SampleCipher::Direction::Decrypt);
+        SampleCipher::make(protection, key->bytes(), SampleCipher::Direction::Decrypt);
     if (cipher == nullptr)
         return refused;
     const auto slot = m_state->freeSlot();

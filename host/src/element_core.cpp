@@ -5,6 +5,8 @@
 #include "host/media_uri.h"
 #include "uva/uva_event.h"
 
+#include <algorithm>
+
 namespace host {
 
 namespace {
@@ -51,37 +53,98 @@ ElementCore::ElementCore(std::shared_ptr<const BackendLibrary> library,
 
 ElementCore::~ElementCore() = default;
 
+// ---- any thread
+
+SourceId ElementCore::nextSource() {
+    const locks::Lock lock(m_mutex);
+    m_sinks.push_back(m_options.firstSource + static_cast<SourceId>(m_sinks.size()));
+    return m_sinks.back();
+}
+
+bool ElementCore::canPlayAt(double rate) const {
+    const locks::Lock lock(m_mutex);
+    return std::any_of(m_speeds.begin(), m_speeds.end(), [rate](const auto& range) {
+        return rate >= range.minimum && rate <= range.maximum;
+    });
+}
+
+PictureCounters ElementCore::counters() const {
+    if (!m_options.pictures)
+        return {};
+    std::vector<SourceId> sinks;
+    {
+        const locks::Lock lock(m_mutex);
+        sinks = m_sinks;
+    }
+    PictureCounters sum;
+    for (const auto id : sinks) {
+        const auto counted = m_options.pictures(id);
+        sum.shown += counted.shown;
+        sum.dropped += counted.dropped;
+        sum.corrupted += counted.corrupted;
+    }
+    return sum;
+}
+
 // ---- operations
 
 void ElementCore::open(const std::string& uri) {
     if (!begin(serverOf(uri)))
         return;
+    {
+        const locks::Lock lock(m_mutex);
+        m_sinks.push_back(0);
+    }
     UVABackend::SourceDescription* sources[] = {new UrlSource(uri, m_options.userAgent), nullptr};
-    if (m_playback.initialize(sources, {{"url", uri}}))
+    if (m_playback.initialize(sources, {{"url", uri}})) {
+        if (m_playback.isWanted())
+            m_playback.play();
         startWatching();
+    }
 }
 
 void ElementCore::openSource(MediaSource source) {
     if (!begin(source.server))
         return;
+    Feeding::Options options{m_options.mainSystem, m_options.tick,
+                             [this] { return nextSource(); }};
+    const double start = source.start;
     m_feeding = std::make_unique<Feeding>(m_calls, m_playback, m_watch, std::move(source),
-                                          m_options.mainSystem);
+                                          std::move(options));
+    m_position.set(start, m_seeksTaken);
+    for (auto& [id, stream] : std::exchange(m_early, {}))
+        m_feeding->attach(id, std::move(stream));
+    m_feeding->open();
     startWatching();
 }
 
 /// Once an element.
 bool ElementCore::begin(const std::string& server) {
-    if (!m_playback.is(State::Idle))
+    if (!m_playback.is(State::Idle) || m_releasing)
         return false;
     m_watch.begin(server);
-    constexpr auto type = UVABackend::VideoElement;
-    m_calls.setBackend(m_calls.operate("UVA_RequestBackend", {number("type", type)},
-                                       [this] { return m_library->request(type, this); }));
-    if (isOpen())
+    if (requestBackend())
         m_playback.setState(State::Opening);
     else
         m_playback.fail("the library gave no backend; its own message on standard output says why");
     return isOpen();
+}
+
+bool ElementCore::requestBackend() {
+    if (isOpen() || m_releasing)
+        return isOpen();
+    constexpr auto type = UVABackend::VideoElement;
+    m_calls.setBackend(m_calls.operate("UVA_RequestBackend", {number("type", type)},
+                                       [this] { return m_library->request(type, this); }));
+    if (!isOpen())
+        return false;
+    std::vector<UVAMediaBackend::SpeedRange> speeds;
+    m_calls.ask("getPlaybackSpeedRanges", &UVAMediaBackend::getPlaybackSpeedRanges, speeds);
+    if (m_volume)
+        setVolume(*m_volume);
+    const locks::Lock lock(m_mutex);
+    m_speeds.swap(speeds);
+    return true;
 }
 
 void ElementCore::startWatching() {
@@ -89,19 +152,73 @@ void ElementCore::startWatching() {
         m_calls.loop()->startTimer(m_options.tick, [core = shared_from_this()] { core->tick(); });
 }
 
+/// Behind the end it begins anew.
 void ElementCore::play() {
-    if (isOpen() && !m_playback.over())
-        m_playback.play();
+    m_playback.play();
+    if (m_playback.is(State::Ended) && m_seek.isIdle()) {
+        m_seek.request({0, 0});
+        beginSeek();
+    }
 }
 
 void ElementCore::pause() {
-    if (isOpen() && !m_playback.over())
-        m_playback.pause();
+    m_playback.pause();
 }
 
-void ElementCore::seek(double seconds) {
-    m_seek.request(seconds);
-    beginSeek();
+/// Before anything was fed, playback can as well begin at the target.
+void ElementCore::seek(Seek::Request request) {
+    m_seeksTaken = std::max(m_seeksTaken, request.generation); // asked on different threads
+    const bool isEarly = m_feeding != nullptr && !m_seek.everBegan() && request.target >= 0 &&
+                         std::isfinite(request.target) && !m_playback.is(State::Failed);
+    if (isEarly && m_feeding->begin(request.target)) {
+        m_seek.answer(request, SeekOutcome::Succeeded);
+    } else {
+        m_seek.request(request);
+        beginSeek();
+    }
+    m_position.set(m_seek.destination(), m_seeksTaken);
+}
+
+void ElementCore::setVolume(double volume) {
+    m_volume = volume;
+    if (isOpen())
+        m_calls.operate("setVolume", {{"volume", volume}}, &UVAMediaBackend::setVolume, volume);
+}
+
+void ElementCore::setRate(double rate) {
+    if (isOpen())
+        m_calls.operate("setPlaybackRate", {{"rate", rate}}, &UVAMediaBackend::setPlaybackRate,
+                        rate);
+}
+
+void ElementCore::setDuration(double seconds) {
+    const bool known = std::isfinite(seconds) && seconds > 0;
+    m_playback.setDuration(known ? seconds : 0);
+    if (known && m_feeding != nullptr)
+        m_feeding->setDuration(seconds);
+}
+
+CapabilityAnswer
+ElementCore::canPlayType(const UVABackend::ContentDescription& description) {
+    if (!requestBackend())
+        return {false, "there is no backend to ask"};
+    return m_calls.ask("canPlayType", [&] { return askCanPlay(*m_calls.backend(), description); });
+}
+
+void ElementCore::attach(SourceId id, std::shared_ptr<SampleStream> stream) {
+    if (m_releasing || m_playback.is(State::Failed))
+        return;
+    if (m_feeding != nullptr)
+        m_feeding->attach(id, std::move(stream));
+    else
+        m_early.emplace_back(id, std::move(stream));
+}
+
+void ElementCore::detach(SourceId id) {
+    if (m_feeding != nullptr && isOpen())
+        m_feeding->detach(id);
+    const auto isIt = [id](const auto& early) { return early.first == id; };
+    m_early.erase(std::remove_if(m_early.begin(), m_early.end(), isIt), m_early.end());
 }
 
 void ElementCore::reattach(StreamInfo::Kind kind) {
@@ -157,6 +274,7 @@ MediaElement::Capture ElementCore::capture() {
 
 void ElementCore::release() {
     m_releasing = true;
+    m_early.clear();
     m_calls.loop()->cancelTimer(m_timer);
     m_seek.abortAll();
     if (m_feeding != nullptr)
@@ -189,6 +307,11 @@ void ElementCore::deliverEvent(UVAEvent* event) {
         return;
     }
     Delivery delivery{std::shared_ptr<UVAEvent>(event), describe(*event, loop->now()), {}};
+    if (event->type() == UVAEvent::CancelDataRequestsAsync) {
+        const locks::Lock lock(m_mutex);
+        delivery.cancel = ++m_cancel.number;
+        m_cancel.target = static_cast<CancelDataRequestsAsyncEvent*>(event)->position;
+    }
     if (event->type() == UVAEvent::MultiComponentChanged)
         for (const auto* component : static_cast<MultiComponentChangedEvent*>(event)->added)
             if (component != nullptr)
@@ -249,7 +372,7 @@ void ElementCore::act(const Delivery& delivery) {
         decoderAsked(m_calls.now());
         break;
     case UVAEvent::CancelDataRequestsAsync:
-        completeCancel(static_cast<const UVAAsyncEvent&>(event));
+        completeCancel(static_cast<const UVAAsyncEvent&>(event), delivery.cancel);
         break;
     case UVAEvent::SeekCompletedEx:
         finishSeek(outcomeOf(static_cast<const SeekCompletedExEvent&>(event)));
@@ -271,7 +394,8 @@ void ElementCore::act(const Delivery& delivery) {
         break;
     case UVAEvent::PlaybackFinished:
         trackPosition(); // what was played up to it says nothing against it
-        m_end.see();
+        if (m_feeding == nullptr || m_feeding->hasEnded())
+            m_end.see();
         break;
     case UVAEvent::DecodeError:
         m_playback.fail(m_watch.decodeErrorText(static_cast<const DecodeErrorEvent&>(event).reason,
@@ -285,9 +409,17 @@ void ElementCore::act(const Delivery& delivery) {
     }
 }
 
-void ElementCore::completeCancel(const UVAAsyncEvent& event) {
-    if (m_feeding != nullptr)
-        m_feeding->seek(static_cast<const CancelDataRequestsAsyncEvent&>(event).position);
+/// Of several that are pending the first completion makes the seek, to the newest target.
+void ElementCore::completeCancel(const UVAAsyncEvent& event, std::uint64_t number) {
+    if (m_feeding != nullptr && number > m_cancelsDone) {
+        Cancel newest;
+        {
+            const locks::Lock lock(m_mutex);
+            newest = m_cancel;
+        }
+        m_cancelsDone = newest.number;
+        m_feeding->seek(newest.target);
+    }
     m_calls.operate("eventCompleted",
                     {{"event", std::string("CancelDataRequestsAsync")}, {"success", true}},
                     [&](UVAMediaBackend& backend) { return backend.eventCompleted(&event, true); });
@@ -315,8 +447,11 @@ void ElementCore::finishSeek(SeekOutcome outcome) {
 
 void ElementCore::tick() {
     trackPosition();
-    if (m_feeding != nullptr)
+    if (m_feeding != nullptr) {
+        feedAnew();
+        m_feeding->changeCodecs();
         m_feeding->balance();
+    }
     m_watch.hearErrors();
     if (const auto now = phase(); m_watch.tick(now, m_calls.now()))
         m_end.standStill(*now);
@@ -328,7 +463,7 @@ void ElementCore::trackPosition() {
     const auto before = std::make_pair(status.position, status.duration);
     m_playback.refresh();
     const bool hasMoved = status.position != before.first;
-    if (hasMoved && !m_playback.is(State::Seeking)) {
+    if (hasMoved && !m_seek.isUnderWay()) {
         m_end.forget();
         m_seek.settle();
         m_playback.moved();
@@ -336,6 +471,20 @@ void ElementCore::trackPosition() {
     }
     if (hasMoved || status.duration != before.second)
         m_playback.publish();
+    m_position.set(m_seek.destination(), m_seeksTaken);
+}
+
+/// What the backend holds, and has not shown, is outdated: it gets what is there now.
+void ElementCore::feedAnew() {
+    const auto until = m_feeding->outdatedUntil();
+    if (!until || !m_seek.isIdle() || m_playback.is(State::Failed))
+        return;
+    m_feeding->forgetOutdated();
+    const double position = m_playback.status().position;
+    if (*until <= position)
+        return;
+    m_seek.request({0, position});
+    beginSeek();
 }
 
 /// What is waited for now; nothing when nothing is to move.

@@ -5,24 +5,54 @@
 #include "end.h"
 #include "feeding.h"
 #include "host/media_element.h"
+#include "locks/mutex.h"
 #include "playback.h"
 #include "progress_watch.h"
 #include "seek.h"
 #include "uva/uva_client.h"
 
 #include <atomic>
+#include <cmath>
 #include <memory>
 #include <optional>
 #include <string>
+#include <utility>
+#include <vector>
 
 class UVAAsyncEvent;
 class UVAEvent;
 
 namespace host {
 
+/// Where playback is, for any thread.
+class CachedPosition {
+public:
+    double get() const {
+        const locks::Lock lock(m_mutex);
+        return m_seconds;
+    }
+    /// A seek is asked for: it is its target until the loop has taken that up.
+    std::uint64_t ask(double target) {
+        const locks::Lock lock(m_mutex);
+        if (std::isfinite(target))
+            m_seconds = target;
+        return ++m_asked;
+    }
+    /// ... up to this seek.
+    void set(double seconds, std::uint64_t taken) {
+        const locks::Lock lock(m_mutex);
+        if (taken == m_asked)
+            m_seconds = seconds;
+    }
+
+private:
+    mutable locks::Mutex m_mutex; // nothing is called under it
+    double m_seconds GUARDED_BY(m_mutex) = 0;
+    std::uint64_t m_asked GUARDED_BY(m_mutex) = 0;
+};
+
 /// The media element on its event loop: brings what is asked for, and what the backend tells, to
-/// the parts that it concerns. Bound to the loop's thread, but for deliverEvent(), closeGate() and
-/// operationUnderWay(). Tasks share its ownership: should the loop's thread hang in the backend, it
+/// the parts that it concerns. Bound to the loop's thread, but for where noted. Tasks share its ownership: should the loop's thread hang in the backend, it
 /// keeps what it stands on.
 class ElementCore final : public UVAClient, public std::enable_shared_from_this<ElementCore> {
 public:
@@ -34,14 +64,26 @@ public:
 
     void open(const std::string& uri);
     void openSource(MediaSource source);
+    void attach(SourceId id, std::shared_ptr<SampleStream> stream);
+    void detach(SourceId id);
     void reattach(StreamInfo::Kind kind);
     void resumeFeeding();
     void play();
     void pause();
-    void seek(double seconds);
+    void seek(Seek::Request request);
+    void setVolume(double volume);
+    void setRate(double rate);
+    void setDuration(double seconds);
+    CapabilityAnswer canPlayType(const UVABackend::ContentDescription& description);
     void setWindow(const UVABackend::Rect& window);
     MediaElement::Capture capture();
     void release();
+
+    // Any thread.
+    CachedPosition& position() { return m_position; }
+    SourceId nextSource();
+    bool canPlayAt(double rate) const;
+    PictureCounters counters() const;
 
     void closeGate() { m_calls.closeGate(); } ///< see Calls
     std::optional<MediaElement::Operation> operationUnderWay() const {
@@ -55,8 +97,15 @@ private:
         std::shared_ptr<UVAEvent> event;
         Record record;
         Playback::Components added;
+        std::uint64_t cancel = 0; ///< of CancelDataRequestsAsync: which one
+    };
+    /// The newest CancelDataRequestsAsync.
+    struct Cancel {
+        std::uint64_t number = 0;
+        double target = 0; ///< seconds
     };
 
+    bool requestBackend();
     bool begin(const std::string& server);
     void startWatching();
     bool isOpen() const { return m_calls.backend() != nullptr; }
@@ -65,7 +114,8 @@ private:
     void answerResourceRequest(UVAMediaBackend& backend, std::unique_ptr<UVAAsyncEvent> event);
     void handle(const Delivery& delivery);
     void act(const Delivery& delivery);
-    void completeCancel(const UVAAsyncEvent& event);
+    void completeCancel(const UVAAsyncEvent& event, std::uint64_t number);
+    void feedAnew();
     void decoderAsked(Clock::time_point time);
 
     void beginSeek();
@@ -82,9 +132,19 @@ private:
     Playback m_playback;
     Seek m_seek;
     End m_end;
-    std::unique_ptr<Feeding> m_feeding;   // null: a URL is played
+    std::unique_ptr<Feeding> m_feeding; // null: a URL is played
+    std::vector<std::pair<SourceId, std::shared_ptr<SampleStream>>> m_early; // before there is any
+    std::optional<double> m_volume; // for a backend that is not there yet
+    std::uint64_t m_seeksTaken = 0;
+    std::uint64_t m_cancelsDone = 0; // up to which data was cancelled
+    CachedPosition m_position;
     std::atomic<bool> m_releasing{false}; // also read where events are delivered
     EventLoop::TimerId m_timer = 0;
+
+    mutable locks::Mutex m_mutex; // nothing is called under it
+    std::vector<UVAMediaBackend::SpeedRange> m_speeds GUARDED_BY(m_mutex) = {{1.0, 1.0}};
+    std::vector<SourceId> m_sinks GUARDED_BY(m_mutex); // all that ever were; 0: of a URL
+    Cancel m_cancel GUARDED_BY(m_mutex);
 };
 
 } // namespace host

@@ -57,7 +57,7 @@ void End::reach() {
     if (!m_playback.reached(Playback::Stage::Played) && !m_seek.everBegan() && duration > tolerance)
         return m_playback.fail("the media ended before anything was played of its " +
                                secondsText(duration) + "; it seems to be cut off: get it anew");
-    m_playback.setState(State::Ended);
+    m_playback.finish();
     m_seek.begin();
 }
 

@@ -4,35 +4,43 @@
 #include "playback.h"
 #include "progress_watch.h"
 
+#include <algorithm>
 #include <cmath>
 
 namespace host {
 
 namespace {
 
-// When playback is held, and goes on. A decoder must not run dry: what comes late for the clock is
-// lost. What the backend holds, it holds in front of the decoder and in it.
-constexpr double tooLittle = 0.5;                         // seconds
-constexpr double enough = 1.0;                            // seconds
-constexpr auto patience = std::chrono::milliseconds(100); // with a request
+// When playback is held. A decoder must not run dry: what comes late for the clock is lost. What the
+// backend holds, it holds in front of the decoder and in it; it plays on until the next looks.
+constexpr double decoderNeeds = 0.1;                      // seconds
+constexpr double looks = 4;                               // at playback, until it is held
+constexpr auto patience = std::chrono::milliseconds(100); // with a stream that is being read
+
+double inSeconds(Clock::duration time) {
+    return std::chrono::duration<double>(time).count();
+}
 
 } // namespace
 
 Feeding::Feeding(Calls& calls, Playback& playback, ProgressWatch& watch, MediaSource source,
-                 bool asksMainSystem)
-    : m_calls(calls), m_playback(playback), m_watch(watch), m_keys(source.keys),
-      m_keyNeeded(std::move(source.keyNeeded)), m_asksMainSystem(asksMainSystem),
-      m_feeder(std::make_shared<MseFeeder>(calls.loop(), std::move(source), *this)) {
-    m_feeder->open();
+                 Options options)
+    : m_calls(calls), m_playback(playback), m_watch(watch), m_options(std::move(options)),
+      m_keys(source.keys), m_keySession(source.keySession),
+      m_tooLittle(decoderNeeds + looks * inSeconds(m_options.tick)), m_enough(2 * m_tooLittle),
+      m_feeder(std::make_shared<MseFeeder>(calls.loop(), source, *this, m_options.nextId)) {
+    m_playback.playFrom(source.start);
+    if (source.duration > 0)
+        m_playback.setDuration(source.duration);
 }
 
+bool Feeding::isOpen() const {
+    return m_playback.reached(Playback::Stage::Initialized);
+}
+
+// ---- sources
+
 void Feeding::feederOpened() {
-    if (m_keys != nullptr) {
-        UVAKeySystemConfig config;
-        config.keySystemId = clearKeySystem;
-        m_calls.operate("setKeySystem", {{"id", std::string(clearKeySystem)}},
-                        [&](UVAMediaBackend& backend) { return backend.setKeySystem(config); });
-    }
     std::vector<UVABackend::SourceDescription*> sources;
     std::string types;
     for (const auto& info : m_feeder->sources()) {
@@ -47,13 +55,100 @@ void Feeding::feederOpened() {
     m_playback.catchUp();
 }
 
+void Feeding::attach(SourceId id, std::shared_ptr<SampleStream> stream) {
+    const auto kind = stream->info().kind;
+    m_feeder->add(id, std::move(stream), m_playback.status().position);
+    if (!isOpen())
+        return; // with the others
+    const bool isFirst = m_playback.status().sources.empty();
+    m_playback.addSource(id, kind);
+    attachToBackend(id);
+    if (isFirst)
+        m_playback.catchUp(); // there was nothing to play or pause
+}
+
+void Feeding::attachToBackend(SourceId id) {
+    auto* description = m_feeder->describe(id).release(); // the backend's
+    const int attached = m_calls.operate(
+        "attachSource",
+        {number("sourceId", id), {"mimeType", std::string(description->mimeType)}},
+        &UVAMediaBackend::attachSource, description);
+    if (attached != UVABackend::Success)
+        m_playback.fail("the backend did not take the source; see the system log");
+}
+
+void Feeding::detach(SourceId id) {
+    if (!m_feeder->remove(id))
+        return;
+    m_starved.erase(id);
+    if (!isOpen())
+        return;
+    m_playback.removeSource(id);
+    m_calls.operate("removeSource", {number("sourceId", id)}, &UVAMediaBackend::removeSource, id);
+}
+
+void Feeding::reattach(StreamInfo::Kind kind) {
+    if (!isOpen() || m_playback.over())
+        return;
+    for (const auto& source : m_feeder->sources())
+        if (source.kind == kind)
+            renew(source.id);
+}
+
+void Feeding::renew(SourceId id) {
+    m_calls.operate("removeSource", {number("sourceId", id)}, &UVAMediaBackend::removeSource, id);
+    m_feeder->restart(id, m_playback.status().position);
+    m_watch.decoderReturned(); // its sink asks anew
+    attachToBackend(id);
+}
+
+void Feeding::changeCodecs() {
+    if (!isOpen() || m_playback.over())
+        return;
+    for (const auto& source : m_feeder->sources()) {
+        const double played = m_playback.status().position + inSeconds(m_options.tick);
+        if (!source.changesCodec || (source.fedUntil && *source.fedUntil > played))
+            continue;
+        m_feeder->takeCodec(source.id);
+        renew(source.id);
+    }
+}
+
+void Feeding::setDuration(double seconds) {
+    m_feeder->setDuration(seconds);
+    if (isOpen())
+        m_calls.operate("setContentSize", {{"seconds", seconds}}, &UVAMediaBackend::setContentSize,
+                        0U, static_cast<unsigned long long>(std::llround(seconds * 1000)));
+}
+
+// ---- what passes
+
+bool Feeding::begin(double seconds) {
+    if (m_playback.reached(Playback::Stage::Played) || !m_feeder->begin(seconds))
+        return false;
+    m_playback.playFrom(seconds);
+    return true;
+}
+
+void Feeding::seek(double seconds) {
+    forgetOutdated();
+    m_feeder->seek(seconds);
+}
+
 void Feeding::feederFailed(const std::string& reason) {
     m_playback.fail(reason);
 }
 
-void Feeding::keyNeeded(const KeyBytes& id) {
-    if (m_keyNeeded)
-        m_calls.observe([&](Observer&) { m_keyNeeded(id); });
+void Feeding::keyNeeded(SourceId source, const KeyBytes& id, double time) {
+    m_calls.observe([&](Observer& observer) { observer.onKeyNeeded(source, id, time); });
+}
+
+void Feeding::protectionMet() {
+    UVAKeySystemConfig config;
+    config.keySystemId = clearKeySystem;
+    config.client = m_keySession;
+    m_calls.operate("setKeySystem", {{"id", std::string(clearKeySystem)}},
+                    [&](UVAMediaBackend& backend) { return backend.setKeySystem(config); });
 }
 
 void Feeding::writeData(std::unique_ptr<NeedMSEDataEvent> event, unsigned int samples,
@@ -63,67 +158,64 @@ void Feeding::writeData(std::unique_ptr<NeedMSEDataEvent> event, unsigned int sa
                     {number("sourceId", data->sourceId), number("samples", samples),
                      number("bytes", bytes), number("status", status)},
                     &UVAMediaBackend::writeData, data, bytes, status);
-    if (samples > 0 && m_asksMainSystem && !m_watch.hasAskedForDecoder())
+    if (samples > 0 && m_options.asksMainSystem && !m_watch.hasAskedForDecoder())
         m_watch.decoderAsked(m_calls.now()); // such sinks do not ask the host first
 }
 
-void Feeding::reattach(StreamInfo::Kind kind) {
-    if (!m_playback.reached(Playback::Stage::Initialized) || m_playback.over())
-        return;
-    for (const auto& source : m_feeder->sources()) {
-        if (source.kind != kind)
-            continue;
-        m_calls.operate("removeSource", {number("sourceId", source.id)},
-                        &UVAMediaBackend::removeSource, source.id);
-        m_feeder->restart(source.id, m_playback.status().position);
-        m_watch.decoderReturned(); // its sink asks anew
-        auto* description = m_feeder->describe(source.id).release();
-        const int attached = m_calls.operate(
-            "attachSource",
-            {number("sourceId", source.id), {"mimeType", std::string(description->mimeType)}},
-            &UVAMediaBackend::attachSource, description);
-        if (attached != UVABackend::Success)
-            m_playback.fail("the backend did not take the source again; see the system log");
-    }
+void Feeding::outdated(double until) {
+    m_outdatedUntil = std::max(m_outdatedUntil.value_or(until), until);
 }
 
+// ---- the balance
+
 void Feeding::balance() {
-    if (!m_playback.reached(Playback::Stage::Initialized) || m_playback.over() ||
-        m_playback.is(State::Seeking))
+    if (!isOpen() || m_playback.over() || m_playback.is(State::Seeking))
         return;
-    if (!m_playback.isHeld() && m_playback.isWanted() && runsDry())
+    const auto infos = m_feeder->sources();
+    for (const auto& info : infos)
+        watchSource(info);
+    const bool filled = std::all_of(infos.begin(), infos.end(),
+                                    [this](const auto& info) { return isFilled(info); });
+    if (!m_playback.isHeld() && m_playback.isWanted() && !m_starved.empty())
         m_playback.hold();
-    else if (m_playback.isHeld() && isFilled())
+    else if (m_playback.isHeld() && m_starved.empty() && filled)
         m_playback.letGo();
 }
 
-/// A source has asked for data in vain, and soon has none.
-bool Feeding::runsDry() const {
-    return anySource([this](const MseFeeder::SourceInfo& info, double ahead) {
-        return info.waitsSince && *info.waitsSince < m_calls.now() - patience && ahead < tooLittle;
-    });
-}
-
-/// Every source has enough, or does not ask for more: a backend may hold less.
-bool Feeding::isFilled() const {
-    return !anySource([](const MseFeeder::SourceInfo& info, double ahead) {
-        return std::isnan(ahead) || (info.waitsSince && ahead < enough);
-    });
-}
-
-/// That has not ended. `ahead`: seconds that the backend can still play of it; NaN before its
-/// first sample.
-template <typename Predicate>
-bool Feeding::anySource(Predicate predicate) const {
-    const auto& status = m_playback.status();
-    const auto infos = m_feeder->sources();
-    for (std::size_t i = 0; i < infos.size(); ++i) {
-        const auto& ranges = status.sources.at(i).ranges;
-        const double ahead = ranges.empty() ? std::nan("") : ranges.back().end - status.position;
-        if (!infos[i].ended && predicate(infos[i], ahead))
-            return true;
+void Feeding::watchSource(const MseFeeder::SourceInfo& info) {
+    const bool wasStarved = m_starved.count(info.id) > 0;
+    if (!wasStarved && m_playback.isWanted() && runsDry(info)) {
+        m_starved.insert(info.id);
+        m_calls.observe([&](Observer& observer) { observer.onStarved(info.id); });
+    } else if (wasStarved && isFilled(info)) {
+        m_starved.erase(info.id);
+        m_calls.observe([&](Observer& observer) { observer.onFilled(info.id); });
     }
-    return false;
+}
+
+/// The source has asked for data in vain, and soon has none.
+bool Feeding::runsDry(const MseFeeder::SourceInfo& info) const {
+    if (info.ended || info.changesCodec || !info.waitsSince)
+        return false;
+    const bool inVain = info.isBlocked || *info.waitsSince < m_calls.now() - patience;
+    return inVain && ahead(info.id) < m_tooLittle;
+}
+
+/// It has enough, or does not ask for more: a backend may hold less.
+bool Feeding::isFilled(const MseFeeder::SourceInfo& info) const {
+    if (info.ended || info.changesCodec)
+        return true;
+    const double left = ahead(info.id);
+    return !std::isnan(left) && (!info.waitsSince || left >= m_enough);
+}
+
+/// Seconds that the backend can still play of it; NaN before its first sample.
+double Feeding::ahead(SourceId id) const {
+    const auto& status = m_playback.status();
+    for (const auto& source : status.sources)
+        if (source.id == id && !source.ranges.empty())
+            return source.ranges.back().end - status.position;
+    return std::nan("");
 }
 
 } // namespace host

@@ -6,6 +6,7 @@
 #include <functional>
 #include <memory>
 #include <optional>
+#include <set>
 #include <string>
 
 namespace host {
@@ -17,39 +18,67 @@ class ProgressWatch;
 /// Playback of samples: what passes between the feeder and the backend.
 class Feeding final : public MseFeeder::Client {
 public:
-    /// `asksMainSystem`: the sinks ask for their decoder with the first sample.
+    struct Options {
+        bool asksMainSystem = true;    ///< the sinks ask for their decoder with the first sample
+        Clock::duration tick{};        ///< how often balance() is called
+        std::function<SourceId()> nextId; ///< for the sources that are opened
+    };
+
     Feeding(Calls& calls, Playback& playback, ProgressWatch& watch, MediaSource source,
-            bool asksMainSystem);
+            Options options);
+
+    void open() { m_feeder->open(); }
+    void attach(SourceId id, std::shared_ptr<SampleStream> stream);
+    void detach(SourceId id);
+    void reattach(StreamInfo::Kind kind);
+    void setDuration(double seconds);
 
     void request(std::unique_ptr<NeedMSEDataEvent> event) { m_feeder->request(std::move(event)); }
-    void seek(double seconds) { m_feeder->seek(seconds); }
+    /// Playback begins there, seconds. False when it cannot any more: it is to be sought.
+    bool begin(double seconds);
+    void seek(double seconds);
     void resume() { m_feeder->resume(); }
     void stop() { m_feeder->stop(); }
     bool waitsForKey() const { return m_feeder->waitsForKey(); }
-    void reattach(StreamInfo::Kind kind);
+    bool hasEnded() const { return m_feeder->hasEnded(); }
+
+    /// Up to when what the backend has is outdated, since the last seek; seconds.
+    std::optional<double> outdatedUntil() const { return m_outdatedUntil; }
+    void forgetOutdated() { m_outdatedUntil.reset(); }
 
     /// Holds playback while the data comes too slowly, so that none of it is lost to the clock.
     void balance();
+    /// Attaches anew what has played up to another codec.
+    void changeCodecs();
 
 private:
     void feederOpened() override;
     void feederFailed(const std::string& reason) override;
-    void keyNeeded(const KeyBytes& id) override;
+    void keyNeeded(SourceId source, const KeyBytes& id, double time) override;
+    void protectionMet() override;
     void writeData(std::unique_ptr<NeedMSEDataEvent> event, unsigned int samples,
                    unsigned int bytes, UVABackend::WriteDataStatus status) override;
+    void outdated(double until) override;
 
-    bool runsDry() const;
-    bool isFilled() const;
-    template <typename Predicate>
-    bool anySource(Predicate predicate) const;
+    bool isOpen() const;
+    void attachToBackend(SourceId id);
+    void renew(SourceId id);
+    double ahead(SourceId id) const;
+    bool runsDry(const MseFeeder::SourceInfo& info) const;
+    bool isFilled(const MseFeeder::SourceInfo& info) const;
+    void watchSource(const MseFeeder::SourceInfo& info);
 
     Calls& m_calls;
     Playback& m_playback;
     ProgressWatch& m_watch;
+    const Options m_options;
     const std::shared_ptr<const ClearKey> m_keys;
-    const std::function<void(const KeyBytes&)> m_keyNeeded;
-    const bool m_asksMainSystem;
+    const std::uint64_t m_keySession;
+    const double m_tooLittle; // seconds ahead, when playback is held
+    const double m_enough;    // ... and goes on
     const std::shared_ptr<MseFeeder> m_feeder;
+    std::set<SourceId> m_starved;
+    std::optional<double> m_outdatedUntil;
 };
 
 } // namespace host

@@ -26,14 +26,6 @@ void MediaElement::openSource(MediaSource source) {
     });
 }
 
-void MediaElement::reattach(StreamInfo::Kind kind) {
-    m_loop->post([core = m_core, kind] { core->reattach(kind); });
-}
-
-void MediaElement::resumeFeeding() {
-    m_loop->post([core = m_core] { core->resumeFeeding(); });
-}
-
 void MediaElement::play() {
     m_loop->post([core = m_core] { core->play(); });
 }
@@ -42,8 +34,68 @@ void MediaElement::pause() {
     m_loop->post([core = m_core] { core->pause(); });
 }
 
-void MediaElement::seek(double seconds) {
-    m_loop->post([core = m_core, seconds] { core->seek(seconds); });
+std::uint64_t MediaElement::seek(double seconds) {
+    const auto generation = m_core->position().ask(seconds);
+    m_loop->post([core = m_core, generation, seconds] { core->seek({generation, seconds}); });
+    return generation;
+}
+
+double MediaElement::position() const {
+    return m_core->position().get();
+}
+
+void MediaElement::setVolume(double volume) {
+    m_loop->post([core = m_core, volume] { core->setVolume(volume); });
+}
+
+bool MediaElement::setRate(double rate) {
+    if (!m_core->canPlayAt(rate))
+        return false;
+    m_loop->post([core = m_core, rate] { core->setRate(rate); });
+    return true;
+}
+
+void MediaElement::setDuration(double seconds) {
+    m_loop->post([core = m_core, seconds] { core->setDuration(seconds); });
+}
+
+std::future<CapabilityAnswer>
+MediaElement::canPlayType(UVABackend::ContentDescription description) {
+    auto promise = std::make_shared<std::promise<CapabilityAnswer>>();
+    auto answer = promise->get_future();
+    const bool posted =
+        m_loop->post([core = m_core, promise, description = std::move(description)] {
+            promise->set_value(core->canPlayType(description));
+        });
+    if (!posted)
+        promise->set_value({false, "the event loop has ended"});
+    return answer;
+}
+
+PictureCounters MediaElement::counters() const {
+    return m_core->counters();
+}
+
+SourceId MediaElement::attach(std::unique_ptr<SampleStream> stream) {
+    if (stream == nullptr)
+        return 0;
+    const auto id = m_core->nextSource();
+    m_loop->post([core = m_core, id, shared = std::shared_ptr<SampleStream>(std::move(stream))] {
+        core->attach(id, shared);
+    });
+    return id;
+}
+
+void MediaElement::detach(SourceId source) {
+    m_loop->post([core = m_core, source] { core->detach(source); });
+}
+
+void MediaElement::reattach(StreamInfo::Kind kind) {
+    m_loop->post([core = m_core, kind] { core->reattach(kind); });
+}
+
+void MediaElement::resumeFeeding() {
+    m_loop->post([core = m_core] { core->resumeFeeding(); });
 }
 
 void MediaElement::setWindow(const UVABackend::Rect& window) {

@@ -1,9 +1,10 @@
 #include "mse_feeder.h"
 
-#include "locks/mutex.h"
+#include "stream_format.h"
 
 #include <algorithm>
 #include <cmath>
+#include <limits>
 #include <utility>
 
 namespace host {
@@ -39,43 +40,12 @@ KeyBytes keyIdOf(const Sample& sample) {
 
 MseFeeder::Client::~Client() = default;
 
-/// What the reading thread works on; its tasks share it.
-struct MseFeeder::Reader {
-    std::function<DemuxedMedia(const std::atomic<bool>&)> open;
-    std::atomic<bool> cancelled{false};
-
-    locks::Mutex mutex;
-    std::vector<std::unique_ptr<SampleStream>> streams GUARDED_BY(mutex);
-
-    void keep(std::vector<std::unique_ptr<SampleStream>> opened) {
-        const locks::Lock lock(mutex);
-        streams = std::move(opened);
-        if (cancelled)
-            interruptAll();
-    }
-    /// They do not change any more: who reads one goes without the lock.
-    SampleStream& at(std::size_t index) {
-        const locks::Lock lock(mutex);
-        return *streams[index];
-    }
-    void interrupt() {
-        const locks::Lock lock(mutex);
-        cancelled = true;
-        interruptAll();
-    }
-
-private:
-    void interruptAll() REQUIRES(mutex) {
-        for (auto& stream : streams)
-            stream->interrupt();
-    }
-};
-
-MseFeeder::MseFeeder(std::shared_ptr<EventLoop> loop, MediaSource source, Client& client)
-    : m_loop(std::move(loop)), m_keys(std::move(source.keys)), m_client(&client),
-      m_reader(std::make_shared<Reader>()) {
-    m_reader->open = std::move(source.open);
-}
+MseFeeder::MseFeeder(std::shared_ptr<EventLoop> loop, MediaSource source, Client& client,
+                     std::function<SourceId()> nextId)
+    : m_loop(std::move(loop)), m_keys(std::move(source.keys)), m_keySession(source.keySession),
+      m_nextId(std::move(nextId)), m_start(source.start), m_duration(source.duration),
+      m_client(&client), m_open(std::move(source.open)),
+      m_cancelled(std::make_shared<std::atomic<bool>>(false)) {}
 
 MseFeeder::~MseFeeder() {
     stop();
@@ -91,87 +61,200 @@ void MseFeeder::post(Task task) {
     });
 }
 
+// ---- sources
+
 void MseFeeder::open() {
-    m_readLoop.post([self = shared_from_this(), reader = m_reader] {
-        auto media = reader->open(reader->cancelled);
-        std::vector<StreamInfo> infos;
-        for (const auto& stream : media.streams)
-            infos.push_back(stream->info());
-        reader->keep(std::move(media.streams));
-        self->post([error = std::move(media.error), infos = std::move(infos)](MseFeeder& feeder) {
-            feeder.opened(error, infos);
-        });
+    if (!m_open)
+        return m_client->feederOpened();
+    m_readLoop.post([self = shared_from_this(), open = m_open, cancelled = m_cancelled] {
+        auto media = std::make_shared<DemuxedMedia>(open(*cancelled));
+        self->post([media](MseFeeder& feeder) { feeder.opened(std::move(*media)); });
     });
 }
 
-void MseFeeder::opened(std::string error, std::vector<StreamInfo> streams) {
-    if (streams.empty())
-        return m_client->feederFailed(error.empty() ? "it has no stream that can be fed"
-                                                    : std::move(error));
-    unsigned int id = 0;
-    for (auto& stream : streams) {
-        Source source;
-        source.info.id = ++id;
-        source.info.kind = stream.kind;
-        source.stream = std::move(stream);
-        m_sources.push_back(std::move(source));
-    }
+void MseFeeder::opened(DemuxedMedia media) {
+    if (media.streams.empty())
+        return m_client->feederFailed(
+            media.error.empty() ? "it has no stream that can be fed" : std::move(media.error));
+    for (auto& stream : media.streams)
+        add(m_nextId(), std::move(stream), m_start);
     m_client->feederOpened();
+}
+
+void MseFeeder::add(SourceId id, std::shared_ptr<SampleStream> stream, double seconds) {
+    auto source = std::make_unique<Source>();
+    source->info.id = id;
+    source->info.kind = stream->info().kind;
+    source->mimeType = stream->info().mimeType;
+    source->stream = std::move(stream);
+    source->stream->listen([weak = weak_from_this(), loop = m_loop, id](const auto& change) {
+        loop->post([weak, id, change] {
+            if (const auto self = weak.lock(); self != nullptr && self->m_client != nullptr)
+                self->changed(id, change);
+        });
+    });
+    m_sources.push_back(std::move(source));
+    if (seconds > 0 || m_sources.back()->stream->isImmediate())
+        place(*m_sources.back(), seconds);
+}
+
+bool MseFeeder::remove(SourceId id) {
+    const auto at = std::find_if(m_sources.begin(), m_sources.end(),
+                                 [id](const auto& source) { return source->info.id == id; });
+    if (at == m_sources.end())
+        return false;
+    (*at)->stream->listen({});
+    (*at)->stream->interrupt();
+    m_sources.erase(at);
+    return true;
 }
 
 std::vector<MseFeeder::SourceInfo> MseFeeder::sources() const {
     std::vector<SourceInfo> infos;
+    infos.reserve(m_sources.size());
     for (const auto& source : m_sources)
-        infos.push_back(source.info);
+        infos.push_back(source->info);
     return infos;
 }
 
-std::unique_ptr<UVABackend::SourceDescription> MseFeeder::describe(unsigned int id) const {
-    double duration = 0; // of the whole
+std::unique_ptr<UVABackend::SourceDescription> MseFeeder::describe(SourceId id) const {
+    double duration = m_duration;
     for (const auto& source : m_sources)
-        duration = std::max(duration, source.stream.duration);
+        if (m_duration <= 0)
+            duration = std::max(duration, source->stream->info().duration);
     for (const auto& source : m_sources)
-        if (source.info.id == id)
-            return std::make_unique<FedSource>(id, source.stream.mimeType, duration);
+        if (source->info.id == id)
+            return std::make_unique<FedSource>(id, source->mimeType, duration);
     return nullptr;
 }
 
-MseFeeder::Source* MseFeeder::find(unsigned int id) {
+void MseFeeder::takeCodec(SourceId id) {
+    auto* source = find(id);
+    if (source == nullptr || source->ready.empty())
+        return;
+    if (const auto* type = mediaSourceType(source->ready.front()->config()))
+        source->mimeType = type;
+    source->info.changesCodec = false;
+}
+
+MseFeeder::Source* MseFeeder::find(SourceId id) {
     for (auto& source : m_sources)
-        if (source.info.id == id)
-            return &source;
+        if (source->info.id == id)
+            return source.get();
     return nullptr;
+}
+
+bool MseFeeder::hasEnded() const {
+    return !m_sources.empty() &&
+           std::all_of(m_sources.begin(), m_sources.end(),
+                       [](const auto& source) { return source->info.ended; });
+}
+
+/// Of a stream that is filled while it is read.
+void MseFeeder::changed(SourceId id, const SampleStream::Change& change) {
+    using Kind = SampleStream::Change::Kind;
+    auto* source = find(id);
+    if (source == nullptr)
+        return;
+    if (change.kind == Kind::Replaced)
+        return m_client->outdated(change.until);
+    if (change.kind == Kind::Reopened) {
+        source->ended = false;
+        if (source->info.ended)
+            return m_client->outdated(std::numeric_limits<double>::infinity());
+    }
+    serve(*source);
+}
+
+// ---- where they are read
+
+bool MseFeeder::begin(double seconds) {
+    const bool begun = std::any_of(m_sources.begin(), m_sources.end(),
+                                   [](const auto& source) { return !source->startDue; });
+    if (begun)
+        return false;
+    m_start = seconds;
+    for (auto& source : m_sources) {
+        place(*source, seconds);
+        serve(*source);
+    }
+    return true;
 }
 
 void MseFeeder::seek(double seconds) {
     for (auto& source : m_sources)
-        move(source, seconds);
+        move(*source, seconds);
 }
 
-void MseFeeder::restart(unsigned int id, double seconds) {
+void MseFeeder::restart(SourceId id, double seconds) {
     if (auto* source = find(id))
         move(*source, seconds);
 }
 
 void MseFeeder::move(Source& source, double seconds) {
-    ++source.seeks;
     source.request.reset();
+    source.info.waitsSince.reset();
+    place(source, seconds);
+}
+
+/// What is read next, and given to the backend, begins at a time.
+void MseFeeder::place(Source& source, double seconds) {
+    source.round = ++m_rounds;
     source.ready.clear();
     source.start = seconds;
     source.startDue = true;
-    source.info.waitsSince.reset();
     source.reading = source.ended = source.info.ended = false;
+    source.info.isBlocked = source.info.changesCodec = false;
+    source.info.fedUntil.reset();
     source.error.clear();
-    const auto index = static_cast<std::size_t>(&source - m_sources.data());
-    m_readLoop.post(
-        [self = shared_from_this(), reader = m_reader, index, seconds, seeks = source.seeks] {
-            auto error = reader->at(index).seek(seconds);
-            if (!error.empty())
-                self->post([index, seeks, error = std::move(error)](MseFeeder& feeder) {
-                    feeder.take(index, seeks, {{}, false, error});
-                });
-        });
+    source.keyAskedFor.reset();
+    if (source.stream->isImmediate()) {
+        source.error = source.stream->seek(seconds);
+        return;
+    }
+    m_readLoop.post([self = shared_from_this(), stream = source.stream, id = source.info.id,
+                     seconds, round = source.round] {
+        auto error = stream->seek(seconds);
+        if (!error.empty())
+            self->post([id, round, error = std::move(error)](MseFeeder& feeder) {
+                feeder.take(id, round, {{}, false, error});
+            });
+    });
 }
+
+void MseFeeder::read(Source& source, std::size_t count) {
+    if (source.reading)
+        return;
+    if (source.stream->isImmediate())
+        return take(source, source.stream->read(count));
+    source.reading = true;
+    m_readLoop.post([self = shared_from_this(), stream = source.stream, id = source.info.id, count,
+                     round = source.round] {
+        auto batch = std::make_shared<SampleStream::Batch>(stream->read(count));
+        self->post([id, round, batch](MseFeeder& feeder) {
+            feeder.take(id, round, std::move(*batch));
+        });
+    });
+}
+
+void MseFeeder::take(SourceId id, unsigned int round, SampleStream::Batch batch) {
+    auto* source = find(id);
+    if (source != nullptr && source->round == round)
+        take(*source, std::move(batch));
+}
+
+void MseFeeder::take(Source& source, SampleStream::Batch batch) {
+    source.reading = false;
+    for (auto& sample : batch.samples)
+        source.ready.push_back(std::move(sample));
+    source.ended = batch.ended;
+    source.error = std::move(batch.error);
+    source.info.isBlocked = source.ready.empty() && !source.ended && source.error.empty();
+    if (!source.info.isBlocked)
+        serve(source);
+}
+
+// ---- what is given to the backend
 
 void MseFeeder::request(std::unique_ptr<NeedMSEDataEvent> event) {
     auto* source = find(event->sourceId);
@@ -179,12 +262,13 @@ void MseFeeder::request(std::unique_ptr<NeedMSEDataEvent> event) {
         return;
     source->request = std::move(event);
     source->info.waitsSince = m_loop->now();
+    source->info.isBlocked = false;
     serve(*source);
 }
 
 void MseFeeder::resume() {
     for (auto& source : m_sources)
-        serve(source);
+        serve(*source);
 }
 
 void MseFeeder::serve(Source& source) {
@@ -197,7 +281,7 @@ void MseFeeder::serve(Source& source) {
         deliver(source, count);
     if (!source.ready.empty()) {
         if (source.request != nullptr)
-            askForKey(source);
+            hold(source);
     } else if (source.ended) {
         deliverEnd(source);
     } else if (!source.error.empty() && source.request != nullptr) {
@@ -205,57 +289,46 @@ void MseFeeder::serve(Source& source) {
     }
 }
 
-void MseFeeder::read(Source& source, std::size_t count) {
-    if (source.reading)
+/// Nothing of what is there can be delivered.
+void MseFeeder::hold(Source& source) {
+    const Sample& next = *source.ready.front();
+    source.info.changesCodec = changesCodec(source, next);
+    source.info.isBlocked = !source.info.changesCodec;
+    if (!lacksKey(next))
         return;
-    source.reading = true;
-    const auto index = static_cast<std::size_t>(&source - m_sources.data());
-    m_readLoop.post(
-        [self = shared_from_this(), reader = m_reader, index, count, seeks = source.seeks] {
-            auto batch = std::make_shared<SampleStream::Batch>(reader->at(index).read(count));
-            self->post([index, seeks, batch](MseFeeder& feeder) {
-                feeder.take(index, seeks, std::move(*batch));
-            });
-        });
-}
-
-void MseFeeder::take(std::size_t index, unsigned int seeks, SampleStream::Batch batch) {
-    auto& source = m_sources[index];
-    if (source.seeks != seeks)
-        return;
-    source.reading = false;
-    for (auto& sample : batch.samples)
-        source.ready.push_back(std::move(sample));
-    source.ended = batch.ended;
-    source.error = std::move(batch.error);
-    const bool nothingYet = source.ready.empty() && !source.ended && source.error.empty();
-    if (!nothingYet)
-        serve(source);
-}
-
-/// How many of the samples in front can be decrypted, or are clear.
-std::size_t MseFeeder::deliverable(const Source& source, std::size_t most) const {
-    std::size_t count = 0;
-    for (; count < std::min(most, source.ready.size()); ++count) {
-        const Sample& sample = *source.ready[count];
-        if (sample.keyId() != nullptr && (m_keys == nullptr || !m_keys->hasKey(keyIdOf(sample))))
-            break;
-    }
-    return count;
-}
-
-bool MseFeeder::waitsForKey() const {
-    return std::any_of(m_sources.begin(), m_sources.end(), [this](const Source& source) {
-        return source.request != nullptr && !source.ready.empty() && deliverable(source, 1) == 0;
-    });
-}
-
-void MseFeeder::askForKey(Source& source) {
-    const KeyBytes id = keyIdOf(*source.ready.front());
+    const KeyBytes id = keyIdOf(next);
     if (source.keyAskedFor == id)
         return;
     source.keyAskedFor = id;
-    m_client->keyNeeded(id);
+    m_client->keyNeeded(source.info.id, id, next.pts());
+}
+
+bool MseFeeder::lacksKey(const Sample& sample) const {
+    return sample.keyId() != nullptr &&
+           (m_keys == nullptr || !m_keys->hasKey(keyIdOf(sample), m_keySession));
+}
+
+/// One source of a backend has one codec.
+bool MseFeeder::changesCodec(const Source& source, const Sample& sample) {
+    const auto* type = mediaSourceType(sample.config());
+    return type != nullptr && source.mimeType != type;
+}
+
+/// How many of the samples in front can be decrypted, or are clear, and have the codec.
+std::size_t MseFeeder::deliverable(const Source& source, std::size_t most) const {
+    const auto& ready = source.ready;
+    const auto end = ready.begin() + static_cast<std::ptrdiff_t>(std::min(most, ready.size()));
+    const auto at = std::find_if(ready.begin(), end, [&](const auto& sample) {
+        return lacksKey(*sample) || changesCodec(source, *sample);
+    });
+    return static_cast<std::size_t>(at - ready.begin());
+}
+
+bool MseFeeder::waitsForKey() const {
+    return std::any_of(m_sources.begin(), m_sources.end(), [this](const auto& source) {
+        return source->request != nullptr && !source->ready.empty() &&
+               lacksKey(*source->ready.front());
+    });
 }
 
 /// A sample without payload, whose time is where playback is to start: it keeps what is decoded
@@ -271,15 +344,27 @@ void MseFeeder::deliverStart(Source& source) {
 }
 
 void MseFeeder::deliver(Source& source, std::size_t count) {
+    const auto begin = source.ready.begin();
+    const auto end = begin + static_cast<std::ptrdiff_t>(count);
+    const bool isProtected =
+        std::any_of(begin, end, [](const auto& sample) { return sample->keyId() != nullptr; });
+    if (isProtected && !std::exchange(m_hasMetProtection, true))
+        m_client->protectionMet();
     if (source.startDue)
         deliverStart(source);
     auto event = std::move(source.request);
     source.info.waitsSince.reset();
+    source.info.isBlocked = false;
+    source.keyAskedFor.reset();
     event->samples = new UVASample* [count + 1] {};
     std::size_t bytes = 0;
+    auto& until = source.info.fedUntil;
     for (std::size_t i = 0; i < count; ++i) {
-        bytes += source.ready.front()->payloadSize();
-        event->samples[i] = source.ready.front().release();
+        auto& sample = source.ready.front();
+        bytes += sample->payloadSize();
+        const double sampleEnd = sample->pts() + std::max(0.0, sample->duration());
+        until = std::max(until.value_or(sampleEnd), sampleEnd);
+        event->samples[i] = sample.release();
         source.ready.pop_front();
     }
     m_client->writeData(std::move(event), static_cast<unsigned int>(count),
@@ -289,6 +374,7 @@ void MseFeeder::deliver(Source& source, std::size_t count) {
 void MseFeeder::deliverEnd(Source& source) {
     source.info.ended = true;
     source.info.waitsSince.reset();
+    source.info.isBlocked = false;
     source.request.reset();
     m_client->writeData(std::make_unique<NeedMSEDataEvent>(source.info.id, 0), 0, 0,
                         UVABackend::EndOfStream);
@@ -298,7 +384,11 @@ void MseFeeder::stop() {
     if (m_client == nullptr)
         return;
     m_client = nullptr;
-    m_reader->interrupt();
+    *m_cancelled = true;
+    for (auto& source : m_sources) {
+        source->stream->listen({});
+        source->stream->interrupt();
+    }
     m_readLoop.stop(std::chrono::seconds(2));
 }
 

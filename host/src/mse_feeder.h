@@ -15,8 +15,9 @@
 
 namespace host {
 
-/// Answers a backend's requests for samples. Bound to the element's loop; the streams are read on a
-/// thread of their own, so that a slow file or network holds nothing up.
+/// Answers a backend's requests for samples. Bound to the element's loop. Streams that may block are
+/// read on a thread of their own, so that a slow file or network holds nothing up; what comes into
+/// the others answers an open request at once.
 class MseFeeder final : public std::enable_shared_from_this<MseFeeder> {
 public:
     /// Called on the loop.
@@ -27,52 +28,70 @@ public:
         virtual void feederOpened() = 0;
         virtual void feederFailed(const std::string& reason) = 0;
         /// Samples are held back until this key is there and resume() was called.
-        virtual void keyNeeded(const KeyBytes& id) = 0;
+        virtual void keyNeeded(SourceId source, const KeyBytes& id, double time) = 0;
+        /// The first encrypted samples are about to be written.
+        virtual void protectionMet() = 0;
         virtual void writeData(std::unique_ptr<NeedMSEDataEvent> event, unsigned int samples,
                                unsigned int bytes, UVABackend::WriteDataStatus status) = 0;
+        /// What the backend was given up to this time (seconds) is not what the stream has any more.
+        virtual void outdated(double until) = 0;
     };
 
     struct SourceInfo {
-        unsigned int id = 0;
+        SourceId id = 0;
         StreamInfo::Kind kind = StreamInfo::Kind::Video;
         std::optional<Clock::time_point> waitsSince; ///< that long a request has been open
-        bool ended = false;                          ///< the backend has been told of the end
+        bool isBlocked = false;          ///< ... and nothing is there that could answer it
+        bool ended = false;              ///< the backend has been told of the end
+        bool changesCodec = false;       ///< it is to be attached anew, see takeCodec()
+        std::optional<double> fedUntil;  ///< seconds; since it was moved last
     };
 
-    /// The client outlives stop().
-    MseFeeder(std::shared_ptr<EventLoop> loop, MediaSource source, Client& client);
+    /// The client outlives stop(). The streams that the source opens are numbered by `nextId`.
+    MseFeeder(std::shared_ptr<EventLoop> loop, MediaSource source, Client& client,
+              std::function<SourceId()> nextId);
     ~MseFeeder();
     MseFeeder(const MseFeeder&) = delete;
     MseFeeder& operator=(const MseFeeder&) = delete;
 
     void open();
+    /// Fed from `seconds` on.
+    void add(SourceId id, std::shared_ptr<SampleStream> stream, double seconds);
+    bool remove(SourceId id);
     std::vector<SourceInfo> sources() const;
-    /// For attachSource(), which takes it.
-    std::unique_ptr<UVABackend::SourceDescription> describe(unsigned int id) const;
+    /// For attachSource(), which takes it. Null for an unknown one.
+    std::unique_ptr<UVABackend::SourceDescription> describe(SourceId id) const;
+    /// From now on the source is described with the codec of the sample that is next.
+    void takeCodec(SourceId id);
+    void setDuration(double seconds) { m_duration = seconds; } ///< of the whole; 0: unknown
 
     /// Answered as soon as samples have been read.
     void request(std::unique_ptr<NeedMSEDataEvent> event);
+    /// Playback is to begin elsewhere; false when something was given to the backend already.
+    bool begin(double seconds);
     /// Drops what was requested; later requests are answered from this time on, seconds.
     void seek(double seconds);
     /// The same for one source, which was attached anew.
-    void restart(unsigned int id, double seconds);
+    void restart(SourceId id, double seconds);
     /// Whether a request stays open because the key is missing.
     bool waitsForKey() const;
+    /// The backend has been told of the end of all sources; there is one.
+    bool hasEnded() const;
     /// A key has come, or a stream has been filled.
     void resume();
     /// Nothing is delivered any more. Waits for the reading thread, two seconds at most.
     void stop();
 
 private:
-    struct Reader;
     struct Source {
         SourceInfo info;
-        StreamInfo stream;
+        std::shared_ptr<SampleStream> stream;
+        std::string mimeType; // of the codec that the backend knows it with
         std::unique_ptr<NeedMSEDataEvent> request; // to be answered; null: none
         std::deque<std::unique_ptr<Sample>> ready; // read and not delivered
-        unsigned int seeks = 0;                    // what was read before the last one is dropped
-        double start = 0;                          // where its samples begin, seconds
-        bool startDue = true;                      // ... which the backend has not been told
+        unsigned int round = 0; // of reading; what was read in an earlier one is dropped
+        double start = 0;       // where its samples begin, seconds
+        bool startDue = true;   // ... which the backend has not been told
         bool reading = false;
         bool ended = false; // nothing is to be read behind `ready`
         std::string error;  // nothing can be read behind `ready`
@@ -81,24 +100,36 @@ private:
 
     template <typename Task>
     void post(Task task);
-    void opened(std::string error, std::vector<StreamInfo> streams);
+    void opened(DemuxedMedia media);
+    void changed(SourceId id, const SampleStream::Change& change);
+    void place(Source& source, double seconds);
     void move(Source& source, double seconds);
     void serve(Source& source);
     void read(Source& source, std::size_t count);
-    void take(std::size_t index, unsigned int seeks, SampleStream::Batch batch);
+    void take(SourceId id, unsigned int round, SampleStream::Batch batch);
+    void take(Source& source, SampleStream::Batch batch);
     std::size_t deliverable(const Source& source, std::size_t most) const;
-    void askForKey(Source& source);
+    bool lacksKey(const Sample& sample) const;
+    static bool changesCodec(const Source& source, const Sample& sample);
+    void hold(Source& source);
     void deliverStart(Source& source);
     void deliver(Source& source, std::size_t count);
     void deliverEnd(Source& source);
-    Source* find(unsigned int id);
+    Source* find(SourceId id);
 
     const std::shared_ptr<EventLoop> m_loop;
     const std::shared_ptr<const ClearKey> m_keys;
+    const std::uint64_t m_keySession;
+    const std::function<SourceId()> m_nextId;
+    double m_start;    // of what is opened
+    double m_duration; // seconds; 0: as the streams tell
     Client* m_client; // null once stopped
-    const std::shared_ptr<Reader> m_reader;
+    std::function<DemuxedMedia(const std::atomic<bool>&)> m_open;
+    const std::shared_ptr<std::atomic<bool>> m_cancelled;
     EventLoop m_readLoop;
-    std::vector<Source> m_sources;
+    std::vector<std::unique_ptr<Source>> m_sources;
+    unsigned int m_rounds = 0;
+    bool m_hasMetProtection = false;
 };
 
 } // namespace host

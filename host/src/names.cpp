@@ -6,7 +6,13 @@
 namespace host {
 
 Observer::~Observer() = default;
+void Observer::onEnd(double /*position*/) {}
+void Observer::onStarved(SourceId /*source*/) {}
+void Observer::onFilled(SourceId /*source*/) {}
+void Observer::onKeyNeeded(SourceId /*source*/, const KeyBytes& /*id*/, double /*time*/) {}
+
 SampleStream::~SampleStream() = default;
+void SampleStream::listen(Listener /*listener*/) {}
 
 namespace {
 

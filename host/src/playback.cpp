@@ -4,6 +4,8 @@
 #include "progress_watch.h"
 #include "uva/uva_event.h"
 
+#include <cmath>
+
 namespace host {
 
 void Playback::setState(State state) {
@@ -48,23 +50,65 @@ void Playback::refresh() {
         std::vector<UVABackend::TimeRange> ranges;
         m_calls.ask("getBufferedTimeRanges", &UVAMediaBackend::getBufferedTimeRanges, id,
                     std::vector<UVABackend::ByteRange>(), ranges);
-        m_status.sources.push_back({kind, std::move(ranges)});
+        m_status.sources.push_back({id, kind, std::move(ranges)});
     }
     double value = 0;
     const auto position = [&](UVAMediaBackend& backend) { return backend.getPosition(value); };
-    if (m_calls.ask("getPosition", position) == UVABackend::Success)
+    if (m_calls.ask("getPosition", position) == UVABackend::Success && hasLeftPlace(value)) {
+        m_placeAt.reset();
         m_status.position = value;
-    if (m_status.duration > 0)
+    }
+    if (m_status.duration > 0 || m_isDurationTold)
         return;
     const int known = m_calls.ask("getDuration", &UVAMediaBackend::getDuration, value);
     if (known == UVABackend::Success && value > 0)
         m_status.duration = value;
 }
 
+void Playback::removeSource(SourceId id) {
+    const auto isIt = [id](const auto& source) { return source.first == id; };
+    m_sources.erase(std::remove_if(m_sources.begin(), m_sources.end(), isIt), m_sources.end());
+}
+
+void Playback::playFrom(double seconds) {
+    m_isFed = true;
+    place(seconds);
+}
+
+void Playback::place(double seconds) {
+    m_placeAt = m_status.position = seconds;
+}
+
+/// A backend rounds times. One that is fed stands at 0, or where it was, until it has samples; of
+/// what they are to be played from nothing is before.
+bool Playback::hasLeftPlace(double position) const {
+    constexpr double rounding = 2e-6;
+    if (!m_placeAt)
+        return true;
+    return m_isFed ? position > *m_placeAt + rounding
+                   : std::abs(position - *m_placeAt) > rounding;
+}
+
+void Playback::setDuration(double seconds) {
+    m_isDurationTold = true;
+    if (m_status.duration == seconds)
+        return;
+    m_status.duration = seconds;
+    publish();
+}
+
+void Playback::finish() {
+    m_held = false;
+    setState(State::Ended);
+    m_calls.observe([this](Observer& observer) { observer.onEnd(m_status.position); });
+}
+
 // ---- what is wanted
 
 void Playback::play() {
     m_wanted = true;
+    if (is(State::Idle) || is(State::Failed))
+        return;
     if (reached(Stage::Initialized) && !m_held)
         m_calls.operate("play", {}, &UVAMediaBackend::play);
     m_watch.restart();
@@ -76,14 +120,16 @@ void Playback::play() {
 
 void Playback::pause() {
     m_wanted = false;
+    if (is(State::Idle) || is(State::Failed))
+        return;
     if (reached(Stage::Initialized))
         m_calls.operate("pause", {}, &UVAMediaBackend::pause);
-    if (!is(State::Seeking))
+    if (!is(State::Seeking) && !is(State::Ended))
         setState(State::Paused);
 }
 
 void Playback::catchUp() {
-    if (m_wanted)
+    if (m_wanted && !m_held)
         m_calls.operate("play", {}, &UVAMediaBackend::play);
     else if (is(State::Paused))
         m_calls.operate("pause", {}, &UVAMediaBackend::pause);
@@ -120,12 +166,12 @@ void Playback::underrun() {
 /// Of a media source it only says that samples have arrived: what moves tells that it plays.
 void Playback::buffered() {
     m_watch.restart();
-    if (m_sources.empty() && is(State::Buffering))
+    if (!m_isFed && is(State::Buffering))
         setState(State::Playing);
 }
 
 void Playback::take(const NewMetadataEvent& media) {
-    if (media.duration > 0)
+    if (media.duration > 0 && !m_isDurationTold)
         m_status.duration = media.duration;
     m_status.width = media.width;
     m_status.height = media.height;

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <functional>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -47,9 +48,19 @@ public:
     /// Hands the sources over, which end with a null.
     bool initialize(UVABackend::SourceDescription** sources, std::vector<Argument> arguments);
     /// Of such a source the status tells what the backend holds.
-    void addSource(unsigned int id, StreamInfo::Kind kind) { m_sources.emplace_back(id, kind); }
+    void addSource(SourceId id, StreamInfo::Kind kind) { m_sources.emplace_back(id, kind); }
+    void removeSource(SourceId id);
     /// Reads position, duration and what the backend holds.
     void refresh();
+
+    /// Samples are played, not a URL; from this time on, seconds.
+    void playFrom(double seconds);
+    bool isFed() const { return m_isFed; }
+    /// Where playback is to be now: the position, to the last bit, until something is played there.
+    void place(double seconds);
+    void leavePlace() { m_placeAt.reset(); } ///< it is not to be there after all
+    /// The host knows it: of the whole, seconds; 0: unknown.
+    void setDuration(double seconds);
 
     bool isWanted() const { return m_wanted; }
     void play();
@@ -61,6 +72,9 @@ public:
     void hold(); ///< whatever is wanted
     void letGo();
 
+    /// All has been played.
+    void finish();
+
     // What the backend tells.
     void moved();
     void underrun();
@@ -69,13 +83,18 @@ public:
     void take(const MultiComponentChangedEvent& change, const Components& added);
 
 private:
+    bool hasLeftPlace(double position) const;
+
     Calls& m_calls;
     ProgressWatch& m_watch;
     const std::function<void()> m_failed;
 
     Status m_status;
     std::vector<const void*> m_componentKeys; // one for each of m_status.components
-    std::vector<std::pair<unsigned int, StreamInfo::Kind>> m_sources; // empty: a URL is played
+    std::vector<std::pair<SourceId, StreamInfo::Kind>> m_sources;
+    bool m_isFed = false;            // by the host
+    bool m_isDurationTold = false;   // by the host
+    std::optional<double> m_placeAt; // where playback was told to be, and has not moved from
     Stage m_stage = Stage::Requested;
     bool m_wanted = false; // to play
     bool m_held = false;   // until there is enough data again

@@ -8,28 +8,44 @@
 
 namespace host {
 
-void Seek::request(double target) {
-    if (!std::isfinite(target) || m_calls.backend() == nullptr || m_playback.is(State::Failed))
-        return answer(target, SeekOutcome::Failed);
+double Seek::destination() const {
+    return m_waiting      ? m_waiting->target
+           : isUnderWay() ? m_current.target
+                          : m_playback.status().position;
+}
+
+void Seek::request(Request request) {
+    const bool refused = m_calls.backend() == nullptr || m_playback.is(State::Idle) ||
+                         m_playback.is(State::Failed);
+    if (refused || !std::isfinite(request.target))
+        return answer(request, SeekOutcome::Failed);
     if (m_waiting)
         answer(*m_waiting, SeekOutcome::Replaced);
-    m_waiting = target;
+    m_waiting = request;
+}
+
+/// A URL is not sought before something was played.
+bool Seek::isPossible() const {
+    return m_playback.is(State::Ended) || everBegan() ||
+           m_playback.reached(m_playback.isFed() ? Playback::Stage::Initialized
+                                                 : Playback::Stage::Played);
 }
 
 bool Seek::begin() {
-    const bool ended = m_playback.is(State::Ended);
-    const bool possible = ended || everBegan() || m_playback.reached(Playback::Stage::Played);
-    if (!m_waiting || isUnderWay() || !possible)
+    if (!m_waiting || isUnderWay() || !isPossible())
         return false;
-    m_target = *std::exchange(m_waiting, std::nullopt);
+    m_current = *std::exchange(m_waiting, std::nullopt);
+    const bool ended = m_playback.is(State::Ended);
     if (!m_playback.is(State::Seeking))
         m_fromEnd = ended;
     m_progress = Progress::UnderWay;
     m_watch.forgetErrors();
     m_watch.restart();
-    m_playback.setState(State::Seeking);
-    m_calls.operate("setPosition", {{"seconds", m_target}}, &UVAMediaBackend::setPosition,
-                    m_target);
+    m_playback.place(m_current.target);
+    if (m_current.generation != 0 || ended)
+        m_playback.setState(State::Seeking);
+    m_calls.operate("setPosition", {{"seconds", m_current.target}}, &UVAMediaBackend::setPosition,
+                    m_current.target);
     return true;
 }
 
@@ -40,13 +56,14 @@ void Seek::finish(SeekOutcome outcome) {
     m_watch.restart();
     if (outcome == SeekOutcome::Succeeded)
         m_fromEnd = false;
-    answer(m_target, outcome);
-    if (begin())
-        return;
+    else
+        m_playback.leavePlace();
     m_playback.refresh();
-    m_playback.setState(m_fromEnd               ? State::Ended
-                        : m_playback.isWanted() ? State::Buffering
-                                                : State::Paused);
+    answer(m_current, outcome);
+    if (!begin() && m_playback.is(State::Seeking))
+        m_playback.setState(m_fromEnd               ? State::Ended
+                            : m_playback.isWanted() ? State::Buffering
+                                                    : State::Paused);
 }
 
 void Seek::settle() {
@@ -56,15 +73,19 @@ void Seek::settle() {
 
 void Seek::abortAll() {
     if (isUnderWay())
-        answer(m_target, SeekOutcome::Aborted);
+        answer(m_current, SeekOutcome::Aborted);
     if (m_waiting)
         answer(*m_waiting, SeekOutcome::Aborted);
     m_waiting.reset();
     m_progress = Progress::Settled;
 }
 
-void Seek::answer(double target, SeekOutcome outcome) {
-    m_calls.observe([&](Observer& observer) { observer.onSeek(target, outcome); });
+void Seek::answer(Request request, SeekOutcome outcome) {
+    if (request.generation == 0)
+        return;
+    const SeekResult result{request.generation, request.target, outcome,
+                            m_playback.status().position};
+    m_calls.observe([&](Observer& observer) { observer.onSeek(result); });
 }
 
 } // namespace host

@@ -3,6 +3,7 @@
 
 #include "host/observer.h"
 
+#include <cstdint>
 #include <optional>
 
 namespace host {
@@ -14,16 +15,24 @@ class ProgressWatch;
 /// The seeks of a media element: one under way at a time, and one more that waits.
 class Seek {
 public:
+    struct Request {
+        std::uint64_t generation = 0; ///< 0: the element's own, which nobody waits for
+        double target = 0;            ///< seconds
+    };
+
     Seek(Calls& calls, Playback& playback, ProgressWatch& watch)
         : m_calls(calls), m_playback(playback), m_watch(watch) {}
 
     bool everBegan() const { return m_progress != Progress::Never; }
     bool isUnderWay() const { return m_progress == Progress::UnderWay; }
     bool isSettling() const { return m_progress == Progress::Settling; }
-    double target() const { return m_target; } ///< of the last one that was begun; seconds
+    bool isIdle() const { return !isUnderWay() && !m_waiting; }
+    double target() const { return m_current.target; } ///< of the last one that was begun; seconds
+    /// Where playback is, or the newest seek is to take it.
+    double destination() const;
 
     /// To be begun, in place of one that waits.
-    void request(double target);
+    void request(Request request);
     /// Begins the one that waits, if one does and it can be.
     bool begin();
     /// The backend's answer. The one that waits may be under way then.
@@ -32,18 +41,20 @@ public:
     void settle();
     void abortAll();
 
+    void answer(Request request, SeekOutcome outcome);
+
 private:
     enum class Progress { Never, UnderWay, Settling, Settled };
 
-    void answer(double target, SeekOutcome outcome);
+    bool isPossible() const;
 
     Calls& m_calls;
     Playback& m_playback;
     ProgressWatch& m_watch;
     Progress m_progress = Progress::Never; // of the last one
-    double m_target = 0;
-    bool m_fromEnd = false; // it began where playback had ended
-    std::optional<double> m_waiting;
+    Request m_current;                     // the last one that was begun
+    bool m_fromEnd = false;                // it began where playback had ended
+    std::optional<Request> m_waiting;
 };
 
 } // namespace host

@@ -1,5 +1,7 @@
 #include "stream_format.h"
 
+#include "codec_conversion.h"
+
 extern "C" {
 #include <libavutil/mastering_display_metadata.h>
 #include <libavutil/pixdesc.h>
@@ -132,6 +134,14 @@ const MediaSourceCodec* findMediaSourceCodec(AVCodecID codec) {
 const char* mediaSourceType(AVCodecID codec) {
     const auto* found = findMediaSourceCodec(codec);
     return found == nullptr ? nullptr : found->mimeType;
+}
+
+const char* mediaSourceType(const UVAStreamConfig* config) {
+    const auto* row =
+        std::find_if(std::begin(rows), std::end(rows), [config](const Row& candidate) {
+            return config != nullptr && candidate.codec == config->codec;
+        });
+    return row == std::end(rows) ? nullptr : row->mimeType;
 }
 
 std::shared_ptr<const StreamFormat> makeStreamFormat(const AVStream& stream, Bytes extradata,

@@ -1,7 +1,7 @@
 #ifndef HOST_STREAM_FORMAT_H
 #define HOST_STREAM_FORMAT_H
 
-#include "codec_conversion.h"
+#include "host/adts.h"
 #include "host/sample_stream.h"
 
 extern "C" {
@@ -39,6 +39,8 @@ struct MediaSourceCodec {
 const MediaSourceCodec* findMediaSourceCodec(AVCodecID codec);
 /// The MIME type of the codec for a media source; null when media sources do not take it.
 const char* mediaSourceType(AVCodecID codec);
+/// ... of samples with this configuration; null also when there is none.
+const char* mediaSourceType(const UVAStreamConfig* config);
 
 /// For a stream whose codec media sources take, with these codec headers. Null, and why.
 std::shared_ptr<const StreamFormat>

@@ -1,5 +1,6 @@
 #include "codec_conversion.h"
 #include "demux_fixture.h"
+#include "host/adts.h"
 
 #include "support/wait_until.h"
 

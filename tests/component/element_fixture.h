@@ -47,9 +47,23 @@ public:
         m_status = status;
         ++m_statuses;
     }
-    void onSeek(double target, host::SeekOutcome outcome) override {
+    void onSeek(const host::SeekResult& result) override {
         std::ostringstream text;
-        text << "seek to " << target << " " << host::name(outcome);
+        text << "seek to " << result.target << " " << host::name(result.outcome);
+        tell(text.str());
+    }
+    void onKeyNeeded(host::SourceId source, const host::KeyBytes& id, double time) override {
+        std::ostringstream text;
+        text << "key " << int{id[0]} << " needed by " << source << " at " << time;
+        tell(text.str());
+    }
+    void onStarved(host::SourceId source) override {
+        tell(std::to_string(source) + " starved");
+    }
+    void onFilled(host::SourceId source) override { tell(std::to_string(source) + " filled"); }
+    void onEnd(double position) override {
+        std::ostringstream text;
+        text << "end at " << position;
         tell(text.str());
     }
     void tell(const std::string& text) {

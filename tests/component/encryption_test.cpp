@@ -1,4 +1,4 @@
-#include "codec_conversion.h"
+#include "host/adts.h"
 #include "demux_fixture.h"
 #include "packet_protection.h"
 

@@ -63,9 +63,6 @@ protected:
         renew();
         host::MediaSource source;
         source.keys = m_keys;
-        source.keyNeeded = [this](const host::KeyBytes& id) {
-            m_recorder.tell("key " + std::to_string(id[0]) + " needed");
-        };
         source.server = m_server;
         source.open = [this](const std::atomic<bool>&) {
             EXPECT_TRUE(waitUntil([this] { return m_mayOpen.load(); }));

@@ -11,17 +11,12 @@
 
 namespace uvahost {
 
-struct SeekAnswer {
-    double target = 0;
-    host::SeekOutcome outcome = host::SeekOutcome::Failed;
-};
-
 /// The key that samples wait for.
 struct KeyNeeded {
     host::KeyBytes id{};
 };
 
-using Message = std::variant<host::Record, host::Status, SeekAnswer, KeyNeeded>;
+using Message = std::variant<host::Record, host::Status, host::SeekResult, KeyNeeded>;
 
 /// Brings what an element reports from the event loop to the program's own thread.
 class Inbox final : public host::Observer {
@@ -33,10 +28,11 @@ public:
 
     void onRecord(const host::Record& record) override { put(record); }
     void onStatus(const host::Status& status) override { put(status); }
-    void onSeek(double target, host::SeekOutcome outcome) override {
-        put(SeekAnswer{target, outcome});
+    void onSeek(const host::SeekResult& result) override { put(result); }
+    void onKeyNeeded(host::SourceId /*source*/, const host::KeyBytes& id,
+                     double /*time*/) override {
+        put(KeyNeeded{id});
     }
-    void onKeyNeeded(const host::KeyBytes& id) { put(KeyNeeded{id}); }
 
 private:
     void put(Message message);

@@ -78,9 +78,7 @@ void Playback::begin(Media media) {
     if (auto* const uri = std::get_if<std::string>(&media)) {
         m_element.open(std::move(*uri));
     } else {
-        auto& source = std::get<host::MediaSource>(media);
-        source.keyNeeded = [this](const host::KeyBytes& id) { m_inbox.onKeyNeeded(id); };
-        m_element.openSource(std::move(source));
+        m_element.openSource(std::move(std::get<host::MediaSource>(media)));
     }
     if (m_stage.options.window)
         m_element.setWindow(*m_stage.options.window);
@@ -145,7 +143,7 @@ void Playback::take(const host::Status& status) {
         snapshot();
 }
 
-void Playback::take(const SeekAnswer& answer) {
+void Playback::take(const host::SeekResult& answer) {
     if (--m_seeksOpen == 0)
         m_lastTarget.reset();
     if (m_seekFromList != answer.target)

@@ -60,7 +60,7 @@ private:
     void takeRecords();
     void take(const host::Record& record);
     void take(const host::Status& status);
-    void take(const SeekAnswer& answer);
+    void take(const host::SeekResult& answer);
     void take(const KeyNeeded& key);
     void deliverKeys();
     void checkDetaches();

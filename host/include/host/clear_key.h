@@ -4,7 +4,6 @@
 #include "host/sample_stream.h"
 #include "uva/uva_drm_backend.h"
 
-#include <array>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -13,9 +12,6 @@ namespace host {
 
 /// Identifier of the key system, as setKeySystem() takes it.
 inline constexpr const char* clearKeySystem = "org.w3.clearkey";
-
-/// 128 bits: a key id or a key.
-using KeyBytes = std::array<std::uint8_t, 16>;
 
 struct KeyPair {
     KeyBytes id;
@@ -33,6 +29,9 @@ std::string hexText(const KeyBytes& bytes);
 /// pattern), ISO/IEC 23001-7. Key ids are those of keyReference(). Nothing blocks: a decrypter
 /// whose key is not there is refused. Every decrypter has a key slot, numbered from 1. Those that
 /// are not given back end with this object. Thread-safe.
+///
+/// A key belongs to a session, which is what an element names to its backend as the `client` of its
+/// key system: no other element's decrypters find it. Keys of session 0 serve all.
 class ClearKey final : public UVADRMBackend {
 public:
     /// Which decrypter interface backends find.
@@ -41,11 +40,17 @@ public:
     explicit ClearKey(Interface interface);
     ~ClearKey() override;
 
-    void addKey(const KeyPair& pair); ///< replaces one of the same id for decrypters made later
-    bool hasKey(const KeyBytes& id) const;
+    /// Replaces one of the same id and session for decrypters made later.
+    void addKey(const KeyPair& pair, std::uint64_t session = 0);
+    /// Decrypters that have it keep it. Unknown ones do not matter.
+    void removeKey(const KeyBytes& id, std::uint64_t session = 0);
+    void removeKeys(std::uint64_t session); ///< all of a session
+    /// Whether decrypters of this session find it.
+    bool hasKey(const KeyBytes& id, std::uint64_t session = 0) const;
 
+    /// `session`: of the element that asks.
     int createDecrypter(UVADRMDecrypter*& decrypter, const std::uint8_t* keyId,
-                        std::size_t keyIdSize, std::uint64_t value) override;
+                        std::size_t keyIdSize, std::uint64_t session) override;
     void releaseDecrypter(UVADRMDecrypter* decrypter) override;
     void* getInterface(const char* name) override;
 

@@ -1,12 +1,14 @@
 #ifndef HOST_MEDIA_ELEMENT_H
 #define HOST_MEDIA_ELEMENT_H
 
+#include "host/capability_query.h"
 #include "host/media_source.h"
 #include "host/observer.h"
 #include "host/picture.h"
 #include "uva/uva_backend.h"
 
 #include <chrono>
+#include <cstdint>
 #include <functional>
 #include <future>
 #include <memory>
@@ -22,6 +24,13 @@ class EventLoop;
 /// What the host answers when a sink asks for the set's decoder.
 enum class ResourcePolicy { Grant, Deny };
 
+/// The pictures of an element, since it was opened.
+struct PictureCounters {
+    std::uint64_t shown = 0;
+    std::uint64_t dropped = 0;   ///< decoded, or not even that, and too late to be shown
+    std::uint64_t corrupted = 0; ///< of those shown: with errors in them
+};
+
 /// A media element: one backend, one piece of media, from open() to release().
 ///
 /// Thread-safe. The calls return at once and take effect on the event loop, where every operation
@@ -32,8 +41,12 @@ public:
         ResourcePolicy resources = ResourcePolicy::Grant;
         std::string userAgent = "uva-host";
 
-        /// How often the position is read.
+        /// How often the position is read, and playback looked at.
         std::chrono::milliseconds tick{100};
+
+        /// Its sources are numbered from here. In a process with several elements numbers that no
+        /// other element uses tell their sinks apart.
+        SourceId firstSource = 1;
 
         /// Playback that does not get on has failed; a backend keeps most errors of the media to
         /// itself. Each phase (connecting, opening, ...) has a bound of its own; this one stands in
@@ -49,6 +62,10 @@ public:
         /// empty: none. What does not move any more has failed with it, soon. Called on the event
         /// loop; may be empty.
         std::function<std::string()> takeError;
+
+        /// What the set has counted for the sink of a source; of a URL's, where sources have no
+        /// number, 0. Any thread; may be empty.
+        std::function<PictureCounters(SourceId source)> pictures;
     };
 
     struct Capture {
@@ -79,12 +96,37 @@ public:
     void play();
     void pause();
 
-    /// Seconds. One seek is under way at a time; one more waits, and a newer request takes its
-    /// place. A seek before playback has started waits for it.
-    void seek(double seconds);
+    /// Seconds. Answers the number of this seek, from 1, under which Observer::onSeek() tells what
+    /// became of it. One seek is under way at a time; one more waits, and a newer request takes its
+    /// place. Samples can be sought before anything was played and while paused; of a URL, a seek
+    /// before playback has started waits for it.
+    std::uint64_t seek(double seconds);
 
-    /// Of an element that was given a MediaSource: detaches the source of this kind and attaches it
-    /// again. The backend seeks to where it is.
+    /// Seconds: where playback is, not older than a tick. From a seek on it is the very target, to
+    /// the last bit, until something is played from there.
+    double position() const;
+
+    /// 0 to 1. A set has one: it holds for all elements.
+    void setVolume(double volume);
+    /// 1 is normal. False when the backend cannot play at that rate: nothing changes. Before open()
+    /// it is the normal one alone.
+    bool setRate(double rate);
+    /// Of the whole media, seconds. A backend may keep a longer one.
+    void setDuration(double seconds);
+
+    /// Asks this element's backend; it is requested for that if need be.
+    std::future<CapabilityAnswer> canPlayType(UVABackend::ContentDescription description);
+
+    PictureCounters counters() const;
+
+    // Sources, of an element that is, or will be, given a MediaSource.
+
+    /// Adds a source, also while others play; one of a kind at a time. It is fed from where
+    /// playback is. A stream whose samples change their codec is attached anew where they do. Null
+    /// is none: 0.
+    SourceId attach(std::unique_ptr<SampleStream> stream);
+    void detach(SourceId source);
+    /// Detaches the source of this kind and attaches it again. The backend seeks to where it is.
     void reattach(StreamInfo::Kind kind);
     /// ... keys have come, or a stream has been filled: samples that were held back go on.
     void resumeFeeding();

@@ -5,6 +5,7 @@
 #include "host/media_demuxer.h"
 
 #include <atomic>
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <string>
@@ -13,17 +14,19 @@ namespace host {
 
 /// What a media element plays when the host feeds it: samples in place of a URL.
 struct MediaSource {
-    /// Opens the streams, at most one of a kind. Called once, on a thread of the element's own on
-    /// which the streams are read too; may block until `cancelled` becomes true.
+    /// Opens the streams that are there from the beginning, at most one of a kind. Called once, on a
+    /// thread of the element's own on which such streams are read too; may block until `cancelled`
+    /// becomes true. Empty: all streams come with MediaElement::attach().
     std::function<DemuxedMedia(const std::atomic<bool>& cancelled)> open;
 
-    /// Decrypts, under clearKeySystem, what is encrypted; must be on offer to the backends
-    /// (UVA_OfferDRMBackend). Null: encrypted samples cannot be fed.
-    std::shared_ptr<const ClearKey> keys;
+    double start = 0;    ///< where playback begins, seconds
+    double duration = 0; ///< of the whole, seconds; 0: as the streams tell
 
-    /// Samples are held back until the key with this id is there, see
-    /// MediaElement::resumeFeeding(). Called as an Observer is; may be empty.
-    std::function<void(const KeyBytes& id)> keyNeeded;
+    /// Decrypts, under clearKeySystem, what is encrypted; must be on offer to the backends
+    /// (UVA_OfferDRMBackend). Null: encrypted samples cannot be fed. Samples whose key is not there
+    /// are held back, see Observer::onKeyNeeded().
+    std::shared_ptr<const ClearKey> keys;
+    std::uint64_t keySession = 0; ///< whose keys they are, see ClearKey
 
     /// The host name of what is fetched over a network; empty: all are files.
     std::string server;

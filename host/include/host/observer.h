@@ -4,6 +4,8 @@
 #include "host/record.h"
 #include "host/status.h"
 
+#include <cstdint>
+
 namespace host {
 
 enum class SeekOutcome {
@@ -15,6 +17,14 @@ enum class SeekOutcome {
 
 /// "succeeded", "failed", ...
 const char* name(SeekOutcome outcome);
+
+/// What became of a MediaElement::seek().
+struct SeekResult {
+    std::uint64_t generation = 0; ///< what it had answered
+    double target = 0;            ///< seconds, as it was given
+    SeekOutcome outcome = SeekOutcome::Succeeded;
+    double position = 0; ///< where playback is now, seconds
+};
 
 /// Where a media element reports. Called on the event loop's thread, in the order of what happened;
 /// may call the element back, except for its release. Must not block.
@@ -30,7 +40,20 @@ public:
     virtual void onStatus(const Status& status) = 0;
 
     /// The one answer to each MediaElement::seek().
-    virtual void onSeek(double target, SeekOutcome outcome) = 0;
+    virtual void onSeek(const SeekResult& result) = 0;
+
+    /// All has been played. The status tells of it first.
+    virtual void onEnd(double position);
+
+    /// Playback is held, or will be at once, because this source has nothing to go on with; ... it
+    /// has again. By turns, of sources that the host feeds.
+    virtual void onStarved(SourceId source);
+    virtual void onFilled(SourceId source);
+
+    /// Samples of this source, from this time on (seconds), are held back until the key with this id
+    /// is there and MediaElement::resumeFeeding() was called. Once a key, until something else was
+    /// fed.
+    virtual void onKeyNeeded(SourceId source, const KeyBytes& id, double time);
 };
 
 } // namespace host

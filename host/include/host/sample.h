@@ -3,11 +3,15 @@
 
 #include "uva/uva_sample.h"
 
+#include <array>
 #include <cstdint>
 #include <memory>
 #include <vector>
 
 namespace host {
+
+/// 128 bits: a key id or a key.
+using KeyBytes = std::array<std::uint8_t, 16>;
 
 /// How a sample is encrypted (ISO/IEC 23001-7). A plain value.
 struct Protection {

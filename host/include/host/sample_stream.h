@@ -4,11 +4,15 @@
 #include "host/sample.h"
 
 #include <cstddef>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
 
 namespace host {
+
+/// Names a source of a media element, towards the backend too.
+using SourceId = unsigned int;
 
 /// What a media source is told of an elementary stream. A plain value.
 struct StreamInfo {
@@ -31,6 +35,18 @@ public:
         std::string error;  ///< nothing can follow these samples, and why; one line
     };
 
+    /// What happens to a stream that is filled while it is read.
+    struct Change {
+        enum class Kind {
+            Arrived,  ///< more may be read where there was nothing
+            Replaced, ///< samples that have been read since the last seek are gone, or others now
+            Reopened, ///< the end that was told is none any more
+        };
+        Kind kind = Kind::Arrived;
+        double until = 0; ///< Replaced: the end of the latest of those samples, seconds
+    };
+    using Listener = std::function<void(const Change& change)>;
+
     virtual ~SampleStream();
 
     virtual const StreamInfo& info() const = 0;
@@ -46,6 +62,14 @@ public:
 
     /// A call that blocks, and all later ones, fail soon. Any thread.
     virtual void interrupt() = 0;
+
+    /// Nothing of it blocks: it is read where its samples are wanted, without a thread.
+    virtual bool isImmediate() const { return false; }
+
+    /// From now on the listener, in place of an earlier one, hears of changes: on the thread that
+    /// makes them, under no lock. Empty: none. A call may be under way when this returns. Streams
+    /// that do not change call none.
+    virtual void listen(Listener listener);
 };
 
 } // namespace host

@@ -34,6 +34,7 @@ struct Component {
 
 /// What the backend holds of a media source that the host feeds.
 struct BufferedSource {
+    SourceId id = 0;
     StreamInfo::Kind kind = StreamInfo::Kind::Video;
     std::vector<UVABackend::TimeRange> ranges; ///< seconds
 };
