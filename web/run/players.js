@@ -5,31 +5,33 @@ const path = require('path');
 
 /**
  * script: its file, of an npm package; the build with texts for logs. manifests: the files it plays.
- * start(window, video, { url, licenceUrl, at, fail, note }): begins to load; fail(text) tells of what
- * ends playback, note(text) of the rest; `at`: seconds to start at, or undefined. Answers
- * { stop(), selectHeight(pixels): goes over to that rendition, log(level) }; stop() may answer a promise.
+ * start(window, video, { url, licenceUrl, at, autoplay, fail, note }): begins to load, and to play unless
+ * autoplay is false; fail(text) tells of what ends playback, note(text) of the rest; `at`: seconds to start
+ * at, or undefined. Answers { player, stop(), which may answer a promise, selectHeight(pixels): goes over
+ * to that rendition }.
  */
 const players = {
   shaka: {
     script: 'shaka-player/dist/shaka-player.compiled.debug.js',
     manifests: ['.mpd', '.m3u8'],
-    start(window, video, { url, licenceUrl, at, fail, note }) {
+    start(window, video, { url, licenceUrl, at, autoplay, fail, note }) {
       const { shaka } = window;
       const codes = Object.fromEntries(Object.entries(shaka.util.Error.Code).map(([name, code]) => [code, name]));
-      const describe = ({ code, severity, category, data = [], message }) => (code === undefined ? message
-        : `${codes[code] || 'error'} (${code}, category ${category}, severity ${severity}): ${data.map(asText).join(', ')}`);
-      const isCritical = ({ severity }) => severity === undefined || severity === shaka.util.Error.Severity.CRITICAL;
-      const tell = error => (isCritical(error) ? fail : note)(describe(error));
+      const tell = error => {
+        if (!(error instanceof shaka.util.Error)) return fail(error.message);
+        const text = `${codes[error.code] || 'error'} (${error.code}): ${error.data.map(asText).join(', ')}`;
+        (error.severity === shaka.util.Error.Severity.CRITICAL ? fail : note)(text);
+      };
       shaka.polyfill.installAll();
       if (!shaka.Player.isBrowserSupported()) return fail('the page lacks what the player needs');
       const player = new shaka.Player();
       player.addEventListener('error', event => tell(event.detail));
       player.addEventListener('adaptation', event => note(`rendition ${event.newTrack?.width}x${event.newTrack?.height}`));
-      if (licenceUrl) player.configure({ drm: { servers: { 'org.w3.clearkey': licenceUrl } } });
+      if (licenceUrl) player.configure(own(window, { drm: { servers: { 'org.w3.clearkey': licenceUrl } } }));
       const load = async () => {
         await player.attach(video);
         await player.load(url, at);
-        await video.play();
+        if (autoplay) await play(video);
       };
       load().catch(error => { if (error.code !== shaka.util.Error.Code.LOAD_INTERRUPTED) tell(error); });
       return {
@@ -47,21 +49,21 @@ const players = {
   dash: {
     script: 'dashjs/dist/modern/umd/dash.all.debug.js',
     manifests: ['.mpd'],
-    start(window, video, { url, licenceUrl, at, fail, note }) {
+    start(window, video, { url, licenceUrl, at, autoplay, fail, note }) {
       const { dashjs } = window;
       const player = dashjs.MediaPlayer().create();
       player.on('error', ({ error }) => fail(typeof error === 'object' ? `${error.message} (${error.code})` : String(error)));
       player.on('qualityChangeRendered', ({ newRepresentation, mediaType }) => {
         if (mediaType === 'video' && newRepresentation) note(`rendition ${newRepresentation.width}x${newRepresentation.height}`);
       });
-      if (licenceUrl) player.setProtectionData({ 'org.w3.clearkey': { serverURL: licenceUrl } });
-      player.updateSettings({ debug: { logLevel: dashjs.Debug.LOG_LEVEL_WARNING } });
-      player.initialize(video, url, true, at);
+      if (licenceUrl) player.setProtectionData(own(window, { 'org.w3.clearkey': { serverURL: licenceUrl } }));
+      player.updateSettings(own(window, { debug: { logLevel: dashjs.Debug.LOG_LEVEL_WARNING } }));
+      player.initialize(video, url, autoplay, at);
       return {
         player,
         stop: () => player.destroy(),
         selectHeight(pixels) {
-          player.updateSettings({ streaming: { abr: { autoSwitchBitrate: { video: false } } } });
+          player.updateSettings(own(window, { streaming: { abr: { autoSwitchBitrate: { video: false } } } }));
           const found = player.getRepresentationsByType('video').find(({ height }) => height === pixels);
           if (found) player.setRepresentationForTypeById('video', found.id, false);
         },
@@ -72,14 +74,14 @@ const players = {
   hls: {
     script: 'hls.js/dist/hls.js',
     manifests: ['.m3u8'],
-    start(window, video, { url, licenceUrl, at, fail, note }) {
+    start(window, video, { url, licenceUrl, at, autoplay, fail, note }) {
       const { Hls } = window;
       if (!Hls.isSupported()) return fail('the page lacks what the player needs');
-      const player = new Hls({
+      const player = new Hls(own(window, {
         enableWorker: false, // a page in jsdom has no workers
         startPosition: at ?? -1,
         ...(licenceUrl && { emeEnabled: true, drmSystems: { 'org.w3.clearkey': { licenseUrl: licenceUrl } } }),
-      });
+      }));
       player.on(Hls.Events.ERROR, (event, { type, details, fatal, error, response, url: what }) => {
         const text = `${type}, ${details}: ${[error?.message, response?.code && `HTTP ${response.code}`, what].filter(Boolean).join(', ')}`;
         (fatal ? fail : note)(text);
@@ -88,7 +90,7 @@ const players = {
         const { width, height } = player.levels[level];
         note(`rendition ${width}x${height}`);
       });
-      player.on(Hls.Events.MANIFEST_PARSED, () => video.play().catch(() => {})); // a pause in between is none of ours
+      if (autoplay) player.on(Hls.Events.MANIFEST_PARSED, () => play(video));
       player.loadSource(url);
       player.attachMedia(video);
       return {
@@ -101,6 +103,16 @@ const players = {
     },
   },
 };
+
+/** Options of the page's realm: players tell objects by their constructor. */
+function own(window, options) {
+  return window.JSON.parse(JSON.stringify(options));
+}
+
+/** What comes in between, a pause or an error, is told by the element's events. */
+function play(video) {
+  return video.play().catch(() => {});
+}
 
 function asText(value) {
   return typeof value === 'object' && value !== null ? value.message || JSON.stringify(value) : String(value);

@@ -15,16 +15,25 @@ class WebPlayer {
    * becomes the page's. fail(text): playback has ended with an error; note(text): the player tells
    * something else. The other options are those of Page.open.
    */
-  static async open(name, url, { base, licenceUrl, at, fail = () => {}, note = () => {}, ...options }) {
-    const self = new WebPlayer();
-    self.page = await Page.open({ url: `${base}/`, html, ...options });
-    await self.page.loaded();
-    self.window = self.page.window;
-    self.video = self.page.document.querySelector('video');
-    // The text runs as the page's own script does.
-    new vm.Script(fs.readFileSync(scriptOf(name), 'utf8'), { filename: scriptOf(name) }).runInContext(self.page.dom.getInternalVMContext());
-    self.control = players[name].start(self.window, self.video, { url, licenceUrl, at, fail, note }) || { stop() {} };
-    return self;
+  static async open(name, url, { base, licenceUrl, at, fail, note, ...options }) {
+    const page = await Page.open({ url: `${base}/`, html, ...options });
+    await page.loaded();
+    // The text runs as a script of the page does.
+    new vm.Script(fs.readFileSync(scriptOf(name), 'utf8'), { filename: scriptOf(name) }).runInContext(page.dom.getInternalVMContext());
+    return new WebPlayer(name, url, page, page.document.querySelector('video'), { licenceUrl, at, fail, note });
+  }
+
+  constructor(name, url, page, video, { licenceUrl, at, fail = () => {}, note = () => {}, autoplay = true }) {
+    this.name = name;
+    this.page = page;
+    this.video = video;
+    this.control = players[name].start(page.window, video, { url, licenceUrl, at, autoplay, fail, note }) || { stop() {} };
+  }
+
+  /** The same player once more, on an element of its own in the same page; autoplay: false loads only. */
+  another(url, options = {}) {
+    const video = this.page.document.body.appendChild(this.page.document.createElement('video'));
+    return new WebPlayer(this.name, url, this.page, video, options);
   }
 
   /** Of the native player: { shown, dropped, corrupted, ... }; null while the element has none. */
@@ -41,7 +50,7 @@ class WebPlayer {
     return Array.from({ length: buffered.length }, (_, index) => [buffered.start(index), buffered.end(index)]);
   }
 
-  /** Ends the player and the page. Resolves when the backend has been handed back. */
+  /** Ends the player and its page. Resolves when the backend has been handed back. */
   async close() {
     await this.control.stop();
     await this.page.close();
