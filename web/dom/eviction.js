@@ -3,10 +3,9 @@
 
 const { removeCodedFrames } = require('./coded_frame_processing.js');
 
-/** Bytes that a buffer with tracks of these kinds may hold. `quota` is of each kind, or one number for all. */
-function quotaOf(kinds, quota) {
-  if (typeof quota === 'number') return quota;
-  return [...kinds].reduce((sum, kind) => sum + quota[kind], 0);
+/** Bytes that a buffer with tracks of these kinds may hold. */
+function quotaOf(kinds) {
+  return [...kinds].reduce((sum, kind) => sum + env.quota[kind], 0);
 }
 
 function bytesOf(buffer) {
@@ -22,7 +21,7 @@ const startAllowance = 1;
  * Answers whether there is room: the "buffer full flag" is its contrary.
  */
 function evict(buffer, newBytes, currentTime) {
-  const limit = quotaOf(buffer.kinds, env.quota);
+  const limit = quotaOf(buffer.kinds);
   const missing = () => bytesOf(buffer) + newBytes - limit;
   if (missing() <= 0) return true;
   if (newBytes > limit) return false;

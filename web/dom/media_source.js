@@ -143,8 +143,8 @@ class MediaSourceState {
   }
 
   /** "Coded Frame Processing", 2 to 5, and the same for frames that have been removed. */
-  framesChanged({ groupEndTimestamp }) {
-    if (groupEndTimestamp > this.duration) this.changeDuration(groupEndTimestamp);
+  framesChanged() {
+    if (this.highestEnd > this.duration) this.changeDuration(this.highestEnd);
     this.control.buffersChanged();
   }
 

@@ -208,7 +208,7 @@ class SourceBufferState {
   commit() {
     const changed = [...this.trackBuffers.values()].filter((trackBuffer) => trackBuffer.hasChanged);
     for (const trackBuffer of changed) trackBuffer.flush(this.source.control.link);
-    if (changed.length > 0) this.source.framesChanged(this);
+    if (changed.length > 0) this.source.framesChanged();
   }
 
   /** "Reset Parser State". */

@@ -137,4 +137,9 @@ function buffered({ buffered: ranges }) {
   return Array.from({ length: ranges.length }, (_, i) => [ranges.start(i), ranges.end(i)].map((time) => Math.round(time * 1000) / 1000));
 }
 
-module.exports = { Control, ScriptedParser, append, buffered, descriptions, ended, frames, init, openSource, segmentEnd };
+/** Arrays of the window's realm as those of this one, which alone are deeply equal to a test's. */
+function plain(value) {
+  return structuredClone(value);
+}
+
+module.exports = { ScriptedParser, append, buffered, ended, frames, init, openSource, plain, segmentEnd };
