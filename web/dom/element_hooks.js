@@ -3,7 +3,7 @@
 // insertion and removal have no event that a page could see, and must run at once. Evaluated in
 // Node's realm, once a process; jsdom's version is locked.
 
-const { wrapperForImpl } = require('jsdom/lib/generated/idl/utils.js');
+const { implForWrapper, wrapperForImpl } = require('jsdom/lib/generated/idl/utils.js');
 const { implementation: MediaElementImpl } = require('jsdom/lib/jsdom/living/nodes/HTMLMediaElement-impl.js');
 
 const listeners = new WeakMap(); // by window
@@ -43,4 +43,9 @@ extend(MediaElementImpl, '_remove', {
   before: (impl, child) => tell(impl, 'childToBeRemoved', wrapperForImpl(child)),
 });
 
-module.exports = { listen };
+/** "Delaying the load event" of the element's document, until the promise resolves. */
+function delayLoadEvent(element, promise) {
+  implForWrapper(element)._ownerDocument._asyncQueue.push(promise);
+}
+
+module.exports = { delayLoadEvent, listen };

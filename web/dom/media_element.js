@@ -184,7 +184,8 @@ function controlOf(element) {
 /** Of the documents' changes, what concerns media elements; see element_hooks.js. */
 const documentListener = {
   attributeChanged(element, name, value) {
-    if (name === 'src') controlOf(element).selection.sourceSet(value);
+    const isOwn = element.getAttributeNS(null, name) === value; // in no namespace
+    if (name === 'src' && isOwn) controlOf(element).selection.sourceSet(value);
     if (name === 'muted' && value !== null && isBeingParsed()) controlOf(element).muted = true;
   },
   /** HTML, "when a media element is removed from a document". */

@@ -276,6 +276,7 @@ class PlaybackControl {
   }
   playerSeeked(succeeded) {
     if (!succeeded) env.log(`the seek to ${this.#position} failed`);
+    if (this.#seeking && this.#media.source === null) this.#finishSeek();
     this.look();
   }
   playerBuffered(buffered) {
@@ -284,8 +285,9 @@ class PlaybackControl {
   }
   playerStateChanged(state) {
     if (this.#media.source !== null || this.#readyState === HAVE_NOTHING || !(state in dataOfState)) return;
-    if (state !== 'buffering' && this.#seeking) this.#finishSeek();
     this.#setReadyState(dataOfState[state]);
+    this.#media.selection.progressed();
+    if (state !== 'buffering') this.#media.selection.completed(true);
     this.#steer();
   }
   /** The player has played all that it was given. */
@@ -402,6 +404,7 @@ class PlaybackControl {
     if (before < HAVE_CURRENT_DATA && state >= HAVE_CURRENT_DATA && !this.#wasLoaded) {
       this.#wasLoaded = true;
       this.#media.queueEvent('loadeddata');
+      this.#media.queue(() => this.#media.selection.loadEventMayCome());
     }
     if (before >= HAVE_FUTURE_DATA && state <= HAVE_CURRENT_DATA && !this.#paused && !this.ended && this.error === null) {
       this.#media.queueEvent('timeupdate');
@@ -412,8 +415,8 @@ class PlaybackControl {
       if (!this.#paused) this.#notifyAboutPlaying();
     }
     if (state === HAVE_ENOUGH_DATA) {
-      this.#media.queueEvent('canplaythrough');
       if (this.#isAutoplaying && this.#paused && this.#media.element.autoplay) this.#autoplay();
+      this.#media.queueEvent('canplaythrough');
     }
   }
   #autoplay() {

@@ -2,7 +2,9 @@
 // HTML, "loading the media resource": the load algorithm, resource selection, and fetching as far
 // as it is not the backend's.
 
-const { fire, awaitStableState, queueEvent } = require('./tasks.js');
+// Evaluated in Node's realm: jsdom's own classes are there.
+const { delayLoadEvent } = require('../dom/element_hooks.js');
+const { fire, awaitStableState } = require('./tasks.js');
 const { mediaError, MEDIA_ERR_NETWORK, MEDIA_ERR_DECODE, MEDIA_ERR_SRC_NOT_SUPPORTED } = require('./media_error.js');
 const { resolve } = require('./object_url.js');
 const { MediaSource } = require('./media_source.js');
@@ -23,6 +25,7 @@ class ResourceSelection {
   #waits = null; // children mode: goes on when a node comes behind the pointer
   #deferred = null; // fetching was put off until the element is to be played
   #lastProgress = 0;
+  #stopDelaying = null; // "delaying-the-load-event flag": while it is true, what ends that
 
   constructor(media) {
     this.#media = media;
@@ -73,10 +76,12 @@ class ResourceSelection {
 
   select() {
     this.#networkState = NETWORK_NO_SOURCE;
+    this.#delayLoadEvent();
     this.#stable(() => {
       const mode = this.#mode();
       if (mode === null) {
         this.#networkState = NETWORK_EMPTY;
+        this.loadEventMayCome();
         return;
       }
       this.#networkState = NETWORK_LOADING;
@@ -120,7 +125,7 @@ class ResourceSelection {
   }
   #process(candidate) {
     const failed = () => {
-      queueEvent(candidate, 'error');
+      this.#media.queue(() => fire(candidate, 'error'));
       this.#stable(() => {
         this.#media.forgetTracks();
         this.#findCandidate();
@@ -136,9 +141,11 @@ class ResourceSelection {
   }
   #waitForNode() {
     this.#networkState = NETWORK_NO_SOURCE;
+    this.#media.queue(() => this.loadEventMayCome());
     this.#waits = () => {
       this.#waits = null;
       this.#stable(() => {
+        this.#delayLoadEvent();
         this.#networkState = NETWORK_LOADING;
         this.#findCandidate();
       });
@@ -161,6 +168,7 @@ class ResourceSelection {
   #fetch({ url = '', object }, failed) {
     this.#failed = failed;
     if (object instanceof MediaSource) {
+      this.loadEventMayCome();
       if (!this.#media.attach(object)) this.#media.queue(() => failed('the media source is in use'));
     } else if (object) {
       this.#media.queue(() => failed('the backend plays media sources and URLs'));
@@ -179,6 +187,7 @@ class ResourceSelection {
     if (element.preload !== 'none' || !playback.paused || (element.autoplay && playback.isAutoplaying)) return open();
     this.#networkState = NETWORK_IDLE;
     this.#media.queueEvent('suspend');
+    this.#media.queue(() => this.loadEventMayCome());
     this.#deferred = () => {
       this.#networkState = NETWORK_LOADING;
       open();
@@ -214,9 +223,20 @@ class ResourceSelection {
       media.forgetTracks();
       this.#networkState = NETWORK_NO_SOURCE;
       fire(media.element, 'error');
+      this.loadEventMayCome();
       for (const { reject } of promises) reject(new window.DOMException(message, 'NotSupportedError'));
       media.playback.rejectPromises('NotSupportedError', message);
     });
+  }
+
+  #delayLoadEvent() {
+    if (this.#stopDelaying !== null) return;
+    delayLoadEvent(this.#media.element, new Promise((resolve) => (this.#stopDelaying = resolve)));
+  }
+  /** There is a first picture, or there will be none for now. */
+  loadEventMayCome() {
+    this.#stopDelaying?.();
+    this.#stopDelaying = null;
   }
 
   /** Data has come. */

@@ -2,6 +2,7 @@
 
 #include "arguments.h"
 #include "frame_batch.h"
+#include "host/clear_key.h"
 
 #include <algorithm>
 #include <cstring>

@@ -4,7 +4,7 @@
 #include "runtime.h"
 
 #include <chrono>
-#include <cstring>
+#include <cmath>
 #include <functional>
 #include <future>
 #include <optional>
