@@ -93,7 +93,7 @@ function timesOf(buffer, item, index) {
 function isDiscontinuity({ lastDecodeTimestamp, lastFrameDuration }, { dts }) {
   if (lastDecodeTimestamp === null) return false;
   const step = dts - lastDecodeTimestamp;
-  return step < -microsecond || step > 2 * lastFrameDuration + microsecond;
+  return step < -microsecond || step > 2 * (lastFrameDuration ?? Infinity) + microsecond;
 }
 
 /** 1.6.1 to 1.6.5. */
@@ -108,40 +108,39 @@ function isOutsideAppendWindow({ appendWindowStart, appendWindowEnd }, { pts, du
   return pts < appendWindowStart - microsecond || pts + duration > appendWindowEnd + microsecond;
 }
 
-/** 1.13 to 1.15: removes what the frame replaces, with what depends on that. */
+/**
+ * 1.13 to 1.15: removes what the frame replaces, with what depends on that. What starts within a
+ * microsecond of a frame starts with it, which is what 1.13 asks of video.
+ */
 function makeRoom(trackBuffer, times) {
-  if (trackBuffer.lastDecodeTimestamp === null) replaceOverlapped(trackBuffer, times);
+  if (trackBuffer.lastDecodeTimestamp === null && trackBuffer.kind === 'audio') spliceAudio(trackBuffer, times);
   const { highestEndTimestamp: highest } = trackBuffer;
   const frameEnd = times.pts + times.duration;
-  if (highest === null) trackBuffer.removeBetween(times.pts, frameEnd);
-  else if (highest <= times.pts + microsecond) trackBuffer.removeBetween(highest, frameEnd);
-}
-
-/** 1.13: the frame that is being presented when the first of a group begins. */
-function replaceOverlapped(trackBuffer, times) {
-  const overlapped = trackBuffer.frameAt(times.pts);
-  if (overlapped === null) return;
-  if (trackBuffer.kind === 'audio') spliceAudio(trackBuffer, overlapped, times);
-  else if (times.pts < overlapped.pts + microsecond) trackBuffer.remove([overlapped]);
+  if (highest === null) trackBuffer.replaceBetween(times.pts, frameEnd);
+  else if (highest <= times.pts + microsecond) trackBuffer.replaceBetween(highest, frameEnd);
 }
 
 /**
- * MSE, "Audio Splice Frame", without crossfading. The gap in place of the removed frame is shorter
- * than that frame: it is played as the silence that the text puts there.
+ * MSE, "Audio Splice Frame", without crossfading: the first frame of a group takes the place of the one
+ * it overlaps. The gap that remains is shorter than that, and is played as the silence that the text
+ * puts there.
  */
-function spliceAudio(trackBuffer, overlapped, times) {
+function spliceAudio(trackBuffer, times) {
+  const overlapped = trackBuffer.frameAt(times.pts);
+  if (overlapped === null) return;
   const { sampleRate } = trackBuffer.description;
-  const start = overlapped.pts + Math.floor((times.pts - overlapped.pts) * sampleRate + 0.5) / sampleRate;
+  const samples = (times.pts - overlapped.pts) * sampleRate;
+  const start = sampleRate > 0 ? overlapped.pts + Math.floor(samples + 0.5) / sampleRate : times.pts;
   times.dts += start - times.pts;
   times.pts = start;
   if (start < overlapped.end - microsecond) trackBuffer.remove([overlapped]);
 }
 
-/** 1.17 to 1.20. */
+/** 1.17 to 1.20. A frame that does not say how long it is says nothing of the next one's time. */
 function noteAdded(buffer, trackBuffer, { pts, dts, duration }) {
   const frameEnd = pts + duration;
   trackBuffer.lastDecodeTimestamp = dts;
-  trackBuffer.lastFrameDuration = duration;
+  trackBuffer.lastFrameDuration = duration > 0 ? duration : trackBuffer.lastFrameDuration;
   trackBuffer.highestEndTimestamp = Math.max(trackBuffer.highestEndTimestamp ?? -Infinity, frameEnd);
   buffer.groupEndTimestamp = Math.max(buffer.groupEndTimestamp, frameEnd);
 }

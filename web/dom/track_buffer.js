@@ -42,6 +42,8 @@ class TrackBuffer {
   #ranges = [];
   #areRangesKnown = true;
   #lastGroup = null;
+  /** Sequence numbers from here on are of the current coded frame group. */
+  #firstOfGroup = 0;
   /** How many frames each key is needed for. */
   #framesOfKey = new Map();
   /** { frame, batch, index } of what the player has not been given. */
@@ -61,8 +63,9 @@ class TrackBuffer {
     return this.description.kind;
   }
 
-  /** MSE, "Coded Frame Processing", 6.2 to 6.5 and wherever else these four go together. */
+  /** MSE, "Coded Frame Processing", 6.2 to 6.5 and wherever else these four go together: a coded frame group begins. */
   unsetGroup() {
+    this.#firstOfGroup = lastSequence + 1;
     this.lastDecodeTimestamp = null;
     this.lastFrameDuration = null;
     this.highestEndTimestamp = null;
@@ -106,6 +109,12 @@ class TrackBuffer {
   /** Removes what starts in [from, to) and what depends on it. Answers what has been removed. */
   removeBetween(from, to) {
     return this.remove(this.#frames.slice(this.#firstNotBefore(from), this.#firstNotBefore(to)));
+  }
+
+  /** The same for what a frame of the current coded frame group replaces: its own group stays as it is. */
+  replaceBetween(from, to) {
+    const frames = this.#frames.slice(this.#firstNotBefore(from), this.#firstNotBefore(to));
+    this.remove(frames.filter(({ sequence }) => sequence < this.#firstOfGroup));
   }
 
   /** Removes frames with those that depend on them: all that are decoded after them until the next random access point. */
