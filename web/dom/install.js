@@ -11,6 +11,7 @@ const objectUrl = require('./object_url.js');
 const { releaseAll } = require('./player_link.js');
 const textTrack = require('./text_track.js');
 const { TimeRanges } = require('./time_ranges.js');
+const trackElement = require('./track_element.js');
 const tracks = require('./track_lists.js');
 // Evaluated in Node's realm: jsdom's own classes are there.
 const { listen } = require('../dom/element_hooks.js');
@@ -24,9 +25,10 @@ function install() {
   );
   objectUrl.install();
   mediaElement.install();
-  mediaSource.install?.();
-  encryptedEvent.install?.();
-  mediaKeys.install?.();
+  trackElement.install();
+  mediaSource.install();
+  encryptedEvent.install();
+  mediaKeys.install();
   listen(window, mediaElement.documentListener);
 }
 

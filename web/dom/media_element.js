@@ -14,6 +14,7 @@ const { PlayerLink } = require('./player_link.js');
 const { ResourceSelection, networkStates } = require('./resource_selection.js');
 const textTracks = require('./text_track.js');
 const { timeRanges } = require('./time_ranges.js');
+const trackElement = require('./track_element.js');
 const tracks = require('./track_lists.js');
 
 /** The state of one element, which its parts and its media source share. */
@@ -194,8 +195,14 @@ const documentListener = {
       if (!element.isConnected) controlOf(element).playback.removed();
     });
   },
-  childInserted: (element, child) => controlOf(element).selection.childInserted(child),
-  childToBeRemoved: (element, child) => controlOf(element).selection.childToBeRemoved(child),
+  childInserted(element, child) {
+    controlOf(element).selection.childInserted(child);
+    trackElement.inserted(controlOf(element).textTracks, child);
+  },
+  childToBeRemoved(element, child) {
+    controlOf(element).selection.childToBeRemoved(child);
+    trackElement.toBeRemoved(controlOf(element).textTracks, child);
+  },
 };
 
 /** Elements are made by the parser while no script runs. */

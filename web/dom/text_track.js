@@ -159,26 +159,27 @@ class TextTrack extends window.EventTarget {
   #active = new TextTrackCueList(idl.secret);
   #lists = new Set();
 
+  /** `description` has kind, label, language, id; where it has getters, they are asked each time. */
   constructor(token, description) {
     idl.illegal(token);
     super();
-    this.#description = { id: '', kind: 'subtitles', label: '', language: '', inBandMetadataTrackDispatchType: '', ...description };
+    this.#description = description;
     this.#mode = description.mode ?? 'disabled';
   }
   get kind() {
     return kinds.includes(this.#description.kind) ? this.#description.kind : 'metadata';
   }
   get label() {
-    return this.#description.label;
+    return this.#description.label ?? '';
   }
   get language() {
-    return this.#description.language;
+    return this.#description.language ?? '';
   }
   get id() {
-    return this.#description.id;
+    return this.#description.id ?? '';
   }
   get inBandMetadataTrackDispatchType() {
-    return this.#description.inBandMetadataTrackDispatchType;
+    return '';
   }
   get sourceBuffer() {
     return null;
@@ -243,10 +244,14 @@ idl.eventHandlers(TextTrack.prototype, ['cuechange']);
 
 class TextTrackList extends TrackList {}
 
-/** The tracks of `<track>` elements come first, then those of addTextTrack(). */
-function addTextTrack(list, track) {
+function insertTextTrack(list, track, place) {
   trackOf.lists(track).add(list);
-  insert(list, track, tracksOf(list).length);
+  insert(list, track, place);
+}
+
+/** Behind those of `<track>` elements. */
+function addTextTrack(list, track) {
+  insertTextTrack(list, track, tracksOf(list).length);
 }
 
 function removeTextTrack(list, track) {
@@ -261,7 +266,7 @@ function marchOn(list, time) {
 
 module.exports = {
   TextTrack, TextTrackCue, TextTrackCueList, TextTrackList, VTTCue,
-  addTextTrack, removeTextTrack, marchOn, kinds,
+  addTextTrack, insertTextTrack, removeTextTrack, marchOn, kinds,
   makeTextTrack: (description) => new TextTrack(idl.secret, description),
   makeTextTrackList: () => new TextTrackList(idl.secret),
 };

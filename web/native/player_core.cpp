@@ -43,15 +43,25 @@ host::SourceId PlayerCore::addTrack(Kind kind, const std::string& mimeType) {
 
 /// A backend plays one source of a kind.
 void PlayerCore::attachOneOf(Kind kind) {
-    Track* candidate = nullptr;
-    for (auto& [id, track] : m_tracks) {
-        if (track.kind == kind && track.source != 0)
+    auto candidate = m_tracks.end();
+    for (auto track = m_tracks.begin(); track != m_tracks.end(); ++track) {
+        if (track->second.kind == kind && track->second.source != 0)
             return;
-        if (track.kind == kind && candidate == nullptr)
-            candidate = &track;
+        if (track->second.kind == kind && candidate == m_tracks.end())
+            candidate = track;
     }
-    if (candidate != nullptr)
-        candidate->source = m_element.attach(candidate->buffer->stream());
+    if (candidate == m_tracks.end())
+        return;
+    const auto source = m_element.attach(candidate->second.buffer->stream());
+    candidate->second.source = source;
+    const std::lock_guard<std::mutex> lock(m_sourceMutex);
+    m_trackOfSource[source] = candidate->first;
+}
+
+double PlayerCore::trackOf(host::SourceId source) {
+    const std::lock_guard<std::mutex> lock(m_sourceMutex);
+    const auto found = m_trackOfSource.find(source);
+    return found == m_trackOfSource.end() ? 0 : static_cast<double>(found->second);
 }
 
 bool PlayerCore::removeTrack(host::SourceId id) {
@@ -181,19 +191,19 @@ void PlayerCore::onEnd(double position) {
 }
 
 void PlayerCore::onStarved(host::SourceId source) {
-    m_events->push({"starved", {{"track", static_cast<double>(source)}},
+    m_events->push({"starved", {{"track", trackOf(source)}},
                     "supply " + std::to_string(source)});
 }
 
 void PlayerCore::onFilled(host::SourceId source) {
-    m_events->push({"filled", {{"track", static_cast<double>(source)}},
+    m_events->push({"filled", {{"track", trackOf(source)}},
                     "supply " + std::to_string(source)});
 }
 
 void PlayerCore::onKeyNeeded(host::SourceId source, const host::KeyBytes& id, double time) {
     const auto key = host::hexText(id);
     m_events->push({"keyNeeded",
-                    {{"track", static_cast<double>(source)}, {"keyId", key}, {"time", time}},
+                    {{"track", trackOf(source)}, {"keyId", key}, {"time", time}},
                     "key " + key});
 }
 

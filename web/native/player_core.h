@@ -64,6 +64,7 @@ private:
     void onKeyNeeded(host::SourceId source, const host::KeyBytes& id, double time) override;
 
     void attachOneOf(Kind kind);
+    double trackOf(host::SourceId source);
     void tellOfState(const host::Status& status);
     void tellOfMedia(const host::Status& status);
 
@@ -72,6 +73,9 @@ private:
     std::map<host::SourceId, Track> m_tracks;
     host::SourceId m_lastTrack = 0;
     bool m_ended = false;
+
+    std::mutex m_sourceMutex;
+    std::map<host::SourceId, host::SourceId> m_trackOfSource; // guarded
 
     host::Status m_told; // the runtime's loop: what events have said
 
