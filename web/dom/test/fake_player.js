@@ -1,18 +1,16 @@
 'use strict';
-// A native player without a backend: its position runs by the clock while it is told to play, its
-// seeks are answered in a later task, and it keeps what it is told.
+// A native player without a backend: it is where the test says, and keeps what it is told.
 
 class FakePlayer {
+  /** Those of this process, the newest last. */
   static all = [];
-  /** Whether seeks are answered by themselves. */
-  static answersSeeks = true;
 
   #callback;
-  #position = 0;
-  #since = null; // when it began to play
   #generation = 0;
-  calls = [];
+  position = 0;
+  isPlaying = false;
   isReleased = false;
+  calls = [];
 
   constructor(callback) {
     this.#callback = callback;
@@ -24,48 +22,37 @@ class FakePlayer {
   removeTrack() {}
   add() {}
   remove() {}
-  setEnded(isEnded) {
-    this.isEnded = isEnded;
-  }
+  setEnded() {}
   setDuration() {}
   setKeySession() {}
   setVolume(volume) {
-    this.calls.push(['volume', volume]);
+    this.volume = volume;
   }
   setRate(rate) {
-    this.calls.push(['rate', rate]);
     return rate === 1;
   }
   resume() {}
   open({ start }) {
     this.calls.push(['open', start]);
-    this.#position = start;
+    this.position = start;
   }
   openUrl(url) {
     this.calls.push(['openUrl', url]);
   }
   play() {
-    this.calls.push(['play']);
-    this.#since = performance.now();
+    this.isPlaying = true;
   }
   pause() {
-    this.calls.push(['pause']);
-    this.#position = this.position;
-    this.#since = null;
+    this.isPlaying = false;
   }
-  get position() {
-    return this.#since === null ? this.#position : this.#position + (performance.now() - this.#since) / 1000;
-  }
+  /** Answered when the test says so. */
   seek(seconds) {
     this.calls.push(['seek', seconds]);
-    this.#position = seconds;
-    if (this.#since !== null) this.#since = performance.now();
-    const generation = ++this.#generation;
-    if (FakePlayer.answersSeeks) setImmediate(() => this.answer(generation));
-    return generation;
+    return ++this.#generation;
   }
-  answer(generation = this.#generation) {
-    this.tell({ type: 'seek', generation, outcome: 'succeeded', position: this.#position });
+  answerSeek(position, generation = this.#generation) {
+    this.position = position;
+    this.tell({ type: 'seek', generation, outcome: 'succeeded', position });
   }
   tell(event) {
     if (!this.isReleased) this.#callback(event);
