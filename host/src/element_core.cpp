@@ -56,9 +56,19 @@ ElementCore::~ElementCore() = default;
 // ---- any thread
 
 SourceId ElementCore::nextSource() {
+    const auto id = m_options.firstSource + m_sourceCount++;
+    countFor(id);
+    return id;
+}
+
+void ElementCore::countFor(SourceId id) {
+    const auto before = pictures(id);
     const locks::Lock lock(m_mutex);
-    m_sinks.push_back(m_options.firstSource + static_cast<SourceId>(m_sinks.size()));
-    return m_sinks.back();
+    m_sinks.emplace_back(id, before);
+}
+
+PictureCounters ElementCore::pictures(SourceId id) const {
+    return m_options.pictures ? m_options.pictures(id) : PictureCounters{};
 }
 
 bool ElementCore::canPlayAt(double rate) const {
@@ -69,19 +79,17 @@ bool ElementCore::canPlayAt(double rate) const {
 }
 
 PictureCounters ElementCore::counters() const {
-    if (!m_options.pictures)
-        return {};
-    std::vector<SourceId> sinks;
+    std::vector<std::pair<SourceId, PictureCounters>> sinks;
     {
         const locks::Lock lock(m_mutex);
         sinks = m_sinks;
     }
     PictureCounters sum;
-    for (const auto id : sinks) {
-        const auto counted = m_options.pictures(id);
-        sum.shown += counted.shown;
-        sum.dropped += counted.dropped;
-        sum.corrupted += counted.corrupted;
+    for (const auto& [id, before] : sinks) {
+        const auto now = pictures(id);
+        sum.shown += now.shown - before.shown;
+        sum.dropped += now.dropped - before.dropped;
+        sum.corrupted += now.corrupted - before.corrupted;
     }
     return sum;
 }
@@ -91,10 +99,7 @@ PictureCounters ElementCore::counters() const {
 void ElementCore::open(const std::string& uri) {
     if (!begin(serverOf(uri)))
         return;
-    {
-        const locks::Lock lock(m_mutex);
-        m_sinks.push_back(0);
-    }
+    countFor(0);
     UVABackend::SourceDescription* sources[] = {new UrlSource(uri, m_options.userAgent), nullptr};
     if (m_playback.initialize(sources, {{"url", uri}})) {
         if (m_playback.isWanted())
@@ -154,6 +159,8 @@ void ElementCore::startWatching() {
 
 /// Behind the end it begins anew.
 void ElementCore::play() {
+    if (m_releasing)
+        return;
     m_playback.play();
     if (m_playback.is(State::Ended) && m_seek.isIdle()) {
         m_seek.request({0, 0});
@@ -162,11 +169,14 @@ void ElementCore::play() {
 }
 
 void ElementCore::pause() {
-    m_playback.pause();
+    if (!m_releasing)
+        m_playback.pause();
 }
 
 /// Before anything was fed, playback can as well begin at the target.
 void ElementCore::seek(Seek::Request request) {
+    if (m_releasing)
+        return;
     m_seeksTaken = std::max(m_seeksTaken, request.generation); // asked on different threads
     const bool isEarly = m_feeding != nullptr && !m_seek.everBegan() && request.target >= 0 &&
                          std::isfinite(request.target) && !m_playback.is(State::Failed);
@@ -192,6 +202,8 @@ void ElementCore::setRate(double rate) {
 }
 
 void ElementCore::setDuration(double seconds) {
+    if (m_releasing)
+        return;
     const bool known = std::isfinite(seconds) && seconds > 0;
     m_playback.setDuration(known ? seconds : 0);
     if (known && m_feeding != nullptr)
@@ -394,6 +406,7 @@ void ElementCore::act(const Delivery& delivery) {
         break;
     case UVAEvent::PlaybackFinished:
         trackPosition(); // what was played up to it says nothing against it
+        changeCodecs(true);
         if (m_feeding == nullptr || m_feeding->hasEnded())
             m_end.see();
         break;
@@ -449,7 +462,7 @@ void ElementCore::tick() {
     trackPosition();
     if (m_feeding != nullptr) {
         feedAnew();
-        m_feeding->changeCodecs();
+        changeCodecs(false);
         m_feeding->balance();
     }
     m_watch.hearErrors();
@@ -472,6 +485,16 @@ void ElementCore::trackPosition() {
     if (hasMoved || status.duration != before.second)
         m_playback.publish();
     m_position.set(m_seek.destination(), m_seeksTaken);
+}
+
+void ElementCore::changeCodecs(bool finished) {
+    if (m_feeding == nullptr)
+        return;
+    const auto goOn = m_feeding->changeCodecs(finished);
+    if (!goOn || !m_seek.isIdle())
+        return;
+    m_seek.request({0, *goOn});
+    beginSeek();
 }
 
 /// What the backend holds, and has not shown, is outdated: it gets what is there now.

@@ -105,6 +105,8 @@ private:
         double target = 0; ///< seconds
     };
 
+    void countFor(SourceId id);
+    PictureCounters pictures(SourceId id) const;
     bool requestBackend();
     bool begin(const std::string& server);
     void startWatching();
@@ -116,6 +118,7 @@ private:
     void act(const Delivery& delivery);
     void completeCancel(const UVAAsyncEvent& event, std::uint64_t number);
     void feedAnew();
+    void changeCodecs(bool finished);
     void decoderAsked(Clock::time_point time);
 
     void beginSeek();
@@ -140,10 +143,12 @@ private:
     CachedPosition m_position;
     std::atomic<bool> m_releasing{false}; // also read where events are delivered
     EventLoop::TimerId m_timer = 0;
+    std::atomic<SourceId> m_sourceCount{0};
 
     mutable locks::Mutex m_mutex; // nothing is called under it
     std::vector<UVAMediaBackend::SpeedRange> m_speeds GUARDED_BY(m_mutex) = {{1.0, 1.0}};
-    std::vector<SourceId> m_sinks GUARDED_BY(m_mutex); // all that ever were; 0: of a URL
+    /// All that ever were, and what had been counted for them before; 0: of a URL.
+    std::vector<std::pair<SourceId, PictureCounters>> m_sinks GUARDED_BY(m_mutex);
     Cancel m_cancel GUARDED_BY(m_mutex);
 };
 

@@ -102,16 +102,24 @@ void Feeding::renew(SourceId id) {
     attachToBackend(id);
 }
 
-void Feeding::changeCodecs() {
+/// In front of the change is the old codec again: playback goes on behind it.
+std::optional<double> Feeding::changeCodecs(bool finished) {
+    std::optional<double> goOn;
     if (!isOpen() || m_playback.over())
-        return;
+        return goOn;
     for (const auto& source : m_feeder->sources()) {
-        const double played = m_playback.status().position + inSeconds(m_options.tick);
-        if (!source.changesCodec || (source.fedUntil && *source.fedUntil > played))
+        const double position = m_playback.status().position;
+        const bool isFed = source.fedUntil.has_value();
+        const bool isPlayed =
+            finished || !isFed || *source.fedUntil <= position + inSeconds(m_options.tick);
+        if (!source.changesCodecAt || !isPlayed)
             continue;
         m_feeder->takeCodec(source.id);
         renew(source.id);
+        if (isFed)
+            goOn = std::max(position, *source.changesCodecAt);
     }
+    return goOn;
 }
 
 void Feeding::setDuration(double seconds) {
@@ -195,7 +203,7 @@ void Feeding::watchSource(const MseFeeder::SourceInfo& info) {
 
 /// The source has asked for data in vain, and soon has none.
 bool Feeding::runsDry(const MseFeeder::SourceInfo& info) const {
-    if (info.ended || info.changesCodec || !info.waitsSince)
+    if (info.ended || info.changesCodecAt || !info.waitsSince)
         return false;
     const bool inVain = info.isBlocked || *info.waitsSince < m_calls.now() - patience;
     return inVain && ahead(info.id) < m_tooLittle;
@@ -203,7 +211,7 @@ bool Feeding::runsDry(const MseFeeder::SourceInfo& info) const {
 
 /// It has enough, or does not ask for more: a backend may hold less.
 bool Feeding::isFilled(const MseFeeder::SourceInfo& info) const {
-    if (info.ended || info.changesCodec)
+    if (info.ended || info.changesCodecAt)
         return true;
     const double left = ahead(info.id);
     return !std::isnan(left) && (!info.waitsSince || left >= m_enough);

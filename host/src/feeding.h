@@ -48,8 +48,9 @@ public:
 
     /// Holds playback while the data comes too slowly, so that none of it is lost to the clock.
     void balance();
-    /// Attaches anew what has played up to another codec.
-    void changeCodecs();
+    /// Attaches anew what has played up to another codec; `finished`: all has been played that was
+    /// fed. Answers where playback is to go on, seconds, when it is to be sought for that.
+    std::optional<double> changeCodecs(bool finished);
 
 private:
     void feederOpened() override;

@@ -134,7 +134,7 @@ void MseFeeder::takeCodec(SourceId id) {
         return;
     if (const auto* type = mediaSourceType(source->ready.front()->config()))
         source->mimeType = type;
-    source->info.changesCodec = false;
+    source->info.changesCodecAt.reset();
 }
 
 MseFeeder::Source* MseFeeder::find(SourceId id) {
@@ -204,7 +204,8 @@ void MseFeeder::place(Source& source, double seconds) {
     source.start = seconds;
     source.startDue = true;
     source.reading = source.ended = source.info.ended = false;
-    source.info.isBlocked = source.info.changesCodec = false;
+    source.info.isBlocked = false;
+    source.info.changesCodecAt.reset();
     source.info.fedUntil.reset();
     source.error.clear();
     source.keyAskedFor.reset();
@@ -272,7 +273,7 @@ void MseFeeder::resume() {
 }
 
 void MseFeeder::serve(Source& source) {
-    if (source.request == nullptr || source.info.ended)
+    if (source.request == nullptr || source.info.ended || source.info.changesCodecAt)
         return;
     const auto wanted = static_cast<std::size_t>(std::max(1, source.request->samplesRequested));
     if (source.ready.empty() && !source.ended && source.error.empty())
@@ -292,8 +293,13 @@ void MseFeeder::serve(Source& source) {
 /// Nothing of what is there can be delivered.
 void MseFeeder::hold(Source& source) {
     const Sample& next = *source.ready.front();
-    source.info.changesCodec = changesCodec(source, next);
-    source.info.isBlocked = !source.info.changesCodec;
+    source.info.isBlocked = true;
+    if (changesCodec(source, next)) {
+        source.info.changesCodecAt = next.pts();
+        if (!source.startDue)
+            writeEnd(source); // else its last pictures stay in the decoder
+        return;
+    }
     if (!lacksKey(next))
         return;
     const KeyBytes id = keyIdOf(next);
@@ -373,6 +379,10 @@ void MseFeeder::deliver(Source& source, std::size_t count) {
 
 void MseFeeder::deliverEnd(Source& source) {
     source.info.ended = true;
+    writeEnd(source);
+}
+
+void MseFeeder::writeEnd(Source& source) {
     source.info.waitsSince.reset();
     source.info.isBlocked = false;
     source.request.reset();

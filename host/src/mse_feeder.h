@@ -43,8 +43,10 @@ public:
         std::optional<Clock::time_point> waitsSince; ///< that long a request has been open
         bool isBlocked = false;          ///< ... and nothing is there that could answer it
         bool ended = false;              ///< the backend has been told of the end
-        bool changesCodec = false;       ///< it is to be attached anew, see takeCodec()
-        std::optional<double> fedUntil;  ///< seconds; since it was moved last
+        /// What follows has another codec, from this time on (seconds): once what was fed has been
+        /// played, which is told to end there, it is to be attached anew. See takeCodec().
+        std::optional<double> changesCodecAt;
+        std::optional<double> fedUntil; ///< seconds; since it was moved last
     };
 
     /// The client outlives stop(). The streams that the source opens are numbered by `nextId`.
@@ -115,6 +117,7 @@ private:
     void deliverStart(Source& source);
     void deliver(Source& source, std::size_t count);
     void deliverEnd(Source& source);
+    void writeEnd(Source& source);
     Source* find(SourceId id);
 
     const std::shared_ptr<EventLoop> m_loop;

@@ -378,7 +378,8 @@ void TrackBuffer::setEnded(bool ended) {
     std::vector<SampleStream::Change> changes;
     {
         const locks::Lock lock(m_state->mutex);
-        m_state->ended = ended;
+        if (std::exchange(m_state->ended, ended) == ended)
+            return;
         if (const auto change = m_state->arrived())
             changes.push_back(*change);
     }

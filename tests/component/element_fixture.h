@@ -25,7 +25,7 @@ using Clock = host::Clock;
 using support::waitUntil;
 
 /// Keeps all that an element reports, as one text and as it came.
-class Recorder final : public host::Observer {
+class Recorder : public host::Observer {
 public:
     void onRecord(const host::Record& record) override {
         const bool isEvent = record.kind == host::Record::Kind::Event;

@@ -91,6 +91,7 @@ host::MediaSource makeMediaSource(const Options& options,
     source.open = [recipe = std::move(recipe)](const std::atomic<bool>& cancelled) {
         return recipe.open(cancelled);
     };
+    source.start = options.start;
     source.keys = std::move(keys);
     for (const auto& name : options.media)
         if (source.server.empty())

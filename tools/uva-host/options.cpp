@@ -139,6 +139,7 @@ void declareMediaSource(CLI::App& app, Options& options) {
     auto* mse = app.add_flag("--mse", options.mse,
                              "Take the media apart and feed its samples; several files are the "
                              "audio and the video of one");
+    addOne(app, "--start", time, options.start, "Begin at T")->needs(mse);
     addMany(app, "--switch-at", rendition, options.switches,
             "Go on with another rendition from T on")
         ->needs(mse);
@@ -197,7 +198,7 @@ void declare(CLI::App& app, Options& options) {
     app.add_flag("--standalone", options.standalone,
                  "Run without a main system: nobody arbitrates the decoders");
     addMany(app, "--seek", times, options.seeks,
-            "Seek there once playback has started; several one after the other")
+            "Seek there, a URL once playback has started; several one after the other")
         ->delimiter(',');
     addOne(app, "--duration", period, options.duration, "Stop after playing for so long");
     addOne(app, "--window", window, options.window, "Place the picture, in a screen of 1280x720");

@@ -41,6 +41,7 @@ struct Options {
     std::string timeline;
 
     bool mse = false; ///< the media are renditions of one, fed sample by sample
+    double start = 0;
     std::vector<RenditionSwitch> switches;
     std::vector<Detach> detaches;
     std::vector<host::KeyPair> keys;

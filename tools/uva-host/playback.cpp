@@ -1,6 +1,7 @@
 #include "playback.h"
 
 #include "gst_errors.h"
+#include "nox/screen.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -36,6 +37,10 @@ host::MediaElement::Options elementOptions(const Options& options) {
     result.keyDelay = options.keyDelay.value_or(milliseconds(0));
     result.mainSystem = std::getenv("NOX_GST_STANDALONE") == nullptr;
     result.takeError = GstErrors::take;
+    result.pictures = [](host::SourceId source) {
+        const auto counted = nox::Screen::instance().counters(source);
+        return host::PictureCounters{counted.shown, counted.dropped, counted.corrupted};
+    };
     if (options.snapshotAt)
         result.tick = milliseconds(20); // a picture's time
     return result;
@@ -341,6 +346,13 @@ std::string Playback::summary(double playedFor) const {
         text += ", " + std::to_string(m_status.width) + "x" + std::to_string(m_status.height);
     if (m_status.duration > 0)
         text += ", " + seconds(m_status.duration) + " long";
+    const auto counters = m_element.counters();
+    const std::pair<std::uint64_t, const char*> counts[] = {{counters.shown, " pictures"},
+                                                            {counters.dropped, " dropped"},
+                                                            {counters.corrupted, " damaged"}};
+    for (const auto& [count, what] : counts)
+        if (count > 0)
+            text += ", " + std::to_string(count) + what;
     return text;
 }
 

@@ -4,6 +4,7 @@
 #include "inner_sinks.h"
 #include "picture.h"
 
+#include <gst/base/gstbasesink.h>
 #include <gst/video/video.h>
 
 namespace noxelements {
@@ -12,38 +13,62 @@ namespace {
 
 constexpr const char* balanceName = "balance";
 
-void onShown(GstElement*, GstBuffer*, GstPad*, gpointer plane) {
-    nox::Screen::instance().pictureShown(static_cast<nox::VideoPlane*>(plane));
-}
-
-/// A device tells nobody when it shows a picture: when the next one arrives, the last one has been.
-GstPadProbeReturn onDeviceBuffer(GstPad*, GstPadProbeInfo*, gpointer plane) {
-    nox::Screen::instance().pictureShown(static_cast<nox::VideoPlane*>(plane));
-    return GST_PAD_PROBE_OK;
+std::uint64_t isCorrupted(GstBuffer* picture) {
+    return GST_BUFFER_FLAG_IS_SET(picture, GST_BUFFER_FLAG_CORRUPTED) ? 1 : 0;
 }
 
 } // namespace
+
+void HalVideoSink::onShown(GstElement*, GstBuffer* picture, GstPad*, gpointer sink) {
+    auto& self = *static_cast<HalVideoSink*>(sink);
+    auto& screen = nox::Screen::instance();
+    screen.count(&self, {self.m_isCounted.exchange(false) ? 0U : 1U, 0, isCorrupted(picture)});
+    screen.pictureShown(&self);
+}
+
+/// A device tells nobody when it shows a picture: when the next one arrives, the last one has been,
+/// or was dropped.
+GstPadProbeReturn HalVideoSink::onDeviceBuffer(GstPad*, GstPadProbeInfo* info, gpointer sink) {
+    auto& self = *static_cast<HalVideoSink*>(sink);
+    auto& screen = nox::Screen::instance();
+    screen.count(&self, {self.m_isOnDevice.exchange(true) ? 1U : 0U, 0,
+                         isCorrupted(GST_PAD_PROBE_INFO_BUFFER(info))});
+    screen.pictureShown(&self);
+    return GST_PAD_PROBE_OK;
+}
 
 HalVideoSink::HalVideoSink(GstBin* bin) : HalSink(bin, "video", videoFormats) {
     if (!silentOutput())
         return;
     g_object_set(silentOutput(), "signal-handoffs", TRUE, nullptr);
-    g_signal_connect(silentOutput(), "handoff", G_CALLBACK(onShown),
-                     static_cast<nox::VideoPlane*>(this));
+    g_signal_connect(silentOutput(), "handoff", G_CALLBACK(onShown), this);
 }
 
 void HalVideoSink::handleMessage(GstMessage* message) {
+    auto& screen = nox::Screen::instance();
+    auto* source = GST_MESSAGE_SRC(message);
     // Before the message goes on: who has seen the step to PAUSED finds the picture told.
-    if (GST_MESSAGE_TYPE(message) == GST_MESSAGE_ASYNC_DONE && isGranted())
-        nox::Screen::instance().pictureShown(this);
+    if (GST_MESSAGE_TYPE(message) == GST_MESSAGE_ASYNC_DONE && isGranted()) {
+        if (source == GST_OBJECT(silentOutput())) {
+            m_isCounted = true; // it is not shown once more when it is rendered
+            screen.count(this, {1, 0, 0});
+        }
+        screen.pictureShown(this);
+    } else if (GST_MESSAGE_TYPE(message) == GST_MESSAGE_QOS) { // for each picture left out
+        if (GST_IS_BASE_SINK(source))
+            m_isOnDevice = false;
+        screen.count(this, {0, 1, 0});
+    }
     HalSink::handleMessage(message);
 }
 
 void HalVideoSink::activated() {
-    nox::Screen::instance().add(this);
+    nox::Screen::instance().add(this, GST_OBJECT_NAME(bin()));
 }
 
 void HalVideoSink::deactivated() {
+    if (m_isOnDevice.exchange(false))
+        nox::Screen::instance().count(this, {1, 0, 0});
     nox::Screen::instance().remove(this);
 }
 
@@ -77,8 +102,8 @@ GstPtr<GstElement> HalVideoSink::makeDeviceOutput() {
 void HalVideoSink::deviceOutputAdded(GstElement* output) {
     applyVisible();
     const GstPtr<GstPad> pad(gst_element_get_static_pad(output, "sink"));
-    gst_pad_add_probe(pad.get(), GST_PAD_PROBE_TYPE_BUFFER, onDeviceBuffer,
-                      static_cast<nox::VideoPlane*>(this), nullptr);
+    gst_pad_add_probe(pad.get(), GST_PAD_PROBE_TYPE_BUFFER, onDeviceBuffer, this,
+                      nullptr);
 }
 
 GstPtr<GstStructure> HalVideoSink::describe(const GstCaps* decoded, const MediaFormat&) {

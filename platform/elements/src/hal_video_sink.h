@@ -25,9 +25,13 @@ protected:
     GstPtr<GstStructure> describe(const GstCaps* decoded, const MediaFormat& format) override;
 
 private:
+    static void onShown(GstElement* output, GstBuffer* picture, GstPad* pad, gpointer sink);
+    static GstPadProbeReturn onDeviceBuffer(GstPad* pad, GstPadProbeInfo* info, gpointer sink);
     void applyVisible();
 
     std::atomic<bool> m_visible{true};
+    std::atomic<bool> m_isCounted{false};  // the picture that the silent output stands at
+    std::atomic<bool> m_isOnDevice{false}; // the newest one, which has not been counted
 };
 
 } // namespace noxelements

@@ -3,6 +3,8 @@
 #include "locks/mutex.h"
 
 #include <algorithm>
+#include <charconv>
+#include <map>
 
 namespace nox {
 
@@ -19,6 +21,17 @@ struct ListenerSlot {
     Screen::Listener call GUARDED_BY(mutex); // empty once dropped
 };
 
+/// 0: none.
+unsigned int sourceOf(const std::string& sink) {
+    const auto mark = sink.rfind('_');
+    unsigned int number = 0;
+    if (mark == std::string::npos)
+        return 0;
+    const auto [end, error] =
+        std::from_chars(sink.data() + mark + 1, sink.data() + sink.size(), number);
+    return error == std::errc() && end == sink.data() + sink.size() ? number : 0;
+}
+
 template <typename Item>
 void drop(std::vector<Item>& items, const Item& gone) {
     items.erase(std::remove(items.begin(), items.end(), gone), items.end());
@@ -31,6 +44,8 @@ struct Screen::Impl {
     std::vector<VideoPlane*> planes GUARDED_BY(mutex); // the one with the newest picture last
     std::vector<AudioOutput*> outputs GUARDED_BY(mutex);
     std::vector<std::weak_ptr<ListenerSlot>> listeners GUARDED_BY(mutex);
+    std::map<VideoPlane*, unsigned int> sources GUARDED_BY(mutex); // of the planes
+    std::map<unsigned int, PictureCounters> counters GUARDED_BY(mutex);
     bool visible GUARDED_BY(mutex) = true;
     double volume GUARDED_BY(mutex) = 1.0;
 };
@@ -44,8 +59,9 @@ Screen& Screen::instance() {
     return *screen;
 }
 
-void Screen::add(VideoPlane* plane) {
+void Screen::add(VideoPlane* plane, const std::string& sink) {
     const locks::Lock lock(m_impl->mutex);
+    m_impl->sources[plane] = sourceOf(sink);
     m_impl->planes.insert(m_impl->planes.begin(), plane); // has shown nothing: the last to be asked
     plane->setVisible(m_impl->visible);
 }
@@ -53,6 +69,7 @@ void Screen::add(VideoPlane* plane) {
 void Screen::remove(VideoPlane* plane) {
     const locks::Lock lock(m_impl->mutex);
     drop(m_impl->planes, plane);
+    m_impl->sources.erase(plane);
 }
 
 void Screen::add(AudioOutput* output) {
@@ -108,6 +125,23 @@ void Screen::pictureShown(VideoPlane* plane) {
         if (slot->call)
             slot->call();
     }
+}
+
+void Screen::count(VideoPlane* plane, const PictureCounters& more) {
+    const locks::Lock lock(m_impl->mutex);
+    const auto source = m_impl->sources.find(plane);
+    if (source == m_impl->sources.end())
+        return;
+    auto& sum = m_impl->counters[source->second];
+    sum.shown += more.shown;
+    sum.dropped += more.dropped;
+    sum.corrupted += more.corrupted;
+}
+
+PictureCounters Screen::counters(unsigned int source) const {
+    const locks::Lock lock(m_impl->mutex);
+    const auto found = m_impl->counters.find(source);
+    return found == m_impl->counters.end() ? PictureCounters{} : found->second;
 }
 
 std::shared_ptr<void> Screen::listen(Listener listener) {

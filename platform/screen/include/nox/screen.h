@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <string>
 #include <vector>
 
 namespace nox {
@@ -13,6 +14,13 @@ struct Picture {
     int width = 0;  ///< pixels
     int height = 0; ///< pixels
     std::vector<std::uint8_t> rgba;
+};
+
+/// Pictures of a sink.
+struct PictureCounters {
+    std::uint64_t shown = 0;
+    std::uint64_t dropped = 0;   ///< late: left out by the decoder or by the output
+    std::uint64_t corrupted = 0; ///< of those shown: decoded from damaged data
 };
 
 /// What a sink shows. Called from any thread, one call at a time.
@@ -42,7 +50,8 @@ class Screen {
 public:
     static Screen& instance();
 
-    void add(VideoPlane* plane);
+    /// `sink`: the sink's name, see counters().
+    void add(VideoPlane* plane, const std::string& sink);
     void remove(VideoPlane* plane);
     void add(AudioOutput* output);
     void remove(AudioOutput* output);
@@ -55,6 +64,13 @@ public:
 
     /// A plane says that it shows a new picture. Streaming thread.
     void pictureShown(VideoPlane* plane);
+
+    /// A plane adds to what is counted. Streaming thread.
+    void count(VideoPlane* plane, const PictureCounters& more);
+    /// Since the process began, also of planes that are gone: what the sink of a media source with
+    /// this number has shown. It is in the sink's name, behind the last "_" ("halvideosink_3"). 0:
+    /// all sinks whose names have none, as those of URLs.
+    PictureCounters counters(unsigned int source) const;
 
     /// Called after each new picture, on the plane's streaming thread, for as long as the returned
     /// handle lives; dropping the handle waits for a call under way on another thread.
