@@ -1,6 +1,7 @@
 #include "host/segment_parser.h"
 
 #include "isobmff_parser.h"
+#include "webm_parser.h"
 
 #include <algorithm>
 #include <cctype>
@@ -30,6 +31,8 @@ std::unique_ptr<SegmentParser> SegmentParser::make(const std::string& mimeType, 
     const auto type = typeOf(mimeType);
     if (type == "video/mp4" || type == "audio/mp4")
         return std::make_unique<IsobmffParser>(output, StreamRules::MediaSource);
+    if (type == "video/webm" || type == "audio/webm")
+        return std::make_unique<WebmParser>(output);
     return nullptr;
 }
 

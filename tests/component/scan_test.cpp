@@ -1,24 +1,7 @@
-#include "demux_fixture.h"
+#include "mp4_boxes.h"
 #include "mp4_scan.h"
 
 namespace {
-
-Bytes word(std::uint64_t value) {
-    return {static_cast<std::uint8_t>(value >> 24), static_cast<std::uint8_t>(value >> 16),
-            static_cast<std::uint8_t>(value >> 8), static_cast<std::uint8_t>(value)};
-}
-
-Bytes letters(const std::string& text) {
-    return {text.begin(), text.end()};
-}
-
-Bytes box(const std::string& type, const Bytes& body) {
-    return word(body.size() + 8) + letters(type) + body;
-}
-
-Bytes longBox(const std::string& type, const Bytes& body) {
-    return word(1) + letters(type) + word(0) + word(body.size() + 16) + body;
-}
 
 /// What 'tenc' and 'seig' say: a key id of one repeated byte; a constant vector when `ivSize` is 0.
 Bytes described(bool encrypted, std::uint8_t ivSize, std::uint8_t key) {
