@@ -1,5 +1,6 @@
 #include "runtime.h"
 
+#include "nox/screen.h"
 #include "uva/uva_drm_backend.h"
 
 #include <chrono>
@@ -64,6 +65,10 @@ host::MediaElement::Options Runtime::elementOptions() {
     options.firstSource = m_players++ * sourcesOfAPlayer + 1;
     options.noProgress = std::chrono::milliseconds(0); // the page decides how long it waits
     options.mainSystem = std::getenv("NOX_GST_STANDALONE") == nullptr;
+    options.pictures = [](host::SourceId source) {
+        const auto counted = nox::Screen::instance().counters(source);
+        return host::PictureCounters{counted.shown, counted.dropped, counted.corrupted};
+    };
     return options;
 }
 
