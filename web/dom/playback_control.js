@@ -48,6 +48,7 @@ class PlaybackControl {
   #size = { width: 0, height: 0 };
   #promises = []; // "pending play promises"
   #settlements = new Set(); // queued tasks that settle play promises
+  #isLookDue = false;
   #timer = null;
   #lastUpdate = 0; // when timeupdate was raised last, and for which position
   #updatedAt = 0;
@@ -266,9 +267,15 @@ class PlaybackControl {
 
   // ---- what the source and the player tell
 
+  /** Looked at once for all changes of a task. */
   buffersChanged() {
-    this.#findBlocked();
-    this.look();
+    if (this.#isLookDue) return;
+    this.#isLookDue = true;
+    queueTask(() => {
+      this.#isLookDue = false;
+      this.#findBlocked();
+      this.look();
+    });
   }
   keysChanged() {
     this.#media.link?.keysChanged();
@@ -473,6 +480,7 @@ class PlaybackControl {
   }
   /** HTML, "notify about playing". */
   #notifyAboutPlaying() {
+    this.#lastUpdate = env.now(); // the first timeupdate is an interval away
     const promises = this.#takePromises();
     this.#queueSettlement(() => fire(this.#media.element, 'playing'), () => promises.forEach((promise) => promise.resolve()));
   }
