@@ -1,6 +1,6 @@
 'use strict';
 // The command `player` as a user runs it, and the list that `wpt` compares with.
-// Usage: command_test.js STREAMS CORPUS
+// Usage: command_test.js STREAMS CORPUS, in a box
 
 const { spawnSync } = require('child_process');
 const fs = require('fs');
@@ -11,8 +11,8 @@ const { assert, corpus, keys, streams } = require('./support');
 
 const { Expectations } = require('../../web/run/expectations');
 
-const script = path.join(__dirname, '..', '..', 'web', 'run', 'player.js');
-const run = (...args) => spawnSync(process.execPath, [script, ...args], { encoding: 'utf8', timeout: 120e3 });
+const command = path.join(__dirname, '..', '..', 'web', 'run', 'player');
+const run = (...args) => spawnSync(command, args, { encoding: 'utf8', timeout: 120e3 });
 const key = `${keys[0].id}:${keys[0].key}`;
 
 test('plays to the end and writes what was asked for', t => {

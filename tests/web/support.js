@@ -3,6 +3,8 @@
 // on the simulated set's screen.
 
 const assert = require('assert/strict');
+const fs = require('fs');
+const os = require('os');
 const path = require('path');
 
 const { answerRequest } = require('../../web/run/licence');
@@ -23,6 +25,19 @@ const manifests = {
 
 /** Room for sanitizers on a busy machine. */
 const patience = 30;
+
+/** Each process a log of its own; tests of a process play one after the other. */
+const soundLog = path.join(os.tmpdir(), `sound-${process.pid}.log`);
+process.env.SOUND_LOG = soundLog;
+
+/** What the sound device has played since, [{ time, duration, peak }, ...]. */
+function soundPlayed() {
+  if (!fs.existsSync(soundLog)) return [];
+  return fs.readFileSync(soundLog, 'utf8').trim().split('\n').filter(Boolean).map(line => {
+    const [time, duration, peak] = line.split(' ').map(Number);
+    return { time, duration, peak };
+  });
+}
 
 /** Resolves with the first value of look() that holds. */
 async function until(what, look, seconds = patience) {
@@ -110,9 +125,18 @@ class Playing {
       await this.plays(pictureSeconds / 2);
     }
     const expected = (this.video.currentTime - from) / pictureSeconds;
+    this.#heard(from, this.video.currentTime);
     const counters = this.web.counters();
     assert.equal(counters.dropped - dropped, 0, 'dropped pictures');
     assert.ok(Math.abs(counters.shown - shown - expected) <= 3, `${counters.shown - shown} pictures shown, ${expected.toFixed(1)} were due`);
+  }
+  /** The tone was played all the way between these times, without a gap. */
+  #heard(from, to) {
+    const sounds = soundPlayed().slice(-500).filter(({ time, duration }) => time + duration > from && time < to - 0.1);
+    const silent = sounds.filter(({ peak }) => peak < 0.05);
+    assert.deepEqual(silent, [], 'silence was played');
+    const seconds = sounds.reduce((sum, { duration }) => sum + duration, 0);
+    assert.ok(Math.abs(seconds - (to - from)) < 0.2, `${seconds.toFixed(2)} s of sound between ${from} and ${to}`);
   }
 }
 
@@ -145,4 +169,4 @@ async function withPlayer(name, { manifest, withKeys = false, plan = () => null,
   }
 }
 
-module.exports = { Playing, assert, corpus, keys, manifests, path, pictureSeconds, streams, until, withPlayer };
+module.exports = { assert, corpus, keys, manifests, pictureSeconds, streams, until, withPlayer };

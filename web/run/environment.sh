@@ -13,7 +13,7 @@ fail() {
 # in_box OPTIONS -- SCRIPT ARGS: in a box of its own (docs/reference/tvbox.md), unless this is one.
 in_box() {
     [ -x "$node" ] || fail "the npm packages are missing: run (cd $web && npm ci), or ./play --web, which does"
-    [ -f "$build/build.ninja" ] || fail "$build is no build folder: run ./play --web first, or name one with UVA_BUILD"
+    [ -n "${TVBOX-}" ] || [ -f "$build/build.ninja" ] || fail "$build is no build folder: run ./play --web first, or name one with UVA_BUILD"
     local options=()
     while [ "$1" != -- ]; do
         options+=("$1")
