@@ -6,7 +6,7 @@ const ranges = require('./ranges.js');
 const { SourceBuffer, makeSourceBuffer } = require('./source_buffer.js');
 const { SourceBufferList, clear, makeSourceBufferList, update } = require('./source_buffer_list.js');
 const { isTypeSupported, trackKinds } = require('./mime_type.js');
-const { queueEvent } = require('./tasks.js');
+const { queueEvent, queueTask } = require('./tasks.js');
 
 function invalidState(text) {
   return new window.DOMException(text, 'InvalidStateError');
@@ -50,23 +50,26 @@ class MediaSourceState {
     return Math.max(0, ...this.trackBuffers.map((trackBuffer) => ranges.highestEnd(trackBuffer.ranges())));
   }
 
-  /** "Attaching to a media element"; the readyState is "closed". */
+  /** "Attaching to a media element". It opens behind what is queued: a page sees it closed in between. */
   attach(control) {
     this.control = control;
-    this.setReadyState('open');
+    queueTask(() => {
+      if (this.control === control && this.readyState === 'closed') this.setReadyState('open');
+    });
   }
 
   /** "Detaching from a media element". */
   detach() {
-    if (this.control === null) return;
+    const wasOpen = this.readyState !== 'closed';
     this.readyState = 'closed';
     this.#duration = NaN;
     for (const buffer of this.buffers) buffer.destroy();
     this.buffers = [];
     this.active = [];
+    this.control = null;
+    if (!wasOpen) return;
     clear(this.activeSourceBuffers);
     clear(this.sourceBuffers);
-    this.control = null;
     queueEvent(this.object, 'sourceclose');
   }
 
@@ -263,10 +266,10 @@ class MediaSource extends window.EventTarget {
 }
 idl.eventHandlers(MediaSource.prototype, ['sourceopen', 'sourceended', 'sourceclose']);
 
-/** Attaches a source to the control of a media element; answers its inner side, or null when it is not "closed". */
+/** Attaches a source to the control of a media element; answers its inner side, or null when it is not "closed" or about to open. */
 function attach(mediaSource, control) {
   const source = stateOf(mediaSource);
-  if (source.readyState !== 'closed') return null;
+  if (source.control !== null) return null;
   source.attach(control);
   return source;
 }

@@ -12,7 +12,7 @@ const muxedType = 'video/mp4; codecs="avc1.64001f,mp4a.40.2"';
 
 /** A source with a source buffer of this type whose first initialization segment has come. */
 async function openBuffer(type, ...kinds) {
-  const opened = openSource();
+  const opened = await openSource();
   const sourceBuffer = opened.mediaSource.addSourceBuffer(type);
   await append(sourceBuffer, init(kinds));
   return { ...opened, sourceBuffer };

@@ -25,7 +25,7 @@ function tasks() {
 }
 
 test('a long append is parsed in slices, and abort() ends it between two', async () => {
-  const { mediaSource } = openSource();
+  const { mediaSource } = await openSource();
   const sourceBuffer = mediaSource.addSourceBuffer(videoType);
   ScriptedParser.answers.push({ items: [init(['video'])] }, {}, { items: [frames('video', { start: 0, count: 1, duration: 1 }), segmentEnd] });
   sourceBuffer.appendBuffer(new ArrayBuffer(5 << 19));
@@ -45,7 +45,7 @@ test('a long append is parsed in slices, and abort() ends it between two', async
 });
 
 test('the bytes are those of the call, whatever the page does with them then', async () => {
-  const { mediaSource } = openSource();
+  const { mediaSource } = await openSource();
   const sourceBuffer = mediaSource.addSourceBuffer(videoType);
   let seen = null;
   const { append: take } = ScriptedParser.prototype;
@@ -59,7 +59,7 @@ test('the bytes are those of the call, whatever the page does with them then', a
 });
 
 test('what came before a fault is taken; then the source ends with "decode"', async () => {
-  const { mediaSource, control } = openSource();
+  const { mediaSource, control } = await openSource();
   const sourceBuffer = mediaSource.addSourceBuffer(videoType);
   ScriptedParser.answers.push({ items: [init(['video']), frames('video', { start: 0, count: 2, duration: 1 })], fault: 'byte 9: no box' });
   sourceBuffer.appendBuffer(new Uint8Array(10));
@@ -76,7 +76,7 @@ const badStreams = {
 };
 for (const [what, appends] of Object.entries(badStreams)) {
   test(`an append fails: ${what}`, async () => {
-    const { mediaSource } = openSource();
+    const { mediaSource } = await openSource();
     const sourceBuffer = mediaSource.addSourceBuffer(videoType);
     let events;
     for (const items of appends) events = await append(sourceBuffer, ...items);
@@ -85,7 +85,7 @@ for (const [what, appends] of Object.entries(badStreams)) {
 }
 
 test('a later initialization segment may number its track otherwise; changeType() asks for one', async () => {
-  const { mediaSource } = openSource();
+  const { mediaSource } = await openSource();
   const sourceBuffer = mediaSource.addSourceBuffer(videoType);
   await append(sourceBuffer, init(['video']), frames('video', { start: 0, count: 2, duration: 1, group: 2 }), segmentEnd);
   const second = init(['video']);
@@ -98,7 +98,7 @@ test('a later initialization segment may number its track otherwise; changeType(
 });
 
 test('a full buffer loses what was played, then what is far ahead, and then refuses without a loss', async () => {
-  const { mediaSource, control } = openSource({ quota: { video: 1000, audio: 0 } });
+  const { mediaSource, control } = await openSource({ quota: { video: 1000, audio: 0 } });
   const sourceBuffer = mediaSource.addSourceBuffer(videoType);
   const seconds = (start, count) => frames('video', { start, count, duration: 1, group: 2, size: 100 });
   const full = new Uint8Array(200);
@@ -120,7 +120,7 @@ test('a full buffer loses what was played, then what is far ahead, and then refu
 });
 
 test('the duration follows the frames, and is not set below one', async () => {
-  const { mediaSource, control } = openSource();
+  const { mediaSource, control } = await openSource();
   const sourceBuffer = mediaSource.addSourceBuffer(videoType);
   await append(sourceBuffer, init(['video'], 2), frames('video', { start: 0, count: 4, duration: 1, group: 4 }), segmentEnd);
   assert.strictEqual(mediaSource.duration, 4);
@@ -133,7 +133,7 @@ test('the duration follows the frames, and is not set below one', async () => {
 });
 
 test('active source buffers follow the tracks, in their order', async () => {
-  const { mediaSource, source } = openSource();
+  const { mediaSource, source } = await openSource();
   const [video, audio] = [videoType, audioType].map((type) => mediaSource.addSourceBuffer(type));
   await append(audio, init(['audio']));
   await append(video, init(['video']));
@@ -146,7 +146,7 @@ test('active source buffers follow the tracks, in their order', async () => {
 });
 
 test('live: seekable joins the live range and what is buffered', async () => {
-  const { mediaSource, source } = openSource();
+  const { mediaSource, source } = await openSource();
   const sourceBuffer = mediaSource.addSourceBuffer(videoType);
   await append(sourceBuffer, init(['video']), frames('video', { start: 10, count: 5, duration: 1, group: 5 }), segmentEnd);
   assert.deepStrictEqual(plain(source.seekable()), [[0, 15]]);
@@ -155,26 +155,27 @@ test('live: seekable joins the live range and what is buffered', async () => {
   assert.strictEqual(thrown(() => mediaSource.setLiveSeekableRange(2, 1)), 'TypeError');
 });
 
-test('detaching leaves nothing: lists, tracks, an operation under way', async () => {
-  const { mediaSource, source, control } = openSource();
+test('detaching leaves nothing, and is seen before the source opens again', async () => {
+  const { mediaSource, source, control, load } = await openSource();
   const sourceBuffer = mediaSource.addSourceBuffer(videoType);
   await append(sourceBuffer, init(['video']), frames('video', { start: 0, count: 1, duration: 1 }), segmentEnd);
   const [track] = sourceBuffer.videoTracks;
   const events = [];
-  mediaSource.onsourceclose = () => events.push('close');
+  mediaSource.onsourceclose = () => events.push(mediaSource.readyState);
   control.videoTracks.onremovetrack = () => events.push('removetrack');
   control.videoTracks.onchange = () => events.push('change');
   sourceBuffer.appendBuffer(new Uint8Array(1));
   source.detach();
+  assert.notStrictEqual(load('./media_source.js').attach(mediaSource, control), null);
   await tasks();
-  assert.deepStrictEqual(events, ['removetrack', 'change', 'close']);
+  assert.deepStrictEqual([events, mediaSource.readyState], [['removetrack', 'change', 'closed'], 'open']);
   assert.deepStrictEqual([mediaSource.sourceBuffers.length, control.videoTracks.length, track.sourceBuffer, control.held.size], [0, 0, null, 0]);
   assert.strictEqual(thrown(() => sourceBuffer.buffered), 'InvalidStateError');
   ScriptedParser.answers.length = 0;
 });
 
-test('refusals', () => {
-  const { window, mediaSource } = openSource();
+test('refusals', async () => {
+  const { window, mediaSource } = await openSource();
   mediaSource.addSourceBuffer(videoType);
   const refused = {
     TypeError: [() => mediaSource.addSourceBuffer(), () => mediaSource.addSourceBuffer(''), () => mediaSource.removeSourceBuffer({}),
@@ -187,8 +188,8 @@ test('refusals', () => {
   for (const [name, calls] of Object.entries(refused)) for (const call of calls) assert.strictEqual(thrown(call), name, String(call));
 });
 
-test('the interfaces have the shape that Web IDL gives them', () => {
-  const { window, mediaSource } = openSource();
+test('the interfaces have the shape that Web IDL gives them', async () => {
+  const { window, mediaSource } = await openSource();
   const sourceBuffer = mediaSource.addSourceBuffer(videoType);
   assert.ok(sourceBuffer instanceof window.EventTarget);
   assert.strictEqual(String(mediaSource.sourceBuffers), '[object SourceBufferList]');
@@ -201,8 +202,8 @@ test('the interfaces have the shape that Web IDL gives them', () => {
   assert.strictEqual(sourceBuffer.mode, 'segments');
 });
 
-test('content types', () => {
-  const { window } = openSource();
+test('content types', async () => {
+  const { window } = await openSource();
   const answers = {
     true: ['video/mp4;codecs="avc1.4d001e,mp4a.40.2"', 'VIDEO/MP4; CODECS="mp4a.40.2 , avc1.4D401E "', 'video/mp4;codecs=avc1.4d001e', 'video/mp4', 'audio/mp4;codecs="mp4a.67"',
       'video/webm; codecs="vp8, vorbis"', 'video/webm;codecs="vp09.00.10.08"', 'video/mp4;codecs="hev1.2.4.L120.B0, ec-3"', 'video/mp4; codecs="av01.0.04M.08"', 'audio/mp4; codecs="opus"; x="y"'],
@@ -212,8 +213,8 @@ test('content types', () => {
   for (const [expected, types] of Object.entries(answers)) for (const type of types) assert.strictEqual(String(window.MediaSource.isTypeSupported(type)), expected, type);
 });
 
-test('object URLs', () => {
-  const { window, load, mediaSource } = openSource();
+test('object URLs', async () => {
+  const { window, load, mediaSource } = await openSource();
   const { install, resolve } = load('./object_url.js');
   install();
   const url = window.URL.createObjectURL(mediaSource);

@@ -100,7 +100,7 @@ class Control {
 }
 
 /** An open media source: { window, load, control, source (its inner side), mediaSource }. */
-function openSource({ quota = { video: 1e9, audio: 1e9 } } = {}) {
+async function openSource({ quota = { video: 1e9, audio: 1e9 } } = {}) {
   const dom = new JSDOM('', { url: 'http://page.test/', runScripts: 'outside-only' });
   const native = { SegmentParser: ScriptedParser, canPlayType: () => ({ canPlay: true, reason: '' }) };
   const load = realmRequire(dom, { native, quota, log: () => {}, now: () => performance.now() });
@@ -109,6 +109,7 @@ function openSource({ quota = { video: 1e9, audio: 1e9 } } = {}) {
   const control = new Control(load);
   const mediaSource = new MediaSource();
   const source = attach(mediaSource, control);
+  await new Promise((resolve) => (mediaSource.onsourceopen = resolve));
   return { window: dom.window, load, control, source, mediaSource };
 }
 
