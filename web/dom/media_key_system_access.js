@@ -4,7 +4,7 @@
 const clearKey = require('./clear_key.js');
 const { dictionary } = require('./encrypted_event.js');
 const idl = require('./idl.js');
-const { isTypeSupported, trackKinds } = require('./mime_type.js');
+const { isTypeSupported, parseMimeType, trackKinds } = require('./mime_type.js');
 const { queueTask } = require('./tasks.js');
 
 const requirements = ['required', 'optional', 'not-allowed'];
@@ -57,7 +57,8 @@ function supportedCapabilities(kind, capabilities) {
   const supported = capabilities.filter(({ contentType, encryptionScheme, robustness }) => {
     const kinds = trackKinds(contentType);
     const isStrictly = kinds !== null && kinds.size === 1 && kinds.has(kind);
-    return isStrictly && encryptionSchemes.includes(encryptionScheme) && robustness === '' && isTypeSupported(contentType);
+    const namesCodecs = Boolean(parseMimeType(contentType)?.codecs?.length); // no container that is encrypted implies them
+    return isStrictly && namesCodecs && encryptionSchemes.includes(encryptionScheme) && robustness === '' && isTypeSupported(contentType);
   });
   return supported.length === 0 ? null : supported;
 }
