@@ -378,9 +378,11 @@ class PlaybackControl {
     }
     const isRest = source.isEnded && range === last && this.#blockedAt >= range[1];
     const ahead = Math.min(range[1], this.#blockedAt) - this.#position;
-    return { isThere: true, state: isRest || ahead >= enough ? HAVE_ENOUGH_DATA : this.#stateFor(ahead) };
+    return { isThere: true, state: isRest ? HAVE_ENOUGH_DATA : this.#stateFor(ahead) };
   }
   #stateFor(ahead) {
+    if (this.#media.link.isStarved) return HAVE_CURRENT_DATA;
+    if (ahead >= enough) return HAVE_ENOUGH_DATA;
     const wanted = this.#readyState >= HAVE_FUTURE_DATA ? tooLittle : future;
     return ahead > wanted ? HAVE_FUTURE_DATA : HAVE_CURRENT_DATA;
   }

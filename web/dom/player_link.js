@@ -12,10 +12,11 @@ class PlayerLink {
   #isRunning = false;
   #generation = null; // of the seek that has not been answered
   #rate = 1;
+  #starved = new Set(); // tracks for want of whose data the player holds
 
   /**
    * The client is told, on Node's loop: metadata({ width, height, duration, pixelAspectRatio }),
-   * seeked(succeeded), ended(position), starved(), filled(), keyNeeded(), failed(reason),
+   * seeked(succeeded), ended(position), supplyChanged(), keyNeeded(), failed(reason),
    * stateChanged(state), and, of URLs, buffered(ranges).
    */
   constructor(client) {
@@ -30,6 +31,7 @@ class PlayerLink {
     return this.#player.addTrack(kind, mimeType);
   }
   removeTrack(track) {
+    this.#starved.delete(track);
     this.#player?.removeTrack(track);
   }
   add(track, batch, indices, pts, dts, sequence, group) {
@@ -53,6 +55,10 @@ class PlayerLink {
   /** Whether the player is where it was last told to be. */
   get isSettled() {
     return this.#generation === null;
+  }
+  /** Whether the player holds, or will at once, because it has not got enough to go on. */
+  get isStarved() {
+    return this.#starved.size > 0;
   }
   /** Seconds; what it was when the player looked last. */
   get position() {
@@ -118,6 +124,11 @@ class PlayerLink {
     env.trace?.(`< ${event.type}`, event);
     PlayerLink.#events[event.type]?.(this.#client, event, this);
   }
+  #supply(client, track, isStarved) {
+    if (isStarved) this.#starved.add(track);
+    else this.#starved.delete(track);
+    client.supplyChanged();
+  }
   #answered(client, { generation, outcome }) {
     if (generation !== this.#generation) return; // a newer one is under way
     this.#generation = null;
@@ -128,8 +139,8 @@ class PlayerLink {
   static #events = {
     metadata: (client, event) => client.metadata(event),
     ended: (client, { position }) => client.ended(position),
-    starved: (client) => client.starved(),
-    filled: (client) => client.filled(),
+    starved: (client, { track }, link) => link.#supply(client, track, true),
+    filled: (client, { track }, link) => link.#supply(client, track, false),
     keyNeeded: (client) => client.keyNeeded(),
     error: (client, { reason }) => client.failed(reason),
     state: (client, { state }) => client.stateChanged(state),

@@ -86,6 +86,18 @@ test('playback starts with data, waits where it ends and goes on with more', asy
   assert.ok(player.isPlaying);
 });
 
+test('a player that holds for want of data makes the element wait', async () => {
+  const page = await makeFedPage({ seconds: 8 });
+  await page.video.play();
+  page.take();
+  page.player.tell({ type: 'starved', track: 'video' });
+  await told(page, 'waiting');
+  assert.strictEqual(page.video.readyState, page.video.HAVE_CURRENT_DATA);
+  page.player.tell({ type: 'filled', track: 'video' });
+  await told(page, 'canplaythrough');
+  assert.deepStrictEqual(page.take(), ['waiting', 'canplay', 'playing', 'canplaythrough']);
+});
+
 test('a seek keeps its very target, and the last of several is the one that counts', async () => {
   const page = await makeFedPage({ seconds: 8 });
   const { video: element, player } = page;
