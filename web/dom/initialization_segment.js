@@ -1,7 +1,7 @@
 'use strict';
 // MSE, "Initialization Segment Received". `buffer` is a SourceBufferState (source_buffer.js).
 
-const { parseMimeType } = require('./mime_type.js');
+const { isTypeSupported, parseMimeType } = require('./mime_type.js');
 const tracks = require('./track_lists.js');
 const { TrackBuffer } = require('./track_buffer.js');
 
@@ -43,8 +43,7 @@ function checkCodecs({ type }, descriptions) {
   const { subtype } = parseMimeType(type);
   if (new Set(descriptions.map(({ id }) => id)).size !== descriptions.length) throw new StreamError('two tracks have one Track ID');
   for (const { id, kind, codec } of descriptions) {
-    const answer = env.native.canPlayType(`${kind}/${subtype}; codecs="${codec}"`);
-    if (!answer.canPlay) throw new StreamError(`track ${id}, ${codec}: ${answer.reason}`);
+    if (!isTypeSupported(`${kind}/${subtype}; codecs="${codec}"`)) throw new StreamError(`track ${id} is of a codec that is not played, ${codec}`);
   }
 }
 

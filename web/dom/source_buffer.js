@@ -7,7 +7,7 @@ const tracks = require('./track_lists.js');
 const { processCodedFrames, removeCodedFrames } = require('./coded_frame_processing.js');
 const { evict } = require('./eviction.js');
 const { StreamError, initializationSegmentReceived } = require('./initialization_segment.js');
-const { isTypeSupported, trackKinds } = require('./mime_type.js');
+const { isTypeSupported, parseMimeType, trackKinds } = require('./mime_type.js');
 const { queueEvent, queueTask } = require('./tasks.js');
 const { makeTextTrackList } = require('./text_track.js');
 const { timeRanges } = require('./time_ranges.js');
@@ -59,7 +59,7 @@ class SourceBufferState {
   setType(type) {
     this.type = type;
     this.kinds = trackKinds(type);
-    this.parser = new env.native.SegmentParser(type);
+    this.parser = new env.native.SegmentParser(parseMimeType(type).essence);
   }
 
   requireAttached(context) {

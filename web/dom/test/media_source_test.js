@@ -203,13 +203,17 @@ test('the interfaces have the shape that Web IDL gives them', async () => {
 });
 
 test('content types', async () => {
-  const { window } = await openSource();
+  const { window, native } = await openSource();
   const answers = {
     true: ['video/mp4;codecs="avc1.4d001e,mp4a.40.2"', 'VIDEO/MP4; CODECS="mp4a.40.2 , avc1.4D401E "', 'video/mp4;codecs=avc1.4d001e', 'video/mp4', 'audio/mp4;codecs="mp4a.67"',
       'video/webm; codecs="vp8, vorbis"', 'video/webm;codecs="vp09.00.10.08"', 'video/mp4;codecs="hev1.2.4.L120.B0, ec-3"', 'video/mp4; codecs="av01.0.04M.08"', 'audio/mp4; codecs="opus"; x="y"'],
     false: ['', 'video', 'video/', 'video/mp4;codecs=""', 'video/webm', 'video/webm;codecs', 'video/webm;codecs=', 'video/webm;codecs="', 'video/webm;codecs=","', 'text/mp4;codecs="avc1.4d001e"',
       'audio/mp4;codecs="avc1.4d001e"', 'video/mp4;codecs="vp8"', 'video/webm;codecs="mp4a.40.2"', 'audio/mp4;codecs="mp4a"', 'audio/mp4;codecs="mp4a.40."', 'audio/mp4;codecs="mp4a.67.3"', 'video/mp4;codecs="avc1"'],
   };
+  const asked = [];
+  native.canPlayType = (type) => ({ canPlay: asked.push(type) > 0 });
+  assert.ok(window.MediaSource.isTypeSupported('VIDEO/WebM; codecs="vp9, opus"; width=3840'));
+  assert.deepStrictEqual(asked, ['video/webm;codecs=vp9;width=3840', 'audio/x-opus'], 'the library is asked by the names it has');
   for (const [expected, types] of Object.entries(answers)) for (const type of types) assert.strictEqual(String(window.MediaSource.isTypeSupported(type)), expected, type);
 });
 

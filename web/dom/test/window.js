@@ -99,7 +99,7 @@ class Control {
   }
 }
 
-/** An open media source: { window, load, control, source (its inner side), mediaSource }. */
+/** An open media source: { window, load, native, control, source (its inner side), mediaSource }. */
 async function openSource({ quota = { video: 1e9, audio: 1e9 } } = {}) {
   const dom = new JSDOM('', { url: 'http://page.test/', runScripts: 'outside-only' });
   const native = { SegmentParser: ScriptedParser, canPlayType: () => ({ canPlay: true, reason: '' }) };
@@ -110,7 +110,7 @@ async function openSource({ quota = { video: 1e9, audio: 1e9 } } = {}) {
   const mediaSource = new MediaSource();
   const source = attach(mediaSource, control);
   await new Promise((resolve) => (mediaSource.onsourceopen = resolve));
-  return { window: dom.window, load, control, source, mediaSource };
+  return { window: dom.window, load, native, control, source, mediaSource };
 }
 
 /** Appends in one call what the parser makes of it, and waits until it is done; answers the events. */
