@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """Makes what the tests of web players play: DASH and HLS, clear and with Clear Key.
 
-Usage: make_streams.py FFMPEG SECONDS OUT_FOLDER
+Usage: make_streams.py FFMPEG PROTECT_FRAGMENTS SECONDS OUT_FOLDER
 
 Two renditions and a sound: a 440 Hz tone. Across the top of each picture stands its number, in 12
 blocks, the lowest bit first; white is 1. 25 pictures a second, a key frame and a segment a second.
@@ -15,7 +15,7 @@ import subprocess
 import sys
 
 RATE = 25
-KEY_ID, KEY = "a0a1a2a3a4a5a6a7a8a9aaabacadaeaf", "0123456789abcdef0123456789abcdef"
+KEY_ID = bytes(range(16)).hex()  # of protect_fragments.py
 RENDITIONS = [("512x288", 512, 288, "600k"), ("256x144", 256, 144, "200k")]
 SYSTEM = "1077efecc0b24d02ace33c1e52e2fb4b"  # of all key systems
 
@@ -43,8 +43,8 @@ def uuid(text):
 
 
 class Streams:
-    def __init__(self, ffmpeg, seconds, folder):
-        self.ffmpeg, self.seconds, self.folder = ffmpeg, seconds, folder
+    def __init__(self, ffmpeg, protect_fragments, seconds, folder):
+        self.ffmpeg, self.protect_fragments, self.seconds, self.folder = ffmpeg, protect_fragments, seconds, folder
         self.source = folder / "source.mp4"
 
     def run(self, *arguments, folder=None):
@@ -83,9 +83,10 @@ class Streams:
         folder.mkdir()
         for index, stream in enumerate(["0:v:0", "0:v:1", "0:a:0"]):
             self.run("-i", self.source, "-map", stream, "-c", "copy", "-f", "mp4",
-                     "-movflags", "+frag_keyframe+empty_moov+default_base_moof+dash+global_sidx", "-frag_duration", 1000000,
-                     "-encryption_scheme", "cenc-aes-ctr", "-encryption_key", KEY, "-encryption_kid", KEY_ID,
-                     f"s{index}.mp4", folder=folder)
+                     "-movflags", "+frag_keyframe+empty_moov+default_base_moof", "-frag_duration", 1000000,
+                     "clear.mp4", folder=folder)
+            subprocess.run([sys.executable, self.protect_fragments, "whole", "clear.mp4", f"s{index}.mp4"], cwd=folder, check=True)
+        (folder / "clear.mp4").unlink()
         (folder / "manifest.mpd").write_text(self.manifest(folder))
         self.write_playlists(folder)
 
@@ -137,10 +138,11 @@ class Streams:
 
 
 def main():
-    ffmpeg, seconds, folder = sys.argv[1], int(sys.argv[2]), pathlib.Path(sys.argv[3]).resolve()
+    ffmpeg, protect_fragments, seconds, folder = sys.argv[1:]
+    folder = pathlib.Path(folder).resolve()
     shutil.rmtree(folder, ignore_errors=True)
     folder.mkdir(parents=True)
-    streams = Streams(ffmpeg, seconds, folder)
+    streams = Streams(ffmpeg, pathlib.Path(protect_fragments).resolve(), int(seconds), folder)
     streams.make_source()
     streams.make_dash()
     streams.make_hls()

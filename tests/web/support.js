@@ -14,7 +14,7 @@ const { WebPlayer } = require('../../web/run/web_player');
 const [streams, corpus] = process.argv.slice(2);
 
 const pictureSeconds = 1 / 25;
-const keys = [{ id: 'a0a1a2a3a4a5a6a7a8a9aaabacadaeaf', key: '0123456789abcdef0123456789abcdef' }];
+const keys = [{ id: '000102030405060708090a0b0c0d0e0f', key: '202122232425262728292a2b2c2d2e2f' }]; // of protect_fragments.py
 
 /** By player: the manifest of the clear streams, and of those with Clear Key. */
 const manifests = {

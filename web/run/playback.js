@@ -51,7 +51,7 @@ class Playback {
 
   /** Resolves with { error: text or null, signal, snapshot, timeline } when it is over and the backend is back. */
   async run({ url, root, name }) {
-    const { keys, keyDelay } = this.#options;
+    const { keyDelay } = this.#options;
     const licencePath = '/licence';
     this.#server = new StaticServer({
       roots: root ? [root] : [],
@@ -61,7 +61,7 @@ class Playback {
     const base = await this.#server.listen();
     this.#display.log(`media ${this.#options.media}`);
     this.#timeline.state('opening');
-    await this.#start(url ?? `${base}/${encodeURIComponent(name)}`, base, keys.length > 0 ? base + licencePath : undefined);
+    await this.#start(url ?? `${base}/${encodeURIComponent(name)}`, base, base + licencePath);
     const { reason, error = null, signal } = await this.#finished;
     clearInterval(this.#timer);
     const failure = await this.#end(reason, error);

@@ -19,7 +19,8 @@ const players = {
       const codes = Object.fromEntries(Object.entries(shaka.util.Error.Code).map(([name, code]) => [code, name]));
       const tell = error => {
         if (!(error instanceof shaka.util.Error)) return fail(error.message);
-        const text = `${codes[error.code] || 'error'} (${error.code}): ${error.data.map(asText).join(', ')}`;
+        const details = error.data.filter(each => typeof each !== 'object' || each instanceof window.Error);
+        const text = `${codes[error.code] || 'error'} (${error.code}): ${details.map(String).join(', ')}`;
         (error.severity === shaka.util.Error.Severity.CRITICAL ? fail : note)(text);
       };
       shaka.polyfill.installAll();
@@ -112,10 +113,6 @@ function own(window, options) {
 /** What comes in between, a pause or an error, is told by the element's events. */
 function play(video) {
   return video.play().catch(() => {});
-}
-
-function asText(value) {
-  return typeof value === 'object' && value !== null ? value.message || JSON.stringify(value) : String(value);
 }
 
 /** The file of a player's script. */
