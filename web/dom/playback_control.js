@@ -24,9 +24,6 @@ const jitter = 0.1; // a position may fall back so much without a seek
 const lookInterval = 15;
 const timeupdateInterval = 250;
 
-/** States of a player that plays a URL, and what they say of the data. */
-const dataOfState = { buffering: HAVE_CURRENT_DATA, playing: HAVE_ENOUGH_DATA, paused: HAVE_ENOUGH_DATA };
-
 /** Where playback of one element is, and what is wanted of it. `media` is its MediaControl. */
 class PlaybackControl {
   #media;
@@ -49,6 +46,7 @@ class PlaybackControl {
   #promises = []; // "pending play promises"
   #settlements = new Set(); // queued tasks that settle play promises
   #isLookDue = false;
+  #playerState = null; // 'playing', 'paused' or 'buffering', once it has said so
   #timer = null;
   #lastUpdate = 0; // when timeupdate was raised last, and for which position
   #updatedAt = 0;
@@ -115,6 +113,7 @@ class PlaybackControl {
       this.rejectPromises('AbortError', 'a new load began');
     }
     this.#seeking = this.#hasEnded = this.#wasLoaded = this.#waitsForKey = false;
+    this.#playerState = null;
     this.#buffered = [];
     this.#played = [];
     this.#blockedAt = Infinity;
@@ -148,6 +147,7 @@ class PlaybackControl {
     const { link, source } = this.#media;
     if (source === null) {
       if (start > 0) this.seek(start);
+      this.#followPlayer();
     } else {
       if (start > 0) this.#beginSeek(start);
       link.open({
@@ -237,8 +237,10 @@ class PlaybackControl {
     const seekable = this.seekable;
     if (seekable.length === 0) return;
     const target = nearest(seekable, Math.max(0, Math.min(seconds, Number.isNaN(this.#duration) ? seconds : this.#duration)));
+    const { link, source } = this.#media;
     this.#beginSeek(target);
-    if (this.#media.link.hasOpened) this.#media.link.seek(target);
+    if (source === null && link.position === target) this.#media.queue(() => this.playerSeeked(true)); // it is there already
+    else if (link.hasOpened) link.seek(target);
     this.look();
   }
   #beginSeek(target) {
@@ -284,6 +286,7 @@ class PlaybackControl {
   playerSeeked(succeeded) {
     if (!succeeded) env.log(`the seek to ${this.#position} failed`);
     if (this.#seeking && this.#media.source === null) this.#finishSeek();
+    this.#followPlayer();
     this.look();
   }
   playerBuffered(buffered) {
@@ -291,10 +294,17 @@ class PlaybackControl {
     this.look();
   }
   playerStateChanged(state) {
-    if (this.#media.source !== null || this.#readyState === HAVE_NOTHING || !(state in dataOfState)) return;
-    this.#setReadyState(dataOfState[state]);
+    const isInterruption = state === 'buffering' && this.#playerState === 'playing';
+    if (state === 'playing' || state === 'paused' || isInterruption) this.#playerState = state;
+    this.#followPlayer();
+  }
+  /** Of a URL, the player alone knows what data it has. */
+  #followPlayer() {
+    if (this.#media.source !== null || this.#readyState === HAVE_NOTHING || this.#playerState === null) return;
+    const hasAll = this.#playerState !== 'buffering';
+    if (!this.#seeking) this.#setReadyState(hasAll ? HAVE_ENOUGH_DATA : HAVE_CURRENT_DATA);
     this.#media.selection.progressed();
-    if (state !== 'buffering') this.#media.selection.completed(true);
+    if (hasAll) this.#media.selection.completed(true);
     this.#steer();
   }
   /** The player has played all that it was given. */

@@ -72,6 +72,7 @@ class PlayerLink {
   openUrl(url) {
     this.#hasOpened = true;
     this.#player.openUrl(url);
+    this.#player.pause(); // looks into it without playing it
   }
   setKeySession(session) {
     this.#player?.setKeySession(session);
