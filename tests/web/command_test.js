@@ -32,8 +32,8 @@ test('plays to the end and writes what was asked for', t => {
 
 const failures = {
   'a manifest that is not there': [['dash', '/nosuch.mpd'], 1, /no such file or folder/],
-  'segments that are not there': [['hls', path.join(streams, 'broken.m3u8')], 1, /broken\.m3u8: .*404/],
-  'a key that was not named': [['shaka', path.join(streams, 'protected')], 1, /./],
+  'segments that are not there': [['shaka', path.join(streams, 'broken.m3u8')], 1, /broken\.m3u8: .*404/],
+  'a key that was not named': [['shaka', path.join(streams, 'protected')], 1, /give it with --key 0001/],
   'a wrong key': [['shaka', '--key', '1:2', 'x.mpd'], 2, /32 hexadecimal digits/],
   'a player that there is not': [['flash', 'x.mpd'], 2, /no such player/],
 };

@@ -41,8 +41,10 @@ for (const player of ['shaka', 'dash', 'hls']) {
 
   test(`${player}: a licence that comes late begins with the first picture`, async () => {
     await withPlayer(player, { manifest: manifests[player].protected, withKeys: true, licenceDelay: 1.5 }, async playing => {
-      await until('encrypted media have been met', () => playing.count('encrypted') > 0);
-      assert.equal(playing.web.counters()?.shown ?? 0, 0, 'pictures before their key');
+      await until('the licence is sent', () => {
+        assert.equal(playing.web.counters()?.shown ?? 0, 0, 'pictures before their key');
+        return playing.licences() > 0;
+      });
       await playing.plays(1);
       await playing.showsItsTime();
       const { shown } = playing.web.counters();

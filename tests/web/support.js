@@ -67,8 +67,10 @@ class Playing {
   notes = [];
   failure = null;
 
-  constructor(web) {
+  /** licences(): how many have been sent. */
+  constructor(web, licences = () => 0) {
     this.web = web;
+    this.licences = licences;
     this.video = web.video;
     for (const type of ['playing', 'waiting', 'waitingforkey', 'seeked', 'ended', 'error', 'resize', 'encrypted'])
       this.video.addEventListener(type, () => this.events.push(type));
@@ -142,25 +144,25 @@ class Playing {
 
 /**
  * A player on a page, from a server of its own, for as long as use(playing, server's base) takes.
- * manifest: below the test streams, or { root, name }. plan: faults of the server. licenceDelay: seconds.
+ * manifest: below the test streams. plan: faults of the server. licenceDelay: seconds.
  */
 async function withPlayer(name, { manifest, withKeys = false, plan = () => null, licenceDelay = 0, ...options }, use) {
-  const { root, name: file } = typeof manifest === 'string' ? { root: streams, name: manifest } : manifest;
+  let licences = 0;
   const server = new StaticServer({
-    roots: [root, streams],
-    pages: { '/licence': body => answerRequest(body, manifest.keys || keys), ...options.pages },
+    roots: [streams],
+    pages: { '/licence': body => (++licences, answerRequest(body, keys)), ...options.pages },
     plan: request => (request.path === '/licence' ? { delay: licenceDelay } : plan(request)),
   });
   const base = await server.listen();
   let playing = null;
-  const web = await WebPlayer.open(name, `${base}/${file}`, {
+  const web = await WebPlayer.open(name, `${base}/${manifest}`, {
     base,
     licenceUrl: withKeys ? `${base}/licence` : undefined,
     fail: text => { if (playing) playing.failure = text; },
     note: text => playing?.notes.push(text),
     ...options,
   });
-  playing = new Playing(web);
+  playing = new Playing(web, () => licences);
   try {
     await use(playing, base);
   } finally {

@@ -117,7 +117,10 @@ async function requestMediaKeySystemAccess(keySystem, supportedConfigurations) {
     const notSupported = reason => reject(new window.DOMException(`requestMediaKeySystemAccess: ${reason}`, 'NotSupportedError'));
     if (name !== clearKey.keySystem) return notSupported(`the key system "${name}" is not supported; ${clearKey.keySystem} is`);
     const configuration = candidates.reduce((found, candidate) => found ?? supportedConfiguration(candidate), null);
-    if (configuration === null) return notSupported('none of the configurations is supported');
+    if (configuration === null) {
+      env.log?.(`requestMediaKeySystemAccess refuses ${JSON.stringify(candidates)}`);
+      return notSupported('none of the configurations is supported');
+    }
     resolve(new MediaKeySystemAccess(idl.secret, { keySystem: name, configuration }));
   }));
 }

@@ -26,7 +26,7 @@ class Expectations {
       if (line.trim() === '' || line.startsWith('#')) return;
       const fault = what => new Error(`${name}:${index + 1}: ${what}`);
       const depth = /^ */.exec(line)[0].length;
-      const words = line.trim();
+      const words = written(line);
       if (depth === 0) {
         if (this.#pages.has(words)) throw fault(`${words} is listed twice`);
         this.#pages.set(words, page = new Map());

@@ -78,6 +78,7 @@ class Playback {
     this.#player = await WebPlayer.open(this.#options.player, url, {
       base,
       licenceUrl,
+      keys: this.#options.keyDelay ? [] : this.#options.keys,
       at: this.#options.start,
       fail: text => this.#finish({ error: this.#explain(text) }),
       note: text => this.#display.log(`${this.#options.player} ${text}`),
@@ -109,7 +110,15 @@ class Playback {
     const args = detail !== null && typeof detail === 'object' ? { ...detail } : { value: detail };
     if (what.startsWith('> ')) this.#timeline.operation(what.slice(2), args);
     else if (what.startsWith('< ')) this.#timeline.event(what.slice(2), args);
+    if (what === '< keyNeeded') this.#needKey(detail.keyId);
     if (this.#options.verbose && /^[<>]/.test(what)) this.#display.log(`${what.startsWith('>') ? 'call ' : 'event'} ${what.slice(2)} ${JSON.stringify(args)}`);
+  }
+
+  /** One that nobody named will not come. */
+  #needKey(id) {
+    if (this.#options.keys.some(key => key.id === id)) return;
+    this.#missingKeys.add(id);
+    this.#finish({ error: this.#explain('the media wait for it') });
   }
 
   #status() {

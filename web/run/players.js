@@ -5,8 +5,9 @@ const path = require('path');
 
 /**
  * script: its file, of an npm package; the build with texts for logs. manifests: the files it plays.
- * start(window, video, { url, licenceUrl, at, autoplay, fail, note }): begins to load, and to play unless
- * autoplay is false; fail(text) tells of what ends playback, note(text) of the rest; `at`: seconds to start
+ * start(window, video, { url, licenceUrl, keys, at, autoplay, fail, note }): begins to load, and to play
+ * unless autoplay is false. Keys, [{ id, key }], serve in place of licences where the manifest does not
+ * name Clear Key, and the player can do with that; fail(text) tells of what ends playback, note(text) of the rest; `at`: seconds to start
  * at, or undefined. Answers { player, stop(), which may answer a promise, selectHeight(pixels): goes over
  * to that rendition }.
  */
@@ -14,7 +15,7 @@ const players = {
   shaka: {
     script: 'shaka-player/dist/shaka-player.compiled.debug.js',
     manifests: ['.mpd', '.m3u8'],
-    start(window, video, { url, licenceUrl, at, autoplay, fail, note }) {
+    start(window, video, { url, licenceUrl, keys, at, autoplay, fail, note }) {
       const { shaka } = window;
       const codes = Object.fromEntries(Object.entries(shaka.util.Error.Code).map(([name, code]) => [code, name]));
       const tell = error => {
@@ -28,7 +29,8 @@ const players = {
       const player = new shaka.Player();
       player.addEventListener('error', event => tell(event.detail));
       player.addEventListener('adaptation', event => note(`rendition ${event.newTrack?.width}x${event.newTrack?.height}`));
-      if (licenceUrl) player.configure(own(window, { drm: { servers: { 'org.w3.clearkey': licenceUrl } } }));
+      if (keys.length > 0) player.configure(own(window, { drm: { clearKeys: Object.fromEntries(keys.map(({ id, key }) => [id, key])) } }));
+      else if (licenceUrl) player.configure(own(window, { drm: { servers: { 'org.w3.clearkey': licenceUrl } } }));
       const load = async () => {
         await player.attach(video);
         await player.load(url, at);

@@ -15,19 +15,19 @@ class WebPlayer {
    * becomes the page's. fail(text): playback has ended with an error; note(text): the player tells
    * something else. The other options are those of Page.open.
    */
-  static async open(name, url, { base, licenceUrl, at, fail, note, ...options }) {
+  static async open(name, url, { base, licenceUrl, keys, at, fail, note, ...options }) {
     const page = await Page.open({ url: `${base}/`, html, ...options });
     await page.loaded();
     // The text runs as a script of the page does.
     new vm.Script(fs.readFileSync(scriptOf(name), 'utf8'), { filename: scriptOf(name) }).runInContext(page.dom.getInternalVMContext());
-    return new WebPlayer(name, url, page, page.document.querySelector('video'), { licenceUrl, at, fail, note });
+    return new WebPlayer(name, url, page, page.document.querySelector('video'), { licenceUrl, keys, at, fail, note });
   }
 
-  constructor(name, url, page, video, { licenceUrl, at, fail = () => {}, note = () => {}, autoplay = true }) {
+  constructor(name, url, page, video, { licenceUrl, keys = [], at, fail = () => {}, note = () => {}, autoplay = true }) {
     this.name = name;
     this.page = page;
     this.video = video;
-    this.control = players[name].start(page.window, video, { url, licenceUrl, at, autoplay, fail, note }) || { stop() {} };
+    this.control = players[name].start(page.window, video, { url, licenceUrl, keys, at, autoplay, fail, note }) || { stop() {} };
   }
 
   /** The same player once more, on an element of its own in the same page; autoplay: false loads only. */
