@@ -18,6 +18,7 @@ const tooLittle = 0.05; // buffered ahead: playback waits
 const future = 0.3; // ... may go on
 const enough = 2; // ... goes on to the end, presumably
 const atOnce = 0.06; // what is so near is reached between two looks
+const held = 0.5; // ... is why the player holds, when it does
 const jitter = 0.1; // a position may fall back so much without a seek
 
 // Milliseconds.
@@ -274,9 +275,7 @@ class PlaybackControl {
     if (this.#isLookDue) return;
     this.#isLookDue = true;
     queueTask(() => {
-      this.#isLookDue = false;
-      this.#findBlocked();
-      this.look();
+      if (this.#isLookDue) this.look();
     });
   }
   keysChanged() {
@@ -330,6 +329,8 @@ class PlaybackControl {
   look() {
     const { source } = this.#media;
     if (this.#readyState === HAVE_NOTHING || this.error !== null) return;
+    if (this.#isLookDue) this.#findBlocked();
+    this.#isLookDue = false;
     this.#readPosition();
     this.#marchOn();
     if (source !== null) this.#monitor(source);
@@ -363,16 +364,14 @@ class PlaybackControl {
 
   #monitor(source) {
     const data = this.#dataAt(source);
-    const isBlocked = this.#blockedAt <= this.#position + atOnce;
-    if (isBlocked && data.isThere && !this.#waitsForKey) this.#waitForKey();
-    else if (!isBlocked) this.#waitsForKey = false;
-    const state = isBlocked ? Math.min(data.state, this.#blockedAt > this.#position ? HAVE_CURRENT_DATA : HAVE_METADATA) : data.state;
-    if (this.#seeking) {
-      if (state < HAVE_CURRENT_DATA || !this.#media.link.isSettled)
-        return this.#setReadyState(Math.min(this.#readyState, HAVE_METADATA));
-      this.#finishSeek();
-    }
-    this.#setReadyState(state);
+    const isBlocked = this.#blockedAt <= this.#position + (this.#media.link.isStarved ? held : atOnce);
+    const withoutKey = this.#blockedAt > this.#position ? HAVE_CURRENT_DATA : HAVE_METADATA;
+    const state = isBlocked ? Math.min(data.state, withoutKey) : data.state;
+    const isThere = state >= HAVE_CURRENT_DATA && this.#media.link.isSettled;
+    if (this.#seeking && isThere) this.#finishSeek();
+    this.#setReadyState(this.#seeking ? Math.min(this.#readyState, HAVE_METADATA) : state);
+    if (isBlocked && data.isThere && !this.#waitsForKey) this.#media.queueEvent('waitingforkey'); // EME, Wait for Key
+    this.#waitsForKey = isBlocked && (data.isThere || this.#waitsForKey);
     const isAtEnd = source.isEnded && this.#position >= this.#duration - 0.001;
     if (isAtEnd && !this.#hasEnded) this.#reachEnd();
   }
@@ -406,12 +405,6 @@ class PlaybackControl {
   #findBlocked() {
     const { source } = this.#media;
     this.#blockedAt = source === null || !this.#media.isEncrypted ? Infinity : source.nextBlocked(this.#position);
-  }
-
-  /** EME, Wait for Key. */
-  #waitForKey() {
-    this.#waitsForKey = true;
-    this.#media.queueEvent('waitingforkey');
   }
 
   /** HTML, "ready states": the events of a change. */
