@@ -14,6 +14,10 @@
 class CAPABILITY("mutex") Mutex {
 public:
     constexpr Mutex() = default;
+    /// One that its holder may take again, for an object that calls others while it is locked and
+    /// is called back.
+    struct Recursive {};
+    constexpr explicit Mutex(Recursive) : m_mutex(PTHREAD_RECURSIVE_MUTEX_INITIALIZER_NP) {}
     Mutex(const Mutex&) = delete;
     Mutex& operator=(const Mutex&) = delete;
 

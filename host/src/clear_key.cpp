@@ -259,8 +259,7 @@ int ClearKey::createDecrypter(UVADRMDecrypter*& decrypter, const std::uint8_t* k
     const auto* key = m_state->find(id, session);
     if (key == nullptr)
         return refused;
-    auto cipher =
-        SampleCipher::make(protection, key->bytes(), SampleCipher::Direction::Decrypt);
+    auto cipher = SampleCipher::make(protection, key->bytes(), SampleCipher::Direction::Decrypt);
     if (cipher == nullptr)
         return refused;
     const auto slot = m_state->freeSlot();

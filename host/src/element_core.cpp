@@ -6,6 +6,7 @@
 #include "uva/uva_event.h"
 
 #include <algorithm>
+#include <cmath>
 
 namespace host {
 
@@ -111,8 +112,9 @@ void ElementCore::open(const std::string& uri) {
 void ElementCore::openSource(MediaSource source) {
     if (!begin(source.server))
         return;
-    Feeding::Options options{m_options.mainSystem, m_options.tick,
-                             [this] { return nextSource(); }};
+    if (!std::isfinite(source.start) || source.start < 0)
+        source.start = 0;
+    Feeding::Options options{m_options.mainSystem, m_options.tick, [this] { return nextSource(); }};
     const double start = source.start;
     m_feeding = std::make_unique<Feeding>(m_calls, m_playback, m_watch, std::move(source),
                                           std::move(options));
@@ -204,14 +206,13 @@ void ElementCore::setRate(double rate) {
 void ElementCore::setDuration(double seconds) {
     if (m_releasing)
         return;
-    const bool known = std::isfinite(seconds) && seconds > 0;
-    m_playback.setDuration(known ? seconds : 0);
-    if (known && m_feeding != nullptr)
-        m_feeding->setDuration(seconds);
+    const double known = knownDuration(seconds);
+    m_playback.setDuration(known);
+    if (known > 0 && m_feeding != nullptr)
+        m_feeding->setDuration(known);
 }
 
-CapabilityAnswer
-ElementCore::canPlayType(const UVABackend::ContentDescription& description) {
+CapabilityAnswer ElementCore::canPlayType(const UVABackend::ContentDescription& description) {
     if (!requestBackend())
         return {false, "there is no backend to ask"};
     return m_calls.ask("canPlayType", [&] { return askCanPlay(*m_calls.backend(), description); });

@@ -1,6 +1,7 @@
 #ifndef HOST_ELEMENT_CORE_H
 #define HOST_ELEMENT_CORE_H
 
+#include "cached_position.h"
 #include "calls.h"
 #include "end.h"
 #include "feeding.h"
@@ -12,7 +13,6 @@
 #include "uva/uva_client.h"
 
 #include <atomic>
-#include <cmath>
 #include <memory>
 #include <optional>
 #include <string>
@@ -24,36 +24,9 @@ class UVAEvent;
 
 namespace host {
 
-/// Where playback is, for any thread.
-class CachedPosition {
-public:
-    double get() const {
-        const locks::Lock lock(m_mutex);
-        return m_seconds;
-    }
-    /// A seek is asked for: it is its target until the loop has taken that up.
-    std::uint64_t ask(double target) {
-        const locks::Lock lock(m_mutex);
-        if (std::isfinite(target))
-            m_seconds = target;
-        return ++m_asked;
-    }
-    /// ... up to this seek.
-    void set(double seconds, std::uint64_t taken) {
-        const locks::Lock lock(m_mutex);
-        if (taken == m_asked)
-            m_seconds = seconds;
-    }
-
-private:
-    mutable locks::Mutex m_mutex; // nothing is called under it
-    double m_seconds GUARDED_BY(m_mutex) = 0;
-    std::uint64_t m_asked GUARDED_BY(m_mutex) = 0;
-};
-
 /// The media element on its event loop: brings what is asked for, and what the backend tells, to
-/// the parts that it concerns. Bound to the loop's thread, but for where noted. Tasks share its ownership: should the loop's thread hang in the backend, it
-/// keeps what it stands on.
+/// the parts that it concerns. Bound to the loop's thread, but for where noted. Tasks share its
+/// ownership: should the loop's thread hang in the backend, it keeps what it stands on.
 class ElementCore final : public UVAClient, public std::enable_shared_from_this<ElementCore> {
 public:
     ElementCore(std::shared_ptr<const BackendLibrary> library, std::shared_ptr<EventLoop> loop,

@@ -11,10 +11,10 @@ namespace host {
 
 namespace {
 
-// When playback is held. A decoder must not run dry: what comes late for the clock is lost. What the
-// backend holds, it holds in front of the decoder and in it; it plays on until the next looks.
-constexpr double decoderNeeds = 0.1;                      // seconds
-constexpr double looks = 4;                               // at playback, until it is held
+// When playback is held. A decoder must not run dry: what comes late for the clock is lost. What
+// the backend holds, it holds in front of the decoder and in it; it plays on until the next looks.
+constexpr double decoderNeeds = 0.05;                     // seconds
+constexpr double looks = 4.5;                             // at playback, until it is held
 constexpr auto patience = std::chrono::milliseconds(100); // with a stream that is being read
 
 double inSeconds(Clock::duration time) {
@@ -30,8 +30,8 @@ Feeding::Feeding(Calls& calls, Playback& playback, ProgressWatch& watch, MediaSo
       m_tooLittle(decoderNeeds + looks * inSeconds(m_options.tick)), m_enough(2 * m_tooLittle),
       m_feeder(std::make_shared<MseFeeder>(calls.loop(), source, *this, m_options.nextId)) {
     m_playback.playFrom(source.start);
-    if (source.duration > 0)
-        m_playback.setDuration(source.duration);
+    if (const double duration = knownDuration(source.duration); duration > 0)
+        m_playback.setDuration(duration);
 }
 
 bool Feeding::isOpen() const {
@@ -70,8 +70,7 @@ void Feeding::attach(SourceId id, std::shared_ptr<SampleStream> stream) {
 void Feeding::attachToBackend(SourceId id) {
     auto* description = m_feeder->describe(id).release(); // the backend's
     const int attached = m_calls.operate(
-        "attachSource",
-        {number("sourceId", id), {"mimeType", std::string(description->mimeType)}},
+        "attachSource", {number("sourceId", id), {"mimeType", std::string(description->mimeType)}},
         &UVAMediaBackend::attachSource, description);
     if (attached != UVABackend::Success)
         m_playback.fail("the backend did not take the source; see the system log");

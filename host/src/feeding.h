@@ -19,8 +19,8 @@ class ProgressWatch;
 class Feeding final : public MseFeeder::Client {
 public:
     struct Options {
-        bool asksMainSystem = true;    ///< the sinks ask for their decoder with the first sample
-        Clock::duration tick{};        ///< how often balance() is called
+        bool asksMainSystem = true;       ///< the sinks ask for their decoder with the first sample
+        Clock::duration tick{};           ///< how often balance() is called
         std::function<SourceId()> nextId; ///< for the sources that are opened
     };
 

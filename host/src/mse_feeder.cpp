@@ -21,8 +21,7 @@ public:
         sourceId = static_cast<int>(id);
         mimeType = m_mime.c_str();
         streamType = seekableStream;
-        durationMs =
-            duration > 0 ? static_cast<unsigned long long>(std::llround(duration * 1000)) : 0;
+        durationMs = static_cast<unsigned long long>(std::llround(knownDuration(duration) * 1000));
     }
 
 private:
@@ -38,13 +37,18 @@ KeyBytes keyIdOf(const Sample& sample) {
 
 } // namespace
 
+double knownDuration(double seconds) {
+    constexpr double longest = 9e9; // what nanoseconds in 64 bits hold
+    return seconds > 0 && seconds <= longest ? seconds : 0;
+}
+
 MseFeeder::Client::~Client() = default;
 
 MseFeeder::MseFeeder(std::shared_ptr<EventLoop> loop, MediaSource source, Client& client,
                      std::function<SourceId()> nextId)
     : m_loop(std::move(loop)), m_keys(std::move(source.keys)), m_keySession(source.keySession),
-      m_nextId(std::move(nextId)), m_start(source.start), m_duration(source.duration),
-      m_client(&client), m_open(std::move(source.open)),
+      m_nextId(std::move(nextId)), m_start(source.start),
+      m_duration(knownDuration(source.duration)), m_client(&client), m_open(std::move(source.open)),
       m_cancelled(std::make_shared<std::atomic<bool>>(false)) {}
 
 MseFeeder::~MseFeeder() {
@@ -74,8 +78,8 @@ void MseFeeder::open() {
 
 void MseFeeder::opened(DemuxedMedia media) {
     if (media.streams.empty())
-        return m_client->feederFailed(
-            media.error.empty() ? "it has no stream that can be fed" : std::move(media.error));
+        return m_client->feederFailed(media.error.empty() ? "it has no stream that can be fed"
+                                                          : std::move(media.error));
     for (auto& stream : media.streams)
         add(m_nextId(), std::move(stream), m_start);
     m_client->feederOpened();
@@ -121,7 +125,7 @@ std::unique_ptr<UVABackend::SourceDescription> MseFeeder::describe(SourceId id) 
     double duration = m_duration;
     for (const auto& source : m_sources)
         if (m_duration <= 0)
-            duration = std::max(duration, source->stream->info().duration);
+            duration = std::max(duration, knownDuration(source->stream->info().duration));
     for (const auto& source : m_sources)
         if (source->info.id == id)
             return std::make_unique<FedSource>(id, source->mimeType, duration);
@@ -145,9 +149,8 @@ MseFeeder::Source* MseFeeder::find(SourceId id) {
 }
 
 bool MseFeeder::hasEnded() const {
-    return !m_sources.empty() &&
-           std::all_of(m_sources.begin(), m_sources.end(),
-                       [](const auto& source) { return source->info.ended; });
+    return !m_sources.empty() && std::all_of(m_sources.begin(), m_sources.end(),
+                                             [](const auto& source) { return source->info.ended; });
 }
 
 /// Of a stream that is filled while it is read.
@@ -232,9 +235,8 @@ void MseFeeder::read(Source& source, std::size_t count) {
     m_readLoop.post([self = shared_from_this(), stream = source.stream, id = source.info.id, count,
                      round = source.round] {
         auto batch = std::make_shared<SampleStream::Batch>(stream->read(count));
-        self->post([id, round, batch](MseFeeder& feeder) {
-            feeder.take(id, round, std::move(*batch));
-        });
+        self->post(
+            [id, round, batch](MseFeeder& feeder) { feeder.take(id, round, std::move(*batch)); });
     });
 }
 

@@ -15,9 +15,12 @@
 
 namespace host {
 
-/// Answers a backend's requests for samples. Bound to the element's loop. Streams that may block are
-/// read on a thread of their own, so that a slow file or network holds nothing up; what comes into
-/// the others answers an open request at once.
+/// Seconds; 0, which is unknown, for what is no length that a backend takes.
+double knownDuration(double seconds);
+
+/// Answers a backend's requests for samples. Bound to the element's loop. Streams that may block
+/// are read on a thread of their own, so that a slow file or network holds nothing up; what comes
+/// into the others answers an open request at once.
 class MseFeeder final : public std::enable_shared_from_this<MseFeeder> {
 public:
     /// Called on the loop.
@@ -33,7 +36,8 @@ public:
         virtual void protectionMet() = 0;
         virtual void writeData(std::unique_ptr<NeedMSEDataEvent> event, unsigned int samples,
                                unsigned int bytes, UVABackend::WriteDataStatus status) = 0;
-        /// What the backend was given up to this time (seconds) is not what the stream has any more.
+        /// What the backend was given up to this time (seconds) is not what the stream has any
+        /// more.
         virtual void outdated(double until) = 0;
     };
 
@@ -41,8 +45,8 @@ public:
         SourceId id = 0;
         StreamInfo::Kind kind = StreamInfo::Kind::Video;
         std::optional<Clock::time_point> waitsSince; ///< that long a request has been open
-        bool isBlocked = false;          ///< ... and nothing is there that could answer it
-        bool ended = false;              ///< the backend has been told of the end
+        bool isBlocked = false; ///< ... and nothing is there that could answer it
+        bool ended = false;     ///< the backend has been told of the end
         /// What follows has another codec, from this time on (seconds): once what was fed has been
         /// played, which is told to end there, it is to be attached anew. See takeCodec().
         std::optional<double> changesCodecAt;
@@ -88,7 +92,7 @@ private:
     struct Source {
         SourceInfo info;
         std::shared_ptr<SampleStream> stream;
-        std::string mimeType; // of the codec that the backend knows it with
+        std::string mimeType;                      // of the codec that the backend knows it with
         std::unique_ptr<NeedMSEDataEvent> request; // to be answered; null: none
         std::deque<std::unique_ptr<Sample>> ready; // read and not delivered
         unsigned int round = 0; // of reading; what was read in an earlier one is dropped
@@ -126,7 +130,7 @@ private:
     const std::function<SourceId()> m_nextId;
     double m_start;    // of what is opened
     double m_duration; // seconds; 0: as the streams tell
-    Client* m_client; // null once stopped
+    Client* m_client;  // null once stopped
     std::function<DemuxedMedia(const std::atomic<bool>&)> m_open;
     const std::shared_ptr<std::atomic<bool>> m_cancelled;
     EventLoop m_readLoop;

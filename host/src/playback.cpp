@@ -85,8 +85,7 @@ bool Playback::hasLeftPlace(double position) const {
     constexpr double rounding = 2e-6;
     if (!m_placeAt)
         return true;
-    return m_isFed ? position > *m_placeAt + rounding
-                   : std::abs(position - *m_placeAt) > rounding;
+    return m_isFed ? position > *m_placeAt + rounding : std::abs(position - *m_placeAt) > rounding;
 }
 
 void Playback::setDuration(double seconds) {

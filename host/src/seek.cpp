@@ -15,8 +15,8 @@ double Seek::destination() const {
 }
 
 void Seek::request(Request request) {
-    const bool refused = m_calls.backend() == nullptr || m_playback.is(State::Idle) ||
-                         m_playback.is(State::Failed);
+    const bool refused =
+        m_calls.backend() == nullptr || m_playback.is(State::Idle) || m_playback.is(State::Failed);
     if (refused || !std::isfinite(request.target))
         return answer(request, SeekOutcome::Failed);
     if (m_waiting)

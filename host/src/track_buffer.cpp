@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cmath>
 #include <iterator>
 #include <limits>
 #include <map>
@@ -19,6 +20,11 @@ constexpr double smallestGap = 0.15; // seconds; shorter ones are played over
 constexpr double rounding = 0.001;   // seconds; of times in files
 constexpr double gapInFrames = 2;    // ... of the longest frame
 constexpr std::uint64_t neverRead = 0;
+
+bool hasNoTimes(const BufferedFrame& frame) {
+    return !std::isfinite(frame.sample.pts) || !std::isfinite(frame.sample.dts) ||
+           std::isinf(frame.sample.duration);
+}
 
 struct Entry {
     BufferedFrame frame;
@@ -105,7 +111,7 @@ struct TrackBuffer::State {
     const StreamInfo info;
     locks::Mutex mutex; // nothing is called under it
     Groups groups GUARDED_BY(mutex);
-    std::unordered_map<std::uint64_t, Place> places GUARDED_BY(mutex); // of groups
+    std::unordered_map<std::uint64_t, Place> places GUARDED_BY(mutex);         // of groups
     std::unordered_map<std::uint64_t, std::uint64_t> frames GUARDED_BY(mutex); // their groups
     double gap GUARDED_BY(mutex) = smallestGap;
     bool ended GUARDED_BY(mutex) = false;
@@ -220,14 +226,14 @@ Groups::iterator TrackBuffer::State::groupAt(double time) {
     return hasNext ? behind : time <= end + gap ? before : groups.end();
 }
 
-/// The one with which playback goes on behind the cursor's: the next, if it adjoins, or one that was
-/// put there behind the cursor's back. The end when there is none.
+/// The one with which playback goes on behind the cursor's: the next, if it adjoins, or one that
+/// was put there behind the cursor's back. The end when there is none.
 Groups::iterator TrackBuffer::State::groupBehind() {
     auto next = groups.upper_bound(cursor.place);
     if (next != groups.end() && next->second.begin > cursor.end + gap)
         next = groups.end();
-    auto at = groups.upper_bound(
-        {cursor.end + rounding, std::numeric_limits<std::uint64_t>::max()});
+    auto at =
+        groups.upper_bound({cursor.end + rounding, std::numeric_limits<std::uint64_t>::max()});
     if (at == groups.begin())
         return next;
     --at;
@@ -345,6 +351,7 @@ TrackBuffer::~TrackBuffer() {
 }
 
 void TrackBuffer::add(std::vector<BufferedFrame> added) {
+    added.erase(std::remove_if(added.begin(), added.end(), hasNoTimes), added.end());
     std::vector<SampleStream::Change> changes;
     std::vector<Entry> replaced;
     {

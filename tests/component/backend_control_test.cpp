@@ -2,29 +2,14 @@
 
 #include "debug/shell/command_struct.h"
 #include "debug/shell/mshell.h"
-#include "backend/gstnox_backend.h"
-#include "plugin/gstnox_plugin.h"
-#include "support/log_capture.h"
-#include "support/media_host.h"
+#include "one_backend.h"
 #include "support/wait_until.h"
-
-#include <gtest/gtest.h>
 
 #include <cstdlib>
 
 namespace {
 
-using support::LogCapture;
-using support::RecordingClient;
-using support::TestSource;
-
-class BackendControl : public testing::Test {
-protected:
-    static void SetUpTestSuite() { ASSERT_TRUE(BackendInit(nullptr)); }
-
-    RecordingClient client;
-    GstNoxBackend backend{UVABackend::VideoElement, &client};
-};
+class BackendControl : public OneBackend {};
 
 TEST_F(BackendControl, SetsGStreamersDebugOutput) {
     LogCapture log(gst_mshell_debug);
@@ -52,7 +37,7 @@ TEST_F(BackendControl, SwitchesTheAudioOutputOfAPlayerThatHasOne) {
     const auto sink = GstPtr<GstElement>::sink(gst_element_factory_make("halaudiosink", nullptr));
     ASSERT_EQ(backend.gstPlaybinCreate(), 0);
     backend.controlCommands("output-ddp:1"); // nothing to switch yet
-    GstNoxBackend::element_setup_cb(nullptr, sink.get(), &backend);
+    GstNoxPipeline::element_setup_cb(nullptr, sink.get(), &backend.pipeline());
     const auto ddp = [&](const char* commands) {
         backend.controlCommands(commands);
         guint value = 99;

@@ -2,14 +2,9 @@
 // raises.
 
 #include "backend/gstnox_avcomponent.h"
-#include "backend/gstnox_backend.h"
 #include "backend/gstnox_buswatch.h"
-#include "plugin/gstnox_plugin.h"
-#include "support/log_capture.h"
-#include "support/media_host.h"
+#include "one_backend.h"
 #include "support/wait_until.h"
-
-#include <gtest/gtest.h>
 
 #include <future>
 #include <limits>
@@ -18,19 +13,14 @@
 
 namespace {
 
-using support::LogCapture;
-using support::RecordingClient;
-using support::TestSource;
 using Types = std::vector<UVAEvent::Type>;
 using namespace std::string_literals;
 
 constexpr double nan = std::numeric_limits<double>::quiet_NaN();
 constexpr double infinity = std::numeric_limits<double>::infinity();
 
-class BackendTest : public testing::Test {
+class BackendTest : public OneBackend {
 protected:
-    static void SetUpTestSuite() { ASSERT_TRUE(BackendInit(nullptr)); }
-
     void postApplicationMessage(GstStructure* structure) {
         handle(gst_message_new_application(nullptr, structure));
     }
@@ -54,9 +44,6 @@ protected:
         g_error_free(error);
         gst_object_unref(element);
     }
-
-    RecordingClient client;
-    GstNoxBackend backend{UVABackend::VideoElement, &client};
 };
 
 // The message has two events; the client has enough with the first.
@@ -100,14 +87,10 @@ TEST_F(BackendTest, SecondInitBackendLeavesTheFirstAlone) {
     EXPECT_EQ(init(new TestSource("file:///nowhere/c")), UVABackend::Success);
 }
 
+// What is taken apart, and what acts on a player, without one.
 TEST_F(BackendTest, OddArgumentsAreAnswered) {
-    double value = 0;
-    unsigned long long bytes = 0;
-    std::vector<UVABackend::TimeRange> buffered;
     UVAMediaBackend& host = backend;
-
     EXPECT_EQ(host.attachSource(nullptr), UVABackend::Failure);
-    EXPECT_FALSE(host.removeSource(~0U));
     EXPECT_EQ(host.writeData(nullptr, ~0U, UVABackend::DataError), 1);
     EXPECT_EQ(host.writeData(new PauseFinishedEvent, 1, UVABackend::Data), 1);
     EXPECT_EQ(host.writeData(new NeedMSEDataEvent(5, -3), 1, UVABackend::Data), 1);
@@ -119,33 +102,13 @@ TEST_F(BackendTest, OddArgumentsAreAnswered) {
         1);
     EXPECT_EQ(host.setKeySystem(static_cast<const char*>(nullptr)), 1);
     EXPECT_EQ(host.setKeySystem(std::string(100000, 'k').c_str()), 1);
-    EXPECT_EQ(host.setLogicalScreenSize(0, -1), 1);
     EXPECT_EQ(host.setVideoWindowAndClip({INT_MIN, INT_MAX, -1, 0}, {}), 1);
-    EXPECT_EQ(host.setLoop(-1), 1);
-    EXPECT_EQ(host.setWindowId(~0U), 1);
-    EXPECT_EQ(host.setFullScreen(true), 1);
-    EXPECT_EQ(host.canPlaySource(UVABackend::SourceDescription()), 1);
-    EXPECT_EQ(host.setContentSize(0, ~0ULL), 1);
-    EXPECT_EQ(host.getBufferedTimeRanges(0, {}, buffered), UVABackend::NotAvailable);
     EXPECT_EQ(host.getVideoFrame(nullptr, 0), UVABackend::Failure);
     EXPECT_EQ(host.startCapture(-1, 0), UVABackend::Failure);
-    EXPECT_EQ(host.frameConsumed(7, true), UVABackend::Failure);
-    EXPECT_EQ(host.stopCapture(), UVABackend::Failure);
-    EXPECT_EQ(host.queue(nullptr), UVABackend::Failure);
-    EXPECT_EQ(host.registerExternalComponents({nullptr}), 1);
-    EXPECT_EQ(host.onListenerChanged(nullptr), UVABackend::Failure);
-    EXPECT_EQ(host.passDataAttribute(nullptr, nullptr), UVABackend::Failure);
     EXPECT_EQ(host.setVolume(nan), UVABackend::Failure);
-    EXPECT_EQ(host.setVolume(-infinity), 1);
-    EXPECT_EQ(host.setVolume(1.0), 1);
-    EXPECT_EQ(host.getPosition(value), UVABackend::NotAvailable);
-    EXPECT_EQ(host.getBytesInBuffer(bytes), UVABackend::NotAvailable);
-    EXPECT_EQ(host.getSizeFromDuration(nan, bytes), UVABackend::NotAvailable);
-    // No player yet: nothing to act on, and nothing breaks.
-    EXPECT_EQ(host.load(), 1);
-    EXPECT_EQ(host.play(), 1);
-    EXPECT_EQ(host.pause(), 1);
-    EXPECT_EQ(host.suspend(), 1);
+    for (const auto operation : {&UVAMediaBackend::load, &UVAMediaBackend::play,
+                                 &UVAMediaBackend::pause, &UVAMediaBackend::suspend})
+        EXPECT_EQ((host.*operation)(), 1);
     EXPECT_EQ(host.pauseAsync(), 1);
     EXPECT_EQ(client.count(UVAEvent::PauseFinished), 1);
     EXPECT_EQ(host.releaseBackendAsynchronously(), 1);
@@ -220,7 +183,7 @@ TEST_F(BackendTest, TheBusKeepsWhatIsHandled) {
     };
     for (const auto& [message, kept] : rows) {
         gst_message_ref(message);
-        EXPECT_EQ(GstNoxBackend::_sift_message(nullptr, message, nullptr),
+        EXPECT_EQ(GstNoxBusWatch::_sift_message(nullptr, message, nullptr),
                   kept ? GST_BUS_PASS : GST_BUS_DROP)
             << GST_MESSAGE_TYPE_NAME(message);
         EXPECT_EQ(GST_MINI_OBJECT_REFCOUNT_VALUE(message), kept ? 2 : 1);
@@ -233,7 +196,8 @@ TEST_F(BackendTest, TheBusKeepsWhatIsHandled) {
 
 TEST_F(BackendTest, ARemovedBusWatchHandsNothingOver) {
     const auto bus = GstPtr<GstBus>::adopt(gst_bus_new());
-    const auto watch = GstNoxBusWatch::add(bus.get(), &backend);
+    const auto watch = GstNoxBusWatch::add(
+        bus.get(), [&](GstMessage* message) { backend.handleGstMessages(message); });
     gst_bus_post(bus.get(), gst_message_new_eos(nullptr));
     EXPECT_TRUE(support::waitUntil([&] { return client.count(UVAEvent::PlaybackFinished) == 1; }));
     watch->remove(bus.get());
@@ -467,7 +431,7 @@ TEST_F(BackendTest, DurationGrowsOnlyUntilKnown) {
 TEST_F(BackendTest, OneSinkAsksAndTheOthersAreTurnedAway) {
     init(nullptr, true);
     const auto request = [this](const char* type) {
-        return GstNoxBackend::decoder_request_cb(nullptr, type, &backend);
+        return DecoderHandshake::decoder_request_cb(nullptr, type, &backend.decoders());
     };
     int first = -1;
     std::thread sink([&] { first = request("video"); });
@@ -502,9 +466,10 @@ TEST_F(BackendTest, AClientThatThrowsWhenItIsAskedHasRefused) {
             throw std::runtime_error("out of order");
         backend.eventCompleted(static_cast<UVAAsyncEvent*>(&event), true);
     };
-    EXPECT_EQ(GstNoxBackend::decoder_request_cb(nullptr, "video", &backend), 0);
+    EXPECT_EQ(DecoderHandshake::decoder_request_cb(nullptr, "video", &backend.decoders()), 0);
     EXPECT_EQ(client.count(UVAEvent::DecodeError), 1);
-    EXPECT_EQ(GstNoxBackend::decoder_request_cb(nullptr, "video", &backend), 1) << "asked again";
+    EXPECT_EQ(DecoderHandshake::decoder_request_cb(nullptr, "video", &backend.decoders()), 1)
+        << "asked again";
 }
 
 // Once the client has granted it; a media source's sink at once.
@@ -513,7 +478,8 @@ TEST_F(BackendTest, ASinkIsToldWhenItsRequestGoesToTheMainSystem) {
     int told = 0;
     g_signal_connect_swapped(sink.get(), "decoder-request-forwarded",
                              G_CALLBACK(+[](int* count) { ++*count; }), &told);
-    EXPECT_EQ(GstNoxBackend::source_decoder_request_cb(sink.get(), "video", &backend), 1);
+    EXPECT_EQ(DecoderHandshake::source_decoder_request_cb(sink.get(), "video", &backend.decoders()),
+              1);
     EXPECT_EQ(told, 1);
     EXPECT_EQ(client.types(), Types{}) << "nobody was asked";
     for (const bool granted : {false, true}) {
@@ -523,7 +489,8 @@ TEST_F(BackendTest, ASinkIsToldWhenItsRequestGoesToTheMainSystem) {
                 backend.eventCompleted(static_cast<UVAAsyncEvent*>(&event), granted);
         };
         told = 0;
-        EXPECT_EQ(GstNoxBackend::decoder_request_cb(sink.get(), "video", &backend), granted);
+        EXPECT_EQ(DecoderHandshake::decoder_request_cb(sink.get(), "video", &backend.decoders()),
+                  granted);
         EXPECT_EQ(told, granted);
         EXPECT_EQ(client.count(UVAEvent::DecodeError), !granted);
     }
@@ -539,11 +506,12 @@ TEST_F(BackendTest, ARefusedSinkIsNotAnsweredWithTheNextOnesGrant) {
                 other.eventCompleted(&answer, true);
         };
         int first = -1;
-        std::thread sink(
-            [&] { first = GstNoxBackend::decoder_request_cb(nullptr, "video", &other); });
+        std::thread sink([&] {
+            first = DecoderHandshake::decoder_request_cb(nullptr, "video", &other.decoders());
+        });
         ASSERT_TRUE(isAskedForADecoder());
         other.eventCompleted(&answer, false);
-        EXPECT_EQ(GstNoxBackend::decoder_request_cb(nullptr, "audio", &other), 1);
+        EXPECT_EQ(DecoderHandshake::decoder_request_cb(nullptr, "audio", &other.decoders()), 1);
         sink.join();
         ASSERT_EQ(first, 0) << "round " << round;
         EXPECT_EQ(client.count(UVAEvent::DecodeError), 1);
@@ -556,6 +524,33 @@ TEST_F(BackendTest, StoppingEndsTheWaitForADecoder) {
     ASSERT_TRUE(isAskedForADecoder());
     backend.releaseResources(UVABackend::AllResources);
     EXPECT_EQ(client.count(UVAEvent::DecodeError), 0); // nobody refused
+}
+
+// Nobody waits for the answer since the flush; the player that it was asked for is no more.
+TEST_F(BackendTest, ALateRefusalIsNotForTheNextPlayer) {
+    const auto sink = GstPtr<GstElement>::sink(gst_element_factory_make("halvideosink", nullptr));
+    const auto pad = GstPtr<GstPad>::adopt(gst_element_get_static_pad(sink.get(), "sink"));
+    gst_pad_set_active(pad.get(), TRUE);
+    ASSERT_EQ(backend.gstPlaybinCreate(), 0);
+    GstNoxPipeline::element_setup_cb(nullptr, sink.get(), &backend.pipeline());
+    int answer = -1;
+    std::thread asking([&] {
+        answer = DecoderHandshake::decoder_request_cb(sink.get(), "video", &backend.decoders());
+    });
+    ASSERT_TRUE(isAskedForADecoder());
+    gst_pad_send_event(pad.get(), gst_event_new_flush_start());
+    asking.join();
+    EXPECT_EQ(answer, 0);
+    backend.gstPlayerStopAndDestroy();
+    const BackendResourceRequestAsyncEvent late(false);
+    backend.eventCompleted(&late, false);
+    client.hook = [&](UVAEvent& event) {
+        if (event.type() == UVAEvent::BackendResourceRequestAsync)
+            backend.eventCompleted(static_cast<UVAAsyncEvent*>(&event), true);
+    };
+    EXPECT_EQ(DecoderHandshake::decoder_request_cb(nullptr, "video", &backend.decoders()), 1);
+    EXPECT_EQ(client.count(UVAEvent::BackendResourceRequestAsync), 2);
+    EXPECT_EQ(client.count(UVAEvent::DecodeError), 0);
 }
 
 // A log function waits for a thread that uses the backend.
@@ -593,8 +588,9 @@ TEST_F(BackendTest, RemovingASourceLeavesOthersOfItsKindWaiting) {
     const auto sink = GstPtr<GstElement>::sink(gst_element_factory_make("halaudiosink", nullptr));
     ASSERT_EQ(backend.attachSource(new TestSource(3, "audio/x-plain")), UVABackend::Success);
     int answer = -1;
-    std::thread asking(
-        [&] { answer = GstNoxBackend::decoder_request_cb(sink.get(), "audio", &backend); });
+    std::thread asking([&] {
+        answer = DecoderHandshake::decoder_request_cb(sink.get(), "audio", &backend.decoders());
+    });
     ASSERT_TRUE(isAskedForADecoder());
     EXPECT_TRUE(backend.removeSource(3));
     const BackendResourceRequestAsyncEvent granted(true);

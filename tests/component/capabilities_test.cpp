@@ -1,24 +1,16 @@
 // Which content types the backend says that it plays, and the reason that it logs for each refusal.
 
-#include "backend/gstnox_backend.h"
-#include "plugin/gstnox_plugin.h"
-#include "support/log_capture.h"
-#include "support/media_host.h"
-
-#include <gtest/gtest.h>
+#include "one_backend.h"
 
 #include <algorithm>
 
 namespace {
 
-using support::LogCapture;
 using Description = UVABackend::ContentDescription;
 using Lines = std::vector<std::string>;
 
-class CapabilitiesTest : public testing::Test {
+class CapabilitiesTest : public OneBackend {
 protected:
-    static void SetUpTestSuite() { ASSERT_TRUE(BackendInit(nullptr)); }
-
     /// The reasons are what is logged but for the questions themselves.
     void expectAnswer(const Description& description, const Lines& reasons) {
         LogCapture log(gst_backend_debug);
@@ -29,9 +21,6 @@ protected:
         lines.erase(std::remove_if(lines.begin(), lines.end(), isQuestion), lines.end());
         EXPECT_EQ(lines, reasons) << question;
     }
-
-    support::RecordingClient client;
-    GstNoxBackend backend{UVABackend::VideoElement, &client};
 };
 
 const std::string noWidth = "DEBUG result: NO (parse desc.width failed, or it exceeds the limit)";

@@ -470,6 +470,49 @@ TEST(ClearKeyMany, KeysHaveDecryptersAndSlotsOfTheirOwn) {
     EXPECT_EQ(keys.released(), 16U);
 }
 
+TEST(ClearKeyMany, SessionsSeeTheirOwnKeysAndThoseOfAll) {
+    ClearKey keys(ClearKey::Interface::FullSample);
+    const auto id = reference(Scheme::Cenc);
+    const Bytes iv(8, 1), clear = someBytes(32);
+    /// What this session's decrypter makes of it; empty: there is none.
+    const auto decrypted = [&](std::uint64_t session) {
+        UVADRMDecrypter* decrypter = nullptr;
+        if (keys.createDecrypter(decrypter, id.data(), id.size(), session) != 1)
+            return Bytes();
+        auto data = clear;
+        find<UVADRMFullSampleDecrypter>(keys)->decrypt(
+            decrypter, {data.data(), data.size(), iv.data(), iv.size(), {{0, 32}}});
+        keys.releaseDecrypter(decrypter);
+        return data;
+    };
+    constexpr std::uint64_t one = 1, other = ~0ULL;
+    keys.addKey(pair, one);
+    EXPECT_TRUE(keys.hasKey(pair.id, one));
+    for (const auto session : {other, std::uint64_t{0}}) {
+        EXPECT_FALSE(keys.hasKey(pair.id, session));
+        EXPECT_EQ(decrypted(session), Bytes());
+    }
+    const auto ofOne = decrypted(one);
+    EXPECT_EQ(ofOne.size(), clear.size());
+    keys.addKey({pair.id, {7}});
+    EXPECT_EQ(decrypted(one), ofOne) << "its own goes first";
+    const auto ofAll = decrypted(other);
+    EXPECT_EQ(ofAll.size(), clear.size());
+    EXPECT_NE(ofAll, ofOne);
+    keys.removeKey(pair.id, other);
+    keys.removeKey(pair.id, one);
+    EXPECT_EQ(decrypted(one), ofAll);
+    keys.addKey(pair, one);
+    keys.addKey({{0xff}, {}}, one);
+    keys.addKey(pair, one + 1);
+    keys.removeKeys(one);
+    EXPECT_FALSE(keys.hasKey({0xff}, one));
+    EXPECT_EQ(decrypted(one), ofAll);
+    EXPECT_EQ(decrypted(one + 1), ofOne);
+    keys.removeKey(pair.id);
+    EXPECT_EQ(decrypted(one), Bytes());
+}
+
 TEST(ClearKeyMany, ThreadsDecryptAtOnce) {
     ClearKey keys(ClearKey::Interface::FullSample);
     keys.addKey(pair);

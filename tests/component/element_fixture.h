@@ -57,9 +57,7 @@ public:
         text << "key " << int{id[0]} << " needed by " << source << " at " << time;
         tell(text.str());
     }
-    void onStarved(host::SourceId source) override {
-        tell(std::to_string(source) + " starved");
-    }
+    void onStarved(host::SourceId source) override { tell(std::to_string(source) + " starved"); }
     void onFilled(host::SourceId source) override { tell(std::to_string(source) + " filled"); }
     void onEnd(double position) override {
         std::ostringstream text;

@@ -1,5 +1,5 @@
-#include "host/adts.h"
 #include "demux_fixture.h"
+#include "host/adts.h"
 #include "packet_protection.h"
 
 namespace {

@@ -1,6 +1,7 @@
 #include "element_fixture.h"
 
 #include <deque>
+#include <future>
 
 namespace {
 
@@ -163,9 +164,8 @@ protected:
 TEST_F(FeedingTest, OpensWithAllItsStreamsOrFails) {
     m_keys = std::make_shared<host::ClearKey>(host::ClearKey::Interface::PerRange);
     start();
-    EXPECT_EQ(calls(),
-              (std::vector<std::string>{"init audio/x 1, 3250 ms", "init video/y 2, 3250 ms",
-                                        "play"}));
+    EXPECT_EQ(calls(), (std::vector<std::string>{"init audio/x 1, 3250 ms",
+                                                 "init video/y 2, 3250 ms", "play"}));
     EXPECT_EQ(m_recorder.story(),
               "UVA_RequestBackend(0)=true; -> opening; initBackend(audio/x, video/y)=1; play()=1; "
               "!BufferingStreamUnderrun(); -> buffering; !BufferingProgress()");
@@ -323,8 +323,8 @@ TEST_F(FeedingTest, HoldsSamplesBackUntilTheirKeyIsThere) {
     EXPECT_EQ(written(1), "2: 0.75 1, 14 bytes");
     request(2, 9);
     EXPECT_EQ(m_recorder.story(), "setKeySystem(org.w3.clearkey)=1; "
-                                   "writeData(2, 2, 14, 0)=1; !NeedMSEData(2, 9); "
-                                   "key 8 needed by 2 at 1.25");
+                                  "writeData(2, 2, 14, 0)=1; !NeedMSEData(2, 9); "
+                                  "key 8 needed by 2 at 1.25");
     EXPECT_EQ(passUntil(State::Failed, seconds(20)), seconds(20));
     addKey(8);
     EXPECT_EQ(written(1), "2: 1.25, 7 bytes");
@@ -385,7 +385,8 @@ TEST_F(FeedingTest, HoldsPlaybackWhileDataIsShort) {
         m_server = server;
         startPlaying(0.25, 9);
         request(1, 1);
-        EXPECT_EQ(passUntil(State::Failed).count(), *server != '\0' ? 10000 : 10200);
+        expectAsked(1, "read 1; ");
+        EXPECT_EQ(passUntil(State::Failed).count(), *server != '\0' ? 10000 : 10100);
         EXPECT_EQ(m_recorder.status().reason,
                   "stalled at 1.0 s: no data came from " +
                       std::string(*server != '\0' ? server : "the media's file") +
@@ -434,6 +435,58 @@ TEST_F(FeedingTest, AttachesASourceAnew) {
     m_element->release(longBound);
     m_element->resumeFeeding();
     m_element->reattach(StreamInfo::Kind::Video);
+    EXPECT_EQ(written(0) + calls().back(), "release");
+}
+
+/// The backend's own seek, to 7, and one to 2 are pending at once: the first completion makes both.
+TEST_F(FeedingTest, GoesOnceToTheNewestTarget) {
+    startPlaying(5, 5);
+    std::promise<void> go;
+    m_loop->post([gone = go.get_future().share()] { gone.wait(); });
+    m_element->seek(2);
+    m_fake->client.load()->deliverEvent(new CancelDataRequestsAsyncEvent(7));
+    go.set_value();
+    settle();
+    EXPECT_EQ(called("cancelled"), 2);
+    expectAsked(1, "seek 2; ");
+    put(1, {2});
+    request(1, 1);
+    EXPECT_EQ(written(2), "1: from 2; 1: 2, 7 bytes");
+}
+
+TEST_F(FeedingTest, TakesAndDropsSourcesAndPassesOnWhatAPageAsks) {
+    startPlaying(5, 5);
+    EXPECT_EQ(m_element->position(), 1);
+    auto content = std::make_shared<Content>();
+    const StreamInfo third{StreamInfo::Kind::Audio, "audio/z", "z", 0};
+    const auto id = m_element->attach(std::make_unique<FilledStream>(third, content));
+    EXPECT_EQ(id, 3U);
+    m_element->setDuration(9);
+    m_element->setVolume(2);
+    settle();
+    EXPECT_EQ(m_recorder.story(),
+              "attachSource(3, audio/z)=1; setContentSize(9)=2; setVolume(2)=1");
+    EXPECT_EQ(calls().back(), "attach audio/z 3, 3250 ms");
+    EXPECT_EQ(m_recorder.status().duration, 9);
+    request(id, 1);
+    m_element->detach(id);
+    m_element->detach(id);
+    settle();
+    EXPECT_EQ(m_recorder.story(), "!NeedMSEData(3, 1); removeSource(3)=true");
+    {
+        const std::lock_guard lock(content->mutex);
+        content->ended = true;
+        EXPECT_NE(content->asked.find("seek 1; "), std::string::npos) << "it begins where it is";
+        EXPECT_NE(content->asked.find("interrupt"), std::string::npos);
+    }
+    m_element->resumeFeeding();
+    EXPECT_EQ(written(0), "") << "nobody asks for it any more";
+    EXPECT_EQ(m_recorder.status().sources.size(), 2U);
+    m_element->release(longBound);
+    m_element->play();
+    m_element->seek(1);
+    m_element->setDuration(8);
+    m_element->attach(std::make_unique<FilledStream>(third, content));
     EXPECT_EQ(written(0) + calls().back(), "release");
 }
 

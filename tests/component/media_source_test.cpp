@@ -635,6 +635,15 @@ TEST_F(MediaSourceTest, ASourceThatWasStoppedIsNotAskedFor) {
     owner.reset();
 }
 
+TEST_F(MediaSourceTest, WithoutAPlayerSamplesWait) {
+    open(false);
+    playUntilAsked(1);
+    backend->releaseResources(UVABackend::AllResources);
+    feed(videoId);
+    EXPECT_NE(GstNoxBackend::describeAll().find("queued=2 bytes=100 needData=0"),
+              std::string::npos);
+}
+
 TEST_F(MediaSourceTest, AReleaseFromInsideAWriteIsTheEnd) {
     open(false);
     client.hook = [this](UVAEvent&) { owner.release()->release(); };

@@ -1,22 +1,14 @@
 // What the backend takes from the elements of a pipeline, and sets at them, as they come and go.
 
 #include "base/gst_ptr.h"
-#include "backend/gstnox_backend.h"
-#include "plugin/gstnox_plugin.h"
-#include "support/log_capture.h"
-#include "support/media_host.h"
-
-#include <gtest/gtest.h>
+#include "one_backend.h"
 
 namespace {
 
-using support::LogCapture;
 using Element = GstPtr<GstElement>;
 
-class PipelineTest : public testing::Test {
+class PipelineTest : public OneBackend {
 protected:
-    static void SetUpTestSuite() { ASSERT_TRUE(BackendInit(nullptr)); }
-
     static Element make(const char* factory) {
         auto element = Element::sink(gst_element_factory_make(factory, nullptr));
         EXPECT_TRUE(element) << factory;
@@ -28,15 +20,12 @@ protected:
                                   GstNoxBackend& backend) {
         const auto pad = GstPtr<GstPad>::sink(gst_pad_new(name, GST_PAD_SRC));
         gst_pad_set_active(pad.get(), TRUE);
-        added(nullptr, pad.get(), &backend);
+        added(nullptr, pad.get(), &backend.pipeline());
         gst_pad_push_event(pad.get(), gst_event_new_stream_start("test"));
         const auto parsed = GstPtr<GstCaps>::adopt(gst_caps_from_string(caps));
         gst_pad_push_event(pad.get(), gst_event_new_caps(parsed.get()));
         return pad;
     }
-
-    support::RecordingClient client;
-    GstNoxBackend backend{UVABackend::VideoElement, &client};
 };
 
 TEST_F(PipelineTest, ADemuxersVideoPadTellsSizeAndRatio) {
@@ -55,7 +44,7 @@ TEST_F(PipelineTest, ADemuxersVideoPadTellsSizeAndRatio) {
     for (const auto& row : rows) {
         SCOPED_TRACE(row.caps);
         client.clear();
-        padWith(row.pad, row.caps, GstNoxBackend::demux_pad_added_cb, backend);
+        padWith(row.pad, row.caps, GstNoxPipeline::demux_pad_added_cb, backend);
         backend.checkMetaDataChanged();
         EXPECT_EQ(client.count(UVAEvent::NewMetadata), row.told ? 1 : 0);
         Shape shape;
@@ -73,7 +62,7 @@ TEST_F(PipelineTest, DecodedPadsAreComponentsWhileTheyAreThere) {
         const auto* event = client.last<MultiComponentChangedEvent>();
         return event != nullptr && !event->added.empty() ? event->added[0]->type : -1;
     };
-    constexpr auto decoded = GstNoxBackend::decodebin_pad_added_cb;
+    constexpr auto decoded = GstNoxPipeline::decodebin_pad_added_cb;
     const auto video = padWith("src_0", "video/x-raw", decoded, backend);
     EXPECT_EQ(added(), 1);
     EXPECT_EQ(client.count(UVAEvent::NewMetadata), 0);
@@ -85,23 +74,23 @@ TEST_F(PipelineTest, DecodedPadsAreComponentsWhileTheyAreThere) {
     EXPECT_EQ(client.count(UVAEvent::MultiComponentChanged), 2) << "known already";
 
     const auto sink = GstPtr<GstPad>::sink(gst_pad_new("src_1", GST_PAD_SINK));
-    GstNoxBackend::decodebin_pad_removed_cb(nullptr, sink.get(), &backend);
+    GstNoxPipeline::decodebin_pad_removed_cb(nullptr, sink.get(), &backend.pipeline());
     EXPECT_TRUE(backend.hasComponent("src_1"));
-    GstNoxBackend::decodebin_pad_removed_cb(nullptr, audio.get(), &backend);
+    GstNoxPipeline::decodebin_pad_removed_cb(nullptr, audio.get(), &backend.pipeline());
     EXPECT_FALSE(backend.hasComponent("src_1"));
     EXPECT_TRUE(backend.hasComponent("src_0"));
 }
 
 TEST_F(PipelineTest, HttpSourcesAreSetUp) {
-    auto* description = new support::TestSource("http://127.0.0.1:9/");
+    auto* description = new TestSource("http://127.0.0.1:9/");
     UVABackend::SourceDescription* sources[] = {description, nullptr};
     ASSERT_EQ(backend.initBackend("", sources, false), UVABackend::Success);
     const auto http = make("souphttpsrc");
     const auto file = make("filesrc");
     LogCapture log(gst_backend_debug);
-    GstNoxBackend::source_setup_cb(nullptr, file.get(), &backend);
-    GstNoxBackend::source_setup_cb(nullptr, http.get(), &backend);
-    GstNoxBackend::element_setup_cb(nullptr, http.get(), &backend);
+    GstNoxPipeline::source_setup_cb(nullptr, file.get(), &backend.pipeline());
+    GstNoxPipeline::source_setup_cb(nullptr, http.get(), &backend.pipeline());
+    GstNoxPipeline::element_setup_cb(nullptr, http.get(), &backend.pipeline());
     gchar* agent = nullptr;
     gboolean strict = TRUE;
     g_object_get(http.get(), "user-agent", &agent, "ssl-strict", &strict, nullptr);
@@ -123,8 +112,8 @@ TEST_F(PipelineTest, FactoriesAreSortedForTheStream) {
             g_value_take_object(value, gst_element_factory_find(name));
         }
         const auto parsed = GstPtr<GstCaps>::adopt(gst_caps_from_string(caps));
-        GValueArray* other =
-            GstNoxBackend::autoplug_sort_cb(nullptr, nullptr, parsed.get(), factories, &backend);
+        GValueArray* other = GstNoxPipeline::autoplug_sort_cb(nullptr, nullptr, parsed.get(),
+                                                              factories, &backend.pipeline());
         std::string names = other != nullptr ? "new:" : "";
         const GValueArray* list = other != nullptr ? other : factories;
         for (guint i = 0; i < list->n_values; ++i) {
@@ -140,7 +129,7 @@ TEST_F(PipelineTest, FactoriesAreSortedForTheStream) {
     EXPECT_EQ(sorted("video/x-h265"), asGiven);
     EXPECT_EQ(sorted("video/x-h265, variant=other"), asGiven);
     EXPECT_EQ(sorted("video/x-h265, variant=dolbyvision"), "new: edrvessplitter");
-    GstNoxBackend::element_setup_cb(nullptr, make("tsdemux").get(), &backend);
+    GstNoxPipeline::element_setup_cb(nullptr, make("tsdemux").get(), &backend.pipeline());
     EXPECT_EQ(sorted("video/x-h265"), " noxvptsfilter identity queue");
     ASSERT_EQ(backend.gstPlaybinCreate(), 0);
     EXPECT_EQ(sorted("video/x-h265"), asGiven) << "the next player's stream";

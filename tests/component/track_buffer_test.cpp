@@ -6,6 +6,7 @@
 
 #include <atomic>
 #include <cmath>
+#include <limits>
 #include <optional>
 #include <sstream>
 #include <thread>
@@ -19,8 +20,8 @@ using host::TrackBuffer;
 
 constexpr double unit = 0.04; ///< of frames, seconds
 
-/// Frames are told as text: each group begins with its sequence and the number of the frame that its
-/// key frame is shown as; what follows are the frames decoded from it. "10@0: 0 3 1 2" are the
+/// Frames are told as text: each group begins with its sequence and the number of the frame that
+/// its key frame is shown as; what follows are the frames decoded from it. "10@0: 0 3 1 2" are the
 /// sequences 10 to 13, in decoding order.
 std::vector<BufferedFrame> frames(const std::string& text) {
     std::vector<BufferedFrame> result;
@@ -112,7 +113,7 @@ TEST_F(TrackBufferTest, ReadsFromTheKeyFrameOfATimeInDecodingOrder) {
 
 TEST_F(TrackBufferTest, WaitsBeforeAGapAndTellsOnceWhenSomethingComes) {
     add("1@0: 0 1");
-    add("20@6: 6 7");   // 0.16 s behind the end
+    add("20@6: 6 7");    // 0.16 s behind the end
     add("40@11: 11 12"); // 0.12 s: is played over
     EXPECT_EQ(readFrom(6), "6 7 11 12 |");
     EXPECT_EQ(readFrom(0), "0 1 |");
@@ -166,6 +167,12 @@ TEST_F(TrackBufferTest, GoesOnWithTheKeyFrameOfWhatTookThePlace) {
     EXPECT_EQ(read(), "4 5 6 7 |");
     EXPECT_EQ(readFrom(9), "|");
     m_buffer->remove(sequences(0, 100));
+    for (const double time : {std::nan(""), std::numeric_limits<double>::infinity()}) {
+        auto untimed = frames("1@0: 0 1");
+        untimed[0].sample.pts = time;
+        untimed[1].sample.dts = time;
+        m_buffer->add(untimed);
+    }
     EXPECT_EQ(m_buffer->size(), 0U);
     EXPECT_EQ(readFrom(0), "|");
 }

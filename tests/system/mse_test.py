@@ -6,6 +6,7 @@ Usage: mse_test.py CLIP_FOLDER CORPUS_FOLDER
 
 import os
 import pathlib
+import re
 import signal
 import subprocess
 import sys
@@ -41,6 +42,14 @@ class MediaSources(unittest.TestCase):
         self.assertEqual(outcomes, [0, 0, 0], run.report())
         self.assertEqual([a["result"] for a in run.named("removeSource") + run.named("attachSource")], [True, 1])
         self.assertRegex(run.output, r" state .* video 1\.5-", run.report())
+
+    def test_begins_where_it_is_told(self):
+        run = Run(CLIPS / "frag.mp4", "--mse", "--start", "0:04.5", *PATIENT)
+        self.assertEqual(run.code, 0, run.report())
+        self.assertEqual(run.named("setPosition"), [], run.report())
+        self.assertRegex(run.output, r" state playing at 4\.[5-9]", run.report())
+        pictures = int(re.search(r", (\d+) pictures", run.output).group(1))
+        self.assertAlmostEqual(pictures, 1.58 / 0.04, delta=2, msg=run.report())
 
     def test_separate_files_and_what_does_not_fit(self):
         run = Run(CLIPS / "aac-only.mp4", "--mse", CLIPS / "h264-only.mp4", *PATIENT)

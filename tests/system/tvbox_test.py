@@ -8,6 +8,7 @@ Usage: tvbox_test.py TVBOX ZANT_MAINSYS
 import glob
 import os
 import pathlib
+import re
 import select
 import shutil
 import signal
@@ -131,6 +132,7 @@ class TvBox(unittest.TestCase):
         done = self.box("sh", "-c", f'cat "$0" && echo x > {moved} && mkdir -p {made}/d && echo y >{made}/d/f && '
                         f'echo z > {given} && echo n > {link}/n && mv {moved} "$0"', media, options=options, cwd="/tmp")
         self.assertEqual((done.returncode, done.stdout), (0, "film"), done.stderr)
+        self.assertEqual(re.findall("--share '(.*)' changes nothing", done.stderr), ["/home"])
         for path, text in ((media, "x\n"), (made / "d" / "f", "y\n"), (given, "z\n"), (self.folder / "n", "n\n")):
             self.assertEqual(read(path), text)
         self.assertFalse(moved.exists() or absent.exists(), "nothing empty stays")
@@ -235,6 +237,15 @@ class TvBox(unittest.TestCase):
         self.assertEqual(self.box("echo", "x", options=["--main-system", "/none"]).stdout, "")
         for options in (["--main-system", "/none"], ["--with", "sh 'open"]):
             self.assert_refused("true", options=options)
+        ready = self.folder / "ready"
+        until_ready = f"until test -s {ready}; do sleep 0.05; done; "
+        for failing, wait in ((f"echo $$ > {ready}; exit 3", f"while kill -0 $(cat {ready}); do sleep 0.05; done; "),
+                              (f"trap \"exit 3\" TERM; echo x > {ready}; while :; do sleep 0.05; done", "")):
+            for code, expected in ((0, 125), (4, 4)):
+                done = self.box("sh", "-c", f"{until_ready}{wait}exit {code}", options=["--with", f"sh -c '{failing}'"])
+                self.assertEqual(done.returncode, expected, done.stderr)
+                self.assertRegex(done.stderr, "companion 'sh' ended with 3" + (" while the command runs\n" if wait else "\n"))
+                ready.unlink()
 
     def with_main(self, program, script):
         return self.start_box("sh", "-c", script,
@@ -255,6 +266,9 @@ class TvBox(unittest.TestCase):
         self.assertEqual((second.returncode, second.stdout[:13]), (0, "3\nBplayerAppI"), second.stderr)
         self.assertIn("' ended with 137 while the command runs", second.stderr)
 
+        wrong = self.folder / "scenario"
+        wrong.write_text("expect NOPE within 1\n")
+        self.assertIn(":1: 'NOPE' is no signal", self.box(self.mainsys, "--scenario", wrong).stderr)
         dead = self.finish(self.with_main(self.mainsys + " --audio x", "echo ran"))
         self.assertEqual((dead.returncode, dead.stdout), (125, ""))
         self.assertIn("' ended before it served its queue", dead.stderr)

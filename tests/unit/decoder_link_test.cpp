@@ -462,6 +462,7 @@ TEST_F(DecoderLinkTest, ControlTextsReachTheConnectedBackend) {
         arrives(control, 0, 0, nullptr, size);
     arrives(control, 0, 0, "negative", -1);
     EXPECT_FALSE(connect(&second)) << "as before";
+    receiver.disconnectBackend(&first);
     arrives(control, 0, 0, "to the other");
     EXPECT_FALSE(connect(&throwing));
     arrives(control, 0, 0, "lost");

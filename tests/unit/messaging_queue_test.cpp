@@ -113,29 +113,34 @@ TEST_F(MessagingTest, PayloadWordsRunOutInWordsAndComeBackOldestFirst) {
 }
 
 TEST_F(MessagingTest, SignalsDoNotEndAWait) {
-    CZantMsgQueue queue;
-    ASSERT_EQ(open(queue), 0);
     static std::atomic<int> handled{0};
     struct sigaction action {};
     struct sigaction before {};
     action.sa_handler = [](int) { ++handled; };
     sigaction(SIGUSR1, &action, &before);
-    std::atomic<bool> isOver{false};
-    std::thread disturber([&, waiter = pthread_self()] {
-        for (int sent = 0; sent < 5; ++sent) {
-            pthread_kill(waiter, SIGUSR1);
-            support::waitUntil([&] { return handled > sent; });
-        }
-        CZantMsg msg(517);
-        while (!isOver && queue.GetNrOfMsgsInQueue() == 0)
-            queue.Send(&msg, 0);
-    });
-    CZantMsg received;
-    EXPECT_EQ(queue.ReceiveFromNonblockingQueue(&received, 0), 0);
-    isOver = true;
-    disturber.join();
-    EXPECT_EQ(handled, 5);
-    EXPECT_EQ(received.signalId, 517U);
+    for (const int mode : {0, O_NONBLOCK}) {
+        CZantMsgQueue queue;
+        ASSERT_EQ(open(queue, "", 10, O_RDWR | O_CREAT | mode), 0);
+        handled = 0;
+        std::atomic<bool> isOver{false};
+        std::thread disturber([&, waiter = pthread_self()] {
+            for (int sent = 0; sent < 5; ++sent) {
+                pthread_kill(waiter, SIGUSR1);
+                support::waitUntil([&] { return handled > sent; });
+            }
+            CZantMsg msg(517);
+            while (!isOver && queue.GetNrOfMsgsInQueue() == 0)
+                queue.Send(&msg, 0);
+        });
+        CZantMsg received;
+        EXPECT_EQ(mode == 0 ? queue.Receive(&received, 0)
+                            : queue.ReceiveFromNonblockingQueue(&received, 0),
+                  0);
+        isOver = true;
+        disturber.join();
+        EXPECT_EQ(handled, 5);
+        EXPECT_EQ(received.signalId, 517U);
+    }
     sigaction(SIGUSR1, &before, nullptr);
 }
 
@@ -205,10 +210,14 @@ TEST_F(MessagingTest, SignalNamesAreDenseAndBounded) {
         uint32_t value;
         const char* name;
     } rows[] = {{0, "SIG_ID_NULL"},
+                {3, "SIG_ID_RESERVED_3"},
+                {30, "SIG_ID_RESERVED_30"},
                 {31, "SIG_ID_STOP_THREAD"},
+                {100, "SIG_ID_RESERVED_100"},
                 {489, "SIG_ID_MPLAYER_MEDIA_INFO_IND"},
                 {517, "SIG_ID_MPLAYER_DECODER_AVAILABLE_IND"},
                 {656, "SIG_ID_EXECUTE_SCRIPT_FILE_IN_THREAD"},
+                {665, "SIG_ID_RESERVED_665"},
                 {670, "SIG_ID_GENERAL_SPARE_9"},
                 {671, "SIG_ID_NULL"},
                 {0xffffffff, "SIG_ID_NULL"}};

@@ -88,6 +88,8 @@ TEST_F(LogTest, GoesOnWhereAnEarlierRunLeftOff) {
     EXPECT_EQ(contentOf(log), "next\n");
     EXPECT_EQ(rolLog.DeleteLogfile(true), 0);
     EXPECT_EQ(rolLog.DeleteLogfile(true), -1003);
+    EXPECT_EQ(rolLog.WriteStringToLogfile("x\n"), 0);
+    EXPECT_EQ(rolLog.DeleteLogfile(true), -1003) << "there is no backup";
     // Closed after each line, unless it was opened; opening twice is no error.
     for (const bool isOpen : {false, true}) {
         EXPECT_EQ(isOpen ? rolLog.OpenLogfile(true) + rolLog.OpenLogfile(true) : 0, 0);

@@ -180,7 +180,7 @@ TEST_F(ShellTest, AnswersEveryCommand) {
         {"m_ls /no/such/folder 2>/dev/null", -1, "MshellCmdLs - FAILED - \n"},
         {"m_appendlinetoetcpreinit", -1703, "MshellCmdAppendLineToEtcPreinit - FAILED \n",
          "AppendLineToEtcPreinit", 0},
-        {"m_appendlinetoetcpreinit /no/such 2>/dev/null x", -1, "Preinit - FAILED \n"},
+        {"m_appendlinetoetcpreinit /no/such 2>/dev/null", -1, "Preinit - FAILED \n"},
         {"m_deleteetcpreinit", -1703, "MshellCmdDeleteEtcPreinit - FAILED \n", "DeleteEtcPreinit",
          0},
         {"m_queuelist", 0, "List of queues\n"},

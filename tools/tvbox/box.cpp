@@ -4,6 +4,7 @@
 #include "supervisor.h"
 
 #include <optional>
+#include <poll.h>
 #include <sched.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
@@ -36,7 +37,7 @@ void mapIds(Ids inside, Ids outside) {
 
 } // namespace
 
-Box::Box(const Options& options, const BlockedSignals& signals)
+Box::Box(const Options& options, const tools::Signals& signals)
     : m_options(options), m_signals(signals),
       m_name(options.name.empty() ? std::to_string(getpid()) : options.name), m_claim(m_name),
       m_files(options), m_log(openLog(options.log)), m_companionLog(openLog(options.companionLog)) {
@@ -85,9 +86,10 @@ int Box::attend(pid_t first, int kind) const {
     const bool takesOthersAlong = (kind & CLONE_NEWPID) != 0;
     if (!takesOthersAlong)
         prctl(PR_SET_CHILD_SUBREAPER, 1);
-    for (;;) {
-        siginfo_t info = {};
-        const int signal = sigwaitinfo(&m_signals.set(), &info);
+    for (pollfd signals{m_signals.fd(), POLLIN, 0};;) {
+        poll(&signals, 1, -1);
+        const auto info = m_signals.takeInfo();
+        const auto signal = static_cast<int>(info.ssi_signo);
         int status = 0;
         if (signal == SIGCHLD && waitpid(first, &status, WNOHANG) == first) {
             if (!takesOthersAlong)
@@ -96,7 +98,7 @@ int Box::attend(pid_t first, int kind) const {
                 notice("the box was killed; what it made under /tmp is lost");
             return exitCodeOf(status);
         }
-        if (signal > 0 && signal != SIGCHLD && sentByProcess(info.si_code))
+        if (signal > 0 && signal != SIGCHLD && sentByProcess(info.ssi_code))
             kill(first, signal);
     }
 }
@@ -166,7 +168,7 @@ int Box::runCommand(LogCollector& log) const {
     return code == 0 && !errors.empty() ? ExitFailure : code;
 }
 
-void enterBox(const Options& options, const BlockedSignals& signals) {
+void enterBox(const Options& options, const tools::Signals& signals) {
     const auto box = findBox(options.enter);
     if (!box)
         throw Failure("no box named '" + options.enter + "' is running; see tvbox --list");

@@ -2,10 +2,10 @@
 #define TVBOX_BOX_H
 
 #include "box_files.h"
-#include "common/boxes/box_registry.h"
+#include "common/box_registry.h"
+#include "common/signals.h"
 #include "log_collector.h"
 #include "options.h"
-#include "signals.h"
 
 #include <string>
 
@@ -21,7 +21,7 @@ struct Ids {
 class Box {
 public:
     /// Takes the name and opens what is named by paths outside. Throws Failure.
-    Box(const Options& options, const BlockedSignals& signals);
+    Box(const Options& options, const tools::Signals& signals);
 
     /// Runs the command. Returns its exit code. Throws Refusal if the system allows no box; nothing
     /// has run then.
@@ -35,7 +35,7 @@ private:
     int runCommand(LogCollector& log) const;
 
     const Options& m_options;
-    const BlockedSignals& m_signals;
+    const tools::Signals& m_signals;
     const Ids m_caller = {geteuid(), getegid()}; ///< outside; within, both are unknown at first
     const std::string m_name;
     const BoxName m_claim;
@@ -46,7 +46,7 @@ private:
 
 /// Runs a command in a box that runs already, then ends the process with the command's exit code.
 /// Throws Failure if the box cannot be entered.
-[[noreturn]] void enterBox(const Options& options, const BlockedSignals& signals);
+[[noreturn]] void enterBox(const Options& options, const tools::Signals& signals);
 
 } // namespace tvbox
 

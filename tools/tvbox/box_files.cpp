@@ -95,7 +95,10 @@ BoxFiles::BoxFiles(const Options& options) : m_tmp(fs::canonical("/tmp")) {
     std::error_code unknown;
     share(m_cwd = fs::current_path(unknown));
     for (const auto& path : options.share)
-        share(path);
+        if (!share(path))
+            notice(
+                "--share '" + path +
+                "' changes nothing: it is not in /tmp or /dev/shm, and seen in a box as outside");
     for (const char* variable : serverVariables) {
         if (const char* const path = std::getenv(variable); path && *path)
             share(path);
@@ -120,19 +123,22 @@ BoxFiles::BoxFiles(const Options& options) : m_tmp(fs::canonical("/tmp")) {
 }
 
 /// A path in a hidden folder counts as the topmost entry there; a path elsewhere may still lead
-/// there through a link.
-void BoxFiles::share(const Path& path) {
+/// there through a link. Whether it is in one.
+bool BoxFiles::share(const Path& path) {
     std::error_code error;
+    bool isHidden = false;
     const auto whole = (m_cwd / path).lexically_normal();
     for (const auto& name : {whole, fs::weakly_canonical(whole, error)}) {
         for (const Path folder : {m_tmp.c_str(), sharedMemory}) {
             const auto relative = below(folder, name);
+            isHidden |= !relative.empty();
             const auto first = relative.empty() ? relative : *relative.begin();
             if (first.empty() || first == "." || fits(first, ownTmp))
                 continue;
             m_shared[folder / first] = fs::canonical(folder / first, error);
         }
     }
+    return isHidden;
 }
 
 /// Where the box sees what its own folders hide.

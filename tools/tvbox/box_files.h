@@ -29,7 +29,7 @@ public:
 private:
     using Path = std::filesystem::path;
 
-    void share(const Path& path);
+    bool share(const Path& path);
     Path hidden(const Path& path) const;
     void hideTmp() const;
     void hide(const Path& folder, const std::vector<const char*>& own) const;

@@ -1,7 +1,7 @@
 #ifndef TVBOX_FAILURE_H
 #define TVBOX_FAILURE_H
 
-#include "common/boxes/box_registry.h"
+#include "common/box_registry.h"
 
 #include <stdexcept>
 #include <string>

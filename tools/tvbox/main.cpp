@@ -19,15 +19,18 @@ namespace {
 std::string commandOf(const std::string& process) {
     std::ifstream in(process + "/cmdline");
     Words words;
-    for (std::string word; std::getline(in, word, '\0');)
+    for (std::string word; std::getline(in, word, '\0');) {
+        std::replace_if(
+            word.begin(), word.end(), [](unsigned char c) { return c < ' '; }, ' ');
         words.push_back(word);
-    std::string text;
-    if (!words.empty()) {
-        for (const auto& word : parseOptions(words).command)
-            text += (text.empty() ? "" : " ") + word;
     }
-    std::replace_if(
-        text.begin(), text.end(), [](unsigned char c) { return c < ' '; }, ' ');
+    std::vector<const char*> arguments;
+    for (const auto& word : words)
+        arguments.push_back(word.c_str());
+    const auto parsed = parseOptions(static_cast<int>(arguments.size()), arguments.data());
+    std::string text;
+    for (const auto& word : parsed.options ? parsed.options->command : Words())
+        text += (text.empty() ? "" : " ") + word;
     return text;
 }
 
@@ -66,12 +69,12 @@ int settingOf(const std::string& name) {
     return value;
 }
 
-ScopedFd waitForTurn(const BlockedSignals& signals) {
+ScopedFd waitForTurn(const tools::Signals& signals) {
     ScopedFd file(open(lockPath, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (flock(file.get(), LOCK_EX | LOCK_NB) == 0)
         return file;
     notice("waits for another plain run to end");
-    signals.unblock(); // nothing runs yet: Ctrl-C ends the waiting
+    signals.giveBack(); // nothing runs yet: Ctrl-C ends the waiting
     if (TEMP_FAILURE_RETRY(flock(file.get(), LOCK_EX)) != 0)
         throw Failure(withErrno(std::string("cannot lock ") + lockPath));
     signals.block();
@@ -98,13 +101,13 @@ std::string whyNoBox(const std::string& reason) {
 
 /// Without a box. Such runs share the fixed names of the system inside, so that there is one at a
 /// time.
-int runPlainly(const Options& options, const BlockedSignals& signals) {
+int runPlainly(const Options& options, const tools::Signals& signals) {
     const auto companionLog = openLog(options.companionLog);
     const auto turn = waitForTurn(signals);
     return Supervisor(options, companionLog, signals).run();
 }
 
-int runInBox(const Options& options, const BlockedSignals& signals) {
+int runInBox(const Options& options, const tools::Signals& signals) {
     try {
         return Box(options, signals).run();
     } catch (const Refusal& refusal) {
@@ -119,7 +122,11 @@ int runInBox(const Options& options, const BlockedSignals& signals) {
 int run(const Options& options) {
     if (options.list)
         return printList();
-    const BlockedSignals signals;
+    std::signal(SIGCHLD, SIG_DFL); // whoever ignored it would never learn how a child ended
+    const tools::Signals signals{SIGCHLD, SIGHUP,  SIGINT,  SIGQUIT, SIGTERM,
+                                 SIGUSR1, SIGUSR2, SIGALRM, SIGWINCH};
+    if (signals.fd() < 0)
+        throw Failure(withErrno("cannot listen for signals"));
     if (!options.enter.empty())
         enterBox(options, signals);
     return runInBox(options, signals);
@@ -131,7 +138,8 @@ int run(const Options& options) {
 
 int main(int argc, char** argv) {
     try {
-        return tvbox::run(tvbox::parseOptions({argv, argv + argc}));
+        const auto parsed = tvbox::parseOptions(argc, argv);
+        return parsed.options ? tvbox::run(*parsed.options) : parsed.tell();
     } catch (const std::exception& failure) {
         tvbox::notice(failure.what());
     }

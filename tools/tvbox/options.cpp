@@ -2,8 +2,6 @@
 
 #include "failure.h"
 
-#include <CLI/CLI.hpp>
-
 namespace tvbox {
 
 namespace {
@@ -31,7 +29,7 @@ Files in /etc
 
 Exit code
   That of COMMAND, 128+n if signal n ended it; 127 not found, 126 not executable,
-  125 if tvbox itself failed.
+  125 if tvbox itself or a companion failed.
 
 Without namespaces
   The command runs plainly, one such run at a time, and one line on standard error says what is
@@ -46,62 +44,44 @@ Examples
   tvbox --enter tv1 -- zantsh
 )";
 
-/// The first word that is none of tvbox's options, and what follows, untouched.
-Words commandOf(Words rest) {
-    if (!rest.empty() && rest.front() == "--")
-        rest.erase(rest.begin());
-    else if (!rest.empty() && rest.front().size() > 1 && rest.front()[0] == '-')
-        throw Failure("unknown option '" + rest.front() +
-                      "'; see tvbox --help (a command that begins with '-' goes after '--')");
-    return rest;
-}
-
 } // namespace
 
-Options parseOptions(const Words& commandLine) {
+tools::Parsed<Options> parseOptions(int argc, const char* const* argv) {
     Options options;
-    CLI::App app(purpose, "tvbox");
-    app.footer(details);
-    app.prefix_command();
-    const auto one = [&](const char* option, std::string& value, const char* type,
-                         const char* text) {
-        return app.add_option(option, value, text)->type_name(type);
+    using tools::Use;
+    tools::CommandLine line{
+        "tvbox",
+        purpose,
+        details,
+        {{"Options of a new box",
+          {{"--name", "NAME", "Name of the box (default: the process id)", &options.name},
+           {"--share", "PATH", "Let a file or folder of /tmp or /dev/shm through", &options.share},
+           {"--etc", "FILE[=NAME]", "Place FILE as /etc/NAME (default: its own name)",
+            &options.etc},
+           {"--log", "FILE", "Append what syslog() sends to FILE", &options.log},
+           {"--main-system", "PROGRAM",
+            "Start PROGRAM, wait until it serves its queue, run COMMAND, end it after",
+            &options.mainSystem},
+           {"--with", "'PROGRAM ARGUMENTS'",
+            "The same, without waiting, for a program with arguments, one string", &options.with},
+           {"--companion-log", "FILE",
+            "Append the output of these programs to FILE (default: standard error)",
+            &options.companionLog},
+           {"--require", nullptr, "Fail where a complete box cannot be made", &options.require}}},
+         {"Options that stand alone",
+          {{"--list", nullptr, "List the boxes: name, process id, its /tmp, command", &options.list,
+            Use::Alone},
+           {"--enter", "NAME", "Run COMMAND in the box of that NAME", &options.enter,
+            Use::Alone}}}}};
+    line.command = &options.command;
+    line.usageError = ExitFailure;
+    line.check = [&] {
+        const bool right = options.list == options.command.empty();
+        return right          ? ""
+               : options.list ? "--list takes no command"
+                              : "no command; say what to run";
     };
-    const auto many = [&](const char* option, Words& values, const char* type, const char* text) {
-        app.add_option(option, values, text)->type_name(type)->allow_extra_args(false);
-    };
-    one("--name", options.name, "NAME", "Name of the box (default: the process id)");
-    many("--share", options.share, "PATH", "Let a file or folder of /tmp or /dev/shm through");
-    many("--etc", options.etc, "FILE[=NAME]", "Place FILE as /etc/NAME (default: its own name)");
-    one("--log", options.log, "FILE", "Append what syslog() sends to FILE");
-    one("--main-system", options.mainSystem, "PROGRAM",
-        "Start PROGRAM, wait until it serves its queue, run COMMAND, end it after");
-    many("--with", options.with, "'PROGRAM ARGUMENTS'",
-         "The same, without waiting, for a program with arguments, one string");
-    one("--companion-log", options.companionLog, "FILE",
-        "Append the output of these programs to FILE (default: standard error)");
-    app.add_flag("--require", options.require, "Fail where a complete box cannot be made");
-    const auto ofNewBox =
-        app.get_options([](const auto* option) { return option->get_name() != "--help"; });
-    auto* const list =
-        app.add_flag("--list", options.list, "List the boxes: name, process id, its /tmp, command");
-    auto* const enter =
-        one("--enter", options.enter, "NAME", "Run COMMAND in the box of that NAME");
-    list->excludes(enter);
-    for (auto* const other : ofNewBox) {
-        list->excludes(other);
-        enter->excludes(other);
-    }
-    try {
-        app.parse(Words(commandLine.rbegin(), commandLine.rend() - 1));
-    } catch (const CLI::ParseError& error) {
-        std::exit(app.exit(error) == 0 ? 0 : ExitFailure);
-    }
-    options.command = commandOf(app.remaining());
-    if (options.list != options.command.empty())
-        throw Failure(options.list ? "--list takes no command"
-                                   : "no command; say what to run, or see tvbox --help");
-    return options;
+    return tools::parse(line, argc, argv, options);
 }
 
 } // namespace tvbox

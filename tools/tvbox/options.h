@@ -1,6 +1,8 @@
 #ifndef TVBOX_OPTIONS_H
 #define TVBOX_OPTIONS_H
 
+#include "common/options.h"
+
 #include <string>
 #include <vector>
 
@@ -23,9 +25,7 @@ struct Options {
     std::string companionLog; ///< for the output of those; empty: standard error
 };
 
-/// Ends the process where a text is all that is wanted (--help) or an option is not known.
-/// Throws Failure for words that are no command.
-Options parseOptions(const Words& commandLine);
+tools::Parsed<Options> parseOptions(int argc, const char* const* argv);
 
 } // namespace tvbox
 

@@ -9,7 +9,6 @@
 #include <memory>
 #include <poll.h>
 #include <sys/prctl.h>
-#include <sys/signalfd.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <sys/wait.h>
@@ -98,18 +97,19 @@ void killDescendants() {
     } while (waitpid(-1, nullptr, 0) > 0 || errno == EINTR);
 }
 
+bool sentByProcess(int code) {
+    return code <= 0;
+}
+
 bool hasTerminal() {
     return static_cast<bool>(ScopedFd(open("/dev/tty", O_RDWR | O_NOCTTY | O_CLOEXEC)));
 }
 
 Supervisor::Supervisor(const Options& options, const ScopedFd& companionLog,
-                       const BlockedSignals& signals)
+                       const tools::Signals& signals)
     : m_options(options), m_signals(signals),
-      m_companionOutput(companionLog ? companionLog.get() : STDERR_FILENO),
-      m_signalFd(signalfd(-1, &signals.set(), SFD_CLOEXEC | SFD_NONBLOCK)) {
-    if (!m_signalFd)
-        throw Failure(withErrno("cannot listen for signals"));
-    watch(m_signalFd.get(), [this] { handleSignal(); });
+      m_companionOutput(companionLog ? companionLog.get() : STDERR_FILENO) {
+    watch(signals.fd(), [this] { handleSignal(); });
     if (killsRest())
         prctl(PR_SET_CHILD_SUBREAPER, 1);
 }
@@ -130,7 +130,7 @@ int Supervisor::run() {
     endCompanions();
     if (killsRest())
         killDescendants();
-    return *m_exitCode;
+    return m_companionFailed && m_exitCode == 0 ? ExitFailure : *m_exitCode;
 }
 
 void Supervisor::start() {
@@ -212,7 +212,7 @@ void Supervisor::becomeProgram(const Words& words, Role role,
     }
     if (killsRest())
         prctl(PR_SET_PDEATHSIG, SIGKILL);
-    m_signals.unblock();
+    m_signals.giveBack();
     std::vector<char*> arguments;
     for (const auto& word : words)
         arguments.push_back(const_cast<char*>(word.c_str()));
@@ -244,10 +244,10 @@ bool Supervisor::handleUntil(milliseconds time, const std::function<bool()>& don
 }
 
 void Supervisor::handleSignal() {
-    struct signalfd_siginfo info = {};
-    if (read(m_signalFd.get(), &info, sizeof info) != sizeof info)
-        return;
+    const auto info = m_signals.takeInfo();
     const auto signal = static_cast<int>(info.ssi_signo);
+    if (signal == 0) // taken already
+        return;
     if (signal == SIGCHLD)
         return reap();
     // There is no command yet that would get it: it ends the start, also from the terminal.
@@ -266,18 +266,27 @@ void Supervisor::handleSignal() {
 }
 
 void Supervisor::reap() {
+    std::vector<std::pair<std::string, int>> ended;
     int status = 0;
     for (pid_t pid = 0; (pid = waitpid(-1, &status, WNOHANG)) > 0;) {
-        const auto companion = m_companions.find(pid);
-        if (pid == m_command) {
+        if (pid == m_command)
             m_exitCode = exitCodeOf(status);
-        } else if (companion != m_companions.end()) {
-            if (!m_exitCode)
-                notice("companion '" + companion->second + "' ended with " +
-                       std::to_string(exitCodeOf(status)) + " while the command runs");
-            m_companions.erase(companion);
-        }
+        else if (const auto companion = m_companions.extract(pid))
+            ended.emplace_back(companion.mapped(), status);
     }
+    for (const auto& [name, how] : ended) // now it is known whether the command goes on
+        companionEnded(name, how);
+}
+
+/// A signal ends what is to die, and SIGTERM of ours what would go on: neither is a failure.
+void Supervisor::companionEnded(const std::string& name, int status) {
+    const bool commandRuns = m_command != 0 && !m_exitCode;
+    const bool failed =
+        WIFEXITED(status) && exitCodeOf(status) != 0 && exitCodeOf(status) != ExitSignal + SIGTERM;
+    m_companionFailed |= failed;
+    if (failed || commandRuns)
+        notice("companion '" + name + "' ended with " + std::to_string(exitCodeOf(status)) +
+               (commandRuns ? " while the command runs" : ""));
 }
 
 void Supervisor::endCompanions() {

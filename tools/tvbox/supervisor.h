@@ -1,9 +1,8 @@
 #ifndef TVBOX_SUPERVISOR_H
 #define TVBOX_SUPERVISOR_H
 
+#include "common/signals.h"
 #include "options.h"
-#include "signals.h"
-#include "util/scoped_handles.h"
 
 #include <chrono>
 #include <functional>
@@ -21,14 +20,14 @@ namespace tvbox {
 class Supervisor {
 public:
     /// @p companionLog may be none: standard error. Throws Failure.
-    Supervisor(const Options& options, const ScopedFd& companionLog, const BlockedSignals& signals);
+    Supervisor(const Options& options, const ScopedFd& companionLog, const tools::Signals& signals);
 
     /// Passes on signals of this process alone, besides those of a process outside (0).
     void obeyOnly(pid_t sender) { m_sender = sender; }
     /// While it runs, calls @p action when @p fd can be read.
     void watch(int fd, std::function<void()> action);
     /// Runs all to its end. Returns the exit code: ExitFailure, with a notice, if a companion does
-    /// not start, or the main system dies or does not get ready before the command.
+    /// not start or fails, or the main system dies or does not get ready before the command.
     int run();
 
 private:
@@ -45,22 +44,27 @@ private:
     bool handleUntil(std::chrono::milliseconds time, const std::function<bool()>& done);
     void handleSignal();
     void reap();
+    void companionEnded(const std::string& name, int status);
     void endCompanions();
 
     const Options& m_options;
-    const BlockedSignals& m_signals;
+    const tools::Signals& m_signals;
     const int m_companionOutput;
-    const ScopedFd m_signalFd;
     std::vector<std::pair<int, std::function<void()>>> m_watched;
     std::optional<pid_t> m_sender;
     pid_t m_command = 0;
     std::optional<int> m_exitCode;             ///< of the command, or of a start that was ended
     std::map<pid_t, std::string> m_companions; ///< those that run
-    bool m_impatient = false;                  ///< asked again to end while companions end
+    bool m_companionFailed = false;
+    bool m_impatient = false; ///< asked again to end while companions end
 };
 
 /// Kills the children of this process, and theirs as they become its own, until none is left.
 void killDescendants();
+
+/// Whether a signal was sent by a process. What the terminal sends (Ctrl-C, a new window size)
+/// reaches the command by itself.
+bool sentByProcess(int code);
 
 /// Whether there is one that Ctrl-C can be typed at.
 bool hasTerminal();

@@ -2,16 +2,15 @@
 
 #include "host/capability_query.h"
 
-#include <CLI/CLI.hpp>
-
+#include <algorithm>
 #include <cstdio>
-#include <regex>
+#include <cstdlib>
 
 namespace uvahost {
 
 namespace {
 
-constexpr const char* footer = R"(
+constexpr const char* details = R"(
 Examples:
   uva-host --standalone movie.mp4
       play a file; without --standalone a main system must grant the decoders
@@ -74,172 +73,166 @@ std::optional<host::KeyPair> parseKey(const std::string& text) {
 }
 
 std::optional<std::string> parseGraph(const std::string& path) {
-    static const std::regex form("[^]*\\.(svg|dot)");
-    return std::regex_match(path, form) ? std::optional(path) : std::nullopt;
+    const std::string ending = path.substr(std::max<std::size_t>(path.size(), 4) - 4);
+    return ending == ".svg" || ending == ".dot" ? std::optional(path) : std::nullopt;
 }
 
-/// What an option takes: how it is called in the help, how it is read, what is said of what it is
-/// not.
-template <typename Value>
-struct Form {
-    const char* name;
-    std::optional<Value> (*read)(const std::string&);
-    const char* complaint;
+std::optional<host::Protection::Scheme> parseScheme(const std::string& text) {
+    using Scheme = host::Protection::Scheme;
+    return text == "cenc"   ? std::optional(Scheme::Cenc)
+           : text == "cbcs" ? std::optional(Scheme::Cbcs)
+                            : std::nullopt;
+}
 
-    Value operator()(const std::string& option, const std::string& text) const {
-        if (auto value = read(text))
-            return std::move(*value);
-        throw CLI::ValidationError(option, "'" + text + "' " + complaint);
-    }
-};
+std::optional<std::chrono::milliseconds> parseDelay(const std::string& text) {
+    const auto delay = tools::readNumber(text, 0, 3600000);
+    return delay ? std::optional(std::chrono::milliseconds(*delay)) : std::nullopt;
+}
 
-constexpr Form<double> time{"T", parseTime, "is no time; write 12.5 or 1:30"};
-constexpr Form<double> times{"T[,T...]", parseTime, time.complaint};
-constexpr Form<double> period{"T", parsePeriod, "is no time above 0"};
-constexpr Form<UVABackend::Rect> window{"X,Y,WxH", parseWindow,
+using tools::Form;
+using tools::into;
+
+namespace form {
+
+constexpr Form<double> time{parseTime, "is no time; write 12.5 or 1:30"};
+constexpr Form<double> period{parsePeriod, "is no time above 0"};
+constexpr Form<UVABackend::Rect> window{parseWindow,
                                         "is no window; write X,Y,WxH, e.g. 0,0,640x360"};
-constexpr Form<std::string> graph{"OUT.svg|OUT.dot", parseGraph, "must end in .svg or .dot"};
-constexpr Form<RenditionSwitch> rendition{"T=FILE", parseSwitch,
-                                          "is no switch; write T=FILE, e.g. 4=hd.mp4"};
-constexpr Form<Detach> detach{"T=audio|video", parseDetach, "is neither T=audio nor T=video"};
-constexpr Form<host::KeyPair> key{"KID:KEY", parseKey,
-                                  "is no key; write KID:KEY, 32 hexadecimal digits each"};
+constexpr Form<std::string> graph{parseGraph, "must end in .svg or .dot"};
+constexpr Form<RenditionSwitch> rendition{parseSwitch, "is no switch; write T=FILE, e.g. 4=hd.mp4"};
+constexpr Form<Detach> detach{parseDetach, "is neither T=audio nor T=video"};
+constexpr Form<host::KeyPair> key{parseKey, "is no key; write KID:KEY, 32 hexadecimal digits each"};
+constexpr Form<std::chrono::milliseconds> delay{parseDelay,
+                                                "is no delay; write milliseconds, up to 3600000"};
+constexpr Form<host::Protection::Scheme> scheme{parseScheme, "is neither cenc nor cbcs"};
 constexpr Form<UVABackend::ContentDescription> contentType{
-    "MIME", host::parseContentType,
-    "is no content type; write e.g. 'video/mp4; codecs=\"avc1.640028\"'"};
+    host::parseContentType, "is no content type; write e.g. 'video/mp4; codecs=\"avc1.640028\"'"};
 
-/// An option that may be given once.
-template <typename Value, typename Target>
-CLI::Option* addOne(CLI::App& app, const std::string& option, const Form<Value>& form,
-                    Target& target, const char* help) {
-    return app
-        .add_option_function<std::string>(
-            option, [=, &target](const std::string& text) { target = form(option, text); }, help)
-        ->type_name(form.name);
+} // namespace form
+
+/// Several values with commas between.
+tools::Read list(const tools::Read& one) {
+    return [one](const std::string& text) {
+        for (std::size_t begin = 0, end = 0; end != std::string::npos; begin = end + 1) {
+            end = text.find(',', begin);
+            if (auto error = one(text.substr(begin, end - begin)); !error.empty())
+                return error;
+        }
+        return std::string();
+    };
 }
 
-/// One that may be given several times.
-template <typename Value>
-CLI::Option* addMany(CLI::App& app, const std::string& option, const Form<Value>& form,
-                     std::vector<Value>& target, const char* help) {
-    using Texts = std::vector<std::string>;
-    return app
-        .add_option_function<Texts>(
-            option,
-            [=, &target](const Texts& texts) {
-                for (const auto& text : texts)
-                    target.push_back(form(option, text));
-            },
-            help)
-        ->type_name(form.name)
-        ->allow_extra_args(false);
+using tools::Use;
+
+tools::OptionGroup playing(Options& options) {
+    return {
+        "Options",
+        {{"media", "FILE|URL", "Files or URLs, played one after the other", &options.media},
+         {"--standalone", nullptr, "Run without a main system: nobody arbitrates the decoders",
+          &options.standalone},
+         {"--seek", "T[,T...]", "Seek there once playback has started; several one after the other",
+          list(into(options.seeks, form::time)), Use::Repeated},
+         {"--duration", "T", "Stop after playing for so long",
+          into(options.duration, form::period)},
+         {"--window", "X,Y,WxH", "Place the picture, in a screen of 1280x720",
+          into(options.window, form::window)},
+         {"--deny-resources", nullptr, "Refuse the decoders when the backend asks for them",
+          &options.denyResources},
+         {"--snapshot", "OUT.png", "Write the picture at the end (of the last file) as PNG",
+          &options.snapshot},
+         {"--snapshot-at", "T", "... or when the position passes T",
+          into(options.snapshotAt, form::time), Use::Once, "--snapshot"},
+         {"--graph", "OUT.svg|OUT.dot",
+          "Write the pipeline's graph: OUT.dot as it is, OUT.svg drawn by Graphviz",
+          into(options.graph, form::graph)},
+         {"--timeline", "OUT.json", "Write operations, events and states as Chrome trace events",
+          &options.timeline},
+         {"--no-progress-timeout", "T",
+          "Give up when nothing moves for so long; 0: never (default: 5 to 30, by what is waited "
+          "for)",
+          into(options.noProgressTimeout, form::time)},
+         {"--backend", "PATH", "The backend library (libuvagstbackend.so)", &options.backend},
+         {"--quiet", nullptr, "Print nothing but errors and answers, nor let the library",
+          &options.quiet}}};
 }
 
-void declareMediaSource(CLI::App& app, Options& options) {
-    auto* mse = app.add_flag("--mse", options.mse,
-                             "Take the media apart and feed its samples; several files are the "
-                             "audio and the video of one");
-    addOne(app, "--start", time, options.start, "Begin at T")->needs(mse);
-    addMany(app, "--switch-at", rendition, options.switches,
-            "Go on with another rendition from T on")
-        ->needs(mse);
-    addMany(app, "--detach-at", detach, options.detaches,
-            "Detach a source at T and attach it again")
-        ->needs(mse);
-    auto* keys = addMany(app, "--key", key, options.keys, "A key for encrypted media")->needs(mse);
-    app.add_option_function<int>(
-           "--key-delay", [&](int delay) { options.keyDelay = std::chrono::milliseconds(delay); },
-           "Have the keys only so many milliseconds after they are needed")
-        ->type_name("MS")
-        ->check(CLI::Range(0, 3600000))
-        ->needs(keys);
-    app.add_option_function<std::string>(
-           "--protect",
-           [&](const std::string& scheme) {
-               using Scheme = host::Protection::Scheme;
-               options.protect = scheme == "cenc" ? Scheme::Cenc : Scheme::Cbcs;
-           },
-           "Encrypt clear samples on their way in, with the first key")
-        ->type_name("cenc|cbcs")
-        ->check(CLI::IsMember({"cenc", "cbcs"}))
-        ->needs(keys);
-    app.add_flag("--full-sample-decrypter", options.fullSampleDecrypter,
-                 "Decrypt samples in one call each, not range by range")
-        ->needs(keys);
+tools::OptionGroup mediaSources(Options& options) {
+    return {"Media sources",
+            {{"--mse", nullptr,
+              "Take the media apart and feed its samples; several files are the audio and the "
+              "video of one",
+              &options.mse},
+             {"--start", "T", "Begin at T", into(options.start, form::time), Use::Once, "--mse"},
+            {"--switch-at", "T=FILE", "Go on with another rendition from T on",
+              into(options.switches, form::rendition), Use::Repeated, "--mse"},
+             {"--detach-at", "T=audio|video", "Detach a source at T and attach it again",
+              into(options.detaches, form::detach), Use::Repeated, "--mse"},
+             {"--key", "KID:KEY", "A key for encrypted media", into(options.keys, form::key),
+              Use::Repeated, "--mse"},
+             {"--key-delay", "MS", "Have the keys only so many milliseconds after they are needed",
+              into(options.keyDelay, form::delay), Use::Once, "--key"},
+             {"--protect", "cenc|cbcs", "Encrypt clear samples on their way in, with the first key",
+              into(options.protect, form::scheme), Use::Once, "--key"},
+             {"--full-sample-decrypter", nullptr,
+              "Decrypt samples in one call each, not range by range", &options.fullSampleDecrypter,
+              Use::Once, "--key"}}};
 }
 
 using Description = UVABackend::ContentDescription;
 
 /// The parameters go to `asked`: those of the type itself are read last, and count less.
-void declareQuestions(CLI::App& app, Options& options, Description& asked) {
-    auto* canPlay = addOne(app, "--can-play", contentType, options.canPlay,
-                           "Whether the backend can play a content type, and why not; parameters "
-                           "as in '...; width=1920' are read");
-    static constexpr struct {
-        const char* name;
-        std::string Description::*member;
-        const char* help;
-    } rows[] = {
-        {"--width", &Description::width, "... of this width, pixels"},
-        {"--height", &Description::height, "... of this height, pixels"},
-        {"--framerate", &Description::framerate, "... at this rate, e.g. 25, 29.97 or 30000/1001"},
-        {"--bitrate", &Description::bitrate, "... with so many bits per second"},
-        {"--channels", &Description::channels, "... with so many channels"},
+tools::OptionGroup questions(Options& options, Description& asked) {
+    const auto parameter = [&](const char* name, std::string& value, const char* help) {
+        return tools::Option{name, "N", help, &value, Use::Once, "--can-play"};
     };
-    for (const auto& row : rows)
-        app.add_option(row.name, asked.*row.member, row.help)->type_name("N")->needs(canPlay);
-    app.add_flag("--list-types", options.listTypes, "The MIME types that the backend can play");
+    return {"Questions, in place of playing",
+            {{"--can-play", "MIME",
+              "Whether the backend can play a content type, and why not; parameters as in '...; "
+              "width=1920' are read",
+              into(options.canPlay, form::contentType)},
+             parameter("--width", asked.width, "... of this width, pixels"),
+             parameter("--height", asked.height, "... of this height, pixels"),
+             parameter("--framerate", asked.framerate,
+                       "... at this rate, e.g. 25, 29.97 or 30000/1001"),
+             parameter("--bitrate", asked.bitrate, "... with so many bits per second"),
+             parameter("--channels", asked.channels, "... with so many channels"),
+             {"--list-types", nullptr, "The MIME types that the backend can play",
+              &options.listTypes}}};
 }
 
-void declare(CLI::App& app, Options& options) {
-    app.add_option("media", options.media, "Files or URLs, played one after the other")
-        ->type_name("FILE|URL")
-        ->envname("UVA_DEFAULT_MEDIA");
-    app.add_flag("--standalone", options.standalone,
-                 "Run without a main system: nobody arbitrates the decoders");
-    addMany(app, "--seek", times, options.seeks,
-            "Seek there, a URL once playback has started; several one after the other")
-        ->delimiter(',');
-    addOne(app, "--duration", period, options.duration, "Stop after playing for so long");
-    addOne(app, "--window", window, options.window, "Place the picture, in a screen of 1280x720");
-    app.add_flag("--deny-resources", options.denyResources,
-                 "Refuse the decoders when the backend asks for them");
-    auto* snapshot = app.add_option("--snapshot", options.snapshot,
-                                    "Write the picture at the end (of the last file) as PNG")
-                         ->type_name("OUT.png");
-    addOne(app, "--snapshot-at", time, options.snapshotAt, "... or when the position passes T")
-        ->needs(snapshot);
-    addOne(app, "--graph", graph, options.graph,
-           "Write the pipeline's graph: OUT.dot as it is, OUT.svg drawn by Graphviz");
-    app.add_option("--timeline", options.timeline,
-                   "Write operations, events and states as Chrome trace events")
-        ->type_name("OUT.json");
-    addOne(app, "--no-progress-timeout", time, options.noProgressTimeout,
-           "Give up when nothing moves for so long; 0: never (default: 5 to 30, by what is waited "
-           "for)");
-    app.add_option("--backend", options.backend, "The backend library (libuvagstbackend.so)")
-        ->type_name("PATH");
-    app.add_flag("--quiet", options.quiet,
-                 "Print nothing but errors and answers, nor let the library");
+/// What the options say together; empty, or what is wrong with it.
+std::string complete(Options& options, const Description& asked) {
+    for (const auto& parameter : host::contentParameters)
+        if (const auto& value = asked.*parameter.member; !value.empty())
+            *options.canPlay.*parameter.member = value;
+    const char* const media = std::getenv("UVA_DEFAULT_MEDIA");
+    if (options.media.empty() && media && *media)
+        options.media = {media};
+    const bool nothing = options.media.empty() && !options.canPlay && !options.listTypes;
+    return nothing ? "nothing to play; name a file or a URL" : "";
 }
 
 } // namespace
 
 std::optional<double> parseTime(const std::string& text) {
-    static const std::regex form("(?:(?:(\\d+):)?(\\d+):)?(\\d+\\.?\\d*|\\.\\d+)");
-    constexpr std::size_t longest = 32;
     constexpr double longestMedia = 1e9; // seconds; what nanoseconds in 64 bits hold
-    std::smatch parts;                   // hours, minutes, seconds
-    if (text.size() > longest || !std::regex_match(text, parts, form))
+    if (text.find_first_not_of("0123456789:.") != std::string::npos)
         return std::nullopt;
     double total = 0;
-    for (std::size_t i = 1; i < parts.size(); ++i) {
-        const double value = parts[i].matched ? std::stod(parts[i]) : 0;
-        if (value >= 60 && i > 1 && parts[i - 1].matched)
+    std::size_t begin = 0;
+    for (const int part : {0, 1, 2}) { // hours, minutes, seconds, or the last of them
+        const auto end = text.find(':', begin);
+        const bool last = end == std::string::npos;
+        const auto digits = text.substr(begin, end - begin);
+        const auto value = tools::readNumber(digits, 0.0, longestMedia);
+        if (!value || (part > 0 && *value >= 60) || (!last && digits.find('.') < digits.size()))
             return std::nullopt;
-        total = total * 60 + value;
+        total = total * 60 + *value;
+        if (last)
+            return total <= longestMedia ? std::optional(total) : std::nullopt;
+        begin = end + 1;
     }
-    return total <= longestMedia ? std::optional(total) : std::nullopt;
+    return std::nullopt;
 }
 
 std::optional<UVABackend::Rect> parseWindow(const std::string& text) {
@@ -258,25 +251,13 @@ std::optional<UVABackend::Rect> parseWindow(const std::string& text) {
 tools::Parsed<Options> parseOptions(int argc, const char* const* argv) {
     Options options;
     Description asked;
-    CLI::App app("Plays media through a UVA backend library.", "uva-host");
-    app.footer(footer);
-    app.get_formatter()->column_width(34);
-    app.set_help_flag("-h,--help", "Print this and exit");
-    declare(app, options);
-    app.option_defaults()->group("Media sources");
-    declareMediaSource(app, options);
-    app.option_defaults()->group("Questions, in place of playing");
-    declareQuestions(app, options, asked);
-    app.option_defaults()->group("Options");
-    app.set_version_flag("--version", "uva-host " UVA_HOST_VERSION);
-    app.callback([&] {
-        for (const auto& parameter : host::contentParameters)
-            if (const auto& value = asked.*parameter.member; !value.empty())
-                *options.canPlay.*parameter.member = value;
-        if (options.media.empty() && !options.canPlay && !options.listTypes)
-            throw CLI::RequiredError("media");
-    });
-    return tools::parse(app, argc, argv, options);
+    tools::CommandLine line{"uva-host",
+                            "Plays media through a UVA backend library.",
+                            details,
+                            {playing(options), mediaSources(options), questions(options, asked)}};
+    line.version = UVA_HOST_VERSION;
+    line.check = [&] { return complete(options, asked); };
+    return tools::parse(line, argc, argv, options);
 }
 
 } // namespace uvahost

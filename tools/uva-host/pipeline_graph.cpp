@@ -2,18 +2,14 @@
 
 #include "common/output_file.h"
 
+#include <glib.h>
+
 #include <algorithm>
-#include <cerrno>
 #include <csignal>
 #include <cstdlib>
-#include <cstring>
 #include <fstream>
 #include <initializer_list>
-#include <spawn.h>
-#include <sys/wait.h>
 #include <utility>
-
-extern char** environ;
 
 namespace uvahost {
 
@@ -54,32 +50,26 @@ std::string readFile(const fs::path& path) {
     return {std::istreambuf_iterator<char>(stream), {}};
 }
 
-/// Runs Graphviz; empty on success, else what to do.
+/// Runs Graphviz, which Ctrl-C ends; empty on success, else what to do.
 std::string draw(const fs::path& graph, const fs::path& drawing) {
-    sigset_t none;
-    sigemptyset(&none);
-    posix_spawnattr_t attributes;
-    posix_spawnattr_init(&attributes);
-    posix_spawnattr_setsigmask(&attributes, &none);
-    posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK);
-
-    std::string words[] = {"dot", "-Tsvg", "-o" + drawing.string(), graph.string()};
-    char* const argv[] = {words[0].data(), words[1].data(), words[2].data(), words[3].data(),
-                          nullptr};
-    pid_t pid = 0;
-    const int error = posix_spawnp(&pid, "dot", nullptr, &attributes, argv, environ);
-    posix_spawnattr_destroy(&attributes);
-    if (error != 0)
-        return std::string("cannot run 'dot': ") + std::strerror(error) +
-               "; install Graphviz, or ask for a file that ends in .dot";
-
+    const std::string output = "-o" + drawing.string();
+    const char* const words[] = {"dot", "-Tsvg", output.c_str(), graph.c_str(), nullptr};
+    const auto unblockSignals = [](gpointer) {
+        sigset_t none;
+        sigemptyset(&none);
+        sigprocmask(SIG_SETMASK, &none, nullptr);
+    };
     int status = 0;
-    while (waitpid(pid, &status, 0) < 0)
-        if (errno != EINTR)
-            return std::string("lost sight of 'dot': ") + std::strerror(errno);
-    if (WIFEXITED(status) && WEXITSTATUS(status) == 0)
-        return {};
-    return "'dot' failed to draw the graph; ask for a file that ends in .dot to see it";
+    GError* error = nullptr;
+    std::string text;
+    if (!g_spawn_sync(nullptr, const_cast<char**>(words), nullptr, G_SPAWN_SEARCH_PATH,
+                      unblockSignals, nullptr, nullptr, nullptr, &status, &error))
+        text = std::string("cannot run 'dot': ") + error->message +
+               "; install Graphviz, or ask for a file that ends in .dot";
+    else if (status != 0)
+        text = "'dot' failed to draw the graph; ask for a file that ends in .dot to see it";
+    g_clear_error(&error);
+    return text;
 }
 
 } // namespace

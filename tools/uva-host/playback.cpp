@@ -88,7 +88,6 @@ void Playback::begin(Media media) {
     if (m_stage.options.window)
         m_element.setWindow(*m_stage.options.window);
     m_element.play();
-    nextSeek();
 }
 
 host::Clock::duration Playback::played() const {
@@ -141,6 +140,10 @@ void Playback::take(const host::Status& status) {
     m_status = status;
     m_stage.display.show(status);
     m_stage.timeline.add(status);
+    if (!m_hasStarted && (isPlaying() || status.state == host::State::Ended)) {
+        m_hasStarted = true;
+        nextSeek();
+    }
     checkDetaches();
     const bool settled = status.state != host::State::Seeking;
     if (m_wantSnapshot && m_stage.options.snapshotAt && m_result.snapshot.rgba.empty() && settled &&

@@ -88,7 +88,8 @@ private:
 
     host::Status m_status;
     host::Clock::duration m_playedBefore{}; // spent playing, up to m_status.time
-    std::deque<double> m_seeksLeft;
+    bool m_hasStarted = false;
+    std::deque<double> m_seeksLeft;       // which begin then
     std::optional<double> m_seekFromList; // the one under way
     std::optional<double> m_lastTarget;   // of the newest seek, while any is under way
     int m_seeksOpen = 0;

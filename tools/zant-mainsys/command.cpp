@@ -52,7 +52,7 @@ bool readKinds(const std::string& text, uint32_t& kinds) {
 }
 
 /// A number, or a name as the list of signals has it, or its end.
-bool readSignal(const std::string& text, uint32_t& signal) {
+bool readSignal(const std::string& text, uint32_t& signal, Arguments& arguments) {
     if (const auto value = number(text)) {
         signal = static_cast<uint32_t>(*value);
         return true;
@@ -64,6 +64,7 @@ bool readSignal(const std::string& text, uint32_t& signal) {
             return true;
         }
     }
+    arguments.unknownSignal = text;
     return false;
 }
 
@@ -109,8 +110,8 @@ bool expectation(const Words& words, Arguments& arguments) {
         expected.parameter = static_cast<int32_t>(*parameter);
         rest.erase(rest.begin() + 1);
     }
-    return rest.size() == 3 && readSignal(rest[0], expected.signal) && rest[1] == "within" &&
-           readTime(rest[2], arguments.time);
+    return rest.size() == 3 && rest[1] == "within" && readTime(rest[2], arguments.time) &&
+           readSignal(rest[0], expected.signal, arguments);
 }
 
 bool rawBody(const Words& words, Arguments& arguments) {
@@ -118,7 +119,7 @@ bool rawBody(const Words& words, Arguments& arguments) {
     const std::pair<const char*, void*> fields[] = {
         {"param1=", &body.param1},    {"size=", &body.signalSize},    {"address=", &body.signalPtr},
         {"object=", &body.signalObj}, {"control=", &body.rpcControl}, {"count=", &arguments.count}};
-    if (words.empty() || !readSignal(words[0], body.signalId))
+    if (words.empty() || !readSignal(words[0], body.signalId, arguments))
         return false;
     for (size_t i = 1; i < words.size(); ++i) {
         const auto value = words[i].find('=') + 1;
@@ -188,8 +189,13 @@ Command parseCommand(const std::string& line) {
         if (name != row.name)
             continue;
         Command command{row.obey, {}, {}};
+        const std::string& unknown = command.arguments.unknownSignal;
         if (!row.read(words, command.arguments))
-            command.error = "write '" + name + (*row.words ? " " : "") + row.words + "'";
+            command.error = unknown.empty()
+                                ? "write '" + name + (*row.words ? " " : "") + row.words + "'"
+                                : "'" + unknown +
+                                      "' is no signal; take a name from the log, such as "
+                                      "DECODER_NEEDED_IND, or a number";
         return command;
     }
     return {nullptr, {}, "'" + name + "' is no command; 'help' lists them"};

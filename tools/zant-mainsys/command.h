@@ -27,6 +27,7 @@ struct Arguments {
     Milliseconds time{0};
     std::string text;
     std::optional<Expectation> expectation;
+    std::string unknownSignal; ///< a word that should name a signal, and names none
     ZantMsgBody body{};
     uint32_t count = 1;
 };

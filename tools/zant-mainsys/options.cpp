@@ -2,7 +2,7 @@
 
 #include "command.h"
 
-#include <CLI/CLI.hpp>
+#include <sys/stat.h>
 
 namespace mainsys {
 
@@ -49,29 +49,42 @@ Exit codes:
   137  'crash' (128 and SIGKILL)
 )";
 
+std::optional<int> parseDecoders(const std::string& text) {
+    return tools::readNumber(text, 0, 16);
+}
+
+/// Pipes are fine.
+std::optional<std::string> parseScenario(const std::string& path) {
+    struct stat info {};
+    const bool readable = stat(path.c_str(), &info) == 0 && !S_ISDIR(info.st_mode);
+    return readable ? std::optional(path) : std::nullopt;
+}
+
+constexpr tools::Form<int> decoders{parseDecoders, "is no number from 0 to 16"};
+constexpr tools::Form<std::string> scenario{parseScenario, "is no file that is there"};
+
 } // namespace
 
 tools::Parsed<Options> parseOptions(int argc, const char* const* argv) {
     Options options;
-    CLI::App app(purpose, "zant-mainsys");
-    app.footer("\nCommands:\n" + commandHelp() + examples);
-    app.get_formatter()->column_width(28);
-    app.set_help_flag("-h,--help", "Print this and exit");
-    app.add_option("--scenario", options.scenario, "Commands to obey, a line each; then end")
-        ->type_name("FILE")
-        ->check(CLI::ExistingFile);
-    app.add_option("--timeline", options.timeline, "Write the handshake as Chrome trace events")
-        ->type_name("OUT.json");
-    const CLI::Range some(0, 16);
-    app.add_option("--audio", options.audioDecoders, "Number of audio decoders (1)")
-        ->type_name("N")
-        ->check(some);
-    app.add_option("--video", options.videoDecoders, "Number of video decoders (1)")
-        ->type_name("N")
-        ->check(some);
-    app.add_flag("--down", options.down, "Begin without a main system, until 'restart'");
-    app.add_flag("--quiet", options.quiet, "Print nothing but failed expectations and errors");
-    return tools::parse(app, argc, argv, options);
+    using tools::into;
+    const tools::CommandLine line{
+        "zant-mainsys",
+        purpose,
+        "\nCommands:\n" + commandHelp() + examples,
+        {{"Options",
+          {{"--scenario", "FILE", "Commands to obey, a line each; then end",
+            into(options.scenario, scenario)},
+           {"--timeline", "OUT.json", "Write the handshake as Chrome trace events",
+            &options.timeline},
+           {"--audio", "N", "Number of audio decoders, up to 16 (1)",
+            into(options.audioDecoders, decoders)},
+           {"--video", "N", "Number of video decoders, up to 16 (1)",
+            into(options.videoDecoders, decoders)},
+           {"--down", nullptr, "Begin without a main system, until 'restart'", &options.down},
+           {"--quiet", nullptr, "Print nothing but failed expectations and errors",
+            &options.quiet}}}}};
+    return tools::parse(line, argc, argv, options);
 }
 
 } // namespace mainsys

@@ -1,5 +1,5 @@
 #include "command_run.h"
-#include "common/boxes/box_registry.h"
+#include "common/box_registry.h"
 #include "exchange.h"
 #include "exit_code.h"
 #include "interactive.h"
@@ -76,7 +76,8 @@ int runWhereTheShellIs(const Options& options) {
 
 int main(int argc, char** argv) {
     try {
-        return zantsh::runWhereTheShellIs(zantsh::parseOptions(argc, argv));
+        const auto parsed = zantsh::parseOptions(argc, argv);
+        return parsed.options ? zantsh::runWhereTheShellIs(*parsed.options) : parsed.tell();
     } catch (const std::exception& failure) {
         std::fprintf(stderr, "zantsh: %s\n", failure.what());
     }

@@ -2,9 +2,6 @@
 
 #include "exit_code.h"
 
-#include <CLI/CLI.hpp>
-#include <cstdlib>
-
 namespace zantsh {
 
 namespace {
@@ -44,41 +41,47 @@ Examples
   zantsh --box tv1 m_traceon 9 TRACELEVEL_DEBUG
 )";
 
+std::optional<std::chrono::milliseconds> parseTimeout(const std::string& text) {
+    const auto seconds = tools::readNumber(text, 0.001, 1e6);
+    return seconds ? std::optional(std::chrono::milliseconds(static_cast<long>(*seconds * 1000)))
+                   : std::nullopt;
+}
+
+std::optional<std::string> parseSocket(const std::string& name) {
+    const bool plain = !name.empty() && name.find('/') == std::string::npos;
+    return plain ? std::optional(name) : std::nullopt;
+}
+
+constexpr tools::Form<std::chrono::milliseconds> timeout{
+    parseTimeout, "is no time; write seconds, from 0.001 to 1000000"};
+constexpr tools::Form<std::string> socketName{parseSocket,
+                                              "is no name; give it alone, without /tmp/"};
+
 } // namespace
 
-Options parseOptions(int argc, char** argv) {
+tools::Parsed<Options> parseOptions(int argc, const char* const* argv) {
     Options options;
-    double seconds = 10;
-    CLI::App app(purpose, "zantsh");
-    app.footer(details);
-    app.prefix_command();
-    app.add_option("--socket", options.socket, "Name of the shell's socket in /tmp")
-        ->type_name("NAME")
-        ->capture_default_str();
-    app.add_option("--timeout", seconds, "Wait that long for an answer")
-        ->type_name("SECONDS")
-        ->check(CLI::Range(0.001, 1e6))
-        ->capture_default_str();
-    app.add_option("--box", options.box, "The shell inside a box of tvbox")->type_name("NAME");
-    app.add_option("--follow", options.follow, "Show what is added to this file, too")
-        ->type_name("FILE")
-        ->allow_extra_args(false);
-    try {
-        app.parse(argc, argv);
-        for (const std::string& word : app.remaining()) {
-            if (options.command.empty() && word == "--")
-                continue;
-            if (options.command.empty() && word[0] == '-')
-                throw CLI::ExtrasError({word});
+    std::vector<std::string> words;
+    using tools::into;
+    tools::CommandLine line{
+        "zantsh",
+        purpose,
+        details,
+        {{"Options",
+          {{"--socket", "NAME", "Name of the shell's socket in /tmp (zant_dbg_server_uva)",
+            into(options.socket, socketName)},
+           {"--timeout", "SECONDS", "Wait that long for an answer (10)",
+            into(options.timeout, timeout)},
+           {"--box", "NAME", "The shell inside a box of tvbox", &options.box},
+           {"--follow", "FILE", "Show what is added to this file, too", &options.follow}}}}};
+    line.command = &words;
+    line.usageError = ExitNoShell;
+    line.check = [&] {
+        for (const auto& word : words)
             options.command += (options.command.empty() ? "" : " ") + word;
-        }
-        if (options.socket.empty() || options.socket.find('/') != std::string::npos)
-            throw CLI::ValidationError("--socket", "give the name alone, without /tmp/");
-    } catch (const CLI::ParseError& error) {
-        std::exit(app.exit(error) == 0 ? ExitOk : ExitNoShell);
-    }
-    options.timeout = std::chrono::milliseconds(static_cast<long long>(seconds * 1000));
-    return options;
+        return std::string();
+    };
+    return tools::parse(line, argc, argv, options);
 }
 
 } // namespace zantsh

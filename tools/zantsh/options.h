@@ -1,6 +1,8 @@
 #ifndef ZANTSH_OPTIONS_H
 #define ZANTSH_OPTIONS_H
 
+#include "common/options.h"
+
 #include <chrono>
 #include <string>
 #include <vector>
@@ -16,8 +18,7 @@ struct Options {
     std::string command; ///< empty: interactive
 };
 
-/// Ends the process where a text is all that is wanted (--help) or the command line is wrong.
-Options parseOptions(int argc, char** argv);
+tools::Parsed<Options> parseOptions(int argc, const char* const* argv);
 
 } // namespace zantsh
 

@@ -41,7 +41,7 @@ CTimeTrace::CTimeTrace(unsigned capacity, int unit, int level)
 
 void CTimeTrace::InitTT() {
     m_lastIndex = 0;
-    std::fill_n(m_points.get(), m_capacity, Point{0, unwrittenText, 0, 0});
+    std::fill_n(m_points.get(), m_capacity, Point{0, unwrittenText, {}});
 }
 
 int32_t CTimeTrace::StartTT(const char* text) {
@@ -61,16 +61,8 @@ int32_t CTimeTrace::record(int32_t index, int32_t id, const char* text) {
     timespec now{};
     const int32_t result = clock_gettime(CLOCK_MONOTONIC, &now);
     if (index < m_capacity)
-        m_points[static_cast<size_t>(index)] = {id, text, static_cast<int32_t>(now.tv_sec),
-                                                static_cast<int32_t>(now.tv_nsec)};
+        m_points[static_cast<size_t>(index)] = {id, text, now};
     return result;
-}
-
-timespec CTimeTrace::timeOf(const Point& point) {
-    timespec time{};
-    time.tv_sec = point.seconds;
-    time.tv_nsec = point.nanoseconds;
-    return time;
 }
 
 timespec CTimeTrace::TTDiffTime(timespec a, timespec b) {
@@ -87,7 +79,7 @@ timespec CTimeTrace::TTDiffTime(timespec a, timespec b) {
 timespec CTimeTrace::TTDiffTimeTotal() const {
     if (m_capacity == 0)
         return {};
-    return TTDiffTime(timeOf(m_points[0]), timeOf(m_points[static_cast<size_t>(m_lastIndex)]));
+    return TTDiffTime(m_points[0].time, m_points[static_cast<size_t>(m_lastIndex)].time);
 }
 
 timespec CTimeTrace::TTDiffTimeTotalCurrent() const {
@@ -95,7 +87,7 @@ timespec CTimeTrace::TTDiffTimeTotalCurrent() const {
         return {};
     timespec now{};
     clock_gettime(CLOCK_MONOTONIC, &now);
-    return TTDiffTime(timeOf(m_points[0]), now);
+    return TTDiffTime(m_points[0].time, now);
 }
 
 int32_t CTimeTrace::TTGetRange(timespec* out, int32_t start, int32_t end) const {
@@ -108,8 +100,8 @@ int32_t CTimeTrace::TTGetRange(timespec* out, int32_t start, int32_t end) const 
         return fail(errorIllegalRange, "Illegal range : %d - %d (length=%d)\n", start, end,
                     m_lastIndex);
     if (out)
-        *out = TTDiffTime(timeOf(m_points[static_cast<size_t>(start)]),
-                          timeOf(m_points[static_cast<size_t>(last)]));
+        *out = TTDiffTime(m_points[static_cast<size_t>(start)].time,
+                          m_points[static_cast<size_t>(last)].time);
     return 0;
 }
 
@@ -136,12 +128,10 @@ void CTimeTrace::TTPrint() const {
     for (int32_t index = 0; index <= std::min(m_lastIndex, m_capacity - 1); ++index) {
         const Point& point = m_points[static_cast<size_t>(index)];
         if (index > 0)
-            difference =
-                TTDiffTime(timeOf(m_points[static_cast<size_t>(index - 1)]), timeOf(point));
+            difference = TTDiffTime(m_points[static_cast<size_t>(index - 1)].time, point.time);
         FormattedStringToStdout("%04d Id = %04d usec = %06ld Diff (sec.usec) = %03ld.%06ld %s\n",
-                                index, point.id, static_cast<long>(point.nanoseconds / 1000),
-                                secondsOf(difference), microsecondsOf(difference),
-                                shown(point.text));
+                                index, point.id, microsecondsOf(point.time), secondsOf(difference),
+                                microsecondsOf(difference), shown(point.text));
     }
 }
 

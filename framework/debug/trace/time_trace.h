@@ -60,11 +60,9 @@ private:
     struct Point {
         int32_t id;
         const char* text;
-        int32_t seconds;
-        int32_t nanoseconds;
+        timespec time;
     };
 
-    static timespec timeOf(const Point& point);
     int32_t record(int32_t index, int32_t id, const char* text);
     int32_t findId(int32_t id) const;
     int32_t fail(int32_t code, const char* format, ...) const __attribute__((format(printf, 3, 4)));

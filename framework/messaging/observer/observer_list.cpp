@@ -1,6 +1,7 @@
 #include "messaging/observer/observer_list.h"
 
 #include "debug/trace/zant_trace.h"
+#include "util/cancellation_block.h"
 
 #include <algorithm>
 #include <iterator>
@@ -17,13 +18,15 @@ auto isOf(intptr_t observer, unsigned long signal) {
 } // namespace
 
 bool ObserverList::contains(intptr_t observer, unsigned long signal) const {
-    const RecursiveMutexLock lock(m_mutex);
+    const CancellationBlock block;
+    const MutexLock lock(m_mutex);
     return std::any_of(m_records.begin(), m_records.end(), isOf(observer, signal));
 }
 
 int32_t ObserverList::add(intptr_t observer, long callbackId, long callbackId2,
                           unsigned long signal) {
-    const RecursiveMutexLock lock(m_mutex);
+    const CancellationBlock block;
+    const MutexLock lock(m_mutex);
     if (contains(observer, signal)) {
         ZANT_TRACE_STREAM(TRACEUNIT_OBSERVER, TRACELEVEL_ERROR,
                           m_form.alreadyRegistered << m_observable << '\n');
@@ -38,19 +41,22 @@ int32_t ObserverList::add(intptr_t observer, long callbackId, long callbackId2,
 }
 
 int32_t ObserverList::remove(intptr_t observer, unsigned long signal) {
-    const RecursiveMutexLock lock(m_mutex);
+    const CancellationBlock block;
+    const MutexLock lock(m_mutex);
     const size_t before = m_records.size();
     m_records.remove_if(isOf(observer, signal));
     return m_records.size() < before ? 0 : observerUnknown;
 }
 
 void ObserverList::clear() {
-    const RecursiveMutexLock lock(m_mutex);
+    const CancellationBlock block;
+    const MutexLock lock(m_mutex);
     m_records.clear();
 }
 
 int32_t ObserverList::count(unsigned long signal) const {
-    const RecursiveMutexLock lock(m_mutex);
+    const CancellationBlock block;
+    const MutexLock lock(m_mutex);
     return static_cast<int32_t>(
         std::count_if(m_records.begin(), m_records.end(), [signal](const Record& record) {
             return record.wants(static_cast<uint32_t>(signal));
@@ -60,7 +66,8 @@ int32_t ObserverList::count(unsigned long signal) const {
 int32_t ObserverList::notify(CZantMsg* msg) {
     if (!msg)
         return observerIllegal;
-    const RecursiveMutexLock lock(m_mutex);
+    const CancellationBlock block;
+    const MutexLock lock(m_mutex);
     const int32_t nrOfObservers = count(msg->signalId);
     ZANT_TRACE_STREAM(TRACEUNIT_OBSERVER, TRACELEVEL_INFO,
                       m_form.notified << nrOfObservers << '\n');

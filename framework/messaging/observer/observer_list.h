@@ -2,7 +2,7 @@
 #define MESSAGING_OBSERVER_LIST_H
 
 #include "messaging/queue/zant_msg.h"
-#include "util/recursive_mutex.h"
+#include "util/mutex.h"
 
 #include <cstdint>
 #include <list>
@@ -46,7 +46,7 @@ public:
     ObserverList(const void* observable, const Form& form)
         : m_observable(observable), m_form(form) {}
 
-    RecursiveMutex& mutex() RETURN_CAPABILITY(m_mutex) { return m_mutex; }
+    Mutex& mutex() RETURN_CAPABILITY(m_mutex) { return m_mutex; }
 
     bool contains(intptr_t observer, unsigned long signal) const;
     int32_t add(intptr_t observer, long callbackId, long callbackId2, unsigned long signal);
@@ -66,7 +66,7 @@ private:
 
     const void* const m_observable;
     const Form& m_form;
-    mutable RecursiveMutex m_mutex;
+    mutable Mutex m_mutex{Mutex::Recursive()};
     std::list<Record> m_records GUARDED_BY(m_mutex);
     uint64_t m_lastSerial GUARDED_BY(m_mutex) = 0;
 };

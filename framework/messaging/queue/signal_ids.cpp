@@ -1,34 +1,31 @@
 #include "messaging/queue/signal_ids.h"
 
-#include <iterator>
+#include <array>
+#include <string_view>
 
 namespace {
 
-struct Row {
-    uint32_t value;
-    const char* name;
-};
-
-constexpr Row rows[] = {
-#define ZANT_SIGNAL(value, name) {value, #name},
-#include "messaging/queue/signal_ids.def"
-#undef ZANT_SIGNAL
-};
-
-constexpr bool rowsAreDense() {
-    uint32_t expected = 0;
-    for (const Row& row : rows) {
-        if (row.value != expected++)
-            return false;
+constexpr auto reservedNames = [] {
+    std::array<std::array<char, sizeof "SIG_ID_RESERVED_670">, nrOfSignalIds> names{};
+    for (uint32_t value = 0; value < nrOfSignalIds; ++value) {
+        char* end = names[value].data();
+        for (const char c : std::string_view("SIG_ID_RESERVED_"))
+            *end++ = c;
+        for (uint32_t unit = value >= 100 ? 100 : value >= 10 ? 10 : 1; unit > 0; unit /= 10)
+            *end++ = static_cast<char>('0' + value / unit % 10);
     }
-    return true;
-}
-
-static_assert(std::size(rows) == nrOfSignalIds, "a row of the signal table is missing");
-static_assert(rowsAreDense(), "the rows of the signal table must be in the order of their values");
+    return names;
+}();
 
 } // namespace
 
 const char* GetSignalIdNamePtr(SignalIds signal) {
-    return rows[signal < nrOfSignalIds ? signal : SIG_ID_NULL].name;
+    switch (signal) {
+#define ZANT_SIGNAL(value, name)                                                                   \
+    case name:                                                                                     \
+        return #name;
+#include "messaging/queue/signal_ids.def"
+#undef ZANT_SIGNAL
+    }
+    return signal < nrOfSignalIds ? reservedNames[signal].data() : "SIG_ID_NULL";
 }

@@ -51,16 +51,7 @@ int32_t CZantMsg::CopyMsg(const CZantMsg& other) {
     if (this == &other)
         return 0;
     FreeSignal();
-    signalId = other.signalId;
-    param1 = other.param1;
-    responseQueue = other.responseQueue;
-    responseInfo = other.responseInfo;
-    responseInfo2 = other.responseInfo2;
-    param2 = other.param2;
-    param3 = other.param3;
-    rpcControl = other.rpcControl;
-    param4 = other.param4;
-    signalSize = other.signalSize;
+    static_cast<ZantMsgValues&>(*this) = other;
     sharedAddress = other.sharedAddress;
 
     const int32_t result = copyBuffer(other);

@@ -15,15 +15,35 @@ public:
     virtual CZantMsgObject* Clone() const = 0;
 };
 
+/// What a message says besides its payloads, in the order in which it lies in a queue.
+struct ZantMsgValues {
+    /// One of SignalIds.
+    uint32_t signalId = SIG_ID_NULL;
+    int32_t param1 = 0;
+    /// Handle of the queue that a reply goes to, 0 for none.
+    int32_t responseQueue = 0;
+    /// The requester's cookies, copied unchanged into the response. In an expiry message the id of
+    /// the timer and the word that stands for it.
+    int32_t responseInfo = 0;
+    int32_t responseInfo2 = 0;
+    int32_t param2 = 0;
+    int32_t param3 = 0;
+    /// Of remote calls: flags in the low half, sequence counter in the third byte.
+    uint32_t rpcControl = 0;
+    int32_t param4 = 0;
+    /// Length of the buffer in bytes.
+    int32_t signalSize = 0;
+};
+
 /// The message that every thread of the framework talks to every other with.
 ///
 /// A message owns its payloads, the buffer and the object, and frees them at its end. A successful
 /// send hands them to the receiver and leaves this message without; a failed send frees them. Bound
 /// to one thread at a time.
-class CZantMsg {
+class CZantMsg : public ZantMsgValues {
 public:
     CZantMsg() = default;
-    explicit CZantMsg(unsigned long signal) : signalId(static_cast<uint32_t>(signal)) {}
+    explicit CZantMsg(unsigned long signal) { signalId = static_cast<uint32_t>(signal); }
     CZantMsg(const CZantMsg& other);
     CZantMsg& operator=(const CZantMsg& other);
     virtual ~CZantMsg();
@@ -50,22 +70,6 @@ public:
     /// The name of `signalId`, "SIG_ID_NULL" for a value that is none.
     const char* signalName() const { return GetSignalIdNamePtr(static_cast<SignalIds>(signalId)); }
 
-    /// One of SignalIds.
-    uint32_t signalId = SIG_ID_NULL;
-    int32_t param1 = 0;
-    /// Handle of the queue that a reply goes to, 0 for none.
-    int32_t responseQueue = 0;
-    /// The requester's cookies, copied unchanged into the response. In an expiry message the id of
-    /// the timer and the word that stands for it.
-    int32_t responseInfo = 0;
-    int32_t responseInfo2 = 0;
-    int32_t param2 = 0;
-    int32_t param3 = 0;
-    /// Of remote calls: flags in the low half, sequence counter in the third byte.
-    uint32_t rpcControl = 0;
-    int32_t param4 = 0;
-    /// Length of the buffer in bytes.
-    int32_t signalSize = 0;
     /// The buffer, from ::operator new(size).
     void* signalPtr = nullptr;
     CZantMsgObject* signalObj = nullptr;

@@ -7,32 +7,8 @@ using pointer_tokens::Kind;
 
 namespace {
 
-ZantMsgBody packValues(const CZantMsg& msg) {
-    ZantMsgBody body{};
-    body.signalId = msg.signalId;
-    body.param1 = msg.param1;
-    body.responseQueue = msg.responseQueue;
-    body.responseInfo = msg.responseInfo;
-    body.responseInfo2 = msg.responseInfo2;
-    body.param2 = msg.param2;
-    body.param3 = msg.param3;
-    body.rpcControl = msg.rpcControl;
-    body.param4 = msg.param4;
-    body.signalSize = msg.signalSize;
-    return body;
-}
-
 void unpackValues(const ZantMsgBody& body, CZantMsg& msg) {
-    msg.signalId = body.signalId;
-    msg.param1 = body.param1;
-    msg.responseQueue = body.responseQueue;
-    msg.responseInfo = body.responseInfo;
-    msg.responseInfo2 = body.responseInfo2;
-    msg.param2 = body.param2;
-    msg.param3 = body.param3;
-    msg.rpcControl = body.rpcControl;
-    msg.param4 = body.param4;
-    msg.signalSize = body.signalSize;
+    static_cast<ZantMsgValues&>(msg) = body;
     msg.signalPtr = nullptr;
     msg.signalObj = nullptr;
     msg.sharedAddress = 0;
@@ -41,9 +17,7 @@ void unpackValues(const ZantMsgBody& body, CZantMsg& msg) {
 } // namespace
 
 ZantMsgBody packForOtherProcess(const CZantMsg& msg) {
-    ZantMsgBody body = packValues(msg);
-    body.signalPtr = msg.sharedAddress;
-    return body;
+    return {msg, msg.sharedAddress, 0};
 }
 
 void unpackFromOtherProcess(const ZantMsgBody& body, CZantMsg& msg) {
@@ -72,7 +46,7 @@ void unpackMsg(const ZantMsgBody& body, CZantMsg& msg) {
             static_cast<unsigned long>(body.signalId), body.signalPtr, body.signalObj);
 }
 
-PackedMsg::PackedMsg(CZantMsg& msg) : m_msg(msg), m_body(packValues(msg)) {
+PackedMsg::PackedMsg(CZantMsg& msg) : m_msg(msg), m_body{msg, 0, 0} {
     if (msg.signalPtr)
         m_body.signalPtr = pointer_tokens::put(msg.signalPtr, Kind::buffer, msg.signalSize);
     if (msg.signalObj)

@@ -3,30 +3,17 @@
 
 #include "messaging/queue/zant_msg.h"
 
-#include <cstddef>
 #include <cstdint>
 
-/// A message as it lies in a queue: twelve words in the machine's byte order, the fields of
-/// CZantMsg in their order. The last two stand for the payloads, see pointer_tokens; on a queue
-/// between processes the first of them is an address in shared memory and the second is 0.
-struct ZantMsgBody {
-    uint32_t signalId;
-    int32_t param1;
-    int32_t responseQueue;
-    int32_t responseInfo;
-    int32_t responseInfo2;
-    int32_t param2;
-    int32_t param3;
-    uint32_t rpcControl;
-    int32_t param4;
-    int32_t signalSize;
-    uint32_t signalPtr;
-    uint32_t signalObj;
+/// A message as it lies in a queue: twelve words in the machine's byte order. The last two stand
+/// for the payloads, see pointer_tokens; on a queue between processes the first of them is an
+/// address in shared memory and the second is 0.
+struct ZantMsgBody : ZantMsgValues {
+    uint32_t signalPtr = 0;
+    uint32_t signalObj = 0;
 };
 
-static_assert(sizeof(ZantMsgBody) == 48);
-static_assert(offsetof(ZantMsgBody, rpcControl) == 28);
-static_assert(offsetof(ZantMsgBody, signalObj) == 44);
+static_assert(sizeof(ZantMsgValues) == 40 && sizeof(ZantMsgBody) == 48);
 
 /// The message's values, the shared address in place of the buffer, no payload of this process.
 ZantMsgBody packForOtherProcess(const CZantMsg& msg);

@@ -152,6 +152,5 @@ void CThreadObject::StopAllThreads() {
         m_stopAllObject = nullptr;
         announceChange();
     }
-    m_stopAllIsActive = false;
-    announceChange();
+    m_stopAllIsActive = false; // told of already: the lock was not given back since
 }

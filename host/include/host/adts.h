@@ -17,7 +17,7 @@ struct AdtsFormat {
     unsigned int channels = 0;  ///< channel configuration, 1 to 7
 };
 
-inline constexpr std::size_t adtsHeaderSize = 7;                               ///< bytes
+inline constexpr std::size_t adtsHeaderSize = 7;                           ///< bytes
 inline constexpr std::size_t maximumAdtsPayload = 0x1fff - adtsHeaderSize; ///< bytes
 
 /// From an AudioSpecificConfig (ISO/IEC 14496-3, 1.6.2.1). HE-AAC answers its AAC-LC core: decoders

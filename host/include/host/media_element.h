@@ -93,6 +93,7 @@ public:
     void open(std::string uri);
     /// The same with samples in place of a URL.
     void openSource(MediaSource source);
+    /// Before one of the two nothing is fetched, fed or shown. Behind the end playback begins anew.
     void play();
     void pause();
 

@@ -14,13 +14,13 @@ namespace host {
 
 /// What a media element plays when the host feeds it: samples in place of a URL.
 struct MediaSource {
-    /// Opens the streams that are there from the beginning, at most one of a kind. Called once, on a
-    /// thread of the element's own on which such streams are read too; may block until `cancelled`
-    /// becomes true. Empty: all streams come with MediaElement::attach().
+    /// Opens the streams that are there from the beginning, at most one of a kind. Called once, on
+    /// a thread of the element's own on which such streams are read too; may block until
+    /// `cancelled` becomes true. Empty: all streams come with MediaElement::attach().
     std::function<DemuxedMedia(const std::atomic<bool>& cancelled)> open;
 
-    double start = 0;    ///< where playback begins, seconds
-    double duration = 0; ///< of the whole, seconds; 0: as the streams tell
+    double start = 0;    ///< where playback begins, seconds; 0 for what is no time
+    double duration = 0; ///< of the whole, seconds; 0 or infinite: as the streams tell
 
     /// Decrypts, under clearKeySystem, what is encrypted; must be on offer to the backends
     /// (UVA_OfferDRMBackend). Null: encrypted samples cannot be fed. Samples whose key is not there

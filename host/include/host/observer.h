@@ -50,9 +50,9 @@ public:
     virtual void onStarved(SourceId source);
     virtual void onFilled(SourceId source);
 
-    /// Samples of this source, from this time on (seconds), are held back until the key with this id
-    /// is there and MediaElement::resumeFeeding() was called. Once a key, until something else was
-    /// fed.
+    /// Samples of this source, from this time on (seconds), are held back until the key with this
+    /// id is there and MediaElement::resumeFeeding() was called. Once a key, until something else
+    /// was fed.
     virtual void onKeyNeeded(SourceId source, const KeyBytes& id, double time);
 };
 

@@ -27,7 +27,8 @@ public:
     TrackBuffer(const TrackBuffer&) = delete;
     TrackBuffer& operator=(const TrackBuffer&) = delete;
 
-    /// A frame whose sequence is there already takes the place of that one.
+    /// A frame whose sequence is there already takes the place of that one. One whose times are not
+    /// finite is left out.
     void add(std::vector<BufferedFrame> frames);
     void remove(const std::vector<std::uint64_t>& sequences); ///< unknown ones do not matter
 
@@ -36,11 +37,12 @@ public:
 
     std::size_t size() const; ///< frames
 
-    /// What is played. It reads in decoding order: from the key frame of the group in which the time
-    /// of the last seek lies, group by group, up to a gap, which is longer than 0.15 s and than
-    /// twice the longest frame. There it waits for what is missing; behind the last frame it ends,
-    /// if the buffer has. Where nothing lies at the time of a seek, it waits too. When frames under
-    /// the cursor were replaced, it goes on with the key frame of the group that is there now.
+    /// What is played. It reads in decoding order: from the key frame of the group in which the
+    /// time of the last seek lies, group by group, up to a gap, which is longer than 0.15 s and
+    /// than twice the longest frame. There it waits for what is missing; behind the last frame it
+    /// ends, if the buffer has. Where nothing lies at the time of a seek, it waits too. When frames
+    /// under the cursor were replaced, it goes on with the key frame of the group that is there
+    /// now.
     ///
     /// It is immediate, see SampleStream, and may outlive the buffer, which then is empty and has
     /// ended. One at a time: an earlier one has nothing to read any more.

@@ -102,8 +102,7 @@ GstPtr<GstElement> HalVideoSink::makeDeviceOutput() {
 void HalVideoSink::deviceOutputAdded(GstElement* output) {
     applyVisible();
     const GstPtr<GstPad> pad(gst_element_get_static_pad(output, "sink"));
-    gst_pad_add_probe(pad.get(), GST_PAD_PROBE_TYPE_BUFFER, onDeviceBuffer, this,
-                      nullptr);
+    gst_pad_add_probe(pad.get(), GST_PAD_PROBE_TYPE_BUFFER, onDeviceBuffer, this, nullptr);
 }
 
 GstPtr<GstStructure> HalVideoSink::describe(const GstCaps* decoded, const MediaFormat&) {

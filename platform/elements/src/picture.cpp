@@ -32,10 +32,6 @@ private:
     bool m_mapped;
 };
 
-struct UnrefBuffer {
-    void operator()(GstBuffer* buffer) const { gst_buffer_unref(buffer); }
-};
-
 } // namespace
 
 bool convertPicture(GstSample* sample, nox::Picture& picture, int width, int height) {
@@ -58,7 +54,7 @@ bool convertPicture(GstSample* sample, nox::Picture& picture, int width, int hei
     to.fps_d = from.fps_d;
 
     std::vector<std::uint8_t> rgba(GST_VIDEO_INFO_SIZE(&to));
-    const std::unique_ptr<GstBuffer, UnrefBuffer> target(gst_buffer_new_wrapped_full(
+    const GstPtr<GstBuffer> target(gst_buffer_new_wrapped_full(
         GstMemoryFlags{}, rgba.data(), rgba.size(), 0, rgba.size(), nullptr, nullptr));
     MappedFrame source(from, buffer, GST_MAP_READ);
     MappedFrame result(to, target.get(), GST_MAP_WRITE);

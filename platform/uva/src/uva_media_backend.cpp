@@ -84,8 +84,6 @@ struct UVAMediaBackend::State {
     Capture capture;
     bool active = true;
     std::vector<AVComponent*> externalComponents;
-    std::map<std::string, std::string> prefs;
-    std::map<std::string, std::string> attributes;
 };
 
 UVAMediaBackend::UVAMediaBackend(UVABackendType type, UVAClient* client)
@@ -237,10 +235,7 @@ int UVAMediaBackend::setKeySystem(const char* id) {
 }
 
 int UVAMediaBackend::passDataAttribute(const char* name, const char* value) {
-    if (name == nullptr || value == nullptr)
-        return Failure;
-    m_state->attributes[name] = value;
-    return Success;
+    return name != nullptr && value != nullptr ? Success : Failure; // no backend asks for it
 }
 
 int UVAMediaBackend::setActive(bool active) {
@@ -253,8 +248,6 @@ int UVAMediaBackend::setActive(bool active) {
     return result;
 }
 
-int UVAMediaBackend::setPrefs(const std::map<std::string, std::string>& prefs) {
-    for (const auto& [name, value] : prefs)
-        m_state->prefs[name] = value;
+int UVAMediaBackend::setPrefs(const std::map<std::string, std::string>& /*prefs*/) {
     return Success;
 }

@@ -140,7 +140,9 @@ public:
     int getSeekableTimeRanges(ByteRange**, TimeRange**&) override { return Failure; }
     int getBufferedTimeRanges(unsigned int id, const std::vector<ByteRange>&,
                               std::vector<TimeRange>& ranges) override {
-        if (const double end = answers().bufferedTo[id - 1]; end >= 0)
+        const double end =
+            id <= std::size(answers().bufferedTo) ? answers().bufferedTo[id - 1].load() : -1;
+        if (end >= 0)
             ranges = {{0, end / 4}, {end / 2, end}};
         return Success;
     }

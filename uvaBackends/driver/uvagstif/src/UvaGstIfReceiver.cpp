@@ -2,11 +2,11 @@
 
 #include "UvaGstIfLowerLayer.h"
 #include "messaging/queue/zant_msg.h"
+#include "util/thrown_by.h"
 
 #include <algorithm>
 #include <chrono>
 #include <cstring>
-#include <exception>
 #include <string>
 #include <string_view>
 
@@ -58,6 +58,17 @@ void CUvaGstIfReceiver::cutOff() {
 void CUvaGstIfReceiver::connectBackend(const UvaGstIfControl* newBackend) {
     const UvaGstIfLogLater later;
     const MutexLock lock(backendMutex);
+    setBackend(newBackend);
+}
+
+void CUvaGstIfReceiver::disconnectBackend(const UvaGstIfControl* goingBackend) {
+    const UvaGstIfLogLater later;
+    const MutexLock lock(backendMutex);
+    if (backend == goingBackend)
+        setBackend(nullptr);
+}
+
+void CUvaGstIfReceiver::setBackend(const UvaGstIfControl* newBackend) {
     if ((backend == nullptr) != (newBackend == nullptr))
         UVA_GST_IF_LOG(BackendIf, Debug, "old = %p, new = %p", static_cast<const void*>(backend),
                        static_cast<const void*>(newBackend));
@@ -68,12 +79,8 @@ void CUvaGstIfReceiver::connectBackend(const UvaGstIfControl* newBackend) {
 void CUvaGstIfReceiver::ProcessZantMsg(CZantMsg* msg) {
     if (!msg)
         return;
-    try {
-        dispatch(*msg);
-    } catch (const std::exception& exception) {
-        UVA_GST_IF_LOG(BackendIf, Error, "***E: %s is lost: %s", signalName(*msg),
-                       exception.what());
-    }
+    if (const auto thrown = thrownBy([&] { dispatch(*msg); }))
+        UVA_GST_IF_LOG(BackendIf, Error, "***E: %s is lost: %s", signalName(*msg), thrown->c_str());
     msg->FreeSignal();
 }
 
@@ -97,13 +104,14 @@ void CUvaGstIfReceiver::dispatch(CZantMsg& msg) {
 
 int CUvaGstIfReceiver::decoder_request_cb(GstElement*, const char* type, void* receiver) noexcept {
     const auto kind = mediaKindOf(type);
-    try {
-        return kind && receiver &&
-               static_cast<CUvaGstIfReceiver*>(receiver)->requestDecoder(*kind, nullptr);
-    } catch (const std::exception& exception) {
-        UVA_GST_IF_LOG(BackendIf, Error, "***E: no request for %s: %s", type, exception.what());
-        return 0;
-    }
+    bool granted = false;
+    const auto thrown = thrownBy([&] {
+        granted = kind && receiver &&
+                  static_cast<CUvaGstIfReceiver*>(receiver)->requestDecoder(*kind, nullptr);
+    });
+    if (thrown)
+        UVA_GST_IF_LOG(BackendIf, Error, "***E: no request for %s: %s", type, thrown->c_str());
+    return granted;
 }
 
 bool CUvaGstIfReceiver::requestDecoder(MediaKind kind, UvaGstIfRequester requester,

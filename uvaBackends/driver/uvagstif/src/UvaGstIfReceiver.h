@@ -57,6 +57,8 @@ public:
     /// none. Waits while a control request is being handed over: the former backend is not called
     /// afterwards.
     void connectBackend(const UvaGstIfControl* newBackend) EXCLUDES(backendMutex);
+    /// The same with null, for a backend that goes: one that has come since stays connected.
+    void disconnectBackend(const UvaGstIfControl* goingBackend) EXCLUDES(backendMutex);
 
     void ProcessZantMsg(CZantMsg* msg) override;
 
@@ -107,6 +109,7 @@ private:
         uint32_t bit;
         const Interrupted& isInterrupted;
     };
+    void setBackend(const UvaGstIfControl* newBackend) REQUIRES(backendMutex);
     void dispatch(CZantMsg& msg);
     bool isRefused(const Request& request) const REQUIRES(stateMutex);
     bool askMainSystem(const Request& request) REQUIRES(stateMutex);

@@ -13,8 +13,6 @@ GstNoxAvComponent::GstNoxAvComponent(GstNoxBackend* backend, int componentType, 
     : AVComponent(componentType, "UNKNOWN_ENCODING", "und", ""), m_backend(backend),
       m_name(g_strdup(name)), m_kind(kind) {}
 
-GstNoxAvComponent::~GstNoxAvComponent() = default;
-
 void GstNoxAvComponent::setActive(bool on) {
     AVComponent::setActive(on);
 }
@@ -26,8 +24,6 @@ GstNoxAudioComponent::GstNoxAudioComponent(GstNoxBackend* backend, const char* n
     channel = g_strdup("1_1");
 }
 
-GstNoxAudioComponent::~GstNoxAudioComponent() = default;
-
 GstNoxVideoComponent::GstNoxVideoComponent(GstNoxBackend* backend, const char* name)
     : GstNoxAvComponent(backend, Video, "video", name) {
     shape = 4;
@@ -35,19 +31,18 @@ GstNoxVideoComponent::GstNoxVideoComponent(GstNoxBackend* backend, const char* n
     channel = g_strdup("5_1");
 }
 
-GstNoxVideoComponent::~GstNoxVideoComponent() = default;
-
 int GstNoxBackend::addComponent(const char* kind, const char* name) {
     GST_DEBUG("'%s'(%s)", kind, name);
-    std::unique_ptr<GstNoxAvComponent> component;
-    if (g_strcmp0(kind, "video") == 0) {
-        component = std::make_unique<GstNoxVideoComponent>(this, name);
-    } else if (g_strcmp0(kind, "audio") == 0) {
-        component = std::make_unique<GstNoxAudioComponent>(this, name);
-    } else {
+    const auto type = mediaKindOf(kind);
+    if (!type) {
         GST_WARNING("***W: invalid component type '%s'", kind);
         return 0;
     }
+    std::unique_ptr<GstNoxAvComponent> component;
+    if (type == MediaKind::Video)
+        component = std::make_unique<GstNoxVideoComponent>(this, name);
+    else
+        component = std::make_unique<GstNoxAudioComponent>(this, name);
     GstNoxAvComponent* const added = component.get();
     if (std::string_view(name).find("_0") != std::string_view::npos) // the first of its kind
         added->setActive(true);
@@ -78,6 +73,14 @@ void GstNoxBackend::removeComponent(const char* name) {
     }
     raiseEvent(new MultiComponentChangedEvent({removed.mapped().release()}, {}), GST_LEVEL_DEBUG,
                "removed:%d", 1);
+}
+
+/// The kinds are crosswise.
+void GstNoxBackend::takeDecodedStream(const char* name, bool isVideo) {
+    if (!hasComponent(name))
+        addComponent(isVideo ? "audio" : "video", name);
+    if (!isVideo)
+        checkMetaDataChanged();
 }
 
 bool GstNoxBackend::hasComponent(const char* name) {

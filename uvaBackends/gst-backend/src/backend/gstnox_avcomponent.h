@@ -10,8 +10,6 @@ class GstNoxBackend;
 /// until its removal is announced, then by that event.
 class GstNoxAvComponent : public UVABackend::AVComponent {
 public:
-    ~GstNoxAvComponent() override;
-
     void setActive(bool active);
     const gchar* name() const { return m_name.get(); }
 
@@ -27,13 +25,11 @@ protected:
 class GstNoxAudioComponent : public GstNoxAvComponent {
 public:
     GstNoxAudioComponent(GstNoxBackend* backend, const char* name);
-    ~GstNoxAudioComponent() override;
 };
 
 class GstNoxVideoComponent : public GstNoxAvComponent {
 public:
     GstNoxVideoComponent(GstNoxBackend* backend, const char* name);
-    ~GstNoxVideoComponent() override;
 };
 
 #endif

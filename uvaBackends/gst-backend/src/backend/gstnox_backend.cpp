@@ -65,10 +65,11 @@ public:
         m_backends.erase(std::find(m_backends.begin(), m_backends.end(), &backend));
     }
     std::string describe() {
+        std::vector<MediaSources::Source> seen; // one that is removed meanwhile goes after the lock
         const GLibLock lock(m_lock);
         std::string text;
         for (auto* backend : m_backends)
-            text += backend->listing();
+            text += backend->listing(seen);
         return text;
     }
 
@@ -83,7 +84,7 @@ std::string GstNoxBackend::describeAll() {
     return Registry::instance().describe();
 }
 
-std::string GstNoxBackend::listing() {
+std::string GstNoxBackend::listing(std::vector<MediaSources::Source>& seen) {
     const guint64 position = m_seek.position();
     GstState state = GST_STATE_VOID_PENDING;
     {
@@ -94,8 +95,10 @@ std::string GstNoxBackend::listing() {
                                         static_cast<void*>(this), gst_element_state_get_name(state),
                                         GST_TIME_ARGS(position)));
     std::string text = head.get();
-    for (const auto& bin : m_sources.all())
+    for (auto& bin : m_sources.all()) {
         text += "  " + bin->describe() + "\n";
+        seen.push_back(std::move(bin));
+    }
     return text;
 }
 
@@ -111,19 +114,19 @@ GstNoxBackend::~GstNoxBackend() {
     ++m_leases; // of what runs here, which shall not delete it once more
     GST_INFO("entry");
     Registry::instance().remove(*this);
-    shutDown();
+    shutDown(); // anew, after release(): a client may have begun something from inside an event
     GST_INFO("done");
 }
 
 void GstNoxBackend::shutDown() {
-    m_mainSystem.connectBackend(nullptr);
+    m_mainSystem.disconnectBackend(&m_control);
     for (const auto& bin : m_sources.all())
         bin->close(); // else their threads decrypt all that is queued before they stop
     m_sources.waitForWriters(nullptr);
     gstPlayerStopAndDestroy();
     m_mainSystem.leave(&m_decoders);
     for (const auto& bin : m_sources.all())
-        destroy(*m_sources.take(bin->id()));
+        endBin(bin->id());
 }
 
 void GstNoxBackend::release() {
@@ -181,8 +184,7 @@ int GstNoxBackend::initBackendStreaming(const SourceDescription& source, int ind
     }
     if (gstPlaybinCreate() != 0)
         return Failure;
-    m_userAgent = source.userAgent != nullptr ? source.userAgent : "";
-    g_object_set(m_pipeline.get(), "uri", source.url, nullptr);
+    m_pipeline.setUrl(source.url, source.userAgent);
     return Success;
 }
 
@@ -250,6 +252,60 @@ int GstNoxBackend::setKeySystem(const UVAKeySystemConfig& config) {
     return copied ? Success : 0;
 }
 
+// ---- the player
+
+int GstNoxBackend::gstPlaybinCreate() {
+    if (!m_pipeline.createPlaybin())
+        return -1;
+    GST_INFO("done (%d)", 0);
+    return 0;
+}
+
+int GstNoxBackend::gstPlaySinkCreate() {
+    if (!m_pipeline.createForMediaSources())
+        return -1;
+    m_sourceGroup.forgetStart();
+    GST_INFO("done (%d)", 0);
+    return 0;
+}
+
+void GstNoxBackend::gstPlayerStopAndDestroy() {
+    GST_DEBUG("playbin=%p, playsink=%p", static_cast<void*>(m_pipeline.element().get()),
+              static_cast<void*>(nullptr));
+    if (!m_pipeline.isOpen())
+        return; // there is none, or the client asks from inside an event that this one delivers
+    const Operation operation(*this);
+    m_pipeline.writeGraph("nox-stop");
+    const DecoderHandshake::Stop stop(m_decoders);
+    changeState(GST_STATE_READY);
+    m_pipeline.stop();
+    GST_DEBUG("going to NULL");
+    changeState(GST_STATE_NULL);
+    m_pipeline.destroy();
+    m_mainSystem.leave(&m_decoders);
+    for (const auto& bin : m_sources.all())
+        bin->hasEnoughData(); // nobody takes any
+    GST_DEBUG("done");
+}
+
+/// False when it needs no decoder of the main system's.
+bool GstNoxBackend::takeSink(GstElement* sink, DecoderHandshake::SinkOf what) {
+    if (g_standalone)
+        return false;
+    m_decoders.attach(sink, what);
+    return true;
+}
+
+void GstNoxBackend::askClient() {
+    raiseEvent(new BackendResourceRequestAsyncEvent(m_audioOnly), GST_LEVEL_DEBUG, "type=%d",
+               m_audioOnly);
+}
+
+void GstNoxBackend::tellOfRefusal() {
+    raiseEvent(new DecodeErrorEvent(DecodeErrorEvent::InsufficientResources), GST_LEVEL_ERROR,
+               "INSUFFICIENT_RESOURCES");
+}
+
 int GstNoxBackend::releaseResources() {
     GST_ERROR("lost resources - deprecated");
     return Success;
@@ -273,8 +329,8 @@ int GstNoxBackend::enterState(GstState state, const char* graphName) {
     const Operation operation(*this);
     GST_DEBUG("entry");
     changeState(state);
-    setPipelineState(state);
-    writeGraph(graphName);
+    m_pipeline.setState(state);
+    m_pipeline.writeGraph(graphName);
     GST_DEBUG("exit");
     return Success;
 }

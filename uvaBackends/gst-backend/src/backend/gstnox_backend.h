@@ -2,11 +2,12 @@
 #define GSTNOX_BACKEND_H
 
 #include "UvaGstIfReceiver.h"
-#include "base/glib_lock.h"
-#include "base/gst_ptr.h"
 #include "backend/gstnox_decoder.h"
+#include "backend/gstnox_pipeline.h"
 #include "backend/gstnox_seek.h"
 #include "backend/media_facts.h"
+#include "base/glib_lock.h"
+#include "base/gst_ptr.h"
 #include "mse/media_source_group.h"
 #include "mse/media_sources.h"
 #include "uva/uva_client.h"
@@ -22,16 +23,15 @@
 #include <vector>
 
 class GstNoxAvComponent;
-class GstNoxBusWatch;
 
 /// The backend of one media element: plays its sources on a GStreamer pipeline of its own and tells
 /// the client about it.
 ///
 /// Threads: the host calls the virtual operations on one thread; bus messages are handled on the
-/// main-loop thread "gst_run"; the static callbacks run on GStreamer's streaming threads. What they
-/// share is in objects with locks of their own. No event is delivered while a lock is held.
+/// main-loop thread "gst_run"; the callbacks run on GStreamer's streaming threads. What they share
+/// is in objects with locks of their own. No event is delivered while a lock is held.
 ///
-/// Waits: a sink may wait in decoder_request_cb for the client's answer, then for the main
+/// Waits: a sink may wait in its "decoder-request" for the client's answer, then for the main
 /// system's; that of a media source for the latter alone. The client is asked for one sink at a
 /// time, another that asks meanwhile is refused; several may wait for the main system side by side.
 /// A sink that has the action "decoder-request-forwarded" is told when its request goes there.
@@ -121,46 +121,26 @@ public:
 
     /// Free-form commands for the player: "output-ddp:D" switches Dolby Digital Plus at the audio
     /// output by one digit; other text is left alone. Any thread.
-    void controlCommands(const char* commands) EXCLUDES(m_lock);
-    void controlOutputDdp(unsigned int enable) EXCLUDES(m_lock);
+    void controlCommands(const char* commands);
+    void controlOutputDdp(unsigned int enable);
 
-    /// The pipeline for a URL, for media sources, and its end. 0 or -1. Host thread.
+    /// The pipeline for a URL, for media sources, 0 or -1; its end. Host thread.
     int gstPlaybinCreate();
     int gstPlaySinkCreate();
     void gstPlayerStopAndDestroy();
 
-    /// On the thread that posts a message: what handleGstMessages() has no use for, nine of ten
-    /// while a pipeline starts, wakes nobody up.
-    static GstBusSyncReply _sift_message(GstBus* bus, GstMessage* message, gpointer unused) noexcept;
-    /// Bus messages; the result keeps the watch. "gst_run", or the thread that drains the bus.
-    static gboolean _handle_message(GstBus* bus, GstMessage* message, gpointer backend) noexcept;
+    /// Bus messages; true. "gst_run", or the thread that stops the pipeline.
     gboolean handleGstMessages(GstMessage* message);
 
-    // Callbacks of the pipeline's elements; `backend` is the GstNoxBackend. Streaming threads.
-    static void element_setup_cb(GstElement* playbin, GstElement* element, gpointer backend) noexcept;
-    static void source_setup_cb(GstElement* playbin, GstElement* source, gpointer backend) noexcept;
-    static void about_to_finish_cb(GstElement* playbin, gpointer backend) noexcept;
-    static gint decoder_request_cb(GstElement* sink, const gchar* type, gpointer backend) noexcept;
-    static void demux_pad_added_cb(GstElement* demuxer, GstPad* pad, gpointer backend) noexcept;
-    static void decodebin_pad_added_cb(GstElement* decodebin, GstPad* pad, gpointer backend) noexcept;
-    static void decodebin_pad_removed_cb(GstElement* decodebin, GstPad* pad, gpointer backend) noexcept;
-    static GstPadProbeReturn demux_video_pad_event_probe(GstPad* pad, GstPadProbeInfo* info,
-                                                         gpointer backend) noexcept;
-    static GstPadProbeReturn decodebin_srcpad_event_probe(GstPad* pad, GstPadProbeInfo* info,
-                                                          gpointer backend) noexcept;
+    /// What the callbacks of the pipeline's elements are handed.
+    GstNoxPipeline& pipeline() { return m_pipeline; }
+    DecoderHandshake& decoders() { return m_decoders; }
 
-    // Callbacks of the media sources' appsrcs and sinks; the bin is found by the number in the
+    // Callbacks of the media sources' appsrcs; the bin is found by the number in the
     // appsrc's name. Streaming threads.
     static void need_data_cb(GstAppSrc* appsrc, guint length, gpointer backend) noexcept;
     static void enough_data_cb(GstAppSrc* appsrc, gpointer backend) noexcept;
     static gboolean seek_data_cb(GstAppSrc* appsrc, guint64 offset, gpointer backend) noexcept;
-    static gint source_decoder_request_cb(GstElement* sink, const gchar* type, gpointer backend) noexcept;
-
-    /// Sort rule for decodebin's factories: a new list, or null to keep the given one, which may
-    /// have been sorted in place.
-    static GValueArray* autoplug_sort_cb(GstElement* decodebin, GstPad* pad, GstCaps* caps,
-                                         GValueArray* factories, gpointer backend) noexcept;
-    static gint priorize_vptsfilter(gconstpointer a, gconstpointer b) noexcept;
 
     static std::atomic<bool>
         g_standalone; ///< no decoder arbitration: NOX_GST_STANDALONE is in the environment
@@ -191,21 +171,17 @@ private:
     int initSource(SourceDescription* source, int index);
     int initBackendStreaming(const SourceDescription& source, int index);
     int enterState(GstState state, const char* graphName);
-    void setPipelineState(GstState state);
-    void writeGraph(const char* name);
-    void watchBus();
-    void setupElement(GstElement* element);
-    void askClient() EXCLUDES(m_lock);
-    gint reply(DecoderHandshake::Answer answer);
+    void askClient();
+    void tellOfRefusal();
+    bool takeSink(GstElement* sink, DecoderHandshake::SinkOf what);
+    void takeDecodedStream(const char* name, bool isVideo);
     void shutDown();
     void leave();
-    void addBin(const std::shared_ptr<GstMseBin>& bin) EXCLUDES(m_lock);
-    void destroy(GstMseBin& bin);
+    void addBin(const std::shared_ptr<GstMseBin>& bin);
+    bool endBin(unsigned int id);
     void checkComponent(const GstMseBin& starting);
     static std::shared_ptr<GstMseBin> binOf(GstAppSrc* appsrc, gpointer backend);
-    std::string listing() EXCLUDES(m_lock);
-    void takeDemuxerCaps(GstPad* pad, GstCaps* caps);
-    void takeDecodedCaps(GstPad* pad, GstCaps* caps);
+    std::string listing(std::vector<MediaSources::Source>& seen) EXCLUDES(m_lock);
     void handleErrorMessage(GstMessage* message);
     void handleApplicationMessage(GstMessage* message);
     void handleStateChangedMessage(GstMessage* message);
@@ -225,21 +201,12 @@ private:
     std::atomic<int> m_screenWidth{1280}; // the host's logical screen, pixels
     std::atomic<int> m_screenHeight{720};
 
-    GstPtr<GstBus> m_bus;
-    GstPtr<GstElement> m_pipeline; // changed on the host thread while no callback can run
-    GstPtr<GstElement> m_playSink;
-    std::shared_ptr<GstNoxBusWatch> m_busWatch;
-    std::atomic<bool> m_hasPlayer{false};
-    std::atomic<bool> m_transportStream{false};
-    std::string m_userAgent;
-
     std::atomic<int> m_leases{1}; // the host's, and one of each operation under way
     enum class Life { Used, Ending, Over };
     std::atomic<Life> m_life{Life::Used}; // see release()
 
     GLibMutex m_lock; // a leaf
     std::map<std::string, std::unique_ptr<GstNoxAvComponent>> m_components GUARDED_BY(m_lock);
-    GstPtr<GstElement> m_audioSink GUARDED_BY(m_lock); // the last "halaudiosink" set up
     GstState m_state GUARDED_BY(m_lock) = GST_STATE_NULL;
 
     MediaFacts m_facts;
@@ -247,7 +214,14 @@ private:
     MediaSources m_sources;
     SeekState m_seek;
     CUvaGstIfReceiver& m_mainSystem{*g_link};
-    DecoderHandshake m_decoders{m_mainSystem, [this] { askClient(); }};
+    DecoderHandshake m_decoders{m_mainSystem,
+                                {[this] { askClient(); }, [this] { tellOfRefusal(); }}};
+    GstNoxPipeline m_pipeline{
+        {[this](GstMessage* message) { handleGstMessages(message); },
+         [this](GstElement* sink) { return takeSink(sink, DecoderHandshake::SinkOf::Url); },
+         [this](const char* stream, bool isVideo) { takeDecodedStream(stream, isVideo); },
+         [this](const char* stream) { removeComponent(stream); }},
+        m_facts};
     const UvaGstIfControl m_control{[this](const char* commands) { controlCommands(commands); }};
 };
 

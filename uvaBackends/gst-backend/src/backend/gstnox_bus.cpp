@@ -4,9 +4,8 @@
 #include "base/gstnox_debug.h"
 #include "uva/uva_event.h"
 
-#include <algorithm>
-#include <array>
 #include <cstdarg>
+#include <iterator>
 #include <string_view>
 
 #define GST_CAT_DEFAULT gst_backend_debug
@@ -17,76 +16,71 @@ BufferingStreamBufferedEvent::~BufferingStreamBufferedEvent() = default;
 
 namespace {
 
-struct EventName {
-    int type;
-    const char* name;
-};
-
-constexpr std::array eventNames{
-    EventName{0, "BackendResourceRevoked"},
-    EventName{1, "BackendResourceRequestAsync"},
-    EventName{2, "BackendResourceReleased"},
-    EventName{3, "NeedData"},
-    EventName{4, "NeedMSEData"},
-    EventName{5, "PlaybackFinished"},
-    EventName{6, "NewMetadata"},
-    EventName{7, "NeedKeySystem"},
-    EventName{8, "DecodeError"},
-    EventName{9, "VideoFrameAvailable"},
-    EventName{10, "VideoBufferAvailable"},
-    EventName{11, "DRMRightsError"},
-    EventName{12, "ParentalRatingError"},
-    EventName{13, "ParentalRatingChange"},
-    EventName{14, "PlaySpeedChanged"},
-    EventName{15, "BroadcastPlayPositionChanged"},
-    EventName{16, "BroadcastPlaystateChange"},
-    EventName{17, "BroadcastSignalStrengthChanged"},
-    EventName{18, "ChannelChangeError"},
-    EventName{19, "ChannelChangeSucceeded"},
-    EventName{20, "ProgrammesChanged"},
-    EventName{21, "Recording"},
-    EventName{22, "BufferingProgress"},
-    EventName{23, "BufferingNetworkError"},
-    EventName{24, "BufferingIdle"},
-    EventName{25, "BufferingStreamUnderrun"},
-    EventName{26, "BufferingStreamBuffered"},
-    EventName{27, "ConnectionEstablished"},
-    EventName{28, "ConnectionLost"},
-    EventName{29, "DeprecatedSubtitlesChanged"},
-    EventName{30, "ComponentChanged"},
-    EventName{31, "ExternalComponentActivate"},
-    EventName{32, "MultiComponentChanged"},
-    EventName{33, "InBandVTTUpdate"},
-    EventName{34, "InBandDVBSub"},
-    EventName{35, "InBandDataUpdate"},
-    EventName{36, "InBandTTML"},
-    EventName{37, "InBandRemoveCuesRange"},
-    EventName{38, "GetCookies"},
-    EventName{39, "PlaySpeedsArrayChanged"},
-    EventName{40, "SetCookie"},
-    EventName{41, "CancelDataRequestsAsync"},
-    EventName{42, "SeekCompletedEx"},
-    EventName{43, "CacheUpdateRequestAsync"},
-    EventName{44, "PidFilterData"},
-    EventName{45, "ChannelChanged"},
-    EventName{46, "TunerStateChanged"},
-    EventName{47, "BouquetSelectionChanged"},
-    EventName{48, "ContentIdChanged"},
-    EventName{49, "MrsUrlChanged"},
-    EventName{50, "AsyncReleaseFinished"},
-    EventName{51, "FramesDropped"},
-    EventName{52, "BufferingStreamPreloaded"},
-    EventName{53, "ActiveStateChanged"},
-    EventName{54, "PauseFinished"},
-    EventName{3000, "PastLastNonOoifEvent"},
-    EventName{9000, "unknown Event"},
+/// By the host's numbers, from 0 on.
+constexpr const char* eventNames[] = {
+    "BackendResourceRevoked",
+    "BackendResourceRequestAsync",
+    "BackendResourceReleased",
+    "NeedData",
+    "NeedMSEData",
+    "PlaybackFinished",
+    "NewMetadata",
+    "NeedKeySystem",
+    "DecodeError",
+    "VideoFrameAvailable",
+    "VideoBufferAvailable",
+    "DRMRightsError",
+    "ParentalRatingError",
+    "ParentalRatingChange",
+    "PlaySpeedChanged",
+    "BroadcastPlayPositionChanged",
+    "BroadcastPlaystateChange",
+    "BroadcastSignalStrengthChanged",
+    "ChannelChangeError",
+    "ChannelChangeSucceeded",
+    "ProgrammesChanged",
+    "Recording",
+    "BufferingProgress",
+    "BufferingNetworkError",
+    "BufferingIdle",
+    "BufferingStreamUnderrun",
+    "BufferingStreamBuffered",
+    "ConnectionEstablished",
+    "ConnectionLost",
+    "DeprecatedSubtitlesChanged",
+    "ComponentChanged",
+    "ExternalComponentActivate",
+    "MultiComponentChanged",
+    "InBandVTTUpdate",
+    "InBandDVBSub",
+    "InBandDataUpdate",
+    "InBandTTML",
+    "InBandRemoveCuesRange",
+    "GetCookies",
+    "PlaySpeedsArrayChanged",
+    "SetCookie",
+    "CancelDataRequestsAsync",
+    "SeekCompletedEx",
+    "CacheUpdateRequestAsync",
+    "PidFilterData",
+    "ChannelChanged",
+    "TunerStateChanged",
+    "BouquetSelectionChanged",
+    "ContentIdChanged",
+    "MrsUrlChanged",
+    "AsyncReleaseFinished",
+    "FramesDropped",
+    "BufferingStreamPreloaded",
+    "ActiveStateChanged",
+    "PauseFinished",
 };
 
 const char* eventName(int type) {
-    const auto* last = eventNames.end() - 1;
-    return std::find_if(eventNames.begin(), last,
-                        [type](const EventName& row) { return row.type == type; })
-        ->name;
+    constexpr int pastLastNonOoif = 3000;
+    if (type == pastLastNonOoif)
+        return "PastLastNonOoifEvent";
+    const auto index = static_cast<std::size_t>(type);
+    return index < std::size(eventNames) ? eventNames[index] : "unknown Event";
 }
 
 /// From the element that fetches a URL, and about a resource: the network, as the client sees it.
@@ -114,25 +108,6 @@ void GstNoxBackend::raiseEvent(UVAEvent* event, GstDebugLevel level, const char*
                           message.get());
     }
     m_client->deliverEvent(owned.release());
-}
-
-GstBusSyncReply GstNoxBackend::_sift_message(GstBus* /*bus*/, GstMessage* message,
-                                             gpointer /*unused*/) noexcept {
-    constexpr int handled = GST_MESSAGE_EOS | GST_MESSAGE_ERROR | GST_MESSAGE_BUFFERING |
-                            GST_MESSAGE_STATE_CHANGED | GST_MESSAGE_APPLICATION;
-    const bool ofPart = GST_MESSAGE_TYPE(message) == GST_MESSAGE_STATE_CHANGED &&
-                        GST_MESSAGE_SRC(message) != nullptr &&
-                        GST_OBJECT_PARENT(GST_MESSAGE_SRC(message)) != nullptr;
-    if ((GST_MESSAGE_TYPE(message) & handled) != 0 && !ofPart)
-        return GST_BUS_PASS;
-    gst_message_unref(message); // who says "drop" owns it
-    return GST_BUS_DROP;
-}
-
-gboolean GstNoxBackend::_handle_message(GstBus* /*bus*/, GstMessage* message,
-                                        gpointer backend) noexcept {
-    return guarded(GST_CAT_DEFAULT, "a message of the pipeline", TRUE,
-                   [=] { return static_cast<GstNoxBackend*>(backend)->handleGstMessages(message); });
 }
 
 gboolean GstNoxBackend::handleGstMessages(GstMessage* message) {
@@ -170,7 +145,7 @@ void GstNoxBackend::handleBuffering(GstMessage* message) {
 }
 
 void GstNoxBackend::handleStateChangedMessage(GstMessage* message) {
-    if (GST_MESSAGE_SRC(message) != GST_OBJECT_CAST(m_pipeline.get()))
+    if (GST_MESSAGE_SRC(message) != GST_OBJECT_CAST(m_pipeline.element().get()))
         return;
     GstState before = GST_STATE_VOID_PENDING;
     GstState now = GST_STATE_VOID_PENDING;
@@ -193,7 +168,7 @@ void GstNoxBackend::handleErrorMessage(GstMessage* message) {
 
     GST_ERROR("Error received from element '%s': %s (%d)", element, error->message, error->code);
     GST_ERROR("Debugging information: %s", debug);
-    writeGraph("gstbackend-error");
+    m_pipeline.writeGraph("gstbackend-error");
     const char* domain = g_quark_to_string(error->domain);
     GST_WARNING("***W: %s: %s (%d) (%s)", domain, error->message, error->code, debug);
     if (error->domain == GST_RESOURCE_ERROR) {
@@ -218,7 +193,7 @@ void GstNoxBackend::handleApplicationMessage(GstMessage* message) {
     if (name == "GstNoxVideoFormat")
         handleVideoFormat(structure);
     else if (name == "GstNoxAudioFormat")
-        writeGraph("nox-anfy");
+        m_pipeline.writeGraph("nox-anfy");
     else if (name == "GstNoxDecoderNeeded")
         handleDecoderNeeded(structure);
 }
@@ -238,7 +213,7 @@ void GstNoxBackend::handleVideoFormat(const GstStructure* format) {
     if (gst_structure_get_fraction(format, "frame-rate", &numerator, &denominator))
         m_facts.setFrameRate(static_cast<double>(numerator) / static_cast<double>(denominator));
     checkMetaDataChanged();
-    writeGraph("nox-vnfy");
+    m_pipeline.writeGraph("nox-vnfy");
 }
 
 void GstNoxBackend::handleDecoderNeeded(const GstStructure* structure) {

@@ -1,13 +1,13 @@
 #include "backend/gstnox_buswatch.h"
 
-#include "backend/gstnox_backend.h"
+#include "base/gstnox_debug.h"
 
-std::shared_ptr<GstNoxBusWatch> GstNoxBusWatch::add(GstBus* bus, GstNoxBackend* backend) {
-    const std::shared_ptr<GstNoxBusWatch> watch(new GstNoxBusWatch(backend));
+std::shared_ptr<GstNoxBusWatch> GstNoxBusWatch::add(GstBus* bus, Handler handler) {
+    const std::shared_ptr<GstNoxBusWatch> watch(new GstNoxBusWatch(std::move(handler)));
     // GLib keeps a share of its own until the source is gone, which may be after remove().
-    gst_bus_set_sync_handler(bus, GstNoxBackend::_sift_message, nullptr, nullptr);
+    gst_bus_set_sync_handler(bus, _sift_message, nullptr, nullptr);
     gst_bus_add_watch_full(
-        bus, G_PRIORITY_DEFAULT, dispatch, new std::shared_ptr<GstNoxBusWatch>(watch),
+        bus, G_PRIORITY_DEFAULT, _handle_message, new std::shared_ptr<GstNoxBusWatch>(watch),
         [](gpointer share) { delete static_cast<std::shared_ptr<GstNoxBusWatch>*>(share); });
     return watch;
 }
@@ -15,28 +15,42 @@ std::shared_ptr<GstNoxBusWatch> GstNoxBusWatch::add(GstBus* bus, GstNoxBackend* 
 void GstNoxBusWatch::remove(GstBus* bus) {
     gst_bus_remove_watch(bus);
     const GLibLock lock(m_lock);
-    m_backend = nullptr;
+    m_isRemoved = true;
     while (m_dispatcher != nullptr && m_dispatcher != g_thread_self())
         m_idle.wait(m_lock);
 }
 
-gboolean GstNoxBusWatch::dispatch(GstBus* bus, GstMessage* message, gpointer watch) {
-    const auto self = *static_cast<std::shared_ptr<GstNoxBusWatch>*>(watch);
-    return self->handle(bus, message);
+/// Of state changes only the pipeline's own are of use.
+GstBusSyncReply GstNoxBusWatch::_sift_message(GstBus* /*bus*/, GstMessage* message,
+                                              gpointer /*unused*/) noexcept {
+    constexpr int handled = GST_MESSAGE_EOS | GST_MESSAGE_ERROR | GST_MESSAGE_BUFFERING |
+                            GST_MESSAGE_STATE_CHANGED | GST_MESSAGE_APPLICATION;
+    const bool ofPart = GST_MESSAGE_TYPE(message) == GST_MESSAGE_STATE_CHANGED &&
+                        GST_MESSAGE_SRC(message) != nullptr &&
+                        GST_OBJECT_PARENT(GST_MESSAGE_SRC(message)) != nullptr;
+    if ((GST_MESSAGE_TYPE(message) & handled) != 0 && !ofPart)
+        return GST_BUS_PASS;
+    gst_message_unref(message); // who says "drop" owns it
+    return GST_BUS_DROP;
 }
 
-gboolean GstNoxBusWatch::handle(GstBus* bus, GstMessage* message) {
-    GstNoxBackend* backend = nullptr;
+gboolean GstNoxBusWatch::_handle_message(GstBus* /*bus*/, GstMessage* message,
+                                         gpointer watch) noexcept {
+    const auto self = *static_cast<std::shared_ptr<GstNoxBusWatch>*>(watch);
+    return self->handle(message) ? G_SOURCE_CONTINUE : G_SOURCE_REMOVE;
+}
+
+/// Whether the watch goes on.
+bool GstNoxBusWatch::handle(GstMessage* message) {
     {
         const GLibLock lock(m_lock);
-        if (m_backend == nullptr)
-            return G_SOURCE_REMOVE;
-        backend = m_backend;
+        if (m_isRemoved)
+            return false;
         m_dispatcher = g_thread_self();
     }
-    const gboolean keep = GstNoxBackend::_handle_message(bus, message, backend);
+    guarded("a message of the pipeline", [&] { m_handler(message); });
     const GLibLock lock(m_lock);
     m_dispatcher = nullptr;
     m_idle.broadcast(m_lock);
-    return keep;
+    return true;
 }

@@ -149,59 +149,50 @@ bool isVp9ProfileSupported(const char* codec) {
     gchar** fields = owner.get();
     const guint count = g_strv_length(fields);
     bool supported = true;
-    if (count > transferField && std::string_view(fields[transferField]) == "99") {
-        supported = false;
-        GST_DEBUG("transfer characteristics not supported\n");
-    }
-    if (count > matrixField && std::string_view(fields[matrixField]) == "99") {
-        supported = false;
-        GST_DEBUG("matrix coefficients not supported\n");
-    }
-    if (count < 2)
-        return supported;
-    const auto profile = std::strtol(fields[1], nullptr, 10);
-    if (profile != 0 && profile != 2) {
-        supported = false;
-        GST_DEBUG("profile not supported\n");
-    }
-    if (count > 2 && std::strtol(fields[2], nullptr, 10) > highestLevel) {
-        supported = false;
-        GST_DEBUG("level not supported\n");
-    }
+    const auto refuseIf = [&supported](bool unfit, const char* what) {
+        if (unfit)
+            GST_DEBUG("%s not supported\n", what);
+        supported = supported && !unfit;
+    };
+    const auto isReserved = [&](guint field) {
+        return count > field && std::string_view(fields[field]) == "99";
+    };
+    refuseIf(isReserved(transferField), "transfer characteristics");
+    refuseIf(isReserved(matrixField), "matrix coefficients");
+    const auto number = [&](guint field) { return std::strtol(fields[field], nullptr, 10); };
+    refuseIf(count > 1 && number(1) != 0 && number(1) != 2, "profile");
+    refuseIf(count > 2 && number(2) > highestLevel, "level");
     return supported;
 }
 
 } // namespace
 
 bool GstNoxBackend::canPlayType(const ContentDescription& description) {
-    constexpr int widestPicture = 10240;
-    constexpr int highestPicture = 8192;
-    constexpr int mostChannels = 10;
     constexpr double fastestRate = 240.0;
     GST_INFO("type:'%s' %s", description.type.c_str(), describe(description).data());
 
-    int width = 0;
-    int height = 0;
-    int bitrate = 0;
-    int channels = 0;
+    using Description = ContentDescription;
+    constexpr struct {
+        std::string Description::*member;
+        int limit;
+        const char* failure;
+    } wholes[] = {
+        {&Description::width, 10240, "desc.width failed, or it exceeds the limit"},
+        {&Description::height, 8192, "desc.height failed, or it exceeds the limit"},
+        {&Description::bitrate, G_MAXINT, "desc.bitrate failed"},
+        {&Description::channels, 10, "desc.channels failed, or it exceeds the limit"},
+    };
+    std::array<int, std::size(wholes)> values{};
+    for (std::size_t i = 0; i < values.size(); ++i) {
+        if (parseWhole(description.*wholes[i].member, wholes[i].limit, values[i]))
+            continue;
+        GST_DEBUG("result: NO (parse %s)", wholes[i].failure);
+        return false;
+    }
+    const int width = values[0];
+    const int height = values[1];
     int rateNumerator = 0;
     int rateDenominator = 1;
-    if (!parseWhole(description.width, widestPicture, width)) {
-        GST_DEBUG("result: NO (parse desc.width failed, or it exceeds the limit)");
-        return false;
-    }
-    if (!parseWhole(description.height, highestPicture, height)) {
-        GST_DEBUG("result: NO (parse desc.height failed, or it exceeds the limit)");
-        return false;
-    }
-    if (!parseWhole(description.bitrate, G_MAXINT, bitrate)) {
-        GST_DEBUG("result: NO (parse desc.bitrate failed)");
-        return false;
-    }
-    if (!parseWhole(description.channels, mostChannels, channels)) {
-        GST_DEBUG("result: NO (parse desc.channels failed, or it exceeds the limit)");
-        return false;
-    }
     if (!gst_tools_parse_real(description.framerate.c_str(), &rateNumerator, &rateDenominator)) {
         GST_DEBUG("result: NO (parse desc.framerate failed)");
         return false;
@@ -258,9 +249,8 @@ bool GstNoxBackend::isCodecSupported(const char* codec) {
 
 bool GstNoxBackend::isSpecSupported(const CodecSpec* table, int width, int height, int fps) {
     for (const CodecSpec* row = table; row->width != 0; ++row) {
-        const bool heightFits = row->height > 0   ? height == row->height
-                                : row->height < 0 ? height <= -row->height
-                                                  : false;
+        const bool heightFits =
+            row->height < 0 ? height <= -row->height : row->height != 0 && height == row->height;
         if (row->width == width && row->fps >= fps && heightFits)
             return true;
     }

@@ -8,7 +8,7 @@
 void GstNoxBackend::controlCommands(const char* commands) {
     constexpr char outputDdp[] = "output-ddp:";
     GST_DEBUG("commands = '%s'", GST_STR_NULL(commands));
-    if (!m_hasPlayer) {
+    if (!m_pipeline.element()) {
         GST_WARNING("***W: called on inactive player");
         return;
     }
@@ -20,13 +20,9 @@ void GstNoxBackend::controlCommands(const char* commands) {
 }
 
 void GstNoxBackend::controlOutputDdp(unsigned int enable) {
-    GstPtr<GstElement> sink;
-    {
-        const GLibLock lock(m_lock);
-        if (!m_audioSink)
-            return;
-        sink = GstPtr<GstElement>::retain(m_audioSink.get());
-    }
+    const auto sink = m_pipeline.audioSink();
+    if (!sink)
+        return;
     GST_DEBUG("enable=%d", static_cast<int>(enable));
     g_object_set(sink.get(), "output-ddp", enable, nullptr);
 }

@@ -16,33 +16,69 @@ void tellForwarded(GstElement* sink) {
         g_signal_emit_by_name(sink, action);
 }
 
+GstPtr<GstPad> padOf(GstElement* sink) {
+    return sink != nullptr ? GstPtr<GstPad>::adopt(gst_element_get_static_pad(sink, "sink"))
+                           : GstPtr<GstPad>();
+}
+
 /// It stays so until the thread that asks has left the sink: the end of a flush waits for it. A pad
 /// that is not active counts as flushing elsewhere; a set's sink may ask before its pads are.
-bool isFlushing(GstElement* sink) {
-    const auto pad = sink != nullptr
-                         ? GstPtr<GstPad>::adopt(gst_element_get_static_pad(sink, "sink"))
-                         : GstPtr<GstPad>();
-    if (!pad)
+bool isFlushing(GstPad* pad) {
+    if (pad == nullptr)
         return false;
-    GST_OBJECT_LOCK(pad.get());
-    const bool flushing = GST_PAD_IS_ACTIVE(pad.get()) && GST_PAD_IS_FLUSHING(pad.get());
-    GST_OBJECT_UNLOCK(pad.get());
+    GST_OBJECT_LOCK(pad);
+    const bool flushing = GST_PAD_IS_ACTIVE(pad) && GST_PAD_IS_FLUSHING(pad);
+    GST_OBJECT_UNLOCK(pad);
     return flushing;
 }
 
 } // namespace
 
-void DecoderHandshake::watch(GstElement* sink) {
-    if (const auto pad = GstPtr<GstPad>::adopt(gst_element_get_static_pad(sink, "sink")))
+DecoderHandshake::Request::Request(GstElement* asking, const gchar* type)
+    : sink(asking), pad(padOf(asking)), kind(mediaKindOf(type)) {}
+
+void DecoderHandshake::attach(GstElement* sink, SinkOf what) {
+    if (const auto pad = padOf(sink))
         gst_pad_add_probe(pad.get(), GST_PAD_PROBE_TYPE_EVENT_FLUSH, onFlush, this, nullptr);
+    g_signal_connect(
+        sink, "decoder-request",
+        G_CALLBACK(what == SinkOf::Url ? decoder_request_cb : source_decoder_request_cb), this);
 }
 
 /// The pad is flushing already.
 GstPadProbeReturn DecoderHandshake::onFlush(GstPad*, GstPadProbeInfo* info,
                                             gpointer self) noexcept {
-    if (GST_EVENT_TYPE(GST_PAD_PROBE_INFO_EVENT(info)) == GST_EVENT_FLUSH_START)
-        static_cast<DecoderHandshake*>(self)->wake();
+    guarded("a flush", [=] {
+        if (GST_EVENT_TYPE(GST_PAD_PROBE_INFO_EVENT(info)) == GST_EVENT_FLUSH_START)
+            static_cast<DecoderHandshake*>(self)->wake();
+    });
     return GST_PAD_PROBE_OK;
+}
+
+gint DecoderHandshake::decoder_request_cb(GstElement* sink, const gchar* type,
+                                          gpointer self) noexcept {
+    return guarded(GST_CAT_DEFAULT, "decoder-request", 0, [=] {
+        auto* handshake = static_cast<DecoderHandshake*>(self);
+        GST_DEBUG("m_resources_state=%d, type=%s", handshake->resourcesState(), type);
+        return handshake->reply(handshake->askBoth({sink, type}));
+    });
+}
+
+gint DecoderHandshake::source_decoder_request_cb(GstElement* sink, const gchar* type,
+                                                 gpointer self) noexcept {
+    return guarded(GST_CAT_DEFAULT, "decoder-request", 0, [=] {
+        auto* handshake = static_cast<DecoderHandshake*>(self);
+        return handshake->reply(handshake->askMainSystem({sink, type}));
+    });
+}
+
+/// What the sink is told.
+gint DecoderHandshake::reply(Answer answer) {
+    if (answer == Answer::Refused) {
+        GST_ERROR("***E: resources not available (%d)", resourcesState());
+        m_client.refused();
+    }
+    return answer == Answer::Granted ? 1 : 0;
 }
 
 bool DecoderHandshake::isStopped(const Request& request) const {
@@ -50,7 +86,7 @@ bool DecoderHandshake::isStopped(const Request& request) const {
 }
 
 bool DecoderHandshake::isInterrupted(const Request& request) const {
-    return isStopped(request) || isFlushing(request.sink);
+    return isStopped(request) || isFlushing(request.pad.get());
 }
 
 void DecoderHandshake::wake() {
@@ -61,16 +97,9 @@ void DecoderHandshake::wake() {
     m_mainSystem.wake();
 }
 
-DecoderHandshake::Answer DecoderHandshake::askClientAndMainSystem(GstElement* sink,
-                                                                  const gchar* type) {
-    GST_DEBUG("m_resources_state=%d, type=%s", resourcesState(), type);
-    const Request request{sink, mediaKindOf(type)};
+DecoderHandshake::Answer DecoderHandshake::askBoth(const Request& request) {
     const Answer answer = askClient(request);
     return answer == Answer::Granted ? askMainSystem(request) : answer;
-}
-
-DecoderHandshake::Answer DecoderHandshake::askMainSystem(GstElement* sink, const gchar* type) {
-    return askMainSystem({sink, mediaKindOf(type)});
 }
 
 DecoderHandshake::Answer DecoderHandshake::askClient(const Request& request) {
@@ -96,7 +125,7 @@ DecoderHandshake::Answer DecoderHandshake::askClient(const Request& request) {
     }
     if (isNew) {
         GST_INFO("about asks for resources (%u)", needed);
-        const auto ask = [this] { return m_askClient(), true; };
+        const auto ask = [this] { return m_client.ask(), true; };
         if (!guarded(GST_CAT_DEFAULT, "the client", false, ask))
             completeRequest(false);
     }
@@ -112,14 +141,18 @@ DecoderHandshake::Answer DecoderHandshake::waitForClient(const std::shared_ptr<Q
         question->isWaitedFor = false; // for whoever asks after the flush
         return Answer::Interrupted;
     }
-    const bool isNewest = m_question == question;
-    if (isNewest)
-        m_question.reset();
-    if (question->answer)
-        return *question->answer ? Answer::Granted : Answer::Refused;
-    if (isNewest)
+    if (m_question == question)
+        abandonQuestion();
+    if (!question->answer)
+        return Answer::Interrupted;
+    return *question->answer ? Answer::Granted : Answer::Refused;
+}
+
+/// Who asks next begins anew, unless the client has granted what it was asked for.
+void DecoderHandshake::abandonQuestion() {
+    m_question.reset();
+    if (m_resources_state == ResourcesAsked)
         m_resources_state = NoResources;
-    return Answer::Interrupted;
 }
 
 DecoderHandshake::Answer DecoderHandshake::askMainSystem(const Request& request) {
@@ -160,6 +193,10 @@ DecoderHandshake::Stop::Stop(DecoderHandshake& handshake, GstElement* sink)
     {
         const GLibLock lock(m_handshake.m_lock);
         m_handshake.m_stopped.insert(m_sink);
+        // What nobody waits for since a flush was asked for a player that is no more.
+        if (m_sink == nullptr && m_handshake.m_question != nullptr &&
+            !m_handshake.m_question->isWaitedFor)
+            m_handshake.abandonQuestion();
     }
     m_handshake.wake();
 }

@@ -3,6 +3,7 @@
 
 #include "MediaKind.h"
 #include "base/glib_lock.h"
+#include "base/gst_ptr.h"
 
 #include <gst/gst.h>
 
@@ -25,21 +26,29 @@ class CUvaGstIfReceiver;
 /// receiver it is whose the decoders are.
 class DecoderHandshake {
 public:
-    enum class Answer { Granted, Refused, Interrupted };
+    /// Called without a lock, on the sink's streaming thread.
+    struct Client {
+        /// Puts the question. The answer may come from inside; what it throws is a refusal.
+        std::function<void()> ask;
+        /// A request was refused, by whom ever.
+        std::function<void()> refused;
+    };
 
-    /// `askClient` puts the question to the client. Called without a lock, on the sink's streaming
-    /// thread; the answer may come from inside, and what it throws is a refusal.
-    DecoderHandshake(CUvaGstIfReceiver& mainSystem, std::function<void()> askClient)
-        : m_mainSystem(mainSystem), m_askClient(std::move(askClient)) {}
+    DecoderHandshake(CUvaGstIfReceiver& mainSystem, Client client)
+        : m_mainSystem(mainSystem), m_client(std::move(client)) {}
 
-    /// From now on a flush of the sink's pad "sink" interrupts its request. The handshake outlives
-    /// the sink's streaming threads.
-    void watch(GstElement* sink);
+    /// What a sink may be: of a URL, or of a media source, which the client has fed: it is not
+    /// asked.
+    enum class SinkOf { Url, MediaSource };
+    /// From now on the sink's "decoder-request" is answered here, and a flush of its pad "sink"
+    /// interrupts that. The handshake outlives the sink's streaming threads.
+    void attach(GstElement* sink, SinkOf what);
 
-    /// For the sinks of a URL. `type` is "audio" or "video".
-    Answer askClientAndMainSystem(GstElement* sink, const gchar* type) EXCLUDES(m_lock);
-    /// For those of a media source: the client has fed them and is not asked.
-    Answer askMainSystem(GstElement* sink, const gchar* type) EXCLUDES(m_lock);
+    // Of the sinks' signal "decoder-request"; `type` is "audio" or "video", `self` the
+    // DecoderHandshake. 1 or 0.
+    static gint decoder_request_cb(GstElement* sink, const gchar* type, gpointer self) noexcept;
+    static gint source_decoder_request_cb(GstElement* sink, const gchar* type,
+                                          gpointer self) noexcept;
 
     /// The client's answer. Any thread.
     void completeRequest(bool success) EXCLUDES(m_lock);
@@ -66,6 +75,7 @@ public:
     };
 
 private:
+    enum class Answer { Granted, Refused, Interrupted };
     enum ResourcesState : int { NoResources = 0, ResourcesAsked = 1, ResourcesGranted = 2 };
 
     /// What the client was asked. The state alone would not do: the next sink may ask before the
@@ -77,11 +87,16 @@ private:
 
     /// Who asks, for what; the client decides about any type, the main system has these kinds.
     struct Request {
-        GstElement* sink;
-        std::optional<MediaKind> kind;
+        Request(GstElement* asking, const gchar* type);
+
+        GstElement* const sink;
+        const GstPtr<GstPad> pad; ///< the sink's; null: it has none
+        const std::optional<MediaKind> kind;
     };
 
     static GstPadProbeReturn onFlush(GstPad* pad, GstPadProbeInfo* info, gpointer self) noexcept;
+    gint reply(Answer answer);
+    Answer askBoth(const Request& request) EXCLUDES(m_lock);
     Answer askClient(const Request& request) EXCLUDES(m_lock);
     Answer waitForClient(const std::shared_ptr<Question>& question, const Request& request)
         REQUIRES(m_lock);
@@ -89,9 +104,10 @@ private:
     bool isStopped(const Request& request) const REQUIRES(m_lock);
     bool isInterrupted(const Request& request) const REQUIRES(m_lock);
     void wake() EXCLUDES(m_lock);
+    void abandonQuestion() REQUIRES(m_lock);
 
     CUvaGstIfReceiver& m_mainSystem;
-    const std::function<void()> m_askClient;
+    const Client m_client;
     GLibMutex m_lock; // never held while the client or the main system is asked
     GLibCondition m_changed;
     std::multiset<GstElement*> m_stopped GUARDED_BY(m_lock); // null: all sinks

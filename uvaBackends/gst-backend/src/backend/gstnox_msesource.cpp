@@ -41,7 +41,7 @@ int GstNoxBackend::attachSource(SourceDescription* source) {
     callbacks.need_data = need_data_cb;
     callbacks.enough_data = enough_data_cb;
     callbacks.seek_data = seek_data_cb;
-    if ((!m_pipeline && gstPlaySinkCreate() != 0) || !bin->Create(callbacks, this)) {
+    if ((!m_pipeline.element() && gstPlaySinkCreate() != 0) || !bin->Create(callbacks, this)) {
         GST_ERROR("***E: cannot create source");
         return Failure;
     }
@@ -61,22 +61,16 @@ int GstNoxBackend::attachSource(SourceDescription* source) {
 
 /// Puts the bin into the pipeline and the map, in place of one with its id.
 void GstNoxBackend::addBin(const std::shared_ptr<GstMseBin>& bin) {
-    if (const auto old = m_sources.take(bin->id())) {
+    if (m_sources.find(bin->id()) != nullptr) {
         GST_ERROR("***E: source already exists - deleting...");
-        destroy(*old);
+        endBin(bin->id());
     }
-    if (!g_standalone) {
-        m_decoders.watch(bin->sink());
-        g_signal_connect(bin->sink(), "decoder-request", G_CALLBACK(source_decoder_request_cb),
-                         this);
-    }
-    gst_bin_add(GST_BIN(m_pipeline.get()), bin->element());
-    if (bin->kind == MediaKind::Audio) {
-        const GLibLock lock(m_lock);
-        m_audioSink = GstPtr<GstElement>::retain(bin->sink());
-    }
+    takeSink(bin->sink(), DecoderHandshake::SinkOf::MediaSource);
+    gst_bin_add(GST_BIN(m_pipeline.element().get()), bin->element());
+    if (bin->kind == MediaKind::Audio)
+        m_pipeline.setAudioSink(bin->sink());
     m_sources.add(bin);
-    writeGraph("nox-attach");
+    m_pipeline.writeGraph("nox-attach");
 }
 
 /// One decoder of a kind: the source that had it stops.
@@ -93,15 +87,21 @@ void GstNoxBackend::checkComponent(const GstMseBin& starting) {
 
 bool GstNoxBackend::removeSource(unsigned int id) {
     GST_INFO("source_id=%u", id);
+    return endBin(id);
+}
+
+/// Waits for writers, and for the streaming thread, which may be waiting for a decoder.
+bool GstNoxBackend::endBin(unsigned int id) {
     const auto bin = m_sources.take(id);
     if (bin == nullptr)
         return false;
     bin->close(); // else a writer decrypts all that is queued before it leaves
     m_sources.waitForWriters(bin.get());
-    destroy(*bin);
-    const GLibLock lock(m_lock);
-    if (m_audioSink.get() == bin->sink())
-        m_audioSink.reset();
+    {
+        const DecoderHandshake::Stop ending(m_decoders, bin->sink());
+        bin->Destroy();
+    }
+    m_pipeline.forgetAudioSink(bin->sink());
     return true;
 }
 
@@ -132,12 +132,6 @@ int GstNoxBackend::checkNewSegment(unsigned long long* start) {
     return Success;
 }
 
-/// Waits for the streaming thread, which may be waiting for a decoder.
-void GstNoxBackend::destroy(GstMseBin& bin) {
-    const DecoderHandshake::Stop ending(m_decoders, bin.sink());
-    bin.Destroy();
-}
-
 // ---- streaming threads
 
 /// Null when it is gone.
@@ -163,8 +157,10 @@ void GstNoxBackend::askForData(unsigned int id) {
 
 void GstNoxBackend::enough_data_cb(GstAppSrc* appsrc, gpointer backend) noexcept {
     GST_LOG("(%s)", GST_OBJECT_NAME(appsrc));
-    if (const auto bin = binOf(appsrc, backend))
-        bin->hasEnoughData();
+    guarded("enough-data", [=] {
+        if (const auto bin = binOf(appsrc, backend))
+            bin->hasEnoughData();
+    });
 }
 
 gboolean GstNoxBackend::seek_data_cb(GstAppSrc* appsrc, guint64 offset, gpointer backend) noexcept {

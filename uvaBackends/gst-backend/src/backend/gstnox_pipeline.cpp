@@ -1,8 +1,7 @@
-#include "backend/gstnox_avcomponent.h"
-#include "backend/gstnox_backend.h"
-#include "backend/gstnox_buswatch.h"
+#include "backend/gstnox_pipeline.h"
+
+#include "backend/media_facts.h"
 #include "base/gstnox_debug.h"
-#include "uva/uva_event.h"
 
 #include <cstring>
 #include <string_view>
@@ -36,119 +35,163 @@ const GstStructure* firstStructure(const GstCaps* caps) {
                                                           : nullptr;
 }
 
-GstNoxBackend* backendOf(gpointer data) {
-    return static_cast<GstNoxBackend*>(data);
+GstNoxPipeline* of(gpointer data) {
+    return static_cast<GstNoxPipeline*>(data);
+}
+
+/// Of a query in GST_FORMAT_TIME.
+using Query = gboolean (*)(GstElement*, GstFormat, gint64*);
+
+std::optional<gint64> ask(const GstPtr<GstElement>& pipeline, Query query) {
+    gint64 time = 0;
+    if (!pipeline || !query(pipeline.get(), GST_FORMAT_TIME, &time))
+        return std::nullopt;
+    return time;
 }
 
 } // namespace
 
-int GstNoxBackend::gstPlaybinCreate() {
-    if (m_pipeline) {
+// ---- its life
+
+bool GstNoxPipeline::isFree() {
+    const bool is = !element();
+    if (!is)
         GST_ERROR("***E: playbin still open");
-        return -1;
-    }
-    m_pipeline = GstPtr<GstElement>::sink(gst_element_factory_make("playbin", nullptr));
-    if (!m_pipeline) {
+    return is;
+}
+
+bool GstNoxPipeline::createPlaybin() {
+    if (!isFree())
+        return false;
+    const auto playbin = GstPtr<GstElement>::sink(gst_element_factory_make("playbin", nullptr));
+    if (!playbin) {
         GST_ERROR("one element could not be created");
-        GST_ERROR("  playbin  = %p", static_cast<void*>(m_pipeline.get()));
-        return -1;
+        GST_ERROR("  playbin  = %p", static_cast<void*>(playbin.get()));
+        return false;
     }
     m_transportStream = false;
     GST_INFO("elements created");
-    watchBus();
-    g_signal_connect(m_pipeline.get(), "element-setup", G_CALLBACK(element_setup_cb), this);
-    g_signal_connect(m_pipeline.get(), "source-setup", G_CALLBACK(source_setup_cb), this);
-    g_signal_connect(m_pipeline.get(), "about-to-finish", G_CALLBACK(about_to_finish_cb), this);
-    GST_INFO("done (%d)", 0);
-    return 0;
+    open(playbin);
+    g_signal_connect(playbin.get(), "element-setup", G_CALLBACK(element_setup_cb), this);
+    g_signal_connect(playbin.get(), "source-setup", G_CALLBACK(source_setup_cb), this);
+    g_signal_connect(playbin.get(), "about-to-finish", G_CALLBACK(about_to_finish_cb), this);
+    return true;
 }
 
-int GstNoxBackend::gstPlaySinkCreate() {
-    if (m_pipeline) {
-        GST_ERROR("***E: playbin still open");
-        return -1;
-    }
-    m_pipeline = GstPtr<GstElement>::sink(gst_pipeline_new("mseplayer"));
-    if (!m_pipeline) {
+bool GstNoxPipeline::createForMediaSources() {
+    if (!isFree())
+        return false;
+    const auto pipeline = GstPtr<GstElement>::sink(gst_pipeline_new("mseplayer"));
+    if (!pipeline) {
         GST_ERROR("cannot create pipeline");
-        return -1;
+        return false;
     }
     GST_INFO("elements created");
-    m_sourceGroup.forgetStart();
-    watchBus();
-    GST_INFO("done (%d)", 0);
-    return 0;
+    open(pipeline);
+    return true;
 }
 
-void GstNoxBackend::watchBus() {
-    m_bus = GstPtr<GstBus>::adopt(gst_element_get_bus(m_pipeline.get()));
-    m_busWatch = GstNoxBusWatch::add(m_bus.get(), this);
-    m_hasPlayer = true;
+void GstNoxPipeline::open(GstPtr<GstElement> pipeline) {
+    m_bus = GstPtr<GstBus>::adopt(gst_element_get_bus(pipeline.get()));
+    m_busWatch = GstNoxBusWatch::add(m_bus.get(), m_client.message);
+    const GLibLock lock(m_lock);
+    m_pipeline = std::move(pipeline);
 }
 
-void GstNoxBackend::gstPlayerStopAndDestroy() {
-    GST_DEBUG("playbin=%p, playsink=%p", static_cast<void*>(m_pipeline.get()),
-              static_cast<void*>(m_playSink.get()));
-    if (!m_busWatch)
-        return; // there is none, or the client asks from inside an event that this one delivers
-    const Operation operation(*this);
-    writeGraph("nox-stop");
-    const DecoderHandshake::Stop stop(m_decoders);
-    changeState(GST_STATE_READY);
+void GstNoxPipeline::setUrl(const char* url, const char* userAgent) {
+    m_userAgent = userAgent != nullptr ? userAgent : "";
+    g_object_set(element().get(), "uri", url, nullptr);
+}
+
+void GstNoxPipeline::stop() {
     GstState state = GST_STATE_VOID_PENDING;
     GstState pending = GST_STATE_VOID_PENDING;
-    gst_element_get_state(m_pipeline.get(), &state, &pending, 0);
+    gst_element_get_state(element().get(), &state, &pending, 0);
     GST_DEBUG("state=%d pending=%d", state, pending);
-    setPipelineState(GST_STATE_READY);
+    setState(GST_STATE_READY);
 
     GST_DEBUG("draining the bus...");
     std::exchange(m_busWatch, nullptr)->remove(m_bus.get());
     while (const auto message = GstPtr<GstMessage>::adopt(gst_bus_pop(m_bus.get())))
-        handleGstMessages(message.get());
-
+        guarded("a message of the pipeline", [&] { m_client.message(message.get()); });
     GST_DEBUG("destroy bus");
     m_bus.reset();
-    GST_DEBUG("going to NULL");
-    changeState(GST_STATE_NULL);
-    setPipelineState(GST_STATE_NULL);
-    m_mainSystem.leave(&m_decoders);
-    m_hasPlayer = false;
-    {
-        const GLibLock lock(m_lock);
-        m_audioSink.reset();
-    }
-    m_pipeline.reset();
-    GST_DEBUG("done");
 }
 
-void GstNoxBackend::setPipelineState(GstState state) {
-    if (!m_pipeline)
-        return;
-    gst_element_set_state(m_pipeline.get(), state);
+void GstNoxPipeline::destroy() {
+    setState(GST_STATE_NULL);
+    GstPtr<GstElement> pipeline; // what is dropped goes after the lock
+    GstPtr<GstElement> audioSink;
+    const GLibLock lock(m_lock);
+    std::swap(pipeline, m_pipeline);
+    std::swap(audioSink, m_audioSink);
 }
 
-void GstNoxBackend::writeGraph(const char* name) {
-    if (m_pipeline)
-        GST_DEBUG_BIN_TO_DOT_FILE_WITH_TS(GST_BIN(m_pipeline.get()), GST_DEBUG_GRAPH_SHOW_ALL,
-                                          name);
+// ---- while it is there
+
+GstPtr<GstElement> GstNoxPipeline::element() {
+    const GLibLock lock(m_lock);
+    return m_pipeline;
 }
 
-void GstNoxBackend::element_setup_cb(GstElement* /*playbin*/, GstElement* element,
-                                     gpointer backend) noexcept {
-    guarded("element-setup", [=] { backendOf(backend)->setupElement(element); });
+void GstNoxPipeline::setState(GstState state) {
+    if (const auto pipeline = element())
+        gst_element_set_state(pipeline.get(), state);
 }
 
-void GstNoxBackend::setupElement(GstElement* element) {
+std::optional<gint64> GstNoxPipeline::position() {
+    return ask(element(), gst_element_query_position);
+}
+
+std::optional<gint64> GstNoxPipeline::duration() {
+    return ask(element(), gst_element_query_duration);
+}
+
+bool GstNoxPipeline::seek(guint64 target) {
+    const auto pipeline = element();
+    return pipeline && gst_element_seek_simple(
+                           pipeline.get(), GST_FORMAT_TIME,
+                           static_cast<GstSeekFlags>(GST_SEEK_FLAG_FLUSH | GST_SEEK_FLAG_ACCURATE),
+                           static_cast<gint64>(target)) != FALSE;
+}
+
+void GstNoxPipeline::writeGraph(const char* name) {
+    if (const auto pipeline = element())
+        GST_DEBUG_BIN_TO_DOT_FILE_WITH_TS(GST_BIN(pipeline.get()), GST_DEBUG_GRAPH_SHOW_ALL, name);
+}
+
+void GstNoxPipeline::setAudioSink(GstElement* sink) {
+    auto next = GstPtr<GstElement>::retain(sink); // and the last one goes after the lock
+    const GLibLock lock(m_lock);
+    std::swap(next, m_audioSink);
+}
+
+void GstNoxPipeline::forgetAudioSink(const GstElement* sink) {
+    GstPtr<GstElement> forgotten;
+    const GLibLock lock(m_lock);
+    if (m_audioSink.get() == sink)
+        std::swap(forgotten, m_audioSink);
+}
+
+GstPtr<GstElement> GstNoxPipeline::audioSink() {
+    const GLibLock lock(m_lock);
+    return m_audioSink;
+}
+
+// ---- what its elements tell
+
+void GstNoxPipeline::element_setup_cb(GstElement* /*playbin*/, GstElement* element,
+                                      gpointer self) noexcept {
+    guarded("element-setup", [=] { of(self)->setupElement(element); });
+}
+
+void GstNoxPipeline::setupElement(GstElement* element) {
     const std::string_view factory = factoryName(element);
     GST_DEBUG("element='%s' factory='%s'", GST_OBJECT_NAME(element), factory.data());
-    const bool audioSink = factory == "halaudiosink";
-    if (!g_standalone && (audioSink || factory == "halvideosink")) {
-        m_decoders.watch(element);
-        g_signal_connect(element, "decoder-request", G_CALLBACK(decoder_request_cb), this);
-        if (audioSink) {
-            const GLibLock lock(m_lock);
-            m_audioSink = GstPtr<GstElement>::retain(element);
-        }
+    const bool isAudioSink = factory == "halaudiosink";
+    if (isAudioSink || factory == "halvideosink") {
+        if (m_client.sinkAdded(element) && isAudioSink)
+            setAudioSink(element);
     } else if (factory == "tsdemux") {
         m_transportStream = true;
     } else if (factory == "decodebin") {
@@ -163,67 +206,36 @@ void GstNoxBackend::setupElement(GstElement* element) {
         g_signal_connect(element, "pad-added", G_CALLBACK(demux_pad_added_cb), this);
 }
 
-void GstNoxBackend::source_setup_cb(GstElement* /*playbin*/, GstElement* source,
-                                    gpointer backend) noexcept {
+void GstNoxPipeline::source_setup_cb(GstElement* /*playbin*/, GstElement* source,
+                                     gpointer self) noexcept {
     GST_DEBUG("source=%s", GST_OBJECT_NAME(source));
     if (std::string_view(factoryName(source)) != "souphttpsrc")
         return;
-    const char* userAgent = backendOf(backend)->m_userAgent.c_str();
+    const char* userAgent = of(self)->m_userAgent.c_str();
     g_object_set(source, "user-agent", userAgent, nullptr);
     GST_DEBUG("source element has been created: set user-agent: %s", userAgent);
 }
 
-void GstNoxBackend::about_to_finish_cb(GstElement* /*playbin*/, gpointer /*backend*/) noexcept {
+void GstNoxPipeline::about_to_finish_cb(GstElement* /*playbin*/, gpointer /*self*/) noexcept {
     GST_DEBUG("player finished playback");
 }
 
-gint GstNoxBackend::decoder_request_cb(GstElement* sink, const gchar* type,
-                                       gpointer backend) noexcept {
-    return guarded(GST_CAT_DEFAULT, "decoder-request", 0, [=] {
-        auto* self = backendOf(backend);
-        return self->reply(self->m_decoders.askClientAndMainSystem(sink, type));
-    });
-}
-
-gint GstNoxBackend::source_decoder_request_cb(GstElement* sink, const gchar* type,
-                                              gpointer backend) noexcept {
-    return guarded(GST_CAT_DEFAULT, "decoder-request", 0, [=] {
-        auto* self = backendOf(backend);
-        return self->reply(self->m_decoders.askMainSystem(sink, type));
-    });
-}
-
-void GstNoxBackend::askClient() {
-    raiseEvent(new BackendResourceRequestAsyncEvent(m_audioOnly), GST_LEVEL_DEBUG, "type=%d",
-               m_audioOnly);
-}
-
-/// What the sink is told.
-gint GstNoxBackend::reply(DecoderHandshake::Answer answer) {
-    if (answer == DecoderHandshake::Answer::Refused) {
-        GST_ERROR("***E: resources not available (%d)", m_decoders.resourcesState());
-        raiseEvent(new DecodeErrorEvent(DecodeErrorEvent::InsufficientResources), GST_LEVEL_ERROR,
-                   "INSUFFICIENT_RESOURCES");
-    }
-    return answer == DecoderHandshake::Answer::Granted ? 1 : 0;
-}
-
-void GstNoxBackend::demux_pad_added_cb(GstElement* /*demuxer*/, GstPad* pad,
-                                       gpointer backend) noexcept {
+void GstNoxPipeline::demux_pad_added_cb(GstElement* /*demuxer*/, GstPad* pad,
+                                        gpointer self) noexcept {
     GST_DEBUG("padname=%s", GST_PAD_NAME(pad));
     if (beginsWith(GST_PAD_NAME(pad), "video"))
         gst_pad_add_probe(pad, GST_PAD_PROBE_TYPE_EVENT_DOWNSTREAM, demux_video_pad_event_probe,
-                          backend, nullptr);
+                          self, nullptr);
 }
 
-GstPadProbeReturn GstNoxBackend::demux_video_pad_event_probe(GstPad* pad, GstPadProbeInfo* info,
-                                                             gpointer backend) noexcept {
+GstPadProbeReturn GstNoxPipeline::demux_video_pad_event_probe(GstPad* pad, GstPadProbeInfo* info,
+                                                              gpointer self) noexcept {
     if (GstCaps* caps = capsOf(info))
-        guarded("demuxer's caps", [=] { backendOf(backend)->takeDemuxerCaps(pad, caps); });
+        guarded("demuxer's caps", [=] { of(self)->takeDemuxerCaps(pad, caps); });
     return GST_PAD_PROBE_OK;
 }
 
-void GstNoxBackend::takeDemuxerCaps(GstPad* pad, GstCaps* caps) {
+void GstNoxPipeline::takeDemuxerCaps(GstPad* pad, GstCaps* caps) {
     const GstStructure* structure = firstStructure(caps);
     if (structure == nullptr)
         return;
@@ -231,59 +243,55 @@ void GstNoxBackend::takeDemuxerCaps(GstPad* pad, GstCaps* caps) {
     int height = 0;
     if (gst_structure_get_int(structure, "width", &width) &&
         gst_structure_get_int(structure, "height", &height)) {
-        setMetaData(width, height);
+        m_facts.setSize(width, height);
         int numerator = 0;
         int denominator = 0;
         if (gst_structure_get_fraction(structure, "pixel-aspect-ratio", &numerator, &denominator))
-            setMetaData(static_cast<double>(numerator) / static_cast<double>(denominator));
+            m_facts.setPixelAspectRatio(static_cast<double>(numerator) /
+                                        static_cast<double>(denominator));
     }
     gint64 duration = MediaFacts::durationUnknown;
     const auto demuxer = GstPtr<GstElement>::adopt(gst_pad_get_parent_element(pad));
     if (!demuxer || !gst_element_query_duration(demuxer.get(), GST_FORMAT_TIME, &duration))
         duration = MediaFacts::durationUnknown;
-    setMetaData(static_cast<long long>(duration));
+    m_facts.setDuration(duration);
 }
 
-void GstNoxBackend::decodebin_pad_added_cb(GstElement* /*decodebin*/, GstPad* pad,
-                                           gpointer backend) noexcept {
+void GstNoxPipeline::decodebin_pad_added_cb(GstElement* /*decodebin*/, GstPad* pad,
+                                            gpointer self) noexcept {
     GST_DEBUG("padname=%s", GST_PAD_NAME(pad));
-    gst_pad_add_probe(pad, GST_PAD_PROBE_TYPE_EVENT_DOWNSTREAM, decodebin_srcpad_event_probe,
-                      backend, nullptr);
+    gst_pad_add_probe(pad, GST_PAD_PROBE_TYPE_EVENT_DOWNSTREAM, decodebin_srcpad_event_probe, self,
+                      nullptr);
 }
 
-GstPadProbeReturn GstNoxBackend::decodebin_srcpad_event_probe(GstPad* pad, GstPadProbeInfo* info,
-                                                              gpointer backend) noexcept {
+GstPadProbeReturn GstNoxPipeline::decodebin_srcpad_event_probe(GstPad* pad, GstPadProbeInfo* info,
+                                                               gpointer self) noexcept {
     if (GstCaps* caps = capsOf(info))
-        guarded("decodebin's caps", [=] { backendOf(backend)->takeDecodedCaps(pad, caps); });
+        guarded("decodebin's caps", [=] { of(self)->takeDecodedCaps(pad, caps); });
     return GST_PAD_PROBE_OK;
 }
 
-void GstNoxBackend::takeDecodedCaps(GstPad* pad, GstCaps* caps) {
+void GstNoxPipeline::takeDecodedCaps(GstPad* pad, GstCaps* caps) {
     const GstStructure* structure = firstStructure(caps);
     if (structure == nullptr)
         return;
-    // The kinds are crosswise.
-    const gchar* component = GST_PAD_NAME(pad);
-    const bool isVideo = beginsWith(gst_structure_get_name(structure), "video");
-    if (!hasComponent(component))
-        addComponent(isVideo ? "audio" : "video", component);
-    if (!isVideo)
-        checkMetaDataChanged();
+    m_client.streamDecoded(GST_PAD_NAME(pad),
+                           beginsWith(gst_structure_get_name(structure), "video"));
 }
 
-void GstNoxBackend::decodebin_pad_removed_cb(GstElement* /*decodebin*/, GstPad* pad,
-                                             gpointer backend) noexcept {
+void GstNoxPipeline::decodebin_pad_removed_cb(GstElement* /*decodebin*/, GstPad* pad,
+                                              gpointer self) noexcept {
     if (gst_pad_get_direction(pad) != GST_PAD_SRC)
         return;
     GST_DEBUG("padname=%s", GST_PAD_NAME(pad));
-    guarded("pad-removed", [=] { backendOf(backend)->removeComponent(GST_PAD_NAME(pad)); });
+    guarded("pad-removed", [=] { of(self)->m_client.streamGone(GST_PAD_NAME(pad)); });
 }
 
 G_GNUC_BEGIN_IGNORE_DEPRECATIONS // GValueArray is what decodebin's signal speaks
 
     GValueArray*
-    GstNoxBackend::autoplug_sort_cb(GstElement* /*decodebin*/, GstPad* /*pad*/, GstCaps* caps,
-                                    GValueArray* factories, gpointer backend) noexcept {
+    GstNoxPipeline::autoplug_sort_cb(GstElement* /*decodebin*/, GstPad* /*pad*/, GstCaps* caps,
+                                     GValueArray* factories, gpointer self) noexcept {
     const GstStructure* structure = firstStructure(caps);
     const gchar* variant =
         structure != nullptr ? gst_structure_get_string(structure, "variant") : nullptr;
@@ -298,14 +306,14 @@ G_GNUC_BEGIN_IGNORE_DEPRECATIONS // GValueArray is what decodebin's signal speak
         }
         return only;
     }
-    if (backendOf(backend)->m_transportStream)
+    if (of(self)->m_transportStream)
         g_value_array_sort(factories, priorize_vptsfilter);
     return nullptr;
 }
 
 G_GNUC_END_IGNORE_DEPRECATIONS
 
-gint GstNoxBackend::priorize_vptsfilter(gconstpointer a, gconstpointer b) noexcept {
+gint GstNoxPipeline::priorize_vptsfilter(gconstpointer a, gconstpointer b) noexcept {
     const auto isFilter = [](gconstpointer value) {
         gpointer factory = g_value_get_object(static_cast<const GValue*>(value));
         return factory != nullptr && std::string_view(GST_OBJECT_NAME(factory)) == "noxvptsfilter";
@@ -313,56 +321,4 @@ gint GstNoxBackend::priorize_vptsfilter(gconstpointer a, gconstpointer b) noexce
     if (isFilter(a))
         return -1;
     return isFilter(b) ? 1 : 0;
-}
-
-void GstNoxBackend::completeSeek(const UVAAsyncEvent* event) {
-    GstState state = GST_STATE_VOID_PENDING;
-    {
-        const GLibLock lock(m_lock);
-        state = m_state;
-    }
-    GST_INFO("CancelDataRequestsAsync: pos=%" GST_TIME_FORMAT " (%f) state=%d",
-             GST_TIME_ARGS(m_seek.position()),
-             static_cast<const CancelDataRequestsAsyncEvent*>(event)->position, state);
-    const Operation operation(*this);
-    const auto target = m_seek.begin();
-    if (!target)
-        return;
-    const bool done = seekPipeline(*target);
-    m_seek.end();
-    using Outcome = SeekCompletedExEvent::SeekOutcome;
-    if (!done) {
-        raiseEvent(new SeekCompletedExEvent(Outcome::Failed), GST_LEVEL_WARNING,
-                   "SeekOutcome::Failed");
-        return;
-    }
-    if (state == GST_STATE_PLAYING) {
-        GST_WARNING("***W: force state transition");
-        setPipelineState(GST_STATE_PAUSED);
-        setPipelineState(GST_STATE_PLAYING);
-    }
-    raiseEvent(new SeekCompletedExEvent(Outcome::Succeeded), GST_LEVEL_DEBUG,
-               "SeekOutcome::Succeeded");
-}
-
-/// One step for all media sources: none takes what belongs behind the seek before all have dropped
-/// what belongs before it.
-bool GstNoxBackend::seekPipeline(guint64 target) {
-    if (!m_pipeline)
-        return false;
-    const auto sources = m_sources.all();
-    for (const auto& bin : sources)
-        bin->closeForSeek(); // one may have been attached meanwhile
-    m_sourceGroup.forgetStart();
-    for (const auto& bin : sources)
-        bin->beginSeek();
-    const bool done = gst_element_seek_simple(
-                          m_pipeline.get(), GST_FORMAT_TIME,
-                          static_cast<GstSeekFlags>(GST_SEEK_FLAG_FLUSH | GST_SEEK_FLAG_ACCURATE),
-                          static_cast<gint64>(target)) != FALSE;
-    const MediaSources::Visit visit(m_sources, MediaSources::Visit::Request);
-    for (const auto& bin : sources)
-        if (bin->endSeek())
-            askForData(bin->id());
-    return done;
 }

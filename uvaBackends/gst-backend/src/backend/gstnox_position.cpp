@@ -37,15 +37,12 @@ bool GstNoxBackend::isDurationUnknown() {
 }
 
 UVATime GstNoxBackend::getPosition() {
-    if (!m_pipeline) {
+    if (!m_pipeline.element()) {
         GST_WARNING("***W: gst_element_query_position failed");
         return {-1.0, 1.0, UVATime::Timestamp(), -1.0};
     }
-    gint64 position = 0;
-    const bool known =
-        gst_element_query_position(m_pipeline.get(), GST_FORMAT_TIME, &position) != FALSE;
-    if (known)
-        m_seek.note(static_cast<guint64>(position));
+    if (const auto position = m_pipeline.position())
+        m_seek.note(static_cast<guint64>(*position));
     const guint64 last = m_seek.position();
     GST_LOG("pos=%" GST_TIME_FORMAT, GST_TIME_ARGS(last));
     const double seconds = last == GST_CLOCK_TIME_NONE ? 0.0 : toSeconds(last);
@@ -73,12 +70,61 @@ int GstNoxBackend::setPosition(double seconds) {
     return 1;
 }
 
+void GstNoxBackend::completeSeek(const UVAAsyncEvent* event) {
+    GstState state = GST_STATE_VOID_PENDING;
+    {
+        const GLibLock lock(m_lock);
+        state = m_state;
+    }
+    GST_INFO("CancelDataRequestsAsync: pos=%" GST_TIME_FORMAT " (%f) state=%d",
+             GST_TIME_ARGS(m_seek.position()),
+             static_cast<const CancelDataRequestsAsyncEvent*>(event)->position, state);
+    const Operation operation(*this);
+    const auto target = m_seek.begin();
+    if (!target)
+        return;
+    const bool done = seekPipeline(*target);
+    m_seek.end();
+    using Outcome = SeekCompletedExEvent::SeekOutcome;
+    if (!done) {
+        raiseEvent(new SeekCompletedExEvent(Outcome::Failed), GST_LEVEL_WARNING,
+                   "SeekOutcome::Failed");
+        return;
+    }
+    if (state == GST_STATE_PLAYING) {
+        GST_WARNING("***W: force state transition");
+        m_pipeline.setState(GST_STATE_PAUSED);
+        m_pipeline.setState(GST_STATE_PLAYING);
+    }
+    raiseEvent(new SeekCompletedExEvent(Outcome::Succeeded), GST_LEVEL_DEBUG,
+               "SeekOutcome::Succeeded");
+}
+
+/// One step for all media sources: none takes what belongs behind the seek before all have dropped
+/// what belongs before it.
+bool GstNoxBackend::seekPipeline(guint64 target) {
+    if (!m_pipeline.element())
+        return false;
+    const auto sources = m_sources.all();
+    for (const auto& bin : sources)
+        bin->closeForSeek(); // one may have been attached meanwhile
+    m_sourceGroup.forgetStart();
+    for (const auto& bin : sources)
+        bin->beginSeek();
+    const bool done = m_pipeline.seek(target);
+    const MediaSources::Visit visit(m_sources, MediaSources::Visit::Request);
+    for (const auto& bin : sources)
+        if (bin->endSeek())
+            askForData(bin->id());
+    return done;
+}
+
 int GstNoxBackend::getDuration(double& seconds) {
     if (!isDurationInitialized()) {
-        gint64 queried = 0;
-        if (!m_pipeline || !gst_element_query_duration(m_pipeline.get(), GST_FORMAT_TIME, &queried))
+        const auto queried = m_pipeline.duration();
+        if (!queried)
             return NotAvailable;
-        changeDuration(static_cast<double>(queried) / nanosecondsPerSecond);
+        changeDuration(static_cast<double>(*queried) / nanosecondsPerSecond);
     }
     const gint64 known = m_facts.duration();
     GST_LOG("m_duration=%" GST_TIME_FORMAT, GST_TIME_ARGS(forLog(known)));
@@ -124,11 +170,10 @@ int GstNoxBackend::getBufferedTimeRanges(unsigned int id, const std::vector<Byte
     }
     constexpr double lookAhead = 50.0; // seconds
     const gint64 known = m_facts.duration();
-    gint64 position = 0;
-    if (!m_pipeline || known == MediaFacts::durationUninitialized ||
-        !gst_element_query_position(m_pipeline.get(), GST_FORMAT_TIME, &position))
+    const auto position = m_pipeline.position();
+    if (!position || known == MediaFacts::durationUninitialized)
         return NotAvailable;
-    const double end = std::min(static_cast<double>(position) / nanosecondsPerSecond + lookAhead,
+    const double end = std::min(static_cast<double>(*position) / nanosecondsPerSecond + lookAhead,
                                 static_cast<double>(known));
     ranges.push_back({0.0, end});
     GST_LOG("  buffered: 0 - %f", end);

@@ -1,9 +1,9 @@
 #ifndef GSTNOX_DEBUG_H
 #define GSTNOX_DEBUG_H
 
-#include <gst/gst.h>
+#include "util/thrown_by.h"
 
-#include <exception>
+#include <gst/gst.h>
 
 /// Seen from outside the library; the linker's export list names the same symbols.
 #define NOX_EXPORT __attribute__((visibility("default")))
@@ -23,14 +23,10 @@ void createDebugCategories();
 /// done, and the answer is `failure`.
 template <typename Answer, typename Call>
 Answer guarded(GstDebugCategory* category, const char* what, Answer failure, Call call) noexcept {
-    try {
-        return call();
-    } catch (const std::exception& exception) {
-        GST_CAT_WARNING(category, "%s threw an exception: %s", what, exception.what());
-    } catch (...) {
-        GST_CAT_WARNING(category, "%s threw an exception", what);
-    }
-    return failure;
+    Answer answer = failure;
+    if (const auto thrown = thrownBy([&] { answer = call(); }))
+        GST_CAT_WARNING(category, "%s threw an exception: %s", what, thrown->c_str());
+    return answer;
 }
 
 /// The same for what answers nothing.

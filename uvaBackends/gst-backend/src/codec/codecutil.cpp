@@ -8,8 +8,10 @@ namespace {
 
 constexpr std::uint64_t largest = 2147483647;
 
-/// Digits from `text` on, which is moved behind them; false when the value exceeds 64 bits.
+/// Digits from `text` on, which is moved behind them; false when there is none, or the value
+/// exceeds 64 bits.
 bool readDigits(const char*& text, std::uint64_t& value) {
+    const char* const first = text;
     value = 0;
     for (; g_ascii_isdigit(*text); ++text) {
         const auto digit = static_cast<std::uint64_t>(g_ascii_digit_value(*text));
@@ -17,7 +19,7 @@ bool readDigits(const char*& text, std::uint64_t& value) {
             return false;
         value = value * 10 + digit;
     }
-    return true;
+    return text != first;
 }
 
 /// The fraction behind the decimal point joins the integer part, as lowest terms of 31 bits.
@@ -40,28 +42,24 @@ bool readFraction(const char* text, std::uint64_t& numerator, std::uint64_t& den
     return numerator <= largest && denominator <= largest;
 }
 
+bool readNumber(const char* text, std::uint64_t& numerator, std::uint64_t& denominator) {
+    if (!readDigits(text, numerator) || numerator > largest)
+        return false;
+    if (*text == '/')
+        return readDigits(++text, denominator) && *text == '\0' && denominator >= 1 &&
+               denominator <= largest;
+    if (*text == '.' || *text == ',')
+        return readFraction(text + 1, numerator, denominator);
+    return *text == '\0';
+}
+
 } // namespace
 
 gboolean gst_tools_parse_real(const char* text, int* numerator, int* denominator) {
-    if (text == nullptr)
-        return FALSE;
     std::uint64_t above = 0;
     std::uint64_t below = 1;
-    if (*text != '\0') {
-        if (!g_ascii_isdigit(*text) || !readDigits(text, above) || above > largest)
-            return FALSE;
-        if (*text == '/') {
-            ++text;
-            if (!g_ascii_isdigit(*text) || !readDigits(text, below) || *text != '\0' || below < 1 ||
-                below > largest)
-                return FALSE;
-        } else if (*text == '.' || *text == ',') {
-            if (!readFraction(text + 1, above, below))
-                return FALSE;
-        } else if (*text != '\0') {
-            return FALSE;
-        }
-    }
+    if (text == nullptr || (*text != '\0' && !readNumber(text, above, below)))
+        return FALSE;
     *numerator = static_cast<int>(above);
     *denominator = static_cast<int>(below);
     return TRUE;

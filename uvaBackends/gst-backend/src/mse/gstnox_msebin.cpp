@@ -158,7 +158,9 @@ void GstMseBin::close() {
     dropped = flush(0);
 }
 
+/// The host gets its decrypter back here: whoever drops the last reference may hold a lock.
 void GstMseBin::Destroy() {
+    SampleDecrypter::Context decrypter; // goes after the lock
     close();
     if (!bin)
         return;
@@ -167,6 +169,9 @@ void GstMseBin::Destroy() {
     const auto parent = GstPtr<GstObject>::adopt(gst_object_get_parent(GST_OBJECT(bin.get())));
     if (parent)
         gst_bin_remove(GST_BIN(parent.get()), bin.get());
+    const GLibLock hold(lock);
+    if (!m_isFeeding) // else this thread does, and the host asks from inside a decryption
+        decrypter = m_decrypter.release();
 }
 
 bool GstMseBin::isActive() {
@@ -270,10 +275,13 @@ GstMseBin::Step GstMseBin::nextStep() {
     }
     step.remaining = m_queue.size();
     GstMiniObject* item = step.item.get();
-    if (item != nullptr && !GST_IS_BUFFER(item))
+    if (item == nullptr)
+        return step;
+    step.isProtected = GST_IS_BUFFER(item) &&
+                       gst_buffer_get_content_protection_meta(GST_BUFFER_CAST(item)) != nullptr;
+    if (!GST_IS_BUFFER(item))
         m_isPushing = true;
-    else if (item != nullptr &&
-             gst_buffer_get_content_protection_meta(GST_BUFFER_CAST(item)) == nullptr)
+    else if (!step.isProtected)
         step.segmentStart = beginPush();
     return step;
 }
@@ -309,7 +317,7 @@ void GstMseBin::handOver(Step& step) {
 void GstMseBin::handOverBuffer(Step& step) {
     auto buffer = GstPtr<GstBuffer>::adopt(GST_BUFFER_CAST(step.item.release()));
     step.payload = GstPtr<GstMemory>::adopt(gst_buffer_get_memory(buffer.get(), 0));
-    if (gst_buffer_get_content_protection_meta(buffer.get()) != nullptr) {
+    if (step.isProtected) {
         handleContentProtectionMeta(buffer.get());
         const GLibLock hold(lock);
         if (step.flushes != m_flushes)

@@ -40,7 +40,7 @@ public:
     /// Drops what is queued. No sample is taken from then on.
     void close() EXCLUDES(lock);
     /// Closes, stops the elements and takes them out of the pipeline. Waits for the streaming
-    /// thread. Host thread.
+    /// thread; no other thread is in write(). Host thread.
     void Destroy() EXCLUDES(lock);
 
     /// Queues the samples of a data event, in order. The array's slots are cleared.
@@ -84,6 +84,7 @@ private:
     struct Step {
         SampleQueue::Item item; ///< null: there is nothing to do
         GstClockTime segmentStart = GST_CLOCK_TIME_NONE; ///< to be installed before it, or none
+        bool isProtected = false;                        ///< it is to be decrypted before
         unsigned int flushes = 0;  ///< when it was taken
         std::size_t remaining = 0; ///< what is queued behind it
         /// The host's sample, which is not to go while a flush may be waiting for the push.

@@ -6,6 +6,7 @@
 
 #include <gst/gst.h>
 
+#include <atomic>
 #include <memory>
 
 class UVADRMBackend;
@@ -36,6 +37,7 @@ public:
 
     void setKeySystem(std::shared_ptr<const KeySystem> next) {
         const GLibLock lock(m_lock);
+        m_client = next->client;
         m_keySystem.swap(next);
     }
     /// Null until one is set.
@@ -43,11 +45,14 @@ public:
         const GLibLock lock(m_lock);
         return m_keySystem;
     }
+    /// The key system's, 0 until one is set. Without the lock: asked for every sample.
+    guint64 client() const { return m_client; }
 
 private:
     GLibMutex m_lock; // a leaf
     guint64 m_segmentStart GUARDED_BY(m_lock) = GST_CLOCK_TIME_NONE;
     std::shared_ptr<const KeySystem> m_keySystem GUARDED_BY(m_lock);
+    std::atomic<guint64> m_client{0};
 };
 
 #endif

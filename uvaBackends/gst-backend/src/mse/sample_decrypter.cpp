@@ -74,28 +74,27 @@ private:
 } // namespace
 
 bool SampleDecrypter::decrypt(GstBuffer* buffer) {
+    auto* meta = gst_buffer_get_content_protection_meta(buffer);
     auto payload = PayloadPool::instance().take(gst_buffer_get_size(buffer));
     GstMapInfo map;
     if (!payload || !gst_memory_map(payload.get(), &map, GST_MAP_READWRITE))
         return false;
     gst_buffer_extract(buffer, 0, map.data, map.size);
-    const bool decrypted = decryptInPlace(map, buffer);
+    const bool decrypted = decryptInPlace(map, buffer, *meta);
     gst_memory_unmap(payload.get(), &map);
     if (!decrypted)
         return false;
     gst_buffer_replace_all_memory(buffer, payload.release());
-    gst_buffer_remove_content_protection_meta(buffer);
+    gst_buffer_remove_meta(buffer, &meta->meta);
     return true;
 }
 
-bool SampleDecrypter::decryptInPlace(const GstMapInfo& payload, GstBuffer* buffer) {
-    const auto& meta = *gst_buffer_get_content_protection_meta(buffer);
+bool SampleDecrypter::decryptInPlace(const GstMapInfo& payload, GstBuffer* buffer,
+                                     const GstUvaContentProtectionMeta& meta) {
     if (m_context == nullptr || m_drm != meta.drm_backend)
         m_context.reset(gst_uva_decrypter_context_new()); // it stays with its DRM backend
     m_drm = meta.drm_backend;
-    const auto keySystem = m_group.keySystem();
-    return gst_uva_decrypter_context_update(m_context.get(), &meta,
-                                            keySystem != nullptr ? keySystem->client : 0) &&
+    return gst_uva_decrypter_context_update(m_context.get(), &meta, m_group.client()) &&
            gst_uva_decrypter_context_software_decrypt_debug(
                m_context.get(), payload.data, payload.size, &meta,
                toSeconds(GST_BUFFER_PTS(buffer)), toSeconds(GST_BUFFER_DTS(buffer)),

@@ -6,6 +6,7 @@
 #include <gst/gst.h>
 
 #include <memory>
+#include <utility>
 
 class MediaSourceGroup;
 
@@ -17,20 +18,24 @@ public:
     explicit SampleDecrypter(MediaSourceGroup& group) : m_group(group) {}
 
     /// Puts a decrypted copy in the place of the payload, and takes the protection off. False: the
-    /// buffer stays as it is. It is the caller's alone.
+    /// buffer stays as it is. It has a protection, and is the caller's alone.
     bool decrypt(GstBuffer* buffer);
 
-private:
     struct FreeContext {
         void operator()(GstUvaDecrypterContext* context) const {
             gst_uva_decrypter_context_free(context);
         }
     };
+    using Context = std::unique_ptr<GstUvaDecrypterContext, FreeContext>;
+    /// What holds the host's decrypter: with it that goes. The next sample makes another.
+    Context release() { return std::move(m_context); }
 
-    bool decryptInPlace(const GstMapInfo& payload, GstBuffer* buffer);
+private:
+    bool decryptInPlace(const GstMapInfo& payload, GstBuffer* buffer,
+                        const GstUvaContentProtectionMeta& meta);
 
     MediaSourceGroup& m_group;
-    std::unique_ptr<GstUvaDecrypterContext, FreeContext> m_context;
+    Context m_context;
     UVADRMBackend* m_drm = nullptr; // whose the context is; not owned
 };
 

@@ -106,8 +106,8 @@ struct SampleIntake::Format {
 
     bool matches(const UVAStreamConfig& c) const {
         return codec == c.codec && sampleRate == c.sampleRate && channels == c.channels &&
-               width == c.width && height == c.height && sameCodecData(c) && sameColor(c.color) &&
-               sameMastering(c.mastering);
+               width == c.width && height == c.height && sameCodecData(c) &&
+               areSame(color, c.color) && areSame(mastering, c.mastering);
     }
 
     const GstPtr<GstCaps> caps;
@@ -118,18 +118,11 @@ private:
         return codecData.size() == size &&
                (size == 0 || std::memcmp(codecData.data(), c.codecData, size) == 0);
     }
-    bool sameColor(const UVAStreamConfig::ColorInfo* other) const {
-        if (!color || other == nullptr)
-            return !color && other == nullptr;
-        return color->matrix == other->matrix && color->range == other->range &&
-               color->transfer == other->transfer && color->primaries == other->primaries &&
-               color->bitsPerChannel == other->bitsPerChannel;
-    }
-    bool sameMastering(const UVAStreamConfig::MasteringMetadata* other) const {
-        if (!mastering || other == nullptr)
-            return !mastering && other == nullptr;
-        // Doubles alone: there is nothing between them.
-        return std::memcmp(&*mastering, other, sizeof *other) == 0;
+    /// Numbers alone: there is nothing between them.
+    template <typename Numbers>
+    static bool areSame(const std::optional<Numbers>& kept, const Numbers* others) {
+        return kept.has_value() == (others != nullptr) &&
+               (!kept || std::memcmp(&*kept, others, sizeof *others) == 0);
     }
 
     const int codec, sampleRate, channels, width, height;
@@ -145,11 +138,12 @@ SampleIntake::~SampleIntake() = default;
 struct SampleIntake::Context {
     std::pair<int, int> frameRate;
     std::shared_ptr<const Format> format; // of the sample before
+    std::shared_ptr<const Format> told;   // whose caps the batch has last
     const std::shared_ptr<const MediaSourceGroup::KeySystem> keySystem;
 };
 
 SampleIntake::Batch SampleIntake::read(UVASample** slots) {
-    Context context{{}, nullptr, m_group.keySystem()};
+    Context context{{}, nullptr, nullptr, m_group.keySystem()};
     {
         const GLibLock lock(m_lock);
         context.frameRate = m_frameRate;
@@ -158,6 +152,10 @@ SampleIntake::Batch SampleIntake::read(UVASample** slots) {
     if (context.frameRate.second == 0)
         context.frameRate = estimateFrameRate(slots);
     Batch batch;
+    std::size_t count = 0;
+    while (slots[count] != nullptr)
+        ++count;
+    batch.samples.reserve(count);
     for (; *slots != nullptr; ++slots) {
         std::unique_ptr<UVASample> sample(std::exchange(*slots, nullptr));
         batch.bytes += sample->payloadSize();
@@ -171,11 +169,15 @@ SampleIntake::Batch SampleIntake::read(UVASample** slots) {
 
 SampleIntake::Sample SampleIntake::take(std::unique_ptr<UVASample> sample, Context& context) {
     Sample taken{nullptr, nullptr, toClockTime(sample->pts()), toClockTime(sample->duration())};
-    taken.caps = capsOf(sample->config(), context);
+    noteFormat(sample->config(), context);
     const gsize size = sample->payloadSize();
     const guint8* payload = sample->payload();
     if (payload == nullptr || size == 0)
         return taken;
+    if (context.format != context.told) {
+        context.told = context.format;
+        taken.caps = context.format->caps;
+    }
     UVASample* kept = sample.release();
     taken.buffer = GstPtr<GstBuffer>::adopt(gst_buffer_new_wrapped_full(
         GST_MEMORY_FLAG_READONLY, const_cast<guint8*>(payload), size, 0, size, kept, deleteSample));
@@ -189,12 +191,9 @@ SampleIntake::Sample SampleIntake::take(std::unique_ptr<UVASample> sample, Conte
 }
 
 /// Made anew only when the configuration differs from the sample's before.
-GstPtr<GstCaps> SampleIntake::capsOf(const UVAStreamConfig* config, Context& context) {
-    if (config == nullptr)
-        return nullptr;
-    if (context.format == nullptr || !context.format->matches(*config))
+void SampleIntake::noteFormat(const UVAStreamConfig* config, Context& context) {
+    if (config != nullptr && (context.format == nullptr || !context.format->matches(*config)))
         context.format = std::make_shared<const Format>(*config, context.frameRate);
-    return context.format->caps;
 }
 
 std::pair<int, int> SampleIntake::frameRate() {

@@ -19,7 +19,7 @@ class UVAStreamConfig;
 class SampleIntake {
 public:
     struct Sample {
-        GstPtr<GstCaps> caps;     ///< of the sample; null: as before
+        GstPtr<GstCaps> caps;     ///< of the sample; null: as before, or it has no buffer
         GstPtr<GstBuffer> buffer; ///< with its times and protection; null: it has no payload
         GstClockTime pts = GST_CLOCK_TIME_NONE;
         GstClockTime duration = GST_CLOCK_TIME_NONE;
@@ -46,7 +46,7 @@ private:
     struct Context;
 
     static Sample take(std::unique_ptr<UVASample> sample, Context& context);
-    static GstPtr<GstCaps> capsOf(const UVAStreamConfig* config, Context& context);
+    static void noteFormat(const UVAStreamConfig* config, Context& context);
 
     MediaSourceGroup& m_group;
     GLibMutex m_lock; // a leaf

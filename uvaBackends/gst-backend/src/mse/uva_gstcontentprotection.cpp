@@ -28,21 +28,22 @@ bool InitializeLogging() {
 
 // ---- the meta
 
-/// The meta as others know it, and the one block that its texts and bytes lie in.
+/// The meta as others know it, and room for its texts and bytes.
 struct StoredMeta {
     GstUvaContentProtectionMeta meta;
-    guint8* copies;
+    guint8* block; ///< where they lie if they are longer than the room
+    guint8 room[96];
 };
 
 static gboolean cp_meta_init(GstMeta* meta, gpointer /*params*/, GstBuffer* /*buffer*/) {
     std::memset(reinterpret_cast<char*>(meta) + sizeof(GstMeta), 0,
-                sizeof(StoredMeta) - sizeof(GstMeta));
+                offsetof(StoredMeta, room) - sizeof(GstMeta));
     return TRUE;
 }
 
 static void cp_meta_free(GstMeta* meta, GstBuffer* /*buffer*/) {
     auto* protection = reinterpret_cast<GstUvaContentProtectionMeta*>(meta);
-    g_free(reinterpret_cast<StoredMeta*>(meta)->copies);
+    g_free(reinterpret_cast<StoredMeta*>(meta)->block);
     g_clear_pointer(&protection->subsamples, g_array_unref);
 }
 
@@ -110,8 +111,11 @@ GstUvaContentProtectionMeta* gst_buffer_add_content_protection_meta(
     const gsize textSize = keySystem != nullptr ? std::strlen(keySystem) + 1 : 0;
     meta->key_id_size = keyId != nullptr ? keyIdSize : 0;
     meta->iv_size = iv != nullptr ? ivSize : 0;
-    auto* end = static_cast<guint8*>(g_malloc(textSize + meta->key_id_size + meta->iv_size));
-    reinterpret_cast<StoredMeta*>(meta)->copies = end;
+    auto& stored = *reinterpret_cast<StoredMeta*>(meta);
+    const gsize size = textSize + meta->key_id_size + meta->iv_size;
+    if (size > sizeof stored.room)
+        stored.block = static_cast<guint8*>(g_malloc(size));
+    guint8* end = stored.block != nullptr ? stored.block : stored.room;
     meta->key_system = reinterpret_cast<gchar*>(copyTo(end, keySystem, textSize));
     meta->key_id = copyTo(end, keyId, meta->key_id_size);
     meta->iv = copyTo(end, iv, meta->iv_size);

@@ -1,5 +1,5 @@
-#ifndef COMMON_BOXES_BOX_REGISTRY_H
-#define COMMON_BOXES_BOX_REGISTRY_H
+#ifndef COMMON_BOX_REGISTRY_H
+#define COMMON_BOX_REGISTRY_H
 
 #include "util/scoped_handles.h"
 

@@ -1,4 +1,4 @@
-#include "common/boxes/box_registry.h"
+#include "common/box_registry.h"
 
 #include <algorithm>
 #include <cctype>
