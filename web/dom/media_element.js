@@ -90,6 +90,7 @@ class MediaControl {
   }
   #playerEvents() {
     return {
+      opened: () => this.playback.applyRate(),
       metadata: (event) => this.#playerMetadata(event),
       seeked: (succeeded) => this.playback.playerSeeked(succeeded),
       ended: (position) => this.playback.playerEnded(position),

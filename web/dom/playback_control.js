@@ -257,8 +257,13 @@ class PlaybackControl {
     if (rate === this.playbackRate) return;
     this.playbackRate = rate;
     this.#media.queueEvent('ratechange');
-    if (rate !== 0 && this.#media.link?.setRate(rate) === false) env.log(`the backend does not play at rate ${rate}`);
+    this.applyRate();
     this.#steer();
+  }
+  /** 0 is a pause; what the backend cannot play at is the attribute's alone. */
+  applyRate() {
+    if (this.playbackRate === 0 || this.#media.link === null || !this.#media.link.hasOpened) return;
+    if (!this.#media.link.setRate(this.playbackRate)) env.log(`the backend does not play at rate ${this.playbackRate}`);
   }
 
   rejectPromises(name, message) {

@@ -15,7 +15,7 @@ class PlayerLink {
   #starved = new Set(); // tracks for want of whose data the player holds
 
   /**
-   * The client is told, on Node's loop: metadata({ width, height, duration, pixelAspectRatio }),
+   * The client is told, on Node's loop: opened(), metadata({ width, height, duration, pixelAspectRatio }),
    * seeked(succeeded), ended(position), supplyChanged(), keyNeeded(), failed(reason),
    * stateChanged(state), and, of URLs, buffered(ranges).
    */
@@ -138,6 +138,7 @@ class PlayerLink {
 
   /** What becomes of the player's events. */
   static #events = {
+    opened: (client) => client.opened(),
     metadata: (client, event) => client.metadata(event),
     ended: (client, { position }) => client.ended(position),
     starved: (client, { track }, link) => link.#supply(client, track, true),

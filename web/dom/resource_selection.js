@@ -24,6 +24,7 @@ class ResourceSelection {
   #before = null; // children mode: the node before the pointer; null: it is at the list's start
   #waits = null; // children mode: goes on when a node comes behind the pointer
   #deferred = null; // fetching was put off until the element is to be played
+  #failed = null; // what to do when the resource that is fetched cannot be played
   #lastProgress = 0;
   #stopDelaying = null; // "delaying-the-load-event flag": while it is true, what ends that
 
@@ -165,20 +166,26 @@ class ResourceSelection {
   // ---- HTML, "resource fetch algorithm"
 
   /** `failed` is called with a text when there is nothing that can be played. */
-  #fetch({ url = '', object }, failed) {
+  #fetch(source, failed) {
     this.#failed = failed;
-    if (object instanceof MediaSource) {
-      this.loadEventMayCome();
-      if (!this.#media.attach(object)) this.#media.queue(() => failed('the media source is in use'));
-    } else if (object) {
-      this.#media.queue(() => failed('the backend plays media sources and URLs'));
-    } else if (!/^(https?|file|rtsp):/.test(url)) {
-      this.#media.queue(() => failed('no such resource'));
-    } else {
+    const message = this.#begin(source);
+    if (message !== null) this.#media.queue(() => failed(message));
+  }
+  /** Answers why it cannot be played, or null. */
+  #begin({ url = '', object }) {
+    try {
+      if (object instanceof MediaSource) {
+        this.loadEventMayCome();
+        return this.#media.attach(object) ? null : 'the media source is in use';
+      }
+      if (object) return 'the backend plays media sources and URLs';
+      if (!/^(https?|file|rtsp):/.test(url)) return 'no such resource';
       this.#openWhenWanted(url);
+      return null;
+    } catch (error) {
+      return error.message; // the add-on's: there is no library, or the URL is none for it
     }
   }
-  #failed = null;
 
   /** "If the preload attribute is none": then not before the page wants to play. */
   #openWhenWanted(url) {

@@ -4,6 +4,8 @@
 class FakePlayer {
   /** Those of this process, the newest last. */
   static all = [];
+  /** What the constructor throws; null: nothing. */
+  static fault = null;
 
   #callback;
   #generation = 0;
@@ -13,6 +15,7 @@ class FakePlayer {
   calls = [];
 
   constructor(callback) {
+    if (FakePlayer.fault !== null) throw FakePlayer.fault;
     this.#callback = callback;
     FakePlayer.all.push(this);
   }

@@ -197,6 +197,21 @@ test('a load forgets the old source: its player goes and none of its events come
     [element.NETWORK_EMPTY, element.HAVE_NOTHING, true, 0, NaN, 0, false]);
 });
 
+test('a media source can be given as an object; without a library there is an error, not an exception', async () => {
+  const page = makePage();
+  const source = new page.window.MediaSource();
+  page.video.srcObject = source;
+  await heard(source, 'sourceopen');
+  assert.deepStrictEqual([page.video.currentSrc, page.video.srcObject], ['', source]);
+  assert.throws(() => { page.video.srcObject = {}; }, { name: 'TypeError' });
+  FakePlayer.fault = new Error('there is no library');
+  page.video.src = 'http://page.test/movie.mp4';
+  page.video.srcObject = null;
+  await told(page, 'error');
+  FakePlayer.fault = null;
+  assert.deepStrictEqual([page.video.error.code, page.video.error.message], [4, 'there is no library']);
+});
+
 test('an error of the player is one of decoding behind the metadata, else of the source', async () => {
   const page = await makeFedPage({ seconds: 2 });
   await page.video.play();
