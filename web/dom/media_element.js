@@ -22,7 +22,6 @@ class MediaControl {
   generation = 0; // of the resource: what was queued for an older one is dropped
   link = null; // to the player; null: nothing has been fetched
   source = null; // the attached media source; null: none
-  isEncrypted = false; // what was attached has told of protection
   audioTracks = tracks.makeAudioTrackList();
   videoTracks = tracks.makeVideoTrackList();
   textTracks = textTracks.makeTextTrackList();
@@ -74,7 +73,6 @@ class MediaControl {
     this.source = null;
     source?.detach();
     this.#disconnect();
-    this.isEncrypted = false;
   }
   forgetTracks() {
     tracks.clear(this.audioTracks);
@@ -153,7 +151,6 @@ class MediaControl {
 
   /** EME, Initialization Data Encountered. */
   encrypted(initDataType, data) {
-    this.isEncrypted = true;
     const initData = data === null ? null : data.slice().buffer;
     this.queueEvent('encrypted', MediaEncryptedEvent, { initDataType, initData });
   }

@@ -409,7 +409,7 @@ class PlaybackControl {
 
   #findBlocked() {
     const { source } = this.#media;
-    this.#blockedAt = source === null || !this.#media.isEncrypted ? Infinity : source.nextBlocked(this.#position);
+    this.#blockedAt = source === null ? Infinity : source.nextBlocked(this.#position);
   }
 
   /** HTML, "ready states": the events of a change. */
