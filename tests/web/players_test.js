@@ -39,7 +39,7 @@ for (const kind of ['clear', 'protected']) {
       playing.web.control.selectHeight(width === 512 ? 144 : 288);
       const { dropped } = playing.web.counters();
       await until('the other rendition is on screen', async () => (await playing.picture()).width !== width);
-      assert.equal(playing.web.counters().dropped, dropped);
+      assert.ok(playing.web.counters().dropped - dropped <= 1, `${playing.web.counters().dropped - dropped} pictures dropped`);
       await playing.plays();
       await playing.showsItsTime();
 

@@ -90,11 +90,17 @@ class MediaKeySession extends window.EventTarget {
     });
   }
 
-  async close() {
-    if (this.#isClosing) return;
-    if (!this.#isCallable) throw new window.DOMException('close: the session has not been initialized', 'InvalidStateError');
-    this.#isClosing = true;
-    await this.#inTask(() => this.#sessionClosed('closed-by-application'));
+  /** Its promise is resolved before `closed`, and pages see that. */
+  close() {
+    return new Promise((resolve) => {
+      if (this.#isClosing) return resolve();
+      if (!this.#isCallable) throw new window.DOMException('close: the session has not been initialized', 'InvalidStateError');
+      this.#isClosing = true;
+      queueTask(() => {
+        resolve();
+        this.#sessionClosed('closed-by-application');
+      });
+    });
   }
 
   async remove() {

@@ -9,7 +9,7 @@ const path = require('path');
  * unless autoplay is false. Keys, [{ id, key }], serve in place of licences where the manifest does not
  * name Clear Key, and the player can do with that; fail(text) tells of what ends playback, note(text) of the rest; `at`: seconds to start
  * at, or undefined. Answers { player, stop(), which may answer a promise, selectHeight(pixels): goes over
- * to that rendition }.
+ * to that rendition, in place of what is buffered }.
  */
 const players = {
   shaka: {
@@ -43,7 +43,7 @@ const players = {
         selectHeight(pixels) {
           player.configure('abr.enabled', false);
           const track = player.getVariantTracks().find(({ height }) => height === pixels);
-          if (track) player.selectVariantTrack(track, false);
+          if (track) player.selectVariantTrack(track, true, 1);
         },
       };
     },
@@ -68,7 +68,7 @@ const players = {
         selectHeight(pixels) {
           player.updateSettings(own(window, { streaming: { abr: { autoSwitchBitrate: { video: false } } } }));
           const found = player.getRepresentationsByType('video').find(({ height }) => height === pixels);
-          if (found) player.setRepresentationForTypeById('video', found.id, false);
+          if (found) player.setRepresentationForTypeById('video', found.id, true);
         },
       };
     },
