@@ -29,8 +29,9 @@ class MediaSourceState {
     this.control = null;
   }
 
+  /** NaN while it is closed, and until the page or an initialization segment tells it. */
   get duration() {
-    return this.readyState === 'closed' ? NaN : this.#duration;
+    return this.#duration;
   }
 
   get isEnded() {

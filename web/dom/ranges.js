@@ -47,13 +47,13 @@ function equal(a, b) {
 }
 
 /**
- * MSE, the intersection that "buffered" is of a source buffer and of an element: what all have of
- * the time from 0 to the highest end. Once the source has ended, the last range of each reaches that
- * far. `end`: the highest end, if more than these have a say in it.
+ * MSE, the intersection that "buffered" is of a source buffer and of an element: what all of them, one
+ * at least, have of the time from 0 to the highest end. Once the source has ended, the last range of
+ * each reaches that far.
  */
-function intersectAll(list, isEnded, end = Math.max(0, ...list.map(highestEnd))) {
-  return list.reduce((common, ranges) => intersect(common, isEnded ? withLastEnd(ranges, end) : ranges), [[0, end]])
-    .filter(([start, stop]) => start < stop);
+function intersectAll(list, isEnded) {
+  const end = Math.max(0, ...list.map(highestEnd));
+  return list.reduce((common, ranges) => intersect(common, isEnded ? withLastEnd(ranges, end) : ranges), [[0, end]]);
 }
 
 module.exports = { equal, highestEnd, intersect, intersectAll, rangeAt, union };

@@ -36,13 +36,13 @@ test('frames out of presentation order fill one range, each in the group of its 
 
 test('what a new group overlaps goes with its dependants, and nothing before or behind it', async () => {
   const { sourceBuffer, control } = await openBuffer(videoType, 'video');
-  await append(sourceBuffer, frames('video', { ...reordered, count: 12 }), segmentEnd);
+  await append(sourceBuffer, frames('video', { ...reordered, count: 16 }), segmentEnd);
   const third = 1 / 3; // of times that no double has exactly
-  await append(sourceBuffer, frames('video', { start: 4 + 1e-8, count: 12, duration: third, group: 12 }), segmentEnd);
-  assert.deepStrictEqual(buffered(sourceBuffer), [[0, 12]]);
+  await append(sourceBuffer, frames('video', { start: 4 + 1e-8, count: 24, duration: third, group: 24 }), segmentEnd);
+  assert.deepStrictEqual(buffered(sourceBuffer), [[0, 16]]);
   const times = heldTimes(control, 'video');
-  assert.strictEqual(times.length, 4 + 12 + 4);
-  assert.strictEqual(times.filter((time) => time >= 8).length, 4, 'the next group has lost a frame');
+  assert.strictEqual(times.length, 4 + 24 + 4);
+  assert.strictEqual(times.filter((time) => time >= 12).length, 4, 'the next group has lost a frame');
 });
 
 test('a group that begins in the middle of another leaves what was decoded before that', async () => {
@@ -52,6 +52,22 @@ test('a group that begins in the middle of another leaves what was decoded befor
   assert.deepStrictEqual(heldTimes(control, 'video'), [0, 1, 2, 3, 4, 5, 6, 7], 'frame 2 was decoded last of its group');
   await append(sourceBuffer, frames('video', { start: 5, count: 1, duration: 1 }), segmentEnd);
   assert.deepStrictEqual(heldTimes(control, 'video'), [0, 1, 2, 3, 4, 5, 7], 'frames 5 and 6 of the second group go');
+});
+
+test('what is replaced within one append never comes to the player', async () => {
+  const { sourceBuffer, control } = await openBuffer(videoType, 'video');
+  const twice = () => [frames('video', { start: 0, count: 4, duration: 1, group: 4 }), segmentEnd];
+  await append(sourceBuffer, ...twice(), ...twice());
+  assert.deepStrictEqual(heldTimes(control, 'video'), [0, 1, 2, 3]);
+});
+
+test('frames of one group do not replace one another, however long they say they are', async () => {
+  const { sourceBuffer, control } = await openBuffer(videoType, 'video');
+  const odd = frames('video', { start: 0, count: 4, duration: 1, group: 4 });
+  odd.duration.set([1, 0, 5, 1]);
+  odd.pts.set([0, 1, 1, 2]);
+  await append(sourceBuffer, odd, segmentEnd);
+  assert.deepStrictEqual([heldTimes(control, 'video'), buffered(sourceBuffer)], [[0, 1, 1, 2], [[0, 6]]]);
 });
 
 test('a jump in decoding times begins a group with a random access point', async () => {
@@ -67,6 +83,10 @@ test('gaps shorter than playback notices are none', async () => {
   const { sourceBuffer } = await openBuffer(audioType, 'audio');
   for (const start of [0, 1.1, 2.3]) await append(sourceBuffer, frames('audio', { start, count: 50, duration: 0.02 }), segmentEnd);
   assert.deepStrictEqual(buffered(sourceBuffer), [[0, 2.1], [2.3, 3.3]]);
+  await append(sourceBuffer, frames('audio', { start: 10, count: 2, duration: 0.09 }), segmentEnd);
+  assert.deepStrictEqual(buffered(sourceBuffer), [[0, 2.1], [2.3, 3.3], [10, 10.18]]);
+  await append(sourceBuffer, frames('audio', { start: 20, count: 2, duration: 0.11 }), segmentEnd);
+  assert.deepStrictEqual(buffered(sourceBuffer), [[0, 3.3], [10, 10.18], [20, 20.22]], 'less than two of the longest frames');
 });
 
 test('the append window drops what is not wholly in it, and what then lacks its key frame', async () => {
@@ -75,6 +95,9 @@ test('the append window drops what is not wholly in it, and what then lacks its 
   sourceBuffer.appendWindowStart = 1;
   await append(sourceBuffer, frames('video', { start: 0, count: 12, duration: 1, group: 4 }), segmentEnd);
   assert.deepStrictEqual(buffered(sourceBuffer), [[4, 9]]);
+  sourceBuffer.appendWindowEnd = 23;
+  await append(sourceBuffer, frames('video', { ...reordered, start: 20, count: 4 }), segmentEnd);
+  assert.deepStrictEqual(buffered(sourceBuffer), [[4, 9], [20, 21]], 'what is between depends on the last');
 });
 
 test('the append window forgives what doubles do to a time', async () => {
@@ -84,6 +107,7 @@ test('the append window forgives what doubles do to a time', async () => {
   sourceBuffer.appendWindowStart = 0.1 + 0.2;
   await append(sourceBuffer, frames('video', { start: 0, count: 2, duration: 1, group: 2 }), segmentEnd);
   assert.deepStrictEqual(buffered(sourceBuffer), [[0.3, 2.3]]);
+  assert.strictEqual(sourceBuffer.buffered.start(0), sourceBuffer.appendWindowStart);
 });
 
 test('mode "sequence" puts segments behind one another by their earliest frames', async () => {
@@ -100,6 +124,13 @@ test('mode "sequence" puts segments behind one another by their earliest frames'
   assert.deepStrictEqual([sourceBuffer.timestampOffset, buffered(sourceBuffer)], [-5, [[0.01, 1]]]);
   await append(sourceBuffer, ...segment(0), segmentEnd);
   assert.deepStrictEqual([Math.round(sourceBuffer.timestampOffset * 100), buffered(sourceBuffer)], [101, [[0.01, 2.01]]]);
+  for (const offset of [10, 5]) {
+    sourceBuffer.timestampOffset = offset;
+    await append(sourceBuffer, ...segment(0), segmentEnd);
+  }
+  sourceBuffer.abort();
+  await append(sourceBuffer, ...segment(0), segmentEnd);
+  assert.deepStrictEqual(buffered(sourceBuffer), [[0.01, 2.01], [5.01, 7.01], [10.01, 11]], 'behind what came last');
 });
 
 test('audio that begins within a frame replaces it; audio that abuts on one does not', async () => {
@@ -130,6 +161,12 @@ test('remove() takes until the next random access point, and a group that lost i
   rest.dts.set([12, 13]);
   await append(sourceBuffer, rest, segmentEnd);
   assert.deepStrictEqual(buffered(sourceBuffer), [[0, 1], [4, 11]], 'its frames have lost what they depend on');
+});
+
+test('tracks that only touch have nothing in common', async () => {
+  const { sourceBuffer } = await openBuffer(muxedType, 'video', 'audio');
+  await append(sourceBuffer, frames('video', { start: 0, count: 1, duration: 1 }), frames('audio', { start: 1, count: 1, duration: 1 }), segmentEnd);
+  assert.deepStrictEqual(buffered(sourceBuffer), []);
 });
 
 test('buffered is what all tracks have; once ended it reaches as far as the longest', async () => {

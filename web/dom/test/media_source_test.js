@@ -30,18 +30,21 @@ test('a long append is parsed in slices, and abort() ends it between two', async
   ScriptedParser.answers.push({ items: [init(['video'])] }, {}, { items: [frames('video', { start: 0, count: 1, duration: 1 }), segmentEnd] });
   sourceBuffer.appendBuffer(new ArrayBuffer(5 << 19));
   assert.ok(sourceBuffer.updating);
+  assert.strictEqual(thrown(() => mediaSource.endOfStream()), 'InvalidStateError');
   await ended(sourceBuffer);
   assert.deepStrictEqual(buffered(sourceBuffer), [[0, 1]], 'three slices');
 
   sourceBuffer.appendBuffer(new ArrayBuffer(5 << 19));
   const events = ended(sourceBuffer);
-  ScriptedParser.answers.push({ state: 'media' });
+  ScriptedParser.answers.push({ state: 'media' }, { state: 'media' }, { state: 'media' });
   await tasks();
   assert.strictEqual(thrown(() => (sourceBuffer.timestampOffset = 1)), 'InvalidStateError');
   sourceBuffer.abort();
   assert.ok(!sourceBuffer.updating);
-  assert.deepStrictEqual(await events, ['updatestart', 'abort', 'updateend']);
   sourceBuffer.timestampOffset = 1;
+  const seen = await events;
+  await tasks();
+  assert.deepStrictEqual([seen, ScriptedParser.answers.splice(0).length], [['updatestart', 'abort', 'updateend'], 1]);
 });
 
 test('the bytes are those of the call, whatever the page does with them then', async () => {
@@ -69,15 +72,16 @@ test('what came before a fault is taken; then the source ends with "decode"', as
 });
 
 const badStreams = {
-  'media before an initialization segment': [[frames('video', { start: 0, count: 1, duration: 1 })]],
-  'no track': [[init([])]],
-  'a track that the type does not name': [[init(['video', 'audio'])]],
-  'other tracks than at first': [[init(['video'])], [init(['audio'])]],
+  'media before an initialization segment': [videoType, [frames('video', { start: 0, count: 1, duration: 1 })]],
+  'no track': ['video/mp4', [init([])]],
+  'two tracks of one number': [videoType, [init(['video', 'video'])]],
+  'a track that the type does not name': [videoType, [init(['video', 'audio'])]],
+  'other tracks than at first': ['video/mp4', [init(['video'])], [init(['audio'])]],
 };
-for (const [what, appends] of Object.entries(badStreams)) {
+for (const [what, [type, ...appends]] of Object.entries(badStreams)) {
   test(`an append fails: ${what}`, async () => {
     const { mediaSource } = await openSource();
-    const sourceBuffer = mediaSource.addSourceBuffer(videoType);
+    const sourceBuffer = mediaSource.addSourceBuffer(type);
     let events;
     for (const items of appends) events = await append(sourceBuffer, ...items);
     assert.deepStrictEqual(events, ['updatestart', 'error', 'updateend']);
@@ -87,12 +91,16 @@ for (const [what, appends] of Object.entries(badStreams)) {
 test('a later initialization segment may number its track otherwise; changeType() asks for one', async () => {
   const { mediaSource } = await openSource();
   const sourceBuffer = mediaSource.addSourceBuffer(videoType);
-  await append(sourceBuffer, init(['video']), frames('video', { start: 0, count: 2, duration: 1, group: 2 }), segmentEnd);
+  const first = init(['video']);
+  first.tracks[0].language = 'und';
+  await append(sourceBuffer, first, frames('video', { start: 0, count: 2, duration: 1, group: 2 }), segmentEnd);
+  assert.strictEqual(sourceBuffer.videoTracks[0].language, '');
   const second = init(['video']);
   second.tracks[0].id = 9;
-  const later = { ...frames('video', { start: 2, count: 2, duration: 1, group: 2 }), track: 9 };
+  const later = { ...frames('video', { start: 2, count: 6, duration: 1, group: 3 }), track: 9 };
+  later.flags[0] = 0;
   await append(sourceBuffer, second, later, segmentEnd);
-  assert.deepStrictEqual(buffered(sourceBuffer), [[0, 4]]);
+  assert.deepStrictEqual(buffered(sourceBuffer), [[0, 2], [5, 8]], 'frames of another configuration begin with a key frame');
   sourceBuffer.changeType('video/mp4; codecs="hvc1.1.6.L93.B0"');
   assert.deepStrictEqual(await append(sourceBuffer, later), ['updatestart', 'error', 'updateend']);
 });
@@ -104,6 +112,7 @@ test('a full buffer loses what was played, then what is far ahead, and then refu
   const full = new Uint8Array(200);
   await append(sourceBuffer, init(['video']), seconds(0, 8), segmentEnd);
   control.currentTime = 5;
+  assert.strictEqual(thrown(() => sourceBuffer.appendBuffer(new Uint8Array(1001))), 'QuotaExceededError');
   sourceBuffer.appendBuffer(full);
   await ended(sourceBuffer);
   assert.deepStrictEqual(buffered(sourceBuffer), [[0, 8]], 'there is room');
@@ -117,6 +126,14 @@ test('a full buffer loses what was played, then what is far ahead, and then refu
   const held = control.held.get('video').size;
   assert.strictEqual(thrown(() => sourceBuffer.appendBuffer(new Uint8Array(700))), 'QuotaExceededError');
   assert.deepStrictEqual([sourceBuffer.updating, control.held.get('video').size], [false, held]);
+});
+
+test('what playback is about to begin with is kept', async () => {
+  const { mediaSource, control } = await openSource({ quota: { video: 1000, audio: 0 } });
+  const sourceBuffer = mediaSource.addSourceBuffer(videoType);
+  await append(sourceBuffer, init(['video']), frames('video', { start: 0.5, count: 8, duration: 1, group: 2, size: 100 }), segmentEnd);
+  assert.strictEqual(thrown(() => sourceBuffer.appendBuffer(new Uint8Array(300))), 'QuotaExceededError');
+  assert.strictEqual(control.held.get('video').size, 8);
 });
 
 test('the duration follows the frames, and is not set below one', async () => {
@@ -133,16 +150,37 @@ test('the duration follows the frames, and is not set below one', async () => {
 });
 
 test('active source buffers follow the tracks, in their order', async () => {
-  const { mediaSource, source } = await openSource();
+  const { mediaSource, source, control } = await openSource();
   const [video, audio] = [videoType, audioType].map((type) => mediaSource.addSourceBuffer(type));
   await append(audio, init(['audio']));
+  assert.ok(!control.events.some(([what]) => what === 'metadata'), 'there is a source buffer that has none');
   await append(video, init(['video']));
+  assert.ok(control.events.some(([what]) => what === 'metadata'));
   assert.deepStrictEqual([...mediaSource.activeSourceBuffers], [video, audio]);
   const events = [];
   mediaSource.activeSourceBuffers.onremovesourcebuffer = () => events.push('removed');
   audio.audioTracks[0].enabled = false;
   await append(video, frames('video', { start: 0, count: 1, duration: 1 }), segmentEnd);
   assert.deepStrictEqual([[...mediaSource.activeSourceBuffers], plain(source.buffered()), events], [[video], [[0, 1]], ['removed']]);
+});
+
+test('an ended source reaches as far as its longest, opens again once, and lets a source buffer go in the middle', async () => {
+  const { mediaSource, source } = await openSource();
+  const [video, audio] = [videoType, audioType].map((type) => mediaSource.addSourceBuffer(type));
+  await append(video, init(['video']), frames('video', { start: 0, count: 4, duration: 1, group: 4 }), segmentEnd);
+  await append(audio, init(['audio']), frames('audio', { start: 0, count: 5, duration: 1 }), segmentEnd);
+  assert.deepStrictEqual(plain(source.buffered()), [[0, 4]]);
+  mediaSource.endOfStream();
+  assert.deepStrictEqual(plain(source.buffered()), [[0, 5]]);
+  const opened = [];
+  mediaSource.onsourceopen = () => opened.push(mediaSource.readyState);
+  await append(video);
+  audio.appendBuffer(new Uint8Array(1));
+  const events = ended(audio);
+  mediaSource.removeSourceBuffer(audio);
+  assert.deepStrictEqual(await events, ['updatestart', 'abort', 'updateend']);
+  assert.deepStrictEqual([opened, plain(source.buffered()), mediaSource.sourceBuffers[1]], [['open'], [[0, 4]], undefined]);
+  ScriptedParser.answers.length = 0;
 });
 
 test('live: seekable joins the live range and what is buffered', async () => {
@@ -166,7 +204,9 @@ test('detaching leaves nothing, and is seen before the source opens again', asyn
   control.videoTracks.onchange = () => events.push('change');
   sourceBuffer.appendBuffer(new Uint8Array(1));
   source.detach();
-  assert.notStrictEqual(load('./media_source.js').attach(mediaSource, control), null);
+  const { attach } = load('./media_source.js');
+  assert.notStrictEqual(attach(mediaSource, control), null);
+  assert.strictEqual(attach(mediaSource, control), null, 'it is about to open');
   await tasks();
   assert.deepStrictEqual([events, mediaSource.readyState], [['removetrack', 'change', 'closed'], 'open']);
   assert.deepStrictEqual([mediaSource.sourceBuffers.length, control.videoTracks.length, track.sourceBuffer, control.held.size], [0, 0, null, 0]);
@@ -182,6 +222,7 @@ test('refusals', async () => {
       () => mediaSource.endOfStream('bad'), () => new window.SourceBuffer(), () => mediaSource.sourceBuffers[0].appendBuffer('text'),
       () => mediaSource.sourceBuffers[0].remove(0, 1), () => window.MediaSource.prototype.duration],
     NotSupportedError: [() => mediaSource.addSourceBuffer('video/mp2t; codecs="avc1.64001f"'), () => mediaSource.sourceBuffers[0].changeType('text/vtt')],
+    IndexSizeError: [() => mediaSource.sourceBuffers[0].buffered.start(0)],
     QuotaExceededError: [() => mediaSource.addSourceBuffer(videoType)],
     InvalidStateError: [() => new window.MediaSource().endOfStream(), () => new window.MediaSource().addSourceBuffer(audioType)],
   };
