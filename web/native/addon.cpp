@@ -44,8 +44,8 @@ void removeKeys(const Info& info) {
 Napi::Value hasKey(const Info& info) {
     const Arguments arguments(info, "hasKey");
     const auto session = arguments.count(0, "session");
-    return Napi::Boolean::New(
-        info.Env(), Runtime::instance().keys().has(session, arguments.keyId(1, "id")));
+    return Napi::Boolean::New(info.Env(),
+                              Runtime::instance().keys().has(session, arguments.keyId(1, "id")));
 }
 
 Napi::Value environment(const Info& info) {

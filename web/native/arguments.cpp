@@ -9,9 +9,9 @@ namespace uva_native {
 
 namespace {
 
-constexpr double mostSeconds = 1e9;          // in nanoseconds 64 bits hold some more
+constexpr double mostSeconds = 1e9;            // in nanoseconds 64 bits hold some more
 constexpr double mostCount = 9007199254740991; // 2^53 - 1
-constexpr std::size_t mostText = 64 * 1024;  // bytes
+constexpr std::size_t mostText = 64 * 1024;    // bytes
 
 } // namespace
 

@@ -167,7 +167,8 @@ public:
 
 private:
     /// Runs of frames of one track, in their order.
-    static std::vector<std::vector<host::CodedFrame>> byTrack(std::vector<host::CodedFrame> frames) {
+    static std::vector<std::vector<host::CodedFrame>>
+    byTrack(std::vector<host::CodedFrame> frames) {
         std::vector<std::vector<host::CodedFrame>> runs;
         for (auto& frame : frames) {
             if (runs.empty() || runs.back().front().track != frame.track)

@@ -191,20 +191,17 @@ void PlayerCore::onEnd(double position) {
 }
 
 void PlayerCore::onStarved(host::SourceId source) {
-    m_events->push({"starved", {{"track", trackOf(source)}},
-                    "supply " + std::to_string(source)});
+    m_events->push({"starved", {{"track", trackOf(source)}}, "supply " + std::to_string(source)});
 }
 
 void PlayerCore::onFilled(host::SourceId source) {
-    m_events->push({"filled", {{"track", trackOf(source)}},
-                    "supply " + std::to_string(source)});
+    m_events->push({"filled", {{"track", trackOf(source)}}, "supply " + std::to_string(source)});
 }
 
 void PlayerCore::onKeyNeeded(host::SourceId source, const host::KeyBytes& id, double time) {
     const auto key = host::hexText(id);
-    m_events->push({"keyNeeded",
-                    {{"track", trackOf(source)}, {"keyId", key}, {"time", time}},
-                    "key " + key});
+    m_events->push(
+        {"keyNeeded", {{"track", trackOf(source)}, {"keyId", key}, {"time", time}}, "key " + key});
 }
 
 } // namespace uva_native
