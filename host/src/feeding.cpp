@@ -178,6 +178,7 @@ void Feeding::outdated(double until) {
 void Feeding::balance() {
     if (!isOpen() || m_playback.over() || m_playback.is(State::Seeking))
         return;
+    watchMovement();
     const auto infos = m_feeder->sources();
     for (const auto& info : infos)
         watchSource(info);
@@ -189,10 +190,23 @@ void Feeding::balance() {
         m_playback.letGo();
 }
 
+void Feeding::watchMovement() {
+    if (m_playback.is(State::Playing) && m_playback.status().position == m_position)
+        return;
+    m_position = m_playback.status().position;
+    m_movedAt = m_calls.now();
+}
+
+/// A decoder may keep some pictures until more data comes.
+bool Feeding::standsStill() const {
+    return m_playback.is(State::Playing) && m_movedAt < m_calls.now() - patience;
+}
+
 void Feeding::watchSource(const MseFeeder::SourceInfo& info) {
     const bool wasStarved = m_starved.count(info.id) > 0;
     if (!wasStarved && m_playback.isWanted() && runsDry(info)) {
-        m_starved.insert(info.id);
+        const double left = ahead(info.id);
+        m_starved[info.id] = std::isnan(left) ? 0 : left;
         m_calls.observe([&](Observer& observer) { observer.onStarved(info.id); });
     } else if (wasStarved && isFilled(info)) {
         m_starved.erase(info.id);
@@ -200,20 +214,22 @@ void Feeding::watchSource(const MseFeeder::SourceInfo& info) {
     }
 }
 
-/// The source has asked for data in vain, and soon has none.
+/// The source has asked for data in vain, and soon has none, or none that can be shown.
 bool Feeding::runsDry(const MseFeeder::SourceInfo& info) const {
     if (info.ended || info.changesCodecAt || !info.waitsSince)
         return false;
     const bool inVain = info.isBlocked || *info.waitsSince < m_calls.now() - patience;
-    return inVain && ahead(info.id) < m_tooLittle;
+    return inVain && (ahead(info.id) < m_tooLittle || standsStill());
 }
 
 /// It has enough, or does not ask for more: a backend may hold less.
 bool Feeding::isFilled(const MseFeeder::SourceInfo& info) const {
     if (info.ended || info.changesCodecAt)
         return true;
+    const auto starved = m_starved.find(info.id);
+    const double wanted = starved == m_starved.end() ? m_enough : starved->second + m_enough;
     const double left = ahead(info.id);
-    return !std::isnan(left) && (!info.waitsSince || left >= m_enough);
+    return !std::isnan(left) && (!info.waitsSince || left >= wanted);
 }
 
 /// Seconds that the backend can still play of it; NaN before its first sample.

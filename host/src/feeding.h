@@ -4,9 +4,9 @@
 #include "mse_feeder.h"
 
 #include <functional>
+#include <map>
 #include <memory>
 #include <optional>
-#include <set>
 #include <string>
 
 namespace host {
@@ -65,6 +65,8 @@ private:
     void attachToBackend(SourceId id);
     void renew(SourceId id);
     double ahead(SourceId id) const;
+    void watchMovement();
+    bool standsStill() const;
     bool runsDry(const MseFeeder::SourceInfo& info) const;
     bool isFilled(const MseFeeder::SourceInfo& info) const;
     void watchSource(const MseFeeder::SourceInfo& info);
@@ -78,7 +80,9 @@ private:
     const double m_tooLittle; // seconds ahead, when playback is held
     const double m_enough;    // ... and goes on
     const std::shared_ptr<MseFeeder> m_feeder;
-    std::set<SourceId> m_starved;
+    std::map<SourceId, double> m_starved; // how much they had then, seconds
+    double m_position = 0;                // when playback was looked at last
+    Clock::time_point m_movedAt;          // ... and when it was elsewhere
     std::optional<double> m_outdatedUntil;
 };
 

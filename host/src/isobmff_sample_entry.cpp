@@ -1,5 +1,6 @@
 #include "isobmff_sample_entry.h"
 
+#include "codec_conversion.h"
 #include "stream_format.h"
 
 extern "C" {

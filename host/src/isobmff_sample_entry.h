@@ -2,7 +2,7 @@
 #define HOST_ISOBMFF_SAMPLE_ENTRY_H
 
 #include "box_reader.h"
-#include "codec_conversion.h"
+#include "host/adts.h"
 #include "host/sample_stream.h"
 #include "isobmff_protection.h"
 

@@ -139,9 +139,9 @@ const char* mediaSourceType(AVCodecID codec) {
 const char* mediaSourceType(const UVAStreamConfig* config) {
     const auto* row =
         std::find_if(std::begin(rows), std::end(rows), [config](const Row& candidate) {
-            return config != nullptr && candidate.codec == config->codec;
+            return config != nullptr && candidate.codec.codec == config->codec;
         });
-    return row == std::end(rows) ? nullptr : row->mimeType;
+    return row == std::end(rows) ? nullptr : row->codec.mimeType;
 }
 
 std::shared_ptr<const StreamFormat> makeStreamFormat(const AVStream& stream, Bytes extradata,

@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """Prints "N passed, N failed" from the results of the last test runs in the build folders named.
 
-Each case of GoogleTest or unittest counts as one; a test program without cases of its own counts as
+Each case of GoogleTest, unittest or TAP counts as one; a test program without cases of its own counts as
 one. A program that died counts what it had finished, plus one failure.
 """
 
@@ -11,16 +11,16 @@ import re
 import sys
 
 
-def cases(text, gtest, unittest):
-    return len(re.findall(rf"^\[ +{gtest} +\] .*ms\)$|(?:^|\.\.\. )(?:{unittest})", text, re.M))
+def cases(text, gtest, unittest, tap):
+    return len(re.findall(rf"^\[ +{gtest} +\] .*ms\)$|(?:^|\.\.\. )(?:{unittest})|^(?:{tap})$", text, re.M))
 
 
 def count(record):
     text = "\n".join(record.get(stream, "") for stream in ("stdout", "stderr"))
     ran_ok = record["result"] in ("OK", "EXPECTEDFAIL")
-    passed = cases(text, "OK", "ok$")
-    failed = cases(text, "FAILED", "FAIL$|ERROR$")
-    skipped = cases(text, "SKIPPED", "skipped '")
+    passed = cases(text, "OK", "ok$", r"ok \d+ (?!.*# SKIP).*")
+    failed = cases(text, "FAILED", "FAIL$|ERROR$", r"not ok \d+ .*")
+    skipped = cases(text, "SKIPPED", "skipped '", r"ok \d+ .*# SKIP.*")
     if record["result"] == "SKIP" and not passed + failed + skipped:
         return 0, 0, 1
     if not passed + failed + skipped:

@@ -1,8 +1,9 @@
 #!/usr/bin/env python3
 """Encrypts a fragmented MP4 of H.264 and AAC ("cenc") in ways that packagers know and ffmpeg does not.
 
-Usage: protect_fragments.py rotation|restart|mixed IN.mp4 OUT.mp4
+Usage: protect_fragments.py whole|rotation|restart|mixed IN.mp4 OUT.mp4
 
+whole:    all fragments with the track's key
 rotation: fragments in turn clear, with the track's key, and with another one, by sample groups
 restart:  the first half clear, then another 'moov' and the rest encrypted
 mixed:    fragments whose first half is clear by sample groups
@@ -134,11 +135,11 @@ CLEAR = bytes(20)
 SECOND = bytes([0, 0, 1, 16]) + KEY_IDS[1]
 
 
-def protect_fragment(moof, mdat, way, cipher, vectors):
-    """Encrypts samples and says so; `way`: "clear", "first", "second" key, "mixed"."""
+def protect_fragment(moof, mdat, way, cipher, vectors, videos):
+    """Encrypts samples and says so; `way`: "clear", "first", "second" key, "mixed"; `videos`: whether each track is one."""
     before = len(pack([moof]))
     data, front = bytearray(mdat[2]), before + 8
-    for number, traf in enumerate(every(moof[2], b"traf")):
+    for is_video, traf in zip(videos, every(moof[2], b"traf")):
         added = []
         for trun in every(traf[2], b"trun"):
             offset, sizes = sizes_of(trun)
@@ -149,7 +150,7 @@ def protect_fragment(moof, mdat, way, cipher, vectors):
                     offset += size
                     continue
                 sample = bytes(data[offset - front:offset - front + size])
-                vector, parts = struct.pack(">QQ", 1, next(vectors) << 32), parts_of(sample, number == 0)
+                vector, parts = struct.pack(">QQ", 1, next(vectors) << 32), parts_of(sample, is_video)
                 secrets += vector + struct.pack(">H", len(parts)) + b"".join(struct.pack(">HI", *part) for part in parts)
                 if way != "clear":
                     data[offset - front:offset - front + size] = cipher.encrypt(KEYS[way == "second"], vector, sample, parts)
@@ -181,10 +182,11 @@ def main():
         half = len(fragments) // 2
         out = pack(head) + b"".join(pack(fragment) for fragment in fragments[:half])
         fragments = fragments[half:]
+    videos = [any(every(trak[2], b"avc1")) for trak in every(head, b"trak")]
     protect_movie(head)
-    ways = {"rotation": ("clear", "first", "second"), "restart": ("first",), "mixed": ("mixed",)}[mode]
+    ways = {"whole": ("first",), "rotation": ("clear", "first", "second"), "restart": ("first",), "mixed": ("mixed",)}[mode]
     for fragment, way in zip(fragments, itertools.cycle(ways)):
-        protect_fragment(*fragment, way, cipher, vectors)
+        protect_fragment(*fragment, way, cipher, vectors, videos)
     out += pack([*head, index_of(head[1], fragments), *itertools.chain(*fragments)])
     with open(target, "wb") as file:
         file.write(out)

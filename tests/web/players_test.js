@@ -1,0 +1,51 @@
+'use strict';
+// Each player over clear and encrypted media: storms of seeks, pause, renditions, the end.
+// Usage: players_test.js STREAMS CORPUS PLAYER
+
+const { test } = require('node:test');
+const { assert, manifests, pictureSeconds, until, withPlayer } = require('./support');
+
+const player = process.argv[4];
+const lastPicture = 12 / pictureSeconds - 1;
+
+async function storm({ video }, targets) {
+  for (const target of targets) {
+    video.currentTime = target;
+    await new Promise(resolve => setTimeout(resolve, target * 7 % 60)); // some meet a seek under way, some do not
+  }
+}
+
+for (const kind of ['clear', 'protected']) {
+  test(`${player}, ${kind}: every picture at its time, through seeks, a pause and another rendition to the end`, async () => {
+    await withPlayer(player, { manifest: manifests[player][kind], withKeys: kind === 'protected' }, async playing => {
+      const { video } = playing;
+      await playing.plays();
+      await playing.playsEveryPicture(1);
+
+      video.pause();
+      await until('paused', () => video.paused && !video.seeking);
+      await storm(playing, [5.3, 0.5, 9.9, 3.04, 8]);
+      await until('the last seek of the storm has ended', () => !video.seeking);
+      await playing.showsItsTime();
+      assert.ok(Math.abs(video.currentTime - 8) < 0.1, `at ${video.currentTime}`);
+
+      await video.play();
+      await storm(playing, [2, 7.7, 11, 1, 6.5, 3]);
+      await playing.plays(0.5);
+      await playing.showsItsTime();
+      assert.ok(video.currentTime < 4.5, `at ${video.currentTime}`);
+
+      const { width } = await playing.picture();
+      playing.web.control.selectHeight(width === 512 ? 144 : 288);
+      const { dropped } = playing.web.counters();
+      await until('the other rendition is on screen', async () => (await playing.picture()).width !== width);
+      assert.ok(playing.web.counters().dropped - dropped <= 1, `${playing.web.counters().dropped - dropped} pictures dropped`);
+      await playing.plays();
+      await playing.showsItsTime();
+
+      video.currentTime = 10.5;
+      await playing.ends();
+      await until('the last picture is on screen', async () => Math.abs((await playing.picture()).number - lastPicture) <= 1, 3);
+    });
+  });
+}

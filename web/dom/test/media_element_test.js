@@ -1,0 +1,268 @@
+'use strict';
+// What a page sees of a media element - its states, the order of its events, its promises - while the
+// player does what a test says.
+
+const assert = require('node:assert');
+const { after, test } = require('node:test');
+
+const { JSDOM } = require('jsdom');
+
+const { realmRequire } = require('../realm');
+const { FakePlayer } = require('./fake_player');
+const { ScriptedParser, append, buffered, frames, init } = require('./window');
+
+const videoType = 'video/mp4; codecs="avc1.64001f"';
+/** A player that is open keeps Node running; these are not. */
+const alive = setInterval(() => {}, 1000);
+after(() => clearInterval(alive));
+
+const patience = 10000; // milliseconds
+
+/** A window with one video element; its events, timeupdate and progress aside, are in `events`. */
+function makePage(html = '<video></video>') {
+  const native = { SegmentParser: ScriptedParser, Player: FakePlayer, canPlayType: (type) => ({ canPlay: !type.includes('ogg'), reason: '' }) };
+  const dom = new JSDOM('', { url: 'http://page.test/', runScripts: 'outside-only' });
+  const env = { native, quota: { video: 1e9, audio: 1e9 }, log: () => {}, now: () => performance.now() };
+  realmRequire(dom, env)('./install.js').install();
+  const { window } = dom;
+  window.document.body.innerHTML = html;
+  const video = window.document.querySelector('video');
+  const events = [];
+  for (const type of ['loadstart', 'abort', 'emptied', 'error', 'suspend', 'durationchange', 'resize', 'loadedmetadata', 'loadeddata', 'canplay',
+    'canplaythrough', 'play', 'pause', 'playing', 'waiting', 'seeking', 'seeked', 'ended', 'ratechange', 'waitingforkey'])
+    video.addEventListener(type, () => events.push(type));
+  return { window, video, events, take: () => events.splice(0), get player() { return FakePlayer.all.at(-1); } };
+}
+
+/** ... with a media source and as many seconds of video, whose end is told or not. */
+async function makeFedPage({ seconds, isEnded = false, duration = 10 }) {
+  const page = makePage();
+  const source = new page.window.MediaSource();
+  page.video.src = page.window.URL.createObjectURL(source);
+  await heard(source, 'sourceopen');
+  const buffer = source.addSourceBuffer(videoType);
+  await append(buffer, init(['video'], duration), ...video(0, seconds));
+  if (isEnded) source.endOfStream();
+  return Object.assign(page, { source, buffer });
+}
+
+/** Video of 25 pictures a second. */
+function video(start, seconds) {
+  return seconds === 0 ? [] : [frames('video', { start, count: seconds * 25, duration: 0.04, group: 5 })];
+}
+
+function heard(target, type) {
+  return new Promise((resolve, reject) => {
+    const timer = setTimeout(() => reject(new Error(`no event ${type}`)), patience);
+    target.addEventListener(type, (event) => {
+      clearTimeout(timer);
+      resolve(event);
+    }, { once: true });
+  });
+}
+
+/** Resolves when the page's video has raised this event, also before the call, since take(). */
+async function told(page, type) {
+  while (!page.events.includes(type)) await heard(page.video, type);
+}
+
+test('playback starts with data, waits where it ends and goes on with more', async () => {
+  const page = await makeFedPage({ seconds: 1 });
+  const { video: element, player } = page;
+  assert.strictEqual(element.networkState, element.NETWORK_LOADING);
+  await element.play();
+  assert.deepStrictEqual(page.take(),
+    ['loadstart', 'durationchange', 'resize', 'loadedmetadata', 'loadeddata', 'canplay', 'play', 'playing']);
+  assert.deepStrictEqual([element.videoWidth, element.duration, element.readyState, player.isPlaying], [320, 10, element.HAVE_FUTURE_DATA, true]);
+
+  player.position = 1.2; // ahead of the last picture
+  await told(page, 'waiting');
+  assert.deepStrictEqual([element.currentTime, element.readyState, player.isPlaying], [1, element.HAVE_CURRENT_DATA, false]);
+
+  player.position = 1;
+  await append(page.buffer, ...video(1, 4));
+  await told(page, 'canplaythrough');
+  assert.deepStrictEqual(page.take(), ['waiting', 'canplay', 'playing', 'canplaythrough']);
+  assert.ok(player.isPlaying);
+});
+
+test('a player that holds for want of data makes the element wait', async () => {
+  const page = await makeFedPage({ seconds: 8 });
+  await page.video.play();
+  page.take();
+  page.player.tell({ type: 'starved', track: 'video' });
+  await told(page, 'waiting');
+  assert.strictEqual(page.video.readyState, page.video.HAVE_CURRENT_DATA);
+  page.player.tell({ type: 'filled', track: 'video' });
+  await told(page, 'canplaythrough');
+  assert.deepStrictEqual(page.take(), ['waiting', 'canplay', 'playing', 'canplaythrough']);
+});
+
+test('a seek keeps its very target, and the last of several is the one that counts', async () => {
+  const page = await makeFedPage({ seconds: 8 });
+  const { video: element, player } = page;
+  await element.play();
+  page.take();
+  element.currentTime = 2;
+  const target = 5.123456789012345;
+  element.currentTime = target;
+  player.answerSeek(2, 1); // the one that was replaced
+  assert.ok(element.seeking);
+  player.answerSeek(5.1234567); // nanoseconds are cut off
+  await told(page, 'seeked');
+  assert.strictEqual(element.currentTime, target);
+  await told(page, 'canplaythrough');
+  assert.deepStrictEqual(page.take(), ['seeking', 'waiting', 'seeking', 'seeked', 'canplay', 'playing', 'canplaythrough']);
+  player.position = 5.2;
+  await heard(element, 'timeupdate');
+  assert.strictEqual(element.currentTime, 5.2);
+});
+
+test('a seek to where nothing is buffered ends when data has come', async () => {
+  const page = await makeFedPage({ seconds: 1 });
+  const { video: element, player } = page;
+  await told(page, 'canplay');
+  page.take();
+  element.currentTime = 5;
+  player.answerSeek(5);
+  await told(page, 'seeking');
+  assert.deepStrictEqual([element.seeking, element.readyState], [true, element.HAVE_METADATA]);
+  await append(page.buffer, ...video(5, 1));
+  await told(page, 'canplay');
+  assert.deepStrictEqual(buffered(element), [[0, 1], [5, 6]]);
+  assert.deepStrictEqual(page.take(), ['seeking', 'seeked', 'canplay']);
+});
+
+test('the end: pause and ended, a loop begins anew, play() goes back', async () => {
+  const page = await makeFedPage({ seconds: 2, isEnded: true });
+  const { video: element, player } = page;
+  await element.play();
+  page.take();
+  player.position = 1.99;
+  player.tell({ type: 'ended', position: 1.99 });
+  await told(page, 'ended');
+  assert.deepStrictEqual(page.take(), ['pause', 'ended']);
+  assert.deepStrictEqual([element.ended, element.paused, element.currentTime], [true, true, 2]);
+
+  const playing = element.play();
+  player.answerSeek(0);
+  await playing;
+  assert.deepStrictEqual([element.ended, element.currentTime], [false, 0]);
+  page.take();
+
+  element.loop = true;
+  player.position = 2;
+  player.tell({ type: 'ended', position: 2 });
+  player.answerSeek(0);
+  await told(page, 'seeked');
+  assert.ok(!page.take().includes('ended'));
+  assert.deepStrictEqual([element.paused, player.calls.at(-1)], [false, ['seek', 0]]);
+});
+
+test('an end that the source has not told is none', async () => {
+  const page = await makeFedPage({ seconds: 2 });
+  await page.video.play();
+  page.player.tell({ type: 'ended', position: 2 });
+  assert.ok(!page.video.ended);
+});
+
+test('promises of play() are kept: paused, loaded anew, no source', async () => {
+  const page = await makeFedPage({ seconds: 0 });
+  const { video: element } = page;
+  const paused = element.play();
+  element.pause();
+  await assert.rejects(paused, { name: 'AbortError' });
+  const interrupted = element.play();
+  element.load();
+  await assert.rejects(interrupted, { name: 'AbortError' });
+  assert.strictEqual(page.source.readyState, 'closed');
+  element.src = 'nowhere:else';
+  await assert.rejects(element.play(), { name: 'NotSupportedError' });
+  assert.strictEqual(element.error.code, element.error.MEDIA_ERR_SRC_NOT_SUPPORTED);
+});
+
+test('a load forgets the old source: its player goes and none of its events come', async () => {
+  const page = await makeFedPage({ seconds: 2 });
+  const { video: element, player } = page;
+  await element.play();
+  page.take();
+  element.currentTime = 1;
+  element.removeAttribute('src');
+  element.load();
+  await told(page, 'emptied');
+  assert.deepStrictEqual(page.take(), ['abort', 'emptied']);
+  assert.ok(player.isReleased);
+  assert.deepStrictEqual(
+    [element.networkState, element.readyState, element.paused, element.currentTime, element.duration, element.videoWidth, element.seeking],
+    [element.NETWORK_EMPTY, element.HAVE_NOTHING, true, 0, NaN, 0, false]);
+});
+
+test('a media source can be given as an object; without a library there is an error, not an exception', async () => {
+  const page = makePage();
+  const source = new page.window.MediaSource();
+  page.video.srcObject = source;
+  await heard(source, 'sourceopen');
+  assert.deepStrictEqual([page.video.currentSrc, page.video.srcObject], ['', source]);
+  assert.throws(() => { page.video.srcObject = {}; }, { name: 'TypeError' });
+  FakePlayer.fault = new Error('there is no library');
+  page.video.src = 'http://page.test/movie.mp4';
+  page.video.srcObject = null;
+  await told(page, 'error');
+  FakePlayer.fault = null;
+  assert.deepStrictEqual([page.video.error.code, page.video.error.message], [4, 'there is no library']);
+});
+
+test('an error of the player is one of decoding behind the metadata, else of the source', async () => {
+  const page = await makeFedPage({ seconds: 2 });
+  await page.video.play();
+  page.player.tell({ type: 'error', reason: 'the decoder is gone' });
+  await heard(page.video, 'error');
+  assert.deepStrictEqual([page.video.error.code, page.video.error.message, page.player.isPlaying], [3, 'the decoder is gone', false]);
+
+  page.video.src = 'http://page.test/movie.mp4';
+  await told(page, 'loadstart');
+  page.player.tell({ type: 'error', reason: 'no such file' });
+  await heard(page.video, 'error');
+  assert.deepStrictEqual([page.video.error.code, page.video.error.message, page.video.networkState], [4, 'no such file', page.video.NETWORK_NO_SOURCE]);
+});
+
+test('of several <source>, the first that can be played is', async () => {
+  const page = makePage(`<video><source><source src="a.ogv" type="video/ogg"><source src="b.mp4"><source src="c.mp4"></video>`);
+  const errors = [];
+  page.window.document.querySelectorAll('source').forEach((each, i) => each.addEventListener('error', () => errors.push(i)));
+  await told(page, 'loadstart');
+  const sourceFails = heard(page.window.document.querySelectorAll('source')[2], 'error');
+  while (page.player.calls.at(-1)?.[1] !== 'http://page.test/b.mp4') await new Promise(setImmediate);
+  page.player.tell({ type: 'error', reason: 'not there' });
+  await sourceFails;
+  while (page.player.calls.at(-1)?.[1] !== 'http://page.test/c.mp4') await new Promise(setImmediate);
+  page.player.tell({ type: 'metadata', width: 64, height: 48, pixelAspectRatio: 2, duration: 3 });
+  page.player.tell({ type: 'state', state: 'paused' });
+  await told(page, 'canplaythrough');
+  assert.deepStrictEqual(errors, [0, 1, 2]);
+  assert.deepStrictEqual([page.video.currentSrc, page.video.videoWidth, page.video.duration], ['http://page.test/c.mp4', 128, 3]);
+});
+
+test('preload="none" waits for play()', async () => {
+  const page = makePage('<video preload="none" src="a.mp4"></video>');
+  const before = FakePlayer.all.length;
+  await told(page, 'suspend');
+  assert.deepStrictEqual([page.video.networkState, FakePlayer.all.length], [page.video.NETWORK_IDLE, before]);
+  page.video.play();
+  assert.deepStrictEqual([page.video.networkState, FakePlayer.all.length], [page.video.NETWORK_LOADING, before + 1]);
+  page.player.tell({ type: 'metadata', width: 64, height: 48, pixelAspectRatio: 1, duration: 3 });
+  page.player.tell({ type: 'state', state: 'playing' });
+  await told(page, 'playing');
+});
+
+test('rate 0 halts the player; one that the backend lacks is the attribute\'s alone', async () => {
+  const page = await makeFedPage({ seconds: 2 });
+  await page.video.play();
+  page.video.playbackRate = 0;
+  assert.deepStrictEqual([page.player.isPlaying, page.video.paused], [false, false]);
+  page.video.playbackRate = 1.5;
+  assert.deepStrictEqual([page.player.isPlaying, page.video.playbackRate], [true, 1.5]);
+  assert.throws(() => { page.video.playbackRate = -1; }, { name: 'NotSupportedError' });
+  page.video.muted = true;
+  assert.strictEqual(page.player.volume, 0);
+});

@@ -1,0 +1,56 @@
+#include "frame_batch.h"
+
+#include "addon_data.h"
+
+#include <utility>
+
+namespace uva_native {
+
+namespace {
+
+constexpr napi_type_tag batchTag{0x5f0c7d1e2b6a4938, 0x9d84e2a17c3f5b60};
+
+} // namespace
+
+Napi::Function FrameBatch::define(Napi::Env env) {
+    return DefineClass(env, "FrameBatch", {});
+}
+
+Napi::Object FrameBatch::make(Napi::Env env, std::vector<host::CodedFrame> frames) {
+    auto object = env.GetInstanceData<AddonData>()->frameBatch.New({});
+    object.TypeTag(&batchTag);
+    Unwrap(object)->adopt(std::move(frames));
+    return object;
+}
+
+FrameBatch* FrameBatch::of(const Napi::Value& value) {
+    if (!value.IsObject())
+        return nullptr;
+    auto object = value.As<Napi::Object>();
+    return object.CheckTypeTag(&batchTag) ? Unwrap(object) : nullptr;
+}
+
+FrameBatch::FrameBatch(const Napi::CallbackInfo& info) : ObjectWrap(info) {}
+
+/// Node collects garbage by what it believes that is worth.
+void FrameBatch::adopt(std::vector<host::CodedFrame> frames) {
+    m_frames = std::move(frames);
+    for (const auto& frame : m_frames)
+        m_bytes += static_cast<std::int64_t>(frame.sample.size);
+    Napi::MemoryManagement::AdjustExternalMemory(Env(), m_bytes);
+}
+
+FrameBatch::~FrameBatch() {
+    if (m_bytes > 0)
+        Napi::MemoryManagement::AdjustExternalMemory(Env(), -m_bytes);
+}
+
+bool FrameBatch::has(std::size_t index) const {
+    return index < m_frames.size() && m_frames[index].sample.payload != nullptr;
+}
+
+host::SampleData FrameBatch::take(std::size_t index) {
+    return std::exchange(m_frames[index].sample, {});
+}
+
+} // namespace uva_native
