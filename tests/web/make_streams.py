@@ -38,6 +38,13 @@ def protection_box(key_id):
     return struct.pack(">I4s", 8 + len(body), b"pssh") + body
 
 
+def add_protection_box(path):
+    """At the end of the 'moov': a page hears of it by an "encrypted" event."""
+    data, box = path.read_bytes(), protection_box(KEY_ID)
+    at, size = next((at, size) for kind, at, size in boxes(data) if kind == b"moov")
+    path.write_bytes(data[:at] + struct.pack(">I", size + len(box)) + data[at + 4:at + size] + box + data[at + size:])
+
+
 def uuid(text):
     return "-".join([text[:8], text[8:12], text[12:16], text[16:20], text[20:]])
 
@@ -86,6 +93,7 @@ class Streams:
                      "-movflags", "+frag_keyframe+empty_moov+default_base_moof", "-frag_duration", 1000000,
                      "clear.mp4", folder=folder)
             subprocess.run([sys.executable, self.protect_fragments, "whole", "clear.mp4", f"s{index}.mp4"], cwd=folder, check=True)
+            add_protection_box(folder / f"s{index}.mp4")
         (folder / "clear.mp4").unlink()
         (folder / "manifest.mpd").write_text(self.manifest(folder))
         self.write_playlists(folder)
@@ -114,8 +122,8 @@ class Streams:
                 f'<SegmentBase indexRange="{at}-{at + size - 1}"><Initialization range="0-{at - 1}"/></SegmentBase></Representation>')
 
     def write_playlists(self, folder):
-        box = base64.b64encode(protection_box(KEY_ID)).decode()
-        key = (f'#EXT-X-KEY:METHOD=SAMPLE-AES-CTR,URI="data:text/plain;base64,{box}",KEYID=0x{KEY_ID},'
+        key_id = base64.b64encode(bytes.fromhex(KEY_ID)).decode()
+        key = (f'#EXT-X-KEY:METHOD=SAMPLE-AES-CTR,URI="data:text/plain;base64,{key_id}",KEYID=0x{KEY_ID},'
                'KEYFORMAT="org.w3.clearkey",KEYFORMATVERSIONS="1"')
         for index in range(len(RENDITIONS) + 1):
             data = (folder / f"s{index}.mp4").read_bytes()

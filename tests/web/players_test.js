@@ -37,15 +37,14 @@ for (const kind of ['clear', 'protected']) {
 
       const { width } = await playing.picture();
       playing.web.control.selectHeight(width === 512 ? 144 : 288);
-      const { dropped } = playing.web.counters();
-      await until('the other rendition is on screen', async () => (await playing.picture()).width !== width);
-      assert.ok(playing.web.counters().dropped - dropped <= 1, `${playing.web.counters().dropped - dropped} pictures dropped`);
+      await until('the other rendition is on screen', async () => ((await playing.picture())?.width ?? width) !== width);
       await playing.plays();
       await playing.showsItsTime();
+      await playing.playsEveryPicture(0.5);
 
       video.currentTime = 10.5;
       await playing.ends();
-      await until('the last picture is on screen', async () => Math.abs((await playing.picture()).number - lastPicture) <= 1, 3);
+      await until('the last picture is on screen', async () => Math.abs((await playing.picture())?.number - lastPicture) <= 1, 3);
     });
   });
 }

@@ -7,6 +7,7 @@
 #include <cmath>
 #include <functional>
 #include <future>
+#include <limits>
 #include <optional>
 #include <unordered_set>
 #include <utility>
@@ -17,7 +18,6 @@ namespace {
 
 constexpr auto releaseBound = std::chrono::seconds(10);
 constexpr auto captureBound = std::chrono::seconds(5);
-constexpr std::size_t mostTracks = 256;
 
 /// Work that blocks, away from Node's thread, and a promise of what comes of it.
 class Work final : public Napi::AsyncWorker {
@@ -112,7 +112,7 @@ PlayerCore& Player::core(const Arguments& arguments) const {
 
 host::TrackBuffer& Player::buffer(const Arguments& arguments, std::size_t index) const {
     const auto track = arguments.count(index, "track");
-    auto* const buffer = track <= mostTracks * mostTracks
+    auto* const buffer = track <= std::numeric_limits<host::SourceId>::max()
                              ? core(arguments).buffer(static_cast<host::SourceId>(track))
                              : nullptr;
     if (buffer == nullptr)

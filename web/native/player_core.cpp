@@ -3,7 +3,6 @@
 #include "runtime.h"
 
 #include <algorithm>
-#include <cmath>
 #include <set>
 
 namespace uva_native {
