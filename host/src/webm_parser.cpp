@@ -107,7 +107,7 @@ std::string vp9Name(const Bytes& features) {
             values.at(features[at]) = features[at + 2];
     if (values[Profile] < 0 || values[Level] < 0 || values[BitDepth] < 0)
         return "vp9";
-    std::array<char, 32> text = {};
+    std::array<char, 64> text = {};
     std::snprintf(text.data(), text.size(), "vp09.%02d.%02d.%02d", values[Profile], values[Level],
                   values[BitDepth]);
     return text.data();
