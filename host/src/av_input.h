@@ -1,20 +1,22 @@
 #ifndef HOST_AV_INPUT_H
 #define HOST_AV_INPUT_H
 
-#include "mp4_scan.h"
+#include "file_bytes.h"
+#include "mp4_protection.h"
 
 extern "C" {
 #include <libavformat/avformat.h>
 }
 
 #include <atomic>
+#include <map>
 #include <memory>
 #include <string>
 
 namespace host {
 
-/// One line of text for a failure of libavformat.
-std::string avErrorText(int error);
+/// A pipe is no input: it can be read only once.
+bool isPipe(const std::string& name);
 
 /// A file or URL opened with libavformat. Bound to one thread, but for interrupt().
 class AvInput {
@@ -27,38 +29,31 @@ public:
     /// From the beginning, anew if it was open. Answers what went wrong.
     std::string open();
     void close();
-    void forgetCancelled() { m_cancelled = nullptr; }
+    void forgetCancelled() { m_interruption->forgetCancelled(); }
 
-    void interrupt() { m_interrupted = true; }
-    bool interrupted() const { return m_interrupted || (m_cancelled && *m_cancelled); }
+    void interrupt() { m_interruption->interrupt(); }
+    bool interrupted() const { return m_interruption->isSet(); }
 
     /// Null unless open() went well.
     AVFormatContext* context() const { return m_context.get(); }
 
-    /// Of an MP4, null for anything else. Local files are covered as a whole.
-    Mp4Scan* scan() const { return m_scan.get(); }
-    bool isLocal() const;
+    /// How the samples of a track of an MP4 are encrypted, where libavformat does not tell it
+    /// right; null: it does.
+    const TrackProtection* protectionOf(int track) const;
 
 private:
     struct Close {
         void operator()(AVFormatContext* context) const { avformat_close_input(&context); }
-        void operator()(AVIOContext* io) const { avio_close(io); }
     };
 
     int openContext();
-    int openScan();
+    void readProtection();
 
     const std::string m_name;
-    const std::atomic<bool>* m_cancelled;
-    std::atomic<bool> m_interrupted{false};
-    // These call back into the members above.
-    std::unique_ptr<AVFormatContext, Close> m_context;
-    std::unique_ptr<AVIOContext, Close> m_scanned;
-    std::unique_ptr<Mp4Scan> m_scan;
+    const std::shared_ptr<Interruption> m_interruption;
+    std::unique_ptr<AVFormatContext, Close> m_context; // calls back into the members above
+    std::map<std::uint32_t, TrackProtection> m_protection;
 };
-
-/// The name of a part of a local file, from a byte up to another; 0: to its end.
-std::string partOf(const std::string& name, std::uint64_t begin, std::uint64_t end);
 
 /// The id of the key of a Matroska track, which is encrypted then; empty for any other.
 std::string matroskaKeyId(const AVStream& stream);

@@ -1,6 +1,7 @@
 #include "av_stream.h"
 
 #include "packet_protection.h"
+#include "sample_order.h"
 
 extern "C" {
 #include <libavcodec/avcodec.h>
@@ -19,9 +20,6 @@ namespace host {
 namespace {
 
 constexpr double unknownTime = std::numeric_limits<double>::quiet_NaN();
-/// A key frame this much behind the target of a seek still counts as before it: who asks for the
-/// time of a frame may have rounded it.
-constexpr double seekTolerance = 0.001;
 constexpr double longestMedia = 1e8; ///< seconds, three years
 
 struct FreePacket {
@@ -35,10 +33,6 @@ std::int64_t timestampOf(const AVPacket& packet) {
 std::vector<std::uint8_t> extradataOf(const AVStream& stream) {
     const auto& parameters = *stream.codecpar;
     return {parameters.extradata, parameters.extradata + parameters.extradata_size};
-}
-
-double knownOr(double fallback, double time) {
-    return std::isnan(time) ? fallback : time;
 }
 
 std::string timeText(double seconds) {
@@ -119,13 +113,8 @@ double AvStream::endOfStream() const {
     const auto containerTime = [](std::int64_t time) {
         return time == AV_NOPTS_VALUE ? 0 : static_cast<double>(time) / AV_TIME_BASE;
     };
-    const auto* scan = m_input->scan();
-    if (scan != nullptr)
-        if (const auto end = scan->endOf(static_cast<std::uint32_t>(stream().id)))
-            return std::max(*end - m_timeOffset, 0.0);
-    // These tell of lengths from time 0 on, others of those from the first sample on.
-    const bool fromZero = (scan != nullptr && scan->isFragmented()) ||
-                          std::strcmp(context.iformat->name, "matroska,webm") == 0;
+    // Matroska tells of lengths from time 0 on, others of those from the first sample on.
+    const bool fromZero = std::strcmp(context.iformat->name, "matroska,webm") == 0;
     double end = 0;
     // An estimate from the last times in the file misses most of an audio packet with many frames.
     if (stream().duration != AV_NOPTS_VALUE &&
@@ -184,22 +173,9 @@ std::optional<AvStream::Packet> AvStream::readPacket() {
         const bool ordered = isAudio() || stream().codecpar->video_delay == 0;
         const auto pts = packet->pts == AV_NOPTS_VALUE && ordered ? packet->dts : packet->pts;
         const bool keyFrame = isAudio() || (packet->flags & AV_PKT_FLAG_KEY) != 0;
-        return Packet{packet,       m_format,
-                      seconds(pts), seconds(packet->dts),
-                      keyFrame,     findProtection(*packet)};
+        return Packet{packet, m_format, seconds(pts), seconds(packet->dts), keyFrame};
     }
     return std::nullopt;
-}
-
-std::shared_ptr<const TrackProtection> AvStream::findProtection(const AVPacket& packet) {
-    auto* scan = m_input->scan();
-    if (scan == nullptr)
-        return nullptr;
-    if (packet.pos >= 0) // else it is a part of the one before
-        m_place = packet.pos;
-    const auto place = static_cast<std::uint64_t>(m_place);
-    scan->coverTo(place);
-    return scan->protectionAt(place, static_cast<std::uint32_t>(stream().id));
 }
 
 /// False when they cannot be used, with which the stream ends.
@@ -247,8 +223,7 @@ std::string AvStream::seek(double target) {
     target = std::clamp(knownOr(0, target), 0.0, longestMedia);
     if (!m_firstRead && !readPacket())
         return m_end->empty() ? "there is no sample in it" : *m_end;
-    for (double back = 0; back < target && knowsTimes() && knowsVectors();
-         back = std::max(1.0, back * 2)) {
+    for (double back = 0; back < target && knowsTimes(); back = std::max(1.0, back * 2)) {
         if (jump(target - back) && readAheadTo(target))
             return {};
         if (m_input->interrupted())
@@ -268,14 +243,6 @@ bool AvStream::knowsTimes() const {
     return std::strcmp(m_input->context()->iformat->name, "ogg") != 0;
 }
 
-/// Behind a seek in encrypted fragments libavformat takes the vectors of other samples. From the
-/// start, of a file opened anew, it takes the right ones.
-bool AvStream::knowsVectors() const {
-    const auto* scan = m_input->scan();
-    return scan == nullptr || !scan->isFragmented() ||
-           !scan->isEncrypted(static_cast<std::uint32_t>(stream().id));
-}
-
 /// libavformat may land later than asked, or fail.
 bool AvStream::jump(double target) {
     startReading();
@@ -289,7 +256,7 @@ std::string AvStream::goToStart() {
     startReading();
     auto* context = m_input->context();
     const auto start = m_firstRead.value_or(AV_NOPTS_VALUE);
-    const bool moved = start != AV_NOPTS_VALUE && knowsVectors() &&
+    const bool moved = start != AV_NOPTS_VALUE &&
                        (av_seek_frame(context, m_index, start, AVSEEK_FLAG_BACKWARD) >= 0 ||
                         av_seek_frame(context, m_index, start, 0) >= 0);
     auto first = moved ? readPacket() : std::nullopt;
@@ -331,21 +298,7 @@ void AvStream::startReading() {
 /// From the latest key frame that is not behind the target; from the first there is when none is.
 /// Answers whether there was one.
 bool AvStream::readAheadTo(double target) {
-    const auto isBehind = [&](double time) { return time > target + seekTolerance; };
-    std::deque<Packet> group;
-    bool found = false;
-    while (auto packet = nextPacket()) {
-        const bool start = packet->keyFrame && !isBehind(knownOr(packet->dts, packet->pts));
-        const bool passed =
-            (packet->keyFrame && !start) || isBehind(knownOr(packet->pts, packet->dts));
-        if (start)
-            group.clear();
-        found = found || start;
-        if (packet->keyFrame || !group.empty())
-            group.push_back(std::move(*packet));
-        if (passed && !group.empty())
-            break;
-    }
+    auto [group, found] = startFor<Packet>([this] { return nextPacket(); }, target);
     m_ahead = std::move(group);
     return found;
 }
@@ -389,28 +342,12 @@ double AvStream::distanceToNext(const Packet& packet) {
     return m_distance;
 }
 
-/// Audio that begins before time 0 is cut off there. False when nothing is left: then it only
-/// filled the encoder's delay.
-bool AvStream::moveIntoMedia(SampleData& sample) const {
-    constexpr double nothing = 1e-6;
-    if (sample.duration >= 0) {
-        sample.duration = std::max(sample.pts + sample.duration, 0.0);
-        // These decoders need the first packet, and know by themselves what of it is not heard.
-        const bool needed = m_codec == AV_CODEC_ID_OPUS || m_codec == AV_CODEC_ID_VORBIS;
-        if (sample.duration < nothing && !needed)
-            return false;
-    }
-    sample.pts = 0;
-    sample.dts = 0;
-    return true;
-}
-
 std::string AvStream::takePayload(const Packet& packet, SampleData& sample) const {
     const std::uint8_t* bytes = packet.av->data;
     auto size = static_cast<std::size_t>(packet.av->size);
     auto& protection = sample.protection;
     auto error = m_keyId.empty()
-                     ? readMp4Protection(*packet.av, packet.protection.get(), protection)
+                     ? takeMp4Protection(*packet.av, m_input->protectionOf(stream().id), protection)
                      : takeWebmProtection(m_keyId, bytes, size, protection);
     if (!error.empty())
         return error;

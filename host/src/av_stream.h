@@ -31,7 +31,6 @@ private:
         double pts = 0; ///< not a number: unknown
         double dts = 0;
         bool keyFrame = false;
-        std::shared_ptr<const TrackProtection> protection; ///< null: as the packet tells
     };
     using SharedFormat = std::shared_ptr<const StreamFormat>;
 
@@ -45,13 +44,11 @@ private:
 
     std::optional<Packet> nextPacket();
     std::optional<Packet> readPacket();
-    std::shared_ptr<const TrackProtection> findProtection(const AVPacket& packet);
     bool takeNewHeaders(const AVPacket& packet);
     void endWith(int error);
     bool isTruncated() const;
 
     bool knowsTimes() const;
-    bool knowsVectors() const;
     bool jump(double target);
     std::string goToStart();
     std::string reopen();
@@ -63,7 +60,6 @@ private:
     std::string takePayload(const Packet& packet, SampleData& sample) const;
     double durationOf(const Packet& packet);
     double distanceToNext(const Packet& packet);
-    bool moveIntoMedia(SampleData& sample) const;
 
     const std::unique_ptr<AvInput> m_input;
     const int m_index;
@@ -77,7 +73,6 @@ private:
     std::optional<std::string> m_end; ///< nothing follows what is read, and what went wrong if so
     std::optional<std::int64_t> m_firstRead;    ///< timestamp of the very first packet
     std::int64_t m_latestRead = AV_NOPTS_VALUE; ///< the greatest since the last seek
-    std::int64_t m_place = 0;                   ///< of the packet read last, in the file
     double m_distance = -1;                     ///< seconds from the packet before
 };
 

@@ -10,7 +10,7 @@ namespace host {
 namespace {
 
 // More than real media has.
-constexpr std::uint32_t mostSamples = 1 << 24; ///< of a fragment
+constexpr std::uint32_t mostSamples = 1 << 20; ///< of a fragment
 constexpr std::int64_t latestTime = std::int64_t{1} << 60;
 constexpr std::uint64_t lastPosition = std::uint64_t{1} << 60;
 

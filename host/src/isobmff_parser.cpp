@@ -28,13 +28,6 @@ double secondsOf(std::int64_t time, const MovieTrack& track) {
     return static_cast<double>(time + track.shift) / track.timescale;
 }
 
-bool covers(const std::vector<UVASample::Subsample>& subsamples, std::size_t size) {
-    std::uint64_t sum = 0;
-    for (const auto& part : subsamples)
-        sum += std::uint64_t{part.clearBytes} + part.encryptedBytes;
-    return subsamples.empty() || sum == size;
-}
-
 } // namespace
 
 std::string IsobmffParser::append(std::shared_ptr<const std::uint8_t> bytes, std::size_t size) {
@@ -115,15 +108,15 @@ void IsobmffParser::begin() {
     const bool isStart = m_box.type == fourLetters("ftyp") || m_box.type == fourLetters("styp");
     if (isMoov || isMoof || isStart)
         endFragment();
-    const bool isMedia = isMoof || m_box.type == fourLetters("mdat");
-    if (m_movie == nullptr && (isMoof || (isMedia && m_rules == StreamRules::MediaSource)))
+    const bool isMdat = m_box.type == fourLetters("mdat");
+    if (m_movie == nullptr && (isMoof || (isMdat && m_rules == StreamRules::MediaSource)))
         failBox(m_box.type, m_box.position, "comes before an initialization segment ('moov')");
     if (isMoov || m_box.type == fourLetters("ftyp"))
         m_state = State::InitSegment;
     else if (isMoof || m_box.type == fourLetters("styp"))
         m_state = State::MediaSegment;
     m_step = Step::Skip;
-    if (m_box.type == fourLetters("mdat") && m_fragment) {
+    if (isMdat && m_fragment) {
         m_step = Step::Media;
     } else if (isHeldWhole(m_box.type)) {
         if (size > largestBox)
@@ -297,6 +290,9 @@ bool IsobmffParser::takeSamples(std::size_t index) {
         const auto size = run.samples.nextSize();
         if (size > m_box.end - m_bytes.position())
             failBox(m_box.type, m_box.position, "ends before its last sample");
+        if (size > largestBox)
+            failBox(m_box.type, m_box.position,
+                    "has a sample of " + std::to_string(size) + " bytes, which is too large");
         if (m_bytes.peek(size) == nullptr)
             return false;
         takeSample(run, index);

@@ -26,6 +26,10 @@ public:
 
     /// As reset(), and what is appended next is at this place in the file.
     void continueAt(std::uint64_t position);
+    /// No box has begun, and no samples are to come.
+    bool isBetweenBoxes() const {
+        return m_step == Step::Header && m_bytes.size() == 0 && !m_fragment;
+    }
 
 private:
     /// What is read next.

@@ -66,6 +66,13 @@ std::optional<std::pair<unsigned int, BoxReader>> findGroupBox(const BoxReader& 
 
 } // namespace
 
+bool covers(const std::vector<UVASample::Subsample>& subsamples, std::size_t size) {
+    std::uint64_t sum = 0;
+    for (const auto& part : subsamples)
+        sum += std::uint64_t{part.clearBytes} + part.encryptedBytes;
+    return subsamples.empty() || sum == size;
+}
+
 SampleEncryption readProtectionScheme(const BoxReader& sinf) {
     const auto scheme = readScheme(sinf.need(fourLetters("schm")));
     auto tenc = sinf.need(fourLetters("schi")).need(fourLetters("tenc"));

@@ -25,6 +25,9 @@ struct SampleEncryption {
     std::vector<std::uint8_t> constantIv; ///< 16 bytes, or none
 };
 
+/// Whether ranges make up a sample of so many bytes. None do: it is encrypted as a whole.
+bool covers(const std::vector<UVASample::Subsample>& subsamples, std::size_t size);
+
 /// Of the 'sinf' in a sample entry.
 SampleEncryption readProtectionScheme(const BoxReader& sinf);
 

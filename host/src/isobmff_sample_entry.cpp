@@ -310,6 +310,16 @@ void readMastering(const BoxReader& boxes, OwnedConfig& config) {
 
 } // namespace
 
+std::optional<SampleEncryption> readEntryEncryption(const BoxReader& entry) {
+    const bool isVideo = entry.type() == fourLetters("encv");
+    if (!isVideo && entry.type() != fourLetters("enca"))
+        return std::nullopt;
+    auto boxes = entry;
+    OwnedConfig unused;
+    isVideo ? readVisual(boxes, unused) : readAudio(boxes, unused);
+    return readProtectionScheme(boxes.need(fourLetters("sinf")));
+}
+
 SampleDescription readSampleEntry(const BoxReader& box, Kind kind) {
     SampleDescription description;
     const auto config = std::make_shared<OwnedConfig>();

@@ -26,6 +26,9 @@ struct SampleDescription {
 /// Of a box in 'stsd'. Throws a StreamFault when it is damaged.
 SampleDescription readSampleEntry(const BoxReader& entry, StreamInfo::Kind kind);
 
+/// Of the same, how its samples are encrypted alone; nothing for a clear one.
+std::optional<SampleEncryption> readEntryEncryption(const BoxReader& entry);
+
 } // namespace host
 
 #endif

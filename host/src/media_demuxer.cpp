@@ -1,7 +1,7 @@
 #include "host/media_demuxer.h"
 
 #include "av_stream.h"
-#include "host/media_source.h"
+#include "fragmented_stream.h"
 
 extern "C" {
 #include <libavcodec/avcodec.h>
@@ -53,21 +53,53 @@ std::string whyNone(const AVFormatContext& context) {
                           : codecs + " cannot be fed as a media source; play the URL without --mse";
 }
 
-double startOf(const AvInput& input) {
-    const auto start = input.context()->start_time;
+/// One file or URL, opened as what it is.
+struct Input {
+    std::string name;
+    std::unique_ptr<AvInput> demuxer; ///< null: it is read as the others say
+    std::shared_ptr<Interruption> interruption;
+    std::unique_ptr<FileBytes> bytes;
+    std::shared_ptr<const FragmentedFile> file;
+
+    double start() const;            ///< seconds
+    bool countsFromAnywhere() const; ///< its clock has nothing to do with the media
+};
+
+double Input::start() const {
+    if (file != nullptr)
+        return file->start;
+    const auto start = demuxer->context()->start_time;
     return start == AV_NOPTS_VALUE ? 0 : static_cast<double>(start) / AV_TIME_BASE;
+}
+
+bool Input::countsFromAnywhere() const {
+    return start() > latestStart ||
+           (demuxer != nullptr && std::strcmp(demuxer->context()->iformat->name, "mpegts") == 0);
+}
+
+/// Answers what went wrong.
+std::string open(Input& input, const std::atomic<bool>& cancelled) {
+    input.interruption = std::make_shared<Interruption>(cancelled);
+    auto bytes = std::make_unique<FileBytes>(input.name, input.interruption);
+    if (!isPipe(input.name) && bytes->open().empty()) {
+        if (auto file = indexFragments(*bytes)) {
+            input.file = std::make_shared<const FragmentedFile>(std::move(*file));
+            input.bytes = std::move(bytes);
+            return {};
+        }
+    }
+    input.demuxer = std::make_unique<AvInput>(input.name, cancelled);
+    return input.demuxer->open();
 }
 
 /// What becomes time 0 of all inputs: the start of the earliest one, if its clock begins anywhere,
 /// as those of transport streams and of what is cut out of something longer do.
-double timeOffset(const std::vector<std::unique_ptr<AvInput>>& inputs) {
+double timeOffset(const std::vector<Input>& inputs) {
     const auto earliest =
-        std::min_element(inputs.begin(), inputs.end(), [](const auto& left, const auto& right) {
-            return startOf(*left) < startOf(*right);
+        std::min_element(inputs.begin(), inputs.end(), [](const Input& left, const Input& right) {
+            return left.start() < right.start();
         });
-    const double start = startOf(**earliest);
-    const auto* format = (*earliest)->context()->iformat->name;
-    return std::strcmp(format, "mpegts") == 0 || start > latestStart ? start : 0;
+    return earliest->countsFromAnywhere() ? earliest->start() : 0;
 }
 
 DemuxedMedia failed(std::string error) {
@@ -76,23 +108,39 @@ DemuxedMedia failed(std::string error) {
     return media;
 }
 
-/// The input, which is open, is for the first of the streams; the others get their own.
-DemuxedMedia openStreams(const std::string& name, std::unique_ptr<AvInput> input, double offset,
-                         const std::atomic<bool>& cancelled) {
-    auto why = whyNone(*input->context());
+/// What is open is for the first of the streams; the others get their own.
+DemuxedMedia openFragmented(Input input, double offset, const std::atomic<bool>& cancelled) {
     DemuxedMedia media;
-    for (const auto type : mediaTypes) {
-        if (input == nullptr) {
-            input = std::make_unique<AvInput>(name, cancelled);
-            if (auto error = input->open(); !error.empty())
+    for (const auto& track : input.file->tracks) {
+        if (input.bytes == nullptr) {
+            input.interruption = std::make_shared<Interruption>(cancelled);
+            input.bytes = std::make_unique<FileBytes>(input.name, input.interruption);
+            if (auto error = input.bytes->open(); !error.empty())
                 return failed(std::move(error));
         }
-        const int index = firstStream(*input->context(), type);
+        input.interruption->forgetCancelled();
+        media.streams.push_back(std::make_unique<FragmentedStream>(
+            std::move(input.bytes), input.interruption, input.file, track, offset));
+    }
+    return media;
+}
+
+DemuxedMedia openDemuxed(Input input, double offset, const std::atomic<bool>& cancelled) {
+    auto& demuxer = input.demuxer;
+    auto why = whyNone(*demuxer->context());
+    DemuxedMedia media;
+    for (const auto type : mediaTypes) {
+        if (demuxer == nullptr) {
+            demuxer = std::make_unique<AvInput>(input.name, cancelled);
+            if (auto error = demuxer->open(); !error.empty())
+                return failed(std::move(error));
+        }
+        const int index = firstStream(*demuxer->context(), type);
         if (index < 0)
             continue;
-        input->forgetCancelled();
+        demuxer->forgetCancelled();
         std::string error;
-        auto stream = AvStream::make(std::move(input), index, offset, error);
+        auto stream = AvStream::make(std::move(demuxer), index, offset, error);
         if (stream == nullptr)
             return failed(std::move(error));
         media.streams.push_back(std::move(stream));
@@ -102,89 +150,24 @@ DemuxedMedia openStreams(const std::string& name, std::unique_ptr<AvInput> input
     return media;
 }
 
-/// Of a file that begins anew in the middle: with other keys, or clear before it is encrypted.
-struct Part {
-    std::string name;
-    std::uint64_t begin = 0;
-};
-
-/// Behind the first one.
-std::vector<Part> furtherParts(const std::string& name, const AvInput& input) {
-    std::vector<Part> parts;
-    if (input.scan() == nullptr || !input.isLocal())
-        return parts;
-    const auto& begins = input.scan()->beginnings();
-    for (std::size_t i = 1; i < begins.size(); ++i)
-        parts.push_back(
-            {partOf(name, begins[i], i + 1 < begins.size() ? begins[i + 1] : 0), begins[i]});
-    return parts;
-}
-
-/// Puts a part's streams behind those there are. Answers what is wrong.
-std::string append(const Part& part, double offset, double& latest,
-                   const std::atomic<bool>& cancelled, DemuxedMedia& media) {
-    auto input = std::make_unique<AvInput>(part.name, cancelled);
-    if (auto error = input->open(); !error.empty())
-        return error;
-    const double start = startOf(*input) - offset;
-    if (!input->scan()->isFragmented() || start <= latest)
-        return "it does not go on in time; play it as a file of its own";
-    latest = start;
-    auto further = openStreams(part.name, std::move(input), offset, cancelled);
-    if (further.streams.size() != media.streams.size())
-        return further.error.empty() ? "it has other streams" : further.error;
-    for (std::size_t i = 0; i < media.streams.size(); ++i) {
-        auto& first = media.streams[i];
-        auto& next = further.streams[i];
-        if (first->info().kind != next->info().kind || first->info().codec != next->info().codec)
-            return "it has other codecs; play it as a file of its own";
-        first = switchAt(std::move(first), start, std::move(next));
-    }
-    return {};
-}
-
-DemuxedMedia openParts(const std::string& name, std::unique_ptr<AvInput> input, double offset,
-                       const std::atomic<bool>& cancelled) {
-    constexpr std::size_t mostParts = 16; // each has files open
-    const auto parts = furtherParts(name, *input);
-    if (parts.empty())
-        return openStreams(name, std::move(input), offset, cancelled);
-    if (parts.size() > mostParts)
-        return failed("it begins anew ('moov') more than " + std::to_string(mostParts) +
-                      " times; play its parts as files of their own");
-    double latest = startOf(*input) - offset;
-    const auto first = partOf(name, 0, parts.front().begin);
-    input = std::make_unique<AvInput>(first, cancelled);
-    if (auto error = input->open(); !error.empty())
-        return failed(std::move(error));
-    auto media = openStreams(first, std::move(input), offset, cancelled);
-    for (const auto& part : parts) {
-        if (media.streams.empty())
-            break;
-        if (auto error = append(part, offset, latest, cancelled, media); !error.empty())
-            return failed("what begins anew ('moov') at byte " + std::to_string(part.begin) +
-                          " cannot be joined: " + error);
-    }
-    return media;
-}
-
 } // namespace
 
 std::vector<DemuxedMedia> openMedia(const std::vector<std::string>& names,
                                     const std::atomic<bool>& cancelled) {
     std::vector<DemuxedMedia> media;
-    std::vector<std::unique_ptr<AvInput>> inputs;
+    std::vector<Input> inputs;
     for (const auto& name : names) {
-        inputs.push_back(std::make_unique<AvInput>(name, cancelled));
-        if (auto error = inputs.back()->open(); !error.empty()) {
+        inputs.push_back({name, nullptr, nullptr, nullptr, nullptr});
+        if (auto error = open(inputs.back(), cancelled); !error.empty()) {
             media.resize(names.size());
             media[inputs.size() - 1].error = std::move(error);
             return media;
         }
     }
     const double offset = inputs.empty() ? 0 : timeOffset(inputs);
-    for (std::size_t i = 0; i < names.size(); ++i)
-        media.push_back(openParts(names[i], std::move(inputs[i]), offset, cancelled));
+    for (auto& input : inputs)
+        media.push_back(input.file != nullptr ? openFragmented(std::move(input), offset, cancelled)
+                                              : openDemuxed(std::move(input), offset, cancelled));
     return media;
 }
 

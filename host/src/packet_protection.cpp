@@ -13,7 +13,6 @@ namespace host {
 namespace {
 
 constexpr std::size_t keyIdSize = 16;
-constexpr std::size_t blockSize = 16;
 
 struct FreeInfo {
     void operator()(AVEncryptionInfo* info) const { av_encryption_info_free(info); }
@@ -42,53 +41,46 @@ std::string schemeName(std::uint32_t scheme) {
 }
 
 /// All but the parts of a sample, and its vector where it has its own.
-std::string takeTrackProtection(const TrackProtection& track, Protection& protection) {
-    protection.scheme = schemeOf(track.scheme);
-    if (protection.scheme == Protection::Scheme::None)
-        return "the protection scheme \"" + schemeName(track.scheme) +
-               "\" is not supported, only cenc and cbcs are";
-    if (track.keyId.size() != keyIdSize)
-        return "the key id of a sample has not 16 bytes";
-    protection.keyId = track.keyId;
-    if (!track.constantIv.empty()) {
-        protection.iv = track.constantIv;
-        protection.iv.resize(blockSize);
-    }
-    protection.cryptByteBlock = track.cryptByteBlock;
-    protection.skipByteBlock = track.skipByteBlock;
-    return {};
-}
-
-bool covers(const std::vector<UVASample::Subsample>& subsamples, std::size_t size) {
-    std::uint64_t sum = 0;
-    for (const auto& part : subsamples)
-        sum += std::uint64_t{part.clearBytes} + part.encryptedBytes;
-    return subsamples.empty() || sum == size;
+void takeEncryption(const SampleEncryption& encryption, Protection& protection) {
+    protection.scheme = encryption.scheme;
+    protection.keyId = encryption.keyId;
+    if (!encryption.constantIv.empty())
+        protection.iv = encryption.constantIv;
+    protection.cryptByteBlock = encryption.cryptByteBlock;
+    protection.skipByteBlock = encryption.skipByteBlock;
 }
 
 } // namespace
 
-std::string readMp4Protection(const AVPacket& packet, const TrackProtection* track,
+std::string takeMp4Protection(const AVPacket& packet, const TrackProtection* track,
                               Protection& protection) {
     if (track != nullptr && !track->fault.empty())
         return track->fault;
-    if (track != nullptr && !track->encrypted)
+    if (track != nullptr && !track->encryption.encrypted)
         return {};
     std::size_t size = 0;
     const auto* bytes = av_packet_get_side_data(&packet, AV_PKT_DATA_ENCRYPTION_INFO, &size);
-    if (bytes == nullptr) // whole samples, with the track's own vector
-        return track == nullptr ? std::string() : takeTrackProtection(*track, protection);
+    if (bytes == nullptr) { // whole samples, with the track's own vector
+        if (track != nullptr)
+            takeEncryption(track->encryption, protection);
+        return {};
+    }
     const std::unique_ptr<AVEncryptionInfo, FreeInfo> info(
         av_encryption_info_get_side_data(bytes, size));
     if (info == nullptr)
         return "what a sample says of its encryption is damaged";
+    SampleEncryption told;
+    told.scheme = schemeOf(info->scheme);
+    told.cryptByteBlock = info->crypt_byte_block;
+    told.skipByteBlock = info->skip_byte_block;
+    told.keyId.assign(info->key_id, info->key_id + info->key_id_size);
+    if (told.scheme == Protection::Scheme::None)
+        return "the protection scheme \"" + schemeName(info->scheme) +
+               "\" is not supported, only cenc and cbcs are";
+    if (told.keyId.size() != keyIdSize)
+        return "the key id of a sample has not 16 bytes";
     protection.iv.assign(info->iv, info->iv + info->iv_size);
-    const std::vector<std::uint8_t> keyId(info->key_id, info->key_id + info->key_id_size);
-    const TrackProtection told{
-        true, info->scheme, 0, info->crypt_byte_block, info->skip_byte_block, keyId, {}, {}};
-    if (auto error = takeTrackProtection(track == nullptr ? told : *track, protection);
-        !error.empty())
-        return error;
+    takeEncryption(track == nullptr ? told : track->encryption, protection);
     for (std::uint32_t i = 0; i < info->subsample_count; ++i) {
         const auto& part = info->subsamples[i];
         protection.subsamples.push_back({part.bytes_of_clear_data, part.bytes_of_protected_data});

@@ -2,7 +2,7 @@
 #define HOST_PACKET_PROTECTION_H
 
 #include "host/sample.h"
-#include "mp4_scan.h"
+#include "mp4_protection.h"
 
 extern "C" {
 #include <libavcodec/packet.h>
@@ -16,7 +16,7 @@ namespace host {
 
 /// How a packet of an MP4 track is encrypted: nothing for a clear one. Where `track` says it
 /// otherwise than the packet, that holds; it may be null. Answers what is wrong.
-std::string readMp4Protection(const AVPacket& packet, const TrackProtection* track,
+std::string takeMp4Protection(const AVPacket& packet, const TrackProtection* track,
                               Protection& protection);
 
 /// Takes what a frame of an encrypted WebM track begins with - whether and how it is encrypted -

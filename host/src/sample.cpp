@@ -1,5 +1,8 @@
 #include "host/sample.h"
 
+#include "sample_order.h"
+
+#include <algorithm>
 #include <utility>
 
 namespace host {
@@ -34,6 +37,22 @@ std::vector<std::uint8_t> keyReference(const Protection& protection) {
         reference.push_back(static_cast<std::uint8_t>(protection.skipByteBlock));
     }
     return reference;
+}
+
+bool moveIntoMedia(SampleData& sample) {
+    constexpr double nothing = 1e-6;
+    if (sample.duration >= 0) {
+        sample.duration = std::max(sample.pts + sample.duration, 0.0);
+        // These decoders need the first packet, and know by themselves what of it is not heard.
+        const auto codec = sample.config->codec;
+        const bool needed =
+            codec == UVAStreamConfig::CODEC_OPUS || codec == UVAStreamConfig::CODEC_VORBIS;
+        if (sample.duration < nothing && !needed)
+            return false;
+    }
+    sample.pts = 0;
+    sample.dts = 0;
+    return true;
 }
 
 } // namespace host

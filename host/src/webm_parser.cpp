@@ -107,7 +107,7 @@ std::string vp9Name(const Bytes& features) {
             values.at(features[at]) = features[at + 2];
     if (values[Profile] < 0 || values[Level] < 0 || values[BitDepth] < 0)
         return "vp9";
-    std::array<char, 32> text = {};
+    std::array<char, 64> text = {};
     std::snprintf(text.data(), text.size(), "vp09.%02d.%02d.%02d", values[Profile], values[Level],
                   values[BitDepth]);
     return text.data();
@@ -206,6 +206,18 @@ double opusDuration(const std::uint8_t* packet, std::size_t size) {
 
 } // namespace
 
+struct WebmParser::Draft {
+    bool hasInfo = false;
+    Movie movie;
+    InitSegment segment;
+};
+
+WebmParser::WebmParser(Output& output) : m_output(output) {
+    begin();
+}
+
+WebmParser::~WebmParser() = default;
+
 std::string WebmParser::append(std::shared_ptr<const std::uint8_t> bytes, std::size_t size) {
     if (!m_fault.empty() || size == 0)
         return m_fault;
@@ -288,7 +300,7 @@ webm::Status WebmParser::OnElementBegin(const webm::ElementMetadata& element,
         fail(element, "is too large: " + std::to_string(element.size) + " bytes");
     switch (element.id) {
     case webm::Id::kEbml:
-        m_draft.emplace();
+        m_draft = std::make_unique<Draft>();
         m_state = State::InitSegment;
         break;
     case webm::Id::kInfo:
@@ -306,6 +318,12 @@ webm::Status WebmParser::OnElementBegin(const webm::ElementMetadata& element,
         if (m_draft || m_movie == nullptr)
             fail(element, "(Cluster) comes before an initialization segment is complete");
         m_state = State::MediaSegment;
+        break;
+    case webm::Id::kTimecode:
+    case webm::Id::kSimpleBlock:
+    case webm::Id::kBlockGroup:
+        if (m_state != State::MediaSegment)
+            fail(element, "is in no Cluster");
         break;
     default:
         if (isPassedOver(element.id))
@@ -325,6 +343,8 @@ webm::Status WebmParser::OnEbml(const webm::ElementMetadata& element, const webm
 }
 
 webm::Status WebmParser::OnInfo(const webm::ElementMetadata& element, const webm::Info& info) {
+    if (m_draft == nullptr)
+        fail(element, "is not in the Info of an initialization segment");
     const auto scale = static_cast<double>(info.timecode_scale.value());
     if (scale <= 0)
         fail(element, "has the time scale 0");
@@ -339,6 +359,8 @@ webm::Status WebmParser::OnInfo(const webm::ElementMetadata& element, const webm
 
 webm::Status WebmParser::OnTrackEntry(const webm::ElementMetadata& element,
                                       const webm::TrackEntry& entry) {
+    if (m_draft == nullptr)
+        fail(element, "is not in the Tracks of an initialization segment");
     const auto type = entry.track_type.value();
     if (type != webm::TrackType::kVideo && type != webm::TrackType::kAudio)
         return completed;
@@ -389,6 +411,8 @@ void WebmParser::endInit() {
 webm::Status WebmParser::OnClusterBegin(const webm::ElementMetadata& element,
                                         const webm::Cluster& cluster, webm::Action* action) {
     *action = webm::Action::kRead;
+    if (m_state != State::MediaSegment)
+        fail(element, "(Cluster) has begun in front of the stream");
     if (!cluster.timecode.is_present())
         fail(element, "(Cluster) does not tell its time before its first block");
     m_clusterTime = cluster.timecode.value();
@@ -523,6 +547,8 @@ void WebmParser::give(Block& block, double duration) {
 }
 
 webm::Status WebmParser::OnClusterEnd(const webm::ElementMetadata&, const webm::Cluster&) {
+    if (m_state != State::MediaSegment)
+        return completed;
     for (auto& [id, progress] : m_progress) {
         if (progress.pending)
             release(progress, progress.duration > 0 ? progress.duration : guessedDuration);

@@ -23,7 +23,8 @@ namespace host {
 /// frame of a track whose frames do not tell their duration is held.
 class WebmParser final : public SegmentParser, webm::Callback, webm::Reader {
 public:
-    explicit WebmParser(Output& output) : m_output(output) { begin(); }
+    explicit WebmParser(Output& output);
+    ~WebmParser() override;
 
     std::string append(std::shared_ptr<const std::uint8_t> bytes, std::size_t size) override;
     void reset() override;
@@ -39,6 +40,7 @@ private:
         std::map<std::uint64_t, Track> tracks; ///< audio and video, by number
         double tick = 0;                       ///< of times; nanoseconds
     };
+    struct Draft;
     /// A block's frames, all at its time.
     struct Block {
         const Track* track = nullptr; ///< null: one that is skipped
@@ -101,13 +103,7 @@ private:
     std::string m_fault;
     std::optional<webm::ElementMetadata> m_element; ///< that began last
 
-    /// An initialization segment that is being read.
-    struct Draft {
-        bool hasInfo = false;
-        Movie movie;
-        InitSegment segment;
-    };
-    std::optional<Draft> m_draft;
+    std::unique_ptr<Draft> m_draft;       ///< an initialization segment that is being read
     std::shared_ptr<const Movie> m_movie; ///< in force; null: none yet
 
     std::uint64_t m_clusterTime = 0; ///< ticks

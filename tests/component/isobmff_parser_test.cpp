@@ -66,7 +66,7 @@ Bytes movie(const std::vector<Track>& tracks = {{}}, const Bytes& more = {}) {
                            box("mvex", trexs) + more);
 }
 
-struct Run {
+struct Trun {
     std::uint32_t flags = 1;
     std::uint32_t count = 3;
     Bytes fields = {}; ///< behind the place of the samples
@@ -77,7 +77,7 @@ struct Run {
 struct Traf {
     Bytes tfhd = word(0x20000) + word(video);
     Bytes more = box("tfdt", word(0) + word(0));
-    std::vector<Run> runs = {{}};
+    std::vector<Trun> runs = {{}};
     std::uint32_t vectors = ~0U; ///< where in the media data 'saio' says they are
 };
 
@@ -143,7 +143,7 @@ TEST(Fragment, TellsTimesAndPlaces) {
         return movie({{video, visualEntry("avc1", avcC), edits}});
     };
     const auto plain = std::vector<Traf>{{}};
-    const auto with = [](const Run& run) { return std::vector<Traf>{{tfhd, tfdt, {run}}}; };
+    const auto with = [](const Trun& run) { return std::vector<Traf>{{tfhd, tfdt, {run}}}; };
     const auto two =
         movie({{}, {audio, audioEntry("ac-3", box("dac3", {0x10, 0x11, 0x40})), {}, {}, "soun"}});
     const auto ofAudio = word(0x20000) + word(audio);

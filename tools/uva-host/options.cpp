@@ -163,7 +163,7 @@ tools::OptionGroup mediaSources(Options& options) {
               "video of one",
               &options.mse},
              {"--start", "T", "Begin at T", into(options.start, form::time), Use::Once, "--mse"},
-            {"--switch-at", "T=FILE", "Go on with another rendition from T on",
+             {"--switch-at", "T=FILE", "Go on with another rendition from T on",
               into(options.switches, form::rendition), Use::Repeated, "--mse"},
              {"--detach-at", "T=audio|video", "Detach a source at T and attach it again",
               into(options.detaches, form::detach), Use::Repeated, "--mse"},

@@ -144,7 +144,11 @@ def protect_fragment(moof, mdat, way, cipher, vectors, videos):
         for trun in every(traf[2], b"trun"):
             offset, sizes = sizes_of(trun)
             secrets = b""
-            for size in sizes:
+            for i, size in enumerate(sizes):
+                if way == "mixed" and i < len(sizes) // 2:
+                    secrets += struct.pack(">H", 0)  # a clear sample has no vector
+                    offset += size
+                    continue
                 sample = bytes(data[offset - front:offset - front + size])
                 vector, parts = struct.pack(">QQ", 1, next(vectors) << 32), parts_of(sample, is_video)
                 secrets += vector + struct.pack(">H", len(parts)) + b"".join(struct.pack(">HI", *part) for part in parts)
