@@ -55,12 +55,12 @@ const char* takeOpus(Draft& draft, const Bytes& extradata) {
     return draft.config->headers.empty() ? "the Opus header is damaged" : nullptr;
 }
 
-struct Row {
+struct CodecRow {
     AVCodecID id;
     MediaSourceCodec codec;
     TakeHeaders takeHeaders;
 };
-constexpr Row rows[] = {
+constexpr CodecRow codecRows[] = {
     {AV_CODEC_ID_H264, {UVAStreamConfig::CODEC_H264, "video/x-h264"}, takeDecoderConfiguration},
     {AV_CODEC_ID_HEVC, {UVAStreamConfig::CODEC_H265, "video/x-h265"}, takeDecoderConfiguration},
     {AV_CODEC_ID_VP8, {UVAStreamConfig::CODEC_VP8, "video/x-vp8"}, takeNone},
@@ -74,10 +74,10 @@ constexpr Row rows[] = {
     {AV_CODEC_ID_DTS, {UVAStreamConfig::CODEC_DTS, "audio/x-dts"}, takeNone},
 };
 
-const Row* findRow(AVCodecID id) {
-    const auto* row = std::find_if(std::begin(rows), std::end(rows),
-                                   [id](const Row& candidate) { return candidate.id == id; });
-    return row == std::end(rows) ? nullptr : row;
+const CodecRow* findCodec(AVCodecID id) {
+    const auto* row = std::find_if(std::begin(codecRows), std::end(codecRows),
+                                   [id](const CodecRow& candidate) { return candidate.id == id; });
+    return row == std::end(codecRows) ? nullptr : row;
 }
 
 unsigned int bitsPerChannel(const AVCodecParameters& parameters) {
@@ -127,7 +127,7 @@ void takeMastering(OwnedConfig& config, const AVStream& stream) {
 } // namespace
 
 const MediaSourceCodec* findMediaSourceCodec(AVCodecID codec) {
-    const auto* row = findRow(codec);
+    const auto* row = findCodec(codec);
     return row == nullptr ? nullptr : &row->codec;
 }
 
@@ -138,16 +138,16 @@ const char* mediaSourceType(AVCodecID codec) {
 
 const char* mediaSourceType(const UVAStreamConfig* config) {
     const auto* row =
-        std::find_if(std::begin(rows), std::end(rows), [config](const Row& candidate) {
+        std::find_if(std::begin(codecRows), std::end(codecRows), [config](const CodecRow& candidate) {
             return config != nullptr && candidate.codec.codec == config->codec;
         });
-    return row == std::end(rows) ? nullptr : row->codec.mimeType;
+    return row == std::end(codecRows) ? nullptr : row->codec.mimeType;
 }
 
 std::shared_ptr<const StreamFormat> makeStreamFormat(const AVStream& stream, Bytes extradata,
                                                      std::string& error) {
     const auto& parameters = *stream.codecpar;
-    const Row& row = *findRow(parameters.codec_id);
+    const CodecRow& row = *findCodec(parameters.codec_id);
     Draft draft{std::make_shared<OwnedConfig>(), {}};
     if (const char* fault = row.takeHeaders(draft, extradata)) {
         error = fault;

@@ -76,6 +76,7 @@ GstFlowReturn render(GstBaseSink* sink, GstBuffer* buffer) {
 
 } // namespace
 
+GType recorder_get_type();
 G_DEFINE_TYPE(Recorder, recorder, GST_TYPE_BASE_SINK)
 
 static void recorder_class_init(RecorderClass* klass) {
