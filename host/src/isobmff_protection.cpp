@@ -1,5 +1,7 @@
 #include "isobmff_protection.h"
 
+#include "sample_cipher.h"
+
 #include <string>
 #include <utility>
 
@@ -8,7 +10,6 @@ namespace host {
 namespace {
 
 constexpr std::size_t keyIdSize = 16;
-constexpr std::size_t blockSize = 16;
 
 /// What 'tenc' and 'seig' have in common.
 SampleEncryption readEncryption(BoxReader& box) {
@@ -28,11 +29,12 @@ SampleEncryption readEncryption(BoxReader& box) {
     if (encryption.ivSize == 0) {
         const std::size_t size = box.u8();
         const auto* iv = box.take(size);
-        if (size != blockSize / 2 && size != blockSize)
+        if (size != SampleCipher::blockSize / 2 && size != SampleCipher::blockSize)
             box.fail("has a constant vector of " + std::to_string(size) + " bytes, not 8 or 16");
         encryption.constantIv.assign(iv, iv + size);
-        encryption.constantIv.resize(blockSize);
-    } else if (encryption.ivSize != blockSize / 2 && encryption.ivSize != blockSize) {
+        encryption.constantIv.resize(SampleCipher::blockSize);
+    } else if (encryption.ivSize != SampleCipher::blockSize / 2 &&
+               encryption.ivSize != SampleCipher::blockSize) {
         box.fail("tells of vectors of " + std::to_string(encryption.ivSize) +
                  " bytes, not 8 or 16");
     }
@@ -219,7 +221,7 @@ Protection VectorCursor::read(const SampleEncryption& encryption) {
         throw StreamFault{"encrypted samples have no initialization vectors ('senc', 'saiz')"};
     if (ivSize == 0)
         protection.iv = encryption.constantIv;
-    protection.iv.resize(blockSize);
+    protection.iv.resize(SampleCipher::blockSize);
     protection.scheme = encryption.scheme;
     protection.keyId = encryption.keyId;
     protection.cryptByteBlock = encryption.cryptByteBlock;

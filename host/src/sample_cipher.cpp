@@ -10,7 +10,7 @@ namespace host {
 
 namespace {
 
-constexpr std::size_t blockSize = 16;
+constexpr std::size_t blockSize = SampleCipher::blockSize;
 using Block = std::array<std::uint8_t, blockSize>;
 
 struct FreeContext {

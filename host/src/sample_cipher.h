@@ -16,6 +16,9 @@ class SampleCipher {
 public:
     enum class Direction { Decrypt, Encrypt };
 
+    /// Of AES, in bytes.
+    static constexpr std::size_t blockSize = 16;
+
     /// Null when the protection names no cipher (a pattern that never encrypts is none), or when
     /// there is no memory. Of the protection, the scheme and the pattern count.
     static std::unique_ptr<SampleCipher> make(const Protection& protection, const KeyBytes& key,

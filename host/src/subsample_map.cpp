@@ -1,5 +1,7 @@
 #include "subsample_map.h"
 
+#include "sample_cipher.h"
+
 #include <algorithm>
 #include <iterator>
 
@@ -8,8 +10,6 @@ namespace host {
 namespace {
 
 using Map = std::vector<UVASample::Subsample>;
-
-constexpr std::size_t blockSize = 16;
 
 /// Room for the header of a NAL unit and of the slice in it.
 constexpr std::size_t sliceHeaderSize = 96;
@@ -80,7 +80,7 @@ std::vector<Range> unitsAfterStartCodes(const std::uint8_t* data, std::size_t si
 /// "cenc" video; they are the last ones. In "cbcs" the head is no longer than it must be.
 Range tail(const Range& unit, std::size_t head, Protection::Scheme scheme) {
     const std::size_t rest = unit.size > head ? unit.size - head : 0;
-    const std::size_t whole = rest - rest % blockSize;
+    const std::size_t whole = rest - rest % SampleCipher::blockSize;
     const std::size_t length = scheme == Protection::Scheme::Cenc || whole == 0 ? whole : rest;
     return {unit.offset + unit.size - length, length};
 }
@@ -138,7 +138,7 @@ std::vector<UVASample::Subsample> subsampleMap(const UVAStreamConfig& config,
     case UVAStreamConfig::CODEC_H265:
         return mapOfNalUnits(config, h265, payload, size, scheme);
     case UVAStreamConfig::CODEC_VP8:
-        return mapOfFrame(blockSize, size, scheme);
+        return mapOfFrame(SampleCipher::blockSize, size, scheme);
     case UVAStreamConfig::CODEC_AAC:
     case UVAStreamConfig::CODEC_AAC_MAIN:
     case UVAStreamConfig::CODEC_AAC_HE:

@@ -34,6 +34,14 @@ function loadNative() {
   return require(file);
 }
 
+const consoles = new Set(); // of the pages that are open
+
+/** A promise of a page that nobody handles is told on its console, as in a browser; one of ours is a fault. */
+process.on('unhandledRejection', reason => {
+  if (reason instanceof Error) throw reason;
+  for (const print of consoles) print('error', `unhandled rejection: ${asText(reason)}`);
+});
+
 let keySessions = 0; // of the process: the add-on's keys are everybody's
 
 /** Bytes that a source buffer holds, as browsers allow. */
@@ -41,6 +49,7 @@ const defaultQuota = { video: 150e6, audio: 12e6 };
 
 class Page {
   #native;
+  #console;
   #keySessions = [];
 
   /**
@@ -57,6 +66,8 @@ class Page {
     const page = new Page();
     const env = { native, quota, log, trace, now: () => performance.now(), newKeySession: () => page.#newKeySession() };
     page.#native = native;
+    page.#console = console;
+    consoles.add(console);
     const options = {
       runScripts: 'dangerously',
       resources: 'usable',
@@ -89,6 +100,7 @@ class Page {
   async close() {
     this.window.close();
     await this.media.releaseAll();
+    consoles.delete(this.#console);
     for (const session of this.#keySessions.splice(0)) this.#native.removeKeys(session);
   }
 

@@ -10,6 +10,9 @@ const { StaticServer } = require('./server');
 const report = 'add_completion_callback((tests, status) => window.reportToRunner(tests, status));';
 const webIdlParser = require.resolve('webidl2');
 
+/** What a script of the tests' own server does: media that are none, after a while. */
+const brokenVideo = '/html/semantics/embedded-content/media-elements/loading-the-media-resource/resources/delayed-broken-video.py';
+
 const outcomes = ['pass', 'fail', 'timeout', 'notrun'];
 
 async function run({ roots, page: name, verbose }) {
@@ -18,7 +21,9 @@ async function run({ roots, page: name, verbose }) {
     pages: {
       '/resources/testharnessreport.js': report,
       '/resources/WebIDLParser.js': fs.readFileSync(webIdlParser, 'utf8'),
+      [brokenVideo]: 'FAIL',
     },
+    plan: ({ path }) => (path === brokenVideo ? { delay: 0.1 } : null),
   });
   const base = await server.listen();
   const print = verbose ? text => process.stderr.write(`${text}\n`) : () => {};

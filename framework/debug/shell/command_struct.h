@@ -32,6 +32,9 @@ struct CommandStruct {
     char errorText[200];
 };
 
+/// What stands between the words of a line.
+constexpr const char* wordSeparators = "\n\r \t,";
+
 /// What a handler answers to a parameter that is missing or wrong.
 constexpr int32_t badCommandParam = -1703;
 

@@ -8,7 +8,6 @@
 
 namespace {
 
-constexpr const char* group = "mshell";
 /// How soon a sleeping thread that shall end does so.
 constexpr std::chrono::milliseconds sleepStep(50);
 
@@ -70,7 +69,7 @@ int MshellCmdEcho(CommandStruct* command) {
     return 0;
 }
 
-constexpr MshellCmd commands[] = {
+constexpr MshellCmd ownCommands[] = {
     {1, "m_help", "m_help [mshell_cmd] | groups", MshellCmdHelp},
     {1, "m_sleep", "m_sleep <nr of seconds>", MshellCmdSleep},
     {1, "m_dumplastcmd", "m_dumplastcmd", MshellCmdDumpLastCmd, false},
@@ -81,7 +80,7 @@ constexpr MshellCmd commands[] = {
 } // namespace
 
 void CMshell::AddMshellInternalMshellCmds() {
-    if (MshellEntryExists(commands[0].name))
+    if (MshellEntryExists(ownCommands[0].name))
         return;
-    AddMshellCmds(group, commands);
+    AddMshellCmds("mshell", ownCommands);
 }

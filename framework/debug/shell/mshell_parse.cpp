@@ -13,7 +13,6 @@ static_assert(badCommandParam == CMshell::badParam);
 
 namespace {
 
-constexpr const char* separators = "\n\r \t,";
 constexpr size_t maxTokenSize = 512;
 constexpr char del = 0x7f;
 
@@ -45,8 +44,8 @@ int32_t CMshell::GetCommand(CommandStruct* command, const char* line) {
 
     const std::string& text = command->lastCmdInputString;
     bool isName = true;
-    for (size_t start = text.find_first_not_of(separators); start != std::string::npos;) {
-        const size_t end = std::min(text.find_first_of(separators, start), text.size());
+    for (size_t start = text.find_first_not_of(wordSeparators); start != std::string::npos;) {
+        const size_t end = std::min(text.find_first_of(wordSeparators, start), text.size());
         const std::string token = text.substr(start, end - start);
         if (token.size() >= maxTokenSize) {
             FormattedStringToStdout("Too long item %s\n", token.c_str());
@@ -57,7 +56,7 @@ int32_t CMshell::GetCommand(CommandStruct* command, const char* line) {
         else if (SetCommandParam(command, token.c_str()) != 0)
             return fail(*command, "SetCommandParam error");
         isName = false;
-        start = text.find_first_not_of(separators, end);
+        start = text.find_first_not_of(wordSeparators, end);
     }
     return 0;
 }

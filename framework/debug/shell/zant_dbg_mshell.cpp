@@ -13,19 +13,17 @@
 
 namespace {
 
-constexpr const char* group = "dbg";
 constexpr const char* preinitFile = "/etc/preinit";
 constexpr const char* zantautoFile = "/etc/zantauto";
-constexpr const char* separators = "\n\r \t,";
 constexpr int systemFailed = -1;
 
 /// What was typed after that many words, separators inside it kept.
 std::string textAfterWords(const CommandStruct& command, int words) {
     const std::string& line = command.lastCmdInputString;
-    size_t at = line.find_first_not_of(separators);
+    size_t at = line.find_first_not_of(wordSeparators);
     for (int word = 0; word < words && at != std::string::npos; ++word) {
-        at = line.find_first_of(separators, at);
-        at = line.find_first_not_of(separators, at);
+        at = line.find_first_of(wordSeparators, at);
+        at = line.find_first_not_of(wordSeparators, at);
     }
     return at == std::string::npos ? "" : line.substr(at);
 }
@@ -123,7 +121,7 @@ int MshellCmdLs(CommandStruct* command) {
     return result;
 }
 
-constexpr MshellCmd commands[] = {
+constexpr MshellCmd dbgCommands[] = {
     {1, "m_dbgcmd", "m_dbgcmd <command id>\t\t\tExecutes a dbg command given by id",
      MshellCmdDbgCmd},
     {0, "m_appendlinetoetcpreinit",
@@ -153,5 +151,5 @@ int MshellCmdDeleteEtcZantauto(CommandStruct* command) {
 }
 
 void AddZantDbgMshellCmds() {
-    mshell.AddMshellCmds(group, commands);
+    mshell.AddMshellCmds("dbg", dbgCommands);
 }

@@ -8,7 +8,6 @@
 
 namespace {
 
-constexpr const char* group = "trace";
 constexpr int32_t badLevelForAll = -1602;
 constexpr int32_t badLevel = -1603;
 
@@ -167,7 +166,7 @@ int MshellCmdStopTracingToScreen(CommandStruct* command) {
     return zantTrace.StopTracingToScreen();
 }
 
-constexpr MshellCmd commands[] = {
+constexpr MshellCmd traceCommands[] = {
     {2, "m_traceon", "m_traceon <trace_unit> <trace_level>\tSet trace level for a unit",
      MshellCmdSetTraceOn},
     {1, "m_traceoff", "m_traceoff <trace_unit>\t\t\tSwitch off traces for a unit",
@@ -205,5 +204,5 @@ constexpr MshellCmd commands[] = {
 } // namespace
 
 void AddZantTraceMshellCmds() {
-    mshell.AddMshellCmds(group, commands);
+    mshell.AddMshellCmds("trace", traceCommands);
 }

@@ -31,7 +31,7 @@ int MshellDumpQueue(CommandStruct* command) {
     return badCommandParam;
 }
 
-constexpr MshellCmd commands[] = {
+constexpr MshellCmd queueCommands[] = {
     {1, "m_queuelist", "m_queuelist [queuehandle]\t\tLists all active message queues in the system",
      MshellQueueList},
     {1, "m_dumpqueue",
@@ -46,5 +46,5 @@ void InitZantMsgQueueMshell() {
 }
 
 void AddZantMsgQueueMshellCmds() {
-    mshell.AddMshellCmds("queue", commands);
+    mshell.AddMshellCmds("queue", queueCommands);
 }

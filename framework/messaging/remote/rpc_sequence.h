@@ -30,6 +30,11 @@ String queueNameOf(const String& function) {
     return !function.empty() && function.front() == '/' ? function : '/' + function;
 }
 
+/// A shared address as logs print it; not to be followed.
+inline void* asPointer(uint32_t address) {
+    return reinterpret_cast<void*>(static_cast<uintptr_t>(address));
+}
+
 } // namespace rpc_sequence
 
 #endif

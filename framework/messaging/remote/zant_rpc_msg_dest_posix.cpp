@@ -13,10 +13,6 @@ namespace {
 constexpr int nrOfMsgs = 50;
 constexpr int ownerAndGroup = 0660;
 
-void* asPointer(uint32_t address) {
-    return reinterpret_cast<void*>(static_cast<uintptr_t>(address));
-}
-
 /// Frees the shared copy of a payload at the end of a scope.
 class SharedBlock {
 public:
@@ -76,7 +72,8 @@ void CZantRpcMsgDestPosix::ProcessZantMsg(CZantMsg* msg) {
     ZANT_TRACE(TRACEUNIT_RPC_DESTINATION, TRACELEVEL_INFO,
                "%sCZantRpcMsgDestPosix::ProcessZantMsg called for IPC msg -- Signal Id = %ld "
                "Signal Ptr (phys) = %p Sequence-Ctr = %d %s\n",
-               CS_CYAN, static_cast<long>(msg->signalId), asPointer(msg->sharedAddress),
+               CS_CYAN, static_cast<long>(msg->signalId),
+               rpc_sequence::asPointer(msg->sharedAddress),
                static_cast<int>(rpc_sequence::read(msg->rpcControl)), CS_NORMAL);
     if (!fetchPayload(*msg))
         return;
@@ -95,7 +92,7 @@ bool CZantRpcMsgDestPosix::fetchPayload(CZantMsg& msg) const {
     }
     ZANT_TRACE(TRACEUNIT_RPC_DESTINATION, TRACELEVEL_INFO,
                "CZantRpcMsgDestPosix:: Signal pointers -- received=%p, virtual=%p\n",
-               asPointer(msg.sharedAddress), shared.get());
+               rpc_sequence::asPointer(msg.sharedAddress), shared.get());
     const auto size = static_cast<size_t>(msg.signalSize);
     void* const local = shared.holds(msg.signalSize) ? ::operator new(size, std::nothrow) : nullptr;
     if (!local) {

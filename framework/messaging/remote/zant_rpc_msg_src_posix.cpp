@@ -17,14 +17,6 @@
 
 std::atomic<uint32_t> CZantRpcMsgSrcPosix::totalNrOfRpcCalls{0};
 
-namespace {
-
-void* asPointer(uint32_t address) {
-    return reinterpret_cast<void*>(static_cast<uintptr_t>(address));
-}
-
-} // namespace
-
 CZantRpcMsgSrcPosix::~CZantRpcMsgSrcPosix() {
     const CancellationBlock block;
     CThreadObjectWithQueue::StopThreadAndWait();
@@ -76,8 +68,9 @@ int32_t CZantRpcMsgSrcPosix::SendMsgViaRpcPosixQueue(CZantMsg* msg) {
     ZANT_TRACE(TRACEUNIT_RPC_SOURCE, TRACELEVEL_INFO,
                "%s CZantRpcMsgSrcPosix:: Sending IPC msg -- Signal Id = %ld Signal Ptr (phys) = %p "
                "Sequence-Ctr = %d Variable = %d %s\n",
-               CS_CYAN, static_cast<long>(msg->signalId), asPointer(msg->sharedAddress),
-               static_cast<int>(sequenceCtr), msg->param1, CS_NORMAL);
+               CS_CYAN, static_cast<long>(msg->signalId),
+               rpc_sequence::asPointer(msg->sharedAddress), static_cast<int>(sequenceCtr),
+               msg->param1, CS_NORMAL);
     IncSequenceCtr();
     ZANT_TRACE(TRACEUNIT_RPC_SOURCE, TRACELEVEL_INFO,
                "%s CZantRpcMsgSrcPosix:: Next Sequence-Ctr = %d %s\n", CS_CYAN,
@@ -117,7 +110,7 @@ bool CZantRpcMsgSrcPosix::sharePayload(CZantMsg& msg, void*& block) {
     }
     ZANT_TRACE_STREAM(TRACEUNIT_RPC_SOURCE, TRACELEVEL_INFO,
                       "CZantRpcMsgSrcPosix: Trid_Util_CPUComm_Malloc o.k. - Addr = "
-                          << asPointer(msg.sharedAddress) << '\n');
+                          << rpc_sequence::asPointer(msg.sharedAddress) << '\n');
     return true;
 }
 

@@ -26,7 +26,7 @@ int MshellThreadList(CommandStruct* command) {
     return 0;
 }
 
-constexpr MshellCmd commands[] = {
+constexpr MshellCmd threadCommands[] = {
     {1, "m_threadlist",
      "m_threadlist [thread addr | thread id]\t\tLists all (or a specific) active zant threads in "
      "the system",
@@ -40,5 +40,5 @@ void InitThreadObjectMshell() {
 }
 
 void AddThreadObjectMshellCmds() {
-    mshell.AddMshellCmds("thread", commands);
+    mshell.AddMshellCmds("thread", threadCommands);
 }

@@ -71,14 +71,16 @@ static std::atomic<unsigned>& outputDdpOf(GObject* object) {
     return static_cast<HalAudioSink*>(reinterpret_cast<GstHalSink*>(object)->impl)->outputDdp;
 }
 
-static void setProperty(GObject* object, guint id, const GValue* value, GParamSpec* spec) {
+static void gst_hal_audio_sink_set_property(GObject* object, guint id, const GValue* value,
+                                            GParamSpec* spec) {
     if (id == propOutputDdp)
         outputDdpOf(object) = g_value_get_uint(value);
     else
         G_OBJECT_WARN_INVALID_PROPERTY_ID(object, id, spec);
 }
 
-static void getProperty(GObject* object, guint id, GValue* value, GParamSpec* spec) {
+static void gst_hal_audio_sink_get_property(GObject* object, guint id, GValue* value,
+                                            GParamSpec* spec) {
     if (id == propOutputDdp)
         g_value_set_uint(value, outputDdpOf(object));
     else
@@ -87,8 +89,8 @@ static void getProperty(GObject* object, guint id, GValue* value, GParamSpec* sp
 
 static void gst_hal_audio_sink_class_init(GstHalAudioSinkClass* klass) {
     auto* object = G_OBJECT_CLASS(klass);
-    object->set_property = setProperty;
-    object->get_property = getProperty;
+    object->set_property = gst_hal_audio_sink_set_property;
+    object->get_property = gst_hal_audio_sink_get_property;
     g_object_class_install_property(
         object, propOutputDdp,
         g_param_spec_uint("output-ddp", "Output DD+",

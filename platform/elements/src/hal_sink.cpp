@@ -434,14 +434,15 @@ static void handleMessage(GstBin* bin, GstMessage* message) {
 
 enum { propTimeOffset = 1 };
 
-static void setProperty(GObject* object, guint id, const GValue* value, GParamSpec* spec) {
+static void gst_hal_sink_set_property(GObject* object, guint id, const GValue* value,
+                                      GParamSpec* spec) {
     if (id == propTimeOffset)
         reinterpret_cast<GstHalSink*>(object)->impl->setTimeOffset(g_value_get_int64(value));
     else
         G_OBJECT_WARN_INVALID_PROPERTY_ID(object, id, spec);
 }
 
-static void getProperty(GObject* object, guint id, GValue* value, GParamSpec* spec) {
+static void gst_hal_sink_get_property(GObject* object, guint id, GValue* value, GParamSpec* spec) {
     if (id == propTimeOffset)
         g_value_set_int64(value, reinterpret_cast<GstHalSink*>(object)->impl->timeOffset());
     else
@@ -458,8 +459,8 @@ static void gst_hal_sink_init(GstHalSink*) {}
 static void gst_hal_sink_class_init(GstHalSinkClass* klass) {
     auto* object = G_OBJECT_CLASS(klass);
     object->finalize = finalize;
-    object->set_property = setProperty;
-    object->get_property = getProperty;
+    object->set_property = gst_hal_sink_set_property;
+    object->get_property = gst_hal_sink_get_property;
     // What a player shifts sound against picture with.
     g_object_class_install_property(
         object, propTimeOffset,

@@ -5,9 +5,14 @@
 const assert = require('node:assert');
 const { spawnSync } = require('node:child_process');
 const fs = require('node:fs');
+const os = require('node:os');
 const path = require('node:path');
 const { test } = require('node:test');
 const { Worker, isMainThread, workerData } = require('node:worker_threads');
+
+/** Where the simulated loudspeaker writes what it plays, a line a buffer; its second word is the length. */
+const soundLog = path.join(os.tmpdir(), 'sound-of-add-on.log');
+process.env.SOUND_LOG = soundLog;
 
 const native = require(process.env.UVA_NATIVE);
 
@@ -183,6 +188,8 @@ if (!isMainThread) {
     const { position } = await watched.event('ended');
     assert.ok(Math.abs(position - 4) < 0.1, `it ended at ${position}`);
     assert.ok(player.counters().shown >= 98, `pictures: ${JSON.stringify(player.counters())}`);
+    const sound = soundSeconds();
+    assert.ok(Math.abs(sound - 4) < 0.1, `${sound} s of sound`);
 
     player.pause();
     const from = watched.events.length;
@@ -236,6 +243,11 @@ if (!isMainThread) {
       assert.deepStrictEqual([status, signal], [ending === 'throw 1' ? 1 : 0, null], ending);
     }
   });
+}
+
+function soundSeconds() {
+  const lines = fs.readFileSync(soundLog, 'utf8').trim().split('\n');
+  return lines.reduce((sum, line) => sum + Number(line.split(' ')[1]), 0);
 }
 
 /** The number that stands across the top of a picture, in 12 blocks, the lowest bit first. */

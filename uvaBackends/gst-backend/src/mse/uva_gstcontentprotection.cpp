@@ -17,8 +17,6 @@ constexpr std::string_view encryptedSuffix = "-uva-cenc";
 
 } // namespace
 
-#define GST_CAT_DEFAULT contentProtectionDebug
-
 bool InitializeLogging() {
     if (contentProtectionDebug == nullptr)
         GST_DEBUG_CATEGORY_INIT(contentProtectionDebug, "gstuvacontentprotectionhandler", 0,
@@ -57,17 +55,20 @@ static GArray* copyOf(const GArray* subsamples) {
 static gboolean cp_meta_transform(GstBuffer* destination, GstMeta* meta, GstBuffer* /*source*/,
                                   GQuark type, gpointer data) {
     if (!GST_META_TRANSFORM_IS_COPY(type)) {
-        GST_WARNING("Unsupported GstUvaContentProtectionMeta transform: %s",
-                    g_quark_to_string(type));
+        GST_CAT_WARNING(contentProtectionDebug,
+                        "Unsupported GstUvaContentProtectionMeta transform: %s",
+                        g_quark_to_string(type));
         return FALSE;
     }
     if (static_cast<GstMetaTransformCopy*>(data)->region) {
-        GST_WARNING("Partial GstUvaContentProtectionMeta copies are not supported!");
+        GST_CAT_WARNING(contentProtectionDebug,
+                        "Partial GstUvaContentProtectionMeta copies are not supported!");
         return FALSE;
     }
     // A parser merges samples, each with a meta of its own: no meta describes the whole.
     if (gst_buffer_get_content_protection_meta(destination) != nullptr) {
-        GST_DEBUG("Merged buffers: the first GstUvaContentProtectionMeta stays");
+        GST_CAT_DEBUG(contentProtectionDebug,
+                      "Merged buffers: the first GstUvaContentProtectionMeta stays");
         return TRUE;
     }
     const auto* from = reinterpret_cast<GstUvaContentProtectionMeta*>(meta);
@@ -166,7 +167,8 @@ void gst_uva_decrypter_context_free(GstUvaDecrypterContext* context) {
 static void releaseDecrypter(GstUvaDecrypterContext* context) {
     if (context->decrypter == nullptr)
         return;
-    GST_DEBUG("Releasing decrypter: %p", static_cast<void*>(context->decrypter));
+    GST_CAT_DEBUG(contentProtectionDebug, "Releasing decrypter: %p",
+                  static_cast<void*>(context->decrypter));
     g_assert(context->drm_backend);
     askHost("releaseDecrypter", false, [context] {
         context->drm_backend->releaseDecrypter(context->decrypter);
@@ -216,7 +218,8 @@ gboolean gst_uva_decrypter_context_update(GstUvaDecrypterContext* context,
     };
     if (backend == nullptr || keyId == nullptr || askHost("createDecrypter", 0, create) != 1 ||
         context->decrypter == nullptr) {
-        GST_WARNING("no decrypter for key id %s", hexText(keyId, size).c_str());
+        GST_CAT_WARNING(contentProtectionDebug, "no decrypter for key id %s",
+                        hexText(keyId, size).c_str());
         context->decrypter = nullptr;
         return FALSE;
     }
@@ -228,7 +231,7 @@ gboolean gst_uva_decrypter_context_update(GstUvaDecrypterContext* context,
 }
 
 static gboolean failed() {
-    GST_ERROR("Failed to decrypt content!");
+    GST_CAT_ERROR(contentProtectionDebug, "Failed to decrypt content!");
     return FALSE;
 }
 
@@ -242,7 +245,7 @@ gboolean gst_uva_decrypter_context_decrypt(GstUvaDecrypterContext* context, cons
                                            gsize ivSize, const guint8* in, gsize inSize,
                                            guint8* out, gsize outSize, guint flags) {
     if (context == nullptr || context->decrypter == nullptr) {
-        GST_ERROR("Invalid decrypter context!");
+        GST_CAT_ERROR(contentProtectionDebug, "Invalid decrypter context!");
         return FALSE;
     }
     UVADRMDecrypter::Input input;
@@ -262,7 +265,8 @@ gboolean gst_uva_decrypter_context_decrypt(GstUvaDecrypterContext* context, cons
 gboolean gst_uva_decrypter_context_get_key_slot(GstUvaDecrypterContext* context, guint32* slot) {
     g_return_val_if_fail(context != nullptr && slot != nullptr, FALSE);
     if (context->key_slot_getter == nullptr || context->decrypter == nullptr) {
-        GST_ERROR("Failed to obtain %s interface.", UVADRMKeySlotGetter::interfaceName);
+        GST_CAT_ERROR(contentProtectionDebug, "Failed to obtain %s interface.",
+                      UVADRMKeySlotGetter::interfaceName);
         return FALSE;
     }
     std::uint32_t found = 0;
@@ -270,7 +274,7 @@ gboolean gst_uva_decrypter_context_get_key_slot(GstUvaDecrypterContext* context,
         return context->key_slot_getter->getKeySlot(context->decrypter, found);
     };
     if (askHost("getKeySlot", 0, get) != 1) {
-        GST_ERROR("Failed to obtain key slot value");
+        GST_CAT_ERROR(contentProtectionDebug, "Failed to obtain key slot value");
         return FALSE;
     }
     *slot = found;
@@ -303,7 +307,7 @@ static gboolean gst_uva_decrypter_context_decrypt_entire_sample(
     GstUvaDecrypterContext* context, guint8* data, gsize size, const GstUvaSubsample* ranges,
     guint count, const GstUvaContentProtectionMeta& meta) {
     if (context->decrypter == nullptr) {
-        GST_ERROR("Invalid decrypter context!");
+        GST_CAT_ERROR(contentProtectionDebug, "Invalid decrypter context!");
         return FALSE;
     }
     UVADRMFullSampleDecrypter::Sample sample;

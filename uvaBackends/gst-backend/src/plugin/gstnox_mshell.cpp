@@ -1,14 +1,12 @@
 #include "plugin/gstnox_mshell.h"
 
+#include "backend/gstnox_backend.h"
+#include "base/gstnox_debug.h"
 #include "debug/shell/command_struct.h"
 #include "debug/shell/mshell.h"
 #include "debug/trace/zant_trace.h"
-#include "backend/gstnox_backend.h"
-#include "base/gstnox_debug.h"
 
 #include <string>
-
-#define GST_CAT_DEFAULT gst_mshell_debug
 
 namespace {
 
@@ -37,7 +35,8 @@ int m_gst_debug_set_threshold(CommandStruct* command) {
         levels += levels.empty() ? "" : ",";
         levels += command->params[i].string;
     }
-    GST_CAT_LEVEL_LOG(GST_CAT_DEFAULT, GST_LEVEL_NONE, nullptr, "'GST_DEBUG=%s'\n", levels.c_str());
+    GST_CAT_LEVEL_LOG(gst_mshell_debug, GST_LEVEL_NONE, nullptr, "'GST_DEBUG=%s'\n",
+                      levels.c_str());
     gst_debug_set_threshold_from_string(levels.c_str(), TRUE);
     g_setenv("GST_DEBUG", levels.c_str(), TRUE);
     return 0;
@@ -47,7 +46,7 @@ int m_gst_debug_set_color_mode(CommandStruct* command) {
     if (command->paramCount != 1 || command->params[0].type != CommandParam::text)
         return wrongParameter;
     const char* mode = command->params[0].string.c_str();
-    GST_CAT_LEVEL_LOG(GST_CAT_DEFAULT, GST_LEVEL_NONE, nullptr, "'GST_COLOR_MODE=%s'\n", mode);
+    GST_CAT_LEVEL_LOG(gst_mshell_debug, GST_LEVEL_NONE, nullptr, "'GST_COLOR_MODE=%s'\n", mode);
     gst_debug_set_color_mode_from_string(mode);
     return 0;
 }
