@@ -291,6 +291,8 @@ TEST(Webm, FaultsNameTheElementAndItsPlace) {
          "(a block) comes behind one of the same track with a later time"},
         {start + idOf(Cluster) + Bytes{0x84} + element(Timecode, Bytes(4)),
          at(start) + "holds more than its size says"},
+        {start + idOf(Cluster) + Bytes{0x84} + Bytes{Timecode, 0x83, 0, 0, 0},
+         at(start) + "holds more than its size says"},
         {start + idOf(Cluster) + Bytes{0x84} + Bytes{Timecode, 0x81, 0, SimpleBlock} + Bytes(9),
          at(start) + "holds more than its size says"},
         {head + idOf(Info) + number(0x0100100000000000, 8), "is too large: 17592186044416 bytes"},
