@@ -4,6 +4,7 @@
 #include "codec_conversion.h"
 #include "packet_protection.h"
 #include "stream_format.h"
+#include "webm_block.h"
 
 extern "C" {
 #include <libavcodec/avcodec.h>
@@ -13,8 +14,7 @@ extern "C" {
 #include <array>
 #include <cmath>
 #include <cstdio>
-#include <cstring>
-#include <new>
+#include <limits>
 #include <utility>
 
 namespace host {
@@ -27,49 +27,72 @@ constexpr double nanoseconds = 1e9;                          ///< of a second
 /// Of a track whose only frame in a cluster does not tell it.
 constexpr double guessedDuration = 0.025;
 
-const webm::Status completed(webm::Status::kOkCompleted);
-const webm::Status wouldBlock(webm::Status::kWouldBlock);
+enum Id : std::uint32_t {
+    Ebml = 0x1A45DFA3,
+    DocType = 0x4282,
+    Segment = 0x18538067,
+    SeekHead = 0x114D9B74,
+    Info = 0x1549A966,
+    TimecodeScale = 0x2AD7B1,
+    Duration = 0x4489,
+    Tracks = 0x1654AE6B,
+    TrackEntry = 0xAE,
+    TrackNumber = 0xD7,
+    TrackType = 0x83,
+    DefaultDuration = 0x23E383,
+    CodecId = 0x86,
+    CodecPrivate = 0x63A2,
+    Name = 0x536E,
+    Language = 0x22B59C,
+    Video = 0xE0,
+    PixelWidth = 0xB0,
+    PixelHeight = 0xBA,
+    Colour = 0x55B0,
+    MatrixCoefficients = 0x55B1,
+    BitsPerChannel = 0x55B2,
+    Range = 0x55B9,
+    TransferCharacteristics = 0x55BA,
+    Primaries = 0x55BB,
+    MasteringMetadata = 0x55D0,
+    PrimaryRX = 0x55D1,
+    PrimaryRY = 0x55D2,
+    PrimaryGX = 0x55D3,
+    PrimaryGY = 0x55D4,
+    PrimaryBX = 0x55D5,
+    PrimaryBY = 0x55D6,
+    WhitePointX = 0x55D7,
+    WhitePointY = 0x55D8,
+    LuminanceMax = 0x55D9,
+    LuminanceMin = 0x55DA,
+    Audio = 0xE1,
+    SamplingFrequency = 0xB5,
+    Channels = 0x9F,
+    ContentEncodings = 0x6D80,
+    ContentEncoding = 0x6240,
+    ContentEncodingType = 0x5033,
+    ContentEncryption = 0x5035,
+    ContentEncAlgo = 0x47E1,
+    ContentEncKeyId = 0x47E2,
+    ContentEncAesSettings = 0x47E7,
+    AesSettingsCipherMode = 0x47E8,
+    Cluster = 0x1F43B675,
+    Timecode = 0xE7,
+    SimpleBlock = 0xA3,
+    BlockGroup = 0xA0,
+    BlockOfGroup = 0xA1,
+    BlockDuration = 0x9B,
+    ReferenceBlock = 0xFB,
+    Cues = 0x1C53BB6B,
+    Chapters = 0x1043A770,
+    Tags = 0x1254C367,
+    Attachments = 0x1941A469,
+};
 
-std::string textOf(const webm::ElementMetadata& element) {
-    std::array<char, 64> text = {};
-    std::snprintf(text.data(), text.size(), "the element 0x%X at byte %llu",
-                  static_cast<unsigned int>(element.id),
-                  static_cast<unsigned long long>(element.position));
-    return text.data();
-}
-
-[[noreturn]] void fail(const webm::ElementMetadata& element, const std::string& what) {
-    throw StreamFault{textOf(element) + " " + what};
-}
-
-const char* meaningOf(webm::Status status) {
-    switch (status.code) {
-    case webm::Status::kInvalidElementId:
-        return "is followed by bytes that begin no element";
-    case webm::Status::kInvalidElementSize:
-        return "or one behind it has an impossible size";
-    case webm::Status::kIndefiniteUnknownElement:
-        return "or one behind it is unknown and does not tell its size";
-    case webm::Status::kElementOverflow:
-        return "holds more than its size says";
-    case webm::Status::kNotEnoughMemory:
-        return "is too large";
-    case webm::Status::kInvalidElementValue:
-        return "or one in it has an impossible value";
-    default:
-        return "cannot be read";
-    }
-}
-
-/// Elements that are not held as a whole.
-bool isOpen(webm::Id id) {
-    return id == webm::Id::kSegment || id == webm::Id::kCluster || id == webm::Id::kVoid ||
-           id == webm::Id::kCues || id == webm::Id::kTags || id == webm::Id::kChapters;
-}
-
-bool isPassedOver(webm::Id id) {
-    return id == webm::Id::kSeekHead || id == webm::Id::kCues || id == webm::Id::kTags ||
-           id == webm::Id::kChapters;
+/// What ends a cluster of unknown size.
+bool isOutsideCluster(std::uint32_t id) {
+    static constexpr Id ids[] = {Ebml,    Segment, SeekHead, Info, Tracks,
+                                 Cluster, Cues,    Chapters, Tags, Attachments};
+    return std::find(std::begin(ids), std::end(ids), id) != std::end(ids);
 }
 
 using Kind = StreamInfo::Kind;
@@ -113,29 +136,38 @@ std::string vp9Name(const Bytes& features) {
     return text.data();
 }
 
-void readColour(const webm::Colour& from, OwnedConfig& config) {
+void readColour(const EbmlReader& colour, OwnedConfig& config) {
+    constexpr std::uint64_t unspecified = 2;
+    std::uint64_t matrix = unspecified, transfer = unspecified, primaries = unspecified;
+    std::uint64_t range = 0, bits = 0;
+    std::optional<EbmlReader> told;
+    colour.read({{MatrixCoefficients, &matrix},
+                 {BitsPerChannel, &bits},
+                 {Range, &range},
+                 {TransferCharacteristics, &transfer},
+                 {Primaries, &primaries},
+                 {MasteringMetadata, &told}});
     auto& to = config.colorInfo;
-    to.matrix = static_cast<unsigned int>(from.matrix_coefficients.value());
-    to.range = static_cast<unsigned int>(from.range.value());
-    to.transfer = static_cast<unsigned int>(from.transfer_characteristics.value());
-    to.primaries = static_cast<unsigned int>(from.primaries.value());
-    if (from.bits_per_channel.value() > 0)
-        to.bitsPerChannel = static_cast<unsigned int>(from.bits_per_channel.value());
+    to.matrix = static_cast<unsigned int>(matrix);
+    to.range = static_cast<unsigned int>(range);
+    to.transfer = static_cast<unsigned int>(transfer);
+    to.primaries = static_cast<unsigned int>(primaries);
+    if (bits > 0)
+        to.bitsPerChannel = static_cast<unsigned int>(bits);
     config.color = &to;
-    if (!from.mastering_metadata.is_present())
+    if (!told)
         return;
-    const auto& told = from.mastering_metadata.value();
     auto& mastering = config.masteringMetadata;
-    mastering.primaryRX = told.primary_r_chromaticity_x.value();
-    mastering.primaryRY = told.primary_r_chromaticity_y.value();
-    mastering.primaryGX = told.primary_g_chromaticity_x.value();
-    mastering.primaryGY = told.primary_g_chromaticity_y.value();
-    mastering.primaryBX = told.primary_b_chromaticity_x.value();
-    mastering.primaryBY = told.primary_b_chromaticity_y.value();
-    mastering.whitePointX = told.white_point_chromaticity_x.value();
-    mastering.whitePointY = told.white_point_chromaticity_y.value();
-    mastering.luminanceMax = told.luminance_max.value();
-    mastering.luminanceMin = told.luminance_min.value();
+    told->read({{PrimaryRX, &mastering.primaryRX},
+                {PrimaryRY, &mastering.primaryRY},
+                {PrimaryGX, &mastering.primaryGX},
+                {PrimaryGY, &mastering.primaryGY},
+                {PrimaryBX, &mastering.primaryBX},
+                {PrimaryBY, &mastering.primaryBY},
+                {WhitePointX, &mastering.whitePointX},
+                {WhitePointY, &mastering.whitePointY},
+                {LuminanceMax, &mastering.luminanceMax},
+                {LuminanceMin, &mastering.luminanceMin}});
     config.mastering = &mastering;
 }
 
@@ -143,51 +175,96 @@ int boundedInt(double value) {
     return value >= 0 && value <= std::numeric_limits<int>::max() ? static_cast<int>(value) : 0;
 }
 
-std::shared_ptr<const UVAStreamConfig> readConfig(const webm::ElementMetadata& element,
-                                                  const webm::TrackEntry& entry, const Row& row) {
+void readVideo(const EbmlReader& video, OwnedConfig& config) {
+    std::uint64_t width = 0, height = 0;
+    std::optional<EbmlReader> colour;
+    video.read({{PixelWidth, &width}, {PixelHeight, &height}, {Colour, &colour}});
+    config.width = boundedInt(static_cast<double>(width));
+    config.height = boundedInt(static_cast<double>(height));
+    if (colour)
+        readColour(*colour, config);
+}
+
+/// As an entry has it; what it does not tell is as Matroska says.
+struct Entry {
+    std::uint64_t number = 0, type = 0, defaultDuration = 0;
+    std::string codec, name, language = "eng";
+    Bytes codecPrivate;
+    std::optional<EbmlReader> video, audio, encodings;
+};
+
+Entry readEntry(const EbmlReader& from) {
+    Entry entry;
+    from.read({{TrackNumber, &entry.number},
+               {TrackType, &entry.type},
+               {DefaultDuration, &entry.defaultDuration},
+               {CodecId, &entry.codec},
+               {CodecPrivate, &entry.codecPrivate},
+               {Name, &entry.name},
+               {Language, &entry.language},
+               {Video, &entry.video},
+               {Audio, &entry.audio},
+               {ContentEncodings, &entry.encodings}});
+    return entry;
+}
+
+std::shared_ptr<const UVAStreamConfig> readConfig(const EbmlReader& from, const Entry& entry,
+                                                  const Row& row) {
     constexpr std::size_t opusChannels = 9;
     constexpr int opusRate = 48000;
     const auto config = std::make_shared<OwnedConfig>();
     config->codec = findMediaSourceCodec(row.codec)->codec;
-    const auto& told = entry.codec_private.value();
     if (row.headers != nullptr) {
-        config->headers = row.headers(told.data(), told.size());
+        config->headers = row.headers(entry.codecPrivate.data(), entry.codecPrivate.size());
         if (config->headers.empty())
-            fail(element, std::string("has damaged headers of the codec ") + row.name);
+            from.fail(std::string("has damaged headers of the codec ") + row.name);
         config->codecData = config->headers.data();
         config->codecDataSize = config->headers.size();
     }
     if (row.kind == Kind::Video) {
-        const auto& video = entry.video.value();
-        config->width = boundedInt(static_cast<double>(video.pixel_width.value()));
-        config->height = boundedInt(static_cast<double>(video.pixel_height.value()));
-        if (video.colour.is_present())
-            readColour(video.colour.value(), *config);
+        if (entry.video)
+            readVideo(*entry.video, *config);
     } else if (row.codec == AV_CODEC_ID_OPUS) {
         config->channels = config->headers[opusChannels];
         config->sampleRate = opusRate;
     } else {
-        const auto& audio = entry.audio.value();
-        config->channels = boundedInt(static_cast<double>(audio.channels.value()));
-        config->sampleRate = boundedInt(audio.sampling_frequency.value());
+        std::uint64_t channels = 1;
+        double rate = 8000;
+        if (entry.audio)
+            entry.audio->read({{Channels, &channels}, {SamplingFrequency, &rate}});
+        config->channels = boundedInt(static_cast<double>(channels));
+        config->sampleRate = boundedInt(rate);
     }
     return config;
 }
 
+std::string readEncoding(const EbmlReader& encoding) {
+    constexpr std::uint64_t encrypted = 1, aes = 5, counterMode = 1;
+    std::uint64_t type = 0, algorithm = 0, mode = counterMode;
+    Bytes key;
+    std::optional<EbmlReader> encryption, settings;
+    encoding.read({{ContentEncodingType, &type}, {ContentEncryption, &encryption}});
+    if (encryption)
+        encryption->read({{ContentEncAlgo, &algorithm},
+                          {ContentEncKeyId, &key},
+                          {ContentEncAesSettings, &settings}});
+    if (settings)
+        settings->read({{AesSettingsCipherMode, &mode}});
+    if (type != encrypted)
+        encoding.fail("has compressed frames, which WebM does not allow");
+    if (algorithm != aes || mode != counterMode)
+        encoding.fail("is encrypted, but not with AES in counter mode");
+    if (key.empty())
+        encoding.fail("is encrypted with a key that has no id");
+    return {key.begin(), key.end()};
+}
+
 /// Empty: clear.
-std::string readKeyId(const webm::ElementMetadata& element, const webm::TrackEntry& entry) {
+std::string readKeyId(const Entry& entry) {
     std::string keyId;
-    for (const auto& item : entry.content_encodings.value().encodings) {
-        const auto& encoding = item.value();
-        const auto& encryption = encoding.encryption.value();
-        if (encoding.type.value() != webm::ContentEncodingType::kEncryption)
-            fail(element, "has compressed frames, which WebM does not allow");
-        if (encryption.algorithm.value() != webm::ContentEncAlgo::kAes)
-            fail(element, "is encrypted, but not with AES");
-        keyId.assign(encryption.key_id.value().begin(), encryption.key_id.value().end());
-        if (keyId.empty())
-            fail(element, "is encrypted with a key that has no id");
-    }
+    if (entry.encodings)
+        entry.encodings->forEach(
+            ContentEncoding, [&](const EbmlReader& encoding) { keyId = readEncoding(encoding); });
     return keyId;
 }
 
@@ -207,14 +284,13 @@ double opusDuration(const std::uint8_t* packet, std::size_t size) {
 } // namespace
 
 struct WebmParser::Draft {
+    std::optional<EbmlElement> element; ///< the Segment
     bool hasInfo = false;
     Movie movie;
     InitSegment segment;
 };
 
-WebmParser::WebmParser(Output& output) : m_output(output) {
-    begin();
-}
+WebmParser::WebmParser(Output& output) : m_output(output) {}
 
 WebmParser::~WebmParser() = default;
 
@@ -223,166 +299,212 @@ std::string WebmParser::append(std::shared_ptr<const std::uint8_t> bytes, std::s
         return m_fault;
     m_bytes.append(std::move(bytes), size);
     try {
-        parse();
+        bool goesOn = true;
+        while (goesOn) {
+            switch (m_step) {
+            case Step::Header:
+                goesOn = readHeader();
+                break;
+            case Step::Body:
+                goesOn = readBody();
+                break;
+            case Step::Skip:
+                goesOn = skipBody();
+                break;
+            }
+        }
     } catch (const StreamFault& fault) {
         m_fault = fault.text;
-    } catch (const std::bad_alloc&) {
-        m_fault = (m_element ? textOf(*m_element) : "the stream") + " is too large";
     }
     flush();
     return m_fault;
 }
 
-void WebmParser::parse() {
-    while (true) {
-        const auto status = m_parser->Feed(this, this);
-        if (m_stop == m_bytes.position())
-            endInit();
-        else if (status.code == webm::Status::kWouldBlock)
-            return;
-        else if (!status.ok())
-            throw StreamFault{(m_element ? textOf(*m_element) : "the stream") + " " +
-                              meaningOf(status)};
-    }
-}
-
-/// What comes next may be any outer element.
-void WebmParser::begin() {
-    m_parser = std::make_unique<webm::WebmParser>();
-    m_parser->DidSeek();
-    m_stop.reset();
-}
-
 void WebmParser::reset() {
     m_bytes.clear(m_bytes.position() + m_bytes.size());
+    m_step = Step::Header;
     m_state = State::Waiting;
     m_fault.clear();
     m_draft.reset();
-    m_element.reset();
-    m_block = {};
+    m_cluster.reset();
     for (auto& [id, progress] : m_progress) {
         progress.latest.reset();
         progress.pending.reset();
     }
+}
+
+/// What comes next must be within. Behind its Tracks a segment's end counts no more: what is
+/// appended may come from anywhere in it.
+const EbmlElement& WebmParser::parent() const {
+    static constexpr EbmlElement stream;
+    if (m_cluster)
+        return *m_cluster;
+    return m_draft && m_draft->element ? *m_draft->element : stream;
+}
+
+bool WebmParser::readHeader() {
+    const auto position = m_bytes.position();
+    if (m_cluster && position == m_cluster->end)
+        endCluster();
+    if (position == parent().end)
+        parent().fail("(Segment) ends before its Tracks");
+    const auto size = std::min(m_bytes.size(), EbmlElement::longestHeader);
+    const auto element = parent().child(m_bytes.peek(size), size, position);
+    if (!element)
+        return false;
+    m_element = *element;
+    m_bytes.skip(m_element.headerSize);
     begin();
+    return true;
 }
 
-webm::Status WebmParser::Read(std::size_t size, std::uint8_t* to, std::uint64_t* read) {
-    auto count = std::min(size, m_bytes.size());
-    if (m_stop)
-        count =
-            static_cast<std::size_t>(std::min<std::uint64_t>(count, *m_stop - m_bytes.position()));
-    *read = count;
-    if (count == 0)
-        return wouldBlock;
-    std::copy_n(m_bytes.peek(count), count, to);
-    m_bytes.skip(count);
-    return webm::Status(count == size ? webm::Status::kOkCompleted : webm::Status::kOkPartial);
+/// An element whose header is known.
+void WebmParser::begin() {
+    const auto id = m_element.id;
+    if (m_cluster && isOutsideCluster(id)) {
+        if (m_cluster->end != EbmlElement::unsized)
+            m_element.fail("cannot be in a Cluster");
+        endCluster();
+    }
+    m_step = stepOf();
+    if (m_element.end == EbmlElement::unsized && m_step != Step::Header) {
+        if (m_step == Step::Body || m_cluster)
+            m_element.fail("does not tell its size");
+        m_step = Step::Header; // live streams have Cues like that: their parts are skipped
+    }
+    if (m_step == Step::Body && m_element.size() > largestElement)
+        m_element.fail("is too large: " + std::to_string(m_element.size()) + " bytes");
 }
 
-webm::Status WebmParser::Skip(std::uint64_t size, std::uint64_t* skipped) {
-    auto count = std::min<std::uint64_t>(size, m_bytes.size());
-    if (m_stop)
-        count = std::min(count, *m_stop - m_bytes.position());
-    *skipped = count;
-    if (count == 0)
-        return wouldBlock;
-    m_bytes.skip(static_cast<std::size_t>(count));
-    return webm::Status(count == size ? webm::Status::kOkCompleted : webm::Status::kOkPartial);
-}
-
-webm::Status WebmParser::OnElementBegin(const webm::ElementMetadata& element,
-                                        webm::Action* action) {
-    m_element = element;
-    *action = webm::Action::kRead;
-    if (element.size != webm::kUnknownElementSize && element.size > largestElement &&
-        !isOpen(element.id))
-        fail(element, "is too large: " + std::to_string(element.size) + " bytes");
-    switch (element.id) {
-    case webm::Id::kEbml:
+WebmParser::Step WebmParser::stepOf() {
+    switch (m_element.id) {
+    case Ebml:
         m_draft = std::make_unique<Draft>();
         m_state = State::InitSegment;
-        break;
-    case webm::Id::kInfo:
-    case webm::Id::kTracks:
+        return Step::Body;
+    case Info:
+    case Tracks:
         if (!m_draft)
-            *action = webm::Action::kSkip; // of a segment that is known already
-        else if (element.id == webm::Id::kTracks && !m_draft->hasInfo)
-            fail(element, "(Tracks) comes before the segment's Info");
-        else if (element.size == webm::kUnknownElementSize)
-            fail(element, "does not tell its size");
-        else if (element.id == webm::Id::kTracks)
-            m_stop = element.position + element.header_size + element.size;
-        break;
-    case webm::Id::kCluster:
+            break; // of a segment that is known already
+        if (!m_draft->element)
+            m_element.fail("is in no Segment");
+        if (m_element.id == Tracks && !m_draft->hasInfo)
+            m_element.fail("(Tracks) comes before the segment's Info");
+        return Step::Body;
+    case TrackEntry:
+        m_element.fail("is not in the Tracks of an initialization segment");
+    case Cluster:
         if (m_draft || m_movie == nullptr)
-            fail(element, "(Cluster) comes before an initialization segment is complete");
+            m_element.fail("(Cluster) comes before an initialization segment is complete");
+        m_cluster = m_element;
+        m_clusterTime.reset();
         m_state = State::MediaSegment;
-        break;
-    case webm::Id::kTimecode:
-    case webm::Id::kSimpleBlock:
-    case webm::Id::kBlockGroup:
-        if (m_state != State::MediaSegment)
-            fail(element, "is in no Cluster");
-        break;
+        return Step::Header;
+    case Timecode:
+    case SimpleBlock:
+    case BlockGroup:
+        if (!m_cluster)
+            m_element.fail("is in no Cluster");
+        return Step::Body;
     default:
-        if (isPassedOver(element.id))
-            *action = webm::Action::kSkip;
-        if (!m_draft && m_movie == nullptr)
-            fail(element, "is not the EBML header that the stream must begin with");
         break;
     }
-    return completed;
+    if (!m_draft && m_movie == nullptr)
+        m_element.fail("is not the EBML header that the stream must begin with");
+    if (m_element.id != Segment)
+        return Step::Skip;
+    if (m_draft)
+        m_draft->element = m_element;
+    return Step::Header;
 }
 
-webm::Status WebmParser::OnEbml(const webm::ElementMetadata& element, const webm::Ebml& ebml) {
-    const auto& type = ebml.doc_type.value();
-    if (type != "webm" && type != "matroska")
-        fail(element, "tells of another kind of document than WebM");
-    return completed;
+bool WebmParser::skipBody() {
+    const auto left = m_element.end - m_bytes.position();
+    const auto count = std::min<std::uint64_t>(left, m_bytes.size());
+    m_bytes.skip(static_cast<std::size_t>(count));
+    if (count < left)
+        return false;
+    m_step = Step::Header;
+    return true;
 }
 
-webm::Status WebmParser::OnInfo(const webm::ElementMetadata& element, const webm::Info& info) {
-    if (m_draft == nullptr)
-        fail(element, "is not in the Info of an initialization segment");
-    const auto scale = static_cast<double>(info.timecode_scale.value());
-    if (scale <= 0)
-        fail(element, "has the time scale 0");
+bool WebmParser::readBody() {
+    const auto size = static_cast<std::size_t>(m_element.size());
+    if (m_bytes.peek(size) == nullptr)
+        return false;
+    const auto owner = m_bytes.take(size);
+    m_step = Step::Header;
+    takeBody(EbmlReader(m_element, owner.get()), owner);
+    return true;
+}
+
+void WebmParser::takeBody(const EbmlReader& body, const ByteQueue::Bytes& owner) {
+    switch (m_element.id) {
+    case Ebml: {
+        std::string type = "matroska";
+        body.read({{DocType, &type}});
+        if (type != "webm" && type != "matroska")
+            body.fail("tells of another kind of document than WebM");
+        break;
+    }
+    case Info:
+        takeInfo(body);
+        break;
+    case Tracks:
+        body.forEach(TrackEntry, [this](const EbmlReader& entry) { takeTrack(entry); });
+        endInit();
+        break;
+    case Timecode:
+        m_clusterTime = body.number();
+        if (*m_clusterTime > latestTime)
+            m_cluster->fail("(Cluster) has too late a time");
+        break;
+    default:
+        if (!m_clusterTime)
+            m_cluster->fail("(Cluster) does not tell its time before its first block");
+        if (m_element.id == SimpleBlock)
+            takeBlock(body, owner);
+        else
+            takeGroup(body, owner);
+    }
+}
+
+void WebmParser::takeInfo(const EbmlReader& info) {
+    std::uint64_t scale = 1000000;
+    double duration = 0;
+    info.read({{TimecodeScale, &scale}, {Duration, &duration}});
+    if (scale == 0)
+        info.fail("has the time scale 0");
     m_draft->hasInfo = true;
-    m_draft->movie.tick = scale;
-    const auto duration = info.duration.is_present() ? info.duration.value() : 0;
+    m_draft->movie.tick = static_cast<double>(scale);
     m_draft->segment.duration = std::isfinite(duration) && duration > 0
-                                    ? duration * scale / nanoseconds
+                                    ? duration * m_draft->movie.tick / nanoseconds
                                     : std::numeric_limits<double>::infinity();
-    return completed;
 }
 
-webm::Status WebmParser::OnTrackEntry(const webm::ElementMetadata& element,
-                                      const webm::TrackEntry& entry) {
-    if (m_draft == nullptr)
-        fail(element, "is not in the Tracks of an initialization segment");
-    const auto type = entry.track_type.value();
-    if (type != webm::TrackType::kVideo && type != webm::TrackType::kAudio)
-        return completed;
-    const auto kind = type == webm::TrackType::kVideo ? Kind::Video : Kind::Audio;
-    const auto number = entry.track_number.value();
-    if (number == 0 || number > std::numeric_limits<std::uint32_t>::max() ||
-        m_draft->movie.tracks.count(number) > 0)
-        fail(element, "has no number of its own");
-    const auto& row = findRow(entry.codec_id.value(), kind);
+void WebmParser::takeTrack(const EbmlReader& from) {
+    constexpr std::uint64_t video = 1, audio = 2;
+    const auto entry = readEntry(from);
+    if (entry.type != video && entry.type != audio)
+        return;
+    const auto kind = entry.type == video ? Kind::Video : Kind::Audio;
+    if (entry.number == 0 || entry.number > std::numeric_limits<std::uint32_t>::max() ||
+        m_draft->movie.tracks.count(entry.number) > 0)
+        from.fail("has no number of its own");
+    const auto& row = findRow(entry.codec, kind);
     auto& segment = m_draft->segment;
     Track track;
-    track.keyId = readKeyId(element, entry);
-    track.defaultDuration = static_cast<double>(entry.default_duration.value()) / nanoseconds;
+    track.keyId = readKeyId(entry);
+    track.defaultDuration = static_cast<double>(entry.defaultDuration) / nanoseconds;
     auto& description = track.description;
-    description.id = static_cast<std::uint32_t>(number);
+    description.id = static_cast<std::uint32_t>(entry.number);
     description.info = {kind, mediaSourceType(row.codec), avcodec_get_name(row.codec),
                         std::isfinite(segment.duration) ? segment.duration : 0};
     description.codecs =
-        row.codec == AV_CODEC_ID_VP9 ? vp9Name(entry.codec_private.value()) : row.name;
-    description.language = entry.language.value() == "und" ? "" : entry.language.value();
-    description.label = entry.name.value();
-    description.config = readConfig(element, entry, row);
+        row.codec == AV_CODEC_ID_VP9 ? vp9Name(entry.codecPrivate) : std::string(row.name);
+    description.language = entry.language == "und" ? "" : entry.language;
+    description.label = entry.name;
+    description.config = readConfig(from, entry, row);
     if (!track.keyId.empty()) {
         description.scheme = Protection::Scheme::Cenc;
         description.keyId.assign(track.keyId.begin(), track.keyId.end());
@@ -393,8 +515,7 @@ webm::Status WebmParser::OnTrackEntry(const webm::ElementMetadata& element,
             segment.initData.push_back({"webm", description.keyId});
     }
     segment.tracks.push_back(description);
-    m_draft->movie.tracks.emplace(number, std::move(track));
-    return completed;
+    m_draft->movie.tracks.emplace(entry.number, std::move(track));
 }
 
 /// Behind Tracks.
@@ -404,100 +525,69 @@ void WebmParser::endInit() {
     m_movie = std::make_shared<const Movie>(std::move(draft.movie));
     m_progress.clear();
     m_state = State::Waiting;
-    begin();
     m_output.onInit(std::move(draft.segment));
 }
 
-webm::Status WebmParser::OnClusterBegin(const webm::ElementMetadata& element,
-                                        const webm::Cluster& cluster, webm::Action* action) {
-    *action = webm::Action::kRead;
-    if (m_state != State::MediaSegment)
-        fail(element, "(Cluster) has begun in front of the stream");
-    if (!cluster.timecode.is_present())
-        fail(element, "(Cluster) does not tell its time before its first block");
-    m_clusterTime = cluster.timecode.value();
-    if (m_clusterTime > latestTime)
-        fail(element, "(Cluster) has too late a time");
-    return completed;
+void WebmParser::takeBlock(const EbmlReader& body, const ByteQueue::Bytes& owner) {
+    const WebmBlock simple(body);
+    auto block = blockOf(simple, owner);
+    block.isKey = simple.isKey();
+    add(std::move(block), std::nullopt);
 }
 
-void WebmParser::beginBlock(const webm::Block& block, bool isKey) {
-    m_block = {};
-    const auto track = m_movie->tracks.find(block.track_number);
-    if (track == m_movie->tracks.end())
-        return;
-    m_block.track = &track->second;
-    m_block.time = static_cast<std::int64_t>(m_clusterTime) + block.timecode;
-    m_block.isKey = isKey;
-}
-
-webm::Status WebmParser::OnSimpleBlockBegin(const webm::ElementMetadata&,
-                                            const webm::SimpleBlock& block, webm::Action* action) {
-    beginBlock(block, block.is_key_frame);
-    *action = m_block.track == nullptr ? webm::Action::kSkip : webm::Action::kRead;
-    return completed;
-}
-
-webm::Status WebmParser::OnSimpleBlockEnd(const webm::ElementMetadata&, const webm::SimpleBlock&) {
-    endBlock(std::nullopt);
-    return completed;
-}
-
-webm::Status WebmParser::OnBlockGroupBegin(const webm::ElementMetadata&, webm::Action* action) {
-    m_block = {};
-    *action = webm::Action::kRead;
-    return completed;
-}
-
-webm::Status WebmParser::OnBlockBegin(const webm::ElementMetadata&, const webm::Block& block,
-                                      webm::Action* action) {
-    beginBlock(block, false);
-    *action = m_block.track == nullptr ? webm::Action::kSkip : webm::Action::kRead;
-    return completed;
-}
-
-webm::Status WebmParser::OnBlockGroupEnd(const webm::ElementMetadata&,
-                                         const webm::BlockGroup& group) {
-    m_block.isKey = group.references.empty();
-    endBlock(group.duration.is_present() ? std::optional(group.duration.value()) : std::nullopt);
-    return completed;
-}
-
-webm::Status WebmParser::OnFrame(const webm::FrameMetadata& frame, webm::Reader*,
-                                 std::uint64_t* left) {
-    const auto size = static_cast<std::size_t>(*left);
-    if (m_bytes.peek(size) == nullptr)
-        return wouldBlock;
-    *left = 0;
-    const auto owner = m_bytes.take(size);
-    if (m_block.track == nullptr || size == 0)
-        return completed;
-    SampleData sample;
-    const auto* bytes = owner.get();
-    sample.size = size;
-    if (const auto& keyId = m_block.track->keyId; !keyId.empty()) {
-        const auto error = takeWebmProtection(keyId, bytes, sample.size, sample.protection);
-        if (!error.empty())
-            fail(frame.parent_element, "(a block) cannot be decrypted: " + error);
+void WebmParser::takeGroup(const EbmlReader& group, const ByteQueue::Bytes& owner) {
+    Block block;
+    std::optional<std::uint64_t> ticks;
+    bool isKey = true;
+    auto rest = group;
+    while (const auto child = rest.next()) {
+        if (child->element().id == BlockOfGroup)
+            block = blockOf(WebmBlock(*child), owner);
+        else if (child->element().id == BlockDuration)
+            ticks = child->number();
+        else if (child->element().id == ReferenceBlock)
+            isKey = false;
     }
-    sample.payload = {owner, bytes};
-    sample.config = m_block.track->description.config;
-    m_block.frames.push_back(std::move(sample));
-    return completed;
+    block.isKey = isKey;
+    add(std::move(block), ticks);
+}
+
+/// Without a track for one that is skipped.
+WebmParser::Block WebmParser::blockOf(const WebmBlock& from, const ByteQueue::Bytes& owner) const {
+    Block block;
+    const auto track = m_movie->tracks.find(from.track());
+    if (track == m_movie->tracks.end())
+        return block;
+    block.track = &track->second;
+    block.time = static_cast<std::int64_t>(*m_clusterTime) + from.time();
+    for (auto [bytes, size] : from.frames()) {
+        SampleData sample;
+        const auto& keyId = block.track->keyId;
+        if (!keyId.empty() && size > 0)
+            if (const auto error = takeWebmProtection(keyId, bytes, size, sample.protection);
+                !error.empty())
+                m_element.fail("(a block) cannot be decrypted: " + error);
+        if (size == 0)
+            continue;
+        sample.size = size;
+        sample.payload = {owner, bytes};
+        sample.config = block.track->description.config;
+        block.frames.push_back(std::move(sample));
+    }
+    return block;
 }
 
 double WebmParser::secondsOf(std::int64_t ticks) const {
     return static_cast<double>(ticks) * m_movie->tick / nanoseconds;
 }
 
-/// Its frames are there. `ticks`: how long it lasts, if it says so.
-void WebmParser::endBlock(std::optional<std::uint64_t> ticks) {
-    auto block = std::exchange(m_block, {});
+/// `ticks`: how long it lasts, if it says so.
+void WebmParser::add(Block block, std::optional<std::uint64_t> ticks) {
     if (block.track == nullptr || block.frames.empty())
         return;
     auto& progress = m_progress[block.track->description.id];
     if (progress.latest && block.time < *progress.latest)
-        fail(*m_element, "(a block) comes behind one of the same track with a later time");
+        m_element.fail("(a block) comes behind one of the same track with a later time");
     progress.latest = block.time;
     if (progress.pending)
         release(progress, secondsOf(block.time - progress.pending->time) /
@@ -546,18 +636,16 @@ void WebmParser::give(Block& block, double duration) {
     }
 }
 
-webm::Status WebmParser::OnClusterEnd(const webm::ElementMetadata&, const webm::Cluster&) {
-    if (m_state != State::MediaSegment)
-        return completed;
+void WebmParser::endCluster() {
     for (auto& [id, progress] : m_progress) {
         if (progress.pending)
             release(progress, progress.duration > 0 ? progress.duration : guessedDuration);
         progress.latest.reset();
     }
     flush();
+    m_cluster.reset();
     m_state = State::Waiting;
     m_output.onSegmentEnd();
-    return completed;
 }
 
 void WebmParser::flush() {

@@ -2,14 +2,10 @@
 #define HOST_WEBM_PARSER_H
 
 #include "byte_queue.h"
+#include "ebml_reader.h"
 #include "host/segment_parser.h"
 
-#include <webm/callback.h>
-#include <webm/reader.h>
-#include <webm/webm_parser.h>
-
 #include <cstdint>
-#include <limits>
 #include <map>
 #include <memory>
 #include <optional>
@@ -18,10 +14,13 @@
 
 namespace host {
 
-/// Of WebM. libwebm takes the elements apart; it asks for bytes here, and stops where there are
-/// none yet. The end of a cluster of unknown size is seen with what follows it: until then the last
-/// frame of a track whose frames do not tell their duration is held.
-class WebmParser final : public SegmentParser, webm::Callback, webm::Reader {
+class WebmBlock;
+
+/// Of WebM, from the outermost elements on. What it holds is the element that is not complete yet:
+/// a block, or one of the small ones in front of the clusters. The end of a cluster of unknown size
+/// is seen with what follows it: until then the last frame of a track whose frames do not tell
+/// their duration is held.
+class WebmParser final : public SegmentParser {
 public:
     explicit WebmParser(Output& output);
     ~WebmParser() override;
@@ -43,7 +42,7 @@ private:
     struct Draft;
     /// A block's frames, all at its time.
     struct Block {
-        const Track* track = nullptr; ///< null: one that is skipped
+        const Track* track = nullptr; ///< in the movie
         std::int64_t time = 0;        ///< ticks
         bool isKey = false;
         std::vector<SampleData> frames;
@@ -55,41 +54,26 @@ private:
         double duration = 0;                ///< of the last frame; 0: unknown
     };
 
-    // What is read.
-    webm::Status Read(std::size_t size, std::uint8_t* to, std::uint64_t* read) override;
-    webm::Status Skip(std::uint64_t size, std::uint64_t* skipped) override;
-    std::uint64_t Position() const override { return m_bytes.position(); }
+    /// What is read next.
+    enum class Step { Header, Body, Skip };
 
-    // What is found.
-    webm::Status OnElementBegin(const webm::ElementMetadata& element,
-                                webm::Action* action) override;
-    webm::Status OnEbml(const webm::ElementMetadata& element, const webm::Ebml& ebml) override;
-    webm::Status OnInfo(const webm::ElementMetadata& element, const webm::Info& info) override;
-    webm::Status OnTrackEntry(const webm::ElementMetadata& element,
-                              const webm::TrackEntry& entry) override;
-    webm::Status OnClusterBegin(const webm::ElementMetadata& element, const webm::Cluster& cluster,
-                                webm::Action* action) override;
-    webm::Status OnSimpleBlockBegin(const webm::ElementMetadata& element,
-                                    const webm::SimpleBlock& block, webm::Action* action) override;
-    webm::Status OnSimpleBlockEnd(const webm::ElementMetadata& element,
-                                  const webm::SimpleBlock& block) override;
-    webm::Status OnBlockGroupBegin(const webm::ElementMetadata& element,
-                                   webm::Action* action) override;
-    webm::Status OnBlockBegin(const webm::ElementMetadata& element, const webm::Block& block,
-                              webm::Action* action) override;
-    webm::Status OnBlockGroupEnd(const webm::ElementMetadata& element,
-                                 const webm::BlockGroup& group) override;
-    webm::Status OnFrame(const webm::FrameMetadata& frame, webm::Reader* reader,
-                         std::uint64_t* left) override;
-    webm::Status OnClusterEnd(const webm::ElementMetadata& element,
-                              const webm::Cluster& cluster) override;
+    // Each answers whether it could get on.
+    bool readHeader();
+    bool readBody();
+    bool skipBody();
 
     void begin();
-    void parse();
+    Step stepOf();
+    const EbmlElement& parent() const;
+    void takeBody(const EbmlReader& body, const ByteQueue::Bytes& owner);
+    void takeInfo(const EbmlReader& info);
+    void takeTrack(const EbmlReader& entry);
+    void takeBlock(const EbmlReader& body, const ByteQueue::Bytes& owner);
+    void takeGroup(const EbmlReader& group, const ByteQueue::Bytes& owner);
+    Block blockOf(const WebmBlock& block, const ByteQueue::Bytes& owner) const;
     void endInit();
-    webm::Status beginElement(const webm::ElementMetadata& element, webm::Action& action);
-    void beginBlock(const webm::Block& block, bool isKey);
-    void endBlock(std::optional<std::uint64_t> ticks);
+    void add(Block block, std::optional<std::uint64_t> ticks);
+    void endCluster();
     void release(Progress& progress, double duration);
     void give(Block& block, double duration);
     double secondsOf(std::int64_t ticks) const;
@@ -97,17 +81,16 @@ private:
 
     Output& m_output;
     ByteQueue m_bytes;
-    std::unique_ptr<webm::WebmParser> m_parser;
-    std::optional<std::uint64_t> m_stop; ///< the parser gets no bytes from here on
+    Step m_step = Step::Header;
     State m_state = State::Waiting;
     std::string m_fault;
-    std::optional<webm::ElementMetadata> m_element; ///< that began last
+    EbmlElement m_element; ///< that began last
 
     std::unique_ptr<Draft> m_draft;       ///< an initialization segment that is being read
     std::shared_ptr<const Movie> m_movie; ///< in force; null: none yet
 
-    std::uint64_t m_clusterTime = 0; ///< ticks
-    Block m_block;                   ///< that is being read
+    std::optional<EbmlElement> m_cluster;       ///< that is open
+    std::optional<std::uint64_t> m_clusterTime; ///< ticks
     std::map<std::uint32_t, Progress> m_progress;
     std::vector<CodedFrame> m_frames; ///< to be given
 };
