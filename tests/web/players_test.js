@@ -32,8 +32,8 @@ for (const kind of ['clear', 'protected']) {
       await video.play();
       await storm(playing, [2, 7.7, 11, 1, 6.5, 3]);
       await playing.plays(0.5);
+      assert.ok(video.currentTime < 6, `at ${video.currentTime}`);
       await playing.showsItsTime();
-      assert.ok(video.currentTime < 4.5, `at ${video.currentTime}`);
 
       const { width } = await playing.picture();
       playing.web.control.selectHeight(width === 512 ? 144 : 288);
@@ -44,7 +44,7 @@ for (const kind of ['clear', 'protected']) {
 
       video.currentTime = 10.5;
       await playing.ends();
-      await until('the last picture is on screen', async () => Math.abs((await playing.picture())?.number - lastPicture) <= 3, 3); // where the manifest ends a little early
+      await until('the last picture is on screen', async () => Math.abs((await playing.picture())?.number - lastPicture) <= 3); // where the manifest ends a little early
     });
   });
 }

@@ -23,8 +23,8 @@ const manifests = {
   hls: { clear: 'hls/master.m3u8', protected: 'protected/master.m3u8' },
 };
 
-/** Room for sanitizers on a busy machine. */
-const patience = 30;
+/** Seconds that anything may take: machines may be slow, and busy with other tests. */
+const patience = 150;
 
 /** Each process a log of its own; tests of a process play one after the other. */
 const soundLog = path.join(os.tmpdir(), `sound-${process.pid}.log`);
@@ -39,13 +39,13 @@ function soundPlayed() {
   });
 }
 
-/** Resolves with the first value of look() that holds. */
-async function until(what, look, seconds = patience) {
-  const end = performance.now() + seconds * 1000;
+/** Resolves with the first value of look() that holds. what: in words; state() says how it was when it failed. */
+async function until(what, look, state = () => '') {
+  const end = performance.now() + patience * 1000;
   for (;;) {
     const value = await look();
     if (value) return value;
-    if (performance.now() > end) throw new Error(`in ${seconds} s it did not come to this: ${what}`);
+    if (performance.now() > end) throw new Error(`in ${patience} s it did not come to this: ${what}${state()}`);
     await new Promise(resolve => setTimeout(resolve, 10));
   }
 }
@@ -82,10 +82,13 @@ class Playing {
   /** Resolves when the position has moved by so many seconds. */
   async plays(seconds = 0.3) {
     const from = this.video.currentTime;
-    await until(`plays on from ${from.toFixed(2)} s${this.#state()}`, () => this.#mustNotFail() && this.video.currentTime >= from + seconds);
+    await this.reaches(from + seconds, `plays on from ${from.toFixed(2)} s`);
+  }
+  async reaches(position, what = `is at ${position} s`) {
+    await until(what, () => this.#mustNotFail() && this.video.currentTime >= position, () => this.#state());
   }
   async ends() {
-    await until(`ended${this.#state()}`, () => this.#mustNotFail() && this.video.ended);
+    await until('ended', () => this.#mustNotFail() && this.video.ended, () => this.#state());
   }
   #mustNotFail() {
     assert.equal(this.failure, null);
@@ -94,7 +97,9 @@ class Playing {
   }
   #state() {
     const { video } = this;
-    return ` (now at ${video.currentTime.toFixed(2)} s, ready state ${video.readyState}, ${video.paused ? 'paused' : 'not paused'})`;
+    const pictures = JSON.stringify(this.web.counters());
+    return ` (now at ${video.currentTime.toFixed(2)} s, ready state ${video.readyState}, ${video.paused ? 'paused' : 'not paused'}, ` +
+      `buffered ${JSON.stringify(this.web.buffered())}, pictures ${pictures}, events ${this.events.slice(-12)}; notes: ${this.notes.slice(-5).join('; ')})`;
   }
 
   /** { number, width } of the picture on screen; null: there is none. */
@@ -110,28 +115,41 @@ class Playing {
       shown = await this.picture();
       return shown && shown.number * pictureSeconds > before - tolerance && shown.number * pictureSeconds < this.video.currentTime + tolerance;
     };
-    await until(`the picture of the position${this.#state()} is on screen`, isRight).catch(error => {
-      throw new Error(`${error.message}; picture ${JSON.stringify(shown)}`);
-    });
+    await until('the picture of the position is on screen', isRight, () => `, but ${JSON.stringify(shown)}${this.#state()}`);
   }
-  /** Watches for so long: no picture is missing and none comes out of its time. */
+  /** Pictures that have left the decoder or were late for it: on a busy machine it leaves some out. */
+  pictures() {
+    const { shown = 0, dropped = 0 } = this.web.counters() ?? {};
+    return shown + dropped;
+  }
+  /** { number, least, most }: of the picture on screen, and of pictures() around it. */
+  async counted() {
+    const least = this.pictures();
+    const { number } = await this.picture();
+    return { number, least, most: this.pictures() };
+  }
+  /** Watches for so long: each picture comes once, in its order and not before its time, and the sound has no gap. */
   async playsEveryPicture(seconds) {
-    const { shown, dropped } = this.web.counters();
     const from = this.video.currentTime;
     const heardBefore = soundPlayed().length;
-    let last = (await this.picture()).number;
+    const first = await this.counted();
+    let last = first;
     while (this.video.currentTime < from + seconds) {
-      const { number } = await this.picture();
-      assert.ok(number >= last, `picture ${number} came behind ${last}`);
-      assert.ok(Math.abs(number * pictureSeconds - this.video.currentTime) < 0.2, `picture ${number} stood at ${this.video.currentTime} s`);
-      last = number;
+      const next = await this.counted();
+      assert.ok(next.number >= last.number, `picture ${next.number} came behind ${last.number}`);
+      assert.ok(next.number * pictureSeconds < this.video.currentTime + 0.2, `picture ${next.number} stood at ${this.video.currentTime} s`);
+      last = next;
       await this.plays(pictureSeconds / 2);
     }
-    const expected = (this.video.currentTime - from) / pictureSeconds;
-    this.#heard(heardBefore, from, this.video.currentTime);
-    const counters = this.web.counters();
-    assert.ok(counters.dropped - dropped <= 1, `${counters.dropped - dropped} pictures dropped`); // on a busy machine
-    assert.ok(Math.abs(counters.shown - shown - expected) <= 3, `${counters.shown - shown} pictures shown, ${expected.toFixed(1)} were due`);
+    mustCount(last.number - first.number, last.least - first.most, last.most - first.least);
+    const to = this.video.currentTime;
+    await until('the sound is played too', () => soundPlayed().slice(heardBefore).some(({ time }) => time >= to), () => this.#state());
+    this.#heard(heardBefore, from, to);
+  }
+  /** Nothing but the decoder has kept pictures from the screen since the first of the stream. */
+  async showedEveryPicture() {
+    const { number, least, most } = await this.counted();
+    mustCount(number + 1, least, most);
   }
   /** The tone was played all the way between these times, without a gap. */
   #heard(before, from, to) {
@@ -141,6 +159,11 @@ class Playing {
     const seconds = sounds.reduce((sum, { duration }) => sum + duration, 0);
     assert.ok(Math.abs(seconds - (to - from)) < 0.2, `${seconds.toFixed(2)} s of sound between ${from} and ${to}`);
   }
+}
+
+/** Each picture once, as counted at most and at least around a look at the screen; one may be on its way there. */
+function mustCount(pictures, least, most) {
+  assert.ok(least - 2 <= pictures && pictures <= most + 2, `${least} to ${most} pictures were shown or dropped of ${pictures}`);
 }
 
 /**
@@ -156,14 +179,16 @@ async function withPlayer(name, { manifest, withKeys = false, plan = () => null,
   });
   const base = await server.listen();
   let playing = null;
+  let failure = null; // may come while the player is started
   const web = await WebPlayer.open(name, `${base}/${manifest}`, {
     base,
     licenceUrl: withKeys ? `${base}/licence` : undefined,
-    fail: text => { if (playing) playing.failure = text; },
+    fail: text => { failure = text; if (playing) playing.failure = text; },
     note: text => playing?.notes.push(text),
     ...options,
   });
   playing = new Playing(web, () => licences);
+  playing.failure = failure;
   try {
     await use(playing, base);
   } finally {

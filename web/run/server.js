@@ -67,7 +67,8 @@ class StaticServer {
   /**
    * roots: folders. pages: { '/path': body or (request body) => body }, in front of all files.
    * plan({ path, range, count }): the fault of this answer, or nothing. count: how often the path was
-   * asked for before. A fault: { status } instead of the file; { delay } seconds before the answer;
+   * asked for before. A fault: { status } instead of the file; { delay }: seconds before the answer, or a
+   * promise that it waits for;
    * { rate } bytes a second; { cutAt } bytes after which the connection breaks.
    */
   constructor({ roots = [], pages = {}, plan = () => null } = {}) {
@@ -109,7 +110,7 @@ class StaticServer {
     response.setHeader('access-control-allow-origin', '*');
     response.setHeader('access-control-allow-headers', '*');
     response.setHeader('access-control-expose-headers', '*');
-    if (fault.delay) await this.#wait(fault.delay);
+    if (fault.delay) await (typeof fault.delay === 'number' ? this.#wait(fault.delay) : fault.delay);
     if (fault.status) return this.#refuse(response, fault.status);
     if (request.method === 'OPTIONS') return void response.writeHead(204).end();
     if (name !== null && name in this.#pages) return this.#sendPage(request, response, name);

@@ -317,8 +317,9 @@ void HalSink::useDevice() {
     deviceOutputAdded(device.get());
     watchOutput(device.get());
     gst_element_sync_state_with_parent(device.get());
+    // Its state is left to stop(): a seek on its way through it holds the lock of its state, and waits
+    // for this thread.
     gst_bin_remove(m_bin, m_silent.get());
-    gst_element_set_state(m_silent.get(), GST_STATE_NULL);
 }
 
 void HalSink::swapOutput(GstElement* next) {

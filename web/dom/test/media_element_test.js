@@ -16,7 +16,7 @@ const videoType = 'video/mp4; codecs="avc1.64001f"';
 const alive = setInterval(() => {}, 1000);
 after(() => clearInterval(alive));
 
-const patience = 10000; // milliseconds
+const patience = 120000; // milliseconds
 
 /** A window with one video element; its events, timeupdate and progress aside, are in `events`. */
 function makePage(html = '<video></video>') {
