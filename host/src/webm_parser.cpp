@@ -186,15 +186,15 @@ void readVideo(const EbmlReader& video, OwnedConfig& config) {
 }
 
 /// As an entry has it; what it does not tell is as Matroska says.
-struct TrackEntry {
+struct TrackHeader {
     std::uint64_t number = 0, type = 0, defaultDuration = 0;
     std::string codec, name, language = "eng";
     Bytes codecPrivate;
     std::optional<EbmlReader> video, audio, encodings;
 };
 
-TrackEntry readEntry(const EbmlReader& from) {
-    TrackEntry entry;
+TrackHeader readEntry(const EbmlReader& from) {
+    TrackHeader entry;
     from.read({{TrackNumber, &entry.number},
                {TrackType, &entry.type},
                {DefaultDuration, &entry.defaultDuration},
@@ -208,7 +208,7 @@ TrackEntry readEntry(const EbmlReader& from) {
     return entry;
 }
 
-std::shared_ptr<const UVAStreamConfig> readConfig(const EbmlReader& from, const TrackEntry& entry,
+std::shared_ptr<const UVAStreamConfig> readConfig(const EbmlReader& from, const TrackHeader& entry,
                                                   const Row& row) {
     constexpr std::size_t opusChannels = 9;
     constexpr int opusRate = 48000;
@@ -260,7 +260,7 @@ std::string readEncoding(const EbmlReader& encoding) {
 }
 
 /// Empty: clear.
-std::string readKeyId(const TrackEntry& entry) {
+std::string readKeyId(const TrackHeader& entry) {
     std::string keyId;
     if (entry.encodings)
         entry.encodings->forEach(
