@@ -14,6 +14,7 @@ namespace {
 // When playback is held. A decoder must not run dry: what comes late for the clock is lost. What
 // the backend holds, it holds in front of the decoder and in it; it plays on until the next looks.
 constexpr double decoderNeeds = 0.05;                     // seconds
+constexpr double decoderKeeps = 0.3;                      // seconds at most, until more comes
 constexpr double looks = 4.5;                             // at playback, until it is held
 constexpr auto patience = std::chrono::milliseconds(100); // with a stream that is being read
 
@@ -219,7 +220,8 @@ bool Feeding::runsDry(const MseFeeder::SourceInfo& info) const {
     if (info.ended || info.changesCodecAt || !info.waitsSince)
         return false;
     const bool inVain = info.isBlocked || *info.waitsSince < m_calls.now() - patience;
-    return inVain && (ahead(info.id) < m_tooLittle || standsStill());
+    const double left = ahead(info.id);
+    return inVain && (left < m_tooLittle || (left < decoderKeeps && standsStill()));
 }
 
 /// It has enough, or does not ask for more: a backend may hold less.
@@ -227,7 +229,8 @@ bool Feeding::isFilled(const MseFeeder::SourceInfo& info) const {
     if (info.ended || info.changesCodecAt)
         return true;
     const auto starved = m_starved.find(info.id);
-    const double wanted = starved == m_starved.end() ? m_enough : starved->second + m_enough;
+    const double wanted =
+        starved == m_starved.end() ? m_enough : std::max(m_enough, starved->second + m_tooLittle);
     const double left = ahead(info.id);
     return !std::isnan(left) && (!info.waitsSince || left >= wanted);
 }

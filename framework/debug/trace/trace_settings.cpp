@@ -2,12 +2,6 @@
 
 #include "util/text_output.h"
 
-namespace {
-
-constexpr unsigned defaultUnitNamesSize = sizeof(const char*);
-
-} // namespace
-
 TraceSettings traceSettings;
 std::atomic<uint16_t> zantTraceCtr{0};
 
@@ -56,11 +50,3 @@ const T_TraceLevelName zantTraceLevelNameTable[] = {
     {69, "TRACELEVEL_SYSINFO_BLUE"},
     {TRACELEVEL_NO_TRACE, "TRACELEVEL_NO_TRACE"},
 };
-
-// A host process may define these two instead: weak, so that its definition wins in a static link
-// and the compiler assumes nothing about ours; visible, so that it wins over the shared library's.
-extern "C" {
-__attribute__((weak, visibility("default"))) const char* traceUnitsStringArray[] = {"TRACE_NONE"};
-__attribute__((weak, visibility("default"))) const unsigned* traceUnitsStringArraySizePtr =
-    &defaultUnitNamesSize;
-}
