@@ -31,13 +31,27 @@ AVIOInterruptCB Interruption::callback() const {
 
 std::string FileBytes::open() {
     av_log_set_level(AV_LOG_QUIET);
+    const int error = openAnew();
+    return error < 0 ? avErrorText(error) : "";
+}
+
+int FileBytes::openAnew() {
     AVIOContext* io = nullptr;
     const auto interrupt = m_interruption->callback();
     const int error = avio_open2(&io, m_name.c_str(), AVIO_FLAG_READ, &interrupt, nullptr);
-    if (error < 0)
-        return avErrorText(error);
-    m_io.reset(io);
-    return {};
+    if (error >= 0)
+        m_io.reset(io);
+    return error;
+}
+
+/// What a server gives from the beginning alone is asked for anew, to go back in it.
+std::int64_t FileBytes::goTo(std::int64_t at) {
+    const auto place = avio_seek(m_io.get(), at, SEEK_SET);
+    if (place != AVERROR(ENOSYS))
+        return place;
+    if (const int error = openAnew(); error < 0)
+        return error;
+    return avio_seek(m_io.get(), at, SEEK_SET);
 }
 
 std::size_t FileBytes::read(std::uint64_t at, std::uint8_t* bytes, std::size_t size) {
@@ -51,8 +65,7 @@ std::size_t FileBytes::read(std::uint64_t at, std::uint8_t* bytes, std::size_t s
     };
     if (m_interruption->isSet())
         return fail(AVERROR_EXIT);
-    if (const auto place = avio_seek(m_io.get(), static_cast<std::int64_t>(at), SEEK_SET);
-        place < 0)
+    if (const auto place = goTo(static_cast<std::int64_t>(at)); place < 0)
         return fail(place);
     std::size_t there = 0;
     while (there < size) {

@@ -56,6 +56,9 @@ private:
         void operator()(AVIOContext* io) const { avio_close(io); }
     };
 
+    int openAnew();
+    std::int64_t goTo(std::int64_t at);
+
     const std::string m_name;
     const std::shared_ptr<const Interruption> m_interruption;
     std::unique_ptr<AVIOContext, Close> m_io;
