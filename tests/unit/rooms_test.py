@@ -8,7 +8,7 @@ import unittest
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 CODE = [path for path in sum((sorted((ROOT / top).rglob("*")) for top in
-        ("framework", "uvaBackends", "platform", "host", "tools")), [])
+        ("framework", "uvaBackends", "platform", "host", "tools", "web/native")), [])
         if path.suffix in (".h", ".cpp", ".c", ".def")]
 NAMES = {str(path.relative_to(ROOT)) for path in CODE}
 
