@@ -299,18 +299,17 @@ public:
         batch.ended = !isCurrent();
         if (batch.ended || m_isInterrupted)
             return batch;
-        auto& state = *m_state;
         while (batch.samples.size() < count) {
-            auto* entry = state.next();
+            auto* entry = m_state->next();
             if (entry == nullptr)
                 break;
-            state.advance(*entry);
+            m_state->advance(*entry);
             batch.samples.push_back(std::make_unique<Sample>(entry->frame.sample));
         }
         if (batch.samples.size() < count)
-            batch.ended = state.hasEnded();
-        state.cursor.endTold = batch.ended;
-        state.cursor.waits = batch.samples.empty() && !batch.ended;
+            batch.ended = m_state->hasEnded();
+        m_state->cursor.endTold = batch.ended;
+        m_state->cursor.waits = batch.samples.empty() && !batch.ended;
         return batch;
     }
 
