@@ -98,7 +98,7 @@ PictureCounters ElementCore::counters() const {
 // ---- operations
 
 void ElementCore::open(const std::string& uri) {
-    if (!begin(serverOf(uri)))
+    if (!begin(serverOf(uri), 0))
         return;
     countFor(0);
     UVABackend::SourceDescription* sources[] = {new UrlSource(uri, m_options.userAgent), nullptr};
@@ -110,25 +110,24 @@ void ElementCore::open(const std::string& uri) {
 }
 
 void ElementCore::openSource(MediaSource source) {
-    if (!begin(source.server))
-        return;
     if (!std::isfinite(source.start) || source.start < 0)
         source.start = 0;
+    if (!begin(source.server, source.start))
+        return;
     Feeding::Options options{m_options.mainSystem, m_options.tick, [this] { return nextSource(); }};
-    const double start = source.start;
     m_feeding = std::make_unique<Feeding>(m_calls, m_playback, m_watch, std::move(source),
                                           std::move(options));
-    m_position.set(start, m_seeksTaken);
     for (auto& [id, stream] : std::exchange(m_early, {}))
         m_feeding->attach(id, std::move(stream));
     m_feeding->open();
     startWatching();
 }
 
-/// Once an element.
-bool ElementCore::begin(const std::string& server) {
+/// Once an element. Who hears that it opens finds it at its start.
+bool ElementCore::begin(const std::string& server, double start) {
     if (!m_playback.is(State::Idle) || m_releasing)
         return false;
+    m_position.set(start, m_seeksTaken);
     m_watch.begin(server);
     if (requestBackend())
         m_playback.setState(State::Opening);

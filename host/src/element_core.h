@@ -81,7 +81,7 @@ private:
     void countFor(SourceId id);
     PictureCounters pictures(SourceId id) const;
     bool requestBackend();
-    bool begin(const std::string& server);
+    bool begin(const std::string& server, double start);
     void startWatching();
     bool isOpen() const { return m_calls.backend() != nullptr; }
 
