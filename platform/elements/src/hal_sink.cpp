@@ -59,6 +59,7 @@ HalSink::HalSink(GstBin* bin, const char* kind, const MediaFormats& formats)
     gst_pad_set_query_function(pad, onQuery);
     gst_element_add_pad(GST_ELEMENT(bin), pad);
     m_sinkPad = GST_GHOST_PAD(pad);
+    seekFromInput();
     GST_OBJECT_FLAG_SET(bin, GST_ELEMENT_FLAG_SINK);
 
     if (!m_silent)
@@ -173,11 +174,14 @@ GstFlowReturn HalSink::buildChain(const MediaFormat& format, GstCaps* caps) {
     if (m_chain.format()) {
         if (!drainChain())
             return GST_FLOW_FLUSHING;
+        seekFromInput();
         m_chain.remove(m_sinkPad, m_output);
     } else {
         useDevice();
     }
     const bool built = m_chain.build(format, caps, m_sinkPad, m_output);
+    if (built)
+        seekFrom(GstPtr<GstPad>(gst_element_get_static_pad(m_output, "sink")));
     // A stop that begins after this look finds all of the chain in the bin and takes it down.
     if (m_stopping)
         return GST_FLOW_FLUSHING;
@@ -317,8 +321,6 @@ void HalSink::useDevice() {
     deviceOutputAdded(device.get());
     watchOutput(device.get());
     gst_element_sync_state_with_parent(device.get());
-    // Its state is left to stop(): a seek on its way through it holds the lock of its state, and waits
-    // for this thread.
     gst_bin_remove(m_bin, m_silent.get());
 }
 
@@ -367,6 +369,37 @@ GstStateChangeReturn HalSink::changeState(GstStateChange transition) {
     return result;
 }
 
+/// A seek goes past the output: through it, it would hold the lock of its state while it waits for
+/// data under way, which may be about to change that state.
+gboolean HalSink::sendEvent(GstEvent* event) {
+    if (GST_EVENT_TYPE(event) != GST_EVENT_SEEK)
+        return GST_ELEMENT_CLASS(gst_hal_sink_parent_class)->send_event(GST_ELEMENT(m_bin), event);
+    const GstPtr<GstEvent> seek(event);
+    GstPtr<GstPad> pad, next = seekPad();
+    gboolean sent = FALSE;
+    while (!sent && next != pad) { // it may have been led elsewhere meanwhile
+        pad = std::move(next);
+        sent = gst_pad_push_event(pad.get(), gst_event_ref(event));
+        next = seekPad();
+    }
+    return sent;
+}
+
+GstPtr<GstPad> HalSink::seekPad() const {
+    const locks::Lock lock(m_seekMutex);
+    return shared(m_seekPad.get());
+}
+
+void HalSink::seekFrom(GstPtr<GstPad> pad) {
+    const locks::Lock lock(m_seekMutex);
+    m_seekPad.swap(pad);
+}
+
+/// While the chain changes, seeks go past it.
+void HalSink::seekFromInput() {
+    seekFrom(shared(GST_PAD(m_sinkPad)));
+}
+
 void HalSink::start() {
     endDrain();
     m_stopping = false;
@@ -389,6 +422,7 @@ void HalSink::stop() {
     m_active = false;
     gst_pad_set_active(GST_PAD(m_sinkPad), FALSE); // waits for data and requests under way
     deactivated();
+    seekFromInput();
     m_chain.remove(m_sinkPad, m_output);
     if (m_output != m_silent.get()) {
         auto* device = m_output;
@@ -427,6 +461,10 @@ static void requestForwarded(GstHalSink* sink) {
 
 static GstStateChangeReturn changeState(GstElement* element, GstStateChange transition) {
     return reinterpret_cast<GstHalSink*>(element)->impl->changeState(transition);
+}
+
+static gboolean sendEvent(GstElement* element, GstEvent* event) {
+    return reinterpret_cast<GstHalSink*>(element)->impl->sendEvent(event);
 }
 
 static void handleMessage(GstBin* bin, GstMessage* message) {
@@ -469,6 +507,7 @@ static void gst_hal_sink_class_init(GstHalSinkClass* klass) {
                            G_MININT64, G_MAXINT64, 0,
                            static_cast<GParamFlags>(G_PARAM_READWRITE | G_PARAM_STATIC_STRINGS)));
     GST_ELEMENT_CLASS(klass)->change_state = changeState;
+    GST_ELEMENT_CLASS(klass)->send_event = sendEvent;
     GST_BIN_CLASS(klass)->handle_message = handleMessage;
     klass->decoder_request = grant;
     // The default grants; it runs last and so only counts when nobody is connected.

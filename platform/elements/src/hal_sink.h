@@ -25,6 +25,7 @@ public:
     HalSink& operator=(const HalSink&) = delete;
 
     GstStateChangeReturn changeState(GstStateChange transition);
+    gboolean sendEvent(GstEvent* event);
     virtual void handleMessage(GstMessage* message);
 
     /// The application has passed the request under way on: other sinks may ask. Thread-safe.
@@ -71,6 +72,10 @@ private:
     void announce(char sign);
     void post(GstPtr<GstStructure> structure);
 
+    GstPtr<GstPad> seekPad() const;
+    void seekFrom(GstPtr<GstPad> pad);
+    void seekFromInput();
+
     void useDevice();
     void swapOutput(GstElement* next);
     void watchOutput(GstElement* output);
@@ -92,6 +97,9 @@ private:
     std::atomic<Decoder> m_decoder{Decoder::Undecided};
     std::atomic<bool> m_stopping{false};
     std::atomic<gint64> m_timeOffset{0};
+    mutable locks::Mutex m_seekMutex; // leaf
+    /// Where seeks set out upstream: before the output, or, without a whole chain, at the input.
+    GstPtr<GstPad> m_seekPad GUARDED_BY(m_seekMutex);
     locks::Mutex m_waitMutex; // leaf but for the gate's and the object locks
     std::condition_variable m_drained;
     /// While the request is being made.
