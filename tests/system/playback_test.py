@@ -99,6 +99,9 @@ class Playback(unittest.TestCase):
         for path, run in each(broken(), Run):
             with self.subTest(path):
                 error = ERRORS.get(path.name)
+                # decodebin drops an error that an element has while it is being connected.
+                if error is not None and error not in run.errors:
+                    run = Run(path)
                 self.assertEqual(run.code, 0 if error is None else 1, run.report())
                 if error is not None:
                     self.assertIn(error, run.errors.splitlines()[-1])
