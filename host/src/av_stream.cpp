@@ -367,11 +367,7 @@ std::string AvStream::takePayload(const Packet& packet, SampleData& sample) cons
     std::copy_n(bytes, size, std::copy(header.begin(), header.end(), frame->begin()));
     sample.payload = {frame, frame->data()};
     sample.size = frame->size();
-    if (protection.scheme == Protection::Scheme::None)
-        return {};
-    if (protection.subsamples.empty())
-        protection.subsamples.push_back({0, static_cast<std::uint32_t>(size)});
-    protection.subsamples.front().clearBytes += adtsHeaderSize;
+    prependClear(header.size(), size, protection);
     return {};
 }
 

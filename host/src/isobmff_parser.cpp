@@ -351,11 +351,8 @@ void IsobmffParser::add(SampleRun& run, CodedFrame frame) {
         if (!covers(protection.subsamples, size))
             throw StreamFault{"the encrypted ranges of the sample in front of byte " +
                               std::to_string(m_bytes.position()) + " do not make up the sample"};
-        if (header > 0 && protection.scheme != Protection::Scheme::None) {
-            if (protection.subsamples.empty())
-                protection.subsamples.push_back({0, static_cast<std::uint32_t>(size)});
-            protection.subsamples.front().clearBytes += adtsHeaderSize;
-        }
+        if (header > 0)
+            prependClear(header, size, protection);
     }
     m_frames.push_back(std::move(frame));
     if (m_frames.size() == mostAtOnce)

@@ -254,8 +254,9 @@ std::string readEncoding(const EbmlReader& encoding) {
         encoding.fail("has compressed frames, which WebM does not allow");
     if (algorithm != aes || mode != counterMode)
         encoding.fail("is encrypted, but not with AES in counter mode");
-    if (key.empty())
-        encoding.fail("is encrypted with a key that has no id");
+    if (key.size() != sizeof(KeyBytes))
+        encoding.fail("is encrypted with a key whose id has not 16 bytes, but " +
+                      std::to_string(key.size()));
     return {key.begin(), key.end()};
 }
 
@@ -507,12 +508,12 @@ void WebmParser::takeTrack(const EbmlReader& from) {
     description.config = readConfig(from, entry, row);
     if (!track.keyId.empty()) {
         description.scheme = Protection::Scheme::Cenc;
-        description.keyId.assign(track.keyId.begin(), track.keyId.end());
-        const bool isKnown =
-            std::any_of(segment.initData.begin(), segment.initData.end(),
-                        [&](const InitData& data) { return data.data == description.keyId; });
+        const Bytes id(track.keyId.begin(), track.keyId.end());
+        std::copy(id.begin(), id.end(), description.keyId.begin());
+        const bool isKnown = std::any_of(segment.initData.begin(), segment.initData.end(),
+                                         [&](const InitData& data) { return data.data == id; });
         if (!isKnown)
-            segment.initData.push_back({"webm", description.keyId});
+            segment.initData.push_back({"webm", id});
     }
     segment.tracks.push_back(description);
     m_draft->movie.tracks.emplace(entry.number, std::move(track));

@@ -258,8 +258,8 @@ std::string protectionOf(const Told& told) {
             text << "clear; ";
             continue;
         }
-        EXPECT_EQ(protection.keyId, Bytes(16, protection.keyId.at(0)));
-        EXPECT_EQ(protection.iv.size(), 16U);
+        const auto& key = protection.keyId;
+        EXPECT_EQ(std::count(key.begin(), key.end(), key[0]), 16);
         text << (protection.scheme == Protection::Scheme::Cenc ? "cenc " : "cbcs ")
              << int{protection.keyId[0]} << " " << int{protection.iv[0]} << "."
              << int{protection.iv[7]} << "." << int{protection.iv[8]} << " "

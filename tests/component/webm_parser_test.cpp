@@ -229,7 +229,7 @@ TEST(Webm, DescribesItsTracks) {
     ASSERT_EQ(tracks.size(), 2U);
     EXPECT_EQ(tracks[0].codecs, "vp09.02.31.10");
     EXPECT_EQ(tracks[0].language, "");
-    EXPECT_EQ(tracks[0].keyId, keyId);
+    EXPECT_EQ(hexOf(tracks[0].keyId), hexOf(keyId));
     EXPECT_EQ(tracks[1].codecs, "opus");
     EXPECT_EQ(tracks[1].label, "left");
     EXPECT_EQ(tracks[1].config->channels, 2);
@@ -239,8 +239,8 @@ TEST(Webm, DescribesItsTracks) {
         protection += std::to_string(frame.sample.size) + text.substr(text.find(" key") + 4) + "; ";
     }
     const auto id = hexOf(keyId);
-    EXPECT_EQ(protection, "4; 6 cenc " + id + " 0404040404040404 0:0 2+4; 4 cenc " + id +
-                              " 0303030303030303 0:0; ");
+    EXPECT_EQ(protection, "4; 6 cenc " + id + " 04040404040404040000000000000000 0:0 2+4; 4 cenc " +
+                              id + " 03030303030303030000000000000000 0:0; ");
 }
 
 TEST(Webm, FaultsNameTheElementAndItsPlace) {
