@@ -5,6 +5,7 @@
 #include "packet_protection.h"
 #include "stream_format.h"
 #include "webm_block.h"
+#include "webm_ids.h"
 
 extern "C" {
 #include <libavcodec/avcodec.h>
@@ -21,72 +22,12 @@ namespace host {
 
 namespace {
 
-constexpr std::uint64_t largestElement = 64 * 1024 * 1024;
 constexpr std::uint64_t latestTime = std::uint64_t{1} << 53; ///< ticks
 constexpr double nanoseconds = 1e9;                          ///< of a second
 /// Of a track whose only frame in a cluster does not tell it.
 constexpr double guessedDuration = 0.025;
 
-enum Id : std::uint32_t {
-    Ebml = 0x1A45DFA3,
-    DocType = 0x4282,
-    Segment = 0x18538067,
-    SeekHead = 0x114D9B74,
-    Info = 0x1549A966,
-    TimecodeScale = 0x2AD7B1,
-    Duration = 0x4489,
-    Tracks = 0x1654AE6B,
-    TrackEntry = 0xAE,
-    TrackNumber = 0xD7,
-    TrackType = 0x83,
-    DefaultDuration = 0x23E383,
-    CodecId = 0x86,
-    CodecPrivate = 0x63A2,
-    Name = 0x536E,
-    Language = 0x22B59C,
-    Video = 0xE0,
-    PixelWidth = 0xB0,
-    PixelHeight = 0xBA,
-    Colour = 0x55B0,
-    MatrixCoefficients = 0x55B1,
-    BitsPerChannel = 0x55B2,
-    Range = 0x55B9,
-    TransferCharacteristics = 0x55BA,
-    Primaries = 0x55BB,
-    MasteringMetadata = 0x55D0,
-    PrimaryRX = 0x55D1,
-    PrimaryRY = 0x55D2,
-    PrimaryGX = 0x55D3,
-    PrimaryGY = 0x55D4,
-    PrimaryBX = 0x55D5,
-    PrimaryBY = 0x55D6,
-    WhitePointX = 0x55D7,
-    WhitePointY = 0x55D8,
-    LuminanceMax = 0x55D9,
-    LuminanceMin = 0x55DA,
-    Audio = 0xE1,
-    SamplingFrequency = 0xB5,
-    Channels = 0x9F,
-    ContentEncodings = 0x6D80,
-    ContentEncoding = 0x6240,
-    ContentEncodingType = 0x5033,
-    ContentEncryption = 0x5035,
-    ContentEncAlgo = 0x47E1,
-    ContentEncKeyId = 0x47E2,
-    ContentEncAesSettings = 0x47E7,
-    AesSettingsCipherMode = 0x47E8,
-    Cluster = 0x1F43B675,
-    Timecode = 0xE7,
-    SimpleBlock = 0xA3,
-    BlockGroup = 0xA0,
-    BlockOfGroup = 0xA1,
-    BlockDuration = 0x9B,
-    ReferenceBlock = 0xFB,
-    Cues = 0x1C53BB6B,
-    Chapters = 0x1043A770,
-    Tags = 0x1254C367,
-    Attachments = 0x1941A469,
-};
+using namespace webm;
 
 /// What ends a cluster of unknown size.
 bool isOutsideCluster(std::uint32_t id) {
@@ -143,7 +84,7 @@ void readColour(const EbmlReader& colour, OwnedConfig& config) {
     std::optional<EbmlReader> told;
     colour.read({{MatrixCoefficients, &matrix},
                  {BitsPerChannel, &bits},
-                 {Range, &range},
+                 {ColourRange, &range},
                  {TransferCharacteristics, &transfer},
                  {Primaries, &primaries},
                  {MasteringMetadata, &told}});
@@ -291,41 +232,25 @@ struct WebmParser::Draft {
     InitSegment segment;
 };
 
-WebmParser::WebmParser(Output& output) : m_output(output) {}
+WebmParser::WebmParser(Output& output) : PushParser(output) {}
 
 WebmParser::~WebmParser() = default;
 
-std::string WebmParser::append(std::shared_ptr<const std::uint8_t> bytes, std::size_t size) {
-    if (!m_fault.empty() || size == 0)
-        return m_fault;
-    m_bytes.append(std::move(bytes), size);
-    try {
-        bool goesOn = true;
-        while (goesOn) {
-            switch (m_step) {
-            case Step::Header:
-                goesOn = readHeader();
-                break;
-            case Step::Body:
-                goesOn = readBody();
-                break;
-            case Step::Skip:
-                goesOn = skipBody();
-                break;
-            }
-        }
-    } catch (const StreamFault& fault) {
-        m_fault = fault.text;
+bool WebmParser::step() {
+    switch (m_step) {
+    case Step::Header:
+        return readHeader();
+    case Step::Body:
+        return readBody();
+    case Step::Skip:
+        return skipBody();
     }
-    flush();
-    return m_fault;
+    return false;
 }
 
 void WebmParser::reset() {
-    m_bytes.clear(m_bytes.position() + m_bytes.size());
+    restartAt(m_bytes.position() + m_bytes.size());
     m_step = Step::Header;
-    m_state = State::Waiting;
-    m_fault.clear();
     m_draft.reset();
     m_cluster.reset();
     for (auto& [id, progress] : m_progress) {
@@ -373,7 +298,7 @@ void WebmParser::begin() {
             m_element.fail("does not tell its size");
         m_step = Step::Header; // live streams have Cues like that: their parts are skipped
     }
-    if (m_step == Step::Body && m_element.size() > largestElement)
+    if (m_step == Step::Body && m_element.size() > largestPart)
         m_element.fail("is too large: " + std::to_string(m_element.size()) + " bytes");
 }
 
@@ -420,10 +345,7 @@ WebmParser::Step WebmParser::stepOf() {
 }
 
 bool WebmParser::skipBody() {
-    const auto left = m_element.end - m_bytes.position();
-    const auto count = std::min<std::uint64_t>(left, m_bytes.size());
-    m_bytes.skip(static_cast<std::size_t>(count));
-    if (count < left)
+    if (!skipTo(m_element.end))
         return false;
     m_step = Step::Header;
     return true;
@@ -533,7 +455,7 @@ void WebmParser::takeBlock(const EbmlReader& body, const ByteQueue::Bytes& owner
     const WebmBlock simple(body);
     auto block = blockOf(simple, owner);
     block.isKey = simple.isKey();
-    add(std::move(block), std::nullopt);
+    addBlock(std::move(block), std::nullopt);
 }
 
 void WebmParser::takeGroup(const EbmlReader& group, const ByteQueue::Bytes& owner) {
@@ -550,7 +472,7 @@ void WebmParser::takeGroup(const EbmlReader& group, const ByteQueue::Bytes& owne
             isKey = false;
     }
     block.isKey = isKey;
-    add(std::move(block), ticks);
+    addBlock(std::move(block), ticks);
 }
 
 /// Without a track for one that is skipped.
@@ -583,7 +505,7 @@ double WebmParser::secondsOf(std::int64_t ticks) const {
 }
 
 /// `ticks`: how long it lasts, if it says so.
-void WebmParser::add(Block block, std::optional<std::uint64_t> ticks) {
+void WebmParser::addBlock(Block block, std::optional<std::uint64_t> ticks) {
     if (block.track == nullptr || block.frames.empty())
         return;
     auto& progress = m_progress[block.track->description.id];
@@ -633,7 +555,7 @@ void WebmParser::give(Block& block, double duration) {
         sample.dts = time;
         sample.keyFrame = block.isKey || track.info.kind == Kind::Audio;
         time += sample.duration;
-        m_frames.push_back({track.id, std::move(sample)});
+        add({track.id, std::move(sample)});
     }
 }
 
@@ -647,11 +569,6 @@ void WebmParser::endCluster() {
     m_cluster.reset();
     m_state = State::Waiting;
     m_output.onSegmentEnd();
-}
-
-void WebmParser::flush() {
-    if (!m_frames.empty())
-        m_output.onFrames(std::exchange(m_frames, {}));
 }
 
 } // namespace host

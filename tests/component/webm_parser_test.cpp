@@ -1,4 +1,5 @@
 #include "segment_fixture.h"
+#include "webm_ids.h"
 
 namespace {
 
@@ -26,41 +27,7 @@ Bytes unsized(std::uint32_t id) {
     return idOf(id) + number(0x01ffffffffffffff, 8);
 }
 
-enum Id : std::uint32_t {
-    Ebml = 0x1A45DFA3,
-    DocType = 0x4282,
-    Void = 0xEC,
-    Segment = 0x18538067,
-    Info = 0x1549A966,
-    TimecodeScale = 0x2AD7B1,
-    Duration = 0x4489,
-    Tracks = 0x1654AE6B,
-    TrackEntry = 0xAE,
-    TrackNumber = 0xD7,
-    TrackType = 0x83,
-    DefaultDuration = 0x23E383,
-    CodecId = 0x86,
-    CodecPrivate = 0x63A2,
-    Name = 0x536E,
-    Language = 0x22B59C,
-    Audio = 0xE1,
-    SamplingFrequency = 0xB5,
-    ContentEncodings = 0x6D80,
-    ContentEncoding = 0x6240,
-    ContentEncodingType = 0x5033,
-    ContentEncryption = 0x5035,
-    ContentEncAlgo = 0x47E1,
-    ContentEncKeyId = 0x47E2,
-    Cluster = 0x1F43B675,
-    Timecode = 0xE7,
-    SimpleBlock = 0xA3,
-    BlockGroup = 0xA0,
-    Block = 0xA1,
-    BlockDuration = 0x9B,
-    ReferenceBlock = 0xFB,
-    Cues = 0x1C53BB6B,
-    Tags = 0x1254C367,
-};
+using namespace host::webm;
 
 Bytes track(std::uint8_t id, std::uint8_t type, const std::string& codec, const Bytes& more = {}) {
     return element(TrackEntry, element(TrackNumber, {id}) + element(TrackType, {type}) +
@@ -109,7 +76,7 @@ std::string timesOf(const Told& told) {
 TEST(Webm, TellsTimesAndDurations) {
     const auto group = [](const Bytes& more, std::uint16_t time = 0,
                           const Bytes& frames = Bytes(5)) {
-        return element(BlockGroup, element(Block, block(1, time, 0, frames)) + more);
+        return element(BlockGroup, element(BlockOfGroup, block(1, time, 0, frames)) + more);
     };
     const auto lasts = [](std::uint8_t ticks) { return element(BlockDuration, {ticks}); };
     const auto steady = track(1, 1, "V_VP8", element(DefaultDuration, number(40000000, 4)));
