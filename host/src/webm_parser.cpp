@@ -476,14 +476,16 @@ void WebmParser::takeGroup(const EbmlReader& group, const ByteQueue::Bytes& owne
 }
 
 /// Without a track for one that is skipped.
-WebmParser::Block WebmParser::blockOf(const WebmBlock& from, const ByteQueue::Bytes& owner) const {
+WebmParser::Block WebmParser::blockOf(const WebmBlock& from, const ByteQueue::Bytes& owner) {
     Block block;
     const auto track = m_movie->tracks.find(from.track());
     if (track == m_movie->tracks.end())
         return block;
     block.track = &track->second;
     block.time = static_cast<std::int64_t>(*m_clusterTime) + from.time();
-    for (auto [bytes, size] : from.frames()) {
+    block.frames = std::exchange(m_spare, {});
+    from.forEachFrame([&](WebmBlock::Frame frame) {
+        auto [bytes, size] = frame;
         SampleData sample;
         const auto& keyId = block.track->keyId;
         if (!keyId.empty() && size > 0)
@@ -491,12 +493,12 @@ WebmParser::Block WebmParser::blockOf(const WebmBlock& from, const ByteQueue::By
                 !error.empty())
                 m_element.fail("(a block) cannot be decrypted: " + error);
         if (size == 0)
-            continue;
+            return;
         sample.size = size;
         sample.payload = {owner, bytes};
         sample.config = block.track->description.config;
         block.frames.push_back(std::move(sample));
-    }
+    });
     return block;
 }
 
@@ -557,6 +559,8 @@ void WebmParser::give(Block& block, double duration) {
         time += sample.duration;
         add({track.id, std::move(sample)});
     }
+    block.frames.clear();
+    m_spare = std::move(block.frames);
 }
 
 void WebmParser::endCluster() {

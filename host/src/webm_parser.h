@@ -69,7 +69,7 @@ private:
     void takeTrack(const EbmlReader& entry);
     void takeBlock(const EbmlReader& body, const ByteQueue::Bytes& owner);
     void takeGroup(const EbmlReader& group, const ByteQueue::Bytes& owner);
-    Block blockOf(const WebmBlock& block, const ByteQueue::Bytes& owner) const;
+    Block blockOf(const WebmBlock& block, const ByteQueue::Bytes& owner);
     void endInit();
     void addBlock(Block block, std::optional<std::uint64_t> ticks);
     void endCluster();
@@ -86,6 +86,7 @@ private:
     std::optional<EbmlElement> m_cluster;       ///< that is open
     std::optional<std::uint64_t> m_clusterTime; ///< ticks
     std::map<std::uint32_t, Progress> m_progress;
+    std::vector<SampleData> m_spare; ///< empty: memory for the next block's
 };
 
 } // namespace host
