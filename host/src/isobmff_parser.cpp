@@ -142,7 +142,7 @@ void IsobmffParser::takeMovie(const BoxReader& moov) {
     for (const auto& track : m_movie->tracks) {
         const auto& entry = track.entries.front();
         if (!entry.fault.empty() && m_rules == StreamRules::MediaSource)
-            throw StreamFault{entry.fault};
+            moov.fail("is refused: " + entry.fault);
         TrackDescription description;
         description.id = track.id;
         description.info = {track.kind, entry.mimeType, entry.codec,

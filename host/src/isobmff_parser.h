@@ -45,6 +45,7 @@ private:
     };
 
     bool step() override;
+    // Each answers as step().
     bool readHeader();
     bool readBox();
     bool skipBox();

@@ -163,7 +163,7 @@ std::uint32_t GroupCursor::next() {
     return m_index;
 }
 
-VectorCursor::VectorCursor(const BoxReader& traf) {
+VectorCursor::VectorCursor(const BoxReader& traf) : m_position(traf.position()) {
     if (auto senc = traf.find(fourLetters("senc"))) {
         m_hasSubsamples = (senc->versionAndFlags().flags & 2) != 0;
         m_left = senc->u32();
@@ -231,7 +231,8 @@ Protection VectorCursor::read(const SampleEncryption& encryption) {
     if (to == nullptr)
         return protection;
     if (ivSize > 0 && !isSenc && size == 0)
-        throw StreamFault{"encrypted samples have no initialization vectors ('senc', 'saiz')"};
+        failBox(fourLetters("traf"), m_position,
+                "has encrypted samples without initialization vectors ('senc', 'saiz')");
     takeEncryption(encryption, protection);
     return protection;
 }

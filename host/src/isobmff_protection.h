@@ -84,6 +84,7 @@ private:
 
     void readOne(BoxReader& bytes, bool hasSubsamples, unsigned int ivSize, Protection* protection);
 
+    std::uint64_t m_position; ///< of the 'traf'
     Kind m_kind = Kind::None;
     bool m_hasSubsamples = false; ///< Senc
     std::optional<BoxReader> m_bytes;

@@ -52,13 +52,14 @@ constexpr Row rows[] = {
     {"A_VORBIS", Kind::Audio, AV_CODEC_ID_VORBIS, "vorbis", joinVorbisHeaders},
 };
 
-const Row& findRow(const std::string& id, Kind kind) {
+const Row& findRow(const EbmlReader& from, const std::string& id, Kind kind) {
     const auto* row = std::find_if(std::begin(rows), std::end(rows), [&](const Row& candidate) {
         return id == candidate.id && kind == candidate.kind;
     });
     if (row == std::end(rows))
-        throw StreamFault{std::string("the ") + (kind == Kind::Video ? "video" : "audio") +
-                          " codec " + id + " of a WebM track cannot be played"};
+        from.fail(std::string("(TrackEntry) is refused: the ") +
+                  (kind == Kind::Video ? "video" : "audio") + " codec " + id +
+                  " of a WebM track cannot be played");
     return *row;
 }
 
@@ -253,10 +254,8 @@ void WebmParser::reset() {
     m_step = Step::Header;
     m_draft.reset();
     m_cluster.reset();
-    for (auto& [id, progress] : m_progress) {
-        progress.latest.reset();
+    for (auto& [id, progress] : m_progress)
         progress.pending.reset();
-    }
 }
 
 /// What comes next must be within. Behind its Tracks a segment's end counts no more: what is
@@ -305,6 +304,9 @@ void WebmParser::begin() {
 WebmParser::Step WebmParser::stepOf() {
     switch (m_element.id) {
     case Ebml:
+        if (m_draft)
+            m_element.fail("(EBML) comes before the initialization segment in front of it is "
+                           "complete");
         m_draft = std::make_unique<Draft>();
         m_state = State::InitSegment;
         return Step::Body;
@@ -324,6 +326,9 @@ WebmParser::Step WebmParser::stepOf() {
             m_element.fail("(Cluster) comes before an initialization segment is complete");
         m_cluster = m_element;
         m_clusterTime.reset();
+        m_latest.reset();
+        for (auto& [id, progress] : m_progress)
+            progress.isThere = false;
         m_state = State::MediaSegment;
         return Step::Header;
     case Timecode:
@@ -414,7 +419,7 @@ void WebmParser::takeTrack(const EbmlReader& from) {
     if (entry.number == 0 || entry.number > std::numeric_limits<std::uint32_t>::max() ||
         m_draft->movie.tracks.count(entry.number) > 0)
         from.fail("has no number of its own");
-    const auto& row = findRow(entry.codec, kind);
+    const auto& row = findRow(from, entry.codec, kind);
     auto& segment = m_draft->segment;
     Track track;
     track.keyId = readKeyId(entry);
@@ -510,10 +515,11 @@ double WebmParser::secondsOf(std::int64_t ticks) const {
 void WebmParser::addBlock(Block block, std::optional<std::uint64_t> ticks) {
     if (block.track == nullptr || block.frames.empty())
         return;
+    if (m_latest && block.time < *m_latest)
+        m_element.fail("(a block) comes behind one with a later time");
+    m_latest = block.time;
     auto& progress = m_progress[block.track->description.id];
-    if (progress.latest && block.time < *progress.latest)
-        m_element.fail("(a block) comes behind one of the same track with a later time");
-    progress.latest = block.time;
+    progress.isThere = true;
     if (progress.pending)
         release(progress, secondsOf(block.time - progress.pending->time) /
                               static_cast<double>(progress.pending->frames.size()));
@@ -567,8 +573,10 @@ void WebmParser::endCluster() {
     for (auto& [id, progress] : m_progress) {
         if (progress.pending)
             release(progress, progress.duration > 0 ? progress.duration : guessedDuration);
-        progress.latest.reset();
     }
+    for (const auto& [number, track] : m_movie->tracks)
+        if (m_movie->tracks.size() > 1 && !m_progress[track.description.id].isThere)
+            m_cluster->fail("(Cluster) has no block of the track " + std::to_string(number));
     flush();
     m_cluster.reset();
     m_state = State::Waiting;

@@ -48,15 +48,16 @@ private:
     };
     /// What is known of a track's blocks.
     struct Progress {
-        std::optional<std::int64_t> latest; ///< time of a block in this cluster
-        std::optional<Block> pending;       ///< until the next one tells its duration
-        double duration = 0;                ///< of the last frame; 0: unknown
+        bool isThere = false;         ///< in this cluster
+        std::optional<Block> pending; ///< until the next one tells its duration
+        double duration = 0;          ///< of the last frame; 0: unknown
     };
 
     /// What is read next.
     enum class Step { Header, Body, Skip };
 
     bool step() override;
+    // Each answers as step().
     bool readHeader();
     bool readBody();
     bool skipBody();
@@ -85,6 +86,7 @@ private:
 
     std::optional<EbmlElement> m_cluster;       ///< that is open
     std::optional<std::uint64_t> m_clusterTime; ///< ticks
+    std::optional<std::int64_t> m_latest;       ///< time of a block in it
     std::map<std::uint32_t, Progress> m_progress;
     std::vector<SampleData> m_spare; ///< empty: memory for the next block's
 };

@@ -34,6 +34,14 @@ Bytes track(std::uint8_t id, std::uint8_t type, const std::string& codec, const 
                                    element(CodecId, letters(codec)) + more);
 }
 
+Bytes encryptedWith(const Bytes& keyId) {
+    return element(ContentEncodings,
+                   element(ContentEncoding,
+                           element(ContentEncodingType, {1}) +
+                               element(ContentEncryption, element(ContentEncAlgo, {5}) +
+                                                              element(ContentEncKeyId, keyId))));
+}
+
 const Bytes opusHead = letters("OpusHead") + Bytes{1, 2, 0x38, 1, 0x80, 0xbb, 0, 0, 0, 0, 0};
 const Bytes vp8 = track(1, 1, "V_VP8");
 const Bytes opus = track(2, 2, "A_OPUS", element(CodecPrivate, opusHead));
@@ -172,12 +180,7 @@ TEST(Webm, SegmentsComeInAnyOrder) {
 
 TEST(Webm, DescribesItsTracks) {
     const auto keyId = letters("0123456789012345");
-    const auto encrypted =
-        element(ContentEncodings,
-                element(ContentEncoding,
-                        element(ContentEncodingType, {1}) +
-                            element(ContentEncryption, element(ContentEncAlgo, {5}) +
-                                                           element(ContentEncKeyId, keyId))));
+    const auto encrypted = encryptedWith(keyId);
     const auto features = element(CodecPrivate, {1, 1, 2, 2, 1, 31, 3, 1, 10});
     const auto told = parse(
         init(track(1, 1, "V_VP9", features + encrypted + element(Language, letters("und"))) +
@@ -232,6 +235,8 @@ TEST(Webm, FaultsNameTheElementAndItsPlace) {
         {head + info + unsized(Tracks) + vp8, "does not tell its size"},
         {head + element(Info, element(TimecodeScale, {0})), "has the time scale 0"},
         {ebml + info, at(ebml) + "is in no Segment"},
+        {head + info + ebml, at(head + info) + "(EBML) comes before the initialization segment in "
+                                               "front of it is complete"},
         {ebml + element(Segment, info), at(ebml) + "(Segment) ends before its Tracks"},
         {ebml + idOf(Segment) + Bytes{0x84} + info, at(ebml) + "holds more than its size says"},
         {head + idOf(Info) + Bytes{0x84} + element(TimecodeScale, {1}),
@@ -255,7 +260,14 @@ TEST(Webm, FaultsNameTheElementAndItsPlace) {
         {start + element(Cluster, simple(0)),
          "(Cluster) does not tell its time before its first block"},
         {start + cluster(0, simple(10) + simple(5)),
-         "(a block) comes behind one of the same track with a later time"},
+         "(a block) comes behind one with a later time"},
+        {init(vp8 + opus) + cluster(0, simple(10) + simple(5, {0x78}, key, 2)),
+         "(a block) comes behind one with a later time"},
+        {init(vp8 + opus) + cluster(0, simple(0)),
+         at(init(vp8 + opus)) + "(Cluster) has no block of the track 2"},
+        {init(vp8 +
+              track(2, 2, "A_OPUS", element(CodecPrivate, opusHead) + encryptedWith(Bytes(5)))),
+         "is encrypted with a key whose id has not 16 bytes, but 5"},
         {start + idOf(Cluster) + Bytes{0x84} + element(Timecode, Bytes(4)),
          at(start) + "holds more than its size says"},
         {start + idOf(Cluster) + Bytes{0x84} + Bytes{Timecode, 0x83, 0, 0, 0},
