@@ -48,8 +48,6 @@ struct Told final : host::SegmentParser::Output {
         for (const auto& part : sample.protection.subsamples)
             covered += std::size_t{part.clearBytes} + part.encryptedBytes;
         require(sample.protection.subsamples.empty() || covered == sample.size);
-        if (sample.protection.scheme != host::Protection::Scheme::None)
-            require(sample.protection.keyId.size() == 16 && sample.protection.iv.size() >= 8);
         add(track);
         add(sum % 65521);
         numbers.insert(numbers.end(), {sample.pts, sample.dts, sample.duration});

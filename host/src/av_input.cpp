@@ -82,7 +82,7 @@ void AvInput::readProtection() try {
     while (const auto header = boxes.next())
         if (header->type == fourLetters("moov")) {
             const auto body = boxes.bodyOf(*header);
-            m_protection = readMp4Protection(header->reader(body));
+            m_protection = readMp4Protection(header->reader(body.data()));
             return;
         }
 } catch (const StreamFault&) {

@@ -20,7 +20,6 @@ namespace host {
 namespace {
 
 constexpr double unknownTime = std::numeric_limits<double>::quiet_NaN();
-constexpr double longestMedia = 1e8; ///< seconds, three years
 
 struct FreePacket {
     void operator()(AVPacket* packet) const { av_packet_free(&packet); }
@@ -220,7 +219,7 @@ std::string AvStream::seek(double target) {
         if (auto error = reopen(); !error.empty())
             return error;
     }
-    target = std::clamp(knownOr(0, target), 0.0, longestMedia);
+    target = boundedTarget(target);
     if (!m_firstRead && !readPacket())
         return m_end->empty() ? "there is no sample in it" : *m_end;
     for (double back = 0; back < target && knowsTimes(); back = std::max(1.0, back * 2)) {
@@ -367,11 +366,7 @@ std::string AvStream::takePayload(const Packet& packet, SampleData& sample) cons
     std::copy_n(bytes, size, std::copy(header.begin(), header.end(), frame->begin()));
     sample.payload = {frame, frame->data()};
     sample.size = frame->size();
-    if (protection.scheme == Protection::Scheme::None)
-        return {};
-    if (protection.subsamples.empty())
-        protection.subsamples.push_back({0, static_cast<std::uint32_t>(size)});
-    protection.subsamples.front().clearBytes += adtsHeaderSize;
+    prependClear(header.size(), size, protection);
     return {};
 }
 

@@ -19,6 +19,9 @@ constexpr std::uint32_t fourLetters(const char (&letters)[5]) {
 /// Of what are no letters, their number.
 std::string lettersOf(std::uint32_t type);
 
+/// Bytes of what is held as a whole: a box, an element, a sample. More is refused.
+constexpr std::uint64_t largestPart = 64 * 1024 * 1024;
+
 /// What is wrong with a stream; thrown within a parser, and never out of it.
 struct StreamFault {
     std::string text; ///< one line
@@ -84,6 +87,21 @@ private:
     std::uint32_t m_type;
     std::uint64_t m_position;
     std::uint64_t m_place;
+};
+
+/// What stands in front of an outermost box. A plain value.
+struct OuterBox {
+    std::uint32_t type = 0;
+    std::uint64_t position = 0;
+    std::size_t headerSize = 0;
+    std::uint64_t end = 0; ///< the greatest: that of the file
+
+    std::uint64_t size() const { return end - position; }
+    /// `body`: all of it is there.
+    BoxReader reader(const std::uint8_t* body) const {
+        return {body, static_cast<std::size_t>(size() - headerSize), type, position, headerSize};
+    }
+    [[noreturn]] void fail(const std::string& what) const { failBox(type, position, what); }
 };
 
 } // namespace host

@@ -5,12 +5,6 @@
 
 namespace host {
 
-namespace {
-
-constexpr std::uint64_t largestBox = 64 * 1024 * 1024;
-
-} // namespace
-
 std::optional<OuterBox> BoxSource::next() {
     constexpr std::size_t shortest = 8;
     constexpr auto toTheEnd = std::numeric_limits<std::uint64_t>::max();
@@ -36,12 +30,12 @@ std::optional<OuterBox> BoxSource::next() {
 }
 
 std::vector<std::uint8_t> BoxSource::bodyOf(const OuterBox& box) {
-    const auto size = box.end - box.position - box.headerSize;
-    if (size > largestBox)
-        failBox(box.type, box.position, "is too large");
+    const auto size = box.size() - box.headerSize;
+    if (size > largestPart)
+        box.fail("is too large");
     std::vector<std::uint8_t> body(static_cast<std::size_t>(size));
     if (m_bytes.read(box.position + box.headerSize, body.data(), body.size()) != body.size())
-        failBox(box.type, box.position, "is not there as a whole");
+        box.fail("is not there as a whole");
     return body;
 }
 

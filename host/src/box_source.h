@@ -11,18 +11,6 @@
 
 namespace host {
 
-/// An outermost box of a file.
-struct OuterBox {
-    std::uint32_t type = 0;
-    std::uint64_t position = 0;
-    std::size_t headerSize = 0;
-    std::uint64_t end = 0; ///< the greatest: that of the file
-
-    BoxReader reader(const std::vector<std::uint8_t>& body) const {
-        return {body.data(), body.size(), type, position, headerSize};
-    }
-};
-
 /// The outermost boxes of a file, one after the other. The bytes are open and outlive it.
 class BoxSource {
 public:

@@ -41,13 +41,13 @@ private:
     KeyBytes m_bytes;
 };
 
-/// What keyReference() wrote. Scheme::None when it did not write this.
+/// What a KeyReference holds. Scheme::None when it did not write this.
 Protection readReference(const std::uint8_t* bytes, std::size_t size) {
-    constexpr std::size_t idSize = std::tuple_size_v<KeyBytes>;
+    constexpr std::size_t idSize = sizeof(KeyBytes);
     Protection protection;
     if (bytes == nullptr || (size != idSize && size != idSize + 2))
         return protection;
-    protection.keyId.assign(bytes, bytes + idSize);
+    std::copy_n(bytes, idSize, protection.keyId.begin());
     if (size == idSize) {
         protection.scheme = Protection::Scheme::Cenc;
         return protection;
@@ -252,11 +252,8 @@ int ClearKey::createDecrypter(UVADRMDecrypter*& decrypter, const std::uint8_t* k
     const auto protection = readReference(keyId, keyIdSize);
     if (protection.scheme == Protection::Scheme::None)
         return refused;
-    KeyBytes id;
-    std::copy(protection.keyId.begin(), protection.keyId.end(), id.begin());
-
     const locks::Lock lock(m_state->mutex);
-    const auto* key = m_state->find(id, session);
+    const auto* key = m_state->find(protection.keyId, session);
     if (key == nullptr)
         return refused;
     auto cipher = SampleCipher::make(protection, key->bytes(), SampleCipher::Direction::Decrypt);

@@ -86,7 +86,7 @@ bool Indexer::take(const OuterBox& header) {
     if (!isMoov && !isMoof && !isIndex)
         return true;
     const auto body = m_boxes.bodyOf(header);
-    const auto box = header.reader(body);
+    const auto box = header.reader(body.data());
     if (isMoov) {
         takeMovie(box);
         m_file.movies.push_back(
@@ -196,7 +196,7 @@ void Indexer::takeRandomAccess() {
     if (!header || header->type != fourLetters("mfra") || header->end != size)
         return;
     const auto body = m_boxes.bodyOf(*header);
-    const auto mfra = header->reader(body);
+    const auto mfra = header->reader(body.data());
     mfra.forEach(fourLetters("tfra"), [this](const BoxReader& tfra) { takeRandomAccess(tfra); });
 }
 

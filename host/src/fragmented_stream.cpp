@@ -12,7 +12,6 @@ namespace host {
 namespace {
 
 constexpr std::size_t pieceSize = 64 * 1024;
-constexpr double longestMedia = 1e8; ///< seconds, three years
 
 } // namespace
 
@@ -132,7 +131,7 @@ bool FragmentedStream::readAheadTo(double target) {
 }
 
 std::string FragmentedStream::seek(double target) {
-    target = std::isnan(target) ? 0 : std::clamp(target, 0.0, longestMedia);
+    target = boundedTarget(target);
     const auto& starts = m_track.starts;
     const auto isBehind = [&](const FragmentedFile::Start& start) {
         return start.time - m_timeOffset > target + seekTolerance;

@@ -87,7 +87,8 @@ const SampleEncryption& TrackFragment::encryptionOf(std::uint32_t group) const {
     const auto& all = isOwn ? groups.descriptions : track->groups.descriptions;
     const auto at = group - 1 - (isOwn ? fragmentGroups : 0);
     if (at >= all.size())
-        throw StreamFault{"the sample group 'seig' of encrypted samples is not described ('sgpd')"};
+        failBox(fourLetters("traf"), position,
+                "has encrypted samples of a group 'seig' that is not described ('sgpd')");
     return all[at];
 }
 
@@ -226,10 +227,13 @@ struct TrackHeader {
     bool isBaseMoof = false;
 };
 
-TrackHeader readHeader(BoxReader tfhd, const Movie& movie) {
+TrackHeader readHeader(BoxReader tfhd, const Movie& movie, StreamRules rules) {
     const auto flags = tfhd.versionAndFlags().flags;
     TrackHeader header;
-    header.track = movie.find(tfhd.u32());
+    const auto id = tfhd.u32();
+    header.track = movie.find(id);
+    if (rules == StreamRules::MediaSource && movie.fragmented.count(id) == 0)
+        tfhd.fail("is of the track " + std::to_string(id) + ", which the 'moov' does not have");
     if (header.track != nullptr)
         header.defaults = header.track->defaults;
     if ((flags & 1) != 0)
@@ -245,14 +249,18 @@ TrackHeader readHeader(BoxReader tfhd, const Movie& movie) {
     return header;
 }
 
-std::shared_ptr<TrackFragment> readCommon(const BoxReader& traf, const TrackHeader& header) {
+std::shared_ptr<TrackFragment> readCommon(const BoxReader& traf, const TrackHeader& header,
+                                          StreamRules rules) {
     const auto fragment = std::make_shared<TrackFragment>();
     const auto& track = *header.track;
+    fragment->position = traf.position();
     fragment->track = &track;
     if (header.defaults.entry - 1 >= track.entries.size())
         traf.fail("names the sample description " + std::to_string(header.defaults.entry) +
                   ", which is not there");
     fragment->description = &track.entries[header.defaults.entry - 1];
+    if (rules == StreamRules::MediaSource && !fragment->description->fault.empty())
+        traf.fail("is refused: " + fragment->description->fault);
     fragment->groups = readEncryptionGroups(traf);
     nameScheme(fragment->groups, track.entries, traf);
     fragment->mayBeEncrypted = fragment->description->encryption.has_value() ||
@@ -279,7 +287,7 @@ Fragment readFragment(const BoxReader& moof, const Movie& movie, StreamRules rul
     bool isRelative = true; // all bases are the 'moof'
     std::uint64_t end = moof.position();
     moof.forEach(fourLetters("traf"), [&](const BoxReader& traf) {
-        const auto header = readHeader(traf.need(fourLetters("tfhd")), movie);
+        const auto header = readHeader(traf.need(fourLetters("tfhd")), movie, rules);
         ++tracks;
         isRelative = isRelative && header.isBaseMoof && !header.base;
         if (rules == StreamRules::MediaSource && (header.base || (tracks > 1 && !isRelative)))
@@ -293,7 +301,7 @@ Fragment readFragment(const BoxReader& moof, const Movie& movie, StreamRules rul
         if (tfdt)
             dts = readDecodeTime(*tfdt);
         const auto base = header.base ? *header.base : header.isBaseMoof ? moof.position() : end;
-        TrackReader reader(traf, moof, readCommon(traf, header), header.defaults, base, dts);
+        TrackReader reader(traf, moof, readCommon(traf, header, rules), header.defaults, base, dts);
         reader.read(fragment, rules == StreamRules::MediaSource);
         dts = reader.nextDts();
         end = reader.end();

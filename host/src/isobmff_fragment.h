@@ -44,6 +44,7 @@ private:
 
 /// What the samples of a 'traf' have in common.
 struct TrackFragment {
+    std::uint64_t position = 0; ///< of the box
     const MovieTrack* track = nullptr;
     const SampleDescription* description = nullptr;
     EncryptionGroups groups;

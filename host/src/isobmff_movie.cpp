@@ -134,10 +134,11 @@ std::optional<MovieTrack> readTrack(const BoxReader& trak, std::uint32_t movieTi
     return track;
 }
 
-void readDefaults(BoxReader trex, std::vector<MovieTrack>& tracks) {
+void readDefaults(BoxReader trex, Movie& movie) {
     trex.skip(4);
     const auto id = trex.u32();
-    for (auto& track : tracks) {
+    movie.fragmented.insert(id);
+    for (auto& track : movie.tracks) {
         if (track.id != id)
             continue;
         track.defaults.entry = trex.u32();
@@ -201,8 +202,10 @@ Movie readMovie(const BoxReader& moov) {
         if (track)
             movie.tracks.push_back(std::move(*track));
     });
-    mvex->forEach(fourLetters("trex"),
-                  [&](const BoxReader& trex) { readDefaults(trex, movie.tracks); });
+    mvex->forEach(fourLetters("trex"), [&](const BoxReader& trex) { readDefaults(trex, movie); });
+    for (const auto& track : movie.tracks)
+        if (movie.fragmented.count(track.id) == 0)
+            mvex->fail("has no 'trex' for the track " + std::to_string(track.id));
     movie.initData = readInitData(moov);
     return movie;
 }

@@ -7,6 +7,7 @@
 #include "isobmff_sample_entry.h"
 
 #include <cstdint>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -37,6 +38,7 @@ struct Movie {
     std::vector<MovieTrack> tracks; ///< audio and video
     double duration = 0;            ///< seconds; infinity: not said
     std::vector<InitData> initData;
+    std::set<std::uint32_t> fragmented; ///< tracks of all kinds that fragments may have ('trex')
 
     const MovieTrack* find(std::uint32_t id) const; ///< null: none of audio or video
 };

@@ -2,15 +2,14 @@
 
 #include <algorithm>
 #include <cmath>
+#include <limits>
 #include <utility>
 
 namespace host {
 
 namespace {
 
-constexpr std::uint64_t largestBox = 64 * 1024 * 1024; ///< of those that are held whole
 constexpr std::uint64_t lastByte = std::numeric_limits<std::uint64_t>::max();
-constexpr std::size_t mostAtOnce = 4096; ///< frames
 
 bool isHeldWhole(std::uint32_t type) {
     return type == fourLetters("moov") || type == fourLetters("moof") ||
@@ -30,40 +29,23 @@ double secondsOf(std::int64_t time, const MovieTrack& track) {
 
 } // namespace
 
-std::string IsobmffParser::append(std::shared_ptr<const std::uint8_t> bytes, std::size_t size) {
-    if (!m_fault.empty() || size == 0)
-        return m_fault;
-    m_bytes.append(std::move(bytes), size);
-    try {
-        bool goesOn = true;
-        while (goesOn) {
-            switch (m_step) {
-            case Step::Header:
-                goesOn = readHeader();
-                break;
-            case Step::Box:
-                goesOn = readBox();
-                break;
-            case Step::Skip:
-                goesOn = skipBox();
-                break;
-            case Step::Media:
-                goesOn = readMedia();
-                break;
-            }
-        }
-    } catch (const StreamFault& fault) {
-        m_fault = fault.text;
+bool IsobmffParser::step() {
+    switch (m_step) {
+    case Step::Header:
+        return readHeader();
+    case Step::Box:
+        return readBox();
+    case Step::Skip:
+        return skipBox();
+    case Step::Media:
+        return readMedia();
     }
-    flush();
-    return m_fault;
+    return false;
 }
 
 void IsobmffParser::continueAt(std::uint64_t position) {
-    m_bytes.clear(position);
-    m_state = State::Waiting;
+    restartAt(position);
     m_step = Step::Header;
-    m_fault.clear();
     m_events.clear();
     m_fragment.reset();
     m_fragmentBytes.reset();
@@ -90,11 +72,11 @@ bool IsobmffParser::readHeader() {
         size = BoxReader(bytes + header, longHeader - header, m_box.type, position, header).u64();
     } else if (size == 0) {
         if (m_rules == StreamRules::MediaSource)
-            failBox(m_box.type, position, "does not tell its size");
+            m_box.fail("does not tell its size");
         size = lastByte - position;
     }
     if (size < m_box.headerSize || size > lastByte - position)
-        failBox(m_box.type, position, "has an impossible size");
+        m_box.fail("has an impossible size");
     m_box.end = position + size;
     begin();
     return true;
@@ -102,7 +84,6 @@ bool IsobmffParser::readHeader() {
 
 /// A box whose header is known.
 void IsobmffParser::begin() {
-    const auto size = m_box.end - m_box.position;
     const bool isMoov = m_box.type == fourLetters("moov"),
                isMoof = m_box.type == fourLetters("moof");
     const bool isStart = m_box.type == fourLetters("ftyp") || m_box.type == fourLetters("styp");
@@ -110,7 +91,7 @@ void IsobmffParser::begin() {
         endFragment();
     const bool isMdat = m_box.type == fourLetters("mdat");
     if (m_movie == nullptr && (isMoof || (isMdat && m_rules == StreamRules::MediaSource)))
-        failBox(m_box.type, m_box.position, "comes before an initialization segment ('moov')");
+        m_box.fail("comes before an initialization segment ('moov')");
     if (isMoov || m_box.type == fourLetters("ftyp"))
         m_state = State::InitSegment;
     else if (isMoof || m_box.type == fourLetters("styp"))
@@ -119,8 +100,8 @@ void IsobmffParser::begin() {
     if (isMdat && m_fragment) {
         m_step = Step::Media;
     } else if (isHeldWhole(m_box.type)) {
-        if (size > largestBox)
-            failBox(m_box.type, m_box.position, "is too large: " + std::to_string(size) + " bytes");
+        if (m_box.size() > largestPart)
+            m_box.fail("is too large: " + std::to_string(m_box.size()) + " bytes");
         m_step = Step::Box;
         return;
     }
@@ -128,12 +109,11 @@ void IsobmffParser::begin() {
 }
 
 bool IsobmffParser::readBox() {
-    const auto size = static_cast<std::size_t>(m_box.end - m_box.position);
+    const auto size = static_cast<std::size_t>(m_box.size());
     if (m_bytes.peek(size) == nullptr)
         return false;
     const auto bytes = m_bytes.take(size);
-    const BoxReader box(bytes.get() + m_box.headerSize, size - m_box.headerSize, m_box.type,
-                        m_box.position, m_box.headerSize);
+    const auto box = m_box.reader(bytes.get() + m_box.headerSize);
     m_step = Step::Header;
     if (m_box.type == fourLetters("moov")) {
         takeMovie(box);
@@ -147,9 +127,7 @@ bool IsobmffParser::readBox() {
 }
 
 bool IsobmffParser::skipBox() {
-    const auto left = m_box.end - m_bytes.position();
-    m_bytes.skip(static_cast<std::size_t>(std::min<std::uint64_t>(left, m_bytes.size())));
-    if (m_bytes.position() < m_box.end)
+    if (!skipTo(m_box.end))
         return false;
     m_step = Step::Header;
     return true;
@@ -164,7 +142,7 @@ void IsobmffParser::takeMovie(const BoxReader& moov) {
     for (const auto& track : m_movie->tracks) {
         const auto& entry = track.entries.front();
         if (!entry.fault.empty() && m_rules == StreamRules::MediaSource)
-            throw StreamFault{entry.fault};
+            moov.fail("is refused: " + entry.fault);
         TrackDescription description;
         description.id = track.id;
         description.info = {track.kind, entry.mimeType, entry.codec,
@@ -256,9 +234,7 @@ bool IsobmffParser::readMedia() {
         if (begin < m_bytes.position())
             throw StreamFault{"the samples at byte " + std::to_string(begin) +
                               " are not in an 'mdat' of their own"};
-        const auto gap = begin - m_bytes.position();
-        m_bytes.skip(static_cast<std::size_t>(std::min<std::uint64_t>(gap, m_bytes.size())));
-        if (gap > 0 && m_bytes.position() < begin)
+        if (!skipTo(begin))
             return false;
         if (!(extent.isVectors ? takeVectors(run) : takeSamples(extent.run)))
             return false;
@@ -274,7 +250,7 @@ bool IsobmffParser::readMedia() {
 bool IsobmffParser::takeVectors(SampleRun& run) {
     const auto size = run.vectorsSize;
     if (size > m_box.end - m_bytes.position())
-        failBox(m_box.type, m_box.position, "ends before the vectors of its samples");
+        m_box.fail("ends before the vectors of its samples");
     if (m_bytes.peek(size) == nullptr)
         return false;
     run.vectorsBytes = m_bytes.take(size);
@@ -289,10 +265,9 @@ bool IsobmffParser::takeSamples(std::size_t index) {
     while (run.samples.left() > 0) {
         const auto size = run.samples.nextSize();
         if (size > m_box.end - m_bytes.position())
-            failBox(m_box.type, m_box.position, "ends before its last sample");
-        if (size > largestBox)
-            failBox(m_box.type, m_box.position,
-                    "has a sample of " + std::to_string(size) + " bytes, which is too large");
+            m_box.fail("ends before its last sample");
+        if (size > largestPart)
+            m_box.fail("has a sample of " + std::to_string(size) + " bytes, which is too large");
         if (m_bytes.peek(size) == nullptr)
             return false;
         takeSample(run, index);
@@ -323,7 +298,7 @@ void IsobmffParser::takeSample(SampleRun& run, std::size_t index) {
     if (!description.adts)
         sample.size = told.size;
     if (m_isOrdered)
-        add(run, std::move(frame));
+        addTo(run, std::move(frame));
     else
         m_waiting.push_back({index, std::move(frame)});
 }
@@ -341,7 +316,7 @@ void IsobmffParser::prependAdts(const AdtsFormat& format, const std::uint8_t* by
 }
 
 /// The next one of its run. Its vectors are there.
-void IsobmffParser::add(SampleRun& run, CodedFrame frame) {
+void IsobmffParser::addTo(SampleRun& run, CodedFrame frame) {
     const auto& fragment = *run.fragment;
     if (fragment.mayBeEncrypted) {
         auto& protection = frame.sample.protection;
@@ -351,20 +326,10 @@ void IsobmffParser::add(SampleRun& run, CodedFrame frame) {
         if (!covers(protection.subsamples, size))
             throw StreamFault{"the encrypted ranges of the sample in front of byte " +
                               std::to_string(m_bytes.position()) + " do not make up the sample"};
-        if (header > 0 && protection.scheme != Protection::Scheme::None) {
-            if (protection.subsamples.empty())
-                protection.subsamples.push_back({0, static_cast<std::uint32_t>(size)});
-            protection.subsamples.front().clearBytes += adtsHeaderSize;
-        }
+        if (header > 0)
+            prependClear(header, size, protection);
     }
-    m_frames.push_back(std::move(frame));
-    if (m_frames.size() == mostAtOnce)
-        flush();
-}
-
-void IsobmffParser::flush() {
-    if (!m_frames.empty())
-        m_output.onFrames(std::exchange(m_frames, {}));
+    add(std::move(frame));
 }
 
 /// If there is one.
@@ -378,7 +343,7 @@ void IsobmffParser::endFragment() {
         m_waiting.begin(), m_waiting.end(),
         [](const Waiting& left, const Waiting& right) { return left.run < right.run; });
     for (auto& waiting : std::exchange(m_waiting, {}))
-        add(m_fragment->runs[waiting.run], std::move(waiting.frame));
+        addTo(m_fragment->runs[waiting.run], std::move(waiting.frame));
     flush();
     m_fragment.reset();
     m_fragmentBytes.reset();

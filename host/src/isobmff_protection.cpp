@@ -2,14 +2,13 @@
 
 #include "sample_cipher.h"
 
+#include <algorithm>
 #include <string>
 #include <utility>
 
 namespace host {
 
 namespace {
-
-constexpr std::size_t keyIdSize = 16;
 
 /// What 'tenc' and 'seig' have in common.
 SampleEncryption readEncryption(BoxReader& box) {
@@ -20,8 +19,7 @@ SampleEncryption readEncryption(BoxReader& box) {
     encryption.skipByteBlock = pattern & 15;
     encryption.encrypted = box.u8() == 1;
     encryption.ivSize = box.u8();
-    const auto* keyId = box.take(keyIdSize);
-    encryption.keyId.assign(keyId, keyId + keyIdSize);
+    std::copy_n(box.take(sizeof(KeyBytes)), sizeof(KeyBytes), encryption.keyId.begin());
     if (!encryption.encrypted) {
         encryption.ivSize = 0;
         return encryption;
@@ -31,8 +29,7 @@ SampleEncryption readEncryption(BoxReader& box) {
         const auto* iv = box.take(size);
         if (size != SampleCipher::blockSize / 2 && size != SampleCipher::blockSize)
             box.fail("has a constant vector of " + std::to_string(size) + " bytes, not 8 or 16");
-        encryption.constantIv.assign(iv, iv + size);
-        encryption.constantIv.resize(SampleCipher::blockSize);
+        std::copy_n(iv, size, encryption.constantIv.emplace().begin());
     } else if (encryption.ivSize != SampleCipher::blockSize / 2 &&
                encryption.ivSize != SampleCipher::blockSize) {
         box.fail("tells of vectors of " + std::to_string(encryption.ivSize) +
@@ -67,6 +64,23 @@ std::optional<std::pair<unsigned int, BoxReader>> findGroupBox(const BoxReader& 
 }
 
 } // namespace
+
+void takeEncryption(const SampleEncryption& encryption, Protection& protection) {
+    protection.scheme = encryption.scheme;
+    protection.keyId = encryption.keyId;
+    if (encryption.constantIv)
+        protection.iv = *encryption.constantIv;
+    protection.cryptByteBlock = encryption.cryptByteBlock;
+    protection.skipByteBlock = encryption.skipByteBlock;
+}
+
+void prependClear(std::size_t bytes, std::size_t size, Protection& protection) {
+    if (protection.scheme == Protection::Scheme::None)
+        return;
+    if (protection.subsamples.empty())
+        protection.subsamples.push_back({0, static_cast<std::uint32_t>(size)});
+    protection.subsamples.front().clearBytes += static_cast<std::uint32_t>(bytes);
+}
 
 bool covers(const std::vector<UVASample::Subsample>& subsamples, std::size_t size) {
     std::uint64_t sum = 0;
@@ -149,7 +163,7 @@ std::uint32_t GroupCursor::next() {
     return m_index;
 }
 
-VectorCursor::VectorCursor(const BoxReader& traf) {
+VectorCursor::VectorCursor(const BoxReader& traf) : m_position(traf.position()) {
     if (auto senc = traf.find(fourLetters("senc"))) {
         m_hasSubsamples = (senc->versionAndFlags().flags & 2) != 0;
         m_left = senc->u32();
@@ -185,7 +199,7 @@ void VectorCursor::readOne(BoxReader& bytes, bool hasSubsamples, unsigned int iv
     constexpr std::size_t subsampleSize = 6;
     if (protection == nullptr)
         return bytes.skip(count * subsampleSize);
-    protection->iv.assign(iv, iv + ivSize);
+    std::copy_n(iv, ivSize, protection->iv.begin());
     protection->subsamples.reserve(count);
     for (std::size_t i = 0; i < count; ++i) {
         const std::uint32_t clear = bytes.u16();
@@ -203,29 +217,23 @@ void VectorCursor::skip(const SampleEncryption& encryption) {
 Protection VectorCursor::read(const SampleEncryption& encryption) {
     const auto ivSize = encryption.ivSize;
     Protection protection;
-    if (m_kind == Kind::Sized) {
-        const auto size = skipSize();
-        if (encryption.encrypted && size > 0) {
-            BoxReader one(m_bytes->take(size), size, m_bytes->type(), m_bytes->position(), 0);
-            readOne(one, size > ivSize, ivSize, &protection);
-        } else if (size > 0) {
-            m_bytes->skip(size);
-        }
-    } else if (m_kind == Kind::Senc && m_left > 0) {
+    auto* const to = encryption.encrypted ? &protection : nullptr;
+    const bool isSenc = m_kind == Kind::Senc && m_left > 0;
+    const auto size = isElsewhere() ? skipSize() : 0;
+    if (isSenc) {
         --m_left;
-        readOne(*m_bytes, m_hasSubsamples, ivSize, encryption.encrypted ? &protection : nullptr);
+        readOne(*m_bytes, m_hasSubsamples, ivSize, to);
+    } else if (size > 0) {
+        BoxReader one(m_bytes->take(size), size, m_bytes->type(), m_bytes->position(), 0);
+        if (to != nullptr)
+            readOne(one, size > ivSize, ivSize, to);
     }
-    if (!encryption.encrypted)
-        return {};
-    if (ivSize > 0 && protection.iv.empty())
-        throw StreamFault{"encrypted samples have no initialization vectors ('senc', 'saiz')"};
-    if (ivSize == 0)
-        protection.iv = encryption.constantIv;
-    protection.iv.resize(SampleCipher::blockSize);
-    protection.scheme = encryption.scheme;
-    protection.keyId = encryption.keyId;
-    protection.cryptByteBlock = encryption.cryptByteBlock;
-    protection.skipByteBlock = encryption.skipByteBlock;
+    if (to == nullptr)
+        return protection;
+    if (ivSize > 0 && !isSenc && size == 0)
+        failBox(fourLetters("traf"), m_position,
+                "has encrypted samples without initialization vectors ('senc', 'saiz')");
+    takeEncryption(encryption, protection);
     return protection;
 }
 

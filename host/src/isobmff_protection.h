@@ -21,9 +21,15 @@ struct SampleEncryption {
     unsigned int ivSize = 0; ///< bytes of a sample's own vector; 0: the constant one
     unsigned int cryptByteBlock = 0;
     unsigned int skipByteBlock = 0;
-    std::vector<std::uint8_t> keyId;
-    std::vector<std::uint8_t> constantIv; ///< 16 bytes, or none
+    KeyBytes keyId = {};
+    std::optional<InitVector> constantIv;
 };
+
+/// All but the parts of a sample, and its vector where it has its own.
+void takeEncryption(const SampleEncryption& encryption, Protection& protection);
+
+/// So many clear bytes are in front of a sample of that size. One that is clear stays so.
+void prependClear(std::size_t bytes, std::size_t size, Protection& protection);
 
 /// Whether ranges make up a sample of so many bytes. None do: it is encrypted as a whole.
 bool covers(const std::vector<UVASample::Subsample>& subsamples, std::size_t size);
@@ -78,6 +84,7 @@ private:
 
     void readOne(BoxReader& bytes, bool hasSubsamples, unsigned int ivSize, Protection* protection);
 
+    std::uint64_t m_position; ///< of the 'traf'
     Kind m_kind = Kind::None;
     bool m_hasSubsamples = false; ///< Senc
     std::optional<BoxReader> m_bytes;

@@ -113,9 +113,9 @@ void readAv1(Entry& entry) {
     const bool isHigh = (packed & 0x40) != 0, isTwelve = (packed & 0x20) != 0;
     entry.description.codecs =
         formatted(".%u.%02u%c.%02u", profile >> 5, profile & 31, (packed & 0x80) != 0 ? 'H' : 'M',
-                  isTwelve ? 12U
-                  : isHigh ? 10U
-                           : 8U);
+                  !isHigh    ? 8U
+                  : isTwelve ? 12U
+                             : 10U);
 }
 
 /// The body of the next descriptor (ISO/IEC 14496-1), which must have this tag.
@@ -132,7 +132,7 @@ BoxReader descriptor(BoxReader& parent, unsigned int tag) {
     return BoxReader(parent.take(size), size, parent.type(), place, 0);
 }
 
-void readAac(Entry& entry, BoxReader& config) {
+void readAac(Entry& entry, BoxReader& config, bool isMpeg4) {
     constexpr const char* odd =
         "the AAC stream's object type, sampling rate or channel layout does "
         "not fit an ADTS header";
@@ -141,7 +141,8 @@ void readAac(Entry& entry, BoxReader& config) {
     adts = parseAudioSpecificConfig(specific.data(), specific.left());
     const unsigned int front = specific.left() >= 2 ? specific.u16() : 0;
     const unsigned int type = front >> 11;
-    entry.description.codecs += formatted(".%u", type == 31 ? 32 + (front >> 5 & 63) : type);
+    if (isMpeg4)
+        entry.description.codecs += formatted(".%u", type == 31 ? 32 + (front >> 5 & 63) : type);
     if (!adts) {
         entry.description.fault = odd;
         return;
@@ -182,7 +183,7 @@ AVCodecID readMpeg4Audio(Entry& entry) {
     if (found == std::end(objectTypes))
         return AV_CODEC_ID_NONE;
     if (found->codec == AV_CODEC_ID_AAC)
-        readAac(entry, config);
+        readAac(entry, config, indication == 0x40);
     return found->codec;
 }
 

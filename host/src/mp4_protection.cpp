@@ -62,7 +62,7 @@ void checkVectors(const SampleEncryption& wanted, const SampleEncryption& told, 
         return;
     if (haveVectors && wanted.ivSize != told.ivSize)
         throw StreamFault{"the sample group 'seig' has vectors of another size than 'tenc'"};
-    if (!haveVectors && (wanted.constantIv.empty() || wanted.scheme != Protection::Scheme::Cbcs))
+    if (!haveVectors && (!wanted.constantIv || wanted.scheme != Protection::Scheme::Cbcs))
         throw StreamFault{"encrypted samples have no initialization vectors"};
 }
 

@@ -28,11 +28,8 @@ private:
     const std::string m_mime;
 };
 
-KeyBytes keyIdOf(const Sample& sample) {
-    KeyBytes id{};
-    const auto& bytes = sample.data().protection.keyId;
-    std::copy_n(bytes.begin(), std::min(bytes.size(), id.size()), id.begin());
-    return id;
+const KeyBytes& keyIdOf(const Sample& sample) {
+    return sample.data().protection.keyId;
 }
 
 } // namespace

@@ -5,14 +5,13 @@ extern "C" {
 #include <libavutil/intreadwrite.h>
 }
 
+#include <algorithm>
 #include <memory>
 #include <utility>
 
 namespace host {
 
 namespace {
-
-constexpr std::size_t keyIdSize = 16;
 
 struct FreeInfo {
     void operator()(AVEncryptionInfo* info) const { av_encryption_info_free(info); }
@@ -40,16 +39,6 @@ std::string schemeName(std::uint32_t scheme) {
     return name;
 }
 
-/// All but the parts of a sample, and its vector where it has its own.
-void takeEncryption(const SampleEncryption& encryption, Protection& protection) {
-    protection.scheme = encryption.scheme;
-    protection.keyId = encryption.keyId;
-    if (!encryption.constantIv.empty())
-        protection.iv = encryption.constantIv;
-    protection.cryptByteBlock = encryption.cryptByteBlock;
-    protection.skipByteBlock = encryption.skipByteBlock;
-}
-
 } // namespace
 
 std::string takeMp4Protection(const AVPacket& packet, const TrackProtection* track,
@@ -73,14 +62,15 @@ std::string takeMp4Protection(const AVPacket& packet, const TrackProtection* tra
     told.scheme = schemeOf(info->scheme);
     told.cryptByteBlock = info->crypt_byte_block;
     told.skipByteBlock = info->skip_byte_block;
-    told.keyId.assign(info->key_id, info->key_id + info->key_id_size);
     if (told.scheme == Protection::Scheme::None)
         return "the protection scheme \"" + schemeName(info->scheme) +
                "\" is not supported, only cenc and cbcs are";
-    if (told.keyId.size() != keyIdSize)
-        return "the key id of a sample has not 16 bytes";
-    protection.iv.assign(info->iv, info->iv + info->iv_size);
+    if (info->key_id_size != told.keyId.size() || info->iv_size != protection.iv.size())
+        return "the key id or the initialization vector of a sample has not 16 bytes";
+    std::copy_n(info->key_id, info->key_id_size, told.keyId.begin());
+    std::copy_n(info->iv, info->iv_size, protection.iv.begin());
     takeEncryption(track == nullptr ? told : track->encryption, protection);
+    protection.subsamples.reserve(info->subsample_count);
     for (std::uint32_t i = 0; i < info->subsample_count; ++i) {
         const auto& part = info->subsamples[i];
         protection.subsamples.push_back({part.bytes_of_clear_data, part.bytes_of_protected_data});
@@ -95,7 +85,7 @@ std::string takeWebmProtection(const std::string& keyId, const std::uint8_t*& by
     constexpr std::uint8_t encrypted = 1;
     constexpr std::uint8_t partitioned = 2;
     constexpr std::size_t ivSize = 8;
-    const std::string damaged = "the start of an encrypted frame is damaged";
+    constexpr const char* damaged = "the start of an encrypted frame is damaged";
     const auto take = [&](std::size_t count) -> const std::uint8_t* {
         if (size < count)
             return nullptr;
@@ -109,11 +99,11 @@ std::string takeWebmProtection(const std::string& keyId, const std::uint8_t*& by
     if ((*signal & encrypted) == 0)
         return {};
     const auto* iv = take(ivSize);
-    if (iv == nullptr || keyId.size() != keyIdSize)
+    if (iv == nullptr || keyId.size() != protection.keyId.size())
         return iv == nullptr ? damaged : "the key id of the track has not 16 bytes";
     protection.scheme = Protection::Scheme::Cenc;
-    protection.keyId.assign(keyId.begin(), keyId.end());
-    protection.iv.assign(iv, iv + ivSize);
+    std::copy(keyId.begin(), keyId.end(), protection.keyId.begin());
+    std::copy_n(iv, ivSize, protection.iv.begin());
     if ((*signal & partitioned) == 0)
         return {};
 
@@ -122,6 +112,7 @@ std::string takeWebmProtection(const std::string& keyId, const std::uint8_t*& by
     const auto* offsets = count == nullptr ? nullptr : take(std::size_t{*count} * 4);
     if (offsets == nullptr)
         return damaged;
+    protection.subsamples.reserve(*count / 2U + 1);
     std::uint32_t at = 0;
     for (int i = 0; i <= *count; ++i) {
         const auto next = i < *count ? AV_RB32(offsets + i * 4) : static_cast<std::uint32_t>(size);

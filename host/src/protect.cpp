@@ -14,12 +14,13 @@ namespace {
 
 constexpr char cipherFailed[] =
     "a sample cannot be encrypted: the cryptographic library failed; play the stream clear";
+constexpr std::size_t counterHalf = 8; ///< bytes of the vector of "cenc"
 
 /// Audio is encrypted without gaps; of video, one block in ten is enough.
 Protection protectionOf(Protection::Scheme scheme, StreamInfo::Kind kind, const KeyPair& key) {
     Protection protection;
     protection.scheme = scheme;
-    protection.keyId.assign(key.id.begin(), key.id.end());
+    protection.keyId = key.id;
     if (scheme == Protection::Scheme::Cbcs && kind == StreamInfo::Kind::Video) {
         protection.cryptByteBlock = 1;
         protection.skipByteBlock = 9;
@@ -44,17 +45,17 @@ private:
     void nextIv();
 
     const std::unique_ptr<SampleStream> m_clear;
-    Protection m_protection;                      // of the next sample, but for its map
-    const std::unique_ptr<SampleCipher> m_cipher; // null when it could not be made
+    Protection m_protection;                // of the next sample, but for its map
+    std::unique_ptr<SampleCipher> m_cipher; // null when it, or a vector, could not be made
 };
 
 ProtectedStream::ProtectedStream(std::unique_ptr<SampleStream> clear, Protection::Scheme scheme,
                                  const KeyPair& key)
     : m_clear(std::move(clear)), m_protection(protectionOf(scheme, m_clear->info().kind, key)),
       m_cipher(SampleCipher::make(m_protection, key.key, SampleCipher::Direction::Encrypt)) {
-    m_protection.iv.resize(scheme == Protection::Scheme::Cenc ? 8 : 16);
-    if (RAND_bytes(m_protection.iv.data(), static_cast<int>(m_protection.iv.size())) != 1)
-        m_protection.iv.clear(); // which no cipher takes
+    const auto size = scheme == Protection::Scheme::Cenc ? counterHalf : m_protection.iv.size();
+    if (RAND_bytes(m_protection.iv.data(), static_cast<int>(size)) != 1)
+        m_cipher.reset();
 }
 
 SampleStream::Batch ProtectedStream::read(std::size_t count) {
@@ -117,10 +118,8 @@ void ProtectedStream::nextIv() {
     if (m_protection.scheme != Protection::Scheme::Cenc)
         return;
     auto& iv = m_protection.iv;
-    for (auto byte = iv.rbegin(); byte != iv.rend(); ++byte) {
-        if (++*byte != 0)
-            return;
-    }
+    for (auto at = counterHalf; at > 0 && ++iv[at - 1] == 0;)
+        --at;
 }
 
 } // namespace

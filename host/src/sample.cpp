@@ -9,35 +9,30 @@ namespace host {
 
 namespace {
 
-std::vector<UVASample::Subsample> rangesOf(const SampleData& data) {
-    const Protection& protection = data.protection;
-    if (protection.scheme == Protection::Scheme::None || !protection.subsamples.empty())
-        return protection.subsamples;
-    return {{0, static_cast<std::uint32_t>(data.size)}};
+SampleData withRanges(SampleData data) {
+    auto& protection = data.protection;
+    if (protection.scheme != Protection::Scheme::None && protection.subsamples.empty())
+        protection.subsamples.push_back({0, static_cast<std::uint32_t>(data.size)});
+    return data;
 }
 
 } // namespace
 
+KeyReference::KeyReference(const Protection& protection) {
+    if (protection.scheme == Protection::Scheme::None)
+        return;
+    auto* end = std::copy(protection.keyId.begin(), protection.keyId.end(), m_bytes.data());
+    if (protection.scheme == Protection::Scheme::Cbcs) {
+        *end++ = static_cast<std::uint8_t>(protection.cryptByteBlock);
+        *end++ = static_cast<std::uint8_t>(protection.skipByteBlock);
+    }
+    m_size = static_cast<std::size_t>(end - m_bytes.data());
+}
+
 Sample::Sample(SampleData data)
-    : m_data(std::move(data)), m_keyReference(keyReference(m_data.protection)),
-      m_subsamples(rangesOf(m_data)) {}
+    : m_data(withRanges(std::move(data))), m_keyReference(m_data.protection) {}
 
 Sample::~Sample() = default;
-
-const std::uint8_t* Sample::keyId() const {
-    return m_keyReference.empty() ? nullptr : m_keyReference.data();
-}
-
-std::vector<std::uint8_t> keyReference(const Protection& protection) {
-    if (protection.scheme == Protection::Scheme::None)
-        return {};
-    auto reference = protection.keyId;
-    if (protection.scheme == Protection::Scheme::Cbcs) {
-        reference.push_back(static_cast<std::uint8_t>(protection.cryptByteBlock));
-        reference.push_back(static_cast<std::uint8_t>(protection.skipByteBlock));
-    }
-    return reference;
-}
 
 bool moveIntoMedia(SampleData& sample) {
     constexpr double nothing = 1e-6;

@@ -3,6 +3,7 @@
 
 #include "host/sample.h"
 
+#include <algorithm>
 #include <cmath>
 #include <deque>
 #include <optional>
@@ -16,6 +17,12 @@ inline constexpr double seekTolerance = 0.001;
 
 inline double knownOr(double fallback, double time) {
     return std::isnan(time) ? fallback : time;
+}
+
+/// Where a seek may lead, in seconds: into media of up to three years.
+inline double boundedTarget(double target) {
+    constexpr double longestMedia = 1e8;
+    return std::clamp(knownOr(0, target), 0.0, longestMedia);
 }
 
 /// Where decoding for a time starts: what `next` gives, in decoding order, from the latest key

@@ -16,7 +16,7 @@ std::uint64_t xiphSize(EbmlReader& reader) {
 }
 
 /// The first one as it is, each other as the difference to the one before.
-std::uint64_t ebmlSize(EbmlReader& reader, const std::vector<std::uint64_t>& before) {
+std::uint64_t ebmlSize(EbmlReader& reader, const std::vector<std::size_t>& before) {
     if (before.empty())
         return reader.vint();
     const auto size = static_cast<std::int64_t>(before.back()) + reader.signedVint();
@@ -34,12 +34,11 @@ WebmBlock::WebmBlock(const EbmlReader& body) : m_rest(body) {
     m_flags = m_rest.u8();
 }
 
-std::vector<WebmBlock::Frame> WebmBlock::frames() const {
+std::vector<std::size_t> WebmBlock::takeSizes(EbmlReader& rest) const {
     enum Lacing { None, Xiph, Equal, Ebml };
     const auto lacing = static_cast<Lacing>(m_flags >> 1 & 3);
-    auto rest = m_rest;
     const std::size_t count = lacing == None ? 1 : std::size_t{rest.u8()} + 1;
-    std::vector<std::uint64_t> sizes; ///< but that of the last, which is the rest
+    std::vector<std::size_t> sizes;
     if (lacing == Equal && rest.left() % count != 0)
         rest.fail("(a block) cannot be cut into frames of one size");
     const auto equal = rest.left() / count;
@@ -49,16 +48,9 @@ std::vector<WebmBlock::Frame> WebmBlock::frames() const {
                                             : ebmlSize(rest, sizes);
         if (size > m_rest.left())
             rest.fail("(a block) has frames that go beyond it");
-        sizes.push_back(size);
+        sizes.push_back(static_cast<std::size_t>(size));
     }
-    std::vector<Frame> frames;
-    for (const auto told : sizes) {
-        const auto size = static_cast<std::size_t>(told);
-        frames.push_back({rest.take(size), size});
-    }
-    const auto last = rest.left();
-    frames.push_back({rest.take(last), last});
-    return frames;
+    return sizes;
 }
 
 } // namespace host

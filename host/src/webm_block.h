@@ -24,9 +24,19 @@ public:
     std::int16_t time() const { return m_time; }         ///< ticks, from the cluster's time on
     bool isKey() const { return (m_flags & 0x80) != 0; } ///< of a SimpleBlock
     /// In their order; throws a StreamFault where the block's lacing is damaged.
-    std::vector<Frame> frames() const;
+    template <typename Visit>
+    void forEachFrame(Visit visit) const {
+        auto rest = m_rest;
+        for (const auto size : takeSizes(rest))
+            visit(Frame{rest.take(size), size});
+        const auto last = rest.left();
+        visit(Frame{rest.take(last), last});
+    }
 
 private:
+    /// Of all frames but the last, which is the rest.
+    std::vector<std::size_t> takeSizes(EbmlReader& rest) const;
+
     EbmlReader m_rest; ///< behind the flags
     std::uint64_t m_track = 0;
     std::int16_t m_time = 0;

@@ -5,6 +5,7 @@
 #include "packet_protection.h"
 #include "stream_format.h"
 #include "webm_block.h"
+#include "webm_ids.h"
 
 extern "C" {
 #include <libavcodec/avcodec.h>
@@ -21,72 +22,12 @@ namespace host {
 
 namespace {
 
-constexpr std::uint64_t largestElement = 64 * 1024 * 1024;
 constexpr std::uint64_t latestTime = std::uint64_t{1} << 53; ///< ticks
 constexpr double nanoseconds = 1e9;                          ///< of a second
 /// Of a track whose only frame in a cluster does not tell it.
 constexpr double guessedDuration = 0.025;
 
-enum Id : std::uint32_t {
-    Ebml = 0x1A45DFA3,
-    DocType = 0x4282,
-    Segment = 0x18538067,
-    SeekHead = 0x114D9B74,
-    Info = 0x1549A966,
-    TimecodeScale = 0x2AD7B1,
-    Duration = 0x4489,
-    Tracks = 0x1654AE6B,
-    TrackEntry = 0xAE,
-    TrackNumber = 0xD7,
-    TrackType = 0x83,
-    DefaultDuration = 0x23E383,
-    CodecId = 0x86,
-    CodecPrivate = 0x63A2,
-    Name = 0x536E,
-    Language = 0x22B59C,
-    Video = 0xE0,
-    PixelWidth = 0xB0,
-    PixelHeight = 0xBA,
-    Colour = 0x55B0,
-    MatrixCoefficients = 0x55B1,
-    BitsPerChannel = 0x55B2,
-    Range = 0x55B9,
-    TransferCharacteristics = 0x55BA,
-    Primaries = 0x55BB,
-    MasteringMetadata = 0x55D0,
-    PrimaryRX = 0x55D1,
-    PrimaryRY = 0x55D2,
-    PrimaryGX = 0x55D3,
-    PrimaryGY = 0x55D4,
-    PrimaryBX = 0x55D5,
-    PrimaryBY = 0x55D6,
-    WhitePointX = 0x55D7,
-    WhitePointY = 0x55D8,
-    LuminanceMax = 0x55D9,
-    LuminanceMin = 0x55DA,
-    Audio = 0xE1,
-    SamplingFrequency = 0xB5,
-    Channels = 0x9F,
-    ContentEncodings = 0x6D80,
-    ContentEncoding = 0x6240,
-    ContentEncodingType = 0x5033,
-    ContentEncryption = 0x5035,
-    ContentEncAlgo = 0x47E1,
-    ContentEncKeyId = 0x47E2,
-    ContentEncAesSettings = 0x47E7,
-    AesSettingsCipherMode = 0x47E8,
-    Cluster = 0x1F43B675,
-    Timecode = 0xE7,
-    SimpleBlock = 0xA3,
-    BlockGroup = 0xA0,
-    BlockOfGroup = 0xA1,
-    BlockDuration = 0x9B,
-    ReferenceBlock = 0xFB,
-    Cues = 0x1C53BB6B,
-    Chapters = 0x1043A770,
-    Tags = 0x1254C367,
-    Attachments = 0x1941A469,
-};
+using namespace webm;
 
 /// What ends a cluster of unknown size.
 bool isOutsideCluster(std::uint32_t id) {
@@ -111,13 +52,14 @@ constexpr Row rows[] = {
     {"A_VORBIS", Kind::Audio, AV_CODEC_ID_VORBIS, "vorbis", joinVorbisHeaders},
 };
 
-const Row& findRow(const std::string& id, Kind kind) {
+const Row& findRow(const EbmlReader& from, const std::string& id, Kind kind) {
     const auto* row = std::find_if(std::begin(rows), std::end(rows), [&](const Row& candidate) {
         return id == candidate.id && kind == candidate.kind;
     });
     if (row == std::end(rows))
-        throw StreamFault{std::string("the ") + (kind == Kind::Video ? "video" : "audio") +
-                          " codec " + id + " of a WebM track cannot be played"};
+        from.fail(std::string("(TrackEntry) is refused: the ") +
+                  (kind == Kind::Video ? "video" : "audio") + " codec " + id +
+                  " of a WebM track cannot be played");
     return *row;
 }
 
@@ -143,7 +85,7 @@ void readColour(const EbmlReader& colour, OwnedConfig& config) {
     std::optional<EbmlReader> told;
     colour.read({{MatrixCoefficients, &matrix},
                  {BitsPerChannel, &bits},
-                 {Range, &range},
+                 {ColourRange, &range},
                  {TransferCharacteristics, &transfer},
                  {Primaries, &primaries},
                  {MasteringMetadata, &told}});
@@ -254,8 +196,9 @@ std::string readEncoding(const EbmlReader& encoding) {
         encoding.fail("has compressed frames, which WebM does not allow");
     if (algorithm != aes || mode != counterMode)
         encoding.fail("is encrypted, but not with AES in counter mode");
-    if (key.empty())
-        encoding.fail("is encrypted with a key that has no id");
+    if (key.size() != sizeof(KeyBytes))
+        encoding.fail("is encrypted with a key whose id has not 16 bytes, but " +
+                      std::to_string(key.size()));
     return {key.begin(), key.end()};
 }
 
@@ -290,47 +233,29 @@ struct WebmParser::Draft {
     InitSegment segment;
 };
 
-WebmParser::WebmParser(Output& output) : m_output(output) {}
+WebmParser::WebmParser(Output& output) : PushParser(output) {}
 
 WebmParser::~WebmParser() = default;
 
-std::string WebmParser::append(std::shared_ptr<const std::uint8_t> bytes, std::size_t size) {
-    if (!m_fault.empty() || size == 0)
-        return m_fault;
-    m_bytes.append(std::move(bytes), size);
-    try {
-        bool goesOn = true;
-        while (goesOn) {
-            switch (m_step) {
-            case Step::Header:
-                goesOn = readHeader();
-                break;
-            case Step::Body:
-                goesOn = readBody();
-                break;
-            case Step::Skip:
-                goesOn = skipBody();
-                break;
-            }
-        }
-    } catch (const StreamFault& fault) {
-        m_fault = fault.text;
+bool WebmParser::step() {
+    switch (m_step) {
+    case Step::Header:
+        return readHeader();
+    case Step::Body:
+        return readBody();
+    case Step::Skip:
+        return skipBody();
     }
-    flush();
-    return m_fault;
+    return false;
 }
 
 void WebmParser::reset() {
-    m_bytes.clear(m_bytes.position() + m_bytes.size());
+    restartAt(m_bytes.position() + m_bytes.size());
     m_step = Step::Header;
-    m_state = State::Waiting;
-    m_fault.clear();
     m_draft.reset();
     m_cluster.reset();
-    for (auto& [id, progress] : m_progress) {
-        progress.latest.reset();
+    for (auto& [id, progress] : m_progress)
         progress.pending.reset();
-    }
 }
 
 /// What comes next must be within. Behind its Tracks a segment's end counts no more: what is
@@ -372,13 +297,16 @@ void WebmParser::begin() {
             m_element.fail("does not tell its size");
         m_step = Step::Header; // live streams have Cues like that: their parts are skipped
     }
-    if (m_step == Step::Body && m_element.size() > largestElement)
+    if (m_step == Step::Body && m_element.size() > largestPart)
         m_element.fail("is too large: " + std::to_string(m_element.size()) + " bytes");
 }
 
 WebmParser::Step WebmParser::stepOf() {
     switch (m_element.id) {
     case Ebml:
+        if (m_draft)
+            m_element.fail("(EBML) comes before the initialization segment in front of it is "
+                           "complete");
         m_draft = std::make_unique<Draft>();
         m_state = State::InitSegment;
         return Step::Body;
@@ -398,6 +326,9 @@ WebmParser::Step WebmParser::stepOf() {
             m_element.fail("(Cluster) comes before an initialization segment is complete");
         m_cluster = m_element;
         m_clusterTime.reset();
+        m_latest.reset();
+        for (auto& [id, progress] : m_progress)
+            progress.isThere = false;
         m_state = State::MediaSegment;
         return Step::Header;
     case Timecode:
@@ -419,10 +350,7 @@ WebmParser::Step WebmParser::stepOf() {
 }
 
 bool WebmParser::skipBody() {
-    const auto left = m_element.end - m_bytes.position();
-    const auto count = std::min<std::uint64_t>(left, m_bytes.size());
-    m_bytes.skip(static_cast<std::size_t>(count));
-    if (count < left)
+    if (!skipTo(m_element.end))
         return false;
     m_step = Step::Header;
     return true;
@@ -491,7 +419,7 @@ void WebmParser::takeTrack(const EbmlReader& from) {
     if (entry.number == 0 || entry.number > std::numeric_limits<std::uint32_t>::max() ||
         m_draft->movie.tracks.count(entry.number) > 0)
         from.fail("has no number of its own");
-    const auto& row = findRow(entry.codec, kind);
+    const auto& row = findRow(from, entry.codec, kind);
     auto& segment = m_draft->segment;
     Track track;
     track.keyId = readKeyId(entry);
@@ -507,12 +435,12 @@ void WebmParser::takeTrack(const EbmlReader& from) {
     description.config = readConfig(from, entry, row);
     if (!track.keyId.empty()) {
         description.scheme = Protection::Scheme::Cenc;
-        description.keyId.assign(track.keyId.begin(), track.keyId.end());
-        const bool isKnown =
-            std::any_of(segment.initData.begin(), segment.initData.end(),
-                        [&](const InitData& data) { return data.data == description.keyId; });
+        const Bytes id(track.keyId.begin(), track.keyId.end());
+        std::copy(id.begin(), id.end(), description.keyId.begin());
+        const bool isKnown = std::any_of(segment.initData.begin(), segment.initData.end(),
+                                         [&](const InitData& data) { return data.data == id; });
         if (!isKnown)
-            segment.initData.push_back({"webm", description.keyId});
+            segment.initData.push_back({"webm", id});
     }
     segment.tracks.push_back(description);
     m_draft->movie.tracks.emplace(entry.number, std::move(track));
@@ -532,7 +460,7 @@ void WebmParser::takeBlock(const EbmlReader& body, const ByteQueue::Bytes& owner
     const WebmBlock simple(body);
     auto block = blockOf(simple, owner);
     block.isKey = simple.isKey();
-    add(std::move(block), std::nullopt);
+    addBlock(std::move(block), std::nullopt);
 }
 
 void WebmParser::takeGroup(const EbmlReader& group, const ByteQueue::Bytes& owner) {
@@ -549,18 +477,20 @@ void WebmParser::takeGroup(const EbmlReader& group, const ByteQueue::Bytes& owne
             isKey = false;
     }
     block.isKey = isKey;
-    add(std::move(block), ticks);
+    addBlock(std::move(block), ticks);
 }
 
 /// Without a track for one that is skipped.
-WebmParser::Block WebmParser::blockOf(const WebmBlock& from, const ByteQueue::Bytes& owner) const {
+WebmParser::Block WebmParser::blockOf(const WebmBlock& from, const ByteQueue::Bytes& owner) {
     Block block;
     const auto track = m_movie->tracks.find(from.track());
     if (track == m_movie->tracks.end())
         return block;
     block.track = &track->second;
     block.time = static_cast<std::int64_t>(*m_clusterTime) + from.time();
-    for (auto [bytes, size] : from.frames()) {
+    block.frames = std::exchange(m_spare, {});
+    from.forEachFrame([&](WebmBlock::Frame frame) {
+        auto [bytes, size] = frame;
         SampleData sample;
         const auto& keyId = block.track->keyId;
         if (!keyId.empty() && size > 0)
@@ -568,12 +498,12 @@ WebmParser::Block WebmParser::blockOf(const WebmBlock& from, const ByteQueue::By
                 !error.empty())
                 m_element.fail("(a block) cannot be decrypted: " + error);
         if (size == 0)
-            continue;
+            return;
         sample.size = size;
         sample.payload = {owner, bytes};
         sample.config = block.track->description.config;
         block.frames.push_back(std::move(sample));
-    }
+    });
     return block;
 }
 
@@ -582,13 +512,14 @@ double WebmParser::secondsOf(std::int64_t ticks) const {
 }
 
 /// `ticks`: how long it lasts, if it says so.
-void WebmParser::add(Block block, std::optional<std::uint64_t> ticks) {
+void WebmParser::addBlock(Block block, std::optional<std::uint64_t> ticks) {
     if (block.track == nullptr || block.frames.empty())
         return;
+    if (m_latest && block.time < *m_latest)
+        m_element.fail("(a block) comes behind one with a later time");
+    m_latest = block.time;
     auto& progress = m_progress[block.track->description.id];
-    if (progress.latest && block.time < *progress.latest)
-        m_element.fail("(a block) comes behind one of the same track with a later time");
-    progress.latest = block.time;
+    progress.isThere = true;
     if (progress.pending)
         release(progress, secondsOf(block.time - progress.pending->time) /
                               static_cast<double>(progress.pending->frames.size()));
@@ -632,25 +563,24 @@ void WebmParser::give(Block& block, double duration) {
         sample.dts = time;
         sample.keyFrame = block.isKey || track.info.kind == Kind::Audio;
         time += sample.duration;
-        m_frames.push_back({track.id, std::move(sample)});
+        add({track.id, std::move(sample)});
     }
+    block.frames.clear();
+    m_spare = std::move(block.frames);
 }
 
 void WebmParser::endCluster() {
     for (auto& [id, progress] : m_progress) {
         if (progress.pending)
             release(progress, progress.duration > 0 ? progress.duration : guessedDuration);
-        progress.latest.reset();
     }
+    for (const auto& [number, track] : m_movie->tracks)
+        if (m_movie->tracks.size() > 1 && !m_progress[track.description.id].isThere)
+            m_cluster->fail("(Cluster) has no block of the track " + std::to_string(number));
     flush();
     m_cluster.reset();
     m_state = State::Waiting;
     m_output.onSegmentEnd();
-}
-
-void WebmParser::flush() {
-    if (!m_frames.empty())
-        m_output.onFrames(std::exchange(m_frames, {}));
 }
 
 } // namespace host

@@ -4,6 +4,7 @@
 #include "byte_queue.h"
 #include "ebml_reader.h"
 #include "host/segment_parser.h"
+#include "push_parser.h"
 
 #include <cstdint>
 #include <map>
@@ -20,14 +21,12 @@ class WebmBlock;
 /// a block, or one of the small ones in front of the clusters. The end of a cluster of unknown size
 /// is seen with what follows it: until then the last frame of a track whose frames do not tell
 /// their duration is held.
-class WebmParser final : public SegmentParser {
+class WebmParser final : public PushParser {
 public:
     explicit WebmParser(Output& output);
     ~WebmParser() override;
 
-    std::string append(std::shared_ptr<const std::uint8_t> bytes, std::size_t size) override;
     void reset() override;
-    State state() const override { return m_state; }
 
 private:
     struct Track {
@@ -49,15 +48,16 @@ private:
     };
     /// What is known of a track's blocks.
     struct Progress {
-        std::optional<std::int64_t> latest; ///< time of a block in this cluster
-        std::optional<Block> pending;       ///< until the next one tells its duration
-        double duration = 0;                ///< of the last frame; 0: unknown
+        bool isThere = false;         ///< in this cluster
+        std::optional<Block> pending; ///< until the next one tells its duration
+        double duration = 0;          ///< of the last frame; 0: unknown
     };
 
     /// What is read next.
     enum class Step { Header, Body, Skip };
 
-    // Each answers whether it could get on.
+    bool step() override;
+    // Each answers as step().
     bool readHeader();
     bool readBody();
     bool skipBody();
@@ -70,20 +70,15 @@ private:
     void takeTrack(const EbmlReader& entry);
     void takeBlock(const EbmlReader& body, const ByteQueue::Bytes& owner);
     void takeGroup(const EbmlReader& group, const ByteQueue::Bytes& owner);
-    Block blockOf(const WebmBlock& block, const ByteQueue::Bytes& owner) const;
+    Block blockOf(const WebmBlock& block, const ByteQueue::Bytes& owner);
     void endInit();
-    void add(Block block, std::optional<std::uint64_t> ticks);
+    void addBlock(Block block, std::optional<std::uint64_t> ticks);
     void endCluster();
     void release(Progress& progress, double duration);
     void give(Block& block, double duration);
     double secondsOf(std::int64_t ticks) const;
-    void flush();
 
-    Output& m_output;
-    ByteQueue m_bytes;
     Step m_step = Step::Header;
-    State m_state = State::Waiting;
-    std::string m_fault;
     EbmlElement m_element; ///< that began last
 
     std::unique_ptr<Draft> m_draft;       ///< an initialization segment that is being read
@@ -91,8 +86,9 @@ private:
 
     std::optional<EbmlElement> m_cluster;       ///< that is open
     std::optional<std::uint64_t> m_clusterTime; ///< ticks
+    std::optional<std::int64_t> m_latest;       ///< time of a block in it
     std::map<std::uint32_t, Progress> m_progress;
-    std::vector<CodedFrame> m_frames; ///< to be given
+    std::vector<SampleData> m_spare; ///< empty: memory for the next block's
 };
 
 } // namespace host

@@ -37,7 +37,8 @@ Bytes someBytes(std::size_t size) {
 }
 
 Bytes reference(Scheme scheme, unsigned int crypt = 0, unsigned int skip = 0) {
-    return host::keyReference({scheme, {pair.id.begin(), pair.id.end()}, {}, crypt, skip, {}});
+    const host::KeyReference told({scheme, pair.id, {}, crypt, skip, {}});
+    return {told.data(), told.data() + told.size()};
 }
 
 template <typename Found>
@@ -321,7 +322,7 @@ void checkProtection(const ProtectCase& row, Scheme scheme, ClearKey& keys) {
     }
     EXPECT_EQ(ivs.size(), scheme == Scheme::Cenc ? 3U : 1U);
     const auto number = [](const host::Sample& sample) {
-        return std::accumulate(sample.iv(), sample.iv() + sample.ivSize(), std::uint64_t{0},
+        return std::accumulate(sample.iv(), sample.iv() + 8, std::uint64_t{0},
                                [](std::uint64_t sum, auto byte) { return sum << 8U | byte; });
     };
     if (scheme == Scheme::Cenc) {

@@ -57,7 +57,7 @@ TEST(Encryption, IsToldOfEverySample) {
                  << int{protection.keyId.at(1)};
             EXPECT_EQ(told.str(), row.told);
             EXPECT_EQ(sample->keyIdSize(), cbcs ? 18U : 16U);
-            EXPECT_TRUE(sample->ivSize() == 16 || (sample->ivSize() == 8 && !cbcs));
+            EXPECT_EQ(sample->ivSize(), 16U);
             std::size_t sum = 0;
             for (const auto& part : sample->subsamples())
                 sum += part.clearBytes + part.encryptedBytes;
@@ -86,8 +86,9 @@ std::string keysOf(const Samples& samples) {
     std::string keys;
     for (const auto& sample : samples) {
         const auto& protection = sample->data().protection;
-        const char key = protection.keyId.empty() ? '0' : protection.keyId[0] == 0 ? '1' : '2';
-        EXPECT_EQ(protection.iv.size(), key == '0' ? 0U : 16U);
+        const bool isClear = protection.scheme == Protection::Scheme::None;
+        const char key = isClear ? '0' : protection.keyId[0] == 0 ? '1' : '2';
+        EXPECT_EQ(sample->ivSize(), isClear ? 0U : 16U);
         if (keys.empty() || keys.back() != key)
             keys += key;
     }
@@ -130,12 +131,13 @@ TEST(Encryption, IsOnlyTakenAsItCanBeDecrypted) {
     AVPacket packet = {};
     packet.size = 100;
     host::TrackProtection track;
-    track.encryption = {true, Protection::Scheme::Cbcs, 0, 3, 7, Bytes(16, 5), Bytes(16, 6)};
+    const host::KeyBytes key = {5}, vector = {6};
+    track.encryption = {true, Protection::Scheme::Cbcs, 0, 3, 7, key, vector};
     Protection taken;
     EXPECT_EQ(host::takeMp4Protection(packet, &track, taken), "");
     EXPECT_EQ(taken.scheme, Protection::Scheme::Cbcs);
-    EXPECT_EQ(taken.keyId, Bytes(16, 5));
-    EXPECT_EQ(taken.iv, Bytes(16, 6));
+    EXPECT_EQ(taken.keyId, key);
+    EXPECT_EQ(taken.iv, vector);
     EXPECT_EQ(taken.cryptByteBlock, 3U);
     EXPECT_EQ(taken.skipByteBlock, 7U);
     EXPECT_TRUE(taken.subsamples.empty());
@@ -155,7 +157,8 @@ TEST(Encryption, IsOnlyTakenAsItCanBeDecrypted) {
         {0x63656e63, 16, 100, ""},
         {0x63656e01, 16, 100,
          "the protection scheme \"cen\" is not supported, only cenc and cbcs are"},
-        {0x63656e63, 15, 100, "the key id of a sample has not 16 bytes"},
+        {0x63656e63, 15, 100,
+         "the key id or the initialization vector of a sample has not 16 bytes"},
         {0x63656e63, 16, 99, "the encrypted ranges of a sample do not make up the sample"},
     };
     for (const auto& row : rows) {
@@ -204,8 +207,8 @@ TEST(Encryption, OfWebmFramesStandsInFrontOfThem) {
         if (row.parts.empty())
             continue;
         EXPECT_EQ(protection.scheme, Protection::Scheme::Cenc);
-        EXPECT_EQ(protection.keyId, Bytes(16, 'k'));
-        EXPECT_EQ(protection.iv, Bytes(start.begin() + 1, start.end()));
+        EXPECT_EQ(std::string(protection.keyId.begin(), protection.keyId.end()), keyId);
+        EXPECT_EQ(protection.iv, (host::InitVector{1, 2, 3, 4, 5, 6, 7, 8}));
         ASSERT_EQ(protection.subsamples.size(), row.parts.size());
         for (std::size_t i = 0; i < row.parts.size(); ++i) {
             EXPECT_EQ(protection.subsamples[i].clearBytes, row.parts[i].first);
@@ -214,7 +217,7 @@ TEST(Encryption, OfWebmFramesStandsInFrontOfThem) {
     }
     Protection whole, clear;
     EXPECT_EQ(take(keyId, Bytes{1, 1, 2, 3, 4, 5, 6, 7, 8, 'f'}, whole), "f");
-    EXPECT_EQ(whole.iv.size(), 8U);
+    EXPECT_EQ(whole.iv[7], 8);
     EXPECT_TRUE(whole.subsamples.empty());
     EXPECT_EQ(take(keyId, Bytes{2, 'f'}, clear), "f");
     EXPECT_EQ(clear.scheme, Protection::Scheme::None);

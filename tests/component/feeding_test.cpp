@@ -106,7 +106,7 @@ protected:
             data.pts = time;
             if (key != 0) {
                 data.protection.scheme = host::Protection::Scheme::Cenc;
-                data.protection.keyId.assign(16, key);
+                data.protection.keyId.fill(key);
             }
             auto& content = *m_content[id - 1];
             const std::lock_guard lock(content.mutex);

@@ -1,3 +1,4 @@
+#include "isobmff_sample_entry.h"
 #include "mp4_boxes.h"
 #include "segment_fixture.h"
 
@@ -258,8 +259,8 @@ std::string protectionOf(const Told& told) {
             text << "clear; ";
             continue;
         }
-        EXPECT_EQ(protection.keyId, Bytes(16, protection.keyId.at(0)));
-        EXPECT_EQ(protection.iv.size(), 16U);
+        const auto& key = protection.keyId;
+        EXPECT_EQ(std::count(key.begin(), key.end(), key[0]), 16);
         text << (protection.scheme == Protection::Scheme::Cenc ? "cenc " : "cbcs ")
              << int{protection.keyId[0]} << " " << int{protection.iv[0]} << "."
              << int{protection.iv[7]} << "." << int{protection.iv[8]} << " "
@@ -383,6 +384,74 @@ TEST(Protection, OfVectorsInTheFragmentItself) {
     EXPECT_EQ(protectionOf(*told), "cenc 1 1.1.0 1:9; cenc 1 2.2.0 1:9; cenc 1 3.3.0 1:9; ");
 }
 
+TEST(SampleEntry, TellsCodecAndItsData) {
+    const auto hvcC = [](std::uint8_t profile, std::uint64_t compatible, const Bytes& constraints,
+                         std::uint8_t level) {
+        return box("hvcC", Bytes{1, profile} + word(compatible) + constraints + Bytes{level} +
+                               Bytes(9) + Bytes{0});
+    };
+    const auto mpeg4 = [](std::uint8_t object, const Bytes& specific) {
+        return box("esds", word(0) + Bytes{3, 30, 0, 0, 0, 4, 20, object} + Bytes(12) +
+                               Bytes{5, static_cast<std::uint8_t>(specific.size())} + specific);
+    };
+    const auto vpcC = box("vpcC", word(0x1000000) + Bytes{2, 31, 0xa3, 9, 16, 9, 0, 0});
+    const auto av1C = [](std::uint8_t profile, std::uint8_t packed) {
+        return box("av1C", {0x81, profile, packed, 0});
+    };
+    const auto main = hvcC(1, 0x60000000, Bytes{0x90} + Bytes(5), 93);
+    const auto high = hvcC(0x62, 0x20000000, Bytes{0xb0, 0, 0x23} + Bytes(3), 150);
+    const auto baseline = box("avcC", {1, 0x42, 0xc0, 0x0d, 0xff, 0xe0, 0});
+    const auto bodyOf = [](const Bytes& whole) { return Bytes(whole.begin() + 8, whole.end()); };
+    const auto dOps = half(2) + half(0x138) + word(48000) + Bytes(3);
+    const auto opusHead = letters("OpusHead") + Bytes{1} + Bytes(dOps.begin() + 1, dOps.end());
+    const Bytes lc = {0x11, 0x90}, sbr = {0x2b, 0x11, 0x88, 0}, extended = {0xf9, 0x46, 0x40};
+    constexpr auto picture = StreamInfo::Kind::Video, sound = StreamInfo::Kind::Audio;
+    const struct {
+        StreamInfo::Kind kind;
+        Bytes entry;
+        const char *codecs, *codec;
+        int channels; ///< 0: it cannot be played
+        Bytes data = {};
+    } rows[] = {
+        {picture, visualEntry("avc1", avcC), "avc1.64001f", "h264", -1, bodyOf(avcC)},
+        {picture, visualEntry("avc3", baseline), "avc3.42c00d", "h264", -1, bodyOf(baseline)},
+        {picture, visualEntry("hvc1", main), "hvc1.1.6.L93.90", "hevc", -1, bodyOf(main)},
+        {picture, visualEntry("hev1", high), "hev1.A2.4.H150.B0.0.23", "hevc", -1, bodyOf(high)},
+        {picture, visualEntry("vp08", vpcC), "vp08.02.31.10.01.09.16.09.01", "vp8", -1},
+        {picture, visualEntry("vp09", vpcC), "vp09.02.31.10.01.09.16.09.01", "vp9", -1},
+        {picture, visualEntry("av01", av1C(8, 0)), "av01.0.08M.08", "av1", 0},
+        {picture, visualEntry("av01", av1C(0x33, 0xc0)), "av01.1.19H.10", "av1", 0},
+        {picture, visualEntry("av01", av1C(0x4d, 0x60)), "av01.2.13M.12", "av1", 0},
+        {sound, audioEntry("mp4a", mpeg4(0x40, lc)), "mp4a.40.2", "aac", 2},
+        {sound, audioEntry("mp4a", mpeg4(0x40, sbr)), "mp4a.40.5", "aac", 2},
+        {sound, audioEntry("mp4a", mpeg4(0x40, extended)), "mp4a.40.42", "aac", 0},
+        {sound, audioEntry("mp4a", mpeg4(0x67, lc)), "mp4a.67", "aac", 2},
+        {sound, audioEntry("mp4a", mpeg4(0x6b, {})), "mp4a.6B", "mp3", 2},
+        {sound, audioEntry("mp4a", mpeg4(0xa5, {})), "mp4a.A5", "ac3", 2},
+        {sound, audioEntry("mp4a", mpeg4(0xa6, {})), "mp4a.A6", "eac3", 2},
+        {sound, audioEntry("Opus", box("dOps", dOps)), "Opus", "opus", 2, opusHead},
+        {sound, audioEntry("fLaC", box("dfLa", Bytes(42))), "fLaC", "flac", 0},
+        {sound, audioEntry("ac-3", box("dac3", {0x10, 0x3d, 0xe0})), "ac-3", "ac3", 6},
+        {sound, audioEntry("ec-3", box("dec3", {6, 0xc0, 0x20, 0x0f, 0})), "ec-3", "eac3", 6},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.codecs);
+        host::BoxReader all(row.entry.data(), row.entry.size(), 0, 0, 0);
+        const auto told = host::readSampleEntry(*all.next(), row.kind);
+        EXPECT_EQ(told.codecs, row.codecs);
+        EXPECT_EQ(told.codec, row.codec);
+        EXPECT_EQ(told.fault.empty(), row.channels != 0) << told.fault;
+        if (!told.fault.empty())
+            continue;
+        const auto& config = *told.config;
+        EXPECT_EQ(Bytes(config.codecData, config.codecData + config.codecDataSize), row.data);
+        if (row.kind == sound) {
+            EXPECT_EQ(config.channels, row.channels);
+            EXPECT_EQ(config.sampleRate, 48000);
+        }
+    }
+}
+
 TEST(Boxes, BeforeAndBetweenSegmentsAreTakenOrPassedOver) {
     const auto pssh = [](std::size_t size) { return box("pssh", Bytes(size)); };
     const auto emsg0 =
@@ -473,13 +542,17 @@ TEST(Fault, NamesTheBoxAndItsPlace) {
          "has no 'mvex': the file is not fragmented, which a media source needs; package it anew "
          "in fragments"},
         {movie({{}, {}}), "has the number of another track"},
+        {ftyp + box("moov", box("mvhd", word(0) + Bytes(8) + word(1) + word(0)) + bytesOf(Track{}) +
+                                box("mvex", box("trex", word(0) + word(2) + Bytes(16)))),
+         "has no 'trex' for the track 1"},
         {movie({{video, visualEntry("avc1", avcC), {}, box("stts", word(0) + word(1) + Bytes(8))}}),
          "describes samples; a media source takes those of fragments alone"},
         {entry({}), "describes no samples"},
         {entry(visualEntry("avc1", {})), "has no 'avcC'"},
         {entry(visualEntry("av01", box("av1C", {0x81, 8, 12, 0}))),
          "the video codec av1 cannot be played"},
-        {entry(visualEntry("mp4v", {})), "the video codec mp4v cannot be played"},
+        {entry(visualEntry("mp4v", {})),
+         faultAt(ftyp, "moov", "is refused: the video codec mp4v cannot be played")},
         {movie({{audio, audioEntry("fLaC", {}), {}, {}, "soun"}}),
          "the audio codec flac cannot be played"},
         {movie({{audio, audioEntry("mp4a", box("esds", word(0) + Bytes{4})), {}, {}, "soun"}}),
@@ -501,6 +574,11 @@ TEST(Fault, NamesTheBoxAndItsPlace) {
          "does not say where its samples are, counted from the 'moof' (data offset)"},
         {media({word(0x20002) + word(video) + word(2), tfdt, {{}}}),
          "names the sample description 2, which is not there"},
+        {media({word(0x20000) + word(5), tfdt, {{}}}),
+         "is of the track 5, which the 'moov' does not have"},
+        {entry(visualEntry("avc1", avcC) + visualEntry("mp4v", {})) +
+             segment({{word(0x20002) + word(video) + word(2), tfdt, {{}}}}),
+         "is refused: the video codec mp4v cannot be played"},
         {media({tfhd, tfdt, {{0x101, 3, word(1) + word(2)}}}), "is too short for its 3 samples"},
         {media({tfhd, tfdt, {{1, 0xffffffff}}}), "has too many samples: 4294967295"},
         {media({tfhd, tfdt, {{1, 17}}}), "ends before its last sample"},
@@ -513,11 +591,14 @@ TEST(Fault, NamesTheBoxAndItsPlace) {
          ", of which a 'moof' tells, are not there"},
         {media({tfhd, box("tfdt", word(0x1000000) + word(~0U) + word(0)), {{}}}),
          "has too late a time"},
-        {protectedBy + good, "encrypted samples have no initialization vectors ('senc', 'saiz')"},
+        {protectedBy + good,
+         faultAt(protectedBy + Bytes(24), "traf",
+                 "has encrypted samples without initialization vectors ('senc', 'saiz')")},
         {protectedBy + segment({{tfhd, tfdt + box("saiz", word(0) + Bytes{8} + word(3)), {{}}}}),
          "does not say where the vectors of its samples are ('saio')"},
         {protectedBy + segment({{tfhd, tfdt + group(word(1) + word(0x10001)), {{}}}}),
-         "the sample group 'seig' of encrypted samples is not described ('sgpd')"},
+         faultAt(protectedBy + Bytes(24), "traf",
+                 "has encrypted samples of a group 'seig' that is not described ('sgpd')")},
         {protectedBy + segment({{tfhd,
                                  tfdt + box("senc", word(2) + word(1) + Bytes(8) + half(1) +
                                                         half(1) + word(9)),

@@ -54,11 +54,11 @@ std::string toldOf(const Bytes& moov) {
     const auto& told = found->second.encryption;
     if (!told.encrypted)
         return "clear";
-    EXPECT_EQ(told.keyId, Bytes(16, told.keyId.at(0)));
+    EXPECT_EQ(std::count(told.keyId.begin(), told.keyId.end(), told.keyId[0]), 16);
     std::ostringstream text;
     text << (told.scheme == host::Protection::Scheme::Cenc ? "cenc" : "cbcs") << " key "
          << int{told.keyId[0]} << " " << told.cryptByteBlock << ":" << told.skipByteBlock << " iv "
-         << told.ivSize << "+" << told.constantIv.size();
+         << told.ivSize << "+" << (told.constantIv ? told.constantIv->size() : 0);
     return text.str();
 }
 

@@ -411,8 +411,7 @@ private:
         data.protection.subsamples = {
             {static_cast<std::uint32_t>(clear), static_cast<std::uint32_t>(data.size - clear)}};
         data.protection.scheme = host::Protection::Scheme::Cenc;
-        data.protection.keyId.assign(1, m_round);
-        data.protection.iv.assign(8, 0);
+        data.protection.keyId = {static_cast<std::uint8_t>(m_round)};
         return std::make_unique<host::Sample>(data);
     }
 

@@ -12,7 +12,8 @@ using host::CodedFrame;
 using host::Protection;
 using host::SegmentParser;
 
-inline std::string hexOf(const Bytes& bytes) {
+template <typename Range>
+std::string hexOf(const Range& bytes) {
     std::ostringstream text;
     for (const auto byte : bytes)
         text << std::hex << std::setw(2) << std::setfill('0') << int{byte};

@@ -107,7 +107,7 @@ std::string textOf(const UVAStreamConfig& config) {
     std::ostringstream text;
     text << config.codec << " " << config.sampleRate << " Hz " << config.channels << " channels "
          << config.width << "x" << config.height << " "
-         << hexOf({config.codecData, config.codecData + config.codecDataSize});
+         << hexOf(Bytes(config.codecData, config.codecData + config.codecDataSize));
     return text.str();
 }
 
@@ -134,7 +134,7 @@ TEST_P(Segments, HoldWhatTheDemuxerFinds) {
         for (std::size_t i = 0; i < std::min(frames.size(), samples.size()); ++i) {
             const auto& frame = frames[i];
             const auto& sample = samples[i]->data();
-            ASSERT_EQ(contentOf(frame), contentOf(sample)) << i;
+            ASSERT_EQ(contentOf(host::Sample(frame).data()), contentOf(sample)) << i;
             ASSERT_EQ(textOf(*frame.config), textOf(*sample.config)) << i;
             if (isWebm && track.info.codec == "opus" && i == 1)
                 delay = frame.pts - sample.pts;

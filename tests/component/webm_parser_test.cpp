@@ -1,4 +1,5 @@
 #include "segment_fixture.h"
+#include "webm_ids.h"
 
 namespace {
 
@@ -26,45 +27,19 @@ Bytes unsized(std::uint32_t id) {
     return idOf(id) + number(0x01ffffffffffffff, 8);
 }
 
-enum Id : std::uint32_t {
-    Ebml = 0x1A45DFA3,
-    DocType = 0x4282,
-    Void = 0xEC,
-    Segment = 0x18538067,
-    Info = 0x1549A966,
-    TimecodeScale = 0x2AD7B1,
-    Duration = 0x4489,
-    Tracks = 0x1654AE6B,
-    TrackEntry = 0xAE,
-    TrackNumber = 0xD7,
-    TrackType = 0x83,
-    DefaultDuration = 0x23E383,
-    CodecId = 0x86,
-    CodecPrivate = 0x63A2,
-    Name = 0x536E,
-    Language = 0x22B59C,
-    Audio = 0xE1,
-    SamplingFrequency = 0xB5,
-    ContentEncodings = 0x6D80,
-    ContentEncoding = 0x6240,
-    ContentEncodingType = 0x5033,
-    ContentEncryption = 0x5035,
-    ContentEncAlgo = 0x47E1,
-    ContentEncKeyId = 0x47E2,
-    Cluster = 0x1F43B675,
-    Timecode = 0xE7,
-    SimpleBlock = 0xA3,
-    BlockGroup = 0xA0,
-    Block = 0xA1,
-    BlockDuration = 0x9B,
-    ReferenceBlock = 0xFB,
-    Cues = 0x1C53BB6B,
-    Tags = 0x1254C367,
-};
+using namespace host::webm;
 
 Bytes track(std::uint8_t id, std::uint8_t type, const std::string& codec, const Bytes& more = {}) {
     return element(TrackEntry, element(TrackNumber, {id}) + element(TrackType, {type}) +
                                    element(CodecId, letters(codec)) + more);
+}
+
+Bytes encryptedWith(const Bytes& keyId) {
+    return element(ContentEncodings,
+                   element(ContentEncoding,
+                           element(ContentEncodingType, {1}) +
+                               element(ContentEncryption, element(ContentEncAlgo, {5}) +
+                                                              element(ContentEncKeyId, keyId))));
 }
 
 const Bytes opusHead = letters("OpusHead") + Bytes{1, 2, 0x38, 1, 0x80, 0xbb, 0, 0, 0, 0, 0};
@@ -109,7 +84,7 @@ std::string timesOf(const Told& told) {
 TEST(Webm, TellsTimesAndDurations) {
     const auto group = [](const Bytes& more, std::uint16_t time = 0,
                           const Bytes& frames = Bytes(5)) {
-        return element(BlockGroup, element(Block, block(1, time, 0, frames)) + more);
+        return element(BlockGroup, element(BlockOfGroup, block(1, time, 0, frames)) + more);
     };
     const auto lasts = [](std::uint8_t ticks) { return element(BlockDuration, {ticks}); };
     const auto steady = track(1, 1, "V_VP8", element(DefaultDuration, number(40000000, 4)));
@@ -205,12 +180,7 @@ TEST(Webm, SegmentsComeInAnyOrder) {
 
 TEST(Webm, DescribesItsTracks) {
     const auto keyId = letters("0123456789012345");
-    const auto encrypted =
-        element(ContentEncodings,
-                element(ContentEncoding,
-                        element(ContentEncodingType, {1}) +
-                            element(ContentEncryption, element(ContentEncAlgo, {5}) +
-                                                           element(ContentEncKeyId, keyId))));
+    const auto encrypted = encryptedWith(keyId);
     const auto features = element(CodecPrivate, {1, 1, 2, 2, 1, 31, 3, 1, 10});
     const auto told = parse(
         init(track(1, 1, "V_VP9", features + encrypted + element(Language, letters("und"))) +
@@ -229,7 +199,7 @@ TEST(Webm, DescribesItsTracks) {
     ASSERT_EQ(tracks.size(), 2U);
     EXPECT_EQ(tracks[0].codecs, "vp09.02.31.10");
     EXPECT_EQ(tracks[0].language, "");
-    EXPECT_EQ(tracks[0].keyId, keyId);
+    EXPECT_EQ(hexOf(tracks[0].keyId), hexOf(keyId));
     EXPECT_EQ(tracks[1].codecs, "opus");
     EXPECT_EQ(tracks[1].label, "left");
     EXPECT_EQ(tracks[1].config->channels, 2);
@@ -239,8 +209,8 @@ TEST(Webm, DescribesItsTracks) {
         protection += std::to_string(frame.sample.size) + text.substr(text.find(" key") + 4) + "; ";
     }
     const auto id = hexOf(keyId);
-    EXPECT_EQ(protection, "4; 6 cenc " + id + " 0404040404040404 0:0 2+4; 4 cenc " + id +
-                              " 0303030303030303 0:0; ");
+    EXPECT_EQ(protection, "4; 6 cenc " + id + " 04040404040404040000000000000000 0:0 2+4; 4 cenc " +
+                              id + " 03030303030303030000000000000000 0:0; ");
 }
 
 TEST(Webm, FaultsNameTheElementAndItsPlace) {
@@ -265,6 +235,8 @@ TEST(Webm, FaultsNameTheElementAndItsPlace) {
         {head + info + unsized(Tracks) + vp8, "does not tell its size"},
         {head + element(Info, element(TimecodeScale, {0})), "has the time scale 0"},
         {ebml + info, at(ebml) + "is in no Segment"},
+        {head + info + ebml, at(head + info) + "(EBML) comes before the initialization segment in "
+                                               "front of it is complete"},
         {ebml + element(Segment, info), at(ebml) + "(Segment) ends before its Tracks"},
         {ebml + idOf(Segment) + Bytes{0x84} + info, at(ebml) + "holds more than its size says"},
         {head + idOf(Info) + Bytes{0x84} + element(TimecodeScale, {1}),
@@ -288,7 +260,14 @@ TEST(Webm, FaultsNameTheElementAndItsPlace) {
         {start + element(Cluster, simple(0)),
          "(Cluster) does not tell its time before its first block"},
         {start + cluster(0, simple(10) + simple(5)),
-         "(a block) comes behind one of the same track with a later time"},
+         "(a block) comes behind one with a later time"},
+        {init(vp8 + opus) + cluster(0, simple(10) + simple(5, {0x78}, key, 2)),
+         "(a block) comes behind one with a later time"},
+        {init(vp8 + opus) + cluster(0, simple(0)),
+         at(init(vp8 + opus)) + "(Cluster) has no block of the track 2"},
+        {init(vp8 +
+              track(2, 2, "A_OPUS", element(CodecPrivate, opusHead) + encryptedWith(Bytes(5)))),
+         "is encrypted with a key whose id has not 16 bytes, but 5"},
         {start + idOf(Cluster) + Bytes{0x84} + element(Timecode, Bytes(4)),
          at(start) + "holds more than its size says"},
         {start + idOf(Cluster) + Bytes{0x84} + Bytes{Timecode, 0x83, 0, 0, 0},

@@ -6,19 +6,18 @@ const { MIMEType } = require('whatwg-mimetype');
 /**
  * Codecs by the container that has them. `kind` is that of their tracks; the pattern is of the whole
  * identifier. `stream` is how the library calls what its list of codecs does not name, or not so. None
- * of the byte streams has its timestamps generated (MSE byte stream registry).
+ * of the byte streams has its timestamps generated (MSE byte stream registry). AV1 and FLAC are not
+ * here: samples that are pushed have no name for them (UVAStreamConfig).
  */
 const codecs = [
   { kind: 'video', containers: ['mp4'], pattern: /^avc[13]\.[0-9A-Fa-f]{6}$/ },
   { kind: 'video', containers: ['mp4'], pattern: /^(hvc1|hev1)\.[A-C]?\d{1,2}\.[0-9A-Fa-f]{1,8}\.[LH]\d{1,3}(\.[0-9A-Fa-f]{1,2}){0,6}$/ },
   { kind: 'video', containers: ['mp4', 'webm'], pattern: /^vp09(\.\d\d){3}((\.\d\d){5})?$/ },
-  { kind: 'video', containers: ['mp4', 'webm'], pattern: /^av01\.[0-2]\.\d\d[MH]\.(08|10|12)(\.\d(\.\d{3}(\.\d\d){3}\.\d)?)?$/ },
   { kind: 'video', containers: ['webm'], pattern: /^vp9(\.0)?$/ },
   { kind: 'video', containers: ['webm'], pattern: /^(vp8(\.0)?|vp08(\.\d\d){3}((\.\d\d){5})?)$/, stream: 'video/x-vp8' },
   { kind: 'audio', containers: ['mp4'], pattern: /^mp4a\.40\.0?(2|5|29)$/ },
   { kind: 'audio', containers: ['mp4'], pattern: /^mp4a\.6[678]$/ },
   { kind: 'audio', containers: ['mp4'], pattern: /^(ac-3|ec-3|mp4a\.[aA][56])$/ },
-  { kind: 'audio', containers: ['mp4'], pattern: /^(fLaC|flac)$/, stream: 'audio/x-flac' },
   { kind: 'audio', containers: ['mp4', 'webm'], pattern: /^(Opus|opus)$/, stream: 'audio/x-opus' },
   { kind: 'audio', containers: ['webm'], pattern: /^vorbis$/ },
 ];

@@ -19,12 +19,11 @@ struct SegmentEnd {};
 using Item = std::variant<host::InitSegment, host::InitData, std::vector<host::CodedFrame>,
                           host::EventMessage, SegmentEnd>;
 
-Napi::Value hexOrNull(Napi::Env env, const std::vector<std::uint8_t>& keyId) {
-    host::KeyBytes bytes{};
-    if (keyId.size() != bytes.size())
+/// Of what is clear, null.
+Napi::Value keyIdOf(Napi::Env env, host::Protection::Scheme scheme, const host::KeyBytes& keyId) {
+    if (scheme == host::Protection::Scheme::None)
         return env.Null();
-    std::copy(keyId.begin(), keyId.end(), bytes.begin());
-    return Napi::String::New(env, host::hexText(bytes));
+    return Napi::String::New(env, host::hexText(keyId));
 }
 
 Napi::Uint8Array bytesOf(Napi::Env env, const std::vector<std::uint8_t>& bytes) {
@@ -57,7 +56,7 @@ Napi::Object trackOf(Napi::Env env, const host::TrackDescription& track) {
     object.Set("mimeType", track.info.mimeType);
     object.Set("language", track.language);
     object.Set("label", track.label);
-    object.Set("keyId", hexOrNull(env, track.keyId));
+    object.Set("keyId", keyIdOf(env, track.scheme, track.keyId));
     if (track.config == nullptr)
         return object;
     object.Set("width", track.config->width);
@@ -95,7 +94,8 @@ Napi::Value keyIdsOf(Napi::Env env, const std::vector<host::CodedFrame>& frames)
     if (std::none_of(frames.begin(), frames.end(), isEncrypted))
         return env.Null();
     return arrayOf(env, frames, [](Napi::Env at, const host::CodedFrame& frame) {
-        return isEncrypted(frame) ? hexOrNull(at, frame.sample.protection.keyId) : at.Null();
+        const auto& protection = frame.sample.protection;
+        return keyIdOf(at, protection.scheme, protection.keyId);
     });
 }
 

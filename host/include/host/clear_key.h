@@ -26,7 +26,7 @@ bool parseKey(const std::string& text, KeyPair& pair);
 std::string hexText(const KeyBytes& bytes);
 
 /// Content protection with keys that are simply known: "cenc" (AES-CTR) and "cbcs" (AES-CBC with a
-/// pattern), ISO/IEC 23001-7. Key ids are those of keyReference(). Nothing blocks: a decrypter
+/// pattern), ISO/IEC 23001-7. Key ids are KeyReferences. Nothing blocks: a decrypter
 /// whose key is not there is refused. Every decrypter has a key slot, numbered from 1. Those that
 /// are not given back end with this object. Thread-safe.
 ///

@@ -12,6 +12,8 @@ namespace host {
 
 /// 128 bits: a key id or a key.
 using KeyBytes = std::array<std::uint8_t, 16>;
+/// One of 64 bits has zeros behind it.
+using InitVector = std::array<std::uint8_t, 16>;
 
 /// How a sample is encrypted (ISO/IEC 23001-7). A plain value.
 struct Protection {
@@ -22,8 +24,8 @@ struct Protection {
     };
 
     Scheme scheme = Scheme::None;
-    std::vector<std::uint8_t> keyId; ///< 16 bytes
-    std::vector<std::uint8_t> iv;    ///< Cenc: 8 or 16 bytes; Cbcs: 16, constant
+    KeyBytes keyId = {};
+    InitVector iv = {};
     unsigned int cryptByteBlock = 0; ///< 16-byte blocks encrypted, then skipped, in turn
     unsigned int skipByteBlock = 0;
     std::vector<UVASample::Subsample> subsamples; ///< empty: the sample is encrypted as a whole
@@ -41,12 +43,29 @@ struct SampleData {
     Protection protection;
 };
 
+/// The name that a backend hands from a sample to the host's content protection, which makes the
+/// decrypter. A decrypter sees ranges but neither scheme nor pattern, and one key may serve tracks
+/// with different ones: so they are part of the name. The 16 bytes of the key id, and for Cbcs the
+/// two pattern counts behind them, a byte each. Empty for a clear sample.
+class KeyReference {
+public:
+    explicit KeyReference(const Protection& protection);
+
+    const std::uint8_t* data() const { return m_size == 0 ? nullptr : m_bytes.data(); }
+    std::size_t size() const { return m_size; }
+
+private:
+    std::array<std::uint8_t, sizeof(KeyBytes) + 2> m_bytes = {};
+    std::size_t m_size = 0;
+};
+
 /// A sample as the backend takes it. Immutable; any thread.
 class Sample final : public UVASample {
 public:
     explicit Sample(SampleData data);
     ~Sample() override;
 
+    /// One that is encrypted as a whole has an entry with all of its bytes.
     const SampleData& data() const { return m_data; }
 
     const std::uint8_t* payload() const override { return m_data.payload.get(); }
@@ -56,28 +75,25 @@ public:
     double duration() const override { return m_data.duration; }
     const UVAStreamConfig* config() const override { return m_data.config.get(); }
 
-    /// What names the key, and how it is used, to the host's own content protection: see
-    /// keyReference(). Null when the sample is clear.
-    const std::uint8_t* keyId() const override;
+    /// What names the key, and how it is used, to the host's own content protection: a
+    /// KeyReference. Null when the sample is clear.
+    const std::uint8_t* keyId() const override { return m_keyReference.data(); }
     std::size_t keyIdSize() const override { return m_keyReference.size(); }
-    const std::uint8_t* iv() const override { return m_data.protection.iv.data(); }
-    std::size_t ivSize() const override { return m_data.protection.iv.size(); }
+    const std::uint8_t* iv() const override { return isClear() ? nullptr : vector().data(); }
+    std::size_t ivSize() const override { return isClear() ? 0 : vector().size(); }
     unsigned int cryptByteBlock() const override { return m_data.protection.cryptByteBlock; }
     unsigned int skipByteBlock() const override { return m_data.protection.skipByteBlock; }
-    /// A sample that is encrypted as a whole answers one entry with all of its bytes.
-    const std::vector<Subsample>& subsamples() const override { return m_subsamples; }
+    const std::vector<Subsample>& subsamples() const override {
+        return m_data.protection.subsamples;
+    }
 
 private:
-    const SampleData m_data;
-    const std::vector<std::uint8_t> m_keyReference;
-    const std::vector<Subsample> m_subsamples;
-};
+    bool isClear() const { return m_keyReference.size() == 0; }
+    const InitVector& vector() const { return m_data.protection.iv; }
 
-/// The name that a backend hands from a sample to the host's content protection, which makes the
-/// decrypter. A decrypter sees ranges but neither scheme nor pattern, and one key may serve tracks
-/// with different ones: so they are part of the name. The 16 bytes of the key id, and for Cbcs the
-/// two pattern counts behind them, a byte each. Empty for a clear sample.
-std::vector<std::uint8_t> keyReference(const Protection& protection);
+    const SampleData m_data;
+    const KeyReference m_keyReference;
+};
 
 } // namespace host
 

@@ -21,7 +21,7 @@ struct TrackDescription {
     std::string label;
     std::shared_ptr<const UVAStreamConfig> config;        ///< of samples that name no other
     Protection::Scheme scheme = Protection::Scheme::None; ///< None: the track begins clear
-    std::vector<std::uint8_t> keyId; ///< 16 bytes, of samples that name none; empty: clear
+    KeyBytes keyId = {};                                  ///< of encrypted samples that name none
 };
 
 /// What a key system makes a request for a licence from (EME, initialization data).

@@ -247,9 +247,9 @@ test('content types', async () => {
   const { window, native } = await openSource();
   const answers = {
     true: ['video/mp4;codecs="avc1.4d001e,mp4a.40.2"', 'VIDEO/MP4; CODECS="mp4a.40.2 , avc1.4D401E "', 'video/mp4;codecs=avc1.4d001e', 'video/mp4', 'audio/mp4;codecs="mp4a.67"',
-      'video/webm; codecs="vp8, vorbis"', 'video/webm;codecs="vp09.00.10.08"', 'video/mp4;codecs="hev1.2.4.L120.B0, ec-3"', 'video/mp4; codecs="av01.0.04M.08"', 'audio/mp4; codecs="opus"; x="y"'],
+      'video/webm; codecs="vp8, vorbis"', 'video/webm;codecs="vp09.00.10.08"', 'video/mp4;codecs="hev1.2.4.L120.B0, ec-3"', 'audio/mp4; codecs="opus"; x="y"'],
     false: ['', 'video', 'video/', 'video/mp4;codecs=""', 'video/webm', 'video/webm;codecs', 'video/webm;codecs=', 'video/webm;codecs="', 'video/webm;codecs=","', 'text/mp4;codecs="avc1.4d001e"',
-      'audio/mp4;codecs="avc1.4d001e"', 'video/mp4;codecs="vp8"', 'video/webm;codecs="mp4a.40.2"', 'audio/mp4;codecs="mp4a"', 'audio/mp4;codecs="mp4a.40."', 'audio/mp4;codecs="mp4a.67.3"', 'video/mp4;codecs="avc1"'],
+      'audio/mp4;codecs="avc1.4d001e"', 'video/mp4;codecs="vp8"', 'video/webm;codecs="mp4a.40.2"', 'audio/mp4;codecs="mp4a"', 'audio/mp4;codecs="mp4a.40."', 'audio/mp4;codecs="mp4a.67.3"', 'video/mp4;codecs="avc1"', 'video/mp4; codecs="av01.0.04M.08"', 'audio/mp4; codecs="flac"'],
   };
   const asked = [];
   native.canPlayType = (type) => ({ canPlay: asked.push(type) > 0 });
