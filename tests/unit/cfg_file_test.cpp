@@ -105,6 +105,7 @@ TEST_F(CfgFileTest, ReadsWhatTheFormatAllows) {
 TEST_F(CfgFileTest, WaitsForNothingThatIsNoFile) {
     EXPECT_EQ(read("/no/such/file"), "-2305");
     EXPECT_EQ(CCfgFile().ReadCfgfile(nullptr), -2305);
+    EXPECT_EQ(ProcessCfgfileData(nullptr, nullptr, nullptr, 1, ','), 0);
     EXPECT_EQ(screen.take(), "");
     const auto fifo = folder / "fifo";
     ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);

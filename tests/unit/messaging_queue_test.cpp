@@ -249,6 +249,19 @@ TEST_F(MessagingTest, CopyTakesAPayloadOnlyWithItsSize) {
         copy = static_cast<const CZantMsg&>(copy);
         EXPECT_EQ(copy.signalPtr != nullptr, row.copied) << "assigned to itself";
     }
+    // It can be sent without, which is warned of.
+    CZantMsgQueue queue;
+    ASSERT_EQ(open(queue), 0);
+    for (const bool byHandle : {false, true}) {
+        CZantMsg msg(517);
+        load(msg, "hello");
+        msg.signalSize = 0;
+        EXPECT_EQ(byHandle ? CZantMsgQueue::Send(queue.handle, &msg, 0) : queue.Send(&msg, 0), 0);
+        EXPECT_EQ(traced("Signal pointer is set, but signalSize is 0"), 1);
+        CZantMsg received;
+        EXPECT_EQ(queue.Receive(&received, 0), 0);
+        EXPECT_STREQ(static_cast<char*>(received.signalPtr), "hello");
+    }
 }
 
 TEST_F(MessagingTest, FailedSendFreesThePayloadsAndSaysWhy) {

@@ -122,8 +122,10 @@ const bool worksAtLoad = [] {
     const bool works = queue.Open(name.c_str(), O_RDWR | O_CREAT, 0600, 2, true) == 0 &&
                        looper.StartThread("at load", 0, 0) == 0 &&
                        CZantMsgQueue::GetQueueNameByHandle(queue.handle) == name;
-    looper.StopThreadAndWait();
-    return works && looper.entered == 1;
+    const auto threads = nrOfThreads();
+    CThreadObject::StopAllThreads(); // the process's first among them
+    CThreadObject::Start();
+    return works && looper.entered == 1 && nrOfThreads() < threads;
 }();
 
 } // namespace
