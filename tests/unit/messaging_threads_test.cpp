@@ -285,6 +285,8 @@ TEST_F(ThreadsTest, StopAllStopsInOrderAndLeavesItsCaller) {
 
 TEST_F(ThreadsTest, QueueThreadHandlesWhatCameBeforeTheStop) {
     Recorder recorder;
+    ASSERT_EQ(recorder.init(), 0);
+    EXPECT_NE(recorder.init(-1), 0) << "it has no queue any more";
     EXPECT_EQ(recorder.StartThread("early", 0, 0), -1111);
     EXPECT_EQ(recorder.post(), -1110);
     EXPECT_EQ(recorder.post(SIG_ID_STOP_THREAD), 0);

@@ -180,6 +180,7 @@ TEST_F(LogTest, LinesGoToTheFileInBothModes) {
               std::string::npos);
     EXPECT_EQ(s_slept, 2100000U);
     ASSERT_EQ(zantTrace.StartTracingToFile(), 0);
+    EXPECT_EQ(screen.take().find("failed"), std::string::npos);
     EXPECT_EQ(zantTrace.SetTraceModeWriteToLogfileIfDirectPrint(1), 0);
     zantTrace.SetInitialInfoWhenTracingToFileStartsFunction(nullptr);
     EXPECT_EQ(infos, 2);

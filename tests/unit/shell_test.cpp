@@ -10,6 +10,7 @@
 #include "trace_fixture.h"
 
 #include <algorithm>
+#include <csignal>
 #include <memory>
 #include <vector>
 
@@ -206,6 +207,17 @@ TEST_F(ShellTest, AnswersEveryCommand) {
     }
     mshell.ProcessMshellCmd("m_echo");
     EXPECT_EQ(screen.take(), "");
+}
+
+/// Commands run on threads that take no signals.
+TEST_F(ShellTest, WhatACommandRunsCanBeInterrupted) {
+    sigset_t all{}, before{};
+    sigfillset(&all);
+    pthread_sigmask(SIG_SETMASK, &all, &before);
+    const int32_t result =
+        mshell.ProcessMshellCmd("m_ls -d / && grep -q '^SigBlk:.0*$' /proc/self/status");
+    pthread_sigmask(SIG_SETMASK, &before, nullptr);
+    EXPECT_EQ(result, 0);
 }
 
 TEST_F(ShellTest, UnitsBearTheNamesOfTheHost) {

@@ -60,6 +60,10 @@ TEST_F(TimeTraceTest, PrintsOneLineAPoint) {
               std::string::npos);
     EXPECT_NE(text.find(" opened\n0002 Id = -001 usec = "), std::string::npos);
     EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 3);
+    trace.InitTT();
+    trace.TTPrint();
+    EXPECT_EQ(screen.take(), "0000 Id = 0000 usec = 000000 Diff (sec.usec) = 000.000000 "
+                             "--- THREAD COLLISION ---\n");
 }
 
 TEST_F(TimeTraceTest, TotalsGoFromTheStartToTheLastPointAndToNow) {
