@@ -399,6 +399,21 @@ TEST_F(ThreadsTest, CancelledThreadLosesNoLockAndNoPayload) {
     }
 }
 
+TEST_F(ThreadsTest, ObjectsAreListedOnceUntilTheyAreRemoved) {
+    Looper looper;
+    const std::string name = "listed by hand";
+    ASSERT_EQ(looper.StartThread(name.c_str(), 0, 0), 0);
+    looper.StopThreadAndWait();
+    EXPECT_EQ(listing(screen, 0).find(name), std::string::npos);
+    for (CThreadObject* const object : {&looper, &looper, static_cast<Looper*>(nullptr)})
+        CThreadObject::AddThreadToGlobalThreadList(object);
+    const std::string all = listing(screen, 0);
+    EXPECT_NE(all.find(name), std::string::npos);
+    EXPECT_EQ(all.find(name), all.rfind(name));
+    CThreadObject::RemoveThreadFromGlobalThreadList(&looper);
+    EXPECT_EQ(listing(screen, 0).find(name), std::string::npos);
+}
+
 TEST_F(ThreadsTest, ListingSelectsByEitherHandle) {
     Looper looper;
     Recorder recorder;

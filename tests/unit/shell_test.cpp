@@ -152,6 +152,7 @@ TEST_F(ShellTest, AnswersEveryCommand) {
         {"m_traceoff 7", 0, "Trace switched off for unit 7 (", "SetTraceOff", 1},
         {"m_traceoff", -1703, "ERROR: Parameter 1 (trace unit) is missing\n"},
         {"m_tracestate 7", 0, "state = 70 (TRACELEVEL_NO_TRACE)\n"},
+        {"m_tracestate", 0, "Trace unit   2 TUNER"},
         {"m_tracestate -1", -1703, "ERROR: Parameter 1 (trace unit)", "TraceState", 1},
         {"m_traceonall", -1703, "ERROR: Parameter 1 (trace level) is missing\n"},
         {"m_traceonall 30", 0, "Trace switched on for all units to TRACELEVEL_WARNING\n",
@@ -282,7 +283,7 @@ TEST_F(ShellTest, DebugCommandsKeepTheFirstFunction) {
     CZantDbg commands;
     commands.AddZantDbgCmd(5, [](unsigned id) { return static_cast<int>(id); });
     commands.AddZantDbgCmd(5, [](unsigned) { return -1; });
-    commands.AddZantDbgCmd(6, nullptr);
+    EXPECT_EQ(commands.AddZantDbgCmd(6, nullptr), 0) << "it is only traced";
     EXPECT_EQ(commands.ExecuteZantDbgCmd(5), 5);
     EXPECT_EQ(commands.ExecuteZantDbgCmd(6), -2500);
     screen.take();
