@@ -125,7 +125,7 @@ const bool worksAtLoad = [] {
     const auto threads = nrOfThreads();
     CThreadObject::StopAllThreads(); // the process's first among them
     CThreadObject::Start();
-    return works && looper.entered == 1 && nrOfThreads() < threads;
+    return works && looper.entered == 1 && waitUntil([&] { return nrOfThreads() < threads; });
 }();
 
 } // namespace
