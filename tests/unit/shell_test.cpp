@@ -157,7 +157,9 @@ TEST_F(ShellTest, AnswersEveryCommand) {
         {"m_traceonall", -1703, "ERROR: Parameter 1 (trace level) is missing\n"},
         {"m_traceonall 30", 0, "Trace switched on for all units to TRACELEVEL_WARNING\n",
          "SetTraceOnAll", 1},
+        {"m_tracestate 7", 0, "state = 30 (TRACELEVEL_WARNING)\n"},
         {"m_traceoffall", 0, "All traces switched off\n", "SetTraceOffAll", 0},
+        {"m_tracestate 7", 0, "state = 70 (TRACELEVEL_NO_TRACE)\n"},
         {"m_timestampson", 0, "Trace timestamps switched on\n", "TimestampsOn", 0},
         {"m_timestampsoff 1", 0, "Trace timestamps switched off\n", "TimestampsOff", 0},
         {"m_tracedirectprintmode", -1703, "ERROR: Parameter 1 (DirectPrintMode) is missing\n"},
@@ -281,7 +283,7 @@ TEST_F(ShellTest, SurvivesHandlersThatAreMissingOrThrow) {
 
 TEST_F(ShellTest, DebugCommandsKeepTheFirstFunction) {
     CZantDbg commands;
-    commands.AddZantDbgCmd(5, [](unsigned id) { return static_cast<int>(id); });
+    EXPECT_EQ(commands.AddZantDbgCmd(5, [](unsigned id) { return static_cast<int>(id); }), 0);
     commands.AddZantDbgCmd(5, [](unsigned) { return -1; });
     EXPECT_EQ(commands.AddZantDbgCmd(6, nullptr), 0) << "it is only traced";
     EXPECT_EQ(commands.ExecuteZantDbgCmd(5), 5);
