@@ -22,6 +22,7 @@ TEST(Movie, TellsHowLongItIs) {
         {0, {}, endless},
         {~0U, {}, endless},
         {1500, whole(0), 1.5},
+        {1500, box("mehd", word(0x1000000) + word(~0U) + word(~0U)), 1.5},
         {0, box("mehd", word(0x1000000) + word(1) + word(0)), 4294967.296},
     };
     for (const auto& row : rows) {
