@@ -17,7 +17,8 @@ public:
         std::deque<std::unique_ptr<host::Sample>> samples;
         bool ended = false;
         std::string error, seekError;
-        std::string asked; ///< "read 3", "seek 5", "interrupt", ...
+        std::string asked;               ///< "read 3", "seek 5", "interrupt", ...
+        std::atomic<bool> isHeld{false}; ///< a read does not return
     };
 
     FilledStream(StreamInfo info, std::shared_ptr<Content> content)
@@ -25,8 +26,12 @@ public:
 
     const StreamInfo& info() const override { return m_info; }
     Batch read(std::size_t count) override {
+        {
+            const std::lock_guard lock(m_content->mutex);
+            m_content->asked += "read " + std::to_string(count) + "; ";
+        }
+        waitUntil([this] { return !m_content->isHeld; });
         const std::lock_guard lock(m_content->mutex);
-        m_content->asked += "read " + std::to_string(count) + "; ";
         Batch batch;
         auto& samples = m_content->samples;
         for (; count > 0 && !samples.empty(); --count) {
@@ -280,6 +285,19 @@ TEST_F(FeedingTest, BeginsAnewWhereItIsSoughtTo) {
     EXPECT_EQ(m_recorder.status().reason, "no way back");
     m_element->release(longBound);
     expectAsked(2, "interrupt; ");
+}
+
+TEST_F(FeedingTest, WhatIsBeingReadWhenASeekComesIsDropped) {
+    startPlaying(5, 5);
+    put(1, {0.5, 2.25});
+    m_content[0]->isHeld = true;
+    request(1, 1);
+    expectAsked(1, "read 1; ");
+    seek(2);
+    request(1, 1);
+    m_content[0]->isHeld = false;
+    EXPECT_EQ(written(2), "1: from 2; 1: 2.25, 7 bytes");
+    expectAsked(1, "seek 2; read 1; ");
 }
 
 TEST_F(FeedingTest, HoldsSamplesBackUntilTheirKeyIsThere) {

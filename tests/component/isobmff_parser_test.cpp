@@ -431,6 +431,10 @@ TEST(Boxes, BeforeAndBetweenSegmentsAreTakenOrPassedOver) {
         {"messages", movie() + segment({{}}) + emsg0 + emsg1 + segment({late}),
          "init frames end event urn//8 at 1.5 for inf  event urn/v/7 at 1.25 for 0.5 data frames "
          "end "},
+        {"... in front of its media, of the next fragment",
+         movie() + moof({{tfhd, tfdt, {{1, 3, {}, 0, static_cast<std::uint32_t>(emsg0.size())}}}}) +
+             emsg0 + box("mdat", media()) + segment({late}),
+         "init frames end event urn/v/7 at 1.25 for 0.5 data frames end "},
         {"another movie", movie() + segment({{}}) + other + segment({{}}),
          "init frames end init frames end "},
         {"two places of media data",
