@@ -491,11 +491,14 @@ TEST_F(FeedingTest, TakesAndDropsSourcesAndPassesOnWhatAPageAsks) {
     m_element->detach(id);
     settle();
     EXPECT_EQ(m_recorder.story(), "!NeedMSEData(3, 1); removeSource(3)=true");
+    for (const char* what : {"seek 1; ", "interrupt"}) // it begins where it is
+        EXPECT_TRUE(waitUntil([&] {
+            const std::lock_guard lock(content->mutex);
+            return content->asked.find(what) != std::string::npos;
+        })) << what;
     {
         const std::lock_guard lock(content->mutex);
         content->ended = true;
-        EXPECT_NE(content->asked.find("seek 1; "), std::string::npos) << "it begins where it is";
-        EXPECT_NE(content->asked.find("interrupt"), std::string::npos);
     }
     m_element->resumeFeeding();
     EXPECT_EQ(written(0), "") << "nobody asks for it any more";
