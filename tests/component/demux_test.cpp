@@ -1,6 +1,7 @@
 #include "codec_conversion.h"
 #include "demux_fixture.h"
 #include "host/adts.h"
+#include "host/media_source.h"
 
 #include "support/wait_until.h"
 
@@ -168,6 +169,69 @@ constexpr File files[] = {
     {"corpus:progressive/webm-vp9-opus-51.webm", opus, vp9},
 };
 INSTANTIATE_TEST_SUITE_P(Files, Demux, testing::ValuesIn(files));
+
+/// Where decoding starts is found, not searched for from the beginning.
+TEST(Seek, ReadsLittleOfTheFile) {
+    const auto bytesRead = [] {
+        std::ifstream io("/proc/self/io");
+        std::string name;
+        std::uintmax_t count = 0;
+        io >> name >> count;
+        return count;
+    };
+    for (const auto* name : {"clip.mp4", "frag.mp4"}) {
+        const auto stream = openStream(name, StreamInfo::Kind::Video);
+        const auto before = bytesRead();
+        ASSERT_GT(before, 0U);
+        EXPECT_EQ(stream->seek(4.5), "");
+        EXPECT_EQ(stream->read(1).samples.size(), 1U);
+        EXPECT_LT(bytesRead() - before, std::filesystem::file_size(pathOf(name)) / 2) << name;
+    }
+}
+
+/// Fragments that do not tell their decoding times follow one another.
+TEST(Seek, CountsTimesThatTheFileDoesNotTell) {
+    std::stringstream bytes;
+    bytes << std::ifstream(pathOf("frag.mp4"), std::ios::binary).rdbuf();
+    auto untimed = bytes.str();
+    for (std::size_t at = 0; (at = untimed.find("tfdt", at)) != std::string::npos;)
+        untimed.replace(at, 4, "free");
+    const auto path = "/tmp/demux_test.untimed." + std::to_string(getpid());
+    std::ofstream(path, std::ios::binary) << untimed;
+    const auto media = open(path);
+    ASSERT_EQ(media.streams.size(), 2U) << media.error;
+    for (const auto& stream : media.streams) {
+        std::string error;
+        const auto timed = openStream("frag.mp4", stream->info().kind);
+        checkSeeks(*stream, readAll(*timed, error));
+    }
+    std::filesystem::remove(path);
+}
+
+/// One rendition breaks off; another one takes over in time.
+TEST(Seek, GoesOverToAnotherRenditionWithoutAGapOrARepetition) {
+    const auto half = "/tmp/demux_test.rendition." + std::to_string(getpid()) + ".mp4";
+    std::filesystem::copy_file(pathOf("clip.mp4"), half);
+    std::filesystem::resize_file(half, std::filesystem::file_size(half) / 2);
+    for (const auto kind : {StreamInfo::Kind::Video, StreamInfo::Kind::Audio}) {
+        std::string error;
+        const auto scan = readAll(*openStream("clip.mp4", kind), error);
+        for (const double at : {0.0, 0.9, 1.0}) {
+            SCOPED_TRACE(at);
+            auto first = open(half);
+            ASSERT_EQ(first.streams.size(), 2U) << first.error;
+            auto& old = first.streams[first.streams[0]->info().kind == kind ? 0 : 1];
+            const auto stream = host::switchAt(std::move(old), at, openStream("clip.mp4", kind));
+            const auto seen = readAll(*stream, error);
+            EXPECT_EQ(error, "");
+            ASSERT_EQ(seen.size(), scan.size());
+            for (std::size_t i = 0; i < seen.size(); ++i)
+                ASSERT_EQ(seen[i]->pts(), scan[i]->pts()) << i;
+            checkSeeks(*stream, scan);
+        }
+    }
+    std::filesystem::remove(half);
+}
 
 /// What is one piece of media shares its time 0, however many inputs it has.
 TEST(Together, InputsKeepTheirDistance) {

@@ -17,7 +17,8 @@ public:
         std::deque<std::unique_ptr<host::Sample>> samples;
         bool ended = false;
         std::string error, seekError;
-        std::string asked; ///< "read 3", "seek 5", "interrupt", ...
+        std::string asked;               ///< "read 3", "seek 5", "interrupt", ...
+        std::atomic<bool> isHeld{false}; ///< a read does not return
     };
 
     FilledStream(StreamInfo info, std::shared_ptr<Content> content)
@@ -25,8 +26,12 @@ public:
 
     const StreamInfo& info() const override { return m_info; }
     Batch read(std::size_t count) override {
+        {
+            const std::lock_guard lock(m_content->mutex);
+            m_content->asked += "read " + std::to_string(count) + "; ";
+        }
+        waitUntil([this] { return !m_content->isHeld; });
         const std::lock_guard lock(m_content->mutex);
-        m_content->asked += "read " + std::to_string(count) + "; ";
         Batch batch;
         auto& samples = m_content->samples;
         for (; count > 0 && !samples.empty(); --count) {
@@ -282,6 +287,19 @@ TEST_F(FeedingTest, BeginsAnewWhereItIsSoughtTo) {
     expectAsked(2, "interrupt; ");
 }
 
+TEST_F(FeedingTest, WhatIsBeingReadWhenASeekComesIsDropped) {
+    startPlaying(5, 5);
+    put(1, {0.5, 2.25});
+    m_content[0]->isHeld = true;
+    request(1, 1);
+    expectAsked(1, "read 1; ");
+    seek(2);
+    request(1, 1);
+    m_content[0]->isHeld = false;
+    EXPECT_EQ(written(2), "1: from 2; 1: 2.25, 7 bytes");
+    expectAsked(1, "seek 2; read 1; ");
+}
+
 TEST_F(FeedingTest, HoldsSamplesBackUntilTheirKeyIsThere) {
     m_keys = std::make_shared<host::ClearKey>(host::ClearKey::Interface::PerRange);
     const auto bring = [&] {
@@ -473,11 +491,14 @@ TEST_F(FeedingTest, TakesAndDropsSourcesAndPassesOnWhatAPageAsks) {
     m_element->detach(id);
     settle();
     EXPECT_EQ(m_recorder.story(), "!NeedMSEData(3, 1); removeSource(3)=true");
+    for (const char* what : {"seek 1; ", "interrupt"}) // it begins where it is
+        EXPECT_TRUE(waitUntil([&] {
+            const std::lock_guard lock(content->mutex);
+            return content->asked.find(what) != std::string::npos;
+        })) << what;
     {
         const std::lock_guard lock(content->mutex);
         content->ended = true;
-        EXPECT_NE(content->asked.find("seek 1; "), std::string::npos) << "it begins where it is";
-        EXPECT_NE(content->asked.find("interrupt"), std::string::npos);
     }
     m_element->resumeFeeding();
     EXPECT_EQ(written(0), "") << "nobody asks for it any more";

@@ -1,23 +1,8 @@
 #include "isobmff_sample_entry.h"
-#include "mp4_boxes.h"
+#include "movie_boxes.h"
 #include "segment_fixture.h"
 
 namespace {
-
-constexpr std::uint32_t video = 1, audio = 2;
-
-const Bytes avcC = box("avcC", {1, 0x64, 0, 0x1f, 0xff, 0xe0, 0});
-/// AAC-LC, 48 kHz, stereo.
-const Bytes esds =
-    box("esds", word(0) + Bytes{3, 22, 0, 0, 0, 4, 17, 0x40} + Bytes(12) + Bytes{5, 2, 0x11, 0x90});
-
-Bytes visualEntry(const std::string& type, const Bytes& boxes) {
-    return box(type, Bytes(24) + half(320) + half(180) + Bytes(50) + boxes);
-}
-
-Bytes audioEntry(const std::string& type, const Bytes& boxes) {
-    return box(type, Bytes(16) + half(2) + half(16) + Bytes(4) + half(48000) + half(0) + boxes);
-}
 
 /// What 'tenc' and 'seig' say: a key id of one repeated byte; a constant vector of 8 bytes when
 /// `ivSize` is 0.
@@ -30,41 +15,6 @@ Bytes sinf(const std::string& format, const std::string& scheme, const Bytes& te
     return box("sinf", box("frma", letters(format)) +
                            box("schm", word(0) + letters(scheme) + word(0x10000)) +
                            box("schi", box("tenc", word(0x1000000) + tenc)));
-}
-
-struct Track {
-    std::uint32_t id = video;
-    Bytes entry = visualEntry("avc1", avcC);
-    Bytes edits = {};  ///< of an 'elst'
-    Bytes tables = {}; ///< more in the 'stbl'
-    std::string handler = "vide";
-    std::uint32_t timescale = 100;
-};
-
-Bytes bytesOf(const Track& track) {
-    const auto stsd = box("stsd", word(0) + word(1) + track.entry);
-    const auto mdia =
-        box("mdhd", word(0) + Bytes(8) + word(track.timescale) + word(0) + half(0x15c7) + half(0)) +
-        box("hdlr",
-            word(0) + word(0) + letters(track.handler) + Bytes(12) + letters("name") + Bytes(1)) +
-        box("minf", box("stbl", stsd + track.tables));
-    return box("trak",
-               box("tkhd", word(0) + Bytes(8) + word(track.id) + Bytes(64)) +
-                   box("edts", box("elst", track.edits.empty() ? word(0) + word(0) : track.edits)) +
-                   box("mdia", mdia));
-}
-
-/// Samples last 10 ticks, have 4 bytes and are key frames, unless they say otherwise.
-Bytes movie(const std::vector<Track>& tracks = {{}}, const Bytes& more = {}) {
-    Bytes traks, trexs;
-    for (const auto& track : tracks) {
-        traks = traks + bytesOf(track);
-        trexs =
-            trexs + box("trex", word(0) + word(track.id) + word(1) + word(10) + word(4) + word(0));
-    }
-    return box("ftyp", letters("isom") + word(0)) +
-           box("moov", box("mvhd", word(0) + Bytes(8) + word(1000) + word(0)) + traks +
-                           box("mvex", trexs) + more);
 }
 
 struct Trun {
@@ -318,6 +268,11 @@ TEST(Protection, IsThatOfEverySample) {
          told1("1.1.1 1:9; ") + told1("2.2.2 1:9; ") + told1("3.3.3 1:9; ")},
         {"... in front in the media data", with(cenc), traf(saiz(8), 0, 24),
          told1("0.7.0 1:9; ") + told1("8.15.0 1:9; ") + told1("16.23.0 1:9; ")},
+        {"... beside the sizes of something else, and of itself again", with(cenc),
+         traf(box("saiz", word(1) + letters("ABCD") + word(0) + Bytes{4} + word(3)) + saiz(8) +
+                  saiz(4),
+              0, 24),
+         told1("0.7.0 1:9; ") + told1("8.15.0 1:9; ") + told1("16.23.0 1:9; ")},
         {"... behind the samples", with(cenc), traf(saiz(8), 30),
          told1("30.37.0 1:9; ") + told1("38.45.0 1:9; ") + told1("46.53.0 1:9; ")},
         {"the constant one, of 8 bytes", with(cbcs), traf({}),
@@ -476,6 +431,10 @@ TEST(Boxes, BeforeAndBetweenSegmentsAreTakenOrPassedOver) {
         {"messages", movie() + segment({{}}) + emsg0 + emsg1 + segment({late}),
          "init frames end event urn//8 at 1.5 for inf  event urn/v/7 at 1.25 for 0.5 data frames "
          "end "},
+        {"... in front of its media, of the next fragment",
+         movie() + moof({{tfhd, tfdt, {{1, 3, {}, 0, static_cast<std::uint32_t>(emsg0.size())}}}}) +
+             emsg0 + box("mdat", media()) + segment({late}),
+         "init frames end event urn/v/7 at 1.25 for 0.5 data frames end "},
         {"another movie", movie() + segment({{}}) + other + segment({{}}),
          "init frames end init frames end "},
         {"two places of media data",

@@ -1,10 +1,9 @@
-// Media sources through the backend's own operations, into sinks that keep what they are handed.
+// What media sources hand on of what is written to them, into sinks that keep what they are handed.
 
 #include "media_source.h"
 #include "support/log_capture.h"
 
 #include <array>
-#include <future>
 #include <limits>
 
 namespace {
@@ -267,58 +266,6 @@ TEST_F(MediaSourceTest, TheQueueKeepsWhatIsNotAskedFor) {
     EXPECT_EQ(client.types(), std::vector<UVAEvent::Type>{}) << "it is gone";
 }
 
-TEST_F(MediaSourceTest, ASourceThatComesLateBeginsWherePlaybackIs) {
-    LogCapture log(gst_backend_debug);
-    open();
-    EXPECT_EQ(client.count(UVAEvent::CancelDataRequestsAsync), 0);
-    backend->setContentSize(0, 70000); // the first source's stays
-    double seconds = 0;
-    backend->getDuration(seconds);
-    EXPECT_EQ(seconds, 60);
-    ASSERT_EQ(backend->setPosition(12.5), 1);
-    client.clear();
-    ASSERT_TRUE(backend->removeSource(audioId));
-    ASSERT_EQ(backend->attachSource(new TestSource(audioId, "audio/x-plain")), UVABackend::Success);
-    const auto* told = client.last<CancelDataRequestsAsyncEvent>();
-    ASSERT_NE(told, nullptr);
-    EXPECT_EQ(told->position, 12.5);
-    EXPECT_TRUE(log.has("DEBUG   seeking to 0:00:12.500000000"));
-}
-
-// The same element again after its player is gone: everything as the first time.
-TEST_F(MediaSourceTest, AReleasedElementPlaysAgain) {
-    completeSeeks(); // the second time it begins where it was
-    for (const double start : {3.0, 1.0}) {
-        client.clear();
-        open();
-        playUntilAsked(2);
-        write(videoId, videoSamples(start, 2));
-        write(audioId, {new TestSample(start, frame, &audio)});
-        EXPECT_EQ(received(videoSink, 2).buffers.at(0).pts, static_cast<GstClockTime>(start * 1e9));
-        backend->releaseResources(UVABackend::AllResources);
-        EXPECT_EQ(backend->getPosition().position, -1);
-        for (const unsigned int id : {videoId, audioId})
-            EXPECT_TRUE(backend->removeSource(id));
-        EXPECT_EQ(backend->play(), UVABackend::Success) << "of nothing";
-    }
-}
-
-// Sought while it plays, the pipeline's state is forced; while it is paused, left alone.
-TEST_F(MediaSourceTest, ASeekForcesOnlyAPlayingPipeline) {
-    open(false);
-    for (const bool playing : {false, true}) {
-        LogCapture log(gst_backend_debug);
-        playing ? backend->play() : backend->pause();
-        ASSERT_TRUE(isAsked());
-        EXPECT_EQ(seek(4), 0);
-        EXPECT_EQ(log.has("WARN ***W: force state transition"), playing);
-        EXPECT_EQ(client.count(UVAEvent::SeekCompletedEx), 1);
-        EXPECT_TRUE(isAsked());
-    }
-    EXPECT_EQ(seek(-1), 2) << "refused, and said so";
-    EXPECT_EQ(client.count(UVAEvent::CancelDataRequestsAsync), 0);
-}
-
 TEST_F(MediaSourceTest, AParserCopiesNothingAndEndsWithoutSamples) {
     const UVAStreamConfig mp3 = audioConfig(UVAStreamConfig::CODEC_MP3, 44100);
     for (const int count : {10, 0}) {
@@ -341,74 +288,6 @@ TEST_F(MediaSourceTest, AParserCopiesNothingAndEndsWithoutSamples) {
             seen.push_back(buffer.data);
         EXPECT_EQ(seen, payloads);
     }
-}
-
-TEST_F(MediaSourceTest, SeekDropsWhatWasQueuedAndStartsANewSegment) {
-    open(false);
-    playUntilAsked(1);
-    write(videoId, videoSamples(0, 5));
-    received(videoSink, 5);
-    ASSERT_EQ(seek(10), 0);
-    ASSERT_TRUE(isAsked()) << "again";
-    EXPECT_NEAR(backend->getPosition().position, 10, 0.001);
-
-    // A sample without payload is where playback starts; what is before it is decoded only.
-    write(videoId, {new TestSample(10, 0, nullptr, 0)});
-    write(videoId, videoSamples(9.8, 6));
-    writeEnd(videoId);
-    ASSERT_TRUE(isFinished());
-    const auto seen = RecordingSinks::of(videoSink);
-    ASSERT_GT(seen.buffers.size(), 5U);
-    EXPECT_EQ(seen.buffers.back().segmentStart, 10 * GST_SECOND);
-    EXPECT_EQ(seen.buffers[5].pts, 10 * GST_SECOND) << "the sink clips what is before";
-    EXPECT_EQ(seen.caps.size(), 1U);
-
-    // After the end, and back to the beginning.
-    ASSERT_EQ(seek(0), 0);
-    write(videoId, videoSamples(0, 2));
-    writeEnd(videoId);
-    EXPECT_TRUE(isFinished());
-    EXPECT_EQ(RecordingSinks::of(videoSink).buffers.back().segmentStart, 0U);
-}
-
-TEST_F(MediaSourceTest, SeeksAtOddMoments) {
-    open();
-    const auto feedBoth = [&](double from) {
-        client.clear();
-        write(videoId, videoSamples(from, 2));
-        write(audioId, {new TestSample(from, frame, &audio)});
-    };
-    const auto arrived = [&](double at) {
-        return waitUntil([&] {
-            const auto seen = RecordingSinks::of(videoSink).buffers;
-            return !seen.empty() && seen.back().segmentStart == static_cast<GstClockTime>(at * 1e9);
-        });
-    };
-    playUntilAsked(2);
-    ASSERT_EQ(seek(5), 0) << "while it pre-rolls";
-    feedBoth(5);
-    EXPECT_TRUE(arrived(5));
-
-    // A second seek before the first is made: one is made, to the newer target.
-    client.clear();
-    for (const double target : {7, 8})
-        ASSERT_EQ(backend->setPosition(target), 1);
-    for (const double target : {7, 8}) {
-        const CancelDataRequestsAsyncEvent cancelled(target);
-        backend->eventCompleted(&cancelled, true);
-    }
-    EXPECT_EQ(outcome(), 0);
-    EXPECT_EQ(client.count(UVAEvent::SeekCompletedEx), 1);
-    feedBoth(8);
-    EXPECT_TRUE(arrived(8));
-    EXPECT_NEAR(backend->getPosition().position, 8, 2 * frame);
-
-    writeEnd(videoId);
-    ASSERT_EQ(seek(59.96), 0) << "near the end, with the end of one queued";
-    feedBoth(59.96);
-    EXPECT_TRUE(arrived(59.96));
-    writeEnds();
-    EXPECT_TRUE(isFinished());
 }
 
 TEST_F(MediaSourceTest, HostileSamplesAndEventsLoseNothing) {
@@ -450,35 +329,6 @@ TEST_F(MediaSourceTest, HostileSamplesAndEventsLoseNothing) {
     EXPECT_EQ(RecordingSinks::of(audioSink).buffers.size(), 0U);
 }
 
-TEST_F(MediaSourceTest, OneIdTwiceAndTwoSourcesOfAKind) {
-    LogCapture log(gst_backend_debug);
-    completeSeeks();
-    open();
-    playUntilAsked(2);
-    const auto writeSound = [this] {
-        write(audioId, {new TestSample(0, 0.02, &audio), new TestSample(0.02, 0.02, &audio)});
-    };
-    writeSound();
-    client.clear();
-    ASSERT_EQ(backend->attachSource(new TestSource(videoId, "video/x-vp8")), UVABackend::Success);
-    EXPECT_TRUE(log.has("ERROR ***E: source already exists - deleting..."));
-    ASSERT_TRUE(isAsked()) << "the new one runs";
-    writeSound(); // what is played already has been sought
-    write(videoId, videoSamples(0, 2));
-    received(videoSink, 2);
-
-    // The second source of a kind takes the first one's place: alone it ends playback.
-    client.clear();
-    ASSERT_EQ(backend->attachSource(new TestSource(3, "audio/x-plain")), UVABackend::Success);
-    EXPECT_TRUE(log.has("WARN found running component of type 'audio' (audio_2): stop it"));
-    ASSERT_TRUE(isAsked());
-    write(3, {new TestSample(0, 0.02, &audio)});
-    writeEnd(3);
-    writeEnd(videoId);
-    EXPECT_TRUE(isFinished());
-    EXPECT_TRUE(backend->removeSource(audioId));
-}
-
 // Thirty samples for every request keep little more than the appsrc's own 200 kB, however long the
 // stream is.
 TEST_F(MediaSourceTest, RequestsAreTheBound) {
@@ -505,48 +355,6 @@ TEST_F(MediaSourceTest, RequestsAreTheBound) {
     EXPECT_LE(most, limit);
 }
 
-// Reading samples and dropping them runs the host's code, which may wait for a thread that uses the
-// backend.
-TEST_F(MediaSourceTest, TheHostsSamplesAreUsedUnderNoLock) {
-    std::vector<std::future<void>> uses;
-    std::atomic<int> free{0};
-    int used = 0;
-    const auto useElsewhere = [&] {
-        ++used;
-        uses.push_back(std::async(std::launch::async, [this] {
-            std::vector<UVABackend::TimeRange> ranges;
-            backend->getBufferedTimeRanges(videoId, {}, ranges);
-            backend->getPosition();
-        }));
-        free += uses.back().wait_for(std::chrono::seconds(10)) == std::future_status::ready;
-    };
-    const auto writeOne = [&](std::size_t size = 100) {
-        auto* sample = new TestSample(0, frame, &video, size);
-        sample->onUse = useElsewhere;
-        write(videoId, {sample});
-    };
-    const CancelDataRequestsAsyncEvent cancelled(3);
-    const struct {
-        const char* what;
-        std::function<void()> drop;
-        int used; // the payload is asked for, and it is deleted
-    } rows[] = {{"without payload", [&] { writeOne(0); }, 2},
-                {"by setPosition", [&] { writeOne(), backend->setPosition(3); }, 2},
-                {"while a seek is pending", [&] { writeOne(); }, 1},
-                {"kept by the seek", [&] { backend->eventCompleted(&cancelled, true); }, 0},
-                {"with its source", [&] { writeOne(), backend->removeSource(videoId); }, 2},
-                {"no source, no use", [&] { restart(new TestSource(videoId, "video/x-vp8")); }, 0},
-                {"with the backend", [&] { writeOne(), owner.reset(); }, 2}};
-    open(false);
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.what);
-        used = free = 0;
-        row.drop();
-        EXPECT_EQ(used, row.used);
-        EXPECT_EQ(free, used);
-    }
-}
-
 TEST_F(MediaSourceTest, WhatIsWrittenBeforeTheFirstRequestIsPlayed) {
     open();
     write(videoId, videoSamples(0, 3));
@@ -556,147 +364,6 @@ TEST_F(MediaSourceTest, WhatIsWrittenBeforeTheFirstRequestIsPlayed) {
     ASSERT_TRUE(isFinished());
     EXPECT_EQ(received(videoSink, 3).buffers.size(), 3U);
     EXPECT_EQ(received(audioSink, 1).buffers.size(), 1U);
-}
-
-// A host that completes the seek and delivers from inside the events: both sources begin at the
-// first time delivered. Whoever asks for the position meanwhile hears, and changes, nothing else.
-TEST_F(MediaSourceTest, ASeekIsOneStepForAllSources) {
-    open();
-    playUntilAsked(2);
-    std::atomic<bool> isSought{false};
-    client.hook = [&](UVAEvent& event) {
-        if (event.type() == UVAEvent::CancelDataRequestsAsync) {
-            std::thread([this] { EXPECT_EQ(backend->getPosition().position, 9); }).join();
-            isSought = true;
-            backend->eventCompleted(static_cast<UVAAsyncEvent*>(&event), true);
-        } else if (event.type() == UVAEvent::NeedMSEData && isSought) {
-            const unsigned int id = static_cast<NeedMSEDataEvent&>(event).sourceId;
-            write(id, {new TestSample(id == videoId ? 8.5 : 9, 1, id == videoId ? &video : &audio)});
-            writeEnd(id);
-        }
-    };
-    write(videoId, videoSamples(0, 2));
-    feed(audioId);
-    received(videoSink, 1);
-    LogCapture log(gst_backend_debug);
-    ASSERT_EQ(backend->setPosition(9), 1);
-    ASSERT_TRUE(isFinished());
-    EXPECT_TRUE(log.has("DEBUG offset=0:00:09.000000000"));
-    EXPECT_EQ(received(videoSink, 1).buffers.back().segmentStart,
-              received(audioSink, 1).buffers.back().segmentStart);
-}
-
-// What a write was still reading when a seek was made belongs before it.
-TEST_F(MediaSourceTest, ASeekMeanwhileDropsWhatIsBeingRead) {
-    open(false);
-    playUntilAsked(1);
-    auto* const before = new TestSample(1, frame, &video);
-    before->onUse = [this, uses = 0]() mutable {
-        if (++uses == 1) {
-            EXPECT_EQ(seek(5), 0);
-        }
-    };
-    write(videoId, {before});
-    ASSERT_TRUE(isAsked());
-    write(videoId, videoSamples(5, 1));
-    EXPECT_EQ(received(videoSink, 1).buffers.at(0).segmentStart, 5 * GST_SECOND);
-}
-
-// Asked at the end of a seek, the host seeks once more: nothing is asked for before that is made.
-TEST_F(MediaSourceTest, ASeekFromInsideARequestClosesAllSources) {
-    open();
-    for (const char* name : {"appsrc_1", "appsrc_2"}) {
-        const auto own = GstPtr<GstElement>::sink(gst_element_factory_make("appsrc", name));
-        GstNoxBackend::need_data_cb(GST_APP_SRC(own.get()), 1, backend);
-    }
-    answerWith([this, asked = 0](unsigned int) mutable {
-        if (++asked == 1)
-            backend->setPosition(7);
-    });
-    seek(5);
-    EXPECT_EQ(client.count(UVAEvent::NeedMSEData), 1);
-    const CancelDataRequestsAsyncEvent cancelled(7);
-    backend->eventCompleted(&cancelled, true);
-    EXPECT_EQ(client.count(UVAEvent::NeedMSEData), 3) << "both";
-}
-
-TEST_F(MediaSourceTest, ASourceThatWasStoppedIsNotAskedFor) {
-    open();
-    playUntilAsked(2);
-    write(videoId, videoSamples(0, 2));
-    feed(audioId);
-    ASSERT_TRUE(waitUntil(
-        [] { return GstNoxBackend::describeAll().find("audio_2: PLAYING") != std::string::npos; }));
-    ASSERT_EQ(backend->attachSource(new TestSource(3, "audio/x-plain")), UVABackend::Success);
-    std::atomic<int> asked{0};
-    answerWith([&](unsigned int id) { asked += id == audioId; });
-    EXPECT_EQ(seek(4), 0);
-    EXPECT_EQ(asked, 0);
-    owner.reset();
-}
-
-TEST_F(MediaSourceTest, WithoutAPlayerSamplesWait) {
-    open(false);
-    playUntilAsked(1);
-    backend->releaseResources(UVABackend::AllResources);
-    feed(videoId);
-    EXPECT_NE(GstNoxBackend::describeAll().find("queued=2 bytes=100 needData=0"),
-              std::string::npos);
-}
-
-TEST_F(MediaSourceTest, AReleaseFromInsideAWriteIsTheEnd) {
-    open(false);
-    client.hook = [this](UVAEvent&) { owner.release()->release(); };
-    feed(videoId);
-    EXPECT_EQ(client.types().back(), UVAEvent::BufferingStreamBuffered);
-}
-
-// A request that was on its way when the seek came is delivered before the seek's event: the client
-// takes what comes behind that for the seek's.
-TEST_F(MediaSourceTest, NoRequestFromBeforeASeekComesBehindItsEvent) {
-    open(false);
-    std::atomic<bool> hasAsked{false}, isHeard{false}, wasHeard{false};
-    std::thread seek;
-    client.hook = [&](UVAEvent& event) {
-        if (event.type() == UVAEvent::NeedMSEData && !hasAsked.exchange(true)) {
-            feed(videoId);
-            seek = std::thread([this] { backend->setPosition(5); });
-            EXPECT_TRUE(waitUntil([this] { return buffered(videoId).empty(); })); // closed
-            isHeard = true;
-        } else if (event.type() == UVAEvent::CancelDataRequestsAsync) {
-            wasHeard = isHeard.load();
-        }
-    };
-    backend->play();
-    ASSERT_TRUE(
-        waitUntil([&] { return isHeard && client.count(UVAEvent::CancelDataRequestsAsync) == 1; }));
-    seek.join();
-    EXPECT_TRUE(wasHeard);
-}
-
-// Whatever the streaming threads are in: not started, asking, being answered, at the end.
-TEST_F(MediaSourceTest, BackendsAreDestroyedAtAnyTime) {
-    for (int i = 0; i < 50; ++i) {
-        owner = std::make_unique<GstNoxBackend>(UVABackend::VideoElement, &client);
-        backend = owner.get();
-        client.clear();
-        answerWith([&, i](unsigned int id) {
-            buffered(id);
-            backend->getPosition();
-            backend->setKeySystem(UVAKeySystemConfig{});
-            GstNoxBackend::describeAll();
-            i % 3 == 0 ? writeEnd(id) : feed(id);
-        });
-        open();
-        if (i % 5 != 0)
-            backend->play();
-        if (i % 2 == 0 && i % 5 != 0)
-            waitUntil([&] { return client.count(UVAEvent::NeedMSEData) > i % 7; },
-                      std::chrono::milliseconds(50));
-        if (i % 11 == 0)
-            backend->setPosition(1);
-        owner.reset();
-    }
 }
 
 } // namespace

@@ -116,6 +116,9 @@ TEST(Webm, TellsTimesAndDurations) {
         {"a track that is skipped", vp8 + track(3, 17, "S_TEXT/UTF8"),
          simple(0) + simple(3, three, key, 3) + simple(5, three, key, 77) + simple(10),
          "1: 1000+10 5; 1: 1010+10 5; "},
+        {"a track number of eight bytes", vp8,
+         element(SimpleBlock, Bytes{1} + number(1, 7) + number(0, 2) + Bytes{key} + three),
+         "1: 1000+25 3; "},
         {"two tracks", vp8 + opus, simple(0) + simple(1, packet20, key, 2) + simple(40),
          "2: 1001+20 3; 1: 1000+40 5; 1: 1040+40 5; "},
     };

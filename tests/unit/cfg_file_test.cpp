@@ -105,6 +105,7 @@ TEST_F(CfgFileTest, ReadsWhatTheFormatAllows) {
 TEST_F(CfgFileTest, WaitsForNothingThatIsNoFile) {
     EXPECT_EQ(read("/no/such/file"), "-2305");
     EXPECT_EQ(CCfgFile().ReadCfgfile(nullptr), -2305);
+    EXPECT_EQ(ProcessCfgfileData(nullptr, nullptr, nullptr, 1, ','), 0);
     EXPECT_EQ(screen.take(), "");
     const auto fifo = folder / "fifo";
     ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
@@ -215,19 +216,23 @@ TEST_F(CfgFileTest, TheThreadRunsFilesInOrderAndStopsInASleep) {
     const auto first = write("MSHELL = m_note\nMSHELL = m_echo first\n", "first.cfg");
     const auto second = write("MSHELL = m_echo second\nMSHELL = m_sleep 1000\n", "second.cfg");
     thread.ExecuteCfgFileInSeparateThread(nullptr);
+    CZantMsg pathless(SIG_ID_EXECUTE_CFG_FILE_IN_THREAD);
+    pathless.signalSize = 7;
+    EXPECT_EQ(thread.SendCmd(&pathless), 0);
     thread.ExecuteCfgFileInSeparateThread("/no/such/file");
     thread.ExecuteCfgFileInSeparateThread(first.c_str());
     thread.ExecuteCfgFileInSeparateThread(second.c_str());
     std::string output;
     ASSERT_TRUE(
         waitUntil([&] { return (output += screen.take()).find("second\n") != std::string::npos; }));
-    const char* const expected[] = {"FAILED = no filename given",
+    const char* const expected[] = {"FAILED = no filename given", "FAILED = no filename given",
                                     "FAILED -  Cfg file not found : /no/such/file", "first\n",
                                     "second\n"};
     size_t at = 0;
     for (const char* const text : expected) {
         at = output.find(text, at);
-        EXPECT_NE(at, std::string::npos) << text << output;
+        ASSERT_NE(at, std::string::npos) << text << output;
+        at += strlen(text);
     }
     EXPECT_EQ(output.find("stacksize"), std::string::npos) << output;
     EXPECT_EQ(output.find("SCHED_FIFO"), std::string::npos) << output;

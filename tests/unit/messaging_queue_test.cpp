@@ -249,6 +249,19 @@ TEST_F(MessagingTest, CopyTakesAPayloadOnlyWithItsSize) {
         copy = static_cast<const CZantMsg&>(copy);
         EXPECT_EQ(copy.signalPtr != nullptr, row.copied) << "assigned to itself";
     }
+    // It can be sent without, which is warned of.
+    CZantMsgQueue queue;
+    ASSERT_EQ(open(queue), 0);
+    for (const bool byHandle : {false, true}) {
+        CZantMsg msg(517);
+        load(msg, "hello");
+        msg.signalSize = 0;
+        EXPECT_EQ(byHandle ? CZantMsgQueue::Send(queue.handle, &msg, 0) : queue.Send(&msg, 0), 0);
+        EXPECT_EQ(traced("Signal pointer is set, but signalSize is 0"), 1);
+        CZantMsg received;
+        EXPECT_EQ(queue.Receive(&received, 0), 0);
+        EXPECT_STREQ(static_cast<char*>(received.signalPtr), "hello");
+    }
 }
 
 TEST_F(MessagingTest, FailedSendFreesThePayloadsAndSaysWhy) {
@@ -587,6 +600,7 @@ TEST_F(MessagingTest, SharedPayloadsThatNobodyHandlesAreFreed) {
     CZantMsg msg;
     ASSERT_EQ(queue.Receive(&msg, 0), 0);
     queue.DropPayload(msg);
+    queue.DropPayload(msg); // which has none any more
     CZantMsgQueue::DumpQueue(queue.handle);
     arrives(13);
     EXPECT_EQ(queue.Unlink(), 0);
@@ -610,6 +624,20 @@ TEST_F(MessagingTest, QueueKeptInTheSystemLeavesTheRegistry) {
     CZantMsgQueue::Start();
     EXPECT_EQ(CZantMsgQueue::GetQueueNameByHandle(handle), "Unknown");
     EXPECT_EQ(mq_unlink(name.c_str()), 0);
+}
+
+/// A host may have closed its standard input: 0 stands for no handle.
+TEST_F(MessagingTest, NoQueueHasTheHandleZero) {
+    const ScopedFd before(fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 3));
+    close(STDIN_FILENO);
+    CZantMsgQueue queue;
+    EXPECT_EQ(open(queue), 0);
+    EXPECT_GT(queue.handle, 0);
+    CZantMsg msg(517);
+    EXPECT_EQ(CZantMsgQueue::Send(queue.handle, &msg, 0), 0);
+    EXPECT_EQ(queue.Close(), 0);
+    EXPECT_EQ(fcntl(STDIN_FILENO, F_GETFD), -1) << "it stays closed";
+    dup2(before.get(), STDIN_FILENO);
 }
 
 TEST_F(MessagingTest, HighHandlesWork) {

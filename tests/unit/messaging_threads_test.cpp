@@ -122,8 +122,10 @@ const bool worksAtLoad = [] {
     const bool works = queue.Open(name.c_str(), O_RDWR | O_CREAT, 0600, 2, true) == 0 &&
                        looper.StartThread("at load", 0, 0) == 0 &&
                        CZantMsgQueue::GetQueueNameByHandle(queue.handle) == name;
-    looper.StopThreadAndWait();
-    return works && looper.entered == 1;
+    const auto threads = nrOfThreads();
+    CThreadObject::StopAllThreads(); // the process's first among them
+    CThreadObject::Start();
+    return works && looper.entered == 1 && waitUntil([&] { return nrOfThreads() < threads; });
 }();
 
 } // namespace
@@ -283,6 +285,8 @@ TEST_F(ThreadsTest, StopAllStopsInOrderAndLeavesItsCaller) {
 
 TEST_F(ThreadsTest, QueueThreadHandlesWhatCameBeforeTheStop) {
     Recorder recorder;
+    ASSERT_EQ(recorder.init(), 0);
+    EXPECT_NE(recorder.init(-1), 0) << "it has no queue any more";
     EXPECT_EQ(recorder.StartThread("early", 0, 0), -1111);
     EXPECT_EQ(recorder.post(), -1110);
     EXPECT_EQ(recorder.post(SIG_ID_STOP_THREAD), 0);
@@ -393,6 +397,21 @@ TEST_F(ThreadsTest, CancelledThreadLosesNoLockAndNoPayload) {
         EXPECT_LE(stuck.rounds, 3) << "it was not held";
         EXPECT_EQ(CountedPayload::alive, sending ? 3 : 0);
     }
+}
+
+TEST_F(ThreadsTest, ObjectsAreListedOnceUntilTheyAreRemoved) {
+    Looper looper;
+    const std::string name = "listed by hand";
+    ASSERT_EQ(looper.StartThread(name.c_str(), 0, 0), 0);
+    looper.StopThreadAndWait();
+    EXPECT_EQ(listing(screen, 0).find(name), std::string::npos);
+    for (CThreadObject* const object : {&looper, &looper, static_cast<Looper*>(nullptr)})
+        CThreadObject::AddThreadToGlobalThreadList(object);
+    const std::string all = listing(screen, 0);
+    EXPECT_NE(all.find(name), std::string::npos);
+    EXPECT_EQ(all.find(name), all.rfind(name));
+    CThreadObject::RemoveThreadFromGlobalThreadList(&looper);
+    EXPECT_EQ(listing(screen, 0).find(name), std::string::npos);
 }
 
 TEST_F(ThreadsTest, ListingSelectsByEitherHandle) {

@@ -169,7 +169,12 @@ TEST_F(MessagingTest, QueueObserversGetWhatTheyRegisteredFor) {
     CZantMsg msg(517);
     load(msg, "to three");
     void* const original = msg.signalPtr;
+    CZantMsg before(518);
+    ASSERT_EQ(queues[0].Send(&before, 0), 0);
     EXPECT_EQ(observable.NotifyObserversAll(&msg), 0);
+    CZantMsg first;
+    ASSERT_EQ(queues[0].Receive(&first, 0), 0);
+    EXPECT_EQ(first.signalId, 518U) << "nothing overtakes what was sent before";
     for (int i = 0; i < 3; ++i) {
         CZantMsg received;
         ASSERT_EQ(queues[i].Receive(&received, 0), 0);

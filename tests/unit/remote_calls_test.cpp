@@ -150,10 +150,12 @@ TEST_F(RemoteCalls, WireBytesAreExact) {
 /// Absent, there, full, gone and replaced.
 TEST_F(RemoteCalls, SourceFollowsThePeersQueue) {
     initSource();
-    const auto send = [this] {
+    bool hasPayload = true;
+    const auto send = [&] {
         CZantMsg msg = message(516, 1, "payload");
         const int32_t result = source.SendMsgViaRpcPosixQueue(&msg);
         EXPECT_EQ(msg.signalPtr, nullptr);
+        hasPayload = msg.signalSize != 0 || msg.sharedAddress != 0;
         return result;
     };
     EXPECT_EQ(send(), -1421);
@@ -161,6 +163,7 @@ TEST_F(RemoteCalls, SourceFollowsThePeersQueue) {
     mqd_t peer = peerQueue(1);
     EXPECT_EQ(send(), 0);
     EXPECT_EQ(send(), -1421) << "full";
+    EXPECT_FALSE(hasPayload) << "it has gone, and is freed once";
     EXPECT_EQ(traced("CZantRpcMsgSrcPosix::Send (FAILED"), 1);
     const auto first = read(peer);
     ASSERT_TRUE(first);

@@ -259,6 +259,13 @@ TEST_F(ShellSocketTest, CutsNamesAndFailsAtOnceWithoutAPeer) {
         EXPECT_EQ(std::string(bytes, sizeof bytes),
                   (std::string("1234").substr(0, size) + std::string(4, '\0')).substr(0, 4));
     }
+    char bytes[4] = {};
+    EXPECT_EQ(SocketComm_Sendto(fd.get(), "abc", 3, serverName, 1000), 3);
+    EXPECT_EQ(SocketComm_Recv(server.get(), bytes, sizeof bytes, 0, 0), 3);
+    EXPECT_STREQ(bytes, "abc");
+    takeSyslog();
+    EXPECT_EQ(SocketComm_Recv(9999, bytes, sizeof bytes, 0, 0), -1);
+    EXPECT_EQ(takeSyslog().size(), 1U) << "it says why";
 }
 
 } // namespace

@@ -10,6 +10,7 @@
 #include "trace_fixture.h"
 
 #include <algorithm>
+#include <csignal>
 #include <memory>
 #include <vector>
 
@@ -151,11 +152,14 @@ TEST_F(ShellTest, AnswersEveryCommand) {
         {"m_traceoff 7", 0, "Trace switched off for unit 7 (", "SetTraceOff", 1},
         {"m_traceoff", -1703, "ERROR: Parameter 1 (trace unit) is missing\n"},
         {"m_tracestate 7", 0, "state = 70 (TRACELEVEL_NO_TRACE)\n"},
+        {"m_tracestate", 0, "Trace unit   2 TUNER"},
         {"m_tracestate -1", -1703, "ERROR: Parameter 1 (trace unit)", "TraceState", 1},
         {"m_traceonall", -1703, "ERROR: Parameter 1 (trace level) is missing\n"},
         {"m_traceonall 30", 0, "Trace switched on for all units to TRACELEVEL_WARNING\n",
          "SetTraceOnAll", 1},
+        {"m_tracestate 7", 0, "state = 30 (TRACELEVEL_WARNING)\n"},
         {"m_traceoffall", 0, "All traces switched off\n", "SetTraceOffAll", 0},
+        {"m_tracestate 7", 0, "state = 70 (TRACELEVEL_NO_TRACE)\n"},
         {"m_timestampson", 0, "Trace timestamps switched on\n", "TimestampsOn", 0},
         {"m_timestampsoff 1", 0, "Trace timestamps switched off\n", "TimestampsOff", 0},
         {"m_tracedirectprintmode", -1703, "ERROR: Parameter 1 (DirectPrintMode) is missing\n"},
@@ -170,7 +174,8 @@ TEST_F(ShellTest, AnswersEveryCommand) {
         {"m_tracelogfilemaxsize 100000000", 0, "TraceLogfileMaxSize set to 100000000\n",
          "TraceLogfileMaxSize", 1},
         {"m_stoptracingtoscreen", 0, "Stopping tracing to screen !!!\n", "StopTracingToScreen", 0},
-        {"m_starttracingtoscreen", 0, "", "StartTracingToScreen", 0},
+        {"m_starttracingtoscreen", 0, "Starting tracing to screen !!!\n", "StartTracingToScreen",
+         0},
         {"m_dbgcmd", -1703, "ERROR: Parameter 1 (command id) is missing\n"},
         {"m_dbgcmd five", -1703, "ERROR: Parameter 1 (command id) is not a number\n"},
         {"m_dbgcmd 9001", 0, "ZantDbgCmd executed - Id = 9001, return-code = 0\n", "DbgCmd", 1},
@@ -205,6 +210,17 @@ TEST_F(ShellTest, AnswersEveryCommand) {
     }
     mshell.ProcessMshellCmd("m_echo");
     EXPECT_EQ(screen.take(), "");
+}
+
+/// Commands run on threads that take no signals.
+TEST_F(ShellTest, WhatACommandRunsCanBeInterrupted) {
+    sigset_t all{}, before{};
+    sigfillset(&all);
+    pthread_sigmask(SIG_SETMASK, &all, &before);
+    const int32_t result =
+        mshell.ProcessMshellCmd("m_ls -d / && grep -q '^SigBlk:.0*$' /proc/self/status");
+    pthread_sigmask(SIG_SETMASK, &before, nullptr);
+    EXPECT_EQ(result, 0);
 }
 
 TEST_F(ShellTest, UnitsBearTheNamesOfTheHost) {
@@ -267,9 +283,9 @@ TEST_F(ShellTest, SurvivesHandlersThatAreMissingOrThrow) {
 
 TEST_F(ShellTest, DebugCommandsKeepTheFirstFunction) {
     CZantDbg commands;
-    commands.AddZantDbgCmd(5, [](unsigned id) { return static_cast<int>(id); });
+    EXPECT_EQ(commands.AddZantDbgCmd(5, [](unsigned id) { return static_cast<int>(id); }), 0);
     commands.AddZantDbgCmd(5, [](unsigned) { return -1; });
-    commands.AddZantDbgCmd(6, nullptr);
+    EXPECT_EQ(commands.AddZantDbgCmd(6, nullptr), 0) << "it is only traced";
     EXPECT_EQ(commands.ExecuteZantDbgCmd(5), 5);
     EXPECT_EQ(commands.ExecuteZantDbgCmd(6), -2500);
     screen.take();

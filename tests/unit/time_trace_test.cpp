@@ -2,6 +2,7 @@
 #include "debug/trace/zant_trace_core.h"
 #include "support/stdout_capture.h"
 
+#include <cstring>
 #include <gtest/gtest.h>
 #include <string>
 
@@ -55,11 +56,21 @@ TEST_F(TimeTraceTest, PrintsOneLineAPoint) {
     long microseconds = -1;
     EXPECT_EQ(sscanf(text.c_str(), "%d Id = %d usec = %ld Diff", &index, &id, &microseconds), 3);
     EXPECT_LT(microseconds, 1000000);
+    timespec difference{};
+    EXPECT_EQ(trace.TTGetRange(&difference, 1, 2), 0);
+    char shown[40];
+    snprintf(shown, sizeof shown, " = %03ld.%06ld \n", static_cast<long>(difference.tv_sec),
+             difference.tv_nsec / 1000);
+    EXPECT_EQ(text.substr(text.size() - strlen(shown)), shown) << "from the point before";
     EXPECT_EQ(text.substr(0, 24), "0000 Id = 0000 usec = " + text.substr(22, 2));
     EXPECT_NE(text.find(" Diff (sec.usec) = 000.000000 start\n0001 Id = 12345 usec = "),
               std::string::npos);
     EXPECT_NE(text.find(" opened\n0002 Id = -001 usec = "), std::string::npos);
     EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 3);
+    trace.InitTT();
+    trace.TTPrint();
+    EXPECT_EQ(screen.take(), "0000 Id = 0000 usec = 000000 Diff (sec.usec) = 000.000000 "
+                             "--- THREAD COLLISION ---\n");
 }
 
 TEST_F(TimeTraceTest, TotalsGoFromTheStartToTheLastPointAndToNow) {

@@ -111,7 +111,6 @@ void CMshell::reportBlockedSocket(int32_t error, int reason) const {
 }
 
 int32_t CMshell::MshellReadFromSocket() {
-    m_receiveBuffer[0] = '\0';
     struct ucred sender {};
     const int size = SocketComm_RecvWithSender(m_socketFd, m_receiveBuffer, commandSize, &sender);
     if (size != static_cast<int>(commandSize)) {
