@@ -24,7 +24,7 @@ class MediaControl {
   source = null; // the attached media source; null: none
   audioTracks = tracks.makeAudioTrackList();
   videoTracks = tracks.makeVideoTrackList();
-  textTracks = textTracks.makeTextTrackList();
+  textTracks = textTracks.makeTextTrackList(() => this.playback.cuesChanged());
   volume = 1;
   muted = false;
   preservesPitch = true;
@@ -183,8 +183,13 @@ function controlOf(element) {
 const documentListener = {
   attributeChanged(element, name, value) {
     const isOwn = element.getAttributeNS(null, name) === value; // in no namespace
-    if (name === 'src' && isOwn) controlOf(element).selection.sourceSet(value);
-    if (name === 'muted' && value !== null && isBeingParsed()) controlOf(element).muted = true;
+    if (name !== 'src' || !isOwn) return;
+    if (element instanceof window.HTMLTrackElement) trackElement.sourceSet(element);
+    else controlOf(element).selection.sourceSet(value);
+  },
+  /** HTML, the attribute `muted`: what the parser has made begins as it says. */
+  parsed(element) {
+    if (element.hasAttribute('muted')) controlOf(element).muted = true;
   },
   /** HTML, "when a media element is removed from a document". */
   removed(element) {
@@ -201,11 +206,6 @@ const documentListener = {
     trackElement.toBeRemoved(controlOf(element).textTracks, child);
   },
 };
-
-/** Elements are made by the parser while no script runs. */
-function isBeingParsed() {
-  return window.document.readyState === 'loading' && window.document.currentScript === null;
-}
 
 /** HTML, canPlayType(): only with codecs can it be sure. */
 function howSurely(type) {

@@ -4,7 +4,7 @@
 
 const { clearInterval, setInterval } = require('timers');
 
-const { fire, isClosed, queueTask } = require('./tasks.js');
+const { awaitStableState, fire, isClosed, queueTask } = require('./tasks.js');
 const { mediaError, MEDIA_ERR_SRC_NOT_SUPPORTED } = require('./media_error.js');
 const { marchOn } = require('./text_track.js');
 const ranges = require('./ranges.js');
@@ -47,10 +47,12 @@ class PlaybackControl {
   #promises = []; // "pending play promises"
   #settlements = new Set(); // queued tasks that settle play promises
   #isLookDue = false;
+  #areCuesDue = false;
   #playerState = null; // 'playing', 'paused' or 'buffering', once it has said so
   #timer = null;
   #lastUpdate = 0; // when timeupdate was raised last, and for which position
   #updatedAt = 0;
+  #marchedTo = null; // where the text tracks are; null: playback has not begun
 
   playbackRate = 1;
   defaultPlaybackRate = 1;
@@ -118,6 +120,7 @@ class PlaybackControl {
     this.#buffered = [];
     this.#played = [];
     this.#blockedAt = Infinity;
+    this.#marchedTo = null;
     this.#duration = NaN;
     this.#size = { width: 0, height: 0 };
     if (this.#position !== 0) {
@@ -359,12 +362,27 @@ class PlaybackControl {
   #marchOn() {
     const position = this.#position;
     if (this.#paused || this.#seeking) return;
-    if (marchOn(this.#media.textTracks, position)) this.pause();
+    if (position !== this.#marchedTo) this.#marchTracks(this.#marchedTo);
     const now = env.now();
     if (position === this.#updatedAt || now - this.#lastUpdate < timeupdateInterval) return;
     this.#lastUpdate = now;
     this.#updatedAt = position;
     this.#media.queueEvent('timeupdate');
+  }
+
+  /** `since`: where playback came from, or null when it was not by playing. */
+  #marchTracks(since) {
+    this.#marchedTo = this.#position;
+    if (marchOn(this.#media.textTracks, this.#position, since)) this.pause();
+  }
+  /** Of the tracks that the element has. They stand still while it has not been played or sought. */
+  cuesChanged() {
+    if (this.#paused || this.#areCuesDue) return;
+    this.#areCuesDue = true;
+    awaitStableState(() => {
+      this.#areCuesDue = false;
+      if (!this.#paused && !this.#seeking) this.#marchTracks(null);
+    });
   }
 
   #monitor(source) {
@@ -445,6 +463,7 @@ class PlaybackControl {
   #finishSeek() {
     this.#seeking = false;
     this.#hasStarted = false;
+    this.#marchTracks(null);
     this.#media.queueEvent('timeupdate');
     this.#media.queueEvent('seeked');
   }
@@ -459,7 +478,7 @@ class PlaybackControl {
     }
     if (this.#media.element.loop) return this.seek(0);
     this.#hasEnded = true;
-    marchOn(this.#media.textTracks, this.#position);
+    this.#marchTracks(this.#marchedTo);
     this.#media.queue(() => {
       fire(this.#media.element, 'timeupdate');
       if (!this.ended) return;

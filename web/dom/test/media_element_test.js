@@ -159,6 +159,45 @@ test('the end: pause and ended, a loop begins anew, play() goes back', async () 
   assert.deepStrictEqual([element.paused, player.calls.at(-1)], [false, ['seek', 0]]);
 });
 
+test('cues begin and end with playback, also those between two looks, and can pause it', async () => {
+  const page = await makeFedPage({ seconds: 8 });
+  const { video: element, player, window } = page;
+  const track = element.addTextTrack('metadata');
+  const seen = [];
+  for (const [id, start, end] of [['first', 0, 1], ['brief', 1.1, 1.2], ['last', 2, 3]]) {
+    const cue = Object.assign(new window.VTTCue(start, end, ''), { id, pauseOnExit: id === 'last' });
+    for (const type of ['enter', 'exit']) cue.addEventListener(type, () => seen.push(`${type} ${id}`));
+    track.addCue(cue);
+  }
+  await element.play();
+  assert.deepStrictEqual([...track.activeCues].map(({ id }) => id), ['first']);
+  await heard(track, 'cuechange');
+  player.position = 2.5;
+  await heard(track, 'cuechange');
+  assert.deepStrictEqual(seen.splice(0), ['enter first', 'exit first', 'enter brief', 'exit brief', 'enter last']);
+  const late = new window.VTTCue(2, Infinity, '');
+  track.addCue(late);
+  await heard(late, 'enter');
+  assert.strictEqual(track.activeCues.length, 2);
+  assert.throws(() => { track.cues[5] = late; }, { name: 'TypeError' });
+  player.position = 3.5;
+  await told(page, 'pause');
+  element.currentTime = 0.5;
+  player.answerSeek(0.5);
+  await told(page, 'seeked');
+  assert.deepStrictEqual([seen.splice(0), track.activeCues[0].id], [['exit last', 'enter first'], 'first']);
+  track.mode = 'disabled';
+  track.mode = 'hidden';
+  assert.strictEqual(track.activeCues.length, 0);
+});
+
+test('the attribute muted counts for what a parser makes', () => {
+  const page = makePage('<video muted></video>');
+  const scripted = page.window.document.createElement('video');
+  scripted.setAttribute('muted', '');
+  assert.deepStrictEqual([page.video.muted, scripted.muted], [true, false]);
+});
+
 test('an end that the source has not told is none', async () => {
   const page = await makeFedPage({ seconds: 2 });
   await page.video.play();
