@@ -105,8 +105,11 @@ class MediaControl {
     if (this.source !== null) this.playback.setSize(size.width, size.height);
     else this.playback.metadataKnown({ ...size, duration: duration > 0 ? duration : Infinity });
   }
+  /** HTML, "enabled": of audio tracks those alone are heard. A player plays one. */
   applyVolume() {
-    this.link?.setVolume(this.muted ? 0 : this.volume);
+    const tracksOfSource = [...this.audioTracks];
+    const isHeard = tracksOfSource.length === 0 || tracksOfSource.some(({ enabled }) => enabled);
+    this.link?.setVolume(this.muted || !isHeard ? 0 : this.volume);
   }
 
   /** The attribute `buffered`: one object until something changes. */
@@ -136,6 +139,11 @@ class MediaControl {
   durationChanged(seconds) {
     this.playback.setDuration(seconds);
     if (Number.isFinite(seconds)) this.link?.setDuration(seconds);
+  }
+  /** Of a media source, some are enabled, selected or there that were not, or the other way round. */
+  tracksChanged() {
+    this.applyVolume();
+    this.buffersChanged();
   }
   buffersChanged() {
     if (this.source === null) return;

@@ -13,10 +13,10 @@ const readyStates = { HAVE_NOTHING: 0, HAVE_METADATA: 1, HAVE_CURRENT_DATA: 2, H
 const { HAVE_NOTHING, HAVE_METADATA, HAVE_CURRENT_DATA, HAVE_FUTURE_DATA, HAVE_ENOUGH_DATA } = readyStates;
 
 // Seconds.
-const reach = 0.1; // a range that begins so much later than the position contains it
 const tooLittle = 0.05; // buffered ahead: playback waits
 const future = 0.3; // ... may go on
 const enough = 2; // ... goes on to the end, presumably
+const lasting = 0.1; // ... once it has been that much for so long, as the rest of a source is at once
 const atOnce = 0.06; // what is so near is reached between two looks
 const held = 0.5; // ... is why the player holds, when it does
 const jitter = 0.1; // a position may fall back so much without a seek
@@ -42,6 +42,7 @@ class PlaybackControl {
   #played = [];
   #buffered = []; // the source's, or the player's
   #blockedAt = Infinity; // the first frame from here whose key is missing
+  #enoughSince = null; // when so much came to be buffered ahead; null: it is not
   #waitsForKey = false;
   #size = { width: 0, height: 0 };
   #promises = []; // "pending play promises"
@@ -395,7 +396,7 @@ class PlaybackControl {
     this.#setReadyState(this.#seeking ? Math.min(this.#readyState, HAVE_METADATA) : state);
     if (isBlocked && data.isThere && !this.#waitsForKey) this.#media.queueEvent('waitingforkey'); // EME, Wait for Key
     this.#waitsForKey = isBlocked && (data.isThere || this.#waitsForKey);
-    const isAtEnd = source.isEnded && this.#position >= this.#duration - 0.001;
+    const isAtEnd = source.isEnded && !this.#seeking && this.#position >= this.#duration - 0.001;
     if (isAtEnd && !this.#hasEnded) this.#reachEnd();
   }
 
@@ -405,7 +406,7 @@ class PlaybackControl {
     const last = buffered[buffered.length - 1];
     const range = this.#rangeAt(buffered);
     if (range === undefined) {
-      const isEnd = source.isEnded && (last === undefined || this.#position >= last[1] - reach);
+      const isEnd = source.isEnded && (last === undefined || this.#position >= last[1]);
       return { isThere: isEnd, state: isEnd ? HAVE_ENOUGH_DATA : HAVE_METADATA };
     }
     const isRest = source.isEnded && range === last && this.#blockedAt >= range[1];
@@ -413,13 +414,15 @@ class PlaybackControl {
     return { isThere: true, state: isRest ? HAVE_ENOUGH_DATA : this.#stateFor(ahead) };
   }
   #stateFor(ahead) {
+    const now = env.now();
+    this.#enoughSince = ahead >= enough ? this.#enoughSince ?? now : null;
     if (this.#media.link.isStarved) return HAVE_CURRENT_DATA;
-    if (ahead >= enough) return HAVE_ENOUGH_DATA;
+    if (this.#enoughSince !== null && now - this.#enoughSince >= lasting * 1000) return HAVE_ENOUGH_DATA;
     const wanted = this.#readyState >= HAVE_FUTURE_DATA ? tooLittle : future;
     return ahead > wanted ? HAVE_FUTURE_DATA : HAVE_CURRENT_DATA;
   }
   #rangeAt(buffered) {
-    return buffered.find(([start, end]) => start <= this.#position + reach && this.#position <= end);
+    return ranges.playableAt(buffered, this.#position);
   }
   #endOfData(source) {
     return this.#rangeAt(source.buffered())?.[1] ?? Infinity;

@@ -42,6 +42,19 @@ function rangeAt(ranges, time) {
   return ranges.find(([start, end]) => start <= time && time < end) ?? null;
 }
 
+/** Seconds from 0, where a presentation starts, within which the first range may begin that is played from there. */
+const startAllowance = 1;
+const rounding = 1e-3; // of times that a page computes
+
+/**
+ * The range that playback at this time plays, its end included, or undefined: the one that the time is
+ * in; before the first range that one, if it begins soon enough (MSE, "Presentation Start Time").
+ */
+function playableAt(ranges, time) {
+  const isFirstSoon = ranges.length > 0 && ranges[0][0] <= startAllowance;
+  return ranges.find(([start, end], index) => (start <= time + rounding || (index === 0 && isFirstSoon)) && time <= end);
+}
+
 function equal(a, b) {
   return a.length === b.length && a.every(([start, end], index) => start === b[index][0] && end === b[index][1]);
 }
@@ -56,4 +69,4 @@ function intersectAll(list, isEnded) {
   return list.reduce((common, ranges) => intersect(common, isEnded ? withLastEnd(ranges, end) : ranges), [[0, end]]);
 }
 
-module.exports = { equal, highestEnd, intersect, intersectAll, rangeAt, union };
+module.exports = { equal, highestEnd, intersect, intersectAll, playableAt, rangeAt, union };

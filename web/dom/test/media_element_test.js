@@ -31,7 +31,7 @@ function makePage(html = '<video></video>') {
   for (const type of ['loadstart', 'abort', 'emptied', 'error', 'suspend', 'durationchange', 'resize', 'loadedmetadata', 'loadeddata', 'canplay',
     'canplaythrough', 'play', 'pause', 'playing', 'waiting', 'seeking', 'seeked', 'ended', 'ratechange', 'waitingforkey'])
     video.addEventListener(type, () => events.push(type));
-  return { window, video, events, take: () => events.splice(0), get player() { return FakePlayer.all.at(-1); } };
+  return { window, video, events, env, take: () => events.splice(0), get player() { return FakePlayer.all.at(-1); } };
 }
 
 /** ... with a media source and as many seconds of video, whose end is told or not. */
@@ -44,6 +44,13 @@ async function makeFedPage({ seconds, isEnded = false, duration = 10 }) {
   await append(buffer, init(['video'], duration), ...video(0, seconds));
   if (isEnded) source.endOfStream();
   return Object.assign(page, { source, buffer });
+}
+
+/** Makes the page's clock stand where the test says, in milliseconds. */
+function stopClock(page) {
+  const start = page.env.now();
+  page.env.now = () => start + page.time;
+  page.time = 0;
 }
 
 /** Video of 25 pictures a second. */
@@ -137,6 +144,7 @@ test('the end: pause and ended, a loop begins anew, play() goes back', async () 
   const page = await makeFedPage({ seconds: 2, isEnded: true });
   const { video: element, player } = page;
   await element.play();
+  await told(page, 'canplaythrough');
   page.take();
   player.position = 1.99;
   player.tell({ type: 'ended', position: 1.99 });
@@ -157,6 +165,56 @@ test('the end: pause and ended, a loop begins anew, play() goes back', async () 
   await told(page, 'seeked');
   assert.ok(!page.take().includes('ended'));
   assert.deepStrictEqual([element.paused, player.calls.at(-1)], [false, ['seek', 0]]);
+});
+
+test('a seek to the end is over before playback has ended', async () => {
+  const page = await makeFedPage({ seconds: 2 });
+  const { video: element, player } = page;
+  await element.play();
+  element.currentTime = 10;
+  await told(page, 'seeking');
+  page.take();
+  page.source.endOfStream();
+  await new Promise((resolve) => setTimeout(resolve, 50)); // some looks
+  assert.ok(!page.take().includes('ended'));
+  player.answerSeek(2);
+  await told(page, 'ended');
+  assert.deepStrictEqual(page.take().filter((type) => ['seeked', 'ended'].includes(type)), ['seeked', 'ended']);
+});
+
+test('what begins soon behind 0 is played from 0, what begins later is not', async () => {
+  for (const [start, readyState] of [[0.9, 3], [1.1, 1]]) {
+    const page = await makeFedPage({ seconds: 0 });
+    await append(page.buffer, ...video(start, 1));
+    await new Promise((resolve) => setTimeout(resolve, 50)); // some looks
+    assert.deepStrictEqual([page.video.readyState, page.video.buffered.start(0)], [readyState, start]);
+  }
+});
+
+test('what is buffered ahead is enough once it has lasted, the rest of a source at once', async () => {
+  const page = await makeFedPage({ seconds: 0 });
+  stopClock(page);
+  await append(page.buffer, ...video(0, 5));
+  await told(page, 'canplay');
+  await new Promise((resolve) => setTimeout(resolve, 50)); // some looks
+  assert.strictEqual(page.video.readyState, page.video.HAVE_FUTURE_DATA);
+  page.source.endOfStream();
+  await told(page, 'canplaythrough');
+  assert.strictEqual(page.video.readyState, page.video.HAVE_ENOUGH_DATA);
+});
+
+test('an audio track that is disabled is not heard', async () => {
+  const page = makePage();
+  const source = new page.window.MediaSource();
+  page.video.src = page.window.URL.createObjectURL(source);
+  await heard(source, 'sourceopen');
+  await append(source.addSourceBuffer('audio/mp4; codecs="mp4a.40.2"'), init(['audio'], 10), frames('audio', { start: 0, count: 100, duration: 0.02 }));
+  page.video.volume = 0.5;
+  const [track] = page.video.audioTracks;
+  track.enabled = false;
+  assert.strictEqual(page.player.volume, 0);
+  track.enabled = true;
+  assert.strictEqual(page.player.volume, 0.5);
 });
 
 test('cues begin and end with playback, also those between two looks, and can pause it', async () => {
