@@ -62,10 +62,10 @@ class MediaControl {
     else this.playback.begin();
     return this.source !== null;
   }
-  open(url) {
+  open(url, released) {
     this.#connect();
     this.playback.begin();
-    this.link.openUrl(url);
+    this.link.openUrl(url, released);
   }
   /** MSE, Detaching from a media element; the player goes. */
   detach() {

@@ -3,7 +3,9 @@
 // player does what a test says.
 
 const assert = require('node:assert');
+const fs = require('node:fs');
 const { after, test } = require('node:test');
+const { fileURLToPath } = require('node:url');
 
 const { JSDOM } = require('jsdom');
 
@@ -338,6 +340,18 @@ test('of several <source>, the first that can be played is', async () => {
   await told(page, 'canplaythrough');
   assert.deepStrictEqual(errors, [0, 1, 2]);
   assert.deepStrictEqual([page.video.currentSrc, page.video.videoWidth, page.video.duration], ['http://page.test/c.mp4', 128, 3]);
+});
+
+test('a Blob is played from a file, which goes with it', async () => {
+  const page = makePage();
+  page.video.src = page.window.URL.createObjectURL(new page.window.Blob(['media']));
+  const before = FakePlayer.all.length;
+  while (FakePlayer.all.length === before) await new Promise(setImmediate);
+  const file = fileURLToPath(page.player.calls.at(-1)[1]);
+  assert.strictEqual(fs.readFileSync(file, 'utf8'), 'media');
+  page.video.removeAttribute('src');
+  page.video.load();
+  while (fs.existsSync(file)) await new Promise(setImmediate);
 });
 
 test('preload="none" waits for play()', async () => {
