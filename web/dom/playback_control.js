@@ -320,6 +320,7 @@ class PlaybackControl {
     const { source } = this.#media;
     if (this.#seeking || this.#readyState === HAVE_NOTHING) return;
     if (source !== null && !source.isEnded) return env.log(`the player ended at ${position}, the source has not`);
+    if (source === null && position > this.#duration) this.setDuration(position); // it was estimated
     this.#reachEnd();
   }
 

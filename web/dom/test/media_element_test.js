@@ -258,6 +258,17 @@ test('the attribute muted counts for what a parser makes', () => {
   assert.deepStrictEqual([page.video.muted, scripted.muted], [true, false]);
 });
 
+test('media whose length was estimated are as long as they were in the end', async () => {
+  const page = makePage('<video autoplay src="a.mp3"></video>');
+  await told(page, 'loadstart');
+  page.player.tell({ type: 'metadata', width: 0, height: 0, pixelAspectRatio: 1, duration: 4 });
+  page.player.tell({ type: 'state', state: 'playing' });
+  await told(page, 'playing');
+  page.player.tell({ type: 'ended', position: 5 });
+  await told(page, 'ended');
+  assert.deepStrictEqual([page.video.duration, page.video.currentTime], [5, 5]);
+});
+
 test('an end that the source has not told is none', async () => {
   const page = await makeFedPage({ seconds: 2 });
   await page.video.play();
