@@ -17,7 +17,7 @@ public:
     PipelineErrors(const PipelineErrors&) = delete;
     PipelineErrors& operator=(const PipelineErrors&) = delete;
 
-    /// To be called behind each operation of the backend: the pipeline that it has moved is its own.
+    /// To be called behind each operation of the backend: the pipeline that it moves is its own.
     void operated();
     /// The first error since the last call, a line; empty: none.
     std::string take();
