@@ -49,6 +49,7 @@ class PlaybackControl {
   #settlements = new Set(); // queued tasks that settle play promises
   #isLookDue = false;
   #areCuesDue = false;
+  #wasPlayed = false; // a URL's player goes where it is sought only then, and begins there
   #playerState = null; // 'playing', 'paused' or 'buffering', once it has said so
   #timer = null;
   #lastUpdate = 0; // when timeupdate was raised last, and for which position
@@ -116,7 +117,7 @@ class PlaybackControl {
       this.#paused = true;
       this.rejectPromises('AbortError', 'a new load began');
     }
-    this.#seeking = this.#hasEnded = this.#wasLoaded = this.#waitsForKey = false;
+    this.#seeking = this.#hasEnded = this.#wasLoaded = this.#wasPlayed = this.#waitsForKey = false;
     this.#playerState = null;
     this.#buffered = [];
     this.#played = [];
@@ -244,8 +245,9 @@ class PlaybackControl {
     const target = nearest(seekable, Math.max(0, Math.min(seconds, Number.isNaN(this.#duration) ? seconds : this.#duration)));
     const { link, source } = this.#media;
     this.#beginSeek(target);
-    if (source === null && link.position === target) this.#media.queue(() => this.playerSeeked(true)); // it is there already
-    else if (link.hasOpened) link.seek(target);
+    const isThere = source === null && link.position === target;
+    if (link.hasOpened && !isThere) link.seek(target);
+    if (isThere || (source === null && !this.#wasPlayed)) this.#media.queue(() => this.playerSeeked(true));
     this.look();
   }
   #beginSeek(target) {
@@ -304,6 +306,7 @@ class PlaybackControl {
   playerStateChanged(state) {
     const isInterruption = state === 'buffering' && this.#playerState === 'playing';
     if (state === 'playing' || state === 'paused' || isInterruption) this.#playerState = state;
+    this.#wasPlayed ||= state === 'playing';
     this.#followPlayer();
   }
   /** Of a URL, the player alone knows what data it has. */

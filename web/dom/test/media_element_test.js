@@ -353,6 +353,31 @@ test('of several <source>, the first that can be played is', async () => {
   assert.deepStrictEqual([page.video.currentSrc, page.video.videoWidth, page.video.duration], ['http://page.test/c.mp4', 128, 3]);
 });
 
+test('what has not been played is sought at once, and what has when the player is there', async () => {
+  const page = makePage('<video src="a.mp4"></video>');
+  const { video: element } = page;
+  await told(page, 'loadstart');
+  page.player.tell({ type: 'metadata', width: 64, height: 48, pixelAspectRatio: 1, duration: 30 });
+  page.player.tell({ type: 'state', state: 'paused' });
+  await told(page, 'canplaythrough');
+  element.currentTime = 1e9;
+  await told(page, 'seeked');
+  assert.deepStrictEqual([element.currentTime, element.seeking, page.player.calls.at(-1)], [30, false, ['seek', 30]]);
+  element.currentTime = 20;
+  element.play();
+  page.player.tell({ type: 'state', state: 'playing' });
+  page.player.answerSeek(20);
+  await told(page, 'playing');
+  page.take();
+  element.currentTime = 5;
+  await told(page, 'seeking');
+  await new Promise(setImmediate);
+  assert.ok(element.seeking);
+  page.player.answerSeek(5);
+  await told(page, 'seeked');
+  assert.strictEqual(element.currentTime, 5);
+});
+
 test('a Blob is played from a file, which goes with it', async () => {
   const page = makePage();
   page.video.src = page.window.URL.createObjectURL(new page.window.Blob(['media']));
