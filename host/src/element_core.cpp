@@ -513,8 +513,10 @@ void ElementCore::feedAnew() {
 /// What is waited for now; nothing when nothing is to move.
 std::optional<Phase> ElementCore::phase() const {
     const bool isUnplayed = m_playback.is(State::Opening) && !m_playback.isWanted();
-    if (m_playback.over() || m_playback.is(State::Paused) || isUnplayed)
+    if (m_playback.over() || isUnplayed)
         return std::nullopt;
+    if (m_playback.is(State::Paused))
+        return isLookedInto() ? std::optional(phaseOfStart()) : std::nullopt;
     if (m_seek.isUnderWay())
         return Phase::Seeking;
     if (m_feeding != nullptr && m_feeding->waitsForKey())
@@ -528,6 +530,12 @@ std::optional<Phase> ElementCore::phase() const {
     if (m_seek.isSettling())
         return Phase::Seeking;
     return m_playback.is(State::Buffering) ? Phase::WaitingForData : Phase::Playing;
+}
+
+/// A URL is, also while it is paused; nothing has come of it yet.
+bool ElementCore::isLookedInto() const {
+    return m_feeding == nullptr && !m_playback.reached(Playback::Stage::Known) &&
+           m_playback.status().duration <= 0;
 }
 
 Phase ElementCore::phaseOfStart() const {

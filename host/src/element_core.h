@@ -99,6 +99,7 @@ private:
     void tick();
     void trackPosition();
     std::optional<Phase> phase() const;
+    bool isLookedInto() const;
     Phase phaseOfStart() const;
 
     const std::shared_ptr<const BackendLibrary> m_library;

@@ -133,6 +133,10 @@ TEST_F(HostTest, GivesUpWhatDoesNotGetOn) {
     const auto dry = [&] { deliver(new BufferingStreamUnderrunEvent); };
     const auto progress = [&] { deliver(new BufferingProgressEvent); };
     const auto sought = [&] { seek(7); };
+    const auto pause = [&] {
+        m_element->pause();
+        settle();
+    };
     const auto *file = "file:///x", *server = "http://h.example/x";
     const std::string media = "the media cannot be played",
                       unplayed = "nothing was played within 15.0 s";
@@ -153,6 +157,7 @@ TEST_F(HostTest, GivesUpWhatDoesNotGetOn) {
         {"connected", server, State::Buffering, metadata, 100, 15000, unplayed, media, look},
         {"... tracks", server, State::Buffering, tracks, 100, 15000, unplayed, media, look},
         {"... a length", server, State::Buffering, known, 100, 15000, unplayed, media, look},
+        {"opening in a pause", file, State::Opening, pause, 100, 15000, unplayed, media, look},
         {"opening", file, State::Buffering, nullptr, 100, 15000, unplayed, media, look},
         {"decoder asked for", file, State::Buffering, decoder, 4500, 15000, unplayed, media, look},
         {"playing", file, State::Playing, nullptr, 0, 5000,

@@ -5,12 +5,14 @@
 
 const { implForWrapper, wrapperForImpl } = require('jsdom/lib/generated/idl/utils.js');
 const { implementation: MediaElementImpl } = require('jsdom/lib/jsdom/living/nodes/HTMLMediaElement-impl.js');
+const { implementation: TrackElementImpl } = require('jsdom/lib/jsdom/living/nodes/HTMLTrackElement-impl.js');
 
 const listeners = new WeakMap(); // by window
 
 /**
- * From now on tells this window's listener, with elements as the page sees them:
- * attributeChanged(element, name, value, oldValue), removed(element) from its document,
+ * From now on tells this window's listener, with elements as the page sees them: of media elements and
+ * their tracks attributeChanged(element, name, value, oldValue); of media elements parsed(element), once
+ * a parser has made it with its attributes, removed(element) from its document,
  * childInserted(element, child), childToBeRemoved(element, child).
  */
 function listen(window, listener) {
@@ -32,8 +34,16 @@ function extend(Impl, name, { before, after }) {
   };
 }
 
-extend(MediaElementImpl, '_attrModified', {
-  after: (impl, name, value, oldValue) => tell(impl, 'attributeChanged', name, value, oldValue),
+for (const Impl of [MediaElementImpl, TrackElementImpl]) {
+  extend(Impl, '_attrModified', {
+    after: (impl, name, value, oldValue) => tell(impl, 'attributeChanged', name, value, oldValue),
+  });
+}
+// What an element has of this name the parser sets once its attributes are there.
+Object.defineProperty(MediaElementImpl.prototype, '_parserInserted', {
+  set() {
+    tell(this, 'parsed');
+  },
 });
 extend(MediaElementImpl, '_detach', { after: (impl) => tell(impl, 'removed') });
 extend(MediaElementImpl, '_insert', {

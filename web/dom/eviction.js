@@ -1,6 +1,7 @@
 'use strict';
 // MSE, "Coded Frame Eviction". `buffer` is a SourceBufferState (source_buffer.js).
 
+const ranges = require('./ranges.js');
 const { removeCodedFrames } = require('./coded_frame_processing.js');
 
 /** Bytes that a buffer with tracks of these kinds may hold. */
@@ -11,9 +12,6 @@ function quotaOf(kinds) {
 function bytesOf(buffer) {
   return [...buffer.trackBuffers.values()].reduce((sum, { bytes }) => sum + bytes, 0);
 }
-
-/** Seconds from a position to a range that playback from there begins with (MSE, "Presentation Start Time"). */
-const startAllowance = 1;
 
 /**
  * Makes room for so many bytes, if that is needed and possible: first what has been played, from the
@@ -50,7 +48,7 @@ function evictPlayed(buffer, guide, currentTime, missing) {
 }
 
 function evictAhead(buffer, guide, currentTime, missing) {
-  const played = guide.ranges().find(([start, end]) => start <= currentTime + startAllowance && currentTime < end);
+  const played = ranges.playableAt(guide.ranges(), currentTime);
   const keep = played?.[1] ?? currentTime;
   while (missing() > 0) {
     const last = guide.randomAccessPointBefore(Infinity);

@@ -1,6 +1,6 @@
 'use strict';
 // What Web IDL asks of every interface that is written by hand here: conversions of arguments,
-// constructors that pages may not call, event handler attributes, the shape of prototypes.
+// constructors that pages may not call, event handler attributes, the shape of prototypes and of lists.
 
 const conversions = require('webidl-conversions');
 
@@ -93,6 +93,22 @@ function constants(Class, values) {
   }
 }
 
+/**
+ * The base of a list whose items a page reads by index: an index cannot be assigned (Web IDL, "legacy
+ * platform object [[Set]]"). The list itself defines its items.
+ */
+const Indexed = function () {
+  return new Proxy(Object.create(new.target.prototype), {
+    set: (target, name, ...rest) => !isIndex(name) && Reflect.set(target, name, ...rest),
+  });
+};
+Indexed.prototype = Object.prototype;
+Object.setPrototypeOf(Indexed, Function.prototype);
+
+function isIndex(name) {
+  return typeof name === 'string' && /^(0|[1-9]\d*)$/.test(name) && Number(name) < 2 ** 32 - 1;
+}
+
 /** Puts attributes and operations on an existing prototype, in place of what has their name. */
 function extend(prototype, members) {
   for (const [name, descriptor] of Object.entries(Object.getOwnPropertyDescriptors(members))) {
@@ -101,5 +117,5 @@ function extend(prototype, members) {
 }
 
 module.exports = {
-  bufferSource, constants, convert, enumeration, eventHandlers, expose, extend, illegal, needArguments, secret,
+  Indexed, bufferSource, constants, convert, enumeration, eventHandlers, expose, extend, illegal, needArguments, secret,
 };

@@ -24,7 +24,7 @@ class MediaControl {
   source = null; // the attached media source; null: none
   audioTracks = tracks.makeAudioTrackList();
   videoTracks = tracks.makeVideoTrackList();
-  textTracks = textTracks.makeTextTrackList();
+  textTracks = textTracks.makeTextTrackList(() => this.playback.cuesChanged());
   volume = 1;
   muted = false;
   preservesPitch = true;
@@ -62,10 +62,10 @@ class MediaControl {
     else this.playback.begin();
     return this.source !== null;
   }
-  open(url) {
+  open(url, released) {
     this.#connect();
     this.playback.begin();
-    this.link.openUrl(url);
+    this.link.openUrl(url, released);
   }
   /** MSE, Detaching from a media element; the player goes. */
   detach() {
@@ -105,8 +105,11 @@ class MediaControl {
     if (this.source !== null) this.playback.setSize(size.width, size.height);
     else this.playback.metadataKnown({ ...size, duration: duration > 0 ? duration : Infinity });
   }
+  /** HTML, "enabled": of audio tracks those alone are heard. A player plays one. */
   applyVolume() {
-    this.link?.setVolume(this.muted ? 0 : this.volume);
+    const tracksOfSource = [...this.audioTracks];
+    const isHeard = tracksOfSource.length === 0 || tracksOfSource.some(({ enabled }) => enabled);
+    this.link?.setVolume(this.muted || !isHeard ? 0 : this.volume);
   }
 
   /** The attribute `buffered`: one object until something changes. */
@@ -136,6 +139,11 @@ class MediaControl {
   durationChanged(seconds) {
     this.playback.setDuration(seconds);
     if (Number.isFinite(seconds)) this.link?.setDuration(seconds);
+  }
+  /** Of a media source, some are enabled, selected or there that were not, or the other way round. */
+  tracksChanged() {
+    this.applyVolume();
+    this.buffersChanged();
   }
   buffersChanged() {
     if (this.source === null) return;
@@ -183,8 +191,13 @@ function controlOf(element) {
 const documentListener = {
   attributeChanged(element, name, value) {
     const isOwn = element.getAttributeNS(null, name) === value; // in no namespace
-    if (name === 'src' && isOwn) controlOf(element).selection.sourceSet(value);
-    if (name === 'muted' && value !== null && isBeingParsed()) controlOf(element).muted = true;
+    if (name !== 'src' || !isOwn) return;
+    if (element instanceof window.HTMLTrackElement) trackElement.sourceSet(element);
+    else controlOf(element).selection.sourceSet(value);
+  },
+  /** HTML, the attribute `muted`: what the parser has made begins as it says. */
+  parsed(element) {
+    if (element.hasAttribute('muted')) controlOf(element).muted = true;
   },
   /** HTML, "when a media element is removed from a document". */
   removed(element) {
@@ -201,11 +214,6 @@ const documentListener = {
     trackElement.toBeRemoved(controlOf(element).textTracks, child);
   },
 };
-
-/** Elements are made by the parser while no script runs. */
-function isBeingParsed() {
-  return window.document.readyState === 'loading' && window.document.currentScript === null;
-}
 
 /** HTML, canPlayType(): only with codecs can it be sure. */
 function howSurely(type) {

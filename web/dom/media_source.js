@@ -128,7 +128,7 @@ class MediaSourceState {
   updateActiveSourceBuffers() {
     this.active = this.buffers.filter(({ isActive }) => isActive);
     this.updateLists();
-    this.control.buffersChanged();
+    this.control.tracksChanged();
   }
 
   updateLists() {

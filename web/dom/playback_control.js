@@ -4,7 +4,7 @@
 
 const { clearInterval, setInterval } = require('timers');
 
-const { fire, isClosed, queueTask } = require('./tasks.js');
+const { awaitStableState, fire, isClosed, queueTask } = require('./tasks.js');
 const { mediaError, MEDIA_ERR_SRC_NOT_SUPPORTED } = require('./media_error.js');
 const { marchOn } = require('./text_track.js');
 const ranges = require('./ranges.js');
@@ -13,10 +13,10 @@ const readyStates = { HAVE_NOTHING: 0, HAVE_METADATA: 1, HAVE_CURRENT_DATA: 2, H
 const { HAVE_NOTHING, HAVE_METADATA, HAVE_CURRENT_DATA, HAVE_FUTURE_DATA, HAVE_ENOUGH_DATA } = readyStates;
 
 // Seconds.
-const reach = 0.1; // a range that begins so much later than the position contains it
 const tooLittle = 0.05; // buffered ahead: playback waits
 const future = 0.3; // ... may go on
 const enough = 2; // ... goes on to the end, presumably
+const lasting = 0.1; // ... once it has been that much for so long, as the rest of a source is at once
 const atOnce = 0.06; // what is so near is reached between two looks
 const held = 0.5; // ... is why the player holds, when it does
 const jitter = 0.1; // a position may fall back so much without a seek
@@ -42,15 +42,19 @@ class PlaybackControl {
   #played = [];
   #buffered = []; // the source's, or the player's
   #blockedAt = Infinity; // the first frame from here whose key is missing
+  #enoughSince = null; // when so much came to be buffered ahead; null: it is not
   #waitsForKey = false;
   #size = { width: 0, height: 0 };
   #promises = []; // "pending play promises"
   #settlements = new Set(); // queued tasks that settle play promises
   #isLookDue = false;
+  #areCuesDue = false;
+  #wasPlayed = false; // a URL's player goes where it is sought only then, and begins there
   #playerState = null; // 'playing', 'paused' or 'buffering', once it has said so
   #timer = null;
   #lastUpdate = 0; // when timeupdate was raised last, and for which position
   #updatedAt = 0;
+  #marchedTo = null; // where the text tracks are; null: playback has not begun
 
   playbackRate = 1;
   defaultPlaybackRate = 1;
@@ -113,11 +117,12 @@ class PlaybackControl {
       this.#paused = true;
       this.rejectPromises('AbortError', 'a new load began');
     }
-    this.#seeking = this.#hasEnded = this.#wasLoaded = this.#waitsForKey = false;
+    this.#seeking = this.#hasEnded = this.#wasLoaded = this.#wasPlayed = this.#waitsForKey = false;
     this.#playerState = null;
     this.#buffered = [];
     this.#played = [];
     this.#blockedAt = Infinity;
+    this.#marchedTo = null;
     this.#duration = NaN;
     this.#size = { width: 0, height: 0 };
     if (this.#position !== 0) {
@@ -240,8 +245,9 @@ class PlaybackControl {
     const target = nearest(seekable, Math.max(0, Math.min(seconds, Number.isNaN(this.#duration) ? seconds : this.#duration)));
     const { link, source } = this.#media;
     this.#beginSeek(target);
-    if (source === null && link.position === target) this.#media.queue(() => this.playerSeeked(true)); // it is there already
-    else if (link.hasOpened) link.seek(target);
+    const isThere = source === null && link.position === target;
+    if (link.hasOpened && !isThere) link.seek(target);
+    if (isThere || (source === null && !this.#wasPlayed)) this.#media.queue(() => this.playerSeeked(true));
     this.look();
   }
   #beginSeek(target) {
@@ -300,6 +306,7 @@ class PlaybackControl {
   playerStateChanged(state) {
     const isInterruption = state === 'buffering' && this.#playerState === 'playing';
     if (state === 'playing' || state === 'paused' || isInterruption) this.#playerState = state;
+    this.#wasPlayed ||= state === 'playing';
     this.#followPlayer();
   }
   /** Of a URL, the player alone knows what data it has. */
@@ -316,6 +323,7 @@ class PlaybackControl {
     const { source } = this.#media;
     if (this.#seeking || this.#readyState === HAVE_NOTHING) return;
     if (source !== null && !source.isEnded) return env.log(`the player ended at ${position}, the source has not`);
+    if (source === null && position > this.#duration) this.setDuration(position); // it was estimated
     this.#reachEnd();
   }
 
@@ -359,12 +367,27 @@ class PlaybackControl {
   #marchOn() {
     const position = this.#position;
     if (this.#paused || this.#seeking) return;
-    if (marchOn(this.#media.textTracks, position)) this.pause();
+    if (position !== this.#marchedTo) this.#marchTracks(this.#marchedTo);
     const now = env.now();
     if (position === this.#updatedAt || now - this.#lastUpdate < timeupdateInterval) return;
     this.#lastUpdate = now;
     this.#updatedAt = position;
     this.#media.queueEvent('timeupdate');
+  }
+
+  /** `since`: where playback came from, or null when it was not by playing. */
+  #marchTracks(since) {
+    this.#marchedTo = this.#position;
+    if (marchOn(this.#media.textTracks, this.#position, since)) this.pause();
+  }
+  /** Of the tracks that the element has. They stand still while it has not been played or sought. */
+  cuesChanged() {
+    if (this.#paused || this.#areCuesDue) return;
+    this.#areCuesDue = true;
+    awaitStableState(() => {
+      this.#areCuesDue = false;
+      if (!this.#paused && !this.#seeking) this.#marchTracks(null);
+    });
   }
 
   #monitor(source) {
@@ -377,7 +400,7 @@ class PlaybackControl {
     this.#setReadyState(this.#seeking ? Math.min(this.#readyState, HAVE_METADATA) : state);
     if (isBlocked && data.isThere && !this.#waitsForKey) this.#media.queueEvent('waitingforkey'); // EME, Wait for Key
     this.#waitsForKey = isBlocked && (data.isThere || this.#waitsForKey);
-    const isAtEnd = source.isEnded && this.#position >= this.#duration - 0.001;
+    const isAtEnd = source.isEnded && !this.#seeking && this.#position >= this.#duration - 0.001;
     if (isAtEnd && !this.#hasEnded) this.#reachEnd();
   }
 
@@ -387,7 +410,7 @@ class PlaybackControl {
     const last = buffered[buffered.length - 1];
     const range = this.#rangeAt(buffered);
     if (range === undefined) {
-      const isEnd = source.isEnded && (last === undefined || this.#position >= last[1] - reach);
+      const isEnd = source.isEnded && (last === undefined || this.#position >= last[1]);
       return { isThere: isEnd, state: isEnd ? HAVE_ENOUGH_DATA : HAVE_METADATA };
     }
     const isRest = source.isEnded && range === last && this.#blockedAt >= range[1];
@@ -395,13 +418,15 @@ class PlaybackControl {
     return { isThere: true, state: isRest ? HAVE_ENOUGH_DATA : this.#stateFor(ahead) };
   }
   #stateFor(ahead) {
+    const now = env.now();
+    this.#enoughSince = ahead >= enough ? this.#enoughSince ?? now : null;
     if (this.#media.link.isStarved) return HAVE_CURRENT_DATA;
-    if (ahead >= enough) return HAVE_ENOUGH_DATA;
+    if (this.#enoughSince !== null && now - this.#enoughSince >= lasting * 1000) return HAVE_ENOUGH_DATA;
     const wanted = this.#readyState >= HAVE_FUTURE_DATA ? tooLittle : future;
     return ahead > wanted ? HAVE_FUTURE_DATA : HAVE_CURRENT_DATA;
   }
   #rangeAt(buffered) {
-    return buffered.find(([start, end]) => start <= this.#position + reach && this.#position <= end);
+    return ranges.playableAt(buffered, this.#position);
   }
   #endOfData(source) {
     return this.#rangeAt(source.buffered())?.[1] ?? Infinity;
@@ -445,6 +470,7 @@ class PlaybackControl {
   #finishSeek() {
     this.#seeking = false;
     this.#hasStarted = false;
+    this.#marchTracks(null);
     this.#media.queueEvent('timeupdate');
     this.#media.queueEvent('seeked');
   }
@@ -459,7 +485,7 @@ class PlaybackControl {
     }
     if (this.#media.element.loop) return this.seek(0);
     this.#hasEnded = true;
-    marchOn(this.#media.textTracks, this.#position);
+    this.#marchTracks(this.#marchedTo);
     this.#media.queue(() => {
       fire(this.#media.element, 'timeupdate');
       if (!this.ended) return;

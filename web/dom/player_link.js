@@ -12,6 +12,7 @@ class PlayerLink {
   #isRunning = false;
   #generation = null; // of the seek that has not been answered
   #rate = 1;
+  #released = () => {};
   #starved = new Set(); // tracks for want of whose data the player holds
 
   /**
@@ -69,7 +70,9 @@ class PlayerLink {
     this.#hasOpened = true;
     this.#player.open({ start, duration, session });
   }
-  openUrl(url) {
+  /** `released()` is called once the player needs it no more. */
+  openUrl(url, released = () => {}) {
+    this.#released = released;
     this.#hasOpened = true;
     this.#player.openUrl(url);
     this.#player.pause(); // looks into it without playing it
@@ -117,7 +120,7 @@ class PlayerLink {
     this.#player = null;
     this.#client = null;
     const released = player.release();
-    return released.finally(() => living.delete(this));
+    return released.then(() => this.#released()).finally(() => living.delete(this));
   }
 
   #take(event) {

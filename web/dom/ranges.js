@@ -37,9 +37,19 @@ function withLastEnd(ranges, end) {
   return ranges.map((range, index) => (index === ranges.length - 1 ? [range[0], end] : range));
 }
 
-/** The range that the time is in, or null. An end is not in its range. */
-function rangeAt(ranges, time) {
-  return ranges.find(([start, end]) => start <= time && time < end) ?? null;
+/** Seconds from 0, where a presentation starts, within which the first range may begin that is played from there. */
+const startAllowance = 1;
+/** Seconds between frames that playback gets over (MSE, "Track Buffers", lets an implementation choose). */
+const shortGap = 0.15;
+
+/**
+ * The range that playback at this time plays, its end included, or undefined: the one that the time is
+ * in, or is a short gap before; before the first range that one, if it begins soon enough (MSE,
+ * "Presentation Start Time").
+ */
+function playableAt(ranges, time) {
+  const isFirstSoon = ranges.length > 0 && ranges[0][0] <= startAllowance;
+  return ranges.find(([start, end], index) => (start <= time + shortGap || (index === 0 && isFirstSoon)) && time <= end);
 }
 
 function equal(a, b) {
@@ -56,4 +66,4 @@ function intersectAll(list, isEnded) {
   return list.reduce((common, ranges) => intersect(common, isEnded ? withLastEnd(ranges, end) : ranges), [[0, end]]);
 }
 
-module.exports = { equal, highestEnd, intersect, intersectAll, rangeAt, union };
+module.exports = { equal, highestEnd, intersect, intersectAll, playableAt, shortGap, union };

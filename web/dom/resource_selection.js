@@ -4,6 +4,7 @@
 
 // Evaluated in Node's realm: jsdom's own classes are there.
 const { delayLoadEvent } = require('../dom/element_hooks.js');
+const { blobFile } = require('./blob_file.js');
 const { fire, awaitStableState } = require('./tasks.js');
 const { mediaError, MEDIA_ERR_NETWORK, MEDIA_ERR_DECODE, MEDIA_ERR_SRC_NOT_SUPPORTED } = require('./media_error.js');
 const { resolve } = require('./object_url.js');
@@ -178,9 +179,8 @@ class ResourceSelection {
         this.loadEventMayCome();
         return this.#media.attach(object) ? null : 'the media source is in use';
       }
-      if (object) return 'the backend plays media sources and URLs';
-      if (!/^(https?|file|rtsp):/.test(url)) return 'no such resource';
-      this.#openWhenWanted(url);
+      if (!object && !/^(https?|file|rtsp):/.test(url)) return 'no such resource';
+      this.#openWhenWanted(() => (object ? this.#openBlob(object) : this.#media.open(url)));
       return null;
     } catch (error) {
       return error.message; // the add-on's: there is no library, or the URL is none for it
@@ -188,8 +188,7 @@ class ResourceSelection {
   }
 
   /** "If the preload attribute is none": then not before the page wants to play. */
-  #openWhenWanted(url) {
-    const open = () => this.#media.open(url);
+  #openWhenWanted(open) {
     const { element, playback } = this.#media;
     if (element.preload !== 'none' || !playback.paused || (element.autoplay && playback.isAutoplaying)) return open();
     this.#networkState = NETWORK_IDLE;
@@ -199,6 +198,17 @@ class ResourceSelection {
       this.#networkState = NETWORK_LOADING;
       open();
     };
+  }
+  async #openBlob(blob) {
+    const { generation } = this.#media;
+    const isWanted = () => generation === this.#media.generation;
+    try {
+      const { url, remove } = await blobFile(blob);
+      if (isWanted()) this.#media.open(url, remove);
+      else await remove();
+    } catch (error) {
+      if (isWanted()) this.fail('network', error.message);
+    }
   }
   /** The page plays, or wants to. */
   wanted() {

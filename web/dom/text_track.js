@@ -1,5 +1,5 @@
 'use strict';
-// HTML, "timed text tracks": tracks and cues that a page makes itself, and their times.
+// HTML, "timed text tracks": tracks, their cues, and when those begin and end.
 
 const idl = require('./idl.js');
 const { queueEvent } = require('./tasks.js');
@@ -11,6 +11,13 @@ const modes = ['disabled', 'hidden', 'showing'];
 /** What cues and their lists let this file alone do. */
 let cueOf;
 let listOf;
+
+/** A cue may end with the media, at Infinity. */
+function toEndTime(value) {
+  const time = idl.convert('unrestricted double', value, 'endTime');
+  if (Number.isNaN(time) || time === -Infinity) throw new TypeError(`endTime: ${time} is no time`);
+  return time;
+}
 
 class TextTrackCue extends window.EventTarget {
   #track = null;
@@ -35,14 +42,14 @@ class TextTrackCue extends window.EventTarget {
   }
   set startTime(value) {
     this.#values.startTime = idl.convert('double', value, 'startTime');
-    this.#sortAgain();
+    this.#timesChanged();
   }
   get endTime() {
     return this.#values.endTime;
   }
   set endTime(value) {
-    this.#values.endTime = idl.convert('unrestricted double', value, 'endTime');
-    this.#sortAgain();
+    this.#values.endTime = toEndTime(value);
+    this.#timesChanged();
   }
   get pauseOnExit() {
     return this.#values.pauseOnExit;
@@ -50,8 +57,10 @@ class TextTrackCue extends window.EventTarget {
   set pauseOnExit(value) {
     this.#values.pauseOnExit = Boolean(value);
   }
-  #sortAgain() {
-    if (this.#track !== null) listOf.sort(cuesOf(this.#track));
+  #timesChanged() {
+    if (this.#track === null) return;
+    listOf.sort(cuesOf(this.#track));
+    trackOf.cuesChanged(this.#track);
   }
   static {
     cueOf = {
@@ -72,8 +81,7 @@ class VTTCue extends TextTrackCue {
 
   constructor(startTime, endTime, text) {
     idl.needArguments(arguments, 3, 'VTTCue');
-    super(idl.secret, idl.convert('double', startTime, 'startTime'),
-      idl.convert('unrestricted double', endTime, 'endTime'));
+    super(idl.secret, idl.convert('double', startTime, 'startTime'), toEndTime(endTime));
     this.#settings.text = idl.convert('DOMString', text, 'text');
   }
   getCueAsHTML() {
@@ -115,11 +123,17 @@ class VTTCue extends TextTrackCue {
   }
 }
 
-class TextTrackCueList {
+/** "Text track cue order": by start, the longer one first. */
+function inOrder(a, b) {
+  return a.startTime - b.startTime || b.endTime - a.endTime || 0;
+}
+
+class TextTrackCueList extends idl.Indexed {
   #cues = [];
 
   constructor(token) {
     idl.illegal(token);
+    super();
   }
   get length() {
     return this.#cues.length;
@@ -138,12 +152,9 @@ class TextTrackCueList {
     this.#cues = cues;
   }
   static {
-    // "Text track cue order": by start, the longer one first.
-    const inOrder = (cues) => [...cues].sort((a, b) => a.startTime - b.startTime || b.endTime - a.endTime || 0);
     listOf = {
-      cues: (list) => list.#cues,
-      put: (list, cues) => list.#set(inOrder(cues)),
-      sort: (list) => list.#set(inOrder(list.#cues)),
+      put: (list, cues) => list.#set([...cues].sort(inOrder)),
+      sort: (list) => list.#set([...list.#cues].sort(inOrder)),
     };
   }
 }
@@ -159,7 +170,6 @@ class TextTrack extends window.EventTarget {
   #active = new TextTrackCueList(idl.secret);
   #lists = new Set();
 
-  /** `description` has kind, label, language, id; where it has getters, they are asked each time. */
   constructor(token, description) {
     idl.illegal(token);
     super();
@@ -191,7 +201,10 @@ class TextTrack extends window.EventTarget {
     const mode = String(value);
     if (!modes.includes(mode) || mode === this.#mode) return;
     this.#mode = mode;
+    if (mode === 'disabled') this.#deactivate(() => true);
     for (const list of this.#lists) queueEvent(list, 'change');
+    this.#description.modeChanged?.();
+    this.#tellOfCues();
   }
   get cues() {
     return this.#mode === 'disabled' ? null : this.#cues;
@@ -205,44 +218,77 @@ class TextTrack extends window.EventTarget {
     if (cue.track !== null) cue.track.removeCue(cue);
     cueOf.setTrack(cue, this);
     listOf.put(this.#cues, [...this.#cues, cue]);
+    this.#tellOfCues();
   }
   removeCue(cue) {
     idl.needArguments(arguments, 1, 'removeCue');
     if (!(cue instanceof TextTrackCue)) throw new TypeError('removeCue: a TextTrackCue is wanted');
     if (cue.track !== this) throw new window.DOMException('the cue is not in this track', 'NotFoundError');
-    cueOf.setTrack(cue, null);
-    listOf.put(this.#cues, [...this.#cues].filter((other) => other !== cue));
-    listOf.put(this.#active, [...this.#active].filter((other) => other !== cue));
+    this.#remove((other) => other === cue);
   }
 
-  /** "Time marches on", as far as it concerns cues: events for those that begin and end. Answers
-   * whether playback is to pause. */
-  #march(time) {
-    if (this.#mode === 'disabled') return false;
-    const now = [...this.#cues].filter((cue) => cue.startTime <= time && cue.endTime > time);
-    const ended = [...this.#cues].filter((cue) => cueOf.isActive(cue) && !now.includes(cue));
-    const begun = now.filter((cue) => !cueOf.isActive(cue));
-    if (ended.length + begun.length === 0) return false;
-    for (const cue of ended) cueOf.setActive(cue, false);
-    for (const cue of begun) cueOf.setActive(cue, true);
+  #remove(isIt) {
+    this.#deactivate(isIt);
+    for (const cue of [...this.#cues].filter(isIt)) cueOf.setTrack(cue, null);
+    listOf.put(this.#cues, [...this.#cues].filter((cue) => !isIt(cue)));
+    this.#tellOfCues();
+  }
+  /** Without events: a cue that is in no list, or of a track that is disabled, is not active. */
+  #deactivate(isIt) {
+    for (const cue of [...this.#active].filter(isIt)) cueOf.setActive(cue, false);
+    listOf.put(this.#active, [...this.#active].filter((cue) => !isIt(cue)));
+  }
+  #tellOfCues() {
+    for (const list of this.#lists) listenerOf(list)();
+  }
+
+  /**
+   * "Time marches on" to `time`, as far as it concerns this track's cues: what begins and ends, as
+   * { cue, type, time } of an event. Cues that lie between `since` and `time` do both; null: no such time.
+   */
+  #march(time, since) {
+    if (this.#mode === 'disabled') return [];
+    const all = [...this.#cues];
+    const now = all.filter((cue) => cue.startTime <= time && cue.endTime > time);
+    const missed = since === null ? [] : all.filter((cue) =>
+      !now.includes(cue) && !cueOf.isActive(cue) && cue.startTime >= since && cue.endTime <= time);
+    const begun = [...now.filter((cue) => !cueOf.isActive(cue)), ...missed];
+    const ended = [...all.filter((cue) => cueOf.isActive(cue) && !now.includes(cue)), ...missed];
+    for (const cue of all) cueOf.setActive(cue, now.includes(cue));
     listOf.put(this.#active, now);
-    for (const cue of ended) queueEvent(cue, 'exit');
-    for (const cue of begun) queueEvent(cue, 'enter');
-    queueEvent(this, 'cuechange');
-    return ended.some((cue) => cue.pauseOnExit);
+    return [
+      ...begun.map((cue) => ({ cue, type: 'enter', time: cue.startTime })),
+      ...ended.map((cue) => ({ cue, type: 'exit', time: Math.max(cue.startTime, cue.endTime) })),
+    ];
   }
 
   static {
     cuesOf = (track) => track.#cues;
     trackOf = {
       lists: (track) => track.#lists,
-      march: (track, time) => track.#march(time),
+      march: (track, time, since) => track.#march(time, since),
+      clear: (track) => track.#remove(() => true),
+      cuesChanged: (track) => track.#tellOfCues(),
+      deactivate: (track) => track.#deactivate(() => true),
+      element: (track) => track.#description.element ?? null,
     };
   }
 }
 idl.eventHandlers(TextTrack.prototype, ['cuechange']);
 
-class TextTrackList extends TrackList {}
+/** Who wants to know that cues of a list's tracks come, go or move. */
+let listenerOf;
+
+class TextTrackList extends TrackList {
+  #cuesChanged;
+  constructor(token, cuesChanged) {
+    super(token);
+    this.#cuesChanged = cuesChanged;
+  }
+  static {
+    listenerOf = (list) => list.#cuesChanged;
+  }
+}
 
 function insertTextTrack(list, track, place) {
   trackOf.lists(track).add(list);
@@ -256,17 +302,34 @@ function addTextTrack(list, track) {
 
 function removeTextTrack(list, track) {
   trackOf.lists(track).delete(list);
+  trackOf.deactivate(track);
   remove(list, track);
 }
 
-/** Of all tracks; answers whether playback is to pause. */
-function marchOn(list, time) {
-  return tracksOf(list).map((track) => trackOf.march(track, time)).includes(true);
+/**
+ * HTML, "time marches on", for all tracks: playback is at `time`. `since`: where it was when it was
+ * looked at last, unless it came here by a seek: null. Answers whether playback is to pause.
+ */
+function marchOn(list, time, since = null) {
+  const tracks = tracksOf(list);
+  const events = tracks.flatMap((track) => trackOf.march(track, time, since));
+  const change = (track) => events.some(({ cue }) => cue.track === track);
+  events.sort((a, b) => a.time - b.time || inOrder(a.cue, b.cue) || a.type.localeCompare(b.type));
+  for (const { cue, type } of events) queueEvent(cue, type);
+  for (const track of tracks.filter(change)) {
+    queueEvent(track, 'cuechange');
+    const element = trackOf.element(track);
+    if (element !== null) queueEvent(element, 'cuechange');
+  }
+  return since !== null && events.some(({ cue, type }) => type === 'exit' && cue.pauseOnExit);
 }
 
 module.exports = {
   TextTrack, TextTrackCue, TextTrackCueList, TextTrackList, VTTCue,
   addTextTrack, insertTextTrack, removeTextTrack, marchOn, kinds,
+  clearCues: trackOf.clear,
+  /** `description`: kind, label, language, id, mode; where it has getters, they are asked each time.
+   * `modeChanged()` is called; `element`: the <track> that it is of. */
   makeTextTrack: (description) => new TextTrack(idl.secret, description),
-  makeTextTrackList: () => new TextTrackList(idl.secret),
+  makeTextTrackList: (cuesChanged = () => {}) => new TextTrackList(idl.secret, cuesChanged),
 };

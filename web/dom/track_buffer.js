@@ -2,11 +2,10 @@
 // MSE, "Track Buffers": what is known of one track's coded frames. Their payloads are with the
 // native player, which holds by sequence number what flush() tells it to.
 
+const { shortGap } = require('./ranges.js');
+
 /** Times that are nearer than this are the same: what is computed by tracks' clocks and by doubles differs by less. */
 const microsecond = 1e-6;
-
-/** Seconds between frames that playback gets over (MSE lets an implementation choose). */
-const shortGap = 0.15;
 
 const State = Object.freeze({ Pending: 'pending', Held: 'held by the player', Removed: 'removed' });
 

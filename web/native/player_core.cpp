@@ -17,13 +17,19 @@ std::set<PlayerCore*> living; // guarded
 PlayerCore::PlayerCore(std::shared_ptr<EventQueue> events)
     : m_events(std::move(events)), m_keyPlace(Runtime::instance().keys().makePlace()),
       m_element(Runtime::instance().library(), Runtime::instance().loop(), *this,
-                Runtime::instance().elementOptions()) {
+                elementOptions()) {
     const std::lock_guard<std::mutex> lock(livingMutex);
     living.insert(this);
 }
 
 PlayerCore::~PlayerCore() {
     release(std::chrono::seconds(10));
+}
+
+host::MediaElement::Options PlayerCore::elementOptions() {
+    auto options = Runtime::instance().elementOptions();
+    options.takeError = [this] { return m_errors.take(); };
+    return options;
 }
 
 // ---- tracks
@@ -143,7 +149,10 @@ void PlayerCore::releaseAll(std::chrono::milliseconds bound) {
 
 // ---- what becomes of it
 
-void PlayerCore::onRecord(const host::Record& /*record*/) {}
+void PlayerCore::onRecord(const host::Record& record) {
+    if (record.kind == host::Record::Kind::Operation && record.onLoop)
+        m_errors.operated();
+}
 
 void PlayerCore::onStatus(const host::Status& status) {
     tellOfMedia(status);

@@ -4,6 +4,7 @@
 #include "event_queue.h"
 #include "host/media_element.h"
 #include "host/track_buffer.h"
+#include "pipeline_errors.h"
 
 #include <atomic>
 #include <cstdint>
@@ -63,6 +64,7 @@ private:
     void onFilled(host::SourceId source) override;
     void onKeyNeeded(host::SourceId source, const host::KeyBytes& id, double time) override;
 
+    host::MediaElement::Options elementOptions();
     void attachOneOf(Kind kind);
     double trackOf(host::SourceId source);
     void tellOfState(const host::Status& status);
@@ -77,7 +79,9 @@ private:
     std::mutex m_sourceMutex;
     std::map<host::SourceId, host::SourceId> m_trackOfSource; // guarded
 
-    host::Status m_told; // the runtime's loop: what events have said
+    // The runtime's loop:
+    host::Status m_told; // what events have said
+    PipelineErrors m_errors;
 
     std::mutex m_releaseMutex;
     bool m_released = false; // guarded

@@ -74,9 +74,10 @@ function isIn(name, wanted) {
   return name === wanted || name.startsWith(`${wanted}/`);
 }
 
-/** Resolves with { harness, subtests }; a page that dies or hangs has one subtest that says so. */
+/** Resolves with { harness, subtests, seconds }; a page that dies or hangs has one subtest that says so. */
 function runPage(options, page) {
   return new Promise(resolve => {
+    const start = performance.now();
     const child = fork(path.join(__dirname, 'wpt_page.js'), { stdio: ['ignore', 'ignore', 'pipe', 'ipc'] });
     let result = null;
     let errors = '';
@@ -91,7 +92,7 @@ function runPage(options, page) {
         const message = `${died || 'ended without a result'}\n${errors.slice(-2000)}`;
         result = { harness: '', subtests: [...(result?.subtests || []), { name: '(the page comes to its end)', outcome: 'fail', message }] };
       }
-      resolve({ ...result, errors });
+      resolve({ ...result, errors, seconds: (performance.now() - start) / 1000 });
     });
     child.send({ roots: options.roots, page, verbose: options.verbose });
   });
@@ -115,7 +116,7 @@ function judge(expectations, page, { subtests }) {
 }
 
 function print(options, page, result, verdict) {
-  const lines = [`${verdict.news.length ? 'NEWS' : 'ok  '} ${page}: ${verdict.passed} of ${verdict.total}${result.harness ? ` (${result.harness})` : ''}`];
+  const lines = [`${verdict.news.length ? 'NEWS' : 'ok  '} ${page}: ${verdict.passed} of ${verdict.total} in ${result.seconds.toFixed(1)} s${result.harness ? ` (${result.harness})` : ''}`];
   lines.push(...verdict.news.map(text => `       ${text}`));
   if (options.verbose) {
     const unlisted = verdict.failures.filter(subtest => subtest.expected);

@@ -3,7 +3,9 @@
 // player does what a test says.
 
 const assert = require('node:assert');
+const fs = require('node:fs');
 const { after, test } = require('node:test');
+const { fileURLToPath } = require('node:url');
 
 const { JSDOM } = require('jsdom');
 
@@ -31,7 +33,7 @@ function makePage(html = '<video></video>') {
   for (const type of ['loadstart', 'abort', 'emptied', 'error', 'suspend', 'durationchange', 'resize', 'loadedmetadata', 'loadeddata', 'canplay',
     'canplaythrough', 'play', 'pause', 'playing', 'waiting', 'seeking', 'seeked', 'ended', 'ratechange', 'waitingforkey'])
     video.addEventListener(type, () => events.push(type));
-  return { window, video, events, take: () => events.splice(0), get player() { return FakePlayer.all.at(-1); } };
+  return { window, video, events, env, take: () => events.splice(0), get player() { return FakePlayer.all.at(-1); } };
 }
 
 /** ... with a media source and as many seconds of video, whose end is told or not. */
@@ -44,6 +46,13 @@ async function makeFedPage({ seconds, isEnded = false, duration = 10 }) {
   await append(buffer, init(['video'], duration), ...video(0, seconds));
   if (isEnded) source.endOfStream();
   return Object.assign(page, { source, buffer });
+}
+
+/** Makes the page's clock stand where the test says, in milliseconds. */
+function stopClock(page) {
+  const start = page.env.now();
+  page.env.now = () => start + page.time;
+  page.time = 0;
 }
 
 /** Video of 25 pictures a second. */
@@ -137,6 +146,7 @@ test('the end: pause and ended, a loop begins anew, play() goes back', async () 
   const page = await makeFedPage({ seconds: 2, isEnded: true });
   const { video: element, player } = page;
   await element.play();
+  await told(page, 'canplaythrough');
   page.take();
   player.position = 1.99;
   player.tell({ type: 'ended', position: 1.99 });
@@ -157,6 +167,106 @@ test('the end: pause and ended, a loop begins anew, play() goes back', async () 
   await told(page, 'seeked');
   assert.ok(!page.take().includes('ended'));
   assert.deepStrictEqual([element.paused, player.calls.at(-1)], [false, ['seek', 0]]);
+});
+
+test('a seek to the end is over before playback has ended', async () => {
+  const page = await makeFedPage({ seconds: 2 });
+  const { video: element, player } = page;
+  await element.play();
+  element.currentTime = 10;
+  await told(page, 'seeking');
+  page.take();
+  page.source.endOfStream();
+  await new Promise((resolve) => setTimeout(resolve, 50)); // some looks
+  assert.ok(!page.take().includes('ended'));
+  player.answerSeek(2);
+  await told(page, 'ended');
+  assert.deepStrictEqual(page.take().filter((type) => ['seeked', 'ended'].includes(type)), ['seeked', 'ended']);
+});
+
+test('what begins soon behind 0 is played from 0, what begins later is not', async () => {
+  for (const [start, readyState] of [[0.9, 3], [1.1, 1]]) {
+    const page = await makeFedPage({ seconds: 0 });
+    await append(page.buffer, ...video(start, 1));
+    await new Promise((resolve) => setTimeout(resolve, 50)); // some looks
+    assert.deepStrictEqual([page.video.readyState, page.video.buffered.start(0)], [readyState, start]);
+  }
+});
+
+test('what is buffered ahead is enough once it has lasted, the rest of a source at once', async () => {
+  const page = await makeFedPage({ seconds: 0 });
+  stopClock(page);
+  await append(page.buffer, ...video(0, 5));
+  await told(page, 'canplay');
+  await new Promise((resolve) => setTimeout(resolve, 50)); // some looks
+  assert.strictEqual(page.video.readyState, page.video.HAVE_FUTURE_DATA);
+  page.source.endOfStream();
+  await told(page, 'canplaythrough');
+  assert.strictEqual(page.video.readyState, page.video.HAVE_ENOUGH_DATA);
+});
+
+test('an audio track that is disabled is not heard', async () => {
+  const page = makePage();
+  const source = new page.window.MediaSource();
+  page.video.src = page.window.URL.createObjectURL(source);
+  await heard(source, 'sourceopen');
+  await append(source.addSourceBuffer('audio/mp4; codecs="mp4a.40.2"'), init(['audio'], 10), frames('audio', { start: 0, count: 100, duration: 0.02 }));
+  page.video.volume = 0.5;
+  const [track] = page.video.audioTracks;
+  track.enabled = false;
+  assert.strictEqual(page.player.volume, 0);
+  track.enabled = true;
+  assert.strictEqual(page.player.volume, 0.5);
+});
+
+test('cues begin and end with playback, also those between two looks, and can pause it', async () => {
+  const page = await makeFedPage({ seconds: 8 });
+  const { video: element, player, window } = page;
+  const track = element.addTextTrack('metadata');
+  const seen = [];
+  for (const [id, start, end] of [['first', 0, 1], ['brief', 1.1, 1.2], ['last', 2, 3]]) {
+    const cue = Object.assign(new window.VTTCue(start, end, ''), { id, pauseOnExit: id === 'last' });
+    for (const type of ['enter', 'exit']) cue.addEventListener(type, () => seen.push(`${type} ${id}`));
+    track.addCue(cue);
+  }
+  await element.play();
+  assert.deepStrictEqual([...track.activeCues].map(({ id }) => id), ['first']);
+  await heard(track, 'cuechange');
+  player.position = 2.5;
+  await heard(track, 'cuechange');
+  assert.deepStrictEqual(seen.splice(0), ['enter first', 'exit first', 'enter brief', 'exit brief', 'enter last']);
+  const late = new window.VTTCue(2, Infinity, '');
+  track.addCue(late);
+  await heard(late, 'enter');
+  assert.strictEqual(track.activeCues.length, 2);
+  assert.throws(() => { track.cues[5] = late; }, { name: 'TypeError' });
+  player.position = 3.5;
+  await told(page, 'pause');
+  element.currentTime = 0.5;
+  player.answerSeek(0.5);
+  await told(page, 'seeked');
+  assert.deepStrictEqual([seen.splice(0), track.activeCues[0].id], [['exit last', 'enter first'], 'first']);
+  track.mode = 'disabled';
+  track.mode = 'hidden';
+  assert.strictEqual(track.activeCues.length, 0);
+});
+
+test('the attribute muted counts for what a parser makes', () => {
+  const page = makePage('<video muted></video>');
+  const scripted = page.window.document.createElement('video');
+  scripted.setAttribute('muted', '');
+  assert.deepStrictEqual([page.video.muted, scripted.muted], [true, false]);
+});
+
+test('media whose length was estimated are as long as they were in the end', async () => {
+  const page = makePage('<video autoplay src="a.mp3"></video>');
+  await told(page, 'loadstart');
+  page.player.tell({ type: 'metadata', width: 0, height: 0, pixelAspectRatio: 1, duration: 4 });
+  page.player.tell({ type: 'state', state: 'playing' });
+  await told(page, 'playing');
+  page.player.tell({ type: 'ended', position: 5 });
+  await told(page, 'ended');
+  assert.deepStrictEqual([page.video.duration, page.video.currentTime], [5, 5]);
 });
 
 test('an end that the source has not told is none', async () => {
@@ -241,6 +351,43 @@ test('of several <source>, the first that can be played is', async () => {
   await told(page, 'canplaythrough');
   assert.deepStrictEqual(errors, [0, 1, 2]);
   assert.deepStrictEqual([page.video.currentSrc, page.video.videoWidth, page.video.duration], ['http://page.test/c.mp4', 128, 3]);
+});
+
+test('what has not been played is sought at once, and what has when the player is there', async () => {
+  const page = makePage('<video src="a.mp4"></video>');
+  const { video: element } = page;
+  await told(page, 'loadstart');
+  page.player.tell({ type: 'metadata', width: 64, height: 48, pixelAspectRatio: 1, duration: 30 });
+  page.player.tell({ type: 'state', state: 'paused' });
+  await told(page, 'canplaythrough');
+  element.currentTime = 1e9;
+  await told(page, 'seeked');
+  assert.deepStrictEqual([element.currentTime, element.seeking, page.player.calls.at(-1)], [30, false, ['seek', 30]]);
+  element.currentTime = 20;
+  element.play();
+  page.player.tell({ type: 'state', state: 'playing' });
+  page.player.answerSeek(20);
+  await told(page, 'playing');
+  page.take();
+  element.currentTime = 5;
+  await told(page, 'seeking');
+  await new Promise(setImmediate);
+  assert.ok(element.seeking);
+  page.player.answerSeek(5);
+  await told(page, 'seeked');
+  assert.strictEqual(element.currentTime, 5);
+});
+
+test('a Blob is played from a file, which goes with it', async () => {
+  const page = makePage();
+  page.video.src = page.window.URL.createObjectURL(new page.window.Blob(['media']));
+  const before = FakePlayer.all.length;
+  while (FakePlayer.all.length === before) await new Promise(setImmediate);
+  const file = fileURLToPath(page.player.calls.at(-1)[1]);
+  assert.strictEqual(fs.readFileSync(file, 'utf8'), 'media');
+  page.video.removeAttribute('src');
+  page.video.load();
+  while (fs.existsSync(file)) await new Promise(setImmediate);
 });
 
 test('preload="none" waits for play()', async () => {

@@ -91,6 +91,7 @@ class Control {
     this.events.push(['metadata', description]);
   }
   buffersChanged() {}
+  tracksChanged() {}
   encrypted(type, data) {
     this.events.push(['encrypted', type, data]);
   }

@@ -5,9 +5,11 @@
 const assert = require('node:assert');
 const { spawnSync } = require('node:child_process');
 const fs = require('node:fs');
+const net = require('node:net');
 const os = require('node:os');
 const path = require('node:path');
 const { test } = require('node:test');
+const { pathToFileURL } = require('node:url');
 const { Worker, isMainThread, workerData } = require('node:worker_threads');
 
 /** Where the simulated loudspeaker writes what it plays, a line a buffer; its second word is the length. */
@@ -149,6 +151,33 @@ if (!isMainThread) {
     assert.strictEqual(await player.release(), true, 'twice');
     for (const call of ['play', 'pause', 'resume', 'counters', 'describe', 'capture']) assert.throws(() => player[call](), /released/);
     assert.throws(() => player.position, /released/);
+  });
+
+  test('what is no media fails its own player alone, also while it is paused', async () => {
+    const file = path.join(os.tmpdir(), 'no-media-of-add-on');
+    fs.writeFileSync(file, 'FAIL');
+    const sockets = [];
+    const silent = net.createServer((socket) => sockets.push(socket.on('error', () => {})));
+    await new Promise((resolve) => silent.listen(0, '127.0.0.1', resolve));
+    const opened = (url) => {
+      const watched = new Watched();
+      watched.player.openUrl(url);
+      watched.player.pause();
+      return watched;
+    };
+    const errorOf = ({ events }) => events.find(({ type }) => type === 'error');
+    const waiting = opened(`http://127.0.0.1:${silent.address().port}/movie.mp4`);
+    for (let i = 0; i < 2; ++i) { // behind the second one the first has had its time, too
+      const broken = opened(pathToFileURL(file).href);
+      const { reason } = await broken.until('an error', () => errorOf(broken));
+      assert.match(reason, /type of stream/);
+      await broken.player.release();
+    }
+    assert.strictEqual(errorOf(waiting), undefined);
+    for (const socket of sockets) socket.destroy();
+    await waiting.player.release();
+    silent.close();
+    fs.rmSync(file);
   });
 
   test('the parser gives the same frames in any split, and what came before a fault', () => {
