@@ -203,7 +203,7 @@ void MseFeeder::place(Source& source, double seconds) {
     source.ready.clear();
     source.start = seconds;
     source.startDue = true;
-    source.reading = source.ended = source.info.ended = false;
+    source.reading = source.readAgain = source.ended = source.info.ended = false;
     source.info.isBlocked = false;
     source.info.changesCodecAt.reset();
     source.info.fedUntil.reset();
@@ -224,8 +224,10 @@ void MseFeeder::place(Source& source, double seconds) {
 }
 
 void MseFeeder::read(Source& source, std::size_t count) {
-    if (source.reading)
+    if (source.reading) {
+        source.readAgain = true;
         return;
+    }
     if (source.stream->isImmediate())
         return take(source, source.stream->read(count));
     source.reading = true;
@@ -249,8 +251,9 @@ void MseFeeder::take(Source& source, SampleStream::Batch batch) {
         source.ready.push_back(std::move(sample));
     source.ended = batch.ended;
     source.error = std::move(batch.error);
+    const bool readAgain = std::exchange(source.readAgain, false);
     source.info.isBlocked = source.ready.empty() && !source.ended && source.error.empty();
-    if (!source.info.isBlocked)
+    if (!source.info.isBlocked || readAgain)
         serve(source);
 }
 

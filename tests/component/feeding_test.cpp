@@ -19,6 +19,7 @@ public:
         std::string error, seekError;
         std::string asked;               ///< "read 3", "seek 5", "interrupt", ...
         std::atomic<bool> isHeld{false}; ///< a read does not return
+        std::atomic<bool> isLate{false}; ///< ... when it has looked, which "late" tells
     };
 
     FilledStream(StreamInfo info, std::shared_ptr<Content> content)
@@ -31,16 +32,14 @@ public:
             m_content->asked += "read " + std::to_string(count) + "; ";
         }
         waitUntil([this] { return !m_content->isHeld; });
-        const std::lock_guard lock(m_content->mutex);
-        Batch batch;
-        auto& samples = m_content->samples;
-        for (; count > 0 && !samples.empty(); --count) {
-            batch.samples.push_back(std::move(samples.front()));
-            samples.pop_front();
+        auto batch = look(count);
+        if (m_content->isLate) {
+            {
+                const std::lock_guard lock(m_content->mutex);
+                m_content->asked += "late; ";
+            }
+            waitUntil([this] { return !m_content->isLate; });
         }
-        batch.ended = samples.empty() && m_content->ended;
-        if (samples.empty())
-            batch.error = m_content->error;
         return batch;
     }
     std::string seek(double seconds) override {
@@ -56,6 +55,20 @@ public:
     }
 
 private:
+    Batch look(std::size_t count) {
+        const std::lock_guard lock(m_content->mutex);
+        Batch batch;
+        auto& samples = m_content->samples;
+        for (; count > 0 && !samples.empty(); --count) {
+            batch.samples.push_back(std::move(samples.front()));
+            samples.pop_front();
+        }
+        batch.ended = samples.empty() && m_content->ended;
+        if (samples.empty())
+            batch.error = m_content->error;
+        return batch;
+    }
+
     const StreamInfo m_info;
     const std::shared_ptr<Content> m_content;
 };
@@ -347,6 +360,19 @@ TEST_F(FeedingTest, HoldsSamplesBackUntilTheirKeyIsThere) {
     addKey(8);
     EXPECT_EQ(written(1), "2: 1.25, 7 bytes");
     EXPECT_EQ(passUntil(State::Failed).count(), 5100) << "no key is missing any more";
+}
+
+TEST_F(FeedingTest, ReadsAgainWhatMayHaveComeBehindARead) {
+    start();
+    m_content[0]->isLate = true;
+    request(1, 3);
+    expectAsked(1, "read 3; late; ");
+    put(1, {0});
+    m_element->resumeFeeding();
+    settle();
+    m_content[0]->isLate = false;
+    EXPECT_EQ(written(2), "1: from 0; 1: 0, 7 bytes");
+    expectAsked(1, "read 3; ");
 }
 
 TEST_F(FeedingTest, HoldsPlaybackWhileDataIsShort) {
