@@ -127,6 +127,28 @@ test('a seek keeps its very target, and the last of several is the one that coun
   assert.strictEqual(element.currentTime, 5.2);
 });
 
+test('times that no player takes are the page\'s, and the player is as far as it can be', async () => {
+  const page = makePage();
+  const source = new page.window.MediaSource();
+  page.video.src = page.window.URL.createObjectURL(source);
+  await heard(source, 'sourceopen');
+  const buffer = source.addSourceBuffer(videoType);
+  page.video.currentTime = 1e10; // "to the end", of a page that does not know it
+  await append(buffer, init(['video'], Infinity), ...video(0, 1));
+  assert.deepStrictEqual([page.player.calls.pop(), page.video.currentTime], [['open', 1e9], 1e10]);
+  source.duration = 1e300;
+  page.video.currentTime = 1e15;
+  assert.deepStrictEqual([page.player.calls.splice(0), page.video.duration, page.video.currentTime],
+    [[['setDuration', 1e9], ['seek', 1e9]], 1e300, 1e15]);
+  buffer.timestampOffset = 4e9;
+  await append(buffer, ...video(0, 1));
+  source.endOfStream();
+  assert.deepStrictEqual([source.readyState, page.video.duration], ['ended', 4e9 + 1]);
+  page.video.currentTime = 0.5;
+  page.player.answerSeek(0.5);
+  await told(page, 'seeked');
+});
+
 test('a seek to where nothing is buffered ends when data has come', async () => {
   const page = await makeFedPage({ seconds: 1 });
   const { video: element, player } = page;
