@@ -102,8 +102,8 @@ class MediaControl {
   /** Of a media source, the segments have said how long it is. */
   #playerMetadata({ width, height, duration, pixelAspectRatio }) {
     const size = { width: Math.round(width * (pixelAspectRatio || 1)), height };
-    if (this.source !== null) this.playback.setSize(size.width, size.height);
-    else this.playback.metadataKnown({ ...size, duration: duration > 0 ? duration : Infinity });
+    if (this.source === null) this.playback.metadataKnown({ ...size, duration: duration > 0 ? duration : Infinity });
+    this.playback.setSize(size.width, size.height);
   }
   /** HTML, "enabled": of audio tracks those alone are heard. A player plays one. */
   applyVolume() {

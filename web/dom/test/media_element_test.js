@@ -149,6 +149,19 @@ test('times that no player takes are the page\'s, and the player is as far as it
   await told(page, 'seeked');
 });
 
+test('the size is that of what is played, not of what has been appended for later', async () => {
+  const page = await makeFedPage({ seconds: 2 });
+  await page.video.play();
+  page.take();
+  const smaller = init(['video'], 10);
+  Object.assign(smaller.tracks[0], { width: 160, height: 90 });
+  await append(page.buffer, smaller, ...video(2, 2));
+  assert.deepStrictEqual([page.video.videoWidth, page.take().includes('resize')], [320, false]);
+  page.player.tell({ type: 'metadata', width: 160, height: 90, pixelAspectRatio: 1, duration: 10 });
+  await told(page, 'resize');
+  assert.deepStrictEqual([page.video.videoWidth, page.video.videoHeight], [160, 90]);
+});
+
 test('a seek to where nothing is buffered ends when data has come', async () => {
   const page = await makeFedPage({ seconds: 1 });
   const { video: element, player } = page;
