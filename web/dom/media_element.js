@@ -151,8 +151,9 @@ class MediaControl {
     this.selection.progressed();
     this.playback.buffersChanged();
   }
-  failed(kind) {
-    this.selection.fail(kind, kind === 'network' ? 'the page could not fetch the media' : 'the media cannot be decoded');
+  /** The source has; of its page nothing more is known than the kind. */
+  failed(kind, reason = kind === 'network' ? 'the page could not fetch the media' : 'the page says that the media cannot be decoded') {
+    this.selection.fail(kind, reason);
   }
 
   // ---- EME
