@@ -102,8 +102,8 @@ class MediaControl {
   /** Of a media source, the segments have said how long it is. */
   #playerMetadata({ width, height, duration, pixelAspectRatio }) {
     const size = { width: Math.round(width * (pixelAspectRatio || 1)), height };
-    if (this.source !== null) this.playback.setSize(size.width, size.height);
-    else this.playback.metadataKnown({ ...size, duration: duration > 0 ? duration : Infinity });
+    if (this.source === null) this.playback.metadataKnown({ ...size, duration: duration > 0 ? duration : Infinity });
+    this.playback.setSize(size.width, size.height);
   }
   /** HTML, "enabled": of audio tracks those alone are heard. A player plays one. */
   applyVolume() {
@@ -151,8 +151,9 @@ class MediaControl {
     this.selection.progressed();
     this.playback.buffersChanged();
   }
-  failed(kind) {
-    this.selection.fail(kind, kind === 'network' ? 'the page could not fetch the media' : 'the media cannot be decoded');
+  /** The source has; of its page nothing more is known than the kind. */
+  failed(kind, reason = kind === 'network' ? 'the page could not fetch the media' : 'the page says that the media cannot be decoded') {
+    this.selection.fail(kind, reason);
   }
 
   // ---- EME

@@ -163,11 +163,11 @@ class MediaSourceState {
     this.control.durationChanged(duration);
   }
 
-  /** "End of stream"; `error` is undefined, 'network' or 'decode'. */
-  endOfStream(error) {
+  /** "End of stream"; `error` is undefined, 'network' or 'decode', `reason` what is known of it. */
+  endOfStream(error, reason) {
     this.setReadyState('ended');
     if (error !== undefined) {
-      this.control.failed(error);
+      this.control.failed(error, reason);
       return;
     }
     this.changeDuration(this.highestEnd);

@@ -142,9 +142,9 @@ class PlaybackControl {
   }
 
   /** HTML, "once enough of the media data has been fetched to determine the duration and the
-   * dimensions"; MSE, Initialization Segment Received. */
+   * dimensions"; MSE, Initialization Segment Received. Later ones are of what is not played yet. */
   metadataKnown({ width = 0, height = 0, duration }) {
-    if (this.#readyState !== HAVE_NOTHING) return this.setSize(width, height);
+    if (this.#readyState !== HAVE_NOTHING) return;
     if (duration !== undefined) this.setDuration(duration);
     this.setSize(width, height);
     const start = this.#defaultStart;
@@ -165,6 +165,7 @@ class PlaybackControl {
     this.look();
   }
 
+  /** Of the picture that is played. */
   setSize(width, height) {
     if (!(width > 0 && height > 0) || (width === this.#size.width && height === this.#size.height)) return;
     this.#size = { width, height };

@@ -5,6 +5,10 @@
 /** Players that have not been released; the page's end releases them. */
 const living = new Set();
 
+/** A page may name any time; a player is as far as it can be. */
+const mostSeconds = 1e9;
+const atMost = (seconds) => Math.min(seconds, mostSeconds);
+
 class PlayerLink {
   #player;
   #client;
@@ -45,7 +49,7 @@ class PlayerLink {
     this.#player?.setEnded(isEnded);
   }
   setDuration(seconds) {
-    this.#player?.setDuration(seconds);
+    this.#player?.setDuration(atMost(seconds));
   }
 
   // ---- of the element
@@ -68,7 +72,7 @@ class PlayerLink {
   /** Plays what the source's tracks are fed. `session`: of the key system, 0 for none. */
   open({ start, duration, session }) {
     this.#hasOpened = true;
-    this.#player.open({ start, duration, session });
+    this.#player.open({ start: atMost(start), duration: atMost(duration), session });
   }
   /** `released()` is called once the player needs it no more. */
   openUrl(url, released = () => {}) {
@@ -92,7 +96,7 @@ class PlayerLink {
   }
   seek(seconds) {
     env.trace?.('> seek', seconds);
-    this.#generation = this.#player.seek(seconds);
+    this.#generation = this.#player.seek(atMost(seconds));
   }
   /** Answers whether the player plays at this rate; if not it stays at the one it had. */
   setRate(rate) {

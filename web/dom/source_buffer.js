@@ -133,8 +133,9 @@ class SourceBufferState {
       this.segmentParserLoop(piece);
     } catch (error) {
       if (!(error instanceof StreamError)) throw error;
-      env.log(`appendBuffer: ${error.message}`);
-      this.appendError();
+      const reason = `appendBuffer: ${error.message}`;
+      env.log(reason);
+      this.appendError(reason);
       return;
     }
     if (operation.offset < operation.bytes.length) this.proceed(operation, (same) => this.bufferAppend(same));
@@ -220,13 +221,13 @@ class SourceBufferState {
     this.parser.reset();
   }
 
-  /** "Append Error". */
-  appendError() {
+  /** "Append Error"; `reason` is for a person. */
+  appendError(reason) {
     this.resetParserState();
     this.operation = null;
     queueEvent(this.object, 'error');
     queueEvent(this.object, 'updateend');
-    this.source.endOfStream('decode');
+    this.source.endOfStream('decode', reason);
   }
 
   abort() {

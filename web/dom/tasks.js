@@ -11,15 +11,13 @@ window.close = function () {
   return close.call(window);
 };
 
-/** Runs the steps in a task of their own, in the order of the calls; drops them once the window has closed. */
+/**
+ * Runs the steps in a task of their own, in the order of the calls; drops them once the window has closed.
+ * What a page's listener throws is told where it is called: what the steps throw is a fault of ours.
+ */
 function queueTask(steps) {
   setImmediate(() => {
-    if (closed) return;
-    try {
-      steps();
-    } catch (error) {
-      window.reportError(error);
-    }
+    if (!closed) steps();
   });
 }
 

@@ -1,6 +1,12 @@
 'use strict';
 // A native player without a backend: it is where the test says, and keeps what it is told.
 
+/** As the add-on takes them. */
+function seconds(value) {
+  if (!(value >= 0 && value <= 1e9)) throw new RangeError(`${value} is not 0 to 1e9 seconds`);
+  return value;
+}
+
 class FakePlayer {
   /** Those of this process, the newest last. */
   static all = [];
@@ -26,7 +32,9 @@ class FakePlayer {
   add() {}
   remove() {}
   setEnded() {}
-  setDuration() {}
+  setDuration(duration) {
+    this.calls.push(['setDuration', seconds(duration)]);
+  }
   setKeySession() {}
   setVolume(volume) {
     this.volume = volume;
@@ -35,8 +43,9 @@ class FakePlayer {
     return rate === 1;
   }
   resume() {}
-  open({ start }) {
-    this.calls.push(['open', start]);
+  open({ start, duration }) {
+    this.calls.push(['open', seconds(start)]);
+    this.duration = seconds(duration);
     this.position = start;
   }
   openUrl(url) {
@@ -49,8 +58,8 @@ class FakePlayer {
     this.isPlaying = false;
   }
   /** Answered when the test says so. */
-  seek(seconds) {
-    this.calls.push(['seek', seconds]);
+  seek(time) {
+    this.calls.push(['seek', seconds(time)]);
     return ++this.#generation;
   }
   answerSeek(position, generation = this.#generation) {

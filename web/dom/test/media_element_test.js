@@ -127,6 +127,41 @@ test('a seek keeps its very target, and the last of several is the one that coun
   assert.strictEqual(element.currentTime, 5.2);
 });
 
+test('times that no player takes are the page\'s, and the player is as far as it can be', async () => {
+  const page = makePage();
+  const source = new page.window.MediaSource();
+  page.video.src = page.window.URL.createObjectURL(source);
+  await heard(source, 'sourceopen');
+  const buffer = source.addSourceBuffer(videoType);
+  page.video.currentTime = 1e10; // "to the end", of a page that does not know it
+  await append(buffer, init(['video'], Infinity), ...video(0, 1));
+  assert.deepStrictEqual([page.player.calls.pop(), page.video.currentTime], [['open', 1e9], 1e10]);
+  source.duration = 1e300;
+  page.video.currentTime = 1e15;
+  assert.deepStrictEqual([page.player.calls.splice(0), page.video.duration, page.video.currentTime],
+    [[['setDuration', 1e9], ['seek', 1e9]], 1e300, 1e15]);
+  buffer.timestampOffset = 4e9;
+  await append(buffer, ...video(0, 1));
+  source.endOfStream();
+  assert.deepStrictEqual([source.readyState, page.video.duration], ['ended', 4e9 + 1]);
+  page.video.currentTime = 0.5;
+  page.player.answerSeek(0.5);
+  await told(page, 'seeked');
+});
+
+test('the size is that of what is played, not of what has been appended for later', async () => {
+  const page = await makeFedPage({ seconds: 2 });
+  await page.video.play();
+  page.take();
+  const smaller = init(['video'], 10);
+  Object.assign(smaller.tracks[0], { width: 160, height: 90 });
+  await append(page.buffer, smaller, ...video(2, 2));
+  assert.deepStrictEqual([page.video.videoWidth, page.take().includes('resize')], [320, false]);
+  page.player.tell({ type: 'metadata', width: 160, height: 90, pixelAspectRatio: 1, duration: 10 });
+  await told(page, 'resize');
+  assert.deepStrictEqual([page.video.videoWidth, page.video.videoHeight], [160, 90]);
+});
+
 test('a seek to where nothing is buffered ends when data has come', async () => {
   const page = await makeFedPage({ seconds: 1 });
   const { video: element, player } = page;

@@ -95,8 +95,8 @@ class Control {
   encrypted(type, data) {
     this.events.push(['encrypted', type, data]);
   }
-  failed(kind) {
-    this.events.push(['failed', kind]);
+  failed(kind, reason) {
+    this.events.push(['failed', kind, reason]);
   }
 }
 
