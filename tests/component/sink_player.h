@@ -91,9 +91,21 @@ public:
         GstElement* sink = nullptr;
         {
             const std::lock_guard lock(m_mutex);
-            sink = m_asking;
+            sink = m_askers.back();
         }
         g_signal_emit_by_name(sink, "decoder-request-forwarded");
+    }
+    /// How many of those that asked take no more data.
+    std::ptrdiff_t askersGoingDown() {
+        const std::lock_guard lock(m_mutex);
+        return std::count_if(m_askers.begin(), m_askers.end(), [](GstElement* sink) {
+            GstPad* pad = gst_element_get_static_pad(sink, "sink");
+            GST_OBJECT_LOCK(pad);
+            const bool flushing = GST_PAD_IS_FLUSHING(pad);
+            GST_OBJECT_UNLOCK(pad);
+            gst_object_unref(pad);
+            return flushing;
+        });
     }
     /// How often data came to a sink, or caps of a name.
     std::size_t count(const std::string& factory, const std::string& what = data) {
@@ -154,7 +166,7 @@ private:
         auto& player = *static_cast<SinkPlayer*>(user);
         {
             const std::lock_guard lock(player.m_mutex);
-            player.m_asking = sink;
+            player.m_askers.push_back(sink);
             player.m_requests.emplace_back(kind);
         }
         return player.answer(kind);
@@ -213,7 +225,7 @@ private:
     bool m_missingPlugin = false;
     std::mutex m_mutex; // guards what follows
     std::vector<std::string> m_requests;
-    GstElement* m_asking = nullptr; // whose request came last
+    std::vector<GstElement*> m_askers; // in the order of their requests
     std::vector<std::pair<std::string, std::string>> m_arrived;
 };
 
