@@ -6,6 +6,9 @@ Usage: zantsh_test.py ZANTSH SHELL_EXAMPLE [TVBOX]
 
 import os
 import pathlib
+import pty
+import re
+import select
 import signal
 import subprocess
 import sys
@@ -36,6 +39,35 @@ def zantsh(*arguments, given=None):
     return done.returncode, done.stdout, done.stderr
 
 
+class Person:
+    """At a terminal."""
+
+    def __init__(self, *arguments):
+        self.pid, self.screen = pty.fork()
+        if self.pid == 0:
+            os.environ.update(TERM="dumb", HOME="/tmp")
+            os.execv(ZANTSH, [ZANTSH, *arguments])
+        self.seen = ""
+
+    def type(self, keys):
+        os.write(self.screen, keys.encode())
+
+    def sees(self, pattern, seconds=20):
+        """Waits for it; what stood before is forgotten."""
+        def look():
+            if select.select([self.screen], [], [], 0)[0]:
+                self.seen += os.read(self.screen, 4096).decode().replace("\r", "")
+            return re.search(pattern, self.seen)
+        if not wait_until(look, seconds):
+            return False
+        self.seen = self.seen[look().end():]
+        return True
+
+    def leave(self):
+        self.type("exit\n")
+        return os.waitstatus_to_exitcode(os.waitpid(self.pid, 0)[1])
+
+
 @unittest.skipUnless(TMP_IS_OWN, "no namespaces here")
 class ZantshTest(unittest.TestCase):
     def setUp(self):
@@ -46,6 +78,7 @@ class ZantshTest(unittest.TestCase):
         self.addCleanup(server.wait, timeout=20)
         self.addCleanup(server.terminate)
         self.assertTrue(wait_until(lambda: zantsh("m_echo")[0] == 0))
+        return server
 
     def test_reply_output_and_exit_code(self):
         self.start()
@@ -67,6 +100,91 @@ class ZantshTest(unittest.TestCase):
         self.assertEqual(zantsh("m_greet", "log")[1], "Hello log\nOK\n")
         self.assertEqual(zantsh("m_tracelogfilemaxsize", "1")[0], 0)
         self.assertEqual(zantsh("m_greet", "rotation")[1], "Hello rotation\nOK\n")
+
+    def test_shows_all_of_a_command_and_nothing_of_itself(self):
+        pathlib.Path("/tmp/usb_logs").mkdir(mode=0o755)
+        self.start()
+        for mode in ["1", "0"]:  # through a thread of the process's own, then
+            zantsh("m_tracedirectprintmode", mode)
+            zantsh("m_traceonall", "0")
+            code, out, _ = zantsh("m_greet", "Bob")
+            self.assertRegex(out, r"\A\[\d+\] \w+ example CMshell::ProcessMshellCmd\(\): "
+                                  r"Processing cmd: m_greet Bob\nHello Bob\n"
+                                  r"\[\d+\] .*Sending Ack/Nack successful\nOK\n\Z")
+            zantsh("m_traceoffall")
+            done = zantsh(given="m_help\n" * 20)[1]
+            self.assertEqual(done, 20 * (zantsh("m_help")[1]))
+            self.assertEqual(zantsh("m_echo"), (0, "OK\n", ""))
+
+    def test_says_when_output_is_switched_off(self):
+        self.start()
+        self.assertIn("the end of the output did not come", zantsh("m_stoptracingtoscreen")[2])
+        self.assertEqual(zantsh("m_greet", "Bob")[:2], (0, "OK\n"))
+        self.assertIn("m_starttracingtoscreen", zantsh("m_greet", "Bob")[2])
+        self.assertEqual(zantsh("m_starttracingtoscreen")[0], 0)
+        self.assertEqual(zantsh("m_greet", "Bob"), (0, "Hello Bob\nOK\n", ""))
+
+    def test_output_of_others_goes_to_nobody_else(self):
+        self.start()
+        clients = [subprocess.Popen([ZANTSH, "--timeout", "60", "m_greet", str(i)], text=True,
+                                    stdout=subprocess.PIPE) for i in range(12)]
+        self.assertEqual([client.communicate(timeout=60)[0] for client in clients],
+                         [f"Hello {i}\nOK\n" for i in range(12)])
+
+    def test_a_session(self):
+        self.start()
+        person = Person()
+        self.addCleanup(os.close, person.screen)
+        self.assertTrue(person.sees("zantsh> "))
+        person.type("help\n")
+        self.assertTrue(person.sees("Ctrl-C gives the prompt back"))
+        person.type("m_gr\tBob\n")
+        self.assertTrue(person.sees(r"\nHello Bob\nOK\nzantsh> "))
+        person.type("m_tr\t")
+        self.assertTrue(person.sees(r"\ntrace: .*m_traceon m_traceonall"))
+        person.type("\x03")
+        self.assertTrue(person.sees("zantsh> "))
+
+        with open("/tmp/output", "a") as output:
+            output.write("a word between\n")
+        self.assertTrue(person.sees("a word between\n"))
+        zantsh("m_greet", "another")
+        person.type("m_sleep 3\n")
+        self.assertTrue(person.sees("m_sleep 3\n"))
+        person.type("\x03")
+        self.assertTrue(person.sees("the command may still be running\n.*zantsh> ", 2))
+        person.type("m_greet again\n")
+        self.assertTrue(person.sees(r"\nHello again\nOK\nzantsh> "), person.seen)
+        self.assertNotIn("another", person.seen)
+        self.assertEqual(person.leave(), 0)
+
+    def test_a_session_outlives_the_process(self):
+        server = self.start()
+        person = Person()
+        self.addCleanup(os.close, person.screen)
+        person.type("m_greet one\n")
+        self.assertTrue(person.sees("Hello one\nOK\nzantsh> "))
+        server.terminate()
+        server.wait(timeout=20)
+        person.type("m_greet two\n")
+        self.assertTrue(person.sees("is the program running"))
+        self.start("/tmp/elsewhere")
+        person.type("m_greet three\n")
+        self.assertTrue(person.sees("Hello three\nOK\nzantsh> "))
+        self.assertEqual(person.leave(), 0)
+
+    def test_watches(self):
+        self.start()
+        self.assertEqual(zantsh("--watch", "1")[0], 2)
+        watch = subprocess.Popen([ZANTSH, "--watch", "0.05", "m_greet", "Bob"], text=True,
+                                 stdout=subprocess.PIPE)
+        for _ in range(3):
+            self.assertRegex(watch.stdout.readline(), r"^--- \d\d:\d\d:\d\d  m_greet Bob$")
+            self.assertEqual(watch.stdout.readline(), "Hello Bob\n")
+            self.assertEqual(watch.stdout.readline(), "OK\n")
+        watch.send_signal(signal.SIGINT)
+        self.assertEqual(watch.wait(timeout=20), -signal.SIGINT)
+        self.assertFalse(os.path.exists("/tmp/zant_dbg_client"))
 
     def test_says_what_to_check(self):
         for make, text in [

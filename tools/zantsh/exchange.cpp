@@ -1,9 +1,9 @@
 #include "exchange.h"
 
 #include "exit_code.h"
+#include "interrupt.h"
 #include "util/socket_comm.h"
 
-#include <atomic>
 #include <csignal>
 #include <cstring>
 #include <linux/sockios.h>
@@ -25,14 +25,10 @@ constexpr const char* lockPath = "/tmp/zant_dbg_client.lock";
 constexpr size_t commandSize = maxLineLength + 1;
 constexpr int pauseMs = 5;
 
-/// For the signal handler.
-std::atomic<bool> replySocketIsOpen{false};
-
-void endBySignal(int signal) {
-    if (replySocketIsOpen)
-        unlink(replySocketPath);
-    std::signal(signal, SIG_DFL);
-    raise(signal);
+/// Somebody else is done with what is waited for, or soon.
+void pauseABit() {
+    checkInterrupt();
+    Delay(pauseMs);
 }
 
 /// The lock file, whoever made it. A reader's rights are enough to lock.
@@ -63,8 +59,10 @@ Exchange::Exchange(const std::string& socketName, milliseconds timeout)
 }
 
 Exchange::ReplyPath::~ReplyPath() {
-    if (replySocketIsOpen.exchange(false))
+    if (isOpen) {
+        removeOnSignals(nullptr);
         SocketComm_Unlink(replySocketName);
+    }
 }
 
 void Exchange::lock() {
@@ -75,7 +73,7 @@ void Exchange::lock() {
         if (Clock::now() >= m_deadline)
             throw NoShell(std::string("another zantsh waits for its answer (fuser ") + lockPath +
                           " names it); try again, or give a longer --timeout");
-        Delay(pauseMs);
+        pauseABit();
     }
 }
 
@@ -88,7 +86,8 @@ void Exchange::openReplySocket() {
                       "ls -l " +
                       replySocketPath + " and remove it");
     }
-    replySocketIsOpen = true;
+    m_replyPath.isOpen = true;
+    removeOnSignals(replySocketPath);
     // Root's socket is made the server's, which may not be root and has to write to it.
     if (geteuid() == 0 && m_owner != 0 &&
         lchown(replySocketPath, m_owner, static_cast<gid_t>(-1)) != 0)
@@ -103,7 +102,7 @@ void Exchange::waitUntilIdle() {
         if (Clock::now() >= m_deadline)
             throw NoShell("the shell at " + path() +
                           " is busy with another command; try again, or give a longer --timeout");
-        Delay(pauseMs);
+        pauseABit();
     }
     char late[16];
     while (recv(m_socket.get(), late, sizeof late, MSG_DONTWAIT) >= 0) {
@@ -126,8 +125,8 @@ void Exchange::sendDatagram(const std::string& bytes) {
                   "; the program that made it has ended, or its shell has");
 }
 
-pid_t Exchange::findProcess() {
-    send("m_echo");
+pid_t Exchange::ask(const std::string& line) {
+    send(line);
     while (!waitForReply(milliseconds(50))) {
         if (Clock::now() >= m_deadline)
             throw NoShell("the shell at " + path() + " takes commands and does not answer");
@@ -145,6 +144,7 @@ void Exchange::send(const std::string& line) {
 }
 
 std::optional<Reply> Exchange::waitForReply(milliseconds time) {
+    checkInterrupt();
     pollfd waiting{m_socket.get(), POLLIN, 0};
     if (poll(&waiting, 1, static_cast<int>(time.count())) <= 0) {
         if (m_process > 0 && kill(m_process, 0) != 0 && errno == ESRCH)
@@ -167,11 +167,6 @@ bool shellListens(const std::string& socketName) {
     snprintf(address.sun_path, sizeof address.sun_path, "/tmp/%s", socketName.c_str());
     return connect(fd.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0 ||
            errno == EACCES;
-}
-
-void cleanUpOnSignals() {
-    for (const int signal : {SIGINT, SIGTERM, SIGHUP})
-        std::signal(signal, endBySignal);
 }
 
 } // namespace zantsh

@@ -19,13 +19,15 @@ enum class Reply { ok, error };
 /// replies are still to come. An exchange begins when the last of them is through.
 class Exchange {
 public:
-    /// Takes the lock, opens the reply socket and waits until the shell is idle. Throws NoShell.
+    /// Takes the lock, opens the reply socket and waits until the shell is idle. Throws NoShell,
+    /// and like all that waits here Interrupted.
     Exchange(const std::string& socketName, std::chrono::milliseconds timeout);
     Exchange(const Exchange&) = delete;
     Exchange& operator=(const Exchange&) = delete;
 
-    /// The process that serves the shell; 0 if it cannot be seen from here. Throws NoShell.
-    pid_t findProcess();
+    /// Sends a command that is done at once, and waits for its reply. Gives the process that serves
+    /// the shell; 0 if it cannot be seen from here. Throws NoShell.
+    pid_t ask(const std::string& line);
     /// Sends a command line. Throws NoShell.
     void send(const std::string& line);
     /// The reply, nothing if there is none within that time. Throws NoShell when the process that
@@ -37,6 +39,7 @@ private:
     /// Removes the reply socket in the end, also of an exchange that does not come about.
     struct ReplyPath {
         ~ReplyPath();
+        bool isOpen = false;
     };
 
     void lock();
@@ -59,9 +62,6 @@ constexpr size_t maxLineLength = 1022;
 
 /// True when somebody serves a socket of that name, whether it may be used or not.
 bool shellListens(const std::string& socketName);
-
-/// Before the first exchange: a signal that ends the program also removes the reply socket.
-void cleanUpOnSignals();
 
 } // namespace zantsh
 

@@ -1,9 +1,11 @@
-#include "command_run.h"
 #include "common/box_registry.h"
 #include "exchange.h"
 #include "exit_code.h"
 #include "interactive.h"
+#include "interrupt.h"
 #include "options.h"
+#include "session.h"
+#include "watch.h"
 
 #include <csignal>
 #include <cstdio>
@@ -19,8 +21,11 @@ namespace {
 
 int run(const Options& options) {
     cleanUpOnSignals();
-    return options.command.empty() ? runInteractively(options)
-                                   : runCommand(options, options.command).exitCode;
+    if (options.command.empty())
+        return runInteractively(options);
+    if (options.every)
+        return watch(options);
+    return Session(options, Transcript::Scope::commands).runAndPrint(options.command);
 }
 
 std::string listOf(const std::vector<tvbox::BoxInfo>& boxes) {

@@ -10,14 +10,17 @@ constexpr char purpose[] =
     R"(Talks to the debug shell of a running process: of this user's, or of anybody's as root.
 
   zantsh [OPTIONS] COMMAND [PARAMETER]...    runs one command
-  zantsh [OPTIONS]                           asks for commands; history, Tab completes names
+  zantsh --watch SECONDS COMMAND...          runs it again and again, until Ctrl-C
+  zantsh [OPTIONS]                           asks for commands; history, Tab completes names,
+                                             and shows what the process prints meanwhile
 
 'zantsh m_help' lists the commands; 'exit' or Ctrl-D leaves.)";
 
 constexpr char details[] = R"(
 Output
   The shell itself answers OK or ERR and nothing else. What a command prints goes where the
-  process's own output goes; zantsh looks there while the command runs:
+  process's own output goes; zantsh looks there, from a mark that it has the shell print (m_echo)
+  before the command to one behind it, which are not shown:
     - standard output into a file, or a trace log (zanttrc*.log) that the process has open: zantsh
       follows the file and shows what is added. Output that others cause meanwhile shows too.
     - a terminal: the output appears there, not here. A pipe can be read once, by its reader.
@@ -25,7 +28,6 @@ Output
     - syslog: listings never go there, traces do. --follow FILE shows any file beside, such as
       /var/log/syslog; where there is only a journal, use journalctl -f.
   A process that prints nothing may have its output switched off: zantsh m_starttracingtoscreen.
-  To know the process, zantsh sends it an m_echo without text before each command.
 
 Boxes
   Without --box, the shell of this system is used; if there is none, that of the only running box
@@ -39,6 +41,7 @@ Examples
   zantsh m_threadlist
   zantsh --timeout 120 m_sleep 60
   zantsh --box tv1 m_traceon 9 TRACELEVEL_DEBUG
+  zantsh --watch 1 m_queuelist
 )";
 
 std::optional<std::chrono::milliseconds> parseTimeout(const std::string& text) {
@@ -72,6 +75,8 @@ tools::Parsed<Options> parseOptions(int argc, const char* const* argv) {
             into(options.socket, socketName)},
            {"--timeout", "SECONDS", "Wait that long for an answer (10)",
             into(options.timeout, timeout)},
+           {"--watch", "SECONDS", "Run COMMAND again and again, with such a pause between",
+            into(options.every, timeout)},
            {"--box", "NAME", "The shell inside a box of tvbox", &options.box},
            {"--follow", "FILE", "Show what is added to this file, too", &options.follow}}}}};
     line.command = &words;
@@ -79,7 +84,7 @@ tools::Parsed<Options> parseOptions(int argc, const char* const* argv) {
     line.check = [&] {
         for (const auto& word : words)
             options.command += (options.command.empty() ? "" : " ") + word;
-        return std::string();
+        return std::string(options.every && words.empty() ? "--watch needs a COMMAND to run" : "");
     };
     return tools::parse(line, argc, argv, options);
 }

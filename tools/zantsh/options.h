@@ -4,6 +4,7 @@
 #include "common/options.h"
 
 #include <chrono>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -15,7 +16,8 @@ struct Options {
     std::string box; ///< empty: this system, else the only box
     std::chrono::milliseconds timeout{10000};
     std::vector<std::string> follow;
-    std::string command; ///< empty: interactive
+    std::string command;                            ///< empty: interactive
+    std::optional<std::chrono::milliseconds> every; ///< run the command again and again
 };
 
 tools::Parsed<Options> parseOptions(int argc, const char* const* argv);

@@ -71,10 +71,12 @@ bool FollowedFile::isBegunAnew() const {
            S_ISREG(named.st_mode) && (mine.st_ino != named.st_ino || mine.st_dev != named.st_dev);
 }
 
-ProcessOutput::ProcessOutput(pid_t process, const std::vector<std::string>& files) {
+ProcessOutput::ProcessOutput(pid_t process, const std::vector<std::string>& files,
+                             Transcript::Scope scope)
+    : m_process(process), m_scope(scope) {
     for (const std::string& file : files) {
-        m_files.emplace_back(file, file);
-        if (!m_files.back().isOpen())
+        m_files.push_back({{file, file}, Transcript(Transcript::Scope::everything)});
+        if (!m_files.back().file.isOpen())
             throw NoShell("cannot follow " + file + ": " + strerror(errno) +
                           ", or no file; leave --follow out or name another");
     }
@@ -82,23 +84,22 @@ ProcessOutput::ProcessOutput(pid_t process, const std::vector<std::string>& file
         m_whereElse = "the shell's process cannot be seen from here: look at its own output";
         return;
     }
-    followStandardOutput(process);
-    followTraceLog(process);
+    followStandardOutput();
+    followTraceLog();
 }
 
-void ProcessOutput::followStandardOutput(pid_t process) {
-    const std::string path = descriptorPath(process, "1");
-    const std::string who = "process " + std::to_string(process);
+void ProcessOutput::followStandardOutput() {
+    const std::string path = descriptorPath(m_process, "1");
+    const std::string who = "process " + std::to_string(m_process);
     struct stat info {};
     if (stat(path.c_str(), &info) != 0) {
         m_whereElse = "the output of " + who + " cannot be followed: " + strerror(errno);
         return;
     }
     if (S_ISREG(info.st_mode)) {
-        m_alternatives.emplace_back(targetOf(path), path);
-        m_whereElse = "nothing was printed (should there have been: m_starttracingtoscreen "
-                      "switches the output of " +
-                      who + " on)";
+        m_alternatives.push_back({{targetOf(path), path}, Transcript(m_scope)});
+        m_whereElse =
+            "nothing was printed: m_starttracingtoscreen switches the output of " + who + " on";
     } else if (isNullDevice(info)) {
         m_whereElse = who + " prints to /dev/null";
     } else if (isOwnTerminal(info)) {
@@ -110,35 +111,48 @@ void ProcessOutput::followStandardOutput(pid_t process) {
     }
 }
 
-void ProcessOutput::followTraceLog(pid_t process) {
+void ProcessOutput::followTraceLog() {
     std::error_code error;
-    for (const auto& entry : fs::directory_iterator(descriptorPath(process, ""), error)) {
+    for (const auto& entry : fs::directory_iterator(descriptorPath(m_process, ""), error)) {
         const std::string target = targetOf(entry.path());
         if (fs::path(target).filename().string().rfind(traceLogPrefix, 0) != 0)
             continue;
         FollowedFile log(target, entry.path());
         if (log.isOpen())
-            m_alternatives.push_back(std::move(log));
+            m_alternatives.push_back({std::move(log), Transcript(m_scope)});
     }
+}
+
+void ProcessOutput::expectSkip() {
+    for (auto& source : m_alternatives)
+        source.transcript.expectSkip();
+}
+
+void ProcessOutput::expect(const Marks& marks) {
+    for (auto& source : m_alternatives)
+        source.transcript.expect(marks);
 }
 
 std::string ProcessOutput::takeNew() {
     std::string text;
-    for (auto& file : m_files)
-        text += file.takeNew();
-    for (auto it = m_alternatives.begin(); it != m_alternatives.end(); ++it) {
-        const std::string added = it->takeNew();
-        if (added.empty())
-            continue;
-        text += added;
-        if (m_alternatives.size() > 1) {
-            FollowedFile chosen = std::move(*it);
-            m_alternatives.clear();
-            m_alternatives.push_back(std::move(chosen));
-        }
-        break;
+    for (auto& source : m_files)
+        text += source.takeNew();
+    const bool isDecided = hasBegun();
+    for (std::size_t i = 0; i < m_alternatives.size(); ++i) {
+        const auto added = m_alternatives[i].takeNew();
+        if (!isDecided && !hasBegun() && m_alternatives[i].transcript.hasBegun())
+            m_chosen = i;
+        if (i == m_chosen)
+            text += added;
     }
     return text;
+}
+
+std::string ProcessOutput::flush() {
+    std::string text;
+    for (auto& source : m_files)
+        text += source.transcript.flush();
+    return m_chosen ? text + m_alternatives[*m_chosen].transcript.flush() : text;
 }
 
 } // namespace zantsh

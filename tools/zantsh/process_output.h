@@ -1,8 +1,10 @@
 #ifndef ZANTSH_PROCESS_OUTPUT_H
 #define ZANTSH_PROCESS_OUTPUT_H
 
+#include "transcript.h"
 #include "util/scoped_handles.h"
 
+#include <optional>
 #include <string>
 #include <sys/types.h>
 #include <vector>
@@ -32,22 +34,45 @@ private:
 /// The output of the shell's process from now on, as far as it can be followed.
 class ProcessOutput {
 public:
-    /// `process` may be 0 for one that cannot be seen. `files` are shown as well.
-    ProcessOutput(pid_t process, const std::vector<std::string>& files);
+    /// `process` may be 0 for one that cannot be seen. `files` are shown as well. `scope`: of the
+    /// process's own output.
+    ProcessOutput(pid_t process, const std::vector<std::string>& files, Transcript::Scope scope);
+
+    pid_t process() const { return m_process; }
+
+    void expectSkip();
+    /// A command is about to be run.
+    void expect(const Marks& marks);
+    /// Whether its output was seen to begin; false, too, where nothing can be followed.
+    bool hasBegun() const { return m_chosen && m_alternatives[*m_chosen].transcript.hasBegun(); }
+    bool hasEnded() const { return m_chosen && m_alternatives[*m_chosen].transcript.hasEnded(); }
+    bool canBeFollowed() const { return !m_alternatives.empty(); }
 
     /// What has come since the last call. Standard output and a trace log may say the same: of the
-    /// two, the one that says something first is listened to.
+    /// two, the one that says it first is listened to.
     std::string takeNew();
+    /// An incomplete line.
+    std::string flush();
 
     /// Where to look for output that did not show; empty where it needs no word.
     const std::string& whereElse() const { return m_whereElse; }
 
 private:
-    void followStandardOutput(pid_t process);
-    void followTraceLog(pid_t process);
+    struct Source {
+        FollowedFile file;
+        Transcript transcript;
 
-    std::vector<FollowedFile> m_alternatives;
-    std::vector<FollowedFile> m_files;
+        std::string takeNew() { return transcript.take(file.takeNew()); }
+    };
+
+    void followStandardOutput();
+    void followTraceLog();
+
+    const pid_t m_process;
+    const Transcript::Scope m_scope;
+    std::vector<Source> m_alternatives;
+    std::optional<std::size_t> m_chosen;
+    std::vector<Source> m_files;
     std::string m_whereElse;
 };
 
