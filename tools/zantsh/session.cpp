@@ -15,7 +15,7 @@ using std::chrono::milliseconds;
 constexpr milliseconds look(50);
 /// Without a word so long, the end of the output does not come any more: it is printed a tenth of
 /// a second after the reply at the latest, but for a machine that is short of breath.
-constexpr milliseconds longestSilence(2000);
+constexpr milliseconds longestSilence(1000);
 
 void print(const std::string& text) {
     fputs(text.c_str(), stdout);
