@@ -11,8 +11,8 @@
 #include <unistd.h>
 #include <vector>
 
-/// What the benchmarks have in common. Each is a program `NAME_bench PERCENT MEASUREMENT [FILE]` that
-/// prints a line of JSON for each row of the report; the table of rows is in bench/run.
+/// What the benchmarks have in common. Each is a program `NAME_bench PERCENT MEASUREMENT [FILE]`
+/// that prints a line of JSON for each row of the report; the table of rows is in bench/run.
 namespace bench {
 
 using Clock = std::chrono::steady_clock;

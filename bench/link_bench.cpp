@@ -7,8 +7,8 @@
 #include "UvaGstIfReceiver.h"
 #include "bench_support.h"
 #include "cpucomm/trid_cpucomm.h"
-#include "messaging/remote/rpc_sequence.h"
 #include "messaging/queue/zant_msg_body.h"
+#include "messaging/remote/rpc_sequence.h"
 
 #include <array>
 #include <cstring>

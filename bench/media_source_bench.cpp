@@ -1,5 +1,6 @@
-// What a fed sample costs between writeData() and the sink pad, clear and encrypted; what an hour of
-// playback and a capability query cost. Sinks that take everything at once stand in for the set's.
+// What a fed sample costs between writeData() and the sink pad, clear and encrypted; what an hour
+// of playback and a capability query cost. Sinks that take everything at once stand in for the
+// set's.
 
 #include "backend/gstnox_backend.h"
 #include "bench_support.h"
@@ -230,8 +231,7 @@ public:
     }
     void play() { gst_element_set_state(m_pipeline, GST_STATE_PLAYING); }
     void wait() {
-        gst_message_unref(
-            gst_bus_timed_pop_filtered(m_bus, GST_CLOCK_TIME_NONE, GST_MESSAGE_EOS));
+        gst_message_unref(gst_bus_timed_pop_filtered(m_bus, GST_CLOCK_TIME_NONE, GST_MESSAGE_EOS));
     }
 
 private:
@@ -242,8 +242,8 @@ private:
             const Config& config = m_feed.configOf(m_next);
             if (&config != m_config)
                 setCaps(appsrc, config);
-            auto* sample = new BenchSample(m_feed.bytes, static_cast<double>(m_next) * frame,
-                                           config, false);
+            auto* sample =
+                new BenchSample(m_feed.bytes, static_cast<double>(m_next) * frame, config, false);
             auto* buffer = gst_buffer_new_wrapped_full(
                 GST_MEMORY_FLAG_READONLY, payload.data(), m_feed.bytes, 0, m_feed.bytes, sample,
                 [](gpointer s) { delete static_cast<UVASample*>(s); });
@@ -310,12 +310,17 @@ void query() {
     questions[2].type = "video/x-vp9";
     questions[3].type = "audio/unknown";
     questions[4].codecs = {"hev1.1.6.L153.B0", "ec-3", "none"};
-    bench::report("query", bench::interleave(bench::share(501), {[&] {
-                      std::size_t next = 0;
-                      return bench::nanosecondsEach(1000, [&] {
-                                 backend.canPlayType(questions[next++ % questions.size()]);
-                             }) / 1e3;
-                  }})[0]);
+    bench::report("query",
+                  bench::interleave(bench::share(501), {[&] {
+                                        std::size_t next = 0;
+                                        return bench::nanosecondsEach(
+                                                   1000,
+                                                   [&] {
+                                                       backend.canPlayType(
+                                                           questions[next++ % questions.size()]);
+                                                   }) /
+                                               1e3;
+                                    }})[0]);
 }
 
 /// Of this many things a turn, and as the quick run has it.
@@ -344,17 +349,16 @@ void protection() {
     host::ClearKey keys(host::ClearKey::Interface::PerRange);
     keys.addKey(key);
     UVA_OfferDRMBackend(host::clearKeySystem, &keys);
-    for (const auto& [row, count, bytes] : {std::tuple{"protected_1k", 50000, 1000U},
-                                            std::tuple{"protected_20k", 20000, 20000U},
-                                            std::tuple{"protected_500k", 1000, 500000U}}) {
+    for (const auto& [row, count, bytes] :
+         {std::tuple{"protected_1k", 50000, 1000U}, std::tuple{"protected_20k", 20000, 20000U},
+          std::tuple{"protected_500k", 1000, 500000U}}) {
         const Feed clear{amount(count), bytes};
         const Feed encrypted{clear.count, bytes, true};
-        bench::compare(
-            row, bench::share(turns),
-            microsecondsEach(clear.count, [=] { return feedBackend({encrypted}); }),
-            microsecondsEach(clear.count, [=] {
-                return feedBackend({clear}) + cipherAlone(clear.count, clear.bytes);
-            }));
+        bench::compare(row, bench::share(turns),
+                       microsecondsEach(clear.count, [=] { return feedBackend({encrypted}); }),
+                       microsecondsEach(clear.count, [=] {
+                           return feedBackend({clear}) + cipherAlone(clear.count, clear.bytes);
+                       }));
     }
     UVA_OfferDRMBackend(host::clearKeySystem, nullptr);
 }
@@ -389,9 +393,9 @@ bench::Side manyPlayers(std::size_t players, std::size_t samples) {
 
 void elements() {
     const auto samples = amount(32 * 2000);
-    const auto values = bench::interleave(
-        bench::share(turns), {manyPlayers<Element>(32, samples), manyPlayers<Element>(1, samples),
-                              manyPlayers<Bare>(32, samples)});
+    const auto values = bench::interleave(bench::share(turns), {manyPlayers<Element>(32, samples),
+                                                                manyPlayers<Element>(1, samples),
+                                                                manyPlayers<Bare>(32, samples)});
     bench::report("elements_32", values[0], values[1]);
     bench::report("elements_32_bare", values[0], values[2]);
 }
@@ -404,10 +408,10 @@ void hour() {
                                      {amount(audioAnHour), 400, false, false, &audioConfig}};
     const double scale = videoAnHour / static_cast<double>(feeds[0].count);
     bench::report("hour", bench::interleave(bench::share(11), {[&] {
-                      const double begin = bench::processorSeconds();
-                      feedBackend(feeds);
-                      return (bench::processorSeconds() - begin) * scale;
-                  }})[0]);
+                                                const double begin = bench::processorSeconds();
+                                                feedBackend(feeds);
+                                                return (bench::processorSeconds() - begin) * scale;
+                                            }})[0]);
 }
 
 /// Resident memory after each hour of a day, against that after the first.
@@ -426,11 +430,12 @@ int main(int argc, char** argv) {
     setenv("NOX_GST_STANDALONE", "1", 1);
     BackendInit(nullptr);
     installSinks();
-    return bench::run(argc, argv, {{"samples", samples},
-                                   {"protection", protection},
-                                   {"renditions", renditions},
-                                   {"elements", elements},
-                                   {"hour", hour},
-                                   {"day", day},
-                                   {"query", query}});
+    return bench::run(argc, argv,
+                      {{"samples", samples},
+                       {"protection", protection},
+                       {"renditions", renditions},
+                       {"elements", elements},
+                       {"hour", hour},
+                       {"day", day},
+                       {"query", query}});
 }

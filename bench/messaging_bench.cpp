@@ -32,8 +32,7 @@ std::string uniqueName(const char* suffix) {
 
 /// A queue that goes with the object; aborts when there is none.
 void openOrAbort(CZantMsgQueue& queue, const char* suffix) {
-    if (queue.Open(uniqueName(suffix).c_str(), O_RDWR | O_CREAT | O_NONBLOCK, 0600, 10, true) !=
-        0)
+    if (queue.Open(uniqueName(suffix).c_str(), O_RDWR | O_CREAT | O_NONBLOCK, 0600, 10, true) != 0)
         bench::fail("no queue: raise RLIMIT_MSGQUEUE (ulimit -q)");
 }
 
@@ -195,8 +194,9 @@ void manySenders() {
 
 int main(int argc, char** argv) {
     zantTrace.SetTraceOnAll(TRACELEVEL_WARNING);
-    return bench::run(argc, argv, {{"round_trip", roundTrips},
-                                   {"same_thread", sameThread},
-                                   {"observers", observers},
-                                   {"senders", manySenders}});
+    return bench::run(argc, argv,
+                      {{"round_trip", roundTrips},
+                       {"same_thread", sameThread},
+                       {"observers", observers},
+                       {"senders", manySenders}});
 }

@@ -111,8 +111,7 @@ double seekToFrame() {
 }
 
 void start() {
-    bench::compare("first_frame", bench::share(101), firstFrame<Backend>,
-                   firstFrame<BarePlaybin>);
+    bench::compare("first_frame", bench::share(101), firstFrame<Backend>, firstFrame<BarePlaybin>);
 }
 
 void seek() {

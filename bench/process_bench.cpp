@@ -42,8 +42,8 @@ void asStarter() {
     Deaf client;
     const double before = bench::residentMegabytes();
     UVAMediaBackend* backend = nullptr;
-    const double taken = bench::seconds(
-        [&] { backend = load().request(UVABackend::VideoElement, &client); });
+    const double taken =
+        bench::seconds([&] { backend = load().request(UVABackend::VideoElement, &client); });
     std::fprintf(bench::lines, "%f %f\n", taken * 1e3, bench::residentMegabytes() - before);
     load().release(backend);
 }
@@ -184,8 +184,7 @@ void whole() {
             return processorSeconds(usage);
         };
     };
-    bench::compare("whole_processor", bench::share(21, 1),
-                   side(inRole("as_player"), 0),
+    bench::compare("whole_processor", bench::share(15, 1), side(inRole("as_player"), 0),
                    side({"gst-play-1.0", "--no-interactive", "--quiet", bench::file}, 1));
     bench::report("whole_memory", memory[0], memory[1]);
 }

@@ -102,11 +102,14 @@ void measure(const char* type, const char* row, const char* rowInPieces) {
         bench::fail("nothing can be read from '" + bench::file + "'");
     const std::size_t frames = demux(*stream);
     const auto inPieces = [&](std::size_t size) {
-        return [&, size] { return microsecondsEach(frames, [&] { return parse(type, stream, size); }); };
+        return [&, size] {
+            return microsecondsEach(frames, [&] { return parse(type, stream, size); });
+        };
     };
     const auto values = bench::interleave(
-        bench::share(101), {inPieces(stream->size()), inPieces(piece),
-                            [&] { return microsecondsEach(frames, [&] { return demux(*stream); }); }});
+        bench::share(101), {inPieces(stream->size()), inPieces(piece), [&] {
+                                return microsecondsEach(frames, [&] { return demux(*stream); });
+                            }});
     bench::report(row, values[0], values[2]);
     bench::report(rowInPieces, values[1], values[2]);
 }

@@ -2,8 +2,8 @@
 // fputs with the same flushing.
 
 #include "bench_support.h"
-#include "debug/shell/mshell.h"
 #include "debug/log/rol_log.h"
+#include "debug/shell/mshell.h"
 #include "util/scoped_handles.h"
 #include "util/socket_comm.h"
 
@@ -40,10 +40,13 @@ void commands() {
         Delay(1);
     check(receive(), "no reply");
 
-    bench::report("shell_command", bench::interleave(bench::share(301), {[&] {
-                      const auto command = [&] { check(send() && receive(), "no reply"); };
-                      return bench::nanosecondsEach(commandsEach, command) / 1e3;
-                  }})[0]);
+    bench::report("shell_command",
+                  bench::interleave(bench::share(301), {[&] {
+                                        const auto command = [&] {
+                                            check(send() && receive(), "no reply");
+                                        };
+                                        return bench::nanosecondsEach(commandsEach, command) / 1e3;
+                                    }})[0]);
     mshell.StopThreadAndWait();
     SocketComm_Unlink("zant_dbg_client");
     SocketComm_Unlink(name.c_str());
