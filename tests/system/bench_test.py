@@ -50,14 +50,14 @@ class Report(unittest.TestCase):
         self.assertRegex(done.stdout, rf"{len(names)} rows, \d+ limits kept, \d+ missed")
 
     def test_what_fails_is_named_and_is_no_figure(self):
-        fields = [("query", "", "", "", "", "", "media_source_bench no_such"), ("start", "", "", "", "", "", "no_such_bench start")]
+        fields = [("query", "", "", "", "", "", "media_source no_such"), ("start", "", "", "", "", "", "no_such start")]
         run.ROWS, kept = fields, run.ROWS
         try:
             rows, faults = run.measure(["query", "start"], pathlib.Path(BUILD), 1)
         finally:
             run.ROWS = kept
         self.assertEqual(rows, [])
-        self.assertRegex("\n".join(faults), r"media_source_bench no_such: .*say .*what to measure")
+        self.assertRegex("\n".join(faults), r"media_source no_such: .*say .*what to measure")
         self.assertIn("start: no figure", faults)
 
     def test_a_wrong_command_line_is_told_at_once(self):
