@@ -67,6 +67,11 @@ inline std::vector<Values> interleave(int turns, const std::vector<Side>& sides)
     return values;
 }
 
+/// A row without a peer.
+inline void measure(const char* row, int turns, const Side& ours) {
+    report(row, interleave(turns, {ours})[0]);
+}
+
 /// Both sides of a row, in turns.
 inline void compare(const char* row, int turns, const Side& ours, const Side& peer) {
     const auto values = interleave(turns, {ours, peer});
@@ -90,11 +95,18 @@ double nanosecondsEach(int count, What what) {
            count * 1e9;
 }
 
-/// Of this process's threads, or of the calling one: other programs do not count.
-inline double processorSeconds(clockid_t clock = CLOCK_PROCESS_CPUTIME_ID) {
-    timespec time{};
-    clock_gettime(clock, &time);
-    return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_nsec) / 1e9;
+/// Processor time of the process, or of the calling thread: what other programs take does not
+/// count.
+template <typename What>
+double processorSeconds(What what, clockid_t clock = CLOCK_PROCESS_CPUTIME_ID) {
+    const auto now = [clock] {
+        timespec time{};
+        clock_gettime(clock, &time);
+        return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_nsec) / 1e9;
+    };
+    const double begin = now();
+    what();
+    return now() - begin;
 }
 
 inline double residentMegabytes() {

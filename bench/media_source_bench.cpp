@@ -195,10 +195,10 @@ private:
     GstNoxBackend m_backend;
 };
 
-/// Seconds from play() to the end.
+/// Processor time from play() to the end.
 double feedBackend(std::vector<Feed> feeds) {
     Element player(std::move(feeds));
-    return bench::seconds([&] {
+    return bench::processorSeconds([&] {
         player.play();
         player.wait();
     });
@@ -270,7 +270,7 @@ private:
 
 double feedAppsrc(const Feed& feed) {
     Bare bare(feed);
-    return bench::seconds([&] {
+    return bench::processorSeconds([&] {
         bare.play();
         bare.wait();
     });
@@ -282,7 +282,7 @@ double cipherAlone(std::size_t count, std::size_t bytes) {
     EVP_EncryptInit_ex(context, EVP_aes_128_ctr(), nullptr, key.key.data(), nullptr);
     std::vector<std::uint8_t> copy(bytes);
     std::array<std::uint8_t, 16> iv{};
-    const double seconds = bench::seconds([&] {
+    const double seconds = bench::processorSeconds([&] {
         for (std::size_t i = 0; i < count; ++i) {
             int length = 0;
             std::memcpy(copy.data(), payload.data(), bytes);
@@ -310,17 +310,13 @@ void query() {
     questions[2].type = "video/x-vp9";
     questions[3].type = "audio/unknown";
     questions[4].codecs = {"hev1.1.6.L153.B0", "ec-3", "none"};
-    bench::report("query",
-                  bench::interleave(bench::share(501), {[&] {
-                                        std::size_t next = 0;
-                                        return bench::nanosecondsEach(
-                                                   1000,
-                                                   [&] {
-                                                       backend.canPlayType(
-                                                           questions[next++ % questions.size()]);
-                                                   }) /
-                                               1e3;
-                                    }})[0]);
+    constexpr std::size_t count = 1000;
+    const auto ask = [&] {
+        for (std::size_t i = 0; i < count; ++i)
+            backend.canPlayType(questions[i % questions.size()]);
+    };
+    bench::measure("query", bench::share(501),
+                   [&] { return bench::processorSeconds(ask) / count * 1e6; });
 }
 
 /// Of this many things a turn, and as the quick run has it.
@@ -379,12 +375,12 @@ bench::Side manyPlayers(std::size_t players, std::size_t samples) {
         std::vector<std::unique_ptr<Of>> all;
         for (std::size_t i = 0; i < players; ++i)
             all.push_back(std::make_unique<Of>(Feed{each, 20000}));
-        const double begin = bench::processorSeconds();
-        for (const auto& player : all)
-            player->play();
-        for (const auto& player : all)
-            player->wait();
-        return bench::processorSeconds() - begin;
+        return bench::processorSeconds([&] {
+            for (const auto& player : all)
+                player->play();
+            for (const auto& player : all)
+                player->wait();
+        });
     };
     return [=] {
         return (feedAll(samples / players) - feedAll(1)) / static_cast<double>(samples) * 1e6;
@@ -407,11 +403,7 @@ void hour() {
     const std::vector<Feed> feeds = {{amount(videoAnHour), 20000},
                                      {amount(audioAnHour), 400, false, false, &audioConfig}};
     const double scale = videoAnHour / static_cast<double>(feeds[0].count);
-    bench::report("hour", bench::interleave(bench::share(11), {[&] {
-                                                const double begin = bench::processorSeconds();
-                                                feedBackend(feeds);
-                                                return (bench::processorSeconds() - begin) * scale;
-                                            }})[0]);
+    bench::measure("hour", bench::share(11), [&] { return feedBackend(feeds) * scale; });
 }
 
 /// Resident memory after each hour of a day, against that after the first.

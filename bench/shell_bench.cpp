@@ -40,13 +40,9 @@ void commands() {
         Delay(1);
     check(receive(), "no reply");
 
-    bench::report("shell_command",
-                  bench::interleave(bench::share(301), {[&] {
-                                        const auto command = [&] {
-                                            check(send() && receive(), "no reply");
-                                        };
-                                        return bench::nanosecondsEach(commandsEach, command) / 1e3;
-                                    }})[0]);
+    const auto command = [&] { check(send() && receive(), "no reply"); };
+    bench::measure("shell_command", bench::share(301),
+                   [&] { return bench::nanosecondsEach(commandsEach, command) / 1e3; });
     mshell.StopThreadAndWait();
     SocketComm_Unlink("zant_dbg_client");
     SocketComm_Unlink(name.c_str());

@@ -24,10 +24,11 @@ int32_t plainThreshold = TRACELEVEL_WARNING;
 /// Nanoseconds of this thread that one call takes; the argument counts the calls.
 template <typename What>
 double nanosecondsEach(int count, What what) {
-    const double begin = bench::processorSeconds(CLOCK_THREAD_CPUTIME_ID);
-    for (int i = 0; i < count; ++i)
-        what(i);
-    return (bench::processorSeconds(CLOCK_THREAD_CPUTIME_ID) - begin) / count * 1e9;
+    const auto calls = [&] {
+        for (int i = 0; i < count; ++i)
+            what(i);
+    };
+    return bench::processorSeconds(calls, CLOCK_THREAD_CPUTIME_ID) / count * 1e9;
 }
 
 /// What follows may change it, as far as the compiler knows.

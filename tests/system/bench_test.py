@@ -62,7 +62,7 @@ class Report(unittest.TestCase):
 
     def test_a_wrong_command_line_is_told_at_once(self):
         for options, text in [(["--row=nonsense"], "--list"), (["--report=/nowhere/at/all.md"], "no folder"),
-                              (["--compare=HEAD", "--build=."], "leave out --build")]:
+                              (["--compare=HEAD", "--build=."], "leave out --build"), (["--compare=nothing"], "no revision")]:
             done = bench(*options)
             self.assertEqual(done.returncode, 2, options)
             self.assertIn(text, done.stderr)
