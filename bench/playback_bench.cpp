@@ -1,5 +1,5 @@
 // What the backend costs on top of GStreamer: first frame, seek, and the life of a thousand
-// players. Both sides run in this one process, with the same sinks.
+// players. Both sides have the same sinks.
 
 #include "backend_player.h"
 #include "nox/screen.h"
@@ -11,6 +11,9 @@
 #include <filesystem>
 #include <memory>
 #include <mutex>
+#include <sys/mman.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 namespace {
 
@@ -111,10 +114,12 @@ double seekToFrame() {
 }
 
 void start() {
+    gst_init(nullptr, nullptr);
     bench::compare("first_frame", bench::share(101), firstFrame<Backend>, firstFrame<BarePlaybin>);
 }
 
 void seek() {
+    gst_init(nullptr, nullptr);
     bench::compare("seek", bench::share(101, 1), seekToFrame<Backend>, seekToFrame<BarePlaybin>);
 }
 
@@ -123,24 +128,55 @@ double descriptors() {
     return static_cast<double>(std::distance(begin(folder), end(folder)));
 }
 
-/// After a tenth that warms up, what each of the second half finds against one of the first.
-void cycles() {
-    bench::Values memory[2], opened[2];
-    const int half = bench::share(460);
-    for (int i = -half / 5; i < 2 * half; ++i) {
-        firstFrame<Backend>();
-        if (i < 0)
-            continue;
-        memory[i / half].push_back(bench::residentMegabytes());
-        opened[i / half].push_back(descriptors());
+/// What a process holds after each of many players, which come behind a tenth that warms up.
+struct Lives {
+    static constexpr int most = 920;
+    double memory[most], opened[most];
+
+    template <typename Of>
+    void live(int count) {
+        for (int i = -count / 10; i < count; ++i) {
+            firstFrame<Of>();
+            if (i < 0)
+                continue;
+            memory[i] = bench::residentMegabytes();
+            opened[i] = descriptors();
+        }
     }
-    bench::report("cycles_memory", memory[1], memory[0]);
-    bench::report("cycles_descriptors", opened[1], opened[0]);
+    /// From each place in the first half to its place in the second.
+    bench::Values growth(int count) const {
+        bench::Values values;
+        for (int i = 0; i < count / 2; ++i)
+            values.push_back(memory[count / 2 + i] / memory[i]);
+        return values;
+    }
+};
+
+/// The peer lives beside it, in a process of its own.
+void cycles() {
+    const int count = bench::share(Lives::most, 6);
+    auto* const sides = static_cast<Lives*>(mmap(nullptr, 2 * sizeof(Lives), PROT_READ | PROT_WRITE,
+                                                 MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+    const pid_t peer = sides == MAP_FAILED ? -1 : fork();
+    if (peer < 0)
+        bench::fail("no memory for a second process");
+    gst_init(nullptr, nullptr);
+    if (peer == 0) {
+        sides[1].live<BarePlaybin>(count);
+        _exit(0);
+    }
+    sides[0].live<Backend>(count);
+    int status = 0;
+    if (waitpid(peer, &status, 0) != peer || status != 0)
+        bench::fail("the bare players failed");
+    bench::report("cycles_memory", sides[0].growth(count), sides[1].growth(count));
+    const double* const opened = sides[0].opened;
+    bench::report("cycles_descriptors", {opened + count / 2, opened + count / 2 * 2},
+                  {opened, opened + count / 2});
 }
 
 } // namespace
 
 int main(int argc, char** argv) {
-    BackendInit(nullptr);
     return bench::run(argc, argv, {{"start", start}, {"seek", seek}, {"cycles", cycles}});
 }
