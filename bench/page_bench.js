@@ -13,7 +13,7 @@ const { WebPlayer } = require('../web/run/web_player');
 
 const [percent, manifest] = process.argv.slice(2);
 const turns = Math.max(Math.floor(41 * percent / 100), 1);
-const limitSeconds = 30;
+const limitSeconds = 120;
 
 /** Has something to show once it plays and each of its tracks has frames. */
 class StandIn extends FakePlayer {

@@ -38,7 +38,7 @@ public:
     /// When the picture after the `count`-th was shown; exits when none comes.
     Clock::time_point after(long count) {
         std::unique_lock lock(m_mutex);
-        if (!m_shown.wait_for(lock, std::chrono::seconds(20), [&] { return m_count > count; }))
+        if (!m_shown.wait_for(lock, std::chrono::seconds(60), [&] { return m_count > count; }))
             bench::fail("no picture was shown; run it with `meson devenv`");
         return m_last;
     }

@@ -90,4 +90,4 @@ class Judgement(unittest.TestCase):
         self.assertFalse(run.differ([1.0, 1.1, 1.3], [1.2, 1.4, 1.5]))
 
 
-unittest.main(argv=sys.argv[:1])
+unittest.main(argv=sys.argv[:1], verbosity=2)
