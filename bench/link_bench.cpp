@@ -1,27 +1,20 @@
 // What the link to the main system costs, against the bare system calls between two processes: from
-// a request for a decoder to its grant, and a payload on its way. Both sides of a ratio run in
-// turns; the medians are compared. All threads share a processor. Prints JSON.
-//
-// Usage: link_bench, in a box (tvbox), as the link's queues have fixed names
+// a request for a decoder to its grant, and a payload on its way. All threads share a processor.
+// Runs in a box (tvbox), as the link's queues have fixed names.
 
 #include "UvaGstIfLink.h"
 #include "UvaGstIfLowerLayer.h"
 #include "UvaGstIfReceiver.h"
 #include "bench_support.h"
 #include "cpucomm/trid_cpucomm.h"
-#include "messaging/remote/rpc_sequence.h"
 #include "messaging/queue/zant_msg_body.h"
+#include "messaging/remote/rpc_sequence.h"
 
 #include <array>
-#include <chrono>
-#include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
-#include <functional>
 #include <mqueue.h>
 #include <poll.h>
-#include <sched.h>
 #include <string>
 #include <sys/mman.h>
 #include <sys/resource.h>
@@ -32,9 +25,6 @@
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
-
-constexpr int turns = 501;
 constexpr int exchangesEach = 10;
 constexpr int videoDecoder = 2;
 constexpr size_t largestPayload = 64 * 1024;
@@ -50,9 +40,8 @@ enum BareQueue : int { Requests, Answers, Outbound, Inbound, Received, NrOfBareQ
 std::array<mqd_t, NrOfBareQueues> bare{};
 unsigned char* sharedBytes = nullptr; // the bare side's payload
 
-[[noreturn]] void fail(const char* what) {
-    perror(what);
-    exit(1);
+[[noreturn]] void fail(const std::string& what) {
+    bench::fail(what + ": " + strerror(errno));
 }
 
 mqd_t openQueue(const std::string& name, int capacity) {
@@ -62,7 +51,7 @@ mqd_t openQueue(const std::string& name, int capacity) {
     mq_unlink(name.c_str());
     const mqd_t queue = mq_open(name.c_str(), O_RDWR | O_CREAT | O_NONBLOCK, 0600, &attributes);
     if (queue < 0)
-        fail("link_bench: no queue; run it as: tvbox --require link_bench");
+        fail("no queue; run it in a box (tvbox --require)");
     return queue;
 }
 
@@ -82,7 +71,7 @@ ZantMsgBody receive(mqd_t queue) {
 /// The other process: the least that a main system can be.
 class MainSystem {
 public:
-    void run() {
+    [[noreturn]] void run() {
         pollfd readable[] = {{m_link, POLLIN, 0}, {bare[Requests], POLLIN, 0}};
         for (;;) {
             poll(readable, 2, -1);
@@ -135,10 +124,9 @@ private:
     std::array<char, largestPayload> m_copy{};
 };
 
-double microseconds(const std::function<void()>& what) {
-    const auto start = Clock::now();
-    what();
-    return std::chrono::duration<double, std::micro>(Clock::now() - start).count();
+template <typename What>
+double microseconds(What what) {
+    return bench::nanosecondsEach(1, what) / 1e3;
 }
 
 /// Asks, is granted, and in time that does not count gives the decoder back.
@@ -203,51 +191,36 @@ double payloadBare(const std::vector<unsigned char>& bytes) {
     });
 }
 
-/// Medians of all sides, measured in turns.
-std::vector<double> interleave(const std::vector<std::function<double()>>& sides) {
-    std::vector<std::vector<double>> each(sides.size());
-    for (int turn = 0; turn < turns; ++turn)
-        for (size_t side = 0; side < sides.size(); ++side) {
-            double sum = 0;
-            for (int i = 0; i < exchangesEach; ++i)
-                sum += sides[side]();
-            each[side].push_back(sum / exchangesEach);
-        }
-    std::vector<double> medians;
-    for (const auto& values : each)
-        medians.push_back(bench::quantile(values, 0.5));
-    return medians;
+/// The mean of a few exchanges.
+bench::Side several(const bench::Side& exchange) {
+    return [exchange] {
+        double sum = 0;
+        for (int i = 0; i < exchangesEach; ++i)
+            sum += exchange();
+        return sum / exchangesEach;
+    };
 }
 
-void measure() {
-    const std::string failure = openUvaGstIfLink();
-    if (!failure.empty()) {
-        fprintf(stderr, "link_bench: %s\n", failure.c_str());
-        exit(1);
-    }
-    relay(Outbound, Requests);
-    relay(Inbound, Received);
-    relay(Received, Answers);
+void grant() {
+    const auto values =
+        bench::interleave(bench::share(1001), {several(requestToGrant), several(directExchange),
+                                               several(exchangeThroughThreads)});
+    bench::report("grant", values[0], values[2]);
+    bench::report("grant_direct", values[0], values[1]);
+}
 
-    const auto grant = interleave({requestToGrant, directExchange, exchangeThroughThreads});
-    printf("{\"grant\": {\"ours\": %.2f, \"direct\": %.2f, \"threads\": %.2f},\n \"payload\": [",
-           grant[0], grant[1], grant[2]);
-    const char* separator = "";
-    for (const size_t size : {size_t{22}, largestPayload}) {
+void payload() {
+    for (const auto& [row, size] :
+         {std::pair{"payload_small", size_t{22}}, std::pair{"payload_large", largestPayload}}) {
         const std::vector<unsigned char> bytes(size, 0x5a);
-        const auto payload = interleave(
-            {[&] { return payloadOverLink(bytes); }, [&] { return payloadBare(bytes); }});
-        printf("%s{\"bytes\": %zu, \"ours\": %.2f, \"bare\": %.2f}", separator, size, payload[0],
-               payload[1]);
-        separator = ", ";
+        bench::compare(row, bench::share(501), several([&] { return payloadOverLink(bytes); }),
+                       several([&] { return payloadBare(bytes); }));
     }
-    printf("]}\n");
-    fflush(stdout);
 }
 
-} // namespace
-
-int main() {
+/// With the link open and the main system in another process.
+template <void measure()>
+void linked() {
     const rlimit unlimited{RLIM_INFINITY, RLIM_INFINITY};
     setrlimit(RLIMIT_MSGQUEUE, &unlimited);
     bench::stayOn(static_cast<size_t>(sched_getcpu()));
@@ -261,15 +234,23 @@ int main() {
     const pid_t child = fork();
     if (child < 0)
         fail("fork");
-    if (child == 0) {
+    if (child == 0)
         MainSystem().run();
-        _exit(0);
-    }
+    if (const std::string failure = openUvaGstIfLink(); !failure.empty())
+        bench::fail(failure);
+    relay(Outbound, Requests);
+    relay(Inbound, Received);
+    relay(Received, Answers);
     measure();
     send(bare[Requests], bareRequest(quit, Answers));
     waitpid(child, nullptr, 0);
     uvaGstIfLowerLayer.Term();
     uvaGstIfReceiver.Term();
     Trid_Util_CPUComm_DeInit();
-    return 0;
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    return bench::run(argc, argv, {{"grant", linked<grant>}, {"payload", linked<payload>}});
 }

@@ -1,6 +1,6 @@
-// What a fed sample costs between writeData() and the sink pad, clear and encrypted; what an hour of
-// playback and a capability query cost. Sinks that take everything at once stand in for the set's.
-// Prints JSON.
+// What a fed sample costs between writeData() and the sink pad, clear and encrypted; what an hour
+// of playback and a capability query cost. Sinks that take everything at once stand in for the
+// set's.
 
 #include "backend/gstnox_backend.h"
 #include "bench_support.h"
@@ -13,20 +13,15 @@
 #include <gst/base/gstbasesink.h>
 #include <openssl/evp.h>
 
-#include <atomic>
-#include <chrono>
+#include <array>
 #include <condition_variable>
-#include <cstdio>
 #include <cstring>
-#include <fstream>
-#include <functional>
+#include <memory>
 #include <mutex>
-#include <sys/resource.h>
-#include <unistd.h>
+#include <vector>
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
 using Subsamples = std::vector<UVASample::Subsample>;
 
 constexpr unsigned int batch = 30;
@@ -36,19 +31,20 @@ const host::KeyPair key = {{1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 1
 std::vector<std::uint8_t> payload(1 << 20, 0x5A); // all samples share it
 
 struct Config final : UVAStreamConfig {
-    Config(int number, bool video) {
-        codec = number;
-        if (video) {
-            width = 1920;
-            height = 1080;
-        } else {
-            sampleRate = 48000;
-            channels = 2;
-        }
+    Config() {
+        codec = CODEC_DTS;
+        sampleRate = 48000;
+        channels = 2;
+    }
+    Config(unsigned int columns, unsigned int rows) {
+        codec = CODEC_VP8;
+        width = columns;
+        height = rows;
     }
 };
-const Config videoConfig(UVAStreamConfig::CODEC_VP8, true);
-const Config audioConfig(UVAStreamConfig::CODEC_DTS, false);
+const Config videoConfig(1920, 1080);
+const Config smallerConfig(1280, 720);
+const Config audioConfig;
 
 class BenchSample final : public UVASample {
 public:
@@ -100,7 +96,12 @@ struct Feed {
     std::size_t count;
     std::size_t bytes;
     bool encrypted = false;
-    const Config& config = videoConfig;
+    bool switches = false; ///< every other batch is of another rendition
+    const Config* config = &videoConfig;
+
+    const Config& configOf(std::size_t sample) const {
+        return switches && sample / batch % 2 == 1 ? smallerConfig : *config;
+    }
 };
 
 /// Answers requests from inside the event.
@@ -125,7 +126,7 @@ public:
         event->samples = new UVASample* [count + 1] {};
         for (std::size_t i = 0; i < count; ++i, ++next)
             event->samples[i] = new BenchSample(feed.bytes, static_cast<double>(next) * frame,
-                                                feed.config, feed.encrypted);
+                                                feed.configOf(next), feed.encrypted);
         backend->writeData(event, 0, UVABackend::Data);
     }
 
@@ -168,46 +169,83 @@ void installSinks() {
         gst_element_register(nullptr, name, GST_RANK_NONE, type);
 }
 
-/// Seconds from play() to the end.
+/// A backend that is fed to the end.
+class Element {
+public:
+    explicit Element(const Feed& feed) : Element(std::vector{feed}) {}
+    explicit Element(std::vector<Feed> feeds) : m_backend(UVABackend::VideoElement, &m_client) {
+        m_client.backend = &m_backend;
+        m_client.feeds = std::move(feeds);
+        m_client.sent.resize(m_client.feeds.size());
+        UVAKeySystemConfig config;
+        config.keySystemId = host::clearKeySystem;
+        m_backend.setKeySystem(config);
+        std::vector<UVABackend::SourceDescription*> sources;
+        for (const Feed& feed : m_client.feeds)
+            sources.push_back(
+                new Source(static_cast<int>(sources.size()) + 1, feed.config != &audioConfig));
+        sources.push_back(nullptr);
+        m_backend.initBackend("", sources.data(), false, false);
+    }
+    void play() { m_backend.play(); }
+    void wait() { m_client.finished.wait(); }
+
+private:
+    Client m_client;
+    GstNoxBackend m_backend;
+};
+
+/// Processor time from play() to the end.
 double feedBackend(std::vector<Feed> feeds) {
-    Client client;
-    client.feeds = std::move(feeds);
-    client.sent.resize(client.feeds.size());
-    GstNoxBackend backend(UVABackend::VideoElement, &client);
-    client.backend = &backend;
-    UVAKeySystemConfig config;
-    config.keySystemId = host::clearKeySystem;
-    backend.setKeySystem(config);
-    std::vector<UVABackend::SourceDescription*> sources;
-    for (std::size_t i = 0; i < client.feeds.size(); ++i)
-        sources.push_back(
-            new Source(static_cast<int>(i) + 1, &client.feeds[i].config == &videoConfig));
-    sources.push_back(nullptr);
-    backend.initBackend("", sources.data(), false, false);
-    const auto start = Clock::now();
-    backend.play();
-    client.finished.wait();
-    return std::chrono::duration<double>(Clock::now() - start).count();
+    Element player(std::move(feeds));
+    return bench::processorSeconds([&] {
+        player.play();
+        player.wait();
+    });
 }
 
 /// The same buffers pushed into a bare appsrc.
-struct Bare {
-    explicit Bare(const Feed& what) : feed(what) {}
-
-    const Feed& feed;
-    std::size_t next = 0;
-
-    static void needData(GstAppSrc* appsrc, guint, gpointer self) {
-        static_cast<Bare*>(self)->push(appsrc);
+class Bare {
+public:
+    explicit Bare(const Feed& feed)
+        : m_feed(feed), m_pipeline(gst_pipeline_new(nullptr)),
+          m_bus(gst_element_get_bus(m_pipeline)) {
+        GstElement* appsrc = gst_element_factory_make("appsrc", nullptr);
+        GstElement* sink = gst_element_factory_make("halvideosink", nullptr);
+        g_object_set(appsrc, "stream-type", GST_APP_STREAM_TYPE_SEEKABLE, "format", GST_FORMAT_TIME,
+                     nullptr);
+        GstAppSrcCallbacks callbacks{};
+        callbacks.need_data = [](GstAppSrc* source, guint, gpointer self) {
+            static_cast<Bare*>(self)->push(source);
+        };
+        callbacks.seek_data = [](GstAppSrc*, guint64, gpointer) -> gboolean { return TRUE; };
+        gst_app_src_set_callbacks(GST_APP_SRC(appsrc), &callbacks, this, nullptr);
+        gst_bin_add_many(GST_BIN(m_pipeline), appsrc, sink, nullptr);
+        gst_element_link(appsrc, sink);
     }
+    Bare(const Bare&) = delete;
+    ~Bare() {
+        gst_element_set_state(m_pipeline, GST_STATE_NULL);
+        gst_object_unref(m_bus);
+        gst_object_unref(m_pipeline);
+    }
+    void play() { gst_element_set_state(m_pipeline, GST_STATE_PLAYING); }
+    void wait() {
+        gst_message_unref(gst_bus_timed_pop_filtered(m_bus, GST_CLOCK_TIME_NONE, GST_MESSAGE_EOS));
+    }
+
+private:
     void push(GstAppSrc* appsrc) {
-        if (next == feed.count)
+        if (m_next == m_feed.count)
             gst_app_src_end_of_stream(appsrc);
-        for (unsigned int i = 0; i < batch && next < feed.count; ++i, ++next) {
-            auto* sample = new BenchSample(feed.bytes, static_cast<double>(next) * frame,
-                                           feed.config, false);
+        for (unsigned int i = 0; i < batch && m_next < m_feed.count; ++i, ++m_next) {
+            const Config& config = m_feed.configOf(m_next);
+            if (&config != m_config)
+                setCaps(appsrc, config);
+            auto* sample =
+                new BenchSample(m_feed.bytes, static_cast<double>(m_next) * frame, config, false);
             auto* buffer = gst_buffer_new_wrapped_full(
-                GST_MEMORY_FLAG_READONLY, payload.data(), feed.bytes, 0, feed.bytes, sample,
+                GST_MEMORY_FLAG_READONLY, payload.data(), m_feed.bytes, 0, m_feed.bytes, sample,
                 [](gpointer s) { delete static_cast<UVASample*>(s); });
             GST_BUFFER_PTS(buffer) = GST_BUFFER_DTS(buffer) =
                 static_cast<GstClockTime>(sample->pts() * 1e9);
@@ -215,32 +253,27 @@ struct Bare {
             gst_app_src_push_buffer(appsrc, buffer);
         }
     }
+    void setCaps(GstAppSrc* appsrc, const Config& config) {
+        m_config = &config;
+        GstCaps* caps = gst_caps_new_simple("video/x-vp8", "width", G_TYPE_INT, config.width,
+                                            "height", G_TYPE_INT, config.height, nullptr);
+        gst_app_src_set_caps(appsrc, caps);
+        gst_caps_unref(caps);
+    }
+
+    const Feed m_feed;
+    std::size_t m_next = 0;
+    const Config* m_config = nullptr;
+    GstElement* const m_pipeline;
+    GstBus* const m_bus;
 };
 
 double feedAppsrc(const Feed& feed) {
     Bare bare(feed);
-    GstElement* pipeline = gst_pipeline_new(nullptr);
-    GstElement* appsrc = gst_element_factory_make("appsrc", nullptr);
-    GstElement* sink = gst_element_factory_make("halvideosink", "bare");
-    GstCaps* caps = gst_caps_from_string("video/x-vp8, width=1920, height=1080");
-    g_object_set(appsrc, "stream-type", GST_APP_STREAM_TYPE_SEEKABLE, "format", GST_FORMAT_TIME,
-                 "caps", caps, nullptr);
-    gst_caps_unref(caps);
-    GstAppSrcCallbacks callbacks{};
-    callbacks.need_data = Bare::needData;
-    callbacks.seek_data = [](GstAppSrc*, guint64, gpointer) -> gboolean { return TRUE; };
-    gst_app_src_set_callbacks(GST_APP_SRC(appsrc), &callbacks, &bare, nullptr);
-    gst_bin_add_many(GST_BIN(pipeline), appsrc, sink, nullptr);
-    gst_element_link(appsrc, sink);
-    GstBus* bus = gst_element_get_bus(pipeline);
-    const auto start = Clock::now();
-    gst_element_set_state(pipeline, GST_STATE_PLAYING);
-    gst_message_unref(gst_bus_timed_pop_filtered(bus, GST_CLOCK_TIME_NONE, GST_MESSAGE_EOS));
-    const double seconds = std::chrono::duration<double>(Clock::now() - start).count();
-    gst_element_set_state(pipeline, GST_STATE_NULL);
-    gst_object_unref(bus);
-    gst_object_unref(pipeline);
-    return seconds;
+    return bench::processorSeconds([&] {
+        bare.play();
+        bare.wait();
+    });
 }
 
 /// AES-CTR with OpenSSL and one copy, what cannot be saved.
@@ -249,36 +282,19 @@ double cipherAlone(std::size_t count, std::size_t bytes) {
     EVP_EncryptInit_ex(context, EVP_aes_128_ctr(), nullptr, key.key.data(), nullptr);
     std::vector<std::uint8_t> copy(bytes);
     std::array<std::uint8_t, 16> iv{};
-    const auto start = Clock::now();
-    for (std::size_t i = 0; i < count; ++i) {
-        int length = 0;
-        std::memcpy(copy.data(), payload.data(), bytes);
-        EVP_EncryptInit_ex(context, nullptr, nullptr, nullptr, iv.data());
-        EVP_EncryptUpdate(context, copy.data(), &length, copy.data(), static_cast<int>(bytes));
-    }
-    const double seconds = std::chrono::duration<double>(Clock::now() - start).count();
+    const double seconds = bench::processorSeconds([&] {
+        for (std::size_t i = 0; i < count; ++i) {
+            int length = 0;
+            std::memcpy(copy.data(), payload.data(), bytes);
+            EVP_EncryptInit_ex(context, nullptr, nullptr, nullptr, iv.data());
+            EVP_EncryptUpdate(context, copy.data(), &length, copy.data(), static_cast<int>(bytes));
+        }
+    });
     EVP_CIPHER_CTX_free(context);
     return seconds;
 }
 
-double cpuSeconds() {
-    rusage usage{};
-    getrusage(RUSAGE_SELF, &usage);
-    const auto seconds = [](const timeval& t) {
-        return static_cast<double>(t.tv_sec) + static_cast<double>(t.tv_usec) / 1e6;
-    };
-    return seconds(usage.ru_utime) + seconds(usage.ru_stime);
-}
-
-double residentMegabytes() {
-    long pages = 0;
-    long resident = 0;
-    std::ifstream("/proc/self/statm") >> pages >> resident;
-    return static_cast<double>(resident * sysconf(_SC_PAGESIZE)) / 1e6;
-}
-
-/// Microseconds a query, over 10,000 of several kinds.
-double queryMicroseconds() {
+void query() {
     class Deaf final : public UVAClient {
         void deliverEvent(UVAEvent* event) override { delete event; }
     } client;
@@ -294,76 +310,124 @@ double queryMicroseconds() {
     questions[2].type = "video/x-vp9";
     questions[3].type = "audio/unknown";
     questions[4].codecs = {"hev1.1.6.L153.B0", "ec-3", "none"};
-    constexpr int count = 10000;
-    const auto start = Clock::now();
-    for (int i = 0; i < count; ++i)
-        backend.canPlayType(questions[static_cast<std::size_t>(i) % questions.size()]);
-    return std::chrono::duration<double, std::micro>(Clock::now() - start).count() / count;
+    constexpr std::size_t count = 1000;
+    const auto ask = [&] {
+        for (std::size_t i = 0; i < count; ++i)
+            backend.canPlayType(questions[i % questions.size()]);
+    };
+    bench::measure("query", bench::share(501),
+                   [&] { return bench::processorSeconds(ask) / count * 1e6; });
 }
 
-struct Pair {
-    double ours, bare;
-};
+/// Of this many things a turn, and as the quick run has it.
+std::size_t amount(int full) {
+    return static_cast<std::size_t>(bench::share(full));
+}
 
-/// Medians over turns of both.
-template <typename Ours, typename Other>
-Pair alternate(int turns, Ours ours, Other other) {
-    std::vector<double> first, second;
-    for (int i = 0; i < turns; ++i) {
-        first.push_back(ours());
-        second.push_back(other());
+constexpr int turns = 31;
+
+bench::Side microsecondsEach(std::size_t count, const std::function<double()>& seconds) {
+    return [=] { return seconds() / static_cast<double>(count) * 1e6; };
+}
+
+void samples() {
+    for (const auto& [row, count, bytes] :
+         {std::tuple{"sample_400", 100000, 400U}, std::tuple{"sample_20k", 30000, 20000U}}) {
+        const Feed feed{amount(count), bytes};
+        bench::compare(row, bench::share(turns),
+                       microsecondsEach(feed.count, [=] { return feedBackend({feed}); }),
+                       microsecondsEach(feed.count, [=] { return feedAppsrc(feed); }));
     }
-    return {bench::quantile(first, 0.5), bench::quantile(second, 0.5)};
+}
+
+/// Against what the cipher costs alone and a clear sample costs.
+void protection() {
+    host::ClearKey keys(host::ClearKey::Interface::PerRange);
+    keys.addKey(key);
+    UVA_OfferDRMBackend(host::clearKeySystem, &keys);
+    for (const auto& [row, count, bytes] :
+         {std::tuple{"protected_1k", 50000, 1000U}, std::tuple{"protected_20k", 20000, 20000U},
+          std::tuple{"protected_500k", 1000, 500000U}}) {
+        const Feed clear{amount(count), bytes};
+        const Feed encrypted{clear.count, bytes, true};
+        bench::compare(row, bench::share(turns),
+                       microsecondsEach(clear.count, [=] { return feedBackend({encrypted}); }),
+                       microsecondsEach(clear.count, [=] {
+                           return feedBackend({clear}) + cipherAlone(clear.count, clear.bytes);
+                       }));
+    }
+    UVA_OfferDRMBackend(host::clearKeySystem, nullptr);
+}
+
+/// A switch and a batch of samples.
+void renditions() {
+    const Feed feed{amount(30000), 20000, false, true};
+    bench::compare("switch", bench::share(turns),
+                   microsecondsEach(feed.count / batch, [=] { return feedBackend({feed}); }),
+                   microsecondsEach(feed.count / batch, [=] { return feedAppsrc(feed); }));
+}
+
+/// Processor time of the process for a sample, in microseconds, with so many players that play at
+/// once; what they cost besides samples is not counted.
+template <typename Of>
+bench::Side manyPlayers(std::size_t players, std::size_t samples) {
+    const auto feedAll = [players](std::size_t each) {
+        std::vector<std::unique_ptr<Of>> all;
+        for (std::size_t i = 0; i < players; ++i)
+            all.push_back(std::make_unique<Of>(Feed{each, 20000}));
+        return bench::processorSeconds([&] {
+            for (const auto& player : all)
+                player->play();
+            for (const auto& player : all)
+                player->wait();
+        });
+    };
+    return [=] {
+        return (feedAll(samples / players) - feedAll(1)) / static_cast<double>(samples) * 1e6;
+    };
+}
+
+void elements() {
+    const auto samples = amount(32 * 2000);
+    const auto values = bench::interleave(bench::share(turns), {manyPlayers<Element>(32, samples),
+                                                                manyPlayers<Element>(1, samples),
+                                                                manyPlayers<Bare>(32, samples)});
+    bench::report("elements_32", values[0], values[1]);
+    bench::report("elements_32_bare", values[0], values[2]);
+}
+
+constexpr int videoAnHour = 3600 * 25;
+constexpr int audioAnHour = 3600 * 47;
+
+void hour() {
+    const std::vector<Feed> feeds = {{amount(videoAnHour), 20000},
+                                     {amount(audioAnHour), 400, false, false, &audioConfig}};
+    const double scale = videoAnHour / static_cast<double>(feeds[0].count);
+    bench::measure("hour", bench::share(11), [&] { return feedBackend(feeds) * scale; });
+}
+
+/// Resident memory after each hour of a day, against that after the first.
+void day() {
+    bench::Values after;
+    for (int i = 0; i < 25; ++i) {
+        feedBackend({{amount(videoAnHour), 400}});
+        after.push_back(bench::residentMegabytes());
+    }
+    bench::report("day", {after.begin() + 1, after.end()}, bench::Values(24, after.front()));
 }
 
 } // namespace
 
-int main() {
+int main(int argc, char** argv) {
     setenv("NOX_GST_STANDALONE", "1", 1);
     BackendInit(nullptr);
     installSinks();
-    host::ClearKey keys(host::ClearKey::Interface::PerRange);
-    keys.addKey(key);
-    UVA_OfferDRMBackend(host::clearKeySystem, &keys);
-    constexpr int turns = 15;
-
-    std::printf("{\"samples\": [");
-    const char* comma = "";
-    for (const std::size_t bytes : {400U, 20000U}) {
-        const Feed feed{bytes < 1000 ? 100000U : 30000U, bytes};
-        const Pair pair =
-            alternate(turns, [&] { return feedBackend({feed}); }, [&] { return feedAppsrc(feed); });
-        const auto count = static_cast<double>(feed.count);
-        std::printf("%s{\"bytes\": %zu, \"ours\": %.4f, \"bare\": %.4f}", comma, bytes,
-                    pair.ours / count * 1e6, pair.bare / count * 1e6);
-        comma = ", ";
-    }
-    std::printf("], \"protected\": [");
-    comma = "";
-    for (const std::size_t bytes : {1000U, 20000U, 500000U}) {
-        const std::size_t count = bytes < 10000 ? 50000U : bytes < 100000 ? 20000U : 1000U;
-        const Pair pair = alternate(
-            turns, [&] { return feedBackend({{count, bytes, true}}); },
-            [&] { return cipherAlone(count, bytes); });
-        const Pair clear = alternate(
-            turns, [&] { return feedBackend({{count, bytes, false}}); }, [] { return 0.0; });
-        const auto samples = static_cast<double>(count);
-        std::printf("%s{\"bytes\": %zu, \"ours\": %.4f, \"cipher\": %.4f, \"clear\": %.4f}", comma,
-                    bytes, pair.ours / samples * 1e6, pair.bare / samples * 1e6,
-                    clear.ours / samples * 1e6);
-        comma = ", ";
-    }
-    constexpr std::size_t videoAnHour = 3600 * 25;
-    constexpr std::size_t audioAnHour = 3600 * 47;
-    const double before = cpuSeconds();
-    feedBackend({{videoAnHour, 20000}, {audioAnHour, 400, false, audioConfig}});
-    std::printf("], \"cpuSecondsAnHour\": %.3f", cpuSeconds() - before);
-
-    const double memoryBefore = residentMegabytes();
-    feedBackend({{24 * videoAnHour, 400}});
-    std::printf(", \"memoryBefore\": %.2f, \"memoryAfter24Hours\": %.2f", memoryBefore,
-                residentMegabytes());
-    std::printf(", \"queryMicroseconds\": %.3f}\n", queryMicroseconds());
-    UVA_OfferDRMBackend(host::clearKeySystem, nullptr);
-    return 0;
+    return bench::run(argc, argv,
+                      {{"samples", samples},
+                       {"protection", protection},
+                       {"renditions", renditions},
+                       {"elements", elements},
+                       {"hour", hour},
+                       {"day", day},
+                       {"query", query}});
 }

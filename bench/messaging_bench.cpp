@@ -1,5 +1,4 @@
-// What the framework's messages cost, against the bare system calls. Both sides of a ratio run in
-// one process, in turns, many times; the medians are compared. Prints JSON.
+// What the framework's messages cost, against the bare system calls; nanoseconds.
 
 #include "bench_support.h"
 #include "debug/trace/zant_trace_core.h"
@@ -7,15 +6,9 @@
 #include "messaging/queue/zant_msg.h"
 #include "messaging/queue_thread/thread_object_with_queue.h"
 
-#include <algorithm>
-#include <atomic>
-#include <chrono>
 #include <cstdio>
-#include <cstdlib>
 #include <fcntl.h>
-#include <functional>
 #include <memory>
-#include <sched.h>
 #include <string>
 #include <sys/select.h>
 #include <thread>
@@ -24,39 +17,13 @@
 
 namespace {
 
-using bench::quantile;
-using bench::stayOn;
-using Clock = std::chrono::steady_clock;
+using bench::nanosecondsEach;
 
-// Many short turns: on a busy machine most of them are still left alone by other programs.
-constexpr int turns = 1001;
 constexpr unsigned long pingSignal = 517;
 
-double nanoseconds(Clock::duration duration) {
-    return std::chrono::duration<double, std::nano>(duration).count();
-}
-
-double nanosecondsEach(int count, const std::function<void()>& what) {
-    const auto start = Clock::now();
-    for (int i = 0; i < count; ++i)
-        what();
-    return nanoseconds(Clock::now() - start) / count;
-}
-
-struct Ratio {
-    double ours;
-    double bare;
-};
-
-/// Medians of both sides, measured in turns.
-Ratio interleave(int count, const std::function<void()>& ours, const std::function<void()>& bare) {
-    std::vector<double> oursEach;
-    std::vector<double> bareEach;
-    for (int turn = 0; turn < turns; ++turn) {
-        oursEach.push_back(nanosecondsEach(count, ours));
-        bareEach.push_back(nanosecondsEach(count, bare));
-    }
-    return {quantile(oursEach, 0.5), quantile(bareEach, 0.5)};
+// Many short turns: on a busy machine most of them are still left alone by other programs.
+int turns() {
+    return bench::share(1001);
 }
 
 std::string uniqueName(const char* suffix) {
@@ -65,11 +32,8 @@ std::string uniqueName(const char* suffix) {
 
 /// A queue that goes with the object; aborts when there is none.
 void openOrAbort(CZantMsgQueue& queue, const char* suffix) {
-    if (queue.Open(uniqueName(suffix).c_str(), O_RDWR | O_CREAT | O_NONBLOCK, 0600, 10, true) !=
-        0) {
-        fprintf(stderr, "no queue: raise RLIMIT_MSGQUEUE (ulimit -q)\n");
-        exit(1);
-    }
+    if (queue.Open(uniqueName(suffix).c_str(), O_RDWR | O_CREAT | O_NONBLOCK, 0600, 10, true) != 0)
+        bench::fail("no queue: raise RLIMIT_MSGQUEUE (ulimit -q)");
 }
 
 /// Answers each message to the queue that it names.
@@ -105,8 +69,8 @@ std::vector<size_t> processors() {
 }
 
 /// The threads that answer run on the processor `there`, the one that asks on `here`.
-void roundTrip(const char* name, size_t here, size_t there) {
-    stayOn(there);
+void roundTrip(const char* row, size_t here, size_t there) {
+    bench::stayOn(there);
     Echo echo;
     CZantMsgQueue answers;
     openOrAbort(answers, "_answers");
@@ -130,123 +94,109 @@ void roundTrip(const char* name, size_t here, size_t there) {
             mq_send(replies, body, sizeof body, 0);
         } while (body[0] != 1);
     });
-    stayOn(here);
+    bench::stayOn(here);
     const auto bareOnce = [requests, replies](char first) {
         char body[48] = {first};
         mq_send(requests, body, sizeof body, 0);
         bareReceive(replies, body);
     };
-    const Ratio ratio = interleave(20, ours, [&] { bareOnce(0); });
+    bench::compare(
+        row, turns(), [&] { return nanosecondsEach(20, ours); },
+        [&] { return nanosecondsEach(20, [&] { bareOnce(0); }); });
     bareOnce(1);
     bareEcho.join();
-    printf("  \"%s\": {\"ours_ns\": %.0f, \"bare_ns\": %.0f},\n", name, ratio.ours, ratio.bare);
+}
+
+void roundTrips() {
+    const std::vector<size_t> usable = processors();
+    const auto both = [&] { // on a thread whose processors are its own
+        roundTrip("message", usable.front(), usable.front());
+        roundTrip("message_apart", usable.front(), usable.back());
+    };
+    std::thread(both).join();
 }
 
 void sameThread() {
     CZantMsgQueue queue;
     openOrAbort(queue, "_same");
     const int handle = queue.handle;
-    const Ratio ratio = interleave(
-        100,
-        [&] {
+    const auto ours = [&] {
+        CZantMsg msg(pingSignal);
+        queue.Send(&msg, 0);
+        queue.ReceiveFromNonblockingQueue(&msg, 0);
+    };
+    const auto bare = [handle] {
+        char body[48] = {1};
+        mq_send(handle, body, sizeof body, 0);
+        bareReceive(handle, body);
+    };
+    bench::compare(
+        "message_same_thread", turns(), [&] { return nanosecondsEach(100, ours); },
+        [&] { return nanosecondsEach(100, bare); });
+}
+
+/// Nanoseconds that each of so many observers costs, told of a message with a payload.
+bench::Side notify(int count) {
+    auto queues = std::make_shared<std::vector<CZantMsgQueue>>(static_cast<size_t>(count));
+    auto observable = std::make_shared<CObservableCallbackQueue>();
+    for (int i = 0; i < count; ++i) {
+        CZantMsgQueue& queue = (*queues)[static_cast<size_t>(i)];
+        openOrAbort(queue, ("_" + std::to_string(i) + "_of_" + std::to_string(count)).c_str());
+        observable->RegisterCallbackQueue(queue.handle, i, 0, 0);
+    }
+    return [queues, observable, count] {
+        const double each = nanosecondsEach(5, [&] {
             CZantMsg msg(pingSignal);
-            queue.Send(&msg, 0);
-            queue.ReceiveFromNonblockingQueue(&msg, 0);
-        },
-        [handle] {
-            char body[48] = {1};
-            mq_send(handle, body, sizeof body, 0);
-            bareReceive(handle, body);
+            msg.signalPtr = ::operator new(64);
+            msg.signalSize = 64;
+            observable->NotifyObserversWithCallbackQueue(&msg);
         });
-    const double withPayload = interleave(
-                                   100,
-                                   [&] {
-                                       CZantMsg msg(pingSignal);
-                                       msg.signalPtr = ::operator new(64);
-                                       msg.signalSize = 64;
-                                       queue.Send(&msg, 0);
-                                       queue.ReceiveFromNonblockingQueue(&msg, 0);
-                                   },
-                                   [] {})
-                                   .ours;
-    printf(
-        "  \"same_thread\": {\"ours_ns\": %.0f, \"bare_ns\": %.0f, \"with_payload_ns\": %.0f},\n",
-        ratio.ours, ratio.bare, withPayload);
+        for (auto& queue : *queues)
+            queue.ClearQueue();
+        return each / count;
+    };
 }
 
 void observers() {
-    printf("  \"observers\": [");
-    for (const int count : {1, 2, 4, 8, 16}) {
-        std::vector<std::unique_ptr<CZantMsgQueue>> queues;
-        CObservableCallbackQueue observable;
-        for (int i = 0; i < count; ++i) {
-            queues.push_back(std::make_unique<CZantMsgQueue>());
-            openOrAbort(*queues.back(), ("_observer" + std::to_string(i)).c_str());
-            observable.RegisterCallbackQueue(queues.back()->handle, i, 0, 0);
-        }
-        std::vector<double> each;
-        for (int turn = 0; turn < turns; ++turn) {
-            each.push_back(nanosecondsEach(5, [&] {
-                CZantMsg msg(pingSignal);
-                msg.signalPtr = ::operator new(64);
-                msg.signalSize = 64;
-                observable.NotifyObserversWithCallbackQueue(&msg);
-            }));
-            for (const auto& queue : queues)
-                queue->ClearQueue();
-        }
-        printf("%s{\"observers\": %d, \"ns\": %.0f}", count == 1 ? "" : ", ", count,
-               quantile(each, 0.5));
-    }
-    printf("],\n");
+    bench::compare("observers", turns(), notify(16), notify(1));
 }
 
-/// Round trips to one queue thread from several threads at a time.
-void manySenders() {
-    printf("  \"senders\": [");
-    for (int count = 1; count <= 8; ++count) {
-        Echo echo;
-        std::vector<std::vector<double>> taken(static_cast<size_t>(count));
-        std::vector<std::thread> senders;
+/// Nanoseconds that a round trip to one queue thread takes from the machine, with so many threads
+/// that send.
+double senders(int count) {
+    constexpr int trips = 800;
+    Echo echo;
+    const double taken = bench::seconds([&] {
+        std::vector<std::thread> threads;
         for (int sender = 0; sender < count; ++sender)
-            senders.emplace_back([&echo, &mine = taken[static_cast<size_t>(sender)], sender] {
+            threads.emplace_back([&echo, sender, count] {
                 CZantMsgQueue answers;
                 openOrAbort(answers, ("_sender" + std::to_string(sender)).c_str());
-                for (int i = 0; i < 4000; ++i) {
-                    const auto start = Clock::now();
+                for (int i = 0; i < trips / count; ++i) {
                     CZantMsg msg(pingSignal);
                     msg.responseQueue = answers.handle;
-                    if (echo.SendCmd(&msg) != 0)
-                        continue;
-                    answers.ReceiveFromNonblockingQueue(&msg, 0);
-                    mine.push_back(nanoseconds(Clock::now() - start));
+                    if (echo.SendCmd(&msg) == 0)
+                        answers.ReceiveFromNonblockingQueue(&msg, 0);
                 }
             });
-        for (std::thread& sender : senders)
-            sender.join();
-        std::vector<double> all;
-        for (const auto& part : taken)
-            all.insert(all.end(), part.begin(), part.end());
-        printf("%s{\"senders\": %d, \"p50_ns\": %.0f, \"p99_ns\": %.0f}", count == 1 ? "" : ", ",
-               count, quantile(all, 0.5), quantile(all, 0.99));
-    }
-    printf("]\n");
+        for (std::thread& thread : threads)
+            thread.join();
+    });
+    return taken / trips * 1e9;
+}
+
+void manySenders() {
+    bench::compare(
+        "senders", bench::share(101), [] { return senders(8); }, [] { return senders(1); });
 }
 
 } // namespace
 
-int main() {
+int main(int argc, char** argv) {
     zantTrace.SetTraceOnAll(TRACELEVEL_WARNING);
-    printf("{\n");
-    const std::vector<size_t> usable = processors();
-    std::thread([&usable] { // its processor is its own
-        roundTrip("round_trip", usable.front(), usable.front());
-        roundTrip("round_trip_two_processors", usable.front(), usable.back());
-    })
-        .join();
-    sameThread();
-    observers();
-    manySenders();
-    printf("}\n");
-    return 0;
+    return bench::run(argc, argv,
+                      {{"round_trip", roundTrips},
+                       {"same_thread", sameThread},
+                       {"observers", observers},
+                       {"senders", manySenders}});
 }

@@ -1,36 +1,23 @@
 // What the backend costs on top of GStreamer: first frame, seek, and the life of a thousand
-// players. Both sides of a ratio run in turn in this one process, with the same sinks.
-//
-// Usage: playback_bench CLIP.mp4 REPORT.md [ROUNDS [CYCLES]]
-//
-// The report is Markdown, in a file: the library's entry points write to standard output.
+// players. Both sides have the same sinks.
 
-#include "backend/gstnox_backend.h"
-#include "plugin/gstnox_plugin.h"
+#include "backend_player.h"
 #include "nox/screen.h"
-#include "uva/uva_event.h"
+#include "plugin/gstnox_plugin.h"
 
 #include <gst/gst.h>
 
-#include <algorithm>
-#include <chrono>
 #include <condition_variable>
-#include <cstdio>
-#include <cstdlib>
 #include <filesystem>
-#include <fstream>
-#include <functional>
 #include <memory>
 #include <mutex>
-#include <string>
-#include <thread>
+#include <sys/mman.h>
+#include <sys/wait.h>
 #include <unistd.h>
-#include <vector>
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
-using Milliseconds = std::chrono::duration<double, std::milli>;
+using bench::Clock;
 
 /// When pictures come onto the screen.
 class PictureWatch {
@@ -51,11 +38,8 @@ public:
     /// When the picture after the `count`-th was shown; exits when none comes.
     Clock::time_point after(long count) {
         std::unique_lock lock(m_mutex);
-        if (!m_shown.wait_for(lock, std::chrono::seconds(20), [&] { return m_count > count; })) {
-            std::fprintf(stderr,
-                         "playback_bench: no picture was shown; run it with `meson devenv`\n");
-            std::exit(1);
-        }
+        if (!m_shown.wait_for(lock, std::chrono::seconds(60), [&] { return m_count > count; }))
+            bench::fail("no picture was shown; run it with `meson devenv`");
         return m_last;
     }
 
@@ -72,189 +56,127 @@ PictureWatch& pictures() {
     return watch;
 }
 
-/// One side of the comparison: a player that can be started, sought and dropped.
-class Player {
+/// What a host without the backend would write. It goes to PAUSED and back after a seek, as the
+/// backend has to.
+class BarePlaybin {
 public:
-    virtual ~Player() = default;
-    virtual void play() = 0;
-    virtual void seek(double seconds) = 0;
-};
-
-/// What a host without the backend would write.
-class BarePlaybin : public Player {
-public:
-    /// With `forceState` it goes to PAUSED and back after a seek, as the backend has to.
-    explicit BarePlaybin(const std::string& uri, bool forceState = false)
-        : m_playbin(GST_ELEMENT(gst_object_ref_sink(gst_element_factory_make("playbin", nullptr)))),
-          m_forceState(forceState) {
-        g_object_set(m_playbin, "uri", uri.c_str(), nullptr);
+    explicit BarePlaybin(const std::string& url)
+        : m_playbin(
+              GST_ELEMENT(gst_object_ref_sink(gst_element_factory_make("playbin", nullptr)))) {
+        g_object_set(m_playbin, "uri", url.c_str(), nullptr);
     }
-    ~BarePlaybin() override {
+    ~BarePlaybin() {
         gst_element_set_state(m_playbin, GST_STATE_NULL);
         gst_object_unref(m_playbin);
     }
-    void play() override { gst_element_set_state(m_playbin, GST_STATE_PLAYING); }
-    void seek(double seconds) override {
+    void play() { gst_element_set_state(m_playbin, GST_STATE_PLAYING); }
+    void seek(double seconds) {
         gst_element_seek_simple(
             m_playbin, GST_FORMAT_TIME,
             static_cast<GstSeekFlags>(GST_SEEK_FLAG_FLUSH | GST_SEEK_FLAG_ACCURATE),
             static_cast<gint64>(seconds * 1e9));
-        if (!m_forceState)
-            return;
         gst_element_set_state(m_playbin, GST_STATE_PAUSED);
         gst_element_set_state(m_playbin, GST_STATE_PLAYING);
     }
 
 private:
     GstElement* const m_playbin;
-    const bool m_forceState;
 };
 
-class Source : public UVABackend::SourceDescription {
+class Backend : public bench::BackendPlayer {
 public:
-    explicit Source(std::string address) : m_url(std::move(address)) {
-        type = BackendStreaming;
-        url = m_url.c_str();
-    }
-
-private:
-    const std::string m_url;
+    explicit Backend(const std::string& url)
+        : BackendPlayer({UVA_RequestBackend, UVA_ReleaseBackend}, url) {}
 };
 
-class BackendPlayer : public Player, private UVAClient {
-public:
-    explicit BackendPlayer(const std::string& uri)
-        : m_backend(UVA_RequestBackend(UVABackend::VideoElement, this)) {
-        UVABackend::SourceDescription* sources[] = {new Source(uri), nullptr};
-        m_backend->initBackend("bench", sources, false);
-    }
-    ~BackendPlayer() override { UVA_ReleaseBackend(m_backend); }
-    void play() override { m_backend->play(); }
-    void seek(double seconds) override {
-        m_backend->setPosition(seconds);
-        const CancelDataRequestsAsyncEvent cancelled(seconds);
-        m_backend->eventCompleted(&cancelled, true);
-    }
-
-private:
-    void deliverEvent(UVAEvent* event) override {
-        if (event->type() == UVAEvent::BackendResourceRequestAsync)
-            m_backend->eventCompleted(static_cast<UVAAsyncEvent*>(event), true);
-        delete event;
-    }
-    UVAMediaBackend* const m_backend;
-};
-
-using MakePlayer = std::function<std::unique_ptr<Player>()>;
-
-double firstFrame(const MakePlayer& make) {
-    const auto player = make();
-    const long before = pictures().count();
-    const auto start = Clock::now();
-    player->play();
-    return Milliseconds(pictures().after(before) - start).count();
+double millisecondsSince(Clock::time_point start, Clock::time_point shown) {
+    return std::chrono::duration<double, std::milli>(shown - start).count();
 }
 
-double seekToFrame(const MakePlayer& make) {
-    const auto player = make();
+template <typename Of>
+double firstFrame() {
+    Of player(bench::fileUrl());
     const long before = pictures().count();
-    player->play();
+    const auto start = Clock::now();
+    player.play();
+    return millisecondsSince(start, pictures().after(before));
+}
+
+template <typename Of>
+double seekToFrame() {
+    Of player(bench::fileUrl());
+    const long before = pictures().count();
+    player.play();
     pictures().after(before + 5);
     const auto start = Clock::now();
-    player->seek(3.0);
-    return Milliseconds(pictures().after(pictures().count()) - start).count();
+    player.seek(3.0);
+    return millisecondsSince(start, pictures().after(pictures().count()));
 }
 
-double median(std::vector<double> values) {
-    std::sort(values.begin(), values.end());
-    return values[values.size() / 2];
+void start() {
+    gst_init(nullptr, nullptr);
+    bench::compare("first_frame", bench::share(101), firstFrame<Backend>, firstFrame<BarePlaybin>);
 }
 
-std::FILE* report = nullptr;
-
-void compare(const char* what, double budget, int rounds, const MakePlayer& ours,
-             const MakePlayer& bare, double (*measure)(const MakePlayer&)) {
-    std::vector<double> a;
-    std::vector<double> b;
-    std::vector<double> ratios;
-    measure(ours); // warms both up
-    measure(bare);
-    for (int round = 0; round < rounds; ++round) {
-        const bool oursFirst = round % 2 == 0;
-        const double first = measure(oursFirst ? ours : bare);
-        const double second = measure(oursFirst ? bare : ours);
-        a.push_back(oursFirst ? first : second);
-        b.push_back(oursFirst ? second : first);
-        ratios.push_back(a.back() / b.back());
-        if (isatty(STDERR_FILENO) != 0)
-            std::fprintf(stderr, "\r%s: %d of %d", what, round + 1, rounds);
-    }
-    if (isatty(STDERR_FILENO) != 0)
-        std::fprintf(stderr, "\n");
-    std::fprintf(report, "| %s | %.2f ms | %.2f ms | %.3f | %.3f | %.2f |\n", what, median(a),
-                 median(b), median(a) / median(b), median(ratios), budget);
-    std::fflush(report);
+void seek() {
+    gst_init(nullptr, nullptr);
+    bench::compare("seek", bench::share(101, 1), seekToFrame<Backend>, seekToFrame<BarePlaybin>);
 }
 
-long residentKilobytes() {
-    long pages = 0;
-    long resident = 0;
-    std::ifstream("/proc/self/statm") >> pages >> resident;
-    return resident * (sysconf(_SC_PAGESIZE) / 1024);
-}
-
-long descriptors() {
+double descriptors() {
     const std::filesystem::directory_iterator folder("/proc/self/fd");
-    return std::distance(begin(folder), end(folder));
+    return static_cast<double>(std::distance(begin(folder), end(folder)));
 }
 
-void cycle(int cycles, const MakePlayer& make) {
-    std::fprintf(report, "\n| cycles | resident memory | descriptors |\n|---|---|---|\n");
-    for (int i = 1; i <= cycles; ++i) {
-        firstFrame(make);
-        if (i % (std::max(cycles, 10) / 10) == 0)
-            std::fprintf(report, "| %d | %ld kB | %ld |\n", i, residentKilobytes(), descriptors());
+/// What a process holds after each of many players, which come behind a tenth that warms up.
+struct Lives {
+    static constexpr int most = 920;
+    double memory[most], opened[most];
+
+    template <typename Of>
+    void live(int count) {
+        for (int i = -count / 10; i < count; ++i) {
+            firstFrame<Of>();
+            if (i < 0)
+                continue;
+            memory[i] = bench::residentMegabytes();
+            opened[i] = descriptors();
+        }
     }
-}
+    /// From each place in the first half to its place in the second.
+    bench::Values growth(int count) const {
+        bench::Values values;
+        for (int i = 0; i < count / 2; ++i)
+            values.push_back(memory[count / 2 + i] / memory[i]);
+        return values;
+    }
+};
 
-std::string processorName() {
-    std::ifstream info("/proc/cpuinfo");
-    for (std::string line; std::getline(info, line);)
-        if (line.rfind("model name", 0) == 0)
-            return line.substr(line.find(':') + 2);
-    return "unknown processor";
+/// The peer lives beside it, in a process of its own.
+void cycles() {
+    const int count = bench::share(Lives::most, 6);
+    auto* const sides = static_cast<Lives*>(mmap(nullptr, 2 * sizeof(Lives), PROT_READ | PROT_WRITE,
+                                                 MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+    const pid_t peer = sides == MAP_FAILED ? -1 : fork();
+    if (peer < 0)
+        bench::fail("no memory for a second process");
+    gst_init(nullptr, nullptr);
+    if (peer == 0) {
+        sides[1].live<BarePlaybin>(count);
+        _exit(0);
+    }
+    sides[0].live<Backend>(count);
+    int status = 0;
+    if (waitpid(peer, &status, 0) != peer || status != 0)
+        bench::fail("the bare players failed");
+    bench::report("cycles_memory", sides[0].growth(count), sides[1].growth(count));
+    const double* const opened = sides[0].opened;
+    bench::report("cycles_descriptors", {opened + count / 2, opened + count / 2 * 2},
+                  {opened, opened + count / 2});
 }
 
 } // namespace
 
 int main(int argc, char** argv) {
-    if (argc < 3) {
-        std::fprintf(stderr, "Usage: playback_bench CLIP.mp4 REPORT.md [ROUNDS [CYCLES]]\n");
-        return 2;
-    }
-    report = std::fopen(argv[2], "we");
-    if (report == nullptr) {
-        std::perror(argv[2]);
-        return 1;
-    }
-    const int rounds = argc > 3 ? std::atoi(argv[3]) : 30;
-    const int cycles = argc > 4 ? std::atoi(argv[4]) : 1000;
-    BackendInit(nullptr);
-    gchar* const address = gst_filename_to_uri(argv[1], nullptr);
-    const std::string uri = address != nullptr ? address : "";
-    g_free(address);
-    const MakePlayer ours = [&uri] { return std::make_unique<BackendPlayer>(uri); };
-    const MakePlayer bare = [&uri] { return std::make_unique<BarePlaybin>(uri); };
-    const MakePlayer forced = [&uri] { return std::make_unique<BarePlaybin>(uri, true); };
-
-    std::fprintf(report, "# Playback\n\nMachine: %s, %u processors, %s.\n", processorName().c_str(),
-                 std::thread::hardware_concurrency(), gst_version_string());
-    std::fprintf(report,
-                 "\n| | backend | bare playbin | ratio of medians | median of ratios | budget |\n"
-                 "|---|---|---|---|---|---|\n");
-    compare("first frame", 1.03, rounds, ours, bare, firstFrame);
-    compare("seek to frame", 1.03, rounds, ours, bare, seekToFrame);
-    compare("seek to frame, state forced by both", 1.03, rounds, ours, forced, seekToFrame);
-    cycle(cycles, ours);
-    return std::fclose(report) == 0 ? 0 : 1;
+    return bench::run(argc, argv, {{"start", start}, {"seek", seek}, {"cycles", cycles}});
 }

@@ -1,6 +1,4 @@
-// The parser of segments against libavformat on the same bytes, in turns, in one process.
-//
-// usage: segment_parser_bench RESULT.md FILE...
+// The parser of segments against libavformat on the same bytes: processor time.
 
 #include "bench_support.h"
 #include "host/segment_parser.h"
@@ -9,73 +7,35 @@ extern "C" {
 #include <libavformat/avformat.h>
 }
 
-#include <algorithm>
-#include <array>
-#include <atomic>
-#include <cstdio>
-#include <cstdlib>
 #include <cstring>
-#include <ctime>
 #include <fstream>
-#include <functional>
 #include <iterator>
-#include <new>
-#include <string>
-#include <vector>
-
-namespace {
-
-std::atomic<std::size_t> allocations{0};
-
-} // namespace
-
-void* operator new(std::size_t size) {
-    ++allocations;
-    if (void* memory = std::malloc(size))
-        return memory;
-    throw std::bad_alloc();
-}
-void operator delete(void* memory) noexcept {
-    std::free(memory);
-}
-void operator delete(void* memory, std::size_t) noexcept {
-    std::free(memory);
-}
+#include <memory>
 
 namespace {
 
 using Bytes = std::vector<std::uint8_t>;
 
 struct Counter final : host::SegmentParser::Output {
-    std::size_t frames = 0, bytes = 0;
-    std::size_t allocationsBefore = 0; ///< up to the last initialization segment
+    std::size_t frames = 0;
 
-    void onInit(host::InitSegment) override { allocationsBefore = allocations; }
+    void onInit(host::InitSegment) override {}
     void onInitData(host::InitData) override {}
-    void onFrames(std::vector<host::CodedFrame> some) override {
-        frames += some.size();
-        for (const auto& frame : some)
-            bytes += frame.sample.size;
-    }
+    void onFrames(std::vector<host::CodedFrame> some) override { frames += some.size(); }
     void onEvent(host::EventMessage) override {}
     void onSegmentEnd() override {}
 };
 
-[[noreturn]] void fail(const std::string& what) {
-    std::fprintf(stderr, "segment_parser_bench: %s\n", what.c_str());
-    std::exit(1);
-}
-
-Counter parse(const std::shared_ptr<const Bytes>& stream, const std::string& type,
-              std::size_t piece) {
+/// Frames found in the stream that is given in pieces.
+std::size_t parse(const char* type, const std::shared_ptr<const Bytes>& stream, std::size_t piece) {
     Counter counter;
     const auto parser = host::SegmentParser::make(type, counter);
     for (std::size_t at = 0; at < stream->size(); at += piece)
         if (const auto error =
                 parser->append({stream, stream->data() + at}, std::min(piece, stream->size() - at));
             !error.empty())
-            fail(error);
-    return counter;
+            bench::fail(error);
+    return counter.frames;
 }
 
 struct Source {
@@ -109,7 +69,7 @@ std::size_t demux(const Bytes& stream) {
     auto* context = avformat_alloc_context();
     context->pb = io;
     if (avformat_open_input(&context, "", nullptr, nullptr) < 0)
-        fail("libavformat does not open it");
+        bench::fail("libavformat does not open it");
     auto* packet = av_packet_alloc();
     std::size_t frames = 0;
     while (av_read_frame(context, packet) >= 0) {
@@ -123,71 +83,43 @@ std::size_t demux(const Bytes& stream) {
     return frames;
 }
 
-/// Of the processor, which others may use meanwhile.
-double processorTime() {
-    timespec time = {};
-    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &time);
-    return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_nsec) / 1e9;
-}
-
-double secondsOf(const std::function<void()>& work) {
-    const double begin = processorTime();
-    work();
-    return processorTime() - begin;
-}
-
-double median(const std::vector<double>& values) {
-    return bench::quantile(values, 0.5);
-}
-
-std::string measure(const std::string& name) {
-    constexpr int rounds = 101;
-    constexpr std::size_t piece = 64 * 1024;
-    std::ifstream file(name, std::ios::binary);
-    const auto stream = std::make_shared<const Bytes>(std::istreambuf_iterator<char>(file),
-                                                      std::istreambuf_iterator<char>());
-    const std::string type = name.find(".webm") == std::string::npos ? "video/mp4" : "video/webm";
-    const auto told = parse(stream, type, stream->size());
-    const auto each = static_cast<double>(allocations - told.allocationsBefore) /
-                      static_cast<double>(told.frames);
+/// Microseconds a frame, of which both have to find as many.
+template <typename Work>
+double microsecondsEach(std::size_t frames, Work work) {
     std::size_t found = 0;
-    std::vector<double> whole, pieces, theirs;
-    for (int i = 0; i < rounds; ++i) {
-        whole.push_back(secondsOf([&] { parse(stream, type, stream->size()); }));
-        theirs.push_back(secondsOf([&] { found = demux(*stream); }));
-        pieces.push_back(secondsOf([&] { parse(stream, type, piece); }));
-    }
-    const auto speed = [&](const std::vector<double>& times) {
-        return static_cast<double>(stream->size()) / median(times) / 1e9;
+    const double seconds = bench::processorSeconds([&] { found = work(); });
+    if (found != frames)
+        bench::fail("the parser and libavformat find different frames in " + bench::file);
+    return seconds / static_cast<double>(frames) * 1e6;
+}
+
+void measure(const char* type, const char* row, const char* rowInPieces) {
+    constexpr std::size_t piece = 64 * 1024;
+    std::ifstream input(bench::file, std::ios::binary);
+    const auto stream = std::make_shared<const Bytes>(std::istreambuf_iterator<char>(input),
+                                                      std::istreambuf_iterator<char>());
+    if (stream->empty())
+        bench::fail("nothing can be read from '" + bench::file + "'");
+    const std::size_t frames = demux(*stream);
+    const auto inPieces = [&](std::size_t size) {
+        return [&, size] {
+            return microsecondsEach(frames, [&] { return parse(type, stream, size); });
+        };
     };
-    std::array<char, 512> line = {};
-    const auto slash = name.rfind('/');
-    std::snprintf(line.data(), line.size(),
-                  "| %s | %.1f | %zu, %zu | %.2f | %.2f | %.2f | %.2f | %.2f | %.2f |\n",
-                  name.substr(slash == std::string::npos ? 0 : slash + 1).c_str(),
-                  static_cast<double>(stream->size()) / 1e6, told.frames, found, speed(whole),
-                  speed(pieces), speed(theirs), median(whole) / median(theirs),
-                  median(pieces) / median(theirs), each);
-    return line.data();
+    const auto values = bench::interleave(
+        bench::share(101), {inPieces(stream->size()), inPieces(piece), [&] {
+                                return microsecondsEach(frames, [&] { return demux(*stream); });
+                            }});
+    bench::report(row, values[0], values[2]);
+    bench::report(rowInPieces, values[1], values[2]);
 }
 
 } // namespace
 
-int main(int count, char** arguments) {
-    if (count < 3)
-        fail("usage: segment_parser_bench RESULT.md FILE...");
+int main(int argc, char** argv) {
     av_log_set_level(AV_LOG_QUIET);
-    std::string text =
-        "# Parser of segments\n\n"
-        "Median of 101 turns; processor time. libavformat reads the same bytes from memory, "
-        "without "
-        "looking for stream information. Allocations are those behind the last initialization "
-        "segment over the frames, in one piece.\n\n"
-        "| stream | MB | frames, theirs | whole, GB/s | 64 KiB pieces, GB/s | libavformat, GB/s | "
-        "whole / theirs | pieces / theirs | allocations a frame |\n"
-        "|---|---|---|---|---|---|---|---|---|\n";
-    for (int i = 2; i < count; ++i)
-        text += measure(arguments[i]);
-    std::ofstream(arguments[1]) << text;
-    std::printf("%s", text.c_str());
+    return bench::run(
+        argc, argv,
+        {{"mp4", [] { measure("video/mp4", "parser_mp4", "parser_mp4_pieces"); }},
+         {"webm", [] { measure("video/webm", "parser_webm", "parser_webm_pieces"); }}});
 }

@@ -1,54 +1,23 @@
 // What the shell and the rolling log cost: commands through the socket, and log lines against plain
-// fputs with the same flushing. Both sides of a ratio run in one process, in turns, many times; the
-// medians are compared. Prints JSON.
+// fputs with the same flushing.
 
-#include "debug/shell/mshell.h"
+#include "bench_support.h"
 #include "debug/log/rol_log.h"
+#include "debug/shell/mshell.h"
 #include "util/scoped_handles.h"
 #include "util/socket_comm.h"
 
-#include <algorithm>
-#include <chrono>
-#include <cstdio>
-#include <cstdlib>
 #include <filesystem>
-#include <poll.h>
-#include <string>
-#include <unistd.h>
-#include <vector>
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
-
-constexpr int turns = 301;
 constexpr int linesEach = 50;
 constexpr int commandsEach = 20;
 constexpr unsigned commandSize = 1023;
 
-double microseconds(Clock::duration duration) {
-    return std::chrono::duration<double, std::micro>(duration).count();
-}
-
-double median(std::vector<double> values) {
-    const auto middle = values.begin() + static_cast<long>(values.size() / 2);
-    std::nth_element(values.begin(), middle, values.end());
-    return *middle;
-}
-
-template <typename What>
-double microsecondsEach(int count, What what) {
-    const auto start = Clock::now();
-    for (int i = 0; i < count; ++i)
-        what();
-    return microseconds(Clock::now() - start) / count;
-}
-
 void check(bool holds, const char* what) {
-    if (holds)
-        return;
-    fprintf(stderr, "%s\n", what);
-    exit(1);
+    if (!holds)
+        bench::fail(what);
 }
 
 void commands() {
@@ -71,12 +40,9 @@ void commands() {
         Delay(1);
     check(receive(), "no reply");
 
-    std::vector<double> each;
-    for (int turn = 0; turn < turns; ++turn)
-        each.push_back(
-            microsecondsEach(commandsEach, [&] { check(send() && receive(), "no reply"); }));
-    const double taken = median(each);
-    printf("  \"commands\": {\"us\": %.1f, \"per_second\": %.0f},\n", taken, 1e6 / taken);
+    const auto command = [&] { check(send() && receive(), "no reply"); };
+    bench::measure("shell_command", bench::share(301),
+                   [&] { return bench::nanosecondsEach(commandsEach, command) / 1e3; });
     mshell.StopThreadAndWait();
     SocketComm_Unlink("zant_dbg_client");
     SocketComm_Unlink(name.c_str());
@@ -92,29 +58,25 @@ void logLines() {
     check(static_cast<bool>(plain), "no file");
 
     const std::string line = "[00042] 5051c6c0 uvagst " + std::string(95, 'x') + "\n";
-    std::vector<double> ours;
-    std::vector<double> bare;
-    for (int turn = 0; turn < turns; ++turn) {
-        ours.push_back(
-            microsecondsEach(linesEach, [&] { log.WriteStringToLogfile(line.c_str()); }));
-        bare.push_back(microsecondsEach(linesEach, [&] {
-            fputs(line.c_str(), plain.get());
-            fflush(plain.get());
-        }));
-    }
+    bench::compare(
+        "log_line", bench::share(1001),
+        [&] {
+            const auto write = [&] { log.WriteStringToLogfile(line.c_str()); };
+            return bench::nanosecondsEach(linesEach, write) / 1e3;
+        },
+        [&] {
+            const auto write = [&] {
+                fputs(line.c_str(), plain.get());
+                fflush(plain.get());
+            };
+            return bench::nanosecondsEach(linesEach, write) / 1e3;
+        });
     log.CloseLogfile();
     std::filesystem::remove_all(folder);
-    printf("  \"log_line\": {\"ours_us\": %.3f, \"bare_us\": %.3f, \"ratio\": %.3f, "
-           "\"lines_per_second\": %.0f}\n",
-           median(ours), median(bare), median(ours) / median(bare), 1e6 / median(ours));
 }
 
 } // namespace
 
-int main() {
-    printf("{\n");
-    commands();
-    logLines();
-    printf("}\n");
-    return 0;
+int main(int argc, char** argv) {
+    return bench::run(argc, argv, {{"command", commands}, {"log", logLines}});
 }

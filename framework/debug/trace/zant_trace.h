@@ -105,11 +105,11 @@ static inline int ZantTracePasses(unsigned unit, int level) {
            level >= __atomic_load_n(&zantTraceActivationTable[unit], __ATOMIC_RELAXED);
 }
 
-/// Traces one line. The format supplies the line end. A line holds at most 1999 bytes; what is
-/// longer is cut. In queued mode a trace of exactly TRACELEVEL_FATAL holds its caller for two
-/// seconds, so that the line gets out before whatever follows.
+/// Traces one line, out of the caller's hot code. The format supplies the line end. A line holds at
+/// most 1999 bytes; what is longer is cut. In queued mode a trace of exactly TRACELEVEL_FATAL holds
+/// its caller for two seconds, so that the line gets out before whatever follows.
 void TraceFormattedString(unsigned unit, int level, const char* format, ...)
-    __attribute__((format(printf, 3, 4)));
+    __attribute__((format(printf, 3, 4), cold));
 
 /// Prints text without header and without level check (listings, command replies), to standard
 /// output or through the trace thread, never to syslog.
@@ -145,7 +145,7 @@ void UnregisterUserDefinedTraceOutputFunction(void);
 } // extern "C"
 
 /// As TraceFormattedString, with the stream's text as the message.
-void TraceStream(unsigned unit, int level, const std::ostringstream& stream);
+void TraceStream(unsigned unit, int level, const std::ostringstream& stream) __attribute__((cold));
 
 /// As FormattedStringToStdout, with the stream's text.
 void StreamToStdout(const std::ostringstream& stream);
