@@ -4,12 +4,11 @@
 #include "debug/shell/command_struct.h"
 #include "debug/shell/mshell.h"
 #include "debug/shell/zant_trace_mshell.h"
-#include "debug/trace/zant_trace_core.h"
 #include "fuzz_target.h"
 #include "messaging/queue/zant_msg_queue_mshell.h"
 #include "messaging/thread/thread_object_mshell.h"
+#include "quiet_traces.h"
 
-#include <memory>
 #include <string>
 
 namespace {
@@ -32,22 +31,23 @@ bool mayRun(const std::string& name) {
 int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     static const bool registered = registerCommands();
     require(registered);
+    const fuzz::QuietTraces quiet;
     const std::string line(reinterpret_cast<const char*>(data), size);
 
-    const auto command = std::make_unique<CommandStruct>();
-    mshell.InitCommandStruct(command.get());
-    const int32_t parsed = mshell.ParseMshellCmd(line.c_str(), command.get());
+    static CommandStruct command;
+    mshell.InitCommandStruct(&command);
+    const int32_t parsed = mshell.ParseMshellCmd(line.c_str(), &command);
     require(parsed == 0 || parsed == CMshell::badParam);
-    require(command->paramCount >= 0 && command->paramCount <= CommandStruct::maxParams);
-    require(command->name.size() < 512);
-    require(command->lastCmdInputString.size() <= size);
-    require(command->lastCmdInputString.find('\x7f') == std::string::npos);
-    for (int i = 0; i < command->paramCount; ++i) {
-        const CommandParam& param = command->params[i];
+    require(command.paramCount >= 0 && command.paramCount <= CommandStruct::maxParams);
+    require(command.name.size() < 512);
+    require(command.lastCmdInputString.size() <= size);
+    require(command.lastCmdInputString.find('\x7f') == std::string::npos);
+    for (int i = 0; i < command.paramCount; ++i) {
+        const CommandParam& param = command.params[i];
         require(!param.string.empty() && param.string.size() < 512);
         require(param.type == CommandParam::number || param.type == CommandParam::text);
     }
-    if (mayRun(command->name))
+    if (mayRun(command.name))
         mshell.ProcessMshellCmd(line.c_str());
     return 0;
 }

@@ -1,13 +1,12 @@
 // Any stream configuration: caps that can be written and read again, or none. Input: a codec by its
 // row, which of colour and mastering are there, sizes, rates, both, then the codec data.
 
+#include "base/gst_ptr.h"
 #include "codec/codeccaps.h"
 #include "gst_once.h"
-#include "base/gst_ptr.h"
+#include "input.h"
 #include "uva/uva_stream_config.h"
 
-#include <algorithm>
-#include <cstring>
 #include <iterator>
 
 namespace {
@@ -15,31 +14,11 @@ namespace {
 constexpr int codecs[] = {1001, 1013, 1014, 1002, 1004, 1005, 1006,
                           1007, 1009, 2001, 2002, 2007, 2008};
 
-/// Cuts values off the front of the input; zeros follow its end.
-class Reader {
-public:
-    Reader(const uint8_t* data, size_t size) : m_data(data), m_size(size) {}
-
-    template <typename T>
-    void read(T& value) {
-        const size_t count = std::min(sizeof value, m_size);
-        std::memcpy(&value, m_data, count);
-        m_data += count;
-        m_size -= count;
-    }
-    const uint8_t* rest() const { return m_size > 0 ? m_data : nullptr; }
-    size_t size() const { return m_size; }
-
-private:
-    const uint8_t* m_data;
-    size_t m_size;
-};
-
 } // namespace
 
 int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     fuzz::startGst();
-    Reader input(data, size);
+    fuzz::Input input(data, size);
     uint8_t row = 0;
     uint8_t present = 0;
     UVAStreamConfig config;

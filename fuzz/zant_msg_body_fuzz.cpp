@@ -1,11 +1,11 @@
 // Random bytes in a queue, as any program of the same user may put there: they are read, dumped and
 // drained without a crash, and never become a payload.
 
-#include "debug/trace/zant_trace_core.h"
 #include "fuzz_target.h"
-#include "messaging/timer/time_out_timer.h"
 #include "messaging/queue/zant_msg.h"
 #include "messaging/queue/zant_msg_queue.h"
+#include "messaging/timer/time_out_timer.h"
+#include "quiet_traces.h"
 
 #include <algorithm>
 #include <cstring>
@@ -26,7 +26,7 @@ CZantMsgQueue& openQueue() {
 } // namespace
 
 int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    zantTrace.SetTraceOffAll();
+    const fuzz::QuietTraces quiet;
     CZantMsgQueue& queue = openQueue();
     CZantMsg mine(517);
     mine.signalPtr = ::operator new(8);

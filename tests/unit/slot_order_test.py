@@ -124,7 +124,8 @@ def virtual_table(library, symbol):
         fields = line.split()
         if len(fields) >= 8 and fields[0].rstrip(":").isdigit():
             name = fields[7].split("@")[0]
-            names[int(fields[1], 16)] = name
+            if fields[3] == "FUNC":
+                names[int(fields[1], 16)] = name
             if name == symbol:
                 table = int(fields[1], 16), int(fields[2], 0)
     if table is None:
@@ -158,8 +159,10 @@ class SlotOrder(unittest.TestCase):
     def test_event_delivery_is_the_clients_third_entry(self):
         actual = virtual_table(UVA, "_ZTV9UVAClient")
         self.assertEqual(len(actual), 3)
-        # The class is abstract: its destructors have their slots, but nobody calls them there.
-        self.assertEqual(actual, ["?", "?", "__cxa_pure_virtual"])
+        # The class is abstract: its destructors have their slots, but nobody calls them there, and
+        # a compiler may leave them out.
+        self.assertLessEqual(set(actual[:2]), {"?", "UVAClient::~UVAClient()"})
+        self.assertEqual(actual[2], "__cxa_pure_virtual")
 
     def test_exports_are_what_others_need_and_no_more(self):
         families = re.compile(r"gst_uva_\w+|gst_buffer_\w+_content_protection_meta")
