@@ -1,0 +1,15 @@
+#ifndef UVA_QUALIFY_WORKER_H
+#define UVA_QUALIFY_WORKER_H
+
+#include "options.h"
+
+namespace qualify {
+
+/// Runs one group in this process and tells each finding, a line of JSON, on the descriptor. A line
+/// {"observed": TEXT} comes first. Answers the exit code; the process ends without destructors: a
+/// library's threads may still run.
+[[noreturn]] void work(const Options& options);
+
+} // namespace qualify
+
+#endif
