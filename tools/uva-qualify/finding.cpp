@@ -100,8 +100,10 @@ void to_json(nlohmann::json& json, const Finding& finding) {
     put(json, "measured", finding.measured);
     auto& series = json["series"] = nlohmann::json::array();
     for (const auto& each : finding.series) {
-        nlohmann::json entry = {
-            {"title", each.title}, {"unit", each.unit}, {"points", each.points}};
+        nlohmann::json entry = {{"title", each.title},
+                                {"unit", each.unit},
+                                {"over", each.over},
+                                {"points", each.points}};
         put(entry, "low", each.low);
         put(entry, "high", each.high);
         series.push_back(std::move(entry));
@@ -124,10 +126,10 @@ void from_json(const nlohmann::json& json, Finding& finding) {
     finding.high = take(json, "high");
     finding.measured = take(json, "measured");
     for (const auto& entry : json.at("series"))
-        finding.series.push_back({entry.at("title").get<std::string>(),
-                                  entry.at("unit").get<std::string>(),
-                                  entry.at("points").get<std::vector<std::pair<double, double>>>(),
-                                  take(entry, "low"), take(entry, "high")});
+        finding.series.push_back(
+            {entry.at("title").get<std::string>(), entry.at("unit").get<std::string>(),
+             entry.at("points").get<std::vector<std::pair<double, double>>>(), take(entry, "low"),
+             take(entry, "high"), entry.at("over").get<std::string>()});
     for (const auto& entry : json.at("pictures"))
         finding.evidence.push_back({entry.at("caption").get<std::string>(),
                                     fromBase64(entry.at("png").get<std::string>())});

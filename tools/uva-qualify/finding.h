@@ -15,12 +15,13 @@ enum class Verdict { Passed, Failed, NotJudged };
 /// "passed", "failed", "not judged".
 const char* name(Verdict verdict);
 
-/// What was measured over time, for a plot.
+/// What was measured over time, or time after time, for a plot.
 struct Series {
     std::string title;
-    std::string unit; ///< of the values; the times are seconds
+    std::string unit; ///< of the values
     std::vector<std::pair<double, double>> points;
     std::optional<double> low, high; ///< the tolerance
+    std::string over = "s";          ///< unit of what the values are measured over
 };
 
 /// A picture that was shown.

@@ -2,6 +2,7 @@
 
 #include "limits.h"
 
+#include <algorithm>
 #include <cmath>
 #include <utility>
 
@@ -17,9 +18,16 @@ double excessOf(const Limit& limit, double value) {
     return std::max(limit.low - value, value - limit.high);
 }
 
+/// Whether this machine was busy enough elsewhere to be the reason.
+bool isExplained(const Limit& limit, double excess, const Stalls& stalls) {
+    constexpr double one = 1; // ms for a millisecond: by one wait. All else adds up.
+    const double late = limit.busy > one ? stalls.total() : stalls.worst();
+    return limit.busy > 0 && excess * limit.busy <= late;
+}
+
 } // namespace
 
-Finding Findings::begin(const char* check) const {
+Finding Findings::begin(const std::string& check) const {
     const auto& limit = limitOf(m_group, check);
     Finding finding;
     finding.group = m_group;
@@ -32,7 +40,7 @@ Finding Findings::begin(const char* check) const {
     return finding;
 }
 
-void Findings::measure(const char* check, double value, const std::string& note,
+void Findings::measure(const std::string& check, double value, const std::string& note,
                        std::vector<Series> series, std::vector<Evidence> evidence) {
     const auto& limit = limitOf(m_group, check);
     auto finding = begin(check);
@@ -41,19 +49,20 @@ void Findings::measure(const char* check, double value, const std::string& note,
     finding.series = std::move(series);
     finding.evidence = std::move(evidence);
     const double excess = excessOf(limit, value);
-    const double late = m_stalls.worst();
     if (excess > 0)
         finding.verdict = Verdict::Failed;
-    if (excess > 0 && limit.of == Limit::Of::Time && excess <= late) {
+    if (excess > 0 && isExplained(limit, excess, m_stalls)) {
         finding.verdict = Verdict::NotJudged;
-        finding.note = "this machine was busy: its threads waited up to " + plainNumber(late) +
-                       " ms for a processor; run it again when nothing else does" +
+        finding.note = "this machine was busy: a thread waited for a processor up to " +
+                       plainNumber(m_stalls.worst()) + " ms, and " + plainNumber(m_stalls.total()) +
+                       " ms in all; run it again when nothing else does" +
                        (note.empty() ? "" : "; " + note);
     }
     m_sink(finding);
 }
 
-void Findings::fail(const char* check, const std::string& why, std::vector<Evidence> evidence) {
+void Findings::fail(const std::string& check, const std::string& why,
+                    std::vector<Evidence> evidence) {
     auto finding = begin(check);
     finding.verdict = Verdict::Failed;
     finding.note = why;
@@ -61,7 +70,7 @@ void Findings::fail(const char* check, const std::string& why, std::vector<Evide
     m_sink(finding);
 }
 
-void Findings::notJudged(const char* check, const std::string& why) {
+void Findings::notJudged(const std::string& check, const std::string& why) {
     auto finding = begin(check);
     finding.verdict = Verdict::NotJudged;
     finding.note = why;

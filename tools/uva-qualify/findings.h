@@ -18,17 +18,18 @@ public:
 
     /// Holds a value against its limit. What fails, but by no more than this machine itself was
     /// late meanwhile, is not judged.
-    void measure(const char* check, double value, const std::string& note = {},
+    void measure(const std::string& check, double value, const std::string& note = {},
                  std::vector<Series> series = {}, std::vector<Evidence> evidence = {});
     /// It could not be measured.
-    void fail(const char* check, const std::string& why, std::vector<Evidence> evidence = {});
-    void notJudged(const char* check, const std::string& why);
+    void fail(const std::string& check, const std::string& why,
+              std::vector<Evidence> evidence = {});
+    void notJudged(const std::string& check, const std::string& why);
 
     /// Forgets how late the machine has been: what is measured next begins now.
     void beginMeasuring() { m_stalls.restart(); }
 
 private:
-    Finding begin(const char* check) const;
+    Finding begin(const std::string& check) const;
 
     const char* const m_group;
     const Sink m_sink;

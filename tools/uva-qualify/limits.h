@@ -2,6 +2,7 @@
 #define UVA_QUALIFY_LIMITS_H
 
 #include <limits>
+#include <string>
 
 namespace qualify {
 
@@ -13,8 +14,9 @@ struct Limit {
     double low, high;
     const char* unit;
     const char* source; ///< where the tolerance comes from
-    /// A program that waits for a processor measures too much of it.
-    enum class Of { Time, Other } of = Of::Other;
+    /// How long this machine must have been busy elsewhere to explain one unit too much,
+    /// milliseconds; 0: that explains nothing.
+    double busy = 0;
 };
 
 inline constexpr double unbounded = std::numeric_limits<double>::infinity();
@@ -23,8 +25,11 @@ inline constexpr double unbounded = std::numeric_limits<double>::infinity();
 extern const Limit limitTable[];
 extern const unsigned int limitCount;
 
+/// How the name of a check ends that is made once more by URL. Its row is that of the other.
+inline constexpr const char* byUrl = " by URL";
+
 /// A row that is not there is an error of the caller's.
-const Limit& limitOf(const char* group, const char* check);
+const Limit& limitOf(const char* group, const std::string& check);
 
 } // namespace qualify
 

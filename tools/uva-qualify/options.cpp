@@ -56,10 +56,14 @@ using tools::Form;
 using tools::into;
 using tools::Use;
 
+namespace form {
+
 constexpr Form<std::string> group{parseGroup, "is no group; --list names them"};
 constexpr Form<Observe> observe{parseObserve, "is neither sinks nor capture"};
 constexpr Form<unsigned int> elements{parseElements, "is no number from 1 to 64"};
 constexpr Form<int> descriptor{parseDescriptor, "is no descriptor"};
+
+} // namespace form
 
 } // namespace
 
@@ -73,7 +77,7 @@ tools::Parsed<Options> parseOptions(int argc, const char* const* argv) {
         {{"Options",
           {{"--backend", "LIB", "The backend library (libuvagstbackend.so)", &options.backend},
            {"--group", "NAME", "Run this group of checks; may be repeated (all)",
-            into(options.groups, group), Use::Repeated},
+            into(options.groups, form::group), Use::Repeated},
            {"--list", nullptr, "List the groups and their checks, and run none", &options.list},
            {"--short", nullptr, "Try less of everything: a minute instead of many", &isShort},
            {"--standalone", nullptr, "Run without a main system: nobody arbitrates the decoders",
@@ -84,10 +88,10 @@ tools::Parsed<Options> parseOptions(int argc, const char* const* argv) {
             "run without",
             &options.mainSystem},
            {"--elements", "N", "How many elements the set can play at a time (8)",
-            into(options.elements, elements)},
+            into(options.elements, form::elements)},
            {"--observe", "sinks|capture",
             "How pictures are seen (in the simulated sinks where there are any, else captured)",
-            into(options.observe, observe)},
+            into(options.observe, form::observe)},
            {"--media", "FOLDER", "The test clips that the build made", &options.media}}},
          {"Report",
           {{"--html", "FILE", "Write the report as a page, with pictures and plots", &options.html},
@@ -96,9 +100,10 @@ tools::Parsed<Options> parseOptions(int argc, const char* const* argv) {
            {"--baseline", "OLD.json", "Tell what got better or worse since that report",
             &options.baseline}}},
          {"Of its own processes",
-          {{"--run-group", "NAME", "Be the process of this group", into(options.worker, group),
-            Use::Once, "--result-fd"},
-           {"--result-fd", "N", "Tell what was found there", into(options.result, descriptor)}}}}};
+          {{"--run-group", "NAME", "Be the process of this group",
+            into(options.worker, form::group), Use::Once, "--result-fd"},
+           {"--result-fd", "N", "Tell what was found there",
+            into(options.result, form::descriptor)}}}}};
     line.check = [&] {
         options.profile = isShort ? Profile::Short : Profile::Full;
         if (options.media.empty())

@@ -9,9 +9,10 @@
 #include "watch/watch.h"
 
 #include <memory>
-#include <string>
 
 namespace qualify {
+
+class MainSystem;
 
 /// How much of everything is tried.
 enum class Profile { Short, Full };
@@ -24,11 +25,13 @@ struct Stage {
     std::shared_ptr<host::ClearKey> keys; ///< on offer to the backends
     Clips clips;
     Profile profile = Profile::Full;
-    bool standalone = false;   ///< nobody arbitrates the decoders
-    std::string mainSystem;    ///< a program that can be commanded; empty: the set's own
-    unsigned int elements = 8; ///< that the set can play at a time
+    bool standalone = false;                ///< nobody arbitrates the decoders
+    std::shared_ptr<MainSystem> mainSystem; ///< null: the set's own, which is not commanded
+    unsigned int elements = 8;              ///< that the set can play at a time
 
     bool isShort() const { return profile == Profile::Short; }
+    /// How much of a clip of six seconds is played where it need not be all; whole seconds.
+    int length() const { return isShort() ? 3 : 6; }
 };
 
 } // namespace qualify

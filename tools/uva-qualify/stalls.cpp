@@ -2,14 +2,50 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
 
 namespace qualify {
+
+namespace {
+
+/// Milliseconds that each thread of this process has waited on a run queue (proc(5), schedstat).
+std::map<int, double> waitsOfThreads() {
+    namespace fs = std::filesystem;
+    std::map<int, double> waits;
+    std::error_code error;
+    for (auto it = fs::directory_iterator("/proc/self/task", error);
+         !error && it != fs::directory_iterator(); it.increment(error)) {
+        std::ifstream stream(it->path() / "schedstat");
+        double ran = 0, waited = 0; // nanoseconds
+        if (stream >> ran >> waited)
+            waits[std::atoi(it->path().filename().c_str())] = waited / 1e6;
+    }
+    return waits;
+}
+
+} // namespace
 
 Stalls::Stalls() : m_thread([this] { watch(); }) {}
 
 Stalls::~Stalls() {
     m_ends = true;
     m_thread.join();
+}
+
+void Stalls::restart() {
+    m_worst = 0;
+    m_before = waitsOfThreads();
+}
+
+double Stalls::total() const {
+    double longest = 0;
+    for (const auto& [thread, waited] : waitsOfThreads()) {
+        const auto before = m_before.find(thread);
+        longest = std::max(longest, waited - (before == m_before.end() ? 0 : before->second));
+    }
+    return longest;
 }
 
 void Stalls::watch() {

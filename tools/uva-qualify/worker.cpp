@@ -1,6 +1,7 @@
 #include "worker.h"
 
 #include "groups/groups.h"
+#include "main_system.h"
 #include "player.h"
 #include "uva/uva_drm_backend.h"
 
@@ -59,6 +60,12 @@ void work(const Options& options) {
         setenv("NOX_GST_STANDALONE", "1", 1);
     if (const auto error = stage.clips.load(options.media); !error.empty())
         giveUp(error);
+    if (commandsMainSystem) {
+        stage.mainSystem = std::make_shared<MainSystem>(options.mainSystem);
+        if (!stage.mainSystem->isThere())
+            giveUp("no main system: " + options.mainSystem +
+                   " does not answer; name a zant-mainsys with --main-system");
+    }
     auto loaded = host::BackendLibrary::load(options.backend);
     if (loaded.library == nullptr)
         giveUp(loaded.error);
@@ -67,7 +74,6 @@ void work(const Options& options) {
     stage.keys = std::make_shared<host::ClearKey>(host::ClearKey::Interface::PerRange);
     UVA_OfferDRMBackend(host::clearKeySystem, stage.keys.get());
     stage.profile = options.profile;
-    stage.mainSystem = commandsMainSystem ? options.mainSystem : "";
     stage.elements = options.elements;
     stage.observation = observe(stage, options.observe);
     tell(options.result, {{"observed", stage.observation->name()}});
@@ -78,6 +84,7 @@ void work(const Options& options) {
                           [&](const Finding& finding) { tell(options.result, finding); });
         group->run(stage, findings);
     }
+    stage.mainSystem.reset();
     tell(options.result, {{"done", true}});
     std::_Exit(0);
 }

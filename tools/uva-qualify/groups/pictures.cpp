@@ -72,7 +72,7 @@ double longestGap(const std::vector<SeenPicture>& pictures, std::size_t from) {
 }
 
 Series intervalsOf(const std::vector<SeenPicture>& pictures, const char* title) {
-    Series series{title, "ms", {}, {}, {}};
+    Series series{title, "ms", {}, {}, {}, "s"};
     for (std::size_t i = 1; i < pictures.size(); ++i)
         series.points.emplace_back(milliseconds(pictures.front().time, pictures[i].time) / 1000,
                                    milliseconds(pictures[i - 1].time, pictures[i].time));
@@ -82,6 +82,26 @@ Series intervalsOf(const std::vector<SeenPicture>& pictures, const char* title) 
 int numberAt(const Clip& clip, double seconds) {
     constexpr double hair = 1e-4; // of a picture
     return std::min(static_cast<int>(std::floor(seconds * clip.rate + hair)), clip.pictures - 1);
+}
+
+int unseen(Player& player, const Stage& stage, int number) {
+    const bool came = player.waitForPicture(number);
+    if (!stage.observation->isExact())
+        return came ? 0 : number;
+    int count = 0;
+    for (int before = 0; before < number; ++before)
+        count += timeOf(player.watch().pictures(), before) ? 0 : 1;
+    return count;
+}
+
+int unheard(const std::vector<HeardPulse>& pulses, int seconds) {
+    int count = 0;
+    for (int second = 0; second < seconds; ++second)
+        count += std::count_if(pulses.begin(), pulses.end(),
+                               [second](const auto& pulse) { return pulse.second == second; }) == 1
+                     ? 0
+                     : 1;
+    return count;
 }
 
 double milliseconds(Clock::time_point from, Clock::time_point to) {

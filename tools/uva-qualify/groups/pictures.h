@@ -3,7 +3,7 @@
 
 #include "finding.h"
 #include "media/clips.h"
-#include "watch/watch.h"
+#include "player.h"
 
 #include <optional>
 #include <string>
@@ -40,6 +40,13 @@ Series intervalsOf(const std::vector<SeenPicture>& pictures, const char* title);
 
 /// The number of the picture that is on screen at a time of the clip.
 int numberAt(const Clip& clip, double seconds);
+
+/// Waits for the picture with this number, and counts those before it that were not shown. Where
+/// not every picture is seen, all or none.
+int unseen(Player& player, const Stage& stage, int number);
+
+/// Of the first so many seconds, those whose pulse was not heard just once.
+int unheard(const std::vector<HeardPulse>& pulses, int seconds);
 
 double milliseconds(Clock::time_point from, Clock::time_point to);
 

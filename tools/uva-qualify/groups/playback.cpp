@@ -1,5 +1,6 @@
 #include "groups/groups.h"
 #include "groups/pictures.h"
+#include "limits.h"
 #include "player.h"
 
 #include <algorithm>
@@ -23,7 +24,7 @@ struct PositionSample {
 class WholePlayback {
 public:
     WholePlayback(Stage& stage, Findings& findings, const Clip& clip, bool url)
-        : m_stage(stage), m_findings(findings), m_clip(clip), m_way(url ? " by URL" : ""),
+        : m_stage(stage), m_findings(findings), m_clip(clip), m_way(url ? byUrl : ""),
           m_player(stage, {host::ResourcePolicy::Grant, url, 0}) {}
 
     void run() {
@@ -46,12 +47,12 @@ public:
 private:
     std::string called(const char* check) const { return check + m_way; }
     void fail(const char* check, const std::string& why) {
-        m_findings.fail(called(check).c_str(), why,
+        m_findings.fail(called(check), why,
                         evidenceOf(m_player.watch(), "the last picture that was seen"));
     }
     void measure(const char* check, double value, const std::string& note = {},
                  std::vector<Series> series = {}) {
-        m_findings.measure(called(check).c_str(), value, note, std::move(series));
+        m_findings.measure(called(check), value, note, std::move(series));
     }
 
     bool playToTheEnd() {
@@ -73,12 +74,12 @@ private:
         const auto sequence = sequenceOf(m_pictures);
         const bool exact = m_stage.observation->isExact();
         if (!exact)
-            m_findings.notJudged(called("first picture").c_str(), samplesOnly);
+            m_findings.notJudged(called("first picture"), samplesOnly);
         else
-            measure("first picture", sequence.first, "", {});
+            measure("first picture", sequence.first);
         const int last = m_clip.pictures - 1;
         // The last one stays on screen: whoever looks now and then sees it too.
-        m_findings.measure(called("last picture").c_str(), last - sequence.last, "", {},
+        m_findings.measure(called("last picture"), last - sequence.last, "", {},
                            evidenceOf(m_player.watch(), "the last picture"));
         measure("end", 0);
     }
@@ -87,7 +88,7 @@ private:
         const auto sequence = sequenceOf(m_pictures);
         measure("order", sequence.faults(), sequence.oddities);
         if (!m_stage.observation->isExact())
-            return m_findings.notJudged(called("drops").c_str(), samplesOnly);
+            return m_findings.notJudged(called("drops"), samplesOnly);
         constexpr double stretch = 15; // seconds
         const double allowed = std::max(1.0, std::ceil(m_clip.seconds / stretch));
         measure("drops", sequence.missing / allowed,
@@ -98,24 +99,20 @@ private:
     void checkSound() {
         const auto pulses = m_player.watch().pulses();
         if (!pulses)
-            return m_findings.notJudged(called("sound").c_str(), noSound),
-                   m_findings.notJudged(called("lip sync").c_str(), noSound);
+            return m_findings.notJudged(called("sound"), noSound),
+                   m_findings.notJudged(called("lip sync"), noSound);
         const auto seconds = static_cast<int>(m_clip.seconds);
-        std::vector<int> heard(static_cast<std::size_t>(seconds));
-        Series offsets{"picture after sound", "ms", {}, -120, 40};
+        Series offsets{"picture after sound", "ms", {}, -120, 40, "s"};
         int inside = 0;
         for (const auto& pulse : *pulses) {
-            if (pulse.second >= 0 && pulse.second < seconds)
-                ++heard[static_cast<std::size_t>(pulse.second)];
-            const auto shown = timeOf(m_pictures, pulse.second * m_clip.rate);
+            const auto shown = timeOf(m_pictures, numberAt(m_clip, pulse.second + pulseAt));
             if (!shown)
                 continue;
             const double offset = milliseconds(pulse.time, *shown);
             offsets.points.emplace_back(pulse.second, offset);
             inside += offset >= *offsets.low && offset <= *offsets.high ? 1 : 0;
         }
-        const auto once = std::count(heard.begin(), heard.end(), 1);
-        measure("sound", seconds - static_cast<double>(once),
+        measure("sound", unheard(*pulses, seconds),
                 std::to_string(pulses->size()) + " pulses in " + std::to_string(seconds) + " s");
         const auto count = offsets.points.size();
         if (count == 0)
@@ -125,7 +122,7 @@ private:
     }
 
     void checkPosition() {
-        Series errors{"position less picture", "ms", {}, {}, {}};
+        Series errors{"position less picture", "ms", {}, {}, {}, "s"};
         double worst = 0;
         const auto& first = m_pictures.front();
         const auto& last = m_pictures.back();
@@ -173,7 +170,7 @@ private:
 } // namespace
 
 void checkPlayback(Stage& stage, Findings& findings) {
-    const auto& clip = stage.clips[stage.isShort() ? "main.mp4" : "long.mp4"];
+    const auto& clip = stage.clips[stage.isShort() ? "short.mp4" : "long.mp4"];
     for (const bool url : {false, true})
         WholePlayback(stage, findings, clip, url).run();
 }

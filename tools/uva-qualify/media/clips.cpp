@@ -26,6 +26,7 @@ std::string Clips::load(const std::string& folder) {
             clip.seconds = entry.at("seconds").get<double>();
             clip.sound = entry.at("sound").get<bool>();
             clip.type = entry.at("type").get<std::string>();
+            clip.optional = entry.at("optional").get<bool>();
             m_clips.push_back(std::move(clip));
         }
     } catch (const std::exception& error) {

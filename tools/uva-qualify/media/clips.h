@@ -15,7 +15,8 @@ struct Clip {
     int pictures = 0;   ///< 0: it has none
     double seconds = 0; ///< of the whole
     bool sound = false;
-    std::string type; ///< content type, with its codecs
+    std::string type;      ///< content type, with its codecs
+    bool optional = false; ///< a set may play it without a promise
 
     double frame() const { return 1.0 / rate; } ///< seconds
 };

@@ -3,8 +3,9 @@
 
 Usage: make_clips.py FFMPEG MAKE_MARKS OUT_FOLDER
 
-Every picture carries its number and time as a QR code. Every second of sound begins with a pulse of
-40 ms, whose pitch tells the second: 500 Hz at 0, 200 Hz more each second; the rest is silence.
+Every picture carries its number and time as a QR code. Every second of sound has a pulse of 40 ms, 0.4 s
+behind its beginning, whose pitch tells the second: 500 Hz at 0, 200 Hz more each second; the rest is
+silence.
 """
 
 import json
@@ -14,7 +15,8 @@ import subprocess
 import sys
 
 RATE = 25
-PULSE = "aevalsrc='if(lt(mod(t,1),0.04),0.5*sin(2*PI*(500+200*floor(t))*mod(t,1)),0)':s=48000:d={seconds}"
+PULSE_AT = 0.4
+PULSE = f"aevalsrc='if(between(mod(t,1),{PULSE_AT},{PULSE_AT}+0.04),0.5*sin(2*PI*(500+200*floor(t))*mod(t,1)),0)':s=48000:d={{seconds}}"
 
 H264 = ["-c:v", "libx264", "-preset", "veryfast", "-pix_fmt", "yuv420p", "-g", RATE, "-keyint_min", RATE,
         "-sc_threshold", 0, "-bf", 2]
@@ -29,6 +31,7 @@ AAC = ["-c:a", "aac", "-b:a", "96k"]
 # name: mark, size, seconds, video, audio (None: none of it), what a page would ask for it.
 CLIPS = {
     "main.mp4": ("A", "320x180", 6, H264, AAC, 'video/mp4; codecs="avc1.64000d,mp4a.40.2"'),
+    "short.mp4": ("A", "320x180", 3, H264, AAC, 'video/mp4; codecs="avc1.64000d,mp4a.40.2"'),
     "long.mp4": ("A", "320x180", 60, H264, AAC, 'video/mp4; codecs="avc1.64000d,mp4a.40.2"'),
     "low.mp4": ("L", "320x180", 6, H264 + ["-b:v", "150k"], None, 'video/mp4; codecs="avc1.64000d"'),
     "high.mp4": ("H", "640x360", 6, H264, None, 'video/mp4; codecs="avc1.64001e"'),
@@ -44,6 +47,8 @@ CLIPS = {
     "tone.ogg": ("A", "", 2, None, ["-c:a", "libopus"], 'audio/ogg; codecs="opus"'),
     "tone.webm": ("A", "", 2, None, ["-c:a", "libopus"], 'audio/webm; codecs="opus"'),
 }
+# What sets may play though they do not promise it.
+OPTIONAL = {"vp8.webm", "mpeg4.mp4"}
 
 
 def run(command, **options):
@@ -71,7 +76,8 @@ def entry(name):
     mark, size, seconds, video, audio, kind = CLIPS[name]
     width, height = map(int, size.split("x")) if video else (0, 0)
     return {"name": name, "mark": mark, "width": width, "height": height, "rate": RATE, "pictures": RATE * seconds if video else 0,
-            "seconds": seconds, "sound": bool(audio), "type": kind}
+            "seconds": seconds, "sound": bool(audio), "type": kind,
+            "optional": name in OPTIONAL}
 
 
 def main():

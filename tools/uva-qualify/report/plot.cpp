@@ -70,8 +70,9 @@ std::string svgOf(const Series& series) {
     text += label(left, top - 8, "start", series.title + ", " + series.unit);
     text += label(left - 6, top + 10, "end", plainNumber(values.high));
     text += label(left - 6, top + height, "end", plainNumber(values.low));
-    text += label(left, top + height + 16, "start", plainNumber(times.low) + " s");
-    text += label(left + width, top + height + 16, "end", plainNumber(times.high) + " s");
+    text += label(left, top + height + 16, "start", plainNumber(times.low) + " " + series.over);
+    text +=
+        label(left + width, top + height + 16, "end", plainNumber(times.high) + " " + series.over);
     return text + "</svg>\n";
 }
 

@@ -24,6 +24,9 @@ struct SeenPicture {
     bool still = false;       ///< playback stood at it
 };
 
+/// Where in its second a pulse of a test clip begins, seconds: at the beginning of a picture.
+inline constexpr double pulseAt = 0.4;
+
 /// A pulse that came out of the loudspeaker.
 struct HeardPulse {
     Clock::time_point time; ///< when it began
