@@ -94,7 +94,8 @@ const Limit limitTable[] = {
     {"resources", "threads", "threads, after less before", -unbounded, 0, "threads", ownLimit},
     {"resources", "queues", "message queues and shared memory, after less before", -unbounded, 0,
      "entries", ownLimit},
-    {"resources", "memory", "growth of the heap an element", -unbounded, 16, "kB", ownLimit},
+    {"resources", "memory", "growth of the heap an element, of the second half", -unbounded, 32,
+     "kB", ownLimit},
 
     {"capability", "plays what it says", "clips that were promised and do not play", 0, 0, "clips",
      canPlay},

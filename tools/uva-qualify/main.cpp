@@ -120,6 +120,6 @@ int main(int argc, char** argv) {
     if (!parsed.options)
         return parsed.tell();
     if (!parsed.options->worker.empty())
-        qualify::work(*parsed.options);
+        return qualify::work(*parsed.options);
     return parsed.options->list ? qualify::list() : qualify::run(*parsed.options);
 }

@@ -1,6 +1,6 @@
 #include "main_system.h"
 
-#include "player.h"
+#include "clip_player.h"
 
 #include <csignal>
 #include <fcntl.h>
@@ -12,39 +12,49 @@ extern char** environ;
 
 namespace qualify {
 
-MainSystem::MainSystem(const std::string& program) {
-    start(program);
-    if (m_process > 0)
-        m_reader = std::thread([this] { read(); });
+MainSystem::MainSystem(const std::string& program) : m_program(program) {
+    start();
 }
 
 MainSystem::~MainSystem() {
-    say("quit");
-    m_commands.reset();
-    if (m_process > 0) {
-        m_reader.join(); // its output ends with it
-        waitpid(m_process, nullptr, 0);
-    }
+    end();
 }
 
-void MainSystem::start(const std::string& program) {
+void MainSystem::startAgain() {
+    end();
+    start();
+}
+
+void MainSystem::end() {
+    say("quit");
+    m_commands.reset();
+    if (m_process <= 0)
+        return;
+    m_reader.join(); // its output ends with it
+    waitpid(m_process, nullptr, 0);
+    m_process = -1;
+}
+
+void MainSystem::start() {
     int in[2], out[2];
     if (pipe2(in, O_CLOEXEC) != 0)
         return;
-    ScopedFd read(in[0]);
+    ScopedFd theirInput(in[0]);
     m_commands.reset(in[1]);
     if (pipe2(out, O_CLOEXEC) != 0)
         return;
     m_output.reset(out[0]);
-    ScopedFd write(out[1]);
+    ScopedFd theirOutput(out[1]);
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_adddup2(&actions, read.get(), STDIN_FILENO);
-    posix_spawn_file_actions_adddup2(&actions, write.get(), STDOUT_FILENO);
-    char* const arguments[] = {const_cast<char*>(program.c_str()), nullptr};
-    if (posix_spawnp(&m_process, program.c_str(), &actions, nullptr, arguments, environ) != 0)
+    posix_spawn_file_actions_adddup2(&actions, theirInput.get(), STDIN_FILENO);
+    posix_spawn_file_actions_adddup2(&actions, theirOutput.get(), STDOUT_FILENO);
+    char* const arguments[] = {const_cast<char*>(m_program.c_str()), nullptr};
+    if (posix_spawnp(&m_process, m_program.c_str(), &actions, nullptr, arguments, environ) != 0)
         m_process = -1;
     posix_spawn_file_actions_destroy(&actions);
+    if (m_process > 0)
+        m_reader = std::thread([this] { read(); });
 }
 
 void MainSystem::read() {
@@ -73,7 +83,7 @@ bool MainSystem::isThere() {
 /// One that is gone hears nothing.
 void MainSystem::say(const std::string& command) {
     const auto line = command + "\n";
-    if (m_commands && write(m_commands.get(), line.data(), line.size()) < 0)
+    if (m_commands && ::write(m_commands.get(), line.data(), line.size()) < 0)
         m_commands.reset();
 }
 

@@ -27,6 +27,8 @@ public:
     /// Whether it answers, within some seconds.
     bool isThere();
     void say(const std::string& command);
+    /// Another one, in the place of one that has ended.
+    void startAgain();
     /// When it printed a line with this text, newer than a time; nothing: not within the bound.
     std::optional<host::Clock::time_point> waitForLine(const std::string& text,
                                                        host::Clock::time_point since,
@@ -37,9 +39,11 @@ private:
         host::Clock::time_point time;
         std::string text;
     };
-    void start(const std::string& program);
+    void start();
+    void end();
     void read();
 
+    const std::string m_program;
     pid_t m_process = -1;
     ScopedFd m_commands;
     ScopedFd m_output;

@@ -1,6 +1,6 @@
 #include "run.h"
 
-#include "player.h"
+#include "clip_player.h"
 #include "util/scoped_handles.h"
 
 #include <nlohmann/json.hpp>
@@ -49,19 +49,34 @@ std::vector<std::string> commandOf(const Group& group, const Options& options, i
     return words;
 }
 
+std::vector<char*> pointersTo(std::vector<std::string>& texts) {
+    std::vector<char*> pointers;
+    for (auto& text : texts)
+        pointers.push_back(text.data());
+    pointers.push_back(nullptr);
+    return pointers;
+}
+
+/// What a thread keeps of freed memory for itself would be counted as allocated.
+std::vector<std::string> environmentOf() {
+    std::vector<std::string> variables;
+    for (char** variable = environ; *variable != nullptr; ++variable)
+        variables.emplace_back(*variable);
+    variables.emplace_back("GLIBC_TUNABLES=glibc.malloc.tcache_count=0");
+    return variables;
+}
+
 /// Its standard output is the library's: nobody wants that.
-pid_t start(const std::vector<std::string>& words) {
-    std::vector<char*> arguments;
-    arguments.reserve(words.size() + 1);
-    for (const auto& word : words)
-        arguments.push_back(const_cast<char*>(word.c_str()));
-    arguments.push_back(nullptr);
+pid_t start(std::vector<std::string> words) {
+    auto variables = environmentOf();
+    const auto arguments = pointersTo(words);
+    const auto environment = pointersTo(variables);
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
     posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
     pid_t child = -1;
-    const int error =
-        posix_spawn(&child, "/proc/self/exe", &actions, nullptr, arguments.data(), environ);
+    const int error = posix_spawn(&child, "/proc/self/exe", &actions, nullptr, arguments.data(),
+                                  environment.data());
     posix_spawn_file_actions_destroy(&actions);
     return error == 0 ? child : -1;
 }
@@ -173,7 +188,7 @@ GroupResult runGroup(const Group& group, const Options& options,
     result.seconds = secondsBetween(begin, Clock::now());
     if (WIFEXITED(status) && WEXITSTATUS(status) == 2 && result.observed.empty()) {
         result.error = "it could not begin; its message above says why";
-    } else if (!listener.isDone()) {
+    } else if (!listener.isDone() || status != 0) {
         result.findings.push_back(brokenOff(group, spoke ? endOf(status)
                                                          : "it said nothing for " +
                                                                std::to_string(silenceBound / 1000) +

@@ -1,9 +1,9 @@
 #ifndef UVA_QUALIFY_TRACKS_H
 #define UVA_QUALIFY_TRACKS_H
 
+#include "clip_player.h"
 #include "host/track_buffer.h"
 #include "media/clips.h"
-#include "player.h"
 
 #include <functional>
 #include <memory>

@@ -1,8 +1,8 @@
 #include "worker.h"
 
+#include "clip_player.h"
 #include "groups/groups.h"
 #include "main_system.h"
-#include "player.h"
 #include "uva/uva_drm_backend.h"
 
 #include <nlohmann/json.hpp>
@@ -26,9 +26,9 @@ void tell(int descriptor, const nlohmann::json& json) {
     }
 }
 
-[[noreturn]] void giveUp(const std::string& why) {
+int giveUp(const std::string& why) {
     std::fprintf(stderr, "uva-qualify: %s\n", why.c_str());
-    std::_Exit(2);
+    return 2;
 }
 
 /// Whether the sinks of this set are the simulated ones.
@@ -52,23 +52,23 @@ std::shared_ptr<Observation> observe(Stage& stage, Observe how) {
 
 } // namespace
 
-void work(const Options& options) {
+int work(const Options& options) {
     const bool commandsMainSystem = options.worker == "mainsystem" && !options.mainSystem.empty();
     Stage stage;
     stage.standalone = options.standalone || (!options.mainSystem.empty() && !commandsMainSystem);
     if (stage.standalone)
         setenv("NOX_GST_STANDALONE", "1", 1);
     if (const auto error = stage.clips.load(options.media); !error.empty())
-        giveUp(error);
+        return giveUp(error);
     if (commandsMainSystem) {
         stage.mainSystem = std::make_shared<MainSystem>(options.mainSystem);
         if (!stage.mainSystem->isThere())
-            giveUp("no main system: " + options.mainSystem +
-                   " does not answer; name a zant-mainsys with --main-system");
+            return giveUp("no main system: " + options.mainSystem +
+                          " does not answer; name a zant-mainsys with --main-system");
     }
     auto loaded = host::BackendLibrary::load(options.backend);
     if (loaded.library == nullptr)
-        giveUp(loaded.error);
+        return giveUp(loaded.error);
     stage.library = std::move(loaded.library);
     stage.loop = std::make_shared<host::EventLoop>();
     stage.keys = std::make_shared<host::ClearKey>(host::ClearKey::Interface::PerRange);
@@ -84,9 +84,9 @@ void work(const Options& options) {
                           [&](const Finding& finding) { tell(options.result, finding); });
         group->run(stage, findings);
     }
-    stage.mainSystem.reset();
+    UVA_OfferDRMBackend(host::clearKeySystem, nullptr);
     tell(options.result, {{"done", true}});
-    std::_Exit(0);
+    return 0;
 }
 
 } // namespace qualify

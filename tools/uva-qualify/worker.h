@@ -6,9 +6,8 @@
 namespace qualify {
 
 /// Runs one group in this process and tells each finding, a line of JSON, on the descriptor. A line
-/// {"observed": TEXT} comes first. Answers the exit code; the process ends without destructors: a
-/// library's threads may still run.
-[[noreturn]] void work(const Options& options);
+/// {"observed": TEXT} comes first. Answers the exit code.
+int work(const Options& options);
 
 } // namespace qualify
 

@@ -1,7 +1,7 @@
+#include "clip_player.h"
 #include "groups/groups.h"
 #include "groups/pictures.h"
 #include "host/capability_query.h"
-#include "player.h"
 #include "uva/uva_client.h"
 #include "uva/uva_event.h"
 

@@ -1,8 +1,8 @@
+#include "clip_player.h"
 #include "groups/groups.h"
 #include "groups/pictures.h"
 #include "limits.h"
 #include "main_system.h"
-#include "player.h"
 
 #include <cstring>
 #include <thread>
@@ -119,6 +119,8 @@ private:
             m_findings.measure("death", *seconds * 1000);
         else
             m_findings.fail("death", "it did not come back in 10 s");
+        m_main->startAgain(); // it frees what the other one has left behind
+        m_main->isThere();
     }
 
     Stage& m_stage;

@@ -3,7 +3,7 @@
 
 #include "finding.h"
 #include "media/clips.h"
-#include "player.h"
+#include "clip_player.h"
 
 #include <optional>
 #include <string>

@@ -1,7 +1,7 @@
+#include "clip_player.h"
 #include "groups/groups.h"
 #include "groups/pictures.h"
 #include "limits.h"
-#include "player.h"
 
 #include <algorithm>
 #include <cmath>

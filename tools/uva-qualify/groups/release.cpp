@@ -1,6 +1,6 @@
+#include "clip_player.h"
 #include "groups/groups.h"
 #include "groups/pictures.h"
-#include "player.h"
 
 #include <algorithm>
 #include <random>

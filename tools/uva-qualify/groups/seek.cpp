@@ -1,6 +1,6 @@
+#include "clip_player.h"
 #include "groups/groups.h"
 #include "groups/pictures.h"
-#include "player.h"
 
 #include <algorithm>
 #include <cmath>
@@ -151,7 +151,7 @@ private:
         if (!result || result->outcome != host::SeekOutcome::Succeeded)
             return m_findings.fail("storm", "the last seek did not succeed: " + m_player.story());
         const int wanted = numberAt(m_clip, target);
-        if (!m_player.waitForPicture(wanted + 5, 0, pictureBound))
+        if (!m_player.waitForPicture(wanted + 5, seen(), pictureBound))
             return m_findings.fail("storm", "it does not play on: " + m_player.story());
         report("storm", stormMiss(wanted));
     }

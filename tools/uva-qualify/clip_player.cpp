@@ -1,4 +1,4 @@
-#include "player.h"
+#include "clip_player.h"
 
 #include "host/media_demuxer.h"
 #include "host/media_uri.h"
@@ -53,8 +53,8 @@ Player::Player(const Stage& stage, const Setup& setup) : m_setup(setup), m_keys(
 }
 
 Player::~Player() {
-    m_watch.reset();
-    m_element.reset();
+    release();
+    m_watch.reset(); // it looks at the element
 }
 
 void Player::open(const Clip& clip) {
@@ -153,7 +153,6 @@ std::optional<host::SeekResult> Player::waitForSeek(std::uint64_t generation) {
 }
 
 std::optional<double> Player::release(Milliseconds bound) {
-    m_watch.reset();
     const auto begin = Clock::now();
     const bool released = m_element->release(bound);
     return released ? std::optional(secondsBetween(begin, Clock::now())) : std::nullopt;

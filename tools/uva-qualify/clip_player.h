@@ -1,5 +1,5 @@
-#ifndef UVA_QUALIFY_PLAYER_H
-#define UVA_QUALIFY_PLAYER_H
+#ifndef UVA_QUALIFY_CLIP_PLAYER_H
+#define UVA_QUALIFY_CLIP_PLAYER_H
 
 #include "host/media_element.h"
 #include "stage.h"
