@@ -20,9 +20,8 @@ double excessOf(const Limit& limit, double value) {
 
 /// Whether this machine was busy enough elsewhere to be the reason.
 bool isExplained(const Limit& limit, double excess, const Stalls& stalls) {
-    constexpr double one = 1; // ms for a millisecond: by one wait. All else adds up.
-    const double late = limit.busy > one ? stalls.total() : stalls.worst();
-    return limit.busy > 0 && excess * limit.busy <= late;
+    const double late = limit.excuse.isSum ? stalls.total() : stalls.worst();
+    return limit.excuse.wait > 0 && excess * limit.excuse.wait <= late;
 }
 
 } // namespace

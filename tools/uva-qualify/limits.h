@@ -6,6 +6,15 @@
 
 namespace qualify {
 
+/// How late a busy machine makes what is measured: a value beyond its tolerance by less than that
+/// is not judged. Only for what is a matter of time: no machine is an excuse for a picture that is
+/// lost, twice or damaged.
+struct Excuse {
+    double wait =
+        0; ///< ms of waiting for a processor that explain a unit too much; 0: nothing does
+    bool isSum = false; ///< all waits of a thread count, else only the longest
+};
+
 /// A tolerance of a check. Bounds are inclusive; an infinite one is none.
 struct Limit {
     const char* group;
@@ -14,9 +23,7 @@ struct Limit {
     double low, high;
     const char* unit;
     const char* source; ///< where the tolerance comes from
-    /// How long this machine must have been busy elsewhere to explain one unit too much,
-    /// milliseconds; 0: that explains nothing.
-    double busy = 0;
+    Excuse excuse = {};
 };
 
 inline constexpr double unbounded = std::numeric_limits<double>::infinity();

@@ -17,9 +17,22 @@ constexpr Milliseconds settled{100}; // behind pause(); a position that is told 
 struct Pauses {
     double stops = 0; ///< milliseconds
     double moves = 0; ///< milliseconds
+    double pace = 0;  ///< milliseconds
     int pulses = 0;
     std::string failure;
 };
+
+/// Until a picture is shown. False: it does not come.
+bool playTo(Player& player, int number, Pauses& worst) {
+    const auto before = player.watch().pictures().size();
+    player.play();
+    if (!player.waitForPicture(number))
+        return false;
+    const double pace = worstOf(paceOf(player.watch().pictures(), before));
+    if (std::abs(pace) > std::abs(worst.pace))
+        worst.pace = pace;
+    return true;
+}
 
 void pauseOnce(Player& player, Pauses& worst) {
     const auto paused = player.pause();
@@ -50,8 +63,7 @@ void checkPause(Stage& stage, Findings& findings) {
     Pauses worst;
     int number = 10;
     for (int i = 0; i < pauses && worst.failure.empty(); ++i) {
-        player.play();
-        if (player.waitForPicture(number))
+        if (playTo(player, number, worst))
             pauseOnce(player, worst);
         else
             worst.failure = "it does not play: " + player.story();
@@ -66,9 +78,9 @@ void checkPause(Stage& stage, Findings& findings) {
     else
         findings.notJudged("silent", "sound cannot be observed on this set");
 
-    player.play();
-    if (!player.waitForPicture(number))
+    if (!playTo(player, number, worst))
         return findings.fail("goes on", "it does not go on: " + player.story());
+    findings.measure("pace", worst.pace);
     const auto& pictures = player.watch().pictures();
     const auto sequence = sequenceOf(pictures);
     if (!stage.observation->isExact())

@@ -79,6 +79,28 @@ Series intervalsOf(const std::vector<SeenPicture>& pictures, const char* title) 
     return series;
 }
 
+Series paceOf(const std::vector<SeenPicture>& pictures, std::size_t from) {
+    Series series{"media time less time passed", "ms", {}, {}, {}, "s"};
+    const SeenPicture* first = nullptr;
+    for (std::size_t i = from; i < pictures.size(); ++i) {
+        const auto& picture = pictures[i];
+        if (!picture.mark || (first == nullptr && picture.still))
+            continue;
+        if (first == nullptr)
+            first = &picture;
+        const double passed = milliseconds(first->time, picture.time);
+        series.points.emplace_back(passed / 1000, picture.mark->time - first->mark->time - passed);
+    }
+    return series;
+}
+
+double worstOf(const Series& series) {
+    double worst = 0;
+    for (const auto& [time, value] : series.points)
+        worst = std::abs(value) > std::abs(worst) ? value : worst;
+    return worst;
+}
+
 int numberAt(const Clip& clip, double seconds) {
     constexpr double hair = 1e-4; // of a picture
     return std::min(static_cast<int>(std::floor(seconds * clip.rate + hair)), clip.pictures - 1);

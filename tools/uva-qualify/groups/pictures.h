@@ -1,9 +1,9 @@
 #ifndef UVA_QUALIFY_PICTURES_H
 #define UVA_QUALIFY_PICTURES_H
 
+#include "clip_player.h"
 #include "finding.h"
 #include "media/clips.h"
-#include "clip_player.h"
 
 #include <optional>
 #include <string>
@@ -37,6 +37,12 @@ double longestGap(const std::vector<SeenPicture>& pictures, std::size_t from = 0
 
 /// Milliseconds from picture to picture, over seconds since the first.
 Series intervalsOf(const std::vector<SeenPicture>& pictures, const char* title);
+
+/// Media time less time passed since the first picture that playback did not stand at, milliseconds
+/// over seconds, of those from one index on.
+Series paceOf(const std::vector<SeenPicture>& pictures, std::size_t from = 0);
+/// The value that is furthest from 0; 0: there is none.
+double worstOf(const Series& series);
 
 /// The number of the picture that is on screen at a time of the clip.
 int numberAt(const Clip& clip, double seconds);

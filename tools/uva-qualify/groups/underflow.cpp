@@ -12,7 +12,9 @@ namespace {
 
 constexpr Milliseconds missingFor{700}; // before the rest comes
 
-void judgeUnderflow(Stage& stage, Findings& findings, const Clip& clip, Player& player) {
+/// `before`: pictures that came before the rest of the samples.
+void judgeUnderflow(Stage& stage, Findings& findings, const Clip& clip, Player& player,
+                    std::size_t before) {
     const auto& pictures = player.watch().pictures();
     const auto sequence = sequenceOf(pictures);
     if (stage.observation->isExact())
@@ -23,6 +25,8 @@ void judgeUnderflow(Stage& stage, Findings& findings, const Clip& clip, Player& 
                          evidenceOf(player.watch(), "the last picture"));
     else
         findings.notJudged("pictures", "captured pictures are only some of those that are shown");
+    const auto pace = paceOf(pictures, before);
+    findings.measure("pace", worstOf(pace), "", {pace});
     const auto pulses = player.watch().pulses();
     if (pulses)
         findings.measure("sound", unheard(*pulses, stage.length()));
@@ -61,7 +65,7 @@ void checkUnderflow(Stage& stage, Findings& findings) {
                                      stage.observation->lateness());
     if (!player.waitFor(host::State::Ended))
         return findings.fail("pictures", "it does not end: " + player.story());
-    judgeUnderflow(stage, findings, clip, player);
+    judgeUnderflow(stage, findings, clip, player, before);
 }
 
 } // namespace qualify

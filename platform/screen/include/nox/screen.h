@@ -107,10 +107,11 @@ public:
     std::shared_ptr<void> listen(Listener listener);
 
     /// The tap is called for as long as the returned handle lives; dropping that waits for calls
-    /// under way. Sinks that begin meanwhile render to no device: what the tap is given is what is
-    /// shown, at its time. One at a time: an earlier one is not called any more.
+    /// under way. Sinks that begin meanwhile render to no device, and leave out nothing that is
+    /// late: what the tap is given is what is shown, at its time. One at a time: an earlier one is
+    /// not called any more.
     std::shared_ptr<void> tap(OutputTap& tap);
-    bool isTapped() const; ///< whether pictures and sound are worth their copies
+    bool isTapped() const;                   ///< whether pictures and sound are worth their copies
     void pictureShown(ShownPicture picture); ///< for the tap. Streaming thread.
     void soundPlayed(PlayedSound sound);     ///< for the tap. Streaming thread.
 
