@@ -37,7 +37,7 @@ void playTogether(Stage& stage, Findings& findings, unsigned int count, double s
 } // namespace
 
 void checkElements(Stage& stage, Findings& findings) {
-    const double seconds = stage.isShort() ? 1 : 5;
+    const double seconds = stage.isShort() ? 0.5 : 5;
     for (const unsigned int count : {1U, 2U, 4U, 8U})
         playTogether(stage, findings, count, seconds);
 }

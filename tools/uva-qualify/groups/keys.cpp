@@ -16,9 +16,14 @@ namespace {
 using host::KeyPair;
 using Scheme = host::Protection::Scheme;
 
-constexpr double tried = 1.4;    // seconds of the clip
 constexpr double rotation = 0.5; // seconds that a key lasts
 constexpr std::size_t keysOfASession = 16;
+constexpr Milliseconds looked{700}; // for what must not come
+
+/// Seconds of the clip.
+double tried(const Stage& stage) {
+    return stage.isShort() ? 1.2 : 1.6;
+}
 
 /// The same id under every session, and a key of its own.
 KeyPair keyOf(std::uint64_t session, std::size_t index) {
@@ -59,7 +64,7 @@ public:
     ProtectedPlayer(Stage& stage, const std::vector<Track>& tracks, std::uint64_t session)
         : m_stage(stage), m_buffers(tracks),
           m_player(stage, {host::ResourcePolicy::Grant, false, session}) {
-        m_buffers.append(tracks, 0, stage.clips["main.mp4"].seconds + 1);
+        m_buffers.append(tracks, 0, stage.clips["short.mp4"].seconds + 1);
         m_buffers.end();
         m_player.openStreams(m_buffers.streams());
         m_player.play();
@@ -69,7 +74,7 @@ public:
 
     /// Of the pictures that are tried, those that are not shown.
     int missing() {
-        return unseen(m_player, m_stage, static_cast<int>(tried * m_stage.clips["main.mp4"].rate));
+        return unseen(m_player, m_stage, numberAt(m_stage.clips["short.mp4"], tried(m_stage)));
     }
     /// Pictures that can be read, from a number on.
     int readable(int from) {
@@ -92,7 +97,7 @@ private:
 class KeyChecks {
 public:
     KeyChecks(Stage& stage, Findings& findings)
-        : m_stage(stage), m_findings(findings), m_clip(stage.clips["main.mp4"]),
+        : m_stage(stage), m_findings(findings), m_clip(stage.clips["short.mp4"]),
           m_one(m_clip, oneSession, 1, [](double) { return 0; }),
           m_rotated(m_clip, oneSession, 6, [](double seconds) {
               return static_cast<std::size_t>(std::max(0.0, seconds) / rotation);
@@ -144,7 +149,7 @@ private:
         pair.key[15] = static_cast<std::uint8_t>(~pair.key[15]);
         m_stage.keys->addKey(pair, oneSession);
         ProtectedPlayer played(m_stage, m_one.tracks, oneSession);
-        std::this_thread::sleep_for(Milliseconds(1000));
+        std::this_thread::sleep_for(looked);
         measure(played, played.readable(0));
     }
 
@@ -157,7 +162,7 @@ private:
         if (!played.player().waitForPicture(numberAt(m_clip, rotation) - 4))
             return m_findings.fail(m_name, "what comes before it does not play: " +
                                                played.player().story());
-        std::this_thread::sleep_for(Milliseconds(1000));
+        std::this_thread::sleep_for(looked);
         measure(played, played.readable(numberAt(m_clip, rotation) + 1));
     }
 
@@ -168,23 +173,27 @@ private:
         measure(played, played.missing());
     }
 
-    /// Some at a time. All name their keys alike, and each has others.
+    /// The keys of all are there, and some play at a time. All name their keys alike, and each has
+    /// others.
     void sessions() {
         constexpr std::uint64_t together = 4;
         const std::uint64_t count = m_stage.isShort() ? 4 : 16;
+        for (std::uint64_t session = 1; session <= count; ++session)
+            for (std::size_t index = 0; index < keysOfASession; ++index)
+                m_stage.keys->addKey(keyOf(session, index), session);
         int worst = 0;
         for (std::uint64_t first = 1; first <= count; first += together)
             worst = std::max(worst, playSessions(first, first + together));
+        for (std::uint64_t session = 1; session <= count; ++session)
+            m_stage.keys->removeKeys(session);
         m_findings.measure(m_name, worst, "of " + std::to_string(count) + " sessions");
     }
 
     int playSessions(std::uint64_t from, std::uint64_t to) {
         std::vector<std::unique_ptr<ProtectedPlayer>> players;
         for (auto session = from; session < to; ++session) {
-            for (std::size_t index = 0; index < keysOfASession; ++index)
-                m_stage.keys->addKey(keyOf(session, index), session);
-            const ProtectedTracks media(m_clip, session, keysOfASession, [](double seconds) {
-                constexpr double lasts = tried / keysOfASession; // each key
+            const double lasts = tried(m_stage) / keysOfASession; // each key
+            const ProtectedTracks media(m_clip, session, keysOfASession, [lasts](double seconds) {
                 return static_cast<std::size_t>(std::max(0.0, seconds) / lasts) % keysOfASession;
             });
             players.push_back(std::make_unique<ProtectedPlayer>(m_stage, media.tracks, session));
@@ -192,9 +201,6 @@ private:
         int worst = 0;
         for (auto& played : players)
             worst = std::max(worst, played->missing());
-        players.clear();
-        for (auto session = from; session < to; ++session)
-            m_stage.keys->removeKeys(session);
         return worst;
     }
 

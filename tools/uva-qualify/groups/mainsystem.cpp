@@ -59,7 +59,7 @@ private:
     double shownOf(Player& player) {
         player.open(m_clip);
         player.play();
-        std::this_thread::sleep_for(Milliseconds(1000));
+        std::this_thread::sleep_for(Milliseconds(700));
         return static_cast<double>(player.watch().pictures().size());
     }
 

@@ -11,6 +11,7 @@ namespace qualify {
 
 namespace {
 
+constexpr Milliseconds firstBound{5000}; // for the first picture, which is measured
 constexpr const char* noSound = "sound cannot be observed on this set";
 constexpr const char* samplesOnly = "captured pictures are only some of those that are shown";
 
@@ -31,11 +32,12 @@ public:
         m_findings.beginMeasuring();
         m_player.open(m_clip);
         const auto begin = m_player.play();
+        if (!m_player.waitForPicture(0, 0, firstBound))
+            return fail("end", "no picture that can be read is shown; " + m_player.story());
         const bool ended = playToTheEnd();
         m_pictures = m_player.watch().pictures();
-        if (!ended || m_pictures.empty())
-            return fail("end", m_pictures.empty() ? "no picture was seen; " + m_player.story()
-                                                  : "it did not end: " + m_player.story());
+        if (!ended)
+            return fail("end", "it did not end: " + m_player.story());
         checkEnds(begin);
         checkSequence();
         checkSound();

@@ -31,7 +31,7 @@ AAC = ["-c:a", "aac", "-b:a", "96k"]
 # name: mark, size, seconds, video, audio (None: none of it), what a page would ask for it.
 CLIPS = {
     "main.mp4": ("A", "320x180", 6, H264, AAC, 'video/mp4; codecs="avc1.64000d,mp4a.40.2"'),
-    "short.mp4": ("A", "320x180", 3, H264, AAC, 'video/mp4; codecs="avc1.64000d,mp4a.40.2"'),
+    "short.mp4": ("A", "320x180", 2, H264, AAC, 'video/mp4; codecs="avc1.64000d,mp4a.40.2"'),
     "long.mp4": ("A", "320x180", 60, H264, AAC, 'video/mp4; codecs="avc1.64000d,mp4a.40.2"'),
     "low.mp4": ("L", "320x180", 6, H264 + ["-b:v", "150k"], None, 'video/mp4; codecs="avc1.64000d"'),
     "high.mp4": ("H", "640x360", 6, H264, None, 'video/mp4; codecs="avc1.64001e"'),
