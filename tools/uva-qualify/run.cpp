@@ -57,12 +57,13 @@ std::vector<char*> pointersTo(std::vector<std::string>& texts) {
     return pointers;
 }
 
-/// What a thread keeps of freed memory for itself would be counted as allocated.
+/// What the C library and GLib keep of freed memory for a thread would be counted as allocated.
 std::vector<std::string> environmentOf() {
     std::vector<std::string> variables;
     for (char** variable = environ; *variable != nullptr; ++variable)
         variables.emplace_back(*variable);
     variables.emplace_back("GLIBC_TUNABLES=glibc.malloc.tcache_count=0");
+    variables.emplace_back("G_SLICE=always-malloc");
     return variables;
 }
 

@@ -159,7 +159,7 @@ private:
             m_stage.keys->addKey(keyOf(oneSession, index), oneSession);
         m_stage.keys->removeKey(keyOf(oneSession, 1).id, oneSession);
         ProtectedPlayer played(m_stage, m_rotated.tracks, oneSession);
-        if (!played.player().waitForPicture(numberAt(m_clip, rotation) - 4))
+        if (!played.player().waitForPicture(2))
             return m_findings.fail(m_name, "what comes before it does not play: " +
                                                played.player().story());
         std::this_thread::sleep_for(looked);

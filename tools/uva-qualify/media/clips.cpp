@@ -25,8 +25,10 @@ std::string Clips::load(const std::string& folder) {
             clip.pictures = entry.at("pictures").get<int>();
             clip.seconds = entry.at("seconds").get<double>();
             clip.sound = entry.at("sound").get<bool>();
-            clip.type = entry.at("type").get<std::string>();
-            clip.optional = entry.at("optional").get<bool>();
+            clip.unpromised = entry.at("unpromised").get<std::string>();
+            for (const auto& asked : entry.at("types"))
+                clip.types.push_back(
+                    {asked.at("type").get<std::string>(), asked.at("more").get<bool>()});
             m_clips.push_back(std::move(clip));
         }
     } catch (const std::exception& error) {

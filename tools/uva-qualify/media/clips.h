@@ -6,6 +6,12 @@
 
 namespace qualify {
 
+/// A content type under which a page asks for a clip.
+struct AskedType {
+    std::string type;
+    bool more = false; ///< it asks for more than the clip shows, of the same decoders
+};
+
 /// A test clip, as clips.json lists it.
 struct Clip {
     std::string name;
@@ -15,8 +21,8 @@ struct Clip {
     int pictures = 0;   ///< 0: it has none
     double seconds = 0; ///< of the whole
     bool sound = false;
-    std::string type;      ///< content type, with its codecs
-    bool optional = false; ///< a set may play it without a promise
+    std::vector<AskedType> types; ///< under which a page asks for it; none: it is not asked for
+    std::string unpromised;       ///< why a set may refuse all that and play it; empty: it may not
 
     double frame() const { return 1.0 / rate; } ///< seconds
 };
