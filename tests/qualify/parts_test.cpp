@@ -2,6 +2,7 @@
 
 #include "finding.h"
 #include "groups/pictures.h"
+#include "limits.h"
 #include "media/mark.h"
 #include "report/report.h"
 #include "watch/pulse_finder.h"
@@ -66,6 +67,25 @@ TEST(QualifyPictures, TellsWhatIsMissingTwiceAndOutOfOrder) {
     EXPECT_EQ(pictureAt(pictures, after(79))->mark->number, 8);
     EXPECT_EQ(timeOf(pictures, 9), after(80));
     EXPECT_FALSE(timeOf(pictures, 10));
+}
+
+TEST(QualifyPictures, KeepTheirPace) {
+    EXPECT_EQ(worstOf(paceOf(shown({0, 1, 2, 3}))), 0);
+    EXPECT_EQ(worstOf(paceOf(shown({0, 1, 3, 4}))), 40); // ahead: one has been left out
+    auto pictures = shown({0, 1, 2, 3});
+    pictures[0].still = true; // before it was played
+    pictures[3].time += std::chrono::milliseconds(300);
+    EXPECT_EQ(worstOf(paceOf(pictures)), -300);
+    EXPECT_EQ(worstOf(paceOf(pictures, 3)), 0);
+}
+
+TEST(QualifyLimits, NoMachineExcusesWhatIsNoTime) {
+    for (unsigned int i = 0; i < limitCount; ++i) {
+        const std::string unit = limitTable[i].unit;
+        const bool isTime = unit == "ms" || unit == "%";
+        EXPECT_TRUE(isTime || limitTable[i].excuse.wait == 0)
+            << limitTable[i].group << ", " << limitTable[i].check;
+    }
 }
 
 TEST(QualifyPulses, AreFoundInPiecesOfAnySize) {
