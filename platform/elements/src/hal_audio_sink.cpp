@@ -1,6 +1,7 @@
 #include "hal_audio_sink.h"
 
 #include "device_output.h"
+#include "output_tap.h"
 
 #include <gst/audio/audio.h>
 
@@ -11,6 +12,17 @@ namespace {
 constexpr const char* volumeName = "nox-volume";
 
 } // namespace
+
+HalAudioSink::HalAudioSink(GstBin* bin) : HalSink(bin, "audio", audioFormats) {
+    if (!silentOutput())
+        return;
+    g_object_set(silentOutput(), "signal-handoffs", TRUE, nullptr);
+    g_signal_connect(silentOutput(), "handoff", G_CALLBACK(onPlayed), this);
+}
+
+void HalAudioSink::onPlayed(GstElement*, GstBuffer* sound, GstPad* pad, gpointer sink) {
+    tapSound(static_cast<HalAudioSink*>(sink)->bin(), sound, pad);
+}
 
 void HalAudioSink::setVolume(double volume) {
     m_volume = volume;
@@ -32,7 +44,7 @@ void HalAudioSink::deactivated() {
 }
 
 GstPtr<GstElement> HalAudioSink::makeDeviceOutput() {
-    if (!hasSoundDevice())
+    if (!hasSoundDevice() || nox::Screen::instance().isTapped())
         return nullptr;
     return makeDeviceChain("audioconvert ! audioresample ! volume name=nox-volume",
                            GST_ELEMENT_FACTORY_TYPE_MEDIA_AUDIO);

@@ -10,7 +10,7 @@ namespace noxelements {
 /// "halaudiosink": plays sound, as loud as the screen says.
 class HalAudioSink final : public HalSink, public nox::AudioOutput {
 public:
-    explicit HalAudioSink(GstBin* bin) : HalSink(bin, "audio", audioFormats) {}
+    explicit HalAudioSink(GstBin* bin);
 
     void setVolume(double volume) override;
 
@@ -25,6 +25,7 @@ protected:
     GstPtr<GstStructure> describe(const GstCaps* decoded, const MediaFormat& format) override;
 
 private:
+    static void onPlayed(GstElement* output, GstBuffer* sound, GstPad* pad, gpointer sink);
     void applyVolume();
 
     std::atomic<double> m_volume{1.0};

@@ -1,6 +1,7 @@
 #include "hal_sink.h"
 
 #include "inner_sinks.h"
+#include "nox/screen.h"
 #include "opus_caps.h"
 
 #include <gst/base/gstbasesink.h>
@@ -64,7 +65,7 @@ HalSink::HalSink(GstBin* bin, const char* kind, const MediaFormats& formats)
 
     if (!m_silent)
         return; // no core elements: the step to READY says so
-    g_object_set(m_silent.get(), "sync", TRUE, "qos", TRUE, nullptr);
+    g_object_set(m_silent.get(), "sync", TRUE, nullptr);
     gst_bin_add(bin, m_silent.get());
     m_output = m_silent.get();
     watchOutput(m_output);
@@ -403,6 +404,8 @@ void HalSink::seekFromInput() {
 void HalSink::start() {
     endDrain();
     m_stopping = false;
+    // Whoever taps the screen sees all that comes: what is late is shown late.
+    g_object_set(m_silent.get(), "qos", !nox::Screen::instance().isTapped(), nullptr);
     if (!m_active)
         activated();
     m_active = true;

@@ -2,6 +2,7 @@
 
 #include "device_output.h"
 #include "inner_sinks.h"
+#include "output_tap.h"
 #include "picture.h"
 
 #include <gst/base/gstbasesink.h>
@@ -19,11 +20,16 @@ std::uint64_t isCorrupted(GstBuffer* picture) {
 
 } // namespace
 
-void HalVideoSink::onShown(GstElement*, GstBuffer* picture, GstPad*, gpointer sink) {
+void HalVideoSink::onShown(GstElement*, GstBuffer* picture, GstPad* pad, gpointer sink) {
     auto& self = *static_cast<HalVideoSink*>(sink);
     auto& screen = nox::Screen::instance();
+    tapPicture(self.bin(), picture, pad, false);
     screen.count(&self, {self.m_isCounted.exchange(false) ? 0U : 1U, 0, isCorrupted(picture)});
     screen.pictureShown(&self);
+}
+
+void HalVideoSink::onStill(GstElement*, GstBuffer* picture, GstPad* pad, gpointer sink) {
+    tapPicture(static_cast<HalVideoSink*>(sink)->bin(), picture, pad, true);
 }
 
 /// A device tells nobody when it shows a picture: when the next one arrives, the last one has been,
@@ -42,6 +48,7 @@ HalVideoSink::HalVideoSink(GstBin* bin) : HalSink(bin, "video", videoFormats) {
         return;
     g_object_set(silentOutput(), "signal-handoffs", TRUE, nullptr);
     g_signal_connect(silentOutput(), "handoff", G_CALLBACK(onShown), this);
+    g_signal_connect(silentOutput(), "preroll-handoff", G_CALLBACK(onStill), this);
 }
 
 void HalVideoSink::handleMessage(GstMessage* message) {
@@ -93,7 +100,7 @@ void HalVideoSink::applyVisible() {
 }
 
 GstPtr<GstElement> HalVideoSink::makeDeviceOutput() {
-    if (!hasDisplay())
+    if (!hasDisplay() || nox::Screen::instance().isTapped())
         return nullptr;
     return makeDeviceChain("videoconvert ! videoscale ! videobalance name=balance",
                            GST_ELEMENT_FACTORY_TYPE_MEDIA_VIDEO);

@@ -26,6 +26,7 @@ protected:
 
 private:
     static void onShown(GstElement* output, GstBuffer* picture, GstPad* pad, gpointer sink);
+    static void onStill(GstElement* output, GstBuffer* picture, GstPad* pad, gpointer sink);
     static GstPadProbeReturn onDeviceBuffer(GstPad* pad, GstPadProbeInfo* info, gpointer sink);
     void applyVisible();
 

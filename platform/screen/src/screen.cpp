@@ -5,11 +5,13 @@
 #include <algorithm>
 #include <charconv>
 #include <map>
+#include <shared_mutex>
 
 namespace nox {
 
 VideoPlane::~VideoPlane() = default;
 AudioOutput::~AudioOutput() = default;
+OutputTap::~OutputTap() = default;
 
 namespace {
 
@@ -21,15 +23,21 @@ struct ListenerSlot {
     Screen::Listener call GUARDED_BY(mutex); // empty once dropped
 };
 
-/// 0: none.
-unsigned int sourceOf(const std::string& sink) {
-    const auto mark = sink.rfind('_');
-    unsigned int number = 0;
-    if (mark == std::string::npos)
-        return 0;
-    const auto [end, error] =
-        std::from_chars(sink.data() + mark + 1, sink.data() + sink.size(), number);
-    return error == std::errc() && end == sink.data() + sink.size() ? number : 0;
+/// Shared by those who call the tap, so that sinks do not wait for one another.
+struct TapSlot {
+    explicit TapSlot(OutputTap& callee) : tap(&callee) {}
+
+    std::shared_mutex mutex;
+    OutputTap* tap; // null once dropped; guarded by the mutex
+};
+
+template <typename Output>
+void hand(const std::shared_ptr<TapSlot>& slot, void (OutputTap::*call)(Output), Output output) {
+    if (!slot)
+        return;
+    const std::shared_lock lock(slot->mutex);
+    if (slot->tap)
+        (slot->tap->*call)(std::move(output));
 }
 
 template <typename Item>
@@ -44,10 +52,16 @@ struct Screen::Impl {
     std::vector<VideoPlane*> planes GUARDED_BY(mutex); // the one with the newest picture last
     std::vector<AudioOutput*> outputs GUARDED_BY(mutex);
     std::vector<std::weak_ptr<ListenerSlot>> listeners GUARDED_BY(mutex);
+    std::weak_ptr<TapSlot> tap GUARDED_BY(mutex);
     std::map<VideoPlane*, unsigned int> sources GUARDED_BY(mutex); // of the planes
     std::map<unsigned int, PictureCounters> counters GUARDED_BY(mutex);
     bool visible GUARDED_BY(mutex) = true;
     double volume GUARDED_BY(mutex) = 1.0;
+
+    std::shared_ptr<TapSlot> liveTap() {
+        const locks::Lock lock(mutex);
+        return tap.lock();
+    }
 };
 
 Screen::Screen() : m_impl(std::make_unique<Impl>()) {}
@@ -138,6 +152,16 @@ void Screen::count(VideoPlane* plane, const PictureCounters& more) {
     sum.corrupted += more.corrupted;
 }
 
+unsigned int Screen::sourceOf(const std::string& sink) {
+    const auto mark = sink.rfind('_');
+    unsigned int number = 0;
+    if (mark == std::string::npos)
+        return 0;
+    const auto [end, error] =
+        std::from_chars(sink.data() + mark + 1, sink.data() + sink.size(), number);
+    return error == std::errc() && end == sink.data() + sink.size() ? number : 0;
+}
+
 PictureCounters Screen::counters(unsigned int source) const {
     const locks::Lock lock(m_impl->mutex);
     const auto found = m_impl->counters.find(source);
@@ -152,6 +176,29 @@ std::shared_ptr<void> Screen::listen(Listener listener) {
                 const locks::Lock silence(slot->mutex);
                 slot->call = nullptr;
             }};
+}
+
+std::shared_ptr<void> Screen::tap(OutputTap& tap) {
+    auto slot = std::make_shared<TapSlot>(tap);
+    const locks::Lock lock(m_impl->mutex);
+    m_impl->tap = slot;
+    // Who holds the handle holds the slot.
+    return {slot.get(), [slot](void*) {
+                const std::unique_lock silence(slot->mutex);
+                slot->tap = nullptr;
+            }};
+}
+
+bool Screen::isTapped() const {
+    return m_impl->liveTap() != nullptr;
+}
+
+void Screen::pictureShown(ShownPicture picture) {
+    hand(m_impl->liveTap(), &OutputTap::onPicture, std::move(picture));
+}
+
+void Screen::soundPlayed(PlayedSound sound) {
+    hand(m_impl->liveTap(), &OutputTap::onSound, std::move(sound));
 }
 
 } // namespace nox

@@ -40,6 +40,33 @@ public:
     virtual void setVolume(double volume) = 0; ///< 0 to 1
 };
 
+/// A picture at the moment at which it is shown.
+struct ShownPicture {
+    std::string sink;    ///< the sink's name
+    double position = 0; ///< where in the media it begins, seconds; NaN: not known
+    bool still = false;  ///< the sink stands at it, and shows it once more when it goes on
+    int width = 0;       ///< pixels
+    int height = 0;      ///< pixels
+    std::vector<std::uint8_t> luma; ///< a byte a pixel, rows without padding
+};
+
+/// Sound at the moment at which its first sample is played.
+struct PlayedSound {
+    std::string sink;           ///< the sink's name
+    double position = 0;        ///< where in the media it begins, seconds; NaN: not known
+    int rate = 0;               ///< samples a second
+    std::vector<float> samples; ///< of the first channel, -1 to 1
+};
+
+/// Sees and hears all that the sinks put out. Called on their streaming threads, by several at a
+/// time; what it does delays them.
+class OutputTap {
+public:
+    virtual ~OutputTap();
+    virtual void onPicture(ShownPicture picture) = 0;
+    virtual void onSound(PlayedSound sound) = 0;
+};
+
 /// The output side of the simulated set, one per process: where the sinks show and play, and what
 /// the host's capture, volume and visibility operations act on. On a real set this is hardware.
 ///
@@ -71,11 +98,22 @@ public:
     /// this number has shown. It is in the sink's name, behind the last "_" ("halvideosink_3"). 0:
     /// all sinks whose names have none, as those of URLs.
     PictureCounters counters(unsigned int source) const;
+    /// The source's number in a sink's name; 0: none.
+    static unsigned int sourceOf(const std::string& sink);
 
     /// Called after each new picture, on the plane's streaming thread, for as long as the returned
     /// handle lives; dropping the handle waits for a call under way on another thread.
     using Listener = std::function<void()>;
     std::shared_ptr<void> listen(Listener listener);
+
+    /// The tap is called for as long as the returned handle lives; dropping that waits for calls
+    /// under way. Sinks that begin meanwhile render to no device, and leave out nothing that is
+    /// late: what the tap is given is what is shown, at its time. One at a time: an earlier one is
+    /// not called any more.
+    std::shared_ptr<void> tap(OutputTap& tap);
+    bool isTapped() const;                   ///< whether pictures and sound are worth their copies
+    void pictureShown(ShownPicture picture); ///< for the tap. Streaming thread.
+    void soundPlayed(PlayedSound sound);     ///< for the tap. Streaming thread.
 
 private:
     Screen();

@@ -1,0 +1,172 @@
+// What uva-qualify makes of what it sees and hears, and what its reports make of that.
+
+#include "finding.h"
+#include "groups/pictures.h"
+#include "limits.h"
+#include "media/mark.h"
+#include "report/report.h"
+#include "watch/pulse_finder.h"
+
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+
+#include <algorithm>
+#include <cmath>
+#include <tuple>
+
+namespace {
+
+using namespace qualify;
+
+constexpr Clock::time_point begin{std::chrono::seconds(100)};
+
+Clock::time_point after(double milliseconds) {
+    return begin + std::chrono::duration_cast<Clock::duration>(
+                       std::chrono::duration<double, std::milli>(milliseconds));
+}
+
+/// Pictures 40 ms apart; -1: one that cannot be read.
+std::vector<SeenPicture> shown(const std::vector<int>& numbers) {
+    std::vector<SeenPicture> pictures;
+    for (const int number : numbers) {
+        const auto time = after(40.0 * static_cast<double>(pictures.size()));
+        const Mark mark{'A', number, number * 40};
+        pictures.push_back({time, number < 0 ? std::nullopt : std::optional(mark), false});
+    }
+    return pictures;
+}
+
+TEST(QualifyMarks, AreReadAsWrittenAndNothingElseIs) {
+    const Mark mark{'Q', 12345, 654321};
+    const auto read = parseMark(textOf(mark));
+    ASSERT_TRUE(read);
+    EXPECT_EQ(textOf(*read), "Q-12345-654321");
+    for (const char* text :
+         {"", "A", "A-1-2", "A-00001-000040x", "A-0000a-000040", "AA00001-000040"})
+        EXPECT_FALSE(parseMark(text)) << text;
+}
+
+TEST(QualifyPictures, TellsWhatIsMissingTwiceAndOutOfOrder) {
+    const struct {
+        std::vector<int> numbers;
+        int first, last, missing, repeated, disordered, unreadable;
+    } rows[] = {{{0, 1, 2, 3}, 0, 3, 0, 0, 0, 0}, {{2, 3, 6}, 2, 6, 2, 0, 0, 0},
+                {{0, 1, 1, 2}, 0, 2, 0, 1, 0, 0}, {{0, 2, 1, 3}, 0, 3, 0, 0, 1, 0},
+                {{0, -1, 2}, 0, 2, 1, 0, 0, 1},   {{-1}, -1, -1, 0, 0, 0, 1},
+                {{5, 6, 0, 1}, 5, 1, 3, 0, 2, 0}};
+    for (const auto& row : rows) {
+        const auto found = sequenceOf(shown(row.numbers));
+        EXPECT_EQ(std::tie(found.first, found.last, found.missing, found.repeated, found.disordered,
+                           found.unreadable),
+                  std::tie(row.first, row.last, row.missing, row.repeated, row.disordered,
+                           row.unreadable))
+            << found.oddities;
+    }
+    const auto pictures = shown({7, 8, 9});
+    EXPECT_EQ(pictureAt(pictures, after(-1)), nullptr);
+    EXPECT_EQ(pictureAt(pictures, after(79))->mark->number, 8);
+    EXPECT_EQ(timeOf(pictures, 9), after(80));
+    EXPECT_FALSE(timeOf(pictures, 10));
+}
+
+TEST(QualifyPictures, KeepTheirPace) {
+    EXPECT_EQ(worstOf(paceOf(shown({0, 1, 2, 3}))), 0);
+    EXPECT_EQ(worstOf(paceOf(shown({0, 1, 3, 4}))), 40); // ahead: one has been left out
+    auto pictures = shown({0, 1, 2, 3});
+    pictures[0].still = true; // before it was played
+    pictures[3].time += std::chrono::milliseconds(300);
+    EXPECT_EQ(worstOf(paceOf(pictures)), -300);
+    EXPECT_EQ(worstOf(paceOf(pictures, 3)), 0);
+}
+
+TEST(QualifyLimits, NoMachineExcusesWhatIsNoTime) {
+    for (unsigned int i = 0; i < limitCount; ++i) {
+        const std::string unit = limitTable[i].unit;
+        const bool isTime = unit == "ms" || unit == "%";
+        EXPECT_TRUE(isTime || limitTable[i].excuse.wait == 0)
+            << limitTable[i].group << ", " << limitTable[i].check;
+    }
+}
+
+TEST(QualifyPulses, AreFoundInPiecesOfAnySize) {
+    constexpr int rate = 48000;
+    std::vector<float> sound(rate * 3);
+    for (std::size_t i = 0; i < sound.size(); ++i) {
+        const double time = static_cast<double>(i) / rate;
+        const double second = std::floor(time), inSecond = time - second;
+        if (inSecond >= 0.4 && inSecond < 0.44)
+            sound[i] =
+                static_cast<float>(0.5 * std::sin(2 * M_PI * (500 + 200 * second) * inSecond));
+    }
+    for (const std::size_t piece : {std::size_t{37}, std::size_t{1024}, sound.size()}) {
+        PulseFinder finder;
+        for (std::size_t at = 0; at < sound.size(); at += piece) {
+            const auto end = std::min(at + piece, sound.size());
+            finder.add(after(1000.0 * static_cast<double>(at) / rate), rate,
+                       {sound.begin() + static_cast<std::ptrdiff_t>(at),
+                        sound.begin() + static_cast<std::ptrdiff_t>(end)});
+        }
+        ASSERT_EQ(finder.pulses().size(), 3U);
+        for (int second = 0; second < 3; ++second) {
+            const auto& pulse = finder.pulses()[static_cast<std::size_t>(second)];
+            EXPECT_EQ(pulse.second, second);
+            EXPECT_NEAR(milliseconds(after(1000 * second + 400), pulse.time), 0, 1);
+        }
+        EXPECT_EQ(unheard(finder.pulses(), 4), 1);
+    }
+}
+
+Finding finding(const std::string& check, double measured, Verdict verdict) {
+    Finding result;
+    result.group = "g";
+    result.check = check;
+    result.unit = "ms";
+    result.high = 100;
+    result.measured = measured;
+    result.verdict = verdict;
+    result.series.push_back({"t", "ms", {{0, 1}, {1, 5}}, {}, 4, "s"});
+    result.evidence.push_back({"<shown>", std::string("\x89PNG\0\xff", 6)});
+    return result;
+}
+
+TEST(QualifyReports, KeepAllThatWasFound) {
+    auto before = finding("c", 12.5, Verdict::NotJudged);
+    before.note = "a \"note\" <of> bytes \x01";
+    const nlohmann::json json = before;
+    const auto after = json.get<Finding>();
+    EXPECT_EQ(nlohmann::json(after), json);
+    EXPECT_EQ(after.evidence[0].png, before.evidence[0].png);
+    EXPECT_FALSE(after.low);
+    EXPECT_EQ(toleranceOf(after), "<= 100 ms");
+
+    const Results results = {
+        {"g", "what", "seen", 1, {before, finding("d", 500, Verdict::Failed)}, ""}};
+    const auto junit = junitReport({}, results);
+    EXPECT_NE(junit.find("a &quot;note&quot; &lt;of&gt; bytes \""), std::string::npos) << junit;
+    EXPECT_NE(junit.find("failures=\"1\""), std::string::npos);
+    const auto page = htmlReport({}, results, {});
+    EXPECT_NE(page.find("data:image/png;base64,iVBORwD/"), std::string::npos);
+    EXPECT_NE(page.find("&lt;shown&gt;"), std::string::npos);
+    EXPECT_NE(svgOf(after.series[0]).find("class=\"limit\""), std::string::npos);
+}
+
+TEST(QualifyReports, CompareWithAnEarlierRun) {
+    const Baseline before = {{finding("a", 50, Verdict::Passed), finding("b", 50, Verdict::Passed),
+                              finding("c", 50, Verdict::Passed), finding("d", 50, Verdict::Passed),
+                              finding("e", 150, Verdict::Failed), finding("f", 1, Verdict::Passed)},
+                             ""};
+    const Results now = {{"g",
+                          "",
+                          "",
+                          0,
+                          {finding("a", 55, Verdict::Passed), finding("b", 70, Verdict::Passed),
+                           finding("c", 30, Verdict::Passed), finding("d", 101, Verdict::Failed),
+                           finding("e", 50, Verdict::Passed), finding("new", 1, Verdict::Passed)},
+                          ""}};
+    std::string said;
+    for (const auto& change : compare(before, now))
+        said += change.check + " " + name(change.kind) + ", ";
+    EXPECT_EQ(said, "b worse, c better, d broken, e mended, new new, f gone, ");
+}
+
+} // namespace

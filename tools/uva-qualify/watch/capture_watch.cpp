@@ -1,0 +1,97 @@
+#include "util/mutex.h"
+#include "watch/picture_png.h"
+#include "watch/watch.h"
+
+#include "media/mark_reader.h"
+
+#include <atomic>
+#include <thread>
+
+namespace qualify {
+
+namespace {
+
+constexpr auto interval = std::chrono::milliseconds(10); // between two looks
+constexpr auto captureBound = std::chrono::seconds(2);
+
+GreyPicture greyOf(const host::Picture& picture) {
+    GreyPicture grey{picture.width, picture.height, {}};
+    grey.luma.reserve(picture.rgba.size() / 4);
+    for (std::size_t i = 0; i + 3 < picture.rgba.size(); i += 4)
+        grey.luma.push_back(static_cast<std::uint8_t>(
+            (picture.rgba[i] * 77 + picture.rgba[i + 1] * 150 + picture.rgba[i + 2] * 29) >> 8));
+    return grey;
+}
+
+/// Looks at the screen over and over, on a thread of its own.
+class CaptureWatch final : public Watch {
+public:
+    explicit CaptureWatch(host::MediaElement& element)
+        : m_element(element), m_thread([this] { look(); }) {}
+    ~CaptureWatch() override {
+        m_ends = true;
+        m_thread.join();
+    }
+
+    const std::vector<SeenPicture>& pictures() override {
+        const MutexLock lock(m_mutex);
+        m_taken = m_pictures;
+        return m_taken;
+    }
+    std::optional<std::vector<HeardPulse>> pulses() override { return std::nullopt; }
+    std::string newestPng() override {
+        const MutexLock lock(m_mutex);
+        return pngOf(m_newest);
+    }
+
+private:
+    void look() {
+        while (!m_ends) {
+            auto answer = m_element.capture();
+            if (answer.wait_for(captureBound) == std::future_status::ready) {
+                const auto now = Clock::now();
+                const auto capture = answer.get();
+                if (capture.error.empty())
+                    add(now, greyOf(capture.picture));
+            }
+            std::this_thread::sleep_for(interval);
+        }
+    }
+    void add(Clock::time_point time, GreyPicture picture) {
+        if (picture.luma == m_last.luma)
+            return;
+        const SeenPicture seen{time, m_reader.read(picture), false};
+        m_last = picture;
+        const MutexLock lock(m_mutex);
+        m_newest = std::move(picture);
+        m_pictures.push_back(seen);
+    }
+
+    host::MediaElement& m_element;
+    MarkReader m_reader; // the thread's
+    GreyPicture m_last;  // the thread's
+    Mutex m_mutex;
+    std::vector<SeenPicture> m_pictures GUARDED_BY(m_mutex);
+    GreyPicture m_newest GUARDED_BY(m_mutex);
+    std::vector<SeenPicture> m_taken; // the caller's
+    std::atomic<bool> m_ends{false};
+    std::thread m_thread;
+};
+
+class CaptureObservation final : public Observation {
+public:
+    const char* name() const override { return "pictures captured now and then, no sound"; }
+    bool isExact() const override { return false; }
+    double lateness() const override { return 40; }
+    std::unique_ptr<Watch> watch(host::MediaElement& element, host::SourceId) override {
+        return std::make_unique<CaptureWatch>(element);
+    }
+};
+
+} // namespace
+
+std::unique_ptr<Observation> observeByCapture() {
+    return std::make_unique<CaptureObservation>();
+}
+
+} // namespace qualify
