@@ -44,7 +44,7 @@ class Report(unittest.TestCase):
         self.assertEqual([row[0] for row in cells[1:]], names)
         for name, _, ours, against, peer, ratio, limit, verdict in cells[1:]:
             self.assertRegex(ours, r"^-?\d", name)
-            self.assertEqual(bool(against), bool(re.match(r"\d", peer)), name)
+            self.assertEqual(bool(against), bool(re.match(r"-?\d", peer)), name)
             self.assertEqual(bool(limit), bool(verdict), name)
         self.assertEqual(drawings, ["{http://www.w3.org/2000/svg}svg"] * 2)
         self.assertRegex(done.stdout, rf"{len(names)} rows, \d+ limits kept, \d+ missed")
