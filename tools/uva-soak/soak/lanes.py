@@ -82,29 +82,26 @@ class Long(Lane):
         host = Host(self.media, "--loop", "--seek", ",".join(map(str, seeks)), *self.KINDS[self.name],
                     speed=self.speed)
         self.watch(host, main)
-        if host.running():
-            code = host.end(signal.SIGINT)
-            if code != 128 + signal.SIGINT:
-                self.fails(f"exit code {code} on Ctrl-C: {host.report()}")
+        code = host.end(signal.SIGINT)
+        if code != 128 + signal.SIGINT:
+            self.fails(f"exit code {code}, not that of Ctrl-C: {host.report()}")
         self.look_at(host, seeks)
         self.close(main)
         self.left(before)
 
     def watch(self, host, main):
-        asked, told = time.monotonic(), (0, 0, 0)
-        while not self.over():
+        asked_at, asked_in = time.monotonic(), 0  # the pass
+        while not self.over() and host.running():
             self.stopped.wait(1)
-            if not host.running():
-                return self.fails(f"ended with exit code {host.process.returncode}: {host.report()}")
             if host.hangs():
-                return self.fails(f"silent for more than {LONGEST_SILENCE - 1} s: {host.report()}")
-            with contextlib.suppress(OSError):
+                return self.fails(f"silent for more than {LONGEST_SILENCE} s: {host.report()}")
+            with contextlib.suppress(OSError):  # it may have ended
                 self.tell(memory=figures(host.process.pid), pictures=host.pictures)
-            if main.asked_back > main.given_back and time.monotonic() - asked > LONGEST_SILENCE:
+            if main.asked_back > main.given_back and host.passes > asked_in + 2:
                 return self.fails("what the main system asked back was not given back: " + main.report())
-            if main.asked_back == main.given_back and time.monotonic() - asked > self.ASK_BACK_EVERY:
+            if main.asked_back == main.given_back and time.monotonic() - asked_at > self.ASK_BACK_EVERY:
                 main.tell("release both")
-                asked = time.monotonic()
+                asked_at, asked_in = time.monotonic(), host.passes
 
     def close(self, main):
         code = main.end()
@@ -158,7 +155,7 @@ class Short(Lane):
         if number is None:
             wait_until(lambda: not host.running() or host.hangs() or self.stopped.is_set(), 600)
             if host.hangs():
-                self.fails(f"silent for more than {LONGEST_SILENCE - 1} s: {host.report()}")
+                self.fails(f"silent for more than {LONGEST_SILENCE} s: {host.report()}")
             number = signal.SIGINT
         code = host.end(number)
         if code not in codes and not self.stopped.is_set():
@@ -166,9 +163,8 @@ class Short(Lane):
         self.look_at(host, self.seek)
 
     def begun(self, host):
-        """Whether it plays."""
-        return wait_until(lambda: not host.running() or any(" state playing" in line for line in host.last_lines) or
-                          host.seeks > 0, LONGEST_SILENCE)
+        """Waits until it plays; one that does not is found out at its end."""
+        wait_until(lambda: not host.running() or host.began.is_set() or self.stopped.is_set(), LONGEST_SILENCE)
 
     def with_main_system(self, *orders):
         """Ended in order, with its ledger in balance, whatever happens meanwhile."""

@@ -80,6 +80,7 @@ class Host(Program):
         self.passes = self.pictures = self.seeks = self.requests = self.answers = 0
         self.passes_to_end = []  # pictures of each
         self.wrong = []
+        self.began = threading.Event()
         self._asking = {}
         environment = {"NOX_PLAY_SPEED": str(speed), **(environment or {})}
         super().__init__(["uva-host", *options, media], environment)
@@ -93,6 +94,8 @@ class Host(Program):
             self._asking.clear()
         elif "event SeekCompletedEx outcome=0" in line:
             self.seeks += 1
+        elif " state playing" in line:
+            self.began.set()
         elif PLAYED.search(line):
             self._passed(line)
         elif "the backend never freed" in line:
