@@ -166,6 +166,11 @@ class Short(Lane):
         """Waits until it plays; one that does not is found out at its end."""
         wait_until(lambda: not host.running() or host.began.is_set() or self.stopped.is_set(), LONGEST_SILENCE)
 
+    def has_decoders(self, host, main):
+        """Waits until it was granted both: what it asks a main system that is gone is refused."""
+        wait_until(lambda: not host.running() or main.granted >= 2 or self.stopped.is_set(), LONGEST_SILENCE)
+        self.begun(host)
+
     def with_main_system(self, *orders):
         """Ended in order, with its ledger in balance, whatever happens meanwhile."""
         return contextlib.closing(Ledger(self, *orders))
@@ -193,7 +198,7 @@ class Short(Lane):
         """A main system that starts anew while a host plays, and asks for what it never granted."""
         with self.with_main_system() as ledger:
             host = self.host()
-            self.begun(host)
+            self.has_decoders(host, ledger.main)
             ledger.main.tell("restart")
             ledger.main.tell("release both")
             self.over_with(host, 0)
@@ -208,7 +213,7 @@ class Short(Lane):
     def main_system_killed(self):
         ledger = Ledger(self)
         host = self.host()
-        self.begun(host)
+        self.has_decoders(host, ledger.main)
         ledger.main.end(signal.SIGKILL)
         self.over_with(host, 0)
 

@@ -80,8 +80,10 @@ class Host(Program):
         self.passes = self.pictures = self.seeks = self.requests = self.answers = 0
         self.passes_to_end = []  # pictures of each
         self.wrong = []
+        self.stacks = ""  # of one that was silent for long
         self.began = threading.Event()
-        self._asking = {}
+        self._asking = {}  # times of the requests of a source without an answer
+        self._sought = set()  # sources that may ask again: after a seek the newest request counts
         environment = {"NOX_PLAY_SPEED": str(speed), **(environment or {})}
         super().__init__(["uva-host", *options, media], environment)
 
@@ -91,7 +93,7 @@ class Host(Program):
         elif "call  writeData" in line:
             self._answered(line)
         elif "event CancelDataRequests" in line:
-            self._asking.clear()
+            self._sought.update(self._asking)
         elif "event SeekCompletedEx outcome=0" in line:
             self.seeks += 1
         elif " state playing" in line:
@@ -106,16 +108,21 @@ class Host(Program):
 
     def _asked(self, line):
         self.requests += 1
-        self._asking.setdefault(SOURCE.search(line).group(1), []).append(float(line.split()[0]))
+        source = SOURCE.search(line).group(1)
+        if source in self._sought:
+            self._asking[source].clear()
+        self._asking.setdefault(source, []).append(float(line.split()[0]))
 
     def _answered(self, line):
         """A call is told of when it returns, with the time when it began: the next request may have come meanwhile."""
         began = float(line.split()[0])
-        asking = self._asking.get(SOURCE.search(line).group(1), [])
+        source = SOURCE.search(line).group(1)
+        asking = self._asking.get(source, [])
         answered = [time for time in asking if time <= began]
         if answered:
             self.answers += 1
             asking.remove(answered[-1])
+            self._sought.discard(source)
 
     def _passed(self, line):
         counts = {name: int(number) for number, name in SUMMARY.findall(line)}
@@ -127,12 +134,19 @@ class Host(Program):
             if len(times) > 1:
                 self.wrong.append(f"source {source} asked again before its request was answered, at {times}")
         self._asking.clear()
+        self._sought.clear()
         for name in ("dropped", "damaged"):
             if name in counts:
                 self.wrong.append(f"{counts[name]} pictures {name}")
 
     def hangs(self):
-        return self.running() and time.monotonic() - self.heard > LONGEST_SILENCE
+        silent = time.monotonic() - self.heard
+        if silent > LONGEST_SILENCE / 2 and not self.stacks and self.running():
+            self.stacks = stacks(self.process.pid)  # before it ends itself
+        return self.running() and silent > LONGEST_SILENCE
+
+    def report(self):
+        return super().report() + (f"; it stood at\n{self.stacks}" if self.stacks else "")
 
 
 class MainSystem(Program):
@@ -160,6 +174,15 @@ def zantsh(*words):
     """The exit code of a command of the debug shell."""
     return subprocess.run(["zantsh", "--timeout", "20", *words], stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
                           stderr=subprocess.DEVNULL, timeout=60).returncode
+
+
+def stacks(process):
+    """Where the threads of a process stand, where there is a debugger."""
+    if shutil.which("gdb") is None:
+        return "(install gdb to see where)"
+    done = subprocess.run(["gdb", "-p", str(process), "-batch", "-ex", "thread apply all bt 12"], text=True,
+                          capture_output=True, stdin=subprocess.DEVNULL)
+    return "\n".join(line[:160] for line in done.stdout.splitlines() if line.startswith(("Thread", "#")))
 
 
 def figures(process):

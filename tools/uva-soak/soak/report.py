@@ -12,6 +12,7 @@ MOST_MEMORY = 8192
 MOST_MORE = 2
 # Fewer samples say nothing of a trend.
 FEWEST_SAMPLES = 20
+CLEAR_LINE = "\r\x1b[K"
 COLOURS = ("#1f77b4", "#d62728", "#2ca02c")
 
 
@@ -27,7 +28,7 @@ class Report:
         with self._lock:
             lane = message["lane"]
             if "failure" in message:
-                self.failures.append(f"{lane}: {message['failure']}")
+                self._fail(f"{lane}: {message['failure']}")
             for name, number in message.get("counts", {}).items():
                 counts = self.counts.setdefault(lane, {})
                 counts[name] = counts.get(name, 0) + number
@@ -36,6 +37,11 @@ class Report:
                 self._playing[lane] = message["pictures"]
             if "pictures" in message.get("counts", {}):
                 self._playing.pop(lane, None)
+
+    def _fail(self, text):
+        """Told at once: a soak is long."""
+        self.failures.append(text)
+        print(f"{CLEAR_LINE if sys.stderr.isatty() else ''}uva-soak: {text}", file=sys.stderr, flush=True)
 
     def hours(self):
         shown = sum(counts.get("pictures", 0) for counts in self.counts.values()) + sum(self._playing.values())
@@ -47,7 +53,7 @@ class Report:
         with self._lock:
             text = (f"{time.monotonic() - self.begin:5.0f} of {self.options.minutes * 60:.0f} s, "
                     f"{self.hours():.2f} h played, {len(self.failures)} failures")
-        print(f"\r\x1b[K{text}", end="", file=sys.stderr, flush=True)
+        print(f"{CLEAR_LINE}{text}", end="", file=sys.stderr, flush=True)
 
     def trend(self, lane):
         """Median of the second and of the last quarter, slope in kB an hour; None when there is too little."""
@@ -72,16 +78,14 @@ class Report:
                                      ("descriptors", MOST_MORE, "descriptors")):
                 first, last = trend[what]
                 if last - first > most:
-                    self.failures.append(f"{lane}: not flat: {first:.0f}, later {last:.0f} {unit}")
+                    self._fail(f"{lane}: not flat: {first:.0f}, later {last:.0f} {unit}")
 
     def finish(self, interrupted):
         if sys.stderr.isatty():
-            print("\r\x1b[K", end="", file=sys.stderr, flush=True)
+            print(CLEAR_LINE, end="", file=sys.stderr, flush=True)
         self._judge()
         text = self._text(interrupted)
         print(text, flush=True)
-        for failure in self.failures:
-            print(f"uva-soak: {failure}", file=sys.stderr)
         if self.failures:
             print(f"uva-soak: repeat it with {self._again()}", file=sys.stderr)
         if self.options.json:
