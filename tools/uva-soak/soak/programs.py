@@ -16,7 +16,6 @@ LONGEST_SILENCE = 31
 LONGEST_CALL = 11
 PLAYED = re.compile(r" done  .*: played .* (to the end|as long as asked|until interrupted)")
 CALL = re.compile(r" call  (\w+).* \((\d+)\.\d+ ms\)$")
-SOURCE = re.compile(r"sourceId=(\d+)")
 SUMMARY = re.compile(r", (\d+) (pictures|dropped|damaged)")
 
 
@@ -82,18 +81,14 @@ class Host(Program):
         self.wrong = []
         self.stacks = ""  # of one that was silent for long
         self.began = threading.Event()
-        self._asking = {}  # times of the requests of a source without an answer
-        self._sought = set()  # sources that may ask again: after a seek the newest request counts
         environment = {"NOX_PLAY_SPEED": str(speed), **(environment or {})}
         super().__init__(["uva-host", *options, media], environment)
 
     def take(self, line):
         if "event NeedMSEData" in line:
-            self._asked(line)
+            self.requests += 1
         elif "call  writeData" in line:
-            self._answered(line)
-        elif "event CancelDataRequests" in line:
-            self._sought.update(self._asking)
+            self.answers += " samples=0 " not in line
         elif "event SeekCompletedEx outcome=0" in line:
             self.seeks += 1
         elif " state playing" in line:
@@ -106,35 +101,12 @@ class Host(Program):
         if took and int(took.group(2)) > LONGEST_CALL * 1000:
             self.wrong.append(f"{took.group(1)} took {took.group(2)} ms")
 
-    def _asked(self, line):
-        self.requests += 1
-        source = SOURCE.search(line).group(1)
-        if source in self._sought:
-            self._asking[source].clear()
-        self._asking.setdefault(source, []).append(float(line.split()[0]))
-
-    def _answered(self, line):
-        """A call is told of when it returns, with the time when it began: the next request may have come meanwhile."""
-        began = float(line.split()[0])
-        source = SOURCE.search(line).group(1)
-        asking = self._asking.get(source, [])
-        answered = [time for time in asking if time <= began]
-        if answered:
-            self.answers += 1
-            asking.remove(answered[-1])
-            self._sought.discard(source)
-
     def _passed(self, line):
         counts = {name: int(number) for number, name in SUMMARY.findall(line)}
         self.passes += 1
         self.pictures += counts.get("pictures", 0)
         if " to the end" in line:
             self.passes_to_end.append(counts.get("pictures", 0))
-        for source, times in self._asking.items():
-            if len(times) > 1:
-                self.wrong.append(f"source {source} asked again before its request was answered, at {times}")
-        self._asking.clear()
-        self._sought.clear()
         for name in ("dropped", "damaged"):
             if name in counts:
                 self.wrong.append(f"{counts[name]} pictures {name}")
