@@ -153,6 +153,26 @@ GstClockReturn waitFor(GstClock* clock, GstClockTime time, GstClockTimeDiff& jit
     return result;
 }
 
+TEST(DecoderSinks, EndTheirWaitsFasterThanRealTime) {
+    g_setenv("NOX_PLAY_SPEED", "1000", TRUE);
+    auto player = SinkPlayer::file("h264-only.mp4");
+    ASSERT_TRUE(player.reach(GST_STATE_PAUSED));
+    g_unsetenv("NOX_PLAY_SPEED");
+    ASSERT_TRUE(player.reach(GST_STATE_PLAYING));
+    auto* clock = gst_pipeline_get_clock(GST_PIPELINE(player.pipeline()));
+    for (int i = 0; i < 2000; ++i) {
+        auto* id =
+            gst_clock_new_single_shot_id(clock, gst_clock_get_time(clock) + 1000 * GST_SECOND);
+        std::thread waiter([id] { gst_clock_id_wait(id, nullptr); });
+        if (i % 2)
+            std::this_thread::yield();
+        gst_clock_id_unschedule(id);
+        waiter.join();
+        gst_clock_id_unref(id);
+    }
+    gst_object_unref(clock);
+}
+
 TEST(DecoderSinks, ShowEveryPictureFasterThanRealTime) {
     constexpr GstClockTime speed = 40;
     g_setenv("NOX_PLAY_SPEED", std::to_string(speed).c_str(), TRUE);

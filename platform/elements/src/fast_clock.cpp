@@ -1,8 +1,10 @@
 #include "fast_clock.h"
 
 #include <algorithm>
+#include <atomic>
 #include <charconv>
 #include <cstdlib>
+#include <new>
 #include <string_view>
 
 namespace {
@@ -11,7 +13,8 @@ struct FastClock {
     GstSystemClock parent;
     GstClockTime start; // of the system's clock
     unsigned speed;
-    GstClockTime held; // guarded by the object lock
+    /// Without a lock: time is read while the system clock holds those of its waits.
+    std::atomic<GstClockTime> held;
 };
 
 struct FastClockClass {
@@ -35,10 +38,7 @@ GstClockTime unheldTime(GstClock* clock) {
 
 GstClockTime internalTime(GstClock* clock) {
     const auto time = unheldTime(clock);
-    GST_OBJECT_LOCK(clock);
-    const auto held = self(clock)->held;
-    GST_OBJECT_UNLOCK(clock);
-    return time - std::min(time, held);
+    return time - std::min(time, self(clock)->held.load());
 }
 
 /// No more than what timers are late by, in real time. Who has read a later time reads it again
@@ -47,9 +47,11 @@ void holdFor(GstClock* clock, GstClockTime time) {
     constexpr GstClockTime tolerance = 5 * GST_MSECOND;
     const auto latest = time + tolerance * self(clock)->speed;
     const auto unheld = unheldTime(clock);
-    GST_OBJECT_LOCK(clock);
-    self(clock)->held = std::max(self(clock)->held, unheld - std::min(unheld, latest));
-    GST_OBJECT_UNLOCK(clock);
+    const auto wanted = unheld - std::min(unheld, latest);
+    auto& held = self(clock)->held;
+    for (auto before = held.load(); before < wanted;)
+        if (held.compare_exchange_weak(before, wanted))
+            return;
 }
 
 /// The system clock's own wait measures by our time but sleeps in real time: it is given the time
@@ -71,7 +73,7 @@ GstClockReturn wait(GstClock* clock, GstClockEntry* entry, GstClockTimeDiff* jit
 
 void fast_clock_init(FastClock* clock) {
     clock->speed = 1;
-    clock->held = 0;
+    new (&clock->held) std::atomic<GstClockTime>(0);
     clock->start = systemClock()->get_internal_time(GST_CLOCK(clock));
 }
 

@@ -52,9 +52,9 @@ class Lane:
         """How many pictures there are from that time to the end."""
         return sum(picture >= second - 0.001 for picture in self.times)
 
-    def look_at(self, host, seeks):
+    def look_at(self, host, seeks, may_fail=False):
         """What a host that is over has said, against what it must."""
-        for wrong in host.wrong:
+        for wrong in host.wrong + ([] if may_fail else host.errors):
             self.fails(f"{wrong}: {host.report()}")
         least = self.shown_from(seeks[-1]) if seeks else len(self.times)
         for shown in host.passes_to_end:
@@ -160,7 +160,7 @@ class Short(Lane):
         code = host.end(number)
         if code not in codes and not self.stopped.is_set():
             self.fails(f"exit code {code}, not {codes[0]}: {host.report()}")
-        self.look_at(host, self.seek)
+        self.look_at(host, self.seek, may_fail=1 in codes)
 
     def begun(self, host):
         """Waits until it plays; one that does not is found out at its end."""

@@ -79,6 +79,7 @@ class Host(Program):
         self.passes = self.pictures = self.seeks = self.requests = self.answers = 0
         self.passes_to_end = []  # pictures of each
         self.wrong = []
+        self.errors = []  # lines of standard error, which count unless a failure is expected
         self.stacks = ""  # of one that was silent for long
         self.began = threading.Event()
         environment = {"NOX_PLAY_SPEED": str(speed), **(environment or {})}
@@ -95,8 +96,8 @@ class Host(Program):
             self.began.set()
         elif PLAYED.search(line):
             self._passed(line)
-        elif "the backend never freed" in line:
-            self.wrong.append(line.strip())
+        elif line.startswith("uva-host: "):
+            self.errors.append(line.strip())
         took = CALL.search(line)
         if took and int(took.group(2)) > LONGEST_CALL * 1000:
             self.wrong.append(f"{took.group(1)} took {took.group(2)} ms")
