@@ -197,7 +197,6 @@ TEST(DecoderSinks, ShowEveryPictureFasterThanRealTime) {
     const auto end = gst_clock_get_time(clock);
     const auto outsideEnd = gst_util_get_timestamp();
     EXPECT_GE(end, begin + 20 * GST_SECOND);
-    EXPECT_GE(end - begin, (insideEnd - inside) * speed);
     EXPECT_LE(end - begin, (outsideEnd - outside) * speed);
     EXPECT_LT(insideEnd - inside, 20 * GST_SECOND);
 

@@ -55,16 +55,20 @@ void holdFor(GstClock* clock, GstClockTime time) {
 }
 
 /// The system clock's own wait measures by our time but sleeps in real time: it is given the time
-/// that is as far away in both.
+/// that is as far away in both, again if ours stood still meanwhile.
 GstClockReturn wait(GstClock* clock, GstClockEntry* entry, GstClockTimeDiff* jitter) {
     const auto due = GST_CLOCK_ENTRY_TIME(entry);
-    const auto now = gst_clock_get_time(clock);
-    if (due > now)
-        GST_CLOCK_ENTRY_TIME(entry) = now + (due - now) / self(clock)->speed;
-    const auto result = systemClock()->wait(clock, entry, nullptr);
-    GST_CLOCK_ENTRY_TIME(entry) = due;
+    auto now = gst_clock_get_time(clock);
     if (jitter)
         *jitter = std::min<GstClockTimeDiff>(GST_CLOCK_DIFF(due, now), 0);
+    GstClockReturn result = GST_CLOCK_OK;
+    do {
+        if (due > now)
+            GST_CLOCK_ENTRY_TIME(entry) = now + (due - now) / self(clock)->speed;
+        result = systemClock()->wait(clock, entry, nullptr);
+        GST_CLOCK_ENTRY_TIME(entry) = due;
+        now = gst_clock_get_time(clock);
+    } while (due > now && (result == GST_CLOCK_OK || result == GST_CLOCK_EARLY));
     if (result != GST_CLOCK_EARLY)
         return result;
     holdFor(clock, due);
