@@ -3,11 +3,14 @@
 #include "sample_order.h"
 
 #include <algorithm>
+#include <atomic>
 #include <utility>
 
 namespace host {
 
 namespace {
+
+std::atomic<long> samples{0};
 
 SampleData withRanges(SampleData data) {
     auto& protection = data.protection;
@@ -30,9 +33,17 @@ KeyReference::KeyReference(const Protection& protection) {
 }
 
 Sample::Sample(SampleData data)
-    : m_data(withRanges(std::move(data))), m_keyReference(m_data.protection) {}
+    : m_data(withRanges(std::move(data))), m_keyReference(m_data.protection) {
+    ++samples;
+}
 
-Sample::~Sample() = default;
+Sample::~Sample() {
+    --samples;
+}
+
+long Sample::living() {
+    return samples;
+}
 
 bool moveIntoMedia(SampleData& sample) {
     constexpr double nothing = 1e-6;

@@ -146,6 +146,70 @@ TEST(DecoderSinks, ShowEveryPictureToTheScreen) {
     EXPECT_FALSE(grabFailed);
 }
 
+GstClockReturn waitFor(GstClock* clock, GstClockTime time, GstClockTimeDiff& jitter) {
+    auto* id = gst_clock_new_single_shot_id(clock, time);
+    const auto result = gst_clock_id_wait(id, &jitter);
+    gst_clock_id_unref(id);
+    return result;
+}
+
+TEST(DecoderSinks, EndTheirWaitsFasterThanRealTime) {
+    g_setenv("NOX_PLAY_SPEED", "1000", TRUE);
+    auto player = SinkPlayer::file("h264-only.mp4");
+    ASSERT_TRUE(player.reach(GST_STATE_PAUSED));
+    g_unsetenv("NOX_PLAY_SPEED");
+    ASSERT_TRUE(player.reach(GST_STATE_PLAYING));
+    auto* clock = gst_pipeline_get_clock(GST_PIPELINE(player.pipeline()));
+    for (int i = 0; i < 2000; ++i) {
+        auto* id =
+            gst_clock_new_single_shot_id(clock, gst_clock_get_time(clock) + 1000 * GST_SECOND);
+        std::thread waiter([id] { gst_clock_id_wait(id, nullptr); });
+        if (i % 2)
+            std::this_thread::yield();
+        gst_clock_id_unschedule(id);
+        waiter.join();
+        gst_clock_id_unref(id);
+    }
+    gst_object_unref(clock);
+}
+
+TEST(DecoderSinks, ShowEveryPictureFasterThanRealTime) {
+    constexpr GstClockTime speed = 40;
+    g_setenv("NOX_PLAY_SPEED", std::to_string(speed).c_str(), TRUE);
+    auto player = SinkPlayer::file("clip.mp4");
+    const auto before = nox::Screen::instance().counters(0);
+    ASSERT_TRUE(player.reach(GST_STATE_PAUSED));
+    g_unsetenv("NOX_PLAY_SPEED");
+    EXPECT_TRUE(player.playToEnd());
+    const auto after = nox::Screen::instance().counters(0);
+    EXPECT_EQ(after.shown - before.shown, 150);
+    EXPECT_EQ(after.dropped, before.dropped);
+    EXPECT_NEAR(player.position(), 6.0, 0.1);
+
+    auto* clock = gst_pipeline_get_clock(GST_PIPELINE(player.pipeline()));
+    const auto outside = gst_util_get_timestamp();
+    const auto begin = gst_clock_get_time(clock);
+    const auto inside = gst_util_get_timestamp();
+    GstClockTimeDiff jitter = 0;
+    EXPECT_EQ(waitFor(clock, begin + 20 * GST_SECOND, jitter), GST_CLOCK_OK);
+    EXPECT_LT(jitter, 0);
+    const auto insideEnd = gst_util_get_timestamp();
+    const auto end = gst_clock_get_time(clock);
+    const auto outsideEnd = gst_util_get_timestamp();
+    EXPECT_GE(end, begin + 20 * GST_SECOND);
+    EXPECT_LE(end - begin, (outsideEnd - outside) * speed);
+    EXPECT_LT(insideEnd - inside, 20 * GST_SECOND);
+
+    // Who comes late holds it up.
+    const auto late = gst_util_get_timestamp();
+    EXPECT_EQ(waitFor(clock, 0, jitter), GST_CLOCK_OK);
+    EXPECT_EQ(jitter, 0);
+    const auto held = gst_clock_get_internal_time(clock);
+    const auto sinceThen = gst_util_get_timestamp() - late + 5 * GST_MSECOND;
+    EXPECT_LE(held, sinceThen * speed);
+    gst_object_unref(clock);
+}
+
 class Refuses : public testing::TestWithParam<Texts> {};
 
 TEST_P(Refuses, TheRefusedStaysAwayAndTheRestPlaysOnInTime) {

@@ -95,6 +95,14 @@ class Arbitration(unittest.TestCase):
                 self.assertEqual(sorted(said[1:-1]), sorted(formats + requests))
                 self.assertEqual(said[-1:], [f"520 {mine}DECODER_RELEASE_RESP param1=3 (audio+video)"])
 
+    def test_a_signal_ends_the_main_system_in_order(self):
+        for number in (signal.SIGTERM, signal.SIGINT):
+            main = subprocess.Popen([MAINSYS], stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True)
+            self.assertIn("main system is up", main.stdout.readline())
+            main.send_signal(number)
+            main.communicate(timeout=TIMEOUT)
+            self.assertEqual(main.returncode, 0)
+
     def test_a_refused_player_ends_with_its_reason(self):
         main = MainSystem("refuse", ASKED, "expect VIDEO_FORMAT_IND within 600000", UNTIL_THE_PLAYER_ENDS)
         self.is_refused(Run(CLIP, *OPTIONS), "the main system has none to give, .*end the player that has it")

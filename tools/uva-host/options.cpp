@@ -36,6 +36,7 @@ Times are seconds (12.5) or m:ss (1:30). In a pipe the output is a log, a line a
 Environment:
   UVA_DEFAULT_MEDIA     what to play when nothing is named
   UVA_BACKEND_LIBRARY   the backend library, unless --backend names one
+  NOX_PLAY_SPEED        how many times as fast as real time the simulated set plays, up to 1000
   GST_DEBUG             what GStreamer tells the system log, e.g. 2 for its warnings
 
 Exit codes:
@@ -134,6 +135,8 @@ tools::OptionGroup playing(Options& options) {
           list(into(options.seeks, form::time)), Use::Repeated},
          {"--duration", "T", "Stop after playing for so long",
           into(options.duration, form::period)},
+         {"--loop", nullptr, "Play it all again and again, until interrupted or until it fails",
+          &options.loop},
          {"--window", "X,Y,WxH", "Place the picture, in a screen of 1280x720",
           into(options.window, form::window)},
          {"--deny-resources", nullptr, "Refuse the decoders when the backend asks for them",

@@ -31,6 +31,7 @@ struct Options {
     bool standalone = false;
     bool denyResources = false;
     bool quiet = false;
+    bool loop = false;
     std::vector<double> seeks;
     std::optional<double> duration;
     std::optional<double> noProgressTimeout;

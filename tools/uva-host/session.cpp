@@ -7,6 +7,7 @@
 #include "host/capability_query.h"
 #include "host/event_loop.h"
 #include "host/media_uri.h"
+#include "host/sample.h"
 #include "media_source.h"
 #include "uva/uva_client.h"
 #include "uva/uva_event.h"
@@ -75,7 +76,7 @@ void Session::useLibrary() {
 void Session::playMedia(std::shared_ptr<const host::BackendLibrary> library) {
     tools::Signals signals{SIGINT, SIGTERM, SIGHUP, SIGTSTP, SIGCONT, SIGWINCH};
     Terminal terminal;
-    Timeline timeline;
+    Timeline timeline(!m_options.timeline.empty());
     Display display(styleOf(m_options, terminal));
     Stage stage{m_options,
                 signals,
@@ -85,10 +86,10 @@ void Session::playMedia(std::shared_ptr<const host::BackendLibrary> library) {
                 std::move(library),
                 std::make_shared<host::EventLoop>(),
                 makeKeys(m_options)};
-    if (m_options.mse)
-        playSource(stage);
-    else
-        playAll(stage);
+    bool goesOn = true;
+    do {
+        goesOn = (m_options.mse ? playSource(stage) : playAll(stage)) && m_options.loop;
+    } while (goesOn && m_exitCode == 0);
     writeOutputs(timeline);
 }
 
@@ -135,30 +136,40 @@ void Session::checkOutputs() {
         failIf(tools::whyNotWritable(m_output.pathOf(*path)));
 }
 
-void Session::playAll(Stage& stage) {
+/// Whether the run goes on, like those below.
+bool Session::playAll(Stage& stage) {
     for (std::size_t i = 0; i < m_uris.size(); ++i) {
         const auto& name = m_options.media[i];
         Playback playback(stage, name, i + 1 == m_uris.size());
         if (!take(playback.play(m_uris[i]), name))
-            return;
+            return false;
     }
+    return true;
 }
 
 /// All that is named is one piece of media.
-void Session::playSource(Stage& stage) {
+bool Session::playSource(Stage& stage) {
     std::string name;
     for (const auto& part : m_options.media)
         name += (name.empty() ? "" : " + ") + part;
     if (stage.keys != nullptr)
         UVA_OfferDRMBackend(host::clearKeySystem, stage.keys.get());
+    bool goesOn = false;
     {
         Playback playback(stage, name, true);
-        take(playback.play(makeMediaSource(m_options, stage.keys)), name);
+        goesOn = take(playback.play(makeMediaSource(m_options, stage.keys)), name);
     }
     UVA_OfferDRMBackend(host::clearKeySystem, nullptr);
+    return goesOn && isWithoutSamples();
 }
 
-/// Whether the run goes on.
+/// With its release a backend has freed all samples that it was given.
+bool Session::isWithoutSamples() {
+    const auto left = host::Sample::living();
+    failIf(left == 0 ? "" : "the backend never freed " + std::to_string(left) + " samples");
+    return left == 0;
+}
+
 bool Session::take(Playback::Result result, const std::string& name) {
     failIf(result.error.empty() ? "" : printable(name) + ": " + result.error);
     if (!result.snapshot.rgba.empty())

@@ -34,8 +34,9 @@ private:
     void useLibrary();
     void answerQuestions(const host::BackendLibrary& library);
     void playMedia(std::shared_ptr<const host::BackendLibrary> library);
-    void playAll(Stage& stage);
-    void playSource(Stage& stage);
+    bool playAll(Stage& stage);
+    bool playSource(Stage& stage);
+    bool isWithoutSamples();
     bool take(Playback::Result result, const std::string& name);
     void writeOutputs(const Timeline& timeline);
     void checkLog();

@@ -9,6 +9,8 @@ enum Track : int { Operations = 1, Events, States };
 } // namespace
 
 void Timeline::mediaBegins(const std::string& name, host::Clock::time_point time) {
+    if (!m_isWanted)
+        return;
     m_events.instant(Events, "media", time, {{"name", name}}, "p");
     m_last = {};
 }
@@ -16,6 +18,8 @@ void Timeline::mediaBegins(const std::string& name, host::Clock::time_point time
 /// An operation made while an event was delivered may overlap those of the event loop, which a
 /// track of nested spans cannot show: it goes where the event is.
 void Timeline::add(const host::Record& record) {
+    if (!m_isWanted)
+        return;
     tools::TraceEvents::Arguments arguments;
     for (const auto& [name, value] : record.arguments)
         arguments.emplace_back(name, value);
@@ -27,6 +31,8 @@ void Timeline::add(const host::Record& record) {
 }
 
 void Timeline::add(const host::Status& status) {
+    if (!m_isWanted)
+        return;
     if (!m_stateSince || status.state != m_last.state) {
         mediaEnds(status.time);
         m_stateSince = status.time;

@@ -14,6 +14,9 @@ namespace uvahost {
 /// duration as counters.
 class Timeline {
 public:
+    /// Keeps nothing when nobody wants it: a run may be long.
+    explicit Timeline(bool isWanted) : m_isWanted(isWanted) {}
+
     void mediaBegins(const std::string& name, host::Clock::time_point time);
     void add(const host::Record& record);
     void add(const host::Status& status);
@@ -22,6 +25,7 @@ public:
     std::string text() const { return m_events.text(); }
 
 private:
+    const bool m_isWanted;
     tools::TraceEvents m_events{"uva-host", {"operations", "events", "state"}};
     host::Status m_last;
     std::optional<host::Clock::time_point> m_stateSince; ///< nothing: no state is shown

@@ -197,7 +197,9 @@ void Session::waitForSomething() {
         takeInput();
     if (waiting[3].revents != 0)
         playerEnded();
-    if (waiting[2].revents != 0 && !m_playerEnded) // else the scenario is about to end by itself
+    // Taken, or it would end the program by itself when it is no more held back.
+    if (waiting[2].revents != 0 && m_endSignals.take() != 0 &&
+        !m_playerEnded) // else the scenario is about to end by itself
         end(isScenario() ? ExitFailed : 0,
             isScenario() ? "ended by a signal before the end of the scenario" : "");
 }

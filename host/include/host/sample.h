@@ -65,6 +65,9 @@ public:
     explicit Sample(SampleData data);
     ~Sample() override;
 
+    /// How many there are in this process: none once all that was made has been freed.
+    static long living();
+
     /// One that is encrypted as a whole has an entry with all of its bytes.
     const SampleData& data() const { return m_data; }
 

@@ -1,5 +1,6 @@
 #include "hal_sink.h"
 
+#include "fast_clock.h"
 #include "inner_sinks.h"
 #include "nox/screen.h"
 #include "opus_caps.h"
@@ -50,7 +51,9 @@ bool isFlushing(GstPad* pad) {
 
 HalSink::HalSink(GstBin* bin, const char* kind, const MediaFormats& formats)
     : m_bin(bin), m_kind(kind), m_formats(formats),
-      m_silent(sinkRef(gst_element_factory_make("fakesink", "silent"))), m_chain(bin) {
+      m_silent(sinkRef(gst_element_factory_make("fakesink", "silent"))),
+      m_fastClock(playSpeed() > 1 ? GST_OBJECT(makeFastClock(playSpeed())) : nullptr),
+      m_chain(bin) {
     auto* klass = GST_ELEMENT_GET_CLASS(bin);
     auto* pad = gst_ghost_pad_new_no_target_from_template(
         "sink", gst_element_class_get_pad_template(klass, "sink"));
@@ -62,6 +65,8 @@ HalSink::HalSink(GstBin* bin, const char* kind, const MediaFormats& formats)
     m_sinkPad = GST_GHOST_PAD(pad);
     seekFromInput();
     GST_OBJECT_FLAG_SET(bin, GST_ELEMENT_FLAG_SINK);
+    if (m_fastClock)
+        GST_OBJECT_FLAG_SET(bin, GST_ELEMENT_FLAG_PROVIDE_CLOCK);
 
     if (!m_silent)
         return; // no core elements: the step to READY says so
@@ -312,7 +317,7 @@ void HalSink::post(GstPtr<GstStructure> structure) {
 }
 
 void HalSink::useDevice() {
-    if (m_output != m_silent.get())
+    if (m_output != m_silent.get() || m_fastClock)
         return;
     const auto device = makeDeviceOutput();
     if (!device)
@@ -444,6 +449,12 @@ void HalSink::handleMessage(GstMessage* message) {
     GST_BIN_CLASS(gst_hal_sink_parent_class)->handle_message(m_bin, message);
 }
 
+GstClock* HalSink::provideClock() const {
+    if (m_fastClock)
+        return GST_CLOCK(gst_object_ref(m_fastClock.get()));
+    return GST_ELEMENT_CLASS(gst_hal_sink_parent_class)->provide_clock(GST_ELEMENT(m_bin));
+}
+
 } // namespace noxelements
 
 using noxelements::MediaFormats;
@@ -468,6 +479,10 @@ static GstStateChangeReturn changeState(GstElement* element, GstStateChange tran
 
 static gboolean sendEvent(GstElement* element, GstEvent* event) {
     return reinterpret_cast<GstHalSink*>(element)->impl->sendEvent(event);
+}
+
+static GstClock* provideClock(GstElement* element) {
+    return reinterpret_cast<GstHalSink*>(element)->impl->provideClock();
 }
 
 static void handleMessage(GstBin* bin, GstMessage* message) {
@@ -511,6 +526,7 @@ static void gst_hal_sink_class_init(GstHalSinkClass* klass) {
                            static_cast<GParamFlags>(G_PARAM_READWRITE | G_PARAM_STATIC_STRINGS)));
     GST_ELEMENT_CLASS(klass)->change_state = changeState;
     GST_ELEMENT_CLASS(klass)->send_event = sendEvent;
+    GST_ELEMENT_CLASS(klass)->provide_clock = provideClock;
     GST_BIN_CLASS(klass)->handle_message = handleMessage;
     klass->decoder_request = grant;
     // The default grants; it runs last and so only counts when nobody is connected.

@@ -12,7 +12,8 @@ namespace noxelements {
 
 /// A sink that takes encoded data, as a set's decoder does: it asks for the decoder before the
 /// first data, then decodes and renders, or swallows the data when refused. With no device to
-/// render to, a silent output that keeps time takes its place.
+/// render to, a silent output that keeps time takes its place; so it does when the set plays faster
+/// than real time, see fast_clock.h.
 ///
 /// Data and serialised events come on the streaming thread under the sink pad's stream lock, which
 /// guards what carries no note of its own. State changes touch that only once the pad is inactive.
@@ -27,6 +28,8 @@ public:
     GstStateChangeReturn changeState(GstStateChange transition);
     gboolean sendEvent(GstEvent* event);
     virtual void handleMessage(GstMessage* message);
+    /// The clock of a set that plays faster than real time, null otherwise. The caller's reference.
+    GstClock* provideClock() const;
 
     /// The application has passed the request under way on: other sinks may ask. Thread-safe.
     void requestForwarded();
@@ -88,7 +91,8 @@ private:
     const char* const m_kind;
     const MediaFormats& m_formats;
     const GstPtr<GstElement> m_silent;
-    GstElement* m_output = nullptr; // in the bin: m_silent or the device's
+    const GstPtr<GstObject> m_fastClock; // null in real time
+    GstElement* m_output = nullptr;      // in the bin: m_silent or the device's
     GstGhostPad* m_sinkPad = nullptr;
     DecodeChain m_chain;
     GstPtr<GstStructure> m_reportedFormat; // where decoded data is told about
