@@ -176,7 +176,7 @@ int SocketComm_Sendto(int fd, const void* buffer, unsigned length, const char* d
     ssize_t sent = 0;
     do
         sent = sendto(fd, buffer, length, sendFlagsInUse, address.get(), SocketAddress::size);
-    while (sent < 0 && errno == EAGAIN && budget.wait());
+    while (sent < 0 && (errno == EINTR || (errno == EAGAIN && budget.wait())));
     return static_cast<int>(sent);
 }
 

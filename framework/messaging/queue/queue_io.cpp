@@ -130,15 +130,19 @@ int send(int handle, const ZantMsgBody& body, unsigned prio, const CancellationB
     for (;;) {
         const int result =
             mq_timedsend(handle, reinterpret_cast<const char*>(&body), sizeof body, prio, &atOnce);
-        if (result == 0 || errno != ETIMEDOUT)
+        if (result == 0 || (errno != ETIMEDOUT && errno != EINTR))
             return result;
-        if (waitFor(handle, POLLOUT, nullptr, block) < 0)
+        if (errno == ETIMEDOUT && waitFor(handle, POLLOUT, nullptr, block) < 0)
             return -1;
     }
 }
 
 ssize_t receiveAtOnce(int handle, ZantMsgBody& body) {
-    return mq_timedreceive(handle, reinterpret_cast<char*>(&body), sizeof body, nullptr, &atOnce);
+    ssize_t size = 0;
+    do
+        size = mq_timedreceive(handle, reinterpret_cast<char*>(&body), sizeof body, nullptr, &atOnce);
+    while (size < 0 && errno == EINTR);
+    return size;
 }
 
 int waitFor(int handle, short events, const Clock::time_point* deadline,
