@@ -31,7 +31,9 @@ constexpr size_t tableSize = 64 * 8;
 /// before.
 class Peer {
 public:
-    Peer() { std::memcpy(m_before, m_bytes, sizeof m_before); }
+    explicit Peer(const fuzz::SharedMemory& memory) : m_bytes(mapped(memory)) {
+        std::memcpy(m_before, m_bytes, sizeof m_before);
+    }
     ~Peer() {
         write(0, m_before, lockAt);
         write(behindLock, m_before + behindLock, sizeof m_before - behindLock);
@@ -49,23 +51,21 @@ public:
     }
 
 private:
-    static uint8_t* mapped() {
-        static uint8_t* const bytes = map();
+    static uint8_t* mapped(const fuzz::SharedMemory& memory) {
+        static uint8_t* const bytes = map(memory);
         return bytes;
     }
-    static uint8_t* map() {
-        const int fd = shm_open(fuzz::sharedMemoryName().c_str(), O_RDWR | O_CLOEXEC, 0);
-        void* const bytes =
-            mmap(nullptr, headerSize + tableSize, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+    static uint8_t* map(const fuzz::SharedMemory& memory) {
+        void* const bytes = mmap(nullptr, headerSize + tableSize, PROT_READ | PROT_WRITE,
+                                 MAP_SHARED, memory.descriptor(), 0);
         require(bytes != MAP_FAILED);
-        close(fd);
         return static_cast<uint8_t*>(bytes);
     }
     void write(size_t at, const void* bytes, size_t size) {
         std::memcpy(m_bytes + at, bytes, size);
     }
 
-    uint8_t* const m_bytes = mapped();
+    uint8_t* const m_bytes;
     uint8_t m_before[headerSize + tableSize];
 };
 
@@ -114,7 +114,7 @@ int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     static const fuzz::SharedMemory memory;
     static CZantRpcMsgDestPosix& destination = *new CZantRpcMsgDestPosix;
     fuzz::Input input(data, size);
-    Peer peer;
+    Peer peer(memory);
     const Blocks blocks;
     peer.scribble(input);
     while (input.size() > 0) {
