@@ -1,12 +1,16 @@
 // The link with its real queues, and a main system that is nothing but the two ends of them.
 
+#include "UvaGstIfLink.h"
 #include "decoder_link_fixture.h"
 #include "messaging/queue/zant_msg_body.h"
 #include "messaging_fixture.h"
 #include "support/private_arena.h"
 
 #include <array>
+#include <cstdlib>
 #include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 namespace {
 
@@ -129,6 +133,28 @@ TEST_F(DecoderWire, TheMainSystemReceivesEachWordInItsPlace) {
     EXPECT_EQ(msg.responseInfo, 21);
     EXPECT_EQ(msg.responseInfo2, -22);
     EXPECT_EQ(std::string(static_cast<char*>(msg.signalPtr), 4), "text");
+}
+
+TEST_F(DecoderWire, WhatWasToldIsHeardWhenTheProcessEndsAtOnce) {
+    constexpr int words = 10;
+    for (int run = 0; run < 20; ++run) {
+        const pid_t child = fork();
+        ASSERT_GE(child, 0);
+        if (child == 0) {
+            const bool isOpen = openUvaGstIfLink().empty();
+            for (int i = 0; i < words; ++i)
+                uvaGstIfLowerLayer.sendIndicationInt32(SIG_ID_MPLAYER_DECODER_RELEASE_RESP, i);
+            std::exit(isOpen ? 0 : 1);
+        }
+        int status = -1;
+        ASSERT_EQ(waitpid(child, &status, 0), child);
+        ASSERT_EQ(status, 0);
+        mq_attr attributes{};
+        mq_getattr(m_mainSystem, &attributes);
+        ASSERT_EQ(attributes.mq_curmsgs, words) << "child " << run;
+        for (int i = 0; i < words; ++i)
+            received();
+    }
 }
 
 TEST_F(DecoderWire, WithoutAReceiverItsOwnThreadTellsTheObservers) {

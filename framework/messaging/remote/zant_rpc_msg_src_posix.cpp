@@ -40,7 +40,12 @@ int32_t CZantRpcMsgSrcPosix::SendCmd(CZantMsg* msg) {
         msg->FreeSignal();
         return CZantMsgQueue::sendFailed;
     }
-    return CThreadObjectWithQueue::SendCmd(msg);
+    const bool isToForward = msg && msg->signalId != SIG_ID_STOP_THREAD;
+    m_given += isToForward; // before the thread can have forwarded it
+    const int32_t result = CThreadObjectWithQueue::SendCmd(msg);
+    if (result < 0)
+        m_given -= isToForward;
+    return result;
 }
 
 void CZantRpcMsgSrcPosix::ProcessZantMsg(CZantMsg* msg) {
@@ -48,6 +53,20 @@ void CZantRpcMsgSrcPosix::ProcessZantMsg(CZantMsg* msg) {
                       "CZantRpcMsgSrcPosix::ProcessZantMsg called for sending IPC msg -- Signal = "
                           << msg->signalName() << '\n');
     SendMsgViaRpcPosixQueue(msg);
+    ++m_forwarded;
+    if (!m_isAwaited)
+        return;
+    const MutexLock lock(m_sentMutex);
+    m_sent.broadcast();
+}
+
+bool CZantRpcMsgSrcPosix::WaitUntilSent(std::chrono::steady_clock::time_point deadline) {
+    const MutexLock lock(m_sentMutex);
+    m_isAwaited = true;
+    while (m_forwarded != m_given && m_sent.waitUntil(m_sentMutex, deadline)) {
+    }
+    m_isAwaited = false;
+    return m_forwarded == m_given;
 }
 
 int32_t CZantRpcMsgSrcPosix::SendMsgViaRpcPosixQueue(CZantMsg* msg) {

@@ -4,8 +4,10 @@
 #include "messaging/queue_thread/thread_object_with_queue.h"
 
 #include "cpucomm/trid_cpucomm.h"
+#include "util/mutex.h"
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <string>
 
@@ -32,6 +34,9 @@ public:
     /// message with a payload object (-1421). Thread-safe.
     int32_t SendCmd(CZantMsg* msg) override;
     void ProcessZantMsg(CZantMsg* msg) override;
+    /// Waits until the thread has forwarded, or lost, what SendCmd was given. False when the
+    /// deadline passed before. Any thread but this one; for one waiter at a time.
+    bool WaitUntilSent(std::chrono::steady_clock::time_point deadline);
     /// Sends the message now; its payload is gone afterwards. 0, -1322, or -1421 when it could not
     /// be put into the peer's queue. On the thread.
     int32_t SendMsgViaRpcPosixQueue(CZantMsg* msg);
@@ -48,6 +53,12 @@ private:
     void closeTargetQueue();
     /// Moves the payload, if any, into shared memory; `block` is that copy. False without room.
     static bool sharePayload(CZantMsg& msg, void*& block);
+
+    std::atomic<uint32_t> m_given{0};
+    std::atomic<uint32_t> m_forwarded{0};
+    std::atomic<bool> m_isAwaited{false};
+    Mutex m_sentMutex;
+    ConditionVariable m_sent;
 
     std::string targetFunc;
     /// From here on the thread's own.

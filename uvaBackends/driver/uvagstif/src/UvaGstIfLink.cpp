@@ -4,6 +4,8 @@
 #include "UvaGstIfReceiver.h"
 #include "messaging/queue/queue_io.h"
 
+#include <chrono>
+#include <cstdlib>
 #include <cstring>
 
 namespace {
@@ -16,6 +18,12 @@ std::string describe(const CThreadObjectWithQueue& part) {
            ": " + (reason ? reason : "unknown error") + (advice.empty() ? "" : "; " + advice);
 }
 
+/// A program may end right after it has given the decoders back: that has still to be told.
+void tellWhatIsLeft() {
+    constexpr std::chrono::seconds longest(1);
+    uvaGstIfLowerLayer.WaitUntilSent(std::chrono::steady_clock::now() + longest);
+}
+
 } // namespace
 
 std::string openUvaGstIfLink() {
@@ -24,8 +32,10 @@ std::string openUvaGstIfLink() {
     uvaGstIfLowerLayer.Init(uvaGstIfReceiver.queueHandle(), 0);
     const CThreadObjectWithQueue* const notOpened =
         result != 0 ? &uvaGstIfReceiver : uvaGstIfLowerLayer.NotOpened();
-    if (!notOpened)
+    if (!notOpened) {
+        std::atexit(tellWhatIsLeft);
         return {};
+    }
     uvaGstIfReceiver.cutOff();
     return describe(*notOpened);
 }

@@ -6,6 +6,7 @@
 #include "messaging/queue_thread/thread_object_with_queue.h"
 #include "messaging/remote/zant_rpc_msg_src_posix.h"
 
+#include <chrono>
 #include <cstdint>
 
 class CUvaGstMsgDestLowerLayer;
@@ -30,6 +31,11 @@ public:
     /// when all is open.
     const CThreadObjectWithQueue* NotOpened() const { return m_notOpened; }
     void Term();
+    /// Waits until the main system's queue has what it was told so far; false when it has not by
+    /// then. Any thread but the link's.
+    bool WaitUntilSent(std::chrono::steady_clock::time_point deadline) {
+        return m_source.WaitUntilSent(deadline);
+    }
     int32_t Dump() { return 0; }
 
     /// Queues the message for the main system; its payload is gone afterwards. A negative code, see
