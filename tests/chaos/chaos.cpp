@@ -38,6 +38,7 @@ struct Profile {
     const char* name;
     unsigned gap;          ///< calls between two pauses of a thread, on the average; 0: no pauses
     unsigned longest;      ///< of a pause, microseconds
+    unsigned hotPlaces;    ///< chance of a place in our code to be one where pauses are long
     unsigned slowThreads;  ///< chance of a thread to pause 16 times as often
     unsigned lateStarts;   ///< ... to begin late
     unsigned interrupts;   ///< EINTR
@@ -46,18 +47,19 @@ struct Profile {
     unsigned failedMemory; ///< null from the operator new that may answer it
 };
 constexpr Profile profiles[] = {
-    {"light", 400, 2000, 100, 300, 0, 0, 0, 0},
-    {"heavy", 30, 500, 300, 500, 0, 0, 0, 0},
-    {"few-and-long", 1500, 30000, 50, 500, 0, 0, 0, 0},
-    {"interrupts", 400, 1000, 100, 300, 200, 0, 0, 0},
-    {"wakes", 300, 1000, 200, 300, 0, 300, 0, 0},
-    {"clock", 400, 2000, 100, 300, 50, 50, 100, 0},
-    {"failures", 400, 2000, 100, 300, 50, 0, 0, 100},
+    {"light", 400, 2000, 40, 100, 300, 0, 0, 0, 0},
+    {"heavy", 30, 500, 0, 300, 500, 0, 0, 0, 0},
+    {"few-and-long", 1500, 30000, 40, 50, 500, 0, 0, 0, 0},
+    {"interrupts", 400, 1000, 40, 100, 300, 200, 0, 0, 0},
+    {"wakes", 300, 1000, 40, 200, 300, 0, 300, 0, 0},
+    {"clock", 400, 2000, 40, 100, 300, 50, 50, 100, 0},
+    {"failures", 400, 2000, 40, 100, 300, 50, 0, 0, 100},
 };
 
-enum Effect { Pause, LateStart, Interrupt, IdleWake, ClockStep, FailedMemory, Effects };
-constexpr const char* effectNames[Effects] = {"pauses",     "late starts", "interrupts",
-                                              "idle wakes", "clock steps", "failed allocations"};
+enum Effect { Pause, LongPause, LateStart, Interrupt, IdleWake, ClockStep, FailedMemory, Effects };
+constexpr const char* effectNames[Effects] = {
+    "pauses",     "long pauses", "late starts",       "interrupts",
+    "idle wakes", "clock steps", "failed allocations"};
 
 const Profile* profile = nullptr; // null: nothing is done
 std::uint64_t seed = 0;
@@ -119,33 +121,75 @@ std::int64_t began = 0;
 std::atomic<std::int64_t> paused{0}; // nanoseconds, of all threads
 
 /// All threads together pause a third of the time at most, and a little more, so that what takes a
-/// second longer than it may has not been held up here. Most pauses are short, and a few as long as
-/// they may be.
-void pauseNow(Numbers& own) {
+/// second longer than it may has not been held up here.
+void pauseFor(std::int64_t nanoseconds, Effect effect) {
     constexpr std::int64_t atOnce = 100000000;
-    const auto longest = std::uint64_t{profile->longest} * 1000;
-    const auto length = static_cast<std::int64_t>(own.below(longest) >> own.below(7));
     const std::int64_t begin = monotonic();
     if (paused.load(std::memory_order_relaxed) > atOnce + (begin - began) / 3)
         return;
     const int error = errno;
-    note(Pause);
-    if (length < 20000) {
+    note(effect);
+    if (nanoseconds < 20000) {
         syscall(SYS_sched_yield);
     } else {
-        const timespec time{0, length};
+        const timespec time{0, nanoseconds};
         syscall(SYS_clock_nanosleep, CLOCK_MONOTONIC, 0, &time, nullptr);
     }
     paused.fetch_add(monotonic() - begin, std::memory_order_relaxed);
     errno = error;
 }
 
+/// Most pauses are short, and a few as long as they may be.
+void pauseNow(Numbers& own) {
+    const auto longest = std::uint64_t{profile->longest} * 1000;
+    pauseFor(static_cast<std::int64_t>(own.below(longest) >> own.below(7)), Pause);
+}
+
+// ---- where it is called from
+
+#define CALLER __builtin_extract_return_addr(__builtin_return_address(0))
+
+/// Of the product, and of programs of this project that share its code: the caller's place in its
+/// file. 0 for others' libraries.
+std::uintptr_t ownPlace(void* caller) {
+    dl_find_object found{};
+    if (_dl_find_object(caller, &found) != 0)
+        return 0;
+    const char* name = found.dlfo_link_map->l_name;
+    if (*name != '\0' && std::strstr(name, "/libuvagstbackend.so") == nullptr)
+        return 0;
+    return reinterpret_cast<std::uintptr_t>(caller) - found.dlfo_link_map->l_addr;
+}
+
+/// Others' libraries may end the process where they see a failure.
+bool isOurs(void* caller) {
+    return ownPlace(caller) != 0;
+}
+
+/// A race's window is often a few instructions at one place. A seed chooses some places, where
+/// threads pause so long that everything else goes by, each time or a few times of a hundred: what
+/// comes by rarely would else find the time for pauses used up.
+unsigned chanceOfLongPause(void* caller) {
+    if (profile->hotPlaces == 0)
+        return 0;
+    const std::uintptr_t place = ownPlace(caller);
+    if (place == 0)
+        return 0;
+    const std::uint64_t drawn = mix(mix(seed + 1) ^ place);
+    return drawn % 1000 < profile->hotPlaces ? 1000U >> (drawn >> 32) % 8 : 0;
+}
+
 /// A place where another thread may come in between.
-void point() {
-    if (profile == nullptr || profile->gap == 0)
+void point(void* caller) {
+    if (profile == nullptr)
         return;
     auto& own = numbers();
-    if (--own.untilPause != 0)
+    if (own.happens(chanceOfLongPause(caller))) {
+        constexpr std::uint64_t shortest = 2000000; // to 64 ms, each doubling as often
+        const auto length = (shortest + own.below(shortest)) << own.below(5);
+        return pauseFor(static_cast<std::int64_t>(length), LongPause);
+    }
+    if (profile->gap == 0 || --own.untilPause != 0)
         return;
     own.drawGap();
     pauseNow(own);
@@ -158,20 +202,8 @@ bool happens(Effect effect, unsigned Profile::*chance) {
     return true;
 }
 
-/// Failures are for the product, and for programs of this project that share its code: others'
-/// libraries may end the process where they see one.
-bool isOurs(void* caller) {
-    dl_find_object found{};
-    if (_dl_find_object(caller, &found) != 0)
-        return false;
-    const char* name = found.dlfo_link_map->l_name;
-    return *name == '\0' || std::strstr(name, "/libuvagstbackend.so") != nullptr;
-}
-
-#define CALLER __builtin_extract_return_addr(__builtin_return_address(0))
-
 bool isInterrupted(void* caller) {
-    point();
+    point(caller);
     if (profile == nullptr || !isOurs(caller) || !happens(Interrupt, &Profile::interrupts))
         return false;
     errno = EINTR;
@@ -272,41 +304,41 @@ EXPORTED int pthread_create(pthread_t* thread, const pthread_attr_t* attributes,
     auto* const next = REAL(pthread_create);
     if (profile == nullptr)
         return next(thread, attributes, function, argument);
-    point();
+    point(CALLER);
     auto& own = numbers();
     auto* const start =
         new Start{function, argument, mix(own.identity + ++own.children * 0x9e3779b9U) | 1U};
     const int result = next(thread, attributes, startThread, start);
     if (result != 0)
         delete start;
-    point();
+    point(CALLER);
     return result;
 }
 
 // ---- locks and conditions
 
 EXPORTED int pthread_mutex_lock(pthread_mutex_t* mutex) {
-    point();
+    point(CALLER);
     return REAL(pthread_mutex_lock)(mutex);
 }
 
 EXPORTED int pthread_mutex_unlock(pthread_mutex_t* mutex) {
     const int result = REAL(pthread_mutex_unlock)(mutex);
-    point();
+    point(CALLER);
     return result;
 }
 
 EXPORTED int pthread_cond_signal(pthread_cond_t* condition) {
-    point();
+    point(CALLER);
     const int result = REAL(pthread_cond_signal, "GLIBC_2.3.2")(condition);
-    point();
+    point(CALLER);
     return result;
 }
 
 EXPORTED int pthread_cond_broadcast(pthread_cond_t* condition) {
-    point();
+    point(CALLER);
     const int result = REAL(pthread_cond_broadcast, "GLIBC_2.3.2")(condition);
-    point();
+    point(CALLER);
     return result;
 }
 
@@ -314,7 +346,7 @@ namespace {
 
 /// Waits are the product's own only where its code calls for them: others' may not look again.
 bool wakesForNothing(void* caller) {
-    point();
+    point(caller);
     return profile != nullptr && isOurs(caller) && happens(IdleWake, &Profile::idleWakes);
 }
 
@@ -349,35 +381,35 @@ EXPORTED int pthread_cond_clockwait(pthread_cond_t* condition, pthread_mutex_t* 
 // GLib's have nothing of the C library's beneath them.
 
 EXPORTED void g_mutex_lock(GMutex* mutex) {
-    point();
+    point(CALLER);
     REAL(g_mutex_lock)(mutex);
 }
 
 EXPORTED void g_mutex_unlock(GMutex* mutex) {
     REAL(g_mutex_unlock)(mutex);
-    point();
+    point(CALLER);
 }
 
 EXPORTED void g_rec_mutex_lock(GRecMutex* mutex) {
-    point();
+    point(CALLER);
     REAL(g_rec_mutex_lock)(mutex);
 }
 
 EXPORTED void g_rec_mutex_unlock(GRecMutex* mutex) {
     REAL(g_rec_mutex_unlock)(mutex);
-    point();
+    point(CALLER);
 }
 
 EXPORTED void g_cond_signal(GCond* condition) {
-    point();
+    point(CALLER);
     REAL(g_cond_signal)(condition);
-    point();
+    point(CALLER);
 }
 
 EXPORTED void g_cond_broadcast(GCond* condition) {
-    point();
+    point(CALLER);
     REAL(g_cond_broadcast)(condition);
-    point();
+    point(CALLER);
 }
 
 namespace {

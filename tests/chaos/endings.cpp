@@ -86,21 +86,55 @@ namespace {
 /// A track whose samples come in while it is read, on the host's reading thread.
 class Trickle final : public host::SampleStream {
 public:
-    struct Content {
-        std::mutex mutex;
-        std::size_t arrived = 0;
+    class Content {
+    public:
+        explicit Content(std::size_t size) : m_size(size) {}
+
+        std::atomic<bool> isWaitedFor{false}; ///< the latest read has found nothing
+
+        bool isWhole() const { return arrived() == m_size; }
+        std::size_t arrived() const {
+            const std::lock_guard lock(m_mutex);
+            return m_arrived;
+        }
+        void listen(Listener listener) {
+            const std::lock_guard lock(m_mutex);
+            m_listener = std::move(listener);
+        }
+        /// Who listens hears of it.
+        void arrive(std::size_t count) {
+            Listener listener;
+            {
+                const std::lock_guard lock(m_mutex);
+                m_arrived = std::min(m_arrived + count, m_size);
+                listener = m_listener;
+            }
+            if (listener)
+                listener({});
+        }
+
+    private:
+        const std::size_t m_size;
+        mutable std::mutex m_mutex; // guards all below
+        std::size_t m_arrived = 0;
+        Listener m_listener;
     };
 
-    Trickle(const Clip::Track& track, std::shared_ptr<Content> content)
-        : m_track(track), m_content(std::move(content)) {}
+    Trickle(const Clip::Track& track, std::shared_ptr<Content> content, Random random)
+        : m_track(track), m_content(std::move(content)), m_random(random) {}
 
     const host::StreamInfo& info() const override { return m_track.info; }
     /// What comes after it has looked is for the next time.
     Batch read(std::size_t count) override {
-        auto batch = look(count);
-        pause(milliseconds(1));
+        Batch batch;
+        for (const auto arrived = m_content->arrived(); count > 0 && m_next < arrived; --count)
+            batch.samples.push_back(std::make_unique<host::Sample>(m_track.samples[m_next++]));
+        batch.ended = m_next == m_track.samples.size();
+        m_content->isWaitedFor = batch.samples.empty();
+        pause(milliseconds(m_random.below(6)));
         return batch;
     }
+    void listen(Listener listener) override { m_content->listen(std::move(listener)); }
     std::string seek(double seconds) override {
         m_next = m_track.keyFrameBefore(seconds);
         return "";
@@ -108,17 +142,9 @@ public:
     void interrupt() override {}
 
 private:
-    Batch look(std::size_t count) {
-        const std::lock_guard lock(m_content->mutex);
-        Batch batch;
-        for (; count > 0 && m_next < m_content->arrived; --count)
-            batch.samples.push_back(std::make_unique<host::Sample>(m_track.samples[m_next++]));
-        batch.ended = m_next == m_track.samples.size();
-        return batch;
-    }
-
     const Clip::Track& m_track;
     const std::shared_ptr<Content> m_content;
+    Random m_random; // the reading thread's, like what follows
     std::size_t m_next = 0;
 };
 
@@ -156,30 +182,33 @@ void feeding(Random random) {
     options.tick = milliseconds(10);
     host::MediaElement element(library(), loop, listener, options);
     host::MediaSource source;
-    source.open = [&](const std::atomic<bool>&) {
+    source.open = [&, numbers = random.child()](const std::atomic<bool>&) mutable {
         host::DemuxedMedia media;
         for (std::size_t i = 0; i < clip.tracks.size(); ++i)
-            media.streams.push_back(std::make_unique<Trickle>(clip.tracks[i], contents[i]));
+            media.streams.push_back(
+                std::make_unique<Trickle>(clip.tracks[i], contents[i], numbers.child()));
         return media;
     };
-    for (std::size_t i = 0; i < clip.tracks.size(); ++i)
-        contents.push_back(std::make_shared<Trickle::Content>());
+    for (const auto& track : clip.tracks)
+        contents.push_back(std::make_shared<Trickle::Content>(track.samples.size()));
     element.openSource(source);
     element.play();
 
     unsigned int asked = 0;
-    const auto isFilled = [&](std::size_t i) {
-        const std::lock_guard lock(contents[i]->mutex);
-        return contents[i]->arrived == clip.tracks[i].samples.size();
-    };
-    while (!isFilled(0) || !isFilled(clip.tracks.size() - 1)) {
-        const unsigned int i = random.below(static_cast<unsigned int>(clip.tracks.size()));
-        {
-            const std::lock_guard lock(contents[i]->mutex);
-            contents[i]->arrived = std::min(contents[i]->arrived + 1 + random.below(20),
-                                            clip.tracks[i].samples.size());
-        }
-        element.resumeFeeding();
+    auto filling = contents;
+    for (const auto& each : filling) // what is there before is never waited for
+        eventually(milliseconds(0), "the first read", [&] { return each->isWaitedFor.load(); });
+    while (!filling.empty()) {
+        const auto at =
+            filling.begin() +
+            static_cast<std::ptrdiff_t>(random.below(static_cast<unsigned int>(filling.size())));
+        if (random.oneIn(8))
+            element.resumeFeeding();
+        for (unsigned int i = random.below(16); i > 0 && !(*at)->isWaitedFor; --i)
+            pause(milliseconds(1));
+        (*at)->arrive(1 + random.below(10)); // what comes last is told once
+        if ((*at)->isWhole())
+            filling.erase(at);
         if (random.oneIn(10)) {
             element.seek(random.time(1.5));
             ++asked;

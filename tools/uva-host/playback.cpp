@@ -1,6 +1,7 @@
 #include "playback.h"
 
 #include "gst_errors.h"
+#include "host/sample.h"
 #include "nox/screen.h"
 
 #include <algorithm>
@@ -330,6 +331,7 @@ void Playback::finish() {
     m_stage.display.end();
     if (m_stop == Stop::Signal)
         m_stage.signals.giveBack();
+    const long held = m_stop == Stop::Ended ? host::Sample::living() : 0; // all has been played
     m_result.abandoned = !m_element.release(duration_cast<milliseconds>(hangBound));
     if (m_result.abandoned && m_result.error.empty())
         m_result.error = "the backend did not come back from its release; see the system log";
@@ -337,10 +339,10 @@ void Playback::finish() {
     takeRecords();
     m_stage.timeline.mediaEnds(host::Clock::now());
     if (m_result.error.empty())
-        m_stage.display.summary(summary(playedFor));
+        m_stage.display.summary(summary(playedFor, held));
 }
 
-std::string Playback::summary(double playedFor) const {
+std::string Playback::summary(double playedFor, long held) const {
     static constexpr const char* how[] = {"", "to the end",          "as long as asked",
                                           "", "until q was pressed", "until interrupted"};
     std::string text = printable(m_name) + ": played " + seconds(playedFor) + " " +
@@ -356,6 +358,8 @@ std::string Playback::summary(double playedFor) const {
     for (const auto& [count, what] : counts)
         if (count > 0)
             text += ", " + std::to_string(count) + what;
+    if (held > 0)
+        text += ", " + std::to_string(held) + " samples held";
     return text;
 }
 

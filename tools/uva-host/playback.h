@@ -76,7 +76,7 @@ private:
     void fail(std::string reason);
     void stop(Stop reason);
     void finish();
-    std::string summary(double playedFor) const;
+    std::string summary(double playedFor, long held) const;
 
     Stage& m_stage;
     const std::string m_name;

@@ -160,7 +160,7 @@ bool Session::playSource(Stage& stage) {
         goesOn = take(playback.play(makeMediaSource(m_options, stage.keys)), name);
     }
     UVA_OfferDRMBackend(host::clearKeySystem, nullptr);
-    return goesOn && isWithoutSamples();
+    return !m_abandoned && isWithoutSamples() && goesOn;
 }
 
 /// With its release a backend has freed all samples that it was given.

@@ -16,7 +16,9 @@ LONGEST_SILENCE = 31
 LONGEST_CALL = 11
 PLAYED = re.compile(r" done  .*: played .* (to the end|as long as asked|until interrupted)")
 CALL = re.compile(r" call  (\w+).* \((\d+)\.\d+ ms\)$")
-SUMMARY = re.compile(r", (\d+) (pictures|dropped|damaged)")
+SUMMARY = re.compile(r", (\d+) (pictures|dropped|damaged|samples held)")
+REQUEST = re.compile(r"event NeedMSEData sourceId=(\d+) ")
+ANSWER = re.compile(r"call  writeData sourceId=(\d+) samples=(\d+) .* status=(\d)")
 
 
 class Program:
@@ -78,6 +80,8 @@ class Host(Program):
     def __init__(self, media, *options, speed, environment=None):
         self.passes = self.pictures = self.seeks = self.requests = self.answers = 0
         self.passes_to_end = []  # pictures of each
+        self.asked = set()  # sources whose request is open
+        self.ended = set()  # those that were told of their end: what they ask then stays open
         self.wrong = []
         self.errors = []  # lines of standard error, which count unless a failure is expected
         self.stacks = ""  # of one that was silent for long
@@ -86,10 +90,12 @@ class Host(Program):
         super().__init__(["uva-host", *options, media], environment)
 
     def take(self, line):
-        if "event NeedMSEData" in line:
-            self.requests += 1
-        elif "call  writeData" in line:
-            self.answers += " samples=0 " not in line
+        if asked := REQUEST.search(line):
+            self._requested(asked.group(1))
+        elif answer := ANSWER.search(line):
+            self._answered(*answer.groups())
+        elif "event CancelDataRequestsAsync" in line:
+            self._forget_requests()
         elif "event SeekCompletedEx outcome=0" in line:
             self.seeks += 1
         elif " state playing" in line:
@@ -102,15 +108,42 @@ class Host(Program):
         if took and int(took.group(2)) > LONGEST_CALL * 1000:
             self.wrong.append(f"{took.group(1)} took {took.group(2)} ms")
 
+    def _requested(self, source):
+        self.requests += 1
+        if source in self.ended:
+            return
+        if source in self.asked:
+            self.wrong.append(f"source {source} asks for samples again before it has been answered")
+        self.asked.add(source)
+
+    def _answered(self, source, samples, status):
+        """Without samples it is the start, which answers nothing, or the end, which may come unasked."""
+        if samples != "0":
+            self.answers += 1
+            if source not in self.asked:
+                self.wrong.append(f"source {source} is answered without having asked")
+        if status != "0":
+            self.ended.add(source)
+        if samples != "0" or status != "0":
+            self.asked.discard(source)
+
+    def _forget_requests(self):
+        self.asked.clear()
+        self.ended.clear()
+
     def _passed(self, line):
         counts = {name: int(number) for number, name in SUMMARY.findall(line)}
         self.passes += 1
         self.pictures += counts.get("pictures", 0)
         if " to the end" in line:
             self.passes_to_end.append(counts.get("pictures", 0))
-        for name in ("dropped", "damaged"):
+            if self.asked:
+                self.wrong.append(f"it ends with requests of the sources {sorted(self.asked)} unanswered")
+        self._forget_requests()
+        for name, what in (("dropped", "pictures dropped"), ("damaged", "pictures damaged"),
+                           ("samples held", "samples held when all has been played")):
             if name in counts:
-                self.wrong.append(f"{counts[name]} pictures {name}")
+                self.wrong.append(f"{counts[name]} {what}")
 
     def hangs(self):
         silent = time.monotonic() - self.heard
