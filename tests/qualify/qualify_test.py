@@ -7,10 +7,13 @@ What plays runs in boxes, two at a time, and leaves nothing behind there.
 """
 
 import concurrent.futures
+import html
 import json
 import os
 import pathlib
 import pty
+import re
+import shutil
 import subprocess
 import sys
 import tempfile
@@ -69,6 +72,46 @@ def watch_on_a_terminal():
     return child.wait(), seen
 
 
+# Put into a copy of the report: opens all that is folded up and writes down what a reader would see.
+LOOK = """<script>
+const complaints = [];
+addEventListener("error", event => complaints.push(event.message || "an image"), true);
+addEventListener("load", () => {
+    document.querySelectorAll("details").forEach(details => { details.open = true; });
+    const sizes = (name) => [...document.querySelectorAll(name)].map(part => {
+        const box = part.getBoundingClientRect();
+        return [box.width, box.height];
+    });
+    const facts = document.createElement("pre");
+    facts.id = "facts";
+    facts.textContent = JSON.stringify({
+        complaints,
+        groups: [...document.querySelectorAll("h2[id]")].filter(group => group.checkVisibility()).map(group => group.id),
+        images: [...document.images].map(image => [image.naturalWidth, image.naturalHeight]),
+        plots: sizes("svg"),
+        beyond: document.documentElement.scrollWidth - document.documentElement.clientWidth,
+    });
+    document.body.append(facts);
+});
+</script>"""
+
+
+def browse(page, width, *options):
+    """What a browser prints, and what it complains of."""
+    profile = path(f"browser-{page.stem}-{width}")
+    done = subprocess.run(["chromium", "--headless", "--no-sandbox", "--disable-gpu", "--enable-logging=stderr",
+                           f"--user-data-dir={profile}", f"--window-size={width},2000", *options, page.as_uri()],
+                          stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True,
+                          errors="replace", timeout=120, check=True)
+    return done.stdout, [line for line in done.stderr.splitlines() if "CONSOLE" in line]
+
+
+def grey_levels(png):
+    raw = subprocess.run(["ffmpeg", "-nostdin", "-loglevel", "error", "-i", png, "-f", "rawvideo", "-pix_fmt", "gray", "-"],
+                         stdout=subprocess.PIPE, check=True).stdout
+    return len(set(raw))
+
+
 def findings(report):
     return {(found["group"], found["check"]): found for group in report["groups"] for found in group["findings"]}
 
@@ -112,6 +155,27 @@ class Qualify(unittest.TestCase):
         text = path("report.html").read_text()
         self.assertGreater(text.count("<svg"), 5)
         self.assertGreater(text.count("data:image/png;base64,"), 5)
+
+    @unittest.skipUnless(shutil.which("chromium"), "there is no chromium: the report is not looked at")
+    def test_a_browser_shows_the_report(self):
+        _, output, _ = self.whole.result()
+        self.assertTrue(path("report.html").exists(), output)
+        page = path("looked-at.html")
+        page.write_text(path("report.html").read_text().replace("</title>", "</title>" + LOOK, 1))
+        for width in (1200, 500):
+            with self.subTest(width=width):
+                dom, errors = browse(page, width, "--dump-dom")
+                self.assertEqual(errors, [])
+                seen = json.loads(html.unescape(re.search(r'<pre id="facts">(.*?)</pre>', dom, re.S)[1]))
+                self.assertEqual(seen["complaints"], [])
+                self.assertEqual(seen["groups"], GROUPS)
+                self.assertGreater(len(seen["images"]), 5)
+                self.assertGreater(len(seen["plots"]), 5)
+                for size in seen["images"] + seen["plots"]:
+                    self.assertGreater(min(size), 0, seen)
+                self.assertLessEqual(seen["beyond"], 0, "the page is wider than the window")
+        browse(path("report.html"), 1200, f"--screenshot={path('report.png')}")
+        self.assertGreater(grey_levels(path("report.png")), 20)
 
     def test_what_changed_is_told(self):
         code, output, _ = self.changes.result()

@@ -8,8 +8,9 @@ constexpr const char* head = R"(<!DOCTYPE html>
 <html lang="en"><head><meta charset="utf-8"><title>uva-qualify</title>
 <meta name="viewport" content="width=device-width">
 <style>
-body { font: 15px/1.45 system-ui, sans-serif; margin: 2em auto; max-width: 62em; padding: 0 1em; color: #222; }
-h1 { font-size: 1.5em; } h2 { font-size: 1.15em; margin: 2em 0 .4em; }
+body { font: 15px/1.45 system-ui, sans-serif; margin: 2em auto; max-width: 62em; padding: 0 1em; color: #222; background: #fff; }
+h1 { font-size: 1.5em; overflow-wrap: anywhere; } h2 { font-size: 1.15em; margin: 2em 0 .4em; }
+.scroll { overflow-x: auto; }
 table { border-collapse: collapse; width: 100%; }
 th, td { text-align: left; vertical-align: top; padding: .3em .6em; border-bottom: 1px solid #ddd; }
 td.number { white-space: nowrap; }
@@ -62,24 +63,24 @@ std::string sectionOf(const GroupResult& result) {
     if (!result.error.empty())
         text += element("p", result.error, "failed");
     text +=
-        "<table><tr><th>check<th>what is measured<th>measured<th>wanted<th>source<th>result</tr>\n";
+        "<div class=\"scroll\"><table><tr><th>check<th>what is measured<th>measured<th>wanted<th>source<th>result</tr>\n";
     for (const auto& finding : result.findings)
         text += rowOf(finding);
-    return text + "</table>\n";
+    return text + "</table></div>\n";
 }
 
 std::string changesTable(const std::vector<Change>& changes) {
     std::string text = "<h2>Since the baseline</h2>\n";
     if (changes.empty())
         return text + element("p", "Nothing has changed.");
-    text += "<table><tr><th>check<th>change<th>before<th>now</tr>\n";
+    text += "<div class=\"scroll\"><table><tr><th>check<th>change<th>before<th>now</tr>\n";
     for (const auto& change : changes) {
         const bool bad = change.kind == Change::Kind::Worse || change.kind == Change::Kind::Broken;
         text += "<tr>" + element("td", change.group + ": " + change.check) +
                 element("td", name(change.kind), bad ? "failed" : "") +
                 element("td", change.before) + element("td", change.now) + "</tr>\n";
     }
-    return text + "</table>\n";
+    return text + "</table></div>\n";
 }
 
 } // namespace
