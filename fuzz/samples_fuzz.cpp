@@ -233,12 +233,16 @@ int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
                 require(queue.firstStart() <= queue.lastEnd());
         }
         intake.frameRate();
-        require(!queue.describe().empty());
         while (queue.size() > 0) {
+            const auto queued = queue.bytes();
             const auto item = queue.pop();
-            if (GST_IS_BUFFER(item.get()))
+            const bool isBuffer = GST_IS_BUFFER(item.get());
+            const auto own = isBuffer ? gst_buffer_get_size(GST_BUFFER_CAST(item.get())) : 0;
+            require(queue.bytes() == queued - own);
+            if (isBuffer)
                 decrypt(decrypter, GST_BUFFER_CAST(item.get()));
         }
+        require(queue.bytes() == 0);
     }
     require(samplesAlive == 0);
     return 0;

@@ -8,6 +8,7 @@
 #include "debug/trace/zant_trace_thread.h"
 #include "messaging/thread/thread_object_mshell.h"
 #include "messaging/queue/zant_msg_queue_mshell.h"
+#include "state/framework_state.h"
 
 #include <csignal>
 
@@ -34,6 +35,7 @@ int main(int argc, char** argv) {
     AddZantMsgQueueMshellCmds();
     AddZantDbgMshellCmds();
     AddThreadObjectMshellCmds();
+    AddStateMshellCmds();
     mshell.AddMshellCmd(1, "m_greet", "example", "m_greet <name>", greet, nullptr, true);
     AddZantDbgCmd(5, ZantDbgCmdTestFunction);
     zantTrace.CheckAndStartTracingToFile("example"); // where there is a log directory

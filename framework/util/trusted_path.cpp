@@ -26,7 +26,9 @@ ScopedFd openPlace(int folder, const std::string& name) {
 /// at it and the next step.
 class Walk {
 public:
-    explicit Walk(std::string path) : m_left(std::move(path)) { beginAtRoot(); }
+    enum class End { OwnFolder, AnyFolder };
+
+    Walk(std::string path, End end) : m_left(std::move(path)), m_end(end) { beginAtRoot(); }
 
     TrustedPath go() {
         for (std::string name = takeName(); m_folder && !name.empty(); name = takeName())
@@ -87,7 +89,7 @@ private:
             return refuse(wrongOwner(path, info));
         if (!m_isShared)
             return;
-        if (m_left.empty())
+        if (m_left.empty() && m_end == End::OwnFolder)
             refuse(wrongMode(path));
         else if ((info.st_mode & S_ISVTX) == 0)
             refuse(path + " is not sticky, and others may exchange what is in it: chmod +t or go-w "
@@ -100,6 +102,7 @@ private:
     }
 
     std::string m_left; ///< of the way
+    const End m_end;
     std::string m_path; ///< of the folder
     ScopedFd m_folder;  ///< where we are; nothing once the way has ended
     std::string m_why;
@@ -114,7 +117,11 @@ bool belongsToUsOrRoot(const struct stat& info) {
 }
 
 TrustedPath openTrustedFolder(const std::string& path) {
-    return Walk(path).go();
+    return Walk(path, Walk::End::OwnFolder).go();
+}
+
+TrustedPath openFolderForNewFile(const std::string& path) {
+    return Walk(path, Walk::End::AnyFolder).go();
 }
 
 TrustedPath openTrustedFile(const TrustedPath& folder, const std::string& folderPath,

@@ -19,6 +19,10 @@ struct TrustedPath {
 /// followed out of that.
 TrustedPath openTrustedFolder(const std::string& path);
 
+/// The same, but it may be a sticky one itself: a file made in it that did not exist before is this
+/// user's.
+TrustedPath openFolderForNewFile(const std::string& path);
+
 /// A regular file, no link, in a folder opened before. It belongs to this user or root, and nobody
 /// else may write to it. `folderPath` is for the reason.
 TrustedPath openTrustedFile(const TrustedPath& folder, const std::string& folderPath,

@@ -6,6 +6,7 @@
 #include "support/wait_until.h"
 
 #include <cstdlib>
+#include <nlohmann/json.hpp>
 
 namespace {
 
@@ -92,6 +93,31 @@ TEST_F(BackendControl, TheShellTellsOfEveryBackend) {
     EXPECT_NE(text.find(" NULL position=99:99:99.999999999\n0x"), std::string::npos) << text;
     EXPECT_NE(text.find(" NULL position=0:00:03.000000000\n  video_4: "), std::string::npos)
         << text;
+}
+
+TEST_F(BackendControl, TheStateIsTold) {
+    GstNoxBackend second(UVABackend::VideoElement, &client);
+    second.attachSource(new TestSource(4, "video/x-plain"));
+    EXPECT_EQ(second.setPosition(3), 1);
+    EXPECT_EQ(second.setPosition(-1), 0);
+    const auto all = GstNoxBackend::stateOfAll();
+    ASSERT_EQ(all["backends"].size(), 2U);
+    EXPECT_EQ(all["decoder_link"]["waiting"], 0);
+    const auto& state = all["backends"][1];
+    EXPECT_EQ(state["state"], "NULL");
+    EXPECT_EQ(state["position_seconds"], 3.0);
+    EXPECT_TRUE(state["duration_seconds"].is_null());
+    EXPECT_EQ(state["seek"]["phase"], "waits for the client");
+    EXPECT_EQ(state["seek"]["requested"], 2);
+    EXPECT_EQ(state["seek"]["failed"], 1);
+    EXPECT_EQ(state["decoder_requests"].size(), 0U);
+    EXPECT_EQ(state["sources"][0]["id"], 4);
+    EXPECT_EQ(state["sources"][0]["queued"], 0);
+    EXPECT_FALSE(state.contains("last_error"));
+    for (const void* one : {static_cast<const void*>(nullptr), static_cast<const void*>(&second)})
+        EXPECT_NE(GstNoxBackend::graphOf(one).find("msebin_4"), std::string::npos);
+    EXPECT_EQ(GstNoxBackend::graphOf(&backend), "") << "it has no pipeline";
+    EXPECT_EQ(GstNoxBackend::graphOf(&client), "") << "no backend";
 }
 
 TEST_F(BackendControl, CategoriesAreNamedAndColoured) {

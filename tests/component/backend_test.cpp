@@ -437,6 +437,10 @@ TEST_F(BackendTest, OneSinkAsksAndTheOthersAreTurnedAway) {
     std::thread sink([&] { first = request("video"); });
     ASSERT_TRUE(isAskedForADecoder());
     EXPECT_TRUE(client.last<BackendResourceRequestAsyncEvent>()->audioOnly);
+    const auto waits = backend.decoders().waits();
+    ASSERT_EQ(waits.size(), 1U);
+    EXPECT_EQ(waits[0].whom, DecoderHandshake::WaitFor::Client);
+    EXPECT_EQ(waits[0].kind, "video");
     LogCapture log(gst_backend_debug);
     EXPECT_EQ(request("audio"), 0); // neither asks nor waits
     EXPECT_TRUE(log.has("ERROR ***E: resources not available (1)"));
@@ -455,6 +459,7 @@ TEST_F(BackendTest, OneSinkAsksAndTheOthersAreTurnedAway) {
     again.join();
     EXPECT_EQ(first, 1);
     EXPECT_EQ(request("audio"), 1);
+    EXPECT_TRUE(backend.decoders().waits().empty());
     EXPECT_EQ(client.count(UVAEvent::BackendResourceRequestAsync), 2);
 }
 

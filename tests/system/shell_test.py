@@ -4,6 +4,7 @@
 Usage: shell_test.py CLIP ZANTSH SYSLOG, where SYSLOG is what the box keeps of the system log
 """
 
+import json
 import os
 import pathlib
 import re
@@ -82,6 +83,17 @@ class Shell(unittest.TestCase):
         listed = re.findall(r"^(\w+)", zantsh("m_help")[1], re.MULTILINE)[1:]  # without its title
         self.assertIn("u_gst_debug_set_threshold", listed)
         self.assertEqual(len(listed), len(set(listed)), listed)
+
+        self.assertEqual(zantsh("m_state", "/tmp/state.json"), (0, "Written to /tmp/state.json\nOK\n"))
+        state = json.loads(pathlib.Path("/tmp/state.json").read_text())
+        backend, = state["media"]["backends"]
+        self.assertEqual(backend["state"], "PLAYING")
+        self.assertGreater(backend["duration_seconds"], 1)
+        self.assertLessEqual({"gst_run", "zant_mshell_uva"}, {thread["name"] for thread in state["threads"]})
+        for words in [(), ("/tmp/graph.dot", backend["address"])]:
+            self.assertEqual(zantsh("m_graph", *words)[0], 0)
+        self.assertIn("halvideosink", pathlib.Path("/tmp/graph.dot").read_text())
+        self.assertEqual(zantsh("m_graph", "/tmp/graph.dot", "1f")[0], 1)
 
         start = SYSLOG.stat().st_size
         self.assertEqual(zantsh("m_gst_debug_set_threshold", "uvabackend:5")[0], 0)

@@ -36,11 +36,6 @@ const char* keepText(const std::string& text) {
     return texts->insert(text).first->c_str();
 }
 
-bool isUnusedUnitName(const char* name) {
-    return strcmp(name, unusedUnitName) == 0 ||
-           strncmp(name, spareUnitPrefix, strlen(spareUnitPrefix)) == 0;
-}
-
 } // namespace
 
 int32_t CZantTrace::Init(const char* processName, int32_t syslogFacility) {
@@ -115,6 +110,12 @@ T_TraceLevel CZantTrace::ConvertTraceLevel(T_TraceLevel level) const {
     default:
         return level;
     }
+}
+
+bool CZantTrace::IsTraceUnitNamed(unsigned unit) const {
+    const char* const name = GetTraceUnitNamePtr(unit);
+    return strcmp(name, unusedUnitName) != 0 &&
+           strncmp(name, spareUnitPrefix, strlen(spareUnitPrefix)) != 0;
 }
 
 int32_t CZantTrace::SetTraceOn(unsigned unit, T_TraceLevel level) {
@@ -195,9 +196,9 @@ int32_t CZantTrace::PrintTraceActivationState(unsigned unit, bool skipUnused) co
         FormattedStringToStdout("Illegal trace unit specified\n");
         return 0;
     }
-    const char* const name = GetTraceUnitNamePtr(unit);
-    if (skipUnused && isUnusedUnitName(name))
+    if (skipUnused && !IsTraceUnitNamed(unit))
         return 0;
+    const char* const name = GetTraceUnitNamePtr(unit);
     const T_TraceLevel level = GetTraceActivationState(unit);
     FormattedStringToStdout("Trace unit %3d %-22s - Trace activation state = %d (%s)\n",
                             static_cast<int>(unit), name, level, GetTraceLevelNamePtr(level));

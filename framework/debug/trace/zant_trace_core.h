@@ -32,6 +32,8 @@ public:
 
     /// The unit's name; unit 0's for a unit without one.
     const char* GetTraceUnitNamePtr(unsigned unit) const;
+    /// False for one that nobody uses.
+    bool IsTraceUnitNamed(unsigned unit) const;
     /// The first unit of that name, in any case; 0 if there is none.
     unsigned GetTraceUnitNrByName(const char* name) const;
     /// The level of that name, in any case; TRACELEVEL_ALL if there is none.

@@ -9,6 +9,7 @@
 #include <list>
 #include <mqueue.h>
 #include <string>
+#include <vector>
 
 class CZantMsg;
 class CancellationBlock;
@@ -133,6 +134,20 @@ public:
     static std::string GetQueueNameByHandle(int handle) EXCLUDES(m_zantMsgQueueMutex);
     /// The queue object, or null. Valid as long as its owner keeps it.
     static CZantMsgQueue* GetQueueObjPtrByHandle(int handle) EXCLUDES(m_zantMsgQueueMutex);
+    /// A listed queue as it is now.
+    struct Info {
+        int handle;
+        std::string name;
+        bool isOpen; ///< else the five below are 0
+        bool isBlocking;
+        int waiting; ///< messages
+        int maximum; ///< of them
+        int maxUsed; ///< the most that waited when one was read
+        uint32_t lastSignal;
+        uint32_t nrRead;
+    };
+    /// All of them, in the order in which they were opened.
+    static std::vector<Info> GetQueueInfos() EXCLUDES(m_zantMsgQueueMutex);
     /// Prints the queue, or all queues for 0, to the shell's output.
     static void ListGlobalMsgQueueList(int handle) EXCLUDES(m_zantMsgQueueMutex);
     /// Reads and prints all waiting messages and frees their payloads. Never waits.
@@ -180,7 +195,7 @@ private:
     int32_t receiveNow(CZantMsg& msg);
     int32_t checkReceive(const CZantMsg* msg);
     void countReceived(uint32_t signal);
-    std::string listingRow(int listedHandle) const;
+    Info info(int listedHandle) const;
 
     static CZantMsgQueue* findQueue(int handle) REQUIRES(m_zantMsgQueueMutex);
     static void removeEntry(const CZantMsgQueue* queue, int handle) REQUIRES(m_zantMsgQueueMutex);

@@ -113,38 +113,48 @@ CZantMsgQueue::FreeShared CZantMsgQueue::freeSharedOf(int handle) {
     return queue ? queue->m_freeShared.load() : nullptr;
 }
 
-std::string CZantMsgQueue::listingRow(int listedHandle) const {
+CZantMsgQueue::Info CZantMsgQueue::info(int listedHandle) const {
     mq_attr now{};
-    const char* mode = "UNKWN";
-    std::string row;
-    if (mq_getattr(listedHandle, &now) == 0)
-        mode = (now.mq_flags & O_NONBLOCK) ? "NONBL" : "BLOCK";
-    else
-        row = "Error getting attributes for queue handle " + std::to_string(listedHandle) + "\n";
-    char text[128];
-    snprintf(text, sizeof text, "%6d | %4d | %9d | %9d | %s | %8u | %7u | ", listedHandle,
-             static_cast<int>(now.mq_maxmsg), maxUsed.load(), static_cast<int>(now.mq_curmsgs),
-             mode, lastSignal.load(), nrRead.load());
-    return row + text + name + "\n";
+    const bool found = mq_getattr(listedHandle, &now) == 0;
+    return {listedHandle,
+            name,
+            found,
+            found && (now.mq_flags & O_NONBLOCK) == 0,
+            static_cast<int>(now.mq_curmsgs),
+            static_cast<int>(now.mq_maxmsg),
+            maxUsed,
+            lastSignal,
+            nrRead};
+}
+
+std::vector<CZantMsgQueue::Info> CZantMsgQueue::GetQueueInfos() {
+    const CancellationBlock block;
+    std::vector<Info> infos;
+    const MutexLock lock(m_zantMsgQueueMutex);
+    for (const T_GlobalMsgQueueInfo& entry : globalMsgQueueList)
+        infos.push_back(entry.queue->info(entry.handle));
+    return infos;
 }
 
 void CZantMsgQueue::ListGlobalMsgQueueList(int handle) {
     const CancellationBlock block;
-    // Printed without the lock: output may be slow.
-    std::vector<std::string> rows;
-    {
-        const MutexLock lock(m_zantMsgQueueMutex);
-        for (const T_GlobalMsgQueueInfo& info : globalMsgQueueList) {
-            if (handle == 0 || handle == info.handle)
-                rows.push_back(info.queue->listingRow(info.handle));
-        }
-    }
+    const auto infos = GetQueueInfos(); // printed without the lock: output may be slow
     FormattedStringToStdout("List of queues\n");
     FormattedStringToStdout(
         "handle | size | max. used | cur. used | block | last msg | nr read | name\n");
     FormattedStringToStdout("%s", rule);
-    for (const std::string& row : rows)
-        FormattedStringToStdout("%s", row.c_str());
+    for (const Info& info : infos) {
+        if (handle != 0 && handle != info.handle)
+            continue;
+        if (!info.isOpen)
+            FormattedStringToStdout("Error getting attributes for queue handle %d\n", info.handle);
+        FormattedStringToStdout("%6d | %4d | %9d | %9d | %s | %8u | %7u | %s\n", info.handle,
+                                info.maximum, info.maxUsed, info.waiting,
+                                !info.isOpen      ? "UNKWN"
+                                : info.isBlocking ? "BLOCK"
+                                                  : "NONBL",
+                                info.lastSignal, info.nrRead, info.name.c_str());
+    }
     FormattedStringToStdout("%s", rule);
 }
 

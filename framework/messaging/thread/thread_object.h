@@ -8,6 +8,7 @@
 #include <list>
 #include <pthread.h>
 #include <string>
+#include <vector>
 
 class CThreadObject;
 
@@ -58,6 +59,16 @@ public:
     /// Does nothing while handling is terminated.
     static void RemoveThreadFromGlobalThreadList(CThreadObject* object)
         EXCLUDES(m_zantGlobalThreadMutex);
+    /// A listed thread as it is now.
+    struct Info {
+        pthread_t handle; ///< 0: it has ended
+        int32_t threadId; ///< the kernel's
+        int type;
+        uint32_t processedMsgs;
+        std::string name;
+    };
+    /// All of them, in the order of their start.
+    static std::vector<Info> GetThreadInfos() EXCLUDES(m_zantGlobalThreadMutex);
     /// Prints the listed threads to the shell's output: all for 0, else those whose pthread handle
     /// or kernel thread id is given.
     static void ListGlobalThreadObjectList(long select) EXCLUDES(m_zantGlobalThreadMutex);
@@ -107,7 +118,7 @@ private:
     void joinThread(Run run) EXCLUDES(m_zantGlobalThreadMutex);
     static void waitForChange() REQUIRES(m_zantGlobalThreadMutex);
     static void announceChange() REQUIRES(m_zantGlobalThreadMutex);
-    std::string listingRow() REQUIRES(m_zantGlobalThreadMutex);
+    Info info() REQUIRES(m_zantGlobalThreadMutex);
     static void addEntry(CThreadObject* object) REQUIRES(m_zantGlobalThreadMutex);
     static void removeEntry(CThreadObject* object) REQUIRES(m_zantGlobalThreadMutex);
     static const T_GlobalThreadInfo* nextToStop(uint64_t after, uint64_t last)

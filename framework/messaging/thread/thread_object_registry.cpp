@@ -73,33 +73,33 @@ std::string CThreadObject::GetThreadName(unsigned handle) {
     return found;
 }
 
-std::string CThreadObject::listingRow() {
-    char text[96];
-    snprintf(text, sizeof text, "0x%8lx | %9ld | %4d | %7d | ",
-             static_cast<unsigned long>(m_thread), static_cast<long>(threadId), GetThreadType(),
-             static_cast<int>(GetNrOfProcessedMsgs()));
-    return text + name + "\n";
+CThreadObject::Info CThreadObject::info() {
+    return {m_thread, threadId, GetThreadType(), GetNrOfProcessedMsgs(), name};
+}
+
+std::vector<CThreadObject::Info> CThreadObject::GetThreadInfos() {
+    const CancellationBlock block;
+    std::vector<Info> infos;
+    const MutexLock lock(m_zantGlobalThreadMutex);
+    for (const T_GlobalThreadInfo& entry : globalThreadObjectList)
+        infos.push_back(entry.object->info());
+    return infos;
 }
 
 void CThreadObject::ListGlobalThreadObjectList(long select) {
     const CancellationBlock block;
-    // Printed without the lock: output may be slow.
-    std::vector<std::string> rows;
-    {
-        const MutexLock lock(m_zantGlobalThreadMutex);
-        for (const T_GlobalThreadInfo& info : globalThreadObjectList) {
-            CThreadObject& object = *info.object;
-            if (select == 0 || static_cast<long>(object.m_thread) == select ||
-                object.threadId == select)
-                rows.push_back(object.listingRow());
-        }
-    }
+    const auto infos = GetThreadInfos(); // printed without the lock: output may be slow
     FormattedStringToStdout("\nList of thread objects\n");
     FormattedStringToStdout("\nTypes: 1 = while-loop, 2 = msg-loop, 3 = msg-loop with states\n\n");
     FormattedStringToStdout("Thread-Addr | Thread-Id | Type | Msgs    | Name\n");
     FormattedStringToStdout("%s", rule);
-    for (const std::string& row : rows)
-        FormattedStringToStdout("%s", row.c_str());
+    for (const Info& info : infos) {
+        if (select == 0 || static_cast<long>(info.handle) == select || info.threadId == select)
+            FormattedStringToStdout("0x%8lx | %9ld | %4d | %7d | %s\n",
+                                    static_cast<unsigned long>(info.handle),
+                                    static_cast<long>(info.threadId), info.type,
+                                    static_cast<int>(info.processedMsgs), info.name.c_str());
+    }
     FormattedStringToStdout("%s", rule);
 }
 

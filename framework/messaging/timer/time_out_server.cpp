@@ -61,6 +61,12 @@ void TimeOutServer::SortTimer() {
     m_timers.sort(TimeOutTimerSortPredicate);
 }
 
+std::list<TimeOutTimer> TimeOutServer::GetTimers() {
+    const CancellationBlock block;
+    const MutexLock lock(m_timersMutex);
+    return m_timers;
+}
+
 void TimeOutServer::DumpList() {
     const CancellationBlock block;
     const MutexLock lock(m_timersMutex);

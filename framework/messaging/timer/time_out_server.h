@@ -26,6 +26,8 @@ public:
     /// Sorts the list with TimeOutTimerSortPredicate, that is the other way round than AddTimer
     /// keeps it: for reading a dump, not for a server at work.
     void SortTimer() EXCLUDES(m_timersMutex);
+    /// A copy of the list.
+    std::list<TimeOutTimer> GetTimers() EXCLUDES(m_timersMutex);
     /// Traces the list.
     void DumpList() EXCLUDES(m_timersMutex);
     void ThreadWorkFunction() override;

@@ -2,6 +2,7 @@
 
 #include "UvaGstIfLowerLayer.h"
 #include "backend/gstnox_avcomponent.h"
+#include "backend/gstnox_registry.h"
 #include "base/gstnox_debug.h"
 #include "uva/uva_drm_backend.h"
 #include "uva/uva_event.h"
@@ -48,59 +49,7 @@ std::array<unsigned char, 8> windowRequest(const UVABackend::Rect& window, doubl
 
 } // namespace
 
-/// The backends of the process, for the shell. It outlives them all.
-class GstNoxBackend::Registry {
-public:
-    static Registry& instance() {
-        static Registry& registry = *new Registry;
-        return registry;
-    }
-    void add(GstNoxBackend& backend) {
-        const GLibLock lock(m_lock);
-        m_backends.push_back(&backend);
-    }
-    /// Waits while the backend is being described.
-    void remove(GstNoxBackend& backend) {
-        const GLibLock lock(m_lock);
-        m_backends.erase(std::find(m_backends.begin(), m_backends.end(), &backend));
-    }
-    std::string describe() {
-        std::vector<MediaSources::Source> seen; // one that is removed meanwhile goes after the lock
-        const GLibLock lock(m_lock);
-        std::string text;
-        for (auto* backend : m_backends)
-            text += backend->listing(seen);
-        return text;
-    }
-
-private:
-    GLibMutex m_lock; // taken before a backend's own
-    std::vector<GstNoxBackend*> m_backends GUARDED_BY(m_lock);
-};
-
 std::atomic<bool> GstNoxBackend::g_standalone{false};
-
-std::string GstNoxBackend::describeAll() {
-    return Registry::instance().describe();
-}
-
-std::string GstNoxBackend::listing(std::vector<MediaSources::Source>& seen) {
-    const guint64 position = m_seek.position();
-    GstState state = GST_STATE_VOID_PENDING;
-    {
-        const GLibLock lock(m_lock);
-        state = m_state;
-    }
-    const GCharPtr head(g_strdup_printf("%p %s position=%" GST_TIME_FORMAT "\n",
-                                        static_cast<void*>(this), gst_element_state_get_name(state),
-                                        GST_TIME_ARGS(position)));
-    std::string text = head.get();
-    for (auto& bin : m_sources.all()) {
-        text += "  " + bin->describe() + "\n";
-        seen.push_back(std::move(bin));
-    }
-    return text;
-}
 
 GstNoxBackend::GstNoxBackend(UVABackendType type, UVAClient* client)
     : UVAMediaBackend(type, client), m_client(client) {

@@ -19,6 +19,7 @@
 #include <atomic>
 #include <map>
 #include <memory>
+#include <nlohmann/json_fwd.hpp>
 #include <string>
 #include <vector>
 
@@ -162,6 +163,12 @@ public:
     /// The state of every backend of the process, its media sources and what is queued in them; a
     /// line each. Any thread.
     static std::string describeAll();
+    /// The same, and more, as JSON; and how the link to the main system stands. Any thread.
+    static nlohmann::ordered_json stateOfAll();
+    /// What the newest backend's pipeline consists of now, or that of the backend at an address as
+    /// stateOfAll() has it: Graphviz's language; empty when there is none. It waits for the
+    /// elements' locks. Any thread.
+    static std::string graphOf(const void* backend);
 
 private:
     class Registry;
@@ -182,6 +189,8 @@ private:
     void checkComponent(const GstMseBin& starting);
     static std::shared_ptr<GstMseBin> binOf(GstAppSrc* appsrc, gpointer backend);
     std::string listing(std::vector<MediaSources::Source>& seen) EXCLUDES(m_lock);
+    nlohmann::ordered_json state(std::vector<MediaSources::Source>& seen) EXCLUDES(m_lock);
+    GstState wantedState() EXCLUDES(m_lock);
     void handleErrorMessage(GstMessage* message);
     void handleApplicationMessage(GstMessage* message);
     void handleStateChangedMessage(GstMessage* message);
@@ -193,7 +202,7 @@ private:
     void askForData(unsigned int id);
     bool isCodecPlayable(const char* codec, int width, int height, int fps);
 
-    static inline CUvaGstIfReceiver* g_link = nullptr;
+    static inline std::atomic<CUvaGstIfReceiver*> g_link{nullptr};
 
     UVAClient* const m_client;
     bool m_audioOnly = false;
@@ -208,6 +217,11 @@ private:
     GLibMutex m_lock; // a leaf
     std::map<std::string, std::unique_ptr<GstNoxAvComponent>> m_components GUARDED_BY(m_lock);
     GstState m_state GUARDED_BY(m_lock) = GST_STATE_NULL;
+    struct LastError {
+        std::string text; ///< empty: there was none
+        gint64 time = 0;  ///< of g_get_monotonic_time()
+    };
+    LastError m_lastError GUARDED_BY(m_lock);
 
     MediaFacts m_facts;
     MediaSourceGroup m_sourceGroup;

@@ -168,6 +168,10 @@ void GstNoxBackend::handleErrorMessage(GstMessage* message) {
 
     GST_ERROR("Error received from element '%s': %s (%d)", element, error->message, error->code);
     GST_ERROR("Debugging information: %s", debug);
+    {
+        const GLibLock lock(m_lock);
+        m_lastError = {std::string(element) + ": " + error->message, g_get_monotonic_time()};
+    }
     m_pipeline.writeGraph("gstbackend-error");
     const char* domain = g_quark_to_string(error->domain);
     GST_WARNING("***W: %s: %s (%d) (%s)", domain, error->message, error->code, debug);

@@ -34,6 +34,35 @@ bool isFlushing(GstPad* pad) {
 
 } // namespace
 
+class DecoderHandshake::Waiting {
+public:
+    Waiting(DecoderHandshake& handshake, const Request& request, WaitFor whom)
+        : m_handshake(handshake) {
+        const GCharPtr name(request.sink != nullptr ? gst_object_get_name(GST_OBJECT(request.sink))
+                                                    : nullptr);
+        const GLibLock lock(m_handshake.m_lock);
+        m_place = m_handshake.m_waits.insert(m_handshake.m_waits.end(),
+                                             {whom, name ? name.get() : "",
+                                              request.kind ? nameOf(*request.kind) : "",
+                                              g_get_monotonic_time()});
+    }
+    ~Waiting() {
+        const GLibLock lock(m_handshake.m_lock);
+        m_handshake.m_waits.erase(m_place);
+    }
+    Waiting(const Waiting&) = delete;
+    Waiting& operator=(const Waiting&) = delete;
+
+private:
+    DecoderHandshake& m_handshake;
+    std::list<Wait>::iterator m_place;
+};
+
+std::vector<DecoderHandshake::Wait> DecoderHandshake::waits() {
+    const GLibLock lock(m_lock);
+    return {m_waits.begin(), m_waits.end()};
+}
+
 DecoderHandshake::Request::Request(GstElement* asking, const gchar* type)
     : sink(asking), pad(padOf(asking)), kind(mediaKindOf(type)) {}
 
@@ -103,6 +132,7 @@ DecoderHandshake::Answer DecoderHandshake::askBoth(const Request& request) {
 }
 
 DecoderHandshake::Answer DecoderHandshake::askClient(const Request& request) {
+    const Waiting waiting(*this, request, WaitFor::Client);
     std::shared_ptr<Question> question;
     bool isNew = false;
     uint32_t needed = 0;
@@ -161,6 +191,7 @@ DecoderHandshake::Answer DecoderHandshake::askMainSystem(const Request& request)
         const GLibLock lock(m_lock);
         return isInterrupted(request);
     };
+    const Waiting waiting(*this, request, WaitFor::MainSystem);
     if (request.kind && m_mainSystem.requestDecoder(*request.kind, this, interrupted))
         return Answer::Granted;
     return interrupted() ? Answer::Interrupted : Answer::Refused;

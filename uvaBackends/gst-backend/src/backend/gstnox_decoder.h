@@ -8,10 +8,13 @@
 #include <gst/gst.h>
 
 #include <functional>
+#include <list>
 #include <memory>
 #include <optional>
 #include <set>
+#include <string>
 #include <utility>
+#include <vector>
 
 class CUvaGstIfReceiver;
 
@@ -60,6 +63,16 @@ public:
     /// each: 1 audio, 2 video.
     int noteNeed(const gchar* type) EXCLUDES(m_lock);
 
+    /// A sink that waits for an answer.
+    enum class WaitFor { Client, MainSystem };
+    struct Wait {
+        WaitFor whom;
+        std::string sink; ///< its name
+        std::string kind; ///< "audio" or "video"; empty for another
+        gint64 since;     ///< of g_get_monotonic_time()
+    };
+    std::vector<Wait> waits() EXCLUDES(m_lock);
+
     /// Interrupts requests for as long as it lives: all, or those of one sink. It outlives the
     /// streaming threads that are to end.
     class Stop {
@@ -94,6 +107,9 @@ private:
         const std::optional<MediaKind> kind;
     };
 
+    /// Somebody waits while it lives.
+    class Waiting;
+
     static GstPadProbeReturn onFlush(GstPad* pad, GstPadProbeInfo* info, gpointer self) noexcept;
     gint reply(Answer answer);
     Answer askBoth(const Request& request) EXCLUDES(m_lock);
@@ -113,6 +129,7 @@ private:
     std::multiset<GstElement*> m_stopped GUARDED_BY(m_lock); // null: all sinks
     ResourcesState m_resources_state GUARDED_BY(m_lock) = NoResources;
     uint32_t m_resources_needed GUARDED_BY(m_lock) = 0;
+    std::list<Wait> m_waits GUARDED_BY(m_lock);
     std::shared_ptr<Question> m_question GUARDED_BY(m_lock); // the last one, until it is settled
 };
 

@@ -56,6 +56,7 @@ int GstNoxBackend::setPosition(double seconds) {
                           (known == MediaFacts::durationUninitialized || seconds <= static_cast<double>(known));
     if (!accepted) {
         GST_ERROR("***E: pos=%lf out of scope", seconds);
+        m_seek.refuse();
         raiseEvent(new SeekCompletedExEvent(SeekCompletedExEvent::SeekOutcome::Failed),
                    GST_LEVEL_WARNING, "SeekOutcome::Failed");
         return 0;
@@ -84,7 +85,7 @@ void GstNoxBackend::completeSeek(const UVAAsyncEvent* event) {
     if (!target)
         return;
     const bool done = seekPipeline(*target);
-    m_seek.end();
+    m_seek.end(done);
     using Outcome = SeekCompletedExEvent::SeekOutcome;
     if (!done) {
         raiseEvent(new SeekCompletedExEvent(Outcome::Failed), GST_LEVEL_WARNING,

@@ -349,6 +349,7 @@ bool GstMseBin::needsData() {
         if (m_isRemoved)
             return false;
         m_wasAsked = true;
+        m_neededSince = g_get_monotonic_time();
         needData = true;
         if (m_intake != Intake::Open)
             return false;
@@ -411,18 +412,32 @@ std::vector<UVABackend::TimeRange> GstMseBin::bufferedRanges(guint64 position) {
              static_cast<double>(end) / nanosecondsPerSecond}};
 }
 
+GstMseBin::Facts GstMseBin::facts() {
+    Facts facts{name.get(),
+                GST_STATE(bin.get()),
+                0,
+                0,
+                needData,
+                m_neededSince,
+                GST_CLOCK_TIME_NONE,
+                GST_CLOCK_TIME_NONE,
+                m_samples.frameRate(),
+                m_decrypter.counters()};
+    const GLibLock hold(lock);
+    facts.queued = m_queue.size();
+    facts.bytes = m_queue.bytes();
+    facts.firstStart = m_queue.firstStart();
+    facts.lastEnd = m_queue.lastEnd();
+    return facts;
+}
+
 std::string GstMseBin::describe() {
-    std::string queued;
-    GstClockTime lastEnd = GST_CLOCK_TIME_NONE;
-    {
-        const GLibLock hold(lock);
-        queued = m_queue.describe();
-        lastEnd = m_queue.lastEnd();
-    }
-    const auto [numerator, denominator] = m_samples.frameRate();
-    const GCharPtr line(g_strdup_printf(
-        "%s: %s %s needData=%d lastEnd=%" GST_TIME_FORMAT " fps=%d/%d", name.get(),
-        gst_element_state_get_name(GST_STATE(bin.get())), queued.c_str(), int{needData},
-        GST_TIME_ARGS(lastEnd), numerator, denominator));
+    const auto now = facts();
+    const auto [numerator, denominator] = now.frameRate;
+    const GCharPtr line(g_strdup_printf("%s: %s queued=%zu bytes=%" G_GUINT64_FORMAT
+                                        " needData=%d lastEnd=%" GST_TIME_FORMAT " fps=%d/%d",
+                                        now.name.c_str(), gst_element_state_get_name(now.state),
+                                        now.queued, now.bytes, int{now.needsData},
+                                        GST_TIME_ARGS(now.lastEnd), numerator, denominator));
     return line.get();
 }

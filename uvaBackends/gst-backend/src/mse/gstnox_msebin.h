@@ -14,6 +14,7 @@
 #include <atomic>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 class MediaSourceGroup;
@@ -66,6 +67,20 @@ public:
     /// end of the latest sample. Empty when there is none.
     std::vector<UVABackend::TimeRange> bufferedRanges(guint64 position) EXCLUDES(lock);
 
+    /// How it stands. Any thread.
+    struct Facts {
+        std::string name;
+        GstState state;
+        std::size_t queued;      ///< samples, caps and events
+        guint64 bytes;           ///< of the samples
+        bool needsData;          ///< the appsrc wants some
+        gint64 neededSince;      ///< of g_get_monotonic_time(), when it does
+        GstClockTime firstStart; ///< of the samples since the start or the last flush, or none
+        GstClockTime lastEnd;
+        std::pair<int, int> frameRate; ///< see SampleIntake
+        SampleDecrypter::Counters decryption;
+    };
+    Facts facts() EXCLUDES(lock);
     /// One line for the shell.
     std::string describe() EXCLUDES(lock);
 
@@ -124,7 +139,8 @@ private:
 
     GLibMutex lock;
     GLibCondition m_pushed;
-    std::atomic<bool> needData{false}; // the appsrc wants data
+    std::atomic<bool> needData{false};    // the appsrc wants data
+    std::atomic<gint64> m_neededSince{0}; // when it last said so
     bool m_isRemoved GUARDED_BY(lock) = false;
     bool m_wasAsked GUARDED_BY(lock) = false; // the appsrc has wanted data
     Intake m_intake GUARDED_BY(lock) = Intake::Open;

@@ -74,6 +74,14 @@ private:
 } // namespace
 
 bool SampleDecrypter::decrypt(GstBuffer* buffer) {
+    m_busySince = g_get_monotonic_time();
+    const bool decrypted = decryptCopy(buffer);
+    m_busySince = 0;
+    ++(decrypted ? m_decrypted : m_failed);
+    return decrypted;
+}
+
+bool SampleDecrypter::decryptCopy(GstBuffer* buffer) {
     auto* meta = gst_buffer_get_content_protection_meta(buffer);
     auto payload = PayloadPool::instance().take(gst_buffer_get_size(buffer));
     GstMapInfo map;

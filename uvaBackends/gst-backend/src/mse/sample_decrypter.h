@@ -5,6 +5,7 @@
 
 #include <gst/gst.h>
 
+#include <atomic>
 #include <memory>
 #include <utility>
 
@@ -21,6 +22,13 @@ public:
     /// buffer stays as it is. It has a protection, and is the caller's alone.
     bool decrypt(GstBuffer* buffer);
 
+    struct Counters {
+        guint64 decrypted;
+        guint64 failed;
+        gint64 busySince; ///< of g_get_monotonic_time(); 0: no sample is with the host
+    };
+    Counters counters() const { return {m_decrypted, m_failed, m_busySince}; } ///< any thread
+
     struct FreeContext {
         void operator()(GstUvaDecrypterContext* context) const {
             gst_uva_decrypter_context_free(context);
@@ -34,7 +42,12 @@ private:
     bool decryptInPlace(const GstMapInfo& payload, GstBuffer* buffer,
                         const GstUvaContentProtectionMeta& meta);
 
+    bool decryptCopy(GstBuffer* buffer);
+
     MediaSourceGroup& m_group;
+    std::atomic<guint64> m_decrypted{0};
+    std::atomic<guint64> m_failed{0};
+    std::atomic<gint64> m_busySince{0};
     Context m_context;
     UVADRMBackend* m_drm = nullptr; // whose the context is; not owned
 };

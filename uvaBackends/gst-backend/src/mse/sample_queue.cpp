@@ -57,7 +57,3 @@ SampleQueue::Items SampleQueue::flush(bool keepCaps) {
         m_items.push_back(*last);
     return dropped;
 }
-
-std::string SampleQueue::describe() const {
-    return "queued=" + std::to_string(size()) + " bytes=" + std::to_string(m_bytes);
-}

@@ -6,7 +6,6 @@
 #include <gst/gst.h>
 
 #include <deque>
-#include <string>
 
 /// What the host has delivered and the appsrc has not asked for: caps, buffers and events in their
 /// order, and the times of what was delivered since the last flush. Data only: whoever shares it
@@ -38,8 +37,7 @@ public:
     /// From the first to the end of the latest sample, when there is one: lastEnd() is a time.
     GstClockTime firstStart() const { return m_firstStart; }
     GstClockTime lastEnd() const { return m_lastEnd; }
-    /// "queued=N bytes=N".
-    std::string describe() const;
+    guint64 bytes() const { return m_bytes; }
 
 private:
     void push(GstMiniObject* item);

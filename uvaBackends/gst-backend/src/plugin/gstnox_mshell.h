@@ -19,4 +19,7 @@ int m_gst_debug_set_color_mode(CommandStruct* command);
 /// "m_mse": every backend of the process, with its media sources and what is queued in them.
 int m_mse(CommandStruct* command);
 
+/// "m_graph": writes what a backend's pipeline consists of, in Graphviz's language, to a file.
+int m_graph(CommandStruct* command);
+
 #endif

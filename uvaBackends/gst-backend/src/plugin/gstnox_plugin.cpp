@@ -16,6 +16,7 @@
 #include "plugin/gstnox_syslog.h"
 #include "messaging/thread/thread_object_mshell.h"
 #include "messaging/queue/zant_msg_queue_mshell.h"
+#include "state/framework_state.h"
 
 #include <sys/resource.h>
 #include <syslog.h>
@@ -69,6 +70,7 @@ void startShell() {
     AddZantMsgQueueMshellCmds();
     AddZantDbgMshellCmds();
     AddThreadObjectMshellCmds();
+    AddStateMshellCmds();
     uva_add_mshell_commands();
 }
 

@@ -1,0 +1,69 @@
+#include "state/state_report.h"
+
+#include "util/bounded_ask.h"
+
+#include <algorithm>
+#include <nlohmann/json.hpp>
+
+namespace {
+
+using Json = StateReport::Json;
+using Answer = BoundedAsk<Json>;
+
+Json answerOf(const StateReport::Ask& ask) {
+    try {
+        return ask();
+    } catch (const std::exception& error) {
+        return {{"error", error.what()}};
+    }
+}
+
+} // namespace
+
+struct StateReport::Section {
+    const std::string name;
+    const Ask ask;
+    Answer answer;
+
+    void begin() {
+        answer.begin([ask = ask] { return answerOf(ask); });
+    }
+    Json end(Answer::Clock::time_point deadline) {
+        if (auto told = answer.end(deadline))
+            return *std::move(told);
+        return {{"error", "no answer: it waits for a lock, or the machine is short of breath"},
+                {"seconds", std::chrono::duration<double>(answer.openFor()).count()}};
+    }
+};
+
+StateReport::StateReport() = default;
+StateReport::~StateReport() = default;
+
+StateReport& StateReport::instance() {
+    static auto& report = *new StateReport;
+    return report;
+}
+
+void StateReport::add(const std::string& name, Ask ask) {
+    const MutexLock lock(m_mutex);
+    const auto isIt = [&name](const auto& section) { return section->name == name; };
+    if (std::none_of(m_sections.begin(), m_sections.end(), isIt))
+        m_sections.push_back(std::shared_ptr<Section>(new Section{name, std::move(ask), {}}));
+}
+
+/// All are asked at the same time.
+std::string StateReport::collect(std::chrono::milliseconds bound) {
+    std::vector<std::shared_ptr<Section>> sections;
+    {
+        const MutexLock lock(m_mutex);
+        sections = m_sections;
+    }
+    const auto deadline = Answer::Clock::now() + bound;
+    for (const auto& section : sections)
+        section->begin();
+    auto report = Json::object();
+    for (const auto& section : sections)
+        report[section->name] = section->end(deadline);
+    constexpr int indent = 1;
+    return report.dump(indent, ' ', false, Json::error_handler_t::replace) + "\n";
+}
