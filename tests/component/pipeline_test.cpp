@@ -1,7 +1,10 @@
 // What the backend takes from the elements of a pipeline, and sets at them, as they come and go.
 
+#include "backend/gstnox_streamgroup.h"
 #include "base/gst_ptr.h"
 #include "one_backend.h"
+
+#include <future>
 
 namespace {
 
@@ -136,5 +139,69 @@ TEST_F(PipelineTest, FactoriesAreSortedForTheStream) {
 }
 
 G_GNUC_END_IGNORE_DEPRECATIONS
+
+/// A stream through a playbin's synchronizer, pushed by the caller's thread.
+class SynchronizedStream {
+public:
+    explicit SynchronizedStream(GstElement* synchronizer)
+        : m_in(GstPtr<GstPad>::adopt(gst_element_request_pad_simple(synchronizer, "sink_%u"))),
+          m_source(GstPtr<GstPad>::sink(gst_pad_new("source", GST_PAD_SRC))) {
+        gst_pad_set_active(m_source.get(), TRUE);
+        EXPECT_EQ(gst_pad_link(m_source.get(), m_in.get()), GST_PAD_LINK_OK);
+    }
+    void push(GstEvent* event) { gst_pad_push_event(m_source.get(), event); }
+    void begin(guint group) {
+        GstEvent* const start = gst_event_new_stream_start("test");
+        gst_event_set_group_id(start, group);
+        push(start);
+    }
+    void flush() {
+        push(gst_event_new_flush_start());
+        push(gst_event_new_flush_stop(TRUE));
+    }
+    /// Returns once the synchronizer lets it through.
+    void segment() {
+        GstSegment segment;
+        gst_segment_init(&segment, GST_FORMAT_TIME);
+        push(gst_event_new_segment(&segment));
+    }
+    std::future<void> segmentElsewhere() {
+        return std::async(std::launch::async, [this] { segment(); });
+    }
+
+private:
+    GstPtr<GstPad> m_in;
+    GstPtr<GstPad> m_source;
+};
+
+TEST_F(PipelineTest, AStreamThatBeginsAfterASeekDoesNotWaitForThoseThatWereFlushed) {
+    const auto synchronizer = make("streamsynchronizer");
+    keepStreamsGoing(synchronizer.get());
+    gst_element_set_state(synchronizer.get(), GST_STATE_PLAYING);
+    SynchronizedStream sound(synchronizer.get());
+    SynchronizedStream picture(synchronizer.get());
+    using namespace std::chrono_literals;
+    for (guint group = 1; group < 3; ++group) {
+        SCOPED_TRACE(group);
+        // Else each waits for the other, in the next group too.
+        sound.begin(group);
+        auto held = sound.segmentElsewhere();
+        EXPECT_EQ(held.wait_for(100ms), std::future_status::timeout);
+        picture.begin(group);
+        EXPECT_EQ(held.wait_for(20s), std::future_status::ready);
+        picture.segment();
+
+        sound.begin(group + 10);
+        sound.flush();
+        picture.begin(group + 10);
+        auto passed = picture.segmentElsewhere();
+        const bool isThrough = passed.wait_for(20s) == std::future_status::ready;
+        EXPECT_TRUE(isThrough);
+        if (!isThrough)
+            picture.flush(); // ends its wait
+        sound.segment();
+    }
+    gst_element_set_state(synchronizer.get(), GST_STATE_NULL);
+}
 
 } // namespace

@@ -1,5 +1,6 @@
 #include "backend/gstnox_pipeline.h"
 
+#include "backend/gstnox_streamgroup.h"
 #include "backend/media_facts.h"
 #include "base/gstnox_debug.h"
 
@@ -72,6 +73,7 @@ bool GstNoxPipeline::createPlaybin() {
     m_transportStream = false;
     GST_INFO("elements created");
     open(playbin);
+    keepStreamGroupsGoing(playbin.get());
     g_signal_connect(playbin.get(), "element-setup", G_CALLBACK(element_setup_cb), this);
     g_signal_connect(playbin.get(), "source-setup", G_CALLBACK(source_setup_cb), this);
     g_signal_connect(playbin.get(), "about-to-finish", G_CALLBACK(about_to_finish_cb), this);
