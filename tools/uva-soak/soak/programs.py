@@ -17,8 +17,8 @@ LONGEST_CALL = 11
 PLAYED = re.compile(r" done  .*: played .* (to the end|as long as asked|until interrupted)")
 CALL = re.compile(r" call  (\w+).* \((\d+)\.\d+ ms\)$")
 SUMMARY = re.compile(r", (\d+) (pictures|dropped|damaged|samples held)")
-REQUEST = re.compile(r"event NeedMSEData sourceId=(\d+) ")
-ANSWER = re.compile(r"call  writeData sourceId=(\d+) samples=(\d+) .* status=(\d)")
+EXCHANGE = re.compile(r"(\d+\.\d+) (?:event (?:(?P<request>NeedMSEData) sourceId=(?P<by>\d+) |CancelDataRequestsAsync )"
+                      r"|call  writeData sourceId=(?P<to>\d+) samples=(?P<samples>\d+) .* status=(?P<status>\d))")
 
 
 class Program:
@@ -74,14 +74,52 @@ class Program:
         return f"{self.command}: " + " | ".join(self.last_lines[-3:])
 
 
+class Requests:
+    """Who asked for samples and who was answered, in one playback."""
+
+    def __init__(self):
+        self.lines = []
+
+    def take(self, line):
+        if found := EXCHANGE.search(line):
+            self.lines.append((float(found[1]), found))
+
+    def judge(self, to_the_end):
+        """What was wrong. By the times: a call is written down when it returns, with when it began."""
+        wrong, asked, ended = [], set(), set()
+        for _, line in sorted(self.lines, key=lambda entry: entry[0]):
+            if line["request"]:
+                if line["by"] in asked:
+                    wrong.append(f"source {line['by']} asks for samples again before it has been answered")
+                if line["by"] not in ended:  # else what it asks stays open
+                    asked.add(line["by"])
+            elif line["to"] is None:  # all requests are called back
+                asked.clear()
+                ended.clear()
+            else:  # without samples it is the start, which answers nothing, or the end, which may come unasked
+                if line["samples"] != "0" and line["to"] not in asked:
+                    wrong.append(f"source {line['to']} is answered without having asked")
+                if line["status"] != "0":
+                    ended.add(line["to"])
+                if line["samples"] != "0" or line["status"] != "0":
+                    asked.discard(line["to"])
+        if to_the_end and asked:
+            wrong.append(f"it ends with requests of the sources {sorted(asked)} unanswered")
+        return wrong
+
+    def counts(self):
+        """Requests, and answers with samples."""
+        return (sum(line["request"] is not None for _, line in self.lines),
+                sum(line["samples"] not in (None, "0") for _, line in self.lines))
+
+
 class Host(Program):
     """uva-host: what it asked, answered and showed; `wrong` has what must not be."""
 
     def __init__(self, media, *options, speed, environment=None):
         self.passes = self.pictures = self.seeks = self.requests = self.answers = 0
         self.passes_to_end = []  # pictures of each
-        self.asked = set()  # sources whose request is open
-        self.ended = set()  # those that were told of their end: what they ask then stays open
+        self._exchange = Requests()  # of this pass
         self.wrong = []
         self.errors = []  # lines of standard error, which count unless a failure is expected
         self.stacks = ""  # of one that was silent for long
@@ -90,13 +128,8 @@ class Host(Program):
         super().__init__(["uva-host", *options, media], environment)
 
     def take(self, line):
-        if asked := REQUEST.search(line):
-            self._requested(asked.group(1))
-        elif answer := ANSWER.search(line):
-            self._answered(*answer.groups())
-        elif "event CancelDataRequestsAsync" in line:
-            self._forget_requests()
-        elif "event SeekCompletedEx outcome=0" in line:
+        self._exchange.take(line)
+        if "event SeekCompletedEx outcome=0" in line:
             self.seeks += 1
         elif " state playing" in line:
             self.began.set()
@@ -108,38 +141,17 @@ class Host(Program):
         if took and int(took.group(2)) > LONGEST_CALL * 1000:
             self.wrong.append(f"{took.group(1)} took {took.group(2)} ms")
 
-    def _requested(self, source):
-        self.requests += 1
-        if source in self.ended:
-            return
-        if source in self.asked:
-            self.wrong.append(f"source {source} asks for samples again before it has been answered")
-        self.asked.add(source)
-
-    def _answered(self, source, samples, status):
-        """Without samples it is the start, which answers nothing, or the end, which may come unasked."""
-        if samples != "0":
-            self.answers += 1
-            if source not in self.asked:
-                self.wrong.append(f"source {source} is answered without having asked")
-        if status != "0":
-            self.ended.add(source)
-        if samples != "0" or status != "0":
-            self.asked.discard(source)
-
-    def _forget_requests(self):
-        self.asked.clear()
-        self.ended.clear()
-
     def _passed(self, line):
         counts = {name: int(number) for number, name in SUMMARY.findall(line)}
         self.passes += 1
         self.pictures += counts.get("pictures", 0)
         if " to the end" in line:
             self.passes_to_end.append(counts.get("pictures", 0))
-            if self.asked:
-                self.wrong.append(f"it ends with requests of the sources {sorted(self.asked)} unanswered")
-        self._forget_requests()
+        self.wrong += self._exchange.judge(" to the end" in line)
+        requests, answers = self._exchange.counts()
+        self.requests += requests
+        self.answers += answers
+        self._exchange = Requests()
         for name, what in (("dropped", "pictures dropped"), ("damaged", "pictures damaged"),
                            ("samples held", "samples held when all has been played")):
             if name in counts:
