@@ -1,5 +1,6 @@
 """The programs that a soak runs, and what they say of themselves."""
 
+import collections
 import os
 import re
 import shutil
@@ -78,39 +79,53 @@ class Requests:
     """Who asked for samples and who was answered, in one playback."""
 
     def __init__(self):
-        self.lines = []
+        self.requests = self.answers = 0
+        self.wrong = []
+        self._asked = collections.defaultdict(list)  # when a source asked what is not answered yet
+        self._ended = set()  # those that were told of their end: what they ask then stays open
 
     def take(self, line):
-        if found := EXCHANGE.search(line):
-            self.lines.append((float(found[1]), found))
+        found = EXCHANGE.search(line)
+        if not found:
+            return
+        time = float(found[1])
+        if found["request"]:
+            self._request(found["by"], time)
+        elif found["to"]:
+            self._answer(found["to"], time, found["samples"] != "0", found["status"] != "0")
+        else:  # all requests are called back
+            self._asked.clear()
+            self._ended.clear()
 
-    def judge(self, to_the_end):
-        """What was wrong. By the times: a call is written down when it returns, with when it began."""
-        wrong, asked, ended = [], set(), set()
-        for _, line in sorted(self.lines, key=lambda entry: entry[0]):
-            if line["request"]:
-                if line["by"] in asked:
-                    wrong.append(f"source {line['by']} asks for samples again before it has been answered")
-                if line["by"] not in ended:  # else what it asks stays open
-                    asked.add(line["by"])
-            elif line["to"] is None:  # all requests are called back
-                asked.clear()
-                ended.clear()
-            else:  # without samples it is the start, which answers nothing, or the end, which may come unasked
-                if line["samples"] != "0" and line["to"] not in asked:
-                    wrong.append(f"source {line['to']} is answered without having asked")
-                if line["status"] != "0":
-                    ended.add(line["to"])
-                if line["samples"] != "0" or line["status"] != "0":
-                    asked.discard(line["to"])
-        if to_the_end and asked:
-            wrong.append(f"it ends with requests of the sources {sorted(asked)} unanswered")
-        return wrong
+    def _request(self, source, time):
+        """The next may come from inside an answer, whose line is written when it returns."""
+        self.requests += 1
+        if source in self._ended:
+            return
+        if len(self._asked[source]) == 2:
+            self.wrong.append(f"source {source} asks for samples again and again before it has been answered")
+        else:
+            self._asked[source].append(time)
 
-    def counts(self):
-        """Requests, and answers with samples."""
-        return (sum(line["request"] is not None for _, line in self.lines),
-                sum(line["samples"] not in (None, "0") for _, line in self.lines))
+    def _answer(self, source, began, has_samples, is_end):
+        """Without samples it is the start, which answers nothing, or the end, which may come unasked."""
+        self.answers += has_samples
+        asked = self._asked[source]
+        if has_samples and not asked:
+            self.wrong.append(f"source {source} is answered without having asked")
+        if len(asked) == 2 and asked[1] < began:
+            self.wrong.append(f"source {source} asks for samples again before it has been answered")
+        if has_samples or is_end:
+            del asked[:1]
+        if is_end:
+            self._ended.add(source)
+            asked.clear()
+
+    def end(self, is_complete):
+        """The playback is over, to its end or not."""
+        left = sorted(source for source, asked in self._asked.items() if len(asked) > (not is_complete))
+        if left:
+            self.wrong.append(f"it ends with requests of the sources {left} unanswered")
 
 
 class Host(Program):
@@ -147,10 +162,10 @@ class Host(Program):
         self.pictures += counts.get("pictures", 0)
         if " to the end" in line:
             self.passes_to_end.append(counts.get("pictures", 0))
-        self.wrong += self._exchange.judge(" to the end" in line)
-        requests, answers = self._exchange.counts()
-        self.requests += requests
-        self.answers += answers
+        self._exchange.end(" to the end" in line)
+        self.wrong += self._exchange.wrong
+        self.requests += self._exchange.requests
+        self.answers += self._exchange.answers
         self._exchange = Requests()
         for name, what in (("dropped", "pictures dropped"), ("damaged", "pictures damaged"),
                            ("samples held", "samples held when all has been played")):
