@@ -125,6 +125,7 @@ class Qualify(unittest.TestCase):
                                 path("report.xml"))
         cls.changes = pool.submit(see_changes)
         cls.captured = pool.submit(judge, "captured", "--standalone", "--group", "seek", "--observe", "capture")
+        os.environ["FAKE_LEAVES_PROCESS"] = "1"  # which would hold the pipe of its group open
         cls.nothing = pool.submit(judge, "nothing", "--standalone", "--group", "playback", "--backend", FAKE_BACKEND)
         cls.terminal = pool.submit(watch_on_a_terminal)
 
@@ -184,10 +185,11 @@ class Qualify(unittest.TestCase):
         self.assertRegex(output, r"new: release, idle")
         self.assertRegex(output, r"gone: release, was once")
 
-    def test_a_backend_that_shows_nothing_fails(self):
+    def test_a_backend_that_shows_nothing_and_leaves_a_process_fails(self):
         code, output, report = self.nothing.result()
         self.assertEqual(code, 1, output)
-        self.assertGreater(report["failed"], 0)
+        self.assertGreater(report["failed"], 1)
+        self.assertEqual(findings(report)["playback", "processes"]["verdict"], "failed")
 
     def test_without_the_sinks_pictures_are_captured(self):
         code, output, report = self.captured.result()
@@ -195,9 +197,14 @@ class Qualify(unittest.TestCase):
         self.assertIn("captured", report["groups"][0]["observed"])
 
     def test_what_cannot_begin_says_why(self):
+        empty = path("empty")
+        empty.mkdir()
+        (empty / "clips.json").write_text("[]")
         rows = [(["--group", "none"], "no group"), (["--media", "/nowhere", "--group", "seek"], "--media"),
                 (["--backend", "/nowhere.so", "--group", "seek"], "/nowhere.so"),
-                (["--baseline", "/nowhere"], "--json wrote"), (["--json", "/nowhere/x"], "/nowhere/x")]
+                (["--baseline", "/nowhere"], "--json wrote"), (["--json", "/nowhere/x"], "/nowhere/x"),
+                (["--baseline", "/tmp"], "--json wrote"), (["--media", empty, "--group", "seek"], "no test clips"),
+                (["--json", empty / "x", "--html", f"{empty}/./x"], "two reports")]
         for arguments, reason in rows:
             with self.subTest(arguments=arguments):
                 done = run([QUALIFY, *arguments])

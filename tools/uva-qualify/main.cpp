@@ -12,6 +12,8 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <filesystem>
+#include <set>
 #include <sys/utsname.h>
 
 namespace qualify {
@@ -85,10 +87,25 @@ bool write(const Options& options, const Results& results, const std::vector<Cha
     return written;
 }
 
+/// A file that two reports are to go to, however they name it; empty: none.
+std::string writtenTwice(const Options& options) {
+    std::set<std::string> places;
+    for (const auto* path : {&options.html, &options.junit, &options.json}) {
+        std::error_code error;
+        const auto place = std::filesystem::weakly_canonical(*path, error).string();
+        const bool isFile = !path->empty() && !std::filesystem::is_character_file(*path, error);
+        if (isFile && !places.insert(place).second)
+            return *path;
+    }
+    return {};
+}
+
 int run(const Options& options) {
     for (const auto* path : {&options.html, &options.junit, &options.json})
         if (const auto error = tools::whyNotWritable(*path); !error.empty())
             return fail(error, 2);
+    if (const auto twice = writtenTwice(options); !twice.empty())
+        return fail(twice + " is to hold two reports; name another file for one of them", 2);
     Baseline before;
     if (!options.baseline.empty())
         before = readBaseline(options.baseline);

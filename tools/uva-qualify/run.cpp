@@ -11,7 +11,10 @@
 #include <cstring>
 #include <fcntl.h>
 #include <poll.h>
+#include <fstream>
 #include <spawn.h>
+#include <sys/prctl.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -95,13 +98,16 @@ public:
     Listener(GroupResult& result, const std::function<void(const Finding&)>& heard)
         : m_result(result), m_heard(heard) {}
 
-    /// Until it has nothing more to say. False: it said nothing for too long.
-    bool listen(int descriptor) {
+    /// Until it has nothing more to say, or has ended: what it leaves behind may hold the pipe.
+    /// False: it said nothing for too long.
+    bool listen(int descriptor, int process) {
         std::string text;
         for (;;) {
-            pollfd ready{descriptor, POLLIN, 0};
-            if (poll(&ready, 1, silenceBound) <= 0)
+            pollfd ready[] = {{descriptor, POLLIN, 0}, {process, POLLIN, 0}};
+            if (poll(ready, std::size(ready), silenceBound) <= 0)
                 return false;
+            if (ready[0].revents == 0)
+                return true;
             char bytes[65536];
             const auto count = read(descriptor, bytes, sizeof bytes);
             if (count <= 0)
@@ -135,12 +141,27 @@ private:
     bool m_done = false;
 };
 
-Finding brokenOff(const Group& group, const std::string& why) {
+/// Ends the processes that have come to this one because their parent has ended.
+unsigned int endOrphans() {
+    unsigned int count = 0;
+    const auto list = "/proc/self/task/" + std::to_string(getpid()) + "/children";
+    for (unsigned int before = ~0U; before != count;) {
+        before = count;
+        std::ifstream children(list);
+        for (pid_t child = 0; children >> child; ++count) { // each may leave some of its own
+            kill(child, SIGKILL);
+            waitpid(child, nullptr, 0);
+        }
+    }
+    return count;
+}
+
+Finding broken(const Group& group, const char* check, const char* what, const std::string& why) {
     Finding finding;
     finding.group = group.name;
-    finding.check = "to its end";
-    finding.what = "the group runs to its end";
-    finding.source = "this program: a library neither crashes nor hangs";
+    finding.check = check;
+    finding.what = what;
+    finding.source = "this program: a library neither crashes nor hangs, and leaves no process";
     finding.verdict = Verdict::Failed;
     finding.note = why;
     return finding;
@@ -164,6 +185,7 @@ unsigned int count(const Results& results, Verdict verdict) {
 GroupResult runGroup(const Group& group, const Options& options,
                      const std::function<void(const Finding&)>& heard) {
     GroupResult result{group.name, group.what, {}, 0, {}, {}};
+    prctl(PR_SET_CHILD_SUBREAPER, 1);
     const auto begin = Clock::now();
     int ends[2];
     if (pipe(ends) != 0) {
@@ -181,7 +203,8 @@ GroupResult runGroup(const Group& group, const Options& options,
         return result;
     }
     Listener listener(result, heard);
-    const bool spoke = listener.listen(from.get());
+    const ScopedFd process(static_cast<int>(syscall(SYS_pidfd_open, child, 0)));
+    const bool spoke = listener.listen(from.get(), process.get());
     if (!spoke)
         kill(child, SIGKILL);
     int status = 0;
@@ -190,10 +213,16 @@ GroupResult runGroup(const Group& group, const Options& options,
     if (WIFEXITED(status) && WEXITSTATUS(status) == 2 && result.observed.empty()) {
         result.error = "it could not begin; its message above says why";
     } else if (!listener.isDone() || status != 0) {
-        result.findings.push_back(brokenOff(group, spoke ? endOf(status)
-                                                         : "it said nothing for " +
-                                                               std::to_string(silenceBound / 1000) +
-                                                               " s: the library hangs"));
+        result.findings.push_back(
+            broken(group, "to its end", "the group runs to its end",
+                   spoke ? endOf(status)
+                         : "it said nothing for " + std::to_string(silenceBound / 1000) +
+                               " s: the library hangs"));
+        heard(result.findings.back());
+    }
+    if (const auto left = endOrphans(); left > 0) {
+        result.findings.push_back(broken(group, "processes", "no process is left behind",
+                                         std::to_string(left) + " went on when it had ended"));
         heard(result.findings.back());
     }
     return result;

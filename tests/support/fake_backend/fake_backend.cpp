@@ -11,6 +11,7 @@
 #include <memory>
 #include <string>
 #include <thread>
+#include <unistd.h>
 
 // The destructor that the library behind the interface leaves to the backend.
 BufferingProgressEvent::~BufferingProgressEvent() = default;
@@ -35,6 +36,7 @@ std::string number(double value) {
 
 /// Plays nothing. Position and events come from the test; or, with FAKE_CLIP_SECONDS in the
 /// environment, from a thread that plays a clip of that length, with FAKE_CLIP_STALLS without end.
+/// With FAKE_LEAVES_PROCESS each leaves a process behind.
 class FakeBackend final : public UVAMediaBackend {
 public:
     using UVAMediaBackend::getPosition;
@@ -56,6 +58,9 @@ public:
             m_clip.join();
         m_uvaClient->deliverEvent(new PlaybackFinishedEvent(0, 0)); // as a draining bus may
         --control().living;
+        if (std::getenv("FAKE_LEAVES_PROCESS") != nullptr && fork() == 0)
+            for (;;)
+                pause();
     }
 
     int initBackend(const char*, SourceDescription** sources, bool, bool) override {

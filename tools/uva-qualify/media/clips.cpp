@@ -29,11 +29,18 @@ std::string Clips::load(const std::string& folder) {
             for (const auto& asked : entry.at("types"))
                 clip.types.push_back(
                     {asked.at("type").get<std::string>(), asked.at("more").get<bool>()});
+            std::error_code error;
+            const auto size = std::filesystem::file_size(clip.path, error);
+            if (error || size == 0)
+                return "the test clip " + clip.path + " is " + (error ? "missing" : "empty") +
+                       "; build the clips anew";
             m_clips.push_back(std::move(clip));
         }
     } catch (const std::exception& error) {
         return list.string() + " is no list of test clips (" + error.what() + "); build them anew";
     }
+    if (m_clips.empty())
+        return list.string() + " lists no test clips; build them anew";
     return {};
 }
 

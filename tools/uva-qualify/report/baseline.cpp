@@ -63,7 +63,7 @@ const char* name(Change::Kind kind) {
 
 Baseline readBaseline(const std::string& path) {
     std::ifstream stream(path);
-    if (!stream)
+    if (!stream || stream.peek() == std::ifstream::traits_type::eof())
         return {{}, "cannot read the baseline " + path + "; name a report that --json wrote"};
     const auto json = nlohmann::json::parse(stream, nullptr, false);
     Baseline baseline;

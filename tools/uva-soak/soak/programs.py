@@ -1,6 +1,5 @@
 """The programs that a soak runs, and what they say of themselves."""
 
-import collections
 import os
 import re
 import shutil
@@ -18,8 +17,6 @@ LONGEST_CALL = 11
 PLAYED = re.compile(r" done  .*: played .* (to the end|as long as asked|until interrupted)")
 CALL = re.compile(r" call  (\w+).* \((\d+)\.\d+ ms\)$")
 SUMMARY = re.compile(r", (\d+) (pictures|dropped|damaged|samples held)")
-EXCHANGE = re.compile(r"(\d+\.\d+) (?:event (?:(?P<request>NeedMSEData) sourceId=(?P<by>\d+) |CancelDataRequestsAsync )"
-                      r"|call  writeData sourceId=(?P<to>\d+) samples=(?P<samples>\d+) .* status=(?P<status>\d))")
 
 
 class Program:
@@ -75,66 +72,12 @@ class Program:
         return f"{self.command}: " + " | ".join(self.last_lines[-3:])
 
 
-class Requests:
-    """Who asked for samples and who was answered, in one playback."""
-
-    def __init__(self):
-        self.requests = self.answers = 0
-        self.wrong = []
-        self._asked = collections.defaultdict(list)  # when a source asked what is not answered yet
-        self._ended = set()  # those that were told of their end: what they ask then stays open
-
-    def take(self, line):
-        found = EXCHANGE.search(line)
-        if not found:
-            return
-        time = float(found[1])
-        if found["request"]:
-            self._request(found["by"], time)
-        elif found["to"]:
-            self._answer(found["to"], time, found["samples"] != "0", found["status"] != "0")
-        else:  # all requests are called back
-            self._asked.clear()
-            self._ended.clear()
-
-    def _request(self, source, time):
-        """The next may come from inside an answer, whose line is written when it returns."""
-        self.requests += 1
-        if source in self._ended:
-            return
-        if len(self._asked[source]) == 2:
-            self.wrong.append(f"source {source} asks for samples again and again before it has been answered")
-        else:
-            self._asked[source].append(time)
-
-    def _answer(self, source, began, has_samples, is_end):
-        """Without samples it is the start, which answers nothing, or the end, which may come unasked."""
-        self.answers += has_samples
-        asked = self._asked[source]
-        if has_samples and not asked:
-            self.wrong.append(f"source {source} is answered without having asked")
-        if len(asked) == 2 and asked[1] < began:
-            self.wrong.append(f"source {source} asks for samples again before it has been answered")
-        if has_samples or is_end:
-            del asked[:1]
-        if is_end:
-            self._ended.add(source)
-            asked.clear()
-
-    def end(self, is_complete):
-        """The playback is over, to its end or not."""
-        left = sorted(source for source, asked in self._asked.items() if len(asked) > (not is_complete))
-        if left:
-            self.wrong.append(f"it ends with requests of the sources {left} unanswered")
-
-
 class Host(Program):
     """uva-host: what it asked, answered and showed; `wrong` has what must not be."""
 
     def __init__(self, media, *options, speed, environment=None):
         self.passes = self.pictures = self.seeks = self.requests = self.answers = 0
         self.passes_to_end = []  # pictures of each
-        self._exchange = Requests()  # of this pass
         self.wrong = []
         self.errors = []  # lines of standard error, which count unless a failure is expected
         self.stacks = ""  # of one that was silent for long
@@ -143,8 +86,11 @@ class Host(Program):
         super().__init__(["uva-host", *options, media], environment)
 
     def take(self, line):
-        self._exchange.take(line)
-        if "event SeekCompletedEx outcome=0" in line:
+        if "event NeedMSEData" in line:
+            self.requests += 1
+        elif "call  writeData" in line:
+            self.answers += " samples=0 " not in line
+        elif "event SeekCompletedEx outcome=0" in line:
             self.seeks += 1
         elif " state playing" in line:
             self.began.set()
@@ -162,11 +108,6 @@ class Host(Program):
         self.pictures += counts.get("pictures", 0)
         if " to the end" in line:
             self.passes_to_end.append(counts.get("pictures", 0))
-        self._exchange.end(" to the end" in line)
-        self.wrong += self._exchange.wrong
-        self.requests += self._exchange.requests
-        self.answers += self._exchange.answers
-        self._exchange = Requests()
         for name, what in (("dropped", "pictures dropped"), ("damaged", "pictures damaged"),
                            ("samples held", "samples held when all has been played")):
             if name in counts:

@@ -121,7 +121,7 @@ class Report:
     def _page(self, text):
         failures = "".join(f"<li>{html.escape(failure)}</li>" for failure in self.failures)
         return (f"<!DOCTYPE html><meta charset='utf-8'><title>uva-soak</title><h1>uva-soak</h1>"
-                f"<pre>{html.escape(text)}\n{html.escape(self._again())}</pre><ul>{failures}</ul>{self._plot()}")
+                f"<pre style='white-space: pre-wrap'>{html.escape(text)}\n{html.escape(self._again())}</pre><ul>{failures}</ul>{self._plot()}")
 
     def _plot(self):
         """Own memory over time, a line a lane, from 0."""
