@@ -1,6 +1,5 @@
 // What the backend takes from the elements of a pipeline, and sets at them, as they come and go.
 
-#include "backend/gstnox_streamgroup.h"
 #include "base/gst_ptr.h"
 #include "one_backend.h"
 
@@ -140,6 +139,19 @@ TEST_F(PipelineTest, FactoriesAreSortedForTheStream) {
 
 G_GNUC_END_IGNORE_DEPRECATIONS
 
+GstPtr<GstElement> synchronizerOf(const GstPtr<GstElement>& playbin) {
+    GstIterator* const found = gst_bin_iterate_all_by_element_factory_name(
+        GST_BIN(playbin.get()), "streamsynchronizer");
+    GValue item = G_VALUE_INIT;
+    const bool is = gst_iterator_next(found, &item) == GST_ITERATOR_OK;
+    gst_iterator_free(found);
+    auto synchronizer = GstPtr<GstElement>::retain(
+        is ? static_cast<GstElement*>(g_value_get_object(&item)) : nullptr);
+    if (is)
+        g_value_unset(&item);
+    return synchronizer;
+}
+
 /// A stream through a playbin's synchronizer, pushed by the caller's thread.
 class SynchronizedStream {
 public:
@@ -175,8 +187,9 @@ private:
 };
 
 TEST_F(PipelineTest, AStreamThatBeginsAfterASeekDoesNotWaitForThoseThatWereFlushed) {
-    const auto synchronizer = make("streamsynchronizer");
-    keepStreamsGoing(synchronizer.get());
+    ASSERT_TRUE(backend.pipeline().createPlaybin());
+    const auto synchronizer = synchronizerOf(backend.pipeline().element());
+    ASSERT_TRUE(synchronizer);
     gst_element_set_state(synchronizer.get(), GST_STATE_PLAYING);
     SynchronizedStream sound(synchronizer.get());
     SynchronizedStream picture(synchronizer.get());

@@ -107,8 +107,7 @@ void padRemoved(GstElement* /*synchronizer*/, GstPad* pad, gpointer data) {
     groupsOf(data)->ends(pad);
 }
 
-} // namespace
-
+/// It has no pad yet.
 void keepStreamsGoing(GstElement* synchronizer) {
     const auto groups = std::make_shared<StreamGroups>();
     const auto connect = [&](const char* signal, GCallback callback) {
@@ -118,6 +117,8 @@ void keepStreamsGoing(GstElement* synchronizer) {
     connect("pad-added", G_CALLBACK(padAdded));
     connect("pad-removed", G_CALLBACK(padRemoved));
 }
+
+} // namespace
 
 void keepStreamGroupsGoing(GstElement* playbin) {
     GstIterator* const found =

@@ -12,7 +12,4 @@
 /// Once, for a new playbin; it lasts as long as the playbin.
 void keepStreamGroupsGoing(GstElement* playbin);
 
-/// The same for a synchronizer as such, which has no pad yet.
-void keepStreamsGoing(GstElement* synchronizer);
-
 #endif
