@@ -3,7 +3,12 @@
 #include "base/gst_ptr.h"
 #include "one_backend.h"
 
+#include <glib/gstdio.h>
+
+#include <atomic>
 #include <future>
+#include <string_view>
+#include <unistd.h>
 
 namespace {
 
@@ -139,17 +144,16 @@ TEST_F(PipelineTest, FactoriesAreSortedForTheStream) {
 
 G_GNUC_END_IGNORE_DEPRECATIONS
 
-GstPtr<GstElement> synchronizerOf(const GstPtr<GstElement>& playbin) {
-    GstIterator* const found = gst_bin_iterate_all_by_element_factory_name(
-        GST_BIN(playbin.get()), "streamsynchronizer");
+GstPtr<GstElement> madeBy(const char* factory, GstBin* bin) {
+    GstIterator* const found = gst_bin_iterate_all_by_element_factory_name(bin, factory);
     GValue item = G_VALUE_INIT;
     const bool is = gst_iterator_next(found, &item) == GST_ITERATOR_OK;
     gst_iterator_free(found);
-    auto synchronizer = GstPtr<GstElement>::retain(
+    auto element = GstPtr<GstElement>::retain(
         is ? static_cast<GstElement*>(g_value_get_object(&item)) : nullptr);
     if (is)
         g_value_unset(&item);
-    return synchronizer;
+    return element;
 }
 
 /// A stream through a playbin's synchronizer, pushed by the caller's thread.
@@ -188,7 +192,8 @@ private:
 
 TEST_F(PipelineTest, AStreamThatBeginsAfterASeekDoesNotWaitForThoseThatWereFlushed) {
     ASSERT_TRUE(backend.pipeline().createPlaybin());
-    const auto synchronizer = synchronizerOf(backend.pipeline().element());
+    const auto synchronizer =
+        madeBy("streamsynchronizer", GST_BIN(backend.pipeline().element().get()));
     ASSERT_TRUE(synchronizer);
     gst_element_set_state(synchronizer.get(), GST_STATE_PLAYING);
     SynchronizedStream sound(synchronizer.get());
@@ -215,6 +220,81 @@ TEST_F(PipelineTest, AStreamThatBeginsAfterASeekDoesNotWaitForThoseThatWereFlush
         sound.segment();
     }
     gst_element_set_state(synchronizer.get(), GST_STATE_NULL);
+}
+
+/// A tenth of a second of silence in a file.
+class AiffFile {
+public:
+    AiffFile() {
+        constexpr std::size_t silence = 1600;
+        static constexpr unsigned char header[] = {
+            'F',  'O',  'R',  'M', 0, 0, 0x06, 0x6e, 'A', 'I', 'F', 'F',                 //
+            'C',  'O',  'M',  'M', 0, 0, 0,    18,   0,   1,   0,   0,   3, 0x20, 0, 16, // 16 bits
+            0x40, 0x0b, 0xfa, 0,   0, 0, 0,    0,    0,   0,                             // 8000 Hz
+            'S',  'S',  'N',  'D', 0, 0, 0x06, 0x48, 0,   0,   0,   0,   0, 0,    0, 0};
+        const int file = g_file_open_tmp("silence-XXXXXX.aiff", &m_name, nullptr);
+        std::string bytes(reinterpret_cast<const char*>(header), sizeof(header));
+        bytes.resize(bytes.size() + silence);
+        EXPECT_EQ(write(file, bytes.data(), bytes.size()), static_cast<ssize_t>(bytes.size()));
+        close(file);
+    }
+    ~AiffFile() {
+        g_remove(m_name);
+        g_free(m_name);
+    }
+    AiffFile(const AiffFile&) = delete;
+    AiffFile& operator=(const AiffFile&) = delete;
+    std::string url() const { return std::string("file://") + m_name; }
+
+private:
+    gchar* m_name = nullptr;
+};
+
+/// While it is there, decodebin is slow to look at the pad of an aiffparse.
+class SlowDecodebin {
+public:
+    SlowDecodebin() {
+        gst_debug_add_log_function(delay, this, nullptr);
+        gst_debug_set_threshold_for_name("decodebin", GST_LEVEL_DEBUG);
+    }
+    ~SlowDecodebin() {
+        gst_debug_unset_threshold_for_name("decodebin");
+        gst_debug_remove_log_function_by_data(this);
+    }
+    SlowDecodebin(const SlowDecodebin&) = delete;
+    SlowDecodebin& operator=(const SlowDecodebin&) = delete;
+    bool wasSlow() const { return m_wasSlow; }
+
+private:
+    static void delay(GstDebugCategory* /*category*/, GstDebugLevel /*level*/,
+                      const gchar* /*file*/, const gchar* function, gint /*line*/, GObject* object,
+                      GstDebugMessage* /*message*/, gpointer self) {
+        if (std::string_view(function) != "expose_pad" || !GST_IS_BIN(object))
+            return;
+        const auto demuxer = madeBy("aiffparse", GST_BIN(object));
+        const auto pad = GstPtr<GstPad>::adopt(gst_element_get_static_pad(demuxer.get(), "src"));
+        static_cast<SlowDecodebin*>(self)->m_wasSlow = true;
+        for (int i = 0; i < 300; ++i) { // ms, for the other thread to run into it
+            if (gst_pad_get_last_flow_return(pad.get()) != GST_FLOW_OK)
+                return;
+            g_usleep(1000);
+        }
+    }
+    std::atomic<bool> m_wasSlow{false};
+};
+
+TEST_F(PipelineTest, ADemuxerThatPullsKeepsItsFirstBufferForWhoLinksIt) {
+    const AiffFile file;
+    const SlowDecodebin decodebin;
+    ASSERT_TRUE(backend.pipeline().createPlaybin());
+    const auto playbin = backend.pipeline().element();
+    const auto sink = make("fakesink");
+    g_object_set(playbin.get(), "uri", file.url().c_str(), "audio-sink", sink.get(), nullptr);
+    gst_element_set_state(playbin.get(), GST_STATE_PAUSED);
+    EXPECT_EQ(gst_element_get_state(playbin.get(), nullptr, nullptr, 20 * GST_SECOND),
+              GST_STATE_CHANGE_SUCCESS);
+    EXPECT_TRUE(decodebin.wasSlow());
+    gst_element_set_state(playbin.get(), GST_STATE_NULL);
 }
 
 } // namespace

@@ -1,5 +1,6 @@
 #include "backend/gstnox_pipeline.h"
 
+#include "backend/gstnox_firstbuffer.h"
 #include "backend/gstnox_streamgroup.h"
 #include "backend/media_facts.h"
 #include "base/gstnox_debug.h"
@@ -204,8 +205,10 @@ void GstNoxPipeline::setupElement(GstElement* element) {
     }
     const gchar* klass =
         gst_element_class_get_metadata(GST_ELEMENT_GET_CLASS(element), GST_ELEMENT_METADATA_KLASS);
-    if (klass != nullptr && std::strstr(klass, "Demuxer") != nullptr)
+    if (klass != nullptr && std::strstr(klass, "Demuxer") != nullptr) {
         g_signal_connect(element, "pad-added", G_CALLBACK(demux_pad_added_cb), this);
+        holdFirstBufferUntilLinked(element);
+    }
 }
 
 void GstNoxPipeline::source_setup_cb(GstElement* /*playbin*/, GstElement* source,
