@@ -277,7 +277,8 @@ void MseFeeder::resume() {
 void MseFeeder::serve(Source& source) {
     if (source.request.event == nullptr || source.info.ended || source.info.changesCodecAt)
         return;
-    const auto wanted = static_cast<std::size_t>(std::max(1, source.request.event->samplesRequested));
+    const auto wanted =
+        static_cast<std::size_t>(std::max(1, source.request.event->samplesRequested));
     if (source.ready.empty() && !source.ended && source.error.empty())
         return read(source, wanted);
     if (const std::size_t count = deliverable(source, wanted); count > 0)

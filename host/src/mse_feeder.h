@@ -106,8 +106,8 @@ private:
         bool startDue = true;   // ... which the backend has not been told
         bool reading = false;
         bool readAgain = false; // what is being read may have looked before something came
-        bool ended = false; // nothing is to be read behind `ready`
-        std::string error;  // nothing can be read behind `ready`
+        bool ended = false;     // nothing is to be read behind `ready`
+        std::string error;      // nothing can be read behind `ready`
         std::optional<KeyBytes> keyAskedFor;
     };
 

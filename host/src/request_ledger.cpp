@@ -8,8 +8,11 @@ RequestLedger::Number RequestLedger::ask(SourceId source, Clock::time_point now)
     const locks::Lock lock(m_mutex);
     auto& entry = m_sources[source];
     ++m_counts.requests;
-    if (std::exchange(entry.isOpen, true))
-        ++m_counts.askedAgain;
+    if (std::exchange(entry.isOpen, true)) {
+        entry.voidUpTo = entry.newest;
+        if (!std::exchange(entry.mayBeEarly, false))
+            ++m_counts.askedAgain;
+    }
     entry.since = now;
     return ++entry.newest;
 }
@@ -30,17 +33,18 @@ void RequestLedger::end(SourceId source) {
     auto& entry = m_sources[source];
     if (entry.isOpen)
         settle(entry);
-    entry.hasEnded = true;
+    entry.hasEnded = entry.mayBeEarly = true;
 }
 
 void RequestLedger::settle(Source& source) {
     source.isOpen = false;
+    source.mayBeEarly = true;
     ++m_counts.answers;
 }
 
 void RequestLedger::makeVoid(Source& source) {
     source.voidUpTo = source.newest;
-    source.isOpen = source.hasEnded = false;
+    source.isOpen = source.hasEnded = source.mayBeEarly = false;
 }
 
 void RequestLedger::revoke(SourceId source) {

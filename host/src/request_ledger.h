@@ -10,16 +10,17 @@
 
 namespace host {
 
-/// Whether each request of a backend for samples is answered once. Requests come on any thread; they
-/// are noted where they arrive, and answers just before they are given: a request that comes from
-/// inside an answer is the next one. Thread-safe.
+/// Whether each request of a backend for samples is answered once. Requests come on any thread;
+/// they are noted where they arrive, and answers just before they are given: a request that comes
+/// from inside an answer is the next one. Thread-safe.
 class RequestLedger {
 public:
     /// Of a request, within its source; from 1.
     using Number = std::uint64_t;
 
     /// A source asks. It does so once, until it is answered, told of its end, or everything it has
-    /// asked for is void.
+    /// asked for is void. Behind an answer it may ask once more, which makes the first void: it can
+    /// run dry while the last of the answer is on its way, and again when that is used up.
     Number ask(SourceId source, Clock::time_point now);
     /// Samples are about to be written for a request. For one that is void they may be.
     void answer(SourceId source, Number request);
@@ -42,6 +43,7 @@ private:
         Number voidUpTo = 0;
         bool isOpen = false; // the newest
         bool hasEnded = false;
+        bool mayBeEarly = false; // an open one: it came behind an answer
         Clock::time_point since; // it is open
     };
     static void makeVoid(Source& source);

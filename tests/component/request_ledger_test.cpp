@@ -46,6 +46,19 @@ TEST_F(RequestLedgerTest, EachIsAnsweredOnce) {
     EXPECT_EQ(counts(), (Counts{5, 4, 0, 0, 0}));
 }
 
+TEST_F(RequestLedgerTest, OneBehindAnAnswerMayBeEarly) {
+    m_ledger.answer(sound, ask(sound));
+    const auto early = ask(sound);
+    const auto next = ask(sound);
+    m_ledger.answer(sound, early); // was on its way
+    m_ledger.answer(sound, next);
+    EXPECT_EQ(counts(), (Counts{3, 2, 0, 0, 0}));
+    ask(sound);
+    ask(sound);
+    ask(sound);
+    EXPECT_EQ(counts(), (Counts{6, 2, 1, 0, 0}));
+}
+
 TEST_F(RequestLedgerTest, FindsWhatIsWrong) {
     ask(sound);
     const auto again = ask(sound);

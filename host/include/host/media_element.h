@@ -21,12 +21,12 @@ class BackendLibrary;
 class ElementCore;
 class EventLoop;
 
-/// What a backend has asked for, and got, of samples since its element was opened. The last three are
-/// faults, the first of the backend, the others of the host.
+/// What a backend has asked for, and got, of samples since its element was opened. The last three
+/// are faults, the first of the backend, the others of the host.
 struct RequestCounts {
     std::uint64_t requests = 0;
     std::uint64_t answers = 0;    ///< fewer: seeks, and the end of playback, make requests void
-    std::uint64_t askedAgain = 0; ///< a source asked while it had not been answered
+    std::uint64_t askedAgain = 0; ///< a source asked before it was answered
     std::uint64_t unasked = 0;    ///< samples were given for no request, or twice for one
     std::uint64_t unanswered = 0; ///< too late, though there was something to answer with
 };

@@ -213,7 +213,8 @@ private:
         const std::string how = std::getenv("FAKE_ASKS") != nullptr ? std::getenv("FAKE_ASKS") : "";
         constexpr unsigned int first = 1, nobody = 99;
         for (int i = how.empty() ? 0 : how == "twice" ? 2 : 1; i > 0; --i)
-            m_uvaClient->deliverEvent(new NeedMSEDataEvent(how == "for nobody" ? nobody : first, 1));
+            m_uvaClient->deliverEvent(
+                new NeedMSEDataEvent(how == "for nobody" ? nobody : first, 1));
     }
 
     std::thread m_clip;
