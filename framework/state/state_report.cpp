@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <nlohmann/json.hpp>
+#include <system_error>
 
 namespace {
 
@@ -25,8 +26,14 @@ struct StateReport::Section {
     const Ask ask;
     Answer answer;
 
-    void begin() {
-        answer.begin([ask = ask] { return answerOf(ask); });
+    /// What went wrong; empty: it is being asked.
+    std::string begin() {
+        try {
+            answer.begin([ask = ask] { return answerOf(ask); });
+        } catch (const std::system_error& error) {
+            return std::string("not asked, no thread can be started: ") + error.what();
+        }
+        return {};
     }
     Json end(Answer::Clock::time_point deadline) {
         if (auto told = answer.end(deadline))
@@ -59,11 +66,13 @@ std::string StateReport::collect(std::chrono::milliseconds bound) {
         sections = m_sections;
     }
     const auto deadline = Answer::Clock::now() + bound;
-    for (const auto& section : sections)
-        section->begin();
     auto report = Json::object();
     for (const auto& section : sections)
-        report[section->name] = section->end(deadline);
+        if (const auto failure = section->begin(); !failure.empty())
+            report[section->name] = {{"error", failure}};
+    for (const auto& section : sections)
+        if (!report.contains(section->name))
+            report[section->name] = section->end(deadline);
     constexpr int indent = 1;
     return report.dump(indent, ' ', false, Json::error_handler_t::replace) + "\n";
 }

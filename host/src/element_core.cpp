@@ -115,8 +115,8 @@ void ElementCore::openSource(MediaSource source) {
     if (!begin(source.server, source.start))
         return;
     Feeding::Options options{m_options.mainSystem, m_options.tick, [this] { return nextSource(); }};
-    m_feeding = std::make_unique<Feeding>(m_calls, m_playback, m_watch, std::move(source),
-                                          std::move(options));
+    m_feeding = std::make_unique<Feeding>(m_calls, m_playback, m_watch, m_requests,
+                                          std::move(source), std::move(options));
     for (auto& [id, stream] : std::exchange(m_early, {}))
         m_feeding->attach(id, std::move(stream));
     m_feeding->open();
@@ -312,8 +312,9 @@ void ElementCore::deliverEvent(UVAEvent* event) {
     }
     const auto& loop = m_calls.loop();
     if (event->type() == UVAEvent::NeedMSEData) {
-        auto request = std::make_shared<std::unique_ptr<NeedMSEDataEvent>>(
-            static_cast<NeedMSEDataEvent*>(event));
+        auto request = std::make_shared<MseFeeder::Request>();
+        request->event.reset(static_cast<NeedMSEDataEvent*>(event));
+        request->number = m_requests.ask(request->event->sourceId, loop->now());
         loop->post(
             [core = shared_from_this(), request] { core->takeRequest(std::move(*request)); });
         return;
@@ -356,12 +357,12 @@ void ElementCore::answerResourceRequest(UVAMediaBackend& backend,
         });
 }
 
-void ElementCore::takeRequest(std::unique_ptr<NeedMSEDataEvent> event) {
+void ElementCore::takeRequest(MseFeeder::Request request) {
     if (!isOpen() || m_feeding == nullptr || m_playback.is(State::Failed))
         return;
-    const Record record = describe(*event, m_calls.now());
+    const Record record = describe(*request.event, m_calls.now());
     m_calls.observe([&](Observer& observer) { observer.onRecord(record); });
-    m_feeding->request(std::move(event));
+    m_feeding->request(std::move(request));
 }
 
 void ElementCore::handle(const Delivery& delivery) {

@@ -9,6 +9,7 @@
 #include "locks/mutex.h"
 #include "playback.h"
 #include "progress_watch.h"
+#include "request_ledger.h"
 #include "seek.h"
 #include "uva/uva_client.h"
 
@@ -57,6 +58,7 @@ public:
     SourceId nextSource();
     bool canPlayAt(double rate) const;
     PictureCounters counters() const;
+    RequestCounts requests() const { return m_requests.counts(); }
 
     void closeGate() { m_calls.closeGate(); } ///< see Calls
     std::optional<MediaElement::Operation> operationUnderWay() const {
@@ -85,7 +87,7 @@ private:
     void startWatching();
     bool isOpen() const { return m_calls.backend() != nullptr; }
 
-    void takeRequest(std::unique_ptr<NeedMSEDataEvent> event);
+    void takeRequest(MseFeeder::Request request);
     void answerResourceRequest(UVAMediaBackend& backend, std::unique_ptr<UVAAsyncEvent> event);
     void handle(const Delivery& delivery);
     void act(const Delivery& delivery);
@@ -109,6 +111,7 @@ private:
     Playback m_playback;
     Seek m_seek;
     End m_end;
+    RequestLedger m_requests;
     std::unique_ptr<Feeding> m_feeding; // null: a URL is played
     std::vector<std::pair<SourceId, std::shared_ptr<SampleStream>>> m_early; // before there is any
     std::optional<double> m_volume; // for a backend that is not there yet

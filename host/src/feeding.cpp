@@ -24,10 +24,10 @@ double inSeconds(Clock::duration time) {
 
 } // namespace
 
-Feeding::Feeding(Calls& calls, Playback& playback, ProgressWatch& watch, MediaSource source,
-                 Options options)
-    : m_calls(calls), m_playback(playback), m_watch(watch), m_options(std::move(options)),
-      m_keys(source.keys), m_keySession(source.keySession),
+Feeding::Feeding(Calls& calls, Playback& playback, ProgressWatch& watch, RequestLedger& requests,
+                 MediaSource source, Options options)
+    : m_calls(calls), m_playback(playback), m_watch(watch), m_requests(requests),
+      m_options(std::move(options)), m_keys(source.keys), m_keySession(source.keySession),
       m_tooLittle(decoderNeeds + looks * inSeconds(m_options.tick)), m_enough(2 * m_tooLittle),
       m_feeder(std::make_shared<MseFeeder>(calls.loop(), source, *this, m_options.nextId)) {
     m_playback.playFrom(source.start);
@@ -84,7 +84,13 @@ void Feeding::detach(SourceId id) {
     if (!isOpen())
         return;
     m_playback.removeSource(id);
+    removeFromBackend(id);
+}
+
+/// Behind it no request of the source comes.
+void Feeding::removeFromBackend(SourceId id) {
     m_calls.operate("removeSource", {number("sourceId", id)}, &UVAMediaBackend::removeSource, id);
+    m_requests.revoke(id);
 }
 
 void Feeding::reattach(StreamInfo::Kind kind) {
@@ -96,7 +102,7 @@ void Feeding::reattach(StreamInfo::Kind kind) {
 }
 
 void Feeding::renew(SourceId id) {
-    m_calls.operate("removeSource", {number("sourceId", id)}, &UVAMediaBackend::removeSource, id);
+    removeFromBackend(id);
     m_feeder->restart(id, m_playback.status().position);
     m_watch.decoderReturned(); // its sink asks anew
     attachToBackend(id);
@@ -140,7 +146,22 @@ bool Feeding::begin(double seconds) {
 
 void Feeding::seek(double seconds) {
     forgetOutdated();
+    revokeRequests();
     m_feeder->seek(seconds);
+}
+
+void Feeding::stop() {
+    revokeRequests();
+    m_feeder->stop();
+}
+
+/// Those of a stream that has nothing to give, or lacks a key, may have been open for long.
+void Feeding::revokeRequests() {
+    std::set<SourceId> excused;
+    for (const auto& source : m_feeder->sources())
+        if (source.isBlocked)
+            excused.insert(source.id);
+    m_requests.revokeAll(m_calls.now(), m_watch.patienceWithData(), excused);
 }
 
 void Feeding::feederFailed(const std::string& reason) {
@@ -159,9 +180,13 @@ void Feeding::protectionMet() {
                     [&](UVAMediaBackend& backend) { return backend.setKeySystem(config); });
 }
 
-void Feeding::writeData(std::unique_ptr<NeedMSEDataEvent> event, unsigned int samples,
-                        unsigned int bytes, UVABackend::WriteDataStatus status) {
-    auto* data = event.release(); // the backend's
+void Feeding::writeData(MseFeeder::Request answered, unsigned int samples, unsigned int bytes,
+                        UVABackend::WriteDataStatus status) {
+    auto* data = answered.event.release(); // the backend's
+    if (status == UVABackend::EndOfStream)
+        m_requests.end(data->sourceId);
+    else if (samples > 0)
+        m_requests.answer(data->sourceId, answered.number);
     m_calls.operate("writeData",
                     {number("sourceId", data->sourceId), number("samples", samples),
                      number("bytes", bytes), number("status", status)},

@@ -2,6 +2,7 @@
 #define HOST_FEEDING_H
 
 #include "mse_feeder.h"
+#include "request_ledger.h"
 
 #include <functional>
 #include <map>
@@ -24,8 +25,8 @@ public:
         std::function<SourceId()> nextId; ///< for the sources that are opened
     };
 
-    Feeding(Calls& calls, Playback& playback, ProgressWatch& watch, MediaSource source,
-            Options options);
+    Feeding(Calls& calls, Playback& playback, ProgressWatch& watch, RequestLedger& requests,
+            MediaSource source, Options options);
 
     void open() { m_feeder->open(); }
     void attach(SourceId id, std::shared_ptr<SampleStream> stream);
@@ -33,12 +34,12 @@ public:
     void reattach(StreamInfo::Kind kind);
     void setDuration(double seconds);
 
-    void request(std::unique_ptr<NeedMSEDataEvent> event) { m_feeder->request(std::move(event)); }
+    void request(MseFeeder::Request request) { m_feeder->request(std::move(request)); }
     /// Playback begins there, seconds. False when it cannot any more: it is to be sought.
     bool begin(double seconds);
     void seek(double seconds);
     void resume() { m_feeder->resume(); }
-    void stop() { m_feeder->stop(); }
+    void stop();
     bool waitsForKey() const { return m_feeder->waitsForKey(); }
     bool hasEnded() const { return m_feeder->hasEnded(); }
 
@@ -57,12 +58,14 @@ private:
     void feederFailed(const std::string& reason) override;
     void keyNeeded(SourceId source, const KeyBytes& id, double time) override;
     void protectionMet() override;
-    void writeData(std::unique_ptr<NeedMSEDataEvent> event, unsigned int samples,
-                   unsigned int bytes, UVABackend::WriteDataStatus status) override;
+    void writeData(MseFeeder::Request answered, unsigned int samples, unsigned int bytes,
+                   UVABackend::WriteDataStatus status) override;
     void outdated(double until) override;
 
     bool isOpen() const;
     void attachToBackend(SourceId id);
+    void removeFromBackend(SourceId id);
+    void revokeRequests();
     void renew(SourceId id);
     double ahead(SourceId id) const;
     void watchMovement();
@@ -74,6 +77,7 @@ private:
     Calls& m_calls;
     Playback& m_playback;
     ProgressWatch& m_watch;
+    RequestLedger& m_requests;
     const Options m_options;
     const std::shared_ptr<const ClearKey> m_keys;
     const std::uint64_t m_keySession;

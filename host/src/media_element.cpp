@@ -76,6 +76,10 @@ PictureCounters MediaElement::counters() const {
     return m_core->counters();
 }
 
+RequestCounts MediaElement::requests() const {
+    return m_core->requests();
+}
+
 SourceId MediaElement::attach(std::unique_ptr<SampleStream> stream) {
     if (stream == nullptr)
         return 0;

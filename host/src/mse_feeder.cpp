@@ -192,7 +192,7 @@ void MseFeeder::restart(SourceId id, double seconds) {
 }
 
 void MseFeeder::move(Source& source, double seconds) {
-    source.request.reset();
+    source.request = {};
     source.info.waitsSince.reset();
     place(source, seconds);
 }
@@ -259,11 +259,11 @@ void MseFeeder::take(Source& source, SampleStream::Batch batch) {
 
 // ---- what is given to the backend
 
-void MseFeeder::request(std::unique_ptr<NeedMSEDataEvent> event) {
-    auto* source = find(event->sourceId);
+void MseFeeder::request(Request request) {
+    auto* source = find(request.event->sourceId);
     if (source == nullptr)
         return;
-    source->request = std::move(event);
+    source->request = std::move(request);
     source->info.waitsSince = m_loop->now();
     source->info.isBlocked = false;
     serve(*source);
@@ -275,19 +275,20 @@ void MseFeeder::resume() {
 }
 
 void MseFeeder::serve(Source& source) {
-    if (source.request == nullptr || source.info.ended || source.info.changesCodecAt)
+    if (source.request.event == nullptr || source.info.ended || source.info.changesCodecAt)
         return;
-    const auto wanted = static_cast<std::size_t>(std::max(1, source.request->samplesRequested));
+    const auto wanted =
+        static_cast<std::size_t>(std::max(1, source.request.event->samplesRequested));
     if (source.ready.empty() && !source.ended && source.error.empty())
         return read(source, wanted);
     if (const std::size_t count = deliverable(source, wanted); count > 0)
         deliver(source, count);
     if (!source.ready.empty()) {
-        if (source.request != nullptr)
+        if (source.request.event != nullptr)
             hold(source);
     } else if (source.ended) {
         deliverEnd(source);
-    } else if (!source.error.empty() && source.request != nullptr) {
+    } else if (!source.error.empty() && source.request.event != nullptr) {
         m_client->feederFailed(source.error);
     }
 }
@@ -334,7 +335,7 @@ std::size_t MseFeeder::deliverable(const Source& source, std::size_t most) const
 
 bool MseFeeder::waitsForKey() const {
     return std::any_of(m_sources.begin(), m_sources.end(), [this](const auto& source) {
-        return source->request != nullptr && !source->ready.empty() &&
+        return source->request.event != nullptr && !source->ready.empty() &&
                lacksKey(*source->ready.front());
     });
 }
@@ -348,7 +349,7 @@ void MseFeeder::deliverStart(Source& source) {
     data.duration = 0;
     auto event = std::make_unique<NeedMSEDataEvent>(source.info.id, 0);
     event->samples = new UVASample* [2] { new Sample(std::move(data)), nullptr };
-    m_client->writeData(std::move(event), 0, 0, UVABackend::Data);
+    m_client->writeData({std::move(event)}, 0, 0, UVABackend::Data);
 }
 
 void MseFeeder::deliver(Source& source, std::size_t count) {
@@ -360,7 +361,8 @@ void MseFeeder::deliver(Source& source, std::size_t count) {
         m_client->protectionMet();
     if (source.startDue)
         deliverStart(source);
-    auto event = std::move(source.request);
+    auto request = std::exchange(source.request, {});
+    auto& event = request.event;
     source.info.waitsSince.reset();
     source.info.isBlocked = false;
     source.keyAskedFor.reset();
@@ -375,7 +377,7 @@ void MseFeeder::deliver(Source& source, std::size_t count) {
         event->samples[i] = sample.release();
         source.ready.pop_front();
     }
-    m_client->writeData(std::move(event), static_cast<unsigned int>(count),
+    m_client->writeData(std::move(request), static_cast<unsigned int>(count),
                         static_cast<unsigned int>(bytes), UVABackend::Data);
 }
 
@@ -387,8 +389,8 @@ void MseFeeder::deliverEnd(Source& source) {
 void MseFeeder::writeEnd(Source& source) {
     source.info.waitsSince.reset();
     source.info.isBlocked = false;
-    source.request.reset();
-    m_client->writeData(std::make_unique<NeedMSEDataEvent>(source.info.id, 0), 0, 0,
+    source.request = {};
+    m_client->writeData({std::make_unique<NeedMSEDataEvent>(source.info.id, 0)}, 0, 0,
                         UVABackend::EndOfStream);
 }
 

@@ -3,6 +3,7 @@
 
 #include "host/event_loop.h"
 #include "host/media_source.h"
+#include "request_ledger.h"
 #include "uva/uva_backend.h"
 #include "uva/uva_event.h"
 
@@ -23,6 +24,11 @@ double knownDuration(double seconds);
 /// into the others answers an open request at once.
 class MseFeeder final : public std::enable_shared_from_this<MseFeeder> {
 public:
+    struct Request {
+        std::unique_ptr<NeedMSEDataEvent> event; ///< null: none
+        RequestLedger::Number number = 0;        ///< 0: the host's own, which answers nothing
+    };
+
     /// Called on the loop.
     class Client {
     public:
@@ -34,8 +40,8 @@ public:
         virtual void keyNeeded(SourceId source, const KeyBytes& id, double time) = 0;
         /// The first encrypted samples are about to be written.
         virtual void protectionMet() = 0;
-        virtual void writeData(std::unique_ptr<NeedMSEDataEvent> event, unsigned int samples,
-                               unsigned int bytes, UVABackend::WriteDataStatus status) = 0;
+        virtual void writeData(Request answered, unsigned int samples, unsigned int bytes,
+                               UVABackend::WriteDataStatus status) = 0;
         /// What the backend was given up to this time (seconds) is not what the stream has any
         /// more.
         virtual void outdated(double until) = 0;
@@ -72,7 +78,7 @@ public:
     void setDuration(double seconds) { m_duration = seconds; } ///< of the whole; 0: unknown
 
     /// Answered as soon as samples have been read.
-    void request(std::unique_ptr<NeedMSEDataEvent> event);
+    void request(Request request);
     /// Playback is to begin elsewhere; false when something was given to the backend already.
     bool begin(double seconds);
     /// Drops what was requested; later requests are answered from this time on, seconds.
@@ -93,15 +99,15 @@ private:
         SourceInfo info;
         std::shared_ptr<SampleStream> stream;
         std::string mimeType;                      // of the codec that the backend knows it with
-        std::unique_ptr<NeedMSEDataEvent> request; // to be answered; null: none
+        Request request;                           // to be answered
         std::deque<std::unique_ptr<Sample>> ready; // read and not delivered
         unsigned int round = 0; // of reading; what was read in an earlier one is dropped
         double start = 0;       // where its samples begin, seconds
         bool startDue = true;   // ... which the backend has not been told
         bool reading = false;
         bool readAgain = false; // what is being read may have looked before something came
-        bool ended = false; // nothing is to be read behind `ready`
-        std::string error;  // nothing can be read behind `ready`
+        bool ended = false;     // nothing is to be read behind `ready`
+        std::string error;      // nothing can be read behind `ready`
         std::optional<KeyBytes> keyAskedFor;
     };
 

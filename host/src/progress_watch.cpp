@@ -87,6 +87,11 @@ milliseconds ProgressWatch::boundFor(Phase phase) const {
     return phase == Phase::WaitingForKey && bound.count() > 0 ? bound + m_options.keyDelay : bound;
 }
 
+Clock::duration ProgressWatch::patienceWithData() const {
+    const auto bound = boundFor(Phase::WaitingForData);
+    return bound.count() > 0 ? Clock::duration(bound) : Clock::duration::max();
+}
+
 void ProgressWatch::hearErrors() {
     if (!hasError() && m_options.takeError)
         m_error = m_options.takeError();

@@ -55,6 +55,9 @@ public:
     bool hasAskedForDecoder() const { return m_decoderAsked.has_value(); }
     bool awaitsDecoder(Clock::time_point now) const;
 
+    /// How long a request for samples may stay open that could be answered.
+    Clock::duration patienceWithData() const;
+
     // Why playback was given up, and what to do: one line.
     std::string standstillText(Phase phase, const Place& place) const;
     std::string decodeErrorText(int reason, Clock::time_point time, const Place& place) const;

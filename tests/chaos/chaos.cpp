@@ -45,21 +45,35 @@ struct Profile {
     unsigned idleWakes;    ///< a condition's wait ends without a signal
     unsigned clockSteps;   ///< of the time of day, up to two hours either way
     unsigned failedMemory; ///< null from the operator new that may answer it
+    unsigned failedStarts; ///< of threads: EAGAIN
 };
 constexpr Profile profiles[] = {
-    {"light", 400, 2000, 40, 100, 300, 0, 0, 0, 0},
-    {"heavy", 30, 500, 0, 300, 500, 0, 0, 0, 0},
-    {"few-and-long", 1500, 30000, 40, 50, 500, 0, 0, 0, 0},
-    {"interrupts", 400, 1000, 40, 100, 300, 200, 0, 0, 0},
-    {"wakes", 300, 1000, 40, 200, 300, 0, 300, 0, 0},
-    {"clock", 400, 2000, 40, 100, 300, 50, 50, 100, 0},
-    {"failures", 400, 2000, 40, 100, 300, 50, 0, 0, 100},
+    {"light", 400, 2000, 40, 100, 300, 0, 0, 0, 0, 0},
+    {"heavy", 30, 500, 0, 300, 500, 0, 0, 0, 0, 0},
+    {"few-and-long", 1500, 30000, 40, 50, 500, 0, 0, 0, 0, 0},
+    {"interrupts", 400, 1000, 40, 100, 300, 200, 0, 0, 0, 0},
+    {"wakes", 300, 1000, 40, 200, 300, 0, 300, 0, 0, 0},
+    {"clock", 400, 2000, 40, 100, 300, 50, 50, 100, 0, 0},
+    {"failures", 400, 2000, 40, 100, 300, 50, 0, 0, 100, 0},
+    {"threads", 400, 2000, 40, 100, 300, 0, 0, 0, 0, 300},
 };
+/// A seed draws of these. Without its threads a walk is another: that is chosen.
+constexpr std::size_t drawnProfiles = 7;
 
-enum Effect { Pause, LongPause, LateStart, Interrupt, IdleWake, ClockStep, FailedMemory, Effects };
+enum Effect {
+    Pause,
+    LongPause,
+    LateStart,
+    Interrupt,
+    IdleWake,
+    ClockStep,
+    FailedMemory,
+    FailedStart,
+    Effects
+};
 constexpr const char* effectNames[Effects] = {
-    "pauses",     "long pauses", "late starts",       "interrupts",
-    "idle wakes", "clock steps", "failed allocations"};
+    "pauses",     "long pauses", "late starts",        "interrupts",
+    "idle wakes", "clock steps", "failed allocations", "failed starts"};
 
 const Profile* profile = nullptr; // null: nothing is done
 std::uint64_t seed = 0;
@@ -243,7 +257,7 @@ __attribute__((constructor(101))) void begin() {
     seed = std::strtoull(text, nullptr, 10);
     began = monotonic();
     const char* name = std::getenv("CHAOS_PROFILE");
-    profile = name != nullptr ? findProfile(name) : &profiles[seed % std::size(profiles)];
+    profile = name != nullptr ? findProfile(name) : &profiles[seed % drawnProfiles];
     if (profile != nullptr)
         return;
     std::fprintf(stderr, "chaos: no profile '%s'; there are", name);
@@ -271,6 +285,12 @@ void* startThread(void* given) {
         pauseNow(own);
     }
     return start.function(start.argument);
+}
+
+/// Only what our code starts itself: GLib ends the process where a thread of its own or of
+/// GStreamer's cannot start, and a std::thread is the C++ library's.
+bool cannotStart(void* caller) {
+    return profile != nullptr && isOurs(caller) && happens(FailedStart, &Profile::failedStarts);
 }
 
 /// So that one step of the clock is seen by all.
@@ -305,6 +325,8 @@ EXPORTED int pthread_create(pthread_t* thread, const pthread_attr_t* attributes,
     if (profile == nullptr)
         return next(thread, attributes, function, argument);
     point(CALLER);
+    if (cannotStart(CALLER))
+        return EAGAIN;
     auto& own = numbers();
     auto* const start =
         new Start{function, argument, mix(own.identity + ++own.children * 0x9e3779b9U) | 1U};
@@ -313,6 +335,14 @@ EXPORTED int pthread_create(pthread_t* thread, const pthread_attr_t* attributes,
         delete start;
     point(CALLER);
     return result;
+}
+
+EXPORTED GThread* g_thread_try_new(const gchar* name, GThreadFunc function, gpointer argument,
+                                   GError** error) {
+    if (!cannotStart(CALLER))
+        return REAL(g_thread_try_new)(name, function, argument, error);
+    g_set_error(error, G_THREAD_ERROR, G_THREAD_ERROR_AGAIN, "%s", g_strerror(EAGAIN));
+    return nullptr;
 }
 
 // ---- locks and conditions

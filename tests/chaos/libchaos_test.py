@@ -28,13 +28,15 @@ class LibChaos(unittest.TestCase):
                 self.assertNotEqual(first, other)
 
     def test_effects_arrive_where_the_profile_has_them(self):
-        for profile, effects in (("interrupts", "i"), ("clock", "ic"), ("failures", "in"), ("light", "")):
+        for profile, effects in (("interrupts", "i"), ("clock", "ic"), ("failures", "in"), ("threads", "t"),
+                                 ("light", "")):
             with self.subTest(profile):
                 threads, told, code = probe(CHAOS_SEED="5", CHAOS_PROFILE=profile)
                 self.assertEqual(code, 0)
                 for met in threads:
                     self.assertEqual(set(met), {".", *effects})
-                for effect, name in (("i", "interrupts"), ("n", "failed allocations"), ("c", "clock steps")):
+                for effect, name in (("i", "interrupts"), ("n", "failed allocations"), ("t", "failed starts"),
+                                     ("c", "clock steps")):
                     self.assertEqual(name in told, effect in effects, told)
 
     def test_pauses_are_long_at_places_that_the_seed_chooses(self):
@@ -45,7 +47,7 @@ class LibChaos(unittest.TestCase):
 
     def test_nothing_without_a_seed(self):
         threads, told, code = probe()
-        self.assertEqual((threads, told, code), (["." * 600] * 3, "seed 0, profile none:", 0))
+        self.assertEqual((threads, told, code), (["." * 800] * 3, "seed 0, profile none:", 0))
 
     def test_unknown_profile_is_refused(self):
         self.assertEqual(probe(CHAOS_SEED="1", CHAOS_PROFILE="none")[2], 2)

@@ -17,7 +17,7 @@ constexpr struct {
 } scenarios[] = {
     {"arbitration", chaos::arbitration},     {"sources", chaos::sources}, {"seeks", chaos::seeks},
     {"releases", chaos::releases},           {"feeding", chaos::feeding}, {"shell", chaos::shell},
-    {"configuration", chaos::configuration},
+    {"configuration", chaos::configuration}, {"starts", chaos::starts},
 };
 
 int usage() {

@@ -1,6 +1,7 @@
 #include "player.h"
 
 #include "host/sample.h"
+#include "request_ledger.h"
 
 #include <algorithm>
 #include <cstring>
@@ -53,9 +54,10 @@ bool isOnMainLoop() {
 } // namespace
 
 Player::Player(const host::BackendLibrary& library, const Habits& habits, Random random)
-    : m_library(library), m_habits(habits), m_random(random),
-      m_backend(within(atOnce, "UVA_RequestBackend",
-                       [&] { return library.request(UVABackend::VideoElement, this); })) {
+    : m_library(library), m_habits(habits), m_requests(std::make_unique<host::RequestLedger>()),
+      m_random(random), m_backend(within(atOnce, "UVA_RequestBackend", [&] {
+          return library.request(UVABackend::VideoElement, this);
+      })) {
     require(m_backend != nullptr, "no backend");
     if (isFed())
         openFed();
@@ -131,6 +133,7 @@ void Player::reattach(unsigned int index) {
     const bool removed =
         within(atOnce, "removeSource", [&] { return m_backend->removeSource(old); });
     require(removed, "a source that is there cannot be removed");
+    m_requests->revoke(old);
     const auto id = ++m_lastId;
     {
         const std::lock_guard lock(m_feedMutex);
@@ -153,6 +156,7 @@ void Player::release() {
         return eventually(atOnce, "a release in an event", [this] { return m_isOver.load(); });
     within(atOnce, "UVA_ReleaseBackend", [&] { return m_library.release(m_backend); });
     m_isOver = true;
+    requireEachAnsweredOnce();
 }
 
 // ---- what the backend asks for
@@ -167,6 +171,9 @@ void Player::deliverEvent(UVAEvent* delivered) {
         return;
     }
     Due due{{}, event, 0};
+    if (event->type() == UVAEvent::NeedMSEData)
+        due.request = m_requests->ask(static_cast<NeedMSEDataEvent&>(*event).sourceId,
+                                      std::chrono::steady_clock::now());
     bool now = false;
     {
         const std::lock_guard lock(m_mutex);
@@ -221,7 +228,7 @@ void Player::step() {
 void Player::answer(const Due& due) {
     switch (due.event->type()) {
     case UVAEvent::NeedMSEData:
-        return feed(static_cast<const NeedMSEDataEvent&>(*due.event).sourceId, due.seeks);
+        return feed(due);
     case UVAEvent::CancelDataRequestsAsync:
         return completeSeek(static_cast<const CancelDataRequestsAsyncEvent&>(*due.event));
     default:
@@ -255,6 +262,7 @@ void Player::completeSeek(const CancelDataRequestsAsyncEvent& event) {
             source.start = target;
             source.startDue = true;
         }
+        m_requests->revokeAll({}, {}, {}); // late answers are a habit
     }
     const int before = count(UVAEvent::SeekCompletedEx);
     within(atOnce, "eventCompleted of a seek",
@@ -286,16 +294,27 @@ std::optional<Outcome> Player::outcome() {
 // ---- samples
 
 /// A request from before a seek is void.
-void Player::feed(unsigned int id, unsigned int seeks) {
+void Player::feed(const Due& due) {
+    const auto id = static_cast<const NeedMSEDataEvent&>(*due.event).sourceId;
     const std::lock_guard lock(m_feedMutex);
     const auto found = m_sources.find(id);
-    if (seeks != seeksAskedFor() || found == m_sources.end())
+    if (due.seeks != seeksAskedFor() || found == m_sources.end())
         return;
     found->second.wasAsked = true;
+    if (found->second.next < found->second.track->samples.size())
+        m_requests->answer(id, due.request);
     feedLocked(id, found->second, 30);
 }
 
+/// A source that gets what it has not asked for may ask before it is answered.
+void Player::requireEachAnsweredOnce() {
+    const auto counts = m_requests->counts();
+    require(m_writesUnasked || counts.askedAgain == 0, "a source asks again before it is answered");
+    require(m_writesUnasked || counts.unasked == 0, "the client answers what is not open");
+}
+
 void Player::writeMore() {
+    m_writesUnasked = true;
     const std::lock_guard lock(m_feedMutex);
     for (auto& [id, source] : m_sources)
         if (source.wasAsked)
@@ -323,8 +342,10 @@ void Player::feedLocked(unsigned int id, Source& source, std::size_t count) {
         write({all.begin() + static_cast<std::ptrdiff_t>(source.next),
                all.begin() + static_cast<std::ptrdiff_t>(end)},
               UVABackend::Data);
-    if (source.next < all.size() && end == all.size())
+    if (source.next < all.size() && end == all.size()) {
+        m_requests->end(id);
         write({}, UVABackend::EndOfStream);
+    }
     source.next = end;
 }
 

@@ -15,6 +15,10 @@
 #include <optional>
 #include <vector>
 
+namespace host {
+class RequestLedger;
+}
+
 namespace chaos {
 
 /// The browser's side of one element: it keeps the rules of the host interface, answers early, late
@@ -79,7 +83,8 @@ private:
     struct Due {
         Time time;
         std::shared_ptr<UVAEvent> event;
-        unsigned int seeks; ///< that had been asked for when it came
+        unsigned int seeks;        ///< that had been asked for when it came
+        std::uint64_t request = 0; ///< of samples: its number
     };
 
     UVABackend::SourceDescription* describe(unsigned int id, const Clip::Track& track);
@@ -87,12 +92,14 @@ private:
     void openUrl();
     void answer(const Due& due);
     void completeSeek(const CancelDataRequestsAsyncEvent& event);
-    void feed(unsigned int id, unsigned int seeks);
+    void feed(const Due& due);
+    void requireEachAnsweredOnce();
     void feedLocked(unsigned int id, Source& source, std::size_t count);
     unsigned int seeksAskedFor();
 
     const host::BackendLibrary& m_library;
     const Habits m_habits;
+    const std::unique_ptr<host::RequestLedger> m_requests;
     unsigned int m_lastId = 0;
 
     std::mutex m_feedMutex; // guards what is fed, until it is written; taken before the other
@@ -109,6 +116,7 @@ private:
     std::optional<SeekCompletedExEvent::SeekOutcome> m_outcome;
     std::map<UVAEvent::Type, int> m_counts;
 
+    std::atomic<bool> m_writesUnasked{false};
     std::atomic<bool> m_releaseInEvent{false};
     std::atomic<bool> m_isReleased{false};
     std::atomic<bool> m_isOver{false}; ///< no event may come any more

@@ -1,5 +1,6 @@
 // Says what each call of each of its threads met, a line a thread: '.' nothing, 'i' an interrupt,
-// 'n' no memory, 'c' a step of the time of day. Then what was done, as libchaos.so tells.
+// 'n' no memory, 't' no thread, 'c' a step of the time of day. Then what was done, as libchaos.so
+// tells.
 
 #include <cerrno>
 #include <cstdio>
@@ -9,6 +10,7 @@
 #include <mutex>
 #include <new>
 #include <poll.h>
+#include <pthread.h>
 #include <string>
 #include <thread>
 #include <vector>
@@ -21,6 +23,14 @@ bool isNear(const timespec& before, const timespec& now) {
     return std::abs(now.tv_sec - before.tv_sec) < 2;
 }
 
+bool canStartThread() {
+    pthread_t thread{};
+    if (pthread_create(
+            &thread, nullptr, [](void* none) { return none; }, nullptr) != 0)
+        return false;
+    return pthread_join(thread, nullptr) == 0;
+}
+
 std::string look(std::mutex& mutex) {
     std::string met;
     timespec before{};
@@ -31,6 +41,7 @@ std::string look(std::mutex& mutex) {
         void* const memory = ::operator new(16, std::nothrow);
         met += memory == nullptr ? 'n' : '.';
         ::operator delete(memory);
+        met += canStartThread() ? '.' : 't';
         timespec now{};
         clock_gettime(CLOCK_REALTIME, &now);
         met += isNear(before, now) ? '.' : 'c';

@@ -7,6 +7,8 @@
 #include <algorithm>
 #include <atomic>
 #include <cmath>
+#include <cstdlib>
+#include <optional>
 #include <thread>
 
 namespace chaos {
@@ -23,6 +25,11 @@ void join(Threads& threads) {
     for (auto& thread : threads)
         thread.join();
 }
+
+class DeafClient final : public UVAClient {
+public:
+    void deliverEvent(UVAEvent* event) override { delete event; }
+};
 
 /// Whoever comes after all that plays: a new element gets its decoders and shows pictures. One that
 /// meets an answer to somebody before it may be refused, once.
@@ -206,6 +213,35 @@ void seeks(Random random) {
         requireAllFrom(target);
     }
     player.release();
+    requireNoSamples();
+}
+
+// ---- threads
+
+/// What may not start does not: a host is told, nobody waits, and nothing falls over.
+void starts(Random random) {
+    unsetenv("CHAOS_SEED"); // the main system has all its threads
+    std::optional<MainSystem> mainSystem;
+    if (random.oneIn(2))
+        mainSystem.emplace();
+    else
+        playStandalone();
+    DeafClient client;
+    UVAMediaBackend* backend = nullptr;
+    for (int tries = 0; tries < 40 && backend == nullptr; ++tries)
+        backend = within(atOnce, "UVA_RequestBackend",
+                         [&] { return library()->request(UVABackend::VideoElement, &client); });
+    require(backend != nullptr, "there is no backend, however often it is asked for");
+    within(atOnce, "UVA_ReleaseBackend", [&] { return library()->release(backend); });
+    for (int i = 0; i < 2; ++i) {
+        Player player(*library(), random.oneIn(2) ? url() : fed(), random.child());
+        player.play();
+        player.until(atOnce, "a picture, or a refusal", [&] {
+            return picturesShown(0, 2) > 0 || player.count(UVAEvent::DecodeError) > 0;
+        });
+        require(mainSystem || player.count(UVAEvent::DecodeError) == 0,
+                "what needs no decoder is refused one");
+    }
     requireNoSamples();
 }
 

@@ -14,6 +14,7 @@ void releases(Random random);
 void feeding(Random random);
 void shell(Random random);
 void configuration(Random random);
+void starts(Random random);
 
 } // namespace chaos
 

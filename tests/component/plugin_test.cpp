@@ -1,6 +1,7 @@
 // The built library as a host loads it: its entry points, and what a first request starts.
 
 #include "support/media_host.h"
+#include "support/no_threads.h"
 #include "support/wait_until.h"
 
 #include <dlfcn.h>
@@ -10,6 +11,9 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <optional>
+#include <sys/wait.h>
+#include <unistd.h>
 
 namespace {
 
@@ -50,6 +54,21 @@ TEST_F(PluginTest, ARefusedTypeStartsNothing) {
     for (const unsigned int type : {2U, 4U, 0x80000000U, ~0U})
         EXPECT_EQ(request(type, &client), nullptr) << type;
     EXPECT_EQ(threadsCalled("gst_run"), 0);
+}
+
+TEST_F(PluginTest, WithoutThreadsThereIsNoBackendUntilThereAreSome) {
+    const pid_t child = fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        const auto request = entry<Request>("UVA_RequestBackend");
+        std::optional<support::NoThreads> none(std::in_place);
+        const bool isRefused = request(0, &client) == nullptr;
+        none.reset();
+        std::_Exit(isRefused && request(0, &client) != nullptr ? 0 : 1);
+    }
+    int status = -1;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_EQ(status, 0);
 }
 
 TEST_F(PluginTest, RequestsStartTheProcessWideThreadsOnce) {

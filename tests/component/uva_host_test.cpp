@@ -225,6 +225,25 @@ TEST_F(UvaHostRun, SaysWhyItFails) {
     EXPECT_EQ(std::distance(fs::directory_iterator(m_folder), {}), 1); // nothing is left behind
 }
 
+TEST_F(UvaHostRun, EachRequestForSamplesIsAnsweredOnce) {
+    const struct {
+        const char* asks;
+        int exitCode;
+        const char* text;
+    } cases[] = {
+        {"once", 0, ", 1 of 1 requests answered"},
+        {"twice", 1, ": of 2 requests for samples 1 came before the one in front was answered\n"},
+        {"'for nobody'", 1, ": of 1 requests for samples 1 were never answered\n"},
+    };
+    for (const auto& row : cases) {
+        const auto command = std::string("env FAKE_ASKS=") + row.asks +
+                             " " UVA_HOST " --standalone --mse --no-progress-timeout 0.5 "
+                             "--duration 0.8 " TEST_MEDIA_DIR "/frag.mp4";
+        EXPECT_EQ(run(command, "60"), row.exitCode) << m_output;
+        EXPECT_TRUE(says(row.text)) << m_output;
+    }
+}
+
 TEST_F(UvaHostRun, StopsWhenAskedTo) {
     EXPECT_EQ(run(UVA_HOST " *.mp4 --duration 0.2", "60"), 0) << m_output;
     EXPECT_TRUE(says("as long as asked")) << m_output;

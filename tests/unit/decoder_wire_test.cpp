@@ -4,6 +4,7 @@
 #include "decoder_link_fixture.h"
 #include "messaging/queue/zant_msg_body.h"
 #include "messaging_fixture.h"
+#include "support/no_threads.h"
 #include "support/private_arena.h"
 
 #include <array>
@@ -155,6 +156,20 @@ TEST_F(DecoderWire, WhatWasToldIsHeardWhenTheProcessEndsAtOnce) {
         for (int i = 0; i < words; ++i)
             received();
     }
+}
+
+TEST_F(DecoderWire, WithoutThreadsThereIsNoLinkAndNobodyWaits) {
+    const pid_t child = fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        const support::NoThreads none;
+        const std::string failure = openUvaGstIfLink();
+        std::fprintf(stderr, "%s\n", failure.c_str());
+        std::_Exit(failure.find("no thread can be started") != std::string::npos ? 0 : 1);
+    }
+    int status = -1;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_EQ(status, 0);
 }
 
 TEST_F(DecoderWire, WithoutAReceiverItsOwnThreadTellsTheObservers) {

@@ -4,6 +4,7 @@
 #include "messaging/timer/time_out_server.h"
 #include "state/framework_state.h"
 #include "state/state_report.h"
+#include "support/no_threads.h"
 #include "support/wait_until.h"
 #include "util/atomic_file.h"
 
@@ -51,6 +52,17 @@ protected:
 };
 
 } // namespace
+
+TEST(StateReport, WithoutThreadsItSaysSo) {
+    StateReport report;
+    report.add("one", [] { return Json("asked"); });
+    {
+        const support::NoThreads none;
+        const auto error = collected(report)["one"]["error"].get<std::string>();
+        EXPECT_NE(error.find("no thread can be started"), std::string::npos) << error;
+    }
+    EXPECT_EQ(collected(report)["one"], "asked");
+}
 
 TEST(StateReport, WhoHangsHoldsNobodyUpAndIsAskedOnce) {
     StateReport report;

@@ -336,10 +336,26 @@ void Playback::finish() {
     if (m_result.abandoned && m_result.error.empty())
         m_result.error = "the backend did not come back from its release; see the system log";
 
+    m_result.requests = faultOfRequests();
+
     takeRecords();
     m_stage.timeline.mediaEnds(host::Clock::now());
     if (m_result.error.empty())
         m_stage.display.summary(summary(playedFor, held));
+}
+
+std::string Playback::faultOfRequests() const {
+    const auto counts = m_element.requests();
+    const std::pair<std::uint64_t, const char*> faults[] = {
+        {counts.askedAgain, "came before the one in front was answered"},
+        {counts.unasked, "were answered twice, or never made"},
+        {counts.unanswered, "were never answered"}};
+    std::string text;
+    for (const auto& [count, what] : faults)
+        if (count > 0)
+            text += (text.empty() ? "" : ", ") + std::to_string(count) + " " + what;
+    return text.empty() ? text
+                        : "of " + std::to_string(counts.requests) + " requests for samples " + text;
 }
 
 std::string Playback::summary(double playedFor, long held) const {
@@ -358,6 +374,9 @@ std::string Playback::summary(double playedFor, long held) const {
     for (const auto& [count, what] : counts)
         if (count > 0)
             text += ", " + std::to_string(count) + what;
+    if (const auto asked = m_element.requests(); asked.requests > 0)
+        text += ", " + std::to_string(asked.answers) + " of " + std::to_string(asked.requests) +
+                " requests answered";
     if (held > 0)
         text += ", " + std::to_string(held) + " samples held";
     return text;

@@ -36,6 +36,7 @@ class Playback {
 public:
     struct Result {
         std::string error;      ///< empty: it went well
+        std::string requests;   ///< what is wrong with those for samples; empty: each was answered
         int signal = 0;         ///< the one that ended it
         bool quit = false;      ///< the user has had enough
         bool abandoned = false; ///< the backend hangs; the event loop cannot be used any more
@@ -76,6 +77,7 @@ private:
     void fail(std::string reason);
     void stop(Stop reason);
     void finish();
+    std::string faultOfRequests() const;
     std::string summary(double playedFor, long held) const;
 
     Stage& m_stage;

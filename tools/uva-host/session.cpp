@@ -171,7 +171,8 @@ bool Session::isWithoutSamples() {
 }
 
 bool Session::take(Playback::Result result, const std::string& name) {
-    failIf(result.error.empty() ? "" : printable(name) + ": " + result.error);
+    for (const auto& wrong : {result.error, result.requests})
+        failIf(wrong.empty() ? "" : printable(name) + ": " + wrong);
     if (!result.snapshot.rgba.empty())
         m_snapshot = std::move(result.snapshot);
     if (result.signal != 0)

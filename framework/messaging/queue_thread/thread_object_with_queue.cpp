@@ -57,7 +57,7 @@ int32_t CThreadObjectWithQueue::StartThread(const char* threadName, int stackSiz
                    threadName ? threadName : "");
         return startBeforeInit;
     }
-    CThreadObject::StartThread(threadName, stackSize, priority);
+    m_lacksThread = CThreadObject::StartThread(threadName, stackSize, priority) != 0;
     return 0;
 }
 

@@ -33,6 +33,8 @@ public:
 
     /// As the base, but 0 whatever the base answers; -1111 before Init.
     int32_t StartThread(const char* name, int stackSize, int priority) override;
+    /// There was no thread to be had for the last StartThread: nobody reads the queue.
+    bool LacksThread() const { return m_lacksThread; }
     void StopThread() override;
     void StopThreadAndWait() override;
     int GetThreadType() override { return 2; }
@@ -65,6 +67,7 @@ private:
     std::string queueName;
     int32_t maxMsgs = 0;
     std::atomic<bool> initialised{false};
+    std::atomic<bool> m_lacksThread{false};
     std::atomic<uint32_t> nrProcessedMsgs{0};
 };
 

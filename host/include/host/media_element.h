@@ -21,6 +21,16 @@ class BackendLibrary;
 class ElementCore;
 class EventLoop;
 
+/// What a backend has asked for, and got, of samples since its element was opened. The last three
+/// are faults, the first of the backend, the others of the host.
+struct RequestCounts {
+    std::uint64_t requests = 0;
+    std::uint64_t answers = 0;    ///< fewer: seeks, and the end of playback, make requests void
+    std::uint64_t askedAgain = 0; ///< a source asked before it was answered
+    std::uint64_t unasked = 0;    ///< samples were given for no request, or twice for one
+    std::uint64_t unanswered = 0; ///< too late, though there was something to answer with
+};
+
 /// What the host answers when a sink asks for the set's decoder.
 enum class ResourcePolicy { Grant, Deny };
 
@@ -119,6 +129,8 @@ public:
     std::future<CapabilityAnswer> canPlayType(UVABackend::ContentDescription description);
 
     PictureCounters counters() const;
+    /// None is found unanswered before a seek or the release.
+    RequestCounts requests() const;
 
     // Sources, of an element that is, or will be, given a MediaSource.
 

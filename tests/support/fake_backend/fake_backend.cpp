@@ -36,6 +36,7 @@ std::string number(double value) {
 
 /// Plays nothing. Position and events come from the test; or, with FAKE_CLIP_SECONDS in the
 /// environment, from a thread that plays a clip of that length, with FAKE_CLIP_STALLS without end.
+/// With FAKE_ASKS ("once", "twice", "for nobody") it asks for samples when it is played.
 /// With FAKE_LEAVES_PROCESS each leaves a process behind.
 class FakeBackend final : public UVAMediaBackend {
 public:
@@ -72,6 +73,7 @@ public:
         control().note("play");
         m_uvaClient->deliverEvent(new BufferingStreamUnderrunEvent);
         m_uvaClient->deliverEvent(new BufferingProgressEvent);
+        askForSamples();
         const char* length = std::getenv("FAKE_CLIP_SECONDS");
         if (length != nullptr && !m_clip.joinable())
             m_clip = std::thread([this, seconds = std::atof(length)] { playClip(seconds); });
@@ -204,6 +206,15 @@ private:
         }
         if (!m_stopClip && std::getenv("FAKE_CLIP_STALLS") == nullptr)
             m_uvaClient->deliverEvent(new PlaybackFinishedEvent(0, 0));
+    }
+
+    /// On the host's loop, which answers nothing meanwhile.
+    void askForSamples() {
+        const std::string how = std::getenv("FAKE_ASKS") != nullptr ? std::getenv("FAKE_ASKS") : "";
+        constexpr unsigned int first = 1, nobody = 99;
+        for (int i = how.empty() ? 0 : how == "twice" ? 2 : 1; i > 0; --i)
+            m_uvaClient->deliverEvent(
+                new NeedMSEDataEvent(how == "for nobody" ? nobody : first, 1));
     }
 
     std::thread m_clip;

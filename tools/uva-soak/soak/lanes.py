@@ -82,6 +82,7 @@ class Long(Lane):
         host = Host(self.media, "--loop", "--seek", ",".join(map(str, seeks)), *self.KINDS[self.name],
                     speed=self.speed)
         self.watch(host, main)
+        wait_until(lambda: not host.running() or host.began.is_set(), LONGEST_SILENCE)  # one that only starts is cut off
         code = host.end(signal.SIGINT)
         if code != 128 + signal.SIGINT:
             self.fails(f"exit code {code}, not that of Ctrl-C: {host.report()}")

@@ -4,8 +4,11 @@
 #include "UvaGstMsgDestLowerLayer.h"
 #include "messaging/queue/zant_msg.h"
 
+#include <algorithm>
 #include <cstring>
+#include <iterator>
 #include <new>
+#include <utility>
 
 namespace {
 
@@ -34,12 +37,13 @@ int32_t CUvaGstIfLowerLayer::Init(int receiverQueue, long arg) {
     const int32_t source =
         m_source.Init("/Q_UVAGST_IF_LL_SEND_", nrOfMsgs, CPUID_MAIN, mainSystemFunction);
     m_source.StartThread("UvaGst_If_Lower_Layer_Sender", 0, 0);
-    if (result != 0)
-        m_notOpened = this;
-    else if (destination != 0)
-        m_notOpened = &m_destination;
-    else
-        m_notOpened = source != 0 ? &m_source : nullptr;
+    const std::pair<const CThreadObjectWithQueue*, int32_t> parts[] = {
+        {this, result}, {&m_destination, destination}, {&m_source, source}};
+    const auto* const failed =
+        std::find_if(std::begin(parts), std::end(parts), [](const auto& part) {
+            return part.second != 0 || part.first->LacksThread();
+        });
+    m_notOpened = failed != std::end(parts) ? failed->first : nullptr;
     return result;
 }
 

@@ -27,8 +27,8 @@ public:
     /// a queue and a thread of its own hand the messages to the registered observers; then the code
     /// of opening that queue, else 0. The other number goes to the destination's Init.
     int32_t Init(int receiverQueue, long arg);
-    /// The part of the link whose queue Init could not open, the first if there are several; null
-    /// when all is open.
+    /// The part of the link whose queue Init could not open, or that lacks its thread, the first if
+    /// there are several; null when all is open.
     const CThreadObjectWithQueue* NotOpened() const { return m_notOpened; }
     void Term();
     /// Waits until the main system's queue has what it was told so far; false when it has not by

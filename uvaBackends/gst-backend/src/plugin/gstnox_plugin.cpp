@@ -29,6 +29,7 @@
 #include <mutex>
 #include <string>
 #include <unistd.h>
+#include <utility>
 
 namespace {
 
@@ -139,21 +140,8 @@ gpointer runDebugWatcher(gpointer /*unused*/) {
     return nullptr;
 }
 
-bool isAccepted(UVABackend::UVABackendType type) {
-    return type == UVABackend::VideoElement || type == UVABackend::AudioElement ||
-           type == UVABackend::MediaObject;
-}
-
-} // namespace
-
-bool BackendInit(GError** error) noexcept {
-    static std::mutex mutex;
-    static bool done = false; // guarded by mutex
-    const std::lock_guard lock(mutex);
-    if (done)
-        return true;
-    if (!gst_init_check(nullptr, nullptr, error))
-        return false;
+/// What is there once in a process, but for GStreamer itself, before it, and the threads.
+void bringUp() {
     GST_DEBUG_CATEGORY_INIT(loaderDebug, "uvapluginloader", 0,
                             "The plugin loader for the media backend");
     createDebugCategories();
@@ -168,10 +156,44 @@ bool BackendInit(GError** error) noexcept {
     runConfigurationFile();
     zantTrace.CheckAndStartTracingToFile("uva");
     startLink();
-    g_thread_unref(g_thread_new("gst_chk_dbg", runDebugWatcher, nullptr));
-    g_thread_unref(g_thread_new("gst_run", runMainLoop, nullptr));
-    done = true;
+}
+
+/// They are never joined. Nothing plays without the main loop: whoever asks again tries again.
+bool startThreads(GError** error) {
+    GThread* const loop = g_thread_try_new("gst_run", runMainLoop, nullptr, error);
+    if (loop == nullptr)
+        return false;
+    g_thread_unref(loop);
+    GError* failure = nullptr;
+    GThread* const watcher = g_thread_try_new("gst_chk_dbg", runDebugWatcher, nullptr, &failure);
+    const GErrorPtr reason(failure);
+    if (watcher != nullptr)
+        g_thread_unref(watcher);
+    else
+        GST_CAT_WARNING(loaderDebug, "***W: %s is not looked for: %s", debugRequestFile,
+                        reason->message);
     return true;
+}
+
+bool isAccepted(UVABackend::UVABackendType type) {
+    return type == UVABackend::VideoElement || type == UVABackend::AudioElement ||
+           type == UVABackend::MediaObject;
+}
+
+} // namespace
+
+bool BackendInit(GError** error) noexcept {
+    static std::mutex mutex;
+    static bool isUp = false, done = false; // guarded by mutex
+    const std::lock_guard lock(mutex);
+    if (done)
+        return true;
+    if (!gst_init_check(nullptr, nullptr, error))
+        return false;
+    if (!std::exchange(isUp, true))
+        bringUp();
+    done = startThreads(error);
+    return done;
 }
 
 void BackendTerm() noexcept {
