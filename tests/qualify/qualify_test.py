@@ -14,6 +14,7 @@ import pathlib
 import pty
 import re
 import shutil
+import signal
 import subprocess
 import sys
 import tempfile
@@ -21,8 +22,8 @@ import unittest
 import xml.etree.ElementTree
 
 TVBOX, SHARE, LEFTOVERS, QUALIFY, MAINSYS, FAKE_BACKEND = sys.argv[1:]
-GROUPS = ["playback", "seek", "switch", "underflow", "pause", "elements", "release", "resources", "capability", "keys",
-          "mainsystem"]
+GROUPS = ["playback", "picture", "answers", "seek", "switch", "underflow", "pause", "elements", "release", "resources",
+          "capability", "keys", "mainsystem"]
 FOLDER = tempfile.TemporaryDirectory()
 BOX = [TVBOX, "--require", "--share", SHARE, "--share", FOLDER.name, "--", sys.executable, LEFTOVERS, QUALIFY]
 
@@ -70,6 +71,23 @@ def watch_on_a_terminal():
         pass
     os.close(ours)
     return child.wait(), seen
+
+
+def stop():
+    """A run that a signal ends when the first finding has been told."""
+    child = subprocess.Popen([QUALIFY, "--short", "--standalone", "--observe", "sinks", "--backend", FAKE_BACKEND, "--group",
+                              "playback", "--group", "seek", "--json", path("stopped.json")], stdin=subprocess.DEVNULL,
+                             stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True)
+    first = child.stdout.readline()
+    child.send_signal(signal.SIGTERM)
+    return child.wait(60), first + child.communicate()[0]
+
+
+def run_without_streams():
+    report = path("streamless.json")
+    words = [QUALIFY, "--short", "--standalone", "--group", "elements", "--json", report]
+    done = run([*BOX[:-1], "sh", "-c", '"$@" <&- >&- 2>&-', "sh", *words])
+    return done.returncode, done.stdout, json.loads(report.read_text()) if report.exists() else None
 
 
 # Put into a copy of the report: opens all that is folded up and writes down what a reader would see.
@@ -128,6 +146,8 @@ class Qualify(unittest.TestCase):
         os.environ["FAKE_LEAVES_PROCESS"] = "1"  # which would hold the pipe of its group open
         cls.nothing = pool.submit(judge, "nothing", "--standalone", "--group", "playback", "--backend", FAKE_BACKEND)
         cls.terminal = pool.submit(watch_on_a_terminal)
+        cls.stopped = pool.submit(stop)
+        cls.streamless = pool.submit(run_without_streams)
 
     def test_the_simulated_set_holds(self):
         code, output, report = self.whole.result()
@@ -190,6 +210,20 @@ class Qualify(unittest.TestCase):
         self.assertEqual(code, 1, output)
         self.assertGreater(report["failed"], 1)
         self.assertEqual(findings(report)["playback", "processes"]["verdict"], "failed")
+
+    def test_a_signal_leaves_reports_of_what_was_found(self):
+        code, output = self.stopped.result()
+        self.assertEqual(code, 3, output)
+        self.assertIn("stopped by Terminated", output)
+        report = json.loads(path("stopped.json").read_text())
+        self.assertFalse(report["complete"])
+        self.assertEqual([(group["name"], group["error"]) for group in report["groups"]], [("playback", "stopped by Terminated")])
+        self.assertGreater(report["failed"], 0)
+
+    def test_without_standard_streams_a_good_library_passes(self):
+        code, output, report = self.streamless.result()
+        self.assertEqual(code, 0, output)
+        self.assertEqual(report["failed"], 0)
 
     def test_without_the_sinks_pictures_are_captured(self):
         code, output, report = self.captured.result()

@@ -48,9 +48,13 @@ void Findings::measure(const std::string& check, double value, const std::string
     finding.series = std::move(series);
     finding.evidence = std::move(evidence);
     const double excess = excessOf(limit, value);
-    if (excess > 0)
+    if (!std::isfinite(value)) {
+        finding.measured.reset(); // no report can hold it
+        finding.note = "no finite number" + (note.empty() ? "" : "; " + note);
+    }
+    if (!std::isfinite(value) || excess > 0)
         finding.verdict = Verdict::Failed;
-    if (excess > 0 && isExplained(limit, excess, m_stalls)) {
+    if (std::isfinite(value) && excess > 0 && isExplained(limit, excess, m_stalls)) {
         finding.verdict = Verdict::NotJudged;
         finding.note = "this machine was busy: a thread waited for a processor up to " +
                        plainNumber(m_stalls.worst()) + " ms, and " + plainNumber(m_stalls.total()) +

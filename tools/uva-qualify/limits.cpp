@@ -11,6 +11,7 @@ namespace {
 constexpr Excuse oneWait{1, false};
 constexpr Excuse allWaits{1, true};
 constexpr Excuse waitsOfPulses{4, true}; // a percent
+constexpr Excuse waitsOfPace{15, false}; // a percent of some 1.5 s
 
 // Where tolerances come from. What no standard says is this program's own, with its reason in
 // docs/how-to/qualify-a-set.md.
@@ -18,6 +19,8 @@ constexpr const char* lipSync = "ITU-R BT.1359-1: 40 ms early, 120 ms late, dete
 constexpr const char* allIsPlayed =
     "HTML Standard, media elements: all of the media is played, in order";
 constexpr const char* seekShows = "HTML Standard, seeking: the frame at the position is shown";
+constexpr const char* levels =
+    "this program: 2 levels for rounding between 8-bit BT.601 Y'CbCr and RGB, the rest for codecs";
 constexpr const char* canPlay = "HTML Standard, canPlayType()";
 constexpr const char* ownLimit = "this program: see docs/how-to/qualify-a-set.md";
 
@@ -32,6 +35,8 @@ const Limit limitTable[] = {
      allIsPlayed},
     {"playback", "drops", "pictures left out, in 15 s", 0, 1, "pictures", ownLimit},
     {"playback", "sound", "seconds whose pulse is not heard once", 0, 0, "pulses", allIsPlayed},
+    {"playback", "tone", "the tone between the pulses: what of it is not heard", -60, 60, "ms",
+     ownLimit},
     {"playback", "lip sync", "pulses heard from 40 ms before to 120 ms behind their picture", 95,
      unbounded, "%", lipSync, waitsOfPulses},
     {"playback", "position", "position told against the picture on screen, beyond one picture", 0,
@@ -41,6 +46,39 @@ const Limit limitTable[] = {
      "ms", ownLimit, allWaits},
     {"playback", "end", "pictures of a playback whose end is not told", 0, 0, "pictures",
      allIsPlayed},
+
+    {"picture", "brightness", "luma of a grey or coloured patch, worst of all pictures", 0, 8,
+     "levels", levels},
+    {"picture", "colours", "chroma of a patch, worst of all pictures", 0, 8, "levels", levels},
+    {"picture", "noise", "standard deviation inside a patch, worst of all pictures", 0, 10, "levels",
+     levels},
+    {"picture", "edges", "what is along the edges of the picture, worst of all pictures", 0, 16,
+     "levels", levels},
+    {"picture", "orientation", "pictures that are mirrored or upside down", 0, 0, "pictures",
+     ownLimit},
+    {"picture", "size", "width and height against the clip's", 0, 0, "pixels", ownLimit},
+    {"picture", "captured", "clips of which no picture could be captured, though of others", 0, 0,
+     "clips", ownLimit},
+
+    {"answers", "size", "width and height told against the clip's", 0, 0, "pixels", ownLimit},
+    {"answers", "pixel aspect", "width of a pixel over its height, against the clip's 4:3", -1, 1,
+     "%", ownLimit},
+    {"answers", "seekable",
+     "the range that can be sought against the clip, its end told in "
+     "nanoseconds",
+     0, 50, "ms", ownLimit},
+    {"answers", "speeds", "answers that contradict the speeds on offer", 0, 0, "answers", ownLimit},
+    {"answers", "volume", "volumes refused, or taken though they are no number", 0, 0, "answers",
+     ownLimit},
+    {"answers", "pace", "seconds that the position moves in one second", 98, 102, "%", ownLimit,
+     waitsOfPace},
+    {"answers", "rate", "rate told with a position, less 1", 0, 0, "%", ownLimit},
+    {"answers", "taken at", "time told with a position against when it was asked for", -50, 50,
+     "ms", ownLimit, oneWait},
+    {"answers", "duration", "duration told less the clip's", -50, 50, "ms", ownLimit},
+    {"answers", "end", "the end told against when the position comes there", -100, 250, "ms",
+     ownLimit, allWaits},
+    {"answers", "ends", "how often the end is told", 1, 1, "times", ownLimit},
 
     {"seek", "paused", "pictures beside the target, worst of six seeks", 0, 0, "pictures",
      seekShows},
@@ -94,7 +132,15 @@ const Limit limitTable[] = {
 
     {"resources", "descriptors", "open descriptors, after less before", -unbounded, 0,
      "descriptors", ownLimit},
-    {"resources", "threads", "threads, after less before", -unbounded, 0, "threads", ownLimit},
+    {"resources", "threads", "threads that have begun since and go on", 0, 0, "threads", ownLimit},
+    {"resources", "mapped", "mappings of memory files and deleted files, after less before",
+     -unbounded, 0, "mappings", ownLimit},
+    {"resources", "resident", "growth of memory outside the heap an element, of the second half",
+     -unbounded, 64, "kB", ownLimit},
+    {"resources", "address space", "growth of what is mapped an element, of the second half",
+     -unbounded, 256, "kB", ownLimit},
+    {"resources", "files", "files in folders for what is passing, after less before", -unbounded, 0,
+     "files", ownLimit},
     {"resources", "queues", "message queues and shared memory, after less before", -unbounded, 0,
      "entries", ownLimit},
     {"resources", "memory", "growth of the heap an element, of the second half", -unbounded, 16,

@@ -12,9 +12,11 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <fcntl.h>
 #include <filesystem>
 #include <set>
 #include <sys/utsname.h>
+#include <unistd.h>
 
 namespace qualify {
 
@@ -34,9 +36,12 @@ RunFacts factsOf(const Options& options) {
     const std::time_t seconds = std::time(nullptr);
     std::tm parts{};
     std::strftime(now, sizeof now, "%Y-%m-%dT%H:%M:%SZ", gmtime_r(&seconds, &parts));
-    return {backendOf(options), options.profile == Profile::Short ? "short" : "full",
-            std::string(machine.sysname) + " " + machine.release + " " + machine.machine, now,
-            options.baseline};
+    return {backendOf(options),
+            options.profile == Profile::Short ? "short" : "full",
+            std::string(machine.sysname) + " " + machine.release + " " + machine.machine,
+            now,
+            options.baseline,
+            {}};
 }
 
 int list() {
@@ -59,13 +64,13 @@ bool isWanted(const Group& group, const Options& options) {
     return names.empty() || std::find(names.begin(), names.end(), group.name) != names.end();
 }
 
-Results runAll(const Options& options, Progress& progress) {
+Results runAll(const Options& options, const StopSignals& stop, Progress& progress) {
     Results results;
     for (unsigned int i = 0; i < groupCount; ++i) {
-        if (!isWanted(groupTable[i], options))
+        if (!isWanted(groupTable[i], options) || stop.received() != 0)
             continue;
         progress.groupBegins(groupTable[i]);
-        results.push_back(runGroup(groupTable[i], options,
+        results.push_back(runGroup(groupTable[i], options, stop,
                                    [&](const Finding& finding) { progress.found(finding); }));
         progress.groupEnds(results.back());
     }
@@ -112,9 +117,12 @@ int run(const Options& options) {
     if (!before.error.empty())
         return fail(before.error, 2);
 
-    const auto facts = factsOf(options);
+    auto facts = factsOf(options);
     Progress progress;
-    const auto results = runAll(options, progress);
+    const StopSignals stop;
+    const auto results = runAll(options, stop, progress);
+    if (stop.received() != 0)
+        facts.incomplete = std::string("stopped by ") + strsignal(stop.received());
     const auto changes =
         options.baseline.empty() ? std::vector<Change>() : compare(before, results);
     progress.end(results, changes);
@@ -124,7 +132,19 @@ int run(const Options& options) {
     const bool holds = count(results, Verdict::Failed) == 0 &&
                        std::all_of(results.begin(), results.end(),
                                    [](const auto& result) { return result.error.empty(); });
+    if (!facts.incomplete.empty())
+        return fail(facts.incomplete + "; the reports have what was found until then", 3);
     return !begun ? 2 : holds && written ? 0 : 1;
+}
+
+/// What is opened next would take the place of a standard stream that is closed, and be written to
+/// or closed as such.
+void openStandardStreams() {
+    int descriptor = 0;
+    while (descriptor >= 0 && descriptor <= STDERR_FILENO)
+        descriptor = open("/dev/null", O_RDWR);
+    if (descriptor > STDERR_FILENO)
+        close(descriptor);
 }
 
 } // namespace
@@ -132,6 +152,7 @@ int run(const Options& options) {
 } // namespace qualify
 
 int main(int argc, char** argv) {
+    qualify::openStandardStreams();
     std::signal(SIGPIPE, SIG_IGN);
     const auto parsed = qualify::parseOptions(argc, argv);
     if (!parsed.options)

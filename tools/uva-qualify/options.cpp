@@ -32,6 +32,7 @@ Exit codes:
   0  all that was judged holds
   1  something does not hold, or an output file could not be written
   2  the command line is wrong, or nothing could be tried
+  3  a signal (SIGINT, SIGTERM, SIGHUP) stopped it; the reports have what was found until then
 )";
 
 std::optional<std::string> parseGroup(const std::string& text) {

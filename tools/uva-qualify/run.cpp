@@ -10,8 +10,8 @@
 #include <csignal>
 #include <cstring>
 #include <fcntl.h>
-#include <poll.h>
 #include <fstream>
+#include <poll.h>
 #include <spawn.h>
 #include <sys/prctl.h>
 #include <sys/syscall.h>
@@ -71,16 +71,21 @@ std::vector<std::string> environmentOf() {
 }
 
 /// Its standard output is the library's: nobody wants that.
-pid_t start(std::vector<std::string> words) {
+pid_t start(std::vector<std::string> words, const StopSignals& stop) {
     auto variables = environmentOf();
     const auto arguments = pointersTo(words);
     const auto environment = pointersTo(variables);
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
     posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
+    posix_spawnattr_t attributes;
+    posix_spawnattr_init(&attributes);
+    posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK);
+    posix_spawnattr_setsigmask(&attributes, &stop.before());
     pid_t child = -1;
-    const int error = posix_spawn(&child, "/proc/self/exe", &actions, nullptr, arguments.data(),
+    const int error = posix_spawn(&child, "/proc/self/exe", &actions, &attributes, arguments.data(),
                                   environment.data());
+    posix_spawnattr_destroy(&attributes);
     posix_spawn_file_actions_destroy(&actions);
     return error == 0 ? child : -1;
 }
@@ -99,13 +104,15 @@ public:
         : m_result(result), m_heard(heard) {}
 
     /// Until it has nothing more to say, or has ended: what it leaves behind may hold the pipe.
-    /// False: it said nothing for too long.
-    bool listen(int descriptor, int process) {
+    /// Until a signal stops the run, too. False: it said nothing for too long.
+    bool listen(int descriptor, int process, int stop) {
         std::string text;
         for (;;) {
-            pollfd ready[] = {{descriptor, POLLIN, 0}, {process, POLLIN, 0}};
+            pollfd ready[] = {{descriptor, POLLIN, 0}, {process, POLLIN, 0}, {stop, POLLIN, 0}};
             if (poll(ready, std::size(ready), silenceBound) <= 0)
                 return false;
+            if (ready[2].revents != 0)
+                return true;
             if (ready[0].revents == 0)
                 return true;
             char bytes[65536];
@@ -182,7 +189,7 @@ unsigned int count(const Results& results, Verdict verdict) {
     return sum;
 }
 
-GroupResult runGroup(const Group& group, const Options& options,
+GroupResult runGroup(const Group& group, const Options& options, const StopSignals& stop,
                      const std::function<void(const Finding&)>& heard) {
     GroupResult result{group.name, group.what, {}, 0, {}, {}};
     prctl(PR_SET_CHILD_SUBREAPER, 1);
@@ -195,7 +202,7 @@ GroupResult runGroup(const Group& group, const Options& options,
     ScopedFd from(ends[0]);
     ScopedFd to(ends[1]);
     fcntl(from.get(), F_SETFD, FD_CLOEXEC);
-    const pid_t child = start(commandOf(group, options, to.get()));
+    const pid_t child = start(commandOf(group, options, to.get()), stop);
     to.reset();
     if (child < 0) {
         result.error =
@@ -204,20 +211,26 @@ GroupResult runGroup(const Group& group, const Options& options,
     }
     Listener listener(result, heard);
     const ScopedFd process(static_cast<int>(syscall(SYS_pidfd_open, child, 0)));
-    const bool spoke = listener.listen(from.get(), process.get());
-    if (!spoke)
+    const bool spoke = listener.listen(from.get(), process.get(), stop.descriptor());
+    const int signal = stop.received();
+    if (!spoke || signal != 0)
         kill(child, SIGKILL);
     int status = 0;
     waitpid(child, &status, 0);
     result.seconds = secondsBetween(begin, Clock::now());
+    if (signal != 0) {
+        endOrphans();
+        result.error = std::string("stopped by ") + strsignal(signal);
+        return result;
+    }
     if (WIFEXITED(status) && WEXITSTATUS(status) == 2 && result.observed.empty()) {
         result.error = "it could not begin; its message above says why";
     } else if (!listener.isDone() || status != 0) {
-        result.findings.push_back(
-            broken(group, "to its end", "the group runs to its end",
-                   spoke ? endOf(status)
-                         : "it said nothing for " + std::to_string(silenceBound / 1000) +
-                               " s: the library hangs"));
+        result.findings.push_back(broken(group, "to its end", "the group runs to its end",
+                                         spoke ? endOf(status)
+                                               : "it said nothing for " +
+                                                     std::to_string(silenceBound / 1000) +
+                                                     " s: the library hangs"));
         heard(result.findings.back());
     }
     if (const auto left = endOrphans(); left > 0) {

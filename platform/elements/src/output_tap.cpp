@@ -27,30 +27,45 @@ double streamTime(GstPad* pad, GstBuffer* buffer) {
                                          : std::numeric_limits<double>::quiet_NaN();
 }
 
-/// The upper 8 bits of the first component. False for what is no YUV or grey picture.
-bool copyLuma(GstVideoFrame& frame, nox::ShownPicture& picture) {
+/// The upper 8 bits of a component.
+std::vector<std::uint8_t> copyComponent(const GstVideoFrame& frame, int component) {
     const auto* format = frame.info.finfo;
-    if (GST_VIDEO_FORMAT_INFO_IS_RGB(format))
-        return false;
-    const auto width = static_cast<std::size_t>(GST_VIDEO_FRAME_WIDTH(&frame));
-    const auto step = static_cast<std::size_t>(GST_VIDEO_FRAME_COMP_PSTRIDE(&frame, 0));
+    const auto part = static_cast<guint>(component);
+    const auto width = static_cast<std::size_t>(GST_VIDEO_FRAME_COMP_WIDTH(&frame, part));
+    const int height = GST_VIDEO_FRAME_COMP_HEIGHT(&frame, part);
+    const auto step = static_cast<std::size_t>(GST_VIDEO_FRAME_COMP_PSTRIDE(&frame, part));
     // Of components of more than a byte, which are little-endian here.
     const int depth =
-        GST_VIDEO_FRAME_COMP_DEPTH(&frame, 0) + GST_VIDEO_FORMAT_INFO_SHIFT(format, 0);
-    picture.width = GST_VIDEO_FRAME_WIDTH(&frame);
-    picture.height = GST_VIDEO_FRAME_HEIGHT(&frame);
-    picture.luma.reserve(width * static_cast<std::size_t>(picture.height));
-    const auto* row = static_cast<const guint8*>(GST_VIDEO_FRAME_COMP_DATA(&frame, 0));
-    for (int y = 0; y < picture.height; ++y, row += GST_VIDEO_FRAME_COMP_STRIDE(&frame, 0)) {
+        GST_VIDEO_FRAME_COMP_DEPTH(&frame, part) + GST_VIDEO_FORMAT_INFO_SHIFT(format, part);
+    std::vector<std::uint8_t> samples;
+    samples.reserve(width * static_cast<std::size_t>(height));
+    const auto* row = static_cast<const guint8*>(GST_VIDEO_FRAME_COMP_DATA(&frame, part));
+    for (int y = 0; y < height; ++y, row += GST_VIDEO_FRAME_COMP_STRIDE(&frame, part)) {
         if (step == 1 && depth == 8) {
-            picture.luma.insert(picture.luma.end(), row, row + width);
+            samples.insert(samples.end(), row, row + width);
             continue;
         }
         for (std::size_t x = 0; x < width; ++x)
-            picture.luma.push_back(
+            samples.push_back(
                 depth > 8 ? static_cast<guint8>(GST_READ_UINT16_LE(row + x * step) >> (depth - 8))
                           : row[x * step]);
     }
+    return samples;
+}
+
+/// False for what is no YUV or grey picture.
+bool copyComponents(const GstVideoFrame& frame, nox::ShownPicture& picture) {
+    if (GST_VIDEO_FORMAT_INFO_IS_RGB(frame.info.finfo))
+        return false;
+    picture.width = GST_VIDEO_FRAME_WIDTH(&frame);
+    picture.height = GST_VIDEO_FRAME_HEIGHT(&frame);
+    picture.luma = copyComponent(frame, GST_VIDEO_COMP_Y);
+    if (GST_VIDEO_FORMAT_INFO_IS_GRAY(frame.info.finfo))
+        return true;
+    picture.chromaWidth = GST_VIDEO_FRAME_COMP_WIDTH(&frame, GST_VIDEO_COMP_U);
+    picture.chromaHeight = GST_VIDEO_FRAME_COMP_HEIGHT(&frame, GST_VIDEO_COMP_U);
+    picture.cb = copyComponent(frame, GST_VIDEO_COMP_U);
+    picture.cr = copyComponent(frame, GST_VIDEO_COMP_V);
     return true;
 }
 
@@ -84,8 +99,8 @@ void tapPicture(GstBin* sink, GstBuffer* picture, GstPad* pad, bool still) {
     if (!caps || !gst_video_info_from_caps(&info, caps.get()) ||
         !gst_video_frame_map(&frame, &info, picture, GST_MAP_READ))
         return;
-    nox::ShownPicture shown{nameOf(sink), streamTime(pad, picture), still, 0, 0, {}};
-    const bool copied = copyLuma(frame, shown);
+    nox::ShownPicture shown{nameOf(sink), streamTime(pad, picture), still, 0, 0, {}, 0, 0, {}, {}};
+    const bool copied = copyComponents(frame, shown);
     gst_video_frame_unmap(&frame);
     if (copied)
         screen.pictureShown(std::move(shown));

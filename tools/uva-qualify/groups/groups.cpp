@@ -6,6 +6,9 @@ namespace qualify {
 
 const Group groupTable[] = {
     {"playback", "a clip from its beginning to its end, from samples and by URL", checkPlayback},
+    {"picture", "what pictures look like: brightness, colours, noise, edges, orientation",
+     checkPicture},
+    {"answers", "what the backend says of a clip while it plays, and of its end", checkAnswers},
     {"seek", "seeks to a picture: paused, playing, many, to the last", checkSeek},
     {"switch", "other sizes and codecs on the way", checkSwitch},
     {"underflow", "samples that come late", checkUnderflow},

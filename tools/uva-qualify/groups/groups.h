@@ -20,6 +20,8 @@ extern const unsigned int groupCount;
 const Group* findGroup(const char* name);
 
 void checkPlayback(Stage& stage, Findings& findings);
+void checkPicture(Stage& stage, Findings& findings);
+void checkAnswers(Stage& stage, Findings& findings);
 void checkSeek(Stage& stage, Findings& findings);
 void checkSwitch(Stage& stage, Findings& findings);
 void checkUnderflow(Stage& stage, Findings& findings);

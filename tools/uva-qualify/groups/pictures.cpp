@@ -107,7 +107,12 @@ int numberAt(const Clip& clip, double seconds) {
 }
 
 int unseen(Player& player, const Stage& stage, int number) {
-    const bool came = player.waitForPicture(number);
+    std::size_t shown = 0;
+    bool came = player.waitForPicture(number);
+    while (!came && player.watch().pictures().size() > shown) { // late is not lost
+        shown = player.watch().pictures().size();
+        came = player.waitForPicture(number);
+    }
     if (!stage.observation->isExact())
         return came ? 0 : number;
     int count = 0;

@@ -47,8 +47,8 @@ double worstOf(const Series& series);
 /// The number of the picture that is on screen at a time of the clip.
 int numberAt(const Clip& clip, double seconds);
 
-/// Waits for the picture with this number, and counts those before it that were not shown. Where
-/// not every picture is seen, all or none.
+/// Waits for the picture with this number, as long as others come, and counts those before it that
+/// were not shown. Where not every picture is seen, all or none.
 int unseen(Player& player, const Stage& stage, int number);
 
 /// Of the first so many seconds, those whose pulse was not heard just once.

@@ -100,10 +100,13 @@ private:
     }
 
     void checkSound() {
-        const auto pulses = m_player.watch().pulses();
-        if (!pulses)
-            return m_findings.notJudged(called("sound"), noSound),
-                   m_findings.notJudged(called("lip sync"), noSound);
+        const auto heard = m_player.watch().sound();
+        if (!heard) {
+            for (const char* check : {"sound", "tone", "lip sync"})
+                m_findings.notJudged(called(check), noSound);
+            return;
+        }
+        const auto* pulses = &heard->pulses;
         const auto seconds = static_cast<int>(m_clip.seconds);
         Series offsets{"picture after sound", "ms", {}, -120, 40, "s"};
         int inside = 0;
@@ -117,6 +120,8 @@ private:
         }
         measure("sound", unheard(*pulses, seconds),
                 std::to_string(pulses->size()) + " pulses in " + std::to_string(seconds) + " s");
+        measure("tone", (m_clip.seconds - heard->tone) * 1000,
+                "heard for " + plainNumber(heard->tone) + " s");
         const auto count = offsets.points.size();
         if (count == 0)
             return fail("lip sync", "no pulse was heard beside its picture");
@@ -136,11 +141,14 @@ private:
             if (shown == nullptr || !shown->mark)
                 continue;
             const double error = sample.position * 1000 - shown->mark->time;
-            worst = std::max(worst, std::abs(error));
+            worst = std::isfinite(error) ? std::max(worst, std::abs(error)) : error;
+            if (!std::isfinite(worst))
+                break;
             errors.points.emplace_back(secondsBetween(first.time, sample.time), error);
         }
         const double frame = m_clip.frame() * 1000;
-        measure("position", std::max(0.0, worst - frame - m_stage.observation->lateness()),
+        const double beyond = worst - frame - m_stage.observation->lateness();
+        measure("position", beyond < 0 ? 0 : beyond,
                 "worst " + plainNumber(worst) + " ms, less a picture of " + plainNumber(frame) +
                     " ms",
                 {errors});

@@ -23,6 +23,9 @@ std::string Clips::load(const std::string& folder) {
             clip.mark = entry.at("mark").get<std::string>().at(0);
             clip.rate = entry.at("rate").get<int>();
             clip.pictures = entry.at("pictures").get<int>();
+            clip.width = entry.at("width").get<int>();
+            clip.height = entry.at("height").get<int>();
+            clip.pixelAspect = entry.at("pixelAspect").get<double>();
             clip.seconds = entry.at("seconds").get<double>();
             clip.sound = entry.at("sound").get<bool>();
             clip.unpromised = entry.at("unpromised").get<std::string>();

@@ -17,9 +17,11 @@ struct Clip {
     std::string name;
     std::string path;
     char mark = 'A';
-    int rate = 25;      ///< pictures a second
-    int pictures = 0;   ///< 0: it has none
-    double seconds = 0; ///< of the whole
+    int rate = 25;             ///< pictures a second
+    int pictures = 0;          ///< 0: it has none
+    int width = 0, height = 0; ///< pixels
+    double pixelAspect = 1;    ///< width of a pixel over its height
+    double seconds = 0;        ///< of the whole
     bool sound = false;
     std::vector<AskedType> types; ///< under which a page asks for it; none: it is not asked for
     std::string unpromised;       ///< why a set may refuse all that and play it; empty: it may not

@@ -3,9 +3,9 @@
 
 Usage: make_clips.py FFMPEG MAKE_MARKS OUT_FOLDER
 
-Every picture carries its number and time as a QR code. Every second of sound has a pulse of 40 ms, 0.4 s
-behind its beginning, whose pitch tells the second: 500 Hz at 0, 200 Hz more each second; the rest is
-silence.
+Every picture carries its number and time as a QR code, amid a test card. Every second of sound has a pulse of 40 ms, 0.4 s
+behind its beginning, whose pitch tells the second: 500 Hz at 0, 200 Hz more each second; the rest is a
+quiet tone of 300 Hz, in which holes can be heard.
 """
 
 import itertools
@@ -17,7 +17,8 @@ import sys
 
 RATE = 25
 PULSE_AT = 0.4
-PULSE = f"aevalsrc='if(between(mod(t,1),{PULSE_AT},{PULSE_AT}+0.04),0.5*sin(2*PI*(500+200*floor(t))*mod(t,1)),0)':s=48000:d={{seconds}}"
+TONE = "0.1*sin(2*PI*300*t)"
+PULSE = f"aevalsrc='if(between(mod(t,1),{PULSE_AT},{PULSE_AT}+0.04),0.5*sin(2*PI*(500+200*floor(t))*mod(t,1)),{TONE})':s=48000:d={{seconds}}"
 
 H264 = ["-c:v", "libx264", "-preset", "veryfast", "-pix_fmt", "yuv420p", "-g", RATE, "-keyint_min", RATE,
         "-sc_threshold", 0, "-bf", 2]
@@ -25,11 +26,13 @@ BASELINE = ["-c:v", "libx264", "-preset", "veryfast", "-pix_fmt", "yuv420p", "-p
 H265 = ["-c:v", "libx265", "-preset", "ultrafast", "-x265-params", "log-level=error:keyint=25"]
 VP8 = ["-c:v", "libvpx", "-b:v", "600k", "-deadline", "realtime", "-cpu-used", 8, "-g", RATE, "-pix_fmt", "yuv420p"]
 VP9 = ["-c:v", "libvpx-vp9", "-b:v", "600k", "-deadline", "realtime", "-cpu-used", 8, "-g", RATE]
-AV1 = ["-c:v", "libaom-av1", "-cpu-used", 8, "-usage", "realtime", "-b:v", "600k", "-pix_fmt", "yuv420p"]
+# Its encoder for real time drops chroma.
+AV1 = ["-c:v", "libaom-av1", "-cpu-used", 8, "-usage", "good", "-crf", 12, "-b:v", 0, "-pix_fmt", "yuv420p"]
 MPEG2 = ["-c:v", "mpeg2video", "-b:v", "600k", "-maxrate", "600k", "-bufsize", "200k", "-pix_fmt", "yuv420p"]
 MPEG4 = ["-c:v", "mpeg4", "-q:v", 4, "-pix_fmt", "yuv420p"]
 THEORA = ["-c:v", "libtheora", "-q:v", 8, "-pix_fmt", "yuv420p"]
 BITS8, BITS10 = ["-pix_fmt", "yuv420p"], ["-pix_fmt", "yuv420p10le"]
+BT601 = ["-colorspace", "smpte170m", "-color_primaries", "smpte170m", "-color_trc", "smpte170m", "-color_range", "tv"]
 AAC = ["-c:a", "aac", "-b:a", "96k"]
 AC3, EAC3, FLAC, MP2, MP3, OPUS, PCM, VORBIS = (["-c:a", encoder] for encoder in (
     "ac3", "eac3", "flac", "mp2", "libmp3lame", "libopus", "pcm_s16le", "libvorbis"))
@@ -39,6 +42,7 @@ CLIPS = {
     "main.mp4": ("A", "320x180", 6, H264, AAC),
     "short.mp4": ("A", "320x180", 2, H264, AAC),
     "long.mp4": ("A", "320x180", 60, H264, AAC),
+    "wide.mp4": ("X", "320x180", 2, H264 + ["-aspect", "64:27"], AAC),
     "low.mp4": ("L", "320x180", 6, H264 + ["-b:v", "150k"], None),
     "high.mp4": ("H", "640x360", 6, H264, None),
     "vp9.webm": ("V", "320x180", 6, VP9 + BITS8, OPUS),
@@ -142,6 +146,7 @@ UNPROMISED = {
     "mpeg4.mp4": "no broadcast or streaming profile for sets asks for MPEG-4 part 2; a set's decoder need not have it",
     "mpeg4.avi": "no broadcast or streaming profile for sets asks for MPEG-4 part 2; a set's decoder need not have it",
 }
+PIXEL_ASPECT = {"wide.mp4": 4 / 3}
 SIZES = [(160, 90), (320, 180), (1280, 720), (1920, 1080), (3840, 2160)]
 RATES = [24, 25, 60]
 
@@ -159,8 +164,8 @@ def make(ffmpeg, marks, folder, name):
     if video:
         width, height = size.split("x")
         source = subprocess.Popen([marks, mark, width, height, str(RATE), str(RATE * seconds)], stdout=subprocess.PIPE)
-        inputs += ["-f", "rawvideo", "-pix_fmt", "gray", "-s", size, "-r", RATE, "-i", "-"]
-        codecs += video
+        inputs += ["-f", "rawvideo", "-pix_fmt", "yuv420p", "-s", size, "-r", RATE, "-i", "-"]
+        codecs += video + BT601
     if audio:
         inputs += ["-f", "lavfi", "-i", PULSE.format(seconds=seconds)]
         codecs += audio + ["-ac", 2]
@@ -193,7 +198,7 @@ def types(name, width, height):
 def entry(name):
     mark, size, seconds, video, audio = CLIPS[CLIPS[name]] if isinstance(CLIPS[name], str) else CLIPS[name]
     width, height = map(int, size.split("x")) if video else (0, 0)
-    return {"name": name, "mark": mark, "width": width, "height": height, "rate": RATE, "pictures": RATE * seconds if video else 0,
+    return {"name": name, "mark": mark, "width": width, "height": height, "pixelAspect": PIXEL_ASPECT.get(name, 1), "rate": RATE, "pictures": RATE * seconds if video else 0,
             "seconds": seconds, "sound": bool(audio), "unpromised": UNPROMISED.get(name, ""),
             "types": [{"type": text, "more": is_more} for text, is_more in types(name, width, height)]}
 

@@ -1,11 +1,13 @@
-// Writes the pictures of a test clip to standard output, grey, a byte a pixel:
+// Writes the pictures of a test clip to standard output, planes with chroma of half the size
+// ("yuv420p"):
 //
 //     make_marks CLIP WIDTH HEIGHT RATE COUNT
 //
-// In the middle of each stands its mark as a QR code; around it a band moves, so that an encoder
-// has something to do.
+// In the middle of each stands its mark as a QR code, around it the test card; between them a band
+// moves, so that an encoder has something to do.
 
 #include "media/mark.h"
+#include "media/test_card.h"
 
 #include <algorithm>
 #include <cstdio>
@@ -28,31 +30,34 @@ using Code = std::unique_ptr<QRcode, FreeCode>;
 class Canvas {
 public:
     Canvas(int width, int height)
-        : m_width(width), m_height(height),
-          m_pixels(static_cast<std::size_t>(width) * static_cast<std::size_t>(height)) {}
+        : m_planes(qualify::Planes::subsampled(width, height)), m_card(width, height) {
+        for (const auto& patch : m_card.patches())
+            draw(patch);
+    }
 
     void drawBand(int number) {
-        for (int y = 0; y < m_height; ++y)
-            for (int x = 0; x < m_width; ++x)
-                at(x, y) = static_cast<unsigned char>(64 + (x + y + 3 * number) % 128);
+        const auto& card = m_card.patches();
+        const int left = card.front().area.bottom, top = left; // an edge is as wide as it is high
+        for (int y = top; y < m_planes.height - top; ++y)
+            for (int x = left; x < m_planes.width - left; ++x)
+                if (!isPatch(x, y))
+                    luma(x, y) = static_cast<unsigned char>(64 + (x + y + 3 * number) % 128);
     }
     void draw(const QRcode& code) {
+        const auto& square = m_card.middle();
         const int modules = code.width + 2 * quietZone;
-        const int scale = std::max(1, std::min(m_width, m_height) / modules);
-        const int left = (m_width - modules * scale) / 2;
-        const int top = (m_height - modules * scale) / 2;
+        const int scale = std::max(1, (square.right - square.left) / modules);
+        const int left = (m_planes.width - modules * scale) / 2;
+        const int top = (m_planes.height - modules * scale) / 2;
         for (int y = 0; y < modules * scale; ++y)
             for (int x = 0; x < modules * scale; ++x)
-                at(left + x, top + y) = isDark(code, x / scale, y / scale) ? black : white;
+                luma(left + x, top + y) = isDark(code, x / scale, y / scale) ? black : white;
     }
-    bool write() const {
-        return std::fwrite(m_pixels.data(), 1, m_pixels.size(), stdout) == m_pixels.size();
-    }
+    bool write() const { return write(m_planes.luma) && write(m_planes.cb) && write(m_planes.cr); }
 
 private:
-    unsigned char& at(int x, int y) {
-        return m_pixels[static_cast<std::size_t>(y) * static_cast<std::size_t>(m_width) +
-                        static_cast<std::size_t>(x)];
+    static bool write(const std::vector<unsigned char>& bytes) {
+        return std::fwrite(bytes.data(), 1, bytes.size(), stdout) == bytes.size();
     }
     static bool isDark(const QRcode& code, int x, int y) {
         x -= quietZone;
@@ -61,8 +66,31 @@ private:
         return inside && (code.data[y * code.width + x] & 1) != 0;
     }
 
-    const int m_width, m_height;
-    std::vector<unsigned char> m_pixels;
+    void draw(const qualify::Patch& patch) {
+        const auto& area = patch.area;
+        for (int y = area.top; y < area.bottom; ++y)
+            for (int x = area.left; x < area.right; ++x) {
+                const auto chroma = static_cast<std::size_t>(y / 2 * m_planes.chromaWidth + x / 2);
+                luma(x, y) = static_cast<unsigned char>(patch.colour.y);
+                m_planes.cb[chroma] = static_cast<unsigned char>(patch.colour.cb);
+                m_planes.cr[chroma] = static_cast<unsigned char>(patch.colour.cr);
+            }
+    }
+    bool isPatch(int x, int y) const {
+        const auto& patches = m_card.patches();
+        return std::any_of(patches.begin(), patches.end(), [x, y](const auto& patch) {
+            return x >= patch.area.left && x < patch.area.right && y >= patch.area.top &&
+                   y < patch.area.bottom;
+        });
+    }
+    unsigned char& luma(int x, int y) {
+        return m_planes
+            .luma[static_cast<std::size_t>(y) * static_cast<std::size_t>(m_planes.width) +
+                  static_cast<std::size_t>(x)];
+    }
+
+    qualify::Planes m_planes;
+    const qualify::TestCard m_card;
 };
 
 int complain(const char* text) {

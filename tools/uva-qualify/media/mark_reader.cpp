@@ -15,7 +15,7 @@ MarkReader::MarkReader() : m_scanner(std::make_unique<Scanner>()) {
 
 MarkReader::~MarkReader() = default;
 
-std::optional<Mark> MarkReader::read(const GreyPicture& picture) {
+std::optional<Mark> MarkReader::read(const Planes& picture) {
     zbar::Image image(static_cast<unsigned int>(picture.width),
                       static_cast<unsigned int>(picture.height), "Y800", picture.luma.data(),
                       picture.luma.size());

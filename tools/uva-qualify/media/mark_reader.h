@@ -2,20 +2,12 @@
 #define UVA_QUALIFY_MARK_READER_H
 
 #include "media/mark.h"
+#include "media/test_card.h"
 
-#include <cstdint>
 #include <memory>
 #include <optional>
-#include <vector>
 
 namespace qualify {
-
-/// A grey picture, a byte a pixel, rows without padding.
-struct GreyPicture {
-    int width = 0;  ///< pixels
-    int height = 0; ///< pixels
-    std::vector<std::uint8_t> luma;
-};
 
 /// Reads the marks of pictures. Bound to one thread.
 class MarkReader {
@@ -24,7 +16,7 @@ public:
     ~MarkReader();
 
     /// Nothing when none can be read.
-    std::optional<Mark> read(const GreyPicture& picture);
+    std::optional<Mark> read(const Planes& picture);
 
 private:
     struct Scanner;

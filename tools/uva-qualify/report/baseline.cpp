@@ -82,7 +82,8 @@ std::vector<Change> compare(const Baseline& before, const Results& now) {
     std::set<std::string> groups;
     std::vector<Finding> all;
     for (const auto& result : now) {
-        groups.insert(result.name);
+        if (result.error.empty())
+            groups.insert(result.name);
         for (const auto& finding : result.findings) {
             all.push_back(finding);
             const auto* old = find(before.findings, finding);

@@ -62,8 +62,8 @@ std::string sectionOf(const GroupResult& result) {
                 "note");
     if (!result.error.empty())
         text += element("p", result.error, "failed");
-    text +=
-        "<div class=\"scroll\"><table><tr><th>check<th>what is measured<th>measured<th>wanted<th>source<th>result</tr>\n";
+    text += "<div class=\"scroll\"><table><tr><th>check<th>what is "
+            "measured<th>measured<th>wanted<th>source<th>result</tr>\n";
     for (const auto& finding : result.findings)
         text += rowOf(finding);
     return text + "</table></div>\n";
@@ -90,6 +90,8 @@ std::string htmlReport(const RunFacts& facts, const Results& results,
     std::string text = head;
     text += element("h1", "Qualification of " + facts.backend);
     text += element("p", facts.time + ", " + facts.host + ", profile " + facts.profile, "note");
+    if (!facts.incomplete.empty())
+        text += element("p", "Incomplete: " + facts.incomplete, "failed");
     text += "<p>";
     for (const auto verdict : {Verdict::Passed, Verdict::Failed, Verdict::NotJudged})
         text += element("span", std::to_string(count(results, verdict)) + " " + name(verdict) + " ",

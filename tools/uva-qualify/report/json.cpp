@@ -10,6 +10,7 @@ std::string jsonReport(const RunFacts& facts, const Results& results) {
                            {"profile", facts.profile},
                            {"machine", facts.host},
                            {"time", facts.time},
+                           {"complete", facts.incomplete.empty()},
                            {"passed", count(results, Verdict::Passed)},
                            {"failed", count(results, Verdict::Failed)},
                            {"notJudged", count(results, Verdict::NotJudged)}};

@@ -13,9 +13,10 @@ namespace qualify {
 struct RunFacts {
     std::string backend; ///< as it was named
     std::string profile;
-    std::string host;     ///< the machine
-    std::string time;     ///< ISO 8601, of its beginning
-    std::string baseline; ///< the report that it is compared with; empty: none
+    std::string host;       ///< the machine
+    std::string time;       ///< ISO 8601, of its beginning
+    std::string baseline;   ///< the report that it is compared with; empty: none
+    std::string incomplete; ///< why not all groups came to their end; empty: they did
 };
 
 // The bytes of report files.
@@ -44,7 +45,7 @@ Baseline readBaseline(const std::string& path);
 
 /// In the order of the results, then what is gone. A value has changed when it is nearer to its
 /// limit, or further from it, by a tenth of the tolerance at least. Of groups that did not run
-/// nothing is said.
+/// to their end nothing is said to be gone.
 std::vector<Change> compare(const Baseline& before, const Results& now);
 
 /// A plot of a series.

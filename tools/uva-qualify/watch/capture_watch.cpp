@@ -1,5 +1,5 @@
 #include "util/mutex.h"
-#include "watch/picture_png.h"
+#include "watch/planes.h"
 #include "watch/watch.h"
 
 #include "media/mark_reader.h"
@@ -13,15 +13,6 @@ namespace {
 
 constexpr auto interval = std::chrono::milliseconds(10); // between two looks
 constexpr auto captureBound = std::chrono::seconds(2);
-
-GreyPicture greyOf(const host::Picture& picture) {
-    GreyPicture grey{picture.width, picture.height, {}};
-    grey.luma.reserve(picture.rgba.size() / 4);
-    for (std::size_t i = 0; i + 3 < picture.rgba.size(); i += 4)
-        grey.luma.push_back(static_cast<std::uint8_t>(
-            (picture.rgba[i] * 77 + picture.rgba[i + 1] * 150 + picture.rgba[i + 2] * 29) >> 8));
-    return grey;
-}
 
 /// Looks at the screen over and over, on a thread of its own.
 class CaptureWatch final : public Watch {
@@ -38,7 +29,7 @@ public:
         m_taken = m_pictures;
         return m_taken;
     }
-    std::optional<std::vector<HeardPulse>> pulses() override { return std::nullopt; }
+    std::optional<HeardSound> sound() override { return std::nullopt; }
     std::string newestPng() override {
         const MutexLock lock(m_mutex);
         return pngOf(m_newest);
@@ -52,15 +43,15 @@ private:
                 const auto now = Clock::now();
                 const auto capture = answer.get();
                 if (capture.error.empty())
-                    add(now, greyOf(capture.picture));
+                    add(now, planesOf(capture.picture));
             }
             std::this_thread::sleep_for(interval);
         }
     }
-    void add(Clock::time_point time, GreyPicture picture) {
-        if (picture.luma == m_last.luma)
+    void add(Clock::time_point time, Planes picture) {
+        if (picture.luma == m_last.luma && picture.cb == m_last.cb)
             return;
-        const SeenPicture seen{time, m_reader.read(picture), false};
+        const SeenPicture seen{time, m_reader.read(picture), false, lookAt(picture)};
         m_last = picture;
         const MutexLock lock(m_mutex);
         m_newest = std::move(picture);
@@ -69,10 +60,10 @@ private:
 
     host::MediaElement& m_element;
     MarkReader m_reader; // the thread's
-    GreyPicture m_last;  // the thread's
+    Planes m_last;       // the thread's
     Mutex m_mutex;
     std::vector<SeenPicture> m_pictures GUARDED_BY(m_mutex);
-    GreyPicture m_newest GUARDED_BY(m_mutex);
+    Planes m_newest GUARDED_BY(m_mutex);
     std::vector<SeenPicture> m_taken; // the caller's
     std::atomic<bool> m_ends{false};
     std::thread m_thread;

@@ -1,8 +1,8 @@
 #include "media/mark_reader.h"
 #include "nox/screen.h"
 #include "util/mutex.h"
-#include "watch/picture_png.h"
-#include "watch/pulse_finder.h"
+#include "watch/planes.h"
+#include "watch/sound_listener.h"
 #include "watch/watch.h"
 
 #include <algorithm>
@@ -18,7 +18,7 @@ namespace {
 struct Shown {
     Clock::time_point time;
     bool still = false;
-    GreyPicture picture;
+    Planes picture;
 };
 
 /// What the sinks of each source have put out and nobody has taken.
@@ -28,7 +28,10 @@ public:
         const auto now = Clock::now();
         const MutexLock lock(m_mutex);
         m_shown[nox::Screen::sourceOf(picture.sink)].push_back(
-            {now, picture.still, {picture.width, picture.height, std::move(picture.luma)}});
+            {now,
+             picture.still,
+             {picture.width, picture.height, std::move(picture.luma), picture.chromaWidth,
+              picture.chromaHeight, std::move(picture.cb), std::move(picture.cr)}});
     }
     void onSound(nox::PlayedSound sound) override {
         const auto now = Clock::now();
@@ -47,12 +50,15 @@ public:
         }
         return taken;
     }
-    std::vector<HeardPulse> pulses(unsigned int from, unsigned int to) const {
+    HeardSound sound(unsigned int from, unsigned int to) const {
         const MutexLock lock(m_mutex);
-        std::vector<HeardPulse> all;
+        HeardSound all;
         const auto end = m_sound.lower_bound(to);
-        for (auto it = m_sound.lower_bound(from); it != end; ++it)
-            all.insert(all.end(), it->second.pulses().begin(), it->second.pulses().end());
+        for (auto it = m_sound.lower_bound(from); it != end; ++it) {
+            const auto& heard = it->second.heard();
+            all.pulses.insert(all.pulses.end(), heard.pulses.begin(), heard.pulses.end());
+            all.tone += heard.tone;
+        }
         return all;
     }
     void forget(unsigned int from, unsigned int to) {
@@ -64,7 +70,7 @@ public:
 private:
     mutable Mutex m_mutex; // a leaf
     std::map<unsigned int, std::vector<Shown>> m_shown GUARDED_BY(m_mutex);
-    std::map<unsigned int, PulseFinder> m_sound GUARDED_BY(m_mutex);
+    std::map<unsigned int, SoundListener> m_sound GUARDED_BY(m_mutex);
 };
 
 bool precedes(const Shown& a, const Shown& b) {
@@ -87,9 +93,7 @@ public:
             add(std::move(each));
         return m_pictures;
     }
-    std::optional<std::vector<HeardPulse>> pulses() override {
-        return m_recorder.pulses(m_from, m_to);
-    }
+    std::optional<HeardSound> sound() override { return m_recorder.sound(m_from, m_to); }
     std::string newestPng() override {
         pictures();
         return pngOf(m_newest);
@@ -101,7 +105,8 @@ private:
         m_standsStill = shown.still;
         if (goesOn)
             return;
-        m_pictures.push_back({shown.time, m_reader.read(shown.picture), shown.still});
+        m_pictures.push_back(
+            {shown.time, m_reader.read(shown.picture), shown.still, lookAt(shown.picture)});
         m_newest = std::move(shown.picture);
     }
 
@@ -109,7 +114,7 @@ private:
     const unsigned int m_from, m_to;
     MarkReader m_reader;
     std::vector<SeenPicture> m_pictures;
-    GreyPicture m_newest;
+    Planes m_newest;
     bool m_standsStill = false;
 };
 

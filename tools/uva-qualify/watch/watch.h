@@ -2,6 +2,7 @@
 #define UVA_QUALIFY_WATCH_H
 
 #include "host/media_element.h"
+#include "media/look.h"
 #include "media/mark.h"
 
 #include <functional>
@@ -22,6 +23,7 @@ struct SeenPicture {
     Clock::time_point time;   ///< since when
     std::optional<Mark> mark; ///< nothing: it cannot be read
     bool still = false;       ///< playback stood at it
+    Look look;
 };
 
 /// Where in its second a pulse of a test clip begins, seconds: at the beginning of a picture.
@@ -33,6 +35,12 @@ struct HeardPulse {
     int second = 0;         ///< of the clip
 };
 
+/// What came out of the loudspeaker.
+struct HeardSound {
+    std::vector<HeardPulse> pulses;
+    double tone = 0; ///< seconds for which something was heard, pulses and what is between
+};
+
 /// What an element shows and plays, with times, since this was made. Bound to one thread.
 class Watch {
 public:
@@ -41,7 +49,9 @@ public:
     /// In the order of their showing. One that playback stood at and went on from is there once.
     virtual const std::vector<SeenPicture>& pictures() = 0;
     /// Nothing: sound cannot be heard.
-    virtual std::optional<std::vector<HeardPulse>> pulses() = 0;
+    virtual std::optional<HeardSound> sound() = 0;
+    /// The pulses of it.
+    std::optional<std::vector<HeardPulse>> pulses();
     /// The newest picture as a PNG file; empty: there is none.
     virtual std::string newestPng() = 0;
 };

@@ -47,7 +47,9 @@ struct ShownPicture {
     bool still = false;  ///< the sink stands at it, and shows it once more when it goes on
     int width = 0;       ///< pixels
     int height = 0;      ///< pixels
-    std::vector<std::uint8_t> luma; ///< a byte a pixel, rows without padding
+    std::vector<std::uint8_t> luma;        ///< a byte a pixel, rows without padding
+    int chromaWidth = 0, chromaHeight = 0; ///< of the subsampled components; 0: it is grey
+    std::vector<std::uint8_t> cb, cr;      ///< a byte a sample, rows without padding
 };
 
 /// Sound at the moment at which its first sample is played.
