@@ -4,15 +4,22 @@
 
 namespace host {
 
+namespace {
+
+constexpr unsigned int asksBehindData = 2;
+
+} // namespace
+
 RequestLedger::Number RequestLedger::ask(SourceId source, Clock::time_point now) {
     const locks::Lock lock(m_mutex);
     auto& entry = m_sources[source];
     ++m_counts.requests;
-    if (std::exchange(entry.isOpen, true)) {
+    if (std::exchange(entry.isOpen, true))
         entry.voidUpTo = entry.newest;
-        if (!std::exchange(entry.mayBeEarly, false))
-            ++m_counts.askedAgain;
-    }
+    if (entry.asksLeft > 0)
+        --entry.asksLeft;
+    else
+        ++m_counts.askedAgain;
     entry.since = now;
     return ++entry.newest;
 }
@@ -20,6 +27,7 @@ RequestLedger::Number RequestLedger::ask(SourceId source, Clock::time_point now)
 void RequestLedger::answer(SourceId source, Number request) {
     const locks::Lock lock(m_mutex);
     auto& entry = m_sources[source];
+    entry.asksLeft = asksBehindData;
     if (request != 0 && request <= entry.voidUpTo)
         return;
     if (entry.isOpen && request == entry.newest)
@@ -33,18 +41,19 @@ void RequestLedger::end(SourceId source) {
     auto& entry = m_sources[source];
     if (entry.isOpen)
         settle(entry);
-    entry.hasEnded = entry.mayBeEarly = true;
+    entry.hasEnded = true;
+    entry.asksLeft = asksBehindData;
 }
 
 void RequestLedger::settle(Source& source) {
     source.isOpen = false;
-    source.mayBeEarly = true;
     ++m_counts.answers;
 }
 
 void RequestLedger::makeVoid(Source& source) {
     source.voidUpTo = source.newest;
-    source.isOpen = source.hasEnded = source.mayBeEarly = false;
+    source.isOpen = source.hasEnded = false;
+    source.asksLeft = 1;
 }
 
 void RequestLedger::revoke(SourceId source) {

@@ -18,9 +18,10 @@ public:
     /// Of a request, within its source; from 1.
     using Number = std::uint64_t;
 
-    /// A source asks. It does so once, until it is answered, told of its end, or everything it has
-    /// asked for is void. Behind an answer it may ask once more, which makes the first void: it can
-    /// run dry while the last of the answer is on its way, and again when that is used up.
+    /// A source asks. It does so once, until it is given something, told of its end, or everything
+    /// it has asked for is void. Behind what it was given it may ask once more, which makes the
+    /// first void: it can run dry while the last of that is on its way, and again when it is used
+    /// up.
     Number ask(SourceId source, Clock::time_point now);
     /// Samples are about to be written for a request. For one that is void they may be.
     void answer(SourceId source, Number request);
@@ -43,8 +44,8 @@ private:
         Number voidUpTo = 0;
         bool isOpen = false; // the newest
         bool hasEnded = false;
-        bool mayBeEarly = false; // an open one: it came behind an answer
-        Clock::time_point since; // it is open
+        unsigned int asksLeft = 1; // before it is given something
+        Clock::time_point since;   // it is open
     };
     static void makeVoid(Source& source);
     void settle(Source& source) REQUIRES(m_mutex);

@@ -80,6 +80,7 @@ void arbitration(Random random) {
     join(hosts);
     mainSystem.say("delay 0");
     mainSystem.say("grant");
+    mainSystem.untilObeyed();
     pause(milliseconds(35)); // what was to be answered late has been
     requirePlayback(random);
 
@@ -154,6 +155,12 @@ void sources(Random random) {
 
 namespace {
 
+/// Of the last seek, since the watch has begun.
+bool isLastPictureShown() {
+    const auto shown = support::SinkWatch::instance().video().buffers;
+    return !shown.empty() && shown.back().flushes > 0 && shown.back().position > 2 - 1.5 * frame;
+}
+
 /// After the last seek each picture was shown once and in order, from its target to the end.
 void requireAllFrom(double target) {
     auto shown = support::SinkWatch::instance().video().buffers;
@@ -197,6 +204,7 @@ void seeks(Random random) {
         }
         const double target = storm == 1 ? 0.3 + random.time(0.2) : 1.2 + random.time(0.2);
         support::SinkWatch::instance().restart({false, false, false});
+        const int endsBefore = player.count(UVAEvent::PlaybackFinished);
         player.seek(target);
         player.until(latest, "the outcome of a seek",
                      [&] { return player.isSettled() && player.outcome().has_value(); });
@@ -207,9 +215,10 @@ void seeks(Random random) {
                          [&] { return picturesShown(target - frame, target + 0.5) > 0; });
             continue;
         }
-        const int before = player.count(UVAEvent::PlaybackFinished);
-        player.until(20 * latest, "the end after a seek",
-                     [&] { return player.count(UVAEvent::PlaybackFinished) > before; });
+        // It may have been about to end when it was sought: that end may be told late.
+        player.until(20 * latest, "the end after a seek, and its last picture", [&] {
+            return player.count(UVAEvent::PlaybackFinished) > endsBefore && isLastPictureShown();
+        });
         requireAllFrom(target);
     }
     player.release();

@@ -55,6 +55,12 @@ MainSystem::~MainSystem() {
 void MainSystem::say(const std::string& command) {
     std::fprintf(m_commands.get(), "%s\n", command.c_str());
     std::fflush(m_commands.get());
+    ++m_said;
+}
+
+void MainSystem::untilObeyed() const {
+    eventually(milliseconds(0), "the main system's obedience",
+               [this] { return count("obey") == m_said; });
 }
 
 int MainSystem::count(const std::string& signal) {

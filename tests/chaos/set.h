@@ -21,11 +21,14 @@ public:
     MainSystem();
     ~MainSystem();
     void say(const std::string& command);
+    /// Returns once it has done all that it was told.
+    void untilObeyed() const;
     /// How often a signal has passed: "-> 519" to the library, "<- 520" from it.
     static int count(const std::string& signal);
 
 private:
     const std::unique_ptr<FILE, int (*)(FILE*)> m_commands;
+    int m_said = 0;
 };
 
 /// No main system: sinks need no decoder. Before the first player.

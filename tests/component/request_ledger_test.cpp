@@ -59,6 +59,16 @@ TEST_F(RequestLedgerTest, OneBehindAnAnswerMayBeEarly) {
     EXPECT_EQ(counts(), (Counts{6, 2, 1, 0, 0}));
 }
 
+TEST_F(RequestLedgerTest, WhatIsGivenForAVoidOneIsUsedUpToo) {
+    m_ledger.answer(sound, ask(sound));
+    const auto early = ask(sound);
+    ask(sound);
+    m_ledger.answer(sound, early);
+    ask(sound);
+    m_ledger.answer(sound, ask(sound));
+    EXPECT_EQ(counts(), (Counts{5, 2, 0, 0, 0}));
+}
+
 TEST_F(RequestLedgerTest, FindsWhatIsWrong) {
     ask(sound);
     const auto again = ask(sound);
