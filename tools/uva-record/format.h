@@ -57,8 +57,8 @@ enum class Kind : std::uint8_t {
 inline constexpr Kind lastKind = Kind::Pad;
 
 struct EntryHeader {
-    std::uint64_t mark;  ///< written last: see markOf()
-    std::uint64_t time;  ///< nanoseconds since the record began
+    std::uint64_t mark;   ///< written last: see markOf()
+    std::uint64_t time;   ///< nanoseconds since the record began
     std::uint32_t thread; ///< from 1, in the order in which they appeared
     std::uint32_t object; ///< the backend, from 1; of Ask and Answer the content protection
     std::uint32_t number;

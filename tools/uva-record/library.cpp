@@ -2,11 +2,12 @@
 
 #include "library.h"
 
-#include "arguments.h"
+#include "argument_writer.h"
 #include "real_library.h"
 #include "recorder.h"
 #include "recording_backend.h"
 
+#include <atomic>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -45,17 +46,24 @@ std::unique_ptr<Recorder> makeRecorder() {
     return nullptr;
 }
 
+std::atomic<bool> isMade{false}; // trivially destroyed
+
 /// The one of the process, null when nothing is recorded. Threads use it until the process ends.
 Recorder* recorder() {
     static Recorder* const instance = [] {
         Recorder* const made = makeRecorder().release();
-        if (made != nullptr) {
-            std::atexit([] { recorder()->close(); });
+        if (made != nullptr)
             pthread_atfork(nullptr, nullptr, [] { recorder()->abandon(); });
-        }
+        isMade = made != nullptr;
         return made;
     }();
     return instance;
+}
+
+/// Behind whatever the host does at its own exit.
+__attribute__((destructor)) void closeRecord() {
+    if (isMade)
+        recorder()->close();
 }
 
 UVAMediaBackend* request(Recorder& recorder, UVABackend::UVABackendType type, UVAClient* client) {

@@ -11,7 +11,7 @@ namespace record {
 /// How the answers of a call compare with those of the same call in another run.
 enum class Answers : std::uint8_t {
     Same,     ///< always the same
-    Settles,  ///< known sooner or later: the last one is the same
+    Settles,  ///< known sooner or later: once it is, the last one is the same
     Position, ///< moves with time
     Free,     ///< anything
 };

@@ -16,13 +16,15 @@ std::string& chosen() {
 
 void* load() {
     const char* const named = std::getenv("UVA_RECORD_LIBRARY");
-    const std::string path = !chosen().empty()           ? chosen()
+    const std::string path = !chosen().empty()            ? chosen()
                              : named != nullptr && *named ? named
                                                           : "libuvagstbackend.so";
     void* const handle = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
     if (handle == nullptr)
-        std::fprintf(stderr, "uvarecord: cannot load the backend library: %s (name it with "
-                             "UVA_RECORD_LIBRARY)\n", dlerror());
+        std::fprintf(stderr,
+                     "uvarecord: cannot load the backend library: %s (name it with "
+                     "UVA_RECORD_LIBRARY)\n",
+                     dlerror());
     return handle;
 }
 

@@ -12,12 +12,12 @@ namespace record {
 
 namespace {
 
-constexpr std::size_t mostTorn = 256;                 // threads that write at a time, and more
+constexpr std::size_t mostTorn = 256;                  // threads that write at a time, and more
 constexpr std::uint64_t longestTorn = 4 * largestBody; // several that follow one another
 
-constexpr const char* kindNames[] = {"",       "call",  "return", "event",  "taken",
-                                     "config", "sample", "data",   "freed",  "ask",
-                                     "answer", "thread", "note",   "end",    "pad"};
+constexpr const char* kindNames[] = {"",       "call",   "return", "event", "taken",
+                                     "config", "sample", "data",   "freed", "ask",
+                                     "answer", "thread", "note",   "end",   "pad"};
 static_assert(std::size(kindNames) == static_cast<std::size_t>(lastKind) + 1);
 
 std::uint64_t segmentEnd(std::uint64_t offset) {
@@ -109,7 +109,8 @@ private:
         if (isBlank && (isTail || isReserve))
             return;
         m_record.torn.push_back({begin, m_at - begin});
-        const bool isCredible = m_at - begin <= longestTorn || (isBlank && m_at - begin <= segmentSize);
+        const bool isCredible =
+            m_at - begin <= longestTorn || (isBlank && m_at - begin <= segmentSize);
         if (!isCredible || m_record.torn.size() > mostTorn)
             fail(begin, "no entry, and more than threads leave behind that are killed");
     }
@@ -131,9 +132,8 @@ private:
                                   " of an operation that there is not");
         std::size_t offset = 0;
         const char* reason = "";
-        if (kind != Kind::Data &&
-            !decode(reinterpret_cast<const std::uint8_t*>(entry.body.data()), entry.body.size(),
-                    entry.values, offset, reason))
+        if (kind != Kind::Data && !decode(reinterpret_cast<const std::uint8_t*>(entry.body.data()),
+                                          entry.body.size(), entry.values, offset, reason))
             return fail(m_at + sizeof header + offset, reason);
         m_ended = kind == Kind::End;
         m_record.entries.push_back(std::move(entry));

@@ -195,7 +195,8 @@ std::uint8_t* RecordFile::prepare(std::uint64_t number, bool decides) {
     int error = number < m_most ? posix_fallocate(m_file.get(), begin, segmentSize) : EFBIG;
     void* mapped = MAP_FAILED;
     if (error == 0) {
-        mapped = mmap(nullptr, segmentSize, PROT_READ | PROT_WRITE, MAP_SHARED, m_file.get(), begin);
+        mapped =
+            mmap(nullptr, segmentSize, PROT_READ | PROT_WRITE, MAP_SHARED, m_file.get(), begin);
         error = mapped == MAP_FAILED ? errno : 0;
     }
     if (error != 0) {

@@ -6,8 +6,8 @@
 #include "util/scoped_handles.h"
 
 #include <atomic>
-#include <semaphore.h>
 #include <memory>
+#include <semaphore.h>
 #include <string>
 #include <thread>
 

@@ -22,8 +22,8 @@ void put(Encoder& out, const UVAStreamConfig::ColorInfo* color) {
     if (color == nullptr)
         return out.null();
     out.list(5);
-    for (const unsigned int value : {color->matrix, color->range, color->transfer, color->primaries,
-                                     color->bitsPerChannel})
+    for (const unsigned int value :
+         {color->matrix, color->range, color->transfer, color->primaries, color->bitsPerChannel})
         out.integer(value);
 }
 
@@ -32,9 +32,9 @@ void put(Encoder& out, const UVAStreamConfig::MasteringMetadata* mastering) {
         return out.null();
     const auto& m = *mastering;
     out.list(10);
-    for (const double value : {m.primaryRX, m.primaryRY, m.primaryGX, m.primaryGY, m.primaryBX,
-                               m.primaryBY, m.whitePointX, m.whitePointY, m.luminanceMax,
-                               m.luminanceMin})
+    for (const double value :
+         {m.primaryRX, m.primaryRY, m.primaryGX, m.primaryGY, m.primaryBX, m.primaryBY,
+          m.whitePointX, m.whitePointY, m.luminanceMax, m.luminanceMin})
         out.real(value);
 }
 

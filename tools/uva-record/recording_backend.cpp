@@ -1,6 +1,6 @@
 #include "recording_backend.h"
 
-#include "arguments.h"
+#include "argument_writer.h"
 #include "recording_drm.h"
 #include "recording_sample.h"
 #include "uva/uva_event.h"

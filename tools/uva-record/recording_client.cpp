@@ -1,6 +1,6 @@
 #include "recording_client.h"
 
-#include "arguments.h"
+#include "argument_writer.h"
 #include "uva/uva_event.h"
 
 namespace record {

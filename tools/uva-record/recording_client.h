@@ -11,7 +11,8 @@ namespace record {
 /// What a backend that is recorded talks to in place of the host's client: notes its events and
 /// hands them on. Keeps itself while an event is under way, which may be the backend's last. Any
 /// thread.
-class RecordingClient final : public UVAClient, public std::enable_shared_from_this<RecordingClient> {
+class RecordingClient final : public UVAClient,
+                              public std::enable_shared_from_this<RecordingClient> {
 public:
     RecordingClient(Recorder& to, std::uint32_t backend, UVAClient* client)
         : recorder(to), object(backend), m_client(client) {}

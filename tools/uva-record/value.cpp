@@ -16,6 +16,12 @@ std::uint64_t mixed(std::uint64_t value) {
     return value ^ value >> 29;
 }
 
+/// One step of many: what it leaves unmixed the next ones mix.
+std::uint64_t folded(std::uint64_t value) {
+    value *= factor;
+    return value ^ value >> 32;
+}
+
 std::uint64_t wordAt(const std::uint8_t* bytes) {
     std::uint64_t word = 0;
     std::memcpy(&word, bytes, sizeof word);
@@ -25,7 +31,8 @@ std::uint64_t wordAt(const std::uint8_t* bytes) {
 /// Reads what an Encoder wrote; nothing is trusted.
 class Decoder {
 public:
-    Decoder(const std::uint8_t* bytes, std::size_t size) : m_begin(bytes), m_left(size), m_at(bytes) {}
+    Decoder(const std::uint8_t* bytes, std::size_t size)
+        : m_begin(bytes), m_left(size), m_at(bytes) {}
 
     bool done() const { return m_left == 0; }
     std::size_t offset() const { return static_cast<std::size_t>(m_at - m_begin); }
@@ -53,7 +60,8 @@ public:
             return text(value);
         case Tag::Digest: {
             std::uint64_t size = 0;
-            const bool good = length(size) && take(&value.hash, sizeof value.hash, "a digest is cut off");
+            const bool good =
+                length(size) && take(&value.hash, sizeof value.hash, "a digest is cut off");
             value.integer = static_cast<std::int64_t>(size);
             return good;
         }
@@ -161,7 +169,7 @@ std::uint64_t digestOf(const void* data, std::size_t size) {
     std::uint64_t lanes[4] = {size, 1, 2, 3};
     for (; size >= 32; bytes += 32, size -= 32)
         for (std::size_t lane = 0; lane < 4; ++lane)
-            lanes[lane] = mixed(lanes[lane] ^ wordAt(bytes + 8 * lane));
+            lanes[lane] = folded(lanes[lane] ^ wordAt(bytes + 8 * lane));
     std::uint8_t rest[32] = {};
     if (size > 0)
         std::memcpy(rest, bytes, size);
@@ -292,7 +300,8 @@ std::string describe(const Value& value) {
         return hexText(value.text);
     case Tag::Digest: {
         char text[60];
-        std::snprintf(text, sizeof text, "<%lld bytes, %016llx>", static_cast<long long>(value.integer),
+        std::snprintf(text, sizeof text, "<%lld bytes, %016llx>",
+                      static_cast<long long>(value.integer),
                       static_cast<unsigned long long>(value.hash));
         return text;
     }

@@ -37,10 +37,10 @@ public:
     void boolean(bool value) { tag(value ? Tag::True : Tag::False); }
     void integer(std::int64_t value);
     void real(double value);
-    void text(std::string_view value);  ///< one longer than largestText: its digest
-    void text(const char* value);       ///< null: null
+    void text(std::string_view value);               ///< one longer than largestText: its digest
+    void text(const char* value);                    ///< null: null
     void bytes(const void* value, std::size_t size); ///< the same
-    void list(std::size_t count); ///< ... of values that follow
+    void list(std::size_t count);                    ///< ... of values that follow
     void digest(std::uint64_t size, std::uint64_t hash);
     void id(std::uint32_t number);
 

@@ -11,7 +11,18 @@ namespace replay {
 
 /// Something that a replay did other than the record.
 struct Difference {
-    enum class Kind { Answer, Position, Duration, EventMissing, EventOther, EventMore, EventLate, Call, Crash, Hang };
+    enum class Kind {
+        Answer,
+        Position,
+        Duration,
+        EventMissing,
+        EventOther,
+        EventMore,
+        EventLate,
+        Call,
+        Crash,
+        Hang
+    };
 
     Kind kind = Kind::Answer;
     std::string what;       ///< the operation or the type of the event
@@ -25,11 +36,13 @@ const char* nameOf(Difference::Kind kind);
 bool isSame(const Difference& one, const Difference& other);
 
 struct Bounds {
-    std::chrono::milliseconds time{1000}; ///< that a call or an event may take longer, or positions differ
+    std::chrono::milliseconds time{
+        1000};         ///< that a call or an event may take longer, or positions differ
     bool fast = false; ///< the replay had other times: what moves with the media is not compared
 };
 
-/// What the second record, of a replay, has other than the first; in the order of the record's time.
+/// What the second record, of a replay, has other than the first; in the order of the record's
+/// time.
 std::vector<Difference> compare(const record::Record& before, const record::Record& after,
                                 const Bounds& bounds);
 

@@ -76,8 +76,8 @@ int minimizeTo(const std::string& out, const std::string& name, const record::Re
     if (first.differences.empty())
         return fail(name, "it does not fail: there is nothing to shorten");
     const Difference& wanted = first.differences.front();
-    std::fprintf(stderr, "%s: at %.3f s: %s\n", name.c_str(), static_cast<double>(wanted.time) / 1e9,
-                 wanted.text.c_str());
+    std::fprintf(stderr, "%s: at %.3f s: %s\n", name.c_str(),
+                 static_cast<double>(wanted.time) / 1e9, wanted.text.c_str());
     const bool isLive = isatty(STDERR_FILENO) != 0;
     const auto bytes = minimize(
         record,
@@ -110,8 +110,8 @@ int run(const Options& options) {
     int exitCode = Same;
     for (const auto& name : files) {
         const auto record = record::readRecordFile(name);
-        const int code = !record.error.empty()  ? fail(name, record.error)
-                         : options.list         ? list(record)
+        const int code = !record.error.empty() ? fail(name, record.error)
+                         : options.list        ? list(record)
                          : options.minimize.empty()
                              ? play(name, record, options.settings)
                              : minimizeTo(options.minimize, name, record, options.settings);

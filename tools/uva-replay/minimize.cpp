@@ -18,7 +18,8 @@ using Units = std::vector<Unit>;
 /// Parts a record into units: a call and all that follows from it alone.
 class Partition {
 public:
-    explicit Partition(const record::Record& record) : m_record(record), m_script(makeScript(record)) {}
+    explicit Partition(const record::Record& record)
+        : m_record(record), m_script(makeScript(record)) {}
 
     /// Queries first: they go in one piece, as a rule.
     Units units() {
@@ -156,7 +157,8 @@ public:
 
     void leaveOut(std::size_t begin, std::size_t end) {
         Units fewer(m_units.begin(), m_units.begin() + static_cast<std::ptrdiff_t>(begin));
-        fewer.insert(fewer.end(), m_units.begin() + static_cast<std::ptrdiff_t>(end), m_units.end());
+        fewer.insert(fewer.end(), m_units.begin() + static_cast<std::ptrdiff_t>(end),
+                     m_units.end());
         m_progress({++m_tries, fewer.size(), m_all});
         auto before = m_gone;
         for (std::size_t i = begin; i < end; ++i)

@@ -80,11 +80,13 @@ tools::Parsed<Options> parseOptions(int argc, const char* const* argv) {
             &options.standalone},
            {"--fast", nullptr, "As fast as events allow, not in the recorded time",
             &settings.pace.fast},
-           {"--bound", "MS", "How much longer a call or an event may take, and how far a position "
-                             "may be off (1000)",
+           {"--bound", "MS",
+            "How much longer a call or an event may take, and how far a position "
+            "may be off (1000)",
             into(settings.bounds.time, form::milliseconds)},
-           {"--patience", "T", "How long to wait for what the record has and the library does not "
-                               "do, seconds (5)",
+           {"--patience", "T",
+            "How long to wait for what the record has and the library does not "
+            "do, seconds (5)",
             into(settings.pace.patience, form::seconds)},
            {"--media", "FOLDER", "Where files are that are not where they were when recorded",
             &settings.pace.media},

@@ -1,6 +1,6 @@
 #include "player.h"
 
-#include "arguments.h"
+#include "argument_writer.h"
 #include "host/backend_library.h"
 #include "made_call.h"
 #include "recorded_sample.h"
@@ -75,8 +75,7 @@ public:
         const auto text = [&](std::size_t i) {
             return i < value.items.size() ? value.items[i].text.c_str() : "";
         };
-        const int type =
-            value.items.size() > 1 ? static_cast<int>(value.items[1].integer) : 0;
+        const int type = value.items.size() > 1 ? static_cast<int>(value.items[1].integer) : 0;
         m_own.push_back(std::make_unique<UVABackend::AVComponent>(type, text(2), text(3), text(4)));
         return m_own.back().get();
     }
@@ -173,7 +172,8 @@ bool Player::turn(const Call& step) {
         const bool isTime = due.call == nullptr && now >= time;
         const auto missing = isTime ? missingFor(step) : std::string();
         const std::uint64_t before = m_next > 0 ? m_script.steps[m_next - 1].entry->time : 0;
-        const nanoseconds gap(m_pace.fast ? step.entry->time - std::min(before, step.entry->time) : 0);
+        const nanoseconds gap(m_pace.fast ? step.entry->time - std::min(before, step.entry->time)
+                                          : 0);
         const bool isOverdue = !missing.empty() && now >= time + gap + m_pace.patience;
         if (isOverdue) {
             m_tell((isEnd ? "at the end" : "before " + record::nameOf(*step.entry)) +
@@ -298,8 +298,8 @@ void Player::answer(Answer answer) {
         return;
     if (call.operation() == Operation::writeData)
         return write(element, call, std::move(answer.event));
-    const bool granted = call.entry->values.size() > 1 &&
-                         call.entry->values[1].tag == record::Tag::True;
+    const bool granted =
+        call.entry->values.size() > 1 && call.entry->values[1].tag == record::Tag::True;
     element.backend->eventCompleted(static_cast<UVAAsyncEvent*>(answer.event.get()), granted);
 }
 
@@ -308,8 +308,8 @@ void Player::write(Element& element, const Call& call, std::unique_ptr<UVAEvent>
         auto& request = static_cast<NeedMSEDataEvent&>(*event);
         request.samples = new UVASample* [call.samples.size() + 1] {};
         for (std::size_t i = 0; i < call.samples.size(); ++i)
-            request.samples[i] = new RecordedSample(*call.samples[i], m_script,
-                                                    config(configOf(*call.samples[i])));
+            request.samples[i] =
+                new RecordedSample(*call.samples[i], m_script, config(configOf(*call.samples[i])));
     }
     const auto& values = call.entry->values;
     const auto number = [&](std::size_t i) { return i < values.size() ? values[i].integer : 0; };
@@ -342,8 +342,8 @@ void Player::make(const Call& step) {
             static_cast<UVABackend::UVABackendType>(values.empty() ? 0 : values[0].integer),
             &element);
     else if (element.backend == nullptr)
-        error = record::nameOf(*step.entry) + ": there is no backend " +
-                std::to_string(element.number);
+        error =
+            record::nameOf(*step.entry) + ": there is no backend " + std::to_string(element.number);
     else if (step.operation() == Operation::releaseBackend)
         m_library.release(std::exchange(element.backend, nullptr));
     else if (step.operation() == Operation::writeData)
@@ -433,7 +433,8 @@ const Event* Player::match(Element& element, const UVAEvent& event) {
         found = expected.begin();
     const Event* const recorded = *found;
     expected.erase(found);
-    if (const auto added = m_script.added.find(recorded->entry->number); added != m_script.added.end()) {
+    if (const auto added = m_script.added.find(recorded->entry->number);
+        added != m_script.added.end()) {
         const auto& components = static_cast<const MultiComponentChangedEvent&>(event).added;
         for (std::size_t i = 0; i < std::min(components.size(), added->second.size()); ++i)
             element.components[added->second[i]] = components[i];

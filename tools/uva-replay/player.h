@@ -94,10 +94,10 @@ private:
     std::map<std::uint32_t, std::unique_ptr<Element>> m_elements GUARDED_BY(m_mutex);
     std::map<std::uint32_t, std::shared_ptr<const UVAStreamConfig>> m_configs GUARDED_BY(m_mutex);
     std::map<Kind, std::deque<const Event*>> m_expected GUARDED_BY(m_mutex); // not yet matched
-    std::set<const Entry*> m_awaited GUARDED_BY(m_mutex); // events that steps wait for
+    std::set<const Entry*> m_awaited GUARDED_BY(m_mutex);  // events that steps wait for
     std::deque<const Call*> m_answers GUARDED_BY(m_mutex); // that are still to be made
     std::size_t m_next GUARDED_BY(m_mutex) = 0;            // step
-    Clock::time_point m_begin GUARDED_BY(m_mutex); // of the record, moved by what was waited for
+    Clock::time_point m_begin GUARDED_BY(m_mutex);   // of the record, moved by what was waited for
     Clock::time_point m_current GUARDED_BY(m_mutex); // since when the next step may be made
     const Call* m_underWay GUARDED_BY(m_mutex) = nullptr;
     Clock::time_point m_since GUARDED_BY(m_mutex);

@@ -35,7 +35,8 @@ RecordedConfig::RecordedConfig(const Entry& entry) {
         return;
     codec = integer(values[at(ConfigValue::Codec)]);
     if (values[at(ConfigValue::Data)].tag == Tag::Bytes) {
-        codecData = reinterpret_cast<const std::uint8_t*>(values[at(ConfigValue::Data)].text.data());
+        codecData =
+            reinterpret_cast<const std::uint8_t*>(values[at(ConfigValue::Data)].text.data());
         codecDataSize = values[at(ConfigValue::Data)].text.size();
     }
     int* const numbers[] = {&sampleRate, &channels, &width, &height};
@@ -87,7 +88,9 @@ const std::uint8_t* RecordedSample::payload() const {
 }
 
 std::uint32_t configOf(const Entry& sample) {
-    return sample.values.size() > at(SampleValue::Config) ? cardinal(sample.values[at(SampleValue::Config)]) : 0;
+    return sample.values.size() > at(SampleValue::Config)
+               ? cardinal(sample.values[at(SampleValue::Config)])
+               : 0;
 }
 
 } // namespace replay

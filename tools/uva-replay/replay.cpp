@@ -1,8 +1,8 @@
 #include "replay.h"
 
 #include "host/backend_library.h"
-#include "uva/uva_drm_backend.h"
 #include "util/scoped_handles.h"
+#include "uva/uva_drm_backend.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -118,8 +118,9 @@ std::vector<Difference> endOf(int status, const Script& played) {
     difference.what = call != nullptr ? record::rowOf(static_cast<Operation>(call->code)).name : "";
     difference.time = call != nullptr ? call->time : played.duration;
     const std::string how =
-        WIFSIGNALED(status) ? std::string("the process ended with ") + strsignal(WTERMSIG(status))
-                            : "the process ended with exit code " + std::to_string(WEXITSTATUS(status));
+        WIFSIGNALED(status)
+            ? std::string("the process ended with ") + strsignal(WTERMSIG(status))
+            : "the process ended with exit code " + std::to_string(WEXITSTATUS(status));
     difference.text = hangs ? where + " does not return" : how + " inside " + where;
     return {difference};
 }

@@ -15,7 +15,8 @@ using record::Value;
 /// Goes through the entries once, and keeps what is under way on each thread.
 class ScriptMaker {
 public:
-    ScriptMaker(const record::Record& record, Script& script) : m_record(record), m_script(script) {}
+    ScriptMaker(const record::Record& record, Script& script)
+        : m_record(record), m_script(script) {}
 
     void make() {
         for (std::size_t i = 0; i < m_record.entries.size(); ++i)
@@ -110,7 +111,7 @@ private:
     bool m_hasSamples = false;
     std::unordered_map<std::uint32_t, const Entry*> m_returns;
     std::unordered_map<std::uint32_t, Event> m_events;
-    std::unordered_map<std::uint32_t, std::size_t> m_cancelled;             // by backend
+    std::unordered_map<std::uint32_t, std::size_t> m_cancelled;            // by backend
     std::unordered_map<std::uint32_t, std::vector<const Entry*>> m_open;   // by thread
     std::unordered_map<std::uint32_t, std::vector<const Entry*>> m_handed; // by thread
 };

@@ -44,10 +44,10 @@ struct Script {
     std::vector<Call> steps;
     std::vector<Call> answers;
     std::vector<Event> events;
-    std::map<std::uint32_t, std::vector<const Entry*>> data;    ///< a sample's payload, by number
-    std::map<std::uint32_t, const Entry*> configs;              ///< by number
+    std::map<std::uint32_t, std::vector<const Entry*>> data;   ///< a sample's payload, by number
+    std::map<std::uint32_t, const Entry*> configs;             ///< by number
     std::map<std::uint32_t, std::vector<std::uint32_t>> added; ///< components, by event number
-    std::uint64_t duration = 0;                                 ///< nanoseconds
+    std::uint64_t duration = 0;                                ///< nanoseconds
     std::string error; ///< why it cannot be played again; empty: it can
 };
 

@@ -1,5 +1,5 @@
-#ifndef UVA_RECORD_ARGUMENTS_H
-#define UVA_RECORD_ARGUMENTS_H
+#ifndef UVA_RECORD_ARGUMENT_WRITER_H
+#define UVA_RECORD_ARGUMENT_WRITER_H
 
 #include "recorder.h"
 #include "uva/uva_media_backend.h"
@@ -69,8 +69,8 @@ public:
 
 private:
     template <typename Parameter>
-    static constexpr bool comesBack =
-        std::is_lvalue_reference_v<Parameter> && !std::is_const_v<std::remove_reference_t<Parameter>>;
+    static constexpr bool comesBack = std::is_lvalue_reference_v<Parameter> &&
+                                      !std::is_const_v<std::remove_reference_t<Parameter>>;
 
     Encoder& m_out;
     const Identities& m_identities;

@@ -1,4 +1,4 @@
-#include "arguments.h"
+#include "argument_writer.h"
 
 #include "uva/uva_event.h"
 
