@@ -121,6 +121,14 @@ class Replay(unittest.TestCase):
                          ["play()", "UVA_ReleaseBackend()"])
         self.check_replay(1, *options, "--fast", record=short, **again)
 
+    def test_a_call_that_crashes_or_hangs_is_named(self):
+        done = run(HOST, "--quiet", "--backend", FAKE, "--record", self.record, "--seek", "0.1", CLIP, FAKE_CLIP_SECONDS="1")
+        self.assertEqual(done.returncode, 0, done.stderr)
+        for how, text in (("crash", r"the process ended with Aborted inside setPosition\(0\.1\)"), ("hang", r"setPosition\(0\.1\) does not return")):
+            with self.subTest(how):
+                told = self.check_replay(1, "--library", FAKE, "--patience", "1", FAKE_CLIP_SECONDS="1", FAKE_SEEKS=how)
+                self.assertRegex(told.splitlines()[0], text)
+
     def test_a_library_that_is_not_there(self):
         done = run(REPLAY, "--library", "/nowhere.so", *sorted(RECORDS.glob("*.uvarec"))[:1])
         self.assertEqual(done.returncode, 3)

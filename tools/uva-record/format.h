@@ -51,7 +51,7 @@ enum class Kind : std::uint8_t {
     Answer = 10,
     Thread = 11, ///< its name
     Note = 12,   ///< a text about the record itself
-    End = 13,    ///< nothing follows: a text with the reason
+    End = 13,    ///< nothing follows; number: the error code of the file that did not grow
     Pad = 14,    ///< the rest of a segment; a mark alone
 };
 inline constexpr Kind lastKind = Kind::Pad;

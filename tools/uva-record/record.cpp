@@ -261,6 +261,8 @@ std::string describe(const Entry& entry) {
         return text + nameOf(entry) + " = " + plain(entry.values);
     if (entry.kind == Kind::Data)
         return text + std::to_string(entry.body.size()) + " bytes";
+    if (entry.kind == Kind::End)
+        return text + "the file could not grow: " + std::strerror(static_cast<int>(entry.number));
     if (entry.kind == Kind::Sample)
         return text + named(entry.values, "event, config, pts, dts, duration, payload, protection");
     if (entry.kind == Kind::Config)

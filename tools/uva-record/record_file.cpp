@@ -138,7 +138,7 @@ void RecordFile::append(Kind kind, EntryHeader header, const void* body, std::si
     if (size > 0)
         std::memcpy(place + sizeof header, body, size);
     setMark(place, markOf(offset, kind, static_cast<std::uint32_t>(sizeof header + size)));
-    commit(offset, kind, whole);
+    commit(offset, whole);
 }
 
 /// Where the bytes go; none once the file is closed.
@@ -165,10 +165,10 @@ void RecordFile::pad(std::uint64_t offset, std::uint64_t end) {
     if (place == nullptr)
         return;
     setMark(place, markOf(offset, Kind::Pad, size));
-    commit(offset, Kind::Pad, size);
+    commit(offset, size);
 }
 
-void RecordFile::commit(std::uint64_t offset, Kind /*kind*/, std::uint32_t size) {
+void RecordFile::commit(std::uint64_t offset, std::uint32_t size) {
     m_segments[segmentOf(offset)].written.fetch_add(size, std::memory_order_release);
 }
 

@@ -51,7 +51,7 @@ private:
 
     std::uint64_t reserve(std::uint32_t size);
     void pad(std::uint64_t offset, std::uint64_t end);
-    void commit(std::uint64_t offset, Kind kind, std::uint32_t size);
+    void commit(std::uint64_t offset, std::uint32_t size);
     std::uint8_t* placeOf(std::uint64_t offset);
     std::uint8_t* prepare(std::uint64_t number, bool decides);
     void endFor(std::uint64_t number, int error);

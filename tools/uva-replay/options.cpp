@@ -32,6 +32,7 @@ Exit codes:
   2  the command line is wrong
   3  a file is no record or cannot be played again, or the library cannot be loaded; the reason is
      on standard error
+With --minimize 1 says that the shorter record is written.
 )";
 
 std::optional<std::chrono::milliseconds> parseMilliseconds(const std::string& text) {

@@ -7,8 +7,10 @@
 #include "uva/uva_client.h"
 
 #include <algorithm>
+#include <atomic>
 #include <filesystem>
 #include <iterator>
+#include <set>
 #include <tuple>
 
 namespace replay {
@@ -92,7 +94,7 @@ public:
 
     Player& player;
     const std::uint32_t number; ///< as it was recorded
-    UVAMediaBackend* backend = nullptr;
+    std::atomic<UVAMediaBackend*> backend{nullptr};
     // Under the player's mutex.
     std::map<std::int64_t, std::deque<Waiting>> requests; ///< for samples, by source
     std::map<std::int64_t, std::deque<Waiting>> voids;    ///< a seek has come in between
@@ -102,6 +104,25 @@ public:
 
 private:
     std::vector<std::unique_ptr<UVABackend::AVComponent>> m_own;
+};
+
+/// A call of the library's, for as long as it takes.
+class Player::UnderWay {
+public:
+    UnderWay(Player& player, const Call& call) : m_player(player), m_call(call) {
+        const MutexLock lock(m_player.m_mutex);
+        m_player.m_underWay[&m_call] = Clock::now();
+    }
+    ~UnderWay() {
+        const MutexLock lock(m_player.m_mutex);
+        m_player.m_underWay.erase(&m_call);
+    }
+    UnderWay(const UnderWay&) = delete;
+    UnderWay& operator=(const UnderWay&) = delete;
+
+private:
+    Player& m_player;
+    const Call& m_call;
 };
 
 Player::Player(const Script& script, const host::BackendLibrary& library, Pace pace, Tell tell)
@@ -118,7 +139,7 @@ Player::Player(const Script& script, const host::BackendLibrary& library, Pace p
     for (const auto& event : script.events) {
         m_expected[{event.entry->object, event.entry->code}].push_back(&event);
         if (isWaitedFor(*event.entry))
-            m_awaited.insert(event.entry);
+            m_awaited[event.position] = &event;
     }
 }
 
@@ -144,12 +165,13 @@ void Player::run() {
 
 std::string Player::hangingCall() const {
     const MutexLock lock(m_mutex);
-    if (m_underWay == nullptr)
-        return {};
-    const auto* const answer = m_underWay->answer;
-    const nanoseconds took(answer != nullptr ? answer->time - m_underWay->entry->time : 0);
-    return Clock::now() - m_since > took + m_pace.patience ? record::nameOf(*m_underWay->entry)
-                                                           : std::string();
+    for (const auto& [call, since] : m_underWay) {
+        const nanoseconds took(call->answer != nullptr ? call->answer->time - call->entry->time
+                                                       : 0);
+        if (Clock::now() - since > took + m_pace.patience)
+            return record::nameOf(*call->entry);
+    }
+    return {};
 }
 
 // ---- the host's thread
@@ -214,12 +236,9 @@ bool Player::isBefore(const Call& step, std::uint32_t object, std::size_t positi
 std::string Player::missingFor(const Call& step) const {
     if (&step != &m_end && isQuery(step.operation()))
         return {};
-    for (const auto& event : m_script.events) {
-        if (event.position >= step.position)
-            break;
-        if (isBefore(step, event.entry->object, event.position) && m_awaited.count(event.entry) > 0)
-            return record::nameOf(*event.entry);
-    }
+    for (const auto& [position, event] : m_awaited)
+        if (isBefore(step, event->entry->object, position))
+            return record::nameOf(*event->entry);
     for (const auto* answer : m_answers)
         if (!answer->isVoid && isBefore(step, answer->entry->object, answer->position))
             return answer->operation() == Operation::writeData
@@ -230,9 +249,9 @@ std::string Player::missingFor(const Call& step) const {
 }
 
 void Player::forgetMissing(const Call& step) {
-    for (const auto& event : m_script.events)
-        if (isBefore(step, event.entry->object, event.position))
-            m_awaited.erase(event.entry);
+    for (auto at = m_awaited.begin(); at != m_awaited.end();)
+        at = isBefore(step, at->second->entry->object, at->first) ? m_awaited.erase(at)
+                                                                  : std::next(at);
     const auto isMissing = [&](const Call* answer) {
         return isBefore(step, answer->entry->object, answer->position);
     };
@@ -294,16 +313,18 @@ Player::Answer Player::takeDueAnswer(Clock::time_point now, Clock::time_point& n
 void Player::answer(Answer answer) {
     const Call& call = *answer.call;
     Element& element = elementOf(call.entry->object);
-    if (element.backend == nullptr)
+    UVAMediaBackend* const backend = element.backend;
+    if (backend == nullptr)
         return;
+    const UnderWay underWay(*this, call);
     if (call.operation() == Operation::writeData)
-        return write(element, call, std::move(answer.event));
+        return write(*backend, call, std::move(answer.event));
     const bool granted =
         call.entry->values.size() > 1 && call.entry->values[1].tag == record::Tag::True;
-    element.backend->eventCompleted(static_cast<UVAAsyncEvent*>(answer.event.get()), granted);
+    backend->eventCompleted(static_cast<UVAAsyncEvent*>(answer.event.get()), granted);
 }
 
-void Player::write(Element& element, const Call& call, std::unique_ptr<UVAEvent> event) {
+void Player::write(UVAMediaBackend& backend, const Call& call, std::unique_ptr<UVAEvent> event) {
     if (event != nullptr && !call.samples.empty()) {
         auto& request = static_cast<NeedMSEDataEvent&>(*event);
         request.samples = new UVASample* [call.samples.size() + 1] {};
@@ -313,8 +334,8 @@ void Player::write(Element& element, const Call& call, std::unique_ptr<UVAEvent>
     }
     const auto& values = call.entry->values;
     const auto number = [&](std::size_t i) { return i < values.size() ? values[i].integer : 0; };
-    element.backend->writeData(event.release(), static_cast<unsigned int>(number(1)),
-                               static_cast<UVABackend::WriteDataStatus>(number(2)));
+    backend.writeData(event.release(), static_cast<unsigned int>(number(1)),
+                      static_cast<UVABackend::WriteDataStatus>(number(2)));
 }
 
 std::shared_ptr<const UVAStreamConfig> Player::config(std::uint32_t number) {
@@ -330,11 +351,7 @@ std::shared_ptr<const UVAStreamConfig> Player::config(std::uint32_t number) {
 
 void Player::make(const Call& step) {
     Element& element = elementOf(step.entry->object);
-    {
-        const MutexLock lock(m_mutex);
-        m_underWay = &step;
-        m_since = Clock::now();
-    }
+    const UnderWay underWay(*this, step);
     const auto& values = step.entry->values;
     std::string error;
     if (step.operation() == Operation::requestBackend)
@@ -345,15 +362,13 @@ void Player::make(const Call& step) {
         error =
             record::nameOf(*step.entry) + ": there is no backend " + std::to_string(element.number);
     else if (step.operation() == Operation::releaseBackend)
-        m_library.release(std::exchange(element.backend, nullptr));
+        m_library.release(element.backend.exchange(nullptr));
     else if (step.operation() == Operation::writeData)
-        write(element, step, requestOf(step));
+        write(*element.backend.load(), step, requestOf(step));
     else
-        error = makeCall(step, *element.backend, element);
+        error = makeCall(step, *element.backend.load(), element);
     if (!error.empty())
         m_tell(error);
-    const MutexLock lock(m_mutex);
-    m_underWay = nullptr;
 }
 
 void Player::releaseAll() {
@@ -365,7 +380,7 @@ void Player::releaseAll() {
     }
     for (auto* element : elements)
         if (element->backend != nullptr)
-            m_library.release(std::exchange(element->backend, nullptr));
+            m_library.release(element->backend.exchange(nullptr));
 }
 
 Player::Element& Player::elementOf(std::uint32_t number) {
@@ -387,7 +402,7 @@ void Player::deliver(Element& element, std::unique_ptr<UVAEvent> event) {
         const MutexLock lock(m_mutex);
         recorded = match(element, *event);
         if (recorded != nullptr)
-            m_awaited.erase(recorded->entry);
+            m_awaited.erase(recorded->position);
         if (event->type() == UVAEvent::CancelDataRequestsAsync)
             for (auto& [source, requests] : element.requests)
                 std::move(requests.begin(), requests.end(),

@@ -11,10 +11,11 @@
 #include <functional>
 #include <map>
 #include <memory>
-#include <set>
 #include <string>
 #include <utility>
 #include <vector>
+
+class UVAMediaBackend;
 
 namespace host {
 class BackendLibrary;
@@ -42,11 +43,12 @@ public:
 
     void run();
 
-    /// The step that has not returned for longer than it should; empty: none. Any thread.
+    /// A call that has not returned for longer than it should; empty: none. Any thread.
     std::string hangingCall() const;
 
 private:
     class Element;
+    class UnderWay;
     /// An event that waits for its answer.
     struct Waiting {
         std::unique_ptr<UVAEvent> event;
@@ -76,7 +78,7 @@ private:
 
     void make(const Call& step);
     void answer(Answer answer);
-    void write(Element& element, const Call& call, std::unique_ptr<UVAEvent> event);
+    void write(UVAMediaBackend& backend, const Call& call, std::unique_ptr<UVAEvent> event);
     void releaseAll();
     Element& elementOf(std::uint32_t number);
     std::shared_ptr<const UVAStreamConfig> config(std::uint32_t number);
@@ -94,13 +96,12 @@ private:
     std::map<std::uint32_t, std::unique_ptr<Element>> m_elements GUARDED_BY(m_mutex);
     std::map<std::uint32_t, std::shared_ptr<const UVAStreamConfig>> m_configs GUARDED_BY(m_mutex);
     std::map<Kind, std::deque<const Event*>> m_expected GUARDED_BY(m_mutex); // not yet matched
-    std::set<const Entry*> m_awaited GUARDED_BY(m_mutex);  // events that steps wait for
+    std::map<std::size_t, const Event*> m_awaited GUARDED_BY(m_mutex);       // by their position
     std::deque<const Call*> m_answers GUARDED_BY(m_mutex); // that are still to be made
     std::size_t m_next GUARDED_BY(m_mutex) = 0;            // step
     Clock::time_point m_begin GUARDED_BY(m_mutex);   // of the record, moved by what was waited for
     Clock::time_point m_current GUARDED_BY(m_mutex); // since when the next step may be made
-    const Call* m_underWay GUARDED_BY(m_mutex) = nullptr;
-    Clock::time_point m_since GUARDED_BY(m_mutex);
+    std::map<const Call*, Clock::time_point> m_underWay GUARDED_BY(m_mutex); // since when
 };
 
 } // namespace replay
