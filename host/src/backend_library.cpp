@@ -9,13 +9,17 @@ namespace {
 
 constexpr const char* defaultLibrary = "libuvagstbackend.so";
 constexpr const char* libraryVariable = "UVA_BACKEND_LIBRARY";
+constexpr const char* recordVariable = "UVA_RECORD";
+constexpr const char* defaultRecorder = "libuvarecord.so";
+constexpr const char* recorderVariable = "UVA_RECORDER";
+
+std::string fromEnvironment(const char* variable, const char* otherwise) {
+    const char* const value = std::getenv(variable);
+    return value != nullptr && *value != '\0' ? value : otherwise;
+}
 
 std::string choosePath(const std::string& path) {
-    if (!path.empty())
-        return path;
-    const char* fromEnvironment = std::getenv(libraryVariable);
-    return fromEnvironment != nullptr && *fromEnvironment != '\0' ? fromEnvironment
-                                                                  : defaultLibrary;
+    return path.empty() ? fromEnvironment(libraryVariable, defaultLibrary) : path;
 }
 
 std::string lastLinkerError() {
@@ -26,7 +30,28 @@ std::string lastLinkerError() {
 } // namespace
 
 BackendLibrary::Loaded BackendLibrary::load(const std::string& path) {
-    const std::string name = choosePath(path);
+    auto loaded = open(choosePath(path));
+    if (loaded.library == nullptr || fromEnvironment(recordVariable, "").empty())
+        return loaded;
+    return openRecorder(choosePath(path));
+}
+
+/// The recorder loads the library that it stands before, which is known to be one.
+BackendLibrary::Loaded BackendLibrary::openRecorder(const std::string& library) {
+    const std::string name = fromEnvironment(recorderVariable, defaultRecorder);
+    void* const handle = dlopen(name.c_str(), RTLD_NOW | RTLD_LOCAL);
+    using Choose = void (*)(const char* path);
+    const auto choose =
+        handle != nullptr ? reinterpret_cast<Choose>(dlsym(handle, "UVA_RecordLibrary")) : nullptr;
+    if (choose == nullptr)
+        return {nullptr, "cannot load the recorder that " + std::string(recordVariable) +
+                             " asks for: " + lastLinkerError() + " (name it with " +
+                             recorderVariable + ")"};
+    choose(library.c_str());
+    return open(name);
+}
+
+BackendLibrary::Loaded BackendLibrary::open(const std::string& name) {
     void* handle = dlopen(name.c_str(), RTLD_NOW | RTLD_LOCAL);
     if (handle == nullptr)
         return {nullptr, "cannot load the backend library: " + lastLinkerError() +

@@ -13,6 +13,8 @@ int main(int argc, char** argv) {
         return parsed.tell();
     if (parsed.options->standalone)
         setenv("NOX_GST_STANDALONE", "1", 1);
+    if (!parsed.options->record.empty())
+        setenv("UVA_RECORD", parsed.options->record.c_str(), 1);
 
     const auto outcome = uvahost::Session(std::move(*parsed.options)).run();
     if (outcome.abandoned)

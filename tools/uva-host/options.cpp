@@ -18,6 +18,8 @@ Examples:
       seek to 1:30, play five seconds, keep the last picture
   uva-host --standalone --quiet --graph pipeline.svg --timeline trace.json movie.mp4
       keep the pipeline as a drawing, and a time line for ui.perfetto.dev
+  uva-host --standalone --record play.uvarec movie.mp4
+      record what passes between host and library; uva-replay play.uvarec plays it again
   uva-host --deny-resources movie.mp4
       see what happens when the decoders are refused
   uva-host --standalone --mse video.mp4 audio.mp4 --switch-at 4=video-hd.mp4
@@ -36,6 +38,9 @@ Times are seconds (12.5) or m:ss (1:30). In a pipe the output is a log, a line a
 Environment:
   UVA_DEFAULT_MEDIA     what to play when nothing is named
   UVA_BACKEND_LIBRARY   the backend library, unless --backend names one
+  UVA_RECORD            as --record; %p in the name is the process's number
+  UVA_RECORD_PAYLOADS   digest: of samples keep the size and a hash only
+  UVA_RECORDER          the recorder (libuvarecord.so)
   NOX_PLAY_SPEED        how many times as fast as real time the simulated set plays, up to 1000
   GST_DEBUG             what GStreamer tells the system log, e.g. 2 for its warnings
 
@@ -150,6 +155,8 @@ tools::OptionGroup playing(Options& options) {
           into(options.graph, form::graph)},
          {"--timeline", "OUT.json", "Write operations, events and states as Chrome trace events",
           &options.timeline},
+         {"--record", "OUT.uvarec",
+          "Record every call, event, sample and answer, for uva-replay", &options.record},
          {"--no-progress-timeout", "T",
           "Give up when nothing moves for so long; 0: never (default: 5 to 30, by what is waited "
           "for)",

@@ -40,6 +40,7 @@ struct Options {
     std::optional<double> snapshotAt;
     std::string graph;
     std::string timeline;
+    std::string record;
 
     bool mse = false; ///< the media are renditions of one, fed sample by sample
     double start = 0;

@@ -132,7 +132,8 @@ void Session::partOutput() {
 }
 
 void Session::checkOutputs() {
-    for (const auto* path : {&m_options.snapshot, &m_options.graph, &m_options.timeline})
+    for (const auto* path : {&m_options.snapshot, &m_options.graph, &m_options.timeline,
+                             &m_options.record})
         failIf(tools::whyNotWritable(m_output.pathOf(*path)));
 }
 

@@ -22,7 +22,8 @@ public:
     };
 
     /// An empty path means the environment's UVA_BACKEND_LIBRARY, else the default name, which the
-    /// dynamic linker looks for.
+    /// dynamic linker looks for. With UVA_RECORD in the environment the recorder stands before it:
+    /// UVA_RECORDER, else libuvarecord.so.
     static Loaded load(const std::string& path);
 
     UVAMediaBackend* request(UVABackend::UVABackendType type, UVAClient* client) const;
@@ -31,6 +32,9 @@ public:
 private:
     using Request = UVAMediaBackend* (*)(unsigned int type, UVAClient* client);
     using Release = bool (*)(UVAMediaBackend* backend);
+
+    static Loaded open(const std::string& name);
+    static Loaded openRecorder(const std::string& library);
 
     BackendLibrary(Request requestBackend, Release releaseBackend)
         : m_request(requestBackend), m_release(releaseBackend) {}

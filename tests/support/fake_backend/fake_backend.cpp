@@ -37,7 +37,8 @@ std::string number(double value) {
 /// Plays nothing. Position and events come from the test; or, with FAKE_CLIP_SECONDS in the
 /// environment, from a thread that plays a clip of that length, with FAKE_CLIP_STALLS without end.
 /// With FAKE_ASKS ("once", "twice", "for nobody") it asks for samples when it is played.
-/// With FAKE_LEAVES_PROCESS each leaves a process behind.
+/// With FAKE_LEAVES_PROCESS each leaves a process behind. With FAKE_SEEKS=crash or =hang no seek
+/// comes back.
 class FakeBackend final : public UVAMediaBackend {
 public:
     using UVAMediaBackend::getPosition;
@@ -93,6 +94,8 @@ public:
     }
     int setPosition(double seconds) override {
         control().note("seek " + number(seconds));
+        if (const char* const how = std::getenv("FAKE_SEEKS"))
+            endIn(how);
         const SeekBehaviour behaviour = answers().seek;
         while (behaviour == SeekBehaviour::Block && !answers().unblock)
             std::this_thread::sleep_for(std::chrono::milliseconds(2));
@@ -186,6 +189,13 @@ private:
     }
 
     static FakeAnswers& answers() { return *control().answers; }
+
+    static void endIn(const std::string& how) {
+        if (how == "crash")
+            std::abort();
+        for (;;)
+            ::pause();
+    }
 
     static void take(const char* what, SourceDescription* source) {
         control().note(what + std::string(source->url != nullptr ? source->url : source->mimeType) +
