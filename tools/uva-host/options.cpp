@@ -148,7 +148,8 @@ tools::OptionGroup playing(Options& options) {
          {"--graph", "OUT.svg|OUT.dot",
           "Write the pipeline's graph: OUT.dot as it is, OUT.svg drawn by Graphviz",
           into(options.graph, form::graph)},
-         {"--timeline", "OUT.json", "Write operations, events and states as Chrome trace events",
+         {"--timeline", "OUT.json",
+          "Begin a time line there: what host, library and sinks do, for Perfetto",
           &options.timeline},
          {"--no-progress-timeout", "T",
           "Give up when nothing moves for so long; 0: never (default: 5 to 30, by what is waited "
