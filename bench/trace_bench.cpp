@@ -4,6 +4,7 @@
 #include "bench_support.h"
 #include "debug/trace/zant_trace_core.h"
 #include "debug/trace/zant_trace_thread.h"
+#include "timeline/timeline.h"
 
 #include <memory>
 #include <spdlog/async.h>
@@ -56,6 +57,41 @@ void dropped() {
         });
 }
 
+/// A point and a span of the time line while nobody records.
+template <typename What>
+void unrecorded(const char* row, What what) {
+    constexpr int count = 100000;
+    bench::compare(
+        row, bench::share(501),
+        [&] {
+            return nanosecondsEach(count, [&](int channel) {
+                what(channel);
+                escape(channel);
+            });
+        },
+        [] {
+            return nanosecondsEach(count, [](int channel) {
+                if (__builtin_expect(__atomic_load_n(&plainThreshold, __ATOMIC_RELAXED) < 0, 0))
+                    std::printf("channel %d\n", channel);
+                escape(channel);
+            });
+        });
+}
+
+void unrecordedPoint() {
+    unrecorded("timeline_point", [](int channel) {
+        if (timeline::isOn())
+            timeline::instant("bench", "point").with("channel", channel);
+    });
+}
+
+void unrecordedSpan() {
+    unrecorded("timeline_span", [](int channel) {
+        const timeline::Span span("bench", "span");
+        span.with("channel", channel);
+    });
+}
+
 void queued() {
     const auto pool = std::make_shared<spdlog::details::thread_pool>(spdlogQueue, 1);
     const auto logger = std::make_shared<spdlog::async_logger>(
@@ -86,5 +122,9 @@ void queued() {
 
 int main(int argc, char** argv) {
     zantTrace.SetTraceModeDirectPrint(0);
-    return bench::run(argc, argv, {{"dropped", dropped}, {"queued", queued}});
+    return bench::run(argc, argv,
+                      {{"dropped", dropped},
+                       {"queued", queued},
+                       {"unrecorded_point", unrecordedPoint},
+                       {"unrecorded_span", unrecordedSpan}});
 }

@@ -1,10 +1,10 @@
 #!/usr/bin/env python3
-"""Draws the time lines of a player and its main system below one another.
+"""Draws the tracks of a host and its main system below one another.
 
-usage: draw_timeline.py <host.json> <main.json> <out.png> [<seconds>]
+usage: draw_timeline.py <line.json> <out.png> [<seconds>]
 
-The files are those of `uva-host --timeline` and `zant-mainsys --timeline`, whose clock is the same.
-Only the first seconds are drawn, if a number is given.
+The file is the one that UVA_TIMELINE named for both. What the library and its sinks have recorded is
+left out. Only the first seconds are drawn, if a number is given.
 """
 
 import json
@@ -21,13 +21,16 @@ WIDTH_OF_LETTER = 0.0062  # of the drawing
 
 
 def tracks_of(path):
-    """(name, spans, instants) of each track of a file, times in seconds of its clock."""
+    """(name, spans, instants) of each track, times in seconds of the clock."""
     records = json.loads(pathlib.Path(path).read_text())
-    records = records['traceEvents'] if isinstance(records, dict) else records
-    names = {record['tid']: record['args']['name'] for record in records if record['name'] == 'thread_name'}
-    process = next(record['args']['name'] for record in records if record['name'] == 'process_name')
-    for number, name in sorted(names.items()):
-        own = [record for record in records if record['tid'] == number and 'ts' in record]
+    named = [record for record in records if record['ph'] == 'M']
+    processes = {record['pid']: record['args']['name'] for record in named if record['name'] == 'process_name'}
+    tracks = {(record['pid'], record['tid']): record['args']['name'] for record in named if record['name'] == 'thread_name'}
+    # The host is above.
+    for (process, number), name in sorted(tracks.items(), key=lambda track: (processes[track[0][0]], track[0])):
+        own = [record for record in records if (record['pid'], record['tid']) == (process, number) and
+               record.get('cat') in ('host', 'main system')]
+        process = processes[process]
         spans = [(r['name'], r['ts'] / 1e6, r['dur'] / 1e6) for r in own if r['ph'] == 'X']
         instants = [(r['name'], r['ts'] / 1e6) for r in own if r['ph'] == 'i']
         if spans or instants:
@@ -71,13 +74,13 @@ def draw_track(axis, top, name, spans, instants, begin, length):
 
 
 def main():
-    if len(sys.argv) not in (4, 5):
+    if len(sys.argv) not in (3, 4):
         sys.exit(__doc__)
-    tracks = [*tracks_of(sys.argv[1]), *tracks_of(sys.argv[2])]
+    tracks = [*tracks_of(sys.argv[1])]
     starts = [start for _, spans, instants in tracks for start in
               [span[1] for span in spans] + [instant[1] for instant in instants]]
     begin = min(starts)
-    length = float(sys.argv[4]) if len(sys.argv) == 5 else max(starts) - begin
+    length = float(sys.argv[3]) if len(sys.argv) == 4 else max(starts) - begin
     figure, axis = pyplot.subplots(figsize=(14, 8))
     top = 0
     for name, spans, instants in tracks:
@@ -89,7 +92,7 @@ def main():
     axis.set_yticks([])
     axis.set_xlabel('seconds')
     figure.tight_layout()
-    figure.savefig(sys.argv[3], dpi=90)
+    figure.savefig(sys.argv[2], dpi=90)
 
 
 main()

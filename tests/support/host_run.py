@@ -13,7 +13,7 @@ TIMEOUT = 180
 
 
 class Run:
-    """What one run of uva-host left: exit code, output and timeline."""
+    """What one run of uva-host left: exit code, output and its part of the time line."""
 
     def __init__(self, media, *options, timeout=TIMEOUT, environment=None, before=()):
         with tempfile.TemporaryDirectory() as folder:
@@ -27,8 +27,7 @@ class Run:
             self.errors = done.stderr
             self.trace = []
             if timeline.exists():
-                trace = json.loads(timeline.read_text())
-                self.trace = trace["traceEvents"] if isinstance(trace, dict) else trace
+                self.trace = [event for event in json.loads(timeline.read_text()) if event.get("cat") == "host"]
 
     def named(self, name, phase=None):
         """Arguments of all records of that name, in order."""

@@ -11,6 +11,7 @@ const { assert, corpus, keys, streams } = require('./support');
 
 const { Expectations } = require('../../web/run/expectations');
 
+const traceCheck = path.join(__dirname, '..', 'support', 'trace_events.py');
 const command = path.join(__dirname, '..', '..', 'web', 'run', 'player');
 const run = (...args) => spawnSync(command, args, { encoding: 'utf8', timeout: 300e3 });
 /** Pictures of a summary; a busy machine's decoder leaves some out. */
@@ -30,9 +31,11 @@ test('plays to the end and writes what was asked for', t => {
   const { shown, dropped } = counted(done.stdout);
   assert.ok(shown + dropped >= 45, done.stdout);
   assert.deepEqual(fs.readFileSync(snapshot).subarray(1, 4).toString(), 'PNG');
-  const { traceEvents } = JSON.parse(fs.readFileSync(timeline, 'utf8'));
+  const traceEvents = JSON.parse(fs.readFileSync(timeline, 'utf8'));
   assert.equal(traceEvents.filter(({ name }) => name === 'seek' ).length >= 3, true);
   assert.ok(traceEvents.some(({ name, ph, dur }) => name === 'playing' && ph === 'X' && dur > 1e6));
+  const checked = spawnSync('python3', [traceCheck, timeline, 'page', 'uva', 'event', 'bus', 'feeding', 'decryption', 'seek', 'sink'], { encoding: 'utf8' });
+  assert.equal(checked.status, 0, checked.stderr);
 });
 
 const failures = {

@@ -9,6 +9,7 @@
 #include "host/media_uri.h"
 #include "host/sample.h"
 #include "media_source.h"
+#include "timeline/timeline.h"
 #include "uva/uva_client.h"
 #include "uva/uva_event.h"
 
@@ -76,7 +77,7 @@ void Session::useLibrary() {
 void Session::playMedia(std::shared_ptr<const host::BackendLibrary> library) {
     tools::Signals signals{SIGINT, SIGTERM, SIGHUP, SIGTSTP, SIGCONT, SIGWINCH};
     Terminal terminal;
-    Timeline timeline(!m_options.timeline.empty());
+    Timeline timeline;
     Display display(styleOf(m_options, terminal));
     Stage stage{m_options,
                 signals,
@@ -90,7 +91,7 @@ void Session::playMedia(std::shared_ptr<const host::BackendLibrary> library) {
     do {
         goesOn = (m_options.mse ? playSource(stage) : playAll(stage)) && m_options.loop;
     } while (goesOn && m_exitCode == 0);
-    writeOutputs(timeline);
+    writeOutputs();
 }
 
 void Session::answerQuestions(const host::BackendLibrary& library) {
@@ -132,9 +133,11 @@ void Session::partOutput() {
 }
 
 void Session::checkOutputs() {
-    for (const auto* path : {&m_options.snapshot, &m_options.graph, &m_options.timeline,
-                             &m_options.record})
+    for (const auto* path : {&m_options.snapshot, &m_options.graph, &m_options.record})
         failIf(tools::whyNotWritable(m_output.pathOf(*path)));
+    if (m_exitCode == 0) // it is begun with the looking
+        failIf(m_options.timeline.empty() ? timeline::begin()
+                                          : timeline::beginFile(m_options.timeline));
 }
 
 /// Whether the run goes on, like those below.
@@ -182,7 +185,7 @@ bool Session::take(Playback::Result result, const std::string& name) {
     return !result.quit && result.signal == 0 && !m_abandoned;
 }
 
-void Session::writeOutputs(const Timeline& timeline) {
+void Session::writeOutputs() {
     const auto write = [this](const std::string& path, const std::string& bytes) {
         return tools::writeFile(m_output.pathOf(path), bytes);
     };
@@ -193,8 +196,7 @@ void Session::writeOutputs(const Timeline& timeline) {
     }
     if (m_graph)
         failIf(m_graph->writeTo(m_output.pathOf(m_options.graph)));
-    if (!m_options.timeline.empty())
-        failIf(write(m_options.timeline, timeline.text()));
+    failIf(timeline::flush());
 }
 
 /// A reader that went away (`| head`) has seen what it wanted; a disk that is full is an error.

@@ -38,7 +38,7 @@ private:
     bool playSource(Stage& stage);
     bool isWithoutSamples();
     bool take(Playback::Result result, const std::string& name);
-    void writeOutputs(const Timeline& timeline);
+    void writeOutputs();
     void checkLog();
     void failIf(const std::string& error);
     void fail(const std::string& text);

@@ -1,55 +1,73 @@
 #include "timeline.h"
 
+#include "timeline/timeline.h"
+
 namespace uvahost {
 
 namespace {
 
 enum Track : int { Operations = 1, Events, States };
 
+constexpr const char* category = "host";
+
+void addArguments(timeline::Event& event, const host::Record& record) {
+    for (const auto& [name, value] : record.arguments)
+        std::visit([&event, key = name.c_str()](const auto& each) { event.with(key, each); },
+                   value);
+}
+
 } // namespace
 
+Timeline::Timeline() {
+    timeline::nameTrack(Operations, "operations");
+    timeline::nameTrack(Events, "events");
+    timeline::nameTrack(States, "state");
+}
+
 void Timeline::mediaBegins(const std::string& name, host::Clock::time_point time) {
-    if (!m_isWanted)
-        return;
-    m_events.instant(Events, "media", time, {{"name", name}}, "p");
+    if (timeline::isOn())
+        timeline::instant(category, "media", {Events, time}).with("name", name);
     m_last = {};
 }
 
 /// An operation made while an event was delivered may overlap those of the event loop, which a
 /// track of nested spans cannot show: it goes where the event is.
 void Timeline::add(const host::Record& record) {
-    if (!m_isWanted)
+    if (!timeline::isOn())
         return;
-    tools::TraceEvents::Arguments arguments;
-    for (const auto& [name, value] : record.arguments)
-        arguments.emplace_back(name, value);
-    if (record.kind == host::Record::Kind::Operation)
-        m_events.span(record.onLoop ? Operations : Events, record.name, record.time,
-                      record.time + record.duration, arguments);
-    else
-        m_events.instant(Events, record.name, record.time, arguments);
+    if (record.kind == host::Record::Kind::Operation) {
+        auto event =
+            timeline::span(category, record.name,
+                           {record.onLoop ? Operations : Events, record.time}, record.duration);
+        addArguments(event, record);
+    } else {
+        auto event = timeline::instant(category, record.name, {Events, record.time});
+        addArguments(event, record);
+    }
 }
 
 void Timeline::add(const host::Status& status) {
-    if (!m_isWanted)
+    if (!timeline::isOn())
         return;
     if (!m_stateSince || status.state != m_last.state) {
         mediaEnds(status.time);
         m_stateSince = status.time;
     }
+    const timeline::Place place{Operations, status.time};
     if (status.position != m_last.position)
-        m_events.counter(Operations, "position", status.time, {{"seconds", status.position}});
+        timeline::counter(category, "position", place).with("seconds", status.position);
     if (status.duration != m_last.duration)
-        m_events.counter(Operations, "duration", status.time, {{"seconds", status.duration}});
+        timeline::counter(category, "duration", place).with("seconds", status.duration);
     m_last = status;
 }
 
 void Timeline::mediaEnds(host::Clock::time_point time) {
-    tools::TraceEvents::Arguments reason;
-    if (!m_last.reason.empty())
-        reason.emplace_back("reason", m_last.reason);
-    if (m_stateSince)
-        m_events.span(States, host::name(m_last.state), *m_stateSince, time, reason);
+    if (m_stateSince) {
+        auto event = timeline::span(category, host::name(m_last.state), {States, *m_stateSince},
+                                    time - *m_stateSince);
+        if (!m_last.reason.empty())
+            event.with("reason", m_last.reason);
+    }
     m_stateSince.reset();
 }
 

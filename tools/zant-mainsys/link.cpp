@@ -24,8 +24,8 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr const char* ownQueue = "/BplayerAppIfUlDestFunc";
-constexpr const char* plugInQueue = "/BplayerAppIfLlDestFunc";
+const std::string ownQueue = rpc_sequence::queueNameOf(std::string(ownFunction));
+const std::string plugInQueue = rpc_sequence::queueNameOf(std::string(plugInFunction));
 
 using Block = std::unique_ptr<void, decltype(&Trid_Util_CPUComm_Free)>;
 
@@ -52,16 +52,16 @@ void discard(int queue) {
 
 /// What an earlier main system has left.
 void discardOldQueue() {
-    const ScopedFd old(mq_open(ownQueue, O_RDONLY | O_NONBLOCK));
+    const ScopedFd old(mq_open(ownQueue.c_str(), O_RDONLY | O_NONBLOCK));
     mq_attr attributes{};
     if (old && mq_getattr(old.get(), &attributes) == 0 &&
         attributes.mq_msgsize == sizeof(ZantMsgBody))
         discard(old.get());
-    mq_unlink(ownQueue);
+    mq_unlink(ownQueue.c_str());
 }
 
 ScopedFd openPlugInQueue() {
-    return ScopedFd(mq_open(plugInQueue, O_WRONLY | O_NONBLOCK));
+    return ScopedFd(mq_open(plugInQueue.c_str(), O_WRONLY | O_NONBLOCK));
 }
 
 ScopedFd openOwnQueue() {
@@ -73,8 +73,8 @@ ScopedFd openOwnQueue() {
     mq_attr attributes{};
     attributes.mq_maxmsg = messages;
     attributes.mq_msgsize = sizeof(ZantMsgBody);
-    ScopedFd queue(queue_io::open(ownQueue, O_CREAT | O_EXCL | O_RDONLY | O_NONBLOCK, ownerAndGroup,
-                                  attributes));
+    ScopedFd queue(queue_io::open(ownQueue.c_str(), O_CREAT | O_EXCL | O_RDONLY | O_NONBLOCK,
+                                  ownerAndGroup, attributes));
     if (queue)
         return queue;
     const int error = errno;
@@ -118,7 +118,7 @@ Link::SharedMemory::~SharedMemory() {
 Link::Link() : m_queue(openOwnQueue()) {}
 
 Link::~Link() {
-    mq_unlink(ownQueue);
+    mq_unlink(ownQueue.c_str());
     discard(m_queue.get());
 }
 
@@ -131,7 +131,7 @@ std::optional<Signal> Link::take() {
     return signal;
 }
 
-void Link::send(const Signal& signal) {
+void Link::send(Signal& signal) {
     const ScopedFd queue = openPlugInQueue();
     if (!queue)
         return;
@@ -145,8 +145,11 @@ void Link::send(const Signal& signal) {
         memcpy(block.get(), signal.payload.data(), size);
     body.signalPtr = Trid_Util_CPUComm_Convert2PhyAddr(block.get());
     const bool complete = body.signalPtr != 0 || size == 0;
-    if (complete && mq_send(queue.get(), reinterpret_cast<const char*>(&body), sizeof body, 0) == 0)
-        static_cast<void>(block.release()); // the plug-in's now
+    if (!complete ||
+        mq_send(queue.get(), reinterpret_cast<const char*>(&body), sizeof body, 0) != 0)
+        return;
+    static_cast<void>(block.release()); // the plug-in's now
+    signal.body.rpcControl = body.rpcControl;
 }
 
 void Link::sendRaw(const ZantMsgBody& body, uint32_t count) {

@@ -14,6 +14,10 @@ namespace mainsys {
 
 using Clock = std::chrono::steady_clock;
 
+/// The remote functions, whose names the queues have behind a "/".
+constexpr const char* ownFunction = "BplayerAppIfUlDestFunc";
+constexpr const char* plugInFunction = "BplayerAppIfLlDestFunc";
+
 /// A message of the link with the bytes of its payload.
 struct Signal {
     Clock::time_point time; ///< when it was taken or sent
@@ -38,8 +42,9 @@ public:
     int fd() const { return m_queue.get(); }
     /// The plug-in's next message. One whose payload cannot be had comes without.
     std::optional<Signal> take();
-    /// Sends a message with its payload. Lost when the plug-in's queue is full or not there.
-    void send(const Signal& signal);
+    /// Sends a message with its payload, and gives it its sequence number. Lost, without a number,
+    /// when the plug-in's queue is full or not there.
+    void send(Signal& signal);
     /// Puts exactly this body into the plug-in's queue.
     static void sendRaw(const ZantMsgBody& body, uint32_t count);
 

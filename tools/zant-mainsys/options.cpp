@@ -25,8 +25,10 @@ ended nothing is waited for, and what is still expected has failed.
 Examples:
   tvbox --main-system zant-mainsys uva-host clip.mp4
       play a clip with a main system that grants what is asked for
-  zant-mainsys --scenario refuse-video.txt --timeline main.json
-      play a scenario; both time lines, this one and uva-host's, load side by side in ui.perfetto.dev
+  UVA_TIMELINE=line.json tvbox --main-system zant-mainsys uva-host clip.mp4
+      the same, and both record what happens into one file, for ui.perfetto.dev
+  zant-mainsys --scenario refuse-video.txt
+      play a scenario
   printf '%s\n' 'delay 3000' | zant-mainsys
       be slow
 
@@ -39,6 +41,7 @@ Examples:
 
 Environment:
   TRID_CPUCOMM_ARENA, TRID_CPUCOMM_SIZE   name and size of the shared memory
+  UVA_TIMELINE    a time line to which this program's part is added
   NOTIFY_SOCKET   gets "READY=1" once the queue is served (at once with --down)
 
 Exit codes:
@@ -75,8 +78,7 @@ tools::Parsed<Options> parseOptions(int argc, const char* const* argv) {
         {{"Options",
           {{"--scenario", "FILE", "Commands to obey, a line each; then end",
             into(options.scenario, scenario)},
-           {"--timeline", "OUT.json", "Write the handshake as Chrome trace events",
-            &options.timeline},
+           {"--timeline", "OUT.json", "Begin a time line there, for Perfetto", &options.timeline},
            {"--audio", "N", "Number of audio decoders, up to 16 (1)",
             into(options.audioDecoders, decoders)},
            {"--video", "N", "Number of video decoders, up to 16 (1)",

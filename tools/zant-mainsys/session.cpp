@@ -1,7 +1,7 @@
 #include "session.h"
 
-#include "common/output_file.h"
 #include "describe.h"
+#include "timeline/timeline.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -28,10 +28,12 @@ Session::Session(Options options)
       m_inputOpen(!isScenario()) {}
 
 int Session::run() {
-    const std::string why = tools::whyNotWritable(m_options.timeline);
+    const std::string why =
+        m_options.timeline.empty() ? timeline::begin() : timeline::beginFile(m_options.timeline);
     complain(why);
     if (!why.empty())
         return ExitFailed;
+    Timeline::begin();
     if (!readScenario())
         return tools::usageError;
     if (!m_options.down)
@@ -250,7 +252,8 @@ void Session::playerEnded() {
 
 void Session::received(const Signal& signal) {
     constexpr size_t mostUnexpected = 10000;
-    passed(Direction::FromPlugIn, signal);
+    log(Direction::FromPlugIn, signal);
+    m_timeline.passed(Direction::FromPlugIn, signal);
     m_unexpected.push_back(signal);
     if (m_unexpected.size() > mostUnexpected)
         m_unexpected.pop_front();
@@ -291,16 +294,18 @@ void Session::send(uint32_t signal, uint32_t param1, const std::string& payload,
     sent.body.param1 = static_cast<int32_t>(param1);
     sent.body.responseInfo = cookie;
     sent.body.signalSize = static_cast<int32_t>(payload.size());
-    passed(Direction::ToPlugIn, sent);
+    log(Direction::ToPlugIn, sent);
     if (m_link)
         m_link->send(sent);
+    m_timeline.passed(Direction::ToPlugIn, sent);
 }
 
 void Session::sendRaw(const ZantMsgBody& body, uint32_t count) {
     const Signal sent{Clock::now(), body, {}};
-    passed(Direction::ToPlugIn, sent);
+    log(Direction::ToPlugIn, sent);
     if (m_link)
         Link::sendRaw(body, count);
+    m_timeline.passed(Direction::ToPlugIn, sent);
 }
 
 /// The same bytes in every run.
@@ -320,19 +325,15 @@ void Session::log(const std::string& text, Clock::time_point time) const {
         printf("%11.6f %s\n", std::chrono::duration<double>(time - m_start).count(), text.c_str());
 }
 
-void Session::passed(Direction direction, const Signal& signal) {
+void Session::log(Direction direction, const Signal& signal) const {
     log((direction == Direction::FromPlugIn ? "<- " : "-> ") +
             std::to_string(signal.body.signalId) + " " + signalName(signal.body) + describe(signal),
         signal.time);
-    m_timeline.passed(direction, signal);
 }
 
 void Session::writeTimeline() {
-    if (m_options.timeline.empty())
-        return;
     m_timeline.endSpans(Clock::now());
-    const std::string failure = tools::writeFile(m_options.timeline, m_timeline.text());
-    if (!failure.empty())
+    if (const std::string failure = timeline::flush(); !failure.empty())
         end(ExitFailed, failure);
 }
 

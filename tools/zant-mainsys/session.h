@@ -71,7 +71,7 @@ private:
     void giveDueAnswers();
     void send(uint32_t signal, uint32_t param1, const std::string& payload = {}, int cookie = 0);
     void log(const std::string& text, Clock::time_point time = Clock::now()) const;
-    void passed(Direction direction, const Signal& signal);
+    void log(Direction direction, const Signal& signal) const;
     void writeTimeline();
     void end(int exitCode, const std::string& why);
 

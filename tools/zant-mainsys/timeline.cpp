@@ -2,6 +2,7 @@
 
 #include "arbiter.h"
 #include "describe.h"
+#include "timeline/timeline.h"
 
 namespace mainsys {
 
@@ -9,6 +10,7 @@ namespace {
 
 enum Track : int { FromPlugIn = 1, ToPlugIn, Orders, AudioDecoder, VideoDecoder };
 
+constexpr const char* category = "main system";
 constexpr const char* askedFor = "asked for";
 
 /// What becomes of the kinds that a signal names; null: nothing of them is left.
@@ -23,19 +25,39 @@ constexpr struct {
     {Direction::FromPlugIn, SIG_ID_MPLAYER_DECODER_RELEASE_RESP, nullptr},
 };
 
+/// An arrow ends inside a span: at its beginning, the message is sent right behind that.
+void recordSignal(Direction direction, const Signal& signal) {
+    using timeline::Flow;
+    const bool comes = direction == Direction::FromPlugIn;
+    const int track = comes ? FromPlugIn : ToPlugIn;
+    {
+        auto event = timeline::span(category, signalName(signal.body), {track, signal.time},
+                                    Clock::now() - signal.time);
+        event.with("number", signal.body.signalId).with("param1", signal.body.param1);
+        if (signal.sequence() != 0)
+            event.with("seq", signal.sequence());
+        if (const std::string payload = describePayload(signal); !payload.empty())
+            event.with("payload", payload);
+    }
+    if (signal.sequence() != 0)
+        timeline::flow(comes ? Flow::End : Flow::Start, comes ? ownFunction : plugInFunction,
+                       signal.sequence(), {track, signal.time + std::chrono::nanoseconds(1)});
+}
+
 } // namespace
 
-void Timeline::passed(Direction direction, const Signal& signal) {
-    tools::TraceEvents::Arguments arguments = {
-        {"number", static_cast<long long>(signal.body.signalId)},
-        {"param1", static_cast<long long>(signal.body.param1)}};
-    if (signal.sequence() != 0)
-        arguments.emplace_back("seq", static_cast<long long>(signal.sequence()));
-    if (const std::string payload = describePayload(signal); !payload.empty())
-        arguments.emplace_back("payload", payload);
-    m_events.instant(direction == Direction::FromPlugIn ? FromPlugIn : ToPlugIn,
-                     signalName(signal.body), signal.time, arguments);
+void Timeline::begin() {
+    timeline::nameTrack(FromPlugIn, "from the plug-in");
+    timeline::nameTrack(ToPlugIn, "to the plug-in");
+    timeline::nameTrack(Orders, "orders");
+    timeline::nameTrack(AudioDecoder, "audio decoder");
+    timeline::nameTrack(VideoDecoder, "video decoder");
+}
 
+void Timeline::passed(Direction direction, const Signal& signal) {
+    if (!timeline::isOn())
+        return;
+    recordSignal(direction, signal);
     for (const auto& turn : turns)
         if (turn.direction == direction && turn.signal == signal.body.signalId)
             changeSpans(static_cast<uint32_t>(signal.body.param1), turn.span, signal.time);
@@ -46,7 +68,8 @@ void Timeline::passed(Direction direction, const Signal& signal) {
 }
 
 void Timeline::ordered(const std::string& line, Clock::time_point time) {
-    m_events.instant(Orders, line, time);
+    if (timeline::isOn())
+        timeline::instant(category, line, {Orders, time});
 }
 
 void Timeline::endSpans(Clock::time_point time) {
@@ -59,8 +82,9 @@ void Timeline::changeSpans(uint32_t kinds, const char* name, Clock::time_point t
             continue;
         auto& span = m_spans[kind - 1];
         if (span)
-            m_events.span(kind == audioKind ? AudioDecoder : VideoDecoder, span->name, span->since,
-                          time);
+            timeline::span(category, span->name,
+                           {kind == audioKind ? AudioDecoder : VideoDecoder, span->since},
+                           time - span->since);
         span = name ? std::optional<Span>({name, time}) : std::nullopt;
     }
 }

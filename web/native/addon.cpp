@@ -5,6 +5,7 @@
 #include "player.h"
 #include "player_core.h"
 #include "runtime.h"
+#include "timeline.h"
 
 #include <napi.h>
 
@@ -77,6 +78,7 @@ Napi::Object load(Napi::Env env, Napi::Object exports) {
     exports.Set("addKey", Napi::Function::New<addKey>(env, "addKey"));
     exports.Set("removeKeys", Napi::Function::New<removeKeys>(env, "removeKeys"));
     exports.Set("hasKey", Napi::Function::New<hasKey>(env, "hasKey"));
+    exports.Set("timeline", defineTimeline(env));
     exports.Set("environment", Napi::Function::New<environment>(env, "environment"));
     return exports;
 }

@@ -23,6 +23,7 @@ in_box() {
     local options=()
     share "$web"
     share "$build"
+    [ -z "${UVA_TIMELINE-}" ] || share "$UVA_TIMELINE"
     while [ "$1" != -- ]; do
         options+=("$1")
         shift

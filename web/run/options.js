@@ -19,7 +19,7 @@ Plays a manifest with an unmodified web player on a page whose media element is 
   --start T        start there
   --duration T     stop after playing for so long
   --snapshot OUT.png    write the picture at the end
-  --timeline OUT.json   write operations, events and states as Chrome trace events
+  --timeline OUT.json   begin a time line there: what the page, the library and its sinks do, for Perfetto
   --no-progress-timeout T   give up when nothing moves for so long; 0: never (default: 30)
   --standalone     without a main system: nobody arbitrates the decoders
   --quiet          print nothing but errors

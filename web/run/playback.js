@@ -3,6 +3,7 @@
 
 const { Display, bufferedText } = require('./display');
 const { answerRequest } = require('./licence');
+const { loadNative } = require('./page');
 const { StaticServer } = require('./server');
 const { Timeline } = require('./timeline');
 const { WebPlayer } = require('./web_player');
@@ -27,7 +28,7 @@ function stateOf(video) {
 class Playback {
   #options;
   #display;
-  #timeline = new Timeline();
+  #timeline;
   #player = null;
   #server = null;
   #timer = null;
@@ -45,11 +46,12 @@ class Playback {
 
   constructor(options) {
     this.#options = options;
+    this.#timeline = new Timeline(loadNative(), options.timeline);
     this.#display = new Display(options);
     this.#seeksLeft = [...options.seeks];
   }
 
-  /** Resolves with { error: text or null, signal, snapshot, timeline } when it is over and the backend is back. */
+  /** Resolves with { error: text or null, signal, snapshot } when it is over and the backend is back. */
   async run({ url, root, name }) {
     const { keyDelay } = this.#options;
     const licencePath = '/licence';
@@ -65,7 +67,7 @@ class Playback {
     const { reason, error = null, signal } = await this.#finished;
     clearInterval(this.#timer);
     const failure = await this.#end(reason, error);
-    return { error: failure, signal, snapshot: this.#snapshot, timeline: this.#timeline.text() };
+    return { error: failure, signal, snapshot: this.#snapshot };
   }
 
   /** The user ends it. */
@@ -204,6 +206,7 @@ class Playback {
     this.#display.clear();
     await this.#player?.close();
     await this.#server.close();
+    failure ||= this.#timeline.flush() || null;
     if (!failure) this.#display.summary(summary);
     return failure;
   }

@@ -18,8 +18,8 @@ function complain(text) {
 }
 
 /** Before anything is played: an output file that cannot be written is told of at once. */
-function checkOutputs({ snapshot, timeline }) {
-  for (const file of [snapshot, timeline]) if (file !== undefined) fs.closeSync(fs.openSync(file, 'a'));
+function checkOutputs({ snapshot }) {
+  if (snapshot !== undefined) fs.closeSync(fs.openSync(snapshot, 'a'));
 }
 
 async function play(options) {
@@ -35,10 +35,9 @@ async function play(options) {
         process.exit(128 + os.constants.signals[signal]);
       }, hangSeconds * 1000).unref();
     });
-  const { error, signal, snapshot, timeline } = await playback.run(media);
+  const { error, signal, snapshot } = await playback.run(media);
   if (error) complain(`${options.media}: ${error}`);
   if (snapshot) fs.writeFileSync(options.snapshot, encodePng(snapshot));
-  if (options.timeline !== undefined) fs.writeFileSync(options.timeline, timeline);
   if (signal) return 128 + os.constants.signals[signal];
   return error ? exitCodes.failed : 0;
 }

@@ -1,6 +1,5 @@
 'use strict';
-// Chrome trace events for ui.perfetto.dev. Times are microseconds of CLOCK_MONOTONIC, as those of the
-// other programs of this machine: their files load side by side.
+// The page's part of the time line, which the add-on writes beside the library's own.
 
 const tracks = { operations: 1, events: 2, states: 3 };
 
@@ -9,36 +8,43 @@ function now() {
   return Number(process.hrtime.bigint()) / 1000;
 }
 
+const isPlain = value => ['string', 'number', 'boolean'].includes(typeof value);
+
 class Timeline {
-  #rows = [];
+  #native;
   #state = null;
 
-  constructor() {
-    this.#rows.push({ ph: 'M', name: 'process_name', pid: process.pid, tid: 0, args: { name: 'player' } });
-    for (const [name, tid] of Object.entries(tracks)) this.#rows.push({ ph: 'M', name: 'thread_name', pid: process.pid, tid, args: { name } });
+  /** Into a new file, or into the one that UVA_TIMELINE names, if it names one. Before the add-on loads the library. */
+  constructor({ timeline }, file) {
+    const failure = timeline.begin(file);
+    if (failure) throw new Error(failure);
+    this.#native = timeline;
+    for (const [name, number] of Object.entries(tracks)) timeline.nameTrack(number, name);
   }
 
   operation(name, args) {
-    this.#instant(tracks.operations, name, args);
+    this.#record(tracks.operations, name, args);
   }
   event(name, args) {
-    this.#instant(tracks.events, name, args);
+    this.#record(tracks.events, name, args);
   }
   position(seconds) {
-    this.#rows.push({ ph: 'C', name: 'position', pid: process.pid, tid: tracks.operations, ts: now(), args: { seconds } });
+    this.#record(tracks.operations, 'position', { seconds }, 'counter');
   }
   /** The state that begins; null: none. */
   state(name) {
-    const time = now();
-    if (this.#state) this.#rows.push({ ph: 'X', name: this.#state.name, pid: process.pid, tid: tracks.states, ts: this.#state.since, dur: time - this.#state.since });
-    this.#state = name === null ? null : { name, since: time };
+    if (this.#state) this.#record(tracks.states, this.#state.name, {}, 'span', this.#state.since);
+    this.#state = name === null ? null : { name, since: now() };
   }
-  #instant(tid, name, args) {
-    this.#rows.push({ ph: 'i', s: 't', name, pid: process.pid, tid, ts: now(), ...(args && { args }) });
+  /** Why something is missing from the file; empty: nothing is. */
+  flush() {
+    return this.#native.flush();
   }
 
-  text() {
-    return `{"displayTimeUnit": "ms", "traceEvents": [\n${this.#rows.map(row => JSON.stringify(row)).join(',\n')}\n]}\n`;
+  #record(track, name, args, ...how) {
+    if (!this.#native.isOn()) return;
+    const texts = Object.entries(args).map(([key, value]) => [key, isPlain(value) ? value : JSON.stringify(value) ?? '']);
+    this.#native.record(track, name, Object.fromEntries(texts), ...how);
   }
 }
 

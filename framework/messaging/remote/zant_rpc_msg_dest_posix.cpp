@@ -4,6 +4,7 @@
 #include "debug/trace/zant_trace_colors.h"
 #include "messaging/queue/zant_msg.h"
 #include "messaging/remote/rpc_sequence.h"
+#include "timeline/timeline.h"
 
 #include <cstring>
 #include <new>
@@ -75,6 +76,14 @@ void CZantRpcMsgDestPosix::ProcessZantMsg(CZantMsg* msg) {
                CS_CYAN, static_cast<long>(msg->signalId),
                rpc_sequence::asPointer(msg->sharedAddress),
                static_cast<int>(rpc_sequence::read(msg->rpcControl)), CS_NORMAL);
+    const timeline::Span span("link", "receive");
+    if (span) {
+        const uint32_t number = rpc_sequence::read(msg->rpcControl);
+        span.with("signal", msg->signalName())
+            .with("seq", number)
+            .flow(timeline::Flow::End, m_funcName.c_str(), number)
+            .flow(timeline::Flow::Start, "received", number);
+    }
     if (!fetchPayload(*msg))
         return;
     checkSequence(*msg);

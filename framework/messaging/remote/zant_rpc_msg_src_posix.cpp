@@ -6,6 +6,7 @@
 #include "messaging/queue/zant_msg.h"
 #include "messaging/queue/zant_msg_body.h"
 #include "messaging/remote/rpc_sequence.h"
+#include "timeline/timeline.h"
 #include "util/cancellation_block.h"
 
 #include <cerrno>
@@ -41,7 +42,11 @@ int32_t CZantRpcMsgSrcPosix::SendCmd(CZantMsg* msg) {
         return CZantMsgQueue::sendFailed;
     }
     const bool isToForward = msg && msg->signalId != SIG_ID_STOP_THREAD;
-    m_given += isToForward; // before the thread can have forwarded it
+    const uint32_t number = m_given += isToForward; // before the thread can have forwarded it
+    const timeline::Span span("link", "queue");
+    if (span && isToForward)
+        span.with("signal", msg->signalName())
+            .flow(timeline::Flow::Start, "queued", timeline::idOf(this) + number);
     const int32_t result = CThreadObjectWithQueue::SendCmd(msg);
     if (result < 0)
         m_given -= isToForward;
@@ -52,7 +57,13 @@ void CZantRpcMsgSrcPosix::ProcessZantMsg(CZantMsg* msg) {
     ZANT_TRACE_STREAM(TRACEUNIT_RPC_SOURCE, TRACELEVEL_INFO,
                       "CZantRpcMsgSrcPosix::ProcessZantMsg called for sending IPC msg -- Signal = "
                           << msg->signalName() << '\n');
-    SendMsgViaRpcPosixQueue(msg);
+    {
+        const timeline::Span span("link", "send");
+        if (span)
+            span.with("signal", msg->signalName())
+                .flow(timeline::Flow::End, "queued", timeline::idOf(this) + m_forwarded + 1);
+        SendMsgViaRpcPosixQueue(msg);
+    }
     ++m_forwarded;
     if (!m_isAwaited)
         return;
@@ -95,6 +106,9 @@ int32_t CZantRpcMsgSrcPosix::SendMsgViaRpcPosixQueue(CZantMsg* msg) {
                "%s CZantRpcMsgSrcPosix:: Next Sequence-Ctr = %d %s\n", CS_CYAN,
                static_cast<int>(sequenceCtr), CS_NORMAL);
 
+    if (timeline::isOn())
+        timeline::flow(timeline::Flow::Start, targetFunc.c_str(),
+                       rpc_sequence::read(msg->rpcControl));
     const int result = queue_io::send(targetQueue, packForOtherProcess(*msg), 0, cancellationBlock);
     if (result == 0)
         return 0;

@@ -1,6 +1,7 @@
 #include "decode_chain.h"
 
 #include "factories.h"
+#include "timeline/timeline.h"
 
 #include <gst/pbutils/pbutils.h>
 
@@ -14,14 +15,20 @@ GstPtr<GstPad> sinkPadOf(GstElement* element) {
     return GstPtr<GstPad>(gst_element_get_static_pad(element, "sink"));
 }
 
+void recordUnderflow(GstElement*, gpointer bin) {
+    timeline::instant("sink", "underflow").with("sink", GST_OBJECT_NAME(bin));
+}
+
 /// The bound in bytes is for data without times; a second of the fastest streams stays below it.
-GstPtr<GstElement> makeBuffer() {
+GstPtr<GstElement> makeBuffer(GstBin* bin) {
     constexpr guint64 time = GST_SECOND;
     constexpr guint bytes = 16U << 20U;
     auto buffer = sinkRef(gst_element_factory_make("queue", nullptr));
     if (buffer)
         g_object_set(buffer.get(), "max-size-time", time, "max-size-bytes", bytes,
-                     "max-size-buffers", 0U, "silent", TRUE, nullptr);
+                     "max-size-buffers", 0U, "silent", !timeline::isOn(), nullptr);
+    if (buffer && timeline::isOn())
+        g_signal_connect(buffer.get(), "underrun", G_CALLBACK(recordUnderflow), bin);
     return buffer;
 }
 
@@ -79,7 +86,7 @@ bool DecodeChain::build(const MediaFormat& format, GstCaps* caps, GstGhostPad* p
         return false;
     }
 
-    auto buffer = makeBuffer();
+    auto buffer = makeBuffer(m_bin);
     bool ready = buffer && add(std::move(buffer)) && (!parser || add(std::move(parser))) &&
                  add(std::move(decoder));
     ready = ready && gst_ghost_pad_set_target(pad, sinkPadOf(m_elements.front()).get()) &&

@@ -21,7 +21,9 @@ HalAudioSink::HalAudioSink(GstBin* bin) : HalSink(bin, "audio", audioFormats) {
 }
 
 void HalAudioSink::onPlayed(GstElement*, GstBuffer* sound, GstPad* pad, gpointer sink) {
-    tapSound(static_cast<HalAudioSink*>(sink)->bin(), sound, pad);
+    auto& self = *static_cast<HalAudioSink*>(sink);
+    tapSound(self.bin(), sound, pad);
+    self.recordOutput(sound, "first sound", "sound");
 }
 
 void HalAudioSink::setVolume(double volume) {

@@ -4,6 +4,7 @@
 #include "inner_sinks.h"
 #include "nox/screen.h"
 #include "opus_caps.h"
+#include "timeline/timeline.h"
 
 #include <gst/base/gstbasesink.h>
 
@@ -54,6 +55,8 @@ HalSink::HalSink(GstBin* bin, const char* kind, const MediaFormats& formats)
       m_silent(sinkRef(gst_element_factory_make("fakesink", "silent"))),
       m_fastClock(playSpeed() > 1 ? GST_OBJECT(makeFastClock(playSpeed())) : nullptr),
       m_chain(bin) {
+    if (const std::string failure = timeline::begin(); !failure.empty())
+        GST_WARNING("%s", failure.c_str());
     auto* klass = GST_ELEMENT_GET_CLASS(bin);
     auto* pad = gst_ghost_pad_new_no_target_from_template(
         "sink", gst_element_class_get_pad_template(klass, "sink"));
@@ -98,9 +101,12 @@ GstFlowReturn HalSink::onEvent(GstPad* pad, GstObject* parent, GstEvent* event) 
         break;
     }
     case GST_EVENT_FLUSH_START:
+        self.record("flush begins");
         self.interrupt();
         break;
     case GST_EVENT_FLUSH_STOP:
+        self.record("flush ends");
+        self.m_isFirstOutput = true;
         self.endDrain();
         break;
     default:
@@ -185,6 +191,8 @@ GstFlowReturn HalSink::buildChain(const MediaFormat& format, GstCaps* caps) {
     } else {
         useDevice();
     }
+    const timeline::Span span("sink", "build the decoder");
+    span.with("sink", GST_OBJECT_NAME(m_bin)).with("codec", format.codec);
     const bool built = m_chain.build(format, caps, m_sinkPad, m_output);
     if (built)
         seekFrom(GstPtr<GstPad>(gst_element_get_static_pad(m_output, "sink")));
@@ -253,10 +261,12 @@ void HalSink::requestForwarded() {
 }
 
 int HalSink::request() {
+    const timeline::Span span("sink", "ask for the decoder");
     gint answer = 0;
     GST_DEBUG_OBJECT(m_bin, "asking for the %s decoder", m_kind);
     g_signal_emit(m_bin, decoderRequestSignal, 0, m_kind, &answer);
     GST_INFO_OBJECT(m_bin, "%s decoder %s", m_kind, answer ? "granted" : "refused");
+    span.with("sink", GST_OBJECT_NAME(m_bin)).with("granted", answer != 0);
     return answer;
 }
 
@@ -282,12 +292,27 @@ GstPadProbeReturn HalSink::onOutputEvent(GstPad*, GstPadProbeInfo* info, gpointe
     auto* event = GST_PAD_PROBE_INFO_EVENT(info);
     if (GST_EVENT_TYPE(event) == GST_EVENT_EOS && self.endDrain())
         return GST_PAD_PROBE_DROP;
+    if (GST_EVENT_TYPE(event) == GST_EVENT_EOS)
+        self.record("end of stream");
     if (GST_EVENT_TYPE(event) == GST_EVENT_CAPS && self.isGranted()) {
         GstCaps* caps = nullptr;
         gst_event_parse_caps(event, &caps);
         self.reportFormat(caps);
     }
     return GST_PAD_PROBE_OK;
+}
+
+void HalSink::record(const char* what) const {
+    if (timeline::isOn())
+        timeline::instant("sink", what).with("sink", GST_OBJECT_NAME(m_bin));
+}
+
+void HalSink::recordOutput(GstBuffer* buffer, const char* first, const char* others) {
+    if (!timeline::isOn())
+        return;
+    timeline::instant("sink", m_isFirstOutput.exchange(false) ? first : others)
+        .with("sink", GST_OBJECT_NAME(m_bin))
+        .with("pts_ns", GST_BUFFER_PTS(buffer));
 }
 
 void HalSink::reportFormat(GstCaps* decoded) {
@@ -409,6 +434,7 @@ void HalSink::seekFromInput() {
 void HalSink::start() {
     endDrain();
     m_stopping = false;
+    m_isFirstOutput = true;
     // Whoever taps the screen sees all that comes: what is late is shown late.
     g_object_set(m_silent.get(), "qos", !nox::Screen::instance().isTapped(), nullptr);
     if (!m_active)

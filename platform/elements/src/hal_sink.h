@@ -42,6 +42,10 @@ protected:
     GstElement* silentOutput() const { return m_silent.get(); }
     bool isGranted() const { return m_decoder == Decoder::Granted; }
 
+    /// Into the time line: what is put out, the first after a start or a flush by another name.
+    void recordOutput(GstBuffer* buffer, const char* first, const char* others);
+    void record(const char* what) const;
+
     /// Around the time from READY to PAUSED and back. Application's thread.
     virtual void activated() = 0;
     virtual void deactivated() = 0;
@@ -100,6 +104,7 @@ private:
 
     std::atomic<Decoder> m_decoder{Decoder::Undecided};
     std::atomic<bool> m_stopping{false};
+    std::atomic<bool> m_isFirstOutput{true}; // for the time line
     std::atomic<gint64> m_timeOffset{0};
     mutable locks::Mutex m_seekMutex; // leaf
     /// Where seeks set out upstream: before the output, or, without a whole chain, at the input.

@@ -13,6 +13,7 @@ namespace noxelements {
 namespace {
 
 constexpr const char* balanceName = "balance";
+constexpr const char* firstPicture = "first picture"; // of the time line
 
 std::uint64_t isCorrupted(GstBuffer* picture) {
     return GST_BUFFER_FLAG_IS_SET(picture, GST_BUFFER_FLAG_CORRUPTED) ? 1 : 0;
@@ -24,12 +25,15 @@ void HalVideoSink::onShown(GstElement*, GstBuffer* picture, GstPad* pad, gpointe
     auto& self = *static_cast<HalVideoSink*>(sink);
     auto& screen = nox::Screen::instance();
     tapPicture(self.bin(), picture, pad, false);
+    self.recordOutput(picture, firstPicture, "picture");
     screen.count(&self, {self.m_isCounted.exchange(false) ? 0U : 1U, 0, isCorrupted(picture)});
     screen.pictureShown(&self);
 }
 
 void HalVideoSink::onStill(GstElement*, GstBuffer* picture, GstPad* pad, gpointer sink) {
-    tapPicture(static_cast<HalVideoSink*>(sink)->bin(), picture, pad, true);
+    auto& self = *static_cast<HalVideoSink*>(sink);
+    tapPicture(self.bin(), picture, pad, true);
+    self.recordOutput(picture, firstPicture, "still picture");
 }
 
 /// A device tells nobody when it shows a picture: when the next one arrives, the last one has been,
@@ -40,6 +44,7 @@ GstPadProbeReturn HalVideoSink::onDeviceBuffer(GstPad*, GstPadProbeInfo* info, g
     screen.count(&self, {self.m_isOnDevice.exchange(true) ? 1U : 0U, 0,
                          isCorrupted(GST_PAD_PROBE_INFO_BUFFER(info))});
     screen.pictureShown(&self);
+    self.recordOutput(GST_PAD_PROBE_INFO_BUFFER(info), firstPicture, "picture");
     return GST_PAD_PROBE_OK;
 }
 
@@ -65,6 +70,7 @@ void HalVideoSink::handleMessage(GstMessage* message) {
         if (GST_IS_BASE_SINK(source))
             m_isOnDevice = false;
         screen.count(this, {0, 1, 0});
+        record("picture left out");
     }
     HalSink::handleMessage(message);
 }

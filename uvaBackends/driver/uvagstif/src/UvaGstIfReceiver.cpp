@@ -2,6 +2,8 @@
 
 #include "UvaGstIfLowerLayer.h"
 #include "messaging/queue/zant_msg.h"
+#include "messaging/remote/rpc_sequence.h"
+#include "timeline/timeline.h"
 #include "util/thrown_by.h"
 
 #include <algorithm>
@@ -9,6 +11,7 @@
 #include <cstring>
 #include <string>
 #include <string_view>
+#include <utility>
 
 namespace {
 
@@ -79,6 +82,10 @@ void CUvaGstIfReceiver::setBackend(const UvaGstIfControl* newBackend) {
 void CUvaGstIfReceiver::ProcessZantMsg(CZantMsg* msg) {
     if (!msg)
         return;
+    const timeline::Span span("link", "handle");
+    span.with("signal", signalName(*msg));
+    if (const uint32_t number = rpc_sequence::read(msg->rpcControl); number != 0)
+        span.flow(timeline::Flow::End, "received", number);
     if (const auto thrown = thrownBy([&] { dispatch(*msg); }))
         UVA_GST_IF_LOG(BackendIf, Error, "***E: %s is lost: %s", signalName(*msg), thrown->c_str());
     msg->FreeSignal();
@@ -165,6 +172,8 @@ bool CUvaGstIfReceiver::waitForGrant(const Request& request) {
            m_clock.waitUntil(stateCond, stateMutex, deadline)) {
     }
     --m_waiting;
+    if (const auto answer = std::exchange(m_answer, 0); answer != 0 && timeline::isOn())
+        timeline::flow(timeline::Flow::End, "answer", answer);
     return (decoder_available & request.bit) != 0;
 }
 
@@ -194,6 +203,7 @@ void CUvaGstIfReceiver::processDecoderAvailableInd(const CZantMsg& msg) {
     UVA_GST_IF_LOG(BackendIf, Debug, "-> available_decoder: '%d'|'%d'\n",
                    static_cast<int>(decoder_available), msg.param1);
     decoder_available |= static_cast<uint32_t>(msg.param1);
+    recordAnswer();
     stateCond.broadcast();
 }
 
@@ -201,7 +211,16 @@ void CUvaGstIfReceiver::processDecoderNotAvailableInd() {
     const MutexLock lock(stateMutex);
     requestPending = 0;
     ++m_refusals;
+    recordAnswer();
     stateCond.broadcast();
+}
+
+/// For the time line: from here to the first who waits for it.
+void CUvaGstIfReceiver::recordAnswer() {
+    if (!timeline::isOn() || m_waiting == 0 || m_answer != 0)
+        return;
+    m_answer = timeline::newId();
+    timeline::flow(timeline::Flow::Start, "answer", m_answer);
 }
 
 void CUvaGstIfReceiver::processDecoderReleaseReq(CZantMsg& msg) {

@@ -114,6 +114,7 @@ private:
     bool isRefused(const Request& request) const REQUIRES(stateMutex);
     bool askMainSystem(const Request& request) REQUIRES(stateMutex);
     bool waitForGrant(const Request& request) REQUIRES(stateMutex);
+    void recordAnswer() REQUIRES(stateMutex);
     void handleDecoderNeededLocked(const char* type, std::optional<MediaKind> lost)
         REQUIRES(stateMutex);
     void giveBack(uint32_t kinds) REQUIRES(stateMutex);
@@ -153,6 +154,7 @@ private:
     /// Refusals ever: one that comes just before somebody else's request counts all the same.
     uint32_t m_refusals GUARDED_BY(stateMutex) = 0;
     int m_waiting GUARDED_BY(stateMutex) = 0;
+    uint64_t m_answer GUARDED_BY(stateMutex) = 0; ///< of the time line, until it is taken
     bool m_isCutOff GUARDED_BY(stateMutex) = false;
 };
 

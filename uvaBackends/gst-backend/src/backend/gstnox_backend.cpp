@@ -306,6 +306,9 @@ void GstNoxBackend::changeState(GstState state) {
         std::swap(before, m_state);
     }
     GST_DEBUG("transition %d -> %d", before, state);
+    if (timeline::isOn())
+        timeline::instant("state", gst_element_state_get_name(state))
+            .with("before", gst_element_state_get_name(before));
     if (before != GST_STATE_READY || state <= GST_STATE_READY)
         return;
     raiseEvent(new BufferingStreamUnderrunEvent, GST_LEVEL_DEBUG, "%s", "");

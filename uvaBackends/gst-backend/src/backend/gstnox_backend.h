@@ -10,6 +10,7 @@
 #include "base/gst_ptr.h"
 #include "mse/media_source_group.h"
 #include "mse/media_sources.h"
+#include "timeline/timeline.h"
 #include "uva/uva_client.h"
 #include "uva/uva_media_backend.h"
 
@@ -46,9 +47,9 @@ public:
     GstNoxBackend(UVABackendType type, UVAClient* client);
     ~GstNoxBackend() override;
 
-    /// The end of a backend from new: stops all, and deletes it as soon as none of its own operations
-    /// is under way; the client may ask from inside an event that one of them delivers. It is not
-    /// called any more afterwards.
+    /// The end of a backend from new: stops all, and deletes it as soon as none of its own
+    /// operations is under way; the client may ask from inside an event that one of them delivers.
+    /// It is not called any more afterwards.
     void release();
 
     // Operations of the host interface. What they do is the interface's to say; here stands what
@@ -241,13 +242,20 @@ private:
 
 class GstNoxBackend::Operation {
 public:
-    explicit Operation(GstNoxBackend& backend) : m_backend(backend) { ++m_backend.m_leases; }
+    /// The time line has it under that name.
+    explicit Operation(GstNoxBackend& backend, const char* name = __builtin_FUNCTION())
+        : m_backend(backend), m_span("uva", name) {
+        ++m_backend.m_leases;
+    }
     ~Operation() { m_backend.leave(); }
     Operation(const Operation&) = delete;
     Operation& operator=(const Operation&) = delete;
 
+    const timeline::Span& span() const { return m_span; }
+
 private:
     GstNoxBackend& m_backend;
+    const timeline::Span m_span;
 };
 
 #endif

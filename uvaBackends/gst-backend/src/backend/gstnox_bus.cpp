@@ -107,6 +107,9 @@ void GstNoxBackend::raiseEvent(UVAEvent* event, GstDebugLevel level, const char*
         GST_CAT_LEVEL_LOG(gst_backend_debug, level, nullptr, "%s: (%s)", eventName(event->type()),
                           message.get());
     }
+    const timeline::Span span("event", eventName(event->type()));
+    if (span && event->type() == UVAEvent::NeedMSEData) // which comes back with the samples
+        span.flow(timeline::Flow::Start, "samples", timeline::idOf(event));
     m_client->deliverEvent(owned.release());
 }
 
@@ -246,6 +249,8 @@ int GstNoxBackend::eventCompleted(const UVAAsyncEvent* event, bool success) {
         return Failure;
     }
     GST_DEBUG("ev = %d", event->type());
+    const timeline::Span span("uva", "eventCompleted");
+    span.with("event", eventName(event->type())).with("success", success);
     switch (event->type()) {
     case UVAEvent::BackendResourceRequestAsync:
         GST_INFO("BackendResourceRequestAsync finished (success=%d)", success);

@@ -1,6 +1,24 @@
 #include "backend/gstnox_buswatch.h"
 
 #include "base/gstnox_debug.h"
+#include "timeline/timeline.h"
+
+namespace {
+
+/// On the thread that posts it.
+void recordMessage(GstMessage* message) {
+    auto event = timeline::instant("bus", GST_MESSAGE_TYPE_NAME(message));
+    event.with("element", GST_MESSAGE_SRC_NAME(message));
+    if (GST_MESSAGE_TYPE(message) != GST_MESSAGE_STATE_CHANGED)
+        return;
+    GstState before = GST_STATE_VOID_PENDING;
+    GstState now = GST_STATE_VOID_PENDING;
+    gst_message_parse_state_changed(message, &before, &now, nullptr);
+    event.with("before", gst_element_state_get_name(before));
+    event.with("now", gst_element_state_get_name(now));
+}
+
+} // namespace
 
 std::shared_ptr<GstNoxBusWatch> GstNoxBusWatch::add(GstBus* bus, Handler handler) {
     const std::shared_ptr<GstNoxBusWatch> watch(new GstNoxBusWatch(std::move(handler)));
@@ -23,6 +41,8 @@ void GstNoxBusWatch::remove(GstBus* bus) {
 /// Of state changes only the pipeline's own are of use.
 GstBusSyncReply GstNoxBusWatch::_sift_message(GstBus* /*bus*/, GstMessage* message,
                                               gpointer /*unused*/) noexcept {
+    if (timeline::isOn())
+        recordMessage(message);
     constexpr int handled = GST_MESSAGE_EOS | GST_MESSAGE_ERROR | GST_MESSAGE_BUFFERING |
                             GST_MESSAGE_STATE_CHANGED | GST_MESSAGE_APPLICATION;
     const bool ofPart = GST_MESSAGE_TYPE(message) == GST_MESSAGE_STATE_CHANGED &&

@@ -37,7 +37,10 @@ bool isFlushing(GstPad* pad) {
 class DecoderHandshake::Waiting {
 public:
     Waiting(DecoderHandshake& handshake, const Request& request, WaitFor whom)
-        : m_handshake(handshake) {
+        : m_handshake(handshake),
+          m_span("decoder",
+                 whom == WaitFor::Client ? "wait for the client" : "wait for the main system") {
+        m_span.with("kind", request.kind ? nameOf(*request.kind) : "");
         const GCharPtr name(request.sink != nullptr ? gst_object_get_name(GST_OBJECT(request.sink))
                                                     : nullptr);
         const GLibLock lock(m_handshake.m_lock);
@@ -55,6 +58,7 @@ public:
 
 private:
     DecoderHandshake& m_handshake;
+    const timeline::Span m_span;
     std::list<Wait>::iterator m_place;
 };
 
@@ -103,6 +107,10 @@ gint DecoderHandshake::source_decoder_request_cb(GstElement* sink, const gchar* 
 
 /// What the sink is told.
 gint DecoderHandshake::reply(Answer answer) {
+    if (timeline::isOn())
+        timeline::instant("decoder", answer == Answer::Granted   ? "granted"
+                                     : answer == Answer::Refused ? "refused"
+                                                                 : "interrupted");
     if (answer == Answer::Refused) {
         GST_ERROR("***E: resources not available (%d)", resourcesState());
         m_client.refused();
@@ -155,6 +163,8 @@ DecoderHandshake::Answer DecoderHandshake::askClient(const Request& request) {
     }
     if (isNew) {
         GST_INFO("about asks for resources (%u)", needed);
+        if (timeline::isOn())
+            timeline::flow(timeline::Flow::Start, "resources", timeline::idOf(question.get()));
         const auto ask = [this] { return m_client.ask(), true; };
         if (!guarded(GST_CAT_DEFAULT, "the client", false, ask))
             completeRequest(false);
@@ -200,8 +210,11 @@ DecoderHandshake::Answer DecoderHandshake::askMainSystem(const Request& request)
 void DecoderHandshake::completeRequest(bool success) {
     const GLibLock lock(m_lock);
     m_resources_state = success ? ResourcesGranted : NoResources;
-    if (m_question != nullptr)
+    if (m_question != nullptr) {
+        if (!m_question->answer && timeline::isOn())
+            timeline::flow(timeline::Flow::End, "resources", timeline::idOf(m_question.get()));
         m_question->answer = success;
+    }
     m_changed.broadcast(m_lock);
 }
 

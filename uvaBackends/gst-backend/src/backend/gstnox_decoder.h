@@ -4,6 +4,7 @@
 #include "MediaKind.h"
 #include "base/glib_lock.h"
 #include "base/gst_ptr.h"
+#include "timeline/timeline.h"
 
 #include <gst/gst.h>
 

@@ -118,6 +118,9 @@ int GstNoxBackend::writeData(UVAEvent* event, unsigned int bytes, WriteDataStatu
         return Success;
     }
     const Operation operation(*this);
+    operation.span().with("source", bin->name.get()).with("status", static_cast<int>(status));
+    if (request.samplesRequested > 0) // else nobody has asked
+        operation.span().flow(timeline::Flow::End, "samples", timeline::idOf(event));
     const MediaSources::Visit visit(m_sources, MediaSources::Visit::Write, bin.get());
     if (status == Data)
         bin->write(request.samples);
@@ -141,6 +144,8 @@ std::shared_ptr<GstMseBin> GstNoxBackend::binOf(GstAppSrc* appsrc, gpointer back
 
 void GstNoxBackend::need_data_cb(GstAppSrc* appsrc, guint /*length*/, gpointer backend) noexcept {
     GST_LOG("(%s)", GST_OBJECT_NAME(appsrc));
+    const timeline::Span span("feeding", "need data");
+    span.with("source", GST_OBJECT_NAME(appsrc));
     guarded("need-data", [=] {
         auto* self = static_cast<GstNoxBackend*>(backend);
         const auto bin = binOf(appsrc, backend);
@@ -157,6 +162,8 @@ void GstNoxBackend::askForData(unsigned int id) {
 
 void GstNoxBackend::enough_data_cb(GstAppSrc* appsrc, gpointer backend) noexcept {
     GST_LOG("(%s)", GST_OBJECT_NAME(appsrc));
+    if (timeline::isOn())
+        timeline::instant("feeding", "enough data").with("source", GST_OBJECT_NAME(appsrc));
     guarded("enough-data", [=] {
         if (const auto bin = binOf(appsrc, backend))
             bin->hasEnoughData();

@@ -54,6 +54,8 @@ int GstNoxBackend::setPosition(double seconds) {
     // The target is compared with the nanosecond count itself.
     const bool accepted = seconds >= 0.0 && std::isfinite(seconds) &&
                           (known == MediaFacts::durationUninitialized || seconds <= static_cast<double>(known));
+    const timeline::Span span("uva", "setPosition");
+    span.with("seconds", seconds);
     if (!accepted) {
         GST_ERROR("***E: pos=%lf out of scope", seconds);
         m_seek.refuse();

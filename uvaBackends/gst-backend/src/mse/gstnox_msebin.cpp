@@ -6,6 +6,7 @@
 #include "codec/codecutil.h"
 #include "mse/media_source_group.h"
 #include "mse/uva_gstcontentprotection.h"
+#include "timeline/timeline.h"
 #include "uva/uva_sample.h"
 
 #include <algorithm>
@@ -198,7 +199,11 @@ void GstMseBin::write(UVASample** samples) {
             return;
         flushes = m_flushes;
     }
+    const timeline::Span span("feeding", "take samples");
     auto batch = m_samples.read(samples); // what is not queued goes after the lock
+    span.with("source", name.get())
+        .with("samples", batch.samples.size())
+        .with("bytes", batch.bytes);
     {
         const GLibLock hold(lock);
         if (flushes != m_flushes)
@@ -215,6 +220,8 @@ void GstMseBin::queueSample(SampleIntake::Sample sample) {
     if (sample.buffer) {
         if (sample.caps)
             m_queue.pushCaps(std::move(sample.caps));
+        if (timeline::isOn())
+            timeline::flow(timeline::Flow::Start, "sample", timeline::idOf(sample.buffer.get()));
         m_queue.pushBuffer(std::move(sample.buffer));
     }
     // All sources begin at the same time: that of whose sample comes first.
@@ -259,6 +266,8 @@ bool GstMseBin::pushToSource() {
         handOver(step);
     GST_LOG("%s: pushed %u/%u, remaining %u", name.get(), pushed, static_cast<guint>(before),
             static_cast<guint>(step.remaining));
+    if (timeline::isOn())
+        timeline::counter("feeding", "queued", {}).with(name.get(), step.remaining);
     return step.remaining == 0;
 }
 
@@ -316,6 +325,12 @@ void GstMseBin::handOver(Step& step) {
 
 void GstMseBin::handOverBuffer(Step& step) {
     auto buffer = GstPtr<GstBuffer>::adopt(GST_BUFFER_CAST(step.item.release()));
+    const timeline::Span span("feeding", "push");
+    if (span)
+        span.with("source", name.get())
+            .with("pts_ns", GST_BUFFER_PTS(buffer.get()))
+            .with("bytes", gst_buffer_get_size(buffer.get()))
+            .flow(timeline::Flow::End, "sample", timeline::idOf(buffer.get()));
     step.payload = GstPtr<GstMemory>::adopt(gst_buffer_get_memory(buffer.get(), 0));
     if (step.isProtected) {
         handleContentProtectionMeta(buffer.get());

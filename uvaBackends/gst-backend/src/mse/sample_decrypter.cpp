@@ -4,6 +4,7 @@
 #include "base/gst_ptr.h"
 #include "base/gstnox_time.h"
 #include "mse/media_source_group.h"
+#include "timeline/timeline.h"
 
 #include <algorithm>
 #include <array>
@@ -74,8 +75,10 @@ private:
 } // namespace
 
 bool SampleDecrypter::decrypt(GstBuffer* buffer) {
+    const timeline::Span span("decryption", "decrypt");
     m_busySince = g_get_monotonic_time();
     const bool decrypted = decryptCopy(buffer);
+    span.with("bytes", gst_buffer_get_size(buffer)).with("decrypted", decrypted);
     m_busySince = 0;
     ++(decrypted ? m_decrypted : m_failed);
     return decrypted;

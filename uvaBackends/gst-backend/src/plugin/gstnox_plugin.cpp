@@ -17,6 +17,7 @@
 #include "messaging/thread/thread_object_mshell.h"
 #include "messaging/queue/zant_msg_queue_mshell.h"
 #include "state/framework_state.h"
+#include "timeline/timeline.h"
 
 #include <sys/resource.h>
 #include <syslog.h>
@@ -87,6 +88,11 @@ void runConfigurationFile() {
     }
 }
 
+void beginTimeline() {
+    if (const std::string failure = timeline::begin(); !failure.empty())
+        std::printf("<UVA> ***E: %s\n", failure.c_str());
+}
+
 /// The arbitration of the decoders with the main system. What can be played without goes on
 /// without.
 void startLink() {
@@ -147,6 +153,7 @@ void bringUp() {
     createDebugCategories();
     zantTrace.Init("uvagst", syslogFacility);
     openlog("<UVA>", 0, syslogFacility);
+    beginTimeline();
     gst_debug_remove_log_function(nullptr);
     gst_debug_add_log_function(gstLogToSyslog, nullptr, nullptr);
     watchDebugRequests = true;
