@@ -130,6 +130,15 @@ public:
         return usage;
     }
 
+    /// Processor time that it has used so far.
+    double processorSeconds() const {
+        clockid_t clock{};
+        timespec used{};
+        if (clock_getcpuclockid(m_id, &clock) != 0 || clock_gettime(clock, &used) != 0)
+            bench::fail("a process has ended; see above");
+        return static_cast<double>(used.tv_sec) + static_cast<double>(used.tv_nsec) / 1e9;
+    }
+
     /// How often its threads have been woken.
     double wakeUps() const {
         double sum = 0;
@@ -210,6 +219,35 @@ void wakeUps() {
     bench::report("wakeups_paused", rates[1], rates[2]);
 }
 
+/// What share of a core a player takes that stands still, in percent.
+double shareOfCore(const Process& player) {
+    const auto seconds = std::chrono::seconds(bench::share(20, 1));
+    const double before = player.processorSeconds();
+    std::this_thread::sleep_for(seconds);
+    return (player.processorSeconds() - before) / static_cast<double>(seconds.count()) * 100;
+}
+
+/// Looked at by uva-scope or not. That asks ten times a second, whether or not a page is open.
+void watched() {
+    const Process player(inRole("as_pauser"));
+    if (std::fgetc(player.output()) == EOF)
+        bench::fail("a process failed; see above");
+    const auto settle = [] { std::this_thread::sleep_for(std::chrono::seconds(2)); };
+    bench::compare(
+        "watched", bench::share(5, 1),
+        [&] {
+            const Process scope({"uva-scope"});
+            if (std::fgetc(scope.output()) == EOF) // the first of its page's address
+                bench::fail("uva-scope did not start: is it built, and in PATH?");
+            settle();
+            return shareOfCore(player);
+        },
+        [&] {
+            settle();
+            return shareOfCore(player);
+        });
+}
+
 } // namespace
 
 int main(int argc, char** argv) {
@@ -217,6 +255,7 @@ int main(int argc, char** argv) {
                       {{"start", start},
                        {"whole", whole},
                        {"wakeups", wakeUps},
+                       {"watched", watched},
                        {"as_starter", asStarter},
                        {"as_player", asPlayer},
                        {"as_idler", asIdler},

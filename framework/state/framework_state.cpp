@@ -16,7 +16,9 @@
 #include <fstream>
 #include <map>
 #include <nlohmann/json.hpp>
+#include <string>
 #include <unistd.h>
+#include <vector>
 
 namespace {
 
@@ -126,8 +128,19 @@ Json describeTrace() {
 int MshellCmdState(CommandStruct* command) {
     traceMshellCall(__func__, *command);
     const std::string path = command->paramCount > 0 ? command->params[0].string : defaultPath;
+    const bool isQuiet = command->paramCount > 1 && command->params[1].string == "quiet";
+    if (command->paramCount > 1 && !isQuiet) {
+        FormattedStringToStdout("ERROR: Parameter 2 is 'quiet' or nothing\n");
+        return badCommandParam;
+    }
+    std::vector<std::string> members;
+    for (int i = 2; i < command->paramCount; ++i)
+        members.emplace_back(command->params[i].string);
     try {
-        return AnswerWithFile(path, StateReport::instance().collect(longestAsk));
+        const auto report = StateReport::instance().collect(longestAsk, members);
+        if (isQuiet && writeFileAtomically(path, report).empty())
+            return 0;
+        return AnswerWithFile(path, report);
     } catch (const std::exception& error) {
         FormattedStringToStdout("ERROR: no state can be had: %s\n", error.what());
         return badCommandParam;
@@ -135,7 +148,8 @@ int MshellCmdState(CommandStruct* command) {
 }
 
 constexpr MshellCmd stateCommands[] = {
-    {0, "m_state", "m_state [file]\t\t\tWrites all that the process knows of itself, as JSON",
+    {0, "m_state",
+     "m_state [file [quiet [member]...]]\tWrites all that the process knows of itself, as JSON",
      MshellCmdState},
 };
 

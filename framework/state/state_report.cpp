@@ -3,6 +3,7 @@
 #include "util/bounded_ask.h"
 
 #include <algorithm>
+#include <iterator>
 #include <nlohmann/json.hpp>
 #include <system_error>
 
@@ -59,11 +60,16 @@ void StateReport::add(const std::string& name, Ask ask) {
 }
 
 /// All are asked at the same time.
-std::string StateReport::collect(std::chrono::milliseconds bound) {
+std::string StateReport::collect(std::chrono::milliseconds bound,
+                                 const std::vector<std::string>& members) {
+    const auto isAsked = [&members](const auto& section) {
+        return members.empty() ||
+               std::find(members.begin(), members.end(), section->name) != members.end();
+    };
     std::vector<std::shared_ptr<Section>> sections;
     {
         const MutexLock lock(m_mutex);
-        sections = m_sections;
+        std::copy_if(m_sections.begin(), m_sections.end(), std::back_inserter(sections), isAsked);
     }
     const auto deadline = Answer::Clock::now() + bound;
     auto report = Json::object();

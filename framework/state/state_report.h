@@ -33,8 +33,9 @@ public:
     /// Adds a member; one of that name that is there already stays.
     void add(const std::string& name, Ask ask) EXCLUDES(m_mutex);
     /// The report, within the bound and what it takes to write it down. Members stand in the order
-    /// in which they were added.
-    std::string collect(std::chrono::milliseconds bound) EXCLUDES(m_mutex);
+    /// in which they were added; of those named, or all when none is.
+    std::string collect(std::chrono::milliseconds bound,
+                        const std::vector<std::string>& members = {}) EXCLUDES(m_mutex);
 
 private:
     struct Section;

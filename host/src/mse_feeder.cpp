@@ -309,7 +309,13 @@ void MseFeeder::hold(Source& source) {
     if (source.keyAskedFor == id)
         return;
     source.keyAskedFor = id;
+    meetProtection();
     m_client->keyNeeded(source.info.id, id, next.pts());
+}
+
+void MseFeeder::meetProtection() {
+    if (!std::exchange(m_hasMetProtection, true))
+        m_client->protectionMet();
 }
 
 bool MseFeeder::lacksKey(const Sample& sample) const {
@@ -357,8 +363,8 @@ void MseFeeder::deliver(Source& source, std::size_t count) {
     const auto end = begin + static_cast<std::ptrdiff_t>(count);
     const bool isProtected =
         std::any_of(begin, end, [](const auto& sample) { return sample->keyId() != nullptr; });
-    if (isProtected && !std::exchange(m_hasMetProtection, true))
-        m_client->protectionMet();
+    if (isProtected)
+        meetProtection();
     if (source.startDue)
         deliverStart(source);
     auto request = std::exchange(source.request, {});

@@ -38,7 +38,7 @@ public:
         virtual void feederFailed(const std::string& reason) = 0;
         /// Samples are held back until this key is there and resume() was called.
         virtual void keyNeeded(SourceId source, const KeyBytes& id, double time) = 0;
-        /// The first encrypted samples are about to be written.
+        /// The first encrypted samples are about to be written, or to wait for their key.
         virtual void protectionMet() = 0;
         virtual void writeData(Request answered, unsigned int samples, unsigned int bytes,
                                UVABackend::WriteDataStatus status) = 0;
@@ -125,6 +125,7 @@ private:
     bool lacksKey(const Sample& sample) const;
     static bool changesCodec(const Source& source, const Sample& sample);
     void hold(Source& source);
+    void meetProtection();
     void deliverStart(Source& source);
     void deliver(Source& source, std::size_t count);
     void deliverEnd(Source& source);

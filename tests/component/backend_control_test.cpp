@@ -114,6 +114,12 @@ TEST_F(BackendControl, TheStateIsTold) {
     EXPECT_EQ(state["sources"][0]["id"], 4);
     EXPECT_EQ(state["sources"][0]["queued"], 0);
     EXPECT_FALSE(state.contains("last_error"));
+    EXPECT_EQ(state["pipeline"]["state"], "NULL");
+    EXPECT_FALSE(state.contains("url"));
+    const auto& events = state["events"]; // the latest one is that of the seek that was refused
+    EXPECT_EQ(events[events.size() - 1]["name"], "SeekCompletedEx");
+    EXPECT_EQ(events[events.size() - 1]["number"], events.size());
+    EXPECT_LT(events[0]["seconds_ago"], 60);
     for (const void* one : {static_cast<const void*>(nullptr), static_cast<const void*>(&second)})
         EXPECT_NE(GstNoxBackend::graphOf(one).find("msebin_4"), std::string::npos);
     EXPECT_EQ(GstNoxBackend::graphOf(&backend), "") << "it has no pipeline";

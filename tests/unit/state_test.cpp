@@ -96,6 +96,14 @@ TEST(StateReport, WhoHangsHoldsNobodyUpAndIsAskedOnce) {
     EXPECT_EQ(*asked, before + 1);
 }
 
+TEST(StateReport, HasTheMembersThatAreNamed) {
+    StateReport report;
+    for (const char* const name : {"one", "two", "three"})
+        report.add(name, [name] { return Json(name); });
+    EXPECT_EQ(Json::parse(report.collect(milliseconds(20000), {"three", "none", "one"})),
+              Json::parse(R"({"one": "one", "three": "three"})"));
+}
+
 TEST(StateReport, TellsOfThreadsQueuesTimersAndTraces) {
     AddStateMshellCmds();
     CZantMsgQueue queue;

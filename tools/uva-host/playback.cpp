@@ -47,6 +47,15 @@ host::MediaElement::Options elementOptions(const Options& options) {
     return result;
 }
 
+/// What is on the screen, whatever the backend does; empty: nothing.
+std::string screenAsPng() {
+    nox::Picture shown;
+    if (!nox::Screen::instance().grab(shown))
+        return {};
+    std::string error;
+    return host::encodePng({shown.width, shown.height, std::move(shown.rgba)}, error);
+}
+
 std::string seconds(double value) {
     char text[32];
     std::snprintf(text, sizeof text, "%.1f s", value);
@@ -58,6 +67,7 @@ std::string seconds(double value) {
 Playback::Playback(Stage& stage, std::string name, bool last)
     : m_stage(stage), m_name(std::move(name)),
       m_wantSnapshot(last && !stage.options.snapshot.empty()),
+      m_picture("uva-host picture " + std::to_string(getpid())),
       m_element(stage.library, stage.loop, m_inbox, elementOptions(stage.options)),
       m_seeksLeft(stage.options.seeks.begin(), stage.options.seeks.end()),
       m_detachesLeft(stage.options.detaches) {}
@@ -108,8 +118,10 @@ void Playback::wait() {
         dueIn(*m_keysDue - host::Clock::now());
     pollfd fds[] = {{m_inbox.fd(), POLLIN, 0},
                     {m_stage.signals.fd(), POLLIN, 0},
-                    {m_keyboard ? m_stage.terminal.keyFd() : -1, POLLIN, 0}};
-    poll(fds, std::size(fds), static_cast<int>(bound.count()));
+                    {m_keyboard ? m_stage.terminal.keyFd() : -1, POLLIN, 0},
+                    {m_picture.isOpen() ? m_picture.fd() : -1, POLLIN, 0}};
+    if (poll(fds, std::size(fds), static_cast<int>(bound.count())) > 0 && fds[3].revents != 0)
+        m_picture.answer(screenAsPng);
 }
 
 // ---- what the element reports

@@ -1,6 +1,7 @@
 #ifndef UVA_HOST_PLAYBACK_H
 #define UVA_HOST_PLAYBACK_H
 
+#include "common/offer.h"
 #include "common/signals.h"
 #include "display.h"
 #include "host/media_element.h"
@@ -83,6 +84,7 @@ private:
     Stage& m_stage;
     const std::string m_name;
     const bool m_wantSnapshot;
+    const tools::Offer m_picture; // of the screen; not open when another has the name
     Inbox m_inbox;
     host::MediaElement m_element; // behind the inbox, which must outlive it
     KeyDecoder m_keys;

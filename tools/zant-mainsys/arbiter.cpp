@@ -6,7 +6,7 @@
 namespace mainsys {
 
 std::optional<Arbiter::Answer> Arbiter::needed(uint32_t kinds) {
-    if (m_mode == Mode::Ignore) {
+    if (m_mode == Mode::Ignore || (m_mode == Mode::Grant && (kinds & m_lent) != 0)) {
         m_held |= kinds;
         return std::nullopt;
     }
@@ -19,6 +19,15 @@ std::optional<Arbiter::Answer> Arbiter::needed(uint32_t kinds) {
 std::optional<Arbiter::Answer> Arbiter::answerHeld() {
     const uint32_t kinds = std::exchange(m_held, 0);
     return kinds == 0 ? std::nullopt : needed(kinds);
+}
+
+void Arbiter::lend(uint32_t kinds) {
+    m_lent |= kinds & m_there;
+}
+
+std::optional<Arbiter::Answer> Arbiter::takeBack(uint32_t kinds) {
+    m_lent &= ~kinds;
+    return answerHeld();
 }
 
 void Arbiter::plugInStarted() {

@@ -25,7 +25,8 @@ public:
     /// How requests are answered from now on.
     void setMode(Mode mode) { m_mode = mode; }
 
-    /// The plug-in needs these kinds. Nothing while requests are ignored: then it is held.
+    /// The plug-in needs these kinds. Nothing while requests are ignored, or another application has
+    /// one of them: then it is held.
     std::optional<Answer> needed(uint32_t kinds);
     /// Answers what was held, now that it is not ignored any more.
     std::optional<Answer> answerHeld();
@@ -35,12 +36,22 @@ public:
     /// The plug-in's process is another one: what its predecessor had is free.
     void plugInStarted();
 
+    /// Another application has these from now on: requests wait until it gives them back.
+    void lend(uint32_t kinds);
+    /// The other application has given these back; the answer is that to who waits for them.
+    std::optional<Answer> takeBack(uint32_t kinds);
+
+    Mode mode() const { return m_mode; }
+    uint32_t there() const { return m_there; }
     uint32_t granted() const { return m_granted; }
+    uint32_t lent() const { return m_lent; }
+    uint32_t held() const { return m_held; } ///< asked for and not answered
 
 private:
     const uint32_t m_there; ///< the kinds of which there is a decoder
     Mode m_mode = Mode::Grant;
     uint32_t m_granted = 0;
+    uint32_t m_lent = 0;
     uint32_t m_held = 0;
 };
 

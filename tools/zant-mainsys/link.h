@@ -40,6 +40,7 @@ public:
 
     /// Can be read when there is something to take.
     int fd() const { return m_queue.get(); }
+    const ServiceClaim& claim() const { return m_claim; }
     /// The plug-in's next message. One whose payload cannot be had comes without.
     std::optional<Signal> take();
     /// Sends a message with its payload, and gives it its sequence number. Lost, without a number,

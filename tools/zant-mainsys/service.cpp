@@ -1,42 +1,17 @@
 #include "service.h"
 
 #include <cerrno>
-#include <cstddef>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 namespace mainsys {
 
 namespace {
 
-/// A socket's name; behind '@' one without a file.
-struct Address {
-    explicit Address(const std::string& name) {
-        socket.sun_family = AF_UNIX;
-        fits = name.size() < sizeof socket.sun_path;
-        name.copy(socket.sun_path, sizeof socket.sun_path - 1);
-        if (name.front() == '@')
-            socket.sun_path[0] = '\0';
-        size = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + name.size());
-    }
-    const sockaddr* get() const { return reinterpret_cast<const sockaddr*>(&socket); }
-
-    sockaddr_un socket{};
-    socklen_t size;
-    bool fits;
-};
-
-/// Queues are an IPC namespace's, these names a network namespace's: so the name tells which one.
-Address addressOfClaim() {
-    char ipc[64] = "";
-    if (readlink("/proc/self/ns/ipc", ipc, sizeof ipc - 1) < 0)
-        ipc[0] = '\0';
-    return Address(std::string("@zant-mainsys ") + ipc);
-}
+constexpr const char* claimName = "zant-mainsys";
 
 std::string nameOf(pid_t process) {
     std::string name;
@@ -45,11 +20,12 @@ std::string nameOf(pid_t process) {
 }
 
 /// Asks the socket that has the name: credentials are those of the process that began to listen.
-std::string whoHas(const Address& address) {
+std::string whoHas() {
+    const auto address = tools::SocketAddress::amongQueues(claimName);
     const ScopedFd socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     ucred owner{};
     socklen_t size = sizeof owner;
-    const bool known = connect(socket.get(), address.get(), address.size) == 0 &&
+    const bool known = connect(socket.get(), address.get(), address.size()) == 0 &&
                        getsockopt(socket.get(), SOL_SOCKET, SO_PEERCRED, &owner, &size) == 0 &&
                        owner.pid > 0;
     return known ? nameOf(owner.pid) + ", process " + std::to_string(owner.pid) + " of user " +
@@ -59,13 +35,11 @@ std::string whoHas(const Address& address) {
 
 } // namespace
 
-ServiceClaim::ServiceClaim() : m_socket(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
-    const Address address = addressOfClaim();
-    if (bind(m_socket.get(), address.get(), address.size) == 0 &&
-        listen(m_socket.get(), SOMAXCONN) == 0)
+ServiceClaim::ServiceClaim() : m_offer(claimName) {
+    if (m_offer.isOpen())
         return;
     if (errno == EADDRINUSE)
-        throw Failure(ExitServed, "the main system's queue is served by " + whoHas(address) +
+        throw Failure(ExitServed, "the main system's queue is served by " + whoHas() +
                                       "; end that one first, or run this one in a box of its own "
                                       "(tvbox)");
     throw Failure(ExitFailed,
@@ -77,12 +51,12 @@ std::string tellReady() {
     const char* const name = std::getenv("NOTIFY_SOCKET");
     if (!name || !*name)
         return {};
-    const Address address(name);
-    if (!address.fits)
+    const tools::SocketAddress address(name);
+    if (!address.fits())
         return "NOTIFY_SOCKET is too long for a socket's name";
     const ScopedFd socket(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
     const auto sent =
-        sendto(socket.get(), ready, sizeof ready - 1, MSG_NOSIGNAL, address.get(), address.size);
+        sendto(socket.get(), ready, sizeof ready - 1, MSG_NOSIGNAL, address.get(), address.size());
     return sent >= 0
                ? ""
                : std::string("cannot say READY=1 to NOTIFY_SOCKET: ") + strerrordesc_np(errno);

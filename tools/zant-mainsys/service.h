@@ -1,8 +1,9 @@
 #ifndef MAINSYS_SERVICE_H
 #define MAINSYS_SERVICE_H
 
-#include "util/scoped_handles.h"
+#include "common/offer.h"
 
+#include <functional>
 #include <stdexcept>
 #include <string>
 
@@ -20,14 +21,18 @@ struct Failure : std::runtime_error {
 
 /// The right to serve the main system's queue, which one process at a time has in an IPC namespace.
 /// It ends with the process, however that one dies, and leaves nothing: it is a listening socket
-/// without a file.
+/// without a file. Who connects to it is told how things stand.
 class ServiceClaim {
 public:
     /// Throws a Failure, of ExitServed when another process has the right.
     ServiceClaim();
 
+    /// Can be read when somebody asks how things stand.
+    int fd() const { return m_offer.fd(); }
+    void tell(const std::function<std::string()>& state) const { m_offer.answer(state); }
+
 private:
-    ScopedFd m_socket;
+    tools::Offer m_offer;
 };
 
 /// Tells who started the program that it is ready, if that one wants to know: "READY=1" to the

@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <fstream>
+#include <nlohmann/json.hpp>
 #include <poll.h>
 #include <random>
 #include <unistd.h>
@@ -118,6 +119,16 @@ void Session::askBack(uint32_t kinds) {
     send(SIG_ID_MPLAYER_DECODER_RELEASE_REQ, kinds, {}, ++m_cookie);
 }
 
+void Session::lend(uint32_t kinds) {
+    if (const uint32_t plugIns = kinds & m_arbiter.granted())
+        askBack(plugIns);
+    m_arbiter.lend(kinds);
+}
+
+void Session::takeBack(uint32_t kinds) {
+    answerLater(m_arbiter.takeBack(kinds));
+}
+
 void Session::control(const std::string& text) {
     send(SIG_ID_MPLAYER_CONTROL_REQ, 0, text);
 }
@@ -140,6 +151,25 @@ void Session::restart() {
 void Session::printStatus() const {
     printf("main system %s, granted to the plug-in: %s, answers waiting: %zu\n",
            m_link ? "up" : "down", kindsText(m_arbiter.granted()).c_str(), m_delayed.size());
+}
+
+/// For who looks at the set from outside.
+std::string Session::stateAsJson() const {
+    static constexpr const char* modes[] = {"grant", "refuse", "ignore"};
+    const auto names = [](uint32_t kinds) {
+        auto list = nlohmann::json::array();
+        for (const uint32_t kind : {audioKind, videoKind})
+            if ((kinds & kind) != 0)
+                list.push_back(kindsText(kind));
+        return list;
+    };
+    return nlohmann::json{{"decoders", names(m_arbiter.there())},
+                          {"granted", names(m_arbiter.granted())},
+                          {"lent", names(m_arbiter.lent())},
+                          {"not_answered", names(m_arbiter.held())},
+                          {"answers_delayed", m_delayed.size()},
+                          {"mode", modes[static_cast<std::size_t>(m_arbiter.mode())]}}
+        .dump();
 }
 
 void Session::hold(Milliseconds time, const std::optional<Expectation>& expectation) {
@@ -190,7 +220,8 @@ void Session::waitForSomething() {
     pollfd waiting[] = {{m_link ? m_link->fd() : -1, POLLIN, 0},
                         {m_inputOpen ? STDIN_FILENO : -1, POLLIN, 0},
                         {m_endSignals.fd(), POLLIN, 0},
-                        {m_player.get(), POLLIN, 0}};
+                        {m_player.get(), POLLIN, 0},
+                        {m_link ? m_link->claim().fd() : -1, POLLIN, 0}};
     if (poll(waiting, std::size(waiting), timeout()) <= 0)
         return;
     if (waiting[0].revents != 0)
@@ -199,6 +230,8 @@ void Session::waitForSomething() {
         takeInput();
     if (waiting[3].revents != 0)
         playerEnded();
+    if (waiting[4].revents != 0 && m_link)
+        m_link->claim().tell([this] { return stateAsJson(); });
     // Taken, or it would end the program by itself when it is no more held back.
     if (waiting[2].revents != 0 && m_endSignals.take() != 0 &&
         !m_playerEnded) // else the scenario is about to end by itself

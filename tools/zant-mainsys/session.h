@@ -28,6 +28,8 @@ public:
     void grant(uint32_t kinds); ///< 0: what is asked for
     void setDelay(Milliseconds delay) { m_delay = delay; }
     void askBack(uint32_t kinds);
+    void lend(uint32_t kinds);
+    void takeBack(uint32_t kinds);
     void control(const std::string& text);
     void crash();
     void restart();
@@ -51,6 +53,7 @@ private:
         Arbiter::Answer answer;
     };
 
+    std::string stateAsJson() const;
     bool isScenario() const { return !m_options.scenario.empty(); }
     bool readScenario();
     void bringUp();

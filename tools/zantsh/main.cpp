@@ -1,17 +1,14 @@
-#include "common/box_registry.h"
-#include "exchange.h"
 #include "exit_code.h"
 #include "interactive.h"
 #include "interrupt.h"
 #include "options.h"
+#include "place.h"
 #include "session.h"
 #include "watch.h"
 
 #include <csignal>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
-#include <optional>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -26,30 +23,6 @@ int run(const Options& options) {
     if (options.every)
         return watch(options);
     return Session(options, Transcript::Scope::commands).runAndPrint(options.command);
-}
-
-std::string listOf(const std::vector<tvbox::BoxInfo>& boxes) {
-    std::string names;
-    for (const auto& box : boxes)
-        names += (names.empty() ? "" : ", ") + box.name;
-    return names.empty() ? "none" : names;
-}
-
-/// The box to go to; none for here.
-std::optional<tvbox::BoxInfo> chooseBox(const Options& options) {
-    if (!options.box.empty()) {
-        if (auto box = tvbox::findBox(options.box))
-            return box;
-        throw NoShell("no box named '" + options.box +
-                      "' is running; running: " + listOf(tvbox::listBoxes()));
-    }
-    if (getenv("TVBOX") || shellListens(options.socket))
-        return std::nullopt;
-    const auto boxes = tvbox::listBoxes();
-    if (boxes.size() > 1)
-        throw NoShell("no shell at /tmp/" + options.socket +
-                      " outside of boxes; choose one with --box: " + listOf(boxes));
-    return boxes.empty() ? std::nullopt : std::optional(boxes.front());
 }
 
 /// Only a child belongs to the box's processes and sees them in its /proc.
@@ -71,7 +44,7 @@ int runInBox(const tvbox::BoxInfo& box, const Options& options) {
 }
 
 int runWhereTheShellIs(const Options& options) {
-    const auto box = chooseBox(options);
+    const auto box = chooseBox(options.socket, options.box);
     return box ? runInBox(*box, options) : run(options);
 }
 

@@ -26,6 +26,10 @@ public:
     /// Runs one for a person: its output, the reply, and on standard error what keeps it from one.
     /// Gives the exit code for it.
     int runAndPrint(const std::string& line);
+    /// Where the process prints when that cannot be followed; empty when it can. After a command.
+    std::string whereElse() const {
+        return m_output && !m_output->canBeFollowed() ? m_output->whereElse() : std::string();
+    }
     /// What the process has printed since the last command.
     std::string takeOther() { return m_output ? m_output->takeNew() : std::string(); }
 

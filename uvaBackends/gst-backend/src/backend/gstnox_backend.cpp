@@ -206,6 +206,10 @@ int GstNoxBackend::setKeySystem(const UVAKeySystemConfig& config) {
 int GstNoxBackend::gstPlaybinCreate() {
     if (!m_pipeline.createPlaybin())
         return -1;
+    {
+        const GLibLock lock(m_lock);
+        m_buffering = {};
+    }
     GST_INFO("done (%d)", 0);
     return 0;
 }

@@ -2,6 +2,7 @@
 #define GSTNOX_BACKEND_H
 
 #include "UvaGstIfReceiver.h"
+#include "backend/event_log.h"
 #include "backend/gstnox_decoder.h"
 #include "backend/gstnox_pipeline.h"
 #include "backend/gstnox_seek.h"
@@ -144,6 +145,9 @@ public:
     static void enough_data_cb(GstAppSrc* appsrc, gpointer backend) noexcept;
     static gboolean seek_data_cb(GstAppSrc* appsrc, guint64 offset, gpointer backend) noexcept;
 
+    /// Of an event by the host's number.
+    static const char* eventName(int type);
+
     static std::atomic<bool>
         g_standalone; ///< no decoder arbitration: NOX_GST_STANDALONE is in the environment
 
@@ -190,7 +194,8 @@ private:
     void checkComponent(const GstMseBin& starting);
     static std::shared_ptr<GstMseBin> binOf(GstAppSrc* appsrc, gpointer backend);
     std::string listing(std::vector<MediaSources::Source>& seen) EXCLUDES(m_lock);
-    nlohmann::ordered_json state(std::vector<MediaSources::Source>& seen) EXCLUDES(m_lock);
+    struct Seen;
+    nlohmann::ordered_json state(Seen& seen) EXCLUDES(m_lock);
     GstState wantedState() EXCLUDES(m_lock);
     void handleErrorMessage(GstMessage* message);
     void handleApplicationMessage(GstMessage* message);
@@ -223,6 +228,12 @@ private:
         gint64 time = 0;  ///< of g_get_monotonic_time()
     };
     LastError m_lastError GUARDED_BY(m_lock);
+    struct Buffering {
+        int percent = 100;
+        gint64 since = 0; ///< of g_get_monotonic_time(): less than all from then on
+    };
+    Buffering m_buffering GUARDED_BY(m_lock); // as the pipeline's queue has told it
+    EventLog m_events;
 
     MediaFacts m_facts;
     MediaSourceGroup m_sourceGroup;

@@ -75,13 +75,17 @@ constexpr const char* eventNames[] = {
     "PauseFinished",
 };
 
-const char* eventName(int type) {
+} // namespace
+
+const char* GstNoxBackend::eventName(int type) {
     constexpr int pastLastNonOoif = 3000;
     if (type == pastLastNonOoif)
         return "PastLastNonOoifEvent";
     const auto index = static_cast<std::size_t>(type);
     return index < std::size(eventNames) ? eventNames[index] : "unknown Event";
 }
+
+namespace {
 
 /// From the element that fetches a URL, and about a resource: the network, as the client sees it.
 bool isNetworkError(const GError& error, std::string_view element) {
@@ -107,6 +111,7 @@ void GstNoxBackend::raiseEvent(UVAEvent* event, GstDebugLevel level, const char*
         GST_CAT_LEVEL_LOG(gst_backend_debug, level, nullptr, "%s: (%s)", eventName(event->type()),
                           message.get());
     }
+    m_events.note(event->type());
     const timeline::Span span("event", eventName(event->type()));
     if (span && event->type() == UVAEvent::NeedMSEData) // which comes back with the samples
         span.flow(timeline::Flow::Start, "samples", timeline::idOf(event));
@@ -142,6 +147,11 @@ gboolean GstNoxBackend::handleGstMessages(GstMessage* message) {
 void GstNoxBackend::handleBuffering(GstMessage* message) {
     gint percent = 0;
     gst_message_parse_buffering(message, &percent);
+    {
+        const GLibLock lock(m_lock);
+        const bool isFirst = m_buffering.percent == 100;
+        m_buffering = {percent, isFirst ? g_get_monotonic_time() : m_buffering.since};
+    }
     raiseEvent(new BufferingProgressEvent, GST_LEVEL_DEBUG, "%d%%", percent);
     if (percent == 100)
         raiseEvent(new BufferingStreamBufferedEvent, GST_LEVEL_DEBUG, "%s", "");

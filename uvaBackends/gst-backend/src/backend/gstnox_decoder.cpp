@@ -4,6 +4,8 @@
 #include "base/gst_ptr.h"
 #include "base/gstnox_debug.h"
 
+#include <utility>
+
 #define GST_CAT_DEFAULT gst_backend_debug
 
 namespace {
@@ -34,6 +36,11 @@ bool isFlushing(GstPad* pad) {
 
 } // namespace
 
+DecoderHandshake::Wait DecoderHandshake::Request::waitFor(WaitFor whom) const {
+    const GCharPtr name(sink != nullptr ? gst_object_get_name(GST_OBJECT(sink)) : nullptr);
+    return {whom, name ? name.get() : "", kind ? nameOf(*kind) : "", g_get_monotonic_time()};
+}
+
 class DecoderHandshake::Waiting {
 public:
     Waiting(DecoderHandshake& handshake, const Request& request, WaitFor whom)
@@ -41,13 +48,9 @@ public:
           m_span("decoder",
                  whom == WaitFor::Client ? "wait for the client" : "wait for the main system") {
         m_span.with("kind", request.kind ? nameOf(*request.kind) : "");
-        const GCharPtr name(request.sink != nullptr ? gst_object_get_name(GST_OBJECT(request.sink))
-                                                    : nullptr);
+        auto wait = request.waitFor(whom);
         const GLibLock lock(m_handshake.m_lock);
-        m_place = m_handshake.m_waits.insert(m_handshake.m_waits.end(),
-                                             {whom, name ? name.get() : "",
-                                              request.kind ? nameOf(*request.kind) : "",
-                                              g_get_monotonic_time()});
+        m_place = m_handshake.m_waits.insert(m_handshake.m_waits.end(), std::move(wait));
     }
     ~Waiting() {
         const GLibLock lock(m_handshake.m_lock);
@@ -65,6 +68,22 @@ private:
 std::vector<DecoderHandshake::Wait> DecoderHandshake::waits() {
     const GLibLock lock(m_lock);
     return {m_waits.begin(), m_waits.end()};
+}
+
+std::optional<DecoderHandshake::Wait> DecoderHandshake::refusal() {
+    const GLibLock lock(m_lock);
+    return m_refusal;
+}
+
+DecoderHandshake::Answer DecoderHandshake::note(Answer answer, WaitFor whose,
+                                                const Request& request) {
+    auto wait = request.waitFor(whose);
+    const GLibLock lock(m_lock);
+    if (answer == Answer::Refused)
+        m_refusal = std::move(wait);
+    else if (answer == Answer::Granted && m_refusal && m_refusal->kind == wait.kind)
+        m_refusal.reset();
+    return answer;
 }
 
 DecoderHandshake::Request::Request(GstElement* asking, const gchar* type)
@@ -136,7 +155,8 @@ void DecoderHandshake::wake() {
 
 DecoderHandshake::Answer DecoderHandshake::askBoth(const Request& request) {
     const Answer answer = askClient(request);
-    return answer == Answer::Granted ? askMainSystem(request) : answer;
+    return answer == Answer::Granted ? askMainSystem(request)
+                                     : note(answer, WaitFor::Client, request);
 }
 
 DecoderHandshake::Answer DecoderHandshake::askClient(const Request& request) {
@@ -203,8 +223,9 @@ DecoderHandshake::Answer DecoderHandshake::askMainSystem(const Request& request)
     };
     const Waiting waiting(*this, request, WaitFor::MainSystem);
     if (request.kind && m_mainSystem.requestDecoder(*request.kind, this, interrupted))
-        return Answer::Granted;
-    return interrupted() ? Answer::Interrupted : Answer::Refused;
+        return note(Answer::Granted, WaitFor::MainSystem, request);
+    const auto answer = interrupted() ? Answer::Interrupted : Answer::Refused;
+    return note(answer, WaitFor::MainSystem, request);
 }
 
 void DecoderHandshake::completeRequest(bool success) {

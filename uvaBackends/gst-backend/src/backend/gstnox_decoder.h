@@ -73,6 +73,8 @@ public:
         gint64 since;     ///< of g_get_monotonic_time()
     };
     std::vector<Wait> waits() EXCLUDES(m_lock);
+    /// The latest refusal, until a sink of its kind is granted: whose, and since when; none.
+    std::optional<Wait> refusal() EXCLUDES(m_lock);
 
     /// Interrupts requests for as long as it lives: all, or those of one sink. It outlives the
     /// streaming threads that are to end.
@@ -103,6 +105,8 @@ private:
     struct Request {
         Request(GstElement* asking, const gchar* type);
 
+        Wait waitFor(WaitFor whom) const; ///< from now on
+
         GstElement* const sink;
         const GstPtr<GstPad> pad; ///< the sink's; null: it has none
         const std::optional<MediaKind> kind;
@@ -113,6 +117,7 @@ private:
 
     static GstPadProbeReturn onFlush(GstPad* pad, GstPadProbeInfo* info, gpointer self) noexcept;
     gint reply(Answer answer);
+    Answer note(Answer answer, WaitFor whose, const Request& request) EXCLUDES(m_lock);
     Answer askBoth(const Request& request) EXCLUDES(m_lock);
     Answer askClient(const Request& request) EXCLUDES(m_lock);
     Answer waitForClient(const std::shared_ptr<Question>& question, const Request& request)
@@ -131,6 +136,7 @@ private:
     ResourcesState m_resources_state GUARDED_BY(m_lock) = NoResources;
     uint32_t m_resources_needed GUARDED_BY(m_lock) = 0;
     std::list<Wait> m_waits GUARDED_BY(m_lock);
+    std::optional<Wait> m_refusal GUARDED_BY(m_lock);
     std::shared_ptr<Question> m_question GUARDED_BY(m_lock); // the last one, until it is settled
 };
 

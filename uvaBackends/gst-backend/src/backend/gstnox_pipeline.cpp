@@ -150,6 +150,25 @@ std::optional<gint64> GstNoxPipeline::duration() {
     return ask(element(), gst_element_query_duration);
 }
 
+GstNoxPipeline::Facts GstNoxPipeline::factsOf(GstElement* pipeline) {
+    Facts facts;
+    if (pipeline == nullptr)
+        return facts;
+    gst_element_get_state(pipeline, &facts.state, &facts.pending, 0);
+    if (g_object_class_find_property(G_OBJECT_GET_CLASS(pipeline), "source") == nullptr)
+        return facts;
+    GstElement* found = nullptr;
+    g_object_get(pipeline, "source", &found, nullptr);
+    const auto source = GstPtr<GstElement>::adopt(found);
+    if (!source || !GST_IS_URI_HANDLER(source.get()))
+        return facts;
+    facts.url.reset(gst_uri_handler_get_uri(GST_URI_HANDLER(source.get())));
+    gint64 bytes = 0;
+    if (gst_element_query_position(source.get(), GST_FORMAT_BYTES, &bytes))
+        facts.bytesRead = bytes;
+    return facts;
+}
+
 bool GstNoxPipeline::seek(guint64 target) {
     const auto pipeline = element();
     return pipeline && gst_element_seek_simple(

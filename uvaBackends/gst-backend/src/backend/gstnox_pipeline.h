@@ -58,6 +58,15 @@ public:
     /// Nanoseconds; none when the pipeline does not know yet.
     std::optional<gint64> position();
     std::optional<gint64> duration();
+    /// What it is in and on its way to, and what a URL is read from.
+    struct Facts {
+        GstState state = GST_STATE_NULL;
+        GstState pending = GST_STATE_VOID_PENDING;
+        GCharPtr url;                      ///< null: it plays media sources
+        std::optional<gint64> bytesRead;   ///< none: nothing is read, or not told
+    };
+    /// Asks elements, which may wait for their locks. Null has none.
+    static Facts factsOf(GstElement* pipeline);
     /// With a flush, to the exact time. Nanoseconds.
     bool seek(guint64 target);
     /// Writes what it consists of to GST_DEBUG_DUMP_DOT_DIR.

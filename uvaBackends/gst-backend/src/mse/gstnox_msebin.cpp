@@ -243,6 +243,7 @@ void GstMseBin::writeEndOfStream() {
 
 SampleQueue::Items GstMseBin::flush(int keepCaps) {
     m_segmentStart = GST_CLOCK_TIME_NONE;
+    m_hasEnded = false;
     ++m_flushes;
     return m_queue.flush(keepCaps != 0);
 }
@@ -318,8 +319,10 @@ void GstMseBin::handOver(Step& step) {
         m_capsName = g_intern_string(gst_structure_get_name(gst_caps_get_structure(caps, 0)));
     } else {
         GST_DEBUG("handle event (%s): %p", name.get(), static_cast<void*>(item));
-        if (GST_EVENT_TYPE(GST_EVENT_CAST(item)) == GST_EVENT_EOS)
+        if (GST_EVENT_TYPE(GST_EVENT_CAST(item)) == GST_EVENT_EOS) {
+            m_hasEnded = true;
             gst_app_src_end_of_stream(appSource);
+        }
     }
 }
 
@@ -433,6 +436,7 @@ GstMseBin::Facts GstMseBin::facts() {
                 0,
                 0,
                 needData,
+                m_hasEnded,
                 m_neededSince,
                 GST_CLOCK_TIME_NONE,
                 GST_CLOCK_TIME_NONE,

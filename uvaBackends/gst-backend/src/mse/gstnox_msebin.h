@@ -74,6 +74,7 @@ public:
         std::size_t queued;      ///< samples, caps and events
         guint64 bytes;           ///< of the samples
         bool needsData;          ///< the appsrc wants some
+        bool hasEnded;           ///< its end has been handed over
         gint64 neededSince;      ///< of g_get_monotonic_time(), when it does
         GstClockTime firstStart; ///< of the samples since the start or the last flush, or none
         GstClockTime lastEnd;
@@ -141,6 +142,7 @@ private:
     GLibCondition m_pushed;
     std::atomic<bool> needData{false};    // the appsrc wants data
     std::atomic<gint64> m_neededSince{0}; // when it last said so
+    std::atomic<bool> m_hasEnded{false};  // nothing is wanted behind the end
     bool m_isRemoved GUARDED_BY(lock) = false;
     bool m_wasAsked GUARDED_BY(lock) = false; // the appsrc has wanted data
     Intake m_intake GUARDED_BY(lock) = Intake::Open;
