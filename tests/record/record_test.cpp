@@ -180,6 +180,18 @@ TEST_F(RecordTest, WhatAForkedChildDoesIsNotInIt) {
     EXPECT_EQ(numbersIn(readRecordFile(path())).at(1), (std::vector<std::uint32_t>{1, 2}));
 }
 
+TEST(IdentitiesTest, AnotherEventAtTheSamePlaceIsNotTheOneBefore) {
+    const NeedMSEDataEvent asked(1, 30), hosts(1, 1);
+    const CancelDataRequestsAsyncEvent cancel(2);
+    Identities identities;
+    identities.remember(&asked, 7, lookOf(asked));
+    EXPECT_EQ(identities.numberOf(&asked, lookOf(asked)), 7U);
+    EXPECT_EQ(identities.numberOf(&asked, lookOf(hosts)), 0U);
+    EXPECT_EQ(identities.numberOf(&asked, lookOf(cancel)), 0U);
+    identities.forget(&asked);
+    EXPECT_EQ(identities.numberOf(&asked, lookOf(asked)), 0U);
+}
+
 // ---- values
 
 TEST(ValueTest, WhatIsWrittenIsRead) {

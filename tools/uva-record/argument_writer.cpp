@@ -96,10 +96,10 @@ void ArgumentWriter::put(const UVAEvent* event) {
     if (event == nullptr)
         return m_out.null();
     if (event->type() != UVAEvent::NeedMSEData)
-        return m_out.id(m_identities.numberOf(event));
+        return m_out.id(m_identities.numberOf(event, lookOf(*event)));
     const auto& request = static_cast<const NeedMSEDataEvent&>(*event);
     m_out.list(3);
-    m_out.id(m_identities.numberOf(event));
+    m_out.id(m_identities.numberOf(event, lookOf(*event)));
     put(request.sourceId);
     put(request.samplesRequested);
 }

@@ -1,5 +1,6 @@
 #include "recorder.h"
 
+#include "uva/uva_event.h"
 #include "uva/uva_stream_config.h"
 
 #include <algorithm>
@@ -39,6 +40,15 @@ void put(Encoder& out, const UVAStreamConfig::MasteringMetadata* mastering) {
 }
 
 } // namespace
+
+std::uint64_t lookOf(const UVAEvent& event) {
+    const auto type = static_cast<std::uint64_t>(event.type());
+    if (event.type() != UVAEvent::NeedMSEData)
+        return type;
+    const auto& request = static_cast<const NeedMSEDataEvent&>(event);
+    return type | std::uint64_t{request.sourceId} << 32 |
+           static_cast<std::uint64_t>(static_cast<std::uint16_t>(request.samplesRequested)) << 16;
+}
 
 void Recorder::append(Kind kind, std::uint32_t object, std::uint32_t number, std::uint16_t code,
                       const void* body, std::size_t size) {

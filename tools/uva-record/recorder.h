@@ -12,6 +12,7 @@
 #include <memory>
 #include <string>
 #include <unordered_map>
+#include <utility>
 
 class UVAStreamConfig;
 
@@ -53,27 +54,33 @@ private:
     std::unordered_map<std::string, std::uint32_t> m_configs GUARDED_BY(m_mutex);
 };
 
-/// The numbers of objects that one side has named to the other, by their addresses. Thread-safe.
+/// The numbers of objects that one side has named to the other, by their addresses. Nobody says
+/// when one is deleted, and another may come to lie there: so they have looks, too. Thread-safe.
 class Identities {
 public:
-    void remember(const void* object, std::uint32_t number) {
+    void remember(const void* object, std::uint32_t number, std::uint64_t look = 0) {
         const MutexLock lock(m_mutex);
-        m_numbers[object] = number;
+        m_numbers[object] = {number, look};
     }
     void forget(const void* object) {
         const MutexLock lock(m_mutex);
         m_numbers.erase(object);
     }
-    std::uint32_t numberOf(const void* object) const { ///< 0: unknown
+    std::uint32_t numberOf(const void* object, std::uint64_t look = 0) const { ///< 0: unknown
         const MutexLock lock(m_mutex);
         const auto found = m_numbers.find(object);
-        return found != m_numbers.end() ? found->second : 0;
+        const bool isKnown = found != m_numbers.end() && found->second.second == look;
+        return isKnown ? found->second.first : 0;
     }
 
 private:
     mutable Mutex m_mutex; // nothing is called under it
-    std::unordered_map<const void*, std::uint32_t> m_numbers GUARDED_BY(m_mutex);
+    std::unordered_map<const void*, std::pair<std::uint32_t, std::uint64_t>>
+        m_numbers GUARDED_BY(m_mutex);
 };
+
+/// Of an event: its type, and of a request for samples its members.
+std::uint64_t lookOf(const UVAEvent& event);
 
 } // namespace record
 

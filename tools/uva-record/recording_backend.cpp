@@ -15,7 +15,8 @@ void prepare(RecordingClient&, const Argument&) {}
 
 void prepare(RecordingClient& client, UVAEvent* const& event) {
     if (event != nullptr && event->type() == UVAEvent::NeedMSEData)
-        recordSamples(client.recorder, client.object, client.identities.numberOf(event),
+        recordSamples(client.recorder, client.object,
+                      client.identities.numberOf(event, lookOf(*event)),
                       static_cast<NeedMSEDataEvent&>(*event));
 }
 void prepare(RecordingClient& client, const UVAKeySystemConfig& config) {
@@ -29,6 +30,9 @@ void release(RecordingClient&, const Argument&) {}
 
 void release(RecordingClient& client, UVAEvent* const& event) {
     client.identities.forget(event); // the library has deleted it
+}
+void release(RecordingClient& client, const UVAAsyncEvent* const& event) {
+    client.identities.forget(event); // the host deletes it
 }
 
 } // namespace

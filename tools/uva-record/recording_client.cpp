@@ -22,7 +22,7 @@ void RecordingClient::deliverEvent(UVAEvent* event) {
     const std::uint32_t number = recorder.next();
     const auto type = event->type();
     if (isAnswered(type))
-        identities.remember(event, number);
+        identities.remember(event, number, lookOf(*event));
     nameComponents(*event);
     Encoder body;
     ArgumentWriter arguments(body, identities);
