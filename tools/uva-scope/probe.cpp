@@ -266,6 +266,8 @@ Answer Probe::command(const std::string& line) {
     Answer answer;
     const auto reply = m_session.run({line}, [&](const auto& text) { answer.text += text; });
     answer.ok = reply == zantsh::Reply::ok;
+    if (!answer.text.empty()) // it stands among what is printed, too
+        tell({{"kind", "traces"}, {"text", answer.text}});
     return answer;
 }
 
