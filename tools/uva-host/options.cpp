@@ -156,8 +156,8 @@ tools::OptionGroup playing(Options& options) {
          {"--timeline", "OUT.json",
           "Begin a time line there: what host, library and sinks do, for Perfetto",
           &options.timeline},
-         {"--record", "OUT.uvarec",
-          "Record every call, event, sample and answer, for uva-replay", &options.record},
+         {"--record", "OUT.uvarec", "Record every call, event, sample and answer, for uva-replay",
+          &options.record},
          {"--no-progress-timeout", "T",
           "Give up when nothing moves for so long; 0: never (default: 5 to 30, by what is waited "
           "for)",

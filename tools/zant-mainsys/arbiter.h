@@ -25,8 +25,8 @@ public:
     /// How requests are answered from now on.
     void setMode(Mode mode) { m_mode = mode; }
 
-    /// The plug-in needs these kinds. Nothing while requests are ignored, or another application has
-    /// one of them: then it is held.
+    /// The plug-in needs these kinds. Nothing while requests are ignored, or another application
+    /// has one of them: then it is held.
     std::optional<Answer> needed(uint32_t kinds);
     /// Answers what was held, now that it is not ignored any more.
     std::optional<Answer> answerHeld();

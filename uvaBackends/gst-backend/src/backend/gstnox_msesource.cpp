@@ -78,8 +78,8 @@ void GstNoxBackend::checkComponent(const GstMseBin& starting) {
     for (const auto& bin : m_sources.all()) {
         if (bin.get() == &starting || bin->kind != starting.kind || !bin->isActive())
             continue;
-        GST_WARNING("found running component of type '%s' (%s): stop it",
-                    nameOf(bin->kind), bin->name.get());
+        GST_WARNING("found running component of type '%s' (%s): stop it", nameOf(bin->kind),
+                    bin->name.get());
         const DecoderHandshake::Stop ending(m_decoders, bin->sink());
         bin->stop();
     }

@@ -62,8 +62,8 @@ public:
     struct Facts {
         GstState state = GST_STATE_NULL;
         GstState pending = GST_STATE_VOID_PENDING;
-        GCharPtr url;                      ///< null: it plays media sources
-        std::optional<gint64> bytesRead;   ///< none: nothing is read, or not told
+        GCharPtr url;                    ///< null: it plays media sources
+        std::optional<gint64> bytesRead; ///< none: nothing is read, or not told
     };
     /// Asks elements, which may wait for their locks. Null has none.
     static Facts factsOf(GstElement* pipeline);

@@ -52,8 +52,9 @@ UVATime GstNoxBackend::getPosition() {
 int GstNoxBackend::setPosition(double seconds) {
     const gint64 known = m_facts.duration();
     // The target is compared with the nanosecond count itself.
-    const bool accepted = seconds >= 0.0 && std::isfinite(seconds) &&
-                          (known == MediaFacts::durationUninitialized || seconds <= static_cast<double>(known));
+    const bool accepted =
+        seconds >= 0.0 && std::isfinite(seconds) &&
+        (known == MediaFacts::durationUninitialized || seconds <= static_cast<double>(known));
     const timeline::Span span("uva", "setPosition");
     span.with("seconds", seconds);
     if (!accepted) {

@@ -25,8 +25,9 @@ class UVASample;
 ///
 /// The queue has no bound: the host is asked for so many samples at a time, and only when it is
 /// empty. One thread at a time hands on what is queued; others leave it what they bring. `lock`
-/// guards the order of the samples; the group's lock is taken under it. Samples are read, decrypted,
-/// pushed and deleted with no lock held: each may run code of the host's or wait for GStreamer.
+/// guards the order of the samples; the group's lock is taken under it. Samples are read,
+/// decrypted, pushed and deleted with no lock held: each may run code of the host's or wait for
+/// GStreamer.
 class GstMseBin {
 public:
     /// Takes ownership of the description; the group outlives the bin.
@@ -98,11 +99,11 @@ public:
 private:
     /// What is to be handed to the appsrc.
     struct Step {
-        SampleQueue::Item item; ///< null: there is nothing to do
+        SampleQueue::Item item;                          ///< null: there is nothing to do
         GstClockTime segmentStart = GST_CLOCK_TIME_NONE; ///< to be installed before it, or none
         bool isProtected = false;                        ///< it is to be decrypted before
-        unsigned int flushes = 0;  ///< when it was taken
-        std::size_t remaining = 0; ///< what is queued behind it
+        unsigned int flushes = 0;                        ///< when it was taken
+        std::size_t remaining = 0;                       ///< what is queued behind it
         /// The host's sample, which is not to go while a flush may be waiting for the push.
         GstPtr<GstMemory> payload;
     };
