@@ -7,6 +7,7 @@ namespace host {
 namespace {
 
 constexpr unsigned int asksBehindData = 2;
+constexpr unsigned int asksBehindVoid = 2; // one may be on its way when a seek is begun
 
 } // namespace
 
@@ -53,7 +54,7 @@ void RequestLedger::settle(Source& source) {
 void RequestLedger::makeVoid(Source& source) {
     source.voidUpTo = source.newest;
     source.isOpen = source.hasEnded = false;
-    source.asksLeft = 1;
+    source.asksLeft = asksBehindVoid;
 }
 
 void RequestLedger::revoke(SourceId source) {

@@ -31,7 +31,8 @@ public:
 
     /// What a source has asked for is void: it was removed.
     void revoke(SourceId source);
-    /// ... what all have: a seek begins, or playback is over. What has been open for longer than
+    /// ... what all have: a seek begins, behind which one that is on its way may still come, or
+    /// playback is over. What has been open for longer than
     /// `patience` was never answered, unless its source is `excused`: there was nothing to write.
     void revokeAll(Clock::time_point now, Clock::duration patience,
                    const std::set<SourceId>& excused);

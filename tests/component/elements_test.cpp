@@ -351,6 +351,37 @@ TEST(DecoderSinks, FollowCapsThatChangeMidStream) {
     EXPECT_GT(g_get_monotonic_time() - start, 3.5 * G_USEC_PER_SEC) << "all three were played";
 }
 
+struct Links {
+    std::atomic<int> made{0}, toRunning{0};
+};
+
+void bufferLinked(GstPad* pad, GstPad* /*peer*/, gpointer links) {
+    ++static_cast<Links*>(links)->made;
+    static_cast<Links*>(links)->toRunning += gst_pad_is_active(pad) ? 1 : 0;
+}
+
+void elementAdded(GstBin* /*pipeline*/, GstBin* bin, GstElement* element, gpointer links) {
+    const auto factoryOf = [](gpointer object) {
+        auto* factory = gst_element_get_factory(GST_ELEMENT(object));
+        return std::string(factory != nullptr ? GST_OBJECT_NAME(factory) : "");
+    };
+    if (factoryOf(element) != "queue" || factoryOf(bin).rfind("hal", 0) != 0)
+        return;
+    GstPad* pad = gst_element_get_static_pad(element, "sink");
+    g_signal_connect(pad, "linked", G_CALLBACK(bufferLinked), links);
+    gst_object_unref(pad);
+}
+
+/// What is being activated may forget a flush that comes in between, and then wait for ever.
+TEST(DecoderSinks, AreLedIntoABufferThatRuns) {
+    Links links;
+    auto player = SinkPlayer::file("clip.mp4");
+    g_signal_connect(player.pipeline(), "deep-element-added", G_CALLBACK(elementAdded), &links);
+    ASSERT_TRUE(player.reach(GST_STATE_PAUSED));
+    EXPECT_EQ(links.made, 2);
+    EXPECT_EQ(links.toRunning, 2);
+}
+
 TEST(DecoderSinks, GoDownWhileTheOldCapsDataIsStillToBeShown) {
     for (const bool goDown : {true, false}) {
         support::SinkWatch::instance().restart({true, false, true});

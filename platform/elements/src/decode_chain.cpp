@@ -86,13 +86,16 @@ bool DecodeChain::build(const MediaFormat& format, GstCaps* caps, GstGhostPad* p
         return false;
     }
 
+    // Nothing is led into a part before it runs: what is being activated forgets a flush that comes
+    // in between, and waits for data with the lock that the flush wants.
+    gst_ghost_pad_set_target(pad, nullptr);
     auto buffer = makeBuffer(m_bin);
     bool ready = buffer && add(std::move(buffer)) && (!parser || add(std::move(parser))) &&
                  add(std::move(decoder));
-    ready = ready && gst_ghost_pad_set_target(pad, sinkPadOf(m_elements.front()).get()) &&
-            gst_element_link(m_elements.back(), output);
-    ready = ready && std::all_of(m_elements.rbegin(), m_elements.rend(),
-                                 [](auto* e) { return gst_element_sync_state_with_parent(e); });
+    ready = ready && gst_element_link(m_elements.back(), output) &&
+            std::all_of(m_elements.rbegin(), m_elements.rend(),
+                        [](auto* e) { return gst_element_sync_state_with_parent(e); }) &&
+            gst_ghost_pad_set_target(pad, sinkPadOf(m_elements.front()).get());
     if (!ready)
         GST_ELEMENT_ERROR(m_bin, CORE, NEGOTIATION,
                           ("The decoder for %s does not start.", format.codec),
