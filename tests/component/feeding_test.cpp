@@ -344,7 +344,8 @@ TEST_F(FeedingTest, HoldsSamplesBackUntilTheirKeyIsThere) {
     request(2, 9);
     EXPECT_EQ(passUntil(State::Failed).count(), 4900) << "none is missing where it is sought to";
     bring();
-    m_recorder.story();
+    EXPECT_NE(m_recorder.story().find("setKeySystem(org.w3.clearkey)=1; key 7 needed"),
+              std::string::npos);
     m_element->resumeFeeding();
     settle();
     EXPECT_EQ(m_recorder.story(), "") << "it was asked for once";
@@ -353,8 +354,7 @@ TEST_F(FeedingTest, HoldsSamplesBackUntilTheirKeyIsThere) {
     addKey(7);
     EXPECT_EQ(written(1), "2: 0.75 1, 14 bytes");
     request(2, 9);
-    EXPECT_EQ(m_recorder.story(), "setKeySystem(org.w3.clearkey)=1; "
-                                  "writeData(2, 2, 14, 0)=1; !NeedMSEData(2, 9); "
+    EXPECT_EQ(m_recorder.story(), "writeData(2, 2, 14, 0)=1; !NeedMSEData(2, 9); "
                                   "key 8 needed by 2 at 1.25");
     EXPECT_EQ(passUntil(State::Failed, seconds(20)), seconds(20));
     addKey(8);

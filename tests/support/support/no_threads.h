@@ -2,6 +2,7 @@
 #define SUPPORT_NO_THREADS_H
 
 #include <cstddef>
+#include <limits>
 #include <pthread.h>
 
 namespace support {
@@ -14,7 +15,7 @@ public:
         pthread_getattr_default_np(&m_before);
         pthread_attr_t attributes;
         pthread_attr_init(&attributes);
-        pthread_attr_setstacksize(&attributes, std::size_t{1} << 50);
+        pthread_attr_setstacksize(&attributes, std::numeric_limits<std::size_t>::max() / 4 * 3);
         pthread_setattr_default_np(&attributes);
         pthread_attr_destroy(&attributes);
     }
