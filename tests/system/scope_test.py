@@ -74,8 +74,13 @@ class Scope:
 class WithPlayers(unittest.TestCase):
     def setUp(self):
         self.folder = pathlib.Path(self.enterContext(tempfile.TemporaryDirectory()))
+        self.addCleanup(self.leaves_no_folder)
         self.scope = Scope("--socket", SOCKET)
         self.addCleanup(self.scope.close)
+
+    def leaves_no_folder(self):
+        folders = pathlib.Path("/dev/shm")
+        self.assertTrue(wait_until(lambda: not list(folders.glob("uva-scope-*"))), "left in /dev/shm when it had ended")
 
     def enterContext(self, context):  # as in Python 3.11's own
         value = context.__enter__()
@@ -187,6 +192,13 @@ class Scoping(WithPlayers):
         self.playing()
         processes = [each[2] for each in self.scope.player()["timeline"] if each[1] == "process"]
         self.assertEqual([each for each in processes if each in ("answers", "ended")], ["answers", "ended", "answers"])
+
+    def test_a_probe_whose_scope_was_killed_leaves_nothing(self):
+        self.playing()
+        with subprocess.Popen([SCOPE, "--probe", "--socket", SOCKET], stdin=subprocess.PIPE, stdout=subprocess.PIPE) as probe:
+            probe.stdout.readline()
+            probe.stdout.close()
+            self.assertEqual(probe.wait(TIMEOUT), 0)
 
     def test_others_use_the_shell_meanwhile(self):
         self.playing()

@@ -99,6 +99,9 @@ struct Answer {
     std::string bytes;
 };
 
+/// Standard output is closed: the one who asked is gone. What was made for it still goes.
+struct NobodyListens {};
+
 class Probe {
 public:
     explicit Probe(const ProbeOptions& options) : m_options(options) {
@@ -124,7 +127,7 @@ private:
         const auto line = dump(message) + "\n";
         std::fwrite(line.data(), 1, line.size(), stdout);
         if (std::fflush(stdout) != 0)
-            std::exit(0); // nobody is interested any more
+            throw NobodyListens();
     }
 
     bool takeOrders(Clock::time_point due);
@@ -301,6 +304,8 @@ int runHere(const ProbeOptions& options) {
     std::signal(SIGPIPE, SIG_IGN);
     try {
         Probe(options).run();
+        return 0;
+    } catch (const NobodyListens&) {
         return 0;
     } catch (const std::exception& failure) {
         std::fprintf(stderr, "uva-scope: %s\n", failure.what());
