@@ -310,4 +310,18 @@ TEST(TornTest, AnEntryWithoutItsMarkIsToldAndTheOthersAreRead) {
     EXPECT_EQ(record.torn[0].offset, second);
 }
 
+TEST(TornTest, TheLastEntryMayBeTornBeforeSegmentsThatWereReady) {
+    auto bytes = goodBytes();
+    const auto last = readRecord(bytes).entries[2].offset;
+    std::memset(bytes.data() + last, 0, sizeof(std::uint64_t));
+    const auto end = bytes.size();
+    bytes.resize(std::size_t{3} * segmentSize);
+    const auto record = readRecord(bytes);
+    EXPECT_EQ(record.error, "");
+    EXPECT_EQ(record.entries.size(), 2U);
+    ASSERT_EQ(record.torn.size(), 1U);
+    EXPECT_EQ(record.torn[0].offset, last);
+    EXPECT_EQ(record.torn[0].size, end - last);
+}
+
 } // namespace

@@ -93,25 +93,25 @@ private:
     }
 
     /// To the next entry, over the reserve at a segment's end, what a killed thread has left, or
-    /// what was never written.
+    /// what was never written: the file has segments ahead of its threads.
     void skip() {
         const std::uint64_t begin = m_at;
-        bool isBlank = true;
+        std::uint64_t written = begin; // where the last that is not 0 ends
         Kind kind = Kind::Note;
         while (m_at + alignment <= m_size && entryAt(m_at, kind) == 0) {
-            isBlank = isBlank && wordAt(m_at) == 0;
             m_at += alignment;
+            if (wordAt(m_at - alignment) != 0)
+                written = m_at;
         }
         const bool isTail = m_at + alignment > m_size;
+        const bool isReserve = m_at % segmentSize == 0 && m_at - begin <= segmentReserve;
+        const std::uint64_t end = isTail ? written : m_at;
         if (isTail)
             m_at = m_size;
-        const bool isReserve = m_at % segmentSize == 0 && m_at - begin <= segmentReserve;
-        if (isBlank && (isTail || isReserve))
+        if (end == begin || (isReserve && written == begin))
             return;
-        m_record.torn.push_back({begin, m_at - begin});
-        const bool isCredible =
-            m_at - begin <= longestTorn || (isBlank && m_at - begin <= segmentSize);
-        if (!isCredible || m_record.torn.size() > mostTorn)
+        m_record.torn.push_back({begin, end - begin});
+        if (end - begin > longestTorn || m_record.torn.size() > mostTorn)
             fail(begin, "no entry, and more than threads leave behind that are killed");
     }
 
