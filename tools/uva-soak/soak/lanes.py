@@ -289,6 +289,10 @@ class Server(http.server.BaseHTTPRequestHandler):
         self.media = media
         super().__init__(*rest)
 
+    def handle(self):
+        with contextlib.suppress(ConnectionError):  # whoever seeks, ends or is killed goes away
+            super().handle()
+
     def do_GET(self):
         data = self.media.read_bytes()
         asked = re.fullmatch(r"bytes=(\d+)-(\d*)", self.headers.get("Range", ""))
@@ -301,8 +305,7 @@ class Server(http.server.BaseHTTPRequestHandler):
             self.send_header("Content-Range", f"bytes {first}-{last}/{len(data)}")
         self.send_header("Content-Length", str(max(0, last + 1 - first)))
         self.end_headers()
-        with contextlib.suppress(OSError):  # whoever seeks or ends goes away
-            self.wfile.write(data[first:last + 1])
+        self.wfile.write(data[first:last + 1])
 
     def log_message(self, *_):
         pass
