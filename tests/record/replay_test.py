@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """Records that real hosts make, and what a replay of them says of good libraries and of faulty ones.
 
-Usage: replay_test.py MEDIA RECORDS UVA_HOST UVA_REPLAY INSIDE_HOST FAKE_LIBRARY [FAULTY_LIBRARY], in a box
+Usage: replay_test.py MEDIA RECORDS UVA_HOST UVA_REPLAY ODD_HOST FAKE_LIBRARY [FAULTY_LIBRARY], in a box
 """
 
 import os
@@ -15,7 +15,7 @@ import time
 import unittest
 
 MEDIA, RECORDS = map(pathlib.Path, sys.argv[1:3])
-HOST, REPLAY, INSIDE, FAKE = sys.argv[3:7]
+HOST, REPLAY, ODD_HOST, FAKE = sys.argv[3:7]
 FAULTY = sys.argv[7] if len(sys.argv) > 7 else None
 CLIP = str(MEDIA / "clip.mp4")
 
@@ -134,9 +134,15 @@ class Replay(unittest.TestCase):
         self.assertEqual(done.returncode, 3)
         self.assertIn("/nowhere.so", done.stderr)
 
+    def test_hosts_of_the_kept_records_play_to_their_end(self):
+        for case, clip in (("unasked-samples", "h264-aac.mp4"), ("endless-seek", "h264-aac.mp4"), ("missing-key", "tone.mp3")):
+            with self.subTest(case):
+                done = run(ODD_HOST, case, MEDIA / clip)
+                self.assertEqual(done.returncode, 0, done.stderr)
+
     @unittest.skipIf(FAULTY is None, "no library with faults is built here")
     def test_a_record_is_red_with_the_old_fault(self):
-        done = run(INSIDE, MEDIA / "tiny.mp4", "0.2", "5", UVA_RECORD=str(self.record))
+        done = run(ODD_HOST, "answered-inside", MEDIA / "tiny.mp4", UVA_RECORD=str(self.record))
         self.assertEqual(done.returncode, 0, done.stderr)
         for record in (self.record, RECORDS / "answered-inside.uvarec"):
             with self.subTest(record=record):
