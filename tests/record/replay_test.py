@@ -8,6 +8,7 @@ import os
 import pathlib
 import re
 import signal
+import struct
 import subprocess
 import sys
 import tempfile
@@ -133,6 +134,26 @@ class Replay(unittest.TestCase):
         done = run(REPLAY, "--library", "/nowhere.so", *sorted(RECORDS.glob("*.uvarec"))[:1])
         self.assertEqual(done.returncode, 3)
         self.assertIn("/nowhere.so", done.stderr)
+
+    def test_an_answer_that_a_seek_made_void_comes_before_its_end(self):
+        record = bytearray((RECORDS / "samples-seek.uvarec").read_bytes())
+        places, at = [], 64
+        while at < len(record):
+            size, kind = struct.unpack_from("<IB", record, at)
+            code = struct.unpack_from("<H", record, at + 28)[0]
+            places.append((at, (kind, code)))
+            at += (size + 7) // 8 * 8
+        event, need_mse_data, cancel_data_requests, seek_completed = 3, 4, 41, 42
+        seek = [at for at, what in places if what == (event, cancel_data_requests)][1]
+        end = [at for at, what in places if what == (event, seek_completed)][1]
+        request = [at for at, what in places if what == (event, need_mse_data) and at < seek][-1]
+        # The request comes as early again, its answer as late: while the host is still to answer those behind the seek.
+        for at, _ in places:
+            milliseconds = (-150 if at == request else 0) + (300 if at > end else 0)
+            time_of_entry = struct.unpack_from("<Q", record, at + 8)[0] + milliseconds * 1000000
+            struct.pack_into("<Q", record, at + 8, time_of_entry)
+        self.record.write_bytes(record)
+        self.check_replay(0, "--bound", "3000")
 
     def test_hosts_of_the_kept_records_play_to_their_end(self):
         for case, clip in (("unasked-samples", "h264-aac.mp4"), ("endless-seek", "h264-aac.mp4"), ("missing-key", "tone.mp3")):
