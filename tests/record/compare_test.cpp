@@ -127,8 +127,8 @@ TEST(CompareTest, NoiseOfTwoRunsIsNoDifference) {
     other.event(9, UVAEvent::BackendResourceRequestAsync, Story::integer(0));
     position(100, 0.1)(one);
     position(150, 0.15)(other);
-    one.seek(200, 3, 40).call(400, 2, Operation::play);
-    other.seek(220, 3, 90).call(400, 70, Operation::play);
+    one.seek(200, 3, 40).call(400, 2, Operation::play).call(402, 0, Operation::setVisibility);
+    other.seek(220, 3, 90).call(399, 0, Operation::setVisibility).call(400, 70, Operation::play);
     EXPECT_EQ(textsOf(one, other), Texts());
 }
 

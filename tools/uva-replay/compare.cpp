@@ -114,16 +114,21 @@ private:
 
     // ---- calls
 
+    /// Of each operation one behind the other: calls of two threads may change places.
     void compareSteps() {
+        std::map<Operation, Calls> again;
+        for (const auto* call : m_after.steps)
+            again[call->operation()].push_back(call);
+        std::map<Operation, std::size_t> next;
         std::map<Operation, std::pair<const Call*, const Call*>> settled;
-        for (std::size_t i = 0; i < m_before.steps.size(); ++i) {
-            const Call& before = *m_before.steps[i];
-            const Call* const after = i < m_after.steps.size() ? m_after.steps[i] : nullptr;
-            if (after == nullptr || after->entry->code != before.entry->code)
-                return add(Difference::Kind::Call, *before.entry,
-                           record::nameOf(*before.entry) + " was not made again");
-            compareCall(before, *after);
-            settled[before.operation()] = {&before, after};
+        for (const auto* before : m_before.steps) {
+            const auto& others = again[before->operation()];
+            const std::size_t place = next[before->operation()]++;
+            if (place >= others.size())
+                return add(Difference::Kind::Call, *before->entry,
+                           record::nameOf(*before->entry) + " was not made again");
+            compareCall(*before, *others[place]);
+            settled[before->operation()] = {before, others[place]};
         }
         for (const auto& [operation, calls] : settled)
             if (record::rowOf(operation).answers == Answers::Settles && isSettled(*calls.first) &&

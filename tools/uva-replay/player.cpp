@@ -35,6 +35,17 @@ bool isAnswered(const UVAEvent& event) {
            dynamic_cast<const UVAAsyncEvent*>(&event) != nullptr;
 }
 
+/// Whether it completes a seek.
+bool isSeek(const Call& answer) {
+    return answer.event != nullptr && typeOf(*answer.event) == UVAEvent::CancelDataRequestsAsync;
+}
+
+/// Whether it hands over samples from before a seek, and came before that was completed.
+bool isVoidBefore(const Call& answer, const Call& seek) {
+    return answer.isVoid && answer.entry->object == seek.entry->object &&
+           answer.position < seek.position;
+}
+
 /// An event of the host's own.
 std::unique_ptr<UVAEvent> requestOf(const Call& writeData) {
     const auto& values = writeData.entry->values;
@@ -285,7 +296,7 @@ Player::Answer Player::takeAnswer(IsWanted isWanted) {
         if (isData && !sources.emplace(call.entry->object, call.source, call.isVoid).second)
             continue;
         Waiting* const waiting = waitingFor(call);
-        if (waiting == nullptr || !isWanted(call, *waiting))
+        if (waiting == nullptr || waitsForVoid(call) || !isWanted(call, *waiting))
             continue;
         Answer answer{&call, std::move(waiting->event)};
         Element& element = *m_elements[call.entry->object];
@@ -294,9 +305,28 @@ Player::Answer Player::takeAnswer(IsWanted isWanted) {
         else
             element.questions.erase(call.event);
         m_answers.erase(at);
+        forgetVoid(call);
         return answer;
     }
     return {};
+}
+
+/// Samples from before a seek would belong behind it once it is completed.
+bool Player::waitsForVoid(const Call& answer) {
+    if (answer.inside != nullptr || !isSeek(answer))
+        return false;
+    for (const auto* one : m_answers)
+        if (isVoidBefore(*one, answer) && waitingFor(*one) != nullptr)
+            return true;
+    return false;
+}
+
+/// What nobody has asked for before the seek comes no more.
+void Player::forgetVoid(const Call& answer) {
+    const auto isLate = [&](const Call* one) { return isVoidBefore(*one, answer); };
+    if (isSeek(answer))
+        m_answers.erase(std::remove_if(m_answers.begin(), m_answers.end(), isLate),
+                        m_answers.end());
 }
 
 /// One whose time has come; else `next` is moved to when one's will have.

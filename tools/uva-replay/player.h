@@ -71,6 +71,8 @@ private:
     template <typename IsWanted>
     Answer takeAnswer(IsWanted isWanted) REQUIRES(m_mutex);
     Answer takeDueAnswer(Clock::time_point now, Clock::time_point& next) REQUIRES(m_mutex);
+    bool waitsForVoid(const Call& answer) REQUIRES(m_mutex);
+    void forgetVoid(const Call& answer) REQUIRES(m_mutex);
     std::string missingFor(const Call& step) const REQUIRES(m_mutex);
     void forgetMissing(const Call& step) REQUIRES(m_mutex);
     bool isBefore(const Call& step, std::uint32_t object, std::size_t position) const;
