@@ -122,6 +122,16 @@ class Replay(unittest.TestCase):
                          ["play()", "UVA_ReleaseBackend()"])
         self.check_replay(1, *options, "--fast", record=short, **again)
 
+    def test_an_event_is_answered_as_often_as_it_was(self):
+        again = dict(FAKE_CLIP_SECONDS="2")
+        done = run(ODD_HOST, "answered-twice", MEDIA / "tiny.mp4", UVA_RECORD=str(self.record), UVA_BACKEND_LIBRARY=FAKE, **again)
+        self.assertEqual(done.returncode, 0, done.stderr)
+        first, second = [text for kind, text in self.entries() if kind == "call" and "eventCompleted" in text][-2:]
+        self.assertRegex(first, r"#[1-9]")
+        self.assertEqual(first, second)
+        for options in ([], ["--fast"]):
+            self.assertEqual(self.check_replay(0, "--library", FAKE, *options, **again), "")
+
     def test_a_call_that_crashes_or_hangs_is_named(self):
         done = run(HOST, "--quiet", "--backend", FAKE, "--record", self.record, "--seek", "0.1", CLIP, FAKE_CLIP_SECONDS="1")
         self.assertEqual(done.returncode, 0, done.stderr)

@@ -31,9 +31,6 @@ void release(RecordingClient&, const Argument&) {}
 void release(RecordingClient& client, UVAEvent* const& event) {
     client.identities.forget(event); // the library has deleted it
 }
-void release(RecordingClient& client, const UVAAsyncEvent* const& event) {
-    client.identities.forget(event); // the host deletes it
-}
 
 } // namespace
 

@@ -107,7 +107,7 @@ public:
         return value.tag == Tag::List;
     }
     bool read(const Value&, UVAEvent*&) const { return false; }
-    bool read(const Value&, const UVAAsyncEvent*&) const { return false; }
+    bool read(const Value& value, const UVAAsyncEvent*&) const { return value.tag == Tag::Null; }
     template <typename Item>
     bool read(const Value& value, std::vector<Item>& to) const {
         bool good = value.tag == Tag::List;

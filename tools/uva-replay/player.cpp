@@ -221,10 +221,12 @@ bool Player::turn(const Call& step) {
             return false;
         }
     }
-    if (due.call != nullptr)
-        answer(std::move(due));
-    else if (&step != &m_end)
+    if (due.call != nullptr) {
+        answer(due);
+        keepForMore(std::move(due), false);
+    } else if (&step != &m_end) {
         make(step);
+    }
     return isMade;
 }
 
@@ -298,7 +300,7 @@ Player::Answer Player::takeAnswer(IsWanted isWanted) {
         Waiting* const waiting = waitingFor(call);
         if (waiting == nullptr || waitsForVoid(call) || !isWanted(call, *waiting))
             continue;
-        Answer answer{&call, std::move(waiting->event)};
+        Answer answer{&call, std::move(*waiting)};
         Element& element = *m_elements[call.entry->object];
         if (isData)
             (call.isVoid ? element.voids : element.requests)[call.source].pop_front();
@@ -340,7 +342,8 @@ Player::Answer Player::takeDueAnswer(Clock::time_point now, Clock::time_point& n
     });
 }
 
-void Player::answer(Answer answer) {
+/// The library has its request for samples then; any other event is still here.
+void Player::answer(Answer& answer) {
     const Call& call = *answer.call;
     Element& element = elementOf(call.entry->object);
     UVAMediaBackend* const backend = element.backend;
@@ -348,10 +351,26 @@ void Player::answer(Answer answer) {
         return;
     const UnderWay underWay(*this, call);
     if (call.operation() == Operation::writeData)
-        return write(*backend, call, std::move(answer.event));
+        return write(*backend, call, std::move(answer.waiting.event));
     const bool granted =
         call.entry->values.size() > 1 && call.entry->values[1].tag == record::Tag::True;
-    backend->eventCompleted(static_cast<UVAAsyncEvent*>(answer.event.get()), granted);
+    backend->eventCompleted(static_cast<UVAAsyncEvent*>(answer.waiting.event.get()), granted);
+}
+
+/// A host may answer an event twice: it stays until the last answer. Of those that are made inside
+/// its delivery the next one is returned.
+Player::Answer Player::keepForMore(Answer answered, bool isInside) {
+    const MutexLock lock(m_mutex);
+    const Entry* const event = answered.call->event;
+    const auto isToIt = [event](const Call* call) { return call->event == event; };
+    if (std::none_of(m_answers.begin(), m_answers.end(), isToIt))
+        return {};
+    m_elements[answered.call->entry->object]->questions[event] = std::move(answered.waiting);
+    m_changed.broadcast();
+    if (!isInside)
+        return {};
+    return takeAnswer(
+        [&](const Call& call, const Waiting&) { return isToIt(&call) && call.inside != nullptr; });
 }
 
 void Player::write(UVAMediaBackend& backend, const Call& call, std::unique_ptr<UVAEvent> event) {
@@ -447,8 +466,10 @@ void Player::deliver(Element& element, std::unique_ptr<UVAEvent> event) {
         });
         m_changed.broadcast();
     }
-    if (inside.call != nullptr)
-        answer(std::move(inside));
+    while (inside.call != nullptr) {
+        answer(inside);
+        inside = keepForMore(std::move(inside), true);
+    }
     if (recorded != nullptr)
         makeStepsInside(*recorded);
 }

@@ -56,7 +56,7 @@ private:
     };
     struct Answer {
         const Call* call = nullptr; ///< null: none is due
-        std::unique_ptr<UVAEvent> event;
+        Waiting waiting;
     };
     using Kind = std::pair<std::uint32_t, std::uint16_t>; ///< the backend, the type of the event
 
@@ -79,7 +79,8 @@ private:
     void begin(const Call& step) REQUIRES(m_mutex);
 
     void make(const Call& step);
-    void answer(Answer answer);
+    void answer(Answer& answer);
+    Answer keepForMore(Answer answered, bool isInside);
     void write(UVAMediaBackend& backend, const Call& call, std::unique_ptr<UVAEvent> event);
     void releaseAll();
     Element& elementOf(std::uint32_t number);
