@@ -170,6 +170,16 @@ TEST(CompareTest, APositionCountsInTheRecordedTimeAlone) {
     EXPECT_EQ(textsOf(at(2), at(4), true), Texts());
 }
 
+TEST(CompareTest, DecodersThatWereNotYetThereAreNotReleasedInAFastReplay) {
+    const auto released = [](Story story) {
+        return story.event(910, UVAEvent::BackendResourceReleased, Story::integer(0));
+    };
+    const Story stopped = begun().call(900, 20, Operation::releaseResources);
+    EXPECT_EQ(textsOf(released(stopped), stopped, true), Texts());
+    EXPECT_EQ(textsOf(released(stopped), stopped),
+              Texts{"BackendResourceReleased(audioOnly=0) did not come"});
+}
+
 TEST(ScriptTest, AnAnswerFromBeforeASeekIsVoid) {
     Story story = begun();
     story.event(5, UVAEvent::NeedMSEData, [](Encoder& out) {

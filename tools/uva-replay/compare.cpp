@@ -202,10 +202,15 @@ private:
 
     // ---- events
 
-    static Events ofOrder(const Life& life, Order order) {
+    /// Whether decoders were there to be released says how far the media had come.
+    bool isCompared(const Event& event) const {
+        return !m_bounds.fast || event.type() != UVAEvent::BackendResourceReleased;
+    }
+
+    Events ofOrder(const Life& life, Order order) const {
         Events events;
         for (const auto* event : life.events)
-            if (record::rowOf(event->type()).order == order)
+            if (record::rowOf(event->type()).order == order && isCompared(*event))
                 events.push_back(event);
         return events;
     }
