@@ -5,6 +5,8 @@
 #include "record.h"
 #include "record_file.h"
 #include "recorder.h"
+#include "recording_sample.h"
+#include "uva/uva_event.h"
 #include "value.h"
 
 #include <gtest/gtest.h>
@@ -17,6 +19,7 @@
 #include <filesystem>
 #include <fstream>
 #include <map>
+#include <new>
 #include <sys/mman.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
@@ -178,6 +181,34 @@ TEST_F(RecordTest, WhatAForkedChildDoesIsNotInIt) {
         write(*file, 1, 2);
     }
     EXPECT_EQ(numbersIn(readRecordFile(path())).at(1), (std::vector<std::uint32_t>{1, 2}));
+}
+
+class ThrowingSample final : public UVASample {
+public:
+    const std::uint8_t* payload() const override { throw std::bad_alloc(); }
+    std::size_t payloadSize() const override { return 1; }
+    double pts() const override { return 0; }
+    double dts() const override { return 0; }
+    double duration() const override { return 0; }
+    const UVAStreamConfig* config() const override { return nullptr; }
+    const std::vector<Subsample>& subsamples() const override { return m_none; }
+
+private:
+    const std::vector<Subsample> m_none;
+};
+
+TEST_F(RecordTest, ASampleThatThrowsReachesTheLibrary) {
+    {
+        Recorder recorder(create(), Payloads::Full);
+        NeedMSEDataEvent event(1, 1);
+        event.samples = new UVASample* [2] { new ThrowingSample, nullptr };
+        recordSamples(recorder, 1, 7, event);
+        EXPECT_THROW(event.samples[0]->payload(), std::bad_alloc);
+    }
+    std::vector<Kind> kinds;
+    for (const auto& entry : readRecordFile(path()).entries)
+        kinds.push_back(entry.kind);
+    EXPECT_EQ(kinds, (std::vector<Kind>{Kind::Thread, Kind::Note, Kind::Sample, Kind::Freed}));
 }
 
 TEST(IdentitiesTest, AnotherEventAtTheSamePlaceIsNotTheOneBefore) {

@@ -73,7 +73,8 @@ UVAMediaBackend* request(Recorder& recorder, UVABackend::UVABackendType type, UV
     Encoder asked;
     asked.integer(type);
     recorder.note(Kind::Call, own->object, number, code, asked);
-    UVAMediaBackend* const backend = RealLibrary::instance().request(type, own.get());
+    UVAMediaBackend* const backend =
+        RealLibrary::instance().request(type, client != nullptr ? own.get() : nullptr);
     Encoder answer;
     answer.boolean(backend != nullptr);
     recorder.note(Kind::Return, own->object, number, code, answer);

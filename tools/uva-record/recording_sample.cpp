@@ -2,6 +2,8 @@
 
 #include "uva/uva_event.h"
 
+#include <string>
+
 namespace record {
 
 namespace {
@@ -22,6 +24,20 @@ void putProtection(const UVASample& sample, Encoder& out) {
         out.integer(part.clearBytes);
         out.integer(part.encryptedBytes);
     }
+}
+
+void noteUnread(Recorder& recorder, std::uint32_t object, std::uint32_t number,
+                std::uint32_t eventNumber) {
+    recorder.say("sample #" + std::to_string(number) +
+                 " threw when it was read: it is recorded without payload and times");
+    Encoder body;
+    body.id(eventNumber);
+    body.id(0);
+    for (int unknown = 0; unknown < 3; ++unknown)
+        body.real(-1);
+    body.null();
+    body.null();
+    recorder.note(Kind::Sample, object, number, 0, body);
 }
 
 void noteSample(Recorder& recorder, std::uint32_t object, std::uint32_t number,
@@ -59,7 +75,11 @@ void recordSamples(Recorder& recorder, std::uint32_t object, std::uint32_t event
                    NeedMSEDataEvent& event) {
     for (auto** slot = event.samples; slot != nullptr && *slot != nullptr; ++slot) {
         const std::uint32_t number = recorder.next();
-        noteSample(recorder, object, number, eventNumber, **slot);
+        try {
+            noteSample(recorder, object, number, eventNumber, **slot);
+        } catch (...) { // what comes of it is between host and library
+            noteUnread(recorder, object, number, eventNumber);
+        }
         *slot = new RecordingSample(recorder, object, number, std::unique_ptr<UVASample>(*slot));
     }
 }
