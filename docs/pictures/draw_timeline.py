@@ -31,8 +31,8 @@ def tracks_of(path):
         own = [record for record in records if (record['pid'], record['tid']) == (process, number) and
                record.get('cat') in ('host', 'main system')]
         process = processes[process]
-        spans = [(r['name'], r['ts'] / 1e6, r['dur'] / 1e6) for r in own if r['ph'] == 'X']
-        instants = [(r['name'], r['ts'] / 1e6) for r in own if r['ph'] == 'i']
+        spans = [(short(r['name']), r['ts'] / 1e6, r['dur'] / 1e6) for r in own if r['ph'] == 'X']
+        instants = [(short(r['name']), r['ts'] / 1e6) for r in own if r['ph'] == 'i']
         if spans or instants:
             yield f'{process}\n{name}', sorted(spans, key=lambda span: span[1]), sorted(instants, key=lambda i: i[1])
 
@@ -64,7 +64,6 @@ def draw_track(axis, top, name, spans, instants, begin, length):
                   linewidth=0.4)
         axis.text(start, top + row, ' ' + text, va='center', fontsize=7, clip_on=True)
     for text, start in instants:
-        text = short(text)
         start -= begin
         row = free_row(rows, start, length * WIDTH_OF_LETTER * (len(text) + 3))
         axis.plot(start, top + row, marker='|', color='#a03030', markersize=9)
