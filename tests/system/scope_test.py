@@ -36,8 +36,8 @@ PATIENT = ("--no-progress-timeout", "600")
 class Scope:
     """A running uva-scope and its interface."""
 
-    def __init__(self, *options):
-        self.process = subprocess.Popen([SCOPE, *options], stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, text=True)
+    def __init__(self, *options, **more):
+        self.process = subprocess.Popen([SCOPE, *options], stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, text=True, **more)
         self.address = self.process.stdout.readline().strip()
         parts = urllib.parse.urlsplit(self.address)
         self.port, self.token = parts.port, parts.path
@@ -193,6 +193,47 @@ class Scoping(WithPlayers):
         processes = [each[2] for each in self.scope.player()["timeline"] if each[1] == "process"]
         self.assertEqual([each for each in processes if each in ("answers", "ended")], ["answers", "ended", "answers"])
 
+    def test_a_player_that_is_stopped(self):
+        player = self.playing()
+        player.send_signal(signal.SIGSTOP)
+        self.assertTrue(wait_until(lambda: self.scope.player()["status"] == "silent"))
+        self.assertIn(f"process {player.pid} is stopped", self.scope.player()["reason"])
+        self.assertEqual(self.scope.why(), [])
+        player.send_signal(signal.SIGCONT)
+        self.assertTrue(wait_until(lambda: self.scope.player()["status"] == "answers"))
+
+    def test_ctrl_c_leaves_nothing(self):
+        self.playing()
+        for ends in (signal.SIGINT, signal.SIGTERM, signal.SIGHUP):
+            before = self.folders()
+            scope = Scope("--socket", SOCKET, start_new_session=True)
+            self.assertTrue(wait_until(lambda: self.folders() > before), "its probe has a folder")
+            os.killpg(scope.process.pid, ends)  # as a terminal does: its probes get it too
+            self.assertEqual(scope.process.wait(TIMEOUT), 0)
+            scope.process.stdout.close()
+            self.assertTrue(wait_until(lambda: self.folders() == before), (ends, self.folders()))
+
+    def folders(self):
+        return set(pathlib.Path("/dev/shm").glob("uva-scope-*"))
+
+    def test_says_where_it_looks(self):
+        cases = {"no box nosuch runs": (["--box", "nosuch"], 1), "no shell at /tmp/nosuch": (["--socket", "nosuch"], 1)}
+        asked = [subprocess.Popen([SCOPE, "--why", *options], stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
+                 for options, _ in cases.values()]
+        self.playing()
+        with open("/dev/full", "w", encoding="ascii") as full:
+            deaf = subprocess.Popen([SCOPE, "--why"], stdout=full, stderr=subprocess.PIPE, text=True)
+            served = subprocess.run([SCOPE], stdout=full, stderr=subprocess.PIPE, text=True, timeout=TIMEOUT)
+        for (says, (options, code)), process in zip(cases.items(), asked):
+            with self.subTest(options=options):
+                errors = process.communicate(timeout=TIMEOUT)[1]
+                self.assertEqual(process.returncode, code)
+                self.assertIn("no player answers at /tmp/", errors)
+                self.assertIn(says, errors)
+        self.assertIn("cannot write", deaf.communicate(timeout=TIMEOUT)[1])
+        self.assertEqual((deaf.returncode, served.returncode), (1, 1))
+        self.assertIn("cannot write", served.stderr)
+
     def test_a_probe_whose_scope_was_killed_leaves_nothing(self):
         self.playing()
         with subprocess.Popen([SCOPE, "--probe", "--socket", SOCKET], stdin=subprocess.PIPE, stdout=subprocess.PIPE) as probe:
@@ -212,6 +253,7 @@ class Scoping(WithPlayers):
         # Somebody's long command is no end of the player.
         with subprocess.Popen([ZANTSH, "--timeout", "60", "m_sleep", "7"], stdout=subprocess.DEVNULL) as sleeper:
             self.assertTrue(wait_until(lambda: self.scope.player()["status"] == "silent"), self.scope.player()["status"])
+            self.assertIn("nothing comes any more", self.scope.player()["reason"], "within two seconds")
             self.assertEqual(sleeper.wait(TIMEOUT), 0)
         self.assertTrue(wait_until(lambda: self.scope.player()["status"] == "answers"))
 
@@ -285,6 +327,15 @@ class Scoping(WithPlayers):
         with contextlib.closing(socket.create_connection(("127.0.0.1", port))) as raw:
             raw.sendall(f"GET {token}state HTTP/1.1\r\n\r\n".encode())  # without a host
             self.assertNotIn(b"200", raw.recv(64))
+        # Much of it, as the address sanitizer keeps 256 MB of what is freed.
+        resident, size, piece = self.resident(), 512 << 20, bytes(1 << 20)
+        with contextlib.closing(socket.create_connection(("127.0.0.1", port))) as raw:
+            raw.settimeout(TIMEOUT)
+            raw.sendall(f"POST /trace HTTP/1.1\r\nHost: localhost\r\nContent-Length: {size}\r\n\r\n".encode())
+            for _ in range(size // len(piece)):
+                raw.sendall(piece)
+            self.assertIn(b" 403 ", raw.recv(64))
+        self.assertLess(self.resident() - resident, size * 3 // 4, "what is refused is not kept")
         with open("/proc/net/tcp", encoding="ascii") as listening:
             addresses = {line.split()[1] for line in listening if line.split()[3] == "0A"}
         self.assertIn(f"0100007F:{port:04X}", addresses)
@@ -368,10 +419,11 @@ class Page(WithPlayers):
                 self.assertEqual(browser.complaints, [])
 
     def test_shows_that_the_player_and_the_scope_have_gone(self):
-        player = self.play("--loop", CLIP)
         browser = Browser()
         self.addCleanup(browser.close)
         browser.open(self.scope.address)
+        self.assertTrue(browser.wait("document.getElementById('why').textContent.includes('No player answers at /tmp/zant')"))
+        player = self.play("--loop", CLIP)
         self.assertTrue(browser.wait("document.getElementById('why').textContent.includes('it moves')"))
         browser.run("document.getElementById('snap').click()")
         self.assertTrue(browser.wait("document.querySelector('#picture img')?.naturalWidth > 100"))

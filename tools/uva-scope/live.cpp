@@ -33,7 +33,7 @@ Json Snapshot::take(const Players& players) {
         entry["lines"] = std::move(lines);
         list.push_back(std::move(entry));
     });
-    return {{"time", now()}, {"players", std::move(list)}};
+    return {{"time", now()}, {"where", players.where()}, {"players", std::move(list)}};
 }
 
 bool Live::add(SoupServerMessage* message) {

@@ -4,9 +4,13 @@
 #include "probe.h"
 #include "server.h"
 
+#include <cerrno>
 #include <csignal>
 #include <cstdio>
+#include <cstring>
 #include <glib-unix.h>
+#include <stdexcept>
+#include <string>
 
 namespace scope {
 
@@ -27,6 +31,26 @@ gboolean quitOnce(gpointer loop) {
     return G_SOURCE_REMOVE;
 }
 
+std::string placeOf(const Player& player) {
+    return player.box().empty() ? "" : player.box() + ": ";
+}
+
+/// Gives an answer to whoever has asked. Throws std::runtime_error.
+void say(const std::string& text) {
+    std::fputs(text.c_str(), stdout);
+    if (std::fflush(stdout) != 0)
+        throw std::runtime_error(std::string("cannot write to standard output: ") +
+                                 std::strerror(errno));
+}
+
+int tellNobody(const Players& players) {
+    std::fprintf(stderr, "uva-scope: no player answers at %s\n", players.where().c_str());
+    players.forEach([](const Player& player) {
+        std::fprintf(stderr, "uva-scope: %s%s\n", placeOf(player).c_str(), player.reason().c_str());
+    });
+    return 1;
+}
+
 /// A line for each backend of the players that answer.
 int tellWhy(const Players& players) {
     int code = 1;
@@ -37,18 +61,15 @@ int tellWhy(const Players& players) {
         const auto about = player.describe();
         for (const auto& why : listIn(about, "why")) {
             const auto who = textIn(why, "waits_for");
-            const auto where = player.box().empty() ? "" : player.box() + ": ";
-            if (who.empty())
-                std::printf("%snobody: %s\n", where.c_str(), textIn(why, "sentence").c_str());
-            else
-                std::printf("%s%s, for %.1f s: %s\n", where.c_str(), who.c_str(),
-                            numberIn(why, "seconds").value_or(0), textIn(why, "sentence").c_str());
+            char seconds[32];
+            std::snprintf(seconds, sizeof seconds, ", for %.1f s",
+                          numberIn(why, "seconds").value_or(0));
+            say(placeOf(player) + (who.empty() ? "nobody" : who + seconds) + ": " +
+                textIn(why, "sentence") + "\n");
             code = who.empty() ? code : 3;
         }
     });
-    if (code == 1)
-        std::fputs("uva-scope: no player answers; zantsh says why\n", stderr);
-    return code;
+    return code == 1 ? tellNobody(players) : code;
 }
 
 int lookOnce(const Options& options) {
@@ -72,8 +93,7 @@ int serve(const Options& options) {
     Live live(players);
     pages = &live;
     const Server server(players, live, options.port);
-    std::printf("%s\n", server.address().c_str());
-    std::fflush(stdout);
+    say(server.address() + "\n");
     GMainLoop* const loop = g_main_loop_new(nullptr, FALSE);
     for (const int signal : {SIGINT, SIGTERM, SIGHUP})
         g_unix_signal_add(signal, quit, loop);

@@ -21,7 +21,8 @@ What it changes
 
 Players
   Without --socket and --box: the shell zant_dbg_server_uva of this system and of each running box
-  (tvbox), in a box that of the box. Root sees the players of all users.
+  (tvbox), in a box that of the box. Root sees the players of all users. They are asked whether or not
+  a page is open, so that it has what came before; --box names those to ask alone.
 
 Output of a player
   As with zantsh: standard output if it is a file, and a trace log that the player has open; files of
@@ -35,7 +36,8 @@ Examples
 
 Exit codes
   0  ended by Ctrl-C or SIGTERM; --why: nobody is waited for
-  1  the port cannot be had; standard error says why. --why: no player answers
+  1  the port cannot be had, or the address or the answer not be written; standard error says why.
+     --why: no player answers
   2  the command line is wrong
   3  --why: somebody is waited for
 )";

@@ -41,7 +41,7 @@ std::string decoderState(const Json& backend, const Json& link, const char* kind
 } // namespace
 
 void Player::take(const Json& message, double time) {
-    ++m_changes;
+    m_heard = time;
     const auto kind = textIn(message, "kind");
     if (kind == "state")
         takeState(message, time);
@@ -60,8 +60,14 @@ void Player::take(const Json& message, double time) {
 }
 
 void Player::lost(const std::string& reason, double time) {
-    ++m_changes;
     setStatus(m_status == Status::Waiting ? Status::Waiting : Status::Ended, reason, time);
+}
+
+void Player::checkHeard(double time, double longest) {
+    if (m_status != Status::Answers || time - m_heard <= longest)
+        return;
+    setStatus(Status::Silent, "nothing comes any more; its shell may be busy with a long command",
+              time);
 }
 
 void Player::setStatus(Status status, const std::string& reason, double time) {

@@ -38,12 +38,16 @@ public:
 
     /// A message of the probe, which came at `time`.
     void take(const Json& message, double time);
-    /// The probe has ended, and with it the box.
+    /// There is no probe: it has ended, or there is no box.
     void lost(const std::string& reason, double time);
 
     const std::string& id() const { return m_id; }
     const std::string& box() const { return m_box; }
     Status status() const { return m_status; }
+    /// Why it does not answer.
+    const std::string& reason() const { return m_reason; }
+    /// Nothing has come for that many seconds: a player that answered does not any more.
+    void checkHeard(double time, double longest);
     /// All but the time line and the lines.
     Json describe() const;
     /// As the player describes itself.
@@ -51,8 +55,6 @@ public:
     const Json& mainSystem() const { return m_mainSystem; }
     const Rolling<Record>& timeline() const { return m_timeline; }
     const Rolling<Line>& lines() const { return m_lines; }
-    /// Grows with each message.
-    std::uint64_t changes() const { return m_changes; }
 
 private:
     struct Backend {
@@ -74,9 +76,10 @@ private:
     const std::string m_id;
     const std::string m_box;
     Status m_status = Status::Waiting;
-    std::string m_reason = "no player has been seen yet";
+    std::string m_reason = "no answer yet; the player may be stopped, or its shell be busy";
     std::string m_note;
     double m_since = 0;
+    double m_heard = 0; ///< when the probe's latest message came
     double m_process = 0;
     Json m_state;
     Json m_mainSystem;
@@ -84,7 +87,6 @@ private:
     std::map<std::string, std::string> m_partial; ///< by source: a line without its end
     Rolling<Record> m_timeline{5000};
     Rolling<Line> m_lines{5000};
-    std::uint64_t m_changes = 0;
 };
 
 } // namespace scope

@@ -13,6 +13,17 @@ namespace {
 constexpr guint searchEvery = 1000; // milliseconds
 constexpr std::size_t mostPlaces = 16;
 
+bool isInBox() {
+    return std::getenv("TVBOX") != nullptr;
+}
+
+std::string joined(const std::vector<std::string>& words) {
+    std::string text;
+    for (const auto& word : words)
+        text += (text.empty() ? "" : ", ") + word;
+    return text;
+}
+
 } // namespace
 
 double now() {
@@ -48,29 +59,43 @@ void Players::order(const std::string& id, Json order, ProbeProcess::Answered an
     answered(false, "the player has ended", "");
 }
 
+std::string Players::where() const {
+    const auto shell = "/tmp/" + joined(m_options.sockets) + " of ";
+    if (!m_options.boxes.empty())
+        return shell + "box " + joined(m_options.boxes);
+    return shell + (isInBox() ? "this box" : "this system and of each box (tvbox)");
+}
+
 void Players::search() {
     std::vector<std::string> boxes = m_options.boxes;
     if (boxes.empty()) {
         boxes.emplace_back();
-        for (const auto& box :
-             std::getenv("TVBOX") ? std::vector<tvbox::BoxInfo>() : tvbox::listBoxes())
+        for (const auto& box : isInBox() ? std::vector<tvbox::BoxInfo>() : tvbox::listBoxes())
             boxes.push_back(box.name);
     }
     for (const auto& box : boxes)
         for (const auto& socket : m_options.sockets)
             look(box, socket);
     forgetOldest();
+    const double patience = 2 + std::chrono::duration<double>(m_options.period).count();
+    for (const auto& place : m_places)
+        place->player.checkHeard(now(), patience);
+    m_changed();
 }
 
 void Players::look(const std::string& box, const std::string& socket) {
     const auto id = box + ":" + socket;
     const auto found = std::find_if(m_places.begin(), m_places.end(),
                                     [&](const auto& place) { return place->player.id() == id; });
-    if (found == m_places.end() && (box.empty() || tvbox::findBox(box)))
-        begin(*m_places.emplace_back(std::make_unique<Place>(id, box, socket)));
-    else if (found != m_places.end() && (*found)->probe == nullptr &&
-             (box.empty() || tvbox::findBox(box)))
-        begin(**found);
+    auto& place = found != m_places.end()
+                      ? **found
+                      : *m_places.emplace_back(std::make_unique<Place>(id, box, socket));
+    if (place.probe != nullptr)
+        return;
+    if (box.empty() || tvbox::findBox(box))
+        begin(place);
+    else
+        place.player.lost("no box " + box + " runs; tvbox --list names those that do", now());
 }
 
 void Players::begin(Place& place) {

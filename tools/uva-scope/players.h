@@ -28,6 +28,8 @@ public:
         for (const auto& place : m_places)
             use(place->player);
     }
+    /// Where players are looked for, for a reader.
+    std::string where() const;
     /// Null: there is none of that id.
     const Player* find(const std::string& id) const;
     /// Gives a player's probe an order; see ProbeProcess.

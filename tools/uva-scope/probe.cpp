@@ -5,11 +5,11 @@
 #include "json.h"
 #include "zantsh/exchange.h"
 #include "zantsh/exit_code.h"
-#include "zantsh/interrupt.h"
 #include "zantsh/options.h"
 #include "zantsh/process_output.h"
 #include "zantsh/session.h"
 
+#include <cctype>
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
@@ -133,6 +133,7 @@ private:
     bool takeOrders(Clock::time_point due);
     bool look();
     std::string askState(bool isWhole);
+    void checkRuns() const;
     void attach(pid_t process);
     void tellOutput();
     void tellSilence(const std::string& reason);
@@ -175,6 +176,7 @@ bool Probe::takeOrders(Clock::time_point due) {
 
 bool Probe::look() {
     try {
+        checkRuns();
         const bool isWhole = Clock::now() >= m_wholeDue;
         const auto state = askState(isWhole);
         m_wholeDue = isWhole ? Clock::now() + wholeEvery : m_wholeDue;
@@ -191,6 +193,18 @@ bool Probe::look() {
         tellSilence(reason.what());
         return false;
     }
+}
+
+/// Who is stopped would not answer: nobody is kept from the shell by a question to it.
+void Probe::checkRuns() const {
+    const auto process = std::to_string(m_process);
+    std::ifstream file("/proc/" + process + "/stat");
+    std::string stat;
+    std::getline(file, stat);
+    const auto name = stat.rfind(") ");
+    if (name != std::string::npos && std::tolower(stat[name + 2]) == 't')
+        throw zantsh::NoShell("process " + process + " is stopped, by a signal or a debugger; " +
+                              "kill -CONT lets it go on after a signal");
 }
 
 /// The shell is let go after each question: others have their turn.
@@ -300,8 +314,6 @@ Answer Probe::picture() const {
 }
 
 int runHere(const ProbeOptions& options) {
-    zantsh::cleanUpOnSignals();
-    std::signal(SIGPIPE, SIG_IGN);
     try {
         Probe(options).run();
         return 0;
@@ -335,7 +347,11 @@ int runInBox(const ProbeOptions& options) {
 
 } // namespace
 
+/// It ends when its scope has, at the end of standard input: Ctrl-C in a terminal reaches both, and
+/// would leave the folder.
 int runProbe(const ProbeOptions& options) {
+    for (const int signal : {SIGINT, SIGTERM, SIGHUP, SIGPIPE})
+        std::signal(signal, SIG_IGN);
     return options.box.empty() ? runHere(options) : runInBox(options);
 }
 

@@ -176,6 +176,8 @@ void Server::onEarly(SoupServer* /*server*/, SoupServerMessage* message, const c
     for (const auto& header : headers)
         soup_message_headers_replace(response, header.name, header.value);
     const guint status = static_cast<Server*>(self)->refusal(message, path);
+    if (status != 0) // however much comes, it is not kept
+        soup_message_body_set_accumulate(soup_server_message_get_request_body(message), FALSE);
     if (status == SOUP_STATUS_FORBIDDEN)
         replyError(message, status, "open the address that uva-scope has printed, as it is");
     else if (status != 0)

@@ -10,6 +10,7 @@ const kept = 5000;
 const players = new Map(); // by id: {latest, timeline, lines, before}
 let chosen = null;
 let time = 0;
+let where = "";
 
 const timeline = new Timeline();
 const graph = new Graph(() => ({ player: chosen, backend: stalled()?.address ?? "" }));
@@ -41,6 +42,7 @@ async function snap() {
 
 function take(update) {
   time = update.time;
+  where = update.where;
   const present = new Set();
   for (const latest of update.players) {
     present.add(latest.id);
@@ -90,13 +92,24 @@ byId("players").addEventListener("click", (event) => {
 });
 let isChosenByHand = false;
 
+const isAnyKnown = () => [...players.values()].some(({ latest }) => latest.status !== "waiting");
+
+/// What keeps each place, and what to do.
+function nobody(line) {
+  const places = [...players.values()].map(({ latest }) => latest);
+  const inBox = places[0].box ? `--name ${places[0].box} ` : "";
+  return [...places.map(({ box, reason }) => line(box ? `${box}: ` : "", reason)),
+    make("p", { class: "faint" }, `It is looked for all the time, and shows here by itself. Start one, such as: tvbox ${inBox}-- uva-host --standalone FILE`)];
+}
+
 function showWhy(latest) {
   const section = byId("why");
   const whys = list(latest.why);
   const isStalled = latest.status === "answers" && whys.some((why) => why.waits_for);
-  section.className = isStalled || latest.status === "ended" ? "stalled" : "";
+  section.className = isStalled || latest.status === "ended" ? "stalled" : latest.status === "answers" ? "" : "unknown";
   const line = (who, text) => make("p", {}, make("span", { class: "who" }, who), text);
   const head = make("h2", {}, "Why is nothing moving?");
+  if (!isAnyKnown()) return put(section, head, line("No player answers", ` at ${where}`), ...nobody(line));
   if (latest.status === "ended") return put(section, head, line("The player has ended", `, ${seconds(time - latest.since)} ago: ${latest.reason}`));
   if (latest.status !== "answers") return put(section, head, line(latest.status === "silent" ? "The shell does not answer: " : "No player: ", latest.reason));
   if (whys.length === 0) return put(section, head, line("Nothing is loaded", ": the player has no backend"));
