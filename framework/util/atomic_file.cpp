@@ -1,5 +1,6 @@
 #include "util/atomic_file.h"
 
+#include "util/file_place.h"
 #include "util/scoped_handles.h"
 #include "util/trusted_path.h"
 
@@ -14,18 +15,6 @@ constexpr mode_t modeOfFile = 0600; // its owner only
 
 std::string failed(const std::string& what) {
     return "cannot write " + what + ": " + strerrordesc_np(errno);
-}
-
-bool writeAll(int file, std::string_view content) {
-    while (!content.empty()) {
-        const ssize_t written = write(file, content.data(), content.size());
-        if (written < 0 && errno == EINTR)
-            continue;
-        if (written < 0)
-            return false;
-        content.remove_prefix(static_cast<size_t>(written));
-    }
-    return true;
 }
 
 } // namespace
@@ -49,7 +38,7 @@ std::string writeFileAtomically(const std::string& path, std::string_view conten
     const ScopedFd file(openat(folder.place.get(), temporary.c_str(), flags, modeOfFile));
     if (!file)
         return failed(folderPath);
-    if (writeAll(file.get(), content) && fsync(file.get()) == 0 &&
+    if (writeAllAt(file.get(), content.data(), content.size(), 0) && fsync(file.get()) == 0 &&
         renameat(folder.place.get(), temporary.c_str(), folder.place.get(), name.c_str()) == 0)
         return {};
     const auto reason = failed(path);
