@@ -43,11 +43,17 @@ function setmetatable(object, metatable)
     return setmeta(object, metatable)
 end
 
--- Tables as they are: what stands behind a metatable may have no end.
+-- Tables as they are: what stands behind a metatable may have no end, and few elements far apart
+-- make a long list.
+local most_elements = 1000000
 local function plain(f)
     return function(list, ...)
-        if type(list) == "table" and getmetatable(list) ~= nil then
-            error("the functions of 'table' take tables without a metatable", 2)
+        if type(list) == "table" then
+            if getmetatable(list) ~= nil then
+                error("the functions of 'table' take tables without a metatable", 2)
+            elseif #list > most_elements then
+                error("the functions of 'table' take lists of at most " .. most_elements .. " elements", 2)
+            end
         end
         return f(list, ...)
     end
@@ -65,8 +71,8 @@ table.move = plain(function(from, first, last, to, other)
         error("the functions of 'table' take tables without a metatable", 2)
     end
     if mathtype(first) ~= "integer" or mathtype(last) ~= "integer" or
-       last >= first and not (last - first >= 0 and last - first < 1000000) then
-        error("table.move takes whole numbers and moves 1000000 elements at most", 2)
+       last >= first and not (last - first >= 0 and last - first < most_elements) then
+        error("table.move takes whole numbers and moves at most " .. most_elements .. " elements", 2)
     end
     return move(from, first, last, to, other)
 end)
