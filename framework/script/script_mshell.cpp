@@ -75,10 +75,22 @@ int MshellCmdScriptStop(CommandStruct* command) {
     return 0;
 }
 
+/// What the library of scripts adds to the commands.
+constexpr const char* libraryHelp[] = {
+    "wait_until(predicate, timeout [, interval])\tThe first true result, nil without one",
+    "wait_trace(text, timeout)\tThe next line with that text, nil without one",
+    "wait_signal(text, timeout)\tThe next message whose signal's name has that text",
+    "print(...)\tAs log, any values",
+    "sys_int.NAME, sys_string.NAME\tSystem variables",
+    "key.NAME\tA key's code",
+};
+
 int MshellCmdScriptHelp(CommandStruct* command) {
     traceMshellCall(__func__, *command);
     for (const ScriptCommand* const known : scriptCommands())
         FormattedStringToStdout("%s\n", known->help.c_str());
+    for (const char* const line : libraryHelp)
+        FormattedStringToStdout("%s\n", line);
     return 0;
 }
 
