@@ -8,6 +8,8 @@
 #include "debug/trace/zant_trace_thread.h"
 #include "messaging/thread/thread_object_mshell.h"
 #include "messaging/queue/zant_msg_queue_mshell.h"
+#include "script/script_mshell.h"
+#include "script/script_runs.h"
 #include "state/framework_state.h"
 
 #include <csignal>
@@ -36,12 +38,14 @@ int main(int argc, char** argv) {
     AddZantDbgMshellCmds();
     AddThreadObjectMshellCmds();
     AddStateMshellCmds();
+    AddScriptMshellCmds();
     mshell.AddMshellCmd(1, "m_greet", "example", "m_greet <name>", greet, nullptr, true);
     AddZantDbgCmd(5, ZantDbgCmdTestFunction);
     zantTrace.CheckAndStartTracingToFile("example"); // where there is a log directory
 
     int signal = 0;
     sigwait(&ends, &signal);
+    ScriptRuns::instance().stopAll(std::chrono::seconds(2));
     mshell.StopThreadAndWait();
     zantTraceThread.StopThreadAndWait();
 }

@@ -17,7 +17,7 @@ bool comesFirst(std::string left, std::string right) {
     return left < right;
 }
 
-const char* textOrNothing(const char* text) {
+const char* textOrEmpty(const char* text) {
     return text ? text : "";
 }
 
@@ -25,8 +25,8 @@ const char* textOrNothing(const char* text) {
 
 CMshellEntry::CMshellEntry(int32_t parameters, const char* commandName, const char* groupName,
                            const char* helpText, T_MshellHandler run, T_MshellHandler end)
-    : paramCount(parameters), name(textOrNothing(commandName)), group(textOrNothing(groupName)),
-      help(textOrNothing(helpText)), handler(run), deinit(end) {}
+    : paramCount(parameters), name(textOrEmpty(commandName)), group(textOrEmpty(groupName)),
+      help(textOrEmpty(helpText)), handler(run), deinit(end) {}
 
 void CMshellEntry::PrintShortHelp() const {
     FormattedStringToStdout("%s\n", help.c_str());

@@ -3,6 +3,7 @@
 
 #include "util/mutex.h"
 
+#include <cstddef>
 #include <map>
 #include <optional>
 #include <string>
@@ -24,6 +25,15 @@ public:
         if (found == m_values.end())
             return std::nullopt;
         return found->second;
+    }
+
+    /// The same for one that is there, or while there are fewer than `most`. Whether it was done.
+    bool SetWithin(size_t most, const std::string& name, const Value& value) EXCLUDES(m_mutex) {
+        const MutexLock lock(m_mutex);
+        if (m_values.size() >= most && m_values.find(name) == m_values.end())
+            return false;
+        m_values[name] = value;
+        return true;
     }
 
 private:

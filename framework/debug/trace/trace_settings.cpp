@@ -6,6 +6,8 @@ TraceSettings traceSettings;
 std::atomic<uint16_t> zantTraceCtr{0};
 
 void TraceSettings::put(int32_t priority, const char* text) const {
+    if (void (*const observe)(const char*) = lineObserver)
+        observe(text);
     if (zantTraceUseSyslog && priority != notForSyslog)
         sendToSyslog(priority, text);
     else if (tracingToScreen)

@@ -55,6 +55,9 @@ struct TraceSettings {
     Setting<T_UserTraceOutputFunction> funcUserTraceOutputPtr{nullptr};
     /// Kept for applications; nothing here calls it.
     Setting<int (*)(const char*)> printToScreen{nullptr};
+    /// Sees every finished text before it goes to syslog or to the screen, on the thread that puts
+    /// it out: it takes no lock that anybody holds while he calls, and no heap memory.
+    Setting<void (*)(const char* text)> lineObserver{nullptr};
     /// Called when tracing to a file has started.
     Setting<void (*)()> initialInfo{nullptr};
 

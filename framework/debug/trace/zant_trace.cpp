@@ -1,5 +1,6 @@
 #include "debug/trace/zant_trace.h"
 
+#include "debug/trace/output_capture.h"
 #include "debug/trace/trace_clock.h"
 #include "debug/trace/trace_line.h"
 #include "debug/trace/zant_trace_colors.h"
@@ -149,6 +150,8 @@ void FormattedStringToStdout(const char* format, ...) {
     line.addMessage(sizeof text, format ? format : "(null)\n", arguments);
     va_end(arguments);
 
+    if (OutputCapture* const capture = OutputCapture::current())
+        return capture->add(text);
     if (traceSettings.zantTraceDirectPrint) {
         traceSettings.put(TraceSettings::notForSyslog, text);
         return;

@@ -16,6 +16,7 @@
 #include "messaging/thread/thread_object_mshell.h"
 #include "plugin/gstnox_mshell.h"
 #include "plugin/gstnox_syslog.h"
+#include "script/script_mshell.h"
 #include "state/framework_state.h"
 #include "timeline/timeline.h"
 
@@ -73,6 +74,7 @@ void startShell() {
     AddZantDbgMshellCmds();
     AddThreadObjectMshellCmds();
     AddStateMshellCmds();
+    AddScriptMshellCmds();
     uva_add_mshell_commands();
 }
 

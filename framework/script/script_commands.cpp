@@ -1,0 +1,143 @@
+#include "script/script_commands.h"
+
+#include "script/standard_commands.h"
+#include "util/mutex.h"
+
+#include <algorithm>
+#include <cmath>
+#include <limits>
+#include <list>
+
+namespace {
+
+constexpr size_t mostWatches = 16;
+constexpr double longestSeconds = 1e8;
+
+/// The names of the language: its words, its functions and libraries, and what the library of
+/// scripts adds.
+constexpr const char* namesOfLanguage[] = {
+    "and",        "break",        "do",           "else",        "elseif", "end",
+    "false",      "for",          "function",     "goto",        "if",     "in",
+    "local",      "nil",          "not",          "or",          "repeat", "return",
+    "then",       "true",         "until",        "while",       "_G",     "_VERSION",
+    "assert",     "error",        "getmetatable", "ipairs",      "next",   "pairs",
+    "pcall",      "print",        "rawequal",     "rawget",      "rawlen", "rawset",
+    "select",     "setmetatable", "tonumber",     "tostring",    "type",   "xpcall",
+    "string",     "table",        "math",         "utf8",        "key",    "sys_int",
+    "sys_string", "wait_until",   "wait_trace",   "wait_signal",
+};
+
+bool isIdentifier(const std::string& name) {
+    const auto isLetter = [](char c) {
+        return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || c == '_';
+    };
+    return !name.empty() && isLetter(name[0]) && std::all_of(name.begin(), name.end(), [&](char c) {
+        return isLetter(c) || (c >= '0' && c <= '9');
+    });
+}
+
+class CommandTable {
+public:
+    CommandTable() {
+        for (ScriptCommand& command : standardScriptCommands())
+            m_commands.push_back(std::move(command));
+    }
+
+    std::string add(ScriptCommand command) EXCLUDES(m_mutex) {
+        if (!isIdentifier(command.name))
+            return "'" + command.name + "' is no identifier: letters, digits and '_'";
+        if (!command.function)
+            return "command '" + command.name + "' has no function";
+        const auto isIt = [&](const auto& name) { return command.name == name; };
+        if (std::any_of(std::begin(namesOfLanguage), std::end(namesOfLanguage), isIt))
+            return "'" + command.name + "' is a name of the language: choose another";
+        const MutexLock lock(m_mutex);
+        for (const ScriptCommand& known : m_commands)
+            if (isIt(known.name))
+                return "there is a command '" + command.name + "': choose another name";
+        m_commands.push_back(std::move(command));
+        return {};
+    }
+
+    std::vector<const ScriptCommand*> all() EXCLUDES(m_mutex) {
+        std::vector<const ScriptCommand*> commands;
+        const MutexLock lock(m_mutex);
+        for (const ScriptCommand& command : m_commands)
+            commands.push_back(&command);
+        return commands;
+    }
+
+private:
+    Mutex m_mutex;                                           // the list, not the commands
+    std::list<ScriptCommand> m_commands GUARDED_BY(m_mutex); // in order of registration
+};
+
+CommandTable& commandTable() {
+    static auto& table = *new CommandTable;
+    return table;
+}
+
+const ScriptValue& argumentOf(const ScriptCall& call, size_t position, const char* what,
+                              bool (*isGood)(const ScriptValue&), const char* type) {
+    if (position <= call.arguments.size() && isGood(call.arguments[position - 1]))
+        return call.arguments[position - 1];
+    throw ScriptError("argument " + std::to_string(position) + " (" + what + ") is missing or no " +
+                      type);
+}
+
+} // namespace
+
+size_t ScriptWatches::add(const std::string& kind, const std::string& text) {
+    const auto free = std::find(m_watches.begin(), m_watches.end(), nullptr);
+    if (free == m_watches.end() && m_watches.size() == mostWatches)
+        throw ScriptError("there are " + std::to_string(mostWatches) +
+                          " watches: forget one that is not needed");
+    auto watch = std::make_unique<ScriptEvents::Watch>(kind, text, m_control);
+    const auto number = static_cast<size_t>(free - m_watches.begin()) + 1;
+    if (free == m_watches.end())
+        m_watches.push_back(std::move(watch));
+    else
+        *free = std::move(watch);
+    return number;
+}
+
+ScriptEvents::Watch& ScriptWatches::get(size_t number) {
+    if (number < 1 || number > m_watches.size() || !m_watches[number - 1])
+        throw ScriptError("there is no watch " + std::to_string(number) + ": watch gives one");
+    return *m_watches[number - 1];
+}
+
+void ScriptWatches::remove(size_t number) {
+    get(number);
+    m_watches[number - 1].reset();
+}
+
+const std::string& ScriptCall::text(size_t position, const char* what) const {
+    const auto isText = [](const ScriptValue& value) { return value.is_string(); };
+    return argumentOf(*this, position, what, isText, "text").get_ref<const std::string&>();
+}
+
+int64_t ScriptCall::number(size_t position, const char* what) const {
+    const auto isWhole = [](const ScriptValue& value) { return value.is_number_integer(); };
+    return argumentOf(*this, position, what, isWhole, "whole number").get<int64_t>();
+}
+
+ScriptControl::Clock::time_point ScriptCall::deadline(size_t position, const char* what) const {
+    const auto isTime = [](const ScriptValue& value) {
+        return value.is_number() && value.get<double>() >= 0;
+    };
+    const double seconds =
+        argumentOf(*this, position, what, isTime, "number of seconds from 0 on").get<double>();
+    const std::chrono::duration<double> span(std::min(seconds, longestSeconds));
+    return ScriptControl::Clock::now() +
+           std::chrono::duration_cast<ScriptControl::Clock::duration>(span);
+}
+
+std::string registerScriptCommand(const std::string& name, const std::string& help,
+                                  std::function<ScriptValues(const ScriptCall&)> function) {
+    return commandTable().add({name, help, std::move(function)});
+}
+
+std::vector<const ScriptCommand*> scriptCommands() {
+    return commandTable().all();
+}

@@ -1,0 +1,110 @@
+#include "script/script_mshell.h"
+
+#include "debug/shell/mshell.h"
+#include "debug/shell/mshell_handler.h"
+#include "script/script.h"
+#include "script/script_runs.h"
+
+#include <string>
+
+namespace {
+
+/// How long a script that is asked to stop is waited for.
+constexpr std::chrono::milliseconds stopPatience(2000);
+
+int answerScriptError(const std::string& error) {
+    FormattedStringToStdout("ERROR: %s\n", error.c_str());
+    return badCommandParam;
+}
+
+int MshellCmdScript(CommandStruct* command) {
+    traceMshellCall(__func__, *command);
+    if (command->paramCount < 1)
+        return answerScriptError("Parameter 1 (file) is missing");
+    const auto compilation = SILCompile(command->params[0].string);
+    if (!compilation.script)
+        return answerScriptError(compilation.error);
+    ScriptValues arguments;
+    for (int i = 1; i < command->paramCount; ++i) {
+        const CommandParam& param = command->params[i];
+        arguments.push_back(param.isNumber() ? ScriptValue(param.value)
+                                             : ScriptValue(param.string));
+    }
+    const auto start = ScriptRuns::instance().start(*compilation.script, arguments);
+    if (start.number == 0)
+        return answerScriptError(start.error);
+    FormattedStringToStdout("Script %d started: %s\n", start.number,
+                            compilation.script->name().c_str());
+    return 0;
+}
+
+void printScript(const ScriptRuns::Info& info) {
+    FormattedStringToStdout("%6d | %7ld | %s | %s\n", info.number,
+                            static_cast<long>(info.age.count()), info.name.c_str(),
+                            info.runs ? "runs" : info.end.c_str());
+}
+
+int MshellCmdScriptList(CommandStruct* command) {
+    traceMshellCall(__func__, *command);
+    FormattedStringToStdout("number | seconds | file | state\n");
+    for (const auto& info : ScriptRuns::instance().list())
+        printScript(info);
+    return 0;
+}
+
+int MshellCmdScriptStop(CommandStruct* command) {
+    traceMshellCall(__func__, *command);
+    auto& runs = ScriptRuns::instance();
+    if (command->paramCount == 0) {
+        runs.stopAll(stopPatience);
+        for (const auto& info : runs.list())
+            if (info.runs)
+                printScript(info);
+        return 0;
+    }
+    const auto number = numberParam(*command, "number");
+    if (!number)
+        return badCommandParam;
+    if (!runs.stop(*number, stopPatience))
+        return answerScriptError("there is no script " + std::to_string(*number) +
+                                 ": m_scriptlist has them");
+    for (const auto& info : runs.list())
+        if (info.number == *number)
+            FormattedStringToStdout("Script %d %s\n", info.number,
+                                    info.runs ? "ends when its command does" : info.end.c_str());
+    return 0;
+}
+
+/// What the library of scripts adds to the commands.
+constexpr const char* libraryHelp[] = {
+    "wait_until(predicate, timeout [, interval])\tThe first true result, nil without one",
+    "wait_trace(text, timeout)\tThe next line with that text, nil without one",
+    "wait_signal(text, timeout)\tThe next message whose signal's name has that text",
+    "print(...)\tAs log, any values",
+    "sys_int.NAME, sys_string.NAME\tSystem variables",
+    "key.NAME\tA key's code",
+};
+
+int MshellCmdScriptHelp(CommandStruct* command) {
+    traceMshellCall(__func__, *command);
+    for (const ScriptCommand* const known : scriptCommands())
+        FormattedStringToStdout("%s\n", known->help.c_str());
+    for (const char* const line : libraryHelp)
+        FormattedStringToStdout("%s\n", line);
+    return 0;
+}
+
+constexpr MshellCmd scriptShellCommands[] = {
+    {1, "m_script", "m_script file [argument]...\tStarts a script on a thread of its own",
+     MshellCmdScript},
+    {0, "m_scriptlist", "m_scriptlist\tLists the scripts that run, and the latest that have ended",
+     MshellCmdScriptList},
+    {0, "m_scriptstop", "m_scriptstop [number]\tStops a script, or all", MshellCmdScriptStop},
+    {0, "m_scripthelp", "m_scripthelp\tLists the commands that scripts have", MshellCmdScriptHelp},
+};
+
+} // namespace
+
+void AddScriptMshellCmds() {
+    mshell.AddMshellCmds("script", scriptShellCommands);
+}

@@ -1,0 +1,162 @@
+#include "script/standard_commands.h"
+
+#include "debug/shell/mshell.h"
+#include "debug/trace/output_capture.h"
+#include "debug/trace/sys_vars.h"
+#include "debug/trace/zant_trace.h"
+#include "script/key_codes.h"
+#include "state/framework_state.h"
+#include "state/state_report.h"
+
+#include <algorithm>
+#include <limits>
+
+namespace {
+
+/// A command's output that a script gets at most.
+constexpr size_t mostOutput = 64 * 1024;
+constexpr size_t longestName = 64;
+constexpr size_t longestVariable = 4096;
+constexpr size_t mostVariables = 1000;
+
+ScriptValues runShellCommand(const ScriptCall& call) {
+    const std::string& line = call.text(1, "command line");
+    OutputCapture output(mostOutput);
+    const int32_t result = mshell.ProcessMshellCmd(line.c_str());
+    return {output.text(), result};
+}
+
+ScriptValues sleepFor(const ScriptCall& call) {
+    call.control.waitUntil(call.deadline(1, "seconds"), [] { return false; });
+    return {};
+}
+
+ScriptValues secondsNow(const ScriptCall&) {
+    const auto since = ScriptControl::Clock::now().time_since_epoch();
+    return {std::chrono::duration<double>(since).count()};
+}
+
+/// A line at a time, because what is put out has a longest line.
+ScriptValues writeLog(const ScriptCall& call) {
+    const std::string& text = call.text(1, "text");
+    for (size_t start = 0; start <= text.size();) {
+        const size_t end = std::min(text.find('\n', start), text.size());
+        if (end > start || text.empty())
+            FormattedStringToStdout("%.*s%s: %s\n", static_cast<int>(scriptLinePrefix.size()),
+                                    scriptLinePrefix.data(), call.script.c_str(),
+                                    text.substr(start, end - start).c_str());
+        start = end + 1;
+    }
+    return {};
+}
+
+ScriptValues addWatch(const ScriptCall& call) {
+    return {call.watches.add(call.text(1, "kind of event"), call.text(2, "text to look for"))};
+}
+
+ScriptEvents::Watch& watchOf(const ScriptCall& call) {
+    return call.watches.get(static_cast<size_t>(call.number(1, "watch")));
+}
+
+ScriptValues waitForWatch(const ScriptCall& call) {
+    const auto seen = watchOf(call).take(call.deadline(2, "timeout in seconds"));
+    return {seen ? ScriptValue(*seen) : ScriptValue()};
+}
+
+ScriptValues forgetWatch(const ScriptCall& call) {
+    call.watches.remove(static_cast<size_t>(call.number(1, "watch")));
+    return {};
+}
+
+ScriptValues keyCode(const ScriptCall& call) {
+    const std::string& name = call.text(1, "name of a key");
+    for (const RemoteKey& key : remoteKeys())
+        if (name == key.name)
+            return {key.code};
+    throw ScriptError("no key has the name '" + name + "': key_names() lists them");
+}
+
+ScriptValues keyNames(const ScriptCall&) {
+    auto names = ScriptValue::array();
+    for (const RemoteKey& key : remoteKeys())
+        names.push_back(key.name);
+    return {names};
+}
+
+template <typename Value>
+ScriptValues valueOf(const std::optional<Value>& value) {
+    return {value ? ScriptValue(*value) : ScriptValue()};
+}
+
+ScriptValues getInt(const ScriptCall& call) {
+    return valueOf(sysVarIntMap.Get(call.text(1, "name")));
+}
+
+/// They outlive the script: what scripts may leave behind has a bound.
+template <typename Value>
+ScriptValues setVariable(const ScriptCall& call, CSysVarMap<Value>& variables, const Value& value) {
+    const std::string& name = call.text(1, "name");
+    if (name.size() > longestName)
+        throw ScriptError("the name has more than " + std::to_string(longestName) + " bytes");
+    if (!variables.SetWithin(mostVariables, name, value))
+        throw ScriptError("there are " + std::to_string(mostVariables) +
+                          " system variables: use one that is there");
+    return {};
+}
+
+ScriptValues setInt(const ScriptCall& call) {
+    using Limits = std::numeric_limits<int>;
+    const int64_t value = call.number(2, "value");
+    if (value < Limits::min() || value > Limits::max())
+        throw ScriptError("a system variable has 32 bits: " + std::to_string(value) +
+                          " does not fit");
+    return setVariable(call, sysVarIntMap, static_cast<int>(value));
+}
+
+ScriptValues getString(const ScriptCall& call) {
+    return valueOf(sysVarStringMap.Get(call.text(1, "name")));
+}
+
+ScriptValues setString(const ScriptCall& call) {
+    const std::string& value = call.text(2, "value");
+    if (value.size() > longestVariable)
+        throw ScriptError("the value has more than " + std::to_string(longestVariable) + " bytes");
+    return setVariable(call, sysVarStringMap, value);
+}
+
+ScriptValues stateOfProcess(const ScriptCall& call) {
+    if (call.arguments.empty())
+        return {ScriptValue::parse(StateReport::instance().collect(longestAsk))};
+    const std::string& member = call.text(1, "member");
+    auto report = ScriptValue::parse(StateReport::instance().collect(longestAsk, {member}));
+    const auto found = report.find(member);
+    if (found == report.end())
+        throw ScriptError("the state has no member '" + member + "': m_state writes all of it");
+    return {std::move(*found)};
+}
+
+} // namespace
+
+std::vector<ScriptCommand> standardScriptCommands() {
+    return {
+        {"shell", "shell(line)\tRuns a shell command: gives its output and its code, 0 for OK",
+         runShellCommand},
+        {"sleep", "sleep(seconds)\tWaits", sleepFor},
+        {"now", "now()\tSeconds, on a clock that nobody sets", secondsNow},
+        {"log", "log(text)\tWrites lines to the trace output", writeLog},
+        {"watch", "watch(kind, text)\tLooks out from now on: gives a watch for wait", addWatch},
+        {"wait", "wait(watch, timeout)\tThe event's text, nil if none came within the seconds",
+         waitForWatch},
+        {"forget", "forget(watch)\tEnds a watch; a script has 16 at most", forgetWatch},
+        {"key_code", "key_code(name)\tThe CEC user control code of a remote control's key",
+         keyCode},
+        {"key_names", "key_names()\tThe names of all keys, an array", keyNames},
+        {"get_int", "get_int(name)\tAn integer system variable, nil if there is none", getInt},
+        {"set_int", "set_int(name, value)\tSets it", setInt},
+        {"get_string", "get_string(name)\tA string system variable, nil if there is none",
+         getString},
+        {"set_string", "set_string(name, value)\tSets it", setString},
+        {"state", "state([member])\tWhat m_state writes, as tables; a second at most",
+         stateOfProcess},
+    };
+}
