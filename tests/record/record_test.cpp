@@ -194,7 +194,7 @@ public:
     const std::vector<Subsample>& subsamples() const override { return m_none; }
 
 private:
-    const std::vector<Subsample> m_none;
+    const std::vector<Subsample> m_none = {};
 };
 
 TEST_F(RecordTest, ASampleThatThrowsReachesTheLibrary) {
