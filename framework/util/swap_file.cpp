@@ -116,8 +116,9 @@ Outcome createSwapFile(const std::string& path, uint64_t bytes) {
     const uint64_t pages = bytes / pageSize();
     if (pages < fewestSwapPages || pages > UINT32_MAX)
         return {Outcome::badRequest, "a swap file of " + std::to_string(bytes) +
-                                         " bytes is not to be had: take at least " +
-                                         std::to_string(fewestSwapPages * pageSize())};
+                                         " bytes is not to be had: take " +
+                                         std::to_string(fewestSwapPages * pageSize()) + " to " +
+                                         std::to_string(UINT32_MAX * pageSize())};
     PartFile file;
     if (Outcome opened = file.open(path); !opened)
         return opened;
