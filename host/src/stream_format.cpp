@@ -94,10 +94,11 @@ void takeColor(OwnedConfig& config, const AVCodecParameters& parameters) {
     color.transfer = static_cast<unsigned int>(parameters.color_trc);
     color.primaries = static_cast<unsigned int>(parameters.color_primaries);
     color.bitsPerChannel = bitsPerChannel(parameters);
-    const UVAStreamConfig::ColorInfo unknown;
-    const bool known = color.matrix != unknown.matrix || color.range != unknown.range ||
-                       color.transfer != unknown.transfer || color.primaries != unknown.primaries ||
-                       color.bitsPerChannel != unknown.bitsPerChannel;
+    const bool known = parameters.color_space != AVCOL_SPC_UNSPECIFIED ||
+                       parameters.color_range != AVCOL_RANGE_UNSPECIFIED ||
+                       parameters.color_trc != AVCOL_TRC_UNSPECIFIED ||
+                       parameters.color_primaries != AVCOL_PRI_UNSPECIFIED ||
+                       color.bitsPerChannel != ~0U;
     if (known)
         config.color = &color;
 }

@@ -1,16 +1,23 @@
 #!/usr/bin/env python3
-"""Where host and backend meet: the virtual tables of the built libraries, and the names they export.
+"""Where host and backend meet: virtual tables as they were built, and the names that are exported.
 
-Usage: slot_order_test.py LIBUVAGSTBACKEND LIBUVA UNIT_NAMING_PROGRAM...
+Usage: slot_order_test.py LIBUVAGSTBACKEND UVA_HOST [UNIT_NAMING_PROGRAM]...
+
+The library's table has its operations and, in between, those of the host's own libuva; the reference
+host's client has the table that events are delivered through. Neither is stripped; 32 or 64 bits, of
+any processor. Needs readelf, nm and c++filt.
 """
 
 import re
+import struct
 import subprocess
 import sys
 import unittest
 
-BACKEND, UVA = sys.argv[1:3]
-UNIT_NAMING_PROGRAMS = sys.argv[3:]
+if len(sys.argv) < 3:
+    sys.exit(__doc__.strip())
+BACKEND, HOST = sys.argv[1:3]
+UNIT_NAMING_PROGRAMS = sys.argv[2:]
 
 UNIT_NAMES = {"traceUnitsStringArray", "traceUnitsStringArraySizePtr"}
 BACKEND_EXPORTS = UNIT_NAMES | set("""
@@ -116,6 +123,25 @@ def exports(file):
             for line in run("nm", "--dynamic", "--defined-only", "--demangle", file).splitlines()}
 
 
+class Image:
+    """The bytes of a file at the addresses where they are loaded."""
+
+    def __init__(self, file):
+        self.bytes = open(file, "rb").read()
+        self.word_size = 8 if self.bytes[4] == 2 else 4
+        self.order = "<" if self.bytes[5] == 1 else ">"
+        self.segments = [[int(word, 16) for word in line.split()[1:6]]
+                         for line in run("readelf", "--segments", "--wide", file).splitlines()
+                         if line.split()[:1] == ["LOAD"]]
+
+    def word(self, address):
+        for offset, start, _, size, _ in self.segments:
+            if start <= address < start + size:
+                return struct.unpack_from(self.order + ("Q" if self.word_size == 8 else "I"), self.bytes,
+                                          offset + address - start)[0]
+        raise AssertionError(f"nothing at {address:#x}")
+
+
 def virtual_table(library, symbol):
     """Names of the functions in a class's virtual table, in order."""
     names = {}
@@ -129,18 +155,22 @@ def virtual_table(library, symbol):
             if name == symbol:
                 table = int(fields[1], 16), int(fields[2], 0)
     if table is None:
-        raise AssertionError(f"{library} has no {symbol}")
+        raise AssertionError(f"{library} has no {symbol}: is it stripped?")
     start, size = table
+    image = Image(library)
     slots = {}
     for line in run("readelf", "--relocs", "--wide", library).splitlines():
-        match = re.match(r"([0-9a-f]{8,16})\s+\S+\s+(R_\S+)\s+(.*)", line)
+        match = re.match(r"([0-9a-f]{8,16})\s+\S+\s+(R_\S+)\s*(.*)", line)
         if not match or not start <= int(match[1], 16) < start + size:
             continue
-        index = (int(match[1], 16) - start) // 8 - HEADER_WORDS
+        address = int(match[1], 16)
         rest = match[3].split()
-        name = names.get(int(rest[0], 16), "?") if len(rest) == 1 else rest[1].split("@")[0]
-        slots[index] = name
-    mangled = [slots.get(i, "?") for i in range(size // 8 - HEADER_WORDS)]
+        if len(rest) > 1:
+            name = rest[1].split("@")[0]
+        else: # relative: to what stands in the relocation or, without that, at the place
+            name = names.get(int(rest[0], 16) if rest else image.word(address), "?")
+        slots[(address - start) // image.word_size - HEADER_WORDS] = name
+    mangled = [slots.get(i, "?") for i in range(size // image.word_size - HEADER_WORDS)]
     demangled = subprocess.run(["c++filt"], input="\n".join(mangled), capture_output=True,
                                text=True, check=True).stdout.splitlines()
     return [simplify(name) for name in demangled]
@@ -149,7 +179,7 @@ def virtual_table(library, symbol):
 class SlotOrder(unittest.TestCase):
     def test_backend(self):
         actual = virtual_table(BACKEND, "_ZTV13GstNoxBackend")
-        self.assertEqual(len(actual), 63)
+        self.assertGreaterEqual(len(actual), len(BACKEND_SLOTS)) # a host may have more behind them
         for number, (name, expected) in enumerate(zip(actual, BACKEND_SLOTS), 1):
             signature, whose = expected.rsplit(" ", 1)
             classes = ("GstNoxBackend",) if whose == "own" else ("UVABackend", "UVAMediaBackend")
@@ -157,12 +187,9 @@ class SlotOrder(unittest.TestCase):
                 self.assertIn(name, [f"{cls}::{signature}" for cls in classes])
 
     def test_event_delivery_is_the_clients_third_entry(self):
-        actual = virtual_table(UVA, "_ZTV9UVAClient")
-        self.assertEqual(len(actual), 3)
-        # The class is abstract: its destructors have their slots, but nobody calls them there, and
-        # a compiler may leave them out.
-        self.assertLessEqual(set(actual[:2]), {"?", "UVAClient::~UVAClient()"})
-        self.assertEqual(actual[2], "__cxa_pure_virtual")
+        actual = virtual_table(HOST, "_ZTVN4host11ElementCoreE")
+        self.assertEqual(actual[:3], ["host::ElementCore::~ElementCore()"] * 2 +
+                         ["host::ElementCore::deliverEvent(UVAEvent*)"])
 
     def test_exports_are_what_others_need_and_no_more(self):
         families = re.compile(r"gst_uva_\w+|gst_buffer_\w+_content_protection_meta")

@@ -34,9 +34,9 @@ void release(RecordingClient& client, UVAEvent* const& event) {
 
 } // namespace
 
-template <typename Result, typename... Parameters, typename... Arguments>
-Result RecordingBackend::handOn(Operation operation,
-                                Result (UVAMediaBackend::*method)(Parameters...),
+template <typename Answer, typename... Parameters, typename... Arguments>
+Answer RecordingBackend::handOn(Operation operation,
+                                Answer (UVAMediaBackend::*method)(Parameters...),
                                 Arguments&... arguments) {
     const auto client = m_client; // an event of this operation may release the backend
     const auto code = static_cast<std::uint16_t>(operation);
@@ -50,7 +50,7 @@ Result RecordingBackend::handOn(Operation operation,
         recorder.note(Kind::Call, client->object, number, code, body);
     }
     (release(*client, arguments), ...);
-    const Result answer = (m_backend.*method)(arguments...);
+    const Answer answer = (m_backend.*method)(arguments...);
     Encoder body;
     ArgumentWriter writer(body, client->identities);
     writer.put(answer);

@@ -29,8 +29,8 @@ public:
 #undef OPERATION
 
 private:
-    template <typename Result, typename... Parameters, typename... Arguments>
-    Result handOn(Operation operation, Result (UVAMediaBackend::*method)(Parameters...),
+    template <typename Answer, typename... Parameters, typename... Arguments>
+    Answer handOn(Operation operation, Answer (UVAMediaBackend::*method)(Parameters...),
                   Arguments&... arguments);
 
     UVAMediaBackend& m_backend;

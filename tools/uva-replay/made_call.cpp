@@ -24,7 +24,7 @@ using Source = UVABackend::SourceDescription;
 class OwnSource final : public Source {
 public:
     OwnSource(const Values& values, const Objects& objects) {
-        type = static_cast<int>(values[0].integer);
+        type = static_cast<decltype(type)>(values[0].integer);
         set(url, m_url, values[1], objects.url(values[1].text));
         set(userAgent, m_agent, values[2], values[2].text);
         sourceId = static_cast<int>(values[3].integer);

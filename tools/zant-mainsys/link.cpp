@@ -3,6 +3,7 @@
 #include "cpucomm/tri_hidtv.h"
 #include "cpucomm/trid_cpucomm.h"
 #include "messaging/queue/queue_io.h"
+#include "messaging/remote/block_size.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -39,7 +40,7 @@ std::string takePayload(const ZantMsgBody& body) {
         return {};
     const Block block = ownBlock(Trid_Util_CPUComm_Convert2VirtualAddr(body.signalPtr));
     const auto size = static_cast<uint32_t>(std::max(body.signalSize, 0));
-    if (size > Trid_Util_CPUComm_GetBlockSize(block.get()))
+    if (!blockHolds(block.get(), size))
         return {};
     return {static_cast<const char*>(block.get()), size};
 }

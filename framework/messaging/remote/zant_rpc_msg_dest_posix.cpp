@@ -3,6 +3,7 @@
 #include "debug/trace/zant_trace.h"
 #include "debug/trace/zant_trace_colors.h"
 #include "messaging/queue/zant_msg.h"
+#include "messaging/remote/block_size.h"
 #include "messaging/remote/rpc_sequence.h"
 #include "timeline/timeline.h"
 
@@ -25,7 +26,7 @@ public:
 
     const void* get() const { return m_block; }
     bool holds(int32_t size) const {
-        return size > 0 && static_cast<uint32_t>(size) <= Trid_Util_CPUComm_GetBlockSize(m_block);
+        return size > 0 && blockHolds(m_block, static_cast<uint32_t>(size));
     }
 
 private:
