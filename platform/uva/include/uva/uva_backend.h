@@ -24,6 +24,7 @@ public:
     /// Which kind of element the backend is for. Value 2 is not given out.
     enum UVABackendType : unsigned int { VideoElement = 0, AudioElement = 1, MediaObject = 3 };
 
+    /// Decoders of the set, as a bit set: what is taken with releaseResources().
     enum ResourceType : int {
         NoResource = 0,
         AudioDecoder = 1,
@@ -31,6 +32,8 @@ public:
         AllResources = 3
     };
 
+    /// What a host hands over with UVAMediaBackend::writeData(): samples, the end of the source, or
+    /// that there are none because of an error.
     enum WriteDataStatus : int { Data = 0, EndOfStream = 1, DataError = 2 };
 
     /// Where media comes from. Made by the host and handed over: who receives it deletes it. The
@@ -65,13 +68,17 @@ public:
         std::string drm_robustness;
     };
 
+    /// A place on the screen or in the picture, in pixels of the space that setLogicalScreenSize()
+    /// says.
     struct Rect {
         int x = 0, y = 0, width = 0, height = 0;
     };
 
+    /// A part of a file.
     struct ByteRange {
         unsigned long long start = 0, end = 0; ///< bytes, both inclusive
     };
+    /// A part of the media.
     struct TimeRange {
         double start = 0, end = 0; ///< seconds
     };
@@ -80,7 +87,9 @@ public:
     /// MultiComponentChangedEvent names it as removed.
     class AVComponent {
     public:
+        /// What the component carries.
         enum Type : int { Video = 0, Audio = 1, Subtitle = 2 };
+        /// What a text track is for, as HTML has it.
         enum class Kind : int {
             Subtitles = 0,
             Captions = 1,
@@ -95,6 +104,7 @@ public:
         AVComponent(const AVComponent&) = delete;
         AVComponent& operator=(const AVComponent&) = delete;
 
+        /// Says whether the component is the one that plays. The backend that owns it alone.
         void setActive(bool on) { active = on; }
 
         int type;
@@ -120,14 +130,17 @@ public:
     /// Details of a named timeline of a broadcast; empty when the element has no such timeline.
     virtual std::string getTimelineDetails(const std::string& selector);
 
+    /// Which window of the host the picture is for. A set with one picture plane notes it. Success.
     virtual int setWindowId(unsigned int id);
 
     /// Size of the coordinate space that setVideoWindowAndClip() speaks, pixels.
     virtual int setLogicalScreenSize(int width, int height);
 
+    ///@{
     /// Answers to GetCookies and SetCookie events, by the request number of the event.
     virtual int responseFromGetCookiesEvent(const char* cookies, unsigned int request);
     virtual int responseFromSetCookieEvent(bool stored, unsigned int request);
+    ///@}
 
     /// The client has finished an asynchronous event. The event stays the client's.
     virtual int eventCompleted(const UVAAsyncEvent* event, bool success);
