@@ -20,7 +20,7 @@ from markdown import ROOT, Page
 
 BUILD, CLIP = (pathlib.Path(argument).resolve() for argument in sys.argv[1:3])
 SHARED = ["--share", str(ROOT)] if ROOT.is_relative_to("/tmp") else []
-PLAY = f"""play() {{ NOX_PLAY_SPEED=4 tvbox {' '.join(SHARED)} --share "$PWD" --main-system zant-mainsys --companion-log mainsys.log -- uva-host "$@"; }}
+PLAY = f"""play() {{ NOX_PLAY_SPEED=4 tvbox {' '.join(SHARED)} --main-system zant-mainsys --companion-log mainsys.log -- uva-host "$@"; }}
 """
 
 

@@ -18,6 +18,8 @@ exclude_patterns = ["build*", ".*", "web/node_modules"]
 
 html_theme = "furo"
 pygments_style = "tango"
+html_static_path = ["site.css"]
+html_css_files = ["site.css"]
 html_copy_source = False
 html_show_sphinx = False
 highlight_language = "none"  # indented blocks are outputs as often as code

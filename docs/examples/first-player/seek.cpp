@@ -80,7 +80,7 @@ std::string play(UVAMediaBackend& backend, Mailbox& mailbox, const char* path) {
             return "";
         }
         case UVAEvent::DecodeError:
-            return "the main system grants no decoder";
+            return "no decoder was granted";
         case UVAEvent::BufferingNetworkError:
             return "the file cannot be read";
         default:
