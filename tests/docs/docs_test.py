@@ -95,6 +95,22 @@ class Paths(unittest.TestCase):
         self.assertGreater(checked, 5, "the comments were not found")
 
 
+class Names(unittest.TestCase):
+    """A function or member that a header's comment names, as name() or Class::name, is declared somewhere."""
+
+    def test_are_declared(self):
+        texts = {source: source.read_text() for source in SOURCES}
+        words = {word for text in texts.values() for word in re.findall(r"\w+", re.sub(r"//.*", "", text))}
+        checked = 0
+        for source, text in texts.items():
+            comments = "\n".join(re.findall(r"//+ ?(.*)", text)) if source.suffix == ".h" else ""
+            for name in re.findall(r"\b(?:\w+::)*[A-Za-z]\w*\(\)|\b(?:\w+::)+\w+", comments):
+                checked += 1
+                with self.subTest(source=str(source.relative_to(ROOT)), name=name):
+                    self.assertEqual(set(re.findall(r"\w+", name)) - words, set(), "nothing of that name is declared")
+        self.assertGreater(checked, 100, "the names were not found")
+
+
 class Programs:
     """Programs of the tree, by name, with the options that their --help knows."""
 
@@ -183,6 +199,17 @@ class Commands(unittest.TestCase):
                     with self.subTest(page=page.name, command=command):
                         self.assertIn(option, self.programs.options(program), f"{program} --help does not have it")
         self.assertGreater(checked, 100, "the options were not found")
+
+    def test_build_options_are_known(self):
+        """Meson's own have a prefix, or are few."""
+        own = set(re.findall(r"^option\('(\w+)'", (ROOT / "meson_options.txt").read_text(), re.M))
+        builtin = r"(b|c|cpp)_\w+|buildtype|optimization|debug|werror|unity|prefix|\w*dir|strip"
+        used = {(page.name, name) for page in PAGES.values() for command, _ in self.commands(page)
+                for name in re.findall(r"(?:^|\s)-D(\w+)=", command)}
+        self.assertGreater(len(used), 5, "the build options were not found")
+        for page, name in sorted(used):
+            with self.subTest(page=page, option=name):
+                self.assertTrue(name in own or re.fullmatch(builtin, name), "meson_options.txt does not have it")
 
     def test_programs_are_there(self):
         checked = 0
