@@ -46,11 +46,11 @@ public:
             BackendStreaming = 3, ///< the backend fetches the URL
         };
         virtual ~SourceDescription();
-        int type = None;
-        const char* url = nullptr;
-        const char* userAgent = nullptr;
-        int sourceId = 0;
-        const char* mimeType = nullptr;
+        int type = None;                   ///< a Type
+        const char* url = nullptr;         ///< what the backend fetches (RFC 3986)
+        const char* userAgent = nullptr;   ///< for requests over HTTP
+        int sourceId = 0;                  ///< media source only: the host's, unique in the element
+        const char* mimeType = nullptr;    ///< media source only, e.g. "video/x-h264"
         int streamType = 0;                ///< media source only: GstAppStreamType
         unsigned long long durationMs = 0; ///< media source only: milliseconds, 0 unknown
     };
@@ -107,11 +107,11 @@ public:
         /// Says whether the component is the one that plays. The backend that owns it alone.
         void setActive(bool on) { active = on; }
 
-        int type;
-        std::string encoding;
+        int type;             ///< a Type
+        std::string encoding; ///< name of the codec
         std::string language; ///< ISO 639-2; "und": undetermined
-        std::string label;
-        bool active = false;
+        std::string label;    ///< for the user; may be empty
+        bool active = false;  ///< it plays
         bool encrypted = false;
         int pid = 0;
         int shape = 0;           ///< video: aspect ratio code, 4 for 16:9; audio: 0

@@ -115,9 +115,9 @@ class NeedMSEDataEvent : public UVAEvent {
 public:
     NeedMSEDataEvent(unsigned int id, int count)
         : UVAEvent(NeedMSEData), sourceId(id), samplesRequested(count) {}
-    ~NeedMSEDataEvent() override; ///< deletes the array and the samples still in it
-    const unsigned int sourceId;
-    const int samplesRequested;
+    ~NeedMSEDataEvent() override;  ///< deletes the array and the samples still in it
+    const unsigned int sourceId;   ///< SourceDescription::sourceId
+    const int samplesRequested;    ///< at a time; fewer may be given
     UVASample** samples = nullptr; ///< null-terminated, allocated with new[]
 };
 

@@ -56,7 +56,7 @@ public:
                                                 : UNKNOWN_STREAM;
     }
 
-    int codec = 0;
+    int codec = 0;                           ///< a Codec; 0: unknown
     const std::uint8_t* codecData = nullptr; ///< codec headers; null when there are none
     std::size_t codecDataSize = 0;           ///< bytes
 
