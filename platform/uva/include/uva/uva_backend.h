@@ -108,7 +108,7 @@ public:
         void setActive(bool on) { active = on; }
 
         int type;             ///< a Type
-        std::string encoding; ///< name of the codec
+        std::string encoding; ///< of the codec, or "UNKNOWN_ENCODING"
         std::string language; ///< ISO 639-2; "und": undetermined
         std::string label;    ///< for the user; may be empty
         bool active = false;  ///< it plays
