@@ -16,7 +16,7 @@ import sys
 import unittest
 from urllib.parse import unquote, urlsplit
 
-from markdown import ROOT, TOPS, Page, pages
+from markdown_pages import ROOT, TOPS, Page, pages
 
 BUILD = pathlib.Path(sys.argv.pop(1)).resolve()
 WITH_WEB = sys.argv.pop(1) == "with-web"

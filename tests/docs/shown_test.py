@@ -16,7 +16,7 @@ import sys
 import tempfile
 import unittest
 
-from markdown import ROOT, Page
+from markdown_pages import ROOT, Page
 
 BUILD, CLIP = (pathlib.Path(argument).resolve() for argument in sys.argv[1:3])
 SHARED = ["--share", str(ROOT)] if ROOT.is_relative_to("/tmp") else []
