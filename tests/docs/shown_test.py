@@ -76,6 +76,8 @@ class Shown(unittest.TestCase):
                 self.assertRegex(output, r"done |failed ")
                 for name in re.findall(r"/tmp/([\w.-]+)", line):
                     self.assertGreater((self.folder / name).stat().st_size, 1000, f"/tmp/{name} is hardly there")
+        width = re.search(r'<svg width="(\d+)pt"', (self.folder / "pipeline.svg").read_text())
+        self.assertLess(int(width[1]), 2000, "a window shows an empty corner of it")
         self.assertGreaterEqual(ran, 6)
 
 
