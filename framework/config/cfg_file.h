@@ -15,6 +15,7 @@ using T_CfgFileCallback = int (*)(char* keyword, char* data, const char* fileNam
 /// syslog, once, with line and reason.
 class CCfgFile {
 public:
+    /// What the functions answer besides 0.
     enum Code : int32_t {
         readError = -2300,
         endOfFile = -2301,
@@ -27,6 +28,7 @@ public:
     /// Files whose lines run files, that deep.
     static constexpr int maxNesting = 8;
 
+    /// Nothing to be done; for applications that call it.
     void Init() {}
 
     /// Runs the shell commands of a file: ReadCfgfileEx with ProcessCfgfileData, '#' and ','.
@@ -39,6 +41,7 @@ public:
     int32_t ReadCfgfileEx(const char* path, T_CfgFileCallback callback, char commentChar,
                           char termChar);
 
+    /// Whether there is something of that name.
     bool file_exist(const char* path);
     /// 0 or closeFailed.
     int32_t close_file(FILE* file);

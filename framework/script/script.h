@@ -37,6 +37,7 @@ private:
     std::shared_ptr<const Data> m_data;
 };
 
+/// What compiling gives.
 struct ScriptCompilation {
     std::optional<CompiledScript> script;
     std::string error; ///< why there is none, with file and line; empty if there is one
@@ -56,6 +57,7 @@ struct ScriptLimits {
     uint64_t steps = 1000 * 1000 * 1000;
 };
 
+/// How a run ended.
 struct ScriptOutcome {
     enum class End {
         Finished,

@@ -31,9 +31,11 @@ public:
 
     /// The number of a new watch. Throws ScriptError when there are 16.
     size_t add(const std::string& kind, const std::string& text);
+    ///@{
     /// Throw ScriptError without a watch of that number.
     ScriptEvents::Watch& get(size_t number);
     void remove(size_t number);
+    ///@}
 
 private:
     ScriptControl& m_control;
@@ -48,14 +50,17 @@ struct ScriptCall {
     ScriptControl& control;
     ScriptWatches& watches;
 
+    ///@{
     /// Arguments, counted from 1. Throw ScriptError, with `what` in it, if missing or of another
     /// type; `number` gives whole numbers.
     const std::string& text(size_t position, const char* what) const;
     int64_t number(size_t position, const char* what) const;
+    ///@}
     /// That many seconds from now.
     ScriptControl::Clock::time_point deadline(size_t position, const char* what) const;
 };
 
+/// A function that scripts may call, as it was registered.
 struct ScriptCommand {
     std::string name;
     /// Begins with the usage, such as "sleep(seconds)"; a description follows after a tab.

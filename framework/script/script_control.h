@@ -16,6 +16,7 @@ public:
         m_isStopped = true;
         wake();
     }
+    /// Whether stop() was called.
     bool isStopped() const { return m_isStopped; }
     /// Has a waiting script look again.
     void wake() EXCLUDES(m_mutex) {

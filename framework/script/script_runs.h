@@ -20,6 +20,7 @@ public:
     /// That have ended are remembered.
     static constexpr size_t mostEnded = 8;
 
+    /// A script that runs, or has.
     struct Info {
         int number; ///< from 1 on, in the order of their start
         std::string name;
@@ -27,6 +28,7 @@ public:
         std::chrono::seconds age; ///< since the start
         std::string end;          ///< how it ended; empty while it runs
     };
+    /// What start() answers.
     struct Start {
         int number;        ///< 0: it was not started
         std::string error; ///< why not, and what to do
@@ -42,6 +44,7 @@ public:
     bool stop(int number, std::chrono::milliseconds patience) EXCLUDES(m_mutex);
     /// Asks all.
     void stopAll(std::chrono::milliseconds patience) EXCLUDES(m_mutex);
+    /// Those that run and those that are remembered, in the order of their start.
     std::vector<Info> list() EXCLUDES(m_mutex);
 
 private:

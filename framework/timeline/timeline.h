@@ -80,6 +80,7 @@ public:
     Event(const Event&) = delete;
     Event& operator=(const Event&) = delete;
 
+    ///@{
     /// An argument. Bytes that are no UTF-8 are replaced; null is an empty text.
     Event& with(const char* key, std::string_view value);
     Event& with(const char* key, const char* value);
@@ -92,6 +93,7 @@ public:
         else
             return withRaw(key, std::to_string(value));
     }
+    ///@}
 
 private:
     friend class Span;
@@ -120,6 +122,7 @@ inline Event span(const char* category, std::string_view name, const Place& plac
     return Event(category, name, place, duration);
 }
 
+///@{
 /// What overlaps others of its kind, or ends elsewhere, by a number of newId().
 inline Event asyncBegin(const char* category, std::string_view name, std::uint64_t id) {
     return Event('b', category, name, Place(), id);
@@ -127,10 +130,12 @@ inline Event asyncBegin(const char* category, std::string_view name, std::uint64
 inline Event asyncEnd(const char* category, std::string_view name, std::uint64_t id) {
     return Event('e', category, name, Place(), id);
 }
+///@}
 
 /// The ends of an arrow and what lies between, each inside a span of its track. Those of one name
 /// and number belong together.
 enum class Flow : char { Start = 's', Step = 't', End = 'f' };
+/// Records one of them.
 void flow(Flow which, const char* name, std::uint64_t id, const Place& place = {});
 
 /// What lasts as long as its scope, on the thread's track.
@@ -149,12 +154,14 @@ public:
 
     /// Whether it is recorded: then what its arguments cost is worth it.
     explicit operator bool() const { return m_open != nullptr; }
+    /// An argument, see Event::with(). While nobody records it does nothing.
     template <typename Value>
     const Span& with(const char* key, const Value& value) const {
         if (m_open)
             m_open->event.with(key, value);
         return *this;
     }
+    /// An end of an arrow, now, inside this span. While nobody records it does nothing.
     const Span& flow(Flow which, const char* name, std::uint64_t id) const {
         if (m_open)
             timeline::flow(which, name, id);

@@ -23,6 +23,7 @@ struct CommandRequest {
     size_t mostOutput = 1024 * 1024;
 };
 
+/// What came of a command.
 struct CommandResult {
     Outcome outcome; ///< done: it ended with exit code 0
     std::optional<int> exitCode = {};
@@ -37,6 +38,7 @@ struct CommandResult {
 class CommandStop {
 public:
     CommandStop();
+    /// Ends them, now and for ever.
     void stop();
 
 private:

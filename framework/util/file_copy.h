@@ -7,6 +7,7 @@
 #include <functional>
 #include <string>
 
+/// How copyFile() copies.
 struct CopyOptions {
     /// On the drive, with its name, when the call returns.
     bool sync = false;

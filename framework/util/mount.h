@@ -11,6 +11,7 @@
 /// Removable drives: mounted, unmounted, and who keeps one from being unmounted. All functions are
 /// reentrant and no cancellation points; they wait as long as the drive does.
 
+/// What to mount, where and how.
 struct MountRequest {
     /// "/dev/sda1", or "LABEL=..." as in /dev/disk/by-label; any name for a given type that
     /// wants no device, such as tmpfs.
@@ -26,6 +27,7 @@ struct MountRequest {
     bool mayRaisePrivileges = false; ///< else set-user-ID bits on it do not count (nosuid)
 };
 
+/// What came of mountDrive().
 struct MountResult {
     Outcome outcome;       ///< done with a text: a drive that is only read, and why
     std::string type = {}; ///< that it was mounted as
@@ -36,11 +38,12 @@ struct MountResult {
 /// write-protected drive allows.
 MountResult mountDrive(const MountRequest& request);
 
-/// The device of a label or of a path to it: links followed.
+/// What findDrive() answers.
 struct DriveDevice {
     Outcome outcome;
     std::string path = {};
 };
+/// The device of a label ("LABEL=...") or of a path to it: links followed.
 DriveDevice findDrive(const std::string& drive);
 
 /// Somebody who uses what is mounted on a folder.
@@ -50,6 +53,7 @@ struct MountHolder {
     std::string what; ///< "works in" or "has open" and such, with the path
 };
 
+/// What came of unmountDrive().
 struct UnmountResult {
     Outcome outcome;
     std::vector<MountHolder> holders = {}; ///< when it is busy
@@ -69,15 +73,16 @@ UnmountResult unmountDrive(const std::string& folderOrDrive, Unmount how = Unmou
 /// or mapped. Touches no file of the drive. Without root's rights only this user's processes show.
 std::vector<MountHolder> findHolders(const std::string& folder);
 
-/// The order in which types are tried: `attempt` mounts, and gives 0 or an errno. Each for writing,
-/// unless only reading is asked for, and then each for reading; an error that is no matter of the
-/// type ends it. What did it, or the best reason.
+/// What did it, or the best reason, of tryMountTypes().
 struct MountAttempt {
     std::string type;
     bool readOnly;
     int error;         ///< 0: it is mounted
     int whyNotWriting; ///< why it is only read; 0: nobody tried
 };
+/// The order in which types are tried: `attempt` mounts, and gives 0 or an errno. Each for writing,
+/// unless only reading is asked for, and then each for reading; an error that is no matter of the
+/// type ends it.
 MountAttempt
 tryMountTypes(const std::vector<std::string>& types, bool readOnly,
               const std::function<int(const std::string& type, bool readOnly)>& attempt);

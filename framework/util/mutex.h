@@ -21,8 +21,11 @@ public:
     Mutex(const Mutex&) = delete;
     Mutex& operator=(const Mutex&) = delete;
 
+    ///@{
+    /// Bound to the holder's thread; MutexLock does it by scope.
     void lock() ACQUIRE() { pthread_mutex_lock(&m_mutex); }
     void unlock() RELEASE() { pthread_mutex_unlock(&m_mutex); }
+    ///@}
 
     /// The handle, for calls that take a pthread mutex.
     pthread_mutex_t* handle() RETURN_CAPABILITY(this) { return &m_mutex; }
@@ -42,6 +45,8 @@ public:
     MutexLock(const MutexLock&) = delete;
     MutexLock& operator=(const MutexLock&) = delete;
 
+    ///@{
+    /// Give it back, and take it again, before the scope ends.
     void unlock() RELEASE() {
         m_held = false;
         m_mutex.unlock();
@@ -50,6 +55,7 @@ public:
         m_mutex.lock();
         m_held = true;
     }
+    ///@}
 
 private:
     Mutex& m_mutex;
@@ -71,6 +77,7 @@ public:
     ConditionVariable(const ConditionVariable&) = delete;
     ConditionVariable& operator=(const ConditionVariable&) = delete;
 
+    /// Wakes all that wait.
     void broadcast() { pthread_cond_broadcast(&m_condition); }
 
     /// False when the deadline passed before a wake-up.

@@ -22,6 +22,7 @@ public:
     ScopedResource& operator=(const ScopedResource&) = delete;
     ~ScopedResource() { reset(); }
 
+    /// The resource, still owned here; the invalid value if there is none.
     Resource get() const { return m_resource; }
     explicit operator bool() const { return m_resource != invalid(); }
 

@@ -17,15 +17,19 @@ public:
     /// Converts ISO 8859-1 to UTF-8. Gives at most 511 bytes and no half characters.
     std::string ConvertIso8859StringToUtf8String(std::string in) const;
 
+    ///@{
     /// Strips blanks and tabs in front; blanks, tabs and line ends behind. In place; null is left
     /// alone.
     void RemoveWhitespaceFromString(char* text) const;
     void RemoveWhitespaceFromString(std::string* text) const;
+    ///@}
 
+    ///@{
     /// Copies without whitespace (as isspace in the C locale) in front, behind or both.
     std::string TrimLeft(std::string text) const;
     std::string TrimRight(std::string text) const;
     std::string TrimLeftAndRight(std::string text) const;
+    ///@}
 
     /// Writes a number: decimal, "o" and octal digits, or "0x" and hexadecimal digits. Negative
     /// numbers show as two's complement in the latter two.

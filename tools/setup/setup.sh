@@ -19,13 +19,11 @@ quietly() {
 
 # missing_packages [PACKAGE]...: of those every build needs, and of these.
 missing_packages() {
-    { grep -v '^#' tools/setup/packages.txt; printf '%s\n' "$@"; } | while read -r package; do
-        [ -n "$package" ] || continue
-        case $(dpkg-query -W -f='${Status}' "$package" 2>/dev/null) in
-            *" installed") ;;
-            *) echo "$package" ;;
-        esac
-    done
+    local wanted
+    wanted=$({ cat tools/setup/packages.txt; printf '%s\n' "$@"; } | grep '^[^#]')
+    # shellcheck disable=SC2086 # a list of words
+    grep -vxF -f <(dpkg-query -W -f='${Package} ${db:Status-Status}\n' $wanted 2>/dev/null | sed -n 's/ installed$//p') \
+        <<<"$wanted" || true # none is missing
 }
 
 # install_packages [PACKAGE]...

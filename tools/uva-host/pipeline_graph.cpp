@@ -50,10 +50,12 @@ std::string readFile(const fs::path& path) {
     return {std::istreambuf_iterator<char>(stream), {}};
 }
 
-/// Runs Graphviz, which Ctrl-C ends; empty on success, else what to do.
+/// Runs Graphviz, which Ctrl-C ends; empty on success, else what to do. The drawing is as wide as a
+/// window (inches), to be zoomed into: at its own size, a window shows one empty corner of it.
 std::string draw(const fs::path& graph, const fs::path& drawing) {
     const std::string output = "-o" + drawing.string();
-    const char* const words[] = {"dot", "-Tsvg", output.c_str(), graph.c_str(), nullptr};
+    const char* const words[] = {"dot",          "-Gsize=24",   "-Tsvg",
+                                 output.c_str(), graph.c_str(), nullptr};
     const auto unblockSignals = [](gpointer) {
         sigset_t none;
         sigemptyset(&none);

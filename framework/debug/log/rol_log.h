@@ -19,6 +19,7 @@ enum T_openMode : int32_t { OPEN_MODE_DEFAULT = 0 };
 /// is a cancellation point. They return 0 or a Code.
 class CRolLog {
 public:
+    /// What the functions answer besides 0; docs/framework.md has the causes.
     enum Code : int32_t {
         directoryTooLong = -1000,
         openFailed = -1001,
@@ -48,11 +49,13 @@ public:
     /// Forms the full names anew.
     int32_t CalcFilenames() EXCLUDES(m_fileMutex);
 
+    ///@{
     /// Opens a closed log, or closes an open one; does nothing to any other. A log that is closed
     /// is opened for each line and closed again. `lock` is false for a caller that keeps all other
     /// threads away from the log itself.
     int32_t OpenLogfile(bool lock = true);
     int32_t CloseLogfile(bool lock = true);
+    ///@}
     /// Closes the log and removes it and its backup.
     int32_t DeleteLogfile(bool lock = true);
 
@@ -60,16 +63,23 @@ public:
     /// purpose: files rotate a little early.
     int32_t WriteStringToLogfile(const char* text) EXCLUDES(m_fileMutex);
 
+    ///@{
+    /// The file's size at most, bytes; 0 for no limit. It counts from the next line on.
     void SetMaxSize(long maxSize) EXCLUDES(m_fileMutex);
     long GetMaxSize() EXCLUDES(m_fileMutex);
+    ///@}
+    /// Whether the file is there, opened or not.
     bool LogfileExists() EXCLUDES(m_fileMutex);
     /// True after an error, until the log is set up again.
     bool IsDisabled() EXCLUDES(m_fileMutex);
+    ///@{
+    /// Copies of the names in force.
     std::string GetLogfileFullName() { return copyOf(&CRolLog::m_fullName); }
     std::string GetLogfilePath() { return copyOf(&CRolLog::m_directory); }
     std::string GetLogfileName() { return copyOf(&CRolLog::m_name); }
     std::string GetLogfileExt() { return copyOf(&CRolLog::m_ext); }
     std::string GetBakfileExt() { return copyOf(&CRolLog::m_bakExt); }
+    ///@}
 
 private:
     static constexpr size_t nameSize = 500;

@@ -6,6 +6,7 @@
 
 /// One parameter of a command line.
 struct CommandParam {
+    /// What `type` says.
     enum Type : int32_t { number = 1, text = 2 };
 
     int32_t type;
@@ -16,6 +17,7 @@ struct CommandParam {
     /// The parameter as typed, whatever its type.
     std::string string;
 
+    /// Whether `value` counts.
     bool isNumber() const { return type == number; }
 };
 

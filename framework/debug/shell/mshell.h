@@ -26,6 +26,7 @@ struct CommandStruct;
 /// the object lives, so what GetMshellEntry returns stays valid.
 class CMshell : public CThreadObjectBlockingWait {
 public:
+    /// What the functions answer besides 0 and a handler's result.
     enum Code : int32_t {
         unknownCommand = -1700,
         receiveFailed = -1702,
@@ -56,11 +57,13 @@ public:
     }
     /// The first command of exactly this name, or null.
     virtual CMshellEntry* GetMshellEntry(std::string cmdName) EXCLUDES(m_entriesMutex);
+    /// How many commands are registered.
     virtual int32_t CountMshellEntrys() EXCLUDES(m_entriesMutex);
 
     /// Sets the name of the socket, "zant_dbg_server" if never called. Before the thread starts.
     void Init(const char* socketName);
 
+    /// Whether there is a command of exactly this name.
     bool MshellEntryExists(std::string cmdName) {
         return GetMshellEntry(std::move(cmdName)) != nullptr;
     }
@@ -71,27 +74,33 @@ public:
     /// Parses and runs a command line on the calling thread. The handler's result, or a Code.
     int32_t ProcessMshellCmd(const char* line);
 
+    ///@{
     /// Splits a line at blanks, tabs, commas and line ends, without quoting. 0, or badParam with
     /// `errorText` set. An empty line gives an empty name.
     int32_t ParseMshellCmd(const char* line, CommandStruct* command) {
         return GetCommand(command, line);
     }
     int32_t GetCommand(CommandStruct* command, const char* line);
+    ///@}
     /// Appends a parameter. 0, or badParam when there are 256 already or an argument is null.
     int32_t SetCommandParam(CommandStruct* command, const char* token);
     /// Reads a text that is a decimal number, or "0x" and a hexadecimal one, as a whole. 0, or
     /// badParam. `out` holds the last attempt either way; what needs more than 32 bits is cut to
     /// the largest or smallest number of 32.
     int32_t Convert_Atoi(const char* text, long* out);
+    /// Empties it: no name, no parameters, no text.
     void InitCommandStruct(CommandStruct* command);
     /// Applies DEL characters: each goes, and takes the character before it along.
     void CleanString(std::string* text);
 
+    ///@{
     /// Help, printed to the shell's output.
     void PrintAllMshellEntrysShortHelp();
     void PrintAllMshellEntrysShortHelpForGroup(std::string group);
     void PrintAllMshellGroups();
     void PrintAllMshellEntrysWithIncludedSubstring(std::string text);
+    ///@}
+    /// Whether a command was registered with this group.
     bool MshellGroupExists(const std::string& group);
 
     /// All commands, in the order of their registration.

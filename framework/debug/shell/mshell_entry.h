@@ -29,9 +29,11 @@ public:
     /// Prints the help text and a newline to the shell's output.
     void PrintShortHelp() const;
 
+    ///@{
     /// Order by name, or by group, whatever the case.
     static bool MshellEntryNameSortPredicate(const CMshellEntry* left, const CMshellEntry* right);
     static bool MshellEntryGroupSortPredicate(const CMshellEntry* left, const CMshellEntry* right);
+    ///@}
 
     /// How many parameters the command takes, as registered; each handler checks its own.
     const int32_t paramCount;

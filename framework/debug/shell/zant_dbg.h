@@ -33,6 +33,7 @@ public:
     CZantDbg(const CZantDbg&) = delete;
     CZantDbg& operator=(const CZantDbg&) = delete;
 
+    /// Nothing to be done; for applications that call it.
     void Init() {}
     /// The first registration of a number wins; a null function is refused. Always 0.
     int32_t AddZantDbgCmd(unsigned id, T_ZantDbgFunction function) EXCLUDES(m_mutex);
@@ -53,9 +54,11 @@ private:
 /// The one registry of the process. Never destroyed.
 extern CZantDbg& zantDbg;
 
+///@{
 /// The same on zantDbg.
 int32_t AddZantDbgCmd(unsigned id, T_ZantDbgFunction function);
 int32_t ExecuteZantDbgCmd(unsigned id);
+///@}
 
 /// A function to try the way from the shell to a function with. Returns 0.
 int ZantDbgCmdTestFunction(unsigned id);

@@ -7,9 +7,11 @@ struct CommandStruct;
 /// shell as typed.
 void AddZantDbgMshellCmds();
 
+///@{
 /// As "m_appendlinetoetcpreinit" and "m_deleteetcpreinit", for the file "/etc/zantauto". For a
 /// product that registers them; the first takes the text, the second nothing.
 int MshellCmdAppendLineToEtcZantauto(CommandStruct* command);
 int MshellCmdDeleteEtcZantauto(CommandStruct* command);
+///@}
 
 #endif

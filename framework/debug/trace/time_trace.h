@@ -41,20 +41,26 @@ public:
 
     /// `b` - `a`.
     static timespec TTDiffTime(timespec a, timespec b);
+    ///@{
     /// From the start point to the last point, and to now.
     timespec TTDiffTimeTotal() const;
     timespec TTDiffTimeTotalCurrent() const;
+    ///@}
 
+    ///@{
     /// The time between two points, by index or by the first point that has the id. An end beyond
     /// the capacity means the last point there is room for.
     int32_t TTGetRange(timespec* out, int32_t start, int32_t end) const;
     int32_t TTGetIdRange(timespec* out, int32_t startId, int32_t endId) const;
+    ///@}
 
+    ///@{
     /// Prints one line for each point, or one line for a range.
     void TTPrint() const;
     int32_t TTPrintRange(int32_t start, int32_t end) const;
     int32_t TTPrintIdRange(int32_t startId, int32_t endId, const char* text1,
                            const char* text2) const;
+    ///@}
 
 private:
     struct Point {

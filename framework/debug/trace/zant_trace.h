@@ -115,10 +115,12 @@ void TraceFormattedString(unsigned unit, int level, const char* format, ...)
 /// output or through the trace thread, never to syslog.
 void FormattedStringToStdout(const char* format, ...) __attribute__((format(printf, 1, 2)));
 
+///@{
 /// Sends a text to syslog as an error, however tracing is set: by default traces go nowhere. The
 /// second form is for what is traced too: not a second time where that trace goes to syslog.
 void ErrorToSyslog(const char* text);
 void ErrorToSyslogUnlessTraced(unsigned unit, int level, const char* text);
+///@}
 
 /// Initialises the trace facility with syslog facility LOG_LOCAL0. Returns 0 or a negative code.
 int32_t ZantTrace_Init(const char* processName);
@@ -138,7 +140,9 @@ void PrintAllTraceActivationStates(void);
 /// Receives every finished line, on the trace thread. Never called in direct-print mode. One that
 /// throws is unregistered.
 typedef void (*T_UserTraceOutputFunction)(const char* line);
+/// One at a time: the last one registered.
 void RegisterUserDefinedTraceOutputFunction(T_UserTraceOutputFunction function);
+/// The function may be under way when this returns.
 void UnregisterUserDefinedTraceOutputFunction(void);
 
 #ifdef __cplusplus

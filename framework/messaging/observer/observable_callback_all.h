@@ -10,6 +10,7 @@ public:
     /// Notifies the objects, then the queues. The message has no payload afterwards. 0, or the code
     /// of a delivery that failed.
     virtual int32_t NotifyObserversAll(CZantMsg* msg);
+    /// How many get a message with this signal.
     virtual int32_t CountObserversAll(unsigned long signal);
 };
 

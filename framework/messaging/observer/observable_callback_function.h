@@ -26,22 +26,29 @@ public:
     CObservableCallbackFunction(const CObservableCallbackFunction&) = delete;
     CObservableCallbackFunction& operator=(const CObservableCallbackFunction&) = delete;
 
+    ///@{
     /// Refuse a null pointer and an observer that is registered for this signal already.
     virtual int32_t RegisterCallbackFunction(CObserverCallbackFunction& observer, long callbackId,
                                              long callbackId2, unsigned long signal);
     virtual int32_t RegisterCallbackFunction(CObserverCallbackFunction* observer, long callbackId,
                                              long callbackId2, unsigned long signal);
+    ///@}
+    /// Ends what a registration with this signal began; others of the same observer stay.
     virtual int32_t UnregisterCallbackFunction(CObserverCallbackFunction& observer,
                                                unsigned long signal);
+    /// Ends all registrations.
     virtual void DeleteObserversWithCallbackFunction();
     /// How many get a message with this signal.
     virtual int32_t CountObserversWithCallbackFunction(unsigned long signal);
+    /// Whether it is registered for exactly this signal.
     virtual bool AlreadyRegisteredWithCallbackFunction(CObserverCallbackFunction& observer,
                                                        unsigned long signal);
     /// Calls all that want the message, with their callback ids in `param2` and `param3`. The
     /// message has no payload afterwards.
     virtual int32_t NotifyObserversWithCallbackFunction(CZantMsg* msg);
 
+    ///@{
+    /// For a caller that has locked the observers.
     int32_t CountObserversForThisMsg(unsigned long signal) REQUIRES(m_observers.mutex()) {
         return m_observers.count(signal);
     }
@@ -50,10 +57,13 @@ public:
         REQUIRES(m_observers.mutex()) {
         return m_observers.contains(key(&observer), signal);
     }
+    ///@}
 
+    ///@{
     /// Deliveries of the process.
     static uint32_t GetTotalNrOfFunctionCallbacks() { return totalNrOfFunctionCallbacks; }
     static void ClearTotalNrOfFunctionCallbacks() { totalNrOfFunctionCallbacks = 0; }
+    ///@}
 
 private:
     static intptr_t key(CObserverCallbackFunction* observer) {

@@ -20,15 +20,20 @@ public:
     /// that is registered for this signal already.
     virtual int32_t RegisterCallbackQueue(int queue, long callbackId, long callbackId2,
                                           unsigned long signal);
+    /// Ends what a registration with this signal began; others of the same observer stay.
     virtual int32_t UnregisterCallbackQueue(int queue, unsigned long signal);
+    /// Ends all registrations.
     virtual void DeleteObserversWithCallbackQueue();
     /// How many get a message with this signal.
     virtual int32_t CountObserversWithCallbackQueue(unsigned long signal);
+    /// Whether it is registered for exactly this signal.
     virtual bool AlreadyRegisteredWithCallbackQueue(int queue, unsigned long signal);
     /// Sends the message to all that want it, with their callback ids in `param2` and `param3`. The
     /// message has no payload afterwards. 0, or the code of the last send that failed.
     virtual int32_t NotifyObserversWithCallbackQueue(CZantMsg* msg);
 
+    ///@{
+    /// For a caller that has locked the observers.
     int32_t CountObserversForThisMsg(unsigned long signal) REQUIRES(m_observers.mutex()) {
         return m_observers.count(signal);
     }
@@ -36,10 +41,13 @@ public:
         REQUIRES(m_observers.mutex()) {
         return m_observers.contains(queue, signal);
     }
+    ///@}
 
+    ///@{
     /// Deliveries of the process.
     static uint32_t GetTotalNrOfQueueCallbacks() { return totalNrOfQueueCallbacks; }
     static void ClearTotalNrOfQueueCallbacks() { totalNrOfQueueCallbacks = 0; }
+    ///@}
 
 private:
     static const ObserverList::Form form;

@@ -55,22 +55,26 @@ public:
     /// copied (its size is 0, or memory is short): then there is no buffer and the size is 0.
     int32_t CopyMsg(const CZantMsg& other);
 
+    ///@{
     /// Send the message with the given priority, see CZantMsgQueue::Send. The payloads are gone
     /// afterwards, whatever the result.
     int32_t SendMsg(CZantMsgQueue* queue, int prio);
     int32_t SendMsg(int handle, int prio);
+    ///@}
     /// Sends to `responseQueue`; -1300 when there is none.
     int32_t SendMsgIndirect(int prio);
 
+    ///@{
     /// See CZantMsgQueue::Receive and CZantMsgQueue::ReceiveFromNonblockingQueue. The number is not
     /// used.
     int32_t ReceiveMsg(CZantMsgQueue* queue, int unused);
     int32_t ReceiveMsgFromNonblockingQueue(CZantMsgQueue* queue, int unused);
+    ///@}
 
     /// The name of `signalId`, "SIG_ID_NULL" for a value that is none.
     const char* signalName() const { return GetSignalIdNamePtr(static_cast<SignalIds>(signalId)); }
 
-    /// The buffer, from ::operator new(size).
+    /// The buffer, from the global operator new.
     void* signalPtr = nullptr;
     CZantMsgObject* signalObj = nullptr;
     /// On a queue between processes, in place of the buffer: its address in the memory that the

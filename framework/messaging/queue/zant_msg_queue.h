@@ -29,6 +29,7 @@ struct T_GlobalMsgQueueInfo {
 /// until the last instruction of the process.
 class CZantMsgQueue {
 public:
+    /// What the operations answer besides 0.
     enum Code : int32_t {
         closeFailed = -1410,
         nothingToClose = -1411,
@@ -74,6 +75,7 @@ public:
     /// (`unlinkFirst`) and lost it, it is drained, unless another object of the process has it
     /// open.
     int32_t Close();
+    /// The queue's attributes as mq_getattr gives them. 0 or a code.
     int32_t Getattr(mq_attr* attr);
     /// Why the last Open failed, as errno; 0 if it did not.
     int OpenError() const { return m_openError; }
@@ -91,12 +93,14 @@ public:
     /// The number of waiting messages, or a negative code.
     int32_t GetNrOfMsgsInQueue();
 
+    ///@{
     /// Sends to this queue, or to any queue of the process. On success the receiver owns the
     /// payloads; on failure they are freed, except that with a null message there are none. A full
     /// queue opened without O_NONBLOCK holds the sender, one opened with it refuses. Only the wait
     /// on a full queue may be cancelled.
     int32_t Send(CZantMsg* msg, unsigned prio);
     static int32_t Send(int handle, CZantMsg* msg, unsigned prio);
+    ///@}
     /// The same without a trace: false, with errno, when it is not sent. The payloads are then
     /// still the caller's.
     [[nodiscard]] bool TrySend(CZantMsg& msg, unsigned prio);
@@ -118,13 +122,17 @@ public:
     /// are drained or dropped, on whichever thread does that; it has to bear any number. To be
     /// called before the queue opens.
     void CarrySharedAddresses(FreeShared freeShared) { m_freeShared = freeShared; }
+    /// Whether CarrySharedAddresses() was called.
     bool CarriesSharedAddresses() const { return m_freeShared != nullptr; }
     /// Frees what a message that came from this queue carries, because nobody handles it.
     void DropPayload(CZantMsg& msg) const;
 
+    ///@{
     /// Locks and unlocks the registry.
     static void GetMutex() ACQUIRE(m_zantMsgQueueMutex) { m_zantMsgQueueMutex.lock(); }
     static void ReleaseMutex() RELEASE(m_zantMsgQueueMutex) { m_zantMsgQueueMutex.unlock(); }
+    ///@}
+    /// Lists an open queue; once.
     static void AddQueueToGlobalMsgQueueList(CZantMsgQueue* queue, int handle)
         EXCLUDES(m_zantMsgQueueMutex);
     /// Does nothing while handling is terminated.
@@ -153,14 +161,18 @@ public:
     /// Reads and prints all waiting messages and frees their payloads. Never waits.
     static void DumpQueue(int handle) EXCLUDES(m_zantMsgQueueMutex);
 
+    ///@{
     /// Terminate freezes the registry before static objects go: queues that close afterwards stay
     /// listed, until they are destroyed. Start ends that.
     static void Start() { m_zantMsgQueueHandlingTerminated = false; }
     static void Terminate() { m_zantMsgQueueHandlingTerminated = true; }
+    ///@}
 
+    ///@{
     /// Successful sends of the process.
     static uint32_t GetTotalNrOfSentMsgs() { return totalNrOfSentMsgs; }
     static void ClearTotalNrOfSentMsgs() { totalNrOfSentMsgs = 0; }
+    ///@}
 
     /// -1 until a queue was opened, and after an Open that failed.
     std::atomic<int32_t> handle{-1};

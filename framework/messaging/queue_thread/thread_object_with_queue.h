@@ -27,9 +27,11 @@ public:
     /// CZantMsgQueue::Open for the rest and for the codes. Before the thread starts, and by one
     /// thread.
     int32_t Init(const char* name, int maxMsgs, int mode, bool nameIsComplete, bool unlinkFirst);
+    ///@{
     /// The name and the error (errno) of an Init that failed; 0 after one that did not.
     const std::string& QueueName() const { return queueName; }
     int QueueError() const { return m_queue.OpenError(); }
+    ///@}
 
     /// As the base, but 0 whatever the base answers; -1111 before Init.
     int32_t StartThread(const char* name, int stackSize, int priority) override;
@@ -49,10 +51,12 @@ public:
     virtual void ProcessZantMsg(CZantMsg* msg) = 0;
     /// Runs once on the thread, before the first message.
     virtual void BeforeProcessingMsgs();
+    ///@{
     /// Read and handle messages until the thread shall end. The first is for a derived class whose
     /// queue blocks.
     virtual void ReadMsgsFromBlockingQueue();
     virtual void ReadMsgsFromNonBlockingQueue();
+    ///@}
 
 protected:
     CZantMsgQueue m_queue;

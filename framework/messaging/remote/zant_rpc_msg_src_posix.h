@@ -44,9 +44,11 @@ public:
     /// Goes on to the next sequence number: 2 to 254 and round again. 1 is a fresh sender's first.
     void IncSequenceCtr();
 
+    ///@{
     /// Messages that this source was given to forward, and those of all sources.
     uint32_t GetNrOfRpcCalls() const { return nrOfRpcCalls; }
     static uint32_t GetTotalNrOfRpcCalls() { return totalNrOfRpcCalls; }
+    ///@}
 
 private:
     bool openTargetQueue();

@@ -45,15 +45,19 @@ public:
     virtual void StopThreadAndWait();
     /// 1 plain, 2 queue, 3 queue with states, 4 remote-call queue, 5 blocking wait.
     virtual int GetThreadType() { return 1; }
+    /// Messages handled since the start; 0 for a thread without a queue.
     virtual uint32_t GetNrOfProcessedMsgs() const { return 0; }
     /// What the thread does. It looks at `stopRequested` and ends when that is set.
     virtual void ThreadWorkFunction() = 0;
 
+    ///@{
     /// Locks and unlocks the list.
     static void GetMutex() ACQUIRE(m_zantGlobalThreadMutex) { m_zantGlobalThreadMutex.lock(); }
     static void ReleaseMutex() RELEASE(m_zantGlobalThreadMutex) {
         m_zantGlobalThreadMutex.unlock();
     }
+    ///@}
+    /// Lists an object whose thread starts; once.
     static void AddThreadToGlobalThreadList(CThreadObject* object)
         EXCLUDES(m_zantGlobalThreadMutex);
     /// Does nothing while handling is terminated.
@@ -81,10 +85,12 @@ public:
     /// long on somebody's thread looks here, and leaves.
     static bool CallerShallStop();
 
+    ///@{
     /// Terminate freezes the list before static objects go: threads that end afterwards stay
     /// listed, until their objects are destroyed. Start ends that.
     static void Start() { m_zantGlobalThreadHandlingTerminated = false; }
     static void Terminate() { m_zantGlobalThreadHandlingTerminated = true; }
+    ///@}
 
 protected:
     /// Which start of the thread something is meant for: counts from 1, 0 before the first. A stop

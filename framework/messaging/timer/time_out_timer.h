@@ -23,11 +23,15 @@ public:
     TimeOutTimer& operator=(const TimeOutTimer&) = delete;
     virtual ~TimeOutTimer();
 
+    /// What the constructor was given, anew. Does not start the time.
     void SetTimer(double expiryMs, unsigned long signal, int queue, long addExpiryInfo);
-    /// Starts the time. Without a queue (handle above 0) it does nothing. The server's thread must
-    /// have been started for anything to arrive, see TimeOutServer.
+    ///@{
+    /// Starts the time, with other values than before or the same. Without a queue (handle above 0)
+    /// it does nothing. The server's thread must have been started for anything to arrive, see
+    /// TimeOutServer.
     void StartTimer();
     void StartTimer(double expiryMs, unsigned long signal, int queue, long addExpiryInfo);
+    ///@}
     /// Makes messages of earlier starts invalid; they still arrive.
     void StopTimer();
     /// Starts the time without a message.
@@ -35,18 +39,24 @@ public:
     /// True for the message of the current start; the timer has expired then.
     bool TimerIsValid(const CZantMsg* msg);
 
+    /// Started, and neither stopped nor known to have expired.
     bool TimerIsRunning() const { return state == running; }
     /// In milliseconds, negative once due.
     double GetRemainingTime();
+    /// Since the start, in milliseconds.
     double GetElapsedTime();
+    /// Since the start, in microseconds.
     double GetElapsedTimeInMicroSec();
 
+    ///@{
+    /// What the timer was given, and what names it in messages.
     double GetExpiryTime() const { return expiryTime; }
     int32_t GetQueueId() const { return queueId; }
     uint32_t GetSignalName() const { return signalName; }
     uint32_t GetTimerId() const { return timerId; }
     TimeOutTimer* GetTimerObjPtr() const { return timerObjPtr; }
     int32_t GetAddExpiryInfo() const { return addExpiryInfo; }
+    ///@}
 
     /// The message of an expiry.
     CZantMsg expiryMessage() const;

@@ -7,13 +7,18 @@
 /// A stopwatch on the monotonic clock. Bound to one thread at a time.
 class Timer {
 public:
+    ///@{
+    /// Take the time. A stop counts once: the next start begins anew.
     void start();
     void stop();
+    ///@}
 
+    ///@{
     /// Time from the start to the stop or, while the stopwatch runs, to now.
     double getElapsedTimeInMicroSec();
     double getElapsedTimeInMilliSec();
     double getElapsedTimeInSec();
+    ///@}
     /// In seconds.
     double getElapsedTime() { return getElapsedTimeInSec(); }
 

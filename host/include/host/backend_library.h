@@ -16,6 +16,7 @@ namespace host {
 /// The two operations belong on the event loop's thread.
 class BackendLibrary {
 public:
+    /// What load() answers.
     struct Loaded {
         std::shared_ptr<BackendLibrary> library; ///< null: see `error`
         std::string error;                       ///< what went wrong and what to do, one line
@@ -26,7 +27,9 @@ public:
     /// UVA_RECORDER, else libuvarecord.so.
     static Loaded load(const std::string& path);
 
+    /// UVA_RequestBackend of the library: null when it has none to give. The caller gives it back.
     UVAMediaBackend* request(UVABackend::UVABackendType type, UVAClient* client) const;
+    /// UVA_ReleaseBackend of the library, with its answer. The backend is gone when it returns.
     bool release(UVAMediaBackend* backend) const;
 
 private:

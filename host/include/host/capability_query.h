@@ -30,6 +30,7 @@ inline constexpr ContentParameter contentParameters[] = {
 /// is no content type.
 std::optional<UVABackend::ContentDescription> parseContentType(const std::string& text);
 
+/// What askCanPlay() answers. A plain value.
 struct CapabilityAnswer {
     bool canPlay = false;
     std::string reason; ///< why not: the smallest part of the question that is refused by itself

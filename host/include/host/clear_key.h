@@ -13,6 +13,7 @@ namespace host {
 /// Identifier of the key system, as setKeySystem() takes it.
 inline constexpr const char* clearKeySystem = "org.w3.clearkey";
 
+/// A key and its name. A plain value.
 struct KeyPair {
     KeyBytes id;
     KeyBytes key;
@@ -54,9 +55,11 @@ public:
     void releaseDecrypter(UVADRMDecrypter* decrypter) override;
     void* getInterface(const char* name) override;
 
+    ///@{
     /// Decrypters made and given back, since the beginning: whoever is done has as many of each.
     unsigned int created() const;
     unsigned int released() const;
+    ///@}
 
 private:
     struct State;

@@ -47,6 +47,7 @@ struct PictureCounters {
 /// of the backend is made; what came of them goes to the observer.
 class MediaElement {
 public:
+    /// What an element is made with; none of it changes later.
     struct Options {
         ResourcePolicy resources = ResourcePolicy::Grant;
         std::string userAgent = "uva-host";
@@ -78,6 +79,7 @@ public:
         std::function<PictureCounters(SourceId source)> pictures;
     };
 
+    /// What capture() answers.
     struct Capture {
         Picture picture;
         std::string error; ///< empty: the picture is there
@@ -103,9 +105,11 @@ public:
     void open(std::string uri);
     /// The same with samples in place of a URL.
     void openSource(MediaSource source);
+    ///@{
     /// Before one of the two nothing is fetched, fed or shown. Behind the end playback begins anew.
     void play();
     void pause();
+    ///@}
 
     /// Seconds. Answers the number of this seek, from 1, under which Observer::onSeek() tells what
     /// became of it. One seek is under way at a time; one more waits, and a newer request takes its
@@ -128,6 +132,7 @@ public:
     /// Asks this element's backend; it is requested for that if need be.
     std::future<CapabilityAnswer> canPlayType(UVABackend::ContentDescription description);
 
+    /// What the set has counted since open().
     PictureCounters counters() const;
     /// None is found unanswered before a seek or the release.
     RequestCounts requests() const;
@@ -138,6 +143,7 @@ public:
     /// playback is. A stream whose samples change their codec is attached anew where they do. Null
     /// is none: 0.
     SourceId attach(std::unique_ptr<SampleStream> stream);
+    /// Takes a source away that attach() gave a number to; unknown ones do not matter.
     void detach(SourceId source);
     /// Detaches the source of this kind and attaches it again. The backend seeks to where it is.
     void reattach(StreamInfo::Kind kind);

@@ -6,16 +6,17 @@
 
 namespace host {
 
+/// What toMediaUri() answers. A plain value.
 struct MediaUri {
     std::string uri;   ///< empty: see `error`
     std::string error; ///< why it cannot be opened, without the name, one line
 };
 
 /// The URI that a backend takes for what a user named: a URL (scheme://) as it is, a path as a
-/// file:// URI. Files must exist, be readable and no directory. Touches the file system.
+/// `file:` URI. Files must exist, be readable and no directory. Touches the file system.
 MediaUri toMediaUri(const std::string& name);
 
-/// A path as a file:// URI; a relative one counts from the working directory. The path's bytes are
+/// A path as a `file:` URI; a relative one counts from the working directory. The path's bytes are
 /// kept whatever their encoding.
 std::string fileUri(const std::string& path);
 

@@ -45,10 +45,12 @@ public:
     /// All has been played. The status tells of it first.
     virtual void onEnd(double position);
 
+    ///@{
     /// Playback is held, or will be at once, because this source has nothing to go on with; ... it
     /// has again. By turns, of sources that the host feeds.
     virtual void onStarved(SourceId source);
     virtual void onFilled(SourceId source);
+    ///@}
 
     /// Samples of this source, from this time on (seconds), are held back until the key with this
     /// id is there and MediaElement::resumeFeeding() was called. Once a key, until something else

@@ -13,6 +13,7 @@ using Clock = std::chrono::steady_clock;
 
 using Value = std::variant<bool, long long, double, std::string>;
 
+/// An argument of an operation or event. A plain value.
 struct Argument {
     std::string name;
     Value value;
@@ -20,6 +21,7 @@ struct Argument {
 
 /// One thing that happened between host and backend. A plain value.
 struct Record {
+    /// Down to the backend, or up from it.
     enum class Kind { Operation, Event };
 
     Kind kind = Kind::Event;

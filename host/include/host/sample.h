@@ -17,6 +17,7 @@ using InitVector = std::array<std::uint8_t, 16>;
 
 /// How a sample is encrypted (ISO/IEC 23001-7). A plain value.
 struct Protection {
+    /// A protection scheme.
     enum class Scheme {
         None, ///< clear
         Cenc, ///< AES-CTR
@@ -51,8 +52,11 @@ class KeyReference {
 public:
     explicit KeyReference(const Protection& protection);
 
+    ///@{
+    /// What goes into UVASample::keyId() and UVASample::keyIdSize().
     const std::uint8_t* data() const { return m_size == 0 ? nullptr : m_bytes.data(); }
     std::size_t size() const { return m_size; }
+    ///@}
 
 private:
     std::array<std::uint8_t, sizeof(KeyBytes) + 2> m_bytes = {};

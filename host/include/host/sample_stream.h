@@ -16,6 +16,7 @@ using SourceId = unsigned int;
 
 /// What a media source is told of an elementary stream. A plain value.
 struct StreamInfo {
+    /// What is in it.
     enum class Kind { Audio, Video };
 
     Kind kind = Kind::Video;
@@ -29,6 +30,7 @@ struct StreamInfo {
 /// of no concern to who reads. Bound to one thread, but for interrupt().
 class SampleStream {
 public:
+    /// What read() answers.
     struct Batch {
         std::vector<std::unique_ptr<Sample>> samples;
         bool ended = false; ///< nothing follows these samples
@@ -49,6 +51,7 @@ public:
 
     virtual ~SampleStream();
 
+    /// What the stream is.
     virtual const StreamInfo& info() const = 0;
 
     /// At most `count` samples, fewer when the stream ends or fails. An empty batch that is neither

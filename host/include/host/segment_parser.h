@@ -63,15 +63,18 @@ public:
     class Output {
     public:
         virtual ~Output();
+        /// An initialization segment is complete.
         virtual void onInit(InitSegment segment) = 0;
         /// In the middle of media: keys that are to be had for what follows.
         virtual void onInitData(InitData data) = 0;
         /// Never none. Of one track they are in decoding order.
         virtual void onFrames(std::vector<CodedFrame> frames) = 0;
+        /// An event message, where it stands in the stream.
         virtual void onEvent(EventMessage event) = 0;
         virtual void onSegmentEnd() = 0; ///< of a media segment: all of its frames have been given
     };
 
+    /// What is being parsed: between segments, or which.
     enum class State { Waiting, InitSegment, MediaSegment };
 
     /// For a content type as addSourceBuffer() takes it, e.g. `video/mp4; codecs="avc1.64001f"`; of
@@ -90,6 +93,7 @@ public:
     /// initialization segment stays in force (MSE, Reset Parser State).
     virtual void reset() = 0;
 
+    /// What is being parsed; MSE's append state.
     virtual State state() const = 0;
 };
 

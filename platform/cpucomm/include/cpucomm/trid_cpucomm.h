@@ -21,10 +21,11 @@ enum _tagCPUID {
     CPUID_APPLICATION = 2 ///< where the media processes run
 };
 
-/// What a remotely called routine is given, and what it answers.
+/// What a remotely called routine is given.
 struct _tagCPUFuncCallParam {
     uint32_t word[8];
 };
+/// What a remotely called routine answers.
 struct _tagCPUFuncCallReturn {
     uint32_t word[8];
 };

@@ -30,6 +30,7 @@ public:
     /// The picture that is shown now, scaled to width × height, or in its own size when both are 0.
     /// False when nothing is shown.
     virtual bool grab(Picture& picture, int width, int height) = 0;
+    /// Shows the plane, or hides it.
     virtual void setVisible(bool visible) = 0;
 };
 
@@ -65,7 +66,9 @@ struct PlayedSound {
 class OutputTap {
 public:
     virtual ~OutputTap();
+    /// A sink shows this picture now.
     virtual void onPicture(ShownPicture picture) = 0;
+    /// A sink plays this from now on.
     virtual void onSound(PlayedSound sound) = 0;
 };
 
@@ -77,13 +80,18 @@ public:
 /// without the lock.
 class Screen {
 public:
+    /// The one of the process.
     static Screen& instance();
 
     /// `sink`: the sink's name, see counters().
     void add(VideoPlane* plane, const std::string& sink);
+    /// Waits for a call of the plane that is under way.
     void remove(VideoPlane* plane);
+    ///@{
+    /// The same for what plays sound.
     void add(AudioOutput* output);
     void remove(AudioOutput* output);
+    ///@}
 
     /// From the plane of the newest picture; see VideoPlane::grab.
     bool grab(Picture& picture, int width = 0, int height = 0);
@@ -106,6 +114,7 @@ public:
     /// Called after each new picture, on the plane's streaming thread, for as long as the returned
     /// handle lives; dropping the handle waits for a call under way on another thread.
     using Listener = std::function<void()>;
+    /// Adds a listener; see there.
     std::shared_ptr<void> listen(Listener listener);
 
     /// The tap is called for as long as the returned handle lives; dropping that waits for calls

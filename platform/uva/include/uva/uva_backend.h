@@ -24,6 +24,7 @@ public:
     /// Which kind of element the backend is for. Value 2 is not given out.
     enum UVABackendType : unsigned int { VideoElement = 0, AudioElement = 1, MediaObject = 3 };
 
+    /// Decoders of the set, as a bit set: what is taken with releaseResources().
     enum ResourceType : int {
         NoResource = 0,
         AudioDecoder = 1,
@@ -31,6 +32,8 @@ public:
         AllResources = 3
     };
 
+    /// What a host hands over with UVAMediaBackend::writeData(): samples, the end of the source, or
+    /// that there are none because of an error.
     enum WriteDataStatus : int { Data = 0, EndOfStream = 1, DataError = 2 };
 
     /// Where media comes from. Made by the host and handed over: who receives it deletes it. The
@@ -43,11 +46,11 @@ public:
             BackendStreaming = 3, ///< the backend fetches the URL
         };
         virtual ~SourceDescription();
-        int type = None;
-        const char* url = nullptr;
-        const char* userAgent = nullptr;
-        int sourceId = 0;
-        const char* mimeType = nullptr;
+        int type = None;                   ///< a Type
+        const char* url = nullptr;         ///< what the backend fetches (RFC 3986)
+        const char* userAgent = nullptr;   ///< for requests over HTTP
+        int sourceId = 0;                  ///< media source only: the host's, unique in the element
+        const char* mimeType = nullptr;    ///< media source only, e.g. "video/x-h264"
         int streamType = 0;                ///< media source only: GstAppStreamType
         unsigned long long durationMs = 0; ///< media source only: milliseconds, 0 unknown
     };
@@ -65,13 +68,17 @@ public:
         std::string drm_robustness;
     };
 
+    /// A place on the screen or in the picture, in pixels of the space that setLogicalScreenSize()
+    /// says.
     struct Rect {
         int x = 0, y = 0, width = 0, height = 0;
     };
 
+    /// A part of a file.
     struct ByteRange {
         unsigned long long start = 0, end = 0; ///< bytes, both inclusive
     };
+    /// A part of the media.
     struct TimeRange {
         double start = 0, end = 0; ///< seconds
     };
@@ -80,7 +87,9 @@ public:
     /// MultiComponentChangedEvent names it as removed.
     class AVComponent {
     public:
+        /// What the component carries.
         enum Type : int { Video = 0, Audio = 1, Subtitle = 2 };
+        /// What a text track is for, as HTML has it.
         enum class Kind : int {
             Subtitles = 0,
             Captions = 1,
@@ -95,13 +104,14 @@ public:
         AVComponent(const AVComponent&) = delete;
         AVComponent& operator=(const AVComponent&) = delete;
 
+        /// Says whether the component is the one that plays. The backend that owns it alone.
         void setActive(bool on) { active = on; }
 
-        int type;
-        std::string encoding;
+        int type;             ///< a Type
+        std::string encoding; ///< of the codec, or "UNKNOWN_ENCODING"
         std::string language; ///< ISO 639-2; "und": undetermined
-        std::string label;
-        bool active = false;
+        std::string label;    ///< for the user; may be empty
+        bool active = false;  ///< it plays
         bool encrypted = false;
         int pid = 0;
         int shape = 0;           ///< video: aspect ratio code, 4 for 16:9; audio: 0
@@ -120,14 +130,17 @@ public:
     /// Details of a named timeline of a broadcast; empty when the element has no such timeline.
     virtual std::string getTimelineDetails(const std::string& selector);
 
+    /// Which window of the host the picture is for. A set with one picture plane notes it. Success.
     virtual int setWindowId(unsigned int id);
 
     /// Size of the coordinate space that setVideoWindowAndClip() speaks, pixels.
     virtual int setLogicalScreenSize(int width, int height);
 
+    ///@{
     /// Answers to GetCookies and SetCookie events, by the request number of the event.
     virtual int responseFromGetCookiesEvent(const char* cookies, unsigned int request);
     virtual int responseFromSetCookieEvent(bool stored, unsigned int request);
+    ///@}
 
     /// The client has finished an asynchronous event. The event stays the client's.
     virtual int eventCompleted(const UVAAsyncEvent* event, bool success);

@@ -18,6 +18,7 @@ public:
         bool last = false;  ///< last piece of the sample
         bool flag = false;  ///< host-defined, passed through
     };
+    /// Where the clear bytes go: as many as came in.
     struct Output {
         std::uint8_t* data = nullptr; ///< may be the input's own memory
         std::size_t size = 0;
@@ -38,6 +39,8 @@ public:
     /// Makes a decrypter for a key. 1 on success; otherwise `decrypter` is left alone.
     virtual int createDecrypter(UVADRMDecrypter*& decrypter, const std::uint8_t* keyId,
                                 std::size_t keyIdSize, std::uint64_t value) = 0;
+    /// Takes a decrypter of createDecrypter() back and deletes it. The thread that used it is
+    /// through.
     virtual void releaseDecrypter(UVADRMDecrypter* decrypter) = 0;
 
     /// An optional interface by name (the `interfaceName` members below), null when there is none.
@@ -64,6 +67,7 @@ public:
         std::uint32_t offset = 0;
         std::uint32_t length = 0;
     };
+    /// A sample as a whole. The memory belongs to the caller and lives for the call.
     struct Sample {
         std::uint8_t* data = nullptr; ///< decrypted in place
         std::size_t size = 0;

@@ -10,6 +10,8 @@
 /// What a backend tells its client. Owned by the client once delivered; deleted by it.
 class UVAEvent {
 public:
+    /// The number of each event. Those without a class below belong to what this interface does not
+    /// carry, such as broadcasts.
     enum Type : int {
         BackendResourceRevoked = 0,
         BackendResourceRequestAsync = 1,
@@ -74,6 +76,7 @@ public:
     UVAEvent(const UVAEvent&) = delete;
     UVAEvent& operator=(const UVAEvent&) = delete;
 
+    /// Which class this is: those below are told apart by it, without run-time type information.
     Type type() const { return m_type; }
 
 private:
@@ -112,9 +115,9 @@ class NeedMSEDataEvent : public UVAEvent {
 public:
     NeedMSEDataEvent(unsigned int id, int count)
         : UVAEvent(NeedMSEData), sourceId(id), samplesRequested(count) {}
-    ~NeedMSEDataEvent() override; ///< deletes the array and the samples still in it
-    const unsigned int sourceId;
-    const int samplesRequested;
+    ~NeedMSEDataEvent() override;  ///< deletes the array and the samples still in it
+    const unsigned int sourceId;   ///< SourceDescription::sourceId
+    const int samplesRequested;    ///< at a time; fewer may be given
     UVASample** samples = nullptr; ///< null-terminated, allocated with new[]
 };
 
@@ -140,16 +143,20 @@ public:
     const double pixelAspectRatio; ///< width of a pixel over its height
 };
 
+/// There will be no picture, or no sound: see the reason.
 class DecodeErrorEvent : public UVAEvent {
 public:
+    /// What `reason` says. InsufficientResources: no decoder was granted.
     enum Reason : int { UnknownFormat = 0, CorruptStream = 1, InsufficientResources = 2 };
     explicit DecodeErrorEvent(int reasonCode) : UVAEvent(DecodeError), reason(reasonCode) {}
     ~DecodeErrorEvent() override;
     const int reason;
 };
 
+/// A URL cannot be fetched, or no longer.
 class BufferingNetworkErrorEvent : public UVAEvent {
 public:
+    /// What `reason` says. SourceFailed: the element that fetches has reported an error.
     enum Reason : int { Unknown = 0, SourceFailed = 1 };
     explicit BufferingNetworkErrorEvent(int reasonCode)
         : UVAEvent(BufferingNetworkError), reason(reasonCode) {}
@@ -178,11 +185,11 @@ public:
     ~BufferingStreamUnderrunEvent() override;
 };
 
-/// First phase of a seek: requests for data from before are void, and what is delivered all the same
-/// is dropped; none is made before the seek. The client moves its own reading to the target and
-/// completes the event; the seek is made in that completion, and data is asked for anew. Of several
-/// that are pending the first completion makes the seek, to the newest target, and the others
-/// nothing. One that is never completed leaves a media source without requests.
+/// First phase of a seek: requests for data from before are void, and what is delivered all the
+/// same is dropped; none is made before the seek. The client moves its own reading to the target
+/// and completes the event; the seek is made in that completion, and data is asked for anew. Of
+/// several that are pending the first completion makes the seek, to the newest target, and the
+/// others nothing. One that is never completed leaves a media source without requests.
 class CancelDataRequestsAsyncEvent : public UVAAsyncEvent {
 public:
     explicit CancelDataRequestsAsyncEvent(double seconds)
@@ -194,6 +201,7 @@ public:
 /// Second phase of a seek.
 class SeekCompletedExEvent : public UVAEvent {
 public:
+    /// What became of the seek. Aborted: something else came in its place.
     enum class SeekOutcome : int { Succeeded = 0, Aborted = 1, Failed = 2 };
     explicit SeekCompletedExEvent(SeekOutcome result)
         : UVAEvent(SeekCompletedEx), outcome(result) {}

@@ -8,6 +8,7 @@
 /// sample and lives as long as the sample does. Immutable once a sample refers to it.
 class UVAStreamConfig {
 public:
+    /// What a codec is for.
     enum Kind { UNKNOWN_STREAM = 0, AUDIO_STREAM = 1, VIDEO_STREAM = 2 };
 
     /// Audio codecs are 1000 to 1998, video codecs 1999 to 2998.
@@ -48,13 +49,14 @@ public:
 
     virtual ~UVAStreamConfig();
 
+    /// The kind of a codec, by its number.
     static constexpr Kind av(int codec) {
         return codec >= 1000 && codec <= 1998   ? AUDIO_STREAM
                : codec >= 1999 && codec <= 2998 ? VIDEO_STREAM
                                                 : UNKNOWN_STREAM;
     }
 
-    int codec = 0;
+    int codec = 0;                           ///< a Codec; 0: unknown
     const std::uint8_t* codecData = nullptr; ///< codec headers; null when there are none
     std::size_t codecDataSize = 0;           ///< bytes
 
