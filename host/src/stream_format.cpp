@@ -109,7 +109,8 @@ void takeMastering(OwnedConfig& config, const AVStream& stream) {
         av_stream_get_side_data(&stream, AV_PKT_DATA_MASTERING_DISPLAY_METADATA, &size);
     if (bytes == nullptr || size < sizeof(AVMasteringDisplayMetadata))
         return;
-    const auto* from = reinterpret_cast<const AVMasteringDisplayMetadata*>(bytes);
+    const auto* from =
+        static_cast<const AVMasteringDisplayMetadata*>(static_cast<const void*>(bytes));
     const auto number = [](AVRational value) { return value.den == 0 ? 0 : av_q2d(value); };
     auto& to = config.masteringMetadata;
     to.primaryRX = number(from->display_primaries[0][0]);

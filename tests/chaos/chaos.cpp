@@ -146,7 +146,7 @@ void pauseFor(std::int64_t nanoseconds, Effect effect) {
     if (nanoseconds < 20000) {
         syscall(SYS_sched_yield);
     } else {
-        const timespec time{0, nanoseconds};
+        const timespec time{0, static_cast<long>(nanoseconds)};
         syscall(SYS_clock_nanosleep, CLOCK_MONOTONIC, 0, &time, nullptr);
     }
     paused.fetch_add(monotonic() - begin, std::memory_order_relaxed);

@@ -75,10 +75,10 @@ std::string timesOf(const Told& told) {
     std::ostringstream text;
     for (const auto& frame : told.frames) {
         const auto& sample = frame.sample;
-        text << std::lround(sample.pts * 100);
+        text << std::llround(sample.pts * 100);
         if (sample.dts != sample.pts)
-            text << "/" << std::lround(sample.dts * 100);
-        text << "+" << std::lround(sample.duration * 100) << "@" << int{sample.payload.get()[0]}
+            text << "/" << std::llround(sample.dts * 100);
+        text << "+" << std::llround(sample.duration * 100) << "@" << int{sample.payload.get()[0]}
              << ":" << sample.size << (sample.keyFrame ? " " : "- ");
     }
     return text.str();

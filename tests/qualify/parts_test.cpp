@@ -174,7 +174,7 @@ TEST(QualifyHoldings, SeeWhatTheHeapDoesNotShow) {
     std::istringstream smaps(
         "7f1234000000-7f1234040000 rw-p 00000000 00:00 0 \n"
         "Private_Dirty:  64 kB\n"
-        "7f1234100000-7f1234180000 rw-p 00000000 00:00 0 \n"
+        "7f1234180000-7f1234200000 rw-p 00000000 00:00 0 \n"
         "Private_Dirty:  12 kB\n"
         "Swap:  4 kB\n"
         "7f1235000000-7f1235080000 rw-s 00000000 00:01 7   /memfd:a b (deleted)\n"

@@ -42,7 +42,7 @@ install_packages() {
     quietly "installing ${missing% }" apt-get install -y --no-install-recommends $missing
 }
 
-# configure DIR [-Dname=value]...: only what is not set already, so that a second run is quick.
+# configure DIR [-Dname=value | --cross-file=FILE]...: only what is not set already, so that a second run is quick.
 configure() {
     local dir=$1 option new=()
     shift
@@ -51,7 +51,7 @@ configure() {
         return
     fi
     for option; do
-        option=${option#-D}
+        case $option in -D*) option=${option#-D} ;; *) continue ;; esac # a cross file is for good
         grep -qxF "${option%%=*} = ${option#*=}" "$dir/meson-private/cmd_line.txt" || new+=("-D$option")
     done
     [ ${#new[@]} -eq 0 ] || quietly "configuring $dir" meson configure "$dir" "${new[@]}"

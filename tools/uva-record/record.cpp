@@ -126,7 +126,8 @@ private:
         entry.object = header.object;
         entry.number = header.number;
         entry.code = header.code;
-        entry.body = {m_record.bytes.data() + m_at + sizeof header, size - sizeof header};
+        entry.body = {m_record.bytes.data() + m_at + sizeof header,
+                      static_cast<std::size_t>(size - sizeof header)};
         if (!hasKnownCode(entry))
             return fail(m_at, std::string("a ") + kindNames[static_cast<std::size_t>(kind)] +
                                   " of an operation that there is not");

@@ -44,7 +44,8 @@ std::uint32_t roomOf(std::uint64_t segment) {
 }
 
 void setMark(std::uint8_t* place, std::uint64_t mark) {
-    reinterpret_cast<std::atomic<std::uint64_t>*>(place)->store(mark, std::memory_order_release);
+    static_cast<std::atomic<std::uint64_t>*>(static_cast<void*>(place))
+        ->store(mark, std::memory_order_release);
 }
 static_assert(sizeof(std::atomic<std::uint64_t>) == 8);
 

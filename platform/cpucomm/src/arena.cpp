@@ -188,7 +188,7 @@ std::string Arena::map() {
                " was made by a program of another word size or version: "
                "end all that use it, or set TRID_CPUCOMM_ARENA to another name";
     auto* const bytes = static_cast<std::byte*>(mapping);
-    m_units = reinterpret_cast<Unit*>(bytes + size_t{unitSize} * 4);
+    m_units = static_cast<Unit*>(static_cast<void*>(bytes + size_t{unitSize} * 4));
     m_data = bytes + data;
     return {};
 }
