@@ -10,7 +10,8 @@
 namespace {
 
 /// What waits would hold the fuzzer up, and what runs commands is another target's.
-const std::string harmless = "sleep, wait, wait_until, wait_trace, wait_signal, shell, state = nil ";
+const std::string harmless = "sleep, wait, wait_until, wait_trace, wait_signal, wait_state, "
+                             "expect_signal, expect_no_signal, expect_state, state = nil ";
 
 } // namespace
 

@@ -3,16 +3,29 @@
 
 #include "script/script.h"
 #include "script/script_commands.h"
+#include "script/script_state.h"
 
 #include <cstdio>
 
 namespace {
 
-/// Something that takes the keys 0 to 9.
-struct Player {
+/// Something that takes the keys 0 to 9: 0 switches it off, the others to a channel.
+class Player {
+public:
+    Player() { ScriptEvents::instance().nameSignals({"KeyPressed"}); }
+
     bool press(int64_t key) {
-        return key >= 0 && key <= 9 && std::printf("key %d\n", int(key)) > 0;
+        if (key < 0 || key > 9)
+            return false;
+        ScriptEvents::instance().publishSignal("KeyPressed", [key] {
+            return ScriptValue{{"key", key}};
+        });
+        m_state.set(key == 0 ? "off" : "on channel " + std::to_string(key));
+        return true;
     }
+
+private:
+    ScriptState m_state{"player"};
 };
 
 void addPress(Player& player) {

@@ -45,7 +45,7 @@ int main(int argc, char** argv) {
 
     int signal = 0;
     sigwait(&ends, &signal);
-    ScriptRuns::instance().stopAll(std::chrono::seconds(2));
+    ScriptRuns::instance().end(std::chrono::seconds(2));
     mshell.StopThreadAndWait();
     zantTraceThread.StopThreadAndWait();
 }

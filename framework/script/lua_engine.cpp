@@ -1,3 +1,4 @@
+#include "script/language_names.h"
 #include "script/script.h"
 #include "script/script_prelude.h"
 #include "util/cancellation_block.h"
@@ -20,13 +21,6 @@ constexpr int stepsPerLook = 128;
 /// Of values that go between a script and its commands.
 constexpr int deepestValue = 32;
 constexpr int mostValues = 20000;
-
-/// What a script finds of the language; all else is taken away.
-constexpr const char* keptFunctions[] = {
-    "assert",       "error",    "getmetatable", "ipairs", "next",     "pairs",
-    "pcall",        "rawequal", "rawget",       "rawlen", "rawset",   "select",
-    "setmetatable", "tonumber", "tostring",     "type",   "_VERSION",
-};
 
 struct LuaLibrary {
     const char* name;
@@ -86,6 +80,7 @@ struct LuaRun {
     const ScriptLimits& limits;
     const std::vector<const ScriptCommand*> commands = scriptCommands();
     ScriptWatches watches{control};
+    ScriptEvents::Inbox signals{control};
     uint64_t steps = 0;
     /// Anything but Finished: the script was ended, and nothing of it goes on, whatever it catches.
     ScriptOutcome::End ended = ScriptOutcome::End::Finished;
@@ -282,12 +277,12 @@ bool perform(lua_State* lua, const ScriptCommand& command) noexcept {
         ValueReader reader(lua);
         for (int i = 1; i <= count; ++i)
             arguments.push_back(reader.read(i));
-        run.results =
-            command.function({run.script.name(), std::move(arguments), run.control, run.watches});
+        run.results = command.function(
+            {{std::move(arguments)}, run.script.name(), run.control, run.watches, run.signals});
     });
     lua_settop(lua, count);
     if (thrown)
-        run.error = positionOf(lua) + command.name + ": " + *thrown;
+        run.error = positionOf(lua) + (command.help.empty() ? "" : command.name + ": ") + *thrown;
     return !thrown;
 }
 
@@ -322,11 +317,12 @@ const std::string& preludeCode() {
 
 // The world of a script.
 
+/// Of the basic library; all else is taken away.
 bool isKept(const char* name) {
-    for (const char* const kept : keptFunctions)
-        if (strcmp(kept, name) == 0)
+    for (const LanguageName& row : languageNames)
+        if (row.kind == LanguageName::Kind::Base && strcmp(row.name, name) == 0)
             return true;
-    return strcmp(name, LUA_GNAME) == 0;
+    return false;
 }
 
 void openLibraries(lua_State* lua) {

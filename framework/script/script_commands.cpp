@@ -1,5 +1,6 @@
 #include "script/script_commands.h"
 
+#include "script/language_names.h"
 #include "script/standard_commands.h"
 #include "util/mutex.h"
 
@@ -11,21 +12,6 @@
 namespace {
 
 constexpr size_t mostWatches = 16;
-constexpr double longestSeconds = 1e8;
-
-/// The names of the language: its words, its functions and libraries, and what the library of
-/// scripts adds.
-constexpr const char* namesOfLanguage[] = {
-    "and",        "break",        "do",           "else",        "elseif", "end",
-    "false",      "for",          "function",     "goto",        "if",     "in",
-    "local",      "nil",          "not",          "or",          "repeat", "return",
-    "then",       "true",         "until",        "while",       "_G",     "_VERSION",
-    "assert",     "error",        "getmetatable", "ipairs",      "next",   "pairs",
-    "pcall",      "print",        "rawequal",     "rawget",      "rawlen", "rawset",
-    "select",     "setmetatable", "tonumber",     "tostring",    "type",   "xpcall",
-    "string",     "table",        "math",         "utf8",        "key",    "sys_int",
-    "sys_string", "wait_until",   "wait_trace",   "wait_signal",
-};
 
 bool isIdentifier(const std::string& name) {
     const auto isLetter = [](char c) {
@@ -49,7 +35,8 @@ public:
         if (!command.function)
             return "command '" + command.name + "' has no function";
         const auto isIt = [&](const auto& name) { return command.name == name; };
-        if (std::any_of(std::begin(namesOfLanguage), std::end(namesOfLanguage), isIt))
+        if (std::any_of(std::begin(languageNames), std::end(languageNames),
+                        [&](const LanguageName& row) { return isIt(row.name); }))
             return "'" + command.name + "' is a name of the language: choose another";
         const MutexLock lock(m_mutex);
         for (const ScriptCommand& known : m_commands)
@@ -77,10 +64,10 @@ CommandTable& commandTable() {
     return table;
 }
 
-const ScriptValue& argumentOf(const ScriptCall& call, size_t position, const char* what,
+const ScriptValue& argumentOf(const ScriptValues& arguments, size_t position, const char* what,
                               bool (*isGood)(const ScriptValue&), const char* type) {
-    if (position <= call.arguments.size() && isGood(call.arguments[position - 1]))
-        return call.arguments[position - 1];
+    if (position <= arguments.size() && isGood(arguments[position - 1]))
+        return arguments[position - 1];
     throw ScriptError("argument " + std::to_string(position) + " (" + what + ") is missing or no " +
                       type);
 }
@@ -112,25 +99,26 @@ void ScriptWatches::remove(size_t number) {
     m_watches[number - 1].reset();
 }
 
-const std::string& ScriptCall::text(size_t position, const char* what) const {
+const std::string& ScriptArguments::text(size_t position, const char* what) const {
     const auto isText = [](const ScriptValue& value) { return value.is_string(); };
-    return argumentOf(*this, position, what, isText, "text").get_ref<const std::string&>();
+    return argumentOf(arguments, position, what, isText, "text").get_ref<const std::string&>();
 }
 
-int64_t ScriptCall::number(size_t position, const char* what) const {
+int64_t ScriptArguments::number(size_t position, const char* what) const {
     const auto isWhole = [](const ScriptValue& value) { return value.is_number_integer(); };
-    return argumentOf(*this, position, what, isWhole, "whole number").get<int64_t>();
+    return argumentOf(arguments, position, what, isWhole, "whole number").get<int64_t>();
 }
 
-ScriptControl::Clock::time_point ScriptCall::deadline(size_t position, const char* what) const {
+double ScriptArguments::seconds(size_t position, const char* what) const {
     const auto isTime = [](const ScriptValue& value) {
         return value.is_number() && value.get<double>() >= 0;
     };
-    const double seconds =
-        argumentOf(*this, position, what, isTime, "number of seconds from 0 on").get<double>();
-    const std::chrono::duration<double> span(std::min(seconds, longestSeconds));
-    return ScriptControl::Clock::now() +
-           std::chrono::duration_cast<ScriptControl::Clock::duration>(span);
+    return argumentOf(arguments, position, what, isTime, "number of seconds from 0 on")
+        .get<double>();
+}
+
+bool ScriptArguments::has(size_t position) const {
+    return position <= arguments.size() && !arguments[position - 1].is_null();
 }
 
 std::string registerScriptCommand(const std::string& name, const std::string& help,
@@ -140,4 +128,15 @@ std::string registerScriptCommand(const std::string& name, const std::string& he
 
 std::vector<const ScriptCommand*> scriptCommands() {
     return commandTable().all();
+}
+
+std::vector<std::string> scriptHelp() {
+    std::vector<std::string> lines;
+    for (const ScriptCommand* const command : scriptCommands())
+        if (!command->help.empty())
+            lines.push_back(command->help);
+    for (const LanguageName& row : languageNames)
+        if (row.help)
+            lines.emplace_back(row.help);
+    return lines;
 }

@@ -3,19 +3,14 @@
 
 #include "script/script_control.h"
 #include "script/script_events.h"
+#include "script/script_value.h"
 
 #include <cstddef>
 #include <functional>
 #include <memory>
-#include <nlohmann/json.hpp>
 #include <stdexcept>
 #include <string>
 #include <vector>
-
-/// What goes between a script and its commands: nil as null, booleans, whole and other numbers,
-/// strings of any bytes, tables as arrays (from 1 on, without gaps) or as objects.
-using ScriptValue = nlohmann::json;
-using ScriptValues = std::vector<ScriptValue>;
 
 /// What a command throws to fail: the script ends, or catches it, with this text and with the file
 /// and line of the call. It says what to do.
@@ -42,28 +37,35 @@ private:
     std::vector<std::unique_ptr<ScriptEvents::Watch>> m_watches;
 };
 
-/// One call of a command, on the script's thread.
-struct ScriptCall {
-    const std::string& script; ///< its name
+/// What stands between the parentheses of a call.
+struct ScriptArguments {
     const ScriptValues arguments;
-    /// A command that waits does it here, so that the script can be stopped.
-    ScriptControl& control;
-    ScriptWatches& watches;
 
     ///@{
     /// Arguments, counted from 1. Throw ScriptError, with `what` in it, if missing or of another
-    /// type; `number` gives whole numbers.
+    /// type; `number` gives whole numbers, `seconds` those from 0 on.
     const std::string& text(size_t position, const char* what) const;
     int64_t number(size_t position, const char* what) const;
+    double seconds(size_t position, const char* what) const;
     ///@}
-    /// That many seconds from now.
-    ScriptControl::Clock::time_point deadline(size_t position, const char* what) const;
+    /// Whether there is one at that position, and it is not nil.
+    bool has(size_t position) const;
+};
+
+/// One call of a command, on the script's thread.
+struct ScriptCall : ScriptArguments {
+    const std::string& script; ///< its name
+    /// A command that waits does it here, so that the script can be stopped.
+    ScriptControl& control;
+    ScriptWatches& watches;
+    ScriptEvents::Inbox& signals;
 };
 
 /// A function that scripts may call, as it was registered.
 struct ScriptCommand {
     std::string name;
-    /// Begins with the usage, such as "sleep(seconds)"; a description follows after a tab.
+    /// Begins with the usage, such as "shell(line)"; a description follows after a tab. Empty for
+    /// one that is for the library of scripts alone.
     std::string help;
     /// Gives what the call returns in the script. Called by any number of scripts at a time, under
     /// no lock.
@@ -78,5 +80,9 @@ std::string registerScriptCommand(const std::string& name, const std::string& he
 
 /// All of them, in the order of their registration. They live as long as the process. Thread-safe.
 std::vector<const ScriptCommand*> scriptCommands();
+
+/// The usage of each command and each function of the library, with what it does behind a tab.
+/// Thread-safe.
+std::vector<std::string> scriptHelp();
 
 #endif

@@ -6,10 +6,13 @@
 
 #include <algorithm>
 #include <cstring>
+#include <utility>
 
 namespace {
 
 constexpr std::string_view traceKind = "trace";
+constexpr std::string_view stateKind = "state";
+constexpr std::string_view signalKind = "signal";
 
 void publishLine(const char* line) {
     const std::string_view text(line);
@@ -17,9 +20,21 @@ void publishLine(const char* line) {
         ScriptEvents::instance().publish(traceKind, text);
 }
 
+ScriptValue parametersOf(const ZantMsgValues& message) {
+    return {{"param1", message.param1},
+            {"param2", message.param2},
+            {"param3", message.param3},
+            {"param4", message.param4}};
+}
+
 class SignalObserver : public CObserverCallbackFunction {
+public:
+    SignalObserver() { ScriptEvents::instance().nameMessageSignals(); }
+
+private:
     void CallbackFunction(CZantMsg* msg) override {
-        ScriptEvents::instance().publish("signal", msg->signalName());
+        ScriptEvents::instance().publishSignal(msg->signalName(),
+                                               [msg] { return parametersOf(*msg); });
     }
 };
 
@@ -31,39 +46,83 @@ ScriptEvents& ScriptEvents::instance() {
 }
 
 void ScriptEvents::publish(std::string_view kind, std::string_view text) {
-    if (!m_isWatched)
+    if (!m_hasListeners)
         return;
     while (!text.empty() && text.back() == '\n')
         text.remove_suffix(1);
     const MutexLock lock(m_mutex);
-    for (Watch* const watch : m_watches) {
-        if (watch->m_isSeen || watch->m_kind != kind ||
-            text.find(watch->m_text) == std::string_view::npos)
-            continue;
-        watch->m_seenLength = std::min(text.size(), textSize);
-        memcpy(watch->m_seen, text.data(), watch->m_seenLength);
-        watch->m_isSeen = true;
-        watch->m_control.wake();
+    tell(kind, text);
+}
+
+void ScriptEvents::publishSignal(std::string_view name, const Parameters& parameters) {
+    if (!m_hasListeners)
+        return;
+    ScriptValue signal = parameters ? parameters() : ScriptValue::object();
+    signal["name"] = name;
+    bring(signal);
+}
+
+void ScriptEvents::publishEnd(std::string_view name, const std::string& why) {
+    publishSignal(name, [&why] { return ScriptValue{{"ends_waits", why}}; });
+}
+
+void ScriptEvents::bring(const ScriptValue& signal) {
+    const MutexLock lock(m_mutex);
+    for (Inbox* const inbox : m_inboxes) {
+        if (inbox->m_signals.size() == Inbox::mostSignals)
+            inbox->m_signals.pop_front();
+        inbox->m_signals.push_back(signal);
+        inbox->m_hasSignals = true;
+        inbox->m_control.wake();
     }
+    tell(signalKind, signal["name"].get_ref<const std::string&>());
+}
+
+void ScriptEvents::tell(std::string_view kind, std::string_view text) {
+    for (Watch* const watch : m_watches)
+        watch->see(kind, text);
+}
+
+void ScriptEvents::nameSignals(const std::vector<std::string>& names) {
+    const MutexLock lock(m_mutex);
+    for (const std::string& name : names)
+        if (std::find(m_signalNames.begin(), m_signalNames.end(), name) == m_signalNames.end())
+            m_signalNames.push_back(name);
+}
+
+void ScriptEvents::nameMessageSignals() {
+    std::vector<std::string> names;
+    for (uint32_t id = 1; id < nrOfSignalIds; ++id)
+        names.emplace_back(GetSignalIdNamePtr(static_cast<SignalIds>(id)));
+    nameSignals(names);
+}
+
+std::vector<std::string> ScriptEvents::signalNames() {
+    const MutexLock lock(m_mutex);
+    return m_signalNames;
+}
+
+/// What scripts listen to now; where nobody does, nothing is told.
+void ScriptEvents::switchSources() {
+    m_hasListeners = !m_watches.empty() || !m_inboxes.empty();
+    const bool lines = std::any_of(m_watches.begin(), m_watches.end(),
+                                   [](const Watch* watch) { return watch->m_kind == traceKind; });
+    traceSettings.lineObserver = lines ? publishLine : nullptr;
 }
 
 void ScriptEvents::enter(Watch& watch) {
     const MutexLock lock(m_mutex);
+    for (const ScriptState* const state : m_states)
+        if (!state->m_text.empty())
+            watch.see(stateKind, state->m_text);
     m_watches.push_back(&watch);
-    switchTraces();
+    switchSources();
 }
 
 void ScriptEvents::leave(const Watch& watch) {
     const MutexLock lock(m_mutex);
     m_watches.remove(const_cast<Watch*>(&watch));
-    switchTraces();
-}
-
-void ScriptEvents::switchTraces() {
-    m_isWatched = !m_watches.empty();
-    const bool lines = std::any_of(m_watches.begin(), m_watches.end(),
-                                   [](const Watch* watch) { return watch->m_kind == traceKind; });
-    traceSettings.lineObserver = lines ? publishLine : nullptr;
+    switchSources();
 }
 
 ScriptEvents::Watch::Watch(std::string kind, std::string text, ScriptControl& control)
@@ -75,12 +134,68 @@ ScriptEvents::Watch::~Watch() {
     instance().leave(*this);
 }
 
-std::optional<std::string> ScriptEvents::Watch::take(ScriptControl::Clock::time_point deadline) {
-    if (!m_control.waitUntil(deadline, [this] { return m_isSeen.load(); }))
+void ScriptEvents::Watch::see(std::string_view kind, std::string_view text) {
+    if (m_isSeen || m_kind != kind || text.find(m_text) == std::string_view::npos)
+        return;
+    m_seenLength = std::min(text.size(), textSize);
+    memcpy(m_seen, text.data(), m_seenLength);
+    m_isSeen = true;
+    m_control.wake();
+}
+
+std::optional<std::string> ScriptEvents::Watch::take() {
+    if (!m_isSeen)
         return std::nullopt;
     std::string text(m_seen, m_seenLength); // nobody writes what is seen
     m_isSeen = false;
     return text;
+}
+
+ScriptEvents::Inbox::Inbox(ScriptControl& control) : m_control(control) {
+    ScriptEvents& events = instance();
+    const MutexLock lock(events.m_mutex);
+    events.m_inboxes.push_back(this);
+    events.switchSources();
+}
+
+ScriptEvents::Inbox::~Inbox() {
+    ScriptEvents& events = instance();
+    const MutexLock lock(events.m_mutex);
+    events.m_inboxes.remove(this);
+    events.switchSources();
+}
+
+std::optional<ScriptValue> ScriptEvents::Inbox::take() {
+    if (!m_hasSignals)
+        return std::nullopt;
+    const MutexLock lock(instance().m_mutex);
+    ScriptValue signal = std::move(m_signals.front());
+    m_signals.pop_front();
+    m_hasSignals = !m_signals.empty();
+    return signal;
+}
+
+ScriptState::ScriptState(std::string subject) : m_subject(std::move(subject)) {
+    ScriptEvents& events = ScriptEvents::instance();
+    const MutexLock lock(events.m_mutex);
+    events.m_states.push_back(this);
+}
+
+ScriptState::~ScriptState() {
+    ScriptEvents& events = ScriptEvents::instance();
+    const MutexLock lock(events.m_mutex);
+    events.m_states.remove(this);
+}
+
+void ScriptState::set(std::string_view state) {
+    std::string text = m_subject + " ";
+    text += state;
+    ScriptEvents& events = ScriptEvents::instance();
+    const MutexLock lock(events.m_mutex);
+    if (text == m_text)
+        return;
+    m_text = std::move(text);
+    events.tell(stateKind, m_text);
 }
 
 CObserverCallbackFunction& scriptSignalObserver() {

@@ -2,9 +2,11 @@
 
 #include "debug/shell/mshell.h"
 #include "debug/shell/mshell_handler.h"
+#include "debug/trace/output_capture.h"
 #include "script/script.h"
 #include "script/script_runs.h"
 
+#include <cstdlib>
 #include <string>
 
 namespace {
@@ -75,23 +77,21 @@ int MshellCmdScriptStop(CommandStruct* command) {
     return 0;
 }
 
-/// What the library of scripts adds to the commands.
-constexpr const char* libraryHelp[] = {
-    "wait_until(predicate, timeout [, interval])\tThe first true result, nil without one",
-    "wait_trace(text, timeout)\tThe next line with that text, nil without one",
-    "wait_signal(text, timeout)\tThe next message whose signal's name has that text",
-    "print(...)\tAs log, any values",
-    "sys_int.NAME, sys_string.NAME\tSystem variables",
-    "key.NAME\tA key's code",
-};
-
 int MshellCmdScriptHelp(CommandStruct* command) {
     traceMshellCall(__func__, *command);
-    for (const ScriptCommand* const known : scriptCommands())
-        FormattedStringToStdout("%s\n", known->help.c_str());
-    for (const char* const line : libraryHelp)
-        FormattedStringToStdout("%s\n", line);
+    for (const std::string& line : scriptHelp())
+        FormattedStringToStdout("%s\n", line.c_str());
     return 0;
+}
+
+/// A command's output that a script gets at most.
+constexpr size_t mostOutput = 64 * 1024;
+
+ScriptValues runShellCommand(const ScriptCall& call) {
+    const std::string& line = call.text(1, "command line");
+    OutputCapture output(mostOutput);
+    const int32_t result = mshell.ProcessMshellCmd(line.c_str());
+    return {output.text(), result};
 }
 
 constexpr MshellCmd scriptShellCommands[] = {
@@ -107,4 +107,9 @@ constexpr MshellCmd scriptShellCommands[] = {
 
 void AddScriptMshellCmds() {
     mshell.AddMshellCmds("script", scriptShellCommands);
+    registerScriptCommand(
+        "shell", "shell(line)\tRuns a shell command: gives its output and its code, 0 for OK",
+        runShellCommand);
+    // Before the objects go that scripts may use: what was built before this goes later.
+    std::atexit([] { ScriptRuns::instance().end(stopPatience); });
 }

@@ -6,9 +6,11 @@ local byte, char, sub, rep, find_text = string.byte, string.char, string.sub, st
 local error, getmetatable, ipairs, pairs, pcall = error, getmetatable, ipairs, pairs, pcall
 local rawget, tostring, type = rawget, tostring, type
 local concat, pack, unpack, sort, move = table.concat, table.pack, table.unpack, table.sort, table.move
-local min, mathtype = math.min, math.type
+local min, mathtype, remove = math.min, math.type, table.remove
 local forget, get_int, get_string, key_code, log = forget, get_int, get_string, key_code, log
-local now, set_int, set_string, sleep, wait, watch = now, set_int, set_string, sleep, wait, watch
+local now, set_int, set_string, watch = now, set_int, set_string, watch
+local is_signal, take_signal, take_event, await = is_signal, take_signal, take_event, await
+_G.is_signal, _G.take_signal, _G.take_event, _G.await = nil, nil, nil, nil
 
 local function check(value, wanted, position, name)
     if type(value) ~= wanted then
@@ -409,28 +411,165 @@ function print(...)
     log(concat(values, "\t"))
 end
 
-function wait_until(predicate, timeout, interval)
-    check(predicate, "function", 1, "wait_until")
-    local deadline = now() + check(timeout, "number", 2, "wait_until")
-    if interval == nil then interval = 0.05 end
-    check(interval, "number", 3, "wait_until")
-    while true do
-        local result = predicate()
-        if result then return result end
-        local left = deadline - now()
-        if not (left > 0) then return nil end
-        sleep(min(interval, left))
+-- Waits. In all of them the handlers of signals are called. Signals are kept, in the order in which
+-- they came, until a wait for one has passed them.
+local arrived, handlers = {}, {}
+local most_signals = 1000
+
+local function check_time(value, position, name)
+    if not (check(value, "number", position, name) >= 0) then
+        error(("bad argument #%d to '%s' (seconds from 0 on expected, got %s)"):format(position, name,
+            tostring(value)), 3)
+    end
+    return value
+end
+
+local function check_such(name, parameters, wait)
+    if not is_signal(check(name, "string", 1, wait)) then
+        error("no signal here has '" .. name .. "' in its name: signal_names() lists them", 3)
+    end
+    if parameters ~= nil then check(parameters, "table", 3, wait) end
+end
+
+local function is_such(signal, name, parameters)
+    if not find_text(signal.name, name, 1, true) then return false end
+    for parameter, value in pairs(parameters or {}) do
+        if signal[parameter] ~= value then return false end
+    end
+    return true
+end
+
+-- As many as may be kept, at a time: waits end, whatever comes.
+local function take_signals()
+    for _ = 1, most_signals do
+        local signal = take_signal()
+        if not signal then return end
+        if #arrived == most_signals then remove(arrived, 1) end
+        arrived[#arrived + 1] = signal
+        for _, handler in ipairs(handlers) do
+            if is_such(signal, handler.name, handler.parameters) then handler.call(signal) end
+        end
     end
 end
 
-local function wait_for(kind, text, timeout)
-    local number = watch(kind, text)
-    local seen = wait(number, timeout)
-    forget(number)
-    return seen
+-- Why nothing is waited for; nil while it is.
+local function end_of_waits()
+    for _, signal in ipairs(arrived) do
+        if signal.ends_waits then return signal.ends_waits end
+    end
 end
-function wait_trace(text, timeout) return wait_for("trace", text, timeout) end
-function wait_signal(name, timeout) return wait_for("signal", name, timeout) end
+
+-- What `look` finds, or nil and, where waits are over, why. A watch is waited for besides.
+local function wait_for(look, timeout, watch)
+    local deadline = now() + timeout
+    while true do
+        take_signals()
+        local found = look()
+        if found then return found end
+        local why = end_of_waits()
+        if why then return nil, why end
+        local left = deadline - now()
+        if left <= 0 then return nil end
+        await(left, watch)
+    end
+end
+
+local function nothing() end
+
+function sleep(seconds)
+    wait_for(nothing, check_time(seconds, 1, "sleep"))
+end
+
+function wait_until(predicate, timeout, interval)
+    check(predicate, "function", 1, "wait_until")
+    local deadline = now() + check_time(timeout, 2, "wait_until")
+    if interval == nil then interval = 0.05 end
+    check_time(interval, 3, "wait_until")
+    while true do
+        local why = end_of_waits()
+        local result = predicate()
+        if result then return result end
+        local left = deadline - now()
+        if why then return nil, why end
+        if left <= 0 then return nil end
+        wait_for(nothing, min(interval, left))
+    end
+end
+
+function wait(number, timeout)
+    return wait_for(function() return take_event(number) end, check_time(timeout, 2, "wait"), number)
+end
+
+-- Of a watch that begins with the wait.
+local function wait_event(kind, text, timeout)
+    local number = watch(kind, text)
+    local seen, why = wait_for(function() return take_event(number) end, timeout, number)
+    forget(number)
+    return seen, why
+end
+function wait_trace(text, timeout)
+    return wait_event("trace", text, check_time(timeout, 2, "wait_trace"))
+end
+function wait_state(text, timeout)
+    return wait_event("state", text, check_time(timeout, 2, "wait_state"))
+end
+
+-- The first such signal, with all before it.
+local function pass(name, parameters)
+    for i, signal in ipairs(arrived) do
+        if is_such(signal, name, parameters) then
+            move(arrived, i + 1, #arrived + i, 1)
+            return signal
+        end
+        if signal.ends_waits then return nil end
+    end
+end
+local function wait_such(name, timeout, parameters)
+    return wait_for(function() return pass(name, parameters) end, timeout)
+end
+function wait_signal(name, timeout, parameters)
+    check_such(name, parameters, "wait_signal")
+    return wait_such(name, check_time(timeout, 2, "wait_signal"), parameters)
+end
+
+function when(name, handler, parameters)
+    check_such(name, parameters, "when")
+    handlers[#handlers + 1] = { name = name, call = check(handler, "function", 2, "when"), parameters = parameters }
+end
+
+-- Waits whose end is an error.
+local function described(name, parameters)
+    local parts = { name }
+    for parameter, value in pairs(parameters or {}) do
+        parts[#parts + 1] = tostring(parameter) .. "=" .. tostring(value)
+    end
+    return concat(parts, " ")
+end
+local function not_come(what, timeout, why)
+    return ("%s did not come within %s s%s"):format(what, timeout, why and ": " .. why or "")
+end
+
+function expect_signal(name, timeout, parameters)
+    check_such(name, parameters, "expect_signal")
+    local signal, why = wait_such(name, check_time(timeout, 2, "expect_signal"), parameters)
+    if signal then return signal end
+    local names = {}
+    for i, other in ipairs(arrived) do names[i] = other.name end
+    error(not_come(described(name, parameters), timeout, why) .. "; since the last one that was waited for: " ..
+        (#names > 0 and concat(names, ", ") or "nothing"), 2)
+end
+
+function expect_no_signal(name, timeout, parameters)
+    check_such(name, parameters, "expect_no_signal")
+    if wait_such(name, check_time(timeout, 2, "expect_no_signal"), parameters) then
+        error(described(name, parameters) .. " came, within " .. timeout .. " s", 2)
+    end
+end
+
+function expect_state(text, timeout)
+    local state, why = wait_event("state", text, check_time(timeout, 2, "expect_state"))
+    return state or error(not_come("the state '" .. text .. "'", timeout, why), 2)
+end
 
 local function variables(get, set)
     return setmeta({}, {

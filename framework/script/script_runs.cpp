@@ -5,11 +5,6 @@
 
 #include <algorithm>
 #include <atomic>
-#include <thread>
-
-namespace {
-
-constexpr std::chrono::milliseconds lookForEnd(5);
 
 std::string describeEnd(const ScriptOutcome& outcome) {
     if (outcome.end == ScriptOutcome::End::Finished)
@@ -19,8 +14,6 @@ std::string describeEnd(const ScriptOutcome& outcome) {
                          outcome.result.dump(-1, ' ', false, ScriptValue::error_handler_t::replace);
     return (outcome.end == ScriptOutcome::End::Stopped ? "stopped: " : "failed: ") + outcome.error;
 }
-
-} // namespace
 
 /// A script on its thread.
 class ScriptRuns::Run : public CThreadObject {
@@ -45,9 +38,12 @@ public:
         FormattedStringToStdout("%s", line.c_str());
         if (outcome.end == ScriptOutcome::End::Failed || outcome.end == ScriptOutcome::End::TooLong)
             ErrorToSyslog(line.c_str());
-        const MutexLock lock(m_mutex);
-        m_end = end;
-        m_hasEnded = true;
+        {
+            const MutexLock lock(m_mutex);
+            m_end = end;
+            m_hasEnded = true;
+        }
+        AnnounceChange();
     }
 
     bool hasEnded() const { return m_hasEnded; }
@@ -79,6 +75,8 @@ ScriptRuns& ScriptRuns::instance() {
 ScriptRuns::Start ScriptRuns::start(const CompiledScript& script, const ScriptValues& arguments) {
     Runs forgotten; // they go without the lock
     const MutexLock lock(m_mutex);
+    if (m_isOver)
+        return {0, "the process ends"};
     const auto running = std::count_if(m_runs.begin(), m_runs.end(),
                                        [](const auto& run) { return !run->hasEnded(); });
     if (static_cast<size_t>(running) >= mostRunning)
@@ -115,15 +113,11 @@ ScriptRuns::Runs ScriptRuns::runs() {
 void ScriptRuns::stop(const Runs& runs, std::chrono::milliseconds patience) {
     for (const auto& run : runs)
         run->StopThread();
-    const auto haveEnded = [&runs] {
+    // Not joined: two scripts may stop each other, or one itself.
+    CThreadObject::WaitUnlessStopped(ScriptControl::Clock::now() + patience, [&runs] {
         return std::all_of(runs.begin(), runs.end(),
                            [](const auto& run) { return run->hasEnded(); });
-    };
-    // Not joined: two scripts may stop each other, or one itself.
-    const auto deadline = ScriptControl::Clock::now() + patience;
-    while (!haveEnded() && !CThreadObject::CallerShallStop() &&
-           ScriptControl::Clock::now() < deadline)
-        std::this_thread::sleep_for(lookForEnd);
+    });
 }
 
 bool ScriptRuns::stop(int number, std::chrono::milliseconds patience) {
@@ -135,6 +129,14 @@ bool ScriptRuns::stop(int number, std::chrono::milliseconds patience) {
 
 void ScriptRuns::stopAll(std::chrono::milliseconds patience) {
     stop(runs(), patience);
+}
+
+void ScriptRuns::end(std::chrono::milliseconds patience) {
+    {
+        const MutexLock lock(m_mutex);
+        m_isOver = true;
+    }
+    stopAll(patience);
 }
 
 std::vector<ScriptRuns::Info> ScriptRuns::list() {

@@ -1,7 +1,5 @@
 #include "script/standard_commands.h"
 
-#include "debug/shell/mshell.h"
-#include "debug/trace/output_capture.h"
 #include "debug/trace/sys_vars.h"
 #include "debug/trace/zant_trace.h"
 #include "script/key_codes.h"
@@ -13,23 +11,10 @@
 
 namespace {
 
-/// A command's output that a script gets at most.
-constexpr size_t mostOutput = 64 * 1024;
+constexpr double longestWait = 1e8; // seconds
 constexpr size_t longestName = 64;
 constexpr size_t longestVariable = 4096;
 constexpr size_t mostVariables = 1000;
-
-ScriptValues runShellCommand(const ScriptCall& call) {
-    const std::string& line = call.text(1, "command line");
-    OutputCapture output(mostOutput);
-    const int32_t result = mshell.ProcessMshellCmd(line.c_str());
-    return {output.text(), result};
-}
-
-ScriptValues sleepFor(const ScriptCall& call) {
-    call.control.waitUntil(call.deadline(1, "seconds"), [] { return false; });
-    return {};
-}
 
 ScriptValues secondsNow(const ScriptCall&) {
     const auto since = ScriptControl::Clock::now().time_since_epoch();
@@ -54,13 +39,41 @@ ScriptValues addWatch(const ScriptCall& call) {
     return {call.watches.add(call.text(1, "kind of event"), call.text(2, "text to look for"))};
 }
 
-ScriptEvents::Watch& watchOf(const ScriptCall& call) {
-    return call.watches.get(static_cast<size_t>(call.number(1, "watch")));
+ScriptEvents::Watch& watchOf(const ScriptCall& call, size_t position) {
+    return call.watches.get(static_cast<size_t>(call.number(position, "watch")));
 }
 
-ScriptValues waitForWatch(const ScriptCall& call) {
-    const auto seen = watchOf(call).take(call.deadline(2, "timeout in seconds"));
+ScriptValues takeEvent(const ScriptCall& call) {
+    const auto seen = watchOf(call, 1).take();
     return {seen ? ScriptValue(*seen) : ScriptValue()};
+}
+
+ScriptValues takeSignal(const ScriptCall& call) {
+    auto signal = call.signals.take();
+    return {signal ? std::move(*signal) : ScriptValue()};
+}
+
+/// Waits for a signal, and for the event of a watch if one is named.
+ScriptValues await(const ScriptCall& call) {
+    const std::chrono::duration<double> time(std::min(call.seconds(1, "seconds"), longestWait));
+    const auto* const watch = call.has(2) ? &watchOf(call, 2) : nullptr;
+    const auto deadline = ScriptControl::Clock::now() +
+                          std::chrono::duration_cast<ScriptControl::Clock::duration>(time);
+    call.control.waitUntil(
+        deadline, [&] { return call.signals.hasSignals() || (watch && watch->hasSeen()); });
+    return {};
+}
+
+ScriptValues isSignal(const ScriptCall& call) {
+    const std::string& text = call.text(1, "name of a signal");
+    const auto names = ScriptEvents::instance().signalNames();
+    return {std::any_of(names.begin(), names.end(), [&text](const std::string& name) {
+        return name.find(text) != std::string::npos;
+    })};
+}
+
+ScriptValues signalNames(const ScriptCall&) {
+    return {ScriptEvents::instance().signalNames()};
 }
 
 ScriptValues forgetWatch(const ScriptCall& call) {
@@ -139,15 +152,12 @@ ScriptValues stateOfProcess(const ScriptCall& call) {
 
 std::vector<ScriptCommand> standardScriptCommands() {
     return {
-        {"shell", "shell(line)\tRuns a shell command: gives its output and its code, 0 for OK",
-         runShellCommand},
-        {"sleep", "sleep(seconds)\tWaits", sleepFor},
         {"now", "now()\tSeconds, on a clock that nobody sets", secondsNow},
         {"log", "log(text)\tWrites lines to the trace output", writeLog},
         {"watch", "watch(kind, text)\tLooks out from now on: gives a watch for wait", addWatch},
-        {"wait", "wait(watch, timeout)\tThe event's text, nil if none came within the seconds",
-         waitForWatch},
         {"forget", "forget(watch)\tEnds a watch; a script has 16 at most", forgetWatch},
+        {"signal_names", "signal_names()\tThe names of the signals that may come, an array",
+         signalNames},
         {"key_code", "key_code(name)\tThe CEC user control code of a remote control's key",
          keyCode},
         {"key_names", "key_names()\tThe names of all keys, an array", keyNames},
@@ -158,5 +168,9 @@ std::vector<ScriptCommand> standardScriptCommands() {
         {"set_string", "set_string(name, value)\tSets it", setString},
         {"state", "state([member])\tWhat m_state writes, as tables; a second at most",
          stateOfProcess},
+        {"await", "", await},
+        {"take_event", "", takeEvent},
+        {"take_signal", "", takeSignal},
+        {"is_signal", "", isSignal},
     };
 }

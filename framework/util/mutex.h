@@ -62,6 +62,16 @@ private:
     bool m_held = true;
 };
 
+/// As calls on CLOCK_MONOTONIC take it.
+inline timespec monotonicTime(std::chrono::steady_clock::time_point time) {
+    const auto since = time.time_since_epoch();
+    const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(since);
+    timespec result{};
+    result.tv_sec = static_cast<time_t>(seconds.count());
+    result.tv_nsec = static_cast<long>(std::chrono::nanoseconds(since - seconds).count());
+    return result;
+}
+
 /// A condition variable on the monotonic clock: setting the wall clock neither shortens nor
 /// stretches a wait. The caller holds the mutex and waits in a loop on its own predicate.
 class ConditionVariable {
@@ -82,11 +92,7 @@ public:
 
     /// False when the deadline passed before a wake-up.
     bool waitUntil(Mutex& mutex, std::chrono::steady_clock::time_point deadline) REQUIRES(mutex) {
-        const auto since = deadline.time_since_epoch();
-        const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(since);
-        timespec until{};
-        until.tv_sec = static_cast<time_t>(seconds.count());
-        until.tv_nsec = static_cast<long>(std::chrono::nanoseconds(since - seconds).count());
+        const timespec until = monotonicTime(deadline);
         return pthread_cond_timedwait(&m_condition, mutex.handle(), &until) != ETIMEDOUT;
     }
 

@@ -11,7 +11,7 @@ namespace {
 
 /// In the order of UVAEvent::Type, which is binding.
 // clang-format off
-constexpr const char* eventNames[] = {
+constexpr const char* names[] = {
     "BackendResourceRevoked", "BackendResourceRequestAsync", "BackendResourceReleased",
     "NeedData", "NeedMSEData", "PlaybackFinished", "NewMetadata", "NeedKeySystem",
     "DecodeError", "VideoFrameAvailable", "VideoBufferAvailable", "DRMRightsError",
@@ -29,12 +29,12 @@ constexpr const char* eventNames[] = {
     "FramesDropped", "BufferingStreamPreloaded", "ActiveStateChanged", "PauseFinished"
 };
 // clang-format on
-static_assert(std::size(eventNames) == UVAEvent::PauseFinished + 1);
+static_assert(std::size(names) == UVAEvent::PauseFinished + 1);
 
 std::string nameOf(UVAEvent::Type type) {
     const auto index = static_cast<std::size_t>(type);
-    return index < std::size(eventNames) ? eventNames[index]
-                                         : "Event" + std::to_string(static_cast<int>(type));
+    return index < std::size(names) ? names[index]
+                                    : "Event" + std::to_string(static_cast<int>(type));
 }
 
 std::vector<Argument> argumentsOf(const UVAEvent& event) {
@@ -81,6 +81,10 @@ std::vector<Argument> argumentsOf(const UVAEvent& event) {
 }
 
 } // namespace
+
+std::vector<std::string> eventNames() {
+    return {std::begin(names), std::end(names)};
+}
 
 Record describe(const UVAEvent& event, Clock::time_point delivered) {
     Record record;

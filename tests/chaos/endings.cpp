@@ -41,7 +41,7 @@ void releases(Random random) {
         playStandalone();
     const auto round = [&](bool isFirst) {
         if (mainSystem != nullptr)
-            mainSystem->say(random.pick<const char*>({"grant", "delay 5", "ignore", "refuse"}));
+            mainSystem->say(random.pick<const char*>({"grant", "delay 0.005", "ignore", "refuse"}));
         Player player(*library(), random.oneIn(2) ? url() : fed(), random.child());
         player.play();
         if (!isFirst && random.oneIn(4)) {

@@ -71,8 +71,8 @@ void arbitration(Random random) {
     const bool mayRestart = random.oneIn(4);
     while (walking > 0) {
         const auto command = random.pick<const char*>(
-            {"grant", "grant", "grant both", "refuse", "ignore", "delay 0", "delay 5", "delay 30",
-             "release audio", "release video", "release both", "restart"});
+            {"grant", "grant", "grant both", "refuse", "ignore", "delay 0", "delay 0.005",
+             "delay 0.03", "release audio", "release video", "release both", "restart"});
         if (mayRestart || std::string(command) != "restart")
             mainSystem.say(command);
         pause(milliseconds(random.below(15)));

@@ -179,7 +179,7 @@ protected:
 
     /// A seek at a moment between nothing and all the answers.
     void playAndSeek(bool fed, milliseconds client, milliseconds main) {
-        mainSystem->say("delay " + std::to_string(main.count()));
+        mainSystem->say("delay " + std::to_string(main.count() / 1000.0));
         mainSystem->say("release both"); // what one run was granted the next asks for again
         SinkWatch::instance().restart({false, false, false});
         Host host(*library, client);

@@ -25,21 +25,26 @@ CLIP, MAINSYS = sys.argv[1:3]
 OPTIONS = ["--no-progress-timeout", "60"]
 UNANSWERED = (r": the main system did not answer the request for the decoder within \d+\.\d s; start zant-mainsys, or "
               r"play without a main system \(NOX_GST_STANDALONE=1\)\n$")
-ASKED = "expect DECODER_NEEDED_IND within 60000"
+ASKED = 'expect_signal("DECODER_NEEDED_IND", 60)'
 BOTH_ASKED = [ASKED] * 2
-UNTIL_THE_PLAYER_ENDS = "wait 600000"
+UNTIL_THE_PLAYER_ENDS = "sleep(600)"
+NEXT_PLAYER = 'expect_signal("PLAYER_ENDED", 60)'
+
+
+def asked_back(kinds):
+    return f'release("{kinds}") expect_signal("DECODER_RELEASE_RESP", 60, {{kinds = "{kinds}"}})'
 
 
 class MainSystem:
-    """Plays a scenario, for one player, or orders that end with "quit", for several; from when the link is open."""
+    """Runs a script, from when the link is open."""
 
-    def __init__(self, *commands):
+    def __init__(self, *lines):
         self.folder = tempfile.TemporaryDirectory()
-        lines = pathlib.Path(self.folder.name) / "commands"
-        lines.write_text("\n".join([*commands, ""]))
+        script = pathlib.Path(self.folder.name) / "main.lua"
+        script.write_text("\n".join([*lines, ""]))
         self.output = pathlib.Path(self.folder.name) / "output"
-        self.process = subprocess.Popen([MAINSYS, *([] if commands[-1] == "quit" else ["--scenario", lines])],
-                                        stdin=lines.open(), stdout=self.output.open("w"), stderr=subprocess.STDOUT)
+        self.process = subprocess.Popen([MAINSYS, "--script", script], stdin=subprocess.DEVNULL,
+                                        stdout=self.output.open("w"), stderr=subprocess.STDOUT)
         if not wait_until(lambda: "main system is up" in self.text()):
             raise AssertionError(self.text())
 
@@ -83,10 +88,11 @@ class Arbitration(unittest.TestCase):
                  [f"490 {mine}VIDEO_FORMAT_IND size=22 video 360x240 display 320x240 aspect 4/3 rate 25/1"])]
         for clip, requests, formats in rows:
             with self.subTest(clip):
-                main = MainSystem("control output-ddp:0", *BOTH_ASKED[:len(requests)],
-                                  "expect VIDEO_FORMAT_IND within 60000", "control output-ddp:1", "release both",
-                                  "expect DECODER_RELEASE_RESP 3 within 60000", "control output-ddp:0",
-                                  "expect no DECODER_RELEASE_RESP within 300")
+                main = MainSystem('control("output-ddp:0")', *BOTH_ASKED[:len(requests)],
+                                  'local format = expect_signal("VIDEO_FORMAT_IND", 60)',
+                                  'assert(format.payload:find("^video %d+x%d+"), format.payload)',
+                                  'control("output-ddp:1")', asked_back("both"), 'control("output-ddp:0")',
+                                  'expect_no_signal("DECODER_RELEASE_RESP", 0.3)')
                 self.plays(Run(clip, *OPTIONS, "--window", "320,120,642x300"))
                 heard = re.findall(r"<- (.*) seq=(\d+)(.*)", main.finish(may_leave=True))
                 self.assertEqual([int(number) for _, number, _ in heard], list(range(1, len(heard) + 1)))
@@ -104,9 +110,10 @@ class Arbitration(unittest.TestCase):
             self.assertEqual(main.returncode, 0)
 
     def test_a_refused_player_ends_with_its_reason(self):
-        main = MainSystem("refuse", ASKED, "expect VIDEO_FORMAT_IND within 600000", UNTIL_THE_PLAYER_ENDS)
+        main = MainSystem("refuse()", ASKED, 'expect_signal("VIDEO_FORMAT_IND", 600)', UNTIL_THE_PLAYER_ENDS)
         self.is_refused(Run(CLIP, *OPTIONS), "the main system has none to give, .*end the player that has it")
-        self.assertIn("600000': the player has ended, it did not come; since the last ", main.finish(code=1))
+        self.assertIn("main.lua:3: VIDEO_FORMAT_IND did not come within 600 s: the player has ended; since the last ",
+                      main.finish(code=1))
 
     def test_without_a_main_system_every_player_says_so(self):
         rows = [(), ("--mse",), ("--no-progress-timeout", "3"), ("--mse", "--no-progress-timeout", "60")] * 3
@@ -120,26 +127,39 @@ class Arbitration(unittest.TestCase):
         start = time.monotonic()
         self.is_refused(Run(CLIP, *OPTIONS))
         self.assertGreater(time.monotonic() - start, 5)
-        main = MainSystem(*BOTH_ASKED * 2, "wait 1000", "quit")
+        main = MainSystem(*[*BOTH_ASKED, NEXT_PLAYER] * 2)
         for _ in range(2):  # the second is a new process, which begins anew
             self.plays(Run(CLIP, *OPTIONS))
         main.finish()
 
     def test_a_silent_main_system(self):
-        main = MainSystem("ignore", ASKED, UNTIL_THE_PLAYER_ENDS)
+        main = MainSystem("ignore()", ASKED, UNTIL_THE_PLAYER_ENDS)
         self.is_refused(Run(CLIP, *OPTIONS))
         main.finish()
 
     def test_a_late_main_system_is_asked_for_both_decoders_before_it_grants_either(self):
         for options in ([], ["--mse"]):
             with self.subTest(options):
-                main = MainSystem("delay 1500", *BOTH_ASKED, UNTIL_THE_PLAYER_ENDS)
+                main = MainSystem("delay(1.5)", *BOTH_ASKED, UNTIL_THE_PLAYER_ENDS)
                 self.plays(Run(CLIP, *OPTIONS, *options))
                 signals = re.findall(r"(<-|->) (516|517)", main.finish())
                 self.assertEqual(signals, [("<-", "516")] * 2 + [("->", "517")] * 2)
 
+    def test_a_script_answers_each_request_as_it_likes(self):
+        main = MainSystem("ignore()", "local asked = {}", 'when("DECODER_NEEDED_IND", function(signal)',
+                          "    asked[#asked + 1] = signal.kinds",
+                          "    sleep(#asked * 0.3)",
+                          "    grant(signal.kinds)",
+                          "end)", 'expect_state("video decoder asked for", 60)',
+                          'expect_state("video decoder granted", 60)', 'wait_signal("PLAYER_ENDED", 60)',
+                          'assert(#asked == 2 and asked[1] ~= asked[2], "both kinds are asked for, once")')
+        self.plays(Run(CLIP, *OPTIONS))
+        signals = re.findall(r"(<-|->) (516|517) .* \((\w+)\)", main.finish())
+        granted = [kind for _, number, kind in signals if number == "517"]
+        self.assertEqual(sorted(granted), ["audio", "video"], signals)
+
     def test_stopping_ends_the_wait_for_an_answer(self):
-        main = MainSystem("ignore", ASKED, UNTIL_THE_PLAYER_ENDS)
+        main = MainSystem("ignore()", ASKED, UNTIL_THE_PLAYER_ENDS)
         player = subprocess.Popen([UVA_HOST, *OPTIONS, CLIP], stdin=subprocess.DEVNULL,
                                   stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
         self.assertTrue(wait_until(lambda: "<- 516" in main.text()))
@@ -150,17 +170,16 @@ class Arbitration(unittest.TestCase):
         main.finish()
 
     def test_the_player_goes_on_when_the_main_system_dies(self):
-        dying = MainSystem(*BOTH_ASKED, "expect VIDEO_FORMAT_IND within 60000", "wait 500", "crash")
+        dying = MainSystem(*BOTH_ASKED, 'expect_signal("VIDEO_FORMAT_IND", 60)', "sleep(0.5)", "crash()")
         with concurrent.futures.ThreadPoolExecutor() as pool:
             run = pool.submit(Run, CLIP, *OPTIONS)
             dying.finish(code=-signal.SIGKILL)
-            main = MainSystem("restart", "control output-ddp:1", "release both",
-                              "expect DECODER_RELEASE_RESP 3 within 60000")
+            main = MainSystem("restart()", 'control("output-ddp:1")', asked_back("both"))
             self.plays(run.result())
         main.finish()
 
     def test_a_player_leaves_nothing_however_it_ends(self):
-        main = MainSystem(*BOTH_ASKED * 3, "wait 1000", "quit")
+        main = MainSystem(*[*BOTH_ASKED, NEXT_PLAYER] * 3)
         before = leftovers.names()
         shell = {"/tmp/zant_dbg_server_uva"}
         for end, left in ((signal.SIGKILL, shell), (None, set()), (signal.SIGINT, set())):
@@ -181,7 +200,7 @@ class Arbitration(unittest.TestCase):
         main.finish()
 
     def test_a_link_that_cannot_be_opened_is_named_and_asks_nobody(self):
-        main = MainSystem("expect no DECODER_NEEDED_IND within 1000")
+        main = MainSystem('expect_no_signal("DECODER_NEEDED_IND", 1)')
         mine = "/BplayerAppIfLlDestFunc"
         libc = ctypes.CDLL(None)
         libc.mq_unlink(mine.encode())
@@ -207,10 +226,9 @@ class Arbitration(unittest.TestCase):
 
     def test_garbage_from_the_main_system_does_no_harm(self):
         # Not before the decoders are had: a flood leaves no room for their grants.
-        main = MainSystem(ASKED, "expect VIDEO_FORMAT_IND within 60000", "wait 500",
-                          "garbage 200", "raw 530 size=2147483647 address=8",
-                          "raw 530 size=-1 address=0x20000000", "raw 670", "wait 1500",
-                          "release both", "expect DECODER_RELEASE_RESP 3 within 60000")
+        main = MainSystem(ASKED, 'expect_signal("VIDEO_FORMAT_IND", 60)', "sleep(0.5)",
+                          "garbage(200)", "raw(530, {size = 2147483647, address = 8})",
+                          "raw(530, {size = -1, address = 0x20000000})", "raw(670)", "sleep(1.5)", asked_back("both"))
         self.plays(Run(CLIP, *OPTIONS))
         main.finish()
 

@@ -258,7 +258,7 @@ class TvBox(unittest.TestCase):
         self.assertEqual(self.finish(self.with_main(self.mainsys + " --down", "echo ran")).stdout, "ran\n")
 
         # A second one is refused, and told who serves; when that one is killed, it takes over.
-        another = self.mainsys + " --scenario /dev/null"
+        another = self.mainsys + " --script /dev/null"
         who = r"sed -n 's/.* by zant-mainsys, process \([0-9]*\) .*/\1/p'"
         second = self.finish(self.with_main(
             self.mainsys, f"{another}; echo $?; ls /dev/mqueue; kill -KILL $({another} 2>&1 | {who}); "
@@ -266,9 +266,16 @@ class TvBox(unittest.TestCase):
         self.assertEqual((second.returncode, second.stdout[:13]), (0, "3\nBplayerAppI"), second.stderr)
         self.assertIn("' ended with 137 while the command runs", second.stderr)
 
-        wrong = self.folder / "scenario"
-        wrong.write_text("expect NOPE within 1\n")
-        self.assertIn(":1: 'NOPE' is no signal", self.box(self.mainsys, "--scenario", wrong).stderr)
+        wrong = self.folder / "wrong.lua"
+        for text, code, said in (('expect_signal("NOPE", 1)', 1, ":1: no signal here has 'NOPE' in its name"),
+                                 ("grant(3)", 1, ":1: grant: argument 1 (audio, video or both) is missing or no text"),
+                                 ("return wait_state('video decoder granted', 0) ~= nil", 1, ": the script has returned false"),
+                                 ("\nignore(", 2, ":3: unexpected symbol near"), ("quit() error('goes on')", 0, "")):
+            wrong.write_text(text + "\n")
+            done = self.box(self.mainsys, "--quiet", "--script", wrong)
+            self.assertEqual(done.returncode, code, text)
+            self.assertIn(said, done.stderr)
+        self.assertIn("/nosuch: cannot be read: No such file", self.box(self.mainsys, "--script", "/nosuch").stderr)
         dead = self.finish(self.with_main(self.mainsys + " --audio x", "echo ran"))
         self.assertEqual((dead.returncode, dead.stdout), (125, ""))
         self.assertIn("' ended before it served its queue", dead.stderr)

@@ -78,6 +78,8 @@ protected:
     const std::filesystem::path folder = "/tmp/script_test_" + std::to_string(getpid());
 };
 
+std::atomic<bool> isDeaf{false};
+
 /// How the only script of that file stands.
 ScriptRuns::Info scriptOf(const std::string& path) {
     for (const auto& info : ScriptRuns::instance().list())
@@ -92,17 +94,28 @@ std::string textOf(const std::string& path) {
 }
 
 TEST_F(ScriptTest, ErrorsNameFileAndLine) {
+    scriptSignalObserver(); // has its signals known
     const std::map<std::string, std::string> errors = {
         {"x = = 1", "test:1: unexpected symbol near '='"},
         {"\n\nlocal function f() nothing.x = 1 end\nf()", "test:3: attempt to index a nil value"},
         {"error('mine')", "test:1: mine"},
         {"\nerror({})", "test:2: an error that is no text but of type table"},
-        {"\nsleep('x')", "test:2: sleep: argument 1 (seconds) is missing or no number of seconds"},
-        {"sleep(-1)", "test:1: sleep: argument 1"},
-        {"sleep(0/0)", "test:1: sleep: argument 1"},
+        {"\nsleep('x')", "test:2: bad argument #1 to 'sleep' (number expected, got string)"},
+        {"sleep(-1)", "test:1: bad argument #1 to 'sleep' (seconds from 0 on expected, got -1)"},
+        {"sleep(0/0)", "test:1: bad argument #1 to 'sleep' (seconds from 0 on expected"},
         {"\nshell()", "test:2: shell: argument 1 (command line) is missing or no text"},
-        {"\n\nwait_trace()", "test:3: watch: argument 2 (text to look for)"},
-        {"wait(7, 1)", "test:1: wait: there is no watch 7"},
+        {"\n\nwait_trace(nil, 1)", "test:3: watch: argument 2 (text to look for)"},
+        {"\nwait_trace('x')", "test:2: bad argument #2 to 'wait_trace' (number expected"},
+        {"wait(7, 1)", "test:1: there is no watch 7: watch gives one"},
+        {"\nwait_signal('NOPE', 1)",
+         "test:2: no signal here has 'NOPE' in its name: signal_names()"},
+        {"when(7, print)", "test:1: bad argument #1 to 'when' (string expected, got number)"},
+        {"\nwhen('STANDBY', 7)", "test:2: bad argument #2 to 'when' (function expected"},
+        {"wait_signal('STANDBY', 1, 7)",
+         "test:1: bad argument #3 to 'wait_signal' (table expected"},
+        {"\nexpect_signal('STANDBY', 0)",
+         "test:2: STANDBY did not come within 0 s; since the last"},
+        {"\nexpect_state('no such', 0)", "test:2: the state 'no such' did not come within 0 s"},
         {"\nwait_until(1, 2)", "test:2: bad argument #1 to 'wait_until' (function expected"},
         {"wait_until(print)", "test:1: bad argument #2 to 'wait_until' (number expected"},
         {"log(print)", "test:1: log: a value of type function cannot be handed over"},
@@ -355,20 +368,150 @@ TEST_F(ScriptTest, WaitsEndWithWhatTheyWaitForOrInTime) {
     EXPECT_LT(ScriptControl::Clock::now() - begin, std::chrono::seconds(50));
 }
 
-TEST_F(ScriptTest, WaitsForSignals) {
+TEST_F(ScriptTest, WaitsForSignalsEvenInAFlood) {
     CObservableCallbackFunction observable;
     ASSERT_EQ(observable.RegisterCallbackFunction(scriptSignalObserver(), 0, 0, 0), 0);
     std::atomic<bool> ends{false};
     std::thread notifier([&] {
-        while (!ends) {
+        for (int32_t i = 0; !ends; ++i) {
             CZantMsg msg(SIG_ID_GOTO_STANDBY);
+            msg.param1 = i;
             observable.NotifyObserversWithCallbackFunction(&msg);
         }
     });
-    EXPECT_EQ(resultOf("return wait_signal('GOTO_STANDBY', 60)"), "SIG_ID_GOTO_STANDBY");
+    EXPECT_EQ(resultOf("local s = wait_signal('GOTO_STANDBY', 60) return s.name"),
+              "SIG_ID_GOTO_STANDBY");
     EXPECT_EQ(resultOf("return wait_signal('STOP_THREAD', 0.02)"), nullptr);
+    EXPECT_EQ(resultOf("sleep(0.02) return 'over'"), "over");
     ends = true;
     notifier.join();
+}
+
+/// What a script has the signals "one", "two", ... of, with a parameter n.
+std::string tell(const std::string& signals) {
+    static const auto registered =
+        registerScriptCommand("tell", "tell(name, n)", [](const ScriptCall& call) {
+            ScriptEvents::instance().publishSignal(call.text(1, "name"), [&call] {
+                return ScriptValue{{"n", call.number(2, "n")}};
+            });
+            return ScriptValues{};
+        });
+    static const auto over = registerScriptCommand("tell_end", "tell_end()", [](const ScriptCall&) {
+        ScriptEvents::instance().publishEnd("over", "the player has ended");
+        return ScriptValues{};
+    });
+    EXPECT_EQ(registered + over, "");
+    ScriptEvents::instance().nameSignals({"one", "two", "over", "one"});
+    return signals;
+}
+
+TEST_F(ScriptTest, KeepsSignalsUntilAWaitHasPassedThem) {
+    EXPECT_EQ(
+        resultOf(tell("tell('one', 1) tell('one', 2) tell('two', 3) tell('one', 4)\n"
+                      "local a = wait_signal('one', 0, {n = 2}) local b = wait_signal('o', 0)\n"
+                      "return {a.n, b.n, wait_signal('two', 0) == nil, "
+                      "wait_signal('one', 60).n, wait_signal('one', 0) == nil}")),
+        ScriptValue({2, 3, true, 4, true}));
+    EXPECT_NE(errorOf("tell('one', 1) tell('two', 2) expect_signal('one', 9, {n = 1})\n"
+                      "expect_signal('one', 0.01, {n = 5})")
+                  .find("test:2: one n=5 did not come within 0.01 s; since the last one that was "
+                        "waited for: two"),
+              std::string::npos);
+    EXPECT_NE(errorOf("expect_no_signal('one', 0.01)\ntell('one', 1) expect_no_signal('one', 60)")
+                  .find("test:2: one came, within 60 s"),
+              std::string::npos);
+    // Of more than are kept the oldest are lost.
+    EXPECT_EQ(resultOf("for i = 1, 1200 do tell('one', i) end return wait_signal('one', 0).n"),
+              201);
+    EXPECT_EQ(resultOf("for i = 1, 900 do tell('one', i) end sleep(0)\n"
+                       "for i = 901, 1200 do tell('one', i) end return wait_signal('one', 0).n"),
+              201);
+    const auto names = resultOf("return signal_names()");
+    EXPECT_EQ(std::count(names.begin(), names.end(), "one"), 1);
+}
+
+TEST_F(ScriptTest, HandlersAreCalledInWaits) {
+    EXPECT_EQ(resultOf(tell("local seen = {}\n"
+                            "when('one', function(signal) seen[#seen + 1] = signal.n end)\n"
+                            "when('one', function() seen[#seen + 1] = 'two' end, {n = 2})\n"
+                            "tell('one', 1) tell('two', 9) tell('one', 2)\n"
+                            "seen[#seen + 1] = 'before' sleep(0)\n"
+                            "seen[#seen + 1] = wait_signal('two', 0).n return seen")),
+              ScriptValue({"before", 1, 2, "two", 9}));
+    // One that waits itself, and has others called.
+    EXPECT_EQ(
+        resultOf(
+            "local seen = {}\n"
+            "when('one', function() local s = wait_signal('two', 60) seen[#seen + 1] = s.n end)\n"
+            "when('two', function() seen[#seen + 1] = 'handler' end)\n"
+            "tell('one', 1) tell('two', 2) wait_until(function() return seen[2] end, 60)\n"
+            "return seen"),
+        ScriptValue({"handler", 2}));
+    EXPECT_NE(errorOf("when('one', function()\nerror('mine') end) tell('one', 1) sleep(1)")
+                  .find("test:2: mine"),
+              std::string::npos);
+}
+
+TEST_F(ScriptTest, AnEndIsTheEndOfWaitsUntilItIsWaitedFor) {
+    const auto begin = ScriptControl::Clock::now();
+    EXPECT_NE(errorOf(tell("tell('one', 1) tell_end() tell('two', 2) sleep(1000)\n"
+                           "expect_no_signal('two', 1000) wait_until(function() end, 1000)\n"
+                           "wait_trace('never', 1000) wait(watch('x', 'y'), 1000)\n"
+                           "expect_signal('one', 1000)\n"
+                           "expect_signal('two', 1000)"))
+                  .find("test:5: two did not come within 1000 s: the player has ended; since"),
+              std::string::npos);
+    EXPECT_EQ(resultOf("tell_end() tell('two', 2) local s, why = wait_signal('two', 1000)\n"
+                       "return {why, wait_signal('over', 0) ~= nil, wait_signal('two', 0).n}"),
+              ScriptValue({"the player has ended", true, 2}));
+    EXPECT_LT(ScriptControl::Clock::now() - begin, std::chrono::seconds(100));
+}
+
+TEST_F(ScriptTest, WaitsForStatesThatAreOrCome) {
+    ScriptState video("video"), audio("audio");
+    EXPECT_EQ(resultOf("return wait_state('video', 0.01)"), nullptr);
+    video.set("asked for");
+    audio.set("granted");
+    EXPECT_EQ(resultOf("return wait_state('video asked', 0)"), "video asked for");
+    EXPECT_EQ(resultOf("return wait_state('video granted', 0)"), nullptr);
+    std::thread other([&] {
+        while (!resultOf("return wait_state('audio free', 60)").is_string()) {
+        }
+        video.set("granted");
+    });
+    audio.set("free");
+    EXPECT_EQ(resultOf("return expect_state('video granted', 60)"), "video granted");
+    other.join();
+    {
+        ScriptState third("third");
+        third.set("there");
+    }
+    EXPECT_EQ(resultOf("return wait_state('third', 0)"), nullptr);
+}
+
+/// A program whose loop turns while its script waits: no lock, no second thread.
+TEST_F(ScriptTest, WaitsCanBeTheTurnsOfALoop) {
+    int turns = 0;
+    ScriptControl loop([&turns](ScriptControl::Clock::time_point) {
+        if (++turns == 3)
+            ScriptEvents::instance().publishSignal("one");
+    });
+    const auto script = SILCompileText("test", tell("return wait_signal('one', 60).name")).script;
+    EXPECT_EQ(SILRun(*script, {}, loop).result, "one");
+    EXPECT_EQ(turns, 3);
+
+    ScriptControl ending([&ending](ScriptControl::Clock::time_point) { ending.stop(); });
+    EXPECT_EQ(SILRun(*script, {}, ending).end, End::Stopped);
+    ScriptControl failing([](ScriptControl::Clock::time_point) { throw ScriptError("no more"); });
+    EXPECT_NE(SILRun(*script, {}, failing).error.find("no more"), std::string::npos);
+}
+
+TEST_F(ScriptTest, AWatchGivesItsPlaceToTheNext) {
+    EXPECT_EQ(resultOf("local a, b = watch('trace', 'x'), watch('trace', 'here')\n"
+                       "forget(a) local c = watch('trace', 'elsewhere') shell('m_sleep 0')\n"
+                       "forget(b) local d = watch('trace', 'here')\n"
+                       "return {a, b, c, d, pcall(wait, 3, 0)}"),
+              ScriptValue({1, 2, 1, 2, false, "test:4: there is no watch 3: watch gives one"}));
 }
 
 TEST_F(ScriptTest, IsStoppedWhateverItDoes) {
@@ -471,8 +614,10 @@ TEST_F(ScriptTest, TheShellStartsListsAndStops) {
         EXPECT_NE(errors.find(said), std::string::npos) << said << " in " << errors;
     EXPECT_EQ(command("m_scripthelp"), 0);
     const auto help = screen.take();
-    for (const char* const known : {"sleep(seconds)\tWaits", "wait_trace(text, timeout)\t"})
+    for (const char* const known :
+         {"sleep(seconds)\tWaits", "wait_trace(text, timeout)\t", "shell(line)\t"})
         EXPECT_NE(help.find(known), std::string::npos) << help;
+    EXPECT_EQ(help.find("\n\n"), std::string::npos) << help; // of what is not for scripts
 
     const auto sleeper = write("sleep(1000)", "sleeper.lua");
     for (size_t i = 0; i < ScriptRuns::mostRunning; ++i)
@@ -492,6 +637,81 @@ TEST_F(ScriptTest, TheShellStartsListsAndStops) {
     CThreadObject::StopAllThreads();
     CThreadObject::Start();
     EXPECT_FALSE(ScriptRuns::instance().list().back().runs);
+}
+
+/// A command that goes on until it is let go, whatever is asked of its script.
+std::promise<void>& deaf() {
+    static std::promise<void> letGo;
+    static const auto registered = registerScriptCommand("be_deaf", "be_deaf()", [](const auto&) {
+        isDeaf = true;
+        letGo.get_future().wait();
+        return ScriptValues{};
+    });
+    EXPECT_EQ(registered, "");
+    return letGo;
+}
+
+TEST_F(ScriptTest, OneThatDoesNotStopIsNamed) {
+    auto& letGo = deaf();
+    const auto path = write("be_deaf()", "deaf.lua");
+    EXPECT_EQ(command("m_script " + path), 0);
+    EXPECT_TRUE(waitUntil([] { return isDeaf.load(); }));
+    const auto number = scriptOf(path).number;
+    screen.take();
+    EXPECT_EQ(command("m_scriptstop"), 0);
+    const auto still = screen.take();
+    EXPECT_NE(still.find(" | " + path + " | runs\n"), std::string::npos) << still;
+    EXPECT_EQ(command("m_scriptstop " + std::to_string(number)), 0);
+    EXPECT_NE(screen.take().find(" ends when its command does\n"), std::string::npos);
+
+    // Whoever waits for it is asked to end itself, and need not wait on.
+    class Stopper : public CThreadObject {
+    public:
+        explicit Stopper(int its) : m_number(its) {}
+        ~Stopper() override { StopThreadAndWait(); }
+        void ThreadWorkFunction() override {
+            ScriptRuns::instance().stop(m_number, std::chrono::hours(1));
+        }
+
+    private:
+        const int m_number;
+    };
+    {
+        Stopper stopper(number);
+        EXPECT_EQ(stopper.StartThread("stopper", 0, 0), 0);
+    }
+    letGo.set_value();
+    EXPECT_TRUE(waitUntil([&] { return !scriptOf(path).runs; }));
+}
+
+TEST_F(ScriptTest, SaysHowAScriptEnded) {
+    EXPECT_EQ(describeEnd({End::Finished, "", nullptr}), "finished");
+    EXPECT_EQ(describeEnd({End::Finished, "", {{"a", {1, "x"}}}}), R"(finished: {"a":[1,"x"]})");
+    EXPECT_EQ(describeEnd({End::Finished, "", "\xff"}), "finished: \"\xef\xbf\xbd\"");
+    EXPECT_EQ(describeEnd({End::TooLong, "f:1: why", nullptr}), "failed: f:1: why");
+}
+
+/// The process ends while scripts compute, wait, log and are in a command.
+TEST_F(ScriptTest, TheEndOfTheProcessIsTheirsInOrder) {
+    testing::FLAGS_gtest_death_test_style = "threadsafe";
+    const auto endWithScripts = [this] {
+        const auto busy =
+            write("while true do pcall(function() while true do end end) end", "a.lua");
+        const auto waits = write("while true do wait_trace('never', 1000) end", "b.lua");
+        const auto logs = write("while true do print(state('process').id) sleep(0) end", "c.lua");
+        const auto sleeps = write("while true do shell('m_sleep 1000') end", "d.lua");
+        for (const auto& path : {busy, waits, logs, sleeps, busy, logs})
+            ScriptRuns::instance().start(*SILCompile(path).script, {});
+        std::atexit([] { // behind the scripts' own, which was registered later
+            const auto refused = ScriptRuns::instance().start(CompiledScript("x", ""), {});
+            for (const auto& info : ScriptRuns::instance().list())
+                if (info.runs || refused.error != "the process ends")
+                    _Exit(3);
+        });
+        AddScriptMshellCmds();
+        std::exit(7);
+    };
+    EXPECT_EXIT(endWithScripts(), testing::ExitedWithCode(7), "");
 }
 
 TEST_F(ScriptTest, AConfigurationFileStartsOne) {

@@ -34,7 +34,7 @@ test('a refused decoder is the element\'s error, and the player\'s', async () =>
 });
 
 test('a main system that answers late is waited for, from the first picture on', async () => {
-  await withMainSystem(['delay 1500'], () => withPlayer('dash', { manifest: manifests.dash.clear }, async playing => {
+  await withMainSystem(['delay 1.5'], () => withPlayer('dash', { manifest: manifests.dash.clear }, async playing => {
     await playing.plays(1);
     await playing.showsItsTime();
   }));

@@ -1,5 +1,6 @@
 #include "display.h"
 
+#include "script/script_events.h"
 #include "terminal.h"
 
 #include <algorithm>
@@ -108,6 +109,7 @@ std::string statusLine(const host::Status& status, int width) {
 }
 
 void Display::log(host::Clock::time_point time, const std::string& text) const {
+    ScriptEvents::instance().publish("trace", text);
     if (m_style == Style::Log)
         print(format("%10.6f ", std::chrono::duration<double>(time - m_start).count()) + text +
               "\n");

@@ -1,6 +1,8 @@
 #include "options.h"
 
+#include "common/script.h"
 #include "host/capability_query.h"
+#include "orders.h"
 
 #include <algorithm>
 #include <cstdio>
@@ -10,7 +12,7 @@ namespace uvahost {
 
 namespace {
 
-constexpr const char* details = R"(
+constexpr const char* examples = R"(
 Examples:
   uva-host --standalone movie.mp4
       play a file; without --standalone a main system must grant the decoders
@@ -27,11 +29,24 @@ Examples:
       over to another rendition
   uva-host --standalone --mse --key 0123..ef:4567..ab encrypted.mp4
       play common encryption with a key that is known
+  uva-host --standalone --script there-and-back.lua movie.mp4
+      have playback do as a script says, such as
+
+          expect_state("playing", 10)
+          pause() sleep(0.5) play()
+          expect_signal("SeekResult", 10, {number = seek(20), outcome = "succeeded"})
+          expect_state("ended", 60)
+          assert(status().pictures.dropped == 0, "pictures were dropped")
+
   uva-host --can-play 'video/mp4; codecs="avc1.640028,mp4a.40.2"' --width 1920 --height 1080
       ask what the backend can play
 
 On a terminal, while playing:
   space  pause and go on        left, right  seek by 10 seconds        q  quit
+
+In a script the signals are the backend's events, with their arguments as parameters, and SeekResult
+with number, target, outcome and position; the states are those of "playback": opening, buffering,
+playing, paused, seeking, ended, failed; '...' is what is played.
 
 Times are seconds (12.5) or m:ss (1:30). In a pipe the output is a log, a line an event.
 
@@ -45,10 +60,11 @@ Environment:
   GST_DEBUG             what GStreamer tells the system log, e.g. 2 for its warnings
 
 Exit codes:
-  0    played to the end, for as long as asked, or until q was pressed; --can-play: yes
-  1    playback failed or an output file could not be written; the reason is on standard error;
-       --can-play: no
-  2    the command line is wrong
+  0    played to the end, for as long as asked, until q was pressed or the script has ended well;
+       --can-play: yes
+  1    playback or the script failed, or an output file could not be written; the reason is on
+       standard error; --can-play: no
+  2    the command line is wrong, or the script no script
   130  interrupted with Ctrl-C (128 and the signal's number for other signals)
 )";
 
@@ -158,6 +174,9 @@ tools::OptionGroup playing(Options& options) {
           &options.timeline},
          {"--record", "OUT.uvarec", "Record every call, event, sample and answer, for uva-replay",
           &options.record},
+         {"--script", "FILE",
+          "Run a script while it plays, for each of the media anew; playback ends with it",
+          &options.script},
          {"--no-progress-timeout", "T",
           "Give up when nothing moves for so long; 0: never (default: 5 to 30, by what is waited "
           "for)",
@@ -264,7 +283,8 @@ tools::Parsed<Options> parseOptions(int argc, const char* const* argv) {
     Description asked;
     tools::CommandLine line{"uva-host",
                             "Plays media through a UVA backend library.",
-                            details,
+                            "\nCommands of scripts:\n" + ordersHelp() + tools::scriptHelp +
+                                examples,
                             {playing(options), mediaSources(options), questions(options, asked)}};
     line.version = UVA_HOST_VERSION;
     line.check = [&] { return complete(options, asked); };

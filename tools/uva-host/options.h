@@ -41,6 +41,7 @@ struct Options {
     std::string graph;
     std::string timeline;
     std::string record;
+    std::string script; ///< a file; empty: none
 
     bool mse = false; ///< the media are renditions of one, fed sample by sample
     double start = 0;

@@ -1,5 +1,6 @@
 #include "playback.h"
 
+#include "common/script.h"
 #include "gst_errors.h"
 #include "host/sample.h"
 #include "nox/screen.h"
@@ -74,16 +75,38 @@ Playback::Playback(Stage& stage, std::string name, bool last)
 
 Playback::Result Playback::play(Media media) {
     begin(std::move(media));
-    while (m_stop == Stop::None) {
-        wait();
-        takeSignals();
-        takeKeys();
-        takeMessages();
-        deliverKeys();
-        checkTimes();
-    }
+    if (m_stage.script)
+        runScript();
+    while (m_stop == Stop::None)
+        turn(host::Clock::time_point::max());
     finish();
     return std::move(m_result);
+}
+
+/// To its end, which is that of playback; or until something else ends it.
+void Playback::runScript() {
+    ScriptControl control([this, &control](host::Clock::time_point deadline) {
+        turn(deadline);
+        if (m_stop != Stop::None)
+            control.stop();
+    });
+    m_stage.scripted = this;
+    const auto fault = tools::runScript(*m_stage.script, {m_name}, control);
+    m_stage.scripted = nullptr;
+    if (m_stop != Stop::None)
+        return;
+    if (!fault.empty())
+        return fail(fault);
+    stop(Stop::Scripted);
+}
+
+void Playback::turn(host::Clock::time_point deadline) {
+    wait(deadline);
+    takeSignals();
+    takeKeys();
+    takeMessages();
+    deliverKeys();
+    checkTimes();
 }
 
 void Playback::begin(Media media) {
@@ -106,12 +129,14 @@ host::Clock::duration Playback::played() const {
            (isPlaying() ? host::Clock::now() - m_status.time : host::Clock::duration());
 }
 
-void Playback::wait() {
+void Playback::wait(host::Clock::time_point deadline) {
     milliseconds bound{200}; // how often a backend that hangs is looked for
     const auto dueIn = [&bound](auto left) {
         bound =
             std::clamp(duration_cast<milliseconds>(left) + milliseconds(1), milliseconds(0), bound);
     };
+    if (deadline != host::Clock::time_point::max())
+        dueIn(deadline - host::Clock::now());
     if (m_stage.options.duration && isPlaying())
         dueIn(duration<double>(*m_stage.options.duration) - played());
     if (m_keysDue)
@@ -131,7 +156,7 @@ void Playback::takeMessages() {
         std::visit([this](const auto& each) { take(each); }, message);
     if (m_status.state == host::State::Failed)
         fail(m_status.reason);
-    if (m_status.state == host::State::Ended && m_seeksOpen == 0)
+    if (m_status.state == host::State::Ended && m_seeksOpen == 0 && !m_stage.script)
         stop(Stop::Ended);
 }
 
@@ -145,6 +170,13 @@ void Playback::takeRecords() {
 void Playback::take(const host::Record& record) {
     m_stage.display.show(record);
     m_stage.timeline.add(record);
+    if (record.kind == host::Record::Kind::Event)
+        ScriptEvents::instance().publishSignal(record.name, [&record] {
+            auto parameters = ScriptValue::object();
+            for (const auto& [name, value] : record.arguments)
+                std::visit([&, key = name](const auto& each) { parameters[key] = each; }, value);
+            return parameters;
+        });
 }
 
 void Playback::take(const host::Status& status) {
@@ -153,6 +185,7 @@ void Playback::take(const host::Status& status) {
     m_status = status;
     m_stage.display.show(status);
     m_stage.timeline.add(status);
+    m_state.set(host::name(status.state));
     if (!m_hasStarted && (isPlaying() || status.state == host::State::Ended)) {
         m_hasStarted = true;
         nextSeek();
@@ -165,6 +198,12 @@ void Playback::take(const host::Status& status) {
 }
 
 void Playback::take(const host::SeekResult& answer) {
+    ScriptEvents::instance().publishSignal(seekSignal, [&answer] {
+        return ScriptValue{{"number", answer.generation},
+                           {"target", answer.target},
+                           {"outcome", host::name(answer.outcome)},
+                           {"position", answer.position}};
+    });
     if (--m_seeksOpen == 0)
         m_lastTarget.reset();
     if (m_seekFromList != answer.target)
@@ -261,10 +300,23 @@ void Playback::nextSeek() {
     requestSeek(*m_seekFromList);
 }
 
-void Playback::requestSeek(double target) {
+std::uint64_t Playback::requestSeek(double target) {
     ++m_seeksOpen;
     m_lastTarget = target;
-    m_element.seek(target);
+    return m_element.seek(target);
+}
+
+ScriptValue Playback::describe() const {
+    const auto counters = m_element.counters();
+    return {{"state", host::name(m_status.state)},
+            {"position", m_element.position()},
+            {"duration", m_status.duration},
+            {"width", m_status.width},
+            {"height", m_status.height},
+            {"pictures",
+             {{"shown", counters.shown},
+              {"dropped", counters.dropped},
+              {"damaged", counters.corrupted}}}};
 }
 
 void Playback::takeSignals() {
@@ -371,8 +423,13 @@ std::string Playback::faultOfRequests() const {
 }
 
 std::string Playback::summary(double playedFor, long held) const {
-    static constexpr const char* how[] = {"", "to the end",          "as long as asked",
-                                          "", "until q was pressed", "until interrupted"};
+    static constexpr const char* how[] = {"",
+                                          "to the end",
+                                          "as long as asked",
+                                          "",
+                                          "until q was pressed",
+                                          "until interrupted",
+                                          "until its script ended"};
     std::string text = printable(m_name) + ": played " + seconds(playedFor) + " " +
                        how[static_cast<std::size_t>(m_stop)];
     if (m_status.width > 0 && m_status.height > 0)

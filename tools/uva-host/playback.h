@@ -7,6 +7,8 @@
 #include "host/media_element.h"
 #include "inbox.h"
 #include "options.h"
+#include "script/script.h"
+#include "script/script_state.h"
 #include "terminal.h"
 #include "timeline.h"
 
@@ -19,6 +21,11 @@
 
 namespace uvahost {
 
+/// The signal of scripts that tells of a seek's end.
+constexpr const char* seekSignal = "SeekResult";
+
+class Playback;
+
 /// What the playbacks of one run share.
 struct Stage {
     const Options& options;
@@ -29,6 +36,8 @@ struct Stage {
     std::shared_ptr<const host::BackendLibrary> library;
     std::shared_ptr<host::EventLoop> loop;
     std::shared_ptr<host::ClearKey> keys; ///< null: none was named
+    const std::optional<CompiledScript>& script;
+    Playback* scripted = nullptr; ///< what the script is about, while it runs
 };
 
 /// Plays one piece of media, from the request of its backend to the release. Bound to the program's
@@ -51,13 +60,22 @@ public:
     using Media = std::variant<std::string, host::MediaSource>;
     Result play(Media media);
 
+    // What a script orders.
+    host::MediaElement& element() { return m_element; }
+    /// The number of the seek.
+    std::uint64_t requestSeek(double target);
+    void act(Key key);
+    ScriptValue describe() const;
+
 private:
-    enum class Stop { None, Ended, Elapsed, Failed, Quit, Signal };
+    enum class Stop { None, Ended, Elapsed, Failed, Quit, Signal, Scripted };
 
     void begin(Media media);
     bool isPlaying() const { return m_status.state == host::State::Playing; }
     host::Clock::duration played() const;
-    void wait();
+    void runScript();
+    void turn(host::Clock::time_point deadline);
+    void wait(host::Clock::time_point deadline);
     void takeMessages();
     void takeRecords();
     void take(const host::Record& record);
@@ -69,10 +87,8 @@ private:
     void takeKeys();
     void takeSignals();
     void suspend();
-    void act(Key key);
     void step(double seconds);
     void nextSeek();
-    void requestSeek(double target);
     void checkTimes();
     void snapshot();
     void fail(std::string reason);
@@ -91,6 +107,7 @@ private:
     bool m_keyboard = true; // until its end was read
 
     host::Status m_status;
+    ScriptState m_state{"playback"};        // as scripts see it
     host::Clock::duration m_playedBefore{}; // spent playing, up to m_status.time
     bool m_hasStarted = false;
     std::deque<double> m_seeksLeft;       // which begin then

@@ -1,6 +1,7 @@
 #include "session.h"
 
 #include "common/output_file.h"
+#include "common/script.h"
 #include "common/signals.h"
 #include "gst_errors.h"
 #include "host/backend_library.h"
@@ -9,6 +10,7 @@
 #include "host/media_uri.h"
 #include "host/sample.h"
 #include "media_source.h"
+#include "orders.h"
 #include "timeline/timeline.h"
 #include "uva/uva_client.h"
 #include "uva/uva_event.h"
@@ -23,9 +25,11 @@ namespace uvahost {
 namespace {
 
 Display::Style styleOf(const Options& options, const Terminal& terminal) {
-    return options.quiet       ? Display::Style::Silent
-           : terminal.isLive() ? Display::Style::Live
-                               : Display::Style::Log;
+    // A line that is rewritten, and the lines that a script logs, do not go together.
+    const bool isLive = terminal.isLive() && options.script.empty();
+    return options.quiet ? Display::Style::Silent
+           : isLive      ? Display::Style::Live
+                         : Display::Style::Log;
 }
 
 /// With a delay they come when they are missed.
@@ -51,6 +55,8 @@ public:
 
 Session::Outcome Session::run() {
     findMedia();
+    if (m_exitCode == 0)
+        compileScript();
     if (m_exitCode == 0)
         partOutput();
     if (m_exitCode == 0)
@@ -86,7 +92,14 @@ void Session::playMedia(std::shared_ptr<const host::BackendLibrary> library) {
                 timeline,
                 std::move(library),
                 std::make_shared<host::EventLoop>(),
-                makeKeys(m_options)};
+                makeKeys(m_options),
+                m_script};
+    if (m_script) {
+        registerOrders(stage.scripted);
+        auto names = host::eventNames();
+        names.emplace_back(seekSignal);
+        ScriptEvents::instance().nameSignals(names);
+    }
     bool goesOn = true;
     do {
         goesOn = (m_options.mse ? playSource(stage) : playAll(stage)) && m_options.loop;
@@ -122,6 +135,16 @@ void Session::findMedia() {
         m_uris.push_back(find(name));
     for (const auto& change : m_options.switches)
         find(change.name);
+}
+
+void Session::compileScript() {
+    if (m_options.script.empty())
+        return;
+    auto compilation = tools::compileScript(m_options.script);
+    failIf(compilation.error);
+    if (!compilation.error.empty())
+        m_exitCode = tools::usageError;
+    m_script = std::move(compilation.script);
 }
 
 /// The library's own lines are not wanted by the quiet, nor among answers.

@@ -29,6 +29,7 @@ public:
 private:
     bool asksOnly() const { return m_options.canPlay || m_options.listTypes; }
     void findMedia();
+    void compileScript();
     void partOutput();
     void checkOutputs();
     void useLibrary();
@@ -46,7 +47,8 @@ private:
     OwnOutput m_output;
     const Options m_options;
     std::vector<std::string> m_uris;
-    std::optional<PipelineGraph> m_graph; ///< nothing: not asked for
+    std::optional<CompiledScript> m_script; ///< nothing: none was named
+    std::optional<PipelineGraph> m_graph;   ///< nothing: not asked for
     host::Picture m_snapshot;
     int m_exitCode = 0;
     bool m_abandoned = false;

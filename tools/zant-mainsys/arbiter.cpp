@@ -1,5 +1,6 @@
 #include "arbiter.h"
 
+#include <algorithm>
 #include <iterator>
 #include <utility>
 
@@ -33,6 +34,21 @@ std::optional<Arbiter::Answer> Arbiter::takeBack(uint32_t kinds) {
 void Arbiter::plugInStarted() {
     m_granted = 0;
     m_held = 0;
+}
+
+namespace {
+
+constexpr const char* kindNames[] = {"none", "audio", "video", "both"};
+
+} // namespace
+
+uint32_t kindsNamed(const std::string& name) {
+    const auto* const found = std::find(std::begin(kindNames), std::end(kindNames), name);
+    return found == std::end(kindNames) ? 0 : static_cast<uint32_t>(found - std::begin(kindNames));
+}
+
+const char* nameOf(uint32_t kinds) {
+    return kindNames[kinds < std::size(kindNames) ? kinds : 0];
 }
 
 std::string kindsText(uint32_t kinds) {

@@ -31,7 +31,10 @@ public:
     /// Answers what was held, now that it is not ignored any more.
     std::optional<Answer> answerHeld();
     /// Granted without having been asked for.
-    void granted(uint32_t kinds) { m_granted |= kinds; }
+    void granted(uint32_t kinds) {
+        m_granted |= kinds;
+        m_held &= ~kinds;
+    }
     void released(uint32_t kinds) { m_granted &= ~kinds; }
     /// The plug-in's process is another one: what its predecessor had is free.
     void plugInStarted();
@@ -54,6 +57,11 @@ private:
     uint32_t m_lent = 0;
     uint32_t m_held = 0;
 };
+
+/// The kinds that "audio", "video" or "both" are; 0 for another name.
+uint32_t kindsNamed(const std::string& name);
+/// That name; "none" for none of them.
+const char* nameOf(uint32_t kinds);
 
 /// "audio", "video", "audio+video", "none", or the number for other masks.
 std::string kindsText(uint32_t kinds);

@@ -89,6 +89,18 @@ std::string describe(const Signal& signal) {
     return payload.empty() ? text : text + " " + payload;
 }
 
+ScriptValue parametersOf(const Signal& signal) {
+    const ZantMsgBody& body = signal.body;
+    ScriptValue parameters{{"number", body.signalId}, {"param1", body.param1},
+                           {"param2", body.param2},   {"param3", body.param3},
+                           {"param4", body.param4},   {"sequence", signal.sequence()}};
+    if (namesKinds(body.signalId))
+        parameters["kinds"] = nameOf(static_cast<uint32_t>(body.param1));
+    if (const std::string payload = describePayload(signal); !payload.empty())
+        parameters["payload"] = payload;
+    return parameters;
+}
+
 std::string describePayload(const Signal& signal) {
     const std::string& bytes = signal.payload;
     const auto read = signal.body.signalId == SIG_ID_MPLAYER_VIDEO_FORMAT_IND ? videoFormat

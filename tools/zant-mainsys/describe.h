@@ -2,6 +2,7 @@
 #define MAINSYS_DESCRIBE_H
 
 #include "link.h"
+#include "script/script_value.h"
 
 #include <string>
 
@@ -12,6 +13,10 @@ std::string signalName(const ZantMsgBody& body);
 
 /// The parameters that are set and what the payload says, for a line of the log.
 std::string describe(const Signal& signal);
+
+/// The same as what scripts find beside the signal's name: "number", "param1" to "param4",
+/// "sequence", and where there are such the "kinds", as orders name them, and the "payload".
+ScriptValue parametersOf(const Signal& signal);
 
 /// What the payload says: a format, a text, a window, or its first bytes. Empty without one.
 std::string describePayload(const Signal& signal);

@@ -9,7 +9,7 @@ namespace mainsys {
 
 /// What the command line asks for.
 struct Options {
-    std::string scenario; ///< a file; empty: commands come from standard input
+    std::string script;   ///< a file; empty: commands come from standard input
     std::string timeline; ///< output file; empty: not wanted
     int audioDecoders = 1;
     int videoDecoders = 1;

@@ -1,21 +1,36 @@
 #include "session.h"
 
+#include "common/script.h"
 #include "describe.h"
+#include "orders.h"
 #include "timeline/timeline.h"
+#include "util/thrown_by.h"
 
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
-#include <fstream>
-#include <nlohmann/json.hpp>
 #include <poll.h>
 #include <random>
 #include <unistd.h>
 #include <utility>
+#include <vector>
 
 namespace mainsys {
 
 namespace {
+
+// Signals of scripts that no message is.
+constexpr const char* playerEndedSignal = "PLAYER_ENDED";
+constexpr const char* endsSignal = "MAIN_SYSTEM_ENDS";
+
+/// Rounded up; -1 for never.
+int millisecondsUntil(Clock::time_point time) {
+    if (time == Clock::time_point::max())
+        return -1;
+    const auto left = std::chrono::ceil<Milliseconds>(time - Clock::now()).count();
+    constexpr Milliseconds::rep longest = 24 * 3600 * 1000;
+    return static_cast<int>(std::clamp<Milliseconds::rep>(left, 0, longest));
+}
 
 void complain(const std::string& text) {
     if (!text.empty())
@@ -26,7 +41,7 @@ void complain(const std::string& text) {
 
 Session::Session(Options options)
     : m_options(std::move(options)), m_arbiter(m_options.audioDecoders, m_options.videoDecoders),
-      m_inputOpen(!isScenario()) {}
+      m_inputOpen(!isScripted()) {}
 
 int Session::run() {
     const std::string why =
@@ -35,39 +50,37 @@ int Session::run() {
     if (!why.empty())
         return ExitFailed;
     Timeline::begin();
-    if (!readScenario())
-        return tools::usageError;
+    std::optional<CompiledScript> script;
+    if (isScripted()) {
+        auto compilation = tools::compileScript(m_options.script);
+        complain(compilation.error);
+        if (!compilation.script)
+            return tools::usageError;
+        script = std::move(compilation.script);
+    }
     if (!m_options.down)
         bringUp();
     if (!m_ended)
         complain(tellReady()); // up, or down as it was asked for
-    while (!m_ended) {
-        giveDueAnswers();
-        obeyLines();
-        if (!m_ended)
-            waitForSomething();
-    }
+    if (script && !m_ended)
+        runScript(*script);
+    while (!m_ended)
+        turn(Clock::time_point::max());
     m_link.reset();
     writeTimeline();
     return m_exitCode;
 }
 
-/// Every line is looked at before the first is obeyed.
-bool Session::readScenario() {
-    if (!isScenario())
-        return true;
-    std::ifstream file(m_options.scenario);
-    bool good = file.good();
-    int number = 0;
-    for (std::string text; std::getline(file, text);) {
-        m_lines.push_back({++number, text});
-        const std::string error = parseCommand(text).error;
-        if (error.empty())
-            continue;
-        fprintf(stderr, "%s:%d: %s\n", m_options.scenario.c_str(), number, error.c_str());
-        good = false;
-    }
-    return good;
+/// To its end, which is the program's.
+void Session::runScript(const CompiledScript& script) {
+    registerOrders(*this);
+    ScriptEvents::instance().nameMessageSignals();
+    ScriptEvents::instance().nameSignals({playerEndedSignal, endsSignal});
+    tellStates();
+    const std::string fault = tools::runScript(script, {}, m_script);
+    if (m_ended)
+        return; // by what the script has ordered, or what has happened to the program
+    end(fault.empty() ? 0 : ExitFailed, fault);
 }
 
 void Session::bringUp() {
@@ -79,27 +92,46 @@ void Session::bringUp() {
     }
 }
 
-void Session::obeyLines() {
-    tryHolding();
-    while (!m_ended && !m_holding && !m_lines.empty()) {
-        obeyLine();
-        tryHolding();
+/// Waits first: what a script waits for comes of what is done then.
+void Session::turn(Clock::time_point deadline) {
+    lookForPlayer();
+    for (const Delayed& delayed : m_delayed)
+        deadline = std::min(deadline, delayed.due);
+    pollfd waiting[] = {{m_link ? m_link->fd() : -1, POLLIN, 0},
+                        {m_inputOpen ? STDIN_FILENO : -1, POLLIN, 0},
+                        {m_endSignals.fd(), POLLIN, 0},
+                        {m_player.get(), POLLIN, 0},
+                        {m_link ? m_link->claim().fd() : -1, POLLIN, 0}};
+    if (poll(waiting, std::size(waiting), millisecondsUntil(deadline)) > 0) {
+        if (waiting[4].revents != 0)
+            m_link->claim().tell([this] { return status().dump(); });
+        if (waiting[1].revents != 0)
+            takeInput();
+        if (waiting[2].revents != 0)
+            takeEndSignal();
+        // One at a time: a script has looked at each signal before the next is answered. What a
+        // player that has ended had sent comes before its end.
+        if (!takeSignal() && waiting[3].revents != 0)
+            playerEnded();
     }
-    if (isScenario() && m_lines.empty() && !m_holding)
-        m_ended = true;
+    giveDueAnswers();
+    tellStates();
 }
 
-void Session::obeyLine() {
-    m_line = m_lines.front();
-    m_lines.pop_front();
-    const Command command = parseCommand(m_line.text);
-    complain(command.error);
-    if (!command.error.empty() || !command.obey)
-        return;
+void Session::tellStates() {
+    m_mainSystem.set(m_link ? "up" : "down");
+    for (const auto& [state, kind] :
+         {std::pair(&m_audioDecoder, audioKind), std::pair(&m_videoDecoder, videoKind)})
+        state->set((m_arbiter.held() & kind) != 0      ? "asked for"
+                   : (m_arbiter.lent() & kind) != 0    ? "lent"
+                   : (m_arbiter.granted() & kind) != 0 ? "granted"
+                                                       : "free");
+}
+
+void Session::noteOrder(const std::string& text) {
     const auto now = Clock::now();
-    log("obey " + m_line.text, now);
-    m_timeline.ordered(m_line.text, now);
-    command.obey(*this, command.arguments);
+    log("obey " + text, now);
+    m_timeline.ordered(text, now);
 }
 
 void Session::setMode(Arbiter::Mode mode) {
@@ -148,111 +180,29 @@ void Session::restart() {
     bringUp();
 }
 
-void Session::printStatus() const {
-    printf("main system %s, granted to the plug-in: %s, answers waiting: %zu\n",
-           m_link ? "up" : "down", kindsText(m_arbiter.granted()).c_str(), m_delayed.size());
-}
-
-/// For who looks at the set from outside.
-std::string Session::stateAsJson() const {
+ScriptValue Session::status() const {
     static constexpr const char* modes[] = {"grant", "refuse", "ignore"};
     const auto names = [](uint32_t kinds) {
-        auto list = nlohmann::json::array();
+        auto list = ScriptValue::array();
         for (const uint32_t kind : {audioKind, videoKind})
             if ((kinds & kind) != 0)
                 list.push_back(kindsText(kind));
         return list;
     };
-    return nlohmann::json{{"decoders", names(m_arbiter.there())},
-                          {"granted", names(m_arbiter.granted())},
-                          {"lent", names(m_arbiter.lent())},
-                          {"not_answered", names(m_arbiter.held())},
-                          {"answers_delayed", m_delayed.size()},
-                          {"mode", modes[static_cast<std::size_t>(m_arbiter.mode())]}}
-        .dump();
+    return ScriptValue{{"up", m_link.has_value()},
+                       {"decoders", names(m_arbiter.there())},
+                       {"granted", names(m_arbiter.granted())},
+                       {"lent", names(m_arbiter.lent())},
+                       {"not_answered", names(m_arbiter.held())},
+                       {"answers_delayed", m_delayed.size()},
+                       {"mode", modes[static_cast<std::size_t>(m_arbiter.mode())]}};
 }
 
-void Session::hold(Milliseconds time, const std::optional<Expectation>& expectation) {
-    lookForPlayer();
-    m_holding = Holding{expectation, Clock::now() + time};
-}
-
-void Session::tryHolding() {
-    if (!m_holding)
-        return;
-    const auto expectation = m_holding->expectation;
-    const bool came = expectation && takeExpected(*expectation);
-    if (!came && !m_playerEnded && Clock::now() < m_holding->until)
-        return;
-    m_holding.reset();
-    if (expectation && came != expectation->toCome)
-        failed(came            ? "it came"
-               : m_playerEnded ? "the player has ended, it did not come"
-                               : "it did not come");
-}
-
-/// Takes away what came before the expected signal, and that one.
-bool Session::takeExpected(const Expectation& expectation) {
-    const auto found =
-        std::find_if(m_unexpected.begin(), m_unexpected.end(), [&](const Signal& signal) {
-            return signal.body.signalId == expectation.signal &&
-                   signal.body.param1 == expectation.parameter.value_or(signal.body.param1);
-        });
-    if (found == m_unexpected.end())
-        return false;
-    m_unexpected.erase(m_unexpected.begin(), found + 1);
-    return true;
-}
-
-void Session::failed(const std::string& why) {
-    std::string came;
-    for (const Signal& signal : m_unexpected)
-        came += " " + signalName(signal.body) + "(" + std::to_string(signal.body.param1) + ")";
-    const std::string where = isScenario() ? m_options.scenario : "standard input";
-    fprintf(stderr, "%s:%d: '%s': %s; since the last expectation:%s\n", where.c_str(),
-            m_line.number, m_line.text.c_str(), why.c_str(),
-            came.empty() ? " nothing" : came.c_str());
-    m_exitCode = ExitFailed;
-    m_ended = isScenario();
-}
-
-void Session::waitForSomething() {
-    pollfd waiting[] = {{m_link ? m_link->fd() : -1, POLLIN, 0},
-                        {m_inputOpen ? STDIN_FILENO : -1, POLLIN, 0},
-                        {m_endSignals.fd(), POLLIN, 0},
-                        {m_player.get(), POLLIN, 0},
-                        {m_link ? m_link->claim().fd() : -1, POLLIN, 0}};
-    if (poll(waiting, std::size(waiting), timeout()) <= 0)
-        return;
-    if (waiting[0].revents != 0)
-        takeSignals();
-    if (waiting[1].revents != 0)
-        takeInput();
-    if (waiting[3].revents != 0)
-        playerEnded();
-    if (waiting[4].revents != 0 && m_link)
-        m_link->claim().tell([this] { return stateAsJson(); });
-    // Taken, or it would end the program by itself when it is no more held back.
-    if (waiting[2].revents != 0 && m_endSignals.take() != 0 &&
-        !m_playerEnded) // else the scenario is about to end by itself
-        end(isScenario() ? ExitFailed : 0,
-            isScenario() ? "ended by a signal before the end of the scenario" : "");
-}
-
-/// Milliseconds until something is due, rounded up; -1 for never.
-int Session::timeout() const {
-    auto next = m_holding ? m_holding->until : Clock::time_point::max();
-    for (const Delayed& delayed : m_delayed)
-        next = std::min(next, delayed.due);
-    if (next == Clock::time_point::max())
-        return -1;
-    const auto left = std::chrono::ceil<Milliseconds>(next - Clock::now());
-    return static_cast<int>(std::max(left, Milliseconds(0)).count());
-}
-
-void Session::takeSignals() {
-    while (const auto signal = m_link ? m_link->take() : std::nullopt)
+bool Session::takeSignal() {
+    const auto signal = m_link ? m_link->take() : std::nullopt;
+    if (signal)
         received(*signal);
+    return signal.has_value();
 }
 
 void Session::takeInput() {
@@ -263,33 +213,58 @@ void Session::takeInput() {
         return;
     }
     m_input.append(bytes, static_cast<size_t>(count));
-    for (size_t end = m_input.find('\n'); end != std::string::npos; end = m_input.find('\n')) {
-        m_lines.push_back({++m_inputLine, m_input.substr(0, end)});
+    for (size_t end = m_input.find('\n'); end != std::string::npos && !m_ended;
+         end = m_input.find('\n')) {
+        const std::string line = m_input.substr(0, end);
         m_input.erase(0, end + 1);
+        obey(line);
     }
+}
+
+/// What it answers is printed.
+void Session::obey(const std::string& line) noexcept {
+    const auto thrown = thrownBy([&] {
+        for (const ScriptValue& value : obeyLine(*this, line))
+            printf("%s\n", value.is_string() ? value.get_ref<const std::string&>().c_str()
+                                             : value.dump().c_str());
+    });
+    if (thrown)
+        complain(*thrown);
+}
+
+/// Taken, or it would end the program by itself when it is no more held back. A script whose player
+/// has ended is about to end by itself.
+void Session::takeEndSignal() {
+    if (m_endSignals.take() == 0)
+        return;
+    if (isScripted() && m_playerEnded)
+        ScriptEvents::instance().publishEnd(endsSignal, "the main system is to end");
+    else if (isScripted())
+        end(ExitFailed, "ended by a signal before the end of the script");
+    else
+        end(0, "");
 }
 
 /// Nothing on the link tells of its end.
 void Session::lookForPlayer() {
-    if (!m_player && !m_playerEnded)
-        m_player = openPlugInProcess();
+    if (m_player)
+        return;
+    m_player = openPlugInProcess();
+    m_playerEnded = m_playerEnded && !m_player;
 }
 
-/// A scenario is for one player; who gives orders may go on to the next.
 void Session::playerEnded() {
-    takeSignals(); // all that it has sent is there by now
     m_player.reset();
-    m_playerEnded = isScenario();
+    m_playerEnded = true;
     log("player has ended");
+    ScriptEvents::instance().publishEnd(playerEndedSignal, "the player has ended");
 }
 
 void Session::received(const Signal& signal) {
-    constexpr size_t mostUnexpected = 10000;
     log(Direction::FromPlugIn, signal);
     m_timeline.passed(Direction::FromPlugIn, signal);
-    m_unexpected.push_back(signal);
-    if (m_unexpected.size() > mostUnexpected)
-        m_unexpected.pop_front();
+    ScriptEvents::instance().publishSignal(signalName(signal.body),
+                                           [&signal] { return parametersOf(signal); });
     if (signal.sequence() == rpc_sequence::senderStarted)
         m_arbiter.plugInStarted();
     const auto kinds = static_cast<uint32_t>(signal.body.param1);
@@ -297,7 +272,6 @@ void Session::received(const Signal& signal) {
         answerLater(m_arbiter.needed(kinds));
     if (signal.body.signalId == SIG_ID_MPLAYER_DECODER_RELEASE_RESP)
         m_arbiter.released(kinds);
-    lookForPlayer();
 }
 
 void Session::answerLater(std::optional<Arbiter::Answer> answer) {
@@ -354,6 +328,7 @@ void Session::sendGarbage(uint32_t count) {
 }
 
 void Session::log(const std::string& text, Clock::time_point time) const {
+    ScriptEvents::instance().publish("trace", text);
     if (!m_options.quiet)
         printf("%11.6f %s\n", std::chrono::duration<double>(time - m_start).count(), text.c_str());
 }
@@ -374,6 +349,7 @@ void Session::end(int exitCode, const std::string& why) {
     complain(why);
     m_ended = true;
     m_exitCode = m_exitCode != 0 ? m_exitCode : exitCode;
+    m_script.stop();
 }
 
 } // namespace mainsys

@@ -2,20 +2,23 @@
 #define MAINSYS_SESSION_H
 
 #include "arbiter.h"
-#include "command.h"
 #include "common/signals.h"
 #include "link.h"
 #include "options.h"
+#include "script/script.h"
 #include "timeline.h"
 
+#include <chrono>
 #include <deque>
 #include <optional>
 #include <string>
 
 namespace mainsys {
 
-/// One run of the program: obeys commands, answers the plug-in, prints what passes. Bound to the
-/// program's one thread.
+using Milliseconds = std::chrono::milliseconds;
+
+/// One run of the program: obeys orders, answers the plug-in, prints what passes. Bound to the
+/// program's one thread: while a script computes nothing else goes on, while it waits all does.
 class Session {
 public:
     explicit Session(Options options);
@@ -23,7 +26,9 @@ public:
     /// The exit code.
     int run();
 
-    // What commands order.
+    // What is ordered.
+    void noteOrder(const std::string& text);
+    void tellStates(); ///< to scripts, after an order
     void setMode(Arbiter::Mode mode);
     void grant(uint32_t kinds); ///< 0: what is asked for
     void setDelay(Milliseconds delay) { m_delay = delay; }
@@ -33,40 +38,25 @@ public:
     void control(const std::string& text);
     void crash();
     void restart();
-    void hold(Milliseconds time, const std::optional<Expectation>& expectation);
     void sendRaw(const ZantMsgBody& body, uint32_t count);
     void sendGarbage(uint32_t count);
-    void printStatus() const;
-    void quit() { m_ended = true; }
+    ScriptValue status() const; ///< who has what
+    void quit() { end(0, ""); }
 
 private:
-    struct Line {
-        int number = 0;
-        std::string text;
-    };
-    struct Holding { ///< what holds the lines behind the one that is being obeyed
-        std::optional<Expectation> expectation;
-        Clock::time_point until;
-    };
     struct Delayed {
         Clock::time_point due;
         Arbiter::Answer answer;
     };
 
-    std::string stateAsJson() const;
-    bool isScenario() const { return !m_options.scenario.empty(); }
-    bool readScenario();
+    bool isScripted() const { return !m_options.script.empty(); }
     void bringUp();
-    void obeyLines();
-    void obeyLine();
-    void tryHolding();
-    bool takeExpected(const Expectation& expectation);
-    void failed(const std::string& why);
-
-    void waitForSomething();
-    int timeout() const;
-    void takeSignals();
+    void runScript(const CompiledScript& script);
+    void turn(Clock::time_point deadline);
+    bool takeSignal();
     void takeInput();
+    void obey(const std::string& line) noexcept;
+    void takeEndSignal();
     void lookForPlayer();
     void playerEnded();
     void received(const Signal& signal);
@@ -86,15 +76,14 @@ private:
     Timeline m_timeline;
     Milliseconds m_delay{0};
     std::deque<Delayed> m_delayed;
-    std::deque<Line> m_lines;
-    Line m_line; ///< that is being obeyed
-    std::optional<Holding> m_holding;
-    std::deque<Signal> m_unexpected; ///< came since the last expected one
-    ScopedFd m_player;               ///< its process, once it is known
-    bool m_playerEnded = false;      ///< the scenario waits for nothing any more
-    std::string m_input;             ///< of a line that is not complete
+    ScriptControl m_script{[this](Clock::time_point deadline) { turn(deadline); }};
+    ScriptState m_mainSystem{"main system"};
+    ScriptState m_audioDecoder{"audio decoder"};
+    ScriptState m_videoDecoder{"video decoder"};
+    ScopedFd m_player;          ///< its process, once it is known
+    bool m_playerEnded = false; ///< and there is no other yet
+    std::string m_input;        ///< of a line that is not complete
     bool m_inputOpen;
-    int m_inputLine = 0;
     int m_cookie = 0;
     bool m_ended = false;
     int m_exitCode = 0;

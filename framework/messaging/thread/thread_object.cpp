@@ -273,6 +273,7 @@ CThreadObject::Run CThreadObject::requestStop() {
     const CancellationBlock block;
     const MutexLock lock(m_zantGlobalThreadMutex);
     stopRequested = 1;
+    announceChange();
     return m_run;
 }
 

@@ -1,9 +1,11 @@
 #ifndef MESSAGING_THREAD_OBJECT_H
 #define MESSAGING_THREAD_OBJECT_H
 
+#include "util/cancellation_block.h"
 #include "util/mutex.h"
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <list>
 #include <pthread.h>
@@ -84,6 +86,20 @@ public:
     /// True when the caller runs on the thread of an object that was asked to end: what may take
     /// long on somebody's thread looks here, and leaves.
     static bool CallerShallStop();
+    /// Waits until the predicate holds, the calling thread is asked to end or the time has come.
+    /// The predicate takes no lock; it is looked at when a thread begins, ends or is asked to, and
+    /// after `AnnounceChange`. Whether it holds.
+    template <typename Predicate>
+    static bool WaitUnlessStopped(std::chrono::steady_clock::time_point deadline,
+                                  Predicate predicate) EXCLUDES(m_zantGlobalThreadMutex) {
+        const CancellationBlock block;
+        const MutexLock lock(m_zantGlobalThreadMutex);
+        while (!predicate() && !CallerShallStop() && waitForChange(deadline)) {
+        }
+        return predicate();
+    }
+    /// Has those that wait look again.
+    static void AnnounceChange() EXCLUDES(m_zantGlobalThreadMutex);
 
     ///@{
     /// Terminate freezes the list before static objects go: threads that end afterwards stay
@@ -123,6 +139,9 @@ private:
     bool isOwnThread() const REQUIRES(m_zantGlobalThreadMutex);
     void joinThread(Run run) EXCLUDES(m_zantGlobalThreadMutex);
     static void waitForChange() REQUIRES(m_zantGlobalThreadMutex);
+    /// False when the deadline has passed.
+    static bool waitForChange(std::chrono::steady_clock::time_point deadline)
+        REQUIRES(m_zantGlobalThreadMutex);
     static void announceChange() REQUIRES(m_zantGlobalThreadMutex);
     Info info() REQUIRES(m_zantGlobalThreadMutex);
     static void addEntry(CThreadObject* object) REQUIRES(m_zantGlobalThreadMutex);

@@ -3,6 +3,7 @@
 #include "util/cancellation_block.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdio>
 #include <vector>
 
@@ -25,8 +26,20 @@ void CThreadObject::waitForChange() {
     pthread_cond_wait(&m_stateChanged, m_zantGlobalThreadMutex.handle());
 }
 
+bool CThreadObject::waitForChange(std::chrono::steady_clock::time_point deadline) {
+    const timespec until = monotonicTime(deadline);
+    return pthread_cond_clockwait(&m_stateChanged, m_zantGlobalThreadMutex.handle(),
+                                  CLOCK_MONOTONIC, &until) != ETIMEDOUT;
+}
+
 void CThreadObject::announceChange() {
     pthread_cond_broadcast(&m_stateChanged);
+}
+
+void CThreadObject::AnnounceChange() {
+    const CancellationBlock block;
+    const MutexLock lock(m_zantGlobalThreadMutex);
+    announceChange();
 }
 
 void CThreadObject::AddThreadToGlobalThreadList(CThreadObject* object) {

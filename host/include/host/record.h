@@ -32,6 +32,9 @@ struct Record {
     std::vector<Argument> arguments; ///< an operation's last one is its "result"
 };
 
+/// The names of all events that a backend may raise.
+std::vector<std::string> eventNames();
+
 } // namespace host
 
 #endif

@@ -80,7 +80,7 @@ private:
 
     void lateAnswer() {
         m_findings.beginMeasuring();
-        freeDecoders("grant\ndelay 1000");
+        freeDecoders("grant\ndelay 1");
         m_findings.measure("late answer", missing());
         m_main->say("delay 0");
     }

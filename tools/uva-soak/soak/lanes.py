@@ -192,7 +192,7 @@ class Short(Lane):
             self.over_with(self.host(), 1)
 
     def late(self):
-        with self.with_main_system(f"delay {self.random.randrange(50, 1500)}"):
+        with self.with_main_system(f"delay {self.random.randrange(50, 1500) / 1000}"):
             self.over_with(self.host(), 0)
 
     def returns(self):

@@ -11,6 +11,7 @@
 #include "base/gst_ptr.h"
 #include "mse/media_source_group.h"
 #include "mse/media_sources.h"
+#include "script/script_state.h"
 #include "timeline/timeline.h"
 #include "uva/uva_client.h"
 #include "uva/uva_media_backend.h"
@@ -147,6 +148,8 @@ public:
 
     /// Of an event by the host's number.
     static const char* eventName(int type);
+    /// Those that debug scripts may wait for: the events by their names, and what else happens.
+    static std::vector<std::string> signalNames();
 
     static std::atomic<bool>
         g_standalone; ///< no decoder arbitration: NOX_GST_STANDALONE is in the environment
@@ -234,6 +237,7 @@ private:
     };
     Buffering m_buffering GUARDED_BY(m_lock); // as the pipeline's queue has told it
     EventLog m_events;
+    ScriptState m_stateForScripts{"media"}; // that the pipeline has reached
 
     MediaFacts m_facts;
     MediaSourceGroup m_sourceGroup;

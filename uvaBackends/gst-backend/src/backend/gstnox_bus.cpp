@@ -2,6 +2,7 @@
 
 #include "backend/gstnox_link.h"
 #include "base/gstnox_debug.h"
+#include "script/script_events.h"
 #include "uva/uva_event.h"
 
 #include <cstdarg>
@@ -85,6 +86,14 @@ const char* GstNoxBackend::eventName(int type) {
     return index < std::size(eventNames) ? eventNames[index] : "unknown Event";
 }
 
+std::vector<std::string> GstNoxBackend::signalNames() {
+    std::vector<std::string> names(std::begin(eventNames), std::end(eventNames));
+    for (const char* const own : {"VideoFormat", "AudioFormat", "PipelineError", "DecoderGranted",
+                                  "DecoderRefused", "DecoderInterrupted"})
+        names.emplace_back(own);
+    return names;
+}
+
 namespace {
 
 /// From the element that fetches a URL, and about a resource: the network, as the client sees it.
@@ -112,6 +121,9 @@ void GstNoxBackend::raiseEvent(UVAEvent* event, GstDebugLevel level, const char*
                           message.get());
     }
     m_events.note(event->type());
+    ScriptEvents::instance().publishSignal(eventName(event->type()));
+    if (event->type() == UVAEvent::PlaybackFinished)
+        m_stateForScripts.set("ended");
     const timeline::Span span("event", eventName(event->type()));
     if (span && event->type() == UVAEvent::NeedMSEData) // which comes back with the samples
         span.flow(timeline::Flow::Start, "samples", timeline::idOf(event));
@@ -165,6 +177,8 @@ void GstNoxBackend::handleStateChangedMessage(GstMessage* message) {
     GstState pending = GST_STATE_VOID_PENDING;
     gst_message_parse_state_changed(message, &before, &now, &pending);
     GST_DEBUG("state changed %d->%d, pending=%d\n", before, now, pending);
+    static constexpr const char* names[] = {"pending", "null", "ready", "paused", "playing"};
+    m_stateForScripts.set(names[now]);
 }
 
 void GstNoxBackend::handleErrorMessage(GstMessage* message) {
@@ -186,6 +200,10 @@ void GstNoxBackend::handleErrorMessage(GstMessage* message) {
         m_lastError = {std::string(element) + ": " + error->message, g_get_monotonic_time()};
     }
     m_pipeline.writeGraph("gstbackend-error");
+    ScriptEvents::instance().publishSignal("PipelineError", [&] {
+        return ScriptValue{{"element", element}, {"text", error->message}};
+    });
+    m_stateForScripts.set("failed");
     const char* domain = g_quark_to_string(error->domain);
     GST_WARNING("***W: %s: %s (%d) (%s)", domain, error->message, error->code, debug);
     if (error->domain == GST_RESOURCE_ERROR) {
@@ -207,11 +225,13 @@ void GstNoxBackend::handleApplicationMessage(GstMessage* message) {
         return;
     const std::string_view name = gst_structure_get_name(structure);
     GST_DEBUG("got application message: %s", name.data());
-    if (name == "GstNoxVideoFormat")
+    if (name == "GstNoxVideoFormat") {
+        ScriptEvents::instance().publishSignal("VideoFormat");
         handleVideoFormat(structure);
-    else if (name == "GstNoxAudioFormat")
+    } else if (name == "GstNoxAudioFormat") {
+        ScriptEvents::instance().publishSignal("AudioFormat");
         m_pipeline.writeGraph("nox-anfy");
-    else if (name == "GstNoxDecoderNeeded")
+    } else if (name == "GstNoxDecoderNeeded")
         handleDecoderNeeded(structure);
 }
 

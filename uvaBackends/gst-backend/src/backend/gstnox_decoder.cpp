@@ -3,6 +3,7 @@
 #include "UvaGstIfReceiver.h"
 #include "base/gst_ptr.h"
 #include "base/gstnox_debug.h"
+#include "script/script_events.h"
 
 #include <utility>
 
@@ -112,7 +113,7 @@ gint DecoderHandshake::decoder_request_cb(GstElement* sink, const gchar* type,
     return guarded(GST_CAT_DEFAULT, "decoder-request", 0, [=] {
         auto* handshake = static_cast<DecoderHandshake*>(self);
         GST_DEBUG("m_resources_state=%d, type=%s", handshake->resourcesState(), type);
-        return handshake->reply(handshake->askBoth({sink, type}));
+        return handshake->reply(handshake->askBoth({sink, type}), type);
     });
 }
 
@@ -120,16 +121,24 @@ gint DecoderHandshake::source_decoder_request_cb(GstElement* sink, const gchar* 
                                                  gpointer self) noexcept {
     return guarded(GST_CAT_DEFAULT, "decoder-request", 0, [=] {
         auto* handshake = static_cast<DecoderHandshake*>(self);
-        return handshake->reply(handshake->askMainSystem({sink, type}));
+        return handshake->reply(handshake->askMainSystem({sink, type}), type);
     });
 }
 
 /// What the sink is told.
-gint DecoderHandshake::reply(Answer answer) {
+gint DecoderHandshake::reply(Answer answer, const gchar* type) {
+    struct Names {
+        const char* record;
+        const char* signal;
+    };
+    const Names names = answer == Answer::Granted   ? Names{"granted", "DecoderGranted"}
+                        : answer == Answer::Refused ? Names{"refused", "DecoderRefused"}
+                                                    : Names{"interrupted", "DecoderInterrupted"};
     if (timeline::isOn())
-        timeline::instant("decoder", answer == Answer::Granted   ? "granted"
-                                     : answer == Answer::Refused ? "refused"
-                                                                 : "interrupted");
+        timeline::instant("decoder", names.record);
+    ScriptEvents::instance().publishSignal(names.signal, [type] {
+        return ScriptValue{{"kind", type != nullptr ? type : ""}};
+    });
     if (answer == Answer::Refused) {
         GST_ERROR("***E: resources not available (%d)", resourcesState());
         m_client.refused();

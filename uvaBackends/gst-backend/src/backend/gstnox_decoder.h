@@ -116,7 +116,7 @@ private:
     class Waiting;
 
     static GstPadProbeReturn onFlush(GstPad* pad, GstPadProbeInfo* info, gpointer self) noexcept;
-    gint reply(Answer answer);
+    gint reply(Answer answer, const gchar* type);
     Answer note(Answer answer, WaitFor whose, const Request& request) EXCLUDES(m_lock);
     Answer askBoth(const Request& request) EXCLUDES(m_lock);
     Answer askClient(const Request& request) EXCLUDES(m_lock);

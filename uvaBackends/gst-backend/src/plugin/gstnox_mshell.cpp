@@ -5,6 +5,7 @@
 #include "debug/shell/command_struct.h"
 #include "debug/shell/mshell.h"
 #include "debug/trace/zant_trace.h"
+#include "script/script_events.h"
 #include "state/framework_state.h"
 #include "state/state_report.h"
 #include "util/bounded_ask.h"
@@ -49,6 +50,7 @@ void uva_add_mshell_commands() {
     };
     mshell.AddMshellCmds("uva", commands);
     StateReport::instance().add("media", GstNoxBackend::stateOfAll);
+    ScriptEvents::instance().nameSignals(GstNoxBackend::signalNames());
 }
 
 int m_gst_debug_set_threshold(CommandStruct* command) {
