@@ -35,6 +35,7 @@ public:
         if (!m_player.waitForPicture(0, 0, firstBound))
             return fail("end", "no picture that can be read is shown; " + m_player.story());
         const bool ended = playToTheEnd();
+        m_player.watch().catchUp();
         m_pictures = m_player.watch().pictures();
         if (!ended)
             return fail("end", "it did not end: " + m_player.story());

@@ -48,6 +48,8 @@ public:
 
     /// In the order of their showing. One that playback stood at and went on from is there once.
     virtual const std::vector<SeenPicture>& pictures() = 0;
+    /// Waits until what is on screen now has been seen. Those that see every picture need no time for it.
+    virtual void catchUp() {}
     /// Nothing: sound cannot be heard.
     virtual std::optional<HeardSound> sound() = 0;
     /// The pulses of it.
