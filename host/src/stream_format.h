@@ -31,7 +31,7 @@ struct OwnedConfig final : UVAStreamConfig {
 
 /// What media sources call a codec.
 struct MediaSourceCodec {
-    UVAStreamConfig::Codec codec;
+    int codec; ///< UVAStreamConfig::CODEC_...
     const char* mimeType; ///< for UVABackend::SourceDescription
 };
 

@@ -9,6 +9,7 @@
 #include "media/mark.h"
 #include "report/report.h"
 #include "watch/sound_listener.h"
+#include "watch/watch.h"
 
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
@@ -225,6 +226,15 @@ TEST(QualifyPictures, KeepTheirPace) {
     pictures[3].time += std::chrono::milliseconds(300);
     EXPECT_EQ(worstOf(paceOf(pictures)), -300);
     EXPECT_EQ(worstOf(paceOf(pictures, 3)), 0);
+}
+
+TEST(QualifyWatch, LatenessOfLookingExplainsNoMoreThanThereIs) {
+    const auto captures = observeByCapture();
+    const double lateness = captures->lateness();
+    EXPECT_GT(lateness, 0);
+    EXPECT_EQ(captures->beyondLateness(lateness / 2), 0);
+    EXPECT_EQ(captures->beyondLateness(lateness + 5), 5);
+    EXPECT_TRUE(std::isnan(captures->beyondLateness(std::nan(""))));
 }
 
 TEST(QualifyLimits, NoMachineExcusesWhatIsNoTime) {

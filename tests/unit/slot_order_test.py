@@ -100,6 +100,10 @@ setActive(bool) host
 setPrefs(std::map<std::string, std::string>) host
 """.strip().splitlines()
 
+# A host's headers may have these under names of their own, with an alias.
+VALUE_TYPES = re.compile(r"UVABackend::(?:Rect|ByteRange|TimeRange|ContentDescription)|UVATime|UVAKeySystemConfig|"
+                         r"UVAMediaBackend::SpeedRange")
+
 HEADER_WORDS = 2  # offset to top and type information come before the slots
 
 
@@ -115,6 +119,12 @@ def simplify(name):
     name = re.sub(r", std::(less|allocator)<.*?> ?>? ?>(?= const&|&|\))", ">", name)
     name = re.sub(r"std::map<std::string, std::string.*> const&", "std::map<std::string, std::string>", name)
     return re.sub(r", std::allocator<[^<>]*> ?>", ">", name)
+
+
+def is_slot(name, expected, classes):
+    """Whether a slot's function is the expected one of a class of these."""
+    signature = r"[\w:<> ]+".join(re.escape(part) for part in VALUE_TYPES.split(expected))
+    return re.fullmatch(f"(?:{'|'.join(classes)})::{signature}", name) is not None
 
 
 def exports(file):
@@ -184,7 +194,7 @@ class SlotOrder(unittest.TestCase):
             signature, whose = expected.rsplit(" ", 1)
             classes = ("GstNoxBackend",) if whose == "own" else ("UVABackend", "UVAMediaBackend")
             with self.subTest(slot=number):
-                self.assertIn(name, [f"{cls}::{signature}" for cls in classes])
+                self.assertTrue(is_slot(name, signature, classes), f"{name} stands where {signature} is {whose}")
 
     def test_event_delivery_is_the_clients_third_entry(self):
         actual = virtual_table(HOST, "_ZTVN4host11ElementCoreE")

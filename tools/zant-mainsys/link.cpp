@@ -108,7 +108,10 @@ bool hasOpen(const fs::path& process, const struct stat& queue) {
 Link::SharedMemory::SharedMemory() {
     TriHidtvRegMap();
     if (Trid_Util_CPUComm_Init(0) != 0 || Trid_Util_CPUComm_Ready() != 0)
-        throw Failure(ExitFailed, "no shared memory: see the line above");
+        throw Failure(
+            ExitFailed,
+            "no shared memory: the vendor's library does not attach to it, and may have said why. "
+            "Where a set's own main system hands it out, use that one");
 }
 
 Link::SharedMemory::~SharedMemory() {

@@ -71,7 +71,7 @@ void checkPause(Stage& stage, Findings& findings) {
     }
     if (!worst.failure.empty())
         return findings.fail("stops", worst.failure);
-    findings.measure("stops", std::max(0.0, worst.stops - stage.observation->lateness()));
+    findings.measure("stops", stage.observation->beyondLateness(worst.stops));
     findings.measure("stands", worst.moves);
     if (player.watch().pulses())
         findings.measure("silent", worst.pulses);

@@ -35,6 +35,7 @@ public:
         if (!m_player.waitForPicture(0, 0, firstBound))
             return fail("end", "no picture that can be read is shown; " + m_player.story());
         const bool ended = playToTheEnd();
+        m_player.watch().catchUp();
         m_pictures = m_player.watch().pictures();
         if (!ended)
             return fail("end", "it did not end: " + m_player.story());
@@ -71,9 +72,9 @@ private:
     }
 
     void checkEnds(Clock::time_point begin) {
-        const double late = m_stage.observation->lateness();
-        measure("start", milliseconds(begin, m_pictures.front().time) - late, "",
-                {intervalsOf(m_pictures, "from picture to picture")});
+        measure("start",
+                m_stage.observation->beyondLateness(milliseconds(begin, m_pictures.front().time)),
+                "", {intervalsOf(m_pictures, "from picture to picture")});
         const auto sequence = sequenceOf(m_pictures);
         const bool exact = m_stage.observation->isExact();
         if (!exact)
@@ -147,8 +148,7 @@ private:
             errors.points.emplace_back(secondsBetween(first.time, sample.time), error);
         }
         const double frame = m_clip.frame() * 1000;
-        const double beyond = worst - frame - m_stage.observation->lateness();
-        measure("position", beyond < 0 ? 0 : beyond,
+        measure("position", m_stage.observation->beyondLateness(worst - frame),
                 "worst " + plainNumber(worst) + " ms, less a picture of " + plainNumber(frame) +
                     " ms",
                 {errors});

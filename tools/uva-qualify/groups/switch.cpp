@@ -72,8 +72,9 @@ private:
         } else {
             m_findings.notJudged(check, "captured pictures are only some of those that are shown");
         }
-        m_findings.measure(check + " gap", longestGap(pictures) - m_stage.observation->lateness(),
-                           "", {intervalsOf(pictures, "from picture to picture")});
+        m_findings.measure(check + " gap",
+                           m_stage.observation->beyondLateness(longestGap(pictures)), "",
+                           {intervalsOf(pictures, "from picture to picture")});
         hear(player);
     }
 

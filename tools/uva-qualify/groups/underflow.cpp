@@ -61,8 +61,8 @@ void checkUnderflow(Stage& stage, Findings& findings) {
     buffers.end();
     if (!waitUntil([&] { return player.watch().pictures().size() > before; }))
         return findings.fail("recovery", "it does not go on: " + player.story());
-    findings.measure("recovery", milliseconds(filled, player.watch().pictures()[before].time) -
-                                     stage.observation->lateness());
+    findings.measure("recovery", stage.observation->beyondLateness(
+                                     milliseconds(filled, player.watch().pictures()[before].time)));
     if (!player.waitFor(host::State::Ended))
         return findings.fail("pictures", "it does not end: " + player.story());
     judgeUnderflow(stage, findings, clip, player, before);

@@ -29,6 +29,13 @@ public:
         m_taken = m_pictures;
         return m_taken;
     }
+    void catchUp() override {
+        const MutexLock lock(m_mutex);
+        const auto wanted = m_looks + 2; // the one under way may have begun before
+        const auto deadline = Clock::now() + captureBound;
+        while (m_looks < wanted && m_looked.waitUntil(m_mutex, deadline)) {
+        }
+    }
     std::optional<HeardSound> sound() override { return std::nullopt; }
     std::string newestPng() override {
         const MutexLock lock(m_mutex);
@@ -45,8 +52,14 @@ private:
                 if (capture.error.empty())
                     add(now, planesOf(capture.picture));
             }
+            endLook();
             std::this_thread::sleep_for(interval);
         }
+    }
+    void endLook() {
+        const MutexLock lock(m_mutex);
+        ++m_looks;
+        m_looked.broadcast();
     }
     void add(Clock::time_point time, Planes picture) {
         if (picture.luma == m_last.luma && picture.cb == m_last.cb)
@@ -64,6 +77,8 @@ private:
     Mutex m_mutex;
     std::vector<SeenPicture> m_pictures GUARDED_BY(m_mutex);
     Planes m_newest GUARDED_BY(m_mutex);
+    unsigned int m_looks GUARDED_BY(m_mutex) = 0;
+    ConditionVariable m_looked;
     std::vector<SeenPicture> m_taken; // the caller's
     std::atomic<bool> m_ends{false};
     std::thread m_thread;

@@ -48,6 +48,9 @@ public:
 
     /// In the order of their showing. One that playback stood at and went on from is there once.
     virtual const std::vector<SeenPicture>& pictures() = 0;
+    /// Waits until what is on screen now has been seen. Those that see every picture need no time
+    /// for it.
+    virtual void catchUp() {}
     /// Nothing: sound cannot be heard.
     virtual std::optional<HeardSound> sound() = 0;
     /// The pulses of it.
@@ -67,6 +70,12 @@ public:
     virtual bool isExact() const = 0;
     /// How much later than shown a picture may be seen, milliseconds.
     virtual double lateness() const = 0;
+    /// What of a time until a picture was seen is more than that; milliseconds, and not a number
+    /// stays so.
+    double beyondLateness(double milliseconds) const {
+        const double rest = milliseconds - lateness();
+        return rest < 0 ? 0 : rest;
+    }
 
     /// `sources`: the number of the element's first source; 0: it plays a URL. The element outlives
     /// the watch.
