@@ -6,7 +6,7 @@
 const { implementation: MediaElementImpl } = require('jsdom/lib/jsdom/living/nodes/HTMLMediaElement-impl.js');
 const { implementation: TrackElementImpl } = require('jsdom/lib/jsdom/living/nodes/HTMLTrackElement-impl.js');
 
-const { implForWrapper, wrapperForImpl } = require('./jsdom');
+const { contextOf, implForWrapper, wrapperForImpl } = require('./jsdom');
 
 const listeners = new WeakMap(); // by window
 
@@ -17,7 +17,7 @@ const listeners = new WeakMap(); // by window
  * childInserted(element, child), childToBeRemoved(element, child).
  */
 function listen(window, listener) {
-  listeners.set(window, listener);
+  listeners.set(contextOf(window), listener);
 }
 
 function tell(impl, step, ...values) {
