@@ -44,6 +44,7 @@ const failures = {
   'a key that was not named': [['shaka', path.join(streams, 'protected')], 1, /give it with --key 0001/],
   'a wrong key': [['shaka', '--key', '1:2', 'x.mpd'], 2, /32 hexadecimal digits/],
   'a player that there is not': [['flash', 'x.mpd'], 2, /no such player/],
+  'a file that the element cannot play': [['element', __filename], 1, /command_test\.js: ./],
 };
 for (const [what, [args, code, text]] of Object.entries(failures))
   test(`says what is wrong with ${what}`, () => {
@@ -53,6 +54,21 @@ for (const [what, [args, code, text]] of Object.entries(failures))
     assert.match(done.stderr, text);
     assert.equal(done.stderr.trim().split('\n').length, 1, done.stderr);
   });
+
+test('a player that is not installed is told where to come from', () => {
+  const done = spawnSync(command, ['--standalone', 'hls', path.join(streams, 'broken.m3u8')],
+    { encoding: 'utf8', env: { ...process.env, UVA_WEB_MODULES: os.tmpdir() } });
+  assert.equal(done.status, 1, done.stdout + done.stderr);
+  assert.match(done.stderr, /npm install hls\.js.*UVA_WEB_MODULES/);
+});
+
+test('the element plays a file by itself', () => {
+  const done = run('element', '--start', '1', path.join(streams, 'source.mp4'));
+  assert.equal(done.status, 0, done.stdout + done.stderr);
+  assert.match(done.stdout, /to the end, 512x288, 12\.\d s long/);
+  const { shown, dropped } = counted(done.stdout);
+  assert.ok(shown + dropped >= 260 && shown + dropped <= 276, done.stdout);
+});
 
 const foreign = { // manifest, below the corpus: player, key
   'dash/cmaf-12-segments/manifest.mpd': ['dash'],

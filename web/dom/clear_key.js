@@ -2,6 +2,8 @@
 // The key system org.w3.clearkey (EME, Clear Key): what initialization data, licence requests and
 // licences say, and the keys of one instance of it.
 
+const { TextDecoder, TextEncoder } = require('util');
+
 const keySystem = 'org.w3.clearkey';
 
 /** Beyond these nothing is read: no media and no licence server has more to say. */
@@ -27,7 +29,7 @@ function toHex(bytes) {
 }
 
 function utf8(text) {
-  return Uint8Array.from(new window.TextEncoder().encode(text));
+  return Uint8Array.from(new TextEncoder().encode(text));
 }
 
 /** The JSON object that the bytes are; throws TypeError when they are none. */
@@ -35,7 +37,7 @@ function parseObject(bytes, what) {
   if (bytes.length > longestMessage) throw new TypeError(`${what}: longer than ${longestMessage} bytes`);
   let value;
   try {
-    value = JSON.parse(new window.TextDecoder('utf-8', { fatal: true }).decode(bytes));
+    value = JSON.parse(new TextDecoder('utf-8', { fatal: true }).decode(bytes));
   } catch (error) {
     throw new TypeError(`${what}: no JSON in UTF-8: ${error.message}`);
   }

@@ -1,11 +1,12 @@
 'use strict';
 // Where jsdom tells of what happens to an element: the steps that HTML hangs on attributes and on
 // insertion and removal have no event that a page could see, and must run at once. Evaluated in
-// Node's realm, once a process; jsdom's version is locked.
+// Node's realm, once a process; jsdom's version is locked, or Debian's.
 
-const { implForWrapper, wrapperForImpl } = require('jsdom/lib/generated/idl/utils.js');
 const { implementation: MediaElementImpl } = require('jsdom/lib/jsdom/living/nodes/HTMLMediaElement-impl.js');
 const { implementation: TrackElementImpl } = require('jsdom/lib/jsdom/living/nodes/HTMLTrackElement-impl.js');
+
+const { contextOf, implForWrapper, wrapperForImpl } = require('./jsdom');
 
 const listeners = new WeakMap(); // by window
 
@@ -16,7 +17,7 @@ const listeners = new WeakMap(); // by window
  * childInserted(element, child), childToBeRemoved(element, child).
  */
 function listen(window, listener) {
-  listeners.set(window, listener);
+  listeners.set(contextOf(window), listener);
 }
 
 function tell(impl, step, ...values) {

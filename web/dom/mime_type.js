@@ -1,7 +1,7 @@
 'use strict';
 // Content types (RFC 2045) with codecs (RFC 6381), and those that a source buffer takes.
 
-const { MIMEType } = require('whatwg-mimetype');
+const { MIMEType } = require('../dom/jsdom.js');
 
 /**
  * Codecs by the container that has them. `kind` is that of their tracks; the pattern is of the whole

@@ -6,13 +6,15 @@ const fs = require('fs');
 const path = require('path');
 const vm = require('vm');
 
+const { contextOf } = require('./jsdom');
+
 /**
  * Answers a `require` for modules of this folder, evaluated once for this window. A module is
  * written as for Node and sees `window` and `env` besides; what is no file of this folder (an npm
  * package of pure functions) comes from Node itself.
  */
-function realmRequire(dom, env) {
-  const context = dom.getInternalVMContext();
+function realmRequire(window, env) {
+  const context = contextOf(window);
   const loaded = new Map();
   function load(name) {
     if (!name.startsWith('./')) return require(name);
@@ -22,7 +24,7 @@ function realmRequire(dom, env) {
       loaded.set(file, module);
       const source = fs.readFileSync(file, 'utf8');
       const wrapped = `(function (module, exports, require, window, env) {${source}\n})`;
-      vm.runInContext(wrapped, context, { filename: file })(module, module.exports, load, dom.window, env);
+      vm.runInContext(wrapped, context, { filename: file })(module, module.exports, load, window, env);
     }
     return loaded.get(file).exports;
   }

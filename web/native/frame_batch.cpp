@@ -10,6 +10,12 @@ namespace {
 
 constexpr napi_type_tag batchTag{0x5f0c7d1e2b6a4938, 0x9d84e2a17c3f5b60};
 
+/// Type tags are not in node-addon-api before 5.1.
+void check(Napi::Env env, napi_status status) {
+    if (status != napi_ok)
+        throw Napi::Error::New(env);
+}
+
 } // namespace
 
 Napi::Function FrameBatch::define(Napi::Env env) {
@@ -18,7 +24,7 @@ Napi::Function FrameBatch::define(Napi::Env env) {
 
 Napi::Object FrameBatch::make(Napi::Env env, std::vector<host::CodedFrame> frames) {
     auto object = env.GetInstanceData<AddonData>()->frameBatch.New({});
-    object.TypeTag(&batchTag);
+    check(env, napi_type_tag_object(env, object, &batchTag));
     Unwrap(object)->adopt(std::move(frames));
     return object;
 }
@@ -26,8 +32,9 @@ Napi::Object FrameBatch::make(Napi::Env env, std::vector<host::CodedFrame> frame
 FrameBatch* FrameBatch::of(const Napi::Value& value) {
     if (!value.IsObject())
         return nullptr;
-    auto object = value.As<Napi::Object>();
-    return object.CheckTypeTag(&batchTag) ? Unwrap(object) : nullptr;
+    bool isBatch = false;
+    check(value.Env(), napi_check_object_type_tag(value.Env(), value, &batchTag, &isBatch));
+    return isBatch ? Unwrap(value.As<Napi::Object>()) : nullptr;
 }
 
 FrameBatch::FrameBatch(const Napi::CallbackInfo& info) : ObjectWrap(info) {}

@@ -6,9 +6,12 @@ const { parseArgs } = require('util');
 const { parseKey } = require('./licence');
 const { players } = require('./players');
 
-const usage = `Usage: player [OPTIONS] PLAYER URL|FILE|FOLDER
+const command = process.env.UVA_WEB_COMMAND || 'player';
 
-Plays a manifest with an unmodified web player on a page whose media element is libuvagstbackend.so.
+const usage = `Usage: ${command} [OPTIONS] PLAYER URL|FILE|FOLDER
+
+Plays a manifest with an unmodified web player on a page whose media element is libuvagstbackend.so; as
+PLAYER "element", a file with that element alone.
 
   PLAYER           ${Object.keys(players).join(' | ')}
   URL              of a manifest, http or https; a FILE, or a FOLDER with a manifest, is served from here
@@ -27,6 +30,10 @@ Plays a manifest with an unmodified web player on a page whose media element is 
   -h, --help       this text
 
 Times are seconds (12.5) or m:ss (1:30). In a pipe the output is a log, a line an event.
+
+Environment:
+  UVA_WEB_MODULES  the folder node_modules with shaka-player, dashjs or hls.js (beside the program, or where you are)
+  UVA_BACKEND_LIBRARY  the backend library (libuvagstbackend.so)
 
 Exit codes: 0 played to the end or for as long as asked; 1 playback failed or an output file could not be
 written, the reason is on standard error; 2 the command line is wrong; 128 + n ended by signal n.
@@ -99,4 +106,4 @@ function parseOptions(args) {
   };
 }
 
-module.exports = { parseOptions, parseTime, usage };
+module.exports = { command, parseOptions, parseTime, usage };

@@ -27,9 +27,11 @@ const amendments = {
   },
 };
 
-/** The add-on of the build: UVA_NATIVE names it, else the folder build has it. */
+/** The add-on: UVA_NATIVE names it, else it is installed beside this folder, else the folder build has it. */
 function loadNative() {
-  const file = process.env.UVA_NATIVE || path.join(projectRoot, 'build', 'web', 'native', 'uva_native.node');
+  const installed = path.join(__dirname, '..', 'native', 'uva_native.node');
+  const built = path.join(projectRoot, 'build', 'web', 'native', 'uva_native.node');
+  const file = process.env.UVA_NATIVE || (fs.existsSync(installed) ? installed : built);
   if (!fs.existsSync(file)) throw new Error(`${file} is not there; build it with ./play --web, or name another with UVA_NATIVE`);
   return require(file);
 }
@@ -75,7 +77,7 @@ class Page {
       virtualConsole: forwarded(console),
       beforeParse(window) {
         for (const amend of Object.values(amendments)) amend(window, { screen });
-        page.media = realmRequire({ window, getInternalVMContext: () => window }, env)('./install.js');
+        page.media = realmRequire(window, env)('./install.js');
         page.media.install();
         before(window);
       },

@@ -6,7 +6,7 @@ const os = require('os');
 
 const { encodePng } = require('./png');
 const { findMedia } = require('./media');
-const { parseOptions, usage } = require('./options');
+const { command, parseOptions, usage } = require('./options');
 
 const exitCodes = { failed: 1, usage: 2 };
 
@@ -14,7 +14,7 @@ const exitCodes = { failed: 1, usage: 2 };
 const hangSeconds = 30;
 
 function complain(text) {
-  process.stderr.write(`player: ${text.trim().replace(/\s+/g, ' ')}\n`); // one line, whatever a server says
+  process.stderr.write(`${command}: ${text.trim().replace(/\s+/g, ' ')}\n`); // one line, whatever a server says
 }
 
 /** Before anything is played: an output file that cannot be written is told of at once. */

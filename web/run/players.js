@@ -1,10 +1,12 @@
 'use strict';
 // How each player is started on a page's media element. A row added is a player added.
 
+const fs = require('fs');
 const path = require('path');
 
 /**
- * script: its file, of an npm package; the build with texts for logs. manifests: the files it plays.
+ * script: its file, of an npm package; the build with texts for logs; null: none. manifests: the files
+ * it plays.
  * start(window, video, { url, licenceUrl, keys, at, autoplay, fail, note }): begins to load, and to play
  * unless autoplay is false. Keys, [{ id, key }], serve in place of licences where the manifest does not
  * name Clear Key, and the player can do with that; fail(text) tells of what ends playback, note(text) of the rest; `at`: seconds to start
@@ -105,6 +107,19 @@ const players = {
       };
     },
   },
+
+  // The page's element by itself, for a file that it plays as it is.
+  element: {
+    script: null,
+    manifests: ['.mp4', '.webm'],
+    start(window, video, { url, at, autoplay, fail }) {
+      video.addEventListener('error', () => fail(video.error.message));
+      if (at !== undefined) video.addEventListener('loadedmetadata', () => { video.currentTime = at; }, { once: true });
+      video.src = url;
+      if (autoplay) play(video);
+      return { player: null, stop() {}, selectHeight() {} };
+    },
+  },
 };
 
 /** Options of the page's realm: players tell objects by their constructor. */
@@ -117,9 +132,23 @@ function play(video) {
   return video.play().catch(() => {});
 }
 
-/** The file of a player's script. */
+/** Where npm's packages may be: where the user says, beside this folder, and where the user stands. */
+function moduleFolders() {
+  const named = process.env.UVA_WEB_MODULES;
+  return named ? [named] : [path.join(__dirname, '..', 'node_modules'), path.resolve('node_modules')];
+}
+
+/** The file of a player's script, null when it has none. Throws an Error that says how to have it. */
 function scriptOf(name) {
-  return path.join(__dirname, '..', 'node_modules', players[name].script);
+  const { script } = players[name];
+  if (script === null) return null;
+  const folders = moduleFolders();
+  const file = folders.map(folder => path.join(folder, script)).find(fs.existsSync);
+  if (file === undefined) {
+    throw new Error(`the player's script ${script} is not in ${folders.join(' or ')}: run npm install ${script.split('/')[0]}, ` +
+      'and name its node_modules with UVA_WEB_MODULES if that is somewhere else');
+  }
+  return file;
 }
 
 module.exports = { players, scriptOf };

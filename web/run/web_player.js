@@ -16,10 +16,13 @@ class WebPlayer {
    * something else. The other options are those of Page.open.
    */
   static async open(name, url, { base, licenceUrl, keys, at, fail, note, ...options }) {
+    const script = scriptOf(name);
     const page = await Page.open({ url: `${base}/`, html, ...options });
     await page.loaded();
-    // The text runs as a script of the page does.
-    new vm.Script(fs.readFileSync(scriptOf(name), 'utf8'), { filename: scriptOf(name) }).runInContext(page.dom.getInternalVMContext());
+    if (script !== null) {
+      // The text runs as a script of the page does.
+      new vm.Script(fs.readFileSync(script, 'utf8'), { filename: script }).runInContext(page.dom.getInternalVMContext());
+    }
     return new WebPlayer(name, url, page, page.document.querySelector('video'), { licenceUrl, keys, at, fail, note });
   }
 

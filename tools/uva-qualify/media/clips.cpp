@@ -60,8 +60,10 @@ std::string defaultMediaFolder() {
     if (named && *named)
         return named;
     std::error_code error;
-    return (std::filesystem::read_symlink("/proc/self/exe", error).parent_path() / "clips")
-        .string();
+    const auto here = std::filesystem::read_symlink("/proc/self/exe", error).parent_path();
+    const auto built = here / "clips";
+    const auto installed = here.parent_path() / "share/uva-qualify/clips";
+    return (std::filesystem::exists(built, error) ? built : installed).string();
 }
 
 } // namespace qualify

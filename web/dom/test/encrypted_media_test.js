@@ -18,7 +18,7 @@ function open() {
     removeKeys: (session, id) => assert.ok(held.delete(`${session} ${hex(id)}`)),
   };
   let sessions = 0;
-  const load = realmRequire({ window, getInternalVMContext: () => window }, { native, newKeySession: () => ++sessions });
+  const load = realmRequire(window, { native, newKeySession: () => ++sessions });
   load('./encrypted_event.js').install();
   load('./media_keys.js').install();
   return { window, held };

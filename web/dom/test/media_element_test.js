@@ -25,7 +25,7 @@ function makePage(html = '<video></video>') {
   const native = { SegmentParser: ScriptedParser, Player: FakePlayer, canPlayType: (type) => ({ canPlay: !type.includes('ogg'), reason: '' }) };
   const dom = new JSDOM('', { url: 'http://page.test/', runScripts: 'outside-only' });
   const env = { native, quota: { video: 1e9, audio: 1e9 }, log: () => {}, now: () => performance.now() };
-  realmRequire(dom, env)('./install.js').install();
+  realmRequire(dom.window, env)('./install.js').install();
   const { window } = dom;
   window.document.body.innerHTML = html;
   const video = window.document.querySelector('video');

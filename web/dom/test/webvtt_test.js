@@ -36,7 +36,7 @@ test('times and settings that cannot be read', () => {
 
 async function makePage(html) {
   const dom = new JSDOM('', { url: 'http://page.test/', runScripts: 'outside-only' });
-  realmRequire(dom, { native: {}, log: () => {}, now: () => performance.now() })('./install.js').install();
+  realmRequire(dom.window, { native: {}, log: () => {}, now: () => performance.now() })('./install.js').install();
   dom.window.document.body.innerHTML = html;
   return { window: dom.window, video: dom.window.document.querySelector('video') };
 }

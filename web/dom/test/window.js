@@ -104,7 +104,7 @@ class Control {
 async function openSource({ quota = { video: 1e9, audio: 1e9 } } = {}) {
   const dom = new JSDOM('', { url: 'http://page.test/', runScripts: 'outside-only' });
   const native = { SegmentParser: ScriptedParser, canPlayType: () => ({ canPlay: true, reason: '' }) };
-  const load = realmRequire(dom, { native, quota, log: () => {}, now: () => performance.now() });
+  const load = realmRequire(dom.window, { native, quota, log: () => {}, now: () => performance.now() });
   const { MediaSource, attach, install } = load('./media_source.js');
   install();
   const control = new Control(load);
