@@ -31,7 +31,7 @@ struct OwnedConfig final : UVAStreamConfig {
 
 /// What media sources call a codec.
 struct MediaSourceCodec {
-    int codec; ///< UVAStreamConfig::CODEC_...
+    int codec;            ///< as in UVAStreamConfig
     const char* mimeType; ///< for UVABackend::SourceDescription
 };
 
