@@ -206,7 +206,8 @@ class MainSystem:
 
     def run(self):
         poll = select.poll()
-        for source in (self.queue, self.listener.fileno(), sys.stdin.fileno()):
+        orders = open(sys.stdin.fileno(), "rb", buffering=0, closefd=False) # poll does not see what a buffer has
+        for source in (self.queue, self.listener.fileno(), orders.fileno()):
             poll.register(source, select.POLLIN)
         self.note("ready")
         ready_at(os.environ.get("NOTIFY_SOCKET"))
@@ -221,9 +222,9 @@ class MainSystem:
                     if descriptor not in self.clients:
                         poll.unregister(descriptor)
                 else:
-                    order = sys.stdin.readline()
+                    order = orders.readline()
                     if order:
-                        self.obey(order)
+                        self.obey(order.decode())
                     else:
                         poll.unregister(descriptor)
 

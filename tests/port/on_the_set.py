@@ -176,8 +176,7 @@ class OnTheSet(unittest.TestCase):
         with self.main_system:
             host = self.start(CLIP)
             self.assertTrue(self.main_system.hears(FORMAT))
-            self.main_system.order("ask 2")
-            self.main_system.order("control output-ddp:2")
+            self.main_system.order("ask 2\ncontrol output-ddp:2") # one right behind the other
             output = host.communicate(timeout=60)[0]
             self.assertEqual(host.returncode, 0, output)
             self.assertIn(" ddp=2\n", self.sinks.read_text())
