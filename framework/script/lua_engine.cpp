@@ -4,8 +4,10 @@
 #include "util/cancellation_block.h"
 #include "util/thrown_by.h"
 
+#include <chrono>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <limits>
 #include <lua.hpp>
 #include <type_traits>
@@ -16,8 +18,9 @@
 
 namespace {
 
-/// The script is looked after every so many steps.
+/// The script is looked after every so many steps, its time every so many.
 constexpr int stepsPerLook = 128;
+constexpr int stepsPerTimeLook = 64 * stepsPerLook;
 /// Of values that go between a script and its commands.
 constexpr int deepestValue = 32;
 constexpr int mostValues = 20000;
@@ -72,6 +75,24 @@ private:
     lua_State* const m_state;
 };
 
+/// Processor time of a thread, without that of its pauses.
+class ComputingTime {
+public:
+    void pause() { m_before = soFar(); }
+    void goOn() { m_begin = now(); }
+    std::chrono::nanoseconds soFar() const { return m_before + now() - m_begin; }
+
+private:
+    static std::chrono::nanoseconds now() {
+        timespec time{};
+        clock_gettime(CLOCK_THREAD_CPUTIME_ID, &time);
+        return std::chrono::seconds(time.tv_sec) + std::chrono::nanoseconds(time.tv_nsec);
+    }
+
+    std::chrono::nanoseconds m_before{};
+    std::chrono::nanoseconds m_begin = now();
+};
+
 /// One run of a script.
 struct LuaRun {
     const CompiledScript& script;
@@ -82,6 +103,7 @@ struct LuaRun {
     ScriptWatches watches{control};
     ScriptEvents::Inbox signals{control};
     uint64_t steps = 0;
+    ComputingTime time{}; // paused in commands
     /// Anything but Finished: the script was ended, and nothing of it goes on, whatever it catches.
     ScriptOutcome::End ended = ScriptOutcome::End::Finished;
     std::string error{};
@@ -141,6 +163,10 @@ void lookAfter(lua_State* lua, lua_Debug*) {
     if (run.steps > run.limits.steps)
         endRun(lua, ScriptOutcome::End::TooLong,
                "it has taken more steps than a script may: let it wait for what it looks at");
+    // One step may copy a megabyte.
+    if (run.steps % stepsPerTimeLook == 0 && run.time.soFar() > run.limits.computing)
+        endRun(lua, ScriptOutcome::End::TooLong,
+               "it has computed for longer than a script may: let it wait for what it looks at");
     raiseEnd(lua);
 }
 
@@ -272,6 +298,7 @@ int pushValues(lua_State* lua, const ScriptValues& values) {
 bool perform(lua_State* lua, const ScriptCommand& command) noexcept {
     LuaRun& run = runOf(lua);
     const int count = lua_gettop(lua);
+    run.time.pause();
     const auto thrown = thrownBy([&] {
         ScriptValues arguments;
         ValueReader reader(lua);
@@ -280,6 +307,7 @@ bool perform(lua_State* lua, const ScriptCommand& command) noexcept {
         run.results = command.function(
             {{std::move(arguments)}, run.script.name(), run.control, run.watches, run.signals});
     });
+    run.time.goOn();
     lua_settop(lua, count);
     if (thrown)
         run.error = positionOf(lua) + (command.help.empty() ? "" : command.name + ": ") + *thrown;

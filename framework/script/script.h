@@ -4,6 +4,7 @@
 #include "script/script_commands.h"
 #include "script/script_control.h"
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -55,6 +56,8 @@ struct ScriptLimits {
     size_t memory = 8 * 1024 * 1024;
     /// Steps of the language altogether; waits take none. A PC does some 100 million a second.
     uint64_t steps = 1000 * 1000 * 1000;
+    /// Processor time of the thread altogether; that of commands does not count.
+    std::chrono::nanoseconds computing = std::chrono::seconds(10);
 };
 
 /// How a run ended.
@@ -63,7 +66,7 @@ struct ScriptOutcome {
         Finished,
         Failed,  ///< an error that the script did not catch; also: out of memory
         Stopped, ///< by its control
-        TooLong, ///< it took more steps than it may
+        TooLong, ///< it took more steps, or more time, than it may
     };
     End end = End::Finished;
     std::string error;  ///< what ended it, with file and line; empty if it finished

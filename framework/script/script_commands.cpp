@@ -105,8 +105,8 @@ const std::string& ScriptArguments::text(size_t position, const char* what) cons
 }
 
 int64_t ScriptArguments::number(size_t position, const char* what) const {
-    const auto isWhole = [](const ScriptValue& value) { return value.is_number_integer(); };
-    return argumentOf(arguments, position, what, isWhole, "whole number").get<int64_t>();
+    const auto isWhole = [](const ScriptValue& value) { return wholeNumber(value).has_value(); };
+    return *wholeNumber(argumentOf(arguments, position, what, isWhole, "whole number"));
 }
 
 double ScriptArguments::seconds(size_t position, const char* what) const {
@@ -115,6 +115,11 @@ double ScriptArguments::seconds(size_t position, const char* what) const {
     };
     return argumentOf(arguments, position, what, isTime, "number of seconds from 0 on")
         .get<double>();
+}
+
+void ScriptArguments::refuseMoreThan(size_t most, const std::string& usage) const {
+    if (arguments.size() > most)
+        throw ScriptError("that is too much: write " + usage);
 }
 
 bool ScriptArguments::has(size_t position) const {

@@ -50,6 +50,8 @@ struct ScriptArguments {
     ///@}
     /// Whether there is one at that position, and it is not nil.
     bool has(size_t position) const;
+    /// Throws ScriptError with the usage if there are more.
+    void refuseMoreThan(size_t most, const std::string& usage) const;
 };
 
 /// One call of a command, on the script's thread.

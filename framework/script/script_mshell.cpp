@@ -30,7 +30,7 @@ int MshellCmdScript(CommandStruct* command) {
     for (int i = 1; i < command->paramCount; ++i) {
         const CommandParam& param = command->params[i];
         arguments.push_back(param.isNumber() ? ScriptValue(param.value)
-                                             : ScriptValue(param.string));
+                                             : scriptValueOf(param.string));
     }
     const auto start = ScriptRuns::instance().start(*compilation.script, arguments);
     if (start.number == 0)

@@ -39,8 +39,13 @@ ScriptValues addWatch(const ScriptCall& call) {
     return {call.watches.add(call.text(1, "kind of event"), call.text(2, "text to look for"))};
 }
 
+/// 0 is none.
+size_t numberOfWatch(const ScriptCall& call, size_t position) {
+    return static_cast<size_t>(std::max<int64_t>(call.number(position, "watch"), 0));
+}
+
 ScriptEvents::Watch& watchOf(const ScriptCall& call, size_t position) {
-    return call.watches.get(static_cast<size_t>(call.number(position, "watch")));
+    return call.watches.get(numberOfWatch(call, position));
 }
 
 ScriptValues takeEvent(const ScriptCall& call) {
@@ -77,7 +82,7 @@ ScriptValues signalNames(const ScriptCall&) {
 }
 
 ScriptValues forgetWatch(const ScriptCall& call) {
-    call.watches.remove(static_cast<size_t>(call.number(1, "watch")));
+    call.watches.remove(numberOfWatch(call, 1));
     return {};
 }
 

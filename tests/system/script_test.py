@@ -63,6 +63,9 @@ class Scripts(unittest.TestCase):
         rows = [("log('it is ' .. ...)\nexpect_signal('DecodeError', 0.2)", 1, ":2: DecodeError did not come within 0.2 s"),
                 ("expect_signal('NOPE', 1)", 1, ":1: no signal here has 'NOPE' in its name"),
                 ("seek('x')", 1, ":1: seek: argument 1 (seconds) is missing or no number of seconds"),
+                ("volume(1.5)", 1, ":1: volume: a volume is from 0 to 1"),
+                ("window(0, 0, -1, 9)", 1, ":1: window: width is below 0"),
+                ("pause('now')", 1, ":1: pause: that is too much: write pause()"),
                 ("press(key.red)", 1, ":1: press: the key 114 does nothing"),
                 ("wait_state('playing', 60) return position() < 0", 1, ": the script has returned false"),
                 ("wait_until(function() press(key.stop) end, 1000)", 0, ""),
@@ -104,6 +107,21 @@ class Scripts(unittest.TestCase):
             self.assertEqual(main.wait(TIMEOUT), 0, (text, output.read_text(), played.stdout, played.stderr))
             self.assertEqual(played.returncode, 0, (played.stderr, output.read_text()))
 
+    def test_a_script_that_nobody_writes_is_waited_for_until_a_signal(self):
+        pipe = self.folder / "pipe"
+        os.mkfifo(pipe)
+        with subprocess.Popen([MAINSYS, "--script", pipe], stdin=subprocess.DEVNULL) as main:
+            self.assertTrue(wait_until(lambda: "\nState:\tS" in pathlib.Path(f"/proc/{main.pid}/status").read_text()))
+            main.terminate()
+            self.assertEqual(main.wait(TIMEOUT), -signal.SIGTERM)
+
+    def test_a_signal_during_computing_does_not_take_the_result(self):
+        script = self.write("log('computes') for i = 1, 1e8 do end")
+        with subprocess.Popen([MAINSYS, "--script", script], stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, text=True) as main:
+            self.assertTrue(any("computes" in line for line in main.stdout))
+            main.terminate()
+            self.assertEqual(main.wait(TIMEOUT), 0)
+
     def test_states_are_those_after_an_order(self):
         script = self.write('expect_state("main system up", 0) expect_state("video decoder free", 0) lend("video")\n'
                             'expect_state("video decoder lent", 0) take("video") grant("both")\n'
@@ -116,7 +134,7 @@ class Scripts(unittest.TestCase):
         rows = [("grant video # now", "-> 517 SIG_ID_MPLAYER_DECODER_AVAILABLE_IND param1=2 (video)"),
                 ("raw DECODER_AVAILABLE_IND param1=0x3 size=-1", "-> 517 SIG_ID_MPLAYER_DECODER_AVAILABLE_IND param1=3 size=-1"),
                 ("control a=b", "-> 530 SIG_ID_MPLAYER_CONTROL_REQ size=3 'a=b'"),
-                ("delay 1.5", "obey delay 1.5\n"), ("delay -1", "delay: argument 1 (seconds) is missing or no number of seconds"),
+                ("delay 1.5", "obey delay 1.5\n"), ("garbage 1e0", "obey garbage 1.0\n"), ("delay -1", "delay: argument 1 (seconds) is missing or no number of seconds"),
                 ("refuse video", "refuse: that is too much: write refuse()"),
                 ("release pictures", "release: 'pictures' is no kind of decoder: write audio, video or both"),
                 ("raw NOPE", "raw: 'NOPE' is no signal: take a name from the log"),

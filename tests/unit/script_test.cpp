@@ -126,6 +126,9 @@ TEST_F(ScriptTest, ErrorsNameFileAndLine) {
         {"\nreturn print", "what it returns: a value of type function"},
         {"return key.okk", "test:1: key_code: no key has the name 'okk': key_names() lists them"},
         {"\nkey.ok = 1", "test:2: the codes of keys are fixed"},
+        {"forget(-1)", "test:1: forget: there is no watch 0: watch gives one"},
+        {"sys_int.x = 1.5", "test:1: set_int: argument 2 (value) is missing or no whole number"},
+        {"sys_int.x = 2^63", "test:1: set_int: argument 2 (value) is missing or no whole number"},
         {"sys_int.x = 'y'", "test:1: set_int: argument 2 (value) is missing or no whole number"},
         {"sys_int.x = 1 << 31", "test:1: set_int: a system variable has 32 bits"},
         {"sys_string.x = nil", "test:1: set_string: argument 2 (value) is missing"},
@@ -216,6 +219,20 @@ TEST_F(ScriptTest, StepsAreBoundAndNothingKeepsAScriptThatHasTakenThem) {
             << text << ": " << outcome.error;
     }
     EXPECT_EQ(run("for i = 1, 10000 do end", {}, few).end, End::Finished);
+    ScriptLimits quick; // one step may take long
+    quick.computing = std::chrono::milliseconds(100);
+    const auto outcome = run("local s = ('x'):rep(100000) while true do s:upper() end", {}, quick);
+    EXPECT_EQ(outcome.end, End::TooLong);
+    EXPECT_NE(outcome.error.find("test:1: it has computed for longer"), std::string::npos)
+        << outcome.error;
+    static const auto registered = registerScriptCommand("be_busy", "be_busy()", [](const auto&) {
+        const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(200);
+        while (std::chrono::steady_clock::now() < end) {
+        }
+        return ScriptValues{};
+    });
+    EXPECT_EQ(registered, "");
+    EXPECT_EQ(run("be_busy() for i = 1, 20000 do end", {}, quick).error, "");
     ScriptLimits tiny;
     for (tiny.memory = 0; tiny.memory < 400000; tiny.memory += 9000)
         EXPECT_NE(run("return 1", {}, tiny).end, End::Stopped);
@@ -592,12 +609,16 @@ TEST_F(ScriptTest, TheShellStartsListsAndStops) {
     const auto log = takeSyslog();
     ASSERT_EQ(log.size(), 1U);
     EXPECT_NE(log[0].second.find(third + ":2: its end"), std::string::npos) << log[0].second;
+    const auto sum = write("return ... + 0.25", "sum.lua");
+    EXPECT_EQ(command("m_script " + sum + " 0.5"), 0);
+    EXPECT_TRUE(waitUntil([&] { return !scriptOf(sum).end.empty(); }));
+    EXPECT_EQ(scriptOf(sum).end, "finished: 0.75");
     EXPECT_EQ(command("m_scriptlist"), 0);
     const auto list = screen.take();
     EXPECT_NE(list.find(path + " | runs\n"), std::string::npos) << list;
     EXPECT_NE(list.find(third + ":2: its end\n"), std::string::npos) << list;
     // One that stops itself, by the number that is its own.
-    EXPECT_EQ(command("m_script " + second + " " + std::to_string(scriptOf(third).number + 1)), 0);
+    EXPECT_EQ(command("m_script " + second + " " + std::to_string(scriptOf(sum).number + 1)), 0);
     EXPECT_TRUE(waitUntil([&] { return !scriptOf(second).end.empty(); }));
     EXPECT_EQ(scriptOf(second).end, "stopped: " + second + ":1: stopped");
     screen.take();

@@ -4,7 +4,6 @@
 #include "script/key_codes.h"
 #include "script/script_commands.h"
 
-#include <algorithm>
 #include <cassert>
 #include <cmath>
 #include <iterator>
@@ -40,12 +39,26 @@ double numberOf(const ScriptArguments& call, const char* what) {
     return call.arguments[0].get<double>();
 }
 
+double volumeOf(const ScriptArguments& call) {
+    const double volume = numberOf(call, "volume");
+    if (volume < 0 || volume > 1)
+        throw ScriptError("a volume is from 0 to 1");
+    return volume;
+}
+
 int coordinate(const ScriptArguments& call, std::size_t position, const char* what) {
     constexpr int64_t most = 100000;
     const int64_t value = call.number(position, what);
     if (value < -most || value > most)
         throw ScriptError(std::string(what) + " is beyond any screen");
     return static_cast<int>(value);
+}
+
+int extent(const ScriptArguments& call, std::size_t position, const char* what) {
+    const int value = coordinate(call, position, what);
+    if (value < 0)
+        throw ScriptError(std::string(what) + " is below 0");
+    return value;
 }
 
 Kind kindOf(const ScriptArguments& call) {
@@ -57,57 +70,58 @@ Kind kindOf(const ScriptArguments& call) {
 
 constexpr struct {
     const char* usage;
+    size_t most; ///< arguments
     const char* help;
     ScriptValues (*obey)(Playback&, const ScriptArguments&);
 } rows[] = {
-    {"play()", "play, or go on",
+    {"play()", 0, "play, or go on",
      [](Playback& playback, const ScriptArguments&) {
          playback.element().play();
          return ScriptValues{};
      }},
-    {"pause()", "pause",
+    {"pause()", 0, "pause",
      [](Playback& playback, const ScriptArguments&) {
          playback.element().pause();
          return ScriptValues{};
      }},
-    {"seek(seconds)", "seek: gives the number that SeekResult has",
+    {"seek(seconds)", 1, "seek: gives the number that SeekResult has",
      [](Playback& playback, const ScriptArguments& call) {
          return ScriptValues{playback.requestSeek(call.seconds(1, "seconds"))};
      }},
-    {"rate(number)", "play so many times as fast: gives whether the backend can",
+    {"rate(number)", 1, "play so many times as fast: gives whether the backend can",
      [](Playback& playback, const ScriptArguments& call) {
          return ScriptValues{playback.element().setRate(numberOf(call, "rate"))};
      }},
-    {"volume(number)", "0 to 1, of the set",
+    {"volume(number)", 1, "0 to 1, of the set",
      [](Playback& playback, const ScriptArguments& call) {
-         playback.element().setVolume(std::clamp(numberOf(call, "volume"), 0.0, 1.0));
+         playback.element().setVolume(volumeOf(call));
          return ScriptValues{};
      }},
-    {"window(x, y, width, height)", "place the picture, in a screen of 1280x720",
+    {"window(x, y, width, height)", 4, "place the picture, in a screen of 1280x720",
      [](Playback& playback, const ScriptArguments& call) {
          UVABackend::Rect rect;
          rect.x = coordinate(call, 1, "x");
          rect.y = coordinate(call, 2, "y");
-         rect.width = coordinate(call, 3, "width");
-         rect.height = coordinate(call, 4, "height");
+         rect.width = extent(call, 3, "width");
+         rect.height = extent(call, 4, "height");
          playback.element().setWindow(rect);
          return ScriptValues{};
      }},
-    {"reattach(kind)", "detach the source, audio or video, and attach it again (--mse)",
+    {"reattach(kind)", 1, "detach the source, audio or video, and attach it again (--mse)",
      [](Playback& playback, const ScriptArguments& call) {
          playback.element().reattach(kindOf(call));
          return ScriptValues{};
      }},
-    {"press(key)", "as on the keyboard: key.pause, key.left, key.right, key.stop",
+    {"press(key)", 1, "as on the keyboard: key.pause, key.left, key.right, key.stop",
      [](Playback& playback, const ScriptArguments& call) {
          playback.act(keyOf(call));
          return ScriptValues{};
      }},
-    {"position()", "seconds",
+    {"position()", 0, "seconds",
      [](Playback& playback, const ScriptArguments&) {
          return ScriptValues{playback.element().position()};
      }},
-    {"status()", "state, position, duration, width, height, pictures (shown, dropped, damaged)",
+    {"status()", 0, "state, position, duration, width, height, pictures (shown, dropped, damaged)",
      [](Playback& playback, const ScriptArguments&) { return ScriptValues{playback.describe()}; }},
 };
 
@@ -116,9 +130,12 @@ constexpr struct {
 void registerOrders(Playback* const& playback) {
     for (const auto& row : rows) {
         const std::string usage = row.usage;
-        const std::string why = registerScriptCommand(
-            usage.substr(0, usage.find('(')), usage + "\t" + row.help,
-            [&playback, &row](const ScriptCall& call) { return row.obey(*playback, call); });
+        const std::string why =
+            registerScriptCommand(usage.substr(0, usage.find('(')), usage + "\t" + row.help,
+                                  [&playback, &row](const ScriptCall& call) {
+                                      call.refuseMoreThan(row.most, row.usage);
+                                      return row.obey(*playback, call);
+                                  });
         assert(why.empty());
     }
 }

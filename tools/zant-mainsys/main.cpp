@@ -1,8 +1,10 @@
+#include "common/script.h"
 #include "options.h"
 #include "session.h"
 
 #include <csignal>
 #include <cstdio>
+#include <optional>
 #include <utility>
 
 int main(int argc, char** argv) {
@@ -12,5 +14,15 @@ int main(int argc, char** argv) {
     auto parsed = mainsys::parseOptions(argc, argv);
     if (!parsed.options)
         return parsed.tell();
-    return mainsys::Session(std::move(*parsed.options)).run();
+    // Before the session takes the signals that end it: the file may be a pipe that nobody writes.
+    std::optional<CompiledScript> script;
+    if (!parsed.options->script.empty()) {
+        auto compilation = tools::compileScript(parsed.options->script);
+        if (!compilation.script) {
+            fprintf(stderr, "zant-mainsys: %s\n", compilation.error.c_str());
+            return tools::usageError;
+        }
+        script = std::move(compilation.script);
+    }
+    return mainsys::Session(std::move(*parsed.options), std::move(script)).run();
 }

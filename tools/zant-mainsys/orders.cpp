@@ -5,10 +5,8 @@
 
 #include <algorithm>
 #include <cassert>
-#include <charconv>
 #include <chrono>
 #include <cmath>
-#include <iomanip>
 #include <iterator>
 #include <limits>
 #include <sstream>
@@ -78,11 +76,12 @@ ScriptValues raw(Session& session, const ScriptArguments& call) {
         const auto field =
             std::find_if(std::begin(fields), std::end(fields),
                          [&key = name](const auto& each) { return key == each.first; });
-        if (field == std::end(fields) || !value.is_number_integer())
+        const auto whole = wholeNumber(value);
+        if (field == std::end(fields) || !whole)
             throw ScriptError("'" + name +
                               "' is no field, or its value no whole number: param1, "
                               "size, address, object, control and count are");
-        *static_cast<uint32_t*>(field->second) = fitting(value.get<int64_t>(), name);
+        *static_cast<uint32_t*>(field->second) = fitting(*whole, name);
     }
     session.sendRaw(body, countOf(count));
     return {};
@@ -176,24 +175,11 @@ std::string wordsOf(Row row, const ScriptValues& arguments) {
 }
 
 ScriptValues obey(Session& session, Row row, const ScriptArguments& call) {
-    if (call.arguments.size() > row.most)
-        throw ScriptError("that is too much: write " + usageOf(row));
+    call.refuseMoreThan(row.most, usageOf(row));
     session.noteOrder(wordsOf(row, call.arguments));
     ScriptValues result = row.obey(session, call);
     session.tellStates();
     return result;
-}
-
-/// A number if it is one, also with 0x, else a text.
-ScriptValue valueOf(const std::string& word) {
-    std::istringstream stream(word);
-    int64_t whole = 0;
-    if (stream >> std::setbase(0) >> whole && stream.eof())
-        return whole;
-    double number = 0;
-    const auto* const end = word.data() + word.size();
-    const auto read = std::from_chars(word.data(), end, number);
-    return read.ec == std::errc() && read.ptr == end ? ScriptValue(number) : ScriptValue(word);
 }
 
 /// The words behind a command's name. Behind the first, NAME=VALUE is a field of the one table,
@@ -204,9 +190,9 @@ ScriptValues argumentsOf(std::istream& words) {
     for (std::string word; words >> word;) {
         const auto equals = arguments.empty() ? std::string::npos : word.find('=');
         if (equals == std::string::npos)
-            arguments.push_back(valueOf(word));
+            arguments.push_back(scriptValueOf(word));
         else
-            fields[word.substr(0, equals)] = valueOf(word.substr(equals + 1));
+            fields[word.substr(0, equals)] = scriptValueOf(word.substr(equals + 1));
     }
     if (!fields.empty())
         arguments.push_back(std::move(fields));

@@ -39,9 +39,9 @@ void complain(const std::string& text) {
 
 } // namespace
 
-Session::Session(Options options)
-    : m_options(std::move(options)), m_arbiter(m_options.audioDecoders, m_options.videoDecoders),
-      m_inputOpen(!isScripted()) {}
+Session::Session(Options options, std::optional<CompiledScript> script)
+    : m_options(std::move(options)), m_toRun(std::move(script)),
+      m_arbiter(m_options.audioDecoders, m_options.videoDecoders), m_inputOpen(!isScripted()) {}
 
 int Session::run() {
     const std::string why =
@@ -50,24 +50,18 @@ int Session::run() {
     if (!why.empty())
         return ExitFailed;
     Timeline::begin();
-    std::optional<CompiledScript> script;
-    if (isScripted()) {
-        auto compilation = tools::compileScript(m_options.script);
-        complain(compilation.error);
-        if (!compilation.script)
-            return tools::usageError;
-        script = std::move(compilation.script);
-    }
     if (!m_options.down)
         bringUp();
     if (!m_ended)
         complain(tellReady()); // up, or down as it was asked for
-    if (script && !m_ended)
-        runScript(*script);
+    if (m_toRun && !m_ended)
+        runScript(*m_toRun);
     while (!m_ended)
         turn(Clock::time_point::max());
     m_link.reset();
     writeTimeline();
+    while (m_endSignals.take() != 0) { // one that came while the script computed ends nothing more
+    }
     return m_exitCode;
 }
 

@@ -21,7 +21,8 @@ using Milliseconds = std::chrono::milliseconds;
 /// program's one thread: while a script computes nothing else goes on, while it waits all does.
 class Session {
 public:
-    explicit Session(Options options);
+    /// Without a script commands come from standard input.
+    Session(Options options, std::optional<CompiledScript> script);
 
     /// The exit code.
     int run();
@@ -49,7 +50,7 @@ private:
         Arbiter::Answer answer;
     };
 
-    bool isScripted() const { return !m_options.script.empty(); }
+    bool isScripted() const { return m_toRun.has_value(); }
     void bringUp();
     void runScript(const CompiledScript& script);
     void turn(Clock::time_point deadline);
@@ -69,6 +70,7 @@ private:
     void end(int exitCode, const std::string& why);
 
     const Options m_options;
+    const std::optional<CompiledScript> m_toRun;
     const Clock::time_point m_start = Clock::now();
     tools::Signals m_endSignals{SIGINT, SIGTERM};
     Arbiter m_arbiter;
