@@ -119,9 +119,12 @@ bool MediaElement::release(std::chrono::milliseconds bound) {
         return *m_released;
     const auto released = std::make_shared<std::promise<void>>();
     const auto answer = released->get_future();
-    const bool posted = m_loop->post([core = m_core, released] {
+    const auto tell = [released] { released->set_value(); };
+    const bool posted = m_loop->post([core = m_core, loop = m_loop, tell] {
         core->release();
-        released->set_value();
+        // What was read meanwhile is among the loop's tasks: it goes before anyone counts.
+        if (!loop->post(tell))
+            tell();
     });
     m_released = posted && answer.wait_for(bound) == std::future_status::ready;
     if (!*m_released)

@@ -50,6 +50,7 @@ public:
         return m_content->seekError;
     }
     void interrupt() override {
+        m_content->isLate = false;
         const std::lock_guard lock(m_content->mutex);
         m_content->asked += "interrupt; ";
     }
@@ -311,6 +312,26 @@ TEST_F(FeedingTest, WhatIsBeingReadWhenASeekComesIsDropped) {
     m_content[0]->isHeld = false;
     EXPECT_EQ(written(2), "1: from 2; 1: 2.25, 7 bytes");
     expectAsked(1, "seek 2; read 1; ");
+}
+
+TEST_F(FeedingTest, WhatIsBeingReadAtTheReleaseIsFreedBeforeItReturns) {
+    start();
+    const long before = host::Sample::living();
+    put(1, {0.5, 0.75});
+    change(1, [](Content& content) { // the second goes when the first has, and that takes a while
+        host::SampleData data;
+        data.payload = {new std::uint8_t[1](), [](const std::uint8_t* bytes) {
+                            std::this_thread::sleep_for(milliseconds(50));
+                            delete[] bytes;
+                        }};
+        data.size = 1;
+        content.samples.push_front(std::make_unique<host::Sample>(std::move(data)));
+    });
+    m_content[0]->isLate = true;
+    request(1, 3);
+    expectAsked(1, "read 3; late; ");
+    m_element->release(longBound);
+    EXPECT_EQ(host::Sample::living(), before);
 }
 
 TEST_F(FeedingTest, HoldsSamplesBackUntilTheirKeyIsThere) {

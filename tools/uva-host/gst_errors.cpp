@@ -16,7 +16,7 @@ constexpr const char* category = "uvabackend";
 constexpr std::string_view errorLine = "Error received from element '";
 constexpr std::string_view detailLine = "Debugging information: ";
 
-/// A thread may be in the log function whenever it is removed: what that uses stays.
+/// Threads log until the process has ended: what that uses stays.
 struct Heard {
     Mutex mutex; // nothing is called under it
     std::string first GUARDED_BY(mutex);
@@ -71,18 +71,15 @@ void overhear(GstDebugCategory* from, GstDebugLevel level, const gchar*, const g
 
 } // namespace
 
-GstErrors::GstErrors() {
+/// The log function is never removed: GStreamer frees what the other threads' lines go through.
+void hearGstErrors() {
     gst_debug_remove_log_function(
         nullptr); // which writes to standard error until the library's does
     gst_debug_set_threshold_for_name(category, GST_LEVEL_ERROR);
     gst_debug_add_log_function(overhear, nullptr, nullptr);
 }
 
-GstErrors::~GstErrors() {
-    gst_debug_remove_log_function(overhear);
-}
-
-std::string GstErrors::take() {
+std::string takeGstError() {
     auto& log = heard();
     const MutexLock lock(log.mutex);
     log.detailDue = false;

@@ -38,7 +38,7 @@ host::MediaElement::Options elementOptions(const Options& options) {
         result.noProgress = inMilliseconds(*options.noProgressTimeout);
     result.keyDelay = options.keyDelay.value_or(milliseconds(0));
     result.mainSystem = std::getenv("NOX_GST_STANDALONE") == nullptr;
-    result.takeError = GstErrors::take;
+    result.takeError = takeGstError;
     result.pictures = [](host::SourceId source) {
         const auto counted = nox::Screen::instance().counters(source);
         return host::PictureCounters{counted.shown, counted.dropped, counted.corrupted};

@@ -69,7 +69,7 @@ Session::Outcome Session::run() {
 void Session::useLibrary() {
     if (!m_options.graph.empty())
         m_graph.emplace();
-    const GstErrors errors;
+    hearGstErrors();
     auto loaded = host::BackendLibrary::load(m_options.backend);
     if (loaded.library == nullptr)
         return fail(loaded.error);
