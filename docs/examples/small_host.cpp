@@ -17,12 +17,13 @@ public:
         std::printf("event %d\n", event->type());
         if (event->type() == UVAEvent::BackendResourceRequestAsync)
             backend->eventCompleted(static_cast<UVAAsyncEvent*>(delivered), true); // granted
-        const bool finished = event->type() == UVAEvent::PlaybackFinished;
-        if ((finished || event->type() == UVAEvent::DecodeError) && !told.exchange(true))
-            over.set_value(finished);
+        const bool failed = event->type() == UVAEvent::DecodeError ||
+                            event->type() == UVAEvent::BufferingNetworkError;
+        if ((failed || event->type() == UVAEvent::PlaybackFinished) && !told.exchange(true))
+            over.set_value(event->type());
     }
     UVAMediaBackend* backend = nullptr;
-    std::promise<bool> over; // whether the end was shown
+    std::promise<int> over; // which event was the end
 
 private:
     std::atomic<bool> told{false};
@@ -55,9 +56,11 @@ int main(int argc, char** argv) {
     if (client.backend->initBackend("", sources, false, false) != UVABackend::Success)
         return fail("the backend does not take the URL");
     client.backend->play();
-    const bool finished = client.over.get_future().get();
+    const int last = client.over.get_future().get(); // the user ends what never gets anywhere
     release(client.backend);
-    return finished
-               ? 0
-               : fail("no decoder was granted; without a main system set NOX_GST_STANDALONE=1");
+    if (last == UVAEvent::BufferingNetworkError)
+        return fail("the URL cannot be fetched");
+    if (last == UVAEvent::DecodeError)
+        return fail("no decoder was granted; without a main system set NOX_GST_STANDALONE=1");
+    return 0;
 }

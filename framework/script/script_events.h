@@ -55,6 +55,7 @@ public:
     void nameSignals(const std::vector<std::string>& names) EXCLUDES(m_mutex);
     /// The same for the signals of messages, of which there are as many as have an identifier.
     void nameMessageSignals() EXCLUDES(m_mutex);
+    /// The names that are known.
     std::vector<std::string> signalNames() EXCLUDES(m_mutex);
 
 private:

@@ -37,7 +37,8 @@ std::string runScript(const CompiledScript& script, const ScriptValues& argument
 }
 
 const char* const scriptHelp = R"(
-Scripts are written in Lua 5.4, without files and processes; docs/reference/script.md has all of it.
+Scripts are written in Lua 5.4, without files and processes; docs/reference/script.md has all
+of it (installed: /usr/share/doc/uva-tools).
 Times are in seconds. The same in every program, and nil when nothing came in time:
   wait_signal(name, timeout [, parameters])   the first such signal since the last one waited for
   wait_state(text, timeout)                   a state that is, or comes

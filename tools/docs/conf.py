@@ -18,6 +18,7 @@ exclude_patterns = ["build*", ".*", "web/node_modules"]
 
 html_theme = "furo"
 pygments_style = "tango"
+pygments_dark_style = pygments_style  # Debian's furo is light alone, also where the user prefers dark
 html_static_path = ["site.css"]
 html_css_files = ["site.css"]
 html_copy_source = False

@@ -18,9 +18,10 @@ namespaces, as any user. Network, home, display, sound and devices are as outsid
 
 constexpr char details[] = R"(
 Files under /tmp
-  The box's own, gone with it, but for the current directory and what --share names. Of a PATH in
-  /tmp or /dev/shm the topmost entry is let through: a folder is the real one; a file can be read
-  and written; what is not there is brought out when the command, having made it, has ended.
+  The box's own, gone with it, but for the current directory (not /tmp itself) and what --share
+  names. Of a PATH in /tmp or /dev/shm the topmost entry is let through: a folder is the real one; a
+  file can be read and written; what is not there is brought out when the command, having made it,
+  has ended.
   /tmp/zant_dbg_*, /tmp/GST_DEBUG and /tmp/usb_logs are never shared.
 
 Files in /etc

@@ -93,7 +93,7 @@ tools::Parsed<Options> parseOptions(int argc, const char* const* argv) {
            {"--observe", "sinks|capture",
             "How pictures are seen (in the simulated sinks where there are any, else captured)",
             into(options.observe, form::observe)},
-           {"--media", "FOLDER", "The test clips that the build made", &options.media}}},
+           {"--media", "FOLDER", "The test clips (those that came with the program)", &options.media}}},
          {"Report",
           {{"--html", "FILE", "Write the report as a page, with pictures and plots", &options.html},
            {"--junit", "FILE", "... as JUnit XML", &options.junit},

@@ -2,15 +2,23 @@
 # Sourced by the commands beside this file: runs a script with Node, in the environment of the build or,
 # where the add-on is beside them, as it is installed.
 
+fail() {
+    echo "$(basename "$0"): $*" >&2
+    exit 1
+}
+
 web=$(cd "$(dirname "$(readlink -f "$0")")/.." && pwd)
 node=$web/node_modules/.bin/node
 if [ -f "$web/native/uva_native.node" ]; then
     tool() { echo "$1"; }
-    logs=${XDG_STATE_HOME:-$HOME/.local/state}/uva-web
-    cache=${XDG_CACHE_HOME:-$HOME/.cache}/uva-web
+    state=${XDG_STATE_HOME:-${HOME:+$HOME/.local/state}}
+    logs=$state/uva-web
+    if [ -z "$state" ] || ! mkdir -p "$logs"; then
+        fail "there is no place for the log: name a folder that can be written with XDG_STATE_HOME"
+    fi
+    cache=${XDG_CACHE_HOME:-${HOME:-$state}/.cache}/uva-web
     native=$web/native/uva_native.node
     within=()
-    mkdir -p "$logs"
     [ -x "$node" ] || node=$(command -v node || :)
 else
     build=${UVA_BUILD:-$web/../build}
@@ -22,11 +30,6 @@ else
 fi
 UVA_WEB_COMMAND=$(basename "$0")
 export UVA_WEB_COMMAND
-
-fail() {
-    echo "$(basename "$0"): $*" >&2
-    exit 1
-}
 
 # share TEXT: if it is a path in /tmp, of what is there or will be, it is let into the box.
 shared=()

@@ -13,7 +13,7 @@ std::string Clips::load(const std::string& folder) {
     std::ifstream stream(list);
     if (!stream)
         return "no test clips: cannot read " + list.string() +
-               "; name the folder that the build made with --media";
+               "; name the folder that has them with --media";
     const auto json = nlohmann::json::parse(stream, nullptr, false);
     try {
         for (const auto& entry : json) {
