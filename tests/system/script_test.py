@@ -62,7 +62,8 @@ class Scripts(unittest.TestCase):
     def test_a_script_decides_how_the_host_ends(self):
         rows = [("log('it is ' .. ...)\nexpect_signal('DecodeError', 0.2)", 1, ":2: DecodeError did not come within 0.2 s"),
                 ("expect_signal('NOPE', 1)", 1, ":1: no signal here has 'NOPE' in its name"),
-                ("seek('x')", 1, ":1: seek: argument 1 (seconds) is missing or no number of seconds"),
+                ("seek('x')", 1, ":1: seek: argument 1 (seconds) is missing or no finite number"),
+                ("seek(math.huge)", 1, ":1: seek: argument 1 (seconds) is missing or no finite number"),
                 ("volume(1.5)", 1, ":1: volume: a volume is from 0 to 1"),
                 ("window(0, 0, -1, 9)", 1, ":1: window: width is below 0"),
                 ("pause('now')", 1, ":1: pause: that is too much: write pause()"),
@@ -81,6 +82,24 @@ class Scripts(unittest.TestCase):
         self.assertIn("played 1.0 s as long as asked", stopped.stdout)
         failed = self.host("--standalone", "--script", self.write("sleep(1000)"), "--backend", "/nosuch.so")
         self.assertEqual(failed.returncode, 1)
+
+    def test_a_seek_beyond_the_media_leads_to_its_end(self):
+        for options in ((), ("--mse",)):
+            done = self.scripted("expect_state('playing', 60)\n"
+                                 "local function is_at_end() return math.abs(position() - status().duration) < 0.1 end\n"
+                                 "for _, paused in ipairs { false, true } do\n"
+                                 "    wait_until(function() return position() > 0.2 end, 60)\n"
+                                 "    if paused then pause() expect_state('paused', 60) end\n"
+                                 "    local number = seek(99999)\n"
+                                 "    assert(is_at_end(), position())\n"
+                                 "    local told = expect_signal('SeekResult', 60, {number = number, outcome = 'succeeded'})\n"
+                                 "    assert(told.target == 99999 and is_at_end() and told.position == status().duration, told.position)\n"
+                                 "    play()\n"
+                                 "    expect_state('ended', 60)\n"
+                                 "    assert(is_at_end(), position())\n"
+                                 "    if not paused then play() expect_state('playing', 60) end\n"
+                                 "end\n", *options)
+            self.assertEqual((done.returncode, done.stderr), (0, ""), (options, done.stdout))
 
     def test_playback_that_fails_stops_its_script(self):
         done = self.host("--deny-resources", "--script", self.write("expect_state('ended', 1000)"))

@@ -35,7 +35,7 @@ Key keyOf(const ScriptArguments& call) {
 double numberOf(const ScriptArguments& call, const char* what) {
     if (call.arguments.empty() || !call.arguments[0].is_number() ||
         !std::isfinite(call.arguments[0].get<double>()))
-        throw ScriptError(std::string("argument 1 (") + what + ") is missing or no number");
+        throw ScriptError(std::string("argument 1 (") + what + ") is missing or no finite number");
     return call.arguments[0].get<double>();
 }
 
@@ -86,7 +86,7 @@ constexpr struct {
      }},
     {"seek(seconds)", 1, "seek: gives the number that SeekResult has",
      [](Playback& playback, const ScriptArguments& call) {
-         return ScriptValues{playback.requestSeek(call.seconds(1, "seconds"))};
+         return ScriptValues{playback.requestSeek(numberOf(call, "seconds"))};
      }},
     {"rate(number)", 1, "play so many times as fast: gives whether the backend can",
      [](Playback& playback, const ScriptArguments& call) {
