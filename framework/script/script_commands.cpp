@@ -74,7 +74,7 @@ const ScriptValue& argumentOf(const ScriptValues& arguments, size_t position, co
 
 } // namespace
 
-size_t ScriptWatches::add(const std::string& kind, const std::string& text) {
+size_t ScriptWatches::add(ScriptEvents::Kind kind, const std::string& text) {
     const auto free = std::find(m_watches.begin(), m_watches.end(), nullptr);
     if (free == m_watches.end() && m_watches.size() == mostWatches)
         throw ScriptError("there are " + std::to_string(mostWatches) +

@@ -25,7 +25,7 @@ public:
     explicit ScriptWatches(ScriptControl& control) : m_control(control) {}
 
     /// The number of a new watch. Throws ScriptError when there are 16.
-    size_t add(const std::string& kind, const std::string& text);
+    size_t add(ScriptEvents::Kind kind, const std::string& text);
     ///@{
     /// Throw ScriptError without a watch of that number.
     ScriptEvents::Watch& get(size_t number);

@@ -35,8 +35,31 @@ ScriptValues writeLog(const ScriptCall& call) {
     return {};
 }
 
+/// Nobody will ever tell of another one.
+void checkSignal(const std::string& text) {
+    const auto names = ScriptEvents::instance().signalNames();
+    if (std::none_of(names.begin(), names.end(), [&text](const std::string& name) {
+            return name.find(text) != std::string::npos;
+        }))
+        throw ScriptError("no signal here has '" + text +
+                          "' in its name: signal_names() lists them");
+}
+
+ScriptValues checkSignalOf(const ScriptCall& call) {
+    checkSignal(call.text(1, "name of a signal"));
+    return {};
+}
+
 ScriptValues addWatch(const ScriptCall& call) {
-    return {call.watches.add(call.text(1, "kind of event"), call.text(2, "text to look for"))};
+    const std::string& word = call.text(1, "kind of event");
+    const auto kind = ScriptEvents::kindOf(word);
+    if (!kind)
+        throw ScriptError("there are no events of kind '" + word +
+                          "': write trace, state or signal");
+    const std::string& text = call.text(2, "text to look for");
+    if (kind == ScriptEvents::Kind::Signal)
+        checkSignal(text);
+    return {call.watches.add(*kind, text)};
 }
 
 /// 0 is none.
@@ -69,16 +92,12 @@ ScriptValues await(const ScriptCall& call) {
     return {};
 }
 
-ScriptValues isSignal(const ScriptCall& call) {
-    const std::string& text = call.text(1, "name of a signal");
-    const auto names = ScriptEvents::instance().signalNames();
-    return {std::any_of(names.begin(), names.end(), [&text](const std::string& name) {
-        return name.find(text) != std::string::npos;
-    })};
-}
-
 ScriptValues signalNames(const ScriptCall&) {
     return {ScriptEvents::instance().signalNames()};
+}
+
+ScriptValues statesNow(const ScriptCall&) {
+    return {ScriptEvents::instance().states()};
 }
 
 ScriptValues forgetWatch(const ScriptCall& call) {
@@ -176,6 +195,7 @@ std::vector<ScriptCommand> standardScriptCommands() {
         {"await", "", await},
         {"take_event", "", takeEvent},
         {"take_signal", "", takeSignal},
-        {"is_signal", "", isSignal},
+        {"check_signal", "", checkSignalOf},
+        {"states", "", statesNow},
     };
 }

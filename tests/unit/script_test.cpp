@@ -31,13 +31,18 @@ TEST_F(ScriptTest, ErrorsNameFileAndLine) {
         {"wait(7, 1)", "test:1: there is no watch 7: watch gives one"},
         {"\nwait_signal('NOPE', 1)",
          "test:2: no signal here has 'NOPE' in its name: signal_names()"},
+        {"\nwatch('signal', 'NOPE')",
+         "test:2: watch: no signal here has 'NOPE' in its name: signal_names() lists"},
+        {"watch('trac', 'x')",
+         "test:1: watch: there are no events of kind 'trac': write trace, state or signal"},
         {"when(7, print)", "test:1: bad argument #1 to 'when' (string expected, got number)"},
         {"\nwhen('STANDBY', 7)", "test:2: bad argument #2 to 'when' (function expected"},
         {"wait_signal('STANDBY', 1, 7)",
          "test:1: bad argument #3 to 'wait_signal' (table expected"},
         {"\nexpect_signal('STANDBY', 0)",
          "test:2: STANDBY did not come within 0 s; since the last"},
-        {"\nexpect_state('no such', 0)", "test:2: the state 'no such' did not come within 0 s"},
+        {"\nexpect_state('no such', 0)",
+         "test:2: the state 'no such' did not come within 0 s: there is no state"},
         {"\nwait_until(1, 2)", "test:2: bad argument #1 to 'wait_until' (function expected"},
         {"wait_until(print)", "test:1: bad argument #2 to 'wait_until' (number expected"},
         {"log(print)", "test:1: log: a value of type function cannot be handed over"},
@@ -356,6 +361,13 @@ TEST_F(ScriptTest, KeepsSignalsUntilAWaitHasPassedThem) {
                   .find("test:2: one n=5 did not come within 0.01 s; since the last one that was "
                         "waited for: two"),
               std::string::npos);
+    EXPECT_NE(errorOf("tell('one', 1) tell('two', 2) expect_signal('one', 0.01, {number = 1})")
+                  .find("test:1: one number=1 did not come within 0.01 s: one came, and has no "
+                        "'number' but n; since"),
+              std::string::npos);
+    EXPECT_EQ(resultOf("tell('one', 1) return select(2, wait_signal('two', 0, {number = 1}))"),
+              nullptr)
+        << "of it nothing is known";
     EXPECT_NE(errorOf("expect_no_signal('one', 0.01)\ntell('one', 1) expect_no_signal('one', 60)")
                   .find("test:2: one came, within 60 s"),
               std::string::npos);
@@ -395,7 +407,7 @@ TEST_F(ScriptTest, AnEndIsTheEndOfWaitsUntilItIsWaitedFor) {
     const auto begin = ScriptControl::Clock::now();
     EXPECT_NE(errorOf(tell("tell('one', 1) tell_end() tell('two', 2) sleep(1000)\n"
                            "expect_no_signal('two', 1000) wait_until(function() end, 1000)\n"
-                           "wait_trace('never', 1000) wait(watch('x', 'y'), 1000)\n"
+                           "wait_trace('never', 1000) wait(watch('trace', 'y'), 1000)\n"
                            "expect_signal('one', 1000)\n"
                            "expect_signal('two', 1000)"))
                   .find("test:5: two did not come within 1000 s: the player has ended; since"),
@@ -421,6 +433,10 @@ TEST_F(ScriptTest, WaitsForStatesThatAreOrCome) {
     audio.set("free");
     EXPECT_EQ(resultOf("return expect_state('video granted', 60)"), "video granted");
     other.join();
+    EXPECT_NE(errorOf("expect_state('video decoder lent', 0)")
+                  .find("test:1: the state 'video decoder lent' did not come within 0 s: there is "
+                        "video granted, audio free"),
+              std::string::npos);
     {
         ScriptState third("third");
         third.set("there");

@@ -109,7 +109,7 @@ std::string statusLine(const host::Status& status, int width) {
 }
 
 void Display::log(host::Clock::time_point time, const std::string& text) const {
-    ScriptEvents::instance().publish("trace", text);
+    ScriptEvents::instance().publishTrace(text);
     if (m_style == Style::Log)
         print(format("%10.6f ", std::chrono::duration<double>(time - m_start).count()) + text +
               "\n");

@@ -322,7 +322,7 @@ void Session::sendGarbage(uint32_t count) {
 }
 
 void Session::log(const std::string& text, Clock::time_point time) const {
-    ScriptEvents::instance().publish("trace", text);
+    ScriptEvents::instance().publishTrace(text);
     if (!m_options.quiet)
         printf("%11.6f %s\n", std::chrono::duration<double>(time - m_start).count(), text.c_str());
 }
