@@ -2,6 +2,7 @@
 #include "script/script.h"
 #include "script/script_prelude.h"
 #include "util/cancellation_block.h"
+#include "util/printable.h"
 #include "util/thrown_by.h"
 
 #include <chrono>
@@ -438,6 +439,11 @@ int takeError(lua_State* lua) {
     return 1;
 }
 
+/// For people: scripts make errors of any bytes.
+std::string shown(const std::string& error) {
+    return printable(error, "\t\n");
+}
+
 ScriptOutcome outOfMemory(const std::string& name) {
     return {ScriptOutcome::End::Failed, name + ": not enough memory", nullptr};
 }
@@ -454,7 +460,7 @@ ScriptCompilation SILCompileText(const std::string& name, std::string_view text)
         return {std::nullopt, outOfMemory(name).error};
     // '@': positions show the name, or the end of a long one.
     if (luaL_loadbufferx(lua, text.data(), text.size(), ("@" + name).c_str(), "t") != LUA_OK)
-        return {std::nullopt, errorOf(lua, name, name + ": ")};
+        return {std::nullopt, shown(errorOf(lua, name, name + ": "))};
     std::string code;
     lua_dump(lua, appendCode, &code, 0);
     return {CompiledScript(name, std::move(code)), {}};
@@ -473,10 +479,10 @@ ScriptOutcome SILRun(const CompiledScript& script, const ScriptValues& arguments
     lua_pushcfunction(lua, runScript);
     const int failed = lua_pcall(lua, 0, 0, 1);
     if (run.ended != ScriptOutcome::End::Finished)
-        return {run.ended, run.error, nullptr};
+        return {run.ended, shown(run.error), nullptr};
     if (failed == LUA_ERRMEM)
         return outOfMemory(script.name());
     if (failed != LUA_OK)
-        return {ScriptOutcome::End::Failed, run.error, nullptr};
+        return {ScriptOutcome::End::Failed, shown(run.error), nullptr};
     return {ScriptOutcome::End::Finished, {}, run.results.empty() ? nullptr : run.results.front()};
 }

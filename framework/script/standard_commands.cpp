@@ -5,6 +5,7 @@
 #include "script/key_codes.h"
 #include "state/framework_state.h"
 #include "state/state_report.h"
+#include "util/printable.h"
 
 #include <algorithm>
 #include <limits>
@@ -29,7 +30,7 @@ ScriptValues writeLog(const ScriptCall& call) {
         if (end > start || text.empty())
             FormattedStringToStdout("%.*s%s: %s\n", static_cast<int>(scriptLinePrefix.size()),
                                     scriptLinePrefix.data(), call.script.c_str(),
-                                    text.substr(start, end - start).c_str());
+                                    printable(text.substr(start, end - start), "\t").c_str());
         start = end + 1;
     }
     return {};

@@ -107,6 +107,19 @@ class Scripts(unittest.TestCase):
         self.assertNotIn("test.lua", done.stderr)
         self.assertIn("decoder", done.stderr)
 
+    def test_lines_that_nobody_gets_are_an_error_but_a_reader_may_go(self):
+        script = self.write("for i = 1, 100 do log('a line') end sleep(0.01) log('another')")
+        for program in ([UVA_HOST, "--standalone", "--script", script, CLIP], [MAINSYS, "--script", script]):
+            with open("/dev/full", "w", encoding="ascii") as full:
+                done = subprocess.run(program, stdin=subprocess.DEVNULL, stdout=full, stderr=subprocess.PIPE, text=True, timeout=TIMEOUT)
+            self.assertEqual(done.returncode, 1, program)
+            self.assertIn(": cannot write all to standard output: ", done.stderr)
+            reader, writer = os.pipe()
+            os.close(reader)
+            done = subprocess.run(program, stdin=subprocess.DEVNULL, stdout=writer, stderr=subprocess.PIPE, text=True, timeout=TIMEOUT)
+            os.close(writer)
+            self.assertEqual((done.returncode, done.stderr), (0, ""), program)
+
     def test_ctrl_c_ends_the_host_and_its_script(self):
         path = self.write("log('waits') sleep(1000)")
         with subprocess.Popen([UVA_HOST, "--standalone", "--script", path, CLIP], stdin=subprocess.DEVNULL,

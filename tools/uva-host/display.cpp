@@ -2,6 +2,7 @@
 
 #include "script/script_events.h"
 #include "terminal.h"
+#include "util/printable.h"
 
 #include <algorithm>
 #include <cmath>
@@ -78,14 +79,6 @@ std::string bufferedText(const host::Status& status) {
 }
 
 } // namespace
-
-std::string printable(const std::string& text) {
-    std::string result = text;
-    for (char& c : result)
-        if (static_cast<unsigned char>(c) < 0x20 || c == 0x7f)
-            c = '?';
-    return result;
-}
 
 std::string statusLine(const host::Status& status, int width) {
     constexpr int narrowestBar = 12;

@@ -4,6 +4,7 @@
 #include "gst_errors.h"
 #include "host/sample.h"
 #include "nox/screen.h"
+#include "util/printable.h"
 
 #include <algorithm>
 #include <cerrno>
