@@ -108,6 +108,7 @@ struct LuaRun {
     /// Anything but Finished: the script was ended, and nothing of it goes on, whatever it catches.
     ScriptOutcome::End ended = ScriptOutcome::End::Finished;
     std::string error{};
+    bool hasFailed = false; // with that error
     ScriptValues results{};
 };
 
@@ -429,14 +430,23 @@ std::string errorOf(lua_State* lua, const std::string& name, const std::string& 
 
 void noteError(lua_State* lua) noexcept {
     LuaRun& run = runOf(lua);
+    run.hasFailed = true;
     if (run.ended == ScriptOutcome::End::Finished)
         run.error = errorOf(lua, run.script.name(), positionOf(lua));
 }
 
-/// Called with an error that nothing caught, where it arose.
-int takeError(lua_State* lua) {
-    noteError(lua);
-    return 1;
+/// A thread of Lua's stays as it was when an error ended it, whichever: there is a line. What is to
+/// be closed is closed then; of a script that was ended nothing goes on.
+int runOnThread(lua_State* lua) {
+    lua_State* const thread = lua_newthread(lua);
+    lua_pushcfunction(thread, runScript);
+    int count = 0;
+    if (lua_resume(thread, lua, 0, &count) == LUA_OK)
+        return 0;
+    noteError(thread);
+    if (runOf(lua).ended == ScriptOutcome::End::Finished)
+        lua_resetthread(thread);
+    return 0;
 }
 
 /// For people: scripts make errors of any bytes.
@@ -475,14 +485,12 @@ ScriptOutcome SILRun(const CompiledScript& script, const ScriptValues& arguments
     if (!lua)
         return outOfMemory(script.name());
     *static_cast<LuaRun**>(lua_getextraspace(lua)) = &run;
-    lua_pushcfunction(lua, takeError);
-    lua_pushcfunction(lua, runScript);
-    const int failed = lua_pcall(lua, 0, 0, 1);
+    lua_pushcfunction(lua, runOnThread);
+    if (lua_pcall(lua, 0, 0, 0) != LUA_OK)
+        return outOfMemory(script.name());
     if (run.ended != ScriptOutcome::End::Finished)
         return {run.ended, shown(run.error), nullptr};
-    if (failed == LUA_ERRMEM)
-        return outOfMemory(script.name());
-    if (failed != LUA_OK)
+    if (run.hasFailed)
         return {ScriptOutcome::End::Failed, shown(run.error), nullptr};
     return {ScriptOutcome::End::Finished, {}, run.results.empty() ? nullptr : run.results.front()};
 }

@@ -7,10 +7,14 @@ local error, getmetatable, ipairs, pairs, pcall = error, getmetatable, ipairs, p
 local rawget, tostring, type = rawget, tostring, type
 local concat, pack, unpack, sort, move = table.concat, table.pack, table.unpack, table.sort, table.move
 local min, mathtype, remove = math.min, math.type, table.remove
-local forget, get_int, get_string, key_code, log = forget, get_int, get_string, key_code, log
-local now, set_int, set_string, watch = now, set_int, set_string, watch
+local forget, log, now, watch = forget, log, now, watch
+-- For what is here alone.
 local check_signal, states, take_signal, take_event, await = check_signal, states, take_signal, take_event, await
-_G.check_signal, _G.states, _G.take_signal, _G.take_event, _G.await = nil, nil, nil, nil, nil
+local key_code, get_int, set_int, get_string, set_string = key_code, get_int, set_int, get_string, set_string
+for _, name in ipairs { "check_signal", "states", "take_signal", "take_event", "await",
+                        "key_code", "get_int", "set_int", "get_string", "set_string" } do
+    _G[name] = nil
+end
 
 local function check(value, wanted, position, name)
     if type(value) ~= wanted then

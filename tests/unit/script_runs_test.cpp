@@ -125,6 +125,12 @@ TEST_F(ScriptTest, TheShellStartsListsAndStops) {
     EXPECT_EQ(command("m_scriptstop " + std::to_string(scriptOf(path).number)), 0);
     EXPECT_NE(screen.take().find(" stopped: " + path + ":1: stopped\n"), std::string::npos);
 
+    for (const char* const line : {"m_scriptstop 1 2", "m_scriptlist 1", "m_scripthelp log"}) {
+        screen.take();
+        EXPECT_EQ(command(line), badCommandParam) << line;
+        EXPECT_NE(screen.take().find("ERROR: that is too much: write m_script"), std::string::npos)
+            << line;
+    }
     EXPECT_EQ(command("m_script"), badCommandParam);
     EXPECT_EQ(command("m_scriptstop 77777"), badCommandParam);
     EXPECT_EQ(command("m_scriptstop x"), badCommandParam);

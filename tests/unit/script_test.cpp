@@ -51,16 +51,18 @@ TEST_F(ScriptTest, ErrorsNameFileAndLine) {
         {"log({[1.5] = 1})", "a table whose keys are neither"},
         {"t = {} for i = 1, 30000 do t[i] = i end log(t)", "more than 20000 values"},
         {"\nreturn print", "what it returns: a value of type function"},
-        {"return key.okk", "test:1: key_code: no key has the name 'okk': key_names() lists them"},
+        {"return key.okk", "test:1: no key has the name 'okk': key_names() lists them"},
         {"\nkey.ok = 1", "test:2: the codes of keys are fixed"},
         {"forget(-1)", "test:1: forget: there is no watch 0: watch gives one"},
-        {"sys_int.x = 1.5", "test:1: set_int: argument 2 (value) is missing or no whole number"},
-        {"sys_int.x = 2^63", "test:1: set_int: argument 2 (value) is missing or no whole number"},
-        {"sys_int.x = 'y'", "test:1: set_int: argument 2 (value) is missing or no whole number"},
-        {"sys_int.x = 1 << 31", "test:1: set_int: a system variable has 32 bits"},
-        {"sys_string.x = nil", "test:1: set_string: argument 2 (value) is missing"},
-        {"sys_string[('n'):rep(65)] = ''", "the name has more than 64 bytes"},
-        {"sys_string.x = ('n'):rep(4097)", "the value has more than 4096 bytes"},
+        {"return key[1.5]", "test:1: no key has the name '1.5': key_names() lists them"},
+        {"sys_int.x = 1.5", "test:1: sys_int.x takes a whole number of 32 bits, or nil"},
+        {"sys_int.x = 2^63", "test:1: sys_int.x takes a whole number of 32 bits, or nil"},
+        {"sys_int.x = 'y'", "test:1: sys_int.x takes a whole number of 32 bits, or nil"},
+        {"\nsys_int.x = 1 << 31", "test:2: sys_int.x takes a whole number of 32 bits, or nil"},
+        {"sys_string.x = 7", "test:1: sys_string.x takes a text of at most 4096 bytes, or nil"},
+        {"sys_string.x = ('n'):rep(4097)", "test:1: sys_string.x takes a text of at most 4096"},
+        {"sys_string[('n'):rep(65)] = ''", "test:1: a system variable's name is a text of at most"},
+        {"return sys_int[7]", "test:1: a system variable's name is a text of at most 64 bytes"},
         {"for i = 1, 2000 do sys_int['v' .. i] = 1 end", "there are 1000 system variables"},
         {"for i = 1, 17 do watch('trace', 'x') end", "test:1: watch: there are 16 watches"},
         {"return state('nosuch')", "test:1: state: the state has no member 'nosuch'"},
@@ -101,19 +103,26 @@ TEST_F(ScriptTest, KeepsScriptsToThemselves) {
         {"table.move({}, math.mininteger, math.maxinteger, 2)", "moves at most 1000000 elements"},
         {"table.move({}, 1, 2, 1, setmetatable({}, {}))", "tables without a metatable"},
         {"return ('x'):find(('y'):rep(2000), 1, true)", "a text of more than 1024 bytes"},
-        {"local function f() return f() + 1 end return f()", "not enough memory"},
+        {"\nlocal function f() return f() + 1 end\nreturn f()", "test:2: not enough memory"},
         {"local function f() return pcall(f) end assert(f())\nerror('deep')", "test:"},
         {"local t = {} for i = 1, 200 do t = setmetatable({}, {__index = t}) end "
          "local function f(x) return f(tostring(setmetatable({}, {__tostring = f}))) end f()",
          "overflow"},
         {"\nlocal x = ('x'):rep(1 << 40)", "test:2: resulting string too large"},
-        {"local x = ('x'):rep(1 << 25)", "not enough memory"},
-        {"local s = 'x' while true do s = s .. s end", "not enough memory"},
-        {"local t = {} while true do t[#t + 1] = {} end", "not enough memory"},
+        {"\nlocal x = ('x'):rep(1 << 25)", "test:2: not enough memory"},
+        {"local s = 'x'\nwhile true do s = s .. s end", "test:2: not enough memory"},
+        {"local t = {}\nwhile true do\nt[#t + 1] = {} end", "test:3: not enough memory"},
+        {"\nlocal s = '' pcall(string.rep, 'x', 1 << 25)\nerror('other')", "test:3: other"},
+        {"\nlocal t, u = {}, ('x'):rep(2 << 20)\nfor i = 1, 9e9 do t[i] = i end",
+         "test:3: not enough memory"},
     };
     for (const auto& [text, error] : refused)
         EXPECT_NE(errorOf(text).find(error), std::string::npos) << text << ": " << errorOf(text);
     EXPECT_EQ(resultOf("return #(''):rep(1 << 62)"), 0);
+    EXPECT_EQ(errorOf("local x <close> = setmetatable({}, {__close = function() log('closed') end})"
+                      "\nlocal s = ('x'):rep(1 << 25)"),
+              "test:2: not enough memory");
+    EXPECT_NE(screen.take().find("closed"), std::string::npos);
     EXPECT_EQ(resultOf("return select(2, pcall(string.rep, 'x', 1 << 40)) and 'goes on'"),
               "goes on");
     // One script finds nothing of another.
@@ -133,6 +142,8 @@ TEST_F(ScriptTest, StepsAreBoundAndNothingKeepsAScriptThatHasTakenThem) {
              "return pcall(function() while true do end end)",
              "return xpcall(function() while true do end end, function() while true do end end)",
              "local x <close> = setmetatable({}, {__close = function() while true do end end})",
+             "local x <close> = setmetatable({}, {__close = function() while true do end end}) "
+             "error('x')",
              "local t = setmetatable({}, {__index = function() while true do end end}) return t.x",
              "table.sort({3, 1, 2}, function() while true do end end)",
              "local x = (('a'):rep(40) .. 'b'):find(('a*'):rep(20) .. 'c')",
@@ -249,6 +260,12 @@ TEST_F(ScriptTest, KnowsVariablesKeysAndState) {
                        "sys_string.NAME = 'x' return sys_int.nosuch"),
               nullptr);
     EXPECT_EQ(sysVarIntMap.Get("counter"), 42);
+    EXPECT_EQ(resultOf("sys_int.counter = nil sys_int.nosuch = nil sys_string.OTHER = 'y'\n"
+                       "sys_string.OTHER = nil return tostring(sys_int.counter)"),
+              "nil");
+    EXPECT_FALSE(sysVarIntMap.Get("counter") || sysVarStringMap.Get("OTHER"));
+    EXPECT_EQ(resultOf("for i = 1, 3000 do sys_int['v' .. i] = 1 sys_int['v' .. i] = nil end"),
+              nullptr);
     EXPECT_EQ(sysVarStringMap.Get("NAME"), std::string("x"));
     sysVarStringMap.Set("ZANTALOG_PATH", "/tmp/usb_logs/");
     EXPECT_EQ(resultOf("return sys_string.ZANTALOG_PATH"), "/tmp/usb_logs/");
