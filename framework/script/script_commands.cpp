@@ -117,8 +117,10 @@ double ScriptArguments::seconds(size_t position, const char* what) const {
         .get<double>();
 }
 
-void ScriptArguments::refuseMoreThan(size_t most, const std::string& usage) const {
-    if (arguments.size() > most)
+void ScriptArguments::refuseMoreThan(const std::string& usage) const {
+    const auto commas = std::count(usage.begin(), usage.end(), ',');
+    const bool isWithout = usage.find("()") != std::string::npos;
+    if (arguments.size() > (isWithout ? 0 : static_cast<size_t>(commas) + 1))
         throw ScriptError("that is too much: write " + usage);
 }
 

@@ -50,8 +50,8 @@ struct ScriptArguments {
     ///@}
     /// Whether there is one at that position, and it is not nil.
     bool has(size_t position) const;
-    /// Throws ScriptError with the usage if there are more.
-    void refuseMoreThan(size_t most, const std::string& usage) const;
+    /// Throws ScriptError if there are more than the usage names, such as "raw(signal [, fields])".
+    void refuseMoreThan(const std::string& usage) const;
 };
 
 /// One call of a command, on the script's thread.
