@@ -92,6 +92,7 @@ class Scripts(unittest.TestCase):
                                  "for _, paused in ipairs { false, true } do\n"
                                  "    wait_until(function() return position() > 0.2 end, 60)\n"
                                  "    if paused then pause() expect_state('paused', 60) end\n"
+                                 "    if paused then press(key.right) assert(is_at_end()) press(key.left) assert(position() == 0) end\n"
                                  "    local number = seek(99999)\n"
                                  "    assert(is_at_end(), position())\n"
                                  "    local told = expect_signal('SeekResult', 60, {number = number, outcome = 'succeeded'})\n"
@@ -168,6 +169,7 @@ class Scripts(unittest.TestCase):
         rows = [("grant video # now", "-> 517 SIG_ID_MPLAYER_DECODER_AVAILABLE_IND param1=2 (video)"),
                 ("raw DECODER_AVAILABLE_IND param1=0x3 size=-1", "-> 517 SIG_ID_MPLAYER_DECODER_AVAILABLE_IND param1=3 size=-1"),
                 ("control a=b", "-> 530 SIG_ID_MPLAYER_CONTROL_REQ size=3 'a=b'"),
+                ("control \x1b[2J", "obey control ?[2J\n"),
                 ("delay 1.5", "obey delay 1.5\n"), ("garbage 1e0", "obey garbage 1.0\n"), ("delay -1", "delay: argument 1 (seconds) is missing or no number of seconds"),
                 ("refuse video", "refuse: that is too much: write refuse()"),
                 ("grant video audio", "grant: that is too much: write grant([kind])"),
