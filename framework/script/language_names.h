@@ -84,7 +84,8 @@ constexpr LanguageName languageNames[] = {
      "wait_until(predicate, timeout [, interval])\tThe first true result, nil without one"},
     {"wait", LanguageName::Kind::Added,
      "wait(watch, timeout)\tThe event's text, nil if none came within the seconds"},
-    {"sys_int", LanguageName::Kind::Added, "sys_int.NAME, sys_string.NAME\tSystem variables"},
+    {"sys_int", LanguageName::Kind::Added,
+     "sys_int.NAME, sys_string.NAME\tSystem variables; nil removes one"},
     {"sys_string", LanguageName::Kind::Added},
     {"key", LanguageName::Kind::Added, "key.NAME\tThe code of a remote control's key"},
 };

@@ -2,6 +2,7 @@
 #include "script/script.h"
 #include "script/script_prelude.h"
 #include "util/cancellation_block.h"
+#include "util/printable.h"
 #include "util/thrown_by.h"
 
 #include <chrono>
@@ -107,6 +108,7 @@ struct LuaRun {
     /// Anything but Finished: the script was ended, and nothing of it goes on, whatever it catches.
     ScriptOutcome::End ended = ScriptOutcome::End::Finished;
     std::string error{};
+    bool hasFailed = false; // with that error
     ScriptValues results{};
 };
 
@@ -428,14 +430,28 @@ std::string errorOf(lua_State* lua, const std::string& name, const std::string& 
 
 void noteError(lua_State* lua) noexcept {
     LuaRun& run = runOf(lua);
+    run.hasFailed = true;
     if (run.ended == ScriptOutcome::End::Finished)
         run.error = errorOf(lua, run.script.name(), positionOf(lua));
 }
 
-/// Called with an error that nothing caught, where it arose.
-int takeError(lua_State* lua) {
-    noteError(lua);
-    return 1;
+/// A thread of Lua's stays as it was when an error ended it, whichever: there is a line. What is to
+/// be closed is closed then; of a script that was ended nothing goes on.
+int runOnThread(lua_State* lua) {
+    lua_State* const thread = lua_newthread(lua);
+    lua_pushcfunction(thread, runScript);
+    int count = 0;
+    if (lua_resume(thread, lua, 0, &count) == LUA_OK)
+        return 0;
+    noteError(thread);
+    if (runOf(lua).ended == ScriptOutcome::End::Finished)
+        lua_resetthread(thread);
+    return 0;
+}
+
+/// For people: scripts make errors of any bytes.
+std::string shown(const std::string& error) {
+    return printable(error, "\t\n");
 }
 
 ScriptOutcome outOfMemory(const std::string& name) {
@@ -454,7 +470,7 @@ ScriptCompilation SILCompileText(const std::string& name, std::string_view text)
         return {std::nullopt, outOfMemory(name).error};
     // '@': positions show the name, or the end of a long one.
     if (luaL_loadbufferx(lua, text.data(), text.size(), ("@" + name).c_str(), "t") != LUA_OK)
-        return {std::nullopt, errorOf(lua, name, name + ": ")};
+        return {std::nullopt, shown(errorOf(lua, name, name + ": "))};
     std::string code;
     lua_dump(lua, appendCode, &code, 0);
     return {CompiledScript(name, std::move(code)), {}};
@@ -469,14 +485,12 @@ ScriptOutcome SILRun(const CompiledScript& script, const ScriptValues& arguments
     if (!lua)
         return outOfMemory(script.name());
     *static_cast<LuaRun**>(lua_getextraspace(lua)) = &run;
-    lua_pushcfunction(lua, takeError);
-    lua_pushcfunction(lua, runScript);
-    const int failed = lua_pcall(lua, 0, 0, 1);
-    if (run.ended != ScriptOutcome::End::Finished)
-        return {run.ended, run.error, nullptr};
-    if (failed == LUA_ERRMEM)
+    lua_pushcfunction(lua, runOnThread);
+    if (lua_pcall(lua, 0, 0, 0) != LUA_OK)
         return outOfMemory(script.name());
-    if (failed != LUA_OK)
-        return {ScriptOutcome::End::Failed, run.error, nullptr};
+    if (run.ended != ScriptOutcome::End::Finished)
+        return {run.ended, shown(run.error), nullptr};
+    if (run.hasFailed)
+        return {ScriptOutcome::End::Failed, shown(run.error), nullptr};
     return {ScriptOutcome::End::Finished, {}, run.results.empty() ? nullptr : run.results.front()};
 }

@@ -74,7 +74,7 @@ const ScriptValue& argumentOf(const ScriptValues& arguments, size_t position, co
 
 } // namespace
 
-size_t ScriptWatches::add(const std::string& kind, const std::string& text) {
+size_t ScriptWatches::add(ScriptEvents::Kind kind, const std::string& text) {
     const auto free = std::find(m_watches.begin(), m_watches.end(), nullptr);
     if (free == m_watches.end() && m_watches.size() == mostWatches)
         throw ScriptError("there are " + std::to_string(mostWatches) +
@@ -117,8 +117,10 @@ double ScriptArguments::seconds(size_t position, const char* what) const {
         .get<double>();
 }
 
-void ScriptArguments::refuseMoreThan(size_t most, const std::string& usage) const {
-    if (arguments.size() > most)
+void ScriptArguments::refuseMoreThan(const std::string& usage) const {
+    const auto commas = std::count(usage.begin(), usage.end(), ',');
+    const bool isWithout = usage.find("()") != std::string::npos;
+    if (arguments.size() > (isWithout ? 0 : static_cast<size_t>(commas) + 1))
         throw ScriptError("that is too much: write " + usage);
 }
 

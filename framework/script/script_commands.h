@@ -25,7 +25,7 @@ public:
     explicit ScriptWatches(ScriptControl& control) : m_control(control) {}
 
     /// The number of a new watch. Throws ScriptError when there are 16.
-    size_t add(const std::string& kind, const std::string& text);
+    size_t add(ScriptEvents::Kind kind, const std::string& text);
     ///@{
     /// Throw ScriptError without a watch of that number.
     ScriptEvents::Watch& get(size_t number);
@@ -50,8 +50,8 @@ struct ScriptArguments {
     ///@}
     /// Whether there is one at that position, and it is not nil.
     bool has(size_t position) const;
-    /// Throws ScriptError with the usage if there are more.
-    void refuseMoreThan(size_t most, const std::string& usage) const;
+    /// Throws ScriptError if there are more than the usage names, such as "raw(signal [, fields])".
+    void refuseMoreThan(const std::string& usage) const;
 };
 
 /// One call of a command, on the script's thread.

@@ -10,14 +10,10 @@
 
 namespace {
 
-constexpr std::string_view traceKind = "trace";
-constexpr std::string_view stateKind = "state";
-constexpr std::string_view signalKind = "signal";
-
 void publishLine(const char* line) {
     const std::string_view text(line);
     if (text.substr(0, scriptLinePrefix.size()) != scriptLinePrefix)
-        ScriptEvents::instance().publish(traceKind, text);
+        ScriptEvents::instance().publishTrace(text);
 }
 
 ScriptValue parametersOf(const ZantMsgValues& message) {
@@ -45,13 +41,21 @@ ScriptEvents& ScriptEvents::instance() {
     return events;
 }
 
-void ScriptEvents::publish(std::string_view kind, std::string_view text) {
+std::optional<ScriptEvents::Kind> ScriptEvents::kindOf(std::string_view word) {
+    for (const auto& [name, kind] :
+         {std::pair("trace", Kind::Trace), {"state", Kind::State}, {"signal", Kind::Signal}})
+        if (word == name)
+            return kind;
+    return std::nullopt;
+}
+
+void ScriptEvents::publishTrace(std::string_view line) {
     if (!m_hasListeners)
         return;
-    while (!text.empty() && text.back() == '\n')
-        text.remove_suffix(1);
+    while (!line.empty() && line.back() == '\n')
+        line.remove_suffix(1);
     const MutexLock lock(m_mutex);
-    tell(kind, text);
+    tell(Kind::Trace, line);
 }
 
 void ScriptEvents::publishSignal(std::string_view name, const Parameters& parameters) {
@@ -75,10 +79,10 @@ void ScriptEvents::bring(const ScriptValue& signal) {
         inbox->m_hasSignals = true;
         inbox->m_control.wake();
     }
-    tell(signalKind, signal["name"].get_ref<const std::string&>());
+    tell(Kind::Signal, signal["name"].get_ref<const std::string&>());
 }
 
-void ScriptEvents::tell(std::string_view kind, std::string_view text) {
+void ScriptEvents::tell(Kind kind, std::string_view text) {
     for (Watch* const watch : m_watches)
         watch->see(kind, text);
 }
@@ -102,11 +106,20 @@ std::vector<std::string> ScriptEvents::signalNames() {
     return m_signalNames;
 }
 
+std::vector<std::string> ScriptEvents::states() {
+    std::vector<std::string> texts;
+    const MutexLock lock(m_mutex);
+    for (const ScriptState* const state : m_states)
+        if (!state->m_text.empty())
+            texts.push_back(state->m_text);
+    return texts;
+}
+
 /// What scripts listen to now; where nobody does, nothing is told.
 void ScriptEvents::switchSources() {
     m_hasListeners = !m_watches.empty() || !m_inboxes.empty();
     const bool lines = std::any_of(m_watches.begin(), m_watches.end(),
-                                   [](const Watch* watch) { return watch->m_kind == traceKind; });
+                                   [](const Watch* watch) { return watch->m_kind == Kind::Trace; });
     traceSettings.lineObserver = lines ? publishLine : nullptr;
 }
 
@@ -114,7 +127,7 @@ void ScriptEvents::enter(Watch& watch) {
     const MutexLock lock(m_mutex);
     for (const ScriptState* const state : m_states)
         if (!state->m_text.empty())
-            watch.see(stateKind, state->m_text);
+            watch.see(Kind::State, state->m_text);
     m_watches.push_back(&watch);
     switchSources();
 }
@@ -125,8 +138,8 @@ void ScriptEvents::leave(const Watch& watch) {
     switchSources();
 }
 
-ScriptEvents::Watch::Watch(std::string kind, std::string text, ScriptControl& control)
-    : m_kind(std::move(kind)), m_text(std::move(text)), m_control(control) {
+ScriptEvents::Watch::Watch(Kind kind, std::string text, ScriptControl& control)
+    : m_kind(kind), m_text(std::move(text)), m_control(control) {
     instance().enter(*this);
 }
 
@@ -134,7 +147,7 @@ ScriptEvents::Watch::~Watch() {
     instance().leave(*this);
 }
 
-void ScriptEvents::Watch::see(std::string_view kind, std::string_view text) {
+void ScriptEvents::Watch::see(Kind kind, std::string_view text) {
     if (m_isSeen || m_kind != kind || text.find(m_text) == std::string_view::npos)
         return;
     m_seenLength = std::min(text.size(), textSize);
@@ -195,7 +208,7 @@ void ScriptState::set(std::string_view state) {
     if (text == m_text)
         return;
     m_text = std::move(text);
-    events.tell(stateKind, m_text);
+    events.tell(ScriptEvents::Kind::State, m_text);
 }
 
 CObserverCallbackFunction& scriptSignalObserver() {

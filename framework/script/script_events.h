@@ -18,19 +18,21 @@
 
 class CObserverCallbackFunction;
 
-/// What scripts wait for. There are events of a kind, each a line of text:
-///
-/// - "trace", a line as the framework, or the program, puts it out;
-/// - "state", what a ScriptState has become;
-/// - "signal", the name of a signal;
-/// - others that a program publishes.
-///
-/// Signals have parameters besides, and every script has its own inbox of them. While no script
-/// runs, a signal costs one load, a trace one more than without.
+/// What scripts wait for. There are events of a kind, each a line of text. Signals have parameters
+/// besides, and every script has its own inbox of them. While no script runs, a signal costs one
+/// load, a trace one more than without.
 class ScriptEvents {
 public:
     /// The room of an event's text with its terminator; what is longer is cut.
     static constexpr size_t textSize = 2000;
+
+    enum class Kind {
+        Trace,  ///< a line as the framework, or the program, puts it out
+        State,  ///< what a ScriptState has become
+        Signal, ///< the name of a signal
+    };
+    /// "trace", "state", "signal"; nothing for another word.
+    static std::optional<Kind> kindOf(std::string_view word);
 
     class Watch;
     class Inbox;
@@ -40,9 +42,10 @@ public:
     /// The one of the process, never destroyed.
     static ScriptEvents& instance();
 
-    /// Tells all scripts that watch for it. From any thread, under any lock of the caller's: it
-    /// takes no lock that is held elsewhere while something is called, and no heap memory.
-    void publish(std::string_view kind, std::string_view text) EXCLUDES(m_mutex);
+    /// Tells all scripts that watch for such a line. From any thread, under any lock of the
+    /// caller's: it takes no lock that is held elsewhere while something is called, and no heap
+    /// memory.
+    void publishTrace(std::string_view line) EXCLUDES(m_mutex);
 
     /// Brings a signal to all scripts. `parameters` is called if there are any, under no lock.
     void publishSignal(std::string_view name, const Parameters& parameters = nullptr)
@@ -57,6 +60,8 @@ public:
     void nameMessageSignals() EXCLUDES(m_mutex);
     /// The names that are known.
     std::vector<std::string> signalNames() EXCLUDES(m_mutex);
+    /// What all states are now, such as "video decoder granted".
+    std::vector<std::string> states() EXCLUDES(m_mutex);
 
 private:
     friend class ScriptState;
@@ -64,7 +69,7 @@ private:
     ScriptEvents() = default;
     void enter(Watch& watch) EXCLUDES(m_mutex);
     void leave(const Watch& watch) EXCLUDES(m_mutex);
-    void tell(std::string_view kind, std::string_view text) REQUIRES(m_mutex);
+    void tell(Kind kind, std::string_view text) REQUIRES(m_mutex);
     void bring(const ScriptValue& signal) EXCLUDES(m_mutex);
     void switchSources() REQUIRES(m_mutex);
 
@@ -80,7 +85,7 @@ private:
 /// states, from those on that are. Bound to the script's thread.
 class ScriptEvents::Watch {
 public:
-    Watch(std::string kind, std::string text, ScriptControl& control);
+    Watch(Kind kind, std::string text, ScriptControl& control);
     ~Watch();
     Watch(const Watch&) = delete;
     Watch& operator=(const Watch&) = delete;
@@ -93,9 +98,9 @@ public:
 
 private:
     friend class ScriptEvents;
-    void see(std::string_view kind, std::string_view text);
+    void see(Kind kind, std::string_view text);
 
-    const std::string m_kind;
+    const Kind m_kind;
     const std::string m_text;
     ScriptControl& m_control;
     std::atomic<bool> m_isSeen{false};

@@ -19,6 +19,10 @@ int answerScriptError(const std::string& error) {
     return badCommandParam;
 }
 
+int answerSurplus(const char* usage) {
+    return answerScriptError(std::string("that is too much: write ") + usage);
+}
+
 int MshellCmdScript(CommandStruct* command) {
     traceMshellCall(__func__, *command);
     if (command->paramCount < 1)
@@ -48,6 +52,8 @@ void printScript(const ScriptRuns::Info& info) {
 
 int MshellCmdScriptList(CommandStruct* command) {
     traceMshellCall(__func__, *command);
+    if (command->paramCount > 0)
+        return answerSurplus("m_scriptlist");
     FormattedStringToStdout("number | seconds | file | state\n");
     for (const auto& info : ScriptRuns::instance().list())
         printScript(info);
@@ -64,6 +70,8 @@ int MshellCmdScriptStop(CommandStruct* command) {
                 printScript(info);
         return 0;
     }
+    if (command->paramCount > 1)
+        return answerSurplus("m_scriptstop [number]");
     const auto number = numberParam(*command, "number");
     if (!number)
         return badCommandParam;
@@ -79,6 +87,8 @@ int MshellCmdScriptStop(CommandStruct* command) {
 
 int MshellCmdScriptHelp(CommandStruct* command) {
     traceMshellCall(__func__, *command);
+    if (command->paramCount > 0)
+        return answerSurplus("m_scripthelp");
     for (const std::string& line : scriptHelp())
         FormattedStringToStdout("%s\n", line.c_str());
     return 0;

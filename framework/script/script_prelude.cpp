@@ -7,10 +7,14 @@ local error, getmetatable, ipairs, pairs, pcall = error, getmetatable, ipairs, p
 local rawget, tostring, type = rawget, tostring, type
 local concat, pack, unpack, sort, move = table.concat, table.pack, table.unpack, table.sort, table.move
 local min, mathtype, remove = math.min, math.type, table.remove
-local forget, get_int, get_string, key_code, log = forget, get_int, get_string, key_code, log
-local now, set_int, set_string, watch = now, set_int, set_string, watch
-local is_signal, take_signal, take_event, await = is_signal, take_signal, take_event, await
-_G.is_signal, _G.take_signal, _G.take_event, _G.await = nil, nil, nil, nil
+local forget, log, now, watch = forget, log, now, watch
+-- For what is here alone.
+local check_signal, states, take_signal, take_event, await = check_signal, states, take_signal, take_event, await
+local key_code, get_int, set_int, get_string, set_string = key_code, get_int, set_int, get_string, set_string
+for _, name in ipairs { "check_signal", "states", "take_signal", "take_event", "await",
+                        "key_code", "get_int", "set_int", "get_string", "set_string" } do
+    _G[name] = nil
+end
 
 local function check(value, wanted, position, name)
     if type(value) ~= wanted then
@@ -425,9 +429,7 @@ local function check_time(value, position, name)
 end
 
 local function check_such(name, parameters, wait)
-    if not is_signal(check(name, "string", 1, wait)) then
-        error("no signal here has '" .. name .. "' in its name: signal_names() lists them", 3)
-    end
+    check_signal(check(name, "string", 1, wait))
     if parameters ~= nil then check(parameters, "table", 3, wait) end
 end
 
@@ -510,8 +512,14 @@ end
 function wait_trace(text, timeout)
     return wait_event("trace", text, check_time(timeout, 2, "wait_trace"))
 end
+local function wait_such_state(text, timeout)
+    local seen, why = wait_event("state", text, timeout)
+    if seen or why then return seen, why end
+    local there = concat(states(), ", ")
+    return nil, "there is " .. (there ~= "" and there or "no state")
+end
 function wait_state(text, timeout)
-    return wait_event("state", text, check_time(timeout, 2, "wait_state"))
+    return wait_such_state(text, check_time(timeout, 2, "wait_state"))
 end
 
 -- The first such signal, with all before it.
@@ -524,8 +532,32 @@ local function pass(name, parameters)
         if signal.ends_waits then return nil end
     end
 end
+
+-- Of a signal with that name that has come: which of the parameters it does not have. Nil for none.
+local function lacking(name, parameters)
+    for parameter in pairs(parameters or {}) do
+        local other
+        for _, signal in ipairs(arrived) do
+            if find_text(signal.name, name, 1, true) then
+                if signal[parameter] ~= nil then other = nil break end
+                other = signal
+            end
+        end
+        if other then
+            local names = {}
+            for known in pairs(other) do
+                if known ~= "name" and known ~= "ends_waits" then names[#names + 1] = known end
+            end
+            sort(names)
+            return ("%s came, and has no '%s'%s"):format(other.name, parameter,
+                #names > 0 and " but " .. concat(names, ", ") or "")
+        end
+    end
+end
+
 local function wait_such(name, timeout, parameters)
-    return wait_for(function() return pass(name, parameters) end, timeout)
+    local signal, why = wait_for(function() return pass(name, parameters) end, timeout)
+    return signal, why or not signal and lacking(name, parameters) or nil
 end
 function wait_signal(name, timeout, parameters)
     check_such(name, parameters, "wait_signal")
@@ -567,7 +599,7 @@ function expect_no_signal(name, timeout, parameters)
 end
 
 function expect_state(text, timeout)
-    local state, why = wait_event("state", text, check_time(timeout, 2, "expect_state"))
+    local state, why = wait_such_state(text, check_time(timeout, 2, "expect_state"))
     return state or error(not_come("the state '" .. text .. "'", timeout, why), 2)
 end
 

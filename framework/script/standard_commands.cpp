@@ -5,6 +5,7 @@
 #include "script/key_codes.h"
 #include "state/framework_state.h"
 #include "state/state_report.h"
+#include "util/printable.h"
 
 #include <algorithm>
 #include <limits>
@@ -29,14 +30,37 @@ ScriptValues writeLog(const ScriptCall& call) {
         if (end > start || text.empty())
             FormattedStringToStdout("%.*s%s: %s\n", static_cast<int>(scriptLinePrefix.size()),
                                     scriptLinePrefix.data(), call.script.c_str(),
-                                    text.substr(start, end - start).c_str());
+                                    printable(text.substr(start, end - start), "\t").c_str());
         start = end + 1;
     }
     return {};
 }
 
+/// Nobody will ever tell of another one.
+void checkSignal(const std::string& text) {
+    const auto names = ScriptEvents::instance().signalNames();
+    if (std::none_of(names.begin(), names.end(), [&text](const std::string& name) {
+            return name.find(text) != std::string::npos;
+        }))
+        throw ScriptError("no signal here has '" + text +
+                          "' in its name: signal_names() lists them");
+}
+
+ScriptValues checkSignalOf(const ScriptCall& call) {
+    checkSignal(call.text(1, "name of a signal"));
+    return {};
+}
+
 ScriptValues addWatch(const ScriptCall& call) {
-    return {call.watches.add(call.text(1, "kind of event"), call.text(2, "text to look for"))};
+    const std::string& word = call.text(1, "kind of event");
+    const auto kind = ScriptEvents::kindOf(word);
+    if (!kind)
+        throw ScriptError("there are no events of kind '" + word +
+                          "': write trace, state or signal");
+    const std::string& text = call.text(2, "text to look for");
+    if (kind == ScriptEvents::Kind::Signal)
+        checkSignal(text);
+    return {call.watches.add(*kind, text)};
 }
 
 /// 0 is none.
@@ -69,16 +93,12 @@ ScriptValues await(const ScriptCall& call) {
     return {};
 }
 
-ScriptValues isSignal(const ScriptCall& call) {
-    const std::string& text = call.text(1, "name of a signal");
-    const auto names = ScriptEvents::instance().signalNames();
-    return {std::any_of(names.begin(), names.end(), [&text](const std::string& name) {
-        return name.find(text) != std::string::npos;
-    })};
-}
-
 ScriptValues signalNames(const ScriptCall&) {
     return {ScriptEvents::instance().signalNames()};
+}
+
+ScriptValues statesNow(const ScriptCall&) {
+    return {ScriptEvents::instance().states()};
 }
 
 ScriptValues forgetWatch(const ScriptCall& call) {
@@ -87,11 +107,13 @@ ScriptValues forgetWatch(const ScriptCall& call) {
 }
 
 ScriptValues keyCode(const ScriptCall& call) {
-    const std::string& name = call.text(1, "name of a key");
+    const ScriptValue name = call.has(1) ? call.arguments[0] : ScriptValue();
     for (const RemoteKey& key : remoteKeys())
         if (name == key.name)
             return {key.code};
-    throw ScriptError("no key has the name '" + name + "': key_names() lists them");
+    throw ScriptError("no key has the name '" +
+                      (name.is_string() ? name.get<std::string>() : name.dump()) +
+                      "': key_names() lists them");
 }
 
 ScriptValues keyNames(const ScriptCall&) {
@@ -106,40 +128,58 @@ ScriptValues valueOf(const std::optional<Value>& value) {
     return {value ? ScriptValue(*value) : ScriptValue()};
 }
 
-ScriptValues getInt(const ScriptCall& call) {
-    return valueOf(sysVarIntMap.Get(call.text(1, "name")));
+const std::string& nameOfVariable(const ScriptCall& call) {
+    const auto* const name =
+        call.has(1) ? call.arguments[0].get_ptr<const std::string*>() : nullptr;
+    if (!name || name->size() > longestName)
+        throw ScriptError("a system variable's name is a text of at most " +
+                          std::to_string(longestName) + " bytes");
+    return *name;
 }
 
 /// They outlive the script: what scripts may leave behind has a bound.
 template <typename Value>
-ScriptValues setVariable(const ScriptCall& call, CSysVarMap<Value>& variables, const Value& value) {
-    const std::string& name = call.text(1, "name");
-    if (name.size() > longestName)
-        throw ScriptError("the name has more than " + std::to_string(longestName) + " bytes");
+void setVariable(CSysVarMap<Value>& variables, const std::string& name, const Value& value) {
     if (!variables.SetWithin(mostVariables, name, value))
         throw ScriptError("there are " + std::to_string(mostVariables) +
-                          " system variables: use one that is there");
-    return {};
+                          " system variables: set one that is not needed to nil");
+}
+
+ScriptValues getInt(const ScriptCall& call) {
+    return valueOf(sysVarIntMap.Get(nameOfVariable(call)));
 }
 
 ScriptValues setInt(const ScriptCall& call) {
     using Limits = std::numeric_limits<int>;
-    const int64_t value = call.number(2, "value");
-    if (value < Limits::min() || value > Limits::max())
-        throw ScriptError("a system variable has 32 bits: " + std::to_string(value) +
-                          " does not fit");
-    return setVariable(call, sysVarIntMap, static_cast<int>(value));
+    const std::string& name = nameOfVariable(call);
+    if (!call.has(2)) {
+        sysVarIntMap.Remove(name);
+        return {};
+    }
+    const auto value = wholeNumber(call.arguments[1]);
+    if (!value || *value < Limits::min() || *value > Limits::max())
+        throw ScriptError("sys_int." + name +
+                          " takes a whole number of 32 bits, or nil, which removes it");
+    setVariable(sysVarIntMap, name, static_cast<int>(*value));
+    return {};
 }
 
 ScriptValues getString(const ScriptCall& call) {
-    return valueOf(sysVarStringMap.Get(call.text(1, "name")));
+    return valueOf(sysVarStringMap.Get(nameOfVariable(call)));
 }
 
 ScriptValues setString(const ScriptCall& call) {
-    const std::string& value = call.text(2, "value");
-    if (value.size() > longestVariable)
-        throw ScriptError("the value has more than " + std::to_string(longestVariable) + " bytes");
-    return setVariable(call, sysVarStringMap, value);
+    const std::string& name = nameOfVariable(call);
+    if (!call.has(2)) {
+        sysVarStringMap.Remove(name);
+        return {};
+    }
+    const auto* const value = call.arguments[1].get_ptr<const std::string*>();
+    if (!value || value->size() > longestVariable)
+        throw ScriptError("sys_string." + name + " takes a text of at most " +
+                          std::to_string(longestVariable) + " bytes, or nil, which removes it");
+    setVariable(sysVarStringMap, name, *value);
+    return {};
 }
 
 ScriptValues stateOfProcess(const ScriptCall& call) {
@@ -163,19 +203,18 @@ std::vector<ScriptCommand> standardScriptCommands() {
         {"forget", "forget(watch)\tEnds a watch; a script has 16 at most", forgetWatch},
         {"signal_names", "signal_names()\tThe names of the signals that may come, an array",
          signalNames},
-        {"key_code", "key_code(name)\tThe CEC user control code of a remote control's key",
-         keyCode},
         {"key_names", "key_names()\tThe names of all keys, an array", keyNames},
-        {"get_int", "get_int(name)\tAn integer system variable, nil if there is none", getInt},
-        {"set_int", "set_int(name, value)\tSets it", setInt},
-        {"get_string", "get_string(name)\tA string system variable, nil if there is none",
-         getString},
-        {"set_string", "set_string(name, value)\tSets it", setString},
         {"state", "state([member])\tWhat m_state writes, as tables; a second at most",
          stateOfProcess},
         {"await", "", await},
         {"take_event", "", takeEvent},
         {"take_signal", "", takeSignal},
-        {"is_signal", "", isSignal},
+        {"check_signal", "", checkSignalOf},
+        {"states", "", statesNow},
+        {"key_code", "", keyCode},
+        {"get_int", "", getInt},
+        {"set_int", "", setInt},
+        {"get_string", "", getString},
+        {"set_string", "", setString},
     };
 }

@@ -120,6 +120,7 @@ void ElementCore::openSource(MediaSource source) {
     for (auto& [id, stream] : std::exchange(m_early, {}))
         m_feeding->attach(id, std::move(stream));
     m_feeding->open();
+    tellPosition();
     startWatching();
 }
 
@@ -127,7 +128,7 @@ void ElementCore::openSource(MediaSource source) {
 bool ElementCore::begin(const std::string& server, double start) {
     if (!m_playback.is(State::Idle) || m_releasing)
         return false;
-    m_position.set(start, m_seeksTaken);
+    m_position.set(start, 0, m_seeksTaken);
     m_watch.begin(server);
     if (requestBackend())
         m_playback.setState(State::Opening);
@@ -179,15 +180,15 @@ void ElementCore::seek(Seek::Request request) {
     if (m_releasing)
         return;
     m_seeksTaken = std::max(m_seeksTaken, request.generation); // asked on different threads
-    const bool isEarly = m_feeding != nullptr && !m_seek.everBegan() && request.target >= 0 &&
+    const bool isEarly = m_feeding != nullptr && !m_seek.everBegan() &&
                          std::isfinite(request.target) && !m_playback.is(State::Failed);
-    if (isEarly && m_feeding->begin(request.target)) {
+    if (isEarly && m_feeding->begin(Seek::placeOf(request.target, m_playback.status().duration))) {
         m_seek.answer(request, SeekOutcome::Succeeded);
     } else {
         m_seek.request(request);
         beginSeek();
     }
-    m_position.set(m_seek.destination(), m_seeksTaken);
+    tellPosition();
 }
 
 void ElementCore::setVolume(double volume) {
@@ -485,7 +486,12 @@ void ElementCore::trackPosition() {
     }
     if (hasMoved || status.duration != before.second)
         m_playback.publish();
-    m_position.set(m_seek.destination(), m_seeksTaken);
+    tellPosition();
+}
+
+/// Where playback is, or is to be.
+void ElementCore::tellPosition() {
+    m_position.set(m_seek.destination(), m_playback.status().duration, m_seeksTaken);
 }
 
 void ElementCore::changeCodecs(bool finished) {

@@ -100,6 +100,7 @@ private:
     void finishSeek(SeekOutcome outcome);
     void tick();
     void trackPosition();
+    void tellPosition();
     std::optional<Phase> phase() const;
     bool isLookedInto() const;
     Phase phaseOfStart() const;

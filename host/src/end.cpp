@@ -17,7 +17,7 @@ constexpr double tolerance = 0.25;
 } // namespace
 
 ProgressWatch::Place End::place() const {
-    return {m_playback.status().position, m_seek.target()};
+    return {m_playback.status().position, m_seek.place()};
 }
 
 void End::see() {

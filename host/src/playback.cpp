@@ -112,9 +112,10 @@ void Playback::play() {
         m_calls.operate("play", {}, &UVAMediaBackend::play);
     m_watch.restart();
     if (is(State::Paused))
-        setState(m_held                   ? State::Buffering
-                 : reached(Stage::Played) ? State::Playing
-                                          : State::Opening);
+        setState(m_held                    ? State::Buffering
+                 : !reached(Stage::Played) ? State::Opening
+                 : m_placeAt               ? State::Buffering // nothing was played behind the seek
+                                           : State::Playing);
 }
 
 void Playback::pause() {

@@ -4,14 +4,24 @@
 #include "playback.h"
 #include "progress_watch.h"
 
+#include <algorithm>
 #include <cmath>
 
 namespace host {
 
+double Seek::placeOf(double target, double duration) {
+    const double start = std::max(target, 0.0);
+    return duration > 0 ? std::min(start, duration) : start;
+}
+
+/// The element's own leads to where something is, whatever was told of the length.
+double Seek::placeOf(const Request& request) const {
+    return request.generation == 0 ? request.target
+                                   : placeOf(request.target, m_playback.status().duration);
+}
+
 double Seek::destination() const {
-    return m_waiting      ? m_waiting->target
-           : isUnderWay() ? m_current.target
-                          : m_playback.status().position;
+    return m_waiting ? placeOf(*m_waiting) : isUnderWay() ? m_place : m_playback.status().position;
 }
 
 void Seek::request(Request request) {
@@ -41,11 +51,11 @@ bool Seek::begin() {
     m_progress = Progress::UnderWay;
     m_watch.forgetErrors();
     m_watch.restart();
-    m_playback.place(m_current.target);
+    m_place = placeOf(m_current);
+    m_playback.place(m_place);
     if (m_current.generation != 0 || ended)
         m_playback.setState(State::Seeking);
-    m_calls.operate("setPosition", {{"seconds", m_current.target}}, &UVAMediaBackend::setPosition,
-                    m_current.target);
+    m_calls.operate("setPosition", {{"seconds", m_place}}, &UVAMediaBackend::setPosition, m_place);
     return true;
 }
 

@@ -23,11 +23,14 @@ public:
     Seek(Calls& calls, Playback& playback, ProgressWatch& watch)
         : m_calls(calls), m_playback(playback), m_watch(watch) {}
 
+    /// Where that target (seconds) leads in media of that length: into it, as far as that is known.
+    static double placeOf(double target, double duration);
+
     bool everBegan() const { return m_progress != Progress::Never; }
     bool isUnderWay() const { return m_progress == Progress::UnderWay; }
     bool isSettling() const { return m_progress == Progress::Settling; }
     bool isIdle() const { return !isUnderWay() && !m_waiting; }
-    double target() const { return m_current.target; } ///< of the last one that was begun; seconds
+    double place() const { return m_place; } ///< where the last one that was begun leads; seconds
     /// Where playback is, or the newest seek is to take it.
     double destination() const;
 
@@ -46,6 +49,7 @@ public:
 private:
     enum class Progress { Never, UnderWay, Settling, Settled };
 
+    double placeOf(const Request& request) const;
     bool isPossible() const;
 
     Calls& m_calls;
@@ -53,6 +57,7 @@ private:
     ProgressWatch& m_watch;
     Progress m_progress = Progress::Never; // of the last one
     Request m_current;                     // the last one that was begun
+    double m_place = 0;                    // where it leads
     bool m_fromEnd = false;                // it began where playback had ended
     std::optional<Request> m_waiting;
 };

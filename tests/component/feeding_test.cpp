@@ -20,6 +20,7 @@ public:
         std::string asked;               ///< "read 3", "seek 5", "interrupt", ...
         std::atomic<bool> isHeld{false}; ///< a read does not return
         std::atomic<bool> isLate{false}; ///< ... when it has looked, which "late" tells
+        host::SampleStream::Listener listener;
     };
 
     FilledStream(StreamInfo info, std::shared_ptr<Content> content)
@@ -48,6 +49,10 @@ public:
         text << "seek " << seconds << "; ";
         m_content->asked += text.str();
         return m_content->seekError;
+    }
+    void listen(Listener listener) override {
+        const std::lock_guard lock(m_content->mutex);
+        m_content->listener = std::move(listener);
     }
     void interrupt() override {
         m_content->isLate = false;
@@ -299,6 +304,30 @@ TEST_F(FeedingTest, BeginsAnewWhereItIsSoughtTo) {
     EXPECT_EQ(m_recorder.status().reason, "no way back");
     m_element->release(longBound);
     expectAsked(2, "interrupt; ");
+}
+
+TEST_F(FeedingTest, ASeekBeforeAnythingWasFedLeadsIntoTheMedia) {
+    m_mayOpen = false;
+    start();
+    m_element->setDuration(3);
+    settle();
+    seek(99999);
+    EXPECT_EQ(m_element->position(), 3);
+    m_mayOpen = true;
+    EXPECT_TRUE(waitUntil([&] { return called("play") == 1; }));
+    expectAsked(1, "seek 3; ");
+}
+
+/// What was told of the length may be too little: the element's own seeks go to where it is.
+TEST_F(FeedingTest, PlaysOnBehindTheEndThatItWasTold) {
+    startPlaying(5, 5);
+    m_element->setDuration(0.5);
+    settle();
+    m_content[0]->listener({host::SampleStream::Change::Kind::Replaced, 3});
+    settle();
+    pass(m_options.tick);
+    EXPECT_EQ(called("seek 1"), 1);
+    EXPECT_EQ(called("seek 0.5"), 0);
 }
 
 TEST_F(FeedingTest, WhatIsBeingReadWhenASeekComesIsDropped) {

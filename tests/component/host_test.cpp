@@ -1,5 +1,6 @@
 #include "element_fixture.h"
 
+#include <cmath>
 #include <functional>
 #include <limits>
 #include <map>
@@ -329,6 +330,41 @@ TEST_F(HostTest, AnswersASeekWithWhatBecameOfIt) {
     m_element->release(longBound);
     EXPECT_EQ(m_recorder.story(),
               "seek to 10 aborted; seek to 9 aborted; UVA_ReleaseBackend()=true");
+}
+
+/// As those of a page's media element.
+TEST_F(HostTest, SeeksLeadIntoTheMedia) {
+    const auto infinity = std::numeric_limits<double>::infinity();
+    bring(State::Playing);
+    seek(1e300);
+    EXPECT_EQ(called("seek 1e+300"), 1) << "nobody knows how long it is";
+    for (const auto& [target, place] :
+         std::map<double, double>{{-5, 0}, {99.9, 99.9}, {100, 100}, {99999, 100}, {1e300, 100}}) {
+        bring(State::Paused);
+        deliver(new NewMetadataEvent(100, 2, 1, 1.0));
+        pass(m_options.tick);
+        m_fake->position = place;
+        m_element->seek(target);
+        EXPECT_EQ(m_element->position(), place) << target;
+        settle();
+        EXPECT_EQ(m_element->position(), place) << target;
+        EXPECT_EQ(m_recorder.status().position, place) << target;
+        std::ostringstream call, told;
+        call << "seek " << place;
+        told << "seek to " << target << " succeeded";
+        EXPECT_EQ(called(call.str()), 1) << target;
+        EXPECT_NE(m_recorder.story().find(told.str()), std::string::npos) << target;
+        for (const double none : {infinity, -infinity, std::nan("")})
+            seek(none);
+        EXPECT_EQ(m_recorder.story(),
+                  "seek to inf failed; seek to -inf failed; seek to nan failed");
+        EXPECT_EQ(m_element->position(), place) << target;
+    }
+    // There nothing plays any more.
+    m_element->play();
+    deliver(new PlaybackFinishedEvent(0, 0));
+    EXPECT_EQ(passUntil(State::Ended).count(), 400);
+    EXPECT_EQ(m_recorder.story(false), "play()=1; -> buffering; -> ended; end at 100");
 }
 
 /// An end and a seek, in every order. The media is 100 s long, if that is known.

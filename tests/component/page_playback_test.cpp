@@ -7,6 +7,7 @@
 #include "host/track_buffer.h"
 #include "nox/screen.h"
 
+#include <cmath>
 #include <optional>
 #include <random>
 #include <thread>
@@ -398,7 +399,7 @@ TEST(PagePlayback, AnswersEachSeekOfAStormAndPlaysFromTheLast) {
     const auto times = timesBehindTheLastFlush(SinkWatch::instance().video());
     expectEvenly(times, target, times.back() + frameTime);
     // One that cannot be.
-    const auto refused = page.element().seek(-1);
+    const auto refused = page.element().seek(std::nan(""));
     EXPECT_EQ(page.waitForSeek(refused)->outcome, SeekOutcome::Failed);
     ASSERT_TRUE(page.waitFor(State::Ended)) << "it plays on";
 }

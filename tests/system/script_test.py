@@ -62,10 +62,13 @@ class Scripts(unittest.TestCase):
     def test_a_script_decides_how_the_host_ends(self):
         rows = [("log('it is ' .. ...)\nexpect_signal('DecodeError', 0.2)", 1, ":2: DecodeError did not come within 0.2 s"),
                 ("expect_signal('NOPE', 1)", 1, ":1: no signal here has 'NOPE' in its name"),
-                ("seek('x')", 1, ":1: seek: argument 1 (seconds) is missing or no number of seconds"),
+                ("seek('x')", 1, ":1: seek: argument 1 (seconds) is missing or no finite number"),
+                ("seek(math.huge)", 1, ":1: seek: argument 1 (seconds) is missing or no finite number"),
                 ("volume(1.5)", 1, ":1: volume: a volume is from 0 to 1"),
                 ("window(0, 0, -1, 9)", 1, ":1: window: width is below 0"),
                 ("pause('now')", 1, ":1: pause: that is too much: write pause()"),
+                ("window(1, 2, 3, 4, 5)", 1, ":1: window: that is too much: write window(x, y, width, height)"),
+                ("seek(1, 2)", 1, ":1: seek: that is too much: write seek(seconds)"),
                 ("press(key.red)", 1, ":1: press: the key 114 does nothing"),
                 ("wait_state('playing', 60) return position() < 0", 1, ": the script has returned false"),
                 ("wait_until(function() press(key.stop) end, 1000)", 0, ""),
@@ -82,11 +85,43 @@ class Scripts(unittest.TestCase):
         failed = self.host("--standalone", "--script", self.write("sleep(1000)"), "--backend", "/nosuch.so")
         self.assertEqual(failed.returncode, 1)
 
+    def test_a_seek_beyond_the_media_leads_to_its_end(self):
+        for options in ((), ("--mse",)):
+            done = self.scripted("expect_state('playing', 60)\n"
+                                 "local function is_at_end() return math.abs(position() - status().duration) < 0.1 end\n"
+                                 "for _, paused in ipairs { false, true } do\n"
+                                 "    wait_until(function() return position() > 0.2 end, 60)\n"
+                                 "    if paused then pause() expect_state('paused', 60) end\n"
+                                 "    if paused then press(key.right) assert(is_at_end()) press(key.left) assert(position() == 0) end\n"
+                                 "    local number = seek(99999)\n"
+                                 "    assert(is_at_end(), position())\n"
+                                 "    local told = expect_signal('SeekResult', 60, {number = number, outcome = 'succeeded'})\n"
+                                 "    assert(told.target == 99999 and is_at_end() and told.position == status().duration, told.position)\n"
+                                 "    play()\n"
+                                 "    expect_state('ended', 60)\n"
+                                 "    assert(is_at_end(), position())\n"
+                                 "    if not paused then play() expect_state('playing', 60) end\n"
+                                 "end\n", *options)
+            self.assertEqual((done.returncode, done.stderr), (0, ""), (options, done.stdout))
+
     def test_playback_that_fails_stops_its_script(self):
         done = self.host("--deny-resources", "--script", self.write("expect_state('ended', 1000)"))
         self.assertEqual(done.returncode, 1)
         self.assertNotIn("test.lua", done.stderr)
         self.assertIn("decoder", done.stderr)
+
+    def test_lines_that_nobody_gets_are_an_error_but_a_reader_may_go(self):
+        script = self.write("for i = 1, 100 do log('a line') end sleep(0.01) log('another')")
+        for program in ([UVA_HOST, "--standalone", "--script", script, CLIP], [MAINSYS, "--script", script]):
+            with open("/dev/full", "w", encoding="ascii") as full:
+                done = subprocess.run(program, stdin=subprocess.DEVNULL, stdout=full, stderr=subprocess.PIPE, text=True, timeout=TIMEOUT)
+            self.assertEqual(done.returncode, 1, program)
+            self.assertIn(": cannot write all to standard output: ", done.stderr)
+            reader, writer = os.pipe()
+            os.close(reader)
+            done = subprocess.run(program, stdin=subprocess.DEVNULL, stdout=writer, stderr=subprocess.PIPE, text=True, timeout=TIMEOUT)
+            os.close(writer)
+            self.assertEqual((done.returncode, done.stderr), (0, ""), program)
 
     def test_ctrl_c_ends_the_host_and_its_script(self):
         path = self.write("log('waits') sleep(1000)")
@@ -134,8 +169,11 @@ class Scripts(unittest.TestCase):
         rows = [("grant video # now", "-> 517 SIG_ID_MPLAYER_DECODER_AVAILABLE_IND param1=2 (video)"),
                 ("raw DECODER_AVAILABLE_IND param1=0x3 size=-1", "-> 517 SIG_ID_MPLAYER_DECODER_AVAILABLE_IND param1=3 size=-1"),
                 ("control a=b", "-> 530 SIG_ID_MPLAYER_CONTROL_REQ size=3 'a=b'"),
+                ("control \x1b[2J", "obey control ?[2J\n"),
                 ("delay 1.5", "obey delay 1.5\n"), ("garbage 1e0", "obey garbage 1.0\n"), ("delay -1", "delay: argument 1 (seconds) is missing or no number of seconds"),
                 ("refuse video", "refuse: that is too much: write refuse()"),
+                ("grant video audio", "grant: that is too much: write grant([kind])"),
+                ("raw 1 2 3", "raw: that is too much: write raw(signal [, fields])"),
                 ("release pictures", "release: 'pictures' is no kind of decoder: write audio, video or both"),
                 ("raw NOPE", "raw: 'NOPE' is no signal: take a name from the log"),
                 ("raw 530 colour=1", "raw: 'colour' is no field"), ("raw 530 count=0", "raw: the count is from 1 to 100000"),

@@ -1,97 +1,19 @@
-// The script language: what it offers, what it keeps scripts from, and how they end.
+// The script language: what it offers, and what it keeps scripts from.
 
-#include "script/script.h"
+#include "script_fixture.h"
 
-#include "config/cfg_file.h"
-#include "debug/shell/command_struct.h"
-#include "debug/shell/mshell.h"
-#include "debug/shell/zant_trace_mshell.h"
 #include "debug/trace/sys_vars.h"
 #include "messaging/observer/observable_callback_function.h"
 #include "messaging/queue/zant_msg.h"
-#include "messaging/thread/thread_object.h"
 #include "script/script_events.h"
-#include "script/script_mshell.h"
-#include "script/script_runs.h"
-#include "state/framework_state.h"
-#include "support/no_threads.h"
-#include "support/wait_until.h"
-#include "trace_fixture.h"
 
-#include <filesystem>
-#include <fstream>
-#include <future>
+#include <atomic>
+#include <functional>
 #include <lua.hpp>
 #include <map>
-#include <sys/stat.h>
 #include <thread>
-#include <unistd.h>
-
-using support::waitUntil;
-using End = ScriptOutcome::End;
 
 namespace {
-
-bool registerScriptThings() {
-    AddScriptMshellCmds();
-    AddZantTraceMshellCmds();
-    AddStateMshellCmds();
-    return true;
-}
-
-class ScriptTest : public TraceTest {
-protected:
-    ScriptTest() {
-        static const bool registered = registerScriptThings();
-        EXPECT_TRUE(registered);
-        zantTrace.SetTraceWithColors(0);
-        std::filesystem::create_directory(folder);
-    }
-    ~ScriptTest() override {
-        ScriptRuns::instance().stopAll(std::chrono::seconds(20));
-        std::filesystem::remove_all(folder);
-    }
-
-    ScriptOutcome run(const std::string& text, const ScriptValues& arguments = {},
-                      const ScriptLimits& limits = {}) {
-        const auto compilation = SILCompileText("test", text);
-        if (!compilation.script)
-            return {End::Failed, compilation.error, nullptr};
-        return SILRun(*compilation.script, arguments, control, limits);
-    }
-    ScriptValue resultOf(const std::string& text) {
-        const auto outcome = run(text);
-        EXPECT_EQ(outcome.error, "") << text;
-        return outcome.result;
-    }
-    std::string errorOf(const std::string& text) { return run(text).error; }
-
-    std::string write(const std::string& text, const char* name = "test.lua") const {
-        const auto path = folder / name;
-        std::ofstream(path, std::ios::binary) << text;
-        chmod(path.c_str(), 0600);
-        return path;
-    }
-    int32_t command(const std::string& line) { return mshell.ProcessMshellCmd(line.c_str()); }
-
-    ScriptControl control;
-    const std::filesystem::path folder = "/tmp/script_test_" + std::to_string(getpid());
-};
-
-std::atomic<bool> isDeaf{false};
-
-/// How the only script of that file stands.
-ScriptRuns::Info scriptOf(const std::string& path) {
-    for (const auto& info : ScriptRuns::instance().list())
-        if (info.name == path)
-            return info;
-    return {0, "", false, {}, ""};
-}
-
-std::string textOf(const std::string& path) {
-    std::ifstream file(path);
-    return {std::istreambuf_iterator<char>(file), {}};
-}
 
 TEST_F(ScriptTest, ErrorsNameFileAndLine) {
     scriptSignalObserver(); // has its signals known
@@ -109,13 +31,18 @@ TEST_F(ScriptTest, ErrorsNameFileAndLine) {
         {"wait(7, 1)", "test:1: there is no watch 7: watch gives one"},
         {"\nwait_signal('NOPE', 1)",
          "test:2: no signal here has 'NOPE' in its name: signal_names()"},
+        {"\nwatch('signal', 'NOPE')",
+         "test:2: watch: no signal here has 'NOPE' in its name: signal_names() lists"},
+        {"watch('trac', 'x')",
+         "test:1: watch: there are no events of kind 'trac': write trace, state or signal"},
         {"when(7, print)", "test:1: bad argument #1 to 'when' (string expected, got number)"},
         {"\nwhen('STANDBY', 7)", "test:2: bad argument #2 to 'when' (function expected"},
         {"wait_signal('STANDBY', 1, 7)",
          "test:1: bad argument #3 to 'wait_signal' (table expected"},
         {"\nexpect_signal('STANDBY', 0)",
          "test:2: STANDBY did not come within 0 s; since the last"},
-        {"\nexpect_state('no such', 0)", "test:2: the state 'no such' did not come within 0 s"},
+        {"\nexpect_state('no such', 0)",
+         "test:2: the state 'no such' did not come within 0 s: there is no state"},
         {"\nwait_until(1, 2)", "test:2: bad argument #1 to 'wait_until' (function expected"},
         {"wait_until(print)", "test:1: bad argument #2 to 'wait_until' (number expected"},
         {"log(print)", "test:1: log: a value of type function cannot be handed over"},
@@ -124,16 +51,18 @@ TEST_F(ScriptTest, ErrorsNameFileAndLine) {
         {"log({[1.5] = 1})", "a table whose keys are neither"},
         {"t = {} for i = 1, 30000 do t[i] = i end log(t)", "more than 20000 values"},
         {"\nreturn print", "what it returns: a value of type function"},
-        {"return key.okk", "test:1: key_code: no key has the name 'okk': key_names() lists them"},
+        {"return key.okk", "test:1: no key has the name 'okk': key_names() lists them"},
         {"\nkey.ok = 1", "test:2: the codes of keys are fixed"},
         {"forget(-1)", "test:1: forget: there is no watch 0: watch gives one"},
-        {"sys_int.x = 1.5", "test:1: set_int: argument 2 (value) is missing or no whole number"},
-        {"sys_int.x = 2^63", "test:1: set_int: argument 2 (value) is missing or no whole number"},
-        {"sys_int.x = 'y'", "test:1: set_int: argument 2 (value) is missing or no whole number"},
-        {"sys_int.x = 1 << 31", "test:1: set_int: a system variable has 32 bits"},
-        {"sys_string.x = nil", "test:1: set_string: argument 2 (value) is missing"},
-        {"sys_string[('n'):rep(65)] = ''", "the name has more than 64 bytes"},
-        {"sys_string.x = ('n'):rep(4097)", "the value has more than 4096 bytes"},
+        {"return key[1.5]", "test:1: no key has the name '1.5': key_names() lists them"},
+        {"sys_int.x = 1.5", "test:1: sys_int.x takes a whole number of 32 bits, or nil"},
+        {"sys_int.x = 2^63", "test:1: sys_int.x takes a whole number of 32 bits, or nil"},
+        {"sys_int.x = 'y'", "test:1: sys_int.x takes a whole number of 32 bits, or nil"},
+        {"\nsys_int.x = 1 << 31", "test:2: sys_int.x takes a whole number of 32 bits, or nil"},
+        {"sys_string.x = 7", "test:1: sys_string.x takes a text of at most 4096 bytes, or nil"},
+        {"sys_string.x = ('n'):rep(4097)", "test:1: sys_string.x takes a text of at most 4096"},
+        {"sys_string[('n'):rep(65)] = ''", "test:1: a system variable's name is a text of at most"},
+        {"return sys_int[7]", "test:1: a system variable's name is a text of at most 64 bytes"},
         {"for i = 1, 2000 do sys_int['v' .. i] = 1 end", "there are 1000 system variables"},
         {"for i = 1, 17 do watch('trace', 'x') end", "test:1: watch: there are 16 watches"},
         {"return state('nosuch')", "test:1: state: the state has no member 'nosuch'"},
@@ -174,19 +103,26 @@ TEST_F(ScriptTest, KeepsScriptsToThemselves) {
         {"table.move({}, math.mininteger, math.maxinteger, 2)", "moves at most 1000000 elements"},
         {"table.move({}, 1, 2, 1, setmetatable({}, {}))", "tables without a metatable"},
         {"return ('x'):find(('y'):rep(2000), 1, true)", "a text of more than 1024 bytes"},
-        {"local function f() return f() + 1 end return f()", "not enough memory"},
+        {"\nlocal function f() return f() + 1 end\nreturn f()", "test:2: not enough memory"},
         {"local function f() return pcall(f) end assert(f())\nerror('deep')", "test:"},
         {"local t = {} for i = 1, 200 do t = setmetatable({}, {__index = t}) end "
          "local function f(x) return f(tostring(setmetatable({}, {__tostring = f}))) end f()",
          "overflow"},
         {"\nlocal x = ('x'):rep(1 << 40)", "test:2: resulting string too large"},
-        {"local x = ('x'):rep(1 << 25)", "not enough memory"},
-        {"local s = 'x' while true do s = s .. s end", "not enough memory"},
-        {"local t = {} while true do t[#t + 1] = {} end", "not enough memory"},
+        {"\nlocal x = ('x'):rep(1 << 25)", "test:2: not enough memory"},
+        {"local s = 'x'\nwhile true do s = s .. s end", "test:2: not enough memory"},
+        {"local t = {}\nwhile true do\nt[#t + 1] = {} end", "test:3: not enough memory"},
+        {"\nlocal s = '' pcall(string.rep, 'x', 1 << 25)\nerror('other')", "test:3: other"},
+        {"\nlocal t, u = {}, ('x'):rep(2 << 20)\nfor i = 1, 9e9 do t[i] = i end",
+         "test:3: not enough memory"},
     };
     for (const auto& [text, error] : refused)
         EXPECT_NE(errorOf(text).find(error), std::string::npos) << text << ": " << errorOf(text);
     EXPECT_EQ(resultOf("return #(''):rep(1 << 62)"), 0);
+    EXPECT_EQ(errorOf("local x <close> = setmetatable({}, {__close = function() log('closed') end})"
+                      "\nlocal s = ('x'):rep(1 << 25)"),
+              "test:2: not enough memory");
+    EXPECT_NE(screen.take().find("closed"), std::string::npos);
     EXPECT_EQ(resultOf("return select(2, pcall(string.rep, 'x', 1 << 40)) and 'goes on'"),
               "goes on");
     // One script finds nothing of another.
@@ -206,6 +142,8 @@ TEST_F(ScriptTest, StepsAreBoundAndNothingKeepsAScriptThatHasTakenThem) {
              "return pcall(function() while true do end end)",
              "return xpcall(function() while true do end end, function() while true do end end)",
              "local x <close> = setmetatable({}, {__close = function() while true do end end})",
+             "local x <close> = setmetatable({}, {__close = function() while true do end end}) "
+             "error('x')",
              "local t = setmetatable({}, {__index = function() while true do end end}) return t.x",
              "table.sort({3, 1, 2}, function() while true do end end)",
              "local x = (('a'):rep(40) .. 'b'):find(('a*'):rep(20) .. 'c')",
@@ -322,6 +260,12 @@ TEST_F(ScriptTest, KnowsVariablesKeysAndState) {
                        "sys_string.NAME = 'x' return sys_int.nosuch"),
               nullptr);
     EXPECT_EQ(sysVarIntMap.Get("counter"), 42);
+    EXPECT_EQ(resultOf("sys_int.counter = nil sys_int.nosuch = nil sys_string.OTHER = 'y'\n"
+                       "sys_string.OTHER = nil return tostring(sys_int.counter)"),
+              "nil");
+    EXPECT_FALSE(sysVarIntMap.Get("counter") || sysVarStringMap.Get("OTHER"));
+    EXPECT_EQ(resultOf("for i = 1, 3000 do sys_int['v' .. i] = 1 sys_int['v' .. i] = nil end"),
+              nullptr);
     EXPECT_EQ(sysVarStringMap.Get("NAME"), std::string("x"));
     sysVarStringMap.Set("ZANTALOG_PATH", "/tmp/usb_logs/");
     EXPECT_EQ(resultOf("return sys_string.ZANTALOG_PATH"), "/tmp/usb_logs/");
@@ -340,6 +284,12 @@ TEST_F(ScriptTest, ShellCommandsGiveTheirOutputToTheScript) {
     EXPECT_EQ(resultOf("log('one\\ntwo\\n') print('three', nil) log('')"), nullptr);
     EXPECT_EQ(screen.take(),
               "script test: one\nscript test: two\nscript test: three\tnil\nscript test: \n");
+    // Nothing of it steers a terminal.
+    EXPECT_EQ(resultOf("log('a\\rb\\27[2J\\0c\\127\\td\\xc3\\xa4')"), nullptr);
+    EXPECT_EQ(screen.take(), "script test: a?b?[2J?c?\td\xc3\xa4\n");
+    EXPECT_EQ(errorOf("error('two\\n\\27lines')"), "test:1: two\n?lines");
+    EXPECT_EQ(errorOf("x = 'a\\27b\\q'").find('\x1b'), std::string::npos);
+    EXPECT_EQ(SILCompileText("test", "x = 'a\x1b' = 1").error.find('\x1b'), std::string::npos);
     // A listing is as long as it is; a script gets 64 KiB of it.
     EXPECT_EQ(resultOf("return #shell('m_help'):rep(1)").get<size_t>() > 500, true);
 }
@@ -434,6 +384,13 @@ TEST_F(ScriptTest, KeepsSignalsUntilAWaitHasPassedThem) {
                   .find("test:2: one n=5 did not come within 0.01 s; since the last one that was "
                         "waited for: two"),
               std::string::npos);
+    EXPECT_NE(errorOf("tell('one', 1) tell('two', 2) expect_signal('one', 0.01, {number = 1})")
+                  .find("test:1: one number=1 did not come within 0.01 s: one came, and has no "
+                        "'number' but n; since"),
+              std::string::npos);
+    EXPECT_EQ(resultOf("tell('one', 1) return select(2, wait_signal('two', 0, {number = 1}))"),
+              nullptr)
+        << "of it nothing is known";
     EXPECT_NE(errorOf("expect_no_signal('one', 0.01)\ntell('one', 1) expect_no_signal('one', 60)")
                   .find("test:2: one came, within 60 s"),
               std::string::npos);
@@ -473,7 +430,7 @@ TEST_F(ScriptTest, AnEndIsTheEndOfWaitsUntilItIsWaitedFor) {
     const auto begin = ScriptControl::Clock::now();
     EXPECT_NE(errorOf(tell("tell('one', 1) tell_end() tell('two', 2) sleep(1000)\n"
                            "expect_no_signal('two', 1000) wait_until(function() end, 1000)\n"
-                           "wait_trace('never', 1000) wait(watch('x', 'y'), 1000)\n"
+                           "wait_trace('never', 1000) wait(watch('trace', 'y'), 1000)\n"
                            "expect_signal('one', 1000)\n"
                            "expect_signal('two', 1000)"))
                   .find("test:5: two did not come within 1000 s: the player has ended; since"),
@@ -499,6 +456,10 @@ TEST_F(ScriptTest, WaitsForStatesThatAreOrCome) {
     audio.set("free");
     EXPECT_EQ(resultOf("return expect_state('video granted', 60)"), "video granted");
     other.join();
+    EXPECT_NE(errorOf("expect_state('video decoder lent', 0)")
+                  .find("test:1: the state 'video decoder lent' did not come within 0 s: there is "
+                        "video granted, audio free"),
+              std::string::npos);
     {
         ScriptState third("third");
         third.set("there");
@@ -529,278 +490,6 @@ TEST_F(ScriptTest, AWatchGivesItsPlaceToTheNext) {
                        "forget(b) local d = watch('trace', 'here')\n"
                        "return {a, b, c, d, pcall(wait, 3, 0)}"),
               ScriptValue({1, 2, 1, 2, false, "test:4: there is no watch 3: watch gives one"}));
-}
-
-TEST_F(ScriptTest, IsStoppedWhateverItDoes) {
-    struct Case {
-        const char* what;
-        const char* text;
-    };
-    static std::atomic<bool> isThere{false};
-    static const auto registered = registerScriptCommand("here", "here()", [](const ScriptCall&) {
-        isThere = true;
-        return ScriptValues{};
-    });
-    EXPECT_EQ(registered, "");
-    for (const auto& [what, text] : std::vector<Case>{
-             {"computes", "here() while true do end"},
-             {"catches", "here() while true do pcall(function() while true do end end) end"},
-             {"sleeps", "here() sleep(1e9)"},
-             {"catches its sleep", "here() while true do pcall(sleep, math.huge) end"},
-             {"waits for a trace", "here() wait_trace('never', 1000)"},
-             {"waits for a state", "wait_until(here, 1000)"},
-             {"matches", "here() local x = ('a'):rep(5000):find(('.-'):rep(50) .. 'b')"},
-             {"sorts", "local t = {} for i = 1, 9999 do t[i] = i % 7 end here() while true do "
-                       "table.sort(t) end"},
-             {"runs commands", "here() while true do shell('m_echo x') end"},
-             {"sleeps in a command", "here() shell('m_sleep 1000')"},
-         }) {
-        isThere = false;
-        const auto path = write(text);
-        const auto script = SILCompile(path).script;
-        ASSERT_TRUE(script);
-        const auto start = ScriptRuns::instance().start(*script, {});
-        ASSERT_EQ(start.error, "");
-        EXPECT_TRUE(waitUntil([] { return isThere.load(); })) << what;
-        EXPECT_TRUE(ScriptRuns::instance().stop(start.number, std::chrono::seconds(20)));
-        const auto ended = ScriptRuns::instance().list().back();
-        EXPECT_EQ(ended.end.rfind("stopped: " + path + ":1: stopped", 0), 0U)
-            << what << ": " << ended.end;
-    }
-    control.stop();
-    EXPECT_EQ(run("return 1").end, End::Stopped);
-}
-
-/// Start, stop, list and end meet in any order; for the thread sanitizer.
-TEST_F(ScriptTest, StartsAndStopsRace) {
-    const auto path = write("local n = ... for i = 1, n do sleep(0.0001) log('x') end");
-    std::vector<std::thread> threads;
-    for (int thread = 0; thread < 3; ++thread)
-        threads.emplace_back([&, thread] {
-            for (int i = 0; i < 15; ++i) {
-                const auto start = ScriptRuns::instance().start(*SILCompile(path).script, {i % 4});
-                if (thread == 1)
-                    ScriptRuns::instance().stopAll(std::chrono::milliseconds(i % 3));
-                ScriptRuns::instance().stop(start.number, std::chrono::seconds(20));
-                ScriptRuns::instance().list();
-                ZANT_TRACE(unit, TRACELEVEL_ERROR, "line\n");
-            }
-        });
-    for (auto& thread : threads)
-        thread.join();
-    ScriptRuns::instance().stopAll(std::chrono::seconds(20));
-    const auto scripts = ScriptRuns::instance().list();
-    EXPECT_LE(scripts.size(), ScriptRuns::mostEnded + ScriptRuns::mostRunning);
-    for (const auto& script : scripts)
-        EXPECT_FALSE(script.runs);
-}
-
-TEST_F(ScriptTest, TheShellStartsListsAndStops) {
-    takeSyslog();
-    screen.take();
-    const auto path = write("shell('m_script ' .. ...) sleep(1000)", "first.lua");
-    const auto second =
-        write("local me = ... shell('m_scriptstop ' .. me) error('not reached')", "second.lua");
-    const auto third = write("\nerror('its end')", "third.lua");
-    EXPECT_EQ(command("m_script " + path + " " + third), 0);
-    EXPECT_NE(screen.take().find("started: " + path), std::string::npos);
-    EXPECT_TRUE(waitUntil([&] { return !scriptOf(third).end.empty(); }));
-    EXPECT_EQ(scriptOf(third).end, "failed: " + third + ":2: its end");
-    const auto log = takeSyslog();
-    ASSERT_EQ(log.size(), 1U);
-    EXPECT_NE(log[0].second.find(third + ":2: its end"), std::string::npos) << log[0].second;
-    const auto sum = write("return ... + 0.25", "sum.lua");
-    EXPECT_EQ(command("m_script " + sum + " 0.5"), 0);
-    EXPECT_TRUE(waitUntil([&] { return !scriptOf(sum).end.empty(); }));
-    EXPECT_EQ(scriptOf(sum).end, "finished: 0.75");
-    EXPECT_EQ(command("m_scriptlist"), 0);
-    const auto list = screen.take();
-    EXPECT_NE(list.find(path + " | runs\n"), std::string::npos) << list;
-    EXPECT_NE(list.find(third + ":2: its end\n"), std::string::npos) << list;
-    // One that stops itself, by the number that is its own.
-    EXPECT_EQ(command("m_script " + second + " " + std::to_string(scriptOf(sum).number + 1)), 0);
-    EXPECT_TRUE(waitUntil([&] { return !scriptOf(second).end.empty(); }));
-    EXPECT_EQ(scriptOf(second).end, "stopped: " + second + ":1: stopped");
-    screen.take();
-    EXPECT_EQ(command("m_scriptstop " + std::to_string(scriptOf(path).number)), 0);
-    EXPECT_NE(screen.take().find(" stopped: " + path + ":1: stopped\n"), std::string::npos);
-
-    EXPECT_EQ(command("m_script"), badCommandParam);
-    EXPECT_EQ(command("m_scriptstop 77777"), badCommandParam);
-    EXPECT_EQ(command("m_scriptstop x"), badCommandParam);
-    EXPECT_EQ(command("m_script " + write("x =\n=")), badCommandParam);
-    const auto errors = screen.take();
-    for (const char* const said : {"Parameter 1 (file) is missing", "there is no script 77777",
-                                   "is not a number", "/test.lua:2: unexpected symbol"})
-        EXPECT_NE(errors.find(said), std::string::npos) << said << " in " << errors;
-    EXPECT_EQ(command("m_scripthelp"), 0);
-    const auto help = screen.take();
-    for (const char* const known :
-         {"sleep(seconds)\tWaits", "wait_trace(text, timeout)\t", "shell(line)\t"})
-        EXPECT_NE(help.find(known), std::string::npos) << help;
-    EXPECT_EQ(help.find("\n\n"), std::string::npos) << help; // of what is not for scripts
-
-    const auto sleeper = write("sleep(1000)", "sleeper.lua");
-    for (size_t i = 0; i < ScriptRuns::mostRunning; ++i)
-        EXPECT_EQ(command("m_script " + sleeper), 0);
-    EXPECT_EQ(command("m_script " + sleeper), badCommandParam);
-    EXPECT_NE(screen.take().find("8 scripts run: stop one"), std::string::npos);
-    EXPECT_EQ(command("m_scriptstop"), 0);
-    for (const auto& info : ScriptRuns::instance().list())
-        EXPECT_FALSE(info.runs);
-    {
-        const support::NoThreads none;
-        EXPECT_EQ(command("m_script " + sleeper), badCommandParam);
-    }
-    EXPECT_NE(screen.take().find("no thread can be started"), std::string::npos);
-    // All threads are stopped at once, as at the end of a process.
-    EXPECT_EQ(command("m_script " + sleeper), 0);
-    CThreadObject::StopAllThreads();
-    CThreadObject::Start();
-    EXPECT_FALSE(ScriptRuns::instance().list().back().runs);
-}
-
-/// A command that goes on until it is let go, whatever is asked of its script.
-std::promise<void>& deaf() {
-    static std::promise<void> letGo;
-    static const auto registered = registerScriptCommand("be_deaf", "be_deaf()", [](const auto&) {
-        isDeaf = true;
-        letGo.get_future().wait();
-        return ScriptValues{};
-    });
-    EXPECT_EQ(registered, "");
-    return letGo;
-}
-
-TEST_F(ScriptTest, OneThatDoesNotStopIsNamed) {
-    auto& letGo = deaf();
-    const auto path = write("be_deaf()", "deaf.lua");
-    EXPECT_EQ(command("m_script " + path), 0);
-    EXPECT_TRUE(waitUntil([] { return isDeaf.load(); }));
-    const auto number = scriptOf(path).number;
-    screen.take();
-    EXPECT_EQ(command("m_scriptstop"), 0);
-    const auto still = screen.take();
-    EXPECT_NE(still.find(" | " + path + " | runs\n"), std::string::npos) << still;
-    EXPECT_EQ(command("m_scriptstop " + std::to_string(number)), 0);
-    EXPECT_NE(screen.take().find(" ends when its command does\n"), std::string::npos);
-
-    // Whoever waits for it is asked to end itself, and need not wait on.
-    class Stopper : public CThreadObject {
-    public:
-        explicit Stopper(int its) : m_number(its) {}
-        ~Stopper() override { StopThreadAndWait(); }
-        void ThreadWorkFunction() override {
-            ScriptRuns::instance().stop(m_number, std::chrono::hours(1));
-        }
-
-    private:
-        const int m_number;
-    };
-    {
-        Stopper stopper(number);
-        EXPECT_EQ(stopper.StartThread("stopper", 0, 0), 0);
-    }
-    letGo.set_value();
-    EXPECT_TRUE(waitUntil([&] { return !scriptOf(path).runs; }));
-}
-
-TEST_F(ScriptTest, SaysHowAScriptEnded) {
-    EXPECT_EQ(describeEnd({End::Finished, "", nullptr}), "finished");
-    EXPECT_EQ(describeEnd({End::Finished, "", {{"a", {1, "x"}}}}), R"(finished: {"a":[1,"x"]})");
-    EXPECT_EQ(describeEnd({End::Finished, "", "\xff"}), "finished: \"\xef\xbf\xbd\"");
-    EXPECT_EQ(describeEnd({End::TooLong, "f:1: why", nullptr}), "failed: f:1: why");
-}
-
-/// The process ends while scripts compute, wait, log and are in a command.
-TEST_F(ScriptTest, TheEndOfTheProcessIsTheirsInOrder) {
-    testing::FLAGS_gtest_death_test_style = "threadsafe";
-    const auto endWithScripts = [this] {
-        const auto busy =
-            write("while true do pcall(function() while true do end end) end", "a.lua");
-        const auto waits = write("while true do wait_trace('never', 1000) end", "b.lua");
-        const auto logs = write("while true do print(state('process').id) sleep(0) end", "c.lua");
-        const auto sleeps = write("while true do shell('m_sleep 1000') end", "d.lua");
-        for (const auto& path : {busy, waits, logs, sleeps, busy, logs})
-            ScriptRuns::instance().start(*SILCompile(path).script, {});
-        std::atexit([] { // behind the scripts' own, which was registered later
-            const auto refused = ScriptRuns::instance().start(CompiledScript("x", ""), {});
-            for (const auto& info : ScriptRuns::instance().list())
-                if (info.runs || refused.error != "the process ends")
-                    _Exit(3);
-        });
-        AddScriptMshellCmds();
-        std::exit(7);
-    };
-    EXPECT_EXIT(endWithScripts(), testing::ExitedWithCode(7), "");
-}
-
-TEST_F(ScriptTest, AConfigurationFileStartsOne) {
-    const auto path = write("sys_string.FROM = ... ", "started.lua");
-    const auto config = write("MSHELL = m_script " + path + " configuration\n", "start.cfg");
-    EXPECT_EQ(CCfgFile().ReadCfgfile(config.c_str()), 0);
-    EXPECT_TRUE(waitUntil([&] { return scriptOf(path).end == "finished"; }));
-    EXPECT_EQ(sysVarStringMap.Get("FROM"), std::string("configuration"));
-}
-
-TEST_F(ScriptTest, OnlyTrustedFilesAreRead) {
-    const auto path = write("return 1");
-    EXPECT_EQ(SILCompile(path).error, "");
-    const auto hidden = write("return 1", ".hidden.lua");
-    std::filesystem::create_symlink(path, folder / "link.lua");
-    for (const auto& [file, why] : std::map<std::string, std::string>{
-             {"", "no absolute path"},
-             {"test.lua", "no absolute path"},
-             {folder.string() + "/", "no absolute path"},
-             {hidden, "hidden"},
-             {folder.string() + "/../x.lua", "hidden"},
-             {folder.string() + "/nosuch.lua", "there is no such file"},
-             {folder.string() + "/nosuch/x.lua", "there is no such folder"},
-             {folder.string() + "/link.lua", "is no file"},
-             {"/dev/zero", "is no file"},
-         })
-        EXPECT_NE(SILCompile(file).error.find(why), std::string::npos)
-            << file << ": " << SILCompile(file).error;
-    chmod(path.c_str(), 0622);
-    EXPECT_NE(SILCompile(path).error.find("may be written by others"), std::string::npos);
-    chmod(path.c_str(), 0600);
-    if (geteuid() == 0) {
-        EXPECT_EQ(chown(path.c_str(), 12345, 12345), 0);
-        EXPECT_NE(SILCompile(path).error.find("belongs to user 12345"), std::string::npos);
-    }
-    EXPECT_NE(SILCompile(write(std::string(70000, '-'), "long.lua")).error.find("split it"),
-              std::string::npos);
-}
-
-class Worker : public CThreadObject {
-public:
-    ~Worker() override { StopThreadAndWait(); }
-    void ThreadWorkFunction() override {
-        while (!stopRequested) {
-            CZantMsg msg(SIG_ID_GOTO_STANDBY);
-            msg.signalPtr = ::operator new(1);
-            msg.FreeSignal();
-            std::this_thread::sleep_for(std::chrono::milliseconds(1));
-        }
-    }
-};
-
-/// The manual's script, as it stands there.
-TEST_F(ScriptTest, TheManualsExampleRuns) {
-    const std::string page = textOf(SCRIPT_PAGE);
-    const std::string mark = "```lua\n";
-    const auto begin = page.find(mark);
-    ASSERT_NE(begin, std::string::npos);
-    const auto text = page.substr(begin + mark.size(),
-                                  page.find("```", begin + mark.size()) - begin - mark.size());
-    const auto missing = run(text, {0.05});
-    EXPECT_NE(missing.error.find("no thread 'worker' within 0.05 s"), std::string::npos);
-    Worker worker;
-    ASSERT_EQ(worker.StartThread("worker", 0, 0), 0);
-    const auto outcome = run(text, {60});
-    EXPECT_EQ(outcome.error, "");
-    EXPECT_EQ(outcome.result, true);
-    EXPECT_NE(sysVarStringMap.Get("LAST_MESSAGE")->find("FreeSignal Signal=2"), std::string::npos);
 }
 
 } // namespace

@@ -6,6 +6,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <filesystem>
+#include <poll.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -44,6 +45,15 @@ std::string whyNotWritable(const std::string& path) {
     const auto folder = std::filesystem::path(path).parent_path();
     const char* const name = folder.empty() ? "." : folder.c_str();
     return access(name, W_OK | X_OK) == 0 ? std::string() : failure(path, errno);
+}
+
+std::string whyNotPrinted(std::FILE* stream) {
+    const bool isPrinted = std::fflush(stream) == 0 && std::ferror(stream) == 0;
+    pollfd reader = {fileno(stream), 0, 0};
+    const bool hasGone = poll(&reader, 1, 0) > 0 && (reader.revents & (POLLERR | POLLHUP)) != 0;
+    return isPrinted || hasGone
+               ? std::string()
+               : "cannot write all to standard output: direct it to where there is room";
 }
 
 std::string writeFile(const std::string& path, const std::string& bytes) {

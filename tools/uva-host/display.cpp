@@ -2,6 +2,7 @@
 
 #include "script/script_events.h"
 #include "terminal.h"
+#include "util/printable.h"
 
 #include <algorithm>
 #include <cmath>
@@ -79,14 +80,6 @@ std::string bufferedText(const host::Status& status) {
 
 } // namespace
 
-std::string printable(const std::string& text) {
-    std::string result = text;
-    for (char& c : result)
-        if (static_cast<unsigned char>(c) < 0x20 || c == 0x7f)
-            c = '?';
-    return result;
-}
-
 std::string statusLine(const host::Status& status, int width) {
     constexpr int narrowestBar = 12;
     constexpr int widestBar = 60;
@@ -109,7 +102,7 @@ std::string statusLine(const host::Status& status, int width) {
 }
 
 void Display::log(host::Clock::time_point time, const std::string& text) const {
-    ScriptEvents::instance().publish("trace", text);
+    ScriptEvents::instance().publishTrace(text);
     if (m_style == Style::Log)
         print(format("%10.6f ", std::chrono::duration<double>(time - m_start).count()) + text +
               "\n");

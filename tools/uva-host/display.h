@@ -48,9 +48,6 @@ private:
 /// The status in at most `width` columns; what matters least goes first when it is narrow.
 std::string statusLine(const host::Status& status, int width);
 
-/// The text without bytes that would steer a terminal.
-std::string printable(const std::string& text);
-
 } // namespace uvahost
 
 #endif

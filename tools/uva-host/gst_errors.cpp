@@ -1,7 +1,7 @@
 #include "gst_errors.h"
 
-#include "display.h"
 #include "util/mutex.h"
+#include "util/printable.h"
 
 #include <gst/gst.h>
 

@@ -1,7 +1,7 @@
 #include "media_source.h"
 
-#include "display.h"
 #include "host/media_uri.h"
+#include "util/printable.h"
 
 #include <algorithm>
 #include <utility>

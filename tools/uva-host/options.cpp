@@ -62,8 +62,8 @@ Environment:
 Exit codes:
   0    played to the end, for as long as asked, until q was pressed or the script has ended well;
        --can-play: yes
-  1    playback or the script failed, or an output file could not be written; the reason is on
-       standard error; --can-play: no
+  1    playback or the script failed, or an output file, or standard output, could not be written;
+       the reason is on standard error; --can-play: no
   2    the command line is wrong, or the script no script
   130  interrupted with Ctrl-C (128 and the signal's number for other signals)
 )";

@@ -35,7 +35,7 @@ Key keyOf(const ScriptArguments& call) {
 double numberOf(const ScriptArguments& call, const char* what) {
     if (call.arguments.empty() || !call.arguments[0].is_number() ||
         !std::isfinite(call.arguments[0].get<double>()))
-        throw ScriptError(std::string("argument 1 (") + what + ") is missing or no number");
+        throw ScriptError(std::string("argument 1 (") + what + ") is missing or no finite number");
     return call.arguments[0].get<double>();
 }
 
@@ -70,34 +70,33 @@ Kind kindOf(const ScriptArguments& call) {
 
 constexpr struct {
     const char* usage;
-    size_t most; ///< arguments
     const char* help;
     ScriptValues (*obey)(Playback&, const ScriptArguments&);
 } rows[] = {
-    {"play()", 0, "play, or go on",
+    {"play()", "play, or go on",
      [](Playback& playback, const ScriptArguments&) {
          playback.element().play();
          return ScriptValues{};
      }},
-    {"pause()", 0, "pause",
+    {"pause()", "pause",
      [](Playback& playback, const ScriptArguments&) {
          playback.element().pause();
          return ScriptValues{};
      }},
-    {"seek(seconds)", 1, "seek: gives the number that SeekResult has",
+    {"seek(seconds)", "seek: gives the number that SeekResult has",
      [](Playback& playback, const ScriptArguments& call) {
-         return ScriptValues{playback.requestSeek(call.seconds(1, "seconds"))};
+         return ScriptValues{playback.requestSeek(numberOf(call, "seconds"))};
      }},
-    {"rate(number)", 1, "play so many times as fast: gives whether the backend can",
+    {"rate(number)", "play so many times as fast: gives whether the backend can",
      [](Playback& playback, const ScriptArguments& call) {
          return ScriptValues{playback.element().setRate(numberOf(call, "rate"))};
      }},
-    {"volume(number)", 1, "0 to 1, of the set",
+    {"volume(number)", "0 to 1, of the set",
      [](Playback& playback, const ScriptArguments& call) {
          playback.element().setVolume(volumeOf(call));
          return ScriptValues{};
      }},
-    {"window(x, y, width, height)", 4, "place the picture, in a screen of 1280x720",
+    {"window(x, y, width, height)", "place the picture, in a screen of 1280x720",
      [](Playback& playback, const ScriptArguments& call) {
          UVABackend::Rect rect;
          rect.x = coordinate(call, 1, "x");
@@ -107,21 +106,21 @@ constexpr struct {
          playback.element().setWindow(rect);
          return ScriptValues{};
      }},
-    {"reattach(kind)", 1, "detach the source, audio or video, and attach it again (--mse)",
+    {"reattach(kind)", "detach the source, audio or video, and attach it again (--mse)",
      [](Playback& playback, const ScriptArguments& call) {
          playback.element().reattach(kindOf(call));
          return ScriptValues{};
      }},
-    {"press(key)", 1, "as on the keyboard: key.pause, key.left, key.right, key.stop",
+    {"press(key)", "as on the keyboard: key.pause, key.left, key.right, key.stop",
      [](Playback& playback, const ScriptArguments& call) {
          playback.act(keyOf(call));
          return ScriptValues{};
      }},
-    {"position()", 0, "seconds",
+    {"position()", "seconds",
      [](Playback& playback, const ScriptArguments&) {
          return ScriptValues{playback.element().position()};
      }},
-    {"status()", 0, "state, position, duration, width, height, pictures (shown, dropped, damaged)",
+    {"status()", "state, position, duration, width, height, pictures (shown, dropped, damaged)",
      [](Playback& playback, const ScriptArguments&) { return ScriptValues{playback.describe()}; }},
 };
 
@@ -133,7 +132,7 @@ void registerOrders(Playback* const& playback) {
         const std::string why =
             registerScriptCommand(usage.substr(0, usage.find('(')), usage + "\t" + row.help,
                                   [&playback, &row](const ScriptCall& call) {
-                                      call.refuseMoreThan(row.most, row.usage);
+                                      call.refuseMoreThan(row.usage);
                                       return row.obey(*playback, call);
                                   });
         assert(why.empty());

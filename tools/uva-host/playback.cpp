@@ -4,6 +4,7 @@
 #include "gst_errors.h"
 #include "host/sample.h"
 #include "nox/screen.h"
+#include "util/printable.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -204,8 +205,7 @@ void Playback::take(const host::SeekResult& answer) {
                            {"outcome", host::name(answer.outcome)},
                            {"position", answer.position}};
     });
-    if (--m_seeksOpen == 0)
-        m_lastTarget.reset();
+    --m_seeksOpen;
     if (m_seekFromList != answer.target)
         return;
     m_seekFromList.reset();
@@ -284,12 +284,9 @@ void Playback::act(Key key) {
     }
 }
 
-/// From the newest target while a seek is under way, so that quick steps add up.
+/// While a seek is under way that is from where it leads: quick steps add up.
 void Playback::step(double seconds) {
-    double target = std::max(0.0, m_lastTarget.value_or(m_status.position) + seconds);
-    if (m_status.duration > 0)
-        target = std::min(target, m_status.duration);
-    requestSeek(target);
+    requestSeek(m_element.position() + seconds);
 }
 
 void Playback::nextSeek() {
@@ -302,7 +299,6 @@ void Playback::nextSeek() {
 
 std::uint64_t Playback::requestSeek(double target) {
     ++m_seeksOpen;
-    m_lastTarget = target;
     return m_element.seek(target);
 }
 

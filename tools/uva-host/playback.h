@@ -112,7 +112,6 @@ private:
     bool m_hasStarted = false;
     std::deque<double> m_seeksLeft;       // which begin then
     std::optional<double> m_seekFromList; // the one under way
-    std::optional<double> m_lastTarget;   // of the newest seek, while any is under way
     int m_seeksOpen = 0;
 
     std::vector<Detach> m_detachesLeft;

@@ -12,13 +12,12 @@
 #include "media_source.h"
 #include "orders.h"
 #include "timeline/timeline.h"
+#include "util/printable.h"
 #include "uva/uva_client.h"
 #include "uva/uva_event.h"
 
-#include <cerrno>
 #include <csignal>
 #include <cstdio>
-#include <cstring>
 
 namespace uvahost {
 
@@ -77,7 +76,7 @@ void Session::useLibrary() {
         answerQuestions(*loaded.library);
     else
         playMedia(std::move(loaded.library));
-    checkLog();
+    failIf(tools::whyNotPrinted(m_output.stream()));
 }
 
 void Session::playMedia(std::shared_ptr<const host::BackendLibrary> library) {
@@ -220,14 +219,6 @@ void Session::writeOutputs() {
     if (m_graph)
         failIf(m_graph->writeTo(m_output.pathOf(m_options.graph)));
     failIf(timeline::flush());
-}
-
-/// A reader that went away (`| head`) has seen what it wanted; a disk that is full is an error.
-void Session::checkLog() {
-    errno = 0;
-    const bool flushed = std::fflush(m_output.stream()) == 0;
-    if ((!flushed || std::ferror(m_output.stream()) != 0) && errno != EPIPE && errno != 0)
-        fail(std::string("cannot write the log to standard output: ") + std::strerror(errno));
 }
 
 void Session::failIf(const std::string& error) {

@@ -40,7 +40,6 @@ private:
     bool isWithoutSamples();
     bool take(Playback::Result result, const std::string& name);
     void writeOutputs();
-    void checkLog();
     void failIf(const std::string& error);
     void fail(const std::string& text);
 

@@ -53,7 +53,8 @@ Environment:
 
 Exit codes:
   0    the script has ended well; without one: ended by 'quit', SIGTERM or Ctrl-C
-  1    the script has failed, or the link or an output file could not be opened
+  1    the script has failed, the link or an output file could not be opened, or standard output
+       not be written
   2    the command line is wrong, or the script no script
   3    another main system serves the queue; the line on standard error says which
   137  'crash' (128 and SIGKILL)

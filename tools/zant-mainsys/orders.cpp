@@ -87,73 +87,72 @@ ScriptValues raw(Session& session, const ScriptArguments& call) {
     return {};
 }
 
-/// The commands. `most` is how many arguments there may be.
+/// The commands.
 constexpr struct {
     const char* name;
     const char* parameters;
-    size_t most;
     const char* help;
     ScriptValues (*obey)(Session&, const ScriptArguments&);
 } rows[] = {
-    {"grant", "[kind]", 1,
+    {"grant", "[kind]",
      "grant what is asked for, from now on and what waits; with audio, video or both: that, now",
      [](Session& session, const ScriptArguments& call) {
          session.grant(call.has(1) ? kindsOf(call) : 0);
          return ScriptValues{};
      }},
-    {"refuse", "", 0, "refuse from now on, and what waits",
+    {"refuse", "", "refuse from now on, and what waits",
      [](Session& session, const ScriptArguments&) {
          session.setMode(Mode::Refuse);
          return ScriptValues{};
      }},
-    {"ignore", "", 0, "leave requests waiting from now on",
+    {"ignore", "", "leave requests waiting from now on",
      [](Session& session, const ScriptArguments&) {
          session.setMode(Mode::Ignore);
          return ScriptValues{};
      }},
-    {"delay", "seconds", 1, "answer so much later from now on", delay},
-    {"release", "kind", 1, "ask decoders back",
+    {"delay", "seconds", "answer so much later from now on", delay},
+    {"release", "kind", "ask decoders back",
      [](Session& session, const ScriptArguments& call) {
          session.askBack(kindsOf(call));
          return ScriptValues{};
      }},
-    {"control", "text", 1, "send a control request, such as output-ddp:1",
+    {"control", "text", "send a control request, such as output-ddp:1",
      [](Session& session, const ScriptArguments& call) {
          session.control(call.text(1, "text"));
          return ScriptValues{};
      }},
-    {"lend", "kind", 1,
+    {"lend", "kind",
      "give it to another application, asking it back from the plug-in: requests wait",
      [](Session& session, const ScriptArguments& call) {
          session.lend(kindsOf(call));
          return ScriptValues{};
      }},
-    {"take", "kind", 1, "the other application has given it back",
+    {"take", "kind", "the other application has given it back",
      [](Session& session, const ScriptArguments& call) {
          session.takeBack(kindsOf(call));
          return ScriptValues{};
      }},
-    {"crash", "", 0, "die at once, by SIGKILL: queue and shared memory stay as they are",
+    {"crash", "", "die at once, by SIGKILL: queue and shared memory stay as they are",
      [](Session& session, const ScriptArguments&) {
          session.crash();
          return ScriptValues{};
      }},
-    {"restart", "", 0, "start anew: queue made anew, sequence number 1, all decoders free",
+    {"restart", "", "start anew: queue made anew, sequence number 1, all decoders free",
      [](Session& session, const ScriptArguments&) {
          session.restart();
          return ScriptValues{};
      }},
-    {"raw", "signal [, fields]", 2,
+    {"raw", "signal [, fields]",
      "put a body into the queue as it is; fields are param1, size, address, object, control, count",
      raw},
-    {"garbage", "count", 1, "put bodies of random bytes into the queue",
+    {"garbage", "count", "put bodies of random bytes into the queue",
      [](Session& session, const ScriptArguments& call) {
          session.sendGarbage(countOf(call.number(1, "count")));
          return ScriptValues{};
      }},
-    {"status", "", 0, "who has what",
+    {"status", "", "who has what",
      [](Session& session, const ScriptArguments&) { return ScriptValues{session.status()}; }},
-    {"quit", "", 0, "end",
+    {"quit", "", "end",
      [](Session& session, const ScriptArguments&) {
          session.quit();
          return ScriptValues{};
@@ -175,7 +174,7 @@ std::string wordsOf(Row row, const ScriptValues& arguments) {
 }
 
 ScriptValues obey(Session& session, Row row, const ScriptArguments& call) {
-    call.refuseMoreThan(row.most, usageOf(row));
+    call.refuseMoreThan(usageOf(row));
     session.noteOrder(wordsOf(row, call.arguments));
     ScriptValues result = row.obey(session, call);
     session.tellStates();

@@ -1,9 +1,11 @@
 #include "session.h"
 
+#include "common/output_file.h"
 #include "common/script.h"
 #include "describe.h"
 #include "orders.h"
 #include "timeline/timeline.h"
+#include "util/printable.h"
 #include "util/thrown_by.h"
 
 #include <algorithm>
@@ -60,6 +62,8 @@ int Session::run() {
         turn(Clock::time_point::max());
     m_link.reset();
     writeTimeline();
+    if (const std::string fault = tools::whyNotPrinted(stdout); !fault.empty())
+        end(ExitFailed, fault);
     while (m_endSignals.take() != 0) { // one that came while the script computed ends nothing more
     }
     return m_exitCode;
@@ -322,9 +326,10 @@ void Session::sendGarbage(uint32_t count) {
 }
 
 void Session::log(const std::string& text, Clock::time_point time) const {
-    ScriptEvents::instance().publish("trace", text);
+    ScriptEvents::instance().publishTrace(text);
     if (!m_options.quiet)
-        printf("%11.6f %s\n", std::chrono::duration<double>(time - m_start).count(), text.c_str());
+        printf("%11.6f %s\n", std::chrono::duration<double>(time - m_start).count(),
+               printable(text).c_str());
 }
 
 void Session::log(Direction direction, const Signal& signal) const {

@@ -36,6 +36,12 @@ public:
         return true;
     }
 
+    /// There is none of that name any more.
+    void Remove(const std::string& name) EXCLUDES(m_mutex) {
+        const MutexLock lock(m_mutex);
+        m_values.erase(name);
+    }
+
 private:
     mutable Mutex m_mutex;
     std::map<std::string, Value> m_values GUARDED_BY(m_mutex);

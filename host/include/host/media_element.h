@@ -111,14 +111,16 @@ public:
     void pause();
     ///@}
 
-    /// Seconds. Answers the number of this seek, from 1, under which Observer::onSeek() tells what
+    /// Seconds. As of a page's media element: what lies before the start of the media leads to it,
+    /// what lies behind the end, once that is known, to that end, and what is no finite number
+    /// fails. Answers the number of this seek, from 1, under which Observer::onSeek() tells what
     /// became of it. One seek is under way at a time; one more waits, and a newer request takes its
     /// place. Samples can be sought before anything was played and while paused; of a URL, a seek
     /// before playback has started waits for it.
     std::uint64_t seek(double seconds);
 
-    /// Seconds: where playback is, not older than a tick. From a seek on it is the very target, to
-    /// the last bit, until something is played from there.
+    /// Seconds: where playback is, not older than a tick. From a seek on it is where that leads,
+    /// to the last bit, until something is played from there.
     double position() const;
 
     /// 0 to 1. A set has one: it holds for all elements.
