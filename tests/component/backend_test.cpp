@@ -4,6 +4,7 @@
 #include "backend/gstnox_avcomponent.h"
 #include "backend/gstnox_buswatch.h"
 #include "one_backend.h"
+#include "script/script_events.h"
 #include "support/wait_until.h"
 
 #include <future>
@@ -113,6 +114,18 @@ TEST_F(BackendTest, OddArgumentsAreAnswered) {
     EXPECT_EQ(client.count(UVAEvent::PauseFinished), 1);
     EXPECT_EQ(host.releaseBackendAsynchronously(), 1);
     EXPECT_EQ(client.count(UVAEvent::AsyncReleaseFinished), 1);
+}
+
+TEST_F(BackendTest, ScriptsHearOfErrors) {
+    ScriptControl control;
+    ScriptEvents::Inbox inbox(control);
+    ScriptEvents::Watch failure(ScriptEvents::Kind::State, "failed", control);
+    postError("demuxer", GST_STREAM_ERROR, GST_STREAM_ERROR_DEMUX);
+    const auto signal = inbox.take();
+    ASSERT_TRUE(signal);
+    EXPECT_EQ(*signal,
+              ScriptValue({{"name", "PipelineError"}, {"element", "demuxer"}, {"text", "broken"}}));
+    EXPECT_TRUE(failure.hasSeen());
 }
 
 TEST_F(BackendTest, OnlyNormalSpeed) {

@@ -4,6 +4,7 @@
 Usage: script_test.py CLIP ZANT_MAINSYS SCRIPT_PAGE, in a box
 """
 
+import contextlib
 import os
 import pathlib
 import re
@@ -188,8 +189,9 @@ class Scripts(unittest.TestCase):
             self.assertIn(said, done.stdout, line)
         self.assertNotIn("obey lend", done.stdout)  # behind the end nothing is obeyed
 
-    def player(self, text):
-        """A player that a line of its configuration gives the script. With a main system."""
+    @contextlib.contextmanager
+    def player(self, text, *options):
+        """A player that a line of its configuration gives the script. With a main system, which is there until it has ended."""
         PLAYERS.write_text(text)
         PLAYERS.chmod(0o644)
         CONFIGURATION.write_text(f"MSHELL = m_starttracingtoscreen\nMSHELL = m_script {PLAYERS} 60\n")
@@ -197,20 +199,30 @@ class Scripts(unittest.TestCase):
         self.addCleanup(PLAYERS.unlink)
         with subprocess.Popen([MAINSYS], stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True) as main:
             self.assertIn("main system is up", main.stdout.readline())
-            done = self.host(**QUICK)
+            with subprocess.Popen([UVA_HOST, *PATIENT, *options, CLIP], stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
+                                  stderr=subprocess.STDOUT, text=True, env=dict(os.environ, **QUICK)) as host:
+                yield host
             main.communicate("quit\n", timeout=TIMEOUT)
-        self.assertEqual(done.returncode, 0, (done.stdout, done.stderr))
-        return done.stdout
 
     def test_the_players_of_the_manual(self):
-        self.assertIn(f"script 1 ({PLAYERS}) finished\n", self.player(of_page("In a player")))
+        with self.player(of_page("In a player")) as host:
+            printed = host.communicate(timeout=TIMEOUT)[0]
+        self.assertIn(f"script 1 ({PLAYERS}) finished\n", printed)
+        self.assertEqual(host.returncode, 0, printed)
 
     def test_a_player_ends_in_order_while_its_script_runs(self):
-        printed = self.player("local seen = {}\n"
-                              "when('', function(signal) seen[signal.name] = (seen[signal.name] or 0) + 1 end)\n"
-                              "wait_state('media ended', 600)\n"
-                              "for name, count in pairs(seen) do log(name .. ' ' .. count) end\n"
-                              "while true do sleep(1000) end")
+        with self.player("local seen = {}\n"
+                         "when('', function(signal) seen[signal.name] = (seen[signal.name] or 0) + 1 end)\n"
+                         "wait_state('media ended', 600)\n"
+                         "for name, count in pairs(seen) do log(name .. ' ' .. count) end\n"
+                         "log('that is all') while true do sleep(1000) end",
+                         "--script", self.write("sleep(600)")) as host:
+            printed = ""
+            for line in host.stdout:
+                printed += line
+                if line == f"script {PLAYERS}: that is all\n":
+                    host.terminate()
+        self.assertEqual(host.returncode, 128 + signal.SIGTERM, printed)
         self.assertIn(f"script 1 ({PLAYERS}) stopped: {PLAYERS}:5: stopped\n", printed)
         for said in ("VideoFormat 1", "AudioFormat 1", "DecoderGranted 2", "NewMetadata ", "PlaybackFinished 1"):
             self.assertIn(f"script {PLAYERS}: {said}", printed)

@@ -45,9 +45,12 @@ for i in range(2000):  # more than the socket holds
 """
 SAYS_GOT = """
 import signal, sys
-signal.signal(signal.SIGTERM, lambda *_: print("got", flush=True))
-signal.signal(signal.SIGUSR1, lambda *_: sys.exit(5))
-print("ready", flush=True), signal.pause(), signal.pause(), signal.pause()
+signals = {signal.SIGTERM, signal.SIGUSR1}
+signal.pthread_sigmask(signal.SIG_BLOCK, signals)  # none comes between two waits
+print("ready", flush=True)
+while signal.sigwait(signals) == signal.SIGTERM:
+    print("got", flush=True)
+sys.exit(5)
 """
 # In front of a box: where it cannot be made.
 FORBIDDEN = "echo 0 > /proc/sys/user/max_mnt_namespaces && exec "
@@ -154,6 +157,10 @@ class TvBox(unittest.TestCase):
         done = self.box("sh", "-c", "echo x > /tmp/GST_DEBUG; ls /tmp", options=["--share=/tmp/GST_DEBUG"])
         self.assertIn("GST_DEBUG", done.stdout)
         self.assertFalse(os.path.exists("/tmp/GST_DEBUG"))
+        closed = self.folder / "closed"
+        closed.mkdir(0o700)
+        done = self.box("pwd", options=["--require"], cwd=closed)
+        self.assertEqual((done.returncode, done.stdout), (0, "/\n" if self.user else f"{closed}\n"), done.stderr)
 
     def test_replaces_files_of_etc_and_nothing_outside(self):
         given = self.folder / "my=traces"

@@ -175,8 +175,7 @@ void enterBox(const Options& options, const tools::Signals& signals) {
     std::error_code unknown;
     const auto cwd = std::filesystem::current_path(unknown);
     joinBox(*box);
-    if (unknown || chdir(cwd.c_str()) != 0)
-        std::filesystem::current_path("/");
+    enterFolder(cwd);
     raiseQueueLimits();
     const int code = Supervisor(options, {}, signals).run();
     // The box's /proc does not know this process: nothing that looks itself up there may run now.

@@ -165,8 +165,7 @@ void BoxFiles::mountAll(bool newProc) const {
     if (newProc)
         mountOrRefuse("proc", "/proc", "proc", MS_NOSUID | MS_NODEV | MS_NOEXEC);
     letThrough();
-    if (!m_cwd.empty())
-        fs::current_path(m_cwd);
+    enterFolder(m_cwd);
 }
 
 void BoxFiles::hideTmp() const {
@@ -259,6 +258,13 @@ std::string raiseQueueLimits() {
             missing += " fs.mqueue." + std::string(limit.name) + "=" + std::to_string(limit.value);
     }
     return missing;
+}
+
+void enterFolder(const fs::path& outside) {
+    std::error_code refused;
+    fs::current_path(outside, refused);
+    if (refused)
+        fs::current_path("/");
 }
 
 } // namespace tvbox

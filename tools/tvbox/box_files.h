@@ -38,7 +38,7 @@ private:
     void letThrough() const;
 
     const std::string m_tmp;
-    Path m_cwd;                            ///< empty: unknown, the process stays where it is
+    Path m_cwd;                            ///< empty: unknown
     std::map<std::string, ScopedFd> m_etc; ///< by name
     /// Entries of the hidden folders that are shared, and without links where they lead to; empty
     /// if they are not there.
@@ -48,6 +48,9 @@ private:
 /// Raises the limits of the message queues, also for programs of this process, as far as the system
 /// lets us. Returns what is missing of the box's, empty if nothing.
 std::string raiseQueueLimits();
+
+/// As outside; in the root folder where that one is unknown or not to be entered.
+void enterFolder(const std::filesystem::path& outside);
 
 } // namespace tvbox
 
