@@ -23,8 +23,8 @@ struct SeekResult {
     std::uint64_t generation = 0; ///< what it had answered
     double target = 0;            ///< seconds, as it was given
     SeekOutcome outcome = SeekOutcome::Succeeded;
-    double position =
-        0; ///< where playback is now, seconds: in the media, as the target need not be
+    /// Where playback is now, seconds: in the media, as the target need not be.
+    double position = 0;
 };
 
 /// Where a media element reports. Called on the event loop's thread, in the order of what happened;

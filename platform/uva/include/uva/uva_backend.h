@@ -142,7 +142,8 @@ public:
     virtual int responseFromSetCookieEvent(bool stored, unsigned int request);
     ///@}
 
-    /// The client has finished an asynchronous event. The event stays the client's.
+    /// The client has finished an asynchronous event. The event stays the client's. Any thread,
+    /// also from inside the event.
     virtual int eventCompleted(const UVAAsyncEvent* event, bool success);
 
     /// The host takes decoders away: playback stops and the player is gone when this returns. Media
