@@ -36,7 +36,7 @@ class Playback {
   #finished = new Promise(resolve => { this.#finish = resolve; });
   #state = null;
   #seeksLeft;
-  #hasPlayed = false;
+  #playsFrom = null; // where the element was when it said first that it plays: before anything moves
   #isSeeking = false;
   #playedSeconds = 0;
   #lastTick = performance.now();
@@ -141,7 +141,7 @@ class Playback {
     };
     this.#display.log(`event ${type} at ${video.currentTime.toFixed(3)}${details[type]?.() ?? ''}`);
     this.#timeline.event(type, { position: video.currentTime });
-    if (type === 'playing') this.#hasPlayed = true;
+    if (type === 'playing') this.#playsFrom ??= video.currentTime;
     if (type === 'seeked') this.#isSeeking = false;
     this.#look();
     if (type === 'error') this.#finish({ error: this.#explain(`the media element: ${video.error?.message || `error ${video.error?.code}`}`) });
@@ -157,7 +157,12 @@ class Playback {
       this.#timeline.state(status.state);
     }
     this.#display.status(status);
-    if (this.#hasPlayed && !this.#isSeeking && this.#seeksLeft.length > 0 && ['playing', 'paused', 'ended'].includes(status.state)) this.#nextSeek();
+    if (this.#hasPlayed() && !this.#isSeeking && this.#seeksLeft.length > 0 && ['playing', 'paused', 'ended'].includes(status.state)) this.#nextSeek();
+  }
+
+  #hasPlayed() {
+    const { video } = this.#player;
+    return this.#playsFrom !== null && (video.currentTime !== this.#playsFrom || video.ended);
   }
 
   #nextSeek() {
