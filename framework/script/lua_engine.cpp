@@ -107,8 +107,7 @@ struct LuaRun {
     ComputingTime time{}; // paused in commands
     /// Anything but Finished: the script was ended, and nothing of it goes on, whatever it catches.
     ScriptOutcome::End ended = ScriptOutcome::End::Finished;
-    std::string error{};
-    bool hasFailed = false; // with that error
+    std::string error{}; ///< empty: none
     ScriptValues results{};
 };
 
@@ -430,7 +429,6 @@ std::string errorOf(lua_State* lua, const std::string& name, const std::string& 
 
 void noteError(lua_State* lua) noexcept {
     LuaRun& run = runOf(lua);
-    run.hasFailed = true;
     if (run.ended == ScriptOutcome::End::Finished)
         run.error = errorOf(lua, run.script.name(), positionOf(lua));
 }
@@ -490,7 +488,7 @@ ScriptOutcome SILRun(const CompiledScript& script, const ScriptValues& arguments
         return outOfMemory(script.name());
     if (run.ended != ScriptOutcome::End::Finished)
         return {run.ended, shown(run.error), nullptr};
-    if (run.hasFailed)
+    if (!run.error.empty())
         return {ScriptOutcome::End::Failed, shown(run.error), nullptr};
     return {ScriptOutcome::End::Finished, {}, run.results.empty() ? nullptr : run.results.front()};
 }

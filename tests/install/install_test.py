@@ -117,7 +117,7 @@ class Install(unittest.TestCase):
         for words, answer in {"uva-host --deny": ["--deny-resources"], "uva-host --protect ": ["cenc", "cbcs"],
                               "uva-host --snapshot ": [], "uva-qualify --observe c": ["capture"],
                               "uva-soak --sp": ["--speed"], "tvbox --sh": ["--share"],
-                              "uva-web-player --standalone ha": [], "tvbox --name tv1 -- uva-ho": ["uva-host"],
+                              "uva-web-player --standalone sha": ["shaka"] if "web" in FEATURES else [], "tvbox --name tv1 -- uva-ho": ["uva-host"],
                               "tvbox --require uva-repl": ["uva-replay"]}.items():
             line = re.split(" ", words)
             told = in_box("bash", "-c", f"""source {script}; COMP_WORDS=({shlex.join(line)}); COMP_CWORD={len(line) - 1}
