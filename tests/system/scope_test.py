@@ -195,11 +195,15 @@ class Scoping(WithPlayers):
 
     def test_a_player_that_is_stopped(self):
         player = self.playing()
-        player.send_signal(signal.SIGSTOP)
-        self.assertTrue(wait_until(lambda: self.scope.player()["status"] == "silent"))
-        self.assertIn(f"process {player.pid} is stopped", self.scope.player()["reason"])
-        self.assertEqual(self.scope.why(), [])
-        player.send_signal(signal.SIGCONT)
+        with subprocess.Popen([ZANTSH, "--timeout", "60", "m_sleep", "4"], stdout=subprocess.DEVNULL) as sleeper:
+            self.assertTrue(wait_until(lambda: f" {sleeper.pid} " in pathlib.Path("/proc/locks").read_text()), "its turn")
+            time.sleep(0.3)  # the scope, which asks ten times a second, waits for its turn
+            player.send_signal(signal.SIGSTOP)
+            self.assertTrue(wait_until(lambda: self.scope.player()["status"] == "silent"))
+            self.assertIn(f"process {player.pid} is stopped", self.scope.player()["reason"])
+            self.assertEqual(self.scope.why(), [])
+            player.send_signal(signal.SIGCONT)
+            self.assertEqual(sleeper.wait(TIMEOUT), 0)
         self.assertTrue(wait_until(lambda: self.scope.player()["status"] == "answers"))
 
     def test_ctrl_c_leaves_nothing(self):

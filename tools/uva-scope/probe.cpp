@@ -195,7 +195,8 @@ bool Probe::look() {
     }
 }
 
-/// Who is stopped would not answer: nobody is kept from the shell by a question to it.
+/// Who is stopped would not answer: nobody is kept from the shell by a question to it, nor by one
+/// that it was stopped under.
 void Probe::checkRuns() const {
     const auto process = std::to_string(m_process);
     std::ifstream file("/proc/" + process + "/stat");
@@ -215,7 +216,7 @@ std::string Probe::askState(bool isWhole) {
     fs::remove(m_folder.path("state"));
     pid_t process = 0;
     {
-        zantsh::Exchange exchange(m_options.socket, longestAnswer);
+        zantsh::Exchange exchange(m_options.socket, longestAnswer, [this] { checkRuns(); });
         process = exchange.ask("m_state " + m_folder.path("state") + " quiet" +
                                (isWhole ? "" : " media"));
     }

@@ -1,7 +1,6 @@
 #include "exchange.h"
 
 #include "exit_code.h"
-#include "interrupt.h"
 #include "util/socket_comm.h"
 
 #include <csignal>
@@ -25,12 +24,6 @@ constexpr const char* lockPath = "/tmp/zant_dbg_client.lock";
 constexpr size_t commandSize = maxLineLength + 1;
 constexpr int pauseMs = 5;
 
-/// Somebody else is done with what is waited for, or soon.
-void pauseABit() {
-    checkInterrupt();
-    Delay(pauseMs);
-}
-
 /// The lock file, whoever made it. A reader's rights are enough to lock.
 ScopedFd openLockFile() {
     constexpr int flags = O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
@@ -46,8 +39,10 @@ ScopedFd openLockFile() {
 
 } // namespace
 
-Exchange::Exchange(const std::string& socketName, milliseconds timeout)
-    : m_socketName(socketName), m_deadline(Clock::now() + timeout) {
+Exchange::Exchange(const std::string& socketName, milliseconds timeout,
+                   std::function<void()> whileWaiting)
+    : m_socketName(socketName), m_deadline(Clock::now() + timeout),
+      m_whileWaiting(std::move(whileWaiting)) {
     struct stat info {};
     if (lstat(path().c_str(), &info) != 0)
         throw NoShell("no shell at " + path() + ": " + strerror(errno) +
@@ -63,6 +58,12 @@ Exchange::ReplyPath::~ReplyPath() {
         removeOnSignals(nullptr);
         SocketComm_Unlink(replySocketName);
     }
+}
+
+/// Somebody else is done with what is waited for, or soon.
+void Exchange::pauseABit() const {
+    m_whileWaiting();
+    Delay(pauseMs);
 }
 
 void Exchange::lock() {
@@ -144,7 +145,7 @@ void Exchange::send(const std::string& line) {
 }
 
 std::optional<Reply> Exchange::waitForReply(milliseconds time) {
-    checkInterrupt();
+    m_whileWaiting();
     pollfd waiting{m_socket.get(), POLLIN, 0};
     if (poll(&waiting, 1, static_cast<int>(time.count())) <= 0) {
         if (m_process > 0 && kill(m_process, 0) != 0 && errno == ESRCH)

@@ -1,9 +1,11 @@
 #ifndef ZANTSH_EXCHANGE_H
 #define ZANTSH_EXCHANGE_H
 
+#include "interrupt.h"
 #include "util/scoped_handles.h"
 
 #include <chrono>
+#include <functional>
 #include <optional>
 #include <string>
 #include <sys/types.h>
@@ -19,9 +21,10 @@ enum class Reply { ok, error };
 /// replies are still to come. An exchange begins when the last of them is through.
 class Exchange {
 public:
-    /// Takes the lock, opens the reply socket and waits until the shell is idle. Throws NoShell,
-    /// and like all that waits here Interrupted.
-    Exchange(const std::string& socketName, std::chrono::milliseconds timeout);
+    /// Takes the lock, opens the reply socket and waits until the shell is idle. Throws NoShell.
+    /// All that waits here calls `whileWaiting` over and over, and ends with what that throws.
+    Exchange(const std::string& socketName, std::chrono::milliseconds timeout,
+             std::function<void()> whileWaiting = checkInterrupt);
     Exchange(const Exchange&) = delete;
     Exchange& operator=(const Exchange&) = delete;
 
@@ -45,11 +48,13 @@ private:
     void lock();
     void openReplySocket();
     void waitUntilIdle();
+    void pauseABit() const;
     void sendDatagram(const std::string& bytes);
     std::string path() const { return "/tmp/" + m_socketName; }
 
     const std::string m_socketName;
     const Clock::time_point m_deadline;
+    const std::function<void()> m_whileWaiting;
     uid_t m_owner = 0;
     pid_t m_process = 0;
     ScopedFd m_lock;
