@@ -107,8 +107,9 @@ protected:
     bool isAsked(int times = 1) {
         return waitUntil([=] { return client.count(UVAEvent::NeedMSEData) >= times; });
     }
+    /// At least once: a pipeline that plays on at its end says so again.
     bool isFinished() {
-        return waitUntil([this] { return client.count(UVAEvent::PlaybackFinished) == 1; });
+        return waitUntil([this] { return client.count(UVAEvent::PlaybackFinished) >= 1; });
     }
     /// What has arrived at a sink, once it is so much.
     static support::Received received(const char* sink, std::size_t count) {

@@ -285,8 +285,8 @@ TEST_F(ScriptTest, ShellCommandsGiveTheirOutputToTheScript) {
     EXPECT_EQ(screen.take(),
               "script test: one\nscript test: two\nscript test: three\tnil\nscript test: \n");
     // Nothing of it steers a terminal.
-    EXPECT_EQ(resultOf("log('a\\rb\\27[2J\\0c\\127\\td\\xc3\\xa4')"), nullptr);
-    EXPECT_EQ(screen.take(), "script test: a?b?[2J?c?\td\xc3\xa4\n");
+    EXPECT_EQ(resultOf("log('a\\rb\\27[2J\\0c\\127\\td\\xc3\\xa4\\xc2\\x9b\\xc2\\xa0')"), nullptr);
+    EXPECT_EQ(screen.take(), "script test: a?b?[2J?c?\td\xc3\xa4??\xc2\xa0\n");
     EXPECT_EQ(errorOf("error('two\\n\\27lines')"), "test:1: two\n?lines");
     EXPECT_EQ(errorOf("x = 'a\\27b\\q'").find('\x1b'), std::string::npos);
     EXPECT_EQ(SILCompileText("test", "x = 'a\x1b' = 1").error.find('\x1b'), std::string::npos);

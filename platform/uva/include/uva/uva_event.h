@@ -121,7 +121,8 @@ public:
     UVASample** samples = nullptr; ///< null-terminated, allocated with new[]
 };
 
-/// The end of the media was shown.
+/// The end of the media was shown. Told again when playback goes on there: play() after a pause(),
+/// or the end of a seek that everything was delivered for meanwhile.
 class PlaybackFinishedEvent : public UVAEvent {
 public:
     PlaybackFinishedEvent(int reasonCode, int detailCode)
