@@ -15,19 +15,27 @@ class LogCapture {
 public:
     explicit LogCapture(GstDebugCategory* category, GstDebugLevel level = GST_LEVEL_LOG)
         : m_category(category), m_threshold(gst_debug_category_get_threshold(category)) {
-        gst_debug_add_log_function(collect, this, nullptr);
+        // Never removed: GStreamer frees one under the threads that are about to call it.
+        static std::once_flag added;
+        std::call_once(added, [] { gst_debug_add_log_function(collect, nullptr, nullptr); });
+        {
+            const std::lock_guard lock(living().mutex);
+            living().captures.push_back(this);
+        }
         gst_debug_category_set_threshold(category, level);
     }
     ~LogCapture() {
         gst_debug_category_set_threshold(m_category, m_threshold);
-        gst_debug_remove_log_function_by_data(this);
+        const std::lock_guard lock(living().mutex);
+        auto& captures = living().captures;
+        captures.erase(std::find(captures.begin(), captures.end(), this));
     }
     LogCapture(const LogCapture&) = delete;
     LogCapture& operator=(const LogCapture&) = delete;
 
     /// Lines as "LEVEL text", e.g. "ERROR ***E: no sources".
     std::vector<std::string> lines() {
-        const std::lock_guard lock(m_mutex);
+        const std::lock_guard lock(living().mutex);
         return m_lines;
     }
     bool has(const std::string& line) {
@@ -36,21 +44,28 @@ public:
     }
 
 private:
+    struct Living {
+        std::mutex mutex; ///< guards captures, and the lines of each
+        std::vector<LogCapture*> captures;
+    };
+    static Living& living() {
+        static auto& one = *new Living;
+        return one;
+    }
+
     static void collect(GstDebugCategory* category, GstDebugLevel level, const gchar* /*file*/,
                         const gchar* /*function*/, gint /*line*/, GObject* /*object*/,
-                        GstDebugMessage* message, gpointer self) {
-        auto* const capture = static_cast<LogCapture*>(self);
-        if (category != capture->m_category)
-            return;
-        const std::lock_guard lock(capture->m_mutex);
+                        GstDebugMessage* message, gpointer /*user*/) {
         std::string name = gst_debug_level_get_name(level);
         name.erase(name.find_last_not_of(' ') + 1);
-        capture->m_lines.push_back(name + " " + gst_debug_message_get(message));
+        const std::lock_guard lock(living().mutex);
+        for (auto* const capture : living().captures)
+            if (category == capture->m_category)
+                capture->m_lines.push_back(name + " " + gst_debug_message_get(message));
     }
 
     GstDebugCategory* const m_category;
     const GstDebugLevel m_threshold;
-    std::mutex m_mutex; // guards m_lines
     std::vector<std::string> m_lines;
 };
 
