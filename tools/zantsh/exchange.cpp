@@ -11,6 +11,7 @@
 #include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <sys/un.h>
+#include <utility>
 
 namespace zantsh {
 
