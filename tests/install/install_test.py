@@ -105,6 +105,10 @@ class Install(unittest.TestCase):
         self.assertIn("5", events)  # PlaybackFinished
         self.assertRegex(in_box("uva-host", clip), r"to the end.* 25 pictures")
 
+    def test_each_program_tells_its_version(self):
+        for program in sorted(path.name for path in (ROOT / "bin").iterdir()):
+            self.assertEqual(in_box(program, "--version"), f"{program} {VERSION}\n")
+
     def test_a_process_of_the_set_is_compiled(self):
         compile_and_link(SOURCE / "docs/examples/queue_thread.cpp", STAGE / "queue_thread", "zantframework")
         in_box(STAGE / "queue_thread")

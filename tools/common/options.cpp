@@ -56,8 +56,8 @@ void declareAll(CLI::App& app, const CommandLine& line) {
         }
     }
     app.option_defaults()->group("Options");
-    if (line.version)
-        app.set_version_flag("--version", std::string(line.program) + " " + line.version);
+    app.set_version_flag("--version", std::string(line.program) + " " PROJECT_VERSION,
+                         "Print the version and exit");
     app.prefix_command(line.command != nullptr);
 }
 

@@ -44,7 +44,6 @@ struct CommandLine {
     std::vector<OptionGroup> groups;
     std::vector<std::string>* command = nullptr; ///< gets the first word that is no option, and all
                                                  ///< behind it; null: there is no command
-    const char* version = nullptr;               ///< for --version; null: there is none
     int usageError = tools::usageError;
     std::function<std::string()> check = {}; ///< once all is read: what is wrong with it, or empty
 };

@@ -286,7 +286,6 @@ tools::Parsed<Options> parseOptions(int argc, const char* const* argv) {
                             "\nCommands of scripts:\n" + ordersHelp() + tools::scriptHelp +
                                 examples,
                             {playing(options), mediaSources(options), questions(options, asked)}};
-    line.version = UVA_HOST_VERSION;
     line.check = [&] { return complete(options, asked); };
     return tools::parse(line, argc, argv, options);
 }

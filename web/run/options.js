@@ -27,6 +27,7 @@ PLAYER "element", a file with that element alone.
   --standalone     without a main system: nobody arbitrates the decoders
   --quiet          print nothing but errors
   -v, --verbose    also what passes between the page and the library, and the player's own log
+  --version        print the version
   -h, --help       this text
 
 Times are seconds (12.5) or m:ss (1:30). In a pipe the output is a log, a line an event.
@@ -82,10 +83,11 @@ function parseOptions(args) {
       standalone: { type: 'boolean', default: false },
       quiet: { type: 'boolean', default: false },
       verbose: { type: 'boolean', short: 'v', default: false },
+      version: { type: 'boolean', default: false },
       help: { type: 'boolean', short: 'h', default: false },
     },
   });
-  if (values.help) return { help: true };
+  if (values.help || values.version) return { help: values.help, version: values.version };
   const [player, media, ...more] = positionals;
   if (media === undefined || more.length > 0) throw new Error(`name a player and a manifest; --help tells more`);
   if (!Object.hasOwn(players, player)) throw new Error(`${player}: no such player; there are ${Object.keys(players).join(', ')}`);

@@ -1,13 +1,10 @@
 'use strict';
 // A page in jsdom whose media elements play through libuvagstbackend.so.
 
-const fs = require('fs');
-const path = require('path');
 const { JSDOM, VirtualConsole } = require('jsdom');
 
 const { realmRequire } = require('../dom/realm');
-
-const projectRoot = path.resolve(__dirname, '..', '..');
+const { loadNative } = require('./native');
 
 /** What a page's scripts expect of a window and jsdom does not have, or has otherwise. */
 const amendments = {
@@ -26,15 +23,6 @@ const amendments = {
     Object.defineProperty(window, 'isSecureContext', { value: loopback || window.location.protocol === 'https:', configurable: true });
   },
 };
-
-/** The add-on: UVA_NATIVE names it, else it is installed beside this folder, else the folder build has it. */
-function loadNative() {
-  const installed = path.join(__dirname, '..', 'native', 'uva_native.node');
-  const built = path.join(projectRoot, 'build', 'web', 'native', 'uva_native.node');
-  const file = process.env.UVA_NATIVE || (fs.existsSync(installed) ? installed : built);
-  if (!fs.existsSync(file)) throw new Error(`${file} is not there; build it with ./play --web, or name another with UVA_NATIVE`);
-  return require(file);
-}
 
 const consoles = new Set(); // of the pages that are open
 
@@ -131,4 +119,4 @@ function asText(value) {
   }
 }
 
-module.exports = { Page, loadNative, projectRoot };
+module.exports = { Page };

@@ -3,7 +3,7 @@
 
 const { Display, bufferedText } = require('./display');
 const { answerRequest } = require('./licence');
-const { loadNative } = require('./page');
+const { loadNative } = require('./native');
 const { StaticServer } = require('./server');
 const { Timeline } = require('./timeline');
 const { WebPlayer } = require('./web_player');

@@ -6,6 +6,7 @@ const os = require('os');
 
 const { encodePng } = require('./png');
 const { findMedia } = require('./media');
+const { loadNative } = require('./native');
 const { command, parseOptions, usage } = require('./options');
 
 const exitCodes = { failed: 1, usage: 2 };
@@ -42,6 +43,15 @@ async function play(options) {
   return error ? exitCodes.failed : 0;
 }
 
+function tellVersion() {
+  try {
+    process.stdout.write(`${command} ${loadNative().environment().version}\n`);
+  } catch (error) {
+    complain(error.message);
+    process.exitCode = exitCodes.failed;
+  }
+}
+
 let options;
 try {
   options = parseOptions(process.argv.slice(2));
@@ -50,6 +60,7 @@ try {
   process.exit(exitCodes.usage);
 }
 if (options.help) process.stdout.write(usage);
+else if (options.version) tellVersion();
 else play(options).then(code => process.exit(code), error => {
   complain(`${options.media}: ${error.message}`);
   process.exit(exitCodes.failed);

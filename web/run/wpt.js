@@ -7,7 +7,7 @@ const os = require('os');
 const path = require('path');
 const { parseArgs } = require('util');
 
-const { projectRoot } = require('./page');
+const { projectRoot } = require('./native');
 const { Expectations, written } = require('./expectations');
 
 const usage = `Usage: wpt [OPTIONS] [PAGE...]
