@@ -16,8 +16,9 @@ std::atomic<uint32_t> CZantMsgQueue::totalNrOfSentMsgs{0};
 
 namespace {
 
-constexpr const char* rule = "-------+------+-----------+-----------+-------+----------+---------+"
-                             "------------------------------------\n";
+constexpr const char* queueListRule =
+    "-------+------+-----------+-----------+-------+----------+---------+"
+    "------------------------------------\n";
 
 } // namespace
 
@@ -142,7 +143,7 @@ void CZantMsgQueue::ListGlobalMsgQueueList(int handle) {
     FormattedStringToStdout("List of queues\n");
     FormattedStringToStdout(
         "handle | size | max. used | cur. used | block | last msg | nr read | name\n");
-    FormattedStringToStdout("%s", rule);
+    FormattedStringToStdout("%s", queueListRule);
     for (const Info& info : infos) {
         if (handle != 0 && handle != info.handle)
             continue;
@@ -155,7 +156,7 @@ void CZantMsgQueue::ListGlobalMsgQueueList(int handle) {
                                                   : "NONBL",
                                 info.lastSignal, info.nrRead, info.name.c_str());
     }
-    FormattedStringToStdout("%s", rule);
+    FormattedStringToStdout("%s", queueListRule);
 }
 
 void CZantMsgQueue::DumpQueue(int handle) {

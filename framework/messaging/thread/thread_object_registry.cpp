@@ -17,7 +17,7 @@ std::atomic<bool> CThreadObject::m_zantGlobalThreadHandlingTerminated{false};
 
 namespace {
 
-constexpr const char* rule =
+constexpr const char* threadListRule =
     "------------+-----------+------+---------+-------------------------------------------\n";
 
 } // namespace
@@ -105,7 +105,7 @@ void CThreadObject::ListGlobalThreadObjectList(long select) {
     FormattedStringToStdout("\nList of thread objects\n");
     FormattedStringToStdout("\nTypes: 1 = while-loop, 2 = msg-loop, 3 = msg-loop with states\n\n");
     FormattedStringToStdout("Thread-Addr | Thread-Id | Type | Msgs    | Name\n");
-    FormattedStringToStdout("%s", rule);
+    FormattedStringToStdout("%s", threadListRule);
     for (const Info& info : infos) {
         if (select == 0 || static_cast<long>(info.handle) == select || info.threadId == select)
             FormattedStringToStdout("0x%8lx | %9ld | %4d | %7d | %s\n",
@@ -113,7 +113,7 @@ void CThreadObject::ListGlobalThreadObjectList(long select) {
                                     static_cast<long>(info.threadId), info.type,
                                     static_cast<int>(info.processedMsgs), info.name.c_str());
     }
-    FormattedStringToStdout("%s", rule);
+    FormattedStringToStdout("%s", threadListRule);
 }
 
 /// An object whose thread has ended stays listed while handling is terminated, but may be half

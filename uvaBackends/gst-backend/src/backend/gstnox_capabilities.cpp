@@ -85,10 +85,6 @@ const GstNoxBackend::CodecSpec GstNoxBackend::VP9_CODEC_SPEC[] = {
 
 namespace {
 
-bool beginsWith(const char* text, std::string_view prefix) {
-    return std::string_view(text).substr(0, prefix.size()) == prefix;
-}
-
 /// "codecs:... width:... " and so on, for the log; what does not fit is cut.
 std::array<char, 1024> describe(const UVABackend::ContentDescription& description) {
     std::array<char, 1024> line{};
@@ -222,13 +218,13 @@ bool GstNoxBackend::isCodecPlayable(const char* codec, int width, int height, in
     }
     if (height <= 1080 || width <= 1920)
         return true;
-    const bool isVp9 = beginsWith(codec, "vp9") || beginsWith(codec, "vp09");
+    const bool isVp9 = g_str_has_prefix(codec, "vp9") || g_str_has_prefix(codec, "vp09");
     if (isVp9 && !isSpecSupported(VP9_CODEC_SPEC, width, height, fps)) {
         GST_DEBUG("result: NO (out of VP9 spec, %d x %d @ %dHz)", width, height, fps);
         return false;
     }
     // By this name only: strings such as "hvc1..." and "hev1..." are not held to the table.
-    if (beginsWith(codec, "hevc") && !isSpecSupported(HEVC_CODEC_SPEC, width, height, fps)) {
+    if (g_str_has_prefix(codec, "hevc") && !isSpecSupported(HEVC_CODEC_SPEC, width, height, fps)) {
         GST_DEBUG("result: NO (out of HEVC spec, %d x %d @ %dHz)", width, height, fps);
         return false;
     }
@@ -240,11 +236,11 @@ bool GstNoxBackend::isCodecSupported(const char* codec) {
         return false;
     bool known = false;
     for (const char* const* row = SUPPORTED_CODECS; *row != nullptr && !known; ++row)
-        known = beginsWith(codec, *row);
+        known = g_str_has_prefix(codec, *row);
     if (!known)
         return false;
     GST_INFO("codec=%s", codec);
-    return !beginsWith(codec, "vp09.") || isVp9ProfileSupported(codec);
+    return !g_str_has_prefix(codec, "vp09.") || isVp9ProfileSupported(codec);
 }
 
 bool GstNoxBackend::isSpecSupported(const CodecSpec* table, int width, int height, int fps) {

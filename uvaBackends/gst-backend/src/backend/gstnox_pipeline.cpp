@@ -13,10 +13,6 @@
 
 namespace {
 
-bool beginsWith(const gchar* text, std::string_view prefix) {
-    return text != nullptr && std::string_view(text).substr(0, prefix.size()) == prefix;
-}
-
 const gchar* factoryName(GstElement* element) {
     GstElementFactory* factory = gst_element_get_factory(element);
     return factory != nullptr ? GST_OBJECT_NAME(factory) : "(null)";
@@ -247,7 +243,7 @@ void GstNoxPipeline::about_to_finish_cb(GstElement* /*playbin*/, gpointer /*self
 void GstNoxPipeline::demux_pad_added_cb(GstElement* /*demuxer*/, GstPad* pad,
                                         gpointer self) noexcept {
     GST_DEBUG("padname=%s", GST_PAD_NAME(pad));
-    if (beginsWith(GST_PAD_NAME(pad), "video"))
+    if (g_str_has_prefix(GST_PAD_NAME(pad), "video"))
         gst_pad_add_probe(pad, GST_PAD_PROBE_TYPE_EVENT_DOWNSTREAM, demux_video_pad_event_probe,
                           self, nullptr);
 }
@@ -300,7 +296,7 @@ void GstNoxPipeline::takeDecodedCaps(GstPad* pad, GstCaps* caps) {
     if (structure == nullptr)
         return;
     m_client.streamDecoded(GST_PAD_NAME(pad),
-                           beginsWith(gst_structure_get_name(structure), "video"));
+                           g_str_has_prefix(gst_structure_get_name(structure), "video"));
 }
 
 void GstNoxPipeline::decodebin_pad_removed_cb(GstElement* /*decodebin*/, GstPad* pad,

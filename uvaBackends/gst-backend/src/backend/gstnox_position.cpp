@@ -11,10 +11,6 @@
 
 namespace {
 
-double toSeconds(guint64 time) {
-    return static_cast<double>(time) / nanosecondsPerSecond;
-}
-
 /// Truncates; what no signed 64-bit count can hold becomes the largest or smallest that it can.
 gint64 toNanoseconds(double seconds) {
     const double nanoseconds = seconds * nanosecondsPerSecond;

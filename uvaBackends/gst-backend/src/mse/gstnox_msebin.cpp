@@ -426,8 +426,7 @@ std::vector<UVABackend::TimeRange> GstMseBin::bufferedRanges(guint64 position) {
         return {};
     const GstClockTime start =
         position != GST_CLOCK_TIME_NONE && position > first ? std::min(position, end) : first;
-    return {{static_cast<double>(start) / nanosecondsPerSecond,
-             static_cast<double>(end) / nanosecondsPerSecond}};
+    return {{toSeconds(start), toSeconds(end)}};
 }
 
 GstMseBin::Facts GstMseBin::facts() {

@@ -12,8 +12,8 @@
 
 namespace {
 
-double toSeconds(GstClockTime time) {
-    return time == GST_CLOCK_TIME_NONE ? -1.0 : static_cast<double>(time) / nanosecondsPerSecond;
+double secondsIfKnown(GstClockTime time) {
+    return time == GST_CLOCK_TIME_NONE ? -1.0 : toSeconds(time);
 }
 
 /// Memory for decrypted payloads, lent again when nobody refers to it any more. Sizes are powers of
@@ -108,6 +108,6 @@ bool SampleDecrypter::decryptInPlace(const GstMapInfo& payload, GstBuffer* buffe
     return gst_uva_decrypter_context_update(m_context.get(), &meta, m_group.client()) &&
            gst_uva_decrypter_context_software_decrypt_debug(
                m_context.get(), payload.data, payload.size, &meta,
-               toSeconds(GST_BUFFER_PTS(buffer)), toSeconds(GST_BUFFER_DTS(buffer)),
-               toSeconds(GST_BUFFER_DURATION(buffer)));
+               secondsIfKnown(GST_BUFFER_PTS(buffer)), secondsIfKnown(GST_BUFFER_DTS(buffer)),
+               secondsIfKnown(GST_BUFFER_DURATION(buffer)));
 }
