@@ -298,7 +298,7 @@ class Scoping(WithPlayers):
         wish = json.dumps({"player": ":" + SOCKET, "unit": 9, "level": 0})
         rows = [
             ("GET", "/", None, {}, 403),
-            ("GET", token[:-2] + "0/state", None, {}, 403),
+            ("GET", f"{token[:-2]}{'1' if token[-2] == '0' else '0'}/state", None, {}, 403),
             ("GET", token.upper() + "x", None, {"Host": f"localhost:{port}"}, 403),
             ("GET", token + "state", None, {"Host": "evil.example"}, 403),
             ("GET", token + "state", None, {"Host": f"127.0.0.1.evil.example:{port}"}, 403),
