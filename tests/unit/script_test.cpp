@@ -159,10 +159,14 @@ TEST_F(ScriptTest, StepsAreBoundAndNothingKeepsAScriptThatHasTakenThem) {
     EXPECT_EQ(run("for i = 1, 10000 do end", {}, few).end, End::Finished);
     ScriptLimits quick; // one step may take long
     quick.computing = std::chrono::milliseconds(100);
-    const auto outcome = run("local s = ('x'):rep(100000) while true do s:upper() end", {}, quick);
-    EXPECT_EQ(outcome.end, End::TooLong);
-    EXPECT_NE(outcome.error.find("test:1: it has computed for longer"), std::string::npos)
-        << outcome.error;
+    quick.steps = 500000;
+    const std::string text = "local s = ('x'):rep(100000) while true do s:upper() ";
+    for (const char* const command : {"", "sleep(0) "}) { // what is between two commands adds up
+        const auto outcome = run(text + command + "end", {}, quick);
+        EXPECT_EQ(outcome.end, End::TooLong);
+        EXPECT_NE(outcome.error.find("test:1: it has computed for longer"), std::string::npos)
+            << outcome.error;
+    }
     static const auto registered = registerScriptCommand("be_busy", "be_busy()", [](const auto&) {
         const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(200);
         while (std::chrono::steady_clock::now() < end) {
