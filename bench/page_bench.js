@@ -7,7 +7,7 @@
 const path = require('path');
 
 const { FakePlayer } = require('../web/dom/test/fake_player');
-const { loadNative } = require('../web/run/page');
+const { loadNative } = require('../web/run/native');
 const { StaticServer } = require('../web/run/server');
 const { WebPlayer } = require('../web/run/web_player');
 
