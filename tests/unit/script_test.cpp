@@ -6,6 +6,7 @@
 #include "messaging/observer/observable_callback_function.h"
 #include "messaging/queue/zant_msg.h"
 #include "script/script_events.h"
+#include "util/socket_comm.h"
 
 #include <atomic>
 #include <functional>
@@ -406,6 +407,25 @@ TEST_F(ScriptTest, KeepsSignalsUntilAWaitHasPassedThem) {
               201);
     const auto names = resultOf("return signal_names()");
     EXPECT_EQ(std::count(names.begin(), names.end(), "one"), 1);
+}
+
+TEST_F(ScriptTest, ASignalEndsAWaitThatHasBegun) {
+    static std::atomic<bool> isThere{false};
+    static const auto registered = registerScriptCommand("there", "there()", [](const ScriptCall&) {
+        isThere = true;
+        return ScriptValues{};
+    });
+    EXPECT_EQ(registered, "");
+    ScriptEvents::instance().nameSignals({"late"});
+    std::thread teller([] {
+        EXPECT_TRUE(waitUntil([] { return isThere.load(); }));
+        Delay(50); // by then it waits
+        ScriptEvents::instance().publishSignal("late", [] { return ScriptValue{{"n", 7}}; });
+    });
+    const auto begin = ScriptControl::Clock::now();
+    EXPECT_EQ(resultOf("there() return wait_signal('late', 20).n"), 7);
+    EXPECT_LT(ScriptControl::Clock::now() - begin, std::chrono::seconds(20)) << "woken";
+    teller.join();
 }
 
 TEST_F(ScriptTest, HandlersAreCalledInWaits) {

@@ -1,7 +1,9 @@
 #include "util/scoped_handles.h"
+#include "util/socket_comm.h"
 #include "util/string_utility.h"
 #include "util/strl.h"
 
+#include <chrono>
 #include <gtest/gtest.h>
 #include <string>
 
@@ -109,6 +111,15 @@ TEST(BoundedCopy, TellsTheWholeLength) {
     EXPECT_STREQ(text, "abc");
     EXPECT_EQ(strlcpy(text, "q", 0), 1u);
     EXPECT_STREQ(text, "abc");
+}
+
+TEST(SocketComm, DelayWaitsForSoLong) {
+    using Clock = std::chrono::steady_clock;
+    for (const int ms : {-1, 0, 30}) {
+        const auto begin = Clock::now();
+        EXPECT_EQ(Delay(ms), 0);
+        EXPECT_GE(Clock::now() - begin, std::chrono::milliseconds(ms));
+    }
 }
 
 TEST(ScopedHandles, DescriptorIsClosedOnceByItsLastOwner) {
