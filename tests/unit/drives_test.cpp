@@ -247,6 +247,9 @@ TEST_F(LoopTest, ADriveIsFoundByItsLabelAndItsTypeTried) {
     std::filesystem::create_directories("/dev/disk/by-label");
     ASSERT_EQ(symlink(("../../" + drive.path.substr(5)).c_str(), "/dev/disk/by-label/MY\\x20STICK"),
               0);
+    // A folder in memory lists its newest first: they are looked at before.
+    for (const char* const others : {"MY\\xZZSTICK", "MY\\x2ZSTICK", "MY\\x2", "ABCD"})
+        ASSERT_EQ(symlink("../../null", (std::string("/dev/disk/by-label/") + others).c_str()), 0);
     const auto folder = makeFolder("drive");
     const auto mounted = mountDrive({"LABEL=MY STICK", folder});
     EXPECT_TRUE(mounted.outcome && mounted.outcome.text.empty()) << mounted.outcome.text;
