@@ -52,6 +52,11 @@ TEST_F(MediaSourceTest, SeekDropsWhatWasQueuedAndStartsANewSegment) {
     writeEnd(videoId);
     EXPECT_TRUE(isFinished());
     EXPECT_EQ(RecordingSinks::of(videoSink).buffers.back().segmentStart, 0U);
+
+    client.clear();
+    backend->pause();
+    backend->play();
+    EXPECT_TRUE(isFinished()) << "again";
 }
 
 TEST_F(MediaSourceTest, SeeksAtOddMoments) {
